@@ -1,0 +1,8 @@
+// Releases a record; what its pointers point to is its owner's.
+#include "copy/copy.h"
+
+#include <cstdlib>
+
+void VEXOCopyArgsFree(VEXOCopyArgs *record) {
+    std::free(record);
+}

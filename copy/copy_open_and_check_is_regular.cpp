@@ -1,0 +1,58 @@
+// Opens a file with the assurance that it is a regular one.
+#include "copy/copy.h"
+
+#include "support/fd.h"
+#include "support/guards.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace vexo;
+
+namespace {
+
+constexpr uint32_t kFields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
+
+// Fills what is asked for. Reports.
+int look_at(int fd, const char *path, struct stat *st, VLIBCStat *xst) {
+    if (st != nullptr && ::fstat(fd, st) != 0) {
+        VEXO_LOG_ERROR(VEXO_HERE, "stat src: [%s] [(%d)%m]", path, errno);
+        return -1;
+    }
+    if (xst != nullptr) {
+        *xst = {};
+        if (VLIBCFileFStat(fd, kFields, xst, 0) != 0) {
+            VEXO_LOG_ERROR(VEXO_HERE, "stat src: [%s] [(%d)%m]", path, errno);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// A FIFO without its other end must not hold the copy up. A file under another process's lease says so instead of
+// waiting for it: that is waited for, as only regular files can be leased.
+int open_without_waiting(const char *path, int flags, mode_t mode) {
+    const int fd = ::open(path, flags | O_NONBLOCK, mode);
+    return fd < 0 && errno == EWOULDBLOCK ? ::open(path, flags, mode) : fd;
+}
+
+} // namespace
+
+int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
+    if (path == nullptr || (st == nullptr && xst == nullptr)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    Fd file(open_without_waiting(path, openFlags, mode));
+    if (!file) {
+        return fail(Error::open, VEXO_HERE);
+    }
+    if (look_at(file.get(), path, st, xst) == 0 && S_ISREG(xst != nullptr ? xst->st.st_mode : st->st_mode)) {
+        return file.release();
+    }
+    // The caller makes its own error of this, and examines errno as the failure left it.
+    const KeepErrno errnoOfTheFailure;
+    file.reset();
+    return -1;
+}

@@ -1,0 +1,10 @@
+// Whether the appliance's switch for clone copies is on.
+#include "copy/copy.h"
+
+#include "copy/reflink_config.h"
+
+using namespace vexo;
+
+int VEXOFileCopyReflinkIsEnabled(void) {
+    return ConfigValue(kReflinkKey).is_yes() ? 1 : 0;
+}

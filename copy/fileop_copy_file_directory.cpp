@@ -1,0 +1,229 @@
+// Copying, moving or relocating a directory tree by a flag word and a VEXOCopyArgs.
+#include "copy/copy.h"
+
+#include "copy/callbacks.h"
+#include "copy/fileop_flags.h"
+#include "copy/relocation.h"
+#include "copy/tree_copy.h"
+#include "ea/ea.h"
+#include "platform/sdk.h"
+#include "support/errno_table.h"
+#include "support/guards.h"
+#include "support/heap.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <libgen.h>
+
+using namespace vexo;
+
+namespace {
+
+// What the callbacks of a tree need of the call.
+struct Caller {
+    uint32_t flags;
+    VEXOCopyArgs *args;
+};
+
+const Caller &caller_of(void *data) {
+    return *static_cast<const Caller *>(data);
+}
+
+int copy_regular_file(void *data, const char *src, const char *dst, const SourceVolume * /*srcVolume: in the record*/) {
+    const Caller &caller = caller_of(data);
+    if (caller.args->copyFile != nullptr) {
+        return caller.args->copyFile(caller.args->copyFileArg, src, dst, caller.flags, caller.args);
+    }
+    return VEXOFileOpCopyFile(src, dst, caller.flags, caller.args);
+}
+
+int copy_metadata(void *data, const char *src, const char *dst) {
+    const Caller &caller = caller_of(data);
+    return VEXOEACopyInternal(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0,
+                              (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0, caller.args->fsTypeSrc,
+                              caller.args->fsTypeDst, nullptr, nullptr, caller.args);
+}
+
+int rename_metadata(void *data, const char *src, const char *dst) {
+    return VEXOEARename(src, dst, caller_of(data).args->fsTypeSrc, 0);
+}
+
+int nothing_to_copy(void * /*data*/, const char * /*src*/, const char * /*dst*/) {
+    return 0;
+}
+
+// The tree itself, however it was asked for.
+int copy_directory(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args, bool *cancelled) {
+    Caller caller{flags, args};
+    TreeRequest request{};
+    request.srcKind = args->fsTypeSrc;
+    request.dstKind = args->fsTypeDst;
+    request.move = (flags & kFileOpMove) != 0;
+    request.replaces = (flags & kFileOpFailIfExists) == 0 && (flags & kFileOpReplace) != 0;
+    request.stopOnError = (flags & kFileOpStopOnError) != 0;
+    request.keepOwner = (flags & kFileOpKeepOwner) != 0;
+    request.copyAcl = (flags & kFileOpCopyAcl) != 0;
+    request.cleanArchive = args->cleanArchive != 0;
+    request.uid = args->uid;
+    request.gid = args->gid;
+    request.progress = progress_of(args);
+    request.errReport = error_report_of(args);
+    request.isCancel = cancel_of(args);
+    request.dirSize = directory_size_of(args);
+    request.dstName = destination_name_of(args);
+    request.copyFile = {copy_regular_file, &caller};
+    request.copyMetadata = {nothing_to_copy, nullptr};
+    if ((flags & kFileOpNoMetadata) == 0) {
+        request.copyMetadata = {copy_metadata, &caller};
+        request.renameMetadata = {rename_metadata, &caller};
+    }
+    request.source = VEXO_SOURCE;
+    return copy_tree(src, dst, request, cancelled);
+}
+
+int type_unknown(const char *path) {
+    const int number = errno;
+    VEXO_LOG_ERROR(VEXO_HERE, "VEXOGetFSType [%s] failed. (%m)", path);
+    if (const std::optional<Error> error = find_error(kTypeLookupErrors, number)) {
+        set_error(*error, VEXO_HERE);
+    }
+    return -1;
+}
+
+// What the record does not say yet is looked up and written into it.
+int complete_record(const char *src, const char *dst, VEXOCopyArgs *args) {
+    if (args->fsTypeSrc < 0) {
+        args->fsTypeSrc = VEXOGetFSType(src, 0);
+        if (args->fsTypeSrc < 0) {
+            return type_unknown(src);
+        }
+    }
+    if (args->fsTypeDst < 0) {
+        HeapString copy(dst);
+        if (!copy) {
+            return fail(Error::out_of_memory, VEXO_HERE);
+        }
+        const char *parent = ::dirname(copy.get());
+        args->fsTypeDst = VEXOGetFSType(parent, 0);
+        if (args->fsTypeDst < 0) {
+            return type_unknown(parent);
+        }
+    }
+    if (args->dstFsFileSizeLimit == 0) {
+        args->dstFsFileSizeLimit = _VEXOCopyFsFileSizeLimitGet(dst, args->fsTypeDst);
+    }
+    return 0;
+}
+
+// Stands in the record's cancel slot for a scope and notes whether the caller ever wanted to stop: a copy that was
+// cancelled inside its last file is a success to the walk, but nothing to commit.
+class CancelWatch {
+  public:
+    CancelWatch(VEXOCopyArgs *args, bool *cancelled)
+        : m_args(args), m_isCancel(args->isCancel), m_data(args->isCancelArg), m_cancelled(cancelled) {
+        if (m_isCancel != nullptr) {
+            args->isCancel = ask;
+            args->isCancelArg = this;
+        }
+    }
+    CancelWatch(const CancelWatch &) = delete;
+    CancelWatch &operator=(const CancelWatch &) = delete;
+    ~CancelWatch() {
+        m_args->isCancel = m_isCancel;
+        m_args->isCancelArg = m_data;
+    }
+
+  private:
+    static int ask(void *data) {
+        const auto &watch = *static_cast<const CancelWatch *>(data);
+        const int answer = watch.m_isCancel(watch.m_data);
+        *watch.m_cancelled = *watch.m_cancelled || answer != 0;
+        return answer;
+    }
+
+    VEXOCopyArgs *m_args;
+    VEXOCopyIsCancelFn m_isCancel;
+    void *m_data;
+    bool *m_cancelled;
+};
+
+int copy_to_staging(void *data, const char *src, const char *staged, bool *cancelled) {
+    auto *args = static_cast<VEXOCopyArgs *>(data);
+    const CancelWatch watch(args, cancelled);
+    return copy_directory(src, staged, 0, args, cancelled);
+}
+
+void log_event(RelocationEvent event, Place place, const char *first, const char *second) {
+    switch (event) {
+    case RelocationEvent::bad_arguments: // the line of the failed stage says it
+        break;
+    case RelocationEvent::staging_not_made:
+        VEXO_LOG_ERROR(place, "Failed to mkdir = [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
+        break;
+    case RelocationEvent::staging_not_cleaned:
+        VEXO_LOG_ERROR(place, "Failed to clean share at path : [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
+        break;
+    case RelocationEvent::destination_not_cleaned:
+        VEXO_LOG_ERROR(place, "Failed to clean share at path : %s, vexoerr=[0x%04X]", first, VLIBCErrGet());
+        break;
+    case RelocationEvent::not_copied:
+        VEXO_LOG_ERROR(place, "Failed to copy share to other volume:[%s],szDestPath: [%s], vexoerr=[0x%04X]", first,
+                       second, VLIBCErrGet());
+        break;
+    case RelocationEvent::stage_failed:
+        VEXO_LOG_ERROR(place, "Failed to Copy share's data to @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
+                       second, VLIBCErrGet());
+        break;
+    case RelocationEvent::not_moved:
+        VEXO_LOG_ERROR(place, "Failed to change share to other volume:%s, szDestPath:%s, vexoerr=[0x%04X]", first,
+                       second, VLIBCErrGet());
+        break;
+    case RelocationEvent::source_not_removed:
+    case RelocationEvent::staged_not_removed:
+        VEXO_LOG_ERROR(place, "Failed to remove the dir, path = [%s].", first);
+        break;
+    case RelocationEvent::commit_failed:
+        VEXO_LOG_ERROR(place, "Failed to move share's data from @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
+                       second, VLIBCErrGet());
+        break;
+    }
+}
+
+int run(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+    if (complete_record(src, dst, args) < 0) {
+        return -1;
+    }
+    const UmaskGuard mask(0);
+    if ((flags & kFileOpRelocate) == 0) {
+        bool cancelled = false;
+        return copy_directory(src, dst, flags, args, &cancelled);
+    }
+    const RelocationRequest request{(flags & kFileOpMove) != 0, false, {copy_to_staging, args}, log_event, VEXO_SOURCE};
+    return relocate(src, dst, request);
+}
+
+// Owner of a record that stands in for the one the caller did not give.
+class DefaultRecord {
+  public:
+    DefaultRecord() : m_record(VEXOCopyArgsAlloc()) {}
+    DefaultRecord(const DefaultRecord &) = delete;
+    DefaultRecord &operator=(const DefaultRecord &) = delete;
+    ~DefaultRecord() { VEXOCopyArgsFree(m_record); }
+    VEXOCopyArgs *get() const { return m_record; }
+
+  private:
+    VEXOCopyArgs *m_record;
+};
+
+} // namespace
+
+int VEXOFileOpCopyDir(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+    if (src == nullptr || dst == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    if (args != nullptr) {
+        return run(src, dst, flags, args);
+    }
+    const DefaultRecord record;
+    return record.get() == nullptr ? -1 : run(src, dst, flags, record.get());
+}

@@ -1,0 +1,151 @@
+// Carrying everything that belongs to a file from one path to another, whatever the two volumes keep it in.
+#include "ea/ea.h"
+
+#include "ea/ea_copy_job.h"
+#include "platform/sdk.h"
+#include "support/path_buffer.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <string_view>
+
+using namespace vexo;
+
+namespace {
+
+constexpr char kEntryName[] = "VEXOEACopyInternal";
+
+using Routine = int (*)(const EaCopyJob &);
+
+// A row for each kind of source, a column for each kind of destination.
+constexpr Routine kRoutines[4][4] = {
+    {copy_adfs_to_adfs, copy_adfs_to_xattrs, copy_adfs_to_ea_directory, copy_adfs_to_file_ea},
+    {copy_xattrs_to_adfs, copy_xattrs_to_xattrs, copy_xattrs_to_ea_directory, copy_xattrs_to_file_ea},
+    {copy_ea_directory_to_adfs, copy_ea_directory_to_xattrs, copy_ea_directory_to_ea_directory,
+     copy_ea_directory_to_file_ea},
+    {copy_file_ea_to_adfs, copy_file_ea_to_xattrs, copy_file_ea_to_ea_directory, copy_file_ea_to_file_ea},
+};
+static_assert(static_cast<int>(StoreKind::apple_double) == 0 && static_cast<int>(StoreKind::native_xattr) == 1 &&
+              static_cast<int>(StoreKind::ea_directory) == 2 && static_cast<int>(StoreKind::file_ea) == 3);
+
+// Whether a component other than the last is named like such a folder, wherever the volume begins.
+bool names_internal_folder(std::string_view path) {
+    for (size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/')) {
+        if (slash > 0 && path.front() == '@' && path[slash - 1] == '@') {
+            return true;
+        }
+        path.remove_prefix(slash + 1);
+    }
+    return false;
+}
+
+// Below a folder that the volume keeps for itself, such as "@tmp@", nothing is converted. Finding the volume costs a
+// look at every directory above the path, so it is asked only where the answer can matter.
+bool in_internal_folder(const char *path) {
+    if (!names_internal_folder(path)) {
+        return false;
+    }
+    PathBuffer volume;
+    PathBuffer rest;
+    if (VolumePathParseEx(path, volume.fill(), PathBuffer::kSize, rest.fill(), PathBuffer::kSize) < 0) {
+        return false;
+    }
+    rest.adopt();
+    const size_t slash = rest.view().find('/');
+    return slash != std::string_view::npos && slash > 0 && rest.view().front() == '@' && rest.view()[slash - 1] == '@';
+}
+
+// What the stage of the streams leaves to do.
+enum class Converted { all, lock_only, failed };
+
+Converted convert(const EaCopyJob &job) {
+    const Routine routine = kRoutines[static_cast<int>(job.srcKind())][static_cast<int>(job.dstKind())];
+    errno = 0; // what it says afterwards is the routine's
+    const int result = routine(job);
+    if (result == kCannotConvert || result == kCannotConvertCode) {
+        return Converted::lock_only;
+    }
+    if (result >= 0) {
+        return Converted::all;
+    }
+    if (errno != EOPNOTSUPP) {
+        VEXO_LOG_LAST_ERROR(VEXO_HERE, "EACopy fail: from [%s] to [%s] %m", job.src, job.dst);
+    }
+    return Converted::failed;
+}
+
+int carry_lock(const EaCopyJob &job) {
+    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored) < 0 ? -1 : 0;
+}
+
+int finish(const EaCopyJob &job) {
+    if (carry_rest(job) < 0) {
+        return -1;
+    }
+    if (EASetSmbArchive(job.dst) < 0) {
+        VEXO_LOG_ERROR(VEXO_HERE, "Failed to set %s smb archive. %m", job.dst);
+    }
+    return 0;
+}
+
+int run(EaCopyJob &job) {
+    if (look_up_source_kind(job, kEntryName, VEXO_SOURCE) < 0) {
+        return -1;
+    }
+    const bool internal = in_internal_folder(job.src);
+    if (look_up_destination_kind(job, kEntryName, VEXO_SOURCE) < 0) {
+        return -1;
+    }
+    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src);
+    if (internal) {
+        return finish(job);
+    }
+    if (job.srcKind() == StoreKind::other) {
+        return -1;
+    }
+    if (job.dstKind() == StoreKind::other) {
+        return carry_lock(job);
+    }
+    switch (convert(job)) {
+    case Converted::lock_only:
+        return carry_lock(job);
+    case Converted::failed:
+        return -1;
+    case Converted::all:
+        break;
+    }
+    return carry_lock(job) < 0 ? -1 : finish(job);
+}
+
+} // namespace
+
+int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
+                       VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
+    if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    CopyFileCallback copyFile;
+    if (options != nullptr) { // then the other record is not looked at, even where this one has no function
+        copyFile = CopyFileCallback::bare(options->copyEA);
+    } else if (copyEngine != nullptr) {
+        copyFile = {copyEngine->copyEA, copyEngine->copyEAArg};
+    }
+    const bool ofFileOperation = !copyFile && fileOp != nullptr;
+    if (ofFileOperation) {
+        copyFile = {fileOp->copyEA, fileOp->copyEAArg};
+    }
+    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation};
+    return run(job);
+}
+
+int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int /*spare*/,
+                 int /*spare*/, VEXOCopyBareEAFn copyEA) {
+    VEXOCopyArgsEx options{};
+    options.copyEA = copyEA;
+    return VEXOEACopyInternal(src, dst, move, fullDir, srcKind, dstKind, &options, nullptr, nullptr);
+}
+
+int VEXOEACopy(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int spare,
+               int spareToo) {
+    return VEXOEACopyEx(src, dst, move, fullDir, srcKind, dstKind, spare, spareToo, nullptr);
+}

@@ -1,0 +1,345 @@
+// The files of a store: copying one, which ones there are, the directories they lie in, and the routines between
+// volumes that keep them in "@eaDir".
+#include "ea/ea_copy_job.h"
+
+#include "ea/ea.h"
+#include "ea/remove_tree.h"
+#include "support/fd.h"
+#include "support/guards.h"
+#include "support/path_buffer.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace vexo {
+namespace {
+
+constexpr mode_t kStoreMode = 0777;
+
+// A path of at most so many bytes has room behind it for whatever a companion's path adds.
+constexpr size_t kSafeLength = PathBuffer::kUsable - 64;
+
+bool exists(const char *path) {
+    return ::access(path, F_OK) == 0;
+}
+
+int stream_path(const char *path, const char *stream, PathBuffer &out) {
+    return VEXOEAPath(kCurrentLayout, path, stream, out.fill(), PathBuffer::kUsable, kStreamCompanion);
+}
+
+// The part of a stream-file copy that a caller can replace.
+int copy_stream_content(const EaCopyJob &job, const char *stream, const char *from, const char *to) {
+    const int result = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
+    const bool silent = stream == kResourceStream && errno == EOPNOTSUPP;
+    if (result < 0 && !silent) {
+        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to cp -f %s %s. %m", from, to);
+    }
+    return result;
+}
+
+// One stream file of the source to its place at the destination. A stream that is not there is no failure.
+int copy_stream_file(const EaCopyJob &job, const char *stream) {
+    PathBuffer from;
+    PathBuffer to;
+    if (stream_path(job.src, stream, from) < 0) {
+        return -1;
+    }
+    if (!exists(from.c_str())) {
+        return 0;
+    }
+    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0 || stream_path(job.dst, stream, to) < 0) {
+        return -1;
+    }
+    const int copied = copy_stream_content(job, stream, from.c_str(), to.c_str());
+    if (copied < 0 || copied == kCannotConvertCode) {
+        return copied;
+    }
+    if (!job.copyFile && copied == kNothingToCopy) {
+        return 0;
+    }
+    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+        return fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    }
+    return ::chmod(to.c_str(), kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+}
+
+// Best effort: what the volume refuses stays behind with a line in the log.
+void copy_user_attributes(const EaCopyJob &job) {
+    const KeepErrors keep;
+    if (copy_attributes(job.src, job.dst, "user.") < 0) {
+        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to copy user extended attributes [%s]->[%s]. %m", job.src,
+                            job.dst);
+    }
+}
+
+int copy_both_stream_files(const EaCopyJob &job) {
+    if (job.nothingStored) {
+        return 0;
+    }
+    const int resource = copy_stream_file(job, kResourceStream);
+    return resource != 0 ? resource : copy_stream_file(job, kEaStream);
+}
+
+// The resource stream of an EA-directory source, in the form the metadata attribute of the destination is made from.
+int convert_resource_for_file_ea(const EaCopyJob &job) {
+    PathBuffer from;
+    PathBuffer to;
+    if (stream_path(job.src, kResourceStream, from) < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.src);
+        return -1;
+    }
+    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
+        return -1;
+    }
+    if (stream_path(job.dst, kResourceStream, to) < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.dst);
+        return -1;
+    }
+    const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::checked);
+    if (converted < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.\n", from.c_str(), to.c_str(),
+                       converted);
+        return converted;
+    }
+    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+        set_error(Error::file_operation, VEXO_EA_COPY_HERE);
+        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to remove [%s]. %m", from.c_str());
+        return -1;
+    }
+    if (VEXOEAFileEAFSFinfoEASync(job.dst, 0) < 0) {
+        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed file sync [%s]->[%s]. %m", job.src, job.dst);
+        return -1;
+    }
+    return 0;
+}
+
+// The Finder Info in a metadata header; null when it has none.
+const uint8_t *finder_info_in(const VEXOEAAdouble &metadata) {
+    const uint64_t offset = metadata.entries[kFinderInfoEntry].offset;
+    return offset == 0 || offset > sizeof metadata.raw - kFinderInfoSize ? nullptr : metadata.raw + offset;
+}
+
+bool all_zero(const uint8_t *bytes, size_t size) {
+    for (size_t at = 0; at < size; ++at) {
+        if (bytes[at] != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Whether the attribute's Finder Info goes into the resource file: when that is out of step, and when there is none yet
+// and the Finder Info would be lost with the attribute.
+int needs_write_back(const char *path, const uint8_t *finderInfo) {
+    const int need = EACheckNeedSync(path);
+    if (need != 0) {
+        return need;
+    }
+    const int presence = stream_presence(path);
+    if (presence < 0) {
+        return -1;
+    }
+    return (presence & kHasResource) == 0 && !all_zero(finderInfo, kFinderInfoSize) ? 1 : 0;
+}
+
+int write_back_finder_info(const char *path) {
+    VEXOEAAdouble metadata;
+    const int read = VEXOEAFileEAAdoubleRead(path, &metadata);
+    if (read != 0) {
+        return read < 0 ? -1 : 0;
+    }
+    const uint8_t *finderInfo = finder_info_in(metadata);
+    if (finderInfo == nullptr) {
+        return 0;
+    }
+    const int need = needs_write_back(path, finderInfo);
+    if (need <= 0) {
+        return need;
+    }
+    return VEXOEAEADirFSFInfoWrite(path, finderInfo) < 0 ? -1 : VEXOEAFileEAWriteFlushTime(path, 0);
+}
+
+// What every routine from a file-EA source begins with. 1: there are streams to carry; 0: none; negative: failed.
+int begin_file_ea(const EaCopyJob &job, bool userAttributes) {
+    if (sync_source(job) < 0) {
+        return -1;
+    }
+    if (userAttributes) {
+        copy_user_attributes(job);
+    }
+    const int presence = stream_presence(job.src);
+    return presence > 0 ? 1 : presence;
+}
+
+} // namespace
+
+int copy_store_file(const char *from, const char *to) {
+    struct stat status;
+    if (::stat(from, &status) != 0) {
+        const bool nothing = errno == EPERM || errno == ENOENT || errno == EACCES;
+        return nothing ? kNothingToCopy : fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    if (!S_ISREG(status.st_mode)) { // opening a FIFO would wait for its writer
+        errno = EINVAL;
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    Fd source(::open(from, O_RDONLY | O_CLOEXEC));
+    if (!source) {
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    Fd destination(::open(to, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreMode));
+    if (!destination) {
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    if (VEXOCopyFileFdEx(source.get(), destination.get(), status.st_size, nullptr, nullptr, nullptr) != 0) {
+        const KeepErrors keep;
+        source.reset();
+        destination.reset();
+        ::unlink(to);
+        return -1;
+    }
+    return 0;
+}
+
+bool has_no_ea_directory(const char *path) {
+    const KeepErrno keep;
+    const std::string_view name = path;
+    const size_t slash = name.rfind('/');
+    // Paths that a companion's path may be refused for take the long way, and so does what is no plain name.
+    if (slash == std::string_view::npos || slash + 1 == name.size() || name.size() > kSafeLength) {
+        return false;
+    }
+    PathBuffer directory(name.substr(0, slash + 1));
+    directory.append("@eaDir");
+    return ::access(directory.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+int stream_presence(const char *path) {
+    if (has_no_ea_directory(path)) {
+        return 0;
+    }
+    PathBuffer resource;
+    PathBuffer attributes;
+    if (stream_path(path, kResourceStream, resource) < 0 || stream_path(path, kEaStream, attributes) < 0) {
+        return -1;
+    }
+    return (exists(resource.c_str()) ? kHasResource : 0) | (exists(attributes.c_str()) ? kHasEaStream : 0);
+}
+
+int prepare_ea_directory(int which, const char *path) {
+    PathBuffer directory;
+    if (VEXOEADirPath(which, path, directory.fill(), PathBuffer::kUsable) < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
+        return -1;
+    }
+    if (which == kPerFileDirectory && exists(directory.c_str()) && remove_tree<kEaCopySource>(directory.c_str()) < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s.\n", directory.c_str());
+        return -1;
+    }
+    return VEXOEAMKDir(which == kPerFileDirectory ? 1 : 0, directory.c_str());
+}
+
+int remove_source_tree(const char *path) {
+    struct stat status;
+    if (::lstat(path, &status) != 0 && errno == ENOENT) {
+        return 0;
+    }
+    if (remove_tree<kEaCopySource>(path) < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s. %m", path);
+        return -1;
+    }
+    return 0;
+}
+
+int sync_source(const EaCopyJob &job) {
+    errno = 0;
+    if (write_back_finder_info(job.src) == 0 || errno == EACCES || errno == EPERM) {
+        return 0;
+    }
+    VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed file sync [%s]->[%s]. %m", job.src, job.dst);
+    return -1;
+}
+
+int sync_destination(const EaCopyJob &job) {
+    const int presence = stream_presence(job.dst);
+    if (presence < 0) {
+        return -1;
+    }
+    if ((presence & kHasResource) != 0 && VEXOEAFileEAFSFinfoEASync(job.dst, 0) < 0) {
+        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed ea sync [%s]->[%s]. %m", job.src, job.dst);
+        return -1;
+    }
+    return 0;
+}
+
+int drop_metadata_attribute(const EaCopyJob &job) {
+    if (!job.move || ::removexattr(job.src, "user.netatalk.Metadata") == 0 || errno == ENODATA || errno == ENOENT) {
+        return 0;
+    }
+    set_error(Error::file_operation, VEXO_EA_COPY_HERE);
+    VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "remove xattr from [%s] %m", job.src);
+    return -1;
+}
+
+int copy_ea_directory_to_ea_directory(const EaCopyJob &job) {
+    const int streams = copy_both_stream_files(job);
+    if (streams != 0) {
+        return streams;
+    }
+    copy_user_attributes(job);
+    return 0;
+}
+
+int copy_ea_directory_to_file_ea(const EaCopyJob &job) {
+    copy_user_attributes(job);
+    const int presence = stream_presence(job.src);
+    if (presence <= 0) {
+        return presence;
+    }
+    if ((presence & kHasResource) != 0) {
+        const int resource = convert_resource_for_file_ea(job);
+        if (resource < 0) {
+            return resource;
+        }
+    }
+    return (presence & kHasEaStream) != 0 ? copy_stream_file(job, kEaStream) : 0;
+}
+
+int copy_file_ea_to_adfs(const EaCopyJob &job) {
+    const int streams = begin_file_ea(job, false);
+    if (streams <= 0) {
+        return streams;
+    }
+    const int result = copy_ea_directory_to_adfs(job);
+    return result != 0 ? result : drop_metadata_attribute(job);
+}
+
+int copy_file_ea_to_xattrs(const EaCopyJob &job) {
+    const int streams = begin_file_ea(job, false);
+    if (streams <= 0) {
+        return streams;
+    }
+    const int result = copy_ea_directory_to_xattrs(job);
+    return result != 0 ? result : drop_metadata_attribute(job);
+}
+
+int copy_file_ea_to_ea_directory(const EaCopyJob &job) {
+    const int streams = begin_file_ea(job, true);
+    if (streams <= 0) {
+        return streams;
+    }
+    const int result = copy_ea_directory_to_ea_directory(job);
+    return result != 0 ? result : drop_metadata_attribute(job);
+}
+
+int copy_file_ea_to_file_ea(const EaCopyJob &job) {
+    const int streams = begin_file_ea(job, true);
+    return streams <= 0 ? streams : copy_both_stream_files(job);
+}
+
+} // namespace vexo

@@ -1,0 +1,61 @@
+// Stores the header at the start of a file's resource file.
+#include "ea/ea.h"
+
+#include "ea/adouble_format.h"
+#include "ea/companion.h"
+#include "ea/resource_path.h"
+#include "support/fd.h"
+#include "support/guards.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+using namespace vexo;
+
+namespace {
+
+// Opens the resource file as it is, or makes it; `created` tells which. The directory must be there.
+Fd open_or_create(const char *resource, bool &created) {
+    Fd file(::open(resource, O_RDWR));
+    created = !file && errno == ENOENT;
+    return created ? Fd(::open(resource, O_RDWR | O_CREAT, kCompanionMode)) : Fd(file.release());
+}
+
+bool write_all(int fd, const void *buf, size_t size) {
+    const ssize_t written = ::write(fd, buf, size);
+    if (written >= 0 && static_cast<size_t>(written) < size) {
+        errno = ENOSPC; // the one cause of a short write to a file; the system tells it only at the next write
+        return false;
+    }
+    return written >= 0;
+}
+
+} // namespace
+
+int VEXOEAEADirAdoubleFlush(const void *buf, int len, const char *path) {
+    if (path == nullptr || buf == nullptr || len < 0 || static_cast<size_t>(len) > adouble::kRecordSize) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    PathBuffer resource;
+    if (!make_resource_path(path, resource, VEXO_HERE)) {
+        return -1;
+    }
+    bool created = false;
+    Fd file = open_or_create(resource.c_str(), created);
+    if (!file) {
+        VEXO_LOG_ERROR(VEXO_HERE, "Error open path [%s] %s", resource.c_str(), std::strerror(errno));
+        return fail(Error::open, VEXO_HERE);
+    }
+    if (!write_all(file.get(), buf, static_cast<size_t>(len))) {
+        set_error(Error::write, VEXO_HERE);
+        VEXO_LOG_ERROR(VEXO_HERE, "Error: write path [%s] %s", resource.c_str(), std::strerror(errno));
+        const KeepErrors keep;
+        file.reset();
+        if (created) {
+            (void)::unlink(resource.c_str());
+        }
+        return -1;
+    }
+    return 0;
+}

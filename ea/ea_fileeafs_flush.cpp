@@ -1,0 +1,21 @@
+// Stores the metadata attribute of a file.
+#include "ea/ea.h"
+
+#include "ea/adouble_format.h"
+#include "ea/metadata_attribute.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <sys/xattr.h>
+
+using namespace vexo;
+
+int VEXOEAFileEAAdoubleFlush(const void *value, int size, const char *path) {
+    if (path == nullptr || value == nullptr || size < 0 || static_cast<size_t>(size) > adouble::kRecordSize) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    if (::setxattr(path, kMetadataAttribute, value, static_cast<size_t>(size), 0) != 0) {
+        return fail(errno == EPERM ? Error::permission : Error::write, VEXO_HERE);
+    }
+    return 0;
+}

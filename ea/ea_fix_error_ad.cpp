@@ -1,0 +1,62 @@
+// Repairing a resource file that holds extended attributes: they go into the attribute stream, where they belong, and
+// the resource file is written anew without them.
+#include "ea/ea.h"
+
+#include "ea/ea_copy_job.h"
+#include "support/fd.h"
+#include "support/guards.h"
+#include "support/path_buffer.h"
+#include "support/report.h"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace vexo;
+
+namespace {
+
+// The attributes that the resource file holds, into the attribute stream. 0, also when it holds none, or -1.
+int move_attributes(const char *path, const char *resource) {
+    const Fd source(::open(resource, O_RDONLY | O_CLOEXEC));
+    if (!source) {
+        return fail(Error::open, VEXO_HERE);
+    }
+    const int count = EASGetAttrCount(source.get());
+    if (count <= 0) {
+        return count;
+    }
+    const Fd stream(VEXOEAOpen(kCurrentLayout, path, kEaStream, O_RDWR | O_CREAT, kStreamCompanion));
+    if (!stream) {
+        return fail(Error::open, VEXO_HERE);
+    }
+    return write_attributes(source.get(), stream.get());
+}
+
+int repair(const char *path, const char *resource, const char *temporary) {
+    ::unlink(temporary); // of a repair that was cut short
+    if (convert_apple_double(resource, temporary, ConvertMode::plain) < 0 || move_attributes(path, resource) < 0) {
+        return -1;
+    }
+    // An empty resource file needs no repair and gave no other.
+    return ::rename(temporary, resource) == 0 || errno == ENOENT ? 0 : fail(Error::rename_ea, VEXO_HERE);
+}
+
+} // namespace
+
+int VEXOEAFixErrorAD(const char *path) {
+    PathBuffer resource;
+    if (VEXOEAPath(kCurrentLayout, path, kResourceStream, resource.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
+        return -1;
+    }
+    resource.adopt();
+    PathBuffer temporary(resource.view());
+    temporary.append("Tmp");
+    if (temporary.overflowed()) {
+        return fail(Error::name_too_long, VEXO_HERE);
+    }
+    const int result = repair(path, resource.c_str(), temporary.c_str());
+    const KeepErrors keep;
+    ::unlink(temporary.c_str());
+    return result;
+}

@@ -1,0 +1,60 @@
+// Lists the attributes that the file system itself keeps for a file.
+#include "ea/ea.h"
+
+#include "ea/argument.h"
+#include "support/heap.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <sys/xattr.h>
+
+using namespace vexo;
+
+namespace {
+
+// Pushes each of the NUL-terminated names; the first that is refused ends it.
+int push_names(std::string_view names, VLIBCSzList **list) {
+    while (!names.empty()) {
+        if (VLIBCSzListPush(list, names.data()) < 0) {
+            return -1;
+        }
+        const size_t taken = std::strlen(names.data()) + 1;
+        names.remove_prefix(taken < names.size() ? taken : names.size());
+    }
+    return 0;
+}
+
+} // namespace
+
+int VEXOEAXattrEnum(const char *path, VLIBCSzList **list) {
+    if (path == nullptr) {
+        return refuse_argument("((void *)0) != szPath", VEXO_HERE);
+    }
+    if (list == nullptr) {
+        return refuse_argument("((void *)0) != ppList", VEXO_HERE);
+    }
+    if (*list == nullptr) {
+        return refuse_argument("NULL != *ppList", VEXO_HERE);
+    }
+    const ssize_t size = ::listxattr(path, nullptr, 0);
+    if (size == 0 || (size < 0 && (errno == ENOENT || errno == ENODATA))) {
+        VLIBCSzListRemoveAll(*list);
+        return 0;
+    }
+    if (size < 0) {
+        return fail(Error::file_operation, VEXO_HERE);
+    }
+    // The zero byte behind the names ends the last one, whatever the file system wrote.
+    HeapBuffer names = HeapBuffer::zeroed(static_cast<size_t>(size) + 1);
+    if (!names) {
+        return fail(Error::out_of_memory_ea, VEXO_HERE);
+    }
+    // Attributes that came between the two calls make this one fail: half a list is no answer.
+    char *const text = reinterpret_cast<char *>(names.data());
+    const ssize_t filled = ::listxattr(path, text, static_cast<size_t>(size));
+    if (filled < 0) {
+        return fail(Error::file_operation, VEXO_HERE);
+    }
+    return push_names({text, static_cast<size_t>(filled)}, list);
+}

@@ -1,0 +1,77 @@
+# What `cmake --install` puts where. A component is one package of packaging/packages.cmake.
+
+if(CMAKE_LIBRARY_ARCHITECTURE AND NOT DEFINED CACHE{CMAKE_INSTALL_LIBDIR})
+  set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH "Libraries, below the prefix")
+endif()
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# The platform's libraries stand in a directory of their own that the dynamic loader does not search: only what carries
+# its name as RUNPATH finds them, so that an appliance's libraries of the same names stay in use by everything else.
+set(VEXO_PLATFORM_LIBDIR "${CMAKE_INSTALL_LIBDIR}/vexofileop")
+file(RELATIVE_PATH tool_to_platform "/${CMAKE_INSTALL_BINDIR}" "/${VEXO_PLATFORM_LIBDIR}")
+file(RELATIVE_PATH tool_to_library "/${CMAKE_INSTALL_BINDIR}" "/${CMAKE_INSTALL_LIBDIR}")
+set_target_properties(vexofileop_tool PROPERTIES
+  INSTALL_RPATH "$ORIGIN/${tool_to_platform};$ORIGIN/${tool_to_library}")
+set_target_properties(vexofileop PROPERTIES INSTALL_RPATH "$ORIGIN/vexofileop")
+set_target_properties(${VEXO_PLATFORM_LIBRARIES} PROPERTIES INSTALL_RPATH "$ORIGIN")
+foreach(target IN ITEMS vexofileop ${VEXO_PLATFORM_LIBRARIES})
+  target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+endforeach()
+
+# The tool needs every platform library itself, although only the library calls some of them: a RUNPATH serves the
+# direct needs of the file that carries it.
+target_link_options(vexofileop_tool PRIVATE -Wl,--no-as-needed)
+
+install(TARGETS vexofileop EXPORT vexofileop
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libvexofileop7 NAMELINK_COMPONENT libvexofileop-dev)
+install(TARGETS ${VEXO_PLATFORM_LIBRARIES} EXPORT vexofileop
+  LIBRARY DESTINATION "${VEXO_PLATFORM_LIBDIR}" COMPONENT libvexo-platform-linux NAMELINK_COMPONENT libvexofileop-dev)
+install(TARGETS vexofileop_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT vexofileop)
+
+# In the tree the headers name each other from its root; installed, all stand in one directory of their own.
+set(header_dir "${CMAKE_BINARY_DIR}/include")
+foreach(header IN ITEMS copy/copy.h ea/ea.h index/index.h backup/backup.h notify/notify.h
+                        platform/core.h platform/sdk.h platform/acl.h)
+  string(REGEX REPLACE "^(copy|ea|index|backup|notify)/" "" installed "${header}")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/${header}")
+  file(READ "${CMAKE_SOURCE_DIR}/${header}" text)
+  string(REGEX REPLACE "#include \"(copy|ea|index|backup|notify)/([a-z]+\\.h)\"" "#include <vexofileop/\\2>" text "${text}")
+  string(REGEX REPLACE "#include \"platform/([a-z]+\\.h)\"" "#include <vexofileop/platform/\\1>" text "${text}")
+  if(text MATCHES "#include \"")
+    message(FATAL_ERROR "${header} includes a header that is not installed")
+  endif()
+  file(CONFIGURE OUTPUT "${header_dir}/vexofileop/${installed}" CONTENT "${text}" @ONLY)
+endforeach()
+install(DIRECTORY "${header_dir}/vexofileop" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT libvexofileop-dev)
+
+# find_package(vexofileop)
+set(config_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vexofileop")
+install(EXPORT vexofileop NAMESPACE vexofileop:: FILE vexofileopTargets.cmake DESTINATION "${config_dir}"
+  COMPONENT libvexofileop-dev)
+configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/vexofileopConfig.cmake.in"
+  "${CMAKE_BINARY_DIR}/vexofileopConfig.cmake" INSTALL_DESTINATION "${config_dir}" PATH_VARS VEXO_PLATFORM_LIBDIR)
+write_basic_package_version_file("${CMAKE_BINARY_DIR}/vexofileopConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_BINARY_DIR}/vexofileopConfig.cmake" "${CMAKE_BINARY_DIR}/vexofileopConfigVersion.cmake"
+  DESTINATION "${config_dir}" COMPONENT libvexofileop-dev)
+
+# pkg-config files name the prefix, which is known when they are installed.
+foreach(module IN ITEMS vexofileop vexo-platform)
+  install(CODE "
+    set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+    set(LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+    set(INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    configure_file(\"${CMAKE_CURRENT_LIST_DIR}/${module}.pc.in\" \"${CMAKE_BINARY_DIR}/pkgconfig/${module}.pc\" @ONLY)
+    file(INSTALL \"${CMAKE_BINARY_DIR}/pkgconfig/${module}.pc\"
+         DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")"
+    COMPONENT libvexofileop-dev)
+endforeach()
+
+# Completion.
+set(completion "${CMAKE_SOURCE_DIR}/tools/vexofileop/completion")
+install(FILES "${completion}/vexofileop.bash" RENAME vexofileop COMPONENT vexofileop
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+install(FILES "${completion}/_vexofileop" COMPONENT vexofileop
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions")
+install(FILES "${completion}/vexofileop.fish" COMPONENT vexofileop
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")

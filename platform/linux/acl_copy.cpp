@@ -1,0 +1,122 @@
+// Copying the ACL of one file or directory to another: the access ACL, which is the mode on a volume without ACLs, a
+// directory's default ACL, and the Windows ACL that Samba archives beside them.
+#include "platform/acl.h"
+
+#include "platform/linux/acl_support.h"
+#include "support/heap.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <utility>
+
+namespace vexo {
+namespace {
+
+// Where Samba keeps a file's Windows ACL. Only root reads and writes it.
+constexpr char kArchiveName[] = "security.NTACL";
+
+bool same_file(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool same_permissions(const struct stat &one, const struct stat &other) {
+    constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
+    return (one.st_mode & kPermissions) == (other.st_mode & kPermissions);
+}
+
+// A file without an ACL of its own, or a volume that has none: its mode is its ACL.
+bool has_mode_only(const char *path) {
+    return ::getxattr(path, "system.posix_acl_access", nullptr, 0) < 0 && (errno == ENODATA || errno == EOPNOTSUPP);
+}
+
+int copy_default_acl(const char *src, const char *dst) {
+    const Acl acl = read_acl(src, ACL_TYPE_DEFAULT);
+    if (!acl && errno != EOPNOTSUPP) {
+        return -1;
+    }
+    return give_default_acl(dst, acl);
+}
+
+// The value of the archive ACL, of whatever size. Empty owner with errno: it cannot be read.
+HeapBuffer read_archive(const char *path) {
+    for (;;) {
+        const ssize_t size = ::getxattr(path, kArchiveName, nullptr, 0);
+        if (size < 0) {
+            return {};
+        }
+        HeapBuffer value = HeapBuffer::uninitialised(static_cast<size_t>(size));
+        const ssize_t got = value ? ::getxattr(path, kArchiveName, value.data(), value.size()) : -1;
+        if (got >= 0) {
+            return value.resize(static_cast<size_t>(got)) ? std::move(value) : HeapBuffer();
+        }
+        if (!value || errno != ERANGE) { // ERANGE: it grew in between
+            return {};
+        }
+    }
+}
+
+// "There is none": none stored, or a volume that stores none.
+bool says_none(int number) {
+    return number == ENODATA || number == EOPNOTSUPP;
+}
+
+int remove_archive(const char *path) {
+    return ::removexattr(path, kArchiveName) == 0 || says_none(errno) ? 0 : -1;
+}
+
+} // namespace
+} // namespace vexo
+
+using namespace vexo;
+
+int VEXOACLCopy(const char *src, const char *dst) {
+    struct stat from {
+    }, to{};
+    if (src == nullptr || dst == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (::stat(src, &from) != 0 || ::stat(dst, &to) != 0) {
+        return -1;
+    }
+    if (same_file(from, to)) {
+        return 0;
+    }
+    if (has_mode_only(src)) {
+        if (same_permissions(from, to) && has_mode_only(dst)) {
+            return S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode) ? copy_default_acl(src, dst) : 0;
+        }
+        if (give_access_acl(dst, Acl(::acl_from_mode(from.st_mode))) != 0) {
+            return -1;
+        }
+    } else {
+        const Acl acl = read_acl(src, ACL_TYPE_ACCESS);
+        if (!acl || give_access_acl(dst, acl) != 0) {
+            return -1;
+        }
+    }
+    return S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode) ? copy_default_acl(src, dst) : 0;
+}
+
+int VEXOACLArchiveCopy(const char *src, const char *dst) {
+    struct stat from {
+    }, to{};
+    if (src == nullptr || dst == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    const HeapBuffer value = read_archive(src);
+    if (!value) {
+        // What the destination may have is not the source's: Samba would take it for the file's ACL. Where both are the
+        // same file there is none to remove.
+        return says_none(errno) ? remove_archive(dst) : -1;
+    }
+    if (::stat(src, &from) != 0 || ::stat(dst, &to) != 0) {
+        return -1;
+    }
+    if (same_file(from, to)) {
+        return 0;
+    }
+    return ::setxattr(dst, kArchiveName, value.data(), value.size(), 0);
+}

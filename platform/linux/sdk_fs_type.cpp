@@ -1,0 +1,147 @@
+// The type code of a volume: what the administrator says it is, else what the kernel says.
+//
+// The environment variable VEXOFILEOP_FSTYPES ("PATH=CODE:PATH=CODE…") is asked first, but not in a program that runs
+// with more rights than its user; then the file /etc/vexofileop/fstypes (lines "PATH CODE", "#" begins a comment). In
+// each the longest path counts that holds the one asked for, by the text of both.
+//
+// This is called for every file of a tree that is copied. Where there is no override it costs a statfs and an open that
+// finds nothing; the file is short where there is one, and reading it each time spares the callers a cache to share
+// between threads and to keep in step with the file.
+#include "platform/sdk.h"
+
+#include "platform/linux/text_file.h"
+#include "support/fs_type.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <linux/magic.h>
+#include <optional>
+#include <string_view>
+#include <sys/vfs.h>
+
+namespace vexo {
+namespace {
+
+constexpr char kOverrideFile[] = "/etc/vexofileop/fstypes";
+constexpr char kOverrideVariable[] = "VEXOFILEOP_FSTYPES";
+
+// Magic numbers that the kernel's header leaves to the file systems' own sources.
+constexpr uint32_t kMagicXfs = 0x58465342;
+constexpr uint32_t kMagicHfsPlus = 0x482b;
+constexpr uint32_t kMagicHfsx = 0x4858;
+constexpr uint32_t kMagicNtfs = 0x5346544e;
+constexpr uint32_t kMagicNtfs3 = 0x7366746e;
+
+struct TypeRow {
+    uint32_t magic;
+    FsType type;
+};
+constexpr TypeRow kTypes[] = {
+    {EXT4_SUPER_MAGIC, FsType::extended}, // ext2, ext3 and ext4 share it
+    {kMagicXfs, FsType::extended},        {BTRFS_SUPER_MAGIC, FsType::btrfs}, {MSDOS_SUPER_MAGIC, FsType::fat},
+    {EXFAT_SUPER_MAGIC, FsType::exfat},   {kMagicHfsPlus, FsType::hfsplus},   {kMagicHfsx, FsType::hfsplus},
+    {kMagicNtfs, FsType::ntfs},           {kMagicNtfs3, FsType::ntfs},
+};
+
+FsType type_of(uint32_t magic) {
+    for (const TypeRow &row : kTypes) {
+        if (row.magic == magic) {
+            return row.type;
+        }
+    }
+    return FsType::generic;
+}
+
+std::optional<int> code_in(std::string_view text) {
+    int code = 0;
+    if (text.empty() || text.size() > 4) {
+        return std::nullopt;
+    }
+    for (const char digit : text) {
+        if (digit < '0' || digit > '9') {
+            return std::nullopt;
+        }
+        code = code * 10 + (digit - '0');
+    }
+    return code;
+}
+
+// The override with the longest path so far.
+class Choice {
+  public:
+    explicit Choice(std::string_view path) : m_path(path) {}
+
+    // Rows without a path from the root or without a number are passed over.
+    void consider(std::string_view directory, std::string_view code) {
+        while (directory.size() > 1 && directory.ends_with('/')) {
+            directory.remove_suffix(1);
+        }
+        const auto number = code_in(code);
+        if (number && directory.starts_with('/') && directory.size() >= m_length && path_is_in(m_path, directory)) {
+            m_length = directory.size();
+            m_code = number;
+        }
+    }
+    std::optional<int> code() const { return m_code; }
+
+  private:
+    std::string_view m_path;
+    size_t m_length = 0;
+    std::optional<int> m_code;
+};
+
+std::optional<int> from_environment(std::string_view path) {
+    const char *setting = ::secure_getenv(kOverrideVariable);
+    Choice choice(path);
+    std::string_view rest = setting == nullptr ? std::string_view() : setting;
+    while (!rest.empty()) {
+        const std::string_view row = rest.substr(0, rest.find(':'));
+        rest.remove_prefix(row.size() < rest.size() ? row.size() + 1 : row.size());
+        if (const size_t equals = row.rfind('='); equals != std::string_view::npos) {
+            choice.consider(row.substr(0, equals), tail(row, equals + 1));
+        }
+    }
+    return choice.code();
+}
+
+// The code is what follows the last blank of the line, so that paths may hold blanks. A file that cannot be read
+// overrides nothing.
+std::optional<int> from_file(std::string_view path) {
+    const HeapBuffer text = read_text_file(kOverrideFile);
+    Choice choice(path);
+    std::string_view rest = text ? view_of(text) : std::string_view();
+    while (!rest.empty()) {
+        const std::string_view line = trim(take_line(rest));
+        const size_t blank = line.find_last_of(" \t");
+        if (!line.empty() && line.front() != '#' && blank != std::string_view::npos) {
+            choice.consider(trim(line.substr(0, blank)), tail(line, blank + 1));
+        }
+    }
+    return choice.code();
+}
+
+} // namespace
+} // namespace vexo
+
+using namespace vexo;
+
+int VEXOGetFSType(const char *path, int flag) {
+    (void)flag;
+    if (path == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    // First, so that a path that is not there fails, overridden or not.
+    struct statfs volume {};
+    if (::statfs(path, &volume) != 0) {
+        return -1;
+    }
+    if (const auto code = from_environment(path)) {
+        return *code;
+    }
+    if (const auto code = from_file(path)) {
+        return *code;
+    }
+    return static_cast<int>(type_of(static_cast<uint32_t>(volume.f_type)));
+}

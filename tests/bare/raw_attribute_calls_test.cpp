@@ -1,0 +1,95 @@
+// Without hooks the library makes the kernel's DOS-attribute calls itself, with these numbers and arguments.
+#include "backup/backup.h"
+#include "ea/ea.h"
+#include "platform/core.h"
+#include "tests/bare/attribute_trap.h"
+#include "tests/bare/bare_platform.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using bare::AttributeCall;
+using bare::AttributeTrap;
+
+class RawAttributeCalls : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { missing = AttributeTrap::install(); }
+    void SetUp() override {
+        if (!missing.empty()) {
+            GTEST_SKIP() << "system calls cannot be trapped here: " << missing;
+        }
+        AttributeTrap::reset();
+        bare::volumeType = 1;
+        ASSERT_NE(nullptr, ::mkdtemp(directory.data()));
+        path = directory + "/file";
+        std::ofstream(path) << "data";
+        std::filesystem::create_directory(directory + "/@eaDir"); // the library would make it as root
+        std::ofstream(directory + "/@eaDir/file@VexoEAStream") << "";
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory, ignored);
+    }
+    // Opens and closes a companion; the descriptor it had, or -1.
+    int open(int oflag, int kind) const {
+        const int fd = VEXOEAOpen(1, path.c_str(), "VexoEAStream", oflag, kind);
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return fd;
+    }
+
+    static std::string missing;
+    std::string directory = "/tmp/vexofileop-bare-XXXXXX";
+    std::string path;
+};
+std::string RawAttributeCalls::missing;
+
+TEST_F(RawAttributeCalls, ArchiveIsSetByCall803) {
+    EXPECT_EQ(0, EASetSmbArchive(path.c_str()));
+    EXPECT_EQ((std::vector<AttributeCall>{{path, -1, 514}}), AttributeTrap::calls());
+    AttributeTrap::answer(5);
+    EXPECT_EQ(5, EASetSmbArchive(path.c_str()));
+    AttributeTrap::answer(0, ENOSYS);
+    EXPECT_EQ(-1, EASetSmbArchive(path.c_str()));
+    EXPECT_EQ(ENOSYS, errno);
+}
+
+TEST_F(RawAttributeCalls, WritingACompanionMarksTheUserFile) {
+    EXPECT_GT(open(O_RDWR, 0), 0);
+    EXPECT_GT(open(O_RDONLY, 0), 0);
+    EXPECT_EQ((std::vector<AttributeCall>{{path, -1, 514}}), AttributeTrap::calls());
+}
+
+TEST_F(RawAttributeCalls, KernelWithoutTheCallIsTolerated) {
+    AttributeTrap::answer(0, ENOSYS);
+    EXPECT_GT(open(O_RDWR, 0), 0);
+    bare::volumeType = 18;
+    EXPECT_GT(open(O_RDWR | O_CREAT, 1), 0);
+}
+
+TEST_F(RawAttributeCalls, AppleDoubleOnExfatIsHiddenByFcntl515) {
+    bare::volumeType = 18;
+    std::ofstream(directory + "/._file") << "";
+    const int fd = open(O_RDONLY, 1);
+    EXPECT_GT(fd, 0);
+    EXPECT_EQ((std::vector<AttributeCall>{{"", fd, 515}}), AttributeTrap::calls());
+}
+
+TEST_F(RawAttributeCalls, ArchiveIsClearedByFcntl513) {
+    EXPECT_EQ(0, VEXOBackupCleanFileArchiveBit(path.c_str()));
+    EXPECT_EQ(0, VEXOBackupCleanDirArchiveBit(directory.c_str()));
+    ASSERT_EQ(2u, AttributeTrap::calls().size());
+    EXPECT_EQ(0x201, AttributeTrap::calls()[0].command);
+    EXPECT_EQ(0x201, AttributeTrap::calls()[1].command);
+}
+
+} // namespace

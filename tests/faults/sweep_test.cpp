@@ -1,0 +1,504 @@
+// Every public operation with every one of its system calls failing in turn, in every way that call can plausibly fail,
+// and with every one of its allocations failing; and killed before every one of its calls.
+//
+// Without VEXO_FULL in the environment each test takes a sample that is spread evenly over the points; with it all of
+// them. Totals are printed at the end of the program.
+#include "platform/core.h"
+#include "tests/faults/scene.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/behaviour.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <tuple>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FAULTS_SANITIZED 1
+#endif
+#endif
+#ifdef FAULTS_SANITIZED
+extern "C" int __lsan_do_recoverable_leak_check(void);
+#endif
+
+namespace faults {
+namespace {
+
+#ifdef FAULTS_SANITIZED
+constexpr size_t kSample = 8; // looking for leaks takes most of the time
+#else
+constexpr size_t kSample = 24;
+#endif
+constexpr size_t kShownFindings = 25;
+
+bool isFull() {
+    return std::getenv("VEXO_FULL") != nullptr;
+}
+
+int hasLeaked() {
+#ifdef FAULTS_SANITIZED
+    return __lsan_do_recoverable_leak_check() != 0 ? 1 : 0;
+#else
+    return 0;
+#endif
+}
+
+struct Totals {
+    size_t operations = 0, points = 0, runs = 0, violations = 0;
+    std::map<std::string, size_t> kept;
+};
+std::map<std::string, Totals> &totals() {
+    static auto *all = new std::map<std::string, Totals>;
+    return *all;
+}
+
+class TotalsPrinter : public testing::Environment {
+  public:
+    void TearDown() override {
+        for (const auto &[sweep, sum] : totals()) {
+            std::printf("%s: %zu operations, %zu points, %zu runs, %zu violations\n", sweep.c_str(), sum.operations,
+                        sum.points, sum.runs, sum.violations);
+            for (const auto &[name, count] : sum.kept) {
+                std::printf("  kept: %s: %zu runs\n", name.c_str(), count);
+            }
+        }
+    }
+};
+[[maybe_unused]] testing::Environment *const printer = testing::AddGlobalTestEnvironment(new TotalsPrinter);
+
+// Modes and owners of everything below a path, by path.
+std::map<std::string, std::tuple<mode_t, uid_t, gid_t>> modesBelow(const std::string &path) {
+    std::map<std::string, std::tuple<mode_t, uid_t, gid_t>> modes;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(path)) {
+        const struct stat status = kit::statOf(entry.path());
+        modes[entry.path()] = {status.st_mode, status.st_uid, status.st_gid};
+    }
+    return modes;
+}
+
+bool holds(const std::string &all, const Piece &piece) {
+    return all.find(piece.bytes) != std::string::npos;
+}
+
+// What one run did to its scene and its process.
+class Inspection {
+  public:
+    Inspection(const Operation &operation, const Scene &scene, const Outcome &outcome, const Report &report)
+        : m_operation(operation), m_scene(scene), m_outcome(outcome), m_report(report),
+          m_below(everythingBelow(scene.from())), m_above(everythingBelow(scene.to())) {}
+
+    std::vector<Finding> findings(const std::map<std::string, std::tuple<mode_t, uid_t, gid_t>> &modesBefore) {
+        if (m_outcome.hung || m_report.finished == 0) {
+            add("process lives", m_outcome.hung ? "it hangs" : "ended with status " + std::to_string(m_outcome.status));
+            return std::move(m_findings);
+        }
+        checkProcess();
+        checkModes(modesBefore);
+        checkResult();
+        checkPieces();
+        return std::move(m_findings);
+    }
+
+    // After a kill: nothing is asked of the process, and half a destination is fine beside a whole source.
+    std::vector<Finding> findingsOfFiles() {
+        checkPieces();
+        std::erase_if(m_findings, [](const Finding &finding) { return finding.check == "no partial destination"; });
+        return std::move(m_findings);
+    }
+
+  private:
+    void add(const std::string &check, const std::string &detail) { m_findings.push_back({check, detail}); }
+
+    void checkProcess() {
+        if (m_report.stateKept == 0) {
+            add("process state", m_report.state);
+        }
+        if (m_report.leaked != 0) {
+            add("memory", "a leak");
+        }
+        if (m_report.reports > m_operation.mostReports) {
+            add("one report", std::to_string(m_report.reports) + " reports");
+        }
+    }
+
+    void checkModes(const std::map<std::string, std::tuple<mode_t, uid_t, gid_t>> &before) {
+        if (m_operation.changesModes) {
+            return;
+        }
+        for (const auto &[path, mode] : modesBelow(m_scene.from())) {
+            const auto found = before.find(path);
+            if (found != before.end() && found->second != mode) {
+                add("modes", path);
+            }
+        }
+    }
+
+    void checkResult() {
+        if (m_report.result < 0 && !m_operation.codes.contains(m_report.lastError)) {
+            std::array<char, 32> text{};
+            std::snprintf(text.data(), text.size(), "0x%04X", m_report.lastError);
+            add("last error", text.data());
+        }
+    }
+
+    void checkPieces() {
+        const bool succeeded = m_report.finished != 0 && m_report.result >= 0;
+        for (const Piece &piece : m_scene.pieces()) {
+            if (piece.isFile) {
+                checkFile(piece, succeeded);
+            } else {
+                checkMetadata(piece, succeeded);
+            }
+        }
+    }
+
+    void checkFile(const Piece &piece, bool succeeded) {
+        const bool there = kit::exists(piece.source) && kit::readFile(piece.source) == piece.bytes;
+        const bool lands = !piece.destination.empty() && kit::exists(piece.destination);
+        const std::string content = lands ? kit::readFile(piece.destination) : std::string();
+        const bool arrived = lands && content == piece.bytes;
+        const std::string *old = m_scene.oldAt(piece.destination);
+        if (m_operation.keeps == Keeps::source && !there) {
+            add("source complete", piece.source);
+        }
+        if (m_operation.keeps == Keeps::either && !there && !arrived) {
+            add(holds(m_above, piece) || holds(m_below, piece) ? "data elsewhere" : "data lost", piece.source);
+        }
+        if (lands && !arrived && (old == nullptr || content != *old)) {
+            add("no partial destination", piece.destination + " has " + std::to_string(content.size()) + " bytes");
+        }
+        if (succeeded && m_operation.carriesFiles && !piece.destination.empty() && !arrived) {
+            add("success is complete", piece.destination);
+        }
+    }
+
+    void checkMetadata(const Piece &piece, bool succeeded) {
+        const bool there = holds(m_below, piece);
+        const bool arrived = holds(m_above, piece);
+        if ((m_operation.keeps == Keeps::source && !there) ||
+            (m_operation.keeps == Keeps::either && !there && !arrived)) {
+            add("metadata lost", piece.name);
+        }
+        if (succeeded && m_operation.carriesMetadata && !arrived) {
+            add("success carries metadata", piece.name);
+        }
+    }
+
+    const Operation &m_operation;
+    const Scene &m_scene;
+    const Outcome &m_outcome;
+    const Report &m_report;
+    std::string m_below, m_above;
+    std::vector<Finding> m_findings;
+};
+
+struct Point {
+    size_t call = 0;
+    int error = 0;
+    std::string what;
+    int number = -1;
+};
+
+class Sweep : public testing::TestWithParam<Operation> {
+  protected:
+    void SetUp() override {
+        if (const std::string reason = unavailable(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+        try {
+            if (GetParam().volume) {
+                (void)GetParam().volume();
+            }
+        } catch (const kit::Unavailable &missing) {
+            GTEST_SKIP() << missing.reason;
+        }
+        m_report = static_cast<Report *>(
+            ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    }
+    void TearDown() override {
+        if (m_report != nullptr) {
+            ::munmap(m_report, sizeof(Report));
+        }
+    }
+
+    static void reset() {
+        kit::Faults::reset();
+        kit::FatDouble::reset();
+        kit::ForkDouble::reset();
+        kit::NativeDouble::reset();
+        kit::PlatformDouble::reset();
+        kit::Log::reset();
+        VLIBCErrSetEx(0, "", 0);
+    }
+
+    // Runs the operation on the scene; `allocation` not 0: that one fails; `closing` not 0: that close() does.
+    Outcome run(Scene &scene, const Plan &plan, int allocation = 0, int closing = 0) {
+        *m_report = {};
+        return supervise(plan, [&](Window &window) {
+            const kit::ProcessState before = kit::ProcessState::now();
+            reportsHeard = 0;
+            VLIBCErrSetEx(0, "", 0);
+            if (closing != 0) {
+                kit::Faults::fail("close", EIO, {}, closing - 1);
+            }
+            kit::Faults::failAllocation(allocation);
+            window.open();
+            const int result = GetParam().run(scene);
+            const uint32_t lastError = VLIBCErrGet();
+            window.close();
+            m_report->allocationReached = allocation != 0 && !kit::Faults::allocationPending() ? 1 : 0;
+            kit::Faults::failAllocation(0);
+            m_report->closeReached = closing != 0 && kit::Faults::count("close") >= closing ? 1 : 0;
+            kit::Faults::reset();
+            m_report->result = result;
+            m_report->lastError = lastError;
+            m_report->reports = reportsHeard;
+            const kit::ProcessState after = kit::ProcessState::now();
+            m_report->stateKept = after == before ? 1 : 0;
+            std::ostringstream text;
+            text << after;
+            std::strncpy(m_report->state, text.str().c_str(), sizeof m_report->state - 1);
+            m_report->leaked = hasLeaked();
+            m_report->finished = 1;
+        });
+    }
+
+    std::vector<SystemCall> watch() {
+        reset();
+        Scene scene;
+        GetParam().prepare(scene);
+        const auto modes = modesBelow(scene.from());
+        const Outcome outcome = run(scene, {});
+        const auto findings = Inspection(GetParam(), scene, outcome, *m_report).findings(modes);
+        for (const Finding &finding : findings) {
+            ADD_FAILURE() << "without a fault: " << finding.check << ": " << finding.detail << "\n" << kit::Log::all();
+        }
+        EXPECT_GE(m_report->result, 0) << std::hex << m_report->lastError;
+        return outcome.calls;
+    }
+
+    void failAt(const Point &point, int allocation = 0, int closing = 0) {
+        reset();
+        Scene scene;
+        GetParam().prepare(scene);
+        const auto modes = modesBelow(scene.from());
+        Plan plan;
+        if (allocation == 0 && closing == 0) {
+            plan = {Plan::Action::fail, point.call, point.error, point.number};
+        }
+        const Outcome outcome = run(scene, plan, allocation, closing);
+        m_runs += allocation != 0 || closing != 0 || outcome.reached ? 1 : 0;
+        judge(point, Inspection(GetParam(), scene, outcome, *m_report).findings(modes));
+    }
+
+    // What no operation can help, whichever it is.
+    static std::string keptByAll(const Finding &finding, const Point &point) {
+        const bool isLoss = finding.check.find("lost") != std::string::npos;
+        if (point.error == ENOENT && (isLoss || finding.check.starts_with("success"))) {
+            return "the-kernel-says-it-is-gone";
+        }
+        if (finding.check == "modes" && point.what.find("chmod") != std::string::npos) {
+            return "mode-cannot-be-set-back";
+        }
+        return {};
+    }
+
+    void judge(const Point &point, std::vector<Finding> findings) {
+        for (Finding &finding : findings) {
+            finding.point = point.what;
+            std::string name = keptByAll(finding, point);
+            if (name.empty() && GetParam().kept) {
+                name = GetParam().kept(finding, *m_report);
+            }
+            if (!name.empty()) {
+                ++m_kept[name];
+                continue;
+            }
+            std::array<char, 64> result{};
+            std::snprintf(result.data(), result.size(), " (result %d, 0x%04X)", m_report->result, m_report->lastError);
+            m_violations.push_back(point.what + ": " + finding.check + ": " + finding.detail + result.data());
+        }
+    }
+
+    void finish(const std::string &sweep, size_t points) {
+        Totals &sum = totals()[sweep];
+        ++sum.operations;
+        sum.points += points;
+        sum.runs += m_runs;
+        sum.violations += m_violations.size();
+        for (const auto &[name, count] : m_kept) {
+            sum.kept[name] += count;
+        }
+        std::printf("%s: %zu points, %zu runs, %zu violations\n", GetParam().name.c_str(), points, m_runs,
+                    m_violations.size());
+        std::string text;
+        for (size_t at = 0; at < std::min(kShownFindings, m_violations.size()); ++at) {
+            text += m_violations[at] + "\n";
+        }
+        EXPECT_TRUE(m_violations.empty()) << text;
+#ifdef FAULTS_SANITIZED
+        // A sample may meet calls of the sanitizer's only, which come and go; an operation may have nothing to close.
+        EXPECT_GT(points + m_runs, 0U);
+#else
+        EXPECT_GT(m_runs, 0U);
+#endif
+    }
+
+    // All of them, or an even sample.
+    static std::vector<Point> chosen(std::vector<Point> points) {
+        if (isFull() || points.size() <= kSample) {
+            return points;
+        }
+        std::vector<Point> some;
+        for (size_t at = 0; at < kSample; ++at) {
+            some.push_back(points[at * points.size() / kSample]);
+        }
+        return some;
+    }
+
+    static bool sourceIsThere(const Scene &scene) {
+        const std::string below = everythingBelow(scene.from());
+        return std::all_of(scene.pieces().begin(), scene.pieces().end(),
+                           [&](const Piece &piece) { return holds(below, piece); });
+    }
+
+    Report *m_report = nullptr;
+    size_t m_runs = 0;
+    std::vector<std::string> m_violations;
+    std::map<std::string, size_t> m_kept;
+};
+
+class FaultSweep : public Sweep {};
+class AllocationSweep : public Sweep {};
+class CloseSweep : public Sweep {};
+class KillSweep : public Sweep {};
+
+TEST_P(FaultSweep, LosesNothing) {
+    const std::vector<SystemCall> calls = watch();
+    std::vector<Point> points;
+    for (size_t at = 0; at < calls.size(); ++at) {
+#ifdef FAULTS_SANITIZED
+        if (calls[at].number == SYS_mmap) {
+            continue; // the sanitizer ends the process when its allocator gets no memory
+        }
+#endif
+        for (const int error : plausibleErrors(calls[at])) {
+            points.push_back({at, error,
+                              "call " + std::to_string(at) + " " + describe(calls[at]) + " with " +
+                                  std::generic_category().message(error),
+                              calls[at].number});
+        }
+    }
+    for (const Point &point : chosen(points)) {
+        failAt(point);
+    }
+    finish("system calls", points.size());
+}
+
+TEST_P(AllocationSweep, LosesNothing) {
+    if (!kit::Faults::failAllocation(0)) {
+        GTEST_SKIP() << "the sanitizer owns the allocator";
+    }
+    int allocation = 1;
+    for (; allocation == 1 || m_report->allocationReached != 0; ++allocation) {
+        failAt({0, 0, "allocation " + std::to_string(allocation)}, allocation);
+    }
+    finish("allocations", static_cast<size_t>(allocation - 2));
+}
+
+// A close that fails has closed all the same, so that only the library's own can be made to.
+TEST_P(CloseSweep, LosesNothing) {
+    int closing = 1;
+    for (; closing == 1 || m_report->closeReached != 0; ++closing) {
+        failAt({0, 0, "close " + std::to_string(closing)}, 0, closing);
+    }
+    finish("closes", static_cast<size_t>(closing - 2));
+}
+
+TEST_P(KillSweep, SourceOrDestinationIsWholeAndAgainSucceeds) {
+    const std::vector<SystemCall> calls = watch();
+    std::vector<Point> points;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        points.push_back({at, 0, "killed before call " + std::to_string(at) + " " + describe(calls[at])});
+    }
+    for (const Point &point : chosen(points)) {
+        reset();
+        Scene scene;
+        GetParam().prepare(scene);
+        const Outcome outcome = run(scene, {Plan::Action::kill, point.call, 0});
+        ++m_runs;
+        if (!outcome.reached || !WIFSIGNALED(outcome.status)) {
+            m_violations.push_back(point.what + ": not killed");
+            continue;
+        }
+        judge(point, Inspection(GetParam(), scene, outcome, *m_report).findingsOfFiles());
+        if (!sourceIsThere(scene)) {
+            continue; // done, and nothing to do again
+        }
+        const auto modes = modesBelow(scene.from());
+        const Outcome again = run(scene, {});
+        judge({0, 0, point.what + ", again"}, Inspection(GetParam(), scene, again, *m_report).findings(modes));
+        if (m_report->result < 0) {
+            judge({0, 0, point.what + ", again"}, {{"again succeeds", "it fails"}});
+        }
+    }
+    finish("kills", points.size());
+}
+
+// Those whose death in the middle a caller has to live with.
+std::vector<Operation> killedOperations() {
+    const std::set<std::string> names = {"OverwriteEx",
+                                         "OverwriteReentrant",
+                                         "OverwriteFileOp",
+                                         "MoveOverwriteAcrossEx",
+                                         "MoveOverwriteAcrossReentrant",
+                                         "MoveOverwriteAcrossFileOp",
+                                         "MoveEx",
+                                         "MoveFileOp",
+                                         "StreamWriteNew",
+                                         "StreamGrow",
+                                         "StreamOverwrite",
+                                         "StreamRemove",
+                                         "RenameFileEa",
+                                         "RenameEaDirectory",
+                                         "RenameFat",
+                                         "RelocationFileOp",
+                                         "Relocation"};
+    std::vector<Operation> killed;
+    for (const auto &all : {fileOperations(), treeOperations(), storeOperations()}) {
+        std::copy_if(all.begin(), all.end(), std::back_inserter(killed),
+                     [&](const Operation &operation) { return names.contains(operation.name); });
+    }
+    EXPECT_EQ(names.size(), killed.size());
+    return killed;
+}
+
+std::string nameOf(const testing::TestParamInfo<Operation> &info) {
+    return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, FaultSweep, testing::ValuesIn(fileOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Trees, FaultSweep, testing::ValuesIn(treeOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Store, FaultSweep, testing::ValuesIn(storeOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Files, AllocationSweep, testing::ValuesIn(fileOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Trees, AllocationSweep, testing::ValuesIn(treeOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Store, AllocationSweep, testing::ValuesIn(storeOperations()), nameOf);
+
+INSTANTIATE_TEST_SUITE_P(Files, CloseSweep, testing::ValuesIn(fileOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Trees, CloseSweep, testing::ValuesIn(treeOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Store, CloseSweep, testing::ValuesIn(storeOperations()), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, KillSweep, testing::ValuesIn(killedOperations()), nameOf);
+
+} // namespace
+} // namespace faults

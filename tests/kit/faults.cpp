@@ -1,0 +1,502 @@
+#include "tests/kit/faults.h"
+
+#include "platform/core.h"
+#include "tests/kit/fat_double.h"
+#include "tests/kit/fork_double.h"
+#include "tests/kit/native_double.h"
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <map>
+#include <sys/ioctl.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KIT_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define KIT_SANITIZED 1
+#endif
+
+namespace kit {
+namespace {
+
+struct ActiveRule {
+    FaultRule rule;
+    int seen = 0;
+};
+
+struct State {
+    std::vector<ActiveRule> rules;
+    std::map<std::string, int> counts;
+    std::vector<std::string> calls;
+    bool recording = false;
+    bool active = false; // anything asked for at all: otherwise a wrapper costs one test
+};
+
+State &state() {
+    static auto *instance = new State;
+    return *instance;
+}
+
+// The wrappers' own work must not be seen by the wrappers.
+thread_local bool inside = false;
+struct Inside {
+    Inside() { inside = true; }
+    ~Inside() { inside = false; }
+};
+
+std::string pathOf(const char *path, int fd) {
+    if (path != nullptr) {
+        return path;
+    }
+    if (fd < 0) {
+        return {};
+    }
+    std::array<char, 64> link{};
+    std::snprintf(link.data(), link.size(), "/proc/self/fd/%d", fd);
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = ::readlink(link.data(), target.data(), target.size() - 1);
+    return length < 0 ? std::string() : std::string(target.data(), static_cast<size_t>(length));
+}
+
+int allocationCountdown = 0;
+int allocationFailures = 0;
+size_t allocationFloor = 0;
+long nameLength = -1; // as volumes have it
+bool entryTypesHidden = false;
+
+// What the kit and the test allocate comes through operator new, which the library does not use.
+bool isOperatorNew(void *caller) {
+    Dl_info where;
+    return ::dladdr(caller, &where) != 0 && std::strstr(where.dli_fname, "libstdc++") != nullptr;
+}
+
+[[maybe_unused]] bool allocationFails(size_t size, void *caller) {
+    if (allocationCountdown == 0 || inside || size < allocationFloor || isOperatorNew(caller)) {
+        return false;
+    }
+    if (allocationCountdown > 1) {
+        --allocationCountdown;
+        return false;
+    }
+    if (--allocationFailures == 0) {
+        allocationCountdown = 0;
+    }
+    errno = ENOMEM;
+    return true;
+}
+
+} // namespace
+
+void Faults::add(FaultRule rule) {
+    const Inside guard;
+    state().rules.push_back({std::move(rule), 0});
+    state().active = true;
+}
+
+bool watchesReadOrWrite() {
+    for (const ActiveRule &active : state().rules) {
+        const std::string &function = active.rule.function;
+        if (function == "read" || function == "write" || function == "VEXOWriteFileFd") {
+            return true;
+        }
+    }
+    return false;
+}
+
+void Faults::fail(const std::string &function, int error, const std::string &path, int skip) {
+    add({.function = function, .error = error, .path = path, .skip = skip});
+}
+
+void Faults::failAlways(const std::string &function, int error, const std::string &path) {
+    add({.function = function, .error = error, .path = path, .times = 0});
+}
+
+void Faults::reset() {
+    const Inside guard;
+    State &now = state();
+    now.rules.clear();
+    now.counts.clear();
+    now.calls.clear();
+    now.recording = false;
+    now.active = false;
+    allocationCountdown = 0;
+    allocationFloor = 0;
+    nameLength = -1;
+    entryTypesHidden = false;
+}
+
+void Faults::hideEntryTypes(bool on) {
+    entryTypesHidden = on;
+}
+
+void Faults::setNameLength(long bytes) {
+    nameLength = bytes;
+}
+
+int Faults::count(const std::string &function) {
+    const auto found = state().counts.find(function);
+    return found == state().counts.end() ? 0 : found->second;
+}
+
+void Faults::record(bool on) {
+    state().recording = on;
+    state().active = state().active || on;
+}
+
+std::vector<std::string> Faults::recorded() {
+    return state().calls;
+}
+
+bool Faults::failAllocation([[maybe_unused]] int nth, [[maybe_unused]] int times) {
+#ifdef KIT_SANITIZED
+    return false;
+#else
+    allocationFailures = times;
+    allocationCountdown = nth;
+    return true;
+#endif
+}
+
+bool Faults::allocationPending() {
+    return allocationCountdown != 0;
+}
+
+void Faults::onlyAllocationsFrom(size_t bytes) {
+    allocationFloor = bytes;
+}
+
+FaultsOff::FaultsOff() : m_before(inside) {
+    inside = true;
+}
+
+FaultsOff::~FaultsOff() {
+    inside = m_before;
+}
+
+FaultAnswer askFaults(const char *function, const char *path, int fd) {
+    if (inside || !state().active) {
+        return {false, 0};
+    }
+    const int number = errno;
+    std::function<void()> before;
+    FaultAnswer answer{false, 0};
+    int error = 0;
+    uint32_t lastError = 0;
+    {
+        const Inside guard;
+        State &now = state();
+        ++now.counts[function];
+        std::string where;
+        bool known = false;
+        const auto name = [&]() -> const std::string & {
+            if (!known) {
+                where = pathOf(path, fd);
+                known = true;
+            }
+            return where;
+        };
+        if (now.recording) {
+            now.calls.push_back(std::string(function) + "(" + name() + ")");
+        }
+        for (ActiveRule &active : now.rules) {
+            const FaultRule &rule = active.rule;
+            if (rule.function != function || (!rule.path.empty() && name().find(rule.path) == std::string::npos)) {
+                continue;
+            }
+            const int seen = active.seen++;
+            if (seen < rule.skip || (rule.times != 0 && seen >= rule.skip + rule.times)) {
+                continue;
+            }
+            before = rule.before;
+            if (rule.error != 0 || rule.answers) {
+                answer = {true, rule.result};
+                error = rule.error;
+                lastError = rule.lastError;
+            }
+            break;
+        }
+    }
+    if (before) {
+        const Inside guard;
+        before();
+    }
+    errno = number;
+    if (answer.decided) {
+        if (lastError != 0) {
+            VLIBCErrSetEx(lastError, "tests/kit", 0);
+        }
+        if (error != 0) {
+            errno = error;
+        }
+    }
+    return answer;
+}
+
+namespace {
+// The next definition of a symbol behind this program's own.
+template <typename Function>
+Function *next(const char *name) {
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+} // namespace
+
+} // namespace kit
+
+// A wrapper: NAME(parameters) as the C library declares it, with the path and descriptor that its rules see.
+#define KIT_WRAP(RESULT, NAME, PARAMETERS, ARGUMENTS, PATH, FD, SPECIFIER)                                             \
+    extern "C" RESULT NAME PARAMETERS SPECIFIER {                                                                      \
+        if (const kit::FaultAnswer answer = kit::askFaults(#NAME, PATH, FD); answer.decided) {                         \
+            return static_cast<RESULT>(answer.result);                                                                 \
+        }                                                                                                              \
+        static auto *const real = kit::next<RESULT PARAMETERS>(#NAME);                                                 \
+        return real ARGUMENTS;                                                                                         \
+    }
+
+KIT_WRAP(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), nullptr, fd, )
+KIT_WRAP(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size), nullptr, fd, )
+KIT_WRAP(ssize_t, pread, (int fd, void *buffer, size_t size, off_t at), (fd, buffer, size, at), nullptr, fd, )
+KIT_WRAP(ssize_t, pwrite, (int fd, const void *buffer, size_t size, off_t at), (fd, buffer, size, at), nullptr, fd, )
+KIT_WRAP(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), nullptr, fd, noexcept)
+KIT_WRAP(int, fallocate, (int fd, int mode, off_t offset, off_t length), (fd, mode, offset, length), nullptr, fd, )
+KIT_WRAP(int, ftruncate, (int fd, off_t length), (fd, length), nullptr, fd, noexcept)
+KIT_WRAP(int, fsync, (int fd), (fd), nullptr, fd, )
+KIT_WRAP(int, fstat, (int fd, struct stat *out), (fd, out), nullptr, fd, noexcept)
+KIT_WRAP(int, lstat, (const char *path, struct stat *out), (path, out), path, -1, noexcept)
+KIT_WRAP(int, fstatfs, (int fd, struct statfs *out), (fd, out), nullptr, fd, noexcept)
+KIT_WRAP(int, access, (const char *path, int mode), (path, mode), path, -1, noexcept)
+KIT_WRAP(int, fchown, (int fd, uid_t uid, gid_t gid), (fd, uid, gid), nullptr, fd, noexcept)
+KIT_WRAP(int, chown, (const char *path, uid_t uid, gid_t gid), (path, uid, gid), path, -1, noexcept)
+KIT_WRAP(int, chmod, (const char *path, mode_t mode), (path, mode), path, -1, noexcept)
+KIT_WRAP(int, fchmod, (int fd, mode_t mode), (fd, mode), nullptr, fd, noexcept)
+KIT_WRAP(int, rename, (const char *from, const char *to), (from, to), from, -1, noexcept)
+KIT_WRAP(int, unlink, (const char *path), (path), path, -1, noexcept)
+KIT_WRAP(int, remove, (const char *path), (path), path, -1, noexcept)
+KIT_WRAP(int, rmdir, (const char *path), (path), path, -1, noexcept)
+KIT_WRAP(int, mkdir, (const char *path, mode_t mode), (path, mode), path, -1, noexcept)
+KIT_WRAP(int, chdir, (const char *path), (path), path, -1, noexcept)
+KIT_WRAP(int, symlink, (const char *target, const char *path), (target, path), path, -1, noexcept)
+KIT_WRAP(ssize_t, readlink, (const char *path, char *buffer, size_t size), (path, buffer, size), path, -1, noexcept)
+KIT_WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol), nullptr, -1, noexcept)
+KIT_WRAP(int, connect, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size), nullptr, fd, )
+KIT_WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
+         (fd, level, name, value, size), nullptr, fd, noexcept)
+KIT_WRAP(int, seteuid, (uid_t uid), (uid), nullptr, -1, noexcept)
+KIT_WRAP(ssize_t, fgetxattr, (int fd, const char *name, void *value, size_t size), (fd, name, value, size), nullptr, fd,
+         noexcept)
+KIT_WRAP(int, fsetxattr, (int fd, const char *name, const void *value, size_t size, int flags),
+         (fd, name, value, size, flags), nullptr, fd, noexcept)
+
+#undef KIT_WRAP
+
+// Moves bytes as a read and a write would, but out of their sight: a test that watches those gets them.
+extern "C" ssize_t sendfile(int to, int from, off_t *at, size_t size) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("sendfile", nullptr, to); answer.decided) {
+        return answer.result;
+    }
+    if (kit::watchesReadOrWrite()) {
+        errno = EINVAL;
+        return -1;
+    }
+    static auto *const real = kit::next<ssize_t(int, int, off_t *, size_t)>("sendfile");
+    return real(to, from, at, size);
+}
+
+extern "C" int statfs(const char *path, struct statfs *out) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("statfs", path, -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(const char *, struct statfs *)>("statfs");
+    const int result = real(path, out);
+    if (result == 0 && kit::nameLength >= 0) {
+        out->f_namelen = kit::nameLength;
+    }
+    return result;
+}
+
+extern "C" int open(const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    if (const kit::FaultAnswer answer = kit::askFaults("open", path, -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(const char *, int, ...)>("open");
+    return real(path, flags, mode);
+}
+
+extern "C" int stat(const char *path, struct stat *out) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("stat", path, -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(const char *, struct stat *)>("stat");
+    const int result = real(path, out);
+    if (result == 0) {
+        kit::shapeAsFile(path, out);
+    }
+    return result;
+}
+
+// The attribute calls on a path, whose names a volume of the double keeps under others.
+extern "C" ssize_t getxattr(const char *path, const char *name, void *value, size_t size) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("getxattr", path, -1); answer.decided) {
+        return answer.result;
+    }
+    static auto *const real = kit::next<ssize_t(const char *, const char *, void *, size_t)>("getxattr");
+    return kit::hasNativeNames(path) ? real(path, kit::keptName(path, name).c_str(), value, size)
+                                     : real(path, name, value, size);
+}
+
+extern "C" int setxattr(const char *path, const char *name, const void *value, size_t size, int flags) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("setxattr", path, -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(const char *, const char *, const void *, size_t, int)>("setxattr");
+    return kit::hasNativeNames(path) ? real(path, kit::keptName(path, name).c_str(), value, size, flags)
+                                     : real(path, name, value, size, flags);
+}
+
+extern "C" int removexattr(const char *path, const char *name) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("removexattr", path, -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(const char *, const char *)>("removexattr");
+    return kit::hasNativeNames(path) ? real(path, kit::keptName(path, name).c_str()) : real(path, name);
+}
+
+extern "C" ssize_t listxattr(const char *path, char *list, size_t size) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("listxattr", path, -1); answer.decided) {
+        return answer.result;
+    }
+    static auto *const real = kit::next<ssize_t(const char *, char *, size_t)>("listxattr");
+    const ssize_t got = real(path, list, size);
+    return got > 0 && size > 0 ? static_cast<ssize_t>(kit::shownNames(path, list, static_cast<size_t>(got))) : got;
+}
+
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (const kit::FaultAnswer answer = kit::askFaults("ioctl", nullptr, fd); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    if (kit::answerFatCall(fd, request, argument)) {
+        return 0;
+    }
+    static auto *const real = kit::next<int(int, unsigned long, ...)>("ioctl");
+    return real(fd, request, argument);
+}
+
+extern "C" int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (const kit::FaultAnswer answer = kit::askFaults("fcntl", nullptr, fd); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, int, ...)>("fcntl");
+    return real(fd, command, argument);
+}
+
+// A close that fails has closed all the same.
+extern "C" int close(int fd) {
+    const kit::FaultAnswer answer = kit::askFaults("close", nullptr, fd);
+    const int number = errno;
+    static auto *const real = kit::next<int(int)>("close");
+    const int result = real(fd);
+    if (answer.decided) {
+        errno = number;
+        return static_cast<int>(answer.result);
+    }
+    return result;
+}
+
+extern "C" DIR *opendir(const char *path) {
+    if (kit::askFaults("opendir", path, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<DIR *(const char *)>("opendir");
+    return real(path);
+}
+
+extern "C" struct dirent *readdir(DIR *stream) {
+    if (kit::askFaults("readdir", nullptr, ::dirfd(stream)).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<dirent *(DIR *)>("readdir");
+    dirent *entry = real(stream);
+    if (entry != nullptr && kit::entryTypesHidden && !kit::inside) {
+        entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+}
+
+extern "C" char *realpath(const char *path, char *resolved) noexcept {
+    if (kit::askFaults("realpath", path, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<char *(const char *, char *)>("realpath");
+    return real(path, resolved);
+}
+
+extern "C" char *getcwd(char *out, size_t size) noexcept {
+    if (kit::askFaults("getcwd", nullptr, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<char *(char *, size_t)>("getcwd");
+    return real(out, size);
+}
+
+extern "C" FILE *fopen(const char *path, const char *mode) {
+    if (kit::askFaults("fopen", path, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<FILE *(const char *, const char *)>("fopen");
+    return real(path, mode);
+}
+
+#ifndef KIT_SANITIZED
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
+
+void *malloc(size_t size) noexcept {
+    return kit::allocationFails(size, __builtin_return_address(0)) ? nullptr : __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size) noexcept {
+    return kit::allocationFails(count * size, __builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
+}
+void *realloc(void *block, size_t size) noexcept {
+    return kit::allocationFails(size, __builtin_return_address(0)) ? nullptr : __libc_realloc(block, size);
+}
+char *strdup(const char *text) noexcept {
+    const size_t size = std::strlen(text) + 1;
+    auto *copy =
+        kit::allocationFails(size, __builtin_return_address(0)) ? nullptr : static_cast<char *>(__libc_malloc(size));
+    return copy == nullptr ? nullptr : static_cast<char *>(std::memcpy(copy, text, size));
+}
+}
+#endif

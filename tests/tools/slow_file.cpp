@@ -1,0 +1,163 @@
+#define FUSE_USE_VERSION 31
+#include "tests/tools/slow_file.h"
+
+#include "tests/kit/volumes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <fuse.h>
+#include <mutex>
+#include <sys/mount.h>
+#include <thread>
+#include <unistd.h>
+
+namespace kit {
+
+struct SlowFile::State {
+    std::string directory;
+    int64_t size = 0;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int64_t allowed = 0;
+    bool readWaits = false, closeHeld = false, closeWaits = false;
+    fuse *session = nullptr;
+    std::thread loop;
+};
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{30}; // only a test that fails waits as long
+constexpr const char *kName = "/slow";
+
+} // namespace
+
+// The operations reach the state through the session; they are members for the sake of access to it.
+struct SlowFileOperations {
+    template <class State>
+    static State &state() {
+        return *static_cast<State *>(fuse_get_context()->private_data);
+    }
+
+    template <class State>
+    static int attributes(const char *path, struct stat *out, fuse_file_info *) {
+        *out = {};
+        const bool root = std::strcmp(path, "/") == 0;
+        if (!root && std::strcmp(path, kName) != 0) {
+            return -ENOENT;
+        }
+        out->st_mode = root ? S_IFDIR | 0755 : S_IFREG | 0644;
+        out->st_nlink = 1;
+        out->st_size = root ? 0 : state<State>().size;
+        out->st_blocks = (out->st_size + 511) / 512;
+        return 0;
+    }
+
+    static int open(const char *, fuse_file_info *info) {
+        info->direct_io = 1; // one request for each read, none ahead of it
+        return 0;
+    }
+
+    static int list(const char *, void *names, fuse_fill_dir_t add, off_t, fuse_file_info *, fuse_readdir_flags) {
+        for (const char *const name : {".", "..", kName + 1}) {
+            add(names, name, nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+        }
+        return 0;
+    }
+
+    template <class State>
+    static int read(const char *, char *buffer, size_t size, off_t offset, fuse_file_info *) {
+        State &file = state<State>();
+        const int64_t end = std::min(file.size, offset + static_cast<int64_t>(size));
+        if (end <= offset) {
+            return 0;
+        }
+        std::unique_lock lock(file.mutex);
+        file.readWaits = end > file.allowed;
+        file.changed.notify_all();
+        file.changed.wait(lock, [&] { return end <= file.allowed; });
+        file.readWaits = false;
+        std::memset(buffer, 0, static_cast<size_t>(end - offset));
+        return static_cast<int>(end - offset);
+    }
+
+    template <class State>
+    static int flush(const char *, fuse_file_info *) {
+        State &file = state<State>();
+        std::unique_lock lock(file.mutex);
+        file.closeWaits = file.closeHeld;
+        file.changed.notify_all();
+        file.changed.wait(lock, [&] { return !file.closeHeld; });
+        return 0;
+    }
+};
+
+SlowFile::SlowFile(int64_t size) : m_state(std::make_unique<State>()) {
+    m_state->size = size;
+    m_state->directory = "/tmp/vexofileop-slow-XXXXXX";
+    if (::access("/dev/fuse", R_OK | W_OK) != 0 || ::mkdtemp(m_state->directory.data()) == nullptr) {
+        throw Unavailable{"FUSE cannot be used here"};
+    }
+    fuse_operations operations{};
+    operations.getattr = SlowFileOperations::attributes<State>;
+    operations.readdir = SlowFileOperations::list;
+    operations.open = SlowFileOperations::open;
+    operations.read = SlowFileOperations::read<State>;
+    operations.flush = SlowFileOperations::flush<State>;
+    char name[] = "slow";
+    char *arguments[] = {name, nullptr};
+    fuse_args none = FUSE_ARGS_INIT(1, arguments);
+    m_state->session = fuse_new(&none, &operations, sizeof operations, m_state.get());
+    fuse_opt_free_args(&none);
+    if (m_state->session == nullptr || fuse_mount(m_state->session, m_state->directory.c_str()) != 0) {
+        ::rmdir(m_state->directory.c_str());
+        throw Unavailable{"FUSE cannot mount here"};
+    }
+    m_state->loop = std::thread([session = m_state->session] { fuse_loop(session); });
+}
+
+SlowFile::~SlowFile() {
+    allowAll();
+    ::umount2(m_state->directory.c_str(), MNT_DETACH); // ends the loop
+    m_state->loop.join();
+    fuse_unmount(m_state->session); // finds nothing mounted, and releases its memory
+    fuse_destroy(m_state->session);
+    ::rmdir(m_state->directory.c_str());
+}
+
+std::string SlowFile::path() const {
+    return m_state->directory + kName;
+}
+
+void SlowFile::allow(int64_t bytes) {
+    const std::lock_guard lock(m_state->mutex);
+    m_state->allowed = std::max(m_state->allowed, bytes);
+    m_state->changed.notify_all();
+}
+
+void SlowFile::allowAll() {
+    const std::lock_guard lock(m_state->mutex);
+    m_state->allowed = m_state->size;
+    m_state->closeHeld = false;
+    m_state->changed.notify_all();
+}
+
+void SlowFile::holdClose() {
+    const std::lock_guard lock(m_state->mutex);
+    m_state->closeHeld = true;
+}
+
+bool SlowFile::waitedFor() {
+    std::unique_lock lock(m_state->mutex);
+    return m_state->changed.wait_for(lock, kPatience, [&] { return m_state->readWaits; });
+}
+
+bool SlowFile::closeWaitedFor() {
+    std::unique_lock lock(m_state->mutex);
+    return m_state->changed.wait_for(lock, kPatience, [&] { return m_state->closeWaits; });
+}
+
+} // namespace kit

@@ -1,0 +1,223 @@
+// The tool on a terminal: the progress line, questions, Ctrl-C.
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/slow_file.h"
+#include "tests/tools/tool_process.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <optional>
+#include <unistd.h>
+
+namespace {
+
+using kit::Arguments;
+using kit::ToolOnTerminal;
+using kit::ToolResult;
+
+constexpr int64_t kMiB = 1 << 20;
+constexpr int64_t kSize = 64 * kMiB;
+
+class Terminal : public ::testing::Test {
+  protected:
+    void makeSlowFile() {
+        try {
+            m_slow.emplace(kSize);
+        } catch (const kit::Unavailable &missing) {
+            GTEST_SKIP() << missing.reason;
+        }
+    }
+    kit::SlowFile &slow() { return *m_slow; }
+    // Lets the copy run on, bit by bit, until `tool` shows `text`.
+    bool advancesUntil(ToolOnTerminal &tool, const std::string &text) {
+        while (m_allowed < kSize) {
+            slow().allow(m_allowed += kMiB);
+            ::usleep(20'000);
+            if (tool.screen().find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return tool.shows(text);
+    }
+    std::string target() const { return scratch / "copy"; }
+
+    kit::ScratchDirectory scratch;
+
+  private:
+    std::optional<kit::SlowFile> m_slow;
+    int64_t m_allowed = 0;
+};
+
+#define MAKE_SLOW_FILE()                                                                                               \
+    makeSlowFile();                                                                                                    \
+    if (IsSkipped()) {                                                                                                 \
+        return;                                                                                                        \
+    }
+
+TEST_F(Terminal, LongWorkShowsAProgressLineAndTakesItAwayAtTheEnd) {
+    MAKE_SLOW_FILE();
+    ToolOnTerminal tool({"copy", slow().path(), target()});
+    ASSERT_TRUE(advancesUntil(tool, "of 64 MiB"));
+    EXPECT_TRUE(tool.shows("]  "));
+    slow().allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(result.out.ends_with("\r\x1b[K")) << result.out;
+    EXPECT_EQ(kSize, kit::statOf(target()).st_size);
+}
+
+TEST_F(Terminal, ProgressLineFollowsTheWidthOfTheWindow) {
+    MAKE_SLOW_FILE();
+    ToolOnTerminal tool({"copy", slow().path(), target()}, 24);
+    ASSERT_TRUE(advancesUntil(tool, "of 64 MiB"));
+    EXPECT_EQ(std::string::npos, tool.screen().find('[' + std::string("="))) << tool.screen();
+    tool.resize(100);
+    EXPECT_TRUE(advancesUntil(tool, "/s"));
+    EXPECT_TRUE(tool.shows("]  "));
+    slow().allowAll();
+    EXPECT_EQ(0, tool.finish().status);
+}
+
+TEST_F(Terminal, ShortWorkShowsNone) {
+    kit::writeFile(scratch / "file", "content");
+    ToolOnTerminal tool({"copy", scratch / "file", target()});
+    EXPECT_EQ("", tool.finish().out);
+}
+
+TEST_F(Terminal, NoProgressLineWhereItIsNotWanted) {
+    MAKE_SLOW_FILE();
+    for (const auto &[option, term] : {std::pair("--no-progress", "xterm"), {"--json", "xterm"}, {"-v", "dumb"}}) {
+        ToolOnTerminal tool({"copy", "-f", option, slow().path(), target()}, 80, term);
+        ASSERT_FALSE(tool.screen().find("MiB") != std::string::npos);
+        // Longer than the moment after which the line would come.
+        for (int64_t at = 1; at <= 8; ++at) {
+            slow().allow(at * 8 * kMiB);
+            ::usleep(100'000);
+        }
+        const ToolResult result = tool.finish();
+        EXPECT_EQ(0, result.status) << option;
+        EXPECT_EQ(std::string::npos, result.out.find("of 64 MiB")) << result.out;
+    }
+}
+
+TEST_F(Terminal, CtrlCStopsTheCopyAndLeavesNoHalfFile) {
+    MAKE_SLOW_FILE();
+    slow().allow(9 * kMiB);
+    ToolOnTerminal tool({"copy", slow().path(), target()});
+    ASSERT_TRUE(slow().waitedFor());
+    ASSERT_TRUE(kit::exists(target()));
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT));
+    slow().allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(130, result.status);
+    EXPECT_FALSE(result.killed);
+    EXPECT_NE(std::string::npos, result.out.find("vexofileop: stopped; 0 of 1 files copied")) << result.out;
+    EXPECT_TRUE(kit::namesIn(scratch.path()).empty());
+}
+
+TEST_F(Terminal, TerminationStopsTheSameWay) {
+    MAKE_SLOW_FILE();
+    slow().allow(9 * kMiB);
+    ToolOnTerminal tool({"copy", "--json", slow().path(), target()});
+    ASSERT_TRUE(slow().waitedFor());
+    tool.send(SIGTERM);
+    ASSERT_TRUE(tool.hasPending(SIGTERM));
+    slow().allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(143, result.status);
+    EXPECT_NE(std::string::npos, result.out.find("\"status\":\"cancelled\"")) << result.out;
+    EXPECT_NE(std::string::npos, result.out.find("\"cancelled\":true,\"exit_status\":143")) << result.out;
+    EXPECT_TRUE(kit::namesIn(scratch.path()).empty());
+}
+
+TEST_F(Terminal, StopLeavesLaterFilesAlone) {
+    MAKE_SLOW_FILE();
+    kit::writeFile(scratch / "other", "x");
+    ASSERT_EQ(0, ::mkdir((scratch / "into").c_str(), 0755));
+    slow().allow(9 * kMiB);
+    ToolOnTerminal tool({"copy", slow().path(), scratch / "other", scratch / "into"});
+    ASSERT_TRUE(slow().waitedFor());
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT));
+    slow().allowAll();
+    EXPECT_EQ(130, tool.finish().status);
+    EXPECT_TRUE(kit::namesIn(scratch / "into").empty());
+}
+
+TEST_F(Terminal, SecondCtrlCEndsAtOnce) {
+    MAKE_SLOW_FILE();
+    slow().allow(9 * kMiB);
+    slow().holdClose();
+    ToolOnTerminal tool({"copy", slow().path(), target()});
+    ASSERT_TRUE(slow().waitedFor());
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT));
+    slow().allow(kSize); // closing the source still waits
+    ASSERT_TRUE(slow().closeWaitedFor());
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT)); // a process that waits for FUSE ends when FUSE lets go of it
+    slow().allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_TRUE(result.killed);
+    EXPECT_EQ(130, result.status);
+}
+
+TEST_F(Terminal, CancelledMoveKeepsTheSource) {
+    MAKE_SLOW_FILE();
+    slow().allow(9 * kMiB);
+    ToolOnTerminal tool({"move", slow().path(), target()});
+    ASSERT_TRUE(slow().waitedFor());
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT));
+    slow().allowAll();
+    EXPECT_EQ(130, tool.finish().status);
+    EXPECT_TRUE(kit::exists(slow().path()));
+    EXPECT_FALSE(kit::exists(target()));
+}
+
+class Question : public Terminal {
+  protected:
+    Question() {
+        kit::writeFile(scratch / "file", "new");
+        kit::writeFile(target(), "old");
+        m_tool.emplace(Arguments{"copy", "-i", scratch / "file", target()});
+    }
+    ToolOnTerminal &tool() { return *m_tool; }
+    void asked() { ASSERT_TRUE(tool().shows("replace " + target() + "? [y/N] ")) << tool().screen(); }
+
+  private:
+    std::optional<ToolOnTerminal> m_tool;
+};
+
+TEST_F(Question, YesReplaces) {
+    asked();
+    tool().type("y\n");
+    EXPECT_EQ(0, tool().finish().status);
+    EXPECT_EQ("new", kit::readFile(target()));
+}
+
+TEST_F(Question, NoAndReturnLeaveItAndAreASuccess) {
+    asked();
+    tool().type("\n");
+    EXPECT_EQ(0, tool().finish().status);
+    EXPECT_EQ("old", kit::readFile(target()));
+}
+
+TEST_F(Question, EndOfInputIsANo) {
+    asked();
+    tool().type("\x04");
+    EXPECT_EQ(0, tool().finish().status);
+    EXPECT_EQ("old", kit::readFile(target()));
+}
+
+TEST_F(Question, CtrlCAtTheQuestionStops) {
+    asked();
+    tool().type("\x03");
+    const ToolResult result = tool().finish();
+    EXPECT_EQ(130, result.status);
+    EXPECT_NE(std::string::npos, result.out.find("stopped; 0 of 1 files copied")) << result.out;
+    EXPECT_EQ("old", kit::readFile(target()));
+}
+
+} // namespace

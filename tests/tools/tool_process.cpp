@@ -1,0 +1,213 @@
+#include "tests/tools/tool_process.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <pty.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace kit {
+namespace {
+
+constexpr int kPatienceSteps = 300; // of 100 ms: only a test that fails waits as long
+
+[[noreturn]] void execute(const Arguments &arguments) {
+    std::vector<char *> pointers;
+    std::string program = VEXOFILEOP_TOOL;
+    pointers.push_back(program.data());
+    for (const std::string &argument : arguments) {
+        pointers.push_back(const_cast<char *>(argument.c_str()));
+    }
+    pointers.push_back(nullptr);
+    ::execv(program.c_str(), pointers.data());
+    ::_exit(126);
+}
+
+ToolResult resultOf(int waitStatus, std::string out, std::string err) {
+    const bool killed = WIFSIGNALED(waitStatus);
+    const int status = killed ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+    return {status, killed, std::move(out), std::move(err)};
+}
+
+struct Pipe {
+    int end[2];
+    Pipe() {
+        if (::pipe2(end, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe");
+        }
+    }
+    void close(int which) {
+        ::close(end[which]);
+        end[which] = -1;
+    }
+};
+
+void drain(int out, int err, std::string &outText, std::string &errText) {
+    std::array<pollfd, 2> waited{{{out, POLLIN, 0}, {err, POLLIN, 0}}};
+    while (waited[0].fd >= 0 || waited[1].fd >= 0) {
+        ::poll(waited.data(), waited.size(), -1);
+        for (size_t at = 0; at < waited.size(); ++at) {
+            if (waited[at].fd < 0 || waited[at].revents == 0) {
+                continue;
+            }
+            char buffer[4096];
+            const ssize_t count = ::read(waited[at].fd, buffer, sizeof buffer);
+            if (count > 0) {
+                (at == 0 ? outText : errText).append(buffer, static_cast<size_t>(count));
+            } else {
+                waited[at].fd = -1;
+            }
+        }
+    }
+}
+
+void becomeChild(const ToolSetting &setting, Pipe &input, Pipe &out, Pipe &err) {
+    ::dup2(input.end[0], STDIN_FILENO);
+    ::dup2(err.end[1], STDERR_FILENO);
+    ::dup2(out.end[1], STDOUT_FILENO);
+    if (!setting.outputTo.empty()) {
+        ::dup2(::open(setting.outputTo.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666), STDOUT_FILENO);
+    }
+    if (::chdir(setting.directory.c_str()) != 0 ||
+        (setting.user != 0 && (::setgid(setting.user) != 0 || ::setuid(setting.user) != 0))) {
+        ::_exit(125);
+    }
+}
+
+} // namespace
+
+ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
+    std::signal(SIGPIPE, SIG_IGN); // The tool may end without having read its input.
+    Pipe input, out, err;
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        std::signal(SIGPIPE, SIG_DFL);
+        if (setting.outputGone) {
+            out.close(0);
+        }
+        becomeChild(setting, input, out, err);
+        execute(arguments);
+    }
+    input.close(0);
+    out.close(1);
+    err.close(1);
+    if (setting.outputGone) {
+        out.close(0);
+    }
+    (void)!::write(input.end[1], setting.input.data(), setting.input.size());
+    input.close(1);
+    std::string outText, errText;
+    drain(out.end[0], err.end[0], outText, errText);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    if (out.end[0] >= 0) {
+        out.close(0);
+    }
+    err.close(0);
+    return resultOf(status, outText, errText);
+}
+
+ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term) {
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = static_cast<unsigned short>(columns);
+    m_pid = ::forkpty(&m_terminal, nullptr, nullptr, &size);
+    if (m_pid < 0) {
+        throw std::runtime_error("forkpty");
+    }
+    if (m_pid == 0) {
+        ::setenv("TERM", term.c_str(), 1);
+        execute(arguments);
+    }
+}
+
+ToolOnTerminal::~ToolOnTerminal() {
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+    ::close(m_terminal);
+}
+
+void ToolOnTerminal::type(const std::string &keys) {
+    (void)!::write(m_terminal, keys.data(), keys.size());
+}
+
+void ToolOnTerminal::resize(int columns) {
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = static_cast<unsigned short>(columns);
+    ::ioctl(m_terminal, TIOCSWINSZ, &size);
+}
+
+bool ToolOnTerminal::receive(int milliseconds) {
+    pollfd waited{m_terminal, POLLIN, 0};
+    char buffer[4096];
+    if (::poll(&waited, 1, milliseconds) <= 0) {
+        return true;
+    }
+    const ssize_t count = ::read(m_terminal, buffer, sizeof buffer);
+    if (count > 0) {
+        m_screen.append(buffer, static_cast<size_t>(count));
+    }
+    return count > 0; // EIO: the other side is closed
+}
+
+bool ToolOnTerminal::shows(const std::string &text) {
+    for (int step = 0; step < kPatienceSteps; ++step) {
+        if (m_screen.find(text) != std::string::npos) {
+            return true;
+        }
+        if (!receive(100)) {
+            break;
+        }
+    }
+    return m_screen.find(text) != std::string::npos;
+}
+
+const std::string &ToolOnTerminal::screen() {
+    receive(0);
+    return m_screen;
+}
+
+bool ToolOnTerminal::hasPending(int signal) const {
+    constexpr int kSteps = 300;
+    for (int step = 0; step < kSteps; ++step) {
+        std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigPnd:") || line.starts_with("ShdPnd:")) {
+                const unsigned long long mask = std::strtoull(line.c_str() + 7, nullptr, 16);
+                if ((mask >> (signal - 1) & 1) != 0) {
+                    return true;
+                }
+            }
+        }
+        ::usleep(10'000);
+    }
+    // Taken already: the process was not waiting in the kernel just then. What it does with it, the test sees.
+    return ::kill(m_pid, 0) == 0;
+}
+
+void ToolOnTerminal::send(int signal) const {
+    ::kill(m_pid, signal);
+}
+
+ToolResult ToolOnTerminal::finish() {
+    for (int step = 0; step < kPatienceSteps && receive(100); ++step) {
+    }
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    m_pid = -1;
+    return resultOf(status, m_screen, "");
+}
+
+} // namespace kit

@@ -1,0 +1,56 @@
+// Runs the tool as its users do: from a script, or on a terminal.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace kit {
+
+using Arguments = std::vector<std::string>;
+
+struct ToolResult {
+    int status; // exit status; 128 and the signal's number for one that a signal ended
+    bool killed;
+    std::string out, err;
+};
+
+struct ToolSetting {
+    std::string input = {};
+    uid_t user = 0;              // 0: the one of the test
+    std::string directory = "/"; // working directory
+    bool outputGone = false;     // stdout is a pipe that nobody reads
+    std::string outputTo = {};   // stdout is this file; `out` stays empty
+};
+
+// Runs it to its end with pipes for stdin, stdout and stderr.
+ToolResult runTool(const Arguments &arguments, const ToolSetting &setting = {});
+
+// The tool on a pseudo-terminal of its own. What it writes to stdout and stderr arrives on one screen.
+class ToolOnTerminal {
+  public:
+    explicit ToolOnTerminal(const Arguments &arguments, int columns = 80, const std::string &term = "xterm");
+    ToolOnTerminal(const ToolOnTerminal &) = delete;
+    ToolOnTerminal &operator=(const ToolOnTerminal &) = delete;
+    ~ToolOnTerminal();
+
+    void type(const std::string &keys); // "\x03" is Ctrl-C
+    void resize(int columns);
+    // Waits until the screen has received `text`; false when it does not come.
+    bool shows(const std::string &text);
+    // Reads what has arrived so far, without waiting.
+    const std::string &screen();
+    void forget() { m_screen.clear(); }
+    // Waits until a signal is on its way to the process, or has been taken by it. False: there is no such process.
+    bool hasPending(int signal) const;
+    void send(int signal) const;
+    ToolResult finish(); // everything on the screen is in `out`
+
+  private:
+    bool receive(int milliseconds);
+    pid_t m_pid;
+    int m_terminal;
+    std::string m_screen;
+};
+
+} // namespace kit

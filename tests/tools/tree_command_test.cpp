@@ -1,0 +1,484 @@
+// vexofileop copy -r, move, remove and relocate on trees: what happens to every entry, and what is said about it.
+#include "tests/ea/stream_bytes.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/slow_file.h"
+#include "tests/tools/tool_process.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+std::string linkTarget(const std::string &path) {
+    char target[4096] = "";
+    return ::readlink(path.c_str(), target, sizeof target - 1) < 0 ? "(no link)" : target;
+}
+
+void makeDirectory(const std::string &path, mode_t mode = 0755) {
+    ASSERT_EQ(0, ::mkdir(path.c_str(), mode));
+}
+
+void makeLink(const std::string &target, const std::string &path) {
+    ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str()));
+}
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+class Tree : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        makeDirectory(from);
+        makeDirectory(from + "/sub", 0750);
+        kit::writeFile(from + "/one", "1");
+        kit::writeFile(from + "/sub/two", "22");
+        makeLink("sub/two", from + "/link");
+    }
+    // A store beside `path`, as the library writes one.
+    static void giveStore(const std::string &path) {
+        const size_t slash = path.rfind('/');
+        const std::string directory = path.substr(0, slash) + "/@eaDir";
+        ::mkdir(directory.c_str(), 0777);
+        kit::writeFile(directory + path.substr(slash) + "@VexoEAStream", stream::bytes({{"comment", "kept"}}));
+    }
+    static std::string storeOf(const std::string &path) {
+        const size_t slash = path.rfind('/');
+        return path.substr(0, slash) + "/@eaDir" + path.substr(slash) + "@VexoEAStream";
+    }
+    void expectWholeTree(const std::string &at) const {
+        EXPECT_EQ("1", kit::readFile(at + "/one"));
+        EXPECT_EQ("22", kit::readFile(at + "/sub/two"));
+        EXPECT_EQ("sub/two", linkTarget(at + "/link"));
+        EXPECT_EQ(0750u, kit::statOf(at + "/sub").st_mode & 07777);
+    }
+
+    kit::ScratchDirectory scratch;
+    const std::string from = scratch / "from", to = scratch / "to";
+};
+using CopyTree = Tree;
+using MoveTree = Tree;
+using RemoveTree = Tree;
+using Relocate = Tree;
+
+// A volume of another kind than the scratch directory's, or a skip.
+#define ANOTHER_VOLUME(name)                                                                                           \
+    std::optional<kit::Volume> name;                                                                                   \
+    try {                                                                                                              \
+        name.emplace(kit::Volume::tmpfs(4 << 20));                                                                     \
+    } catch (const kit::Unavailable &missing) {                                                                        \
+        GTEST_SKIP() << missing.reason;                                                                                \
+    }
+
+TEST_F(CopyTree, EverythingArrivesAndIsCounted) {
+    const timespec times[2] = {{1000, 0}, {2000, 5}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/sub").c_str(), times, 0));
+    const ToolResult result = runTool({"copy", "-r", from, to});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("", result.err);
+    EXPECT_EQ("3 files and 2 directories copied (3 B), 0 skipped, 0 failed, 0 cloned\n", result.out);
+    expectWholeTree(to);
+    EXPECT_EQ(2000, kit::statOf(to + "/sub").st_mtim.tv_sec);
+    expectWholeTree(from);
+}
+
+TEST_F(CopyTree, GoesIntoAnExistingDirectory) {
+    makeDirectory(to);
+    EXPECT_EQ(0, runTool({"copy", "-r", from, to}).status);
+    expectWholeTree(to + "/from");
+}
+
+TEST_F(CopyTree, DotMeansWhatTheDirectoryHoldsAndDotDotIsRefused) {
+    makeDirectory(to);
+    EXPECT_EQ(0, runTool({"copy", "-r", from + "/.", to}).status);
+    expectWholeTree(to);
+    EXPECT_EQ(0, runTool({"copy", "-rf", ".", to}, {.directory = from}).status);
+    EXPECT_EQ((std::vector<std::string>{"link", "one", "sub"}), kit::namesIn(to));
+    EXPECT_EQ(2, runTool({"copy", "-r", from + "/sub/..", to}).status);
+    EXPECT_EQ(2, runTool({"move", from + "/.", to}).status);
+    expectWholeTree(from);
+}
+
+TEST_F(CopyTree, ReadOnlyDirectoryIsFilledAndReadOnlyAgain) {
+    ASSERT_EQ(0, ::chmod((from + "/sub").c_str(), 0550));
+    EXPECT_EQ(0, runTool({"copy", "-r", from, to}).status);
+    EXPECT_EQ("22", kit::readFile(to + "/sub/two"));
+    EXPECT_EQ(0550u, kit::statOf(to + "/sub").st_mode & 07777);
+}
+
+TEST_F(CopyTree, StoresGoWithTheirFiles) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root: a store's directory is made as root";
+    }
+    giveStore(from + "/sub/two");
+    EXPECT_EQ(0, runTool({"copy", "-r", from, to}).status);
+    EXPECT_EQ(stream::bytes({{"comment", "kept"}}), kit::readFile(storeOf(to + "/sub/two")));
+}
+
+TEST_F(CopyTree, StoreThatCouldNotGoAlongIsTold) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become another user";
+    }
+    giveStore(from + "/one");
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+    const ToolResult result = runTool({"copy", from + "/one", to}, {.user = 65534});
+    if (result.status >= 125) {
+        GTEST_SKIP() << "the program cannot be reached by another user here";
+    }
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("vexofileop: " + from + "/one -> " + to +
+                  ": copied without the extended metadata that is kept beside it, since making its directory needs "
+                  "root\n",
+              result.err);
+    EXPECT_EQ("1", kit::readFile(to));
+}
+
+TEST_F(CopyTree, PoliciesHoldForFilesAndLinksInside) {
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    kit::writeFile(to + "/from/one", "old");
+    makeLink("elsewhere", to + "/from/link");
+    const ToolResult refused = runTool({"copy", "-r", from, to});
+    EXPECT_EQ(1, refused.status);
+    EXPECT_TRUE(mentions(refused.err, from + "/one -> " + to + "/from/one: destination exists (0xA300)\n"));
+    EXPECT_TRUE(mentions(refused.err, from + "/link -> " + to + "/from/link: destination exists (0xA300)\n"));
+    EXPECT_EQ("22", kit::readFile(to + "/from/sub/two"));
+
+    const ToolResult skipped = runTool({"copy", "-rn", from, to});
+    EXPECT_EQ(0, skipped.status);
+    EXPECT_TRUE(mentions(skipped.err, from + "/one -> " + to + "/from/one: skipped, destination exists\n"));
+    EXPECT_TRUE(mentions(skipped.out, "3 skipped, 0 failed"));
+    EXPECT_EQ("elsewhere", linkTarget(to + "/from/link"));
+
+    EXPECT_EQ(0, runTool({"copy", "-r", "--keep-both", from, to}).status);
+    EXPECT_EQ("1", kit::readFile(to + "/from/one (1)"));
+    EXPECT_EQ("old", kit::readFile(to + "/from/one"));
+    EXPECT_EQ(0, runTool({"copy", "-ri", from, to}, {.input = "n\nn\nn\n"}).status);
+    EXPECT_EQ("old", kit::readFile(to + "/from/one"));
+    EXPECT_EQ(0, runTool({"copy", "-rf", from, to}).status);
+    expectWholeTree(to + "/from");
+}
+
+TEST_F(CopyTree, WhatCannotBeCopiedIsNamedAndTheRestArrives) {
+    ASSERT_EQ(0, ::mkfifo((from + "/pipe").c_str(), 0600));
+    kit::writeFile(from + "/._stray", "x");
+    makeDirectory(from + "/@tmp");
+    const ToolResult result = runTool({"copy", "-r", from, to});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, from + "/pipe: is a named pipe, which cannot be copied\n"));
+    EXPECT_TRUE(mentions(result.err, from + "/._stray: "));
+    EXPECT_TRUE(mentions(result.err, from + "/@tmp: skipped, belongs to the system\n"));
+    EXPECT_EQ("3 files and 2 directories copied (3 B), 1 skipped, 2 failed, 0 cloned\n", result.out);
+    expectWholeTree(to);
+}
+
+TEST_F(CopyTree, LinksThatTheVolumeCannotHoldAreNamedAndTheRestArrives) {
+    makeDirectory(to);
+    ::setenv("VEXOFILEOP_FSTYPES", (to + "=0").c_str(), 1);
+    const ToolResult result = runTool({"copy", "-r", from, to});
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("vexofileop: " + from + "/link: is a symbolic link, which the destination's volume cannot hold\n",
+              result.err);
+    EXPECT_EQ("1", kit::readFile(to + "/from/one"));
+    EXPECT_EQ("22", kit::readFile(to + "/from/sub/two"));
+}
+
+TEST_F(CopyTree, StopOnErrorEndsAtTheFirstFailure) {
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    for (const char *name : {"one", "link", "sub"}) {
+        kit::writeFile(to + "/from/" + name, "in the way");
+    }
+    const ToolResult result = runTool({"copy", "-r", "--stop-on-error", from, to});
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '>'));
+    EXPECT_TRUE(mentions(result.err, "vexofileop: stopped at the first failure (--stop-on-error)\n"));
+}
+
+TEST_F(CopyTree, IntoItselfIsRefusedBeforeAnythingIsWritten) {
+    makeLink(from + "/sub", scratch / "alias");
+    for (const std::string &place : {from + "/new", from + "/sub/new", scratch / "alias/new", from + "/sub/.."}) {
+        for (const char *command : {"copy", "move"}) {
+            const ToolResult result =
+                command[0] == 'c' ? runTool({"copy", "-r", from, place}) : runTool({"move", from, place});
+            EXPECT_EQ(2, result.status) << place;
+            EXPECT_TRUE(mentions(result.err, "a directory cannot be ")) << result.err;
+        }
+    }
+    EXPECT_EQ((std::vector<std::string>{"link", "one", "sub"}), kit::namesIn(from));
+    EXPECT_EQ((std::vector<std::string>{"two"}), kit::namesIn(from + "/sub"));
+}
+
+TEST_F(CopyTree, LinkInThePlaceOfADirectoryIsNotFollowed) {
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    makeDirectory(scratch / "elsewhere");
+    makeLink(scratch / "elsewhere", to + "/from/sub");
+    const ToolResult result = runTool({"copy", "-rf", from, to});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "the destination is a symbolic link, not a directory (0xA000)\n"));
+    EXPECT_TRUE(kit::namesIn(scratch / "elsewhere").empty());
+}
+
+TEST_F(CopyTree, SourcesOfOneNameAreNotMixed) {
+    makeDirectory(scratch / "other");
+    makeDirectory(scratch / "other/from");
+    kit::writeFile(scratch / "other/from/three", "3");
+    makeDirectory(to);
+    const ToolResult result = runTool({"copy", "-rf", from, scratch / "other/from", to});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "just written by this command; not merged"));
+    EXPECT_FALSE(kit::exists(to + "/from/three"));
+    expectWholeTree(to + "/from");
+}
+
+TEST_F(CopyTree, DepthCostsNoDescriptors) {
+    std::string deep = from;
+    for (int level = 0; level < 300; ++level) {
+        deep += "/d";
+        makeDirectory(deep);
+    }
+    kit::writeFile(deep + "/leaf", "leaf");
+    rlimit before{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit soft{64, before.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &soft));
+    const ToolResult copied = runTool({"copy", "-r", from, to});
+    const ToolResult removed = runTool({"remove", "-r", to});
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(0, copied.status) << copied.err;
+    EXPECT_EQ("leaf", kit::readFile(deep + "/leaf"));
+    EXPECT_EQ(0, removed.status) << removed.err;
+    EXPECT_FALSE(kit::exists(to));
+}
+
+TEST_F(CopyTree, JsonTellsEachEntryAndASummary) {
+    const ToolResult result = runTool({"copy", "-r", "--json", from, to});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(6, std::count(result.out.begin(), result.out.end(), '\n')) << result.out;
+    EXPECT_TRUE(
+        mentions(result.out, R"({"event":"link","operation":"copy","status":"done","source":")" + from + "/link"));
+    EXPECT_TRUE(mentions(result.out, R"({"event":"directory","operation":"copy","status":"done","source":")" + from));
+    EXPECT_TRUE(mentions(result.out,
+                         R"({"event":"summary","operation":"copy","files":3,"directories":2,"done":3,)"
+                         R"("skipped":0,"failed":0,"cloned":0,"bytes":3,"cancelled":false,"exit_status":0})"));
+}
+
+TEST_F(CopyTree, CtrlCLeavesNoHalfFileAndTellsWhatWasCopied) {
+    std::optional<kit::SlowFile> slow;
+    try {
+        slow.emplace(64 << 20);
+    } catch (const kit::Unavailable &missing) {
+        GTEST_SKIP() << missing.reason;
+    }
+    const std::string path = slow->path();
+    const std::string directory = path.substr(0, path.rfind('/'));
+    slow->allow(9 << 20);
+    kit::ToolOnTerminal tool({"copy", "-r", "--no-progress", directory, to});
+    ASSERT_TRUE(slow->waitedFor());
+    tool.type("\x03");
+    ASSERT_TRUE(tool.hasPending(SIGINT));
+    slow->allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(130, result.status);
+    EXPECT_TRUE(mentions(result.out, "stopped; 0 files copied")) << result.out;
+    EXPECT_TRUE(kit::namesIn(to).empty());
+}
+
+TEST_F(MoveTree, IsOneRenameOnOneVolume) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    giveStore(from);
+    const ino_t inode = kit::statOf(from + "/one").st_ino;
+    EXPECT_EQ(0, runTool({"move", from, to}).status);
+    EXPECT_FALSE(kit::exists(from));
+    EXPECT_EQ(inode, kit::statOf(to + "/one").st_ino);
+    expectWholeTree(to);
+    EXPECT_TRUE(kit::exists(storeOf(to)));
+    EXPECT_FALSE(kit::exists(storeOf(from)));
+}
+
+TEST_F(MoveTree, LinksTakeTheirStoreAlong) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    makeLink("one", from + "/moved");
+    giveStore(from + "/moved");
+    EXPECT_EQ(0, runTool({"move", from + "/moved", from + "/renamed"}).status);
+    EXPECT_TRUE(kit::exists(storeOf(from + "/renamed")));
+    EXPECT_FALSE(kit::exists(storeOf(from + "/moved")));
+}
+
+TEST_F(MoveTree, AcrossVolumesNothingStaysBehind) {
+    ANOTHER_VOLUME(volume);
+    giveStore(from + "/one");
+    const ToolResult result = runTool({"move", from, *volume / "there"});
+    EXPECT_EQ(0, result.status) << result.err;
+    expectWholeTree(*volume / "there");
+    EXPECT_TRUE(kit::exists(storeOf(*volume / "there/one")));
+    EXPECT_FALSE(kit::exists(from));
+}
+
+TEST_F(MoveTree, AcrossVolumesWhatCannotGoStaysAndIsNamed) {
+    ANOTHER_VOLUME(volume);
+    ASSERT_EQ(0, ::mkfifo((from + "/pipe").c_str(), 0600));
+    const ToolResult result = runTool({"move", from, *volume / "there"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "a named pipe cannot be moved to another volume\n"));
+    EXPECT_TRUE(mentions(result.err, from + ": the source directory stays, with what was not moved\n"));
+    EXPECT_EQ((std::vector<std::string>{"pipe"}), kit::namesIn(from));
+    expectWholeTree(*volume / "there");
+}
+
+TEST_F(MoveTree, MergesAndKeepsWhatIsInTheWay) {
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    kit::writeFile(to + "/from/one", "old");
+    EXPECT_EQ(1, runTool({"move", from, to}).status);
+    EXPECT_EQ("old", kit::readFile(to + "/from/one"));
+    EXPECT_EQ("1", kit::readFile(from + "/one"));
+    EXPECT_EQ("22", kit::readFile(to + "/from/sub/two"));
+    EXPECT_EQ((std::vector<std::string>{"one"}), kit::namesIn(from));
+    EXPECT_EQ(0, runTool({"move", "-f", from, to}).status);
+    expectWholeTree(to + "/from");
+    EXPECT_FALSE(kit::exists(from));
+}
+
+TEST_F(RemoveTree, FileGoesWithItsStore) {
+    giveStore(from + "/one");
+    giveStore(from + "/two");
+    const ToolResult result = runTool({"remove", "-v", from + "/one"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(from + "/one\n", result.out);
+    EXPECT_FALSE(kit::exists(from + "/one"));
+    EXPECT_FALSE(kit::exists(storeOf(from + "/one")));
+    EXPECT_TRUE(kit::exists(storeOf(from + "/two")));
+}
+
+TEST_F(RemoveTree, TreeGoesWithAllStoresAndLinksAreNotFollowed) {
+    makeDirectory(scratch / "elsewhere");
+    kit::writeFile(scratch / "elsewhere/precious", "p");
+    makeLink(scratch / "elsewhere", from + "/out");
+    giveStore(from);
+    giveStore(from + "/one");
+    giveStore(from + "/gone long ago");
+    const ToolResult result = runTool({"remove", "-r", from});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("6 removed, 0 kept, 0 failed\n", result.out);
+    EXPECT_FALSE(kit::exists(from));
+    EXPECT_FALSE(kit::exists(storeOf(from)));
+    EXPECT_EQ("p", kit::readFile(scratch / "elsewhere/precious"));
+}
+
+TEST_F(RemoveTree, DirectoryNeedsTheOptionAndSomePathsAreNeverRemoved) {
+    const ToolResult result = runTool({"remove", from});
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ("vexofileop: " + from + ": is a directory; -r removes it with everything in it\n", result.err);
+    for (const char *path : {"/", "//", ".", "..", "sub/..", "sub/.", "./", "../"}) {
+        const ToolResult refused = runTool({"remove", "-rf", path}, {.directory = from});
+        EXPECT_EQ(2, refused.status) << path;
+        EXPECT_TRUE(mentions(refused.err, "never removed")) << path;
+    }
+    makeLink("sub", from + "/alias");
+    EXPECT_EQ(2, runTool({"remove", "-r", from + "/alias/"}).status);
+    expectWholeTree(from);
+}
+
+TEST_F(RemoveTree, MissingIsAFailureUnlessForced) {
+    const ToolResult result = runTool({"remove", scratch / "none", from + "/one"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("vexofileop: " + (scratch / "none") + ": no such file (0x0700)\n", result.err);
+    EXPECT_FALSE(kit::exists(from + "/one"));
+    EXPECT_EQ(0, runTool({"remove", "-f", scratch / "none"}).status);
+    EXPECT_EQ(0, runTool({"remove", "-f"}).status);
+}
+
+TEST_F(RemoveTree, AsksBeforeEachAndKeepsWhatIsDenied) {
+    const ToolResult result = runTool({"remove", "-ri", from + "/sub", from + "/one"}, {.input = "y\nn\ny\n"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("22", kit::readFile(from + "/sub/two"));
+    EXPECT_FALSE(kit::exists(from + "/one"));
+    EXPECT_TRUE(mentions(result.out, "1 removed, 1 kept, 0 failed"));
+}
+
+TEST_F(RemoveTree, JsonTellsEachEntryAndASummary) {
+    const ToolResult result = runTool({"remove", "--json", from + "/one", from});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("{\"event\":\"file\",\"operation\":\"remove\",\"status\":\"done\",\"path\":\"" + from +
+                  "/one\"}\n{\"event\":\"directory\",\"operation\":\"remove\",\"status\":\"failed\",\"path\":\"" +
+                  from +
+                  "\",\"error\":{\"reason\":\"is a directory; -r removes it with everything in it\"}}\n"
+                  "{\"event\":\"summary\",\"operation\":\"remove\",\"done\":1,\"skipped\":0,\"failed\":1,"
+                  "\"cancelled\":false,\"exit_status\":1}\n",
+              result.out);
+}
+
+TEST_F(Relocate, TakesThePlaceOfTheDestination) {
+    makeDirectory(to);
+    kit::writeFile(to + "/old", "x");
+    const ToolResult result = runTool({"relocate", "-y", from, to});
+    EXPECT_EQ(0, result.status) << result.err;
+    expectWholeTree(to);
+    EXPECT_EQ(0755u, kit::statOf(to).st_mode & 07777);
+    EXPECT_FALSE(kit::exists(to + "/old"));
+    EXPECT_FALSE(kit::exists(from));
+    EXPECT_FALSE(kit::exists(scratch / "@tmp"));
+}
+
+TEST_F(Relocate, KeepsTheSourceWhereThatIsAskedOrSomethingWouldBeLost) {
+    EXPECT_EQ(0, runTool({"relocate", "-y", "--keep-source", from, to}).status);
+    expectWholeTree(from);
+    expectWholeTree(to);
+    ASSERT_EQ(0, ::mkfifo((from + "/sub/pipe").c_str(), 0600));
+    const ToolResult result = runTool({"relocate", "-y", from, to});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, from + "/sub/pipe: is a named pipe, which cannot be copied\n"));
+    EXPECT_TRUE(mentions(result.err, "1 entry is not in it, so " + from + " stays as it is\n"));
+    expectWholeTree(from);
+}
+
+TEST_F(Relocate, SaysWhatItDoesAndNeedsConsent) {
+    makeDirectory(to);
+    const ToolResult script = runTool({"relocate", from, to}, {.input = "y\n"});
+    EXPECT_EQ(2, script.status);
+    EXPECT_TRUE(mentions(script.err, "  2. " + to + " IS REMOVED WITH EVERYTHING IN IT.\n"));
+    EXPECT_TRUE(mentions(script.err, "-y goes ahead without asking\n"));
+    expectWholeTree(from);
+    kit::ToolOnTerminal denied({"relocate", from, to});
+    ASSERT_TRUE(denied.shows("go ahead? [y/N] "));
+    denied.type("n\n");
+    EXPECT_EQ(2, denied.finish().status);
+    expectWholeTree(from);
+    kit::ToolOnTerminal agreed({"relocate", from, to});
+    ASSERT_TRUE(agreed.shows("go ahead? [y/N] "));
+    agreed.type("y\n");
+    EXPECT_EQ(0, agreed.finish().status);
+    expectWholeTree(to);
+}
+
+TEST_F(Relocate, PlacesThatWouldDestroyTheSourceAreRefused) {
+    makeDirectory(scratch / "@tmp");
+    makeDirectory(scratch / "@tmp/share");
+    for (const auto &[source, destination] : {std::pair(from, from),
+                                              {from, from + "/sub/new"},
+                                              {from + "/sub", from},
+                                              {scratch / "@tmp/share", to},
+                                              {from + "/one", to},
+                                              {from, scratch / "none/to"}}) {
+        EXPECT_EQ(2, runTool({"relocate", "-y", source, destination}).status) << source << " " << destination;
+    }
+    expectWholeTree(from);
+    EXPECT_TRUE(kit::exists(scratch / "@tmp/share"));
+}
+
+} // namespace

@@ -1,0 +1,46 @@
+// The commands of the tool. A command is one source file; it is named here and in the table of main.cpp.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// What the shell gets to know.
+enum ExitStatus { exitAll = 0, exitSome = 1, exitNone = 2, exitUsage = 2, exitSignal = 128 };
+
+// The status for so many successes and failures.
+constexpr int exit_status(int succeeded, int failed) {
+    return failed == 0 ? exitAll : succeeded > 0 ? exitSome : exitNone;
+}
+
+// Each adds its subcommand, whose callback does the work and leaves the exit status in `status`. The callback may throw
+// UsageError.
+using AddCommand = void (*)(CLI::App &app, int &status);
+
+void add_copy_command(CLI::App &app, int &status);
+void add_move_command(CLI::App &app, int &status);
+void add_remove_command(CLI::App &app, int &status);
+void add_relocate_command(CLI::App &app, int &status);
+void add_reflink_command(CLI::App &app, int &status);
+void add_archive_command(CLI::App &app, int &status);
+void add_ea_command(CLI::App &app, int &status);
+
+void add_index_command(CLI::App &app, int &status);
+void add_notify_command(CLI::App &app, int &status);
+void add_explain_command(CLI::App &app, int &status);
+
+// The operands of a command, any number of them, and what was given for them.
+CLI::Option *add_operands(CLI::App &command, const char *name, const char *usage);
+std::vector<std::string> operands_of(const CLI::Option &operands);
+
+// The command line as the parser takes it: in reverse, without "--", and with a mark before what it would give a
+// meaning of its own, which operands_of() takes off again. What follows "--" is all marked.
+std::vector<std::string> parser_arguments(int argc, const char *const *argv);
+// What the parser says about an argument, as the user wrote that one.
+std::string without_marks(std::string text);
+
+} // namespace tool

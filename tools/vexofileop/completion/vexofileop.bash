@@ -1,0 +1,38 @@
+# Completion of vexofileop for bash. Commands and options are asked of the program, so they are always its own.
+
+# The words of a section of --help: _vexofileop_words Section command...
+_vexofileop_words() {
+    local section=$1
+    shift
+    vexofileop "$@" --help 2>/dev/null | awk -v section="$section:" '
+        $0 == section { on = 1; next }
+        /^[^ ]/ || /^$/ { on = 0 }
+        on && /^  [^ ]/ { count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
+}
+
+_vexofileop() {
+    local current=${COMP_WORDS[COMP_CWORD]} word commands at
+    local -a path=()
+    COMPREPLY=()
+    # The commands named so far; the first word that is none ends them.
+    for ((at = 1; at < COMP_CWORD; at++)); do
+        word=${COMP_WORDS[at]}
+        [[ $word == -* ]] && continue
+        grep -qxF -- "$word" <<<"$(_vexofileop_words Subcommands "${path[@]}")" || break
+        path+=("$word")
+    done
+    if [[ $current == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_vexofileop_words Options "${path[@]}")" -- "$current")
+        return
+    fi
+    commands=$(_vexofileop_words Subcommands "${path[@]}")
+    if [[ -n $commands ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
+    elif [[ ${path[0]} == explain ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1)" -- "$current")
+    else
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    fi
+}
+complete -F _vexofileop vexofileop

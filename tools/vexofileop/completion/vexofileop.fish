@@ -1,0 +1,43 @@
+# Completion of vexofileop for fish. Commands and options are asked of the program, so they are always its own.
+
+# "word<tab>description" for each word of a section of --help: __vexofileop_words Section command...
+function __vexofileop_words
+    set -l section $argv[1]
+    vexofileop $argv[2..-1] --help 2>/dev/null | awk -v section="$section:" '
+        $0 == section { on = 1; next }
+        /^[^ ]/ || /^$/ { on = 0 }
+        on && /^  [^ ]/ {
+            words = $1; $1 = ""; sub(/^ +/, "")
+            count = split(words, each, ","); for (i = 1; i <= count; i++) print each[i] "\t" $0
+        }'
+end
+
+# The commands named so far.
+function __vexofileop_path
+    set -l path
+    for word in (commandline -opc)[2..-1]
+        string match -q -- '-*' $word; and continue
+        __vexofileop_words Subcommands $path | string match -q -r -- '^'(string escape --style=regex -- $word)'\t'
+        or break
+        set path $path $word
+    end
+    printf '%s\n' $path
+end
+
+function __vexofileop_complete
+    set -l path (__vexofileop_path)
+    if string match -q -- '-*' (commandline -ct)
+        __vexofileop_words Options $path
+        return
+    end
+    set -l commands (__vexofileop_words Subcommands $path)
+    if test (count $commands) -gt 0
+        printf '%s\n' $commands
+    else if test "$path[1]" = explain
+        vexofileop explain 2>/dev/null | string replace '  ' \t
+    else
+        __fish_complete_path (commandline -ct)
+    end
+end
+
+complete -c vexofileop -f -a '(__vexofileop_complete)'

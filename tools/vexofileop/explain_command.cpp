@@ -1,0 +1,85 @@
+// vexofileop explain: what an error code means.
+#include "tools/vexofileop/commands.h"
+#include "tools/vexofileop/error_table.h"
+#include "tools/vexofileop/names.h"
+#include "tools/vexofileop/paths.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <fmt/format.h>
+#include <optional>
+
+namespace tool {
+namespace {
+
+// "0xA400", "a400" or "A400".
+std::optional<uint32_t> code_from(std::string_view text) {
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+    }
+    uint32_t code = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code, 16);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && code <= 0xFFFF ? std::optional(code) : std::nullopt;
+}
+
+void list_all() {
+    for (const ErrorInfo &row : error_table()) {
+        fmt::print("{}  {}\n", code_text(row.code), row.reason);
+    }
+}
+
+// "LABEL: TEXT" in lines of at most 79 columns, the later ones indented.
+std::string paragraph(std::string_view label, std::string_view text) {
+    constexpr size_t width = 79;
+    std::string out = fmt::format("  {}:", label);
+    size_t column = out.size();
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find(' '));
+        text.remove_prefix(std::min(text.size(), word.size() + 1));
+        const bool fits = column + 1 + word.size() <= width;
+        out += fits ? " " : "\n      ";
+        column = (fits ? column + 1 : 6) + word.size();
+        out += word;
+    }
+    return out + "\n";
+}
+
+bool explain(const std::string &text) {
+    const std::optional<uint32_t> code = code_from(text);
+    if (!code) {
+        throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", displayed(text)));
+    }
+    const ErrorInfo *const row = find_error(*code);
+    if (row == nullptr) {
+        fmt::print(stderr, "vexofileop: {}: no such error code\n", code_text(*code));
+        return false;
+    }
+    fmt::print("{}  {}\n{}{}", code_text(row->code), row->reason, paragraph("When", row->cause),
+               paragraph("What helps", row->fix));
+    return true;
+}
+
+} // namespace
+
+void add_explain_command(CLI::App &app, int &status) {
+    CLI::App &command = *app.add_subcommand("explain", "Tell what an error code means and what helps");
+    CLI::Option *const codes = add_operands(command, "CODE", "[CODE...]");
+    command.footer("\nWithout a code all of them are listed.\n"
+                   "Example:\n"
+                   "  vexofileop explain 0xA400");
+    command.callback([&status, codes] {
+        if (operands_of(*codes).empty()) {
+            list_all();
+            return;
+        }
+        int known = 0, unknown = 0;
+        for (const std::string &code : operands_of(*codes)) {
+            ++(explain(code) ? known : unknown);
+        }
+        status = exit_status(known, unknown);
+    });
+}
+
+} // namespace tool

@@ -1,0 +1,88 @@
+// Copies or moves one file through the library and finds out what really became of it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <sys/types.h>
+#include <utility>
+
+namespace tool {
+
+enum class Operation { copy, move };
+
+// What to do with a destination that exists.
+enum class Conflict { fail, replace, skip, ask, keep_both };
+
+struct TransferOptions {
+    Operation operation = Operation::copy;
+    Conflict conflict = Conflict::fail;
+    bool clone = false;
+    bool links = false; // a copy of a symbolic link is a link; else it is followed. A move never follows one.
+};
+
+// What a transfer asks of the program around it. All run on the calling thread and must not throw.
+struct TransferHooks {
+    std::function<void(int64_t bytes)> progress; // so many more bytes are done
+    std::function<bool()> stopped;
+    std::function<bool(const std::string &destination)> mayReplace;
+};
+
+// Why something did not work: words, and the library's code where it has one.
+struct Problem {
+    std::string reason;
+    uint32_t code = 0;
+    bool withSource = false; // whatever the destination
+};
+
+Problem problem_of(uint32_t code);
+// For what the tool itself was refused by the kernel.
+Problem problem_of_errno(int number);
+// "a named pipe": an entry that is no regular file.
+const char *kind_of(mode_t mode);
+// The path with the last component as a volume of the FAT family takes it.
+std::string fat_name(const std::string &path);
+
+enum class Status { done, skipped, failed, cancelled };
+
+struct Outcome {
+    Status status = Status::done;
+    std::string destination; // where the file is now, which may be another name than asked for
+    int64_t bytes = 0;       // size of the file
+    bool cloned = false;
+    bool ownerLost = false;         // the copy belongs to somebody else than the source
+    std::optional<Problem> warning; // done, but not with everything
+    std::optional<Problem> problem; // failed, and cancelled where that needs words
+};
+
+class FileTransfer {
+  public:
+    FileTransfer(TransferOptions options, TransferHooks hooks) : m_options(options), m_hooks(std::move(hooks)) {}
+
+    // Both paths absolute.
+    Outcome run(const std::string &source, const std::string &destination);
+
+  private:
+    struct Attempt; // one file's state, shared with the library's callbacks
+
+    std::optional<Problem> check_source(Attempt &attempt) const;
+    std::optional<Problem> check_destination(const Attempt &attempt) const;
+    std::optional<Problem> choose_free_name(Attempt &attempt) const;
+    std::optional<Outcome> resolve_conflict(Attempt &attempt) const;
+    std::optional<Outcome> skip_or_replace(Attempt &attempt) const;
+    Outcome transfer(Attempt &attempt);
+    Outcome arrived(const Attempt &attempt, bool ownerLost);
+    std::optional<Problem> move_as_it_is(Attempt &attempt) const;
+    std::optional<Problem> copy_link(Attempt &attempt) const;
+    std::optional<Problem> call_library(Attempt &attempt) const;
+    std::optional<Problem> missing_metadata(const Attempt &attempt, const std::string &destination) const;
+    uint32_t flags_for(const Attempt &attempt) const;
+
+    TransferOptions m_options;
+    TransferHooks m_hooks;
+    std::set<std::pair<dev_t, ino_t>> m_written; // destinations of this run
+};
+
+} // namespace tool

@@ -1,0 +1,95 @@
+// vexofileop reflink: the appliance's switch for clone copies, and whether a file can be cloned into a directory.
+#include "copy/copy.h"
+#include "platform/core.h"
+#include "tools/vexofileop/commands.h"
+#include "tools/vexofileop/console.h"
+#include "tools/vexofileop/error_table.h"
+#include "tools/vexofileop/names.h"
+#include "tools/vexofileop/paths.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fmt/format.h>
+#include <iterator>
+#include <memory>
+
+namespace tool {
+namespace {
+
+// By the answer of VEXOFileCopyIsCloneable, negated.
+constexpr const char *kAnswers[] = {
+    "can be cloned",
+    "no: a setting of the volume could not be looked up",
+    "no: a path does not exist, is of the wrong kind or lies in no shared folder; the second must be a directory",
+    "no: not both are on btrfs",
+    "no: they are on different volumes",
+    "no: their copy-on-write settings differ (nodatacow)",
+    "no: their compression settings differ",
+    "no: a shared folder on either side is encrypted",
+};
+constexpr uint32_t kSkipNodatacow = 1, kSkipCompression = 2;
+
+int turn(bool on) {
+    VLIBCErrSetEx(0, "", 0);
+    errno = 0;
+    const int result = VEXOFileCopyReflinkEnable(on ? 1 : 0);
+    const uint32_t code = VLIBCErrGet();
+    // Without btrfs support the result is not negative; the code tells.
+    if (result == 0 && code == 0) {
+        return exitAll;
+    }
+    Console().message(
+        code != 0 ? fmt::format("{} ({})", reason_of(code), code_text(code))
+                  : fmt::format("/etc/vexoinfo.conf: {}", errno != 0 ? std::strerror(errno) : "could not be changed"));
+    return exitNone;
+}
+
+int check(const std::vector<std::string> &paths, uint32_t flags) {
+    if (paths.size() != 2) {
+        throw UsageError("give one file or directory and the directory to clone into");
+    }
+    const std::string source = absolute_path(paths[0]), directory = absolute_path(paths[1]);
+    const int answer = VEXOFileCopyIsCloneable(source.c_str(), directory.c_str(), flags);
+    const auto row = static_cast<size_t>(-answer);
+    if (answer > 0 || row >= std::size(kAnswers)) {
+        Console().message(fmt::format("unknown answer {}", answer));
+        return exitNone;
+    }
+    fmt::print("{} -> {}: {}\n", displayed(source), displayed(directory), kAnswers[row]);
+    return answer == 0 ? 0 : 1;
+}
+
+void add_check(CLI::App &reflink, int &status) {
+    CLI::App &command = *reflink.add_subcommand("check", "Tell whether FILE can be cloned into the directory DIR");
+    const auto flags = std::make_shared<uint32_t>(0);
+    command.add_flag_callback(
+        "--ignore-nodatacow", [flags] { *flags |= kSkipNodatacow; }, "do not compare the copy-on-write settings");
+    command.add_flag_callback(
+        "--ignore-compression", [flags] { *flags |= kSkipCompression; }, "do not compare the compression settings");
+    CLI::Option *const paths = add_operands(command, "FILE", "FILE DIR");
+    command.footer("\nExit status: 0 it can, 1 it cannot (the reason is printed), 2 wrong usage.\n"
+                   "Example:\n"
+                   "  vexofileop reflink check /volume1/vm/disk.img /volume1/backup");
+    command.callback([&status, flags, paths] { status = check(operands_of(*paths), *flags); });
+}
+
+} // namespace
+
+void add_reflink_command(CLI::App &app, int &status) {
+    CLI::App &command = *app.add_subcommand("reflink", "Clone copies: the switch, and what can be cloned");
+    command.require_subcommand(1);
+    command.footer("\nServices go by the switch, \"reflink_enable\" in /etc/vexoinfo.conf;\n"
+                   "\"copy --clone\" asks for a clone whatever it says.\n"
+                   "Example:\n"
+                   "  vexofileop reflink status");
+    command.add_subcommand("status", "Print \"on\" or \"off\"")->callback([&status] {
+        std::puts(VEXOFileCopyReflinkIsEnabled() == 1 ? "on" : "off");
+        status = exitAll;
+    });
+    command.add_subcommand("on", "Allow services to make clone copies")->callback([&status] { status = turn(true); });
+    command.add_subcommand("off", "Have services copy the data")->callback([&status] { status = turn(false); });
+    add_check(command, status);
+}
+
+} // namespace tool

@@ -1,0 +1,40 @@
+// vexofileop remove: files and trees together with everything that belongs to them.
+#include "tools/vexofileop/commands.h"
+#include "tools/vexofileop/paths.h"
+#include "tools/vexofileop/tree_removal.h"
+
+#include <memory>
+
+namespace tool {
+
+void add_remove_command(CLI::App &app, int &status) {
+    CLI::App &command = *app.add_subcommand("remove", "Remove files and trees with all that is theirs");
+    const auto options = std::make_shared<RemovalOptions>();
+    command.add_flag("-r,-R,--recursive", options->recursive, "directories too, with everything in them");
+    CLI::Option *const force =
+        command.add_flag("-f,--force")->description("what does not exist is no failure; never ask");
+    CLI::Option *const ask = command.add_flag("-i,--interactive")->description("ask before each removal");
+    command.add_flag("--stop-on-error", options->stopOnError, "end at the first entry that fails");
+    command.add_flag("-v,--verbose", options->verbose, "name what is removed");
+    command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
+    CLI::Option *const operands = add_operands(command, "FILE", "FILE...");
+    command.footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"
+                   "followed. \"/\", \".\" and \"..\" are refused. Of -f and -i the last one holds.\n"
+                   "Exit status: 0 all removed, 1 some failed, 2 none removed or wrong usage.\n"
+                   "Examples:\n"
+                   "  vexofileop remove draft.txt\n"
+                   "  vexofileop remove -r /volume1/photo/old");
+    command.callback([&command, &status, options, force, ask, operands] {
+        for (const CLI::Option *const given : command.parse_order()) {
+            options->force = given == force || (options->force && given != ask);
+            options->ask = given == ask || (options->ask && given != force);
+        }
+        const std::vector<std::string> paths = operands_of(*operands);
+        if (paths.empty() && !options->force) {
+            throw UsageError("no file given");
+        }
+        status = TreeRemoval(*options).run(paths);
+    });
+}
+
+} // namespace tool

@@ -1,0 +1,18 @@
+// Ctrl-C and its relatives: the first one asks the work to stop, the second ends the program.
+#pragma once
+
+namespace tool {
+
+// From now on the first SIGINT, SIGTERM and SIGHUP each set a flag; the second of a kind has its default effect. What
+// was ignored when the program started (nohup, a job in the background) stays ignored. SIGPIPE is ignored: work goes on
+// when nobody reads the output any more.
+void watch_signals();
+
+// The signal that asked to stop; 0: none so far.
+int stop_signal();
+
+// Waits until `fd` can be read, for at most so many milliseconds (-1: for ever). False when that time passed or a stop
+// signal came first, or had come before.
+bool wait_readable(int fd, int milliseconds = -1);
+
+} // namespace tool

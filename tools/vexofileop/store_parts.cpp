@@ -1,0 +1,51 @@
+#include "tools/vexofileop/store_parts.h"
+
+#include "ea/ea.h"
+
+#include <algorithm>
+#include <climits>
+#include <iterator>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+namespace tool {
+namespace {
+
+bool has_file(int result, const char *place) {
+    struct stat found {};
+    return result == 0 && ::lstat(place, &found) == 0;
+}
+
+bool keeps_apple_doubles(int type) {
+    constexpr int types[] = {0, 5, 18};
+    return std::ranges::find(types, type) != std::end(types);
+}
+
+} // namespace
+
+StoreParts store_parts(const std::string &path, int volumeType) {
+    char place[PATH_MAX] = "";
+    const char *const name = path.c_str();
+    if (keeps_apple_doubles(volumeType)) {
+        return {.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place)};
+    }
+    StoreParts parts;
+    parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);
+    parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place);
+    parts.attribute = ::lgetxattr(name, "user.netatalk.Metadata", nullptr, 0) > 0;
+    return parts;
+}
+
+bool parts_missing(const StoreParts &before, const std::string &destination, int volumeType) {
+    constexpr int nativeAttributes = 7;
+    if (!before.any() || volumeType == nativeAttributes) {
+        return false;
+    }
+    const StoreParts now = store_parts(destination, volumeType);
+    if (keeps_apple_doubles(volumeType) || before.appleDouble) {
+        return !now.any();
+    }
+    return (before.stream && !now.stream) || ((before.resource || before.attribute) && !now.resource && !now.attribute);
+}
+
+} // namespace tool
