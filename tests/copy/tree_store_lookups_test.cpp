@@ -47,6 +47,7 @@ TEST_P(TreeStoreLookups, LockedStateComesFromTheStatusThatWasRead) {
 }
 
 TEST_P(TreeStoreLookups, StoreOfOneFileAmongOthersIsCarried) {
+    TREE_NEEDS_ROOT(); // to make an "@eaDir"
     putFiles(0, 5);
     putStore(request.src, "3", "three");
     EXPECT_EQ(0, copy());
@@ -65,6 +66,7 @@ TEST_P(TreeStoreLookups, StoreInTheDestinationIsFoundThoughTheSourceHasNone) {
 // Somebody else makes the "@eaDir" while the walk is in the directory. The only copy of what a moved file has goes with
 // the file.
 TEST_P(TreeStoreLookups, MovedFilesTakeStoresThatCameMeanwhile) {
+    TREE_NEEDS_ROOT(); // to make an "@eaDir"
     constexpr int kFiles = 4;
     putFiles(0, kFiles);
     request.move = true;
