@@ -93,14 +93,8 @@ FileCopy::Next FileCopy::create_destination() {
         is_type(type, FsType::remote) || is_type(type, FsType::k7fs)) {
         return Next::step;
     }
-    const KeepErrors keep;
-    struct stat created;
-    set_error(Error::none, VEXO_AT(m_request.source)); // tells below whether it was open() that failed
-    m_dstFd.reset(
-        VEXOCopyOpenAndCheckIsRegular(m_dst, O_WRONLY | O_CREAT | O_EXCL, m_srcStat.st.st_mode, &created, nullptr));
-    if (!m_dstFd && last_error() == Error::none) {
-        remove_destination(); // made, but it could not be looked at: the next steps must not take it for another's
-    }
+    const KeepErrno keep;
+    m_dstFd.reset(::open(m_dst, O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK, m_srcStat.st.st_mode));
     return Next::step;
 }
 

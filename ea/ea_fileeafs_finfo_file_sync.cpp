@@ -5,6 +5,7 @@
 #include "ea/adouble_format.h"
 #include "ea/metadata_attribute.h"
 #include "ea/resource_path.h"
+#include "ea/store.h"
 #include "ea/stream_handle.h"
 #include "platform/sdk.h"
 #include "support/fd.h"
