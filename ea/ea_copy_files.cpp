@@ -3,6 +3,7 @@
 #include "ea/ea_copy_job.h"
 
 #include "ea/ea.h"
+#include "ea/ea_copy_known.h"
 #include "ea/remove_tree.h"
 #include "support/fd.h"
 #include "support/guards.h"
@@ -284,7 +285,7 @@ int prepare_ea_directory(int which, const char *path) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
         return -1;
     }
-    if (which == kPerFileDirectory && exists(directory.c_str()) && remove_tree<kEaCopySource>(directory.c_str()) < 0) {
+    if (which == kPerFileDirectory && exists(directory.c_str()) && remove_source_tree(directory.c_str()) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s.\n", directory.c_str());
         return -1;
     }

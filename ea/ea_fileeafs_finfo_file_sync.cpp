@@ -149,11 +149,11 @@ int EACheckNeedSync(const char *path) {
 }
 
 int VEXOEAFileEAFSFinfoEASync(const char *path, int checkFs) {
-    if (path == nullptr) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
     if (is_left_alone(path, checkFs)) {
         return 0;
+    }
+    if (path == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
     }
     FinderInfo info{};
     VEXOEAAdouble metadata;

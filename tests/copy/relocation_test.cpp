@@ -72,6 +72,14 @@ TEST_P(Relocation, KeepsTheSourceWhenAsked) {
     expectSourceIntact();
 }
 
+// Staging is a copy, whatever the caller's record says of moving.
+TEST_P(Relocation, RecordThatAsksForAMoveKeepsTheSourceWhenAsked) {
+    request.move = true;
+    EXPECT_EQ(0, relocate(true));
+    expectRelocated();
+    expectSourceIntact();
+}
+
 TEST_P(Relocation, DestinationIsEmptiedNotMerged) {
     fillDestination();
     EXPECT_EQ(0, relocate());

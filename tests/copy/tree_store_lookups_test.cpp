@@ -39,13 +39,6 @@ TEST_P(TreeStoreLookups, NoStoreIsFoundOutOnceADirectory) {
     EXPECT_EQ("data", kit::readFile(dst("19")));
 }
 
-TEST_P(TreeStoreLookups, LockedStateComesFromTheStatusThatWasRead) {
-    putFile("a");
-    kit::Faults::record(true);
-    EXPECT_EQ(0, copy());
-    EXPECT_EQ(0, callsOf("VLIBCFileStat", src("a")));
-}
-
 TEST_P(TreeStoreLookups, StoreOfOneFileAmongOthersIsCarried) {
     TREE_NEEDS_ROOT(); // to make an "@eaDir"
     putFiles(0, 5);

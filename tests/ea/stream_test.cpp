@@ -240,9 +240,17 @@ TEST_F(Stream, NameLengthsAtTheLimit) {
     EXPECT_EQ(1, write(eas, std::string(254, 'x'), "v"));
     EXPECT_FAILS(write(eas, std::string(255, 'x'), "v"), 0x0D00);
     EXPECT_FAILS(write(eas, std::string(5000, 'x'), "v"), 0x0D00);
-    EXPECT_FAILS(write(eas, "", "v"), 0x0D00);
     EXPECT_EQ(0, VEXOEASClose(eas));
     EXPECT_EQ(stream::bytes({{std::string(254, 'x'), "v"}}), content());
+}
+
+// No client can ask for it, but what another stream holds must be able to come over.
+TEST_F(Stream, AnEmptyNameIsAName) {
+    VEXOEAS *eas = open();
+    EXPECT_EQ(1, write(eas, "", "v"));
+    EXPECT_EQ(2, write(eas, "named", "vv"));
+    EXPECT_EQ(0, VEXOEASClose(eas));
+    EXPECT_EQ((stream::Attributes{{"", "v"}, {"named", "vv"}}), attributes());
 }
 
 TEST_F(Stream, RecordsThatFillTheGatheringBuffer) {

@@ -225,6 +225,19 @@ TEST_F(Xattr, EnumOfALongListThatShrinksGivesWhatIsLeft) {
     EXPECT_EQ(names.end(), std::find(names.begin(), names.end(), "user.one"));
 }
 
+TEST_F(Xattr, EnumOfALongListThatIsGoneMeanwhileEmptiesTheList) {
+    setManyAttributes(path);
+    kit::Faults::add({.function = "listxattr", .skip = 1, .before = [&] {
+                          for (const char letter : {'a', 'b', 'c', 'd', 'e', 'f'}) {
+                              ::removexattr(path.c_str(), ("user." + std::string(200, letter)).c_str());
+                          }
+                      }});
+    List list;
+    ASSERT_GE(VLIBCSzListPush(list.get(), "before"), 0);
+    EXPECT_EQ(0, VEXOEAXattrEnum(path.c_str(), list.get()));
+    EXPECT_TRUE(list.names().empty());
+}
+
 TEST_F(Xattr, EnumKeepsNamesPushedBeforeAFailure) {
     kit::setAttribute(path, "user.one", "1");
     kit::setAttribute(path, "user.two", "2");
