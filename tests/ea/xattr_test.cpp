@@ -213,7 +213,7 @@ TEST_F(Xattr, EnumWithoutMemoryFails) {
     kit::setAttribute(path, "user.one", "1");
     List list;
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FAILS(VEXOEAXattrEnum(path.c_str(), list.get()), 0x0100);
 }
