@@ -382,6 +382,33 @@ void addStreams(std::vector<Operation> &all) {
     all.push_back(merge);
 }
 
+// What the changes are made of, where callers can reach it.
+void addStreamParts(std::vector<Operation> &all) {
+    all.push_back(onStream("StreamHeader", F_WRLCK, [](VEXOEAS *eas) { return VEXOEASWriteHeader(eas); }));
+    Operation info = onStream("StreamFinderInfo", F_WRLCK, [](VEXOEAS *eas) { return EASWriteFinderInfo(eas); });
+    info.codes.insert(0x0D00); // that is what a failing seek has here
+    all.push_back(info);
+    all.push_back(onStream("StreamSlots", F_WRLCK, [](VEXOEAS *eas) { return VEXOEASAllocEntry(eas, 100); }));
+    all.push_back(onStream("StreamMoveFork", F_WRLCK, [](VEXOEAS *eas) {
+        uint32_t offset = 0;
+        uint32_t length = 0;
+        const int found = EASGetRForkLocation(eas, &offset, &length);
+        return found < 0 ? -1 : EASMoveRFork(eas, offset + 2 * length, offset, length);
+    }));
+    all.push_back(onStream("StreamLockGet", F_RDLCK, [](VEXOEAS *eas) {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        return VEXOEASLockGet(eas, &lock);
+    }));
+    all.push_back(onStream("StreamCount", F_RDLCK, [](VEXOEAS *eas) { return EASGetAttrCount(eas->fd); }));
+    Operation check = onStore("CheckDouble", kFat, Keeps::source, {0, 0x0200},
+                              [](Scene &scene) { return VEXOEACheckADFile(scene.from("._f").c_str()); });
+    all.push_back(check);
+    Operation archive = onStore("SetArchiveBit", kFileEa, Keeps::source, {0},
+                                [](Scene &scene) { return EASetSmbArchive(scene.from("f").c_str()); });
+    all.push_back(archive);
+}
+
 // ---- Attributes, companions, Finder Info ----
 
 void addAttributes(std::vector<Operation> &all) {
@@ -481,6 +508,7 @@ std::vector<Operation> storeOperations() {
     addDirectoryRemovals(all);
     addUpgrades(all);
     addStreams(all);
+    addStreamParts(all);
     addAttributes(all);
     addFinderInfo(all);
     addArchiveBits(all);

@@ -160,6 +160,11 @@ std::vector<Operation> treeOperations() {
     all.push_back(withOptions("TreeMoveAcross", true, true, nothingElse));
     all.push_back(
         withOptions("TreeMoveOverwriteAcross", true, true, [](VEXOCopyOpt &options) { options.overwrite = 1; }));
+    all.push_back(operation("TreeCopyEx", false, false, [](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(false);
+        VEXOCopyArgsEx ex{};
+        return VEXOFileCopyDirectoryEx(scene.from("tree").c_str(), scene.to("tree").c_str(), &options, &ex);
+    }));
     all.push_back(operation("TreeCopyInternal", false, false, [](Scene &scene) {
         VEXOCopyOpt options = optionsOf(false);
         return VEXOCopyDirectoryI(scene.from("tree").c_str(), scene.to("tree").c_str(), &options, 2, 2);
