@@ -441,8 +441,8 @@ int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCop
  * ends the whole tree with -1 and no error code.
  *
  * An entry that fails is passed over, and the result is still 0, unless stop-on-error is set (then the tree ends there,
- * except where the entry vanished meanwhile: 0x0600). Nothing is rolled back. A tree that the cancel callback stops is
- * a 0: it holds what was copied by then.
+ * except where the entry vanished meanwhile: 0x0600; to VEXOFileOpCopyDir a vanished file is a failure like others,
+ * 0x8000). Nothing is rolled back. A tree that the cancel callback stops is a 0: it holds what was copied by then.
  *
  * A destination inside the source is not copied into itself: its top directory is passed over.
  *

@@ -267,7 +267,7 @@ TEST_F(Scene, EmptyPathsAreRefusedByTheFileOpRelocation) {
 
 TEST_P(Relocation, MemoryThatRunsOutLosesNothing) {
     if (!kit::Faults::failAllocation(0)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     fillDestination();
     kit::Faults::failAllocation(isExternal() ? 1 : 2);

@@ -46,7 +46,9 @@ TEST_P(TreeDepth, RunningOutOfDescriptorsIsAFailedEntryOnly) {
     }
     putFile("file");
     EXPECT_TRUE(kit::holdsInChild([&] {
-        const rlimit descriptors{30, 30};
+        rlimit descriptors{};
+        ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &descriptors));
+        descriptors.rlim_cur = 30;
         ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &descriptors));
         EXPECT_EQ(0, copy());
         EXPECT_FALSE(callbacks.reports.empty());

@@ -313,7 +313,7 @@ TEST_F(Scene, RecordsTypesAreWrittenBackEvenWhenTheCopyFails) {
 
 TEST_F(Scene, MemoryForTheMissingRecordCanRunOut) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const int result = VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), 0, nullptr);
     kit::Faults::failAllocation(0);

@@ -260,6 +260,14 @@ TEST_F(EaDirectory, DanglingCleanUpKeepsAnUsedDirectory) {
     EXPECT_TRUE(kit::exists(scratch / "@eaDir/left"));
 }
 
+TEST_F(EaDirectory, DanglingCleanUpKeepsADirectoryThatCannotBeReadToItsEnd) {
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
+    kit::writeFile(scratch / "@eaDir/file@VexoEAStream", "of a file not seen");
+    kit::Faults::fail("readdir", EIO, {}, 3);
+    VEXOEARemoveDanglingEADir(scratch.path().c_str());
+    EXPECT_EQ("of a file not seen", kit::readFile(scratch / "@eaDir/file@VexoEAStream"));
+}
+
 TEST_F(EaDirectory, DanglingCleanUpLeavesAnEmptyDirectoryAlone) {
     VEXOEARemoveDanglingEADir(scratch.path().c_str());
     EXPECT_TRUE(kit::exists(scratch.path()));

@@ -251,7 +251,7 @@ TEST_F(Xattr, EnumOfALongListWithoutMemoryFails) {
     setManyAttributes(path);
     List list;
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FAILS(VEXOEAXattrEnum(path.c_str(), list.get()), 0x0100);
 }
