@@ -1,10 +1,9 @@
 #include "tools/vexofileop/store_parts.h"
 
 #include "ea/ea.h"
+#include "tools/vexofileop/store_kind.h"
 
-#include <algorithm>
 #include <climits>
-#include <iterator>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -17,8 +16,7 @@ bool has_file(int result, const char *place) {
 }
 
 bool keeps_apple_doubles(int type) {
-    constexpr int types[] = {0, 5, 18};
-    return std::ranges::find(types, type) != std::end(types);
+    return store_kind(type) == StoreKind::apple_double;
 }
 
 } // namespace
@@ -37,8 +35,7 @@ StoreParts store_parts(const std::string &path, int volumeType) {
 }
 
 bool parts_missing(const StoreParts &before, const std::string &destination, int volumeType) {
-    constexpr int nativeAttributes = 7;
-    if (!before.any() || volumeType == nativeAttributes) {
+    if (!before.any() || store_kind(volumeType) == StoreKind::native) {
         return false;
     }
     const StoreParts now = store_parts(destination, volumeType);
