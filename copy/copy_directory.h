@@ -18,9 +18,9 @@ struct DirectoryKinds {
 int look_up_directory_kinds(const char *src, const char *dst, DirectoryKinds *kinds, const char *source);
 
 // A regular file of a tree: VEXOCopyFileExI with the source's type to be looked up, save that the volume of its
-// directory is known where `srcVolume` is not null.
+// directory is known where `directory` is not null.
 int copy_file_of_directory(const char *src, const char *dst, VEXOCopyOpt *opt, int dstType, VEXOCopyArgsEx *ex,
-                           const SourceVolume *srcVolume);
+                           const WalkedDirectory *directory);
 
 // The worker behind the exported directory copies. `cancelled` becomes true when the cancel callback stopped it, which
 // is a 0 too.

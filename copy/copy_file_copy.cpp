@@ -23,12 +23,14 @@ struct Records {
     VEXOCopyOptR *optR = nullptr;
     VEXOCopyArgsEx *ex = nullptr;
     VEXOCopyTHRArgs *thr = nullptr;
-    const struct stat *srcStatus = nullptr; // of the open source, from the engine
+    const WalkedDirectory *directory = nullptr;
+    const VLIBCStat *srcStatus = nullptr; // of the open source, from the engine
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
     const Records &given = *static_cast<const Records *>(data);
-    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr, given.srcStatus);
+    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr,
+                           given.srcStatus == nullptr ? nullptr : &given.srcStatus->st);
 }
 
 int is_too_large(void *, const char *dst, int type, uint64_t size) {
@@ -43,7 +45,8 @@ int copy_metadata(void *data, const char *src, const char *dst, int srcType, int
     const Records &given = *static_cast<const Records *>(data);
     const int move = given.opt == nullptr ? 0 : static_cast<int>(given.opt->move);
     const int eaFlags = given.opt == nullptr ? 0 : static_cast<int>(given.opt->eaFlags);
-    return VEXOEACopyInternal(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr);
+    return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr,
+                   known_of_file(given.directory, given.srcStatus));
 }
 
 template <typename Options>
@@ -58,7 +61,7 @@ void take_policy(FileCopyRequest &request, const Options &options) {
 enum class Mode { plain, clone, as_caller };
 
 int run_engine(const char *src, const char *dst, Records given, Mode mode, int32_t srcType = kUnknownType,
-               int32_t dstType = kUnknownType, const SourceVolume *srcVolume = nullptr) {
+               int32_t dstType = kUnknownType) {
     if (src == nullptr || dst == nullptr) {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
@@ -67,7 +70,7 @@ int run_engine(const char *src, const char *dst, Records given, Mode mode, int32
                                .dst = dst,
                                .srcType = &srcType,
                                .dstType = &dstType,
-                               .srcVolume = srcVolume};
+                               .directory = given.directory};
     if (given.opt != nullptr) {
         take_policy(request, *given.opt);
     } else if (given.optR != nullptr) {
@@ -105,8 +108,8 @@ bool replaces_copy(const VEXOCopyArgsEx *ex) {
 } // namespace
 
 int vexo::copy_file_of_directory(const char *src, const char *dst, VEXOCopyOpt *opt, int dstType, VEXOCopyArgsEx *ex,
-                                 const SourceVolume *srcVolume) {
-    return run_engine(src, dst, {.opt = opt, .ex = ex}, Mode::plain, kUnknownType, dstType, srcVolume);
+                                 const WalkedDirectory *directory) {
+    return run_engine(src, dst, {.opt = opt, .ex = ex, .directory = directory}, Mode::plain, kUnknownType, dstType);
 }
 
 int VEXOFileCopy(const char *src, const char *dst, VEXOCopyOpt *opt) {

@@ -30,7 +30,7 @@ const Caller &caller_of(void *data) {
     return *static_cast<const Caller *>(data);
 }
 
-int copy_regular_file(void *data, const char *src, const char *dst, const SourceVolume *srcVolume) {
+int copy_regular_file(void *data, const char *src, const char *dst, const WalkedDirectory *directory) {
     const Caller &caller = caller_of(data);
     constexpr int kLookUp = -1;
     if (caller.ex != nullptr && caller.ex->copyFile != nullptr) {
@@ -39,7 +39,7 @@ int copy_regular_file(void *data, const char *src, const char *dst, const Source
     if ((caller.flags & kCloneFlag) != 0) {
         return VEXOFileReflinkCopy(src, dst, caller.opt, caller.ex);
     }
-    return copy_file_of_directory(src, dst, caller.opt, caller.dstKind, caller.ex, srcVolume);
+    return copy_file_of_directory(src, dst, caller.opt, caller.dstKind, caller.ex, directory);
 }
 
 int copy_metadata(void *data, const char *src, const char *dst) {

@@ -2,6 +2,8 @@
 // sees neither record nor callback form, and reports under the name of the front door that runs it.
 #pragma once
 
+#include "ea/ea_copy_known.h"
+#include "platform/core.h"
 #include "support/callback.h"
 
 #include <cstdint>
@@ -25,10 +27,11 @@ struct OwnerPolicy {
     gid_t group() const { return gid == 0 ? kDefaultGroup : gid; }
 };
 
-// The type of the volume that holds the directory of a source, as a walk of that directory knows it.
-struct SourceVolume {
+// What a walk knows of the directory that holds a source, so that its files need not ask for it one by one.
+struct WalkedDirectory {
     dev_t device;
-    int32_t type;
+    int32_t type; // of the volume
+    bool noStore; // neither it nor the destination's directory had an "@eaDir" when the walk came to its first file
 };
 
 // What happens to an existing destination; any other value leaves it, except that a move by rename replaces it.
@@ -52,10 +55,10 @@ struct FileCopyRequest {
     int32_t *srcType, *dstType;
     // Not null: the source's type need not be looked up where the source turns out to be on this volume. A move looks
     // it up all the same, as it does not open the source first.
-    const SourceVolume *srcVolume = nullptr;
-    // Not null: gets the status of the source when it is open, for the move of the data. Valid as long as the copy
-    // runs.
-    const struct stat **srcStatus = nullptr;
+    const WalkedDirectory *directory = nullptr;
+    // Not null: gets the status of the source, with its attributes, when it is open: for the move of the data and the
+    // copy of the metadata. Valid as long as the copy runs.
+    const VLIBCStat **srcStatus = nullptr;
 
     // Empty: not supplied.
     Callback<void(int64_t bytes, int64_t offset)> progress = {};
@@ -72,6 +75,9 @@ struct FileCopyRequest {
     Callback<int(const char *src, const char *dst, int srcType)> renameMetadata = {};
     Callback<int(const char *src, const char *dst, int srcType, int dstType)> copyMetadata = {};
 };
+
+// What the copy of the metadata need not ask again; both may be null.
+KnownOfFile known_of_file(const WalkedDirectory *directory, const VLIBCStat *srcStatus);
 
 // Copies or moves one file. Returns 0 (also when the destination was left as it is, is the source itself, or the copy
 // was cancelled), or -1 with the last error set and reported once through errReport.

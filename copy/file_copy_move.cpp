@@ -47,8 +47,8 @@ FileCopy::Next FileCopy::find_source_type() {
     if (!is_type(source_type(), FsType::unknown)) {
         return Next::step;
     }
-    if (m_request.srcVolume != nullptr && !m_request.move) {
-        *m_request.srcType = m_request.srcVolume->type;
+    if (m_request.directory != nullptr && !m_request.move) {
+        *m_request.srcType = m_request.directory->type;
         m_typeAssumed = true;
         return Next::step;
     }
@@ -63,7 +63,7 @@ FileCopy::Next FileCopy::find_source_type() {
 // Looks up a type that was assumed where the source could not be opened, as it may have vanished, which the look-up
 // tells, and where it is on another volume than the directory that names it.
 FileCopy::Next FileCopy::confirm_source_type(bool opened) {
-    if (!m_typeAssumed || (opened && m_srcStat.st.st_dev == m_request.srcVolume->device)) {
+    if (!m_typeAssumed || (opened && m_srcStat.st.st_dev == m_request.directory->device)) {
         return Next::step;
     }
     const int number = errno;

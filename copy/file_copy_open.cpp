@@ -73,7 +73,7 @@ FileCopy::Next FileCopy::open_source() {
     }
     if (opened) {
         if (m_request.srcStatus != nullptr) {
-            *m_request.srcStatus = &m_srcStat.st;
+            *m_request.srcStatus = &m_srcStat;
         }
         return Next::step;
     }
@@ -89,7 +89,7 @@ FileCopy::Next FileCopy::open_source() {
 // follow find out. Volumes that may refuse a file for its size are asked first and take the long way.
 FileCopy::Next FileCopy::create_destination() {
     const int32_t type = destination_type();
-    if (m_request.srcVolume == nullptr || m_request.move || reserves_characters(type) ||
+    if (m_request.directory == nullptr || m_request.move || reserves_characters(type) ||
         is_type(type, FsType::remote) || is_type(type, FsType::k7fs)) {
         return Next::step;
     }

@@ -3,6 +3,7 @@
 
 #include "copy/callbacks.h"
 #include "copy/file_copy.h"
+#include "copy/fileop_copy.h"
 #include "copy/fileop_flags.h"
 #include "ea/ea.h"
 #include "support/guards.h"
@@ -12,19 +13,23 @@ using namespace vexo;
 
 namespace {
 
+// What the steps need of the call.
+struct Caller {
+    uint32_t flags;
+    VEXOCopyArgs *args;
+    const WalkedDirectory *directory;
+    const VLIBCStat *srcStatus = nullptr; // of the open source, from the engine
+};
+
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
-    return VEXOFileOpCopyFileFd(*srcFd, *dstFd, size, static_cast<VEXOCopyArgs *>(data));
+    const Caller &caller = *static_cast<const Caller *>(data);
+    return copy_fileop_data(*srcFd, *dstFd, size, caller.args,
+                            caller.srcStatus == nullptr ? nullptr : &caller.srcStatus->st);
 }
 
 int is_too_large(void *data, const char *dst, int type, uint64_t size) {
     return _VEXOCopyIsFileSizeTooLarge(static_cast<VEXOCopyArgs *>(data), dst, type, size);
 }
-
-// What the metadata steps need of the call.
-struct Caller {
-    uint32_t flags;
-    VEXOCopyArgs *args;
-};
 
 int rename_metadata(void *, const char *src, const char *dst, int srcType) {
     return VEXOEARename(src, dst, srcType, 0);
@@ -32,9 +37,8 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
 
 int copy_metadata(void *data, const char *src, const char *dst, int srcType, int dstType) {
     const Caller &caller = *static_cast<const Caller *>(data);
-    return VEXOEACopyInternal(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0,
-                              (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0, srcType, dstType, nullptr, nullptr,
-                              caller.args);
+    return copy_ea(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0, (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0,
+                   srcType, dstType, nullptr, nullptr, caller.args, known_of_file(caller.directory, caller.srcStatus));
 }
 
 Overwrite overwrite_of(uint32_t flags) {
@@ -44,10 +48,15 @@ Overwrite overwrite_of(uint32_t flags) {
     return (flags & kFileOpReplace) != 0 ? Overwrite::replace : Overwrite::leave;
 }
 
-int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args, const WalkedDirectory *directory) {
     int32_t srcType = -1;
     int32_t dstType = -1;
-    FileCopyRequest request = {.source = VEXO_SOURCE, .src = src, .dst = dst, .srcType = &srcType, .dstType = &dstType};
+    FileCopyRequest request = {.source = VEXO_SOURCE,
+                               .src = src,
+                               .dst = dst,
+                               .srcType = &srcType,
+                               .dstType = &dstType,
+                               .directory = directory};
     request.overwrite = overwrite_of(flags);
     request.owner.mode = (flags & kFileOpKeepOwner) != 0 ? OwnerPolicy::kKeep : OwnerPolicy::kChosen;
     request.move = (flags & kFileOpMove) != 0;
@@ -67,8 +76,9 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
     request.keepSource = request.isCancel;
     request.rename = rename_of(args);
     request.isTooLarge = {is_too_large, args};
-    request.moveData = read_write_data_of(args).or_else({copy_data, args});
-    Caller caller = {flags, args};
+    Caller caller = {flags, args, directory};
+    request.srcStatus = &caller.srcStatus;
+    request.moveData = read_write_data_of(args).or_else({copy_data, &caller});
     if ((flags & kFileOpNoMetadata) == 0) {
         request.renameMetadata = {rename_metadata, nullptr};
         request.copyMetadata = {copy_metadata, &caller};
@@ -78,7 +88,8 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
 
 } // namespace
 
-int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+int vexo::copy_fileop_file(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args,
+                           const WalkedDirectory *directory) {
     if (src == nullptr || dst == nullptr) {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
@@ -86,11 +97,15 @@ int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCop
     {
         const UmaskGuard fullModes(0);
         result = args != nullptr && args->copyFile != nullptr ? args->copyFile(args->copyFileArg, src, dst, flags, args)
-                                                              : run_engine(src, dst, flags, args);
+                                                              : run_engine(src, dst, flags, args, directory);
     }
     if (result == 0) {
         do_after_steps({args != nullptr && args->cleanArchive != 0, (flags & kFileOpEnforceInherit) != 0}, src, dst,
                        VEXO_SOURCE);
     }
     return result;
+}
+
+int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+    return copy_fileop_file(src, dst, flags, args, nullptr);
 }

@@ -2,6 +2,7 @@
 #include "copy/copy.h"
 
 #include "copy/callbacks.h"
+#include "copy/fileop_copy.h"
 #include "copy/fileop_flags.h"
 #include "copy/relocation.h"
 #include "copy/tree_copy.h"
@@ -29,12 +30,12 @@ const Caller &caller_of(void *data) {
     return *static_cast<const Caller *>(data);
 }
 
-int copy_regular_file(void *data, const char *src, const char *dst, const SourceVolume * /*srcVolume: in the record*/) {
+int copy_regular_file(void *data, const char *src, const char *dst, const WalkedDirectory *directory) {
     const Caller &caller = caller_of(data);
     if (caller.args->copyFile != nullptr) {
         return caller.args->copyFile(caller.args->copyFileArg, src, dst, caller.flags, caller.args);
     }
-    return VEXOFileOpCopyFile(src, dst, caller.flags, caller.args);
+    return copy_fileop_file(src, dst, caller.flags, caller.args, directory);
 }
 
 int copy_metadata(void *data, const char *src, const char *dst) {

@@ -1,13 +1,17 @@
 // Descriptor copy whose callbacks come from the record of the file operations.
-#include "copy/copy.h"
+#include "copy/fileop_copy.h"
 
 #include "copy/transfer.h"
 #include "support/report.h"
 
 using namespace vexo;
 
-int VEXOFileOpCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args) {
+int vexo::copy_fileop_data(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args, const struct stat *srcStatus) {
     const TransferCallbacks callbacks = {
         .progress = progress_of(args), .isCancel = cancel_of(args), .getReadSize = read_size_of(args)};
-    return transfer(srcFd, dstFd, size, callbacks, VEXO_SOURCE);
+    return transfer(srcFd, dstFd, size, callbacks, VEXO_SOURCE, srcStatus);
+}
+
+int VEXOFileOpCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args) {
+    return copy_fileop_data(srcFd, dstFd, size, args, nullptr);
 }

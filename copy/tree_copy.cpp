@@ -3,6 +3,7 @@
 #include "backup/backup.h"
 #include "copy/copy.h"
 #include "ea/ea.h"
+#include "ea/ea_copy_known.h"
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
@@ -91,9 +92,9 @@ class TreeWalk {
     // What one level keeps while its entries are walked.
     struct Level {
         Dir directory;
-        VLIBCStat status;                        // of the source directory, before the walk
-        std::optional<SourceVolume> volume = {}; // of the source directory, once it has been asked for
-        bool volumeAsked = false;
+        VLIBCStat status;                          // of the source directory, before the walk
+        std::optional<WalkedDirectory> known = {}; // once it has been asked for
+        bool asked = false;
         bool keepSource = false; // the destination was there, and the conflict mode does not replace
         bool cancelled = false;
         int lastResult = 0;
@@ -115,7 +116,7 @@ class TreeWalk {
     int merge_into_existing(Level &level);
     void note_destination_root();
     bool is_destination_root() const;
-    void look_up_volume(Level &level);
+    void look_up_directory(Level &level);
     Step walk(Level &level);
     Step walk_unreadable(Level &level);
     Step copy_entry(Level &level, const dirent &entry);
@@ -380,7 +381,7 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
     } else {
         switch (type_of(entry)) {
         case EntryType::regular:
-            result = m_request.copyFile(src(), dst(), level.volume ? &*level.volume : nullptr);
+            result = m_request.copyFile(src(), dst(), level.known ? &*level.known : nullptr);
             break;
         case EntryType::link:
             result = copy_link();
@@ -411,16 +412,18 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
     return after_entry(level, result);
 }
 
-// What is the same for every file of the directory is looked up once. Where it cannot be, each file asks for itself.
-void TreeWalk::look_up_volume(Level &level) {
-    if (level.volumeAsked) {
+// What is the same for every file of the directory is looked up with the first one. Where it cannot be, each file asks
+// for itself, and so does each that is moved: what others put into an "@eaDir" meanwhile is the only copy.
+void TreeWalk::look_up_directory(Level &level) {
+    if (level.asked) {
         return;
     }
-    level.volumeAsked = true;
+    level.asked = true;
     const KeepErrors keep;
     const int type = VEXOGetFSType(src(), 0);
     if (type >= 0) {
-        level.volume = SourceVolume{level.status.st.st_dev, type};
+        const bool noStore = !m_request.move && lacks_ea_directory(src()) && lacks_ea_directory(dst());
+        level.known = WalkedDirectory{level.status.st.st_dev, type, noStore};
     }
 }
 
@@ -449,7 +452,7 @@ TreeWalk::Step TreeWalk::walk(Level &level) {
             return Step::stop_walk;
         }
         if (entry->d_type == DT_REG) {
-            look_up_volume(level);
+            look_up_directory(level);
         }
         if (copy_entry(level, *entry) == Step::leave) {
             return Step::leave;

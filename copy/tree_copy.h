@@ -26,8 +26,8 @@ struct TreeRequest {
     Callback<int()> isCancel;
     Callback<int64_t(const char *, const char *)> dirSize; // of a tree moved by rename; empty: measured
     Callback<int(const char *, char *, int)> dstName;
-    // With the volume of the directory that holds the source; null: not known.
-    Callback<int(const char *, const char *, const SourceVolume *)> copyFile;
+    // With what is known of the directory that holds the source; null: nothing.
+    Callback<int(const char *, const char *, const WalkedDirectory *)> copyFile;
     Callback<int(const char *, const char *)> copyMetadata;   // of a directory, after its entries
     Callback<int(const char *, const char *)> renameMetadata; // after a move by rename
     const char *source;                                       // the front door's name in log lines

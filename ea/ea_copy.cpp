@@ -75,7 +75,7 @@ Converted convert(const EaCopyJob &job) {
 }
 
 int carry_lock(const EaCopyJob &job) {
-    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored) < 0 ? -1 : 0;
+    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored, job.known) < 0 ? -1 : 0;
 }
 
 int finish(const EaCopyJob &job) {
@@ -96,7 +96,7 @@ int run(EaCopyJob &job) {
     if (look_up_destination_kind(job, kEntryName, VEXO_SOURCE) < 0) {
         return -1;
     }
-    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src);
+    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src, job.known.noStore);
     if (internal) {
         return finish(job);
     }
@@ -119,8 +119,9 @@ int run(EaCopyJob &job) {
 
 } // namespace
 
-int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
-                       VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
+int vexo::copy_ea(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
+                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp,
+                  const KnownOfFile &known) {
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
@@ -134,8 +135,13 @@ int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, 
     if (ofFileOperation) {
         copyFile = {fileOp->copyEA, fileOp->copyEAArg};
     }
-    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation};
+    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, known};
     return run(job);
+}
+
+int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
+                       VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
+    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, {});
 }
 
 int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int /*spare*/,

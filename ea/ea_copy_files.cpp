@@ -206,21 +206,25 @@ int copy_store_file(const char *from, const char *to) {
     return 0;
 }
 
-bool has_no_ea_directory(const char *path) {
+bool lacks_ea_directory(std::string_view directory) {
     const KeepErrno keep;
+    PathBuffer store;
+    store.join(directory, "@eaDir");
+    return !store.overflowed() && ::access(store.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+bool has_no_ea_directory(const char *path, bool known) {
     const std::string_view name = path;
     const size_t slash = name.rfind('/');
     // Paths that a companion's path may be refused for take the long way, and so does what is no plain name.
     if (slash == std::string_view::npos || slash + 1 == name.size() || name.size() > kSafeLength) {
         return false;
     }
-    PathBuffer directory(name.substr(0, slash + 1));
-    directory.append("@eaDir");
-    return ::access(directory.c_str(), F_OK) != 0 && errno == ENOENT;
+    return known || lacks_ea_directory(name.substr(0, slash));
 }
 
 int stream_presence(const char *path) {
-    if (has_no_ea_directory(path)) {
+    if (has_no_ea_directory(path, false)) {
         return 0;
     }
     PathBuffer resource;

@@ -4,6 +4,7 @@
 // a negative number; errno is that of the failure.
 #pragma once
 
+#include "ea/ea_copy_known.h"
 #include "ea/store.h"
 #include "support/callback.h"
 
@@ -41,7 +42,8 @@ struct EaCopyJob {
     int32_t dstCode;
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
-    bool nothingStored = false;   // an EA-directory source without an "@eaDir": what lies in one is not looked for
+    KnownOfFile known = {};
+    bool nothingStored = false; // an EA-directory source without an "@eaDir": what lies in one is not looked for
 
     StoreKind srcKind() const { return store_kind(srcCode); }
     // Type 12 takes what another kind keeps in "@eaDir", and only that.
@@ -68,9 +70,10 @@ inline constexpr int kHasResource = 1;
 inline constexpr int kHasEaStream = 2;
 int stream_presence(const char *path);
 
-// Whether the "@eaDir" beside a path is certainly not there, so that nothing in it needs to be looked for: one look in
-// place of one for each companion, whose paths moreover depend on the volume's longest name. Leaves errno alone.
-bool has_no_ea_directory(const char *path);
+// Whether the "@eaDir" beside a path is certainly not there, so that nothing in it needs to be looked for: one look, or
+// none where it is `known`, in place of one for each companion, whose paths moreover depend on the volume's longest
+// name. Leaves errno alone.
+bool has_no_ea_directory(const char *path, bool known);
 
 // Makes the "@eaDir" (kSharedDirectory), or the path's own directory in it (kPerFileDirectory) after removing what
 // stood there. 0 or -1, reported.
@@ -125,8 +128,8 @@ int remove_source_resource(const EaCopyJob &job);
 // The rest of the source's directory in "@eaDir", and what a move leaves behind.
 int carry_rest(const EaCopyJob &job);
 
-// Carries the locked state; kinds of -1 are looked up. 0 or -1, reported.
-// `nothingStored` as in EaCopyJob.
-int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored = false);
+// Carries the locked state; kinds of -1 are looked up. 0 or -1, reported. The last two as in EaCopyJob.
+int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored = false,
+              const KnownOfFile &known = {});
 
 } // namespace vexo

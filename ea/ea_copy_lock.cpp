@@ -8,6 +8,7 @@
 #include "support/report.h"
 
 #include <cerrno>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,18 +45,20 @@ int locked_by_mode(const char *path) {
     return (status.st_mode & kWriteBits) == 0 ? 1 : 0;
 }
 
-// A flag that cannot be read is not set; a null `read` stands for metadata that are known not to be there.
-int locked_by_flag(const char *path, ReadMetadata read) {
+// The platform's flag; one that cannot be read is not set.
+int flag_of(const char *path) {
     VLIBCStat status;
-    if (VLIBCFileStat(path, VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) == 0) {
-        if ((status.attributes & VLIBC_ATTR_LOCKED) != 0) {
-            return 1;
-        }
-    } else if (errno == ENOENT) {
-        return kSourceGone;
+    if (VLIBCFileStat(path, VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) != 0) {
+        return errno == ENOENT ? kSourceGone : 0;
     }
-    if (read == nullptr) {
-        return 0;
+    return (status.attributes & VLIBC_ATTR_LOCKED) != 0 ? 1 : 0;
+}
+
+// A null `read` stands for metadata that are known not to be there.
+int locked_by_flag(const char *path, std::optional<bool> known, ReadMetadata read) {
+    const int flag = known ? static_cast<int>(*known) : flag_of(path);
+    if (flag != 0 || read == nullptr) {
+        return flag;
     }
     VEXOEAAdouble metadata;
     const int found = read(path, &metadata);
@@ -66,15 +69,15 @@ int locked_by_flag(const char *path, ReadMetadata read) {
     return word != nullptr && (big_endian::load(word, sizeof(uint16_t)) & kAfpLockedBits) != 0 ? 1 : 0;
 }
 
-int read_lock(const char *path, StoreKind kind, bool nothingStored) {
-    switch (kind) {
+int read_lock(const EaCopyJob &job) {
+    switch (job.srcKind()) {
     case StoreKind::apple_double:
     case StoreKind::native_xattr:
-        return locked_by_mode(path);
+        return locked_by_mode(job.src);
     case StoreKind::ea_directory:
-        return locked_by_flag(path, nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
+        return locked_by_flag(job.src, job.known.locked, job.nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
     case StoreKind::file_ea:
-        return locked_by_flag(path, VEXOEAFileEAAdoubleRead);
+        return locked_by_flag(job.src, job.known.locked, VEXOEAFileEAAdoubleRead);
     case StoreKind::other:
         break;
     }
@@ -109,11 +112,11 @@ bool set_afp_bit(VEXOEAAdouble &metadata, bool locked) {
     return true;
 }
 
-int set_in_ea_directory(const char *path, bool locked) {
+int set_in_ea_directory(const char *path, bool noStore, bool locked) {
     if (set_flag(path, locked) < 0) {
         return -1;
     }
-    if (has_no_ea_directory(path)) {
+    if (has_no_ea_directory(path, noStore)) {
         return 0;
     }
     VEXOEAAdouble metadata;
@@ -136,15 +139,15 @@ int set_in_file_ea(const char *path, bool locked) {
     return set_afp_bit(metadata, locked) ? VEXOEAFileEAAdoubleFlush(metadata.raw, kMetadataAttributeSize, path) : 0;
 }
 
-int write_lock(const char *path, StoreKind kind, bool locked) {
-    switch (kind) {
+int write_lock(const EaCopyJob &job, bool locked) {
+    switch (job.dstKind()) {
     case StoreKind::apple_double:
     case StoreKind::native_xattr:
-        return set_mode(path, locked);
+        return set_mode(job.dst, locked);
     case StoreKind::ea_directory:
-        return set_in_ea_directory(path, locked);
+        return set_in_ea_directory(job.dst, job.nothingStored && job.known.noStore, locked);
     case StoreKind::file_ea:
-        return set_in_file_ea(path, locked);
+        return set_in_file_ea(job.dst, locked);
     case StoreKind::other:
         break;
     }
@@ -172,20 +175,21 @@ int carry(EaCopyJob &job) {
     if (job.dstKind() == StoreKind::other) {
         return 0;
     }
-    const int locked = read_lock(job.src, job.srcKind(), job.nothingStored);
+    const int locked = read_lock(job);
     if (locked == kSourceGone) {
         return 0;
     }
-    return locked < 0 ? -1 : write_lock(job.dst, job.dstKind(), locked == 1);
+    return locked < 0 ? -1 : write_lock(job, locked == 1);
 }
 
 } // namespace
 
-int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored) {
+int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored,
+              const KnownOfFile &known) {
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
-    EaCopyJob job{src, dst, false, false, srcCode, dstCode, {}, false, nothingStored};
+    EaCopyJob job{src, dst, false, false, srcCode, dstCode, {}, false, known, nothingStored};
     const int result = carry(job);
     if (result < 0) {
         VEXO_LOG_LAST_ERROR(VEXO_HERE, "EACopy lock fail: from [%s] to [%s] %m", src, dst);

@@ -25,6 +25,25 @@ int push_names(std::string_view names, VLIBCSzList **list) {
     return 0;
 }
 
+// A list that has to be asked for its size first.
+int push_long_list(const char *path, VLIBCSzList **list) {
+    const ssize_t size = ::listxattr(path, nullptr, 0);
+    if (size < 0) {
+        return fail(Error::file_operation, VEXO_HERE);
+    }
+    HeapBuffer names = HeapBuffer::zeroed(static_cast<size_t>(size) + 1);
+    if (!names) {
+        return fail(Error::out_of_memory_ea, VEXO_HERE);
+    }
+    // Attributes that came between the two calls make this one fail: half a list is no answer.
+    char *const text = reinterpret_cast<char *>(names.data());
+    const ssize_t filled = ::listxattr(path, text, static_cast<size_t>(size));
+    if (filled < 0) {
+        return fail(Error::file_operation, VEXO_HERE);
+    }
+    return push_names({text, static_cast<size_t>(filled)}, list);
+}
+
 } // namespace
 
 int VEXOEAXattrEnum(const char *path, VLIBCSzList **list) {
@@ -37,24 +56,16 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list) {
     if (*list == nullptr) {
         return refuse_argument("NULL != *ppList", VEXO_HERE);
     }
-    const ssize_t size = ::listxattr(path, nullptr, 0);
-    if (size == 0 || (size < 0 && (errno == ENOENT || errno == ENODATA))) {
+    constexpr size_t kShortList = 1024;
+    char names[kShortList + 1]; // the zero byte behind the names ends the last one, whatever the file system wrote
+    const ssize_t size = ::listxattr(path, names, kShortList);
+    if (size > 0) {
+        names[size] = '\0';
+        return push_names({names, static_cast<size_t>(size)}, list);
+    }
+    if (size == 0 || errno == ENOENT || errno == ENODATA) {
         VLIBCSzListRemoveAll(*list);
         return 0;
     }
-    if (size < 0) {
-        return fail(Error::file_operation, VEXO_HERE);
-    }
-    // The zero byte behind the names ends the last one, whatever the file system wrote.
-    HeapBuffer names = HeapBuffer::zeroed(static_cast<size_t>(size) + 1);
-    if (!names) {
-        return fail(Error::out_of_memory_ea, VEXO_HERE);
-    }
-    // Attributes that came between the two calls make this one fail: half a list is no answer.
-    char *const text = reinterpret_cast<char *>(names.data());
-    const ssize_t filled = ::listxattr(path, text, static_cast<size_t>(size));
-    if (filled < 0) {
-        return fail(Error::file_operation, VEXO_HERE);
-    }
-    return push_names({text, static_cast<size_t>(filled)}, list);
+    return errno == ERANGE ? push_long_list(path, list) : fail(Error::file_operation, VEXO_HERE);
 }

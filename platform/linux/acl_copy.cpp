@@ -5,7 +5,9 @@
 #include "platform/linux/acl_support.h"
 #include "support/heap.h"
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <utility>
@@ -25,9 +27,28 @@ bool same_permissions(const struct stat &one, const struct stat &other) {
     return (one.st_mode & kPermissions) == (other.st_mode & kPermissions);
 }
 
+// Where the kernel shows an access ACL.
+constexpr char kAccessName[] = "system.posix_acl_access";
+
 // A file without an ACL of its own, or a volume that has none: its mode is its ACL.
-bool has_mode_only(const char *path) {
-    return ::getxattr(path, "system.posix_acl_access", nullptr, 0) < 0 && (errno == ENODATA || errno == EOPNOTSUPP);
+bool has_mode_only(ssize_t size) {
+    return size < 0 && (errno == ENODATA || errno == EOPNOTSUPP);
+}
+
+int copy_access_acl(const char *src, const char *dst, const struct stat &from, const struct stat &to) {
+    std::array<uint8_t, 1024> value;
+    const ssize_t size = ::getxattr(src, kAccessName, value.data(), value.size());
+    if (has_mode_only(size)) {
+        return same_permissions(from, to) && has_mode_only(::getxattr(dst, kAccessName, nullptr, 0))
+                   ? 0
+                   : give_access_acl(dst, Acl(::acl_from_mode(from.st_mode)));
+    }
+    // Mostly it can go over as it is.
+    if (size > 0 && ::setxattr(dst, kAccessName, value.data(), static_cast<size_t>(size), 0) == 0) {
+        return 0;
+    }
+    const Acl acl = read_acl(src, ACL_TYPE_ACCESS);
+    return acl ? give_access_acl(dst, acl) : -1;
 }
 
 int copy_default_acl(const char *src, const char *dst) {
@@ -83,18 +104,8 @@ int VEXOACLCopy(const char *src, const char *dst) {
     if (same_file(from, to)) {
         return 0;
     }
-    if (has_mode_only(src)) {
-        if (same_permissions(from, to) && has_mode_only(dst)) {
-            return S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode) ? copy_default_acl(src, dst) : 0;
-        }
-        if (give_access_acl(dst, Acl(::acl_from_mode(from.st_mode))) != 0) {
-            return -1;
-        }
-    } else {
-        const Acl acl = read_acl(src, ACL_TYPE_ACCESS);
-        if (!acl || give_access_acl(dst, acl) != 0) {
-            return -1;
-        }
+    if (copy_access_acl(src, dst, from, to) != 0) {
+        return -1;
     }
     return S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode) ? copy_default_acl(src, dst) : 0;
 }

@@ -52,11 +52,11 @@ int AttributeFile::load(DosRecord &record) const {
     return errno == ENODATA || errno == ERANGE ? 0 : -1;
 }
 
-int AttributeFile::store(const DosRecord &record) const {
+int AttributeFile::store(const DosRecord &record, int flags) const {
     const auto bytes = encode_dos_record(record);
-    return m_path == nullptr ? ::fsetxattr(m_fd, kDosAttributeName, bytes.data(), bytes.size(), 0)
-           : m_follow        ? ::setxattr(m_path, kDosAttributeName, bytes.data(), bytes.size(), 0)
-                             : ::lsetxattr(m_path, kDosAttributeName, bytes.data(), bytes.size(), 0);
+    return m_path == nullptr ? ::fsetxattr(m_fd, kDosAttributeName, bytes.data(), bytes.size(), flags)
+           : m_follow        ? ::setxattr(m_path, kDosAttributeName, bytes.data(), bytes.size(), flags)
+                             : ::lsetxattr(m_path, kDosAttributeName, bytes.data(), bytes.size(), flags);
 }
 
 int AttributeFile::status(struct stat &out) const {
@@ -126,8 +126,15 @@ int AttributeFile::change(uint32_t set, uint32_t clear) const {
     return store(record);
 }
 
+// Most files that get a creation time are new and have no record yet.
 int AttributeFile::store_creation_time(uint64_t dosTime) const {
-    DosRecord record;
+    DosRecord record{std::nullopt, dosTime};
+    if (store(record, XATTR_CREATE) == 0) {
+        return 0;
+    }
+    if (errno != EEXIST) {
+        return -1;
+    }
     if (load(record) != 0) {
         return -1;
     }

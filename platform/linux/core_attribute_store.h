@@ -31,7 +31,7 @@ class AttributeFile {
     AttributeFile(int fd, const char *path, bool follow) : m_fd(fd), m_path(path), m_follow(follow) {}
 
     int load(DosRecord &record) const;
-    int store(const DosRecord &record) const;
+    int store(const DosRecord &record, int flags = 0) const;
     int status(struct stat &out) const;
     bool on_fat() const;
     std::optional<uint32_t> fat_attributes() const;

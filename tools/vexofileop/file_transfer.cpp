@@ -157,12 +157,21 @@ struct FileTransfer::Attempt {
     }
 };
 
-Outcome FileTransfer::run(const std::string &source, const std::string &destination) {
-    Attempt attempt{m_hooks, source, destination};
+const FileTransfer::Directory &FileTransfer::directory_of(Directory &last, const std::string &path) {
+    const std::string directory = parent_of(path);
+    if (last.path != directory) {
+        const auto found = look_through(directory);
+        last = {directory, found ? found->st_dev : 0, VEXOGetFSType(directory.c_str(), 0)};
+    }
+    return last;
+}
+
+Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry) {
+    Attempt attempt{m_hooks, source, destination, std::move(entry)};
     if (auto problem = check_source(attempt)) {
         return failure(destination, *problem);
     }
-    attempt.store = store_parts(source, VEXOGetFSType(parent_of(source).c_str(), 0));
+    attempt.store = store_parts(source, directory_of(m_from, source).type);
     if (look(destination)) {
         if (auto outcome = resolve_conflict(attempt)) {
             return *outcome;
@@ -177,11 +186,13 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         problem.withSource = true;
         return problem;
     };
-    attempt.entry = look(attempt.source);
+    if (!attempt.entry) {
+        attempt.entry = look(attempt.source);
+    }
     if (!attempt.entry) {
         return of_source(problem_of_errno(errno));
     }
-    attempt.content = look_through(attempt.source);
+    attempt.content = S_ISLNK(attempt.entry->st_mode) ? look_through(attempt.source) : attempt.entry;
     attempt.asItIs = move ? !S_ISREG(attempt.entry->st_mode) : m_options.links && S_ISLNK(attempt.entry->st_mode);
     if (copy && attempt.asItIs) {
         return std::nullopt;
@@ -318,15 +329,17 @@ Outcome FileTransfer::transfer(Attempt &attempt) {
 Outcome FileTransfer::arrived(const Attempt &attempt, bool ownerLost) {
     Outcome outcome;
     outcome.destination = attempt.destination;
-    if (!look(outcome.destination)) {
+    auto there = look(outcome.destination);
+    if (!there) {
         outcome.destination = fat_name(attempt.destination);
+        there = look(outcome.destination);
     }
-    const auto there = look(outcome.destination);
     if (!there) {
         return failure(attempt.destination, {"reported as done, but the destination is not there"});
     }
-    if (look(attempt.source)) {
-        if (attempt.asItIs ? same(attempt.entry, there) : same(attempt.content, look_through(outcome.destination))) {
+    if (m_options.operation == Operation::copy || look(attempt.source)) {
+        const auto reached = S_ISLNK(there->st_mode) ? look_through(outcome.destination) : there;
+        if (attempt.asItIs ? same(attempt.entry, there) : same(attempt.content, reached)) {
             return failure(outcome.destination, same_file());
         }
         if (m_options.operation == Operation::move) {
@@ -348,9 +361,8 @@ Outcome FileTransfer::arrived(const Attempt &attempt, bool ownerLost) {
 }
 
 // What the library could not carry of the store, which it takes for no failure.
-std::optional<Problem> FileTransfer::missing_metadata(const Attempt &attempt, const std::string &destination) const {
-    if (!attempt.store.any() ||
-        !parts_missing(attempt.store, destination, VEXOGetFSType(parent_of(destination).c_str(), 0))) {
+std::optional<Problem> FileTransfer::missing_metadata(const Attempt &attempt, const std::string &destination) {
+    if (!attempt.store.any() || !parts_missing(attempt.store, destination, directory_of(m_to, destination).type)) {
         return std::nullopt;
     }
     const char *const what = m_options.operation == Operation::copy
@@ -410,12 +422,16 @@ std::optional<Problem> FileTransfer::copy_link(Attempt &attempt) const {
 // Of the library's entry points this one has everything at once: callbacks with user data, the request for a clone, and
 // the flag that sets owner and times as this user does and tells when the owner was not kept. VEXOFileCopy_r makes no
 // clones, VEXOFileReflinkCopy has bare callbacks and tries to become root for the times.
-std::optional<Problem> FileTransfer::call_library(Attempt &attempt) const {
+std::optional<Problem> FileTransfer::call_library(Attempt &attempt) {
     // A new record for each file: it remembers the types of the two volumes, and the next file may lie on others.
     const std::unique_ptr<VEXOCopyArgs, decltype(&VEXOCopyArgsFree)> record(VEXOCopyArgsAlloc(), &VEXOCopyArgsFree);
     if (record == nullptr) {
         return problem_of(kOutOfMemory);
     }
+    if (const Directory &from = directory_of(m_from, attempt.source); attempt.entry->st_dev == from.device) {
+        record->fsTypeSrc = from.type;
+    }
+    record->fsTypeDst = directory_of(m_to, attempt.destination).type;
     VEXOCopyArgsSetFnSetProgress(record.get(), &Attempt::on_progress, &attempt);
     VEXOCopyArgsSetFnIsCancel(record.get(), &Attempt::on_poll, &attempt);
     if (m_options.conflict == Conflict::keep_both) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <utility>
 
@@ -61,11 +62,19 @@ class FileTransfer {
   public:
     FileTransfer(TransferOptions options, TransferHooks hooks) : m_options(options), m_hooks(std::move(hooks)) {}
 
-    // Both paths absolute.
-    Outcome run(const std::string &source, const std::string &destination);
+    // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
+    Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {});
 
   private:
     struct Attempt; // one file's state, shared with the library's callbacks
+
+    // The directory that the last file lay in: mostly the next one lies beside it.
+    struct Directory {
+        std::string path = {};
+        dev_t device = 0;
+        int type = -1; // of its volume
+    };
+    static const Directory &directory_of(Directory &last, const std::string &path);
 
     std::optional<Problem> check_source(Attempt &attempt) const;
     std::optional<Problem> check_destination(const Attempt &attempt) const;
@@ -76,12 +85,13 @@ class FileTransfer {
     Outcome arrived(const Attempt &attempt, bool ownerLost);
     std::optional<Problem> move_as_it_is(Attempt &attempt) const;
     std::optional<Problem> copy_link(Attempt &attempt) const;
-    std::optional<Problem> call_library(Attempt &attempt) const;
-    std::optional<Problem> missing_metadata(const Attempt &attempt, const std::string &destination) const;
+    std::optional<Problem> call_library(Attempt &attempt);
+    std::optional<Problem> missing_metadata(const Attempt &attempt, const std::string &destination);
     uint32_t flags_for(const Attempt &attempt) const;
 
     TransferOptions m_options;
     TransferHooks m_hooks;
+    Directory m_from, m_to;
     std::set<std::pair<dev_t, ino_t>> m_written; // destinations of this run
 };
 

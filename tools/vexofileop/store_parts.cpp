@@ -1,11 +1,14 @@
 #include "tools/vexofileop/store_parts.h"
 
 #include "ea/ea.h"
+#include "tools/vexofileop/directory.h"
+#include "tools/vexofileop/paths.h"
 #include "tools/vexofileop/store_kind.h"
 
 #include <climits>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace tool {
 namespace {
@@ -28,9 +31,12 @@ StoreParts store_parts(const std::string &path, int volumeType) {
         return {.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place)};
     }
     StoreParts parts;
+    parts.attribute = ::lgetxattr(name, "user.netatalk.Metadata", nullptr, 0) > 0;
+    if (::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
+        return parts;
+    }
     parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);
     parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place);
-    parts.attribute = ::lgetxattr(name, "user.netatalk.Metadata", nullptr, 0) > 0;
     return parts;
 }
 

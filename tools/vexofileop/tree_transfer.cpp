@@ -16,6 +16,7 @@
 #include <fmt/format.h>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,15 +40,12 @@ Problem problem_of_making(int number) {
                              : problem_of_errno(number);
 }
 
-EntryKind kind_of_entry(const std::string &path) {
-    struct stat found {};
-    if (::lstat(path.c_str(), &found) != 0) {
-        return EntryKind::other;
-    }
-    return S_ISDIR(found.st_mode)   ? EntryKind::directory
-           : S_ISLNK(found.st_mode) ? EntryKind::link
-           : S_ISREG(found.st_mode) ? EntryKind::file
-                                    : EntryKind::other;
+EntryKind kind_of_entry(const std::optional<struct stat> &found) {
+    return !found                    ? EntryKind::other
+           : S_ISDIR(found->st_mode) ? EntryKind::directory
+           : S_ISLNK(found->st_mode) ? EntryKind::link
+           : S_ISREG(found->st_mode) ? EntryKind::file
+                                     : EntryKind::other;
 }
 
 // The appliance kernel's interface, or what the platform has in its place.
@@ -175,11 +173,13 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     default:
         break;
     }
-    const EntryKind kind = kind_of_entry(source);
+    struct stat status {};
+    const auto found = ::lstat(source.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+    const EntryKind kind = kind_of_entry(found);
     if (kind == EntryKind::directory) {
         return directory(source, destination);
     }
-    const Outcome outcome = m_files.run(source, destination);
+    const Outcome outcome = m_files.run(source, destination, found);
     tell(kind, source, outcome);
     return outcome.status == Status::done && !outcome.warning;
 }
