@@ -42,11 +42,10 @@ std::vector<std::string> native_names(const std::string &path) {
     VLIBCSzList *list = VLIBCSzListAlloc(16);
     const int result = list == nullptr ? -1 : VEXOEAXattrEnum(path.c_str(), &list);
     const std::unique_ptr<VLIBCSzList, FreeList> owner(list);
-    check(result, "cannot list the attributes");
-    std::vector<std::string> names;
-    for (int at = 0; at < list->count; ++at) {
-        names.emplace_back(VLIBCSzListGet(list, at));
+    if (list == nullptr || result < 0) {
+        throw_last_error("cannot list the attributes");
     }
+    std::vector<std::string> names(list->items, list->items + list->count);
     // No list has the fork; it is asked for by its name.
     if (std::ranges::find(names, kResourceForkName) == names.end() && is_regular(path) &&
         native_size(path, kResourceForkName)) {
