@@ -223,9 +223,9 @@ TEST_F(EaCommand, DiffSeesTheLockAsAfpClientsDo) {
     setKind(1);
     ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
     kit::writeFile(scratch / "@eaDir/photo.jpg@VexoResource",
-                   adouble_bytes::metadata().replace(afpWord, 2, "\x01\x00"s));
+                   adouble_bytes::metadata(741).replace(afpWord, 2, "\x01\x00"s));
     EXPECT_TRUE(locked());
-    kit::writeFile(scratch / "@eaDir/photo.jpg@VexoResource", adouble_bytes::metadata());
+    kit::writeFile(scratch / "@eaDir/photo.jpg@VexoResource", adouble_bytes::metadata(741));
     EXPECT_FALSE(locked());
     // Version 5 twice, attributes valid, read-only.
     kit::setAttribute(file, "user.DOSATTRIB", "\0\0\5\0\5\0\0\0\1\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0"s);

@@ -24,19 +24,30 @@ bool all_zero(std::string_view bytes) {
     return std::ranges::all_of(bytes, [](char byte) { return byte == '\0'; });
 }
 
-bool has_locked_bits(const AppleDouble &header) {
-    return header.afpAttributes >= 0 && (header.afpAttributes & kAfpLockedBits) != 0;
+// Bits in the AFP attribute word of the header that a reader of the library finds.
+bool has_locked_bits(const std::string &path, int (*read)(const char *, VEXOEAAdouble *)) {
+    constexpr size_t fileServerInfo = 14;
+    VEXOEAAdouble record{};
+    if (read(path.c_str(), &record) != 0) {
+        return false;
+    }
+    const uint64_t place = record.entries[fileServerInfo].offset + 2;
+    if (place == 2 || place + 2 > sizeof record.raw) {
+        return false;
+    }
+    return ((record.raw[place] << 8 | record.raw[place + 1]) & kAfpLockedBits) != 0;
 }
 
 // Where the library reads it too: write permission on volumes whose files the AFP service cannot mark, else the
 // platform's flag or the attribute word.
-bool is_locked(const std::string &path, StoreKind kind, const AppleDouble &header) {
+bool is_locked(const std::string &path, StoreKind kind) {
     VLIBCStat status{};
     const bool seen = VLIBCFileStat(path.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) == 0;
     if (kind == StoreKind::apple_double || kind == StoreKind::native) {
         return seen && (status.st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
     }
-    return (seen && (status.attributes & VLIBC_ATTR_LOCKED) != 0) || has_locked_bits(header);
+    return (seen && (status.attributes & VLIBC_ATTR_LOCKED) != 0) ||
+           has_locked_bits(path, kind == StoreKind::file_ea ? VEXOEAFileEAAdoubleRead : VEXOEAEADirAdoubleRead);
 }
 
 } // namespace
@@ -55,7 +66,6 @@ Store::Metadata Store::metadata() const {
             all.attributes[attribute.name] = get(attribute.name);
         }
     }
-    AppleDouble header;
     struct stat found {};
     if (m_kind == StoreKind::native) {
         all.finderInfo = native_value(m_path, kFinderInfoName).value_or("");
@@ -63,13 +73,13 @@ Store::Metadata Store::metadata() const {
     } else if (const std::string resource = stream_path(kResource); ::lstat(resource.c_str(), &found) == 0) {
         uint64_t size = 0;
         const std::string bytes = read_regular_file(resource, kLargestStoreFile, &size);
-        header = parse_apple_double(bytes, size);
+        const AppleDouble header = parse_apple_double(bytes, size);
         all.finderInfo = header.finderInfo;
         all.fork = header.fork(bytes);
     }
     if (m_kind == StoreKind::file_ea) {
         const std::string value = metadata_attribute(m_path);
-        header = parse_apple_double(value, value.size());
+        const AppleDouble header = parse_apple_double(value, value.size());
         // The resource file follows the attribute at the next copy.
         if (all_zero(all.finderInfo) || (!header.finderInfo.empty() && EACheckNeedSync(m_path.c_str()) == 1)) {
             all.finderInfo = header.finderInfo;
@@ -78,7 +88,7 @@ Store::Metadata Store::metadata() const {
     if (all_zero(all.finderInfo)) {
         all.finderInfo.clear();
     }
-    all.locked = is_locked(m_path, m_kind, header);
+    all.locked = is_locked(m_path, m_kind);
     return all;
 }
 
