@@ -13,8 +13,9 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The type code of the volume that holds `path`: 0 FAT, 18 exFAT, 3 btrfs, 2 ext2/3/4 and XFS, 7 HFS+, 5 NTFS, 1
- * anything else. `flag` is 0 or 1 and changes nothing here. Negative with errno on failure. */
+/* The type code of the volume that holds `path`: 0 FAT, 18 exFAT, 3 btrfs, 2 ext2/3/4 and XFS, 7 HFS+ where the kernel
+ * takes Apple's attribute names, 5 NTFS, 1 anything else. `flag` is 0 or 1 and changes nothing here. Negative with
+ * errno on failure. */
 int VEXOGetFSType(const char *path, int flag);
 
 /* The path that the volume holding `path` is mounted at. Returns 0, or negative with errno. */

@@ -28,8 +28,6 @@ constexpr char kOverrideVariable[] = "VEXOFILEOP_FSTYPES";
 
 // Magic numbers that the kernel's header leaves to the file systems' own sources.
 constexpr uint32_t kMagicXfs = 0x58465342;
-constexpr uint32_t kMagicHfsPlus = 0x482b;
-constexpr uint32_t kMagicHfsx = 0x4858;
 constexpr uint32_t kMagicNtfs = 0x5346544e;
 constexpr uint32_t kMagicNtfs3 = 0x7366746e;
 
@@ -37,11 +35,12 @@ struct TypeRow {
     uint32_t magic;
     FsType type;
 };
+// HFS+ is not here: a stock kernel refuses Apple's names of attributes and shows no resource forks, so that as a volume
+// of native attributes it would lose both. As any other volume it keeps them in "@eaDir".
 constexpr TypeRow kTypes[] = {
     {EXT4_SUPER_MAGIC, FsType::extended}, // ext2, ext3 and ext4 share it
     {kMagicXfs, FsType::extended},        {BTRFS_SUPER_MAGIC, FsType::btrfs}, {MSDOS_SUPER_MAGIC, FsType::fat},
-    {EXFAT_SUPER_MAGIC, FsType::exfat},   {kMagicHfsPlus, FsType::hfsplus},   {kMagicHfsx, FsType::hfsplus},
-    {kMagicNtfs, FsType::ntfs},           {kMagicNtfs3, FsType::ntfs},
+    {EXFAT_SUPER_MAGIC, FsType::exfat},   {kMagicNtfs, FsType::ntfs},         {kMagicNtfs3, FsType::ntfs},
 };
 
 FsType type_of(uint32_t magic) {

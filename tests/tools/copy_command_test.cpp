@@ -433,20 +433,6 @@ TEST_F(MoveCommand, AcrossVolumesFilesAndLinksGoAndAPipeStays) {
 
 // ---- The other commands, and the tool itself
 
-TEST(Tool, HelpFitsAScreenAndHasExamples) {
-    for (const char *command :
-         {"copy", "move", "remove", "relocate", "reflink", "archive", "index", "notify", "explain"}) {
-        const ToolResult result = runTool({command, "--help"});
-        EXPECT_EQ(0, result.status);
-        EXPECT_LE(std::count(result.out.begin(), result.out.end(), '\n'), 24) << result.out;
-        std::istringstream lines(result.out);
-        for (std::string line; std::getline(lines, line);) {
-            EXPECT_LE(line.size(), 80u) << line;
-        }
-    }
-    EXPECT_NE(std::string::npos, runTool({"copy", "--help"}).out.find("Examples:\n  vexofileop copy"));
-}
-
 TEST(Tool, VersionIsPrinted) {
     const ToolResult result = runTool({"--version"});
     EXPECT_EQ(0, result.status);

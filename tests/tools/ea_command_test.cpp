@@ -1,4 +1,5 @@
 // vexofileop ea: the extended metadata of files, by the program itself.
+#include "tests/ea/adouble_bytes.h"
 #include "tests/kit/behaviour.h"
 #include "tests/kit/scratch.h"
 #include "tests/tools/tool_process.h"
@@ -64,9 +65,36 @@ TEST_F(EaCommand, EveryKindKeepsGivesListsAndRemoves) {
         EXPECT_EQ("         5  com.example.note\n", ea({"list", file}).out) << kind;
         EXPECT_EQ(0, ea({"rm", file, "com.example.note"}).status) << kind;
         EXPECT_EQ("", ea({"list", file}).out) << kind;
+        EXPECT_EQ(std::vector<std::string>{"photo.jpg"}, kit::namesIn(scratch.path())) << "with the last one " << kind;
     }
-    EXPECT_TRUE(kit::exists(scratch / "._photo.jpg"));
-    EXPECT_TRUE(kit::exists(stream()));
+}
+
+TEST_F(EaCommand, RmLeavesTheStoresOfOtherFiles) {
+    const std::string other = scratch / "other.jpg";
+    kit::writeFile(other, "data");
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    ASSERT_EQ(0, ea({"set", other, "a", "2"}).status);
+    EXPECT_EQ(0, ea({"rm", file, "a"}).status);
+    EXPECT_FALSE(kit::exists(stream()));
+    EXPECT_EQ("2", ea({"get", other, "a"}).out);
+}
+
+TEST_F(EaCommand, RmLeavesACompanionWithFinderInfo) {
+    setKind(0);
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    constexpr size_t finderInfo = 50;
+    kit::writeFile(scratch / "._photo.jpg", kit::readFile(scratch / "._photo.jpg").replace(finderInfo, 4, "TEXT"));
+    EXPECT_EQ(0, ea({"rm", file, "a"}).status);
+    EXPECT_EQ("TEXT", kit::readFile(scratch / "._photo.jpg").substr(finderInfo, 4));
+}
+
+TEST_F(EaCommand, RmOfSeveralNamesTellsWhichWasNotThere) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    ASSERT_EQ(0, ea({"set", file, "b", "2"}).status);
+    const ToolResult result = ea({"rm", file, "a", "none"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_NE(std::string::npos, result.err.find(file + ": none: ")) << result.err;
+    EXPECT_EQ("         1  b\n", ea({"list", file}).out);
 }
 
 TEST_F(EaCommand, NativeKindUsesTheFilesOwnAttributes) {
@@ -97,6 +125,8 @@ TEST_F(EaCommand, ValuesComeFromFilesAndHexadecimalDigits) {
     EXPECT_EQ(0, ea({"set", file, "bytes", "--hex", "00ff0a"}).status);
     EXPECT_EQ("\0\xff\n"s, ea({"get", file, "bytes"}).out);
     EXPECT_EQ(2, ea({"set", file, "bytes", "--hex", "0g"}).status);
+    EXPECT_EQ(0, runTool({"ea", "set", file, "sent", "--from", "-"}, {.input = "by\0pipe"s}).status);
+    EXPECT_EQ("by\0pipe"s, ea({"get", file, "sent"}).out);
     EXPECT_EQ(2, ea({"set", file, "big", "--from", scratch / "none"}).status);
     EXPECT_TRUE(big == ea({"get", file, "big"}).out) << "a value that cannot be read changes nothing";
 }
@@ -171,6 +201,71 @@ TEST_F(EaCommand, DiffDoesNotSeeTheStorage) {
     EXPECT_EQ(2, ea({"diff", file, scratch / "none"}).status);
 }
 
+// Of an EA-directory file the flag, which a stock machine keeps as the DOS attribute read-only, or the AFP attributes;
+// of a file-EA file those in its attribute; elsewhere the right to write.
+TEST_F(EaCommand, DiffSeesTheLockAsAfpClientsDo) {
+    const std::string other = scratch / "other.jpg";
+    kit::writeFile(other, "data");
+    const auto locked = [&] { return ea({"diff", file, other}).out == "only the first is locked\n"; };
+    constexpr size_t afpWord = 372;
+    for (const auto &[word, isLocked] :
+         {std::pair("\x01\x00"s, true), {"\x00\x80"s, true}, {"\x00\x20"s, true}, {"\x00\x40"s, false}}) {
+        kit::setAttribute(file, "user.netatalk.Metadata", adouble_bytes::metadata().replace(afpWord, 2, word));
+        EXPECT_EQ(isLocked, locked());
+    }
+    kit::setAttribute(file, "user.netatalk.Metadata", adouble_bytes::metadata());
+    ASSERT_EQ(0, ::chmod(file.c_str(), 0444));
+    EXPECT_FALSE(locked()) << "the right to write is no lock here";
+    setKind(0);
+    EXPECT_TRUE(locked());
+    ASSERT_EQ(0, ::chmod(file.c_str(), 0644));
+    EXPECT_FALSE(locked());
+    setKind(1);
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
+    kit::writeFile(scratch / "@eaDir/photo.jpg@VexoResource",
+                   adouble_bytes::metadata(741).replace(afpWord, 2, "\x01\x00"s));
+    EXPECT_TRUE(locked());
+    kit::writeFile(scratch / "@eaDir/photo.jpg@VexoResource", adouble_bytes::metadata(741));
+    EXPECT_FALSE(locked());
+    // Version 5 twice, attributes valid, read-only.
+    kit::setAttribute(file, "user.DOSATTRIB", "\0\0\5\0\5\0\0\0\1\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0"s);
+    EXPECT_TRUE(locked());
+}
+
+TEST_F(EaCommand, RenameReplacesWhatIsKeptUnderTheNewName) {
+    const std::string renamed = scratch / "other.jpg";
+    kit::writeFile(renamed, "old");
+    ASSERT_EQ(0, ea({"set", renamed, "of-the-old-one", "1"}).status);
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    ASSERT_EQ(0, ::rename(file.c_str(), renamed.c_str()));
+    EXPECT_EQ(0, ea({"rename", file, renamed}).status);
+    EXPECT_EQ("         1  a\n", ea({"list", renamed}).out);
+    EXPECT_NE(std::string::npos, ea({"rename", "--help"}).out.find("under NEW already is replaced"));
+}
+
+TEST_F(EaCommand, RemoveTakesWhatAFileThatIsGoneLeftBehind) {
+    for (const int kind : {2, 1, 0}) {
+        setKind(kind);
+        kit::writeFile(file, "data");
+        ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+        ASSERT_EQ(0, ::unlink(file.c_str()));
+        EXPECT_EQ(0, ea({"remove", file}).status) << kind;
+        EXPECT_TRUE(kit::namesIn(scratch.path()).empty()) << kind;
+        const ToolResult nothing = ea({"remove", file});
+        EXPECT_EQ(2, nothing.status) << kind;
+        EXPECT_NE(std::string::npos, nothing.err.find("no such file, and nothing is kept for one")) << nothing.err;
+    }
+}
+
+TEST_F(EaCommand, RemoveDoesNotClaimToRemoveNativeAttributes) {
+    setKind(7);
+    ASSERT_EQ(0, ea({"set", file, "user.note", "1"}).status);
+    const ToolResult result = ea({"remove", file});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("ea rm")) << result.err;
+    EXPECT_EQ("1", kit::attribute(file, "user.note"));
+}
+
 TEST_F(EaCommand, RenameAndRemoveActOnTheMetadataOnly) {
     ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
     const std::string renamed = scratch / "other.jpg";
@@ -179,6 +274,17 @@ TEST_F(EaCommand, RenameAndRemoveActOnTheMetadataOnly) {
     EXPECT_EQ("1", ea({"get", renamed, "a"}).out);
     EXPECT_EQ(0, ea({"remove", renamed}).status);
     EXPECT_EQ(std::vector<std::string>{"other.jpg"}, kit::namesIn(scratch.path()));
+}
+
+TEST_F(EaCommand, RepairMovesAttributesOutOfTheResourceFile) {
+    EXPECT_EQ(0, ea({"repair", file}).status) << "nothing to repair";
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    const std::string resource = scratch / "@eaDir/photo.jpg@VexoResource";
+    ASSERT_EQ(0, ::rename(stream().c_str(), resource.c_str()));
+    EXPECT_EQ(0, ea({"repair", file}).status);
+    EXPECT_EQ("1", ea({"get", file, "a"}).out);
+    kit::writeFile(resource, "no AppleDouble header");
+    EXPECT_EQ(2, ea({"repair", file}).status);
 }
 
 TEST_F(EaCommand, UpgradeConvertsAndDryRunDoesNot) {
@@ -192,6 +298,37 @@ TEST_F(EaCommand, UpgradeConvertsAndDryRunDoesNot) {
     EXPECT_EQ(0, ea({"upgrade", "-r", scratch.path()}).status);
     EXPECT_EQ("value", ea({"get", file, "com.example.old"}).out);
     EXPECT_FALSE(kit::exists(scratch / "@eaDir/photo.jpg"));
+}
+
+TEST_F(EaCommand, UpgradeTellsWhatItPassedOver) {
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir/photo.jpg").c_str(), 0777));
+    kit::writeFile(scratch / "@eaDir/photo.jpg/VEXO:Resource", "short");
+    const ToolResult resource = ea({"upgrade", file});
+    EXPECT_EQ(2, resource.status);
+    EXPECT_EQ("", resource.out);
+    EXPECT_NE(std::string::npos, resource.err.find("VexoResource: converted, but whether the file is locked"))
+        << resource.err;
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir/photo.jpg").c_str(), 0777));
+    kit::writeFile(scratch / "@eaDir/photo.jpg/com.example.old", "value");
+    kit::writeFile((scratch / "@eaDir/photo.jpg/") + std::string(255, 'x'), "a longer name than a stream takes");
+    kit::writeFile(scratch / "@eaDir/photo.jpg/cover APIC.png", "of another service");
+    const ToolResult attributes = ea({"upgrade", file});
+    EXPECT_EQ(2, attributes.status);
+    EXPECT_NE(std::string::npos, attributes.err.find("VexoEAStream: not all of it could be converted"))
+        << attributes.err;
+    ASSERT_EQ(0, ::unlink(((scratch / "@eaDir/photo.jpg/") + std::string(255, 'x')).c_str()));
+    EXPECT_EQ("", ea({"upgrade", "--dry-run", file}).out) << "what is left is of another service";
+}
+
+TEST_F(EaCommand, TerminalShowsTextAsTextAndBytesAsADump) {
+    ASSERT_EQ(0, ea({"set", file, "text", "Gr\xc3\xbc\xc3\x9f e"}).status);
+    EXPECT_EQ("Gr\xc3\xbc\xc3\x9f e\r\n", kit::ToolOnTerminal({"ea", "get", file, "text"}).finish().out);
+    ASSERT_EQ(0, ea({"set", file, "bytes", "--hex", "1b5b324a4142430a000102030405060708ff"}).status);
+    EXPECT_EQ("00000000  1b 5b 32 4a 41 42 43 0a 00 01 02 03 04 05 06 07  |.[2JABC.........|\r\n"
+              "00000010  08 ff                                            |..|\r\n",
+              kit::ToolOnTerminal({"ea", "get", file, "bytes"}).finish().out);
+    EXPECT_EQ("\x1b[2JABC\n\0\1\2\3\4\5\6\7\b\xff"s, ea({"get", file, "bytes"}).out);
 }
 
 TEST_F(EaCommand, NamesWithALineFeedAreShownSafely) {

@@ -1,12 +1,14 @@
 // The tool on a terminal: the progress line, questions, Ctrl-C.
 #include "tests/kit/scratch.h"
 #include "tests/kit/volumes.h"
+#include "tests/tools/screen.h"
 #include "tests/tools/slow_file.h"
 #include "tests/tools/tool_process.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
 #include <optional>
+#include <regex>
 #include <unistd.h>
 
 namespace {
@@ -39,6 +41,20 @@ class Terminal : public ::testing::Test {
         }
         return tool.shows(text);
     }
+    // The same until the only row is one of the pattern.
+    bool advancesUntilRow(ToolOnTerminal &tool, size_t columns, const std::string &pattern) {
+        const std::regex wanted(pattern);
+        while (m_allowed < kSize - kMiB) {
+            slow().allow(m_allowed += kMiB / 2);
+            ::usleep(20'000);
+            const std::vector<std::string> rows = kit::rowsOnScreen(tool.screen(), columns);
+            if (rows.size() == 1 && std::regex_match(rows[0], wanted)) {
+                return true;
+            }
+        }
+        return false;
+    }
+    void forgetAllowed() { m_allowed = 0; }
     std::string target() const { return scratch / "copy"; }
 
     kit::ScratchDirectory scratch;
@@ -76,6 +92,45 @@ TEST_F(Terminal, ProgressLineFollowsTheWidthOfTheWindow) {
     EXPECT_TRUE(tool.shows("]  "));
     slow().allowAll();
     EXPECT_EQ(0, tool.finish().status);
+}
+
+// At every width one row that says as much as fits; and when it is over, a screen as if it had never been there.
+TEST_F(Terminal, ScreensOfSeveralWidths) {
+    struct Width {
+        int columns;
+        const char *progress; // a pattern
+    };
+    constexpr const char *amount = "[ 0-9]{3}%  [0-9.]+ of 64 MiB";
+    const Width widths[] = {
+        {12, "[ 0-9]{3}%"},
+        {24, amount},
+        {34, "[ 0-9]{3}%  [0-9.]+ of 64 MiB  [0-9.]+ [KM]iB/s"},
+        {80, R"(\[=+>? *\] [ 0-9]{3}%  [0-9.]+ of 64 MiB  [0-9.]+ [KM]iB/s  [0-9:]+ left  0/2 files)"},
+        {132, R"(\[=+>? *\] [ 0-9]{3}%  [0-9.]+ of 64 MiB  [0-9.]+ [KM]iB/s  [0-9:]+ left  0/2 files)"},
+    };
+    kit::writeFile(scratch / "other", "new");
+    for (const Width &width : widths) {
+        MAKE_SLOW_FILE();
+        forgetAllowed();
+        const std::string into = scratch / std::to_string(width.columns);
+        ASSERT_EQ(0, ::mkdir(into.c_str(), 0755));
+        kit::writeFile(into + "/other", "old");
+        const auto columns = static_cast<size_t>(width.columns);
+        ToolOnTerminal tool({"copy", "-iv", slow().path(), scratch / "other", into}, width.columns);
+        EXPECT_TRUE(advancesUntilRow(tool, columns, width.progress)) << width.columns << "\n" << tool.screen();
+        slow().allowAll();
+        ASSERT_TRUE(tool.shows("[y/N] "));
+        tool.type("n\n");
+        const ToolResult result = tool.finish();
+        EXPECT_EQ(0, result.status);
+        const std::string name = slow().path().substr(slow().path().rfind('/') + 1);
+        EXPECT_EQ(kit::rowsOnScreen(slow().path() + " -> " + into + "/" + name + "\r\nvexofileop: replace " + into +
+                                        "/other? [y/N] n\r\n" + (scratch / "other") + " -> " + into +
+                                        "/other (skipped, destination exists)\r\n",
+                                    columns),
+                  kit::rowsOnScreen(result.out, columns))
+            << result.out;
+    }
 }
 
 TEST_F(Terminal, ShortWorkShowsNone) {

@@ -86,7 +86,7 @@ TEST_F(Foreign, TypesAreTold) {
     const struct {
         const char *made;
         int type;
-    } rows[] = {{"vfat", 0}, {"exfat", 18}, {"hfsplus", 7}, {"ntfs3", 5}};
+    } rows[] = {{"vfat", 0}, {"exfat", 18}, {"hfsplus", 1}, {"ntfs3", 5}};
     int found = 0;
     for (const auto &row : rows) {
         try {
@@ -316,12 +316,40 @@ TEST_F(Hfs, FilesAreCopiedWithOwnerTimesAndAttributes) {
     EXPECT_TRUE(content == kit::readFile(volume / "copy"));
     EXPECT_EQ("sunset", kit::attribute(volume / "copy", "user.comment"));
     EXPECT_EQ(1234U, kit::statOf(volume / "copy").st_uid);
-    // Not locked is shown by the write bits here, and setting that sets all three of them.
-    EXPECT_EQ(0662U, kit::statOf(volume / "copy").st_mode & 07777U);
+    EXPECT_EQ(0640U, kit::statOf(volume / "copy").st_mode & 07777U);
 }
 
-// Linux's driver knows Apple's attributes as "osx.com.apple.…" only and refuses their own names. What needs them there
-// fails, says so and harms nothing else.
+// Everything of a file goes there, to "@eaDir", and comes back, also when it is moved.
+TEST_F(Hfs, RoundTripLosesNothing) {
+    HFS_VOLUME(volume);
+    KIT_REQUIRE(unix, kit::Volume::loop("ext4", 64 << 20, "-q"));
+    processAsNow();
+    const std::string content = kit::pattern(100'000);
+    const std::string fork = kit::pattern(5000, 2);
+    for (const bool move : {false, true}) {
+        const std::string from = unix / (move ? "moved" : "copied");
+        ASSERT_EQ(0, ::mkdir(from.c_str(), 0755));
+        makeRich(from, "letter.txt", content, fork);
+        ASSERT_EQ(0, VLIBCKernelAttrCall((from + "/letter.txt").c_str(), 522)); // locked
+        ASSERT_EQ(0, copy(from + "/letter.txt", volume / "letter.txt", move));
+        EXPECT_EQ(move, !kit::exists(from + "/letter.txt"));
+        EXPECT_EQ((stream::Attributes{{"comment", "sunset"}, {"note", kit::pattern(700)}}),
+                  streamOf(volume / "letter.txt", 0));
+        EXPECT_EQ(kFinderInfo + fork, kit::readFile(volume / "@eaDir/letter.txt@VexoResource").substr(50));
+        EXPECT_NE(0U, word(volume / "letter.txt") & VLIBC_ATTR_LOCKED);
+
+        const std::string back = from + " back";
+        ASSERT_EQ(0, ::mkdir(back.c_str(), 0755));
+        ASSERT_EQ(0, copy(volume / "letter.txt", back + "/letter.txt", true));
+        EXPECT_TRUE(content == kit::readFile(back + "/letter.txt"));
+        EXPECT_EQ(2U, streamOf(back + "/letter.txt", 0).size());
+        EXPECT_EQ(kFinderInfo + fork, kit::readFile(back + "/@eaDir/letter.txt@VexoResource").substr(50));
+        EXPECT_NE(0U, word(back + "/letter.txt") & VLIBC_ATTR_LOCKED);
+        EXPECT_TRUE(kit::namesIn(volume.path()).empty());
+    }
+}
+
+// Linux's driver knows Apple's attributes as "osx.com.apple.…" only and refuses their own names.
 TEST_F(Hfs, ApplesNamesAreRefusedByTheDriver) {
     HFS_VOLUME(volume);
     kit::writeFile(volume / "file", "x");
@@ -332,24 +360,21 @@ TEST_F(Hfs, ApplesNamesAreRefusedByTheDriver) {
     EXPECT_EQ(32U, osx(volume / "file", "com.apple.FinderInfo").size());
 }
 
-TEST_F(Hfs, EADirectoryIsMadeButCannotBeHidden) {
-    HFS_VOLUME(volume);
-    EXPECT_FAILS(VEXOEAMKDir(0, (volume / "@eaDir").c_str()), 0x2A00);
-    EXPECT_TRUE(S_ISDIR(kit::statOf(volume / "@eaDir").st_mode));
-}
-
-TEST_F(Hfs, DataAndAttributesArriveWhereFinderInfoCannot) {
+// Why it is no volume of native attributes here: what an administrator gets who says that it is.
+TEST_F(Hfs, AsAVolumeOfNativeAttributesItTakesTheDataAlone) {
     HFS_VOLUME(volume);
     KIT_REQUIRE(unix, kit::Volume::loop("ext4", 64 << 20, "-q"));
     processAsNow();
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=7").c_str(), 1);
     makeRich(unix.path(), "letter.txt", "text", "fork");
-    ASSERT_EQ(0, copy(unix / "letter.txt", volume / "letter.txt"));
-    EXPECT_EQ("text", kit::readFile(volume / "letter.txt"));
+    EXPECT_EQ(0, copy(unix / "letter.txt", volume / "letter.txt"));
+    EXPECT_FAILS(VEXOEAMKDir(0, (volume / "@eaDir").c_str()), 0x2A00);
+    ::unsetenv("VEXOFILEOP_FSTYPES");
     EXPECT_NE(std::string::npos, kit::Log::all().find("Failed to cp [")) << kit::Log::all();
     EXPECT_TRUE(kit::exists(unix / "@eaDir/letter.txt@VexoResource")) << "the source's store is the only one";
 }
 
-// Until the names are translated, an administrator can have "._" files there instead, which lose nothing.
+// As a volume of "._" files, which a Mac can merge into the files again, it loses nothing either.
 TEST_F(Hfs, AsAVolumeOfDoubleFilesItLosesNothing) {
     HFS_VOLUME(volume);
     KIT_REQUIRE(unix, kit::Volume::loop("ext4", 64 << 20, "-q"));

@@ -37,6 +37,27 @@ void add_explain_command(CLI::App &app, int &status);
 CLI::Option *add_operands(CLI::App &command, const char *name, const char *usage);
 std::vector<std::string> operands_of(const CLI::Option &operands);
 
+// The operands of a command that takes any number of paths, which may also come out of a list: --files-from and -0.
+class PathOperands {
+  public:
+    PathOperands(CLI::App &command, const char *name, const char *usage);
+
+    // Those of the command line.
+    std::vector<std::string> given() const;
+    // Those of the list. Empty lines name nothing.
+    std::vector<std::string> listed() const;
+    // Both, in this order. All of them throw UsageError for an empty path and for a list that cannot be read; this one
+    // also where neither paths nor a list were given.
+    std::vector<std::string> all() const;
+    bool has_list() const;
+    // The list is read from stdin, where no question can be answered then.
+    bool has_list_on_stdin() const;
+
+  private:
+    // The parser owns them.
+    CLI::Option *m_operands, *m_list, *m_nul;
+};
+
 // The command line as the parser takes it: in reverse, without "--", and with a mark before what it would give a
 // meaning of its own, which operands_of() takes off again. What follows "--" is all marked.
 std::vector<std::string> parser_arguments(int argc, const char *const *argv);

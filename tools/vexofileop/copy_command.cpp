@@ -12,12 +12,6 @@
 namespace tool {
 namespace {
 
-struct Arguments {
-    BatchOptions batch;
-    std::vector<std::string> sources;
-    std::string destination;
-};
-
 // Of several policies the last one given holds, so that an alias can be overridden.
 struct Policy {
     CLI::Option *option;
@@ -46,26 +40,40 @@ std::vector<Policy> add_policies(CLI::App &command) {
     };
 }
 
-void take_operands(Arguments &arguments, std::vector<std::string> operands) {
-    if (operands.size() < 2) {
-        throw UsageError(operands.empty() ? "no file and no destination given" : "no destination given");
+// The last operand is where the files go. A list has any number of them, so that it needs a directory.
+std::vector<Errand> planned(const PathOperands &operands, Operation operation, Conflict conflict) {
+    std::vector<std::string> sources = operands.given();
+    if (sources.empty() || (sources.size() == 1 && !operands.has_list())) {
+        throw UsageError(sources.empty() ? "no file and no destination given" : "no destination given");
     }
-    arguments.destination = std::move(operands.back());
-    operands.pop_back();
-    arguments.sources = std::move(operands);
+    std::string destination = std::move(sources.back());
+    sources.pop_back();
+    if (operands.has_list()) {
+        destination += destination.ends_with('/') ? "" : "/";
+        if (conflict == Conflict::ask && operands.has_list_on_stdin()) {
+            throw UsageError("-i reads its answers from stdin, which is the list here");
+        }
+        const std::vector<std::string> more = operands.listed();
+        sources.insert(sources.end(), more.begin(), more.end());
+    }
+    for (const std::string &source : sources) {
+        if (operation == Operation::move && names_contents(source)) {
+            throw UsageError(fmt::format("{}: give the directory by its name", displayed(source)));
+        }
+    }
+    return plan_errands(sources, destination);
 }
 
-constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along; a\n"
-                               "directory that exists is merged into. Of -f, -n, -i, --keep-both the last one\n"
-                               "holds. What did not go along is named on stderr. Exit status: 0 all done, 1\n"
-                               "some, 2 none or wrong usage; 130 after Ctrl-C (no half file stays).\n";
+constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
+                               "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
+                               "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
 
 void add_transfer_command(CLI::App &app, int &status, Operation operation) {
     const bool copy = operation == Operation::copy;
     CLI::App &command = *app.add_subcommand(word_of(operation), copy ? "Copy files and trees with all that is theirs"
                                                                      : "Move or rename files and trees");
-    const auto arguments = std::make_shared<Arguments>();
-    BatchOptions &options = arguments->batch;
+    const auto batch = std::make_shared<BatchOptions>();
+    BatchOptions &options = *batch;
     options.transfer.operation = operation;
     options.trees = !copy;
     const std::vector<Policy> policies = add_policies(command);
@@ -77,23 +85,15 @@ void add_transfer_command(CLI::App &app, int &status, Operation operation) {
     command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
-    CLI::Option *const operands = add_operands(command, "FILE", "FILE... DEST");
-    command.footer(std::string(kNotes) + (copy ? "Examples:\n"
-                                                 "  vexofileop copy film.mkv /volume2/video/\n"
-                                                 "  vexofileop copy -rn photos /volume2/backup"
+    const PathOperands operands(command, "FILE", "FILE... DEST");
+    command.footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
                                                : "Examples:\n"
                                                  "  vexofileop move draft.txt final.txt\n"
                                                  "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.callback([&command, &status, arguments, policies, operands] {
-        arguments->batch.transfer.conflict = chosen_policy(command, policies);
-        arguments->batch.transfer.links = arguments->batch.trees;
-        take_operands(*arguments, operands_of(*operands));
-        for (const std::string &source : arguments->sources) {
-            if (arguments->batch.transfer.operation == Operation::move && names_contents(source)) {
-                throw UsageError(fmt::format("{}: give the directory by its name", displayed(source)));
-            }
-        }
-        status = Batch(arguments->batch).run(plan_errands(arguments->sources, arguments->destination));
+    command.callback([&command, &status, batch, policies, operands] {
+        batch->transfer.conflict = chosen_policy(command, policies);
+        batch->transfer.links = batch->trees;
+        status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
     });
 }
 

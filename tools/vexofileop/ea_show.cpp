@@ -2,12 +2,13 @@
 
 #include "tools/vexofileop/apple_double.h"
 #include "tools/vexofileop/ea_store.h"
+#include "tools/vexofileop/hex.h"
+#include "tools/vexofileop/input.h"
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 
 namespace tool {
 namespace {
@@ -21,7 +22,7 @@ bool exists(const std::string &path) {
 
 ShownStore file_store(const char *what, const std::string &path) {
     ShownStore store{what, path, {}, 0};
-    store.bytes = read_store_file(path, kShownBytes, &store.size);
+    store.bytes = read_regular_file(path, kShownBytes, &store.size);
     return store;
 }
 
@@ -35,14 +36,6 @@ const char *store_name(const std::string &path) {
         return "resource file";
     }
     return name.starts_with("._") ? "\"._\" file" : nullptr;
-}
-
-std::string hex(std::string_view bytes) {
-    std::string text;
-    for (const char byte : bytes) {
-        text += fmt::format("{:02x}", static_cast<uint8_t>(byte));
-    }
-    return text;
 }
 
 } // namespace
@@ -71,11 +64,8 @@ std::vector<ShownStore> stores_of(const std::string &path) {
         }
     }
     if (store.kind() == StoreKind::file_ea) {
-        std::string value(1024, '\0');
-        const ssize_t size = ::getxattr(path.c_str(), "user.netatalk.Metadata", value.data(), value.size());
-        if (size >= 0) {
-            value.resize(static_cast<size_t>(size));
-            stores.push_back({"metadata attribute", "user.netatalk.Metadata", value, value.size()});
+        if (const std::string value = metadata_attribute(path); !value.empty()) {
+            stores.push_back({"metadata attribute", kMetadataName, value, value.size()});
         }
     }
     return stores;
@@ -131,7 +121,7 @@ Json store_json(const ShownStore &store, bool *sound) {
         out.add_to_list("entries", std::move(row));
     }
     if (!parsed.finderInfo.empty()) {
-        out.add_text("finder_info_hex", hex(parsed.finderInfo));
+        out.add_text("finder_info_hex", hex_digits(parsed.finderInfo));
     }
     if (parsed.afpAttributes >= 0) {
         out.add_number("afp_attributes", parsed.afpAttributes);

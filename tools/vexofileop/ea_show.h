@@ -16,7 +16,7 @@ struct ShownStore {
     uint64_t size;     // of all of it
 };
 
-// The stores that a file has; for the path of a store itself, that one. Throws StoreError.
+// The stores that a file has; for the path of a store itself, that one. Throws Failure.
 std::vector<ShownStore> stores_of(const std::string &path);
 
 // Lines for people; and the same for programs. `sound` becomes false for a malformed store.

@@ -1,13 +1,14 @@
 // vexofileop explain: what an error code means.
 #include "tools/vexofileop/commands.h"
+#include "tools/vexofileop/console.h"
 #include "tools/vexofileop/error_table.h"
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 
 namespace tool {
@@ -24,13 +25,13 @@ std::optional<uint32_t> code_from(std::string_view text) {
     return whole && code <= 0xFFFF ? std::optional(code) : std::nullopt;
 }
 
-void list_all() {
+void list_all(Console &console) {
     for (const ErrorInfo &row : error_table()) {
-        fmt::print("{}  {}\n", code_text(row.code), row.reason);
+        console.line(fmt::format("{}  {}", code_text(row.code), row.reason));
     }
 }
 
-// "LABEL: TEXT" in lines of at most 79 columns, the later ones indented.
+// "LABEL: TEXT" in lines of at most 79 columns, the later ones indented, without the last line feed.
 std::string paragraph(std::string_view label, std::string_view text) {
     constexpr size_t width = 79;
     std::string out = fmt::format("  {}:", label);
@@ -43,22 +44,42 @@ std::string paragraph(std::string_view label, std::string_view text) {
         column = (fits ? column + 1 : 6) + word.size();
         out += word;
     }
-    return out + "\n";
+    return out;
 }
 
-bool explain(const std::string &text) {
+uint32_t code_of(const std::string &text) {
     const std::optional<uint32_t> code = code_from(text);
     if (!code) {
         throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", displayed(text)));
     }
-    const ErrorInfo *const row = find_error(*code);
+    return *code;
+}
+
+bool explain(Console &console, uint32_t code) {
+    const ErrorInfo *const row = find_error(code);
     if (row == nullptr) {
-        fmt::print(stderr, "vexofileop: {}: no such error code\n", code_text(*code));
+        console.message(fmt::format("{}: no such error code", code_text(code)));
         return false;
     }
-    fmt::print("{}  {}\n{}{}", code_text(row->code), row->reason, paragraph("When", row->cause),
-               paragraph("What helps", row->fix));
+    console.line(fmt::format("{}  {}", code_text(row->code), row->reason));
+    console.line(paragraph("When", row->cause));
+    console.line(paragraph("What helps", row->fix));
     return true;
+}
+
+int explain_all(const std::vector<std::string> &given) {
+    std::vector<uint32_t> codes;
+    std::ranges::transform(given, std::back_inserter(codes), code_of);
+    Console console;
+    int known = 0, unknown = 0;
+    for (const uint32_t code : codes) {
+        ++(explain(console, code) ? known : unknown);
+    }
+    if (codes.empty()) {
+        list_all(console);
+    }
+    const bool written = console.check_output();
+    return !written && unknown == 0 ? exitSome : exit_status(known, unknown);
 }
 
 } // namespace
@@ -69,17 +90,7 @@ void add_explain_command(CLI::App &app, int &status) {
     command.footer("\nWithout a code all of them are listed.\n"
                    "Example:\n"
                    "  vexofileop explain 0xA400");
-    command.callback([&status, codes] {
-        if (operands_of(*codes).empty()) {
-            list_all();
-            return;
-        }
-        int known = 0, unknown = 0;
-        for (const std::string &code : operands_of(*codes)) {
-            ++(explain(code) ? known : unknown);
-        }
-        status = exit_status(known, unknown);
-    });
+    command.callback([&status, codes] { status = explain_all(operands_of(*codes)); });
 }
 
 } // namespace tool

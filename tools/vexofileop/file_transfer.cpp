@@ -4,6 +4,7 @@
 #include "ea/ea.h"
 #include "platform/sdk.h"
 #include "tools/vexofileop/error_table.h"
+#include "tools/vexofileop/mac_attributes.h"
 #include "tools/vexofileop/paths.h"
 #include "tools/vexofileop/store_parts.h"
 
@@ -133,6 +134,7 @@ struct FileTransfer::Attempt {
     std::optional<struct stat> content = {}; // what it leads to
     bool asItIs = false;                     // the entry itself is moved or made anew; no file is opened
     StoreParts store = {};                   // what is kept for the source
+    bool macAttributes = false;              // which no copy carries
     bool replace = false;
     bool ownerLost = false;    // told by the tool's own steps; the library tells by its code
     bool stopAnswered = false; // the library was told to stop
@@ -161,17 +163,21 @@ const FileTransfer::Directory &FileTransfer::directory_of(Directory &last, const
     const std::string directory = parent_of(path);
     if (last.path != directory) {
         const auto found = look_through(directory);
-        last = {directory, found ? found->st_dev : 0, VEXOGetFSType(directory.c_str(), 0)};
+        last = {directory, found ? found->st_dev : 0, VEXOGetFSType(directory.c_str(), 0),
+                keeps_mac_attributes(directory)};
     }
     return last;
 }
 
 Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry) {
-    Attempt attempt{m_hooks, source, destination, std::move(entry)};
+    Attempt attempt{m_hooks, source, destination, entry};
     if (auto problem = check_source(attempt)) {
         return failure(destination, *problem);
     }
     attempt.store = store_parts(source, directory_of(m_from, source).type);
+    if (auto problem = check_mac_attributes(attempt)) {
+        return failure(destination, *problem);
+    }
     if (look(destination)) {
         if (auto outcome = resolve_conflict(attempt)) {
             return *outcome;
@@ -210,6 +216,19 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         return of_source({fmt::format("is {}, which cannot be copied", kind_of(mode))});
     }
     return std::nullopt;
+}
+
+// A move to another volume removes the source, and with it what only that can hold.
+std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) {
+    const Directory &from = directory_of(m_from, attempt.source);
+    attempt.macAttributes = from.mac && has_mac_attributes(attempt.source);
+    if (!attempt.macAttributes || m_options.operation == Operation::copy ||
+        directory_of(m_to, attempt.destination).device == from.device) {
+        return std::nullopt;
+    }
+    return Problem{
+        "has attributes set by a Mac, which cannot go to another volume from Linux; a copy leaves them behind", 0,
+        true};
 }
 
 // For a destination that exists: an outcome where that is the end of it.
@@ -356,6 +375,9 @@ Outcome FileTransfer::arrived(const Attempt &attempt, bool ownerLost) {
     }
     if (m_options.operation == Operation::move || !attempt.asItIs) {
         outcome.warning = missing_metadata(attempt, outcome.destination);
+    }
+    if (attempt.macAttributes && m_options.operation == Operation::copy && !outcome.warning) {
+        outcome.warning = Problem{"copied without the attributes that a Mac has set"};
     }
     return outcome;
 }

@@ -72,11 +72,13 @@ class FileTransfer {
     struct Directory {
         std::string path = {};
         dev_t device = 0;
-        int type = -1; // of its volume
+        int type = -1;    // of its volume
+        bool mac = false; // whether that keeps attributes of Macs
     };
     static const Directory &directory_of(Directory &last, const std::string &path);
 
     std::optional<Problem> check_source(Attempt &attempt) const;
+    std::optional<Problem> check_mac_attributes(Attempt &attempt);
     std::optional<Problem> check_destination(const Attempt &attempt) const;
     std::optional<Problem> choose_free_name(Attempt &attempt) const;
     std::optional<Outcome> resolve_conflict(Attempt &attempt) const;

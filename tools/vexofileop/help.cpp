@@ -29,4 +29,8 @@ std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) con
     return line + "\n";
 }
 
+std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
+    return option->get_option_text().empty() ? "" : " " + option->get_option_text();
+}
+
 } // namespace tool

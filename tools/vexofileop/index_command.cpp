@@ -6,6 +6,7 @@
 #include "tools/vexofileop/json.h"
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
+#include "tools/vexofileop/signals.h"
 
 #include <algorithm>
 #include <climits>
@@ -77,12 +78,12 @@ std::string json_line(const std::string &path, const Answer &answer) {
 }
 
 int answer_all(const std::vector<std::string> &paths, bool json) {
-    if (paths.empty()) {
-        throw UsageError("no path given");
-    }
     Console console;
     int yes = 0;
     for (const std::string &given : paths) {
+        if (stop_signal() != 0) {
+            return exitSignal + stop_signal();
+        }
         const std::string absolute = absolute_path(given);
         char buffer[PATH_MAX] = "";
         const char *const resolved = VEXOPathResolve(absolute.c_str(), buffer, sizeof buffer);
@@ -110,14 +111,14 @@ void add_index_command(CLI::App &app, int &status) {
     CLI::App &command = *app.add_subcommand("index", "Tell whether the media services index a path, and why");
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "one JSON object per line");
-    CLI::Option *const paths = add_operands(command, "PATH", "PATH...");
-    command.footer("\nThe rules: nothing in a recycle bin; in the share \"homes\" only the folders photo\n"
-                   "and music of a home, while their services are on; elsewhere what lies in a share\n"
-                   "whose indexing is switched on.\n"
+    const PathOperands paths(command, "PATH", "PATH...");
+    command.footer("\nThe rules: nothing in a recycle bin; in the share \"homes\" only the folders\n"
+                   "photo and music of a home, while their services are on; elsewhere what lies in\n"
+                   "a share whose indexing is switched on.\n"
                    "Exit status: 0 all are indexed, 1 some, 2 none or wrong usage.\n"
                    "Example:\n"
                    "  vexofileop index /volume1/photo/2024");
-    command.callback([&status, json, paths] { status = answer_all(operands_of(*paths), *json); });
+    command.callback([&status, json, paths] { status = answer_all(paths.all(), *json); });
 }
 
 } // namespace tool

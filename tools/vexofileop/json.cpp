@@ -1,9 +1,8 @@
 #include "tools/vexofileop/json.h"
 
+#include "tools/vexofileop/hex.h"
 #include "tools/vexofileop/names.h"
 
-#include <fmt/format.h>
-#include <iterator>
 #include <json-c/json.h>
 #include <new>
 
@@ -16,14 +15,6 @@ json_object *made(json_object *object) {
 
 json_object *text_object(std::string_view text) {
     return made(json_object_new_string_len(text.data(), static_cast<int>(text.size())));
-}
-
-std::string hexadecimal(std::string_view bytes) {
-    std::string out;
-    for (const char byte : bytes) {
-        fmt::format_to(std::back_inserter(out), "{:02x}", static_cast<uint8_t>(byte));
-    }
-    return out;
 }
 
 } // namespace
@@ -41,7 +32,7 @@ void Json::add_text(const char *name, std::string_view text) {
 void Json::add_name(const char *name, std::string_view fileName) {
     add_text(name, as_utf8(fileName));
     if (!is_utf8(fileName)) {
-        add_text((std::string(name) + "_hex").c_str(), hexadecimal(fileName));
+        add_text((std::string(name) + "_hex").c_str(), hex_digits(fileName));
     }
 }
 

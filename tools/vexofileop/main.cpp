@@ -1,5 +1,6 @@
 // vexofileop: what the library does for services, from a shell.
 #include "tools/vexofileop/commands.h"
+#include "tools/vexofileop/console.h"
 #include "tools/vexofileop/help.h"
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
@@ -36,6 +37,13 @@ int refuse(const CLI::App &app, const std::string &reason) {
     return exitUsage;
 }
 
+int print(std::string text) {
+    text.pop_back(); // the line feed
+    Console console;
+    console.line(text);
+    return console.check_output() ? exitAll : exitSome;
+}
+
 int run(CLI::App &app, int argc, char **argv) {
     int status = exitAll;
     for (const AddCommand add : kCommands) {
@@ -44,9 +52,10 @@ int run(CLI::App &app, int argc, char **argv) {
     try {
         app.parse(parser_arguments(argc, argv));
         return status;
-    } catch (const CLI::Success &help) {
-        // Help and version: CLI11 knows the texts.
-        return app.exit(help);
+    } catch (const CLI::CallForHelp &) {
+        return print(app.help());
+    } catch (const CLI::CallForVersion &version) {
+        return print(std::string(version.what()) + "\n");
     } catch (const CLI::ParseError &error) {
         return refuse(app, displayed(without_marks(error.what())));
     } catch (const UsageError &error) {
@@ -62,11 +71,13 @@ int main(int argc, char **argv) {
     try {
         CLI::App app("Copies, moves and inspects files with everything that belongs to them.", "vexofileop");
         app.formatter(std::make_shared<HelpFormatter>());
+        app.set_help_flag("-h,--help", "print this help and exit");
         app.set_version_flag("--version", "vexofileop " VEXOFILEOP_VERSION, "print the version and exit");
         app.require_subcommand(1);
-        app.footer("\nEach command explains itself: vexofileop copy --help");
-        const int status = run(app, argc, argv);
-        return std::fflush(stdout) == 0 || status != exitAll ? status : exitSome;
+        app.footer("\nEach command explains itself: vexofileop copy --help\n"
+                   "Example:\n"
+                   "  vexofileop copy film.mkv /volume2/video/");
+        return run(app, argc, argv);
     } catch (const std::exception &error) {
         fmt::print(stderr, "vexofileop: {}\n", error.what());
         return exitNone;

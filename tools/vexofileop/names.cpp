@@ -8,11 +8,11 @@ namespace tool {
 namespace {
 
 struct Lead {
-    uint8_t mask, bits;
     size_t length;
     char32_t least; // smaller code points in this length are overlong
+    uint8_t mask, bits;
 };
-constexpr Lead kLeads[] = {{0x80, 0x00, 1, 0}, {0xE0, 0xC0, 2, 0x80}, {0xF0, 0xE0, 3, 0x800}, {0xF8, 0xF0, 4, 0x10000}};
+constexpr Lead kLeads[] = {{1, 0, 0x80, 0x00}, {2, 0x80, 0xE0, 0xC0}, {3, 0x800, 0xF0, 0xE0}, {4, 0x10000, 0xF8, 0xF0}};
 
 bool is_control(char32_t point) {
     return point < 0x20 || (point >= 0x7F && point < 0xA0);

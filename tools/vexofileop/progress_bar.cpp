@@ -93,11 +93,12 @@ std::string render_progress(const ProgressView &view) {
     const int room = view.width - 1;
     std::string line;
     for (const std::string &part : parts_of(view)) {
-        const std::string longer = line.empty() ? part : line + "  " + part;
-        if (static_cast<int>(longer.size()) > room) {
+        const size_t before = line.size();
+        line += (line.empty() ? "" : "  ") + part;
+        if (static_cast<int>(line.size()) > room) {
+            line.resize(before);
             return line;
         }
-        line = longer;
     }
     const int columns = std::min(room - static_cast<int>(line.size()) - 1, kLargestBar);
     return view.total > 0 && columns >= kSmallestBar ? bar(fraction_of(view), columns) + " " + line : line;

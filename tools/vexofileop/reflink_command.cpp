@@ -8,7 +8,6 @@
 #include "tools/vexofileop/paths.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fmt/format.h>
 #include <iterator>
@@ -29,6 +28,13 @@ constexpr const char *kAnswers[] = {
     "no: a shared folder on either side is encrypted",
 };
 constexpr uint32_t kSkipNodatacow = 1, kSkipCompression = 2;
+
+// `status`, where what was printed arrived.
+int print(const std::string &text, int status) {
+    Console console;
+    console.line(text);
+    return console.check_output() ? status : exitNone;
+}
 
 int turn(bool on) {
     VLIBCErrSetEx(0, "", 0);
@@ -56,8 +62,17 @@ int check(const std::vector<std::string> &paths, uint32_t flags) {
         Console().message(fmt::format("unknown answer {}", answer));
         return exitNone;
     }
-    fmt::print("{} -> {}: {}\n", displayed(source), displayed(directory), kAnswers[row]);
-    return answer == 0 ? 0 : 1;
+    return print(fmt::format("{} -> {}: {}", displayed(source), displayed(directory), kAnswers[row]),
+                 answer == 0 ? exitAll : exitSome);
+}
+
+void add_switch(CLI::App &reflink, int &status, const std::string &word, const char *text) {
+    CLI::App &command = *reflink.add_subcommand(word, text);
+    command.footer("\nWrites \"reflink_enable\" in /etc/vexoinfo.conf, which takes root.\n"
+                   "Example:\n"
+                   "  vexofileop reflink " +
+                   word);
+    command.callback([&status, word] { status = turn(word == "on"); });
 }
 
 void add_check(CLI::App &reflink, int &status) {
@@ -83,12 +98,11 @@ void add_reflink_command(CLI::App &app, int &status) {
                    "\"copy --clone\" asks for a clone whatever it says.\n"
                    "Example:\n"
                    "  vexofileop reflink status");
-    command.add_subcommand("status", "Print \"on\" or \"off\"")->callback([&status] {
-        std::puts(VEXOFileCopyReflinkIsEnabled() == 1 ? "on" : "off");
-        status = exitAll;
-    });
-    command.add_subcommand("on", "Allow services to make clone copies")->callback([&status] { status = turn(true); });
-    command.add_subcommand("off", "Have services copy the data")->callback([&status] { status = turn(false); });
+    CLI::App &tell = *command.add_subcommand("status", "Print \"on\" or \"off\"");
+    tell.footer("\nExample:\n  vexofileop reflink status");
+    tell.callback([&status] { status = print(VEXOFileCopyReflinkIsEnabled() == 1 ? "on" : "off", exitAll); });
+    add_switch(command, status, "on", "Allow services to make clone copies");
+    add_switch(command, status, "off", "Have services copy the data");
     add_check(command, status);
 }
 

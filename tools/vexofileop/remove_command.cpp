@@ -17,23 +17,23 @@ void add_remove_command(CLI::App &app, int &status) {
     command.add_flag("--stop-on-error", options->stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options->verbose, "name what is removed");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
-    CLI::Option *const operands = add_operands(command, "FILE", "FILE...");
+    const PathOperands operands(command, "FILE", "FILE...");
     command.footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"
                    "followed. \"/\", \".\" and \"..\" are refused. Of -f and -i the last one holds.\n"
                    "Exit status: 0 all removed, 1 some failed, 2 none removed or wrong usage.\n"
                    "Examples:\n"
-                   "  vexofileop remove draft.txt\n"
-                   "  vexofileop remove -r /volume1/photo/old");
+                   "  vexofileop remove -r /volume1/photo/old\n"
+                   "  find . -name '*.bak' -print0 | vexofileop remove -0 --files-from -");
     command.callback([&command, &status, options, force, ask, operands] {
         for (const CLI::Option *const given : command.parse_order()) {
             options->force = given == force || (options->force && given != ask);
             options->ask = given == ask || (options->ask && given != force);
         }
-        const std::vector<std::string> paths = operands_of(*operands);
-        if (paths.empty() && !options->force) {
-            throw UsageError("no file given");
+        if (options->ask && operands.has_list_on_stdin()) {
+            throw UsageError("-i reads its answers from stdin, which is the list here");
         }
-        status = TreeRemoval(*options).run(paths);
+        const bool nothing = options->force && operands.given().empty() && !operands.has_list();
+        status = TreeRemoval(*options).run(nothing ? std::vector<std::string>() : operands.all());
     });
 }
 

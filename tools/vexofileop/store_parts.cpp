@@ -3,10 +3,9 @@
 #include "ea/ea.h"
 #include "tools/vexofileop/directory.h"
 #include "tools/vexofileop/paths.h"
+#include "tools/vexofileop/store_kind.h"
 
-#include <algorithm>
 #include <climits>
-#include <iterator>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -20,8 +19,7 @@ bool has_file(int result, const char *place) {
 }
 
 bool keeps_apple_doubles(int type) {
-    constexpr int types[] = {0, 5, 18};
-    return std::ranges::find(types, type) != std::end(types);
+    return store_kind(type) == StoreKind::apple_double;
 }
 
 } // namespace
@@ -43,8 +41,7 @@ StoreParts store_parts(const std::string &path, int volumeType) {
 }
 
 bool parts_missing(const StoreParts &before, const std::string &destination, int volumeType) {
-    constexpr int nativeAttributes = 7;
-    if (!before.any() || volumeType == nativeAttributes) {
+    if (!before.any() || store_kind(volumeType) == StoreKind::native) {
         return false;
     }
     const StoreParts now = store_parts(destination, volumeType);

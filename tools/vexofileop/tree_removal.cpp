@@ -205,7 +205,7 @@ bool TreeRemoval::confirmed(const Entry &entry, const char *question) {
     return false;
 }
 
-bool TreeRemoval::failed(const Entry &entry, Problem problem) {
+bool TreeRemoval::failed(const Entry &entry, const Problem &problem) {
     ++m_failed;
     tell(entry, Status::failed, &problem);
     return false;

@@ -32,7 +32,7 @@ class TreeRemoval {
     bool remove_metadata(const Entry &entry, int fd);
     bool unlink(const Entry &entry, int flags);
     bool confirmed(const Entry &entry, const char *question);
-    bool failed(const Entry &entry, Problem problem);
+    bool failed(const Entry &entry, const Problem &problem);
     void tell(const Entry &entry, Status status, const Problem *problem);
     int finish();
     bool stopped() const;

@@ -5,6 +5,7 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/vexofileop/directory.h"
+#include "tools/vexofileop/mac_attributes.h"
 #include "tools/vexofileop/paths.h"
 #include "tools/vexofileop/store_parts.h"
 
@@ -72,6 +73,7 @@ struct TreeTransfer::Level {
     std::string source, destination;
     VLIBCStat status = {}; // of the source, before anything is done to it
     bool made = false;     // the destination was not there before
+    bool macAttributes = false;
     Outcome outcome = {};
 };
 
@@ -264,15 +266,17 @@ void TreeTransfer::finish(Level &level) {
         (void)::fchmod(fd, status.st_mode & 07777); // FAT has its modes from the mount.
     }
     const StoreParts store = store_parts(level.source, m_sourceType);
-    std::string lost;
+    level.macAttributes = keeps_mac_attributes(level.source) && has_mac_attributes(level.source);
+    std::string lost = level.macAttributes ? "the attributes that a Mac has set" : "";
+    const auto lose = [&lost](const char *what) { lost += (lost.empty() ? "" : " and ") + std::string(what); };
     if (VEXOACLCopy(source, destination) < 0) {
-        lost = "its ACL";
+        lose("its ACL");
     }
     (void)VEXOACLArchiveCopy(source, destination); // for root alone
     (void)VEXOEACopyInternal(source, destination, m_move ? 1 : 0, 0, m_sourceType, m_destinationType, nullptr, nullptr,
                              nullptr);
     if (parts_missing(store, level.destination, m_destinationType)) {
-        lost += lost.empty() ? "its extended metadata" : " and its extended metadata";
+        lose("its extended metadata");
     }
     if (!lost.empty()) {
         level.outcome.warning = Problem{fmt::format("the directory is there, but without {}", lost)};
@@ -283,6 +287,11 @@ void TreeTransfer::finish(Level &level) {
 
 // Everything in the source has arrived; what is left of it is the directory and what belongs to it.
 bool TreeTransfer::remove_source(Level &level) {
+    if (level.macAttributes) {
+        level.outcome.status = Status::skipped;
+        level.outcome.problem = Problem{"the source directory stays, for the attributes that a Mac has set", 0, true};
+        return false;
+    }
     VEXOEARemoveDanglingEADir(level.source.c_str());
     if (::rmdir(level.source.c_str()) == 0) {
         (void)VEXOEARemove(level.source.c_str(), m_sourceType);

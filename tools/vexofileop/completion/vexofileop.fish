@@ -7,7 +7,7 @@ function __vexofileop_words
         $0 == section { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
         on && /^  [^ ]/ {
-            words = $1; $1 = ""; sub(/^ +/, "")
+            words = $1; $0 = substr($0, 26)
             count = split(words, each, ","); for (i = 1; i <= count; i++) print each[i] "\t" $0
         }'
 end

@@ -1,0 +1,46 @@
+// Commands over several paths: counts, messages, and the end at a signal.
+#include "tools/vexofileop/path_work.h"
+
+#include "tools/vexofileop/failure.h"
+#include "tools/vexofileop/signals.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+using tool::PathWork;
+
+TEST(PathWork, GoesOnAfterAFailureAndCountsIt) {
+    PathWork work;
+    std::vector<std::string> seen;
+    work.each({"/a", "/b//c/", "/d"}, [&](const std::string &path) {
+        seen.push_back(path);
+        if (path == "/a") {
+            throw tool::Failure("not today");
+        }
+    });
+    EXPECT_EQ((std::vector<std::string>{"/a", "/b/c", "/d"}), seen);
+    EXPECT_EQ(1, work.finish());
+}
+
+TEST(PathWork, AllFailedIsTwo) {
+    PathWork work;
+    work.one("/a", [](const std::string &) { throw tool::Failure("not today"); });
+    EXPECT_EQ(2, work.finish());
+}
+
+TEST(PathWork, SignalLetsThePathUnderWayEndAndLeavesTheOthers) {
+    tool::watch_signals();
+    PathWork work;
+    int seen = 0;
+    work.each({"/a", "/b", "/c"}, [&](const std::string &) {
+        if (++seen == 2) {
+            std::raise(SIGTERM);
+        }
+    });
+    EXPECT_EQ(2, seen);
+    EXPECT_EQ(128 + SIGTERM, work.finish());
+}
+
+} // namespace
