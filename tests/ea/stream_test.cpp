@@ -1,10 +1,10 @@
 // The stream file through its handle: what is written, read, cut, removed, and every code of a failure.
 #include "tests/ea/stream_fixture.h"
+#include "tests/kit/child.h"
 
 #include <array>
 #include <cerrno>
 #include <numeric>
-#include <sys/wait.h>
 
 namespace {
 
@@ -433,18 +433,6 @@ TEST_F(Stream, ChangesNeedTheWriteLock) {
     EXPECT_EQ(0, VEXOEASClose(eas));
 }
 
-// Runs `inChild` in another process and gives what it returned.
-template <typename Function>
-int elsewhere(Function inChild) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(inChild());
-    }
-    int status = 0;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST_F(Stream, LockIsNeverWaitedFor) {
     put(kExample);
     const auto opens = [this](int lockType) {
@@ -453,23 +441,23 @@ TEST_F(Stream, LockIsNeverWaitedFor) {
         return eas != nullptr ? 1 : VLIBCErrGet() == 0x0400 ? 2 : 3;
     };
     VEXOEAS *eas = open(F_WRLCK);
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_RDLCK); }));
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_WRLCK); }));
-    EXPECT_EQ(4, elsewhere([&] { return EASGetAttrCount(fd) == -1 && VLIBCErrGet() == 0x0400 ? 4 : 5; }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_RDLCK); }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(4, kit::inChild([&] { return EASGetAttrCount(fd) == -1 && VLIBCErrGet() == 0x0400 ? 4 : 5; }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_RDLCK));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_RDLCK); }));
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_RDLCK); }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_WRLCK); }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_UNLCK));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_WRLCK); }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_WRLCK));
     EXPECT_EQ(0, VEXOEASClose(eas));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_WRLCK); }));
 }
 
 TEST_F(Stream, LockGetTellsTheHolder) {
     VEXOEAS *eas = open(F_RDLCK);
     const pid_t parent = ::getpid();
-    EXPECT_EQ(1, elsewhere([&] {
+    EXPECT_EQ(1, kit::inChild([&] {
                   VEXOEAS mine = *eas;
                   struct flock lock {};
                   lock.l_type = F_WRLCK;
@@ -495,7 +483,7 @@ TEST_F(Stream, FailedOpenReleasesTheLock) {
     EXPECT_EQ(nullptr, VEXOEASOpen(fd, F_WRLCK));
     EXPECT_EQ(0x0A00u, VLIBCErrGet());
     EXPECT_EQ(-1, EASGetAttrCount(fd));
-    EXPECT_EQ(1, elsewhere([&] {
+    EXPECT_EQ(1, kit::inChild([&] {
                   struct flock lock {};
                   lock.l_type = F_WRLCK;
                   return ::fcntl(fd, F_SETLK, &lock) == 0 ? 1 : 0;
