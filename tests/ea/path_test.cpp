@@ -459,6 +459,14 @@ TEST_F(CheckADFile, WithoutCompanion) {
     EXPECT_EQ(-4, VEXOEACheckADFile((scratch / "._").c_str()));
 }
 
+TEST_F(CheckADFile, PathWithoutPartsHasNoAnswer) {
+    for (const char *part : {"dirname", "basename"}) {
+        VLIBCErrSetEx(0, "", 0);
+        kit::Faults::fail(part, EINVAL);
+        EXPECT_FAILS(VEXOEACheckADFile("/x/._x"), 0);
+    }
+}
+
 TEST_F(CheckADFile, NeedsMemory) {
     if (!kit::Faults::failAllocation(1)) {
         GTEST_SKIP() << "the sanitizer owns the allocator";
@@ -467,6 +475,12 @@ TEST_F(CheckADFile, NeedsMemory) {
     kit::Faults::failAllocation(2);
     EXPECT_FAILS(VEXOEACheckADFile("/x/._x"), 0x0200);
     kit::Faults::failAllocation(0);
+}
+
+TEST_F(HiddenNames, PathWithoutABaseIsRefused) {
+    kit::Faults::fail("basename", EINVAL);
+    EXPECT_FAILS(VEXOEAIsHiddenDir("/x/@eaDir"), 0x9A00);
+    EXPECT_EQ(0, VEXOEAIsHiddenDir("/"));
 }
 
 TEST_F(HiddenNames, NothingIsLogged) {
