@@ -32,6 +32,14 @@ int stream_path(const char *path, const char *stream, PathBuffer &out) {
     return VEXOEAPath(kCurrentLayout, path, stream, out.fill(), PathBuffer::kUsable, kStreamCompanion);
 }
 
+int stream_path_or_log(const char *path, const char *stream, PathBuffer &out) {
+    const int result = stream_path(path, stream, out);
+    if (result < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", path);
+    }
+    return result;
+}
+
 // The part of a stream-file copy that a caller can replace.
 int copy_stream_content(const EaCopyJob &job, const char *stream, const char *from, const char *to) {
     const int result = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
@@ -52,7 +60,7 @@ int copy_stream_file(const EaCopyJob &job, const char *stream) {
     if (!exists(from.c_str())) {
         return 0;
     }
-    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0 || stream_path(job.dst, stream, to) < 0) {
+    if (prepare_ea_directory(kSharedDirectory, job.dst, to) < 0 || stream_path(job.dst, stream, to) < 0) {
         return -1;
     }
     const int copied = copy_stream_content(job, stream, from.c_str(), to.c_str());
@@ -89,15 +97,9 @@ int copy_both_stream_files(const EaCopyJob &job) {
 int convert_resource_for_file_ea(const EaCopyJob &job) {
     PathBuffer from;
     PathBuffer to;
-    if (stream_path(job.src, kResourceStream, from) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.src);
-        return -1;
-    }
-    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
-        return -1;
-    }
-    if (stream_path(job.dst, kResourceStream, to) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.dst);
+    if (stream_path_or_log(job.src, kResourceStream, from) < 0 ||
+        prepare_ea_directory(kSharedDirectory, job.dst, to) < 0 ||
+        stream_path_or_log(job.dst, kResourceStream, to) < 0) {
         return -1;
     }
     const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::checked);
@@ -118,10 +120,10 @@ int convert_resource_for_file_ea(const EaCopyJob &job) {
     return 0;
 }
 
-// The Finder Info in a metadata header; null when it has none.
+// The Finder Info in a metadata header, which has an entry for it; null when that leaves no room for it.
 const uint8_t *finder_info_in(const VEXOEAAdouble &metadata) {
     const uint64_t offset = metadata.entries[kFinderInfoEntry].offset;
-    return offset == 0 || offset > sizeof metadata.raw - kFinderInfoSize ? nullptr : metadata.raw + offset;
+    return offset > sizeof metadata.raw - kFinderInfoSize ? nullptr : metadata.raw + offset;
 }
 
 bool all_zero(const uint8_t *bytes, size_t size) {
@@ -231,8 +233,15 @@ int stream_presence(const char *path) {
     return (exists(resource.c_str()) ? kHasResource : 0) | (exists(attributes.c_str()) ? kHasEaStream : 0);
 }
 
-int prepare_ea_directory(int which, const char *path) {
-    PathBuffer directory;
+int unlink_source_stream(const EaCopyJob &job, const char *stream, int companion) {
+    PathBuffer path;
+    if (VEXOEAPath(kCurrentLayout, job.src, stream, path.fill(), PathBuffer::kUsable, companion) < 0) {
+        return -1;
+    }
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+}
+
+int prepare_ea_directory(int which, const char *path, PathBuffer &directory) {
     if (VEXOEADirPath(which, path, directory.fill(), PathBuffer::kUsable) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
         return -1;

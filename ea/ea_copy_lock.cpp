@@ -66,19 +66,12 @@ int locked_by_flag(const char *path, ReadMetadata read) {
     return word != nullptr && (big_endian::load(word, sizeof(uint16_t)) & kAfpLockedBits) != 0 ? 1 : 0;
 }
 
+// Of a kind that keeps the state, as is write_lock()'s.
 int read_lock(const char *path, StoreKind kind, bool nothingStored) {
-    switch (kind) {
-    case StoreKind::apple_double:
-    case StoreKind::native_xattr:
-        return locked_by_mode(path);
-    case StoreKind::ea_directory:
+    if (kind == StoreKind::ea_directory) {
         return locked_by_flag(path, nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
-    case StoreKind::file_ea:
-        return locked_by_flag(path, VEXOEAFileEAAdoubleRead);
-    case StoreKind::other:
-        break;
     }
-    return kUnknownSource;
+    return kind == StoreKind::file_ea ? locked_by_flag(path, VEXOEAFileEAAdoubleRead) : locked_by_mode(path);
 }
 
 int set_mode(const char *path, bool locked) {
@@ -137,18 +130,10 @@ int set_in_file_ea(const char *path, bool locked) {
 }
 
 int write_lock(const char *path, StoreKind kind, bool locked) {
-    switch (kind) {
-    case StoreKind::apple_double:
-    case StoreKind::native_xattr:
-        return set_mode(path, locked);
-    case StoreKind::ea_directory:
+    if (kind == StoreKind::ea_directory) {
         return set_in_ea_directory(path, locked);
-    case StoreKind::file_ea:
-        return set_in_file_ea(path, locked);
-    case StoreKind::other:
-        break;
     }
-    return 0;
+    return kind == StoreKind::file_ea ? set_in_file_ea(path, locked) : set_mode(path, locked);
 }
 
 // Whether the state of the source will be read for certain, which tells whether there is a source at all.

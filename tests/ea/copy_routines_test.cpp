@@ -155,6 +155,29 @@ TEST_F(CopyRoutines, InternalFolderCarriesTheRestAlone) {
     }
 }
 
+TEST_F(CopyRoutines, FolderBelowAnotherIsNoInternalFolder) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    processAsNow();
+    for (const char *folder : {"plain", "@half", "half@"}) {
+        const std::string outer = volume / folder;
+        ::mkdir(outer.c_str(), 0755);
+        ::mkdir((outer + "/@internal@").c_str(), 0755);
+        prepare(kEaDirectory, kEaDirectory, some(), outer + "/@internal@");
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ(some(), read(to, kEaDirectory)) << folder;
+    }
+}
+
+TEST_F(CopyRoutines, RelativePathIsInNoInternalFolder) {
+    processMayChange();
+    ASSERT_EQ(0, ::chdir(scratch.path().c_str()));
+    ASSERT_EQ(0, ::mkdir("@internal@", 0755));
+    prepare(kEaDirectory, kEaDirectory, some(), "@internal@");
+    EXPECT_EQ(0, copy(false, kEaDirectory, kEaDirectory)) << kit::Log::all();
+    EXPECT_EQ(some(), read(to, kEaDirectory));
+    ASSERT_EQ(0, ::chdir("/"));
+}
+
 TEST_F(CopyRoutines, CallbacksTakePlaceOfEveryFileCopy) {
     VEXOCopyArgsEx options{};
     options.copyEA = runBare;
@@ -225,8 +248,19 @@ TEST_F(CopyRoutines, NameTooLongForAnAppleDoubleFileFails) {
          {std::pair{kEaDirectory, kAppleDouble}, {kAppleDouble, kAppleDouble}, {kAppleDouble, kEaDirectory}}) {
         prepare(fromKind, toKind, {}, newRoot(), std::string(254, 'n'));
         EXPECT_FAILS(copy(), 0xC300);
-        EXPECT_TRUE(logged("filename too long: [")) << kit::Log::all();
-        EXPECT_TRUE(logged("EACopy fail: from [")) << kit::Log::all();
+        const std::string tooLong = "filename too long: [";
+        std::vector<std::string> expected;
+        if (fromKind == kAppleDouble) {
+            expected.push_back(tooLong + from.path() + "].");
+        }
+        if (toKind == kAppleDouble) {
+            expected.push_back(tooLong + to.path() + "].");
+        }
+        std::vector<std::string> lines = reports();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_TRUE(lines.back().starts_with("[0xC300]EACopy fail: from [")) << lines.back();
+        lines.pop_back();
+        EXPECT_EQ(expected, lines);
     }
 }
 
@@ -604,6 +638,44 @@ TEST_F(CopyRoutines, HostileStoresLeaveTheSourceAsItWas) {
                 EXPECT_EQ(resources[number], content(from.dotFile())) << name(toKind) << number;
             }
         }
+    }
+}
+
+TEST_F(CopyRoutines, LengthsThatTheFilesDoNotHoldHaveTheReadCode) {
+    const std::string fork = resourceBytes("", "fork").replace(46, 4, adouble_bytes::number(5000, 4));
+    const std::string value =
+        streamBytes({"", "", {{"user.a", "one"}}, {}, false}).replace(124, 4, adouble_bytes::number(5000, 4));
+    for (const int toKind : {kNative, kAppleDouble}) {
+        prepare(kEaDirectory, toKind, {}, newRoot());
+        makeDirectories(from);
+        kit::writeFile(from.resource(), fork);
+        EXPECT_FAILS(copy(), 0x0A00);
+        ::unlink(from.resource().c_str());
+        VLIBCErrSetEx(0, "", 0);
+        kit::writeFile(from.stream(), value);
+        EXPECT_FAILS(copy(), 0x0A00);
+    }
+}
+
+TEST_F(CopyRoutines, MemoryForAValueMayRunOut) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    processAsNow();
+    const Items large{"", kit::pattern(60000, 2), {{"user.large", kit::pattern(60000, 5)}}, {}, false};
+    struct Row {
+        int fromKind, toKind, nth;
+    };
+    for (const Row &row : {Row{kEaDirectory, kNative, 1}, Row{kEaDirectory, kNative, 2}, Row{kNative, kEaDirectory, 1},
+                           Row{kNative, kNative, 1}}) {
+        const std::string root = volume / std::to_string(row.fromKind * 100 + row.toKind * 10 + row.nth);
+        ::mkdir(root.c_str(), 0755);
+        prepare(row.fromKind, row.toKind, large, root);
+        kit::Faults::onlyAllocationsFrom(60000);
+        if (!kit::Faults::failAllocation(row.nth)) {
+            GTEST_SKIP() << "the sanitizer has the allocator";
+        }
+        EXPECT_FAILS(copy(), 0x0100);
+        kit::Faults::reset();
+        EXPECT_EQ(large, read(from, row.fromKind));
     }
 }
 

@@ -302,6 +302,12 @@ TEST_F(Paths, AppleDoublePathIsCutInSilence) {
     EXPECT_EQ(deep + "/._b", adFor(deep + "/b"));
 }
 
+TEST_F(Paths, AppleDoublePathOfNothingButSlashes) {
+    EXPECT_EQ("._", adFor(""));
+    EXPECT_EQ("._", adFor("/"));
+    EXPECT_EQ("//._", adFor("///"));
+}
+
 TEST_F(Paths, LongPathNeedsMemory) {
     const std::string path(4095, 'x');
     const std::string onStack = path.substr(1); // 4094 bytes

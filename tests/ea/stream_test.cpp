@@ -110,7 +110,7 @@ TEST_F(Stream, ExistingNameWithoutOverwriteTellsByItsResult) {
     EXPECT_EQ(1, write(eas, "n", "v", 0, 0));
     const std::string before = content();
     errno = 0;
-    EXPECT_EQ(-1, write(eas, "n", "w", 0, 0));
+    EXPECT_FAILS(write(eas, "n", "w", 0, 0), 0x0D00);
     EXPECT_EQ(EEXIST, errno);
     errno = 0;
     EXPECT_EQ(0, write(eas, "n", "", 0, 0));
@@ -431,6 +431,37 @@ TEST_F(Stream, ChangesNeedTheWriteLock) {
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_WRLCK));
     EXPECT_EQ(1, VEXOEASWrite(eas, "a", "X", 1, 0, 1));
     EXPECT_EQ(0, VEXOEASClose(eas));
+}
+
+TEST_F(Stream, HeaderOfImpossibleSizesIsNotWritten) {
+    put(kExample);
+    VEXOEAS *eas = open();
+    const uint32_t start = eas->header.dataStart;
+    for (const uint32_t impossible : {UINT32_MAX, 0U}) {
+        eas->header.dataStart = impossible;
+        eas->header.dataLength = impossible == 0 ? 0 : 2;
+        EXPECT_FAILS(VEXOEASWriteHeader(eas), 0x0D00);
+        EXPECT_STREQ("ea/eas_write_header.c", VLIBCErrorGetFile());
+    }
+    eas->header.dataStart = start;
+    EXPECT_EQ(kExample, content());
+    EXPECT_EQ(0, VEXOEASClose(eas));
+}
+
+TEST_F(Stream, RecordsThatCannotBeWrittenFail) {
+    stream::Attributes many;
+    for (int at = 0; at < 40; ++at) {
+        many.emplace_back(std::string(90, 'n') + std::to_string(at), "value");
+    }
+    put(stream::bytes(many));
+    for (const int skip : {0, 1, 2}) { // the header, the first records, the next ones
+        VEXOEAS *eas = open();
+        kit::Faults::fail("write", ENOSPC, path, skip);
+        EXPECT_FAILS(VEXOEASWriteHeader(eas), 0x0B00);
+        kit::Faults::reset();
+        EXPECT_EQ(0, VEXOEASClose(eas));
+    }
+    EXPECT_EQ(many, attributes()) << "what was written is what was there";
 }
 
 TEST_F(Stream, LockIsNeverWaitedFor) {
