@@ -348,15 +348,6 @@ int convert_resource_to_double(const EaCopyJob &job, const char *to) {
     return 0;
 }
 
-int remove_resource(const EaCopyJob &job) {
-    PathBuffer resource;
-    if (VEXOEAPath(kCurrentLayout, job.src, kResourceStream, resource.fill(), PathBuffer::kUsable, kStreamCompanion) <
-        0) {
-        return -1;
-    }
-    return ::unlink(resource.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
-}
-
 } // namespace
 
 bool read_at(int fd, void *to, size_t size, uint64_t offset) {
@@ -445,7 +436,7 @@ int copy_adfs_to_ea_directory(const EaCopyJob &job) {
         return 0;
     }
     PathBuffer to;
-    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
+    if (prepare_ea_directory(kSharedDirectory, job.dst, to) < 0) {
         return -1;
     }
     if (VEXOEAPath(kCurrentLayout, job.dst, kResourceStream, to.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
@@ -489,7 +480,7 @@ int copy_ea_directory_to_adfs(const EaCopyJob &job) {
     }
     // Only now: the attributes were put in front of the fork, and had that failed half way, the source's would be the
     // only one.
-    return job.move ? remove_resource(job) : 0;
+    return job.move ? unlink_source_stream(job, kResourceStream, kStreamCompanion) : 0;
 }
 
 } // namespace vexo

@@ -68,6 +68,19 @@ struct StreamFiles {
     bool prepared = false;
 };
 
+int select_resource(StreamPath &stream, const char *path) {
+    const int result = stream.select(kResourceStream);
+    if (result < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", path);
+    }
+    return result;
+}
+
+int prepare_shared_directory(const char *path) {
+    PathBuffer directory;
+    return prepare_ea_directory(kSharedDirectory, path, directory);
+}
+
 // The part of a stream-file copy that a caller can replace.
 int copy_stream_content(const EaCopyJob &job, const char *stream, const char *from, const char *to) {
     const int result = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
@@ -86,7 +99,7 @@ int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *strea
     if (!exists(files.from.c_str())) {
         return 0;
     }
-    if (!files.prepared && prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
+    if (!files.prepared && prepare_shared_directory(job.dst) < 0) {
         return -1;
     }
     files.prepared = true;
@@ -130,15 +143,8 @@ int copy_both_stream_files(const EaCopyJob &job) {
 int convert_resource_for_file_ea(const EaCopyJob &job) {
     StreamPath from(job.src);
     StreamPath to(job.dst);
-    if (from.select(kResourceStream) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.src);
-        return -1;
-    }
-    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
-        return -1;
-    }
-    if (to.select(kResourceStream) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.dst);
+    if (select_resource(from, job.src) < 0 || prepare_shared_directory(job.dst) < 0 ||
+        select_resource(to, job.dst) < 0) {
         return -1;
     }
     const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::checked);
@@ -159,10 +165,10 @@ int convert_resource_for_file_ea(const EaCopyJob &job) {
     return 0;
 }
 
-// The Finder Info in a metadata header; null when it has none.
+// The Finder Info in a metadata header, which has an entry for it; null when that leaves no room for it.
 const uint8_t *finder_info_in(const VEXOEAAdouble &metadata) {
     const uint64_t offset = metadata.entries[kFinderInfoEntry].offset;
-    return offset == 0 || offset > sizeof metadata.raw - kFinderInfoSize ? nullptr : metadata.raw + offset;
+    return offset > sizeof metadata.raw - kFinderInfoSize ? nullptr : metadata.raw + offset;
 }
 
 bool all_zero(const uint8_t *bytes, size_t size) {
@@ -279,8 +285,15 @@ int stream_presence(const char *path) {
     return presence;
 }
 
-int prepare_ea_directory(int which, const char *path) {
-    PathBuffer directory;
+int unlink_source_stream(const EaCopyJob &job, const char *stream, int companion) {
+    PathBuffer path;
+    if (VEXOEAPath(kCurrentLayout, job.src, stream, path.fill(), PathBuffer::kUsable, companion) < 0) {
+        return -1;
+    }
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+}
+
+int prepare_ea_directory(int which, const char *path, PathBuffer &directory) {
     if (VEXOEADirPath(which, path, directory.fill(), PathBuffer::kUsable) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
         return -1;

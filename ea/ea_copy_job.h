@@ -6,6 +6,7 @@
 
 #include "ea/store.h"
 #include "support/callback.h"
+#include "support/path_buffer.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -75,8 +76,11 @@ int stream_presence(const char *path);
 bool has_no_ea_directory(const char *path, bool known);
 
 // Makes the "@eaDir" (kSharedDirectory), or the path's own directory in it (kPerFileDirectory) after removing what
-// stood there. 0 or -1, reported.
-int prepare_ea_directory(int which, const char *path);
+// stood there, and leaves its path in `directory`. 0 or -1, reported.
+int prepare_ea_directory(int which, const char *path, PathBuffer &directory);
+
+// Unlinks a stream of the source that has been carried. One that is not there is no failure. 0 or -1 with the error.
+int unlink_source_stream(const EaCopyJob &job, const char *stream, int companion);
 
 // Removes a tree that is there; one that is not is no failure. 0, or -1 with a log line.
 int remove_source_tree(const char *path);

@@ -68,19 +68,13 @@ int locked_by_flag(const char *path, ReadMetadata read) {
     return word != nullptr && (big_endian::load(word, sizeof(uint16_t)) & kAfpLockedBits) != 0 ? 1 : 0;
 }
 
+// Of a kind that keeps the state, as is write_lock()'s.
 int read_lock(const EaCopyJob &job) {
-    switch (job.srcKind()) {
-    case StoreKind::apple_double:
-    case StoreKind::native_xattr:
-        return locked_by_mode(job.src);
-    case StoreKind::ea_directory:
+    if (job.srcKind() == StoreKind::ea_directory) {
         return locked_by_flag(job.src, job.nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
-    case StoreKind::file_ea:
-        return locked_by_flag(job.src, VEXOEAFileEAAdoubleRead);
-    case StoreKind::other:
-        break;
     }
-    return kUnknownSource;
+    return job.srcKind() == StoreKind::file_ea ? locked_by_flag(job.src, VEXOEAFileEAAdoubleRead)
+                                               : locked_by_mode(job.src);
 }
 
 int set_mode(const char *path, bool locked) {
@@ -139,18 +133,10 @@ int set_in_file_ea(const char *path, bool locked) {
 }
 
 int write_lock(const EaCopyJob &job, bool locked) {
-    switch (job.dstKind()) {
-    case StoreKind::apple_double:
-    case StoreKind::native_xattr:
-        return set_mode(job.dst, locked);
-    case StoreKind::ea_directory:
+    if (job.dstKind() == StoreKind::ea_directory) {
         return set_in_ea_directory(job.dst, job.nothingStored && job.noStore, locked);
-    case StoreKind::file_ea:
-        return set_in_file_ea(job.dst, locked);
-    case StoreKind::other:
-        break;
     }
-    return 0;
+    return job.dstKind() == StoreKind::file_ea ? set_in_file_ea(job.dst, locked) : set_mode(job.dst, locked);
 }
 
 // Whether the state of the source will be read for certain, which tells whether there is a source at all.

@@ -141,8 +141,7 @@ int carry_directory(const EaCopyJob &job) {
         }
         return 0;
     }
-    if (prepare_ea_directory(kPerFileDirectory, job.dst) < 0 ||
-        VEXOEADirPath(kPerFileDirectory, job.dst, to.fill(), PathBuffer::kUsable) < 0) {
+    if (prepare_ea_directory(kPerFileDirectory, job.dst, to) < 0) {
         if (job.move) {
             remove_source_directory(job, from.c_str());
         }

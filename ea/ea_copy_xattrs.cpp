@@ -155,14 +155,6 @@ Tally carry_entries(const EaCopyJob &job, int fd) {
     return tally;
 }
 
-int unlink_stream(const EaCopyJob &job, const char *stream, int companion) {
-    PathBuffer path;
-    if (VEXOEAPath(kCurrentLayout, job.src, stream, path.fill(), PathBuffer::kUsable, companion) < 0) {
-        return -1;
-    }
-    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
-}
-
 Tally carry_attribute_stream(const EaCopyJob &job, int companion) {
     const Fd fd(VEXOEAOpen(kCurrentLayout, job.src, kEaStream, O_RDONLY, companion));
     if (!fd) {
@@ -175,7 +167,7 @@ Tally carry_attribute_stream(const EaCopyJob &job, int companion) {
     }
     Tally tally = carry_entries(job, fd.get());
     if (tally.result == 0 && tally.everything && job.move && companion == kStreamCompanion &&
-        unlink_stream(job, kEaStream, companion) < 0) {
+        unlink_source_stream(job, kEaStream, companion) < 0) {
         tally.result = -1;
         tally.number = errno;
     }
@@ -272,7 +264,7 @@ int carry_resource_stream(const EaCopyJob &job, int companion, bool everything) 
         return -1;
     }
     const bool holdsWhatStayed = companion != kStreamCompanion && !everything;
-    return job.move && !holdsWhatStayed ? unlink_stream(job, kResourceStream, companion) : 0;
+    return job.move && !holdsWhatStayed ? unlink_source_stream(job, kResourceStream, companion) : 0;
 }
 
 int carry_streams(const EaCopyJob &job, int companion) {
@@ -486,7 +478,7 @@ int copy_attributes(const char *src, const char *dst, const char *prefix) {
 }
 
 int remove_source_resource(const EaCopyJob &job) {
-    if (!job.move || unlink_stream(job, kResourceStream, kStreamCompanion) == 0) {
+    if (!job.move || unlink_source_stream(job, kResourceStream, kStreamCompanion) == 0) {
         return 0;
     }
     VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to remove [%s]->[%s]. %m", job.src, job.dst);

@@ -157,17 +157,12 @@ int VEXOEARemove(const char *path, int fsKind) {
     if (fsKind == -1 && look_up_kind(path, &fsKind) < 0) {
         return -1;
     }
-    switch (store_kind(fsKind)) {
-    case StoreKind::apple_double:
+    const StoreKind kind = store_kind(fsKind);
+    if (kind == StoreKind::apple_double) {
         return remove_apple_double(path);
-    case StoreKind::ea_directory:
-    case StoreKind::file_ea:
-        return remove_streams_and_directory(path);
-    case StoreKind::native_xattr: // goes with the file
-    case StoreKind::other:
-        return 0;
     }
-    return 0;
+    // The native kind keeps it in the file, the others keep nothing.
+    return kind == StoreKind::ea_directory || kind == StoreKind::file_ea ? remove_streams_and_directory(path) : 0;
 }
 
 int VEXOEARemoveWithoutEAStream(const char *path, int fsKind) {

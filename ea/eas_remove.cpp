@@ -48,8 +48,5 @@ int VEXOEASRemove(VEXOEAS *eas, const char *name) {
         return fail(Error::permission, VEXO_HERE);
     }
     const int index = VEXOEASSearch(eas, name);
-    if (index < 0) {
-        return last_error() == Error::attribute_missing ? 0 : -1;
-    }
-    return remove_entry(*eas, static_cast<uint32_t>(index));
+    return index < 0 ? 0 : remove_entry(*eas, static_cast<uint32_t>(index));
 }

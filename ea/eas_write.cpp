@@ -130,8 +130,6 @@ int VEXOEASWrite(VEXOEAS *eas, const char *name, const void *data, uint32_t size
     }
     if (index >= 0) {
         result = write_existing(*eas, static_cast<uint32_t>(index), piece);
-    } else if (last_error() != Error::attribute_missing) {
-        return -1;
     } else if ((flags & kExistingOnly) != 0) {
         errno = ENOENT;
         return -1;

@@ -30,15 +30,11 @@ inline constexpr NameRule kHiddenNames[] = {
 };
 
 inline bool matches(const NameRule &rule, const char *name) {
-    switch (rule.match) {
-    case NameMatch::ignoring_case:
+    if (rule.match == NameMatch::ignoring_case) {
         return ::strcasecmp(rule.name, name) == 0;
-    case NameMatch::exact:
-        return std::strcmp(rule.name, name) == 0;
-    case NameMatch::prefix:
-        return std::strncmp(rule.name, name, std::strlen(rule.name)) == 0;
     }
-    return false;
+    const size_t compared = rule.match == NameMatch::prefix ? std::strlen(rule.name) : std::strlen(rule.name) + 1;
+    return std::strncmp(rule.name, name, compared) == 0;
 }
 
 inline bool is_in_group(const char *name, NameGroup group) {

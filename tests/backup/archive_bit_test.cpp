@@ -28,6 +28,15 @@ TEST_F(ArchiveBit, MissingPathCannotBeOpened) {
     EXPECT_STREQ("backup/backup_clean_dir_archive_bit.c", VLIBCErrorGetFile());
 }
 
+TEST_F(ArchiveBit, DirectoryWithoutADescriptorFails) {
+    kit::Faults::fail("dirfd", ENOTSUP, scratch.path());
+    EXPECT_FAILS(VEXOBackupCleanDirArchiveBit(scratch.path().c_str()), 0x0900);
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "Fail to get the file descriptor associated with the directory stream (" +
+                                              scratch.path() + "), errno=[95/Operation not supported]"))
+        << kit::Log::all();
+    EXPECT_EQ(0, kit::Faults::count("VLIBCKernelAttrFcntl"));
+}
+
 TEST_F(ArchiveBit, FileForDirectoryVariantIsRefused) {
     const std::string path = scratch / "file";
     kit::writeFile(path, "x");

@@ -1,7 +1,6 @@
 // Whom a copy belongs to, and what happens when it cannot be given to them.
 #include "tests/copy/file_copy_support.h"
-
-#include <sys/wait.h>
+#include "tests/kit/child.h"
 
 namespace file_copy {
 namespace {
@@ -206,22 +205,17 @@ TEST_P(FileCopyOwner, UnprivilegedCallerMayKeepHisOwn) {
 TEST_P(FileCopyOwner, UserWithoutAnyPrivilegeCopies) {
     timespec times[2] = {{1000000000, 0}, {1100000000, 5}};
     ASSERT_EQ(0, ::utimensat(AT_FDCWD, request.src.c_str(), times, 0));
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const int answer = kit::inChild([this] {
         if (::setresgid(kNobody, kNobody, kNobody) != 0 || ::setresuid(kNobody, kNobody, kNobody) != 0) {
-            ::_exit(100);
+            return 100;
         }
         const int result = copy();
         const bool asCaller = GetParam() == Door::reentrant;
         const bool right = asCaller ? result == -1 && VLIBCErrGet() == 0xFA00 : result == 0;
         const int lines = kit::Log::count(LOG_DEBUG, "Failed to seteuid to 0(errno:1 Operation not permitted)");
-        ::_exit(!right ? 1 : lines != (asCaller ? 0 : 1) ? 2 : callbacks.reports.empty() ? 0 : 3);
-    }
-    int status = 0;
-    ASSERT_EQ(child, ::waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "1: result, 2: log line, 3: reported";
+        return !right ? 1 : lines != (asCaller ? 0 : 1) ? 2 : callbacks.reports.empty() ? 0 : 3;
+    });
+    EXPECT_EQ(0, answer) << "1: result, 2: log line, 3: reported";
     expectCopied();
     expectOwner(kNobody, kNobody);
     EXPECT_EQ(1100000000, kit::statOf(request.dst).st_mtim.tv_sec);

@@ -1,12 +1,15 @@
 // The AppleDouble conversion, with the results and modes that the copies do not show.
 #include "ea/ea_copy_job.h"
+#include "ea/remove_tree.h"
 #include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
 #include <string>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -139,6 +142,68 @@ TEST_F(Convert, FailuresHaveTheirNumbers) {
     }
     ASSERT_EQ(0, ::mkdir((scratch / "directory").c_str(), 0755));
     EXPECT_EQ(-2, convert_apple_double((scratch / "directory").c_str(), to.c_str(), ConvertMode::plain));
+}
+
+TEST_F(Convert, NamesBelowARelativeDirectoryAreCheckedByTheirLastComponent) {
+    processMayChange();
+    ASSERT_EQ(0, ::chdir(scratch.path().c_str()));
+    ASSERT_EQ(0, ::mkdir("._d", 0755));
+    kit::writeFile("source", resourceBytes("", "fork"));
+    EXPECT_EQ(-32, convert_apple_double("source", "._d/._Icon\r", ConvertMode::checked));
+    EXPECT_EQ(-33, convert_apple_double("source", "._d/._a:b", ConvertMode::checked));
+    EXPECT_EQ(0, convert_apple_double("source", "._d/a", ConvertMode::checked));
+    EXPECT_EQ((std::vector<std::string>{"a"}), kit::namesIn("._d"));
+    ASSERT_EQ(0, ::chdir("/"));
+}
+
+TEST_F(Convert, SourceThatVanishesMeanwhileIsMissing) {
+    kit::writeFile(from, resourceBytes("", "fork"));
+    kit::Faults::fail("open", ENOENT, from);
+    EXPECT_EQ(0, convert());
+    EXPECT_FALSE(kit::exists(to));
+}
+
+TEST_F(Convert, FailuresLeaveTheirCodes) {
+    ASSERT_EQ(0, ::mkdir((scratch / "directory").c_str(), 0755));
+    const std::string directory = scratch / "directory";
+    EXPECT_EQ(-2, convert_apple_double(directory.c_str(), to.c_str(), ConvertMode::plain));
+    EXPECT_EQ(0x0900u, VLIBCErrGet());
+    EXPECT_FAILS(convert_apple_double(directory.c_str(), to.c_str(), ConvertMode::as_is), 0x0900);
+    const std::string good = resourceBytes("", kit::pattern(100));
+    for (const std::string &bytes : {good.substr(0, 25), good.substr(0, 40), good.substr(0, 100)}) {
+        VLIBCErrSetEx(0, "", 0);
+        kit::writeFile(from, bytes);
+        EXPECT_FAILS(convert(), 0x0A00);
+    }
+    const std::string tail = ", cRead=18, cToRead=100, reason=Success.\n";
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "failed to read " + from + tail)) << kit::Log::all();
+    kit::writeFile(from, std::string(good).replace(42, 4, adouble_bytes::number(5000, 4)));
+    EXPECT_FAILS(convert(), 0x0A00);
+    const std::string nothing = ", cRead=0, cToRead=100, reason=Success.\n";
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "failed to read " + from + nothing)) << kit::Log::all();
+    EXPECT_NE(std::string::npos, kit::Log::all().find("(EACopyAdoubleV2) failed to read " + from + nothing));
+}
+
+TEST_F(Convert, EntriesWithoutFinderInfoGiveZeros) {
+    kit::writeFile(from, adouble_bytes::header({{2, 38, 4}}, 38) + "fork");
+    EXPECT_EQ(0, convert());
+    EXPECT_EQ(resourceBytes("", "fork").substr(50), kit::readFile(to).substr(50));
+}
+
+TEST_F(Convert, MemoryForTheEntriesMayRunOut) {
+    kit::writeFile(from, adouble_bytes::header(std::vector<adouble_bytes::Entry>(1000, {4, 50, 0}), 20000));
+    kit::Faults::onlyAllocationsFrom(12000);
+    if (!kit::Faults::failAllocation(1)) {
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    }
+    EXPECT_FAILS(convert(), 0x0100);
+    EXPECT_FALSE(kit::exists(to));
+}
+
+TEST(RemoveTree, EntryWithoutAPathIsRefused) {
+    kit::Log::reset();
+    EXPECT_EQ(-1, vexo::remove_tree_entry<vexo::kEaCopySource>(nullptr, nullptr, 0, nullptr));
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "Invalid paramter in unlink_cb")) << kit::Log::all();
 }
 
 TEST_F(Convert, ShortTransfersGoOn) {

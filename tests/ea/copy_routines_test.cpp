@@ -3,9 +3,11 @@
 #include "copy/copy.h"
 #include "ea/ea.h"
 #include "tests/ea/item_store.h"
+#include "tests/ea/store_copy.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
+#include <ctime>
 #include <string>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -45,53 +47,16 @@ int runWithData(void *data, const char *from, const char *to) {
     return static_cast<Callback *>(data)->run(from, to);
 }
 
-class CopyRoutines : public kit::Behaviour {
+class CopyRoutines : public store_copy::StoreCopy {
   protected:
     void SetUp() override {
-        kit::Behaviour::SetUp();
         bare = engine = fileOp = {};
-        KIT_NEEDS_TO_MAKE_STORES();
-    }
-    void prepare(int fromKind, int toKind, const Items &items, const std::string &root, const std::string &base = "f") {
-        from = {root + "/from", base};
-        to = {root + "/to", base};
-        makeVolume(from.directory, fromKind);
-        makeVolume(to.directory, toKind);
-        makeFile(from, fromKind);
-        makeFile(to, toKind);
-        build(from, fromKind, items);
-    }
-    void prepare(int fromKind, int toKind, const Items &items = some()) {
-        prepare(fromKind, toKind, items, scratch.path());
-    }
-    std::string newRoot() {
-        const std::string root = scratch / std::to_string(++roots);
-        ::mkdir(root.c_str(), 0755);
-        kit::Log::reset();
-        return root;
-    }
-    static Items some() {
-        return {kit::pattern(32, 7), kit::pattern(300, 3), {{"user.a", "one"}}, {{"thumb.jpg", "picture"}}, false};
-    }
-    int copy(bool move = false, int fromKind = -1, int toKind = -1, bool full = false) const {
-        return VEXOEACopy(from.path().c_str(), to.path().c_str(), move, full, fromKind, toKind, 0, 0);
-    }
-    static bool logged(const std::string &body, int priority = LOG_ERR) {
-        for (const kit::LogLine &line : kit::Log::lines()) {
-            if (line.priority == priority && line.text.starts_with("ea/ea_copy.c:") &&
-                line.text.find(body) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
+        StoreCopy::SetUp();
     }
     bool archived(const Place &place) const {
         VLIBCStat status{};
         return VLIBCFileStat(place.path().c_str(), 3, &status) == 0 && (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
     }
-
-    Place from, to;
-    int roots = 0;
 };
 
 TEST_F(CopyRoutines, NullAndEmptyPathsAreRefused) {
@@ -190,6 +155,29 @@ TEST_F(CopyRoutines, InternalFolderCarriesTheRestAlone) {
     }
 }
 
+TEST_F(CopyRoutines, FolderBelowAnotherIsNoInternalFolder) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    processAsNow();
+    for (const char *folder : {"plain", "@half", "half@"}) {
+        const std::string outer = volume / folder;
+        ::mkdir(outer.c_str(), 0755);
+        ::mkdir((outer + "/@internal@").c_str(), 0755);
+        prepare(kEaDirectory, kEaDirectory, some(), outer + "/@internal@");
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ(some(), read(to, kEaDirectory)) << folder;
+    }
+}
+
+TEST_F(CopyRoutines, RelativePathIsInNoInternalFolder) {
+    processMayChange();
+    ASSERT_EQ(0, ::chdir(scratch.path().c_str()));
+    ASSERT_EQ(0, ::mkdir("@internal@", 0755));
+    prepare(kEaDirectory, kEaDirectory, some(), "@internal@");
+    EXPECT_EQ(0, copy(false, kEaDirectory, kEaDirectory)) << kit::Log::all();
+    EXPECT_EQ(some(), read(to, kEaDirectory));
+    ASSERT_EQ(0, ::chdir("/"));
+}
+
 TEST_F(CopyRoutines, CallbacksTakePlaceOfEveryFileCopy) {
     VEXOCopyArgsEx options{};
     options.copyEA = runBare;
@@ -260,8 +248,19 @@ TEST_F(CopyRoutines, NameTooLongForAnAppleDoubleFileFails) {
          {std::pair{kEaDirectory, kAppleDouble}, {kAppleDouble, kAppleDouble}, {kAppleDouble, kEaDirectory}}) {
         prepare(fromKind, toKind, {}, newRoot(), std::string(254, 'n'));
         EXPECT_FAILS(copy(), 0xC300);
-        EXPECT_TRUE(logged("filename too long: [")) << kit::Log::all();
-        EXPECT_TRUE(logged("EACopy fail: from [")) << kit::Log::all();
+        const std::string tooLong = "filename too long: [";
+        std::vector<std::string> expected;
+        if (fromKind == kAppleDouble) {
+            expected.push_back(tooLong + from.path() + "].");
+        }
+        if (toKind == kAppleDouble) {
+            expected.push_back(tooLong + to.path() + "].");
+        }
+        std::vector<std::string> lines = reports();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_TRUE(lines.back().starts_with("[0xC300]EACopy fail: from [")) << lines.back();
+        lines.pop_back();
+        EXPECT_EQ(expected, lines);
     }
 }
 
@@ -386,12 +385,15 @@ TEST_F(CopyRoutines, FailedChmodOfAnEntryIsOnlyALine) {
 }
 
 TEST_F(CopyRoutines, OtherEntriesThanRegularFilesAreNotCarried) {
-    prepare(kEaDirectory, kEaDirectory);
-    ::mkdir((from.own() + "/inner").c_str(), 0755);
-    ASSERT_EQ(0, ::symlink("/etc/passwd", (from.own() + "/link").c_str()));
-    ASSERT_EQ(0, ::mkfifo((from.own() + "/fifo").c_str(), 0644));
-    EXPECT_EQ(0, copy());
-    EXPECT_EQ(std::vector<std::string>{"thumb.jpg"}, kit::namesIn(to.own()));
+    for (const bool hidden : {false, true}) {
+        prepare(kEaDirectory, kEaDirectory, some(), newRoot());
+        ::mkdir((from.own() + "/inner").c_str(), 0755);
+        ASSERT_EQ(0, ::symlink("/etc/passwd", (from.own() + "/link").c_str()));
+        ASSERT_EQ(0, ::mkfifo((from.own() + "/fifo").c_str(), 0644));
+        kit::Faults::hideEntryTypes(hidden);
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ(std::vector<std::string>{"thumb.jpg"}, kit::namesIn(to.own())) << hidden;
+    }
 }
 
 // The metadata attribute is the only place of its Finder Info until that is written back into the resource file. Where
@@ -431,6 +433,151 @@ TEST_F(CopyRoutines, SourceThatCannotBeRemovedFails) {
     kit::Faults::fail("removexattr", EIO, from.path());
     EXPECT_FAILS(copy(true), 0x2A00);
     EXPECT_TRUE(logged("remove xattr from [" + from.path() + "] Input/output error"));
+}
+
+TEST_F(CopyRoutines, SourceThatVanishesBeforeItsRemovalIsNoFailure) {
+    for (const int fromKind : {kAppleDouble, kEaDirectory}) {
+        for (const int toKind : {kAppleDouble, kNative, kEaDirectory, kFileEa}) {
+            prepare(fromKind, toKind, some(), newRoot());
+            kit::Faults::fail("unlink", ENOENT, fromKind == kAppleDouble ? from.dotFile() : from.resource());
+            EXPECT_EQ(0, copy(true)) << name(fromKind) << name(toKind);
+            EXPECT_EQ(std::vector<std::string>{}, reports());
+        }
+    }
+    prepare(kFileEa, kEaDirectory, some(), newRoot());
+    kit::Faults::fail("removexattr", ENOENT, from.path());
+    EXPECT_EQ(0, copy(true));
+    EXPECT_EQ(std::vector<std::string>{}, reports());
+}
+
+TEST_F(CopyRoutines, StreamThatMayNotBeLookedAtStaysWhereItIs) {
+    for (const int error : {EPERM, ENOENT, EACCES}) {
+        prepare(kEaDirectory, kEaDirectory, {"", kit::pattern(300), {}, {}, false}, newRoot());
+        kit::Faults::fail("stat", error, from.resource());
+        EXPECT_EQ(0, copy(true)) << error;
+        EXPECT_EQ(std::vector<std::string>{}, reports());
+        EXPECT_TRUE(kit::exists(from.resource()));
+        EXPECT_FALSE(kit::exists(to.resource()));
+    }
+}
+
+TEST_F(CopyRoutines, FifoInPlaceOfAStreamIsNotWaitedFor) {
+    for (const int toKind : {kAppleDouble, kEaDirectory, kFileEa}) {
+        prepare(kEaDirectory, toKind, {}, newRoot());
+        makeDirectories(from);
+        ASSERT_EQ(0, ::mkfifo(from.resource().c_str(), 0644));
+        EXPECT_FAILS(copy(), 0x0900);
+    }
+}
+
+TEST_F(CopyRoutines, OwnDirectoryOfTheDestinationThatCannotGoFails) {
+    for (const bool move : {false, true}) {
+        prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false}, newRoot());
+        build(to, kEaDirectory, {"", "", {}, {{"old", "x"}}, false});
+        kit::Faults::fail("remove", EBUSY, to.own() + "/old");
+        EXPECT_EQ(-1, copy(move));
+        EXPECT_EQ((std::vector<std::string>{"Fail to remove (" + to.own() + "/old) (16)(Device or resource busy)",
+                                            "Failed to rm -rf " + to.own() + ".\n"}),
+                  reports());
+        EXPECT_EQ(!move, kit::exists(from.eaDirectory())) << "a move drops what it has no place for";
+    }
+}
+
+TEST_F(CopyRoutines, OwnDirectoryThatCannotBeReadFails) {
+    prepare(kEaDirectory, kEaDirectory);
+    kit::Faults::fail("opendir", EMFILE, from.own());
+    EXPECT_EQ(-1, copy(true));
+    EXPECT_EQ(std::vector<std::string>{"Failed to opendir " + from.own() + ", reason = Too many open files."},
+              reports());
+    EXPECT_EQ(some().extras, read(from, kEaDirectory).extras);
+}
+
+TEST_F(CopyRoutines, OwnDirectoryOfTheSourceThatCannotGoIsOnlyALine) {
+    prepare(kEaDirectory, kEaDirectory);
+    kit::Faults::fail("remove", EBUSY, from.own());
+    EXPECT_EQ(0, copy(true));
+    EXPECT_EQ((std::vector<std::string>{"Fail to remove (" + from.own() + ") (16)(Device or resource busy)",
+                                        "Failed to rm -rf " + from.own() + ". Device or resource busy"}),
+              reports());
+    EXPECT_EQ(some(), read(to, kEaDirectory));
+}
+
+TEST_F(CopyRoutines, ConvertedResourceThatStaysLeavesItsCodeOnly) {
+    prepare(kEaDirectory, kAppleDouble);
+    kit::Faults::fail("unlink", EACCES, from.resource(), 1); // the first is the conversion's own
+    EXPECT_EQ(0, copy(true));
+    EXPECT_EQ(0x2A00u, VLIBCErrGet());
+    EXPECT_EQ(std::vector<std::string>{}, reports());
+}
+
+TEST_F(CopyRoutines, EntryThatCannotBeCopiedIsOnlyALine) {
+    const Items extras{"", "", {}, some().extras, false};
+    prepare(kEaDirectory, kEaDirectory, extras, newRoot());
+    kit::Faults::fail("open", EACCES, from.own() + "/thumb.jpg");
+    EXPECT_EQ(0, copy());
+    const std::string places = from.own() + "/thumb.jpg to " + to.own() + "/thumb.jpg. ";
+    EXPECT_EQ(std::vector<std::string>{"Failed to cp -f " + places + "Permission denied"}, reports());
+    kit::Log::reset();
+    bare.result = -1;
+    bare.error = EIO;
+    bare.copies = false;
+    EXPECT_EQ(0, VEXOEACopyEx(from.path().c_str(), to.path().c_str(), 0, 0, -1, -1, 0, 0, runBare));
+    EXPECT_EQ(std::vector<std::string>{"Failed to cp -f " + places + "Input/output error"}, reports());
+}
+
+TEST_F(CopyRoutines, MetadataThatMayNotBeReadIsTolerated) {
+    for (const int error : {EACCES, EPERM}) {
+        for (const int toKind : {kAppleDouble, kNative, kEaDirectory, kFileEa}) {
+            prepare(kFileEa, toKind, some(), newRoot());
+            kit::Faults::fail("getxattr", error, from.path());
+            EXPECT_EQ(0, copy()) << name(toKind) << kit::Log::all();
+            EXPECT_FALSE(logged("Failed file sync")) << kit::Log::all();
+            EXPECT_EQ(some().fork, read(to, toKind).fork);
+        }
+    }
+}
+
+TEST_F(CopyRoutines, NewerMetadataGoIntoTheResourceFirst) {
+    prepare(kFileEa, kEaDirectory);
+    const std::string newer = kit::pattern(32, 99);
+    const int64_t later = ::time(nullptr) + 1000;
+    const std::string_view stamp(reinterpret_cast<const char *>(&later), sizeof later);
+    kit::setAttribute(from.path(), "user.netatalk.Metadata", metadataBytes(newer));
+    kit::setAttribute(from.path(), "user.vexo.filea.flushtime", stamp);
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(newer, read(to, kEaDirectory).finderInfo);
+    EXPECT_EQ(some().fork, read(to, kEaDirectory).fork);
+    EXPECT_NE(stamp, kit::attribute(from.path(), "user.vexo.filea.flushtime")) << "stamped anew";
+}
+
+TEST_F(CopyRoutines, MetadataThatCannotBeWrittenBackFail) {
+    prepare(kFileEa, kEaDirectory, {kit::pattern(32), "", {}, {}, false});
+    kit::Faults::fail("open", EMFILE, from.resource());
+    EXPECT_EQ(-1, copy(true));
+    EXPECT_TRUE(logged("]Failed file sync [" + from.path() + "]->[" + to.path() + "]. Too many open files"));
+    EXPECT_EQ(kit::pattern(32), read(from, kFileEa).finderInfo);
+    kit::setAttribute(from.path(), "user.vexo.filea.flushtime", std::string(8, '\0'));
+    kit::Faults::fail("stat", EIO, from.resource());
+    kit::Log::reset();
+    EXPECT_EQ(-1, copy(true));
+    EXPECT_TRUE(logged("]Failed file sync [" + from.path() + "]->[" + to.path() + "]. Input/output error"));
+}
+
+TEST_F(CopyRoutines, FinderInfoBeyondTheHeaderIsNone) {
+    prepare(kFileEa, kEaDirectory, {"", "fork", {}, {}, false});
+    std::vector<adouble_bytes::Entry> entries = adouble_bytes::kMetadata;
+    entries[2] = {9, 1000, 8};
+    kit::setAttribute(from.path(), "user.netatalk.Metadata", adouble_bytes::header(entries, 402));
+    EXPECT_EQ(0, copy()) << kit::Log::all();
+    EXPECT_EQ((Items{"", "fork", {}, {}, false}), read(to, kEaDirectory));
+}
+
+TEST_F(CopyRoutines, KindOfARootEntryIsAskedOfTheRoot) {
+    prepare(kEaDirectory, kEaDirectory);
+    kit::PlatformDouble::setType("/", 99);
+    kit::Faults::record(true);
+    EXPECT_EQ(0, VEXOEACopy(from.path().c_str(), "/vexofileop-no-such-file", 0, 0, kEaDirectory, -1, 0, 0));
+    EXPECT_EQ("VEXOGetFSType(/)", kit::Faults::recorded().front());
 }
 
 TEST_F(CopyRoutines, OversizeValueIsSkippedWithItsMessage) {
@@ -514,6 +661,44 @@ TEST_F(CopyRoutines, HostileStoresLeaveTheSourceAsItWas) {
                 EXPECT_EQ(resources[number], content(from.dotFile())) << name(toKind) << number;
             }
         }
+    }
+}
+
+TEST_F(CopyRoutines, LengthsThatTheFilesDoNotHoldHaveTheReadCode) {
+    const std::string fork = resourceBytes("", "fork").replace(46, 4, adouble_bytes::number(5000, 4));
+    const std::string value =
+        streamBytes({"", "", {{"user.a", "one"}}, {}, false}).replace(124, 4, adouble_bytes::number(5000, 4));
+    for (const int toKind : {kNative, kAppleDouble}) {
+        prepare(kEaDirectory, toKind, {}, newRoot());
+        makeDirectories(from);
+        kit::writeFile(from.resource(), fork);
+        EXPECT_FAILS(copy(), 0x0A00);
+        ::unlink(from.resource().c_str());
+        VLIBCErrSetEx(0, "", 0);
+        kit::writeFile(from.stream(), value);
+        EXPECT_FAILS(copy(), 0x0A00);
+    }
+}
+
+TEST_F(CopyRoutines, MemoryForAValueMayRunOut) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    processAsNow();
+    const Items large{"", kit::pattern(60000, 2), {{"user.large", kit::pattern(60000, 5)}}, {}, false};
+    struct Row {
+        int fromKind, toKind, nth;
+    };
+    for (const Row &row : {Row{kEaDirectory, kNative, 1}, Row{kEaDirectory, kNative, 2}, Row{kNative, kEaDirectory, 1},
+                           Row{kNative, kNative, 1}}) {
+        const std::string root = volume / std::to_string(row.fromKind * 100 + row.toKind * 10 + row.nth);
+        ::mkdir(root.c_str(), 0755);
+        prepare(row.fromKind, row.toKind, large, root);
+        kit::Faults::onlyAllocationsFrom(60000);
+        if (!kit::Faults::failAllocation(row.nth)) {
+            GTEST_SKIP() << "the sanitizer has the allocator";
+        }
+        EXPECT_FAILS(copy(), 0x0100);
+        kit::Faults::reset();
+        EXPECT_EQ(large, read(from, row.fromKind));
     }
 }
 

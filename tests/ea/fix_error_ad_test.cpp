@@ -78,6 +78,34 @@ TEST_F(FixErrorAd, MissingFileAndBadPathsFail) {
     EXPECT_FAILS(VEXOEAFixErrorAD(std::string(4094, 'x').c_str()), 0xC300);
 }
 
+TEST_F(FixErrorAd, PathWithoutRoomForTheTemporaryFileFails) {
+    std::string path;
+    while (path.size() < 4074) {
+        path += "/d";
+    }
+    EXPECT_FAILS(VEXOEAFixErrorAD(path.c_str()), 0xC300);
+    EXPECT_STREQ("ea/ea_fix_error_ad.c", VLIBCErrorGetFile());
+}
+
+TEST_F(FixErrorAd, FailedStepsLeaveTheirCodes) {
+    struct Row {
+        const char *function;
+        std::string path;
+        int skip;
+        uint32_t code;
+    };
+    for (const Row &row : {Row{"open", file.resource(), 2, 0x0900}, Row{"open", file.stream(), 0, 0x0900},
+                           Row{"rename", "", 0, 0x2800}}) {
+        ::unlink(file.stream().c_str());
+        kit::writeFile(file.resource(), wrong);
+        VLIBCErrSetEx(0, "", 0);
+        kit::Faults::fail(row.function, EIO, row.path, row.skip);
+        EXPECT_FAILS(fix(), row.code);
+        EXPECT_EQ(wrong, kit::readFile(file.resource()));
+        kit::Faults::reset();
+    }
+}
+
 TEST_F(FixErrorAd, MalformedFileStaysAsItIs) {
     std::string versionOne = wrong;
     versionOne.replace(4, 4, adouble_bytes::number(0x00010000, 4));

@@ -302,6 +302,12 @@ TEST_F(Paths, AppleDoublePathIsCutInSilence) {
     EXPECT_EQ(deep + "/._b", adFor(deep + "/b"));
 }
 
+TEST_F(Paths, AppleDoublePathOfNothingButSlashes) {
+    EXPECT_EQ("._", adFor(""));
+    EXPECT_EQ("._", adFor("/"));
+    EXPECT_EQ("//._", adFor("///"));
+}
+
 TEST_F(Paths, LongPathNeedsMemory) {
     const std::string path(4095, 'x');
     const std::string onStack = path.substr(1); // 4094 bytes
@@ -459,6 +465,14 @@ TEST_F(CheckADFile, WithoutCompanion) {
     EXPECT_EQ(-4, VEXOEACheckADFile((scratch / "._").c_str()));
 }
 
+TEST_F(CheckADFile, PathWithoutPartsHasNoAnswer) {
+    for (const char *part : {"dirname", "basename"}) {
+        VLIBCErrSetEx(0, "", 0);
+        kit::Faults::fail(part, EINVAL);
+        EXPECT_FAILS(VEXOEACheckADFile("/x/._x"), 0);
+    }
+}
+
 TEST_F(CheckADFile, NeedsMemory) {
     if (!kit::Faults::failAllocation(1)) {
         GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
@@ -467,6 +481,12 @@ TEST_F(CheckADFile, NeedsMemory) {
     kit::Faults::failAllocation(2);
     EXPECT_FAILS(VEXOEACheckADFile("/x/._x"), 0x0200);
     kit::Faults::failAllocation(0);
+}
+
+TEST_F(HiddenNames, PathWithoutABaseIsRefused) {
+    kit::Faults::fail("basename", EINVAL);
+    EXPECT_FAILS(VEXOEAIsHiddenDir("/x/@eaDir"), 0x9A00);
+    EXPECT_EQ(0, VEXOEAIsHiddenDir("/"));
 }
 
 TEST_F(HiddenNames, NothingIsLogged) {

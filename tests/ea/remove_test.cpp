@@ -89,11 +89,58 @@ TEST_F(EaRemove, RelativePathAsksForItselfOrTheWorkingDirectory) {
         }
     }
     EXPECT_EQ((std::vector<std::string>{"VEXOGetFSType(a.txt)", "VEXOGetFSType(" + scratch.path() + ")"}), asked);
+    ASSERT_EQ(0, ::chdir("/"));
 }
 
 TEST_F(EaRemove, KindThatCannotBeToldFails) {
     kit::Faults::failAlways("VEXOGetFSType", EIO);
     EXPECT_FAILS(VEXOEARemove(path.c_str(), -1), 0x2A00);
+}
+
+TEST_F(EaRemove, WorkingDirectoryThatCannotBeToldFails) {
+    kit::Faults::fail("getcwd", EACCES);
+    EXPECT_EQ(-1, VEXOEARemove("vexofileop-no-such-file", -1));
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "Fail to getcwd. Permission denied")) << kit::Log::all();
+    EXPECT_EQ("ea/ea_remove.c", kit::Log::lines()[0].source);
+}
+
+TEST_F(EaRemove, ParentWithoutAPathFails) {
+    EXPECT_FAILS(VEXOEARemove((std::string(5000, 'd') + "/f").c_str(), -1), 0xC300);
+    EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
+}
+
+TEST_F(EaRemove, PathWithoutRoomForTheStreamsFails) {
+    const std::string directory = kit::makeDeepDirectory(scratch.path(), 4078);
+    ASSERT_EQ(0, ::mkdir((directory + "/@eaDir").c_str(), 0777));
+    for (const auto remove : {VEXOEARemove, VEXOEARemoveWithoutEAStream}) {
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_FAILS(remove((directory + "/f").c_str(), kEaDirectory), 0xC300);
+        EXPECT_STREQ("ea/ea_remove.c", VLIBCErrorGetFile());
+        EXPECT_EQ(ENAMETOOLONG, errno);
+    }
+    EXPECT_TRUE(kit::exists(directory + "/@eaDir"));
+}
+
+TEST_F(EaRemove, MemoryForAnAppleDoublePathMayRunOut) {
+    path = std::string(5000, 'd') + "/f";
+    kit::Faults::onlyAllocationsFrom(5000);
+    if (!kit::Faults::failAllocation(1)) {
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    }
+    EXPECT_FAILS(VEXOEARemove(path.c_str(), kFat), 0x0200);
+}
+
+TEST_F(EaRemove, EaDirectoryItselfIsNotCleanedUp) {
+    for (const std::string &place : {scratch / "@eaDir", std::string("@eaDir")}) {
+        processMayChange();
+        ASSERT_EQ(0, ::chdir(scratch.path().c_str()));
+        ::mkdir((scratch / "@eaDir").c_str(), 0777);
+        EXPECT_EQ(0, EARemove(1, place.c_str()));
+        EXPECT_TRUE(kit::exists(scratch / "@eaDir")) << place;
+    }
+    EXPECT_EQ(0, EARemove(1, "other")) << "that of a file beside it is";
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir"));
+    ASSERT_EQ(0, ::chdir("/"));
 }
 
 TEST_F(EaRemove, AppleDoubleFileGoesWithItsDirectory) {
@@ -272,6 +319,27 @@ TEST_F(EaDirectory, DanglingCleanUpLeavesAnEmptyDirectoryAlone) {
     VEXOEARemoveDanglingEADir(scratch.path().c_str());
     EXPECT_TRUE(kit::exists(scratch.path()));
     EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
+}
+
+TEST_F(EaDirectory, DanglingCleanUpWithoutMemoryDoesNothing) {
+    ::mkdir((scratch / "@eaDir").c_str(), 0777);
+    const std::string path = scratch.path() + std::string(3000, '/');
+    kit::Faults::onlyAllocationsFrom(3000);
+    if (!kit::Faults::failAllocation(2)) { // the first reads the directory
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    }
+    VEXOEARemoveDanglingEADir(path.c_str());
+    kit::Faults::reset();
+    EXPECT_TRUE(kit::exists(scratch / "@eaDir"));
+    EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
+}
+
+TEST_F(EaDirectory, CoverThatVanishesMeanwhileKeepsIt) {
+    ::mkdir((scratch / "@eaDir").c_str(), 0777);
+    kit::writeFile(scratch / "@eaDir/.cover", "");
+    kit::Faults::fail("lstat", ENOENT, ".cover");
+    EXPECT_EQ(-1, EARemoveEADir((scratch / "@eaDir").c_str()));
+    EXPECT_TRUE(kit::exists(scratch / "@eaDir/.cover"));
 }
 
 TEST_F(EaDirectory, DanglingCleanUpOfAMissingDirectoryLogs) {

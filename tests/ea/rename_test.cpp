@@ -266,6 +266,64 @@ TEST_F(EaRename, ByStreamWithoutANameIsRefused) {
     EXPECT_EQ(0, VEXOEARenameByStream(oldPath.c_str(), newPath.c_str(), kFat, nullptr));
 }
 
+TEST_F(EaRename, PathsWithoutRoomForTheItemsFail) {
+    const std::string noStreams = kit::makeDeepDirectory(scratch / "from", 4078) + "/f";
+    const std::string noDirectory = noStreams + std::string(9, 'x');
+    for (const auto &[first, second] : {std::pair{noDirectory, newPath}, {oldPath, noDirectory}}) {
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_EQ(-3, VEXOEARename(first.c_str(), second.c_str(), kEaDirectory, 0));
+        EXPECT_EQ(0xC300u, VLIBCErrGet());
+        EXPECT_EQ(-1, VEXOEARenameByStream(first.c_str(), second.c_str(), kEaDirectory, "VexoEAStream"));
+    }
+    EXPECT_EQ(-2, VEXOEARename(noStreams.c_str(), newPath.c_str(), kEaDirectory, 0)) << "the directory has room";
+    EXPECT_EQ(0xC300u, VLIBCErrGet());
+}
+
+TEST_F(EaRename, StaleDirectoryThatCannotGoKeepsTheOldOne) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    makeStore("from", "a.txt");
+    makeStore("to", "b.txt");
+    kit::Faults::fail("remove", EBUSY, "to/@eaDir/b.txt/thumb.jpg");
+    EXPECT_EQ(-1, rename(kEaDirectory));
+    EXPECT_EQ(std::vector<std::string>{"a.txt"}, kit::namesIn(scratch / "from/@eaDir")) << "the streams have moved";
+    EXPECT_EQ("picture", kit::readFile(scratch / "from/@eaDir/a.txt/thumb.jpg"));
+}
+
+TEST_F(EaRename, ItemsBelowAFileAreMissing) {
+    kit::writeFile(scratch / "from/@eaDir", "a file");
+    EXPECT_EQ(0, rename(kEaDirectory));
+    EXPECT_EQ("a file", kit::readFile(scratch / "from/@eaDir"));
+}
+
+TEST_F(EaRename, ItemsThatCannotBeLookedAtAreTried) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    makeStore("from", "a.txt");
+    kit::Faults::failAlways("lstat", EACCES, "from/@eaDir");
+    EXPECT_EQ(0, rename(kEaDirectory));
+    EXPECT_EQ(3u, kit::namesIn(scratch / "to/@eaDir").size());
+}
+
+TEST_F(EaRename, ToItsOwnNameMovesNothing) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    makeStore("from", "a.txt");
+    kit::writeFile(scratch / "from/._a.txt", "apple");
+    for (const int kind : {kEaDirectory, kFat}) {
+        EXPECT_EQ(0, VEXOEARename(oldPath.c_str(), oldPath.c_str(), kind, 0)) << kind;
+    }
+    EXPECT_EQ(3u, kit::namesIn(scratch / "from/@eaDir").size());
+    EXPECT_EQ("picture", kit::readFile(scratch / "from/@eaDir/a.txt/thumb.jpg"));
+    EXPECT_EQ("apple", kit::readFile(scratch / "from/._a.txt"));
+}
+
+TEST_F(EaRename, AppleDoubleFileThatCannotMoveKeepsItsDirectory) {
+    makeStore("from", "a.txt");
+    kit::writeFile(scratch / "from/._a.txt", "apple");
+    kit::Faults::fail("rename", EIO, "from/._a.txt");
+    EXPECT_EQ(0, rename(kFat));
+    EXPECT_EQ("apple", kit::readFile(scratch / "from/._a.txt"));
+    EXPECT_EQ("picture", kit::readFile(scratch / "from/@eaDir/a.txt/thumb.jpg"));
+}
+
 TEST_F(EaRename, NameWithALineFeedMoves) {
     KIT_NEEDS_TO_MAKE_STORES();
     oldPath = scratch / "from/a\nb";

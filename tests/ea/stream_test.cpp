@@ -1,11 +1,11 @@
 // The stream file through its handle: what is written, read, cut, removed, and every code of a failure.
 #include "tests/ea/stream_fixture.h"
+#include "tests/kit/child.h"
 
 #include <array>
 #include <cerrno>
 #include <functional>
 #include <numeric>
-#include <sys/wait.h>
 
 namespace {
 
@@ -111,7 +111,7 @@ TEST_F(Stream, ExistingNameWithoutOverwriteTellsByItsResult) {
     EXPECT_EQ(1, write(eas, "n", "v", 0, 0));
     const std::string before = content();
     errno = 0;
-    EXPECT_EQ(-1, write(eas, "n", "w", 0, 0));
+    EXPECT_FAILS(write(eas, "n", "w", 0, 0), 0x0D00);
     EXPECT_EQ(EEXIST, errno);
     errno = 0;
     EXPECT_EQ(0, write(eas, "n", "", 0, 0));
@@ -461,15 +461,35 @@ TEST_F(Stream, ChangesNeedTheWriteLock) {
     EXPECT_EQ(0, VEXOEASClose(eas));
 }
 
-// Runs `inChild` in another process and gives what it returned.
-int elsewhere(const std::function<int()> &inChild) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(inChild());
+TEST_F(Stream, HeaderOfImpossibleSizesIsNotWritten) {
+    put(kExample);
+    VEXOEAS *eas = open();
+    const uint32_t start = eas->header.dataStart;
+    for (const uint32_t impossible : {UINT32_MAX, 0U}) {
+        eas->header.dataStart = impossible;
+        eas->header.dataLength = impossible == 0 ? 0 : 2;
+        EXPECT_FAILS(VEXOEASWriteHeader(eas), 0x0D00);
+        EXPECT_STREQ("ea/eas_write_header.c", VLIBCErrorGetFile());
     }
-    int status = 0;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    eas->header.dataStart = start;
+    EXPECT_EQ(kExample, content());
+    EXPECT_EQ(0, VEXOEASClose(eas));
+}
+
+TEST_F(Stream, RecordsThatCannotBeWrittenFail) {
+    stream::Attributes many;
+    for (int at = 0; at < 40; ++at) {
+        many.emplace_back(std::string(90, 'n') + std::to_string(at), "value");
+    }
+    put(stream::bytes(many));
+    for (const int skip : {0, 1, 2}) { // the header, the first records, the next ones
+        VEXOEAS *eas = open();
+        kit::Faults::fail("write", ENOSPC, path, skip);
+        EXPECT_FAILS(VEXOEASWriteHeader(eas), 0x0B00);
+        kit::Faults::reset();
+        EXPECT_EQ(0, VEXOEASClose(eas));
+    }
+    EXPECT_EQ(many, attributes()) << "what was written is what was there";
 }
 
 TEST_F(Stream, LockIsNeverWaitedFor) {
@@ -484,23 +504,23 @@ TEST_F(Stream, LockIsNeverWaitedFor) {
         return 1;
     };
     VEXOEAS *eas = open(F_WRLCK);
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_RDLCK); }));
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_WRLCK); }));
-    EXPECT_EQ(4, elsewhere([&] { return EASGetAttrCount(fd) == -1 && VLIBCErrGet() == 0x0400 ? 4 : 5; }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_RDLCK); }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(4, kit::inChild([&] { return EASGetAttrCount(fd) == -1 && VLIBCErrGet() == 0x0400 ? 4 : 5; }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_RDLCK));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_RDLCK); }));
-    EXPECT_EQ(2, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_RDLCK); }));
+    EXPECT_EQ(2, kit::inChild([&] { return opens(F_WRLCK); }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_UNLCK));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_WRLCK); }));
     EXPECT_EQ(0, VEXOEASLockSet(eas, F_WRLCK));
     EXPECT_EQ(0, VEXOEASClose(eas));
-    EXPECT_EQ(1, elsewhere([&] { return opens(F_WRLCK); }));
+    EXPECT_EQ(1, kit::inChild([&] { return opens(F_WRLCK); }));
 }
 
 TEST_F(Stream, LockGetTellsTheHolder) {
     VEXOEAS *eas = open(F_RDLCK);
     const pid_t parent = ::getpid();
-    EXPECT_EQ(1, elsewhere([&] {
+    EXPECT_EQ(1, kit::inChild([&] {
                   VEXOEAS mine = *eas;
                   struct flock lock {};
                   lock.l_type = F_WRLCK;
@@ -526,7 +546,7 @@ TEST_F(Stream, FailedOpenReleasesTheLock) {
     EXPECT_EQ(nullptr, VEXOEASOpen(fd, F_WRLCK));
     EXPECT_EQ(0x0A00u, VLIBCErrGet());
     EXPECT_EQ(-1, EASGetAttrCount(fd));
-    EXPECT_EQ(1, elsewhere([&] {
+    EXPECT_EQ(1, kit::inChild([&] {
                   struct flock lock {};
                   lock.l_type = F_WRLCK;
                   return ::fcntl(fd, F_SETLK, &lock) == 0 ? 1 : 0;

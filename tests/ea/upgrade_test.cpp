@@ -219,11 +219,7 @@ TEST_F(Upgrade, NameTooLongForARecordStays) {
 
 TEST_F(Upgrade, PathTooLongIsLoggedAndPassedOver) {
     // The path of the old directory fits, that of an attribute with a long name does not.
-    file.directory = scratch.path();
-    while (file.directory.size() < 4000) {
-        file.directory += "/" + std::string(std::min<size_t>(200, 4010 - file.directory.size()), 'd');
-        ASSERT_EQ(0, ::mkdir(file.directory.c_str(), 0755));
-    }
+    file.directory = kit::makeDeepDirectory(scratch.path(), 4009);
     file.base = "f";
     makeOld({{"a", "1"}});
     const std::string longName(100, 'n');
@@ -234,6 +230,7 @@ TEST_F(Upgrade, PathTooLongIsLoggedAndPassedOver) {
     EXPECT_EQ(std::vector<std::string>{longName}, kit::namesIn(file.own()));
     ASSERT_EQ(1u, kit::Log::lines().size()) << kit::Log::all();
     const std::string start = "cannot EAPath[" + file.path() + "][";
+    EXPECT_EQ(LOG_ERR, kit::Log::lines()[0].priority);
     EXPECT_EQ(start.substr(0, 800), kit::Log::lines()[0].body.substr(0, std::min<size_t>(start.size(), 800)));
     ::unlinkat(directory, longName.c_str(), 0);
     ::close(directory);
@@ -370,6 +367,104 @@ TEST_F(Upgrade, ResourceBesideAttributesKeepsTheOldDirectory) {
     EXPECT_EQ(std::vector<std::string>{"colour"}, kit::namesIn(file.own()));
     EXPECT_EQ(0, upgrade());
     EXPECT_FALSE(kit::exists(file.own()));
+}
+
+TEST_F(Upgrade, PathsWithoutRoomForTheStoresFail) {
+    file.directory = kit::makeDeepDirectory(scratch.path(), 4070);
+    file.base = std::string(20, 'f'); // room for "@eaDir", and for no stream in it
+    for (const char *stream : {"VexoEAStream", "VexoResource", "VEXO:Other"}) {
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_FAILS(upgrade(stream), 0xC300);
+    }
+    file.base = "ffff"; // here the name of the current stream is too long by itself
+    EXPECT_FAILS(upgrade("VexoResource"), 0xC300);
+}
+
+TEST_F(Upgrade, MemoryForTheCompanionsPathMayRunOut) {
+    makeOld({{"colour", "green"}});
+    const std::string path = scratch.path() + std::string(4095, '/') + "file";
+    kit::Faults::onlyAllocationsFrom(4095);
+    if (!kit::Faults::failAllocation(1)) {
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    }
+    EXPECT_FAILS(VEXOEAUpgrade(path.c_str(), "VexoEAStream"), 0x0200);
+    kit::Faults::reset();
+    EXPECT_EQ("green", kit::readFile(file.own() + "/colour"));
+}
+
+TEST_F(Upgrade, MemoryForAValueMayRunOut) {
+    makeOld({{"large", kit::pattern(200000)}, {"small", "1"}});
+    kit::Faults::onlyAllocationsFrom(200000);
+    if (!kit::Faults::failAllocation(1)) {
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    }
+    EXPECT_EQ(0, upgrade());
+    EXPECT_EQ(0x0100u, VLIBCErrGet());
+    EXPECT_EQ((std::map<std::string, std::string>{{"small", "1"}}), converted());
+    EXPECT_EQ(std::vector<std::string>{"large"}, kit::namesIn(file.own()));
+}
+
+TEST_F(Upgrade, StreamThatCannotBeFlushedKeepsTheFiles) {
+    makeOld({{"colour", "green"}});
+    kit::Faults::fail("fsync", EIO);
+    EXPECT_FAILS(upgrade(), 0x2A00);
+    EXPECT_EQ("green", kit::readFile(file.own() + "/colour"));
+    EXPECT_FALSE(kit::exists(file.stream()));
+}
+
+TEST_F(Upgrade, SpoiltStreamThatCannotBeCutKeepsTheFiles) {
+    makeOld({{"a", "1"}, {"b", "2"}});
+    kit::Faults::fail("write", ENOSPC, "@VexoEAStream", 1);
+    kit::Faults::fail("ftruncate", EIO, "@VexoEAStream");
+    EXPECT_FAILS(upgrade(), 0x2A00);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), kit::namesIn(file.own()));
+    EXPECT_FALSE(kit::exists(file.stream()));
+}
+
+TEST_F(Upgrade, FlagsThatCannotBeCarriedLeaveTheirCodes) {
+    struct Row {
+        const char *function;
+        std::string path;
+        uint32_t code;
+        mode_t after;
+    };
+    for (const Row &row : {Row{"open", file.resource(), 0x0900, 0644}, Row{"VLIBCFileStat", "", 0x2700, 0644},
+                           Row{"chmod", file.path(), 0x2A00, 0644}, Row{"VLIBCKernelAttrCall", "", 0x2A00, 0444}}) {
+        makeOld({{"VEXO:Resource", resource(0x0021, 0)}});
+        ::chmod(file.path().c_str(), 0644);
+        VLIBCErrSetEx(0, "", 0);
+        kit::Faults::fail(row.function, EIO, row.path);
+        EXPECT_EQ(0, upgrade("VexoResource")) << row.function;
+        EXPECT_EQ(row.code, VLIBCErrGet()) << row.function;
+        EXPECT_EQ(row.after, mode()) << row.function;
+        EXPECT_FALSE(hidden()) << row.function;
+        EXPECT_FALSE(kit::exists(file.own())) << row.function;
+        ::unlink(file.resource().c_str());
+    }
+}
+
+TEST_F(Upgrade, DirectoryAmongTheAttributesLeavesItsCode) {
+    makeOld({});
+    ::mkdir((file.own() + "/inner").c_str(), 0777);
+    EXPECT_EQ(0, upgrade());
+    EXPECT_EQ(0x0A00u, VLIBCErrGet());
+    EXPECT_FALSE(kit::exists(file.stream()));
+}
+
+TEST_F(Upgrade, MvThatCannotRunFails) {
+    makeOld({{"VEXO:Other", "bytes"}});
+    kit::Faults::fail("VLIBCExec", EAGAIN);
+    EXPECT_EQ(-1, upgrade("VEXO:Other"));
+    EXPECT_EQ("bytes", kit::readFile(file.own() + "/VEXO:Other"));
+}
+
+TEST_F(Upgrade, StreamNameWithoutAColonIsTheCurrentOne) {
+    file.directory = scratch / "a:b";
+    ASSERT_EQ(0, ::mkdir(file.directory.c_str(), 0755));
+    EXPECT_EQ(2, upgrade("VEXOther"));
+    makeOld({{"VEXOther", "bytes"}});
+    EXPECT_EQ(1, upgrade("VEXOther"));
+    EXPECT_EQ("bytes", kit::readFile(file.own() + "/VEXOther"));
 }
 
 TEST_F(Upgrade, OtherStreamsMoveByMv) {

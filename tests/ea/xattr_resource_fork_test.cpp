@@ -108,6 +108,21 @@ TEST_F(ResourceFork, DirectoryIsRefused) {
     EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
 }
 
+TEST_F(ResourceFork, PathWithoutRoomForTheForkFails) {
+    const std::string deep = kit::makeDeepDirectory(scratch.path(), 4089) + "/file";
+    kit::writeFile(deep, "data", 0644);
+    EXPECT_EQ(-1, VEXOEAXattrGet(deep.c_str(), kFork, buffer, sizeof buffer));
+    EXPECT_EQ(ENAMETOOLONG, errno);
+    EXPECT_EQ(-1, VEXOEAXattrSet(deep.c_str(), kFork, "x", 1, 0));
+    EXPECT_EQ(-1, VEXOEAXattrRemove(deep.c_str(), kFork));
+    EXPECT_EQ(3u, kit::Log::lines().size()) << kit::Log::all();
+    for (const kit::LogLine &line : kit::Log::lines()) {
+        EXPECT_TRUE(line.body.starts_with("Fail to stat(" + deep)) << line.text;
+        EXPECT_TRUE(line.body.ends_with("). File name too long")) << line.text;
+    }
+    EXPECT_EQ(0644u, kit::statOf(deep).st_mode & 07777u);
+}
+
 TEST_F(ResourceFork, MissingFileForTheReader) {
     EXPECT_FAILS(VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer), 0x0700);
     EXPECT_EQ(ENOENT, errno);
@@ -172,6 +187,7 @@ TEST_F(ResourceFork, ForkThatShrinksMeanwhileIsAShortRead) {
     kit::Faults::add({.function = "fopen", .before = [&] { ASSERT_EQ(0, ::truncate(fork.c_str(), 3)); }});
     EXPECT_FAILS(VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer), 0);
     ASSERT_EQ(1u, kit::Log::lines().size()) << kit::Log::all();
+    EXPECT_EQ(LOG_ERR, kit::Log::lines()[0].priority);
     EXPECT_EQ(0u, kit::Log::lines()[0].body.find("Fail to read(" + fork + "). "));
     EXPECT_EQ(0644u, mode());
 }

@@ -464,6 +464,13 @@ extern "C" struct dirent *readdir(DIR *stream) {
     return entry;
 }
 
+extern "C" int dirfd(DIR *stream) noexcept {
+    static auto *const real = kit::next<int(DIR *)>("dirfd");
+    const int fd = real(stream);
+    const kit::FaultAnswer answer = kit::askFaults("dirfd", nullptr, fd);
+    return answer.decided ? static_cast<int>(answer.result) : fd;
+}
+
 extern "C" char *realpath(const char *path, char *resolved) noexcept {
     if (kit::askFaults("realpath", path, -1).decided) {
         return nullptr;
@@ -478,6 +485,22 @@ extern "C" char *getcwd(char *out, size_t size) noexcept {
     }
     static auto *const real = kit::next<char *(char *, size_t)>("getcwd");
     return real(out, size);
+}
+
+extern "C" char *__xpg_basename(char *path) noexcept { // what <libgen.h> makes of basename()
+    if (kit::askFaults("basename", path, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<char *(char *)>("__xpg_basename");
+    return real(path);
+}
+
+extern "C" char *dirname(char *path) noexcept {
+    if (kit::askFaults("dirname", path, -1).decided) {
+        return nullptr;
+    }
+    static auto *const real = kit::next<char *(char *)>("dirname");
+    return real(path);
 }
 
 extern "C" FILE *fopen(const char *path, const char *mode) {

@@ -106,6 +106,20 @@ std::vector<std::string> namesIn(const std::string &directory) {
     return names;
 }
 
+std::string makeDeepDirectory(const std::string &root, size_t length) {
+    constexpr size_t kLongestName = 200;
+    std::string path = root;
+    while (path.size() < length) {
+        const size_t left = length - path.size() - 1;
+        // One byte alone would be the next "/".
+        path += "/" + std::string(left == kLongestName + 1 ? kLongestName - 1 : std::min(kLongestName, left), 'd');
+        if (::mkdir(path.c_str(), 0755) != 0) {
+            failed("mkdir", path);
+        }
+    }
+    return path;
+}
+
 std::string pattern(size_t size, uint32_t seed) {
     std::string content(size, '\0');
     uint32_t state = seed * 2654435761U + 1;

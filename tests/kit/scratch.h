@@ -29,6 +29,8 @@ std::string readFile(const std::string &path);
 bool exists(const std::string &path);                           // lstat
 struct stat statOf(const std::string &path);                    // lstat; all zero when there is none
 std::vector<std::string> namesIn(const std::string &directory); // sorted, without "." and ".."
+// A new directory far below `root`, whose path has exactly `length` bytes. Each one on the way is new.
+std::string makeDeepDirectory(const std::string &root, size_t length);
 // Bytes that look random and are the same for the same seed.
 std::string pattern(size_t size, uint32_t seed = 1);
 // A file of `size` bytes whose data lie in the extents given as {offset, length}; the rest are holes.
