@@ -78,13 +78,13 @@ bool isBelow(const Fault &fault, const std::string &partOfPath) {
 }
 
 const kit::Volume *otherVolume() {
-    static auto *volume = new kit::Volume(kit::Volume::tmpfs(16 << 20));
-    return volume;
+    static const kit::Volume volume = kit::Volume::tmpfs(16 << 20);
+    return &volume;
 }
 
 const kit::Volume *cloningVolume() {
-    static auto *volume = new kit::Volume(kit::Volume::loop("btrfs", 128 << 20));
-    return volume;
+    static const kit::Volume volume = kit::Volume::loop("btrfs", 128 << 20);
+    return &volume;
 }
 
 std::vector<Operation> allOperations() {

@@ -21,16 +21,10 @@
 #include <sstream>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <tuple>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define FAULTS_SANITIZED 1
-#endif
-#endif
 #ifdef FAULTS_SANITIZED
 extern "C" int __lsan_do_recoverable_leak_check(void);
 #endif
@@ -425,11 +419,6 @@ class FaultSweep : public Sweep {
         const std::vector<SystemCall> calls = watch();
         std::vector<Point> points;
         for (size_t at = 0; at < calls.size(); ++at) {
-#ifdef FAULTS_SANITIZED
-            if (calls[at].number == SYS_mmap) {
-                continue; // the sanitizer ends the process when its allocator gets no memory
-            }
-#endif
             for (const int error : plausibleErrors(calls[at])) {
                 points.push_back(pointAt(calls, at, error));
             }

@@ -9,6 +9,12 @@
 #include <string>
 #include <vector>
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FAULTS_SANITIZED 1
+#endif
+#endif
+
 namespace faults {
 
 struct SystemCall {

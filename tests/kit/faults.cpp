@@ -168,7 +168,7 @@ std::vector<std::string> Faults::recorded() {
 static bool allocatorIsOurs() {
     static const bool ours = [] {
         allocationFailures = allocationCountdown = 1;
-        void *volatile block = std::malloc(1);
+        void *volatile block = std::malloc(allocationFloor + 1);
         allocationCountdown = 0;
         std::free(block);
         return block == nullptr;
