@@ -288,7 +288,8 @@ int VEXOStrReplaceFATReservedChar(const char *path, char *out, int size);
 
 /* Opens `path` and makes sure that it is a regular file. Fills `st` and `xst` where given; at least one must be.
  * Returns the descriptor, the caller's to close, or -1: 0x0D00 null argument; 0x0900 with errno from open; no code when
- * the stat failed (logged) or the file is of another type. */
+ * the stat failed (logged) or the file is of another type. A pipe or device is not waited for: the descriptor has
+ * O_NONBLOCK set, which says nothing to a regular file. */
 int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst);
 
 /* The largest file, in bytes, that a volume of type `type` takes at `path`; 0 when no limit is known. FAT: 4 GiB. The
@@ -440,8 +441,8 @@ int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCop
  * ends the whole tree with -1 and no error code.
  *
  * An entry that fails is passed over, and the result is still 0, unless stop-on-error is set (then the tree ends there,
- * except where the entry vanished meanwhile: 0x0600). Nothing is rolled back. A tree that the cancel callback stops is
- * a 0: it holds what was copied by then.
+ * except where the entry vanished meanwhile: 0x0600; to VEXOFileOpCopyDir a vanished file is a failure like others,
+ * 0x8000). Nothing is rolled back. A tree that the cancel callback stops is a 0: it holds what was copied by then.
  *
  * A destination inside the source is not copied into itself: its top directory is passed over.
  *
@@ -472,7 +473,8 @@ int VEXOCopyDirectoryExI(const char *src, const char *dst, VEXOCopyOpt *opt, int
 /* The same by a flag word, the one of VEXOFileOpCopyFile and: 0x80 stop on error; 0x200 carry everything in "@eaDir";
  * 0x800 relocate, which copies the tree into "@tmp" beside the destination, empties the destination, moves the copy
  * into place with /bin/mv and then removes the source, unless 0x4 is set, which here keeps it. `args` may be null;
- * types and size limit that it does not tell are looked up and written into it. Clears the umask while it runs.
+ * types and size limit that it does not tell are looked up and written into it. Clears the umask while it runs. While a
+ * relocation runs the record's isCancel slot is the library's own, which asks the caller's.
  *
  * A relocation that fails leaves the source as it was and removes the staged copy: 0x3C00 the staging directory cannot
  * be made; 0x3900 a tree cannot be emptied; 0x3B00 copying failed; 0x0D00 source, destination and staging directory
@@ -481,8 +483,9 @@ int VEXOCopyDirectoryExI(const char *src, const char *dst, VEXOCopyOpt *opt, int
  * goes with the source: to be sure, keep the source and compare. */
 int VEXOFileOpCopyDir(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args);
 
-/* Relocates a shared folder to another volume as VEXOFileOpCopyDir does, with `opt` for the copy; the moved directory
- * gets mode 0777. `keepSource` not 0: the source stays. 0, or -1 with the codes above. */
+/* Relocates a shared folder to another volume as VEXOFileOpCopyDir does, with `opt` for the copy, except that it
+ * copies even where `opt` asks for a move; the moved directory gets mode 0777. `keepSource` not 0: the source stays. 0,
+ * or -1 with the codes above. */
 int VEXOCopyDirToExternal(const char *src, const char *dst, int keepSource, VEXOCopyOpt *opt);
 
 /* Makes an empty directory at `path`, in place of one that is there with everything in it (`keepExisting` not 0: that

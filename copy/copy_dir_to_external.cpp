@@ -24,12 +24,17 @@ int ask_and_note() {
     return answer;
 }
 
+// Always a copy: a source that was moved into the staging directory would be lost with it when the relocation fails.
 int copy_to_staging(void *data, const char *src, const char *staged, bool *cancelled) {
-    auto *opt = static_cast<VEXOCopyOpt *>(data);
-    if (opt == nullptr || opt->isCancel == nullptr) {
-        return copy_directory_anywhere(src, staged, opt, nullptr, 0, cancelled);
+    const auto *opt = static_cast<const VEXOCopyOpt *>(data);
+    if (opt == nullptr) {
+        return copy_directory_anywhere(src, staged, nullptr, nullptr, 0, cancelled);
     }
     VEXOCopyOpt watched = *opt;
+    watched.move = 0;
+    if (opt->isCancel == nullptr) {
+        return copy_directory_anywhere(src, staged, &watched, nullptr, 0, cancelled);
+    }
     watched.isCancel = ask_and_note;
     CancelWatch watch{opt->isCancel, cancelled};
     CancelWatch *const outer = watching; // a callback may start another relocation

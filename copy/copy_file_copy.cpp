@@ -7,6 +7,7 @@
 #include "copy/copy_file_fd.h"
 #include "copy/file_copy.h"
 #include "ea/ea.h"
+#include "ea/ea_copy_known.h"
 #include "support/guards.h"
 #include "support/report.h"
 
@@ -24,13 +25,13 @@ struct Records {
     VEXOCopyArgsEx *ex = nullptr;
     VEXOCopyTHRArgs *thr = nullptr;
     const WalkedDirectory *directory = nullptr;
-    const VLIBCStat *srcStatus = nullptr; // of the open source, from the engine
+    const char *dst = nullptr;              // as the caller gave it
+    const struct stat *srcStatus = nullptr; // of the open source, from the engine
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
     const Records &given = *static_cast<const Records *>(data);
-    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr,
-                           given.srcStatus == nullptr ? nullptr : &given.srcStatus->st);
+    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr, given.srcStatus);
 }
 
 int is_too_large(void *, const char *dst, int type, uint64_t size) {
@@ -46,7 +47,7 @@ int copy_metadata(void *data, const char *src, const char *dst, int srcType, int
     const int move = given.opt == nullptr ? 0 : static_cast<int>(given.opt->move);
     const int eaFlags = given.opt == nullptr ? 0 : static_cast<int>(given.opt->eaFlags);
     return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr,
-                   known_of_file(given.directory, given.srcStatus));
+                   lacks_store(given.directory, given.dst, dst));
 }
 
 template <typename Options>
@@ -76,6 +77,7 @@ int run_engine(const char *src, const char *dst, Records given, Mode mode, int32
     } else if (given.optR != nullptr) {
         take_policy(request, *given.optR);
     }
+    given.dst = dst;
     request.srcStatus = &given.srcStatus;
     request.clone = mode == Mode::clone;
     request.asCaller = mode == Mode::as_caller;

@@ -158,15 +158,6 @@ void FileCopy::report_failure() {
     }
 }
 
-KnownOfFile known_of_file(const WalkedDirectory *directory, const VLIBCStat *srcStatus) {
-    KnownOfFile known;
-    known.noStore = directory != nullptr && directory->noStore;
-    if (srcStatus != nullptr) {
-        known.locked = (srcStatus->attributes & VLIBC_ATTR_LOCKED) != 0;
-    }
-    return known;
-}
-
 int copy_file(const FileCopyRequest &request) {
     return FileCopy(request).run();
 }

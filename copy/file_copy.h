@@ -2,8 +2,6 @@
 // sees neither record nor callback form, and reports under the name of the front door that runs it.
 #pragma once
 
-#include "ea/ea_copy_known.h"
-#include "platform/core.h"
 #include "support/callback.h"
 
 #include <cstdint>
@@ -56,9 +54,9 @@ struct FileCopyRequest {
     // Not null: the source's type need not be looked up where the source turns out to be on this volume. A move looks
     // it up all the same, as it does not open the source first.
     const WalkedDirectory *directory = nullptr;
-    // Not null: gets the status of the source, with its attributes, when it is open: for the move of the data and the
-    // copy of the metadata. Valid as long as the copy runs.
-    const VLIBCStat **srcStatus = nullptr;
+    // Not null: gets the status of the source when it is open, for the move of the data. Valid as long as the copy
+    // runs.
+    const struct stat **srcStatus = nullptr;
 
     // Empty: not supplied.
     Callback<void(int64_t bytes, int64_t offset)> progress = {};
@@ -76,8 +74,10 @@ struct FileCopyRequest {
     Callback<int(const char *src, const char *dst, int srcType, int dstType)> copyMetadata = {};
 };
 
-// What the copy of the metadata need not ask again; both may be null.
-KnownOfFile known_of_file(const WalkedDirectory *directory, const VLIBCStat *srcStatus);
+// Whether no store needs to be looked for. A destination that got another name may lie in another directory.
+inline bool lacks_store(const WalkedDirectory *directory, const char *asked, const char *dst) {
+    return directory != nullptr && directory->noStore && dst == asked;
+}
 
 // Copies or moves one file. Returns 0 (also when the destination was left as it is, is the source itself, or the copy
 // was cancelled), or -1 with the last error set and reported once through errReport.

@@ -73,7 +73,7 @@ FileCopy::Next FileCopy::open_source() {
     }
     if (opened) {
         if (m_request.srcStatus != nullptr) {
-            *m_request.srcStatus = &m_srcStat;
+            *m_request.srcStatus = &m_srcStat.st;
         }
         return Next::step;
     }
@@ -86,7 +86,8 @@ FileCopy::Next FileCopy::open_source() {
 
 // In a tree most destinations are new: one that can be made exclusively is no other file, nor anything special, and the
 // looks at what might stand there already are saved. Where it cannot be made, for whatever reason, the steps that
-// follow find out. Volumes that may refuse a file for its size are asked first and take the long way.
+// follow find out, and so they do where the file is too large. Volumes that have to be asked for that take the long
+// way.
 FileCopy::Next FileCopy::create_destination() {
     const int32_t type = destination_type();
     if (m_request.directory == nullptr || m_request.move || reserves_characters(type) ||
@@ -94,13 +95,10 @@ FileCopy::Next FileCopy::create_destination() {
         return Next::step;
     }
     const KeepErrors keep;
-    struct stat created;
-    set_error(Error::none, VEXO_AT(m_request.source)); // tells below whether it was open() that failed
-    m_dstFd.reset(
-        VEXOCopyOpenAndCheckIsRegular(m_dst, O_WRONLY | O_CREAT | O_EXCL, m_srcStat.st.st_mode, &created, nullptr));
-    if (!m_dstFd && last_error() == Error::none) {
-        remove_destination(); // made, but it could not be looked at: the next steps must not take it for another's
+    if (m_request.isTooLarge(m_dst, type, static_cast<uint64_t>(m_srcStat.st.st_size)) == 1) {
+        return Next::step;
     }
+    m_dstFd.reset(::open(m_dst, O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK, m_srcStat.st.st_mode));
     return Next::step;
 }
 
@@ -174,10 +172,12 @@ FileCopy::Next FileCopy::refuse_destination(int flags) {
         const KeepErrors keep;
         remove_destination();
     }
-    if (const std::optional<Error> error = find_error(kDestinationOpenErrors, errno)) {
+    const bool nobodyReads = m_dstWasSpecial && errno == ENXIO; // a pipe, which is not waited for
+    const std::optional<Error> error = find_error(kDestinationOpenErrors, errno);
+    if (error && !nobodyReads) {
         return refuse(*error, VEXO_AT(m_request.source));
     }
-    if (opened) {
+    if (opened || nobodyReads) {
         set_error(Error::other, VEXO_AT(m_request.source));
     }
     VEXO_LOG_ERROR(VEXO_AT(m_request.source), "[0x%04X %s:%d] open dst: [%s] is not a regular file [(%d)%m]",

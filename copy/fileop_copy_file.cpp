@@ -6,6 +6,7 @@
 #include "copy/fileop_copy.h"
 #include "copy/fileop_flags.h"
 #include "ea/ea.h"
+#include "ea/ea_copy_known.h"
 #include "support/guards.h"
 #include "support/report.h"
 
@@ -18,13 +19,13 @@ struct Caller {
     uint32_t flags;
     VEXOCopyArgs *args;
     const WalkedDirectory *directory;
-    const VLIBCStat *srcStatus = nullptr; // of the open source, from the engine
+    const char *dst;                        // as it was asked for
+    const struct stat *srcStatus = nullptr; // of the open source, from the engine
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
     const Caller &caller = *static_cast<const Caller *>(data);
-    return copy_fileop_data(*srcFd, *dstFd, size, caller.args,
-                            caller.srcStatus == nullptr ? nullptr : &caller.srcStatus->st);
+    return copy_fileop_data(*srcFd, *dstFd, size, caller.args, caller.srcStatus);
 }
 
 int is_too_large(void *data, const char *dst, int type, uint64_t size) {
@@ -38,7 +39,7 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
 int copy_metadata(void *data, const char *src, const char *dst, int srcType, int dstType) {
     const Caller &caller = *static_cast<const Caller *>(data);
     return copy_ea(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0, (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0,
-                   srcType, dstType, nullptr, nullptr, caller.args, known_of_file(caller.directory, caller.srcStatus));
+                   srcType, dstType, nullptr, nullptr, caller.args, lacks_store(caller.directory, caller.dst, dst));
 }
 
 Overwrite overwrite_of(uint32_t flags) {
@@ -76,7 +77,7 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
     request.keepSource = request.isCancel;
     request.rename = rename_of(args);
     request.isTooLarge = {is_too_large, args};
-    Caller caller = {flags, args, directory};
+    Caller caller = {flags, args, directory, dst};
     request.srcStatus = &caller.srcStatus;
     request.moveData = read_write_data_of(args).or_else({copy_data, &caller});
     if ((flags & kFileOpNoMetadata) == 0) {

@@ -133,6 +133,7 @@ class TreeWalk {
     void clean_up_moved(Level &level);
     void report(const char *path) {
         if (m_request.errReport) {
+            const KeepErrors keep; // the caller sees the cause, whatever its callback does
             m_request.errReport(path, VLIBCErrGet());
         }
     }

@@ -23,17 +23,16 @@ void write_entry(BigEndianWriter &out, size_t slot, uint64_t offset, uint64_t le
 
 ParseResult parse(std::span<const uint8_t> bytes, VEXOEAAdouble &record) {
     record = {};
-    BigEndianReader in(bytes);
-    in.bytes(record.raw, bytes.size());
-    in.seek(0);
+    BigEndianReader(bytes).bytes(record.raw, bytes.size());
+    BigEndianReader in(record.raw); // what is not there reads as zero
     record.magic = in.u32();
     record.version = in.u32();
     in.skip(kFillerSize);
     const size_t count = in.u16();
-    if (!in.ok() || record.magic != kMagic || record.version != kVersion) {
+    if (record.magic != kMagic || record.version != kVersion) {
         return {ParseResult::not_apple_double, {}};
     }
-    // An entry that is not all there reads as zero in part: without an id it ends the table at the latest there.
+    // An entry that is not all there has no id in the end, which ends the table at the latest there.
     for (size_t at = 0; at < count; ++at) {
         const uint32_t id = in.u32();
         const uint32_t offset = in.u32();

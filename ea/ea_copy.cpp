@@ -2,6 +2,7 @@
 #include "ea/ea.h"
 
 #include "ea/ea_copy_job.h"
+#include "ea/ea_copy_known.h"
 #include "platform/sdk.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -75,7 +76,7 @@ Converted convert(const EaCopyJob &job) {
 }
 
 int carry_lock(const EaCopyJob &job) {
-    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored, job.known) < 0 ? -1 : 0;
+    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored, job.noStore) < 0 ? -1 : 0;
 }
 
 int finish(const EaCopyJob &job) {
@@ -96,7 +97,7 @@ int run(EaCopyJob &job) {
     if (look_up_destination_kind(job, kEntryName, VEXO_SOURCE) < 0) {
         return -1;
     }
-    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src, job.known.noStore);
+    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src, job.noStore);
     if (internal) {
         return finish(job);
     }
@@ -120,8 +121,7 @@ int run(EaCopyJob &job) {
 } // namespace
 
 int vexo::copy_ea(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
-                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp,
-                  const KnownOfFile &known) {
+                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore) {
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
@@ -135,13 +135,13 @@ int vexo::copy_ea(const char *src, const char *dst, int move, int fullDir, int s
     if (ofFileOperation) {
         copyFile = {fileOp->copyEA, fileOp->copyEAArg};
     }
-    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, known};
+    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, noStore};
     return run(job);
 }
 
 int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
                        VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
-    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, {});
+    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, false);
 }
 
 int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int /*spare*/,

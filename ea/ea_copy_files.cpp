@@ -3,6 +3,7 @@
 #include "ea/ea_copy_job.h"
 
 #include "ea/ea.h"
+#include "ea/ea_copy_known.h"
 #include "ea/remove_tree.h"
 #include "support/fd.h"
 #include "support/guards.h"
@@ -10,11 +11,13 @@
 #include "support/report.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace vexo {
 namespace {
@@ -28,9 +31,42 @@ bool exists(const char *path) {
     return ::access(path, F_OK) == 0;
 }
 
-int stream_path(const char *path, const char *stream, PathBuffer &out) {
-    return VEXOEAPath(kCurrentLayout, path, stream, out.fill(), PathBuffer::kUsable, kStreamCompanion);
-}
+// The path of a stream of a file, and then of the other one: they differ in the last word alone, so that the volume is
+// asked for its longest name once.
+class StreamPath {
+  public:
+    explicit StreamPath(const char *path) : m_path(path) {}
+
+    // 0, or -1 reported.
+    int select(const char *stream) {
+        if (m_selected != nullptr && m_text.view().ends_with(m_selected)) {
+            m_text.cut(m_text.length() - std::strlen(m_selected));
+            m_text.append(stream);
+        } else if (VEXOEAPath(kCurrentLayout, m_path, stream, m_text.fill(), PathBuffer::kUsable, kStreamCompanion) <
+                   0) {
+            return -1;
+        } else {
+            m_text.adopt();
+        }
+        m_selected = stream;
+        return 0;
+    }
+    const char *c_str() const { return m_text.c_str(); }
+
+  private:
+    const char *m_path;
+    const char *m_selected = nullptr;
+    PathBuffer m_text;
+};
+static_assert(std::string_view(kResourceStream).size() == std::string_view(kEaStream).size());
+
+// Where the stream files of one copy lie. The "@eaDir" of the destination is made when the first one comes.
+struct StreamFiles {
+    explicit StreamFiles(const EaCopyJob &job) : from(job.src), to(job.dst) {}
+
+    StreamPath from, to;
+    bool prepared = false;
+};
 
 // The part of a stream-file copy that a caller can replace.
 int copy_stream_content(const EaCopyJob &job, const char *stream, const char *from, const char *to) {
@@ -43,29 +79,33 @@ int copy_stream_content(const EaCopyJob &job, const char *stream, const char *fr
 }
 
 // One stream file of the source to its place at the destination. A stream that is not there is no failure.
-int copy_stream_file(const EaCopyJob &job, const char *stream) {
-    PathBuffer from;
-    PathBuffer to;
-    if (stream_path(job.src, stream, from) < 0) {
+int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *stream) {
+    if (files.from.select(stream) < 0) {
         return -1;
     }
-    if (!exists(from.c_str())) {
+    if (!exists(files.from.c_str())) {
         return 0;
     }
-    if (prepare_ea_directory(kSharedDirectory, job.dst) < 0 || stream_path(job.dst, stream, to) < 0) {
+    if (!files.prepared && prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
         return -1;
     }
-    const int copied = copy_stream_content(job, stream, from.c_str(), to.c_str());
+    files.prepared = true;
+    if (files.to.select(stream) < 0) {
+        return -1;
+    }
+    const char *const from = files.from.c_str();
+    const char *const to = files.to.c_str();
+    const int copied = copy_stream_content(job, stream, from, to);
     if (copied < 0 || copied == kCannotConvertCode) {
         return copied;
     }
     if (!job.copyFile && copied == kNothingToCopy) {
         return 0;
     }
-    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+    if (job.move && ::unlink(from) != 0 && errno != ENOENT) {
         return fail(Error::file_operation, VEXO_EA_COPY_HERE);
     }
-    return ::chmod(to.c_str(), kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    return ::chmod(to, kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
 }
 
 // Best effort: what the volume refuses stays behind with a line in the log.
@@ -81,22 +121,23 @@ int copy_both_stream_files(const EaCopyJob &job) {
     if (job.nothingStored) {
         return 0;
     }
-    const int resource = copy_stream_file(job, kResourceStream);
-    return resource != 0 ? resource : copy_stream_file(job, kEaStream);
+    StreamFiles files(job);
+    const int resource = copy_stream_file(job, files, kResourceStream);
+    return resource != 0 ? resource : copy_stream_file(job, files, kEaStream);
 }
 
 // The resource stream of an EA-directory source, in the form the metadata attribute of the destination is made from.
 int convert_resource_for_file_ea(const EaCopyJob &job) {
-    PathBuffer from;
-    PathBuffer to;
-    if (stream_path(job.src, kResourceStream, from) < 0) {
+    StreamPath from(job.src);
+    StreamPath to(job.dst);
+    if (from.select(kResourceStream) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.src);
         return -1;
     }
     if (prepare_ea_directory(kSharedDirectory, job.dst) < 0) {
         return -1;
     }
-    if (stream_path(job.dst, kResourceStream, to) < 0) {
+    if (to.select(kResourceStream) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.dst);
         return -1;
     }
@@ -227,12 +268,15 @@ int stream_presence(const char *path) {
     if (has_no_ea_directory(path, false)) {
         return 0;
     }
-    PathBuffer resource;
-    PathBuffer attributes;
-    if (stream_path(path, kResourceStream, resource) < 0 || stream_path(path, kEaStream, attributes) < 0) {
-        return -1;
+    StreamPath stream(path);
+    int presence = 0;
+    for (const auto &[name, bit] : {std::pair(kResourceStream, kHasResource), std::pair(kEaStream, kHasEaStream)}) {
+        if (stream.select(name) < 0) {
+            return -1;
+        }
+        presence |= exists(stream.c_str()) ? bit : 0;
     }
-    return (exists(resource.c_str()) ? kHasResource : 0) | (exists(attributes.c_str()) ? kHasEaStream : 0);
+    return presence;
 }
 
 int prepare_ea_directory(int which, const char *path) {
@@ -241,7 +285,7 @@ int prepare_ea_directory(int which, const char *path) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
         return -1;
     }
-    if (which == kPerFileDirectory && exists(directory.c_str()) && remove_tree<kEaCopySource>(directory.c_str()) < 0) {
+    if (which == kPerFileDirectory && exists(directory.c_str()) && remove_source_tree(directory.c_str()) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s.\n", directory.c_str());
         return -1;
     }
@@ -311,7 +355,8 @@ int copy_ea_directory_to_file_ea(const EaCopyJob &job) {
             return resource;
         }
     }
-    return (presence & kHasEaStream) != 0 ? copy_stream_file(job, kEaStream) : 0;
+    StreamFiles files(job);
+    return (presence & kHasEaStream) != 0 ? copy_stream_file(job, files, kEaStream) : 0;
 }
 
 int copy_file_ea_to_adfs(const EaCopyJob &job) {

@@ -4,7 +4,6 @@
 // a negative number; errno is that of the failure.
 #pragma once
 
-#include "ea/ea_copy_known.h"
 #include "ea/store.h"
 #include "support/callback.h"
 
@@ -42,8 +41,8 @@ struct EaCopyJob {
     int32_t dstCode;
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
-    KnownOfFile known = {};
-    bool nothingStored = false; // an EA-directory source without an "@eaDir": what lies in one is not looked for
+    bool noStore = false;         // the caller has found neither directory to have an "@eaDir"
+    bool nothingStored = false;   // an EA-directory source without an "@eaDir": what lies in one is not looked for
 
     StoreKind srcKind() const { return store_kind(srcCode); }
     // Type 12 takes what another kind keeps in "@eaDir", and only that.
@@ -130,6 +129,6 @@ int carry_rest(const EaCopyJob &job);
 
 // Carries the locked state; kinds of -1 are looked up. 0 or -1, reported. The last two as in EaCopyJob.
 int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored = false,
-              const KnownOfFile &known = {});
+              bool noStore = false);
 
 } // namespace vexo

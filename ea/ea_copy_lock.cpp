@@ -8,7 +8,6 @@
 #include "support/report.h"
 
 #include <cerrno>
-#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,8 +54,8 @@ int flag_of(const char *path) {
 }
 
 // A null `read` stands for metadata that are known not to be there.
-int locked_by_flag(const char *path, std::optional<bool> known, ReadMetadata read) {
-    const int flag = known ? static_cast<int>(*known) : flag_of(path);
+int locked_by_flag(const char *path, ReadMetadata read) {
+    const int flag = flag_of(path);
     if (flag != 0 || read == nullptr) {
         return flag;
     }
@@ -75,9 +74,9 @@ int read_lock(const EaCopyJob &job) {
     case StoreKind::native_xattr:
         return locked_by_mode(job.src);
     case StoreKind::ea_directory:
-        return locked_by_flag(job.src, job.known.locked, job.nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
+        return locked_by_flag(job.src, job.nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
     case StoreKind::file_ea:
-        return locked_by_flag(job.src, job.known.locked, VEXOEAFileEAAdoubleRead);
+        return locked_by_flag(job.src, VEXOEAFileEAAdoubleRead);
     case StoreKind::other:
         break;
     }
@@ -145,7 +144,7 @@ int write_lock(const EaCopyJob &job, bool locked) {
     case StoreKind::native_xattr:
         return set_mode(job.dst, locked);
     case StoreKind::ea_directory:
-        return set_in_ea_directory(job.dst, job.nothingStored && job.known.noStore, locked);
+        return set_in_ea_directory(job.dst, job.nothingStored && job.noStore, locked);
     case StoreKind::file_ea:
         return set_in_file_ea(job.dst, locked);
     case StoreKind::other:
@@ -184,12 +183,11 @@ int carry(EaCopyJob &job) {
 
 } // namespace
 
-int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored,
-              const KnownOfFile &known) {
+int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored, bool noStore) {
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
-    EaCopyJob job{src, dst, false, false, srcCode, dstCode, {}, false, known, nothingStored};
+    EaCopyJob job{src, dst, false, false, srcCode, dstCode, {}, false, noStore, nothingStored};
     const int result = carry(job);
     if (result < 0) {
         VEXO_LOG_LAST_ERROR(VEXO_HERE, "EACopy lock fail: from [%s] to [%s] %m", src, dst);

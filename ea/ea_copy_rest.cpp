@@ -83,12 +83,13 @@ bool is_regular(const dirent &entry, const char *path) {
     return ::lstat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// false: an entry was left alone, so the directory that holds it stays.
+// false: an entry was left alone or not seen, so the directory that holds it stays.
 bool carry_entries(const EaCopyJob &job, Dir &directory, const char *from, const char *to) {
     bool complete = true;
     PathBuffer source;
     PathBuffer destination;
-    while (const dirent *entry = directory.read()) {
+    const dirent *entry = nullptr;
+    for (errno = 0; (entry = directory.read()) != nullptr; errno = 0) {
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") {
             continue;
@@ -112,7 +113,7 @@ bool carry_entries(const EaCopyJob &job, Dir &directory, const char *from, const
             (void)remove_source_tree(source.c_str());
         }
     }
-    return complete;
+    return complete && errno == 0;
 }
 
 void remove_source_directory(const EaCopyJob &job, const char *directory) {

@@ -3,6 +3,7 @@
 
 #include "ea/adouble_format.h"
 #include "ea/resource_path.h"
+#include "ea/store.h"
 #include "ea/stream_handle.h"
 #include "support/fd.h"
 #include "support/guards.h"

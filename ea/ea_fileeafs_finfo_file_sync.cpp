@@ -5,6 +5,7 @@
 #include "ea/adouble_format.h"
 #include "ea/metadata_attribute.h"
 #include "ea/resource_path.h"
+#include "ea/store.h"
 #include "ea/stream_handle.h"
 #include "platform/sdk.h"
 #include "support/fd.h"
@@ -148,11 +149,11 @@ int EACheckNeedSync(const char *path) {
 }
 
 int VEXOEAFileEAFSFinfoEASync(const char *path, int checkFs) {
-    if (path == nullptr) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
     if (is_left_alone(path, checkFs)) {
         return 0;
+    }
+    if (path == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
     }
     FinderInfo info{};
     VEXOEAAdouble metadata;

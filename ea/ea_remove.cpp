@@ -100,7 +100,7 @@ int remove_streams_and_directory(const char *path) {
     const int streams = EARemove(kSharedDirectory, path);
     const KeepErrno keep;
     if (EASetSmbArchive(path) < 0) {
-        VEXO_LOG_DEBUG(VEXO_HERE, "Failed to set smb archive: %s", path);
+        VEXO_LOG_DEBUG(VEXO_HERE, "Failed to set smb archive: %s", std::strerror(errno));
     }
     return directory < 0 || streams < 0 ? -1 : 0;
 }

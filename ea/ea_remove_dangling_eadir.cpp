@@ -7,6 +7,7 @@
 #include "support/heap.h"
 #include "support/report.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -23,15 +24,17 @@ void VEXOEARemoveDanglingEADir(const char *dirPath) {
         return;
     }
     int entries = 0;
+    errno = 0;
     while (const dirent *entry = directory.read()) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != ".." && name != kEaDirectoryName) {
             return;
         }
         ++entries;
+        errno = 0;
     }
     constexpr int kDotsAndEaDirectory = 3;
-    if (entries != kDotsAndEaDirectory) {
+    if (entries != kDotsAndEaDirectory || errno != 0) { // what could not be read may be anything
         return;
     }
     const size_t size = std::strlen(dirPath) + sizeof "/@eaDir";

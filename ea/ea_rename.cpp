@@ -39,7 +39,13 @@ int make_parent(const PathBuffer &path) {
         return -1;
     }
     const PathBuffer parent(path.view().substr(0, slash));
-    return VEXOEAMKDir(0, parent.c_str());
+    struct stat status;
+    if (::stat(parent.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        return VEXOEAMKDir(0, parent.c_str());
+    }
+    const KeepErrors keep; // who may not make one can still use the one that is there
+    (void)VEXOEAMKDir(0, parent.c_str());
+    return 0;
 }
 
 // Another process may have taken the item away meanwhile: then there is nothing left to move.

@@ -141,7 +141,8 @@ int AttributeUpgrade::move_apple_double(const char *companion) {
 // The attribute files go only when the stream holds all that it is to hold: after a write that failed half way nothing
 // in it can be relied on.
 int AttributeUpgrade::build_stream() {
-    const Fd fd(::open(m_stream.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0777));
+    // Exclusively: what another process has made meanwhile is not ours to write over or to remove.
+    const Fd fd(::open(m_stream.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0777));
     if (!fd) {
         return fail(Error::open, VEXO_HERE);
     }

@@ -28,6 +28,10 @@ int push_names(std::string_view names, VLIBCSzList **list) {
 // A list that has to be asked for its size first.
 int push_long_list(const char *path, VLIBCSzList **list) {
     const ssize_t size = ::listxattr(path, nullptr, 0);
+    if (size == 0) { // gone meanwhile
+        VLIBCSzListRemoveAll(*list);
+        return 0;
+    }
     if (size < 0) {
         return fail(Error::file_operation, VEXO_HERE);
     }

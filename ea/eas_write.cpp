@@ -30,8 +30,8 @@ bool is_valid(const VEXOEAS *eas, const char *name, const void *data, uint32_t s
         return false;
     }
     const size_t length = ::strnlen(name, eas::kLongestName + 1);
-    // No client can ask for a nameless attribute, and the result could not tell a larger size.
-    return length > 0 && length <= eas::kLongestName && size <= INT32_MAX;
+    // The result could not tell a larger size.
+    return length <= eas::kLongestName && size <= INT32_MAX;
 }
 
 void put(const Piece &piece, uint8_t *value) {

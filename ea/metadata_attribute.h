@@ -10,7 +10,6 @@ namespace vexo {
 inline constexpr char kMetadataAttribute[] = "user.netatalk.Metadata"; // the AppleDouble header
 // When the header was last brought in step with the resource file: seconds since 1970, signed 64-bit, host byte order.
 inline constexpr char kFlushTimeAttribute[] = "user.vexo.filea.flushtime";
-inline constexpr char kResourceStream[] = "VexoResource";
 
 constexpr bool keeps_metadata_attribute(int32_t type) {
     return is_type(type, FsType::extended) || is_type(type, FsType::btrfs);

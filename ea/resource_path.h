@@ -3,6 +3,7 @@
 
 #include "ea/ea.h"
 #include "ea/metadata_attribute.h"
+#include "ea/store.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 

@@ -112,6 +112,28 @@ TEST_P(FileCopyAttributes, VolumesWithoutOwnersStillGetThem) {
     }
 }
 
+// Where write permission is what says that a file is not locked, all three bits of it are set.
+TEST_P(FileCopyAttributes, CopyToAVolumeWithoutALockFlagIsWritableForAll) {
+    kit::PlatformDouble::setType(from, 1);
+    for (const int type : {0, 5, 7}) {
+        kit::PlatformDouble::setType(to, type);
+        const auto modeOfCopy = [&] {
+            EXPECT_EQ(0, copy());
+            const mode_t mode = kit::statOf(request.dst).st_mode & 07777U;
+            EXPECT_EQ(0, ::unlink(request.dst.c_str()));
+            return mode;
+        };
+        for (const auto &[mode, arrives] : {std::pair{0640U, 0662U}, {0600U, 0622U}, {0444U, 0666U}}) {
+            ASSERT_EQ(0, ::chmod(request.src.c_str(), mode));
+            EXPECT_EQ(arrives, modeOfCopy()) << type;
+        }
+        ASSERT_EQ(0, ::chmod(request.src.c_str(), 0640));
+        ASSERT_EQ(0, VLIBCKernelAttrCall(request.src.c_str(), 522));
+        EXPECT_EQ(0440U, modeOfCopy()) << type;
+        ASSERT_EQ(0, VLIBCKernelAttrCall(request.src.c_str(), 521));
+    }
+}
+
 class FileCopyTimes : public EveryDoor {
   protected:
     std::string timeLine(int number) const {

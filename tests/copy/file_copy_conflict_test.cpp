@@ -283,6 +283,14 @@ TEST_P(FileCopyConflict, EmptyDirectoryIsNotRemoved) {
     EXPECT_TRUE(kit::exists(request.dst));
 }
 
+TEST_P(FileCopyConflict, PipeThatNobodyReadsIsRefusedWithoutWaiting) {
+    ASSERT_EQ(0, ::mkfifo(request.dst.c_str(), 0644));
+    request.overwrite = 1;
+    expectFailed(copy(), 0x8000);
+    EXPECT_TRUE(S_ISFIFO(kit::statOf(request.dst).st_mode));
+    expectSourceIntact();
+}
+
 // What this call did not make, it does not remove.
 TEST_P(FileCopyConflict, PipeIsRefusedAndStays) {
     ASSERT_EQ(0, ::mkfifo(request.dst.c_str(), 0644));

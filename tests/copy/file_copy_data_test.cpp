@@ -219,7 +219,7 @@ TEST_P(FileCopyData, NoMemoryForTheBufferRemovesTheDestination) {
     sourceIs(kit::pattern(9 << 20));
     kit::Faults::onlyAllocationsFrom(1 << 20);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const int result = copy();
     kit::Faults::reset();

@@ -1,6 +1,7 @@
 // The extended-attribute store travels with the file.
 #include "ea/ea.h"
 #include "tests/copy/file_copy_support.h"
+#include "tests/kit/child.h"
 
 namespace file_copy {
 namespace {
@@ -78,6 +79,32 @@ TEST_P(FileCopyMetadata, StoreThatCannotBeCarriedDoesNotFailTheCopy) {
     expectCopied();
     expectNotReported();
     EXPECT_EQ(stream, kit::readFile(streamOf(from, "source.bin")));
+}
+
+// Only root makes an "@eaDir". Who can never become root copies the file without what belongs to it.
+TEST_P(FileCopyMetadata, UserWithoutAnyPrivilegeCarriesNoStore) {
+    KIT_NEEDS_ROOT("to become a user who cannot");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    processAsNow();
+    ASSERT_EQ(0, ::chmod(volume.path().c_str(), 0777));
+    kit::PlatformDouble::setType(volume.path(), 1);
+    request.dst = volume / "target.bin";
+    for (const std::string &path : {request.src, from + "/@eaDir", from + "/@eaDir/source.bin",
+                                    from + "/@eaDir/source.bin/thumb.jpg", streamOf(from, "source.bin")}) {
+        ASSERT_EQ(0, ::chown(path.c_str(), kNobody, kNobody));
+    }
+    request.move = true;
+    request.keepOwner = true;
+    EXPECT_TRUE(kit::holdsInChild([&] {
+        ASSERT_EQ(0, ::setresgid(kNobody, kNobody, kNobody));
+        ASSERT_EQ(0, ::setresuid(kNobody, kNobody, kNobody));
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ(0x3C00U, VLIBCErrGet());
+    }));
+    expectCopied();
+    EXPECT_FALSE(kit::exists(request.src));
+    EXPECT_FALSE(kit::exists(volume / "@eaDir"));
+    EXPECT_EQ(stream, kit::readFile(streamOf(from, "source.bin"))) << "left behind without its file";
 }
 
 class FileCopyMetadataOne : public Scene {

@@ -133,7 +133,7 @@ TEST_F(NewName, OutOfMemoryIsReported) {
     const std::string path = scratch / "a.txt";
     char out[4096];
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const int result = Default_GenerateNewName(path.c_str(), out, sizeof out);
     kit::Faults::reset();

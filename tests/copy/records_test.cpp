@@ -148,7 +148,7 @@ TEST_F(Records, FreeingNullDoesNothing) {
 
 TEST_F(Records, ArgsWithoutMemorySetTheCodeAndLogNothing) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_EQ(nullptr, VEXOCopyArgsAlloc());
     EXPECT_EQ(0x0200u, VLIBCErrGet());
@@ -158,7 +158,7 @@ TEST_F(Records, ArgsWithoutMemorySetTheCodeAndLogNothing) {
 
 TEST_F(Records, ExWithoutMemoryLogsAndSetsNoCode) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_EQ(nullptr, VEXOCopyArgsExAlloc());
     EXPECT_EQ(0u, VLIBCErrGet());
@@ -169,7 +169,7 @@ TEST_F(Records, ExWithoutMemoryLogsAndSetsNoCode) {
 
 TEST_F(Records, ThreadRecordWithoutMemoryLogsAndSetsNoCode) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_EQ(nullptr, VEXOCopyTHRArgsAlloc());
     EXPECT_EQ(0u, VLIBCErrGet());

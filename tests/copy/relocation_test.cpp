@@ -72,6 +72,14 @@ TEST_P(Relocation, KeepsTheSourceWhenAsked) {
     expectSourceIntact();
 }
 
+// Staging is a copy, whatever the caller's record says of moving.
+TEST_P(Relocation, RecordThatAsksForAMoveKeepsTheSourceWhenAsked) {
+    request.move = true;
+    EXPECT_EQ(0, relocate(true));
+    expectRelocated();
+    expectSourceIntact();
+}
+
 TEST_P(Relocation, DestinationIsEmptiedNotMerged) {
     fillDestination();
     EXPECT_EQ(0, relocate());
@@ -259,7 +267,7 @@ TEST_F(Scene, EmptyPathsAreRefusedByTheFileOpRelocation) {
 
 TEST_P(Relocation, MemoryThatRunsOutLosesNothing) {
     if (!kit::Faults::failAllocation(0)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     fillDestination();
     kit::Faults::failAllocation(isExternal() ? 1 : 2);

@@ -324,7 +324,7 @@ TEST_P(Transfer, BufferIsNoLargerThanWhatThereIsToCopy) {
     const Open to(destination(), O_WRONLY | O_CREAT);
     kit::Faults::onlyAllocationsFrom(4097);
     if (!kit::Faults::failAllocation(1, 1000)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_EQ(0, copy(from, to, 4096));
     kit::Faults::failAllocation(0);
@@ -336,7 +336,7 @@ TEST_P(Transfer, BufferIsNeverLargerThanABlock) {
     const Open to(destination(), O_WRONLY | O_CREAT);
     kit::Faults::onlyAllocationsFrom(kBlock + 1);
     if (!kit::Faults::failAllocation(1, 1000)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     expectFailed(copy(from, to, INT64_MAX), 0x0A00); // it got as far as the end of the source
     kit::Faults::failAllocation(0);
@@ -348,7 +348,7 @@ TEST_P(Transfer, NoMemoryForTheBufferFailsBeforeAnyByte) {
     const Open to(destination(), O_WRONLY | O_CREAT);
     kit::Faults::onlyAllocationsFrom(100 * kKiB);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     expectFailed(copy(from, to, 100 * kKiB), 0x0200);
     EXPECT_EQ(0, kit::statOf(destination()).st_size);
@@ -360,7 +360,7 @@ TEST_P(Transfer, NoMemoryIsMetEvenWithNothingToCopy) {
     const Open from(source(), O_RDONLY);
     const Open to(destination(), O_WRONLY | O_CREAT);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     expectFailed(copy(from, to, 0), 0x0200);
 }

@@ -11,8 +11,8 @@ class TreeDepth : public BothFamilies {
     // Both paths stay under the limit down to the last level.
     static constexpr size_t kLongest = 4090;
     static std::string makeDeep(std::string path) {
-        while (path.size() + 8 <= kLongest) {
-            path += "/deeper.";
+        while (path.size() + 2 <= kLongest) {
+            path += "/d";
             EXPECT_EQ(0, ::mkdir(path.c_str(), 0755));
         }
         return path;
@@ -23,10 +23,6 @@ INSTANTIATE_TEST_SUITE_P(, TreeDepth, kFamilies, familyName);
 TEST_P(TreeDepth, LongestPathsAreCopiedOnAnOrdinaryStack) {
     const std::string deepest = makeDeep(request.src);
     request.dst = to + "/two"; // no longer than the source's
-    // A kind without stores: looking for them costs a look at every directory above, at every level.
-    kit::PlatformDouble::setType(scratch.path(), 35);
-    // A quarter of the levels that one-letter names would give, on a quarter of a program's ordinary stack of 8 MiB: a
-    // path's cost grows with its depth, and four times the levels take minutes.
     EXPECT_TRUE(kit::holdsInChild([&] {
         rlimit descriptors{};
         ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &descriptors));
@@ -34,7 +30,7 @@ TEST_P(TreeDepth, LongestPathsAreCopiedOnAnOrdinaryStack) {
         if (::setrlimit(RLIMIT_NOFILE, &descriptors) != 0) {
             ADD_FAILURE() << "the limit of descriptors cannot be raised: " << std::strerror(errno);
         }
-        const rlimit stack{2UL << 20, 2UL << 20};
+        const rlimit stack{8UL << 20, 8UL << 20};
         ASSERT_EQ(0, ::setrlimit(RLIMIT_STACK, &stack));
         request.stopOnError = true;
         EXPECT_EQ(0, copy()) << std::hex << VLIBCErrGet() << "\n" << kit::Log::all().substr(0, 500);
@@ -50,7 +46,9 @@ TEST_P(TreeDepth, RunningOutOfDescriptorsIsAFailedEntryOnly) {
     }
     putFile("file");
     EXPECT_TRUE(kit::holdsInChild([&] {
-        const rlimit descriptors{30, 30};
+        rlimit descriptors{};
+        ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &descriptors));
+        descriptors.rlim_cur = 30;
         ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &descriptors));
         EXPECT_EQ(0, copy());
         EXPECT_FALSE(callbacks.reports.empty());

@@ -283,6 +283,25 @@ TEST_F(Scene, WhatTheRecordTellsIsKept) {
     EXPECT_FALSE(kit::exists(dst("file")));
 }
 
+TEST_F(Scene, FileOverTheRecordsLimitLeavesNothingBehind) {
+    putFile("file", "longer than three");
+    putFile("few", "abc");
+    VEXOCopyArgs args{};
+    args.fsTypeSrc = args.fsTypeDst = -1;
+    args.dstFsFileSizeLimit = 3;
+    EXPECT_EQ(0, VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), 0, &args));
+    EXPECT_FALSE(kit::exists(dst("file")));
+    EXPECT_EQ("abc", kit::readFile(dst("few")));
+}
+
+TEST_P(TreeErrors, ErrorCallbackCannotHideTheCause) {
+    const std::string inTheWay = request.dst;
+    kit::writeFile(inTheWay, "no directory");
+    callbacks.onReport = [] { VLIBCErrSetEx(0x1234, "elsewhere.c", 1); };
+    EXPECT_FAILS(copy(), 0xA000);
+    expectReported(inTheWay, 0xA000);
+}
+
 TEST_F(Scene, RecordsTypesAreWrittenBackEvenWhenTheCopyFails) {
     VEXOCopyArgs args{};
     args.fsTypeSrc = args.fsTypeDst = -1;
@@ -294,7 +313,7 @@ TEST_F(Scene, RecordsTypesAreWrittenBackEvenWhenTheCopyFails) {
 
 TEST_F(Scene, MemoryForTheMissingRecordCanRunOut) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const int result = VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), 0, nullptr);
     kit::Faults::failAllocation(0);

@@ -51,6 +51,29 @@ TEST_F(Scene, MoveWithoutMetadataLeavesTheStore) {
     EXPECT_EQ("(no store)", storeOf(to, "copy"));
 }
 
+// Only root makes an "@eaDir". Who can never become root moves a tree without the stores in it, and removes these.
+TEST_P(TreeMove, UserWithoutAnyPrivilegeLosesTheStores) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    processAsNow();
+    ASSERT_EQ(0, ::chmod(volume.path().c_str(), 0777));
+    kit::PlatformDouble::setType(volume.path(), 1);
+    request.dst = volume / "copy";
+    request.keepOwner = true;
+    putFile("file");
+    putStore(request.src, "file", "belongs to the file");
+    for (const std::string &path : {from, request.src, src("file"), src("@eaDir"), src("@eaDir/file@VexoEAStream")}) {
+        ASSERT_EQ(0, ::chown(path.c_str(), kNobody, kNobody)) << path;
+    }
+    EXPECT_TRUE(kit::holdsInChild([&] {
+        ASSERT_EQ(0, ::setresgid(kNobody, kNobody, kNobody));
+        ASSERT_EQ(0, ::setresuid(kNobody, kNobody, kNobody));
+        EXPECT_EQ(0, copy());
+    }));
+    EXPECT_TRUE(kit::exists(dst("file")));
+    EXPECT_EQ("(no store)", storeOf(request.dst, "file"));
+    EXPECT_FALSE(kit::exists(request.src));
+}
+
 TEST_P(TreeMove, RenameThatCannotBeBecomesACopy) {
     for (const int number : {EBUSY, EEXIST, EXDEV, ENOTEMPTY}) {
         SCOPED_TRACE(number);

@@ -66,10 +66,18 @@ struct TreeCallbacks {
     std::function<int(const std::string &, std::string &)> name; // the second is the name at the destination
     std::function<int(const std::string &, const std::string &)> copyFile;
 
+    std::function<void()> onReport;
+
     std::vector<Report> reports;
     std::vector<Progress> progress;
     std::string srcCodePage, destCodePage; // what the records hold; the names' callback checks that it gets them
 
+    void note(const char *path, uint32_t code) {
+        reports.push_back({path, code});
+        if (onReport) {
+            onReport();
+        }
+    }
     static TreeCallbacks *&current() {
         static TreeCallbacks *instance = nullptr;
         return instance;
@@ -88,9 +96,7 @@ struct BareSlots {
     static void progress(int64_t bytes, int64_t offset) {
         TreeCallbacks::current()->progress.emplace_back(bytes, offset);
     }
-    static void errReport(const char *path, uint32_t code) {
-        TreeCallbacks::current()->reports.push_back({path, code});
-    }
+    static void errReport(const char *path, uint32_t code) { TreeCallbacks::current()->note(path, code); }
     static int isCancel() { return TreeCallbacks::current()->isCancel(); }
     static int64_t dirSize(const char *src, const char *dst) { return TreeCallbacks::current()->dirSize(src, dst); }
     static int name(const char *entry, const char *srcCodePage, const char *destCodePage, char *out, int size) {
@@ -107,9 +113,7 @@ struct DataSlots {
     static void progress(void *data, int64_t bytes, int64_t offset) {
         TreeCallbacks::of(data).progress.emplace_back(bytes, offset);
     }
-    static void errReport(void *data, const char *path, uint32_t code) {
-        TreeCallbacks::of(data).reports.push_back({path, code});
-    }
+    static void errReport(void *data, const char *path, uint32_t code) { TreeCallbacks::of(data).note(path, code); }
     static int isCancel(void *data) { return TreeCallbacks::of(data).isCancel(); }
     static int64_t dirSize(void *data, const char *src, const char *dst) {
         return TreeCallbacks::of(data).dirSize(src, dst);

@@ -181,6 +181,18 @@ TEST_F(Scene, VanishedFileDoesNotEndAStoppingWalk) {
     expectReported(src("b"), 0x0600);
 }
 
+// There the record knows the source's type, no look-up meets the absence, and an open that fails has the code of any
+// other errno.
+TEST_F(Scene, VanishedFileEndsAStoppingWalkOfTheFileOperations) {
+    for (const char *name : {"a", "b", "c"}) {
+        putFile(name);
+    }
+    request.stopOnError = true;
+    kit::Faults::add({.function = "open", .path = src("b"), .before = [&] { ::unlink(src("b").c_str()); }});
+    EXPECT_FAILS(copyThrough(Family::fileOp), 0x8000);
+    expectReported(src("b"), 0x8000);
+}
+
 TEST_P(TreeWalk, AnEntryWithTheVanishedCodeDoesNotEndAStoppingWalk) {
     for (const char *name : {"a", "b", "c"}) {
         putFile(name);

@@ -360,6 +360,13 @@ TEST_F(CopyRoutines, FailedCopyOfAnEntryIsLoggedAndAMoveDropsIt) {
     EXPECT_FALSE(kit::exists(from.eaDirectory()));
 }
 
+TEST_F(CopyRoutines, MoveKeepsADirectoryThatCannotBeReadToItsEnd) {
+    prepare(kEaDirectory, kEaDirectory);
+    kit::Faults::failAlways("readdir", EIO, from.own());
+    EXPECT_EQ(0, copy(true)) << kit::Log::all();
+    EXPECT_EQ("picture", kit::readFile(from.own() + "/thumb.jpg"));
+}
+
 TEST_F(CopyRoutines, FailedChmodOfAnEntryIsOnlyALine) {
     prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false});
     const std::string entry = to.own() + "/thumb.jpg";
@@ -385,6 +392,22 @@ TEST_F(CopyRoutines, OtherEntriesThanRegularFilesAreNotCarried) {
     ASSERT_EQ(0, ::mkfifo((from.own() + "/fifo").c_str(), 0644));
     EXPECT_EQ(0, copy());
     EXPECT_EQ(std::vector<std::string>{"thumb.jpg"}, kit::namesIn(to.own()));
+}
+
+// The metadata attribute is the only place of its Finder Info until that is written back into the resource file. Where
+// that is not permitted the rest is carried all the same, and a move takes the attribute away.
+TEST_F(CopyRoutines, FinderInfoThatMayNotBeWrittenBackIsLostWithAMove) {
+    for (const int kind : {kAppleDouble, kNative}) {
+        for (const bool move : {false, true}) {
+            prepare(kFileEa, kind, {kit::pattern(32, 7), "", {{"user.a", "one"}}, {}, false}, newRoot());
+            kit::Faults::fail("open", EACCES, from.resource()); // to make it
+            EXPECT_EQ(0, copy(move)) << kit::Log::all();
+            const Items arrived = read(to, kind);
+            EXPECT_EQ("one", arrived.attributes.at("user.a"));
+            EXPECT_EQ(std::string(), arrived.finderInfo == std::string(32, '\0') ? "" : arrived.finderInfo);
+            EXPECT_EQ(move, kit::attribute(from.path(), "user.netatalk.Metadata").empty()) << kind;
+        }
+    }
 }
 
 TEST_F(CopyRoutines, SourceThatCannotBeRemovedFails) {

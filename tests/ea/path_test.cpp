@@ -308,7 +308,7 @@ TEST_F(Paths, LongPathNeedsMemory) {
     const std::string deep = std::string(4000, 'x') + "/" + std::string(100, 'y');
     std::array<char, 4096> out{};
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FAILS(VEXOEADirPath(1, path.c_str(), out.data(), 4096), 0x0200);
     kit::Faults::failAllocation(1);
@@ -385,7 +385,7 @@ TEST_F(HiddenNames, NullNames) {
 
 TEST_F(HiddenNames, AbsolutePathNeedsMemory) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FAILS(VEXOEAIsHiddenDir("/x/@eaDir"), 0x0200);
 }
@@ -461,7 +461,7 @@ TEST_F(CheckADFile, WithoutCompanion) {
 
 TEST_F(CheckADFile, NeedsMemory) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FAILS(VEXOEACheckADFile("/x/._x"), 0x0200);
     kit::Faults::failAllocation(2);

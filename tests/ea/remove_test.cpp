@@ -4,6 +4,7 @@
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -191,7 +192,8 @@ TEST_F(EaRemove, WithoutEaStreamFailsWhenTheResourceStays) {
 TEST_F(EaRemove, ArchiveBitFailureIsOnlyADebugLine) {
     kit::Faults::failAlways("VLIBCKernelAttrCall", ENOSYS);
     EXPECT_EQ(0, VEXOEARemove(path.c_str(), kEaDirectory));
-    EXPECT_EQ(1, kit::Log::count(LOG_DEBUG, "Failed to set smb archive: " + path)) << kit::Log::all();
+    EXPECT_EQ(1, kit::Log::count(LOG_DEBUG, std::string("Failed to set smb archive: ") + std::strerror(ENOSYS)))
+        << kit::Log::all();
 }
 
 TEST_F(EaRemove, SymbolicLinksInTheDirectoryAreNotFollowed) {
@@ -256,6 +258,14 @@ TEST_F(EaDirectory, DanglingCleanUpKeepsAnUsedDirectory) {
     kit::writeFile(scratch / "file", "x");
     VEXOEARemoveDanglingEADir(scratch.path().c_str());
     EXPECT_TRUE(kit::exists(scratch / "@eaDir/left"));
+}
+
+TEST_F(EaDirectory, DanglingCleanUpKeepsADirectoryThatCannotBeReadToItsEnd) {
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
+    kit::writeFile(scratch / "@eaDir/file@VexoEAStream", "of a file not seen");
+    kit::Faults::fail("readdir", EIO, {}, 3);
+    VEXOEARemoveDanglingEADir(scratch.path().c_str());
+    EXPECT_EQ("of a file not seen", kit::readFile(scratch / "@eaDir/file@VexoEAStream"));
 }
 
 TEST_F(EaDirectory, DanglingCleanUpLeavesAnEmptyDirectoryAlone) {

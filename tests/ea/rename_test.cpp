@@ -157,6 +157,15 @@ TEST_F(EaRename, DirectoryThatCannotBeMadeKeepsTheItems) {
     EXPECT_EQ("attributes", kit::readFile(scratch / "from/@eaDir/a.txt@VexoEAStream"));
 }
 
+// Who may not become root cannot make an "@eaDir", but can use the one that is there.
+TEST_F(EaRename, DirectoryThatIsThereNeedNotBeMade) {
+    makeStore("from", "a.txt");
+    ASSERT_EQ(0, ::mkdir((scratch / "to/@eaDir").c_str(), 0777));
+    kit::Faults::failAlways("mkdir", EPERM, "@eaDir");
+    EXPECT_EQ(0, rename(kEaDirectory)) << kit::Log::all();
+    EXPECT_EQ("attributes", kit::readFile(scratch / "to/@eaDir/b.txt@VexoEAStream"));
+}
+
 TEST_F(EaRename, AcrossDevicesTheItemsAreMovedByMv) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
     processAsNow();

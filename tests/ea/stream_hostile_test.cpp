@@ -87,7 +87,7 @@ TEST_F(HostileStream, ClaimedAttributesAskForNoMemory) {
     put(with(118, 65535, 2));
     kit::Faults::onlyAllocationsFrom(4096);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_EQ(nullptr, VEXOEASOpen(fd, F_RDLCK));
     EXPECT_EQ(0x0A00u, VLIBCErrGet());

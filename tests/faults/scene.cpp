@@ -3,6 +3,7 @@
 #include <array>
 #include <climits>
 #include <filesystem>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -49,6 +50,58 @@ void Scene::old(const std::string &path, const std::string &bytes) {
 const std::string *Scene::oldAt(const std::string &path) const {
     const auto found = m_old.find(path);
     return found == m_old.end() ? nullptr : &found->second;
+}
+
+void Scene::giveTo(uid_t user) const {
+    for (const std::string &top : {m_scratch.path(), m_from, m_to}) {
+        std::filesystem::recursive_directory_iterator below(top);
+        bool done = ::lchown(top.c_str(), user, user) == 0;
+        for (const auto &entry : below) {
+            done = done && ::lchown(entry.path().c_str(), user, user) == 0;
+        }
+        if (!done) {
+            throw std::runtime_error("chown below " + top);
+        }
+    }
+}
+
+bool isCall(const Fault &fault, const std::set<std::string> &calls) {
+    return calls.contains(fault.call);
+}
+
+bool isAt(const Fault &fault, const std::string &endOfPath) {
+    return fault.path.ends_with(endOfPath);
+}
+
+bool isBelow(const Fault &fault, const std::string &partOfPath) {
+    return fault.path.find(partOfPath) != std::string::npos;
+}
+
+const kit::Volume *otherVolume() {
+    static auto *volume = new kit::Volume(kit::Volume::tmpfs(16 << 20));
+    return volume;
+}
+
+const kit::Volume *cloningVolume() {
+    static auto *volume = new kit::Volume(kit::Volume::loop("btrfs", 128 << 20));
+    return volume;
+}
+
+std::vector<Operation> allOperations() {
+    std::vector<Operation> all = fileOperations();
+    for (const auto &more : {treeOperations(), storeOperations()}) {
+        all.insert(all.end(), more.begin(), more.end());
+    }
+    return all;
+}
+
+std::vector<Operation> operationsNamed(const std::set<std::string> &names) {
+    std::vector<Operation> all = allOperations();
+    std::erase_if(all, [&](const Operation &operation) { return !names.contains(operation.name); });
+    if (all.size() != names.size()) {
+        throw std::logic_error("an operation is missing");
+    }
+    return all;
 }
 
 namespace {

@@ -41,6 +41,8 @@ class Scene {
     // What stood at the destination before: as good as nothing there.
     void old(const std::string &path, const std::string &bytes);
     const std::string *oldAt(const std::string &path) const;
+    // Everything becomes that user's, as if the user had made it.
+    void giveTo(uid_t user) const;
 
   private:
     kit::ScratchDirectory m_scratch;
@@ -65,9 +67,20 @@ struct Report {
     char state[1024];
 };
 
+// What was done to a run.
+struct Fault {
+    std::string call;      // its name; or "allocation", "close", "kill", "none"
+    std::string path = {}; // that the call names
+    int error = 0;         // that it failed with
+    std::string text = {}; // all of it, for people
+};
+bool isCall(const Fault &fault, const std::set<std::string> &calls);
+bool isAt(const Fault &fault, const std::string &endOfPath);
+bool isBelow(const Fault &fault, const std::string &partOfPath);
+
 struct Finding {
     std::string check, detail;
-    std::string point = {}; // the fault it came of
+    Fault fault = {"none"};
 };
 
 struct Operation {
@@ -84,6 +97,7 @@ struct Operation {
     // The name of the documented behaviour that a finding shows ("" for none).
     std::function<std::string(const Finding &, const Report &)> kept = {};
     std::function<const kit::Volume *()> volume = {}; // made once, before the first scene
+    uid_t user = 0;                                   // who runs it, and whose the scene is
 };
 
 // For gtest.
@@ -91,11 +105,18 @@ inline void PrintTo(const Operation &operation, std::ostream *out) {
     *out << operation.name;
 }
 
+// Another volume than the one scenes lie on, and one that clones; each made at its first use.
+const kit::Volume *otherVolume();
+const kit::Volume *cloningVolume();
+
 // Counted by the operations' error callbacks in the child.
 extern int reportsHeard;
 
 std::vector<Operation> fileOperations();
 std::vector<Operation> treeOperations();
 std::vector<Operation> storeOperations();
+// All of these, and those of them with the names given.
+std::vector<Operation> allOperations();
+std::vector<Operation> operationsNamed(const std::set<std::string> &names);
 
 } // namespace faults

@@ -1,5 +1,6 @@
 // The operations on the extended-attribute store: copy between every two kinds of volume, rename, removal, upgrade, the
-// stream file, attributes and Finder Info.
+// stream file, attributes, Finder Info and the archive bit.
+#include "backup/backup.h"
 #include "ea/ea.h"
 #include "tests/ea/adouble_bytes.h"
 #include "tests/ea/stream_bytes.h"
@@ -21,6 +22,7 @@ namespace {
 
 constexpr char kStream[] = "VexoEAStream";
 constexpr char kResource[] = "VexoResource";
+constexpr char kThumbnail[] = "thumbnail";
 using Kind = std::pair<const char *, int>;
 constexpr int kFileEa = 2, kEaDirectory = 1, kFat = 0, kNative = 7;
 
@@ -59,26 +61,30 @@ const std::set<uint32_t> kCopyCodes = {0,      0x0100, 0x0200, 0x0300, 0x0400, 0
                                        0x0A00, 0x0B00, 0x2000, 0x2400, 0x2600, 0x2700, 0x2900, 0x2A00,
                                        0x3B00, 0x3C00, 0x6C00, 0x8000, 0xAA00, 0xC300};
 
-// A change rewrites the stream file in place, and so do the operations that change one.
+// A change rewrites the stream file in place.
 std::string keptOfChange(const Finding &finding, const Report &) {
-    const bool isChange =
-        finding.point.find("write") != std::string::npos || finding.point.find("lseek") != std::string::npos ||
-        finding.point.find("read") != std::string::npos || finding.point.find("ftruncate") != std::string::npos ||
-        finding.point.find("killed") != std::string::npos;
-    if (isChange && (finding.check == "metadata lost" || finding.check == "again succeeds")) {
-        return "stream-change-is-not-atomic";
-    }
-    if (isChange && finding.check == "last error" && finding.point.find("again") != std::string::npos) {
+    if (isCall(finding.fault, {"write", "lseek", "kill"}) &&
+        (finding.check == "metadata lost" || finding.check == "again succeeds")) {
         return "stream-change-is-not-atomic";
     }
     return {};
 }
 
+// What cannot be asked for is taken to be none; what lies in the file's own directory is no reason to fail.
 std::string keptOfCopy(const Finding &finding, const Report &report) {
-    if (finding.check == "success carries metadata" && report.finished != 0 && report.result == 0) {
-        return "store-copy-passes-over-attributes";
+    const Fault &fault = finding.fault;
+    if (finding.check != "success carries metadata" || report.finished == 0 || report.result != 0) {
+        return {};
     }
-    return keptOfChange(finding, report);
+    if (finding.detail == kThumbnail) {
+        const bool isItsDirectory = isCall(fault, {"newfstatat"}) && isAt(fault, "/@eaDir/f");
+        const bool isItself = isCall(fault, {"openat", "newfstatat", "rename"}) && isAt(fault, "/thumbnail");
+        const bool isItsCopy = isCall(fault, {"getdents", "read", "write", "allocation"});
+        return isItsDirectory || isItself || isItsCopy ? "store-copy-passes-over-attributes" : "";
+    }
+    const bool isStore = isAt(fault, "/f@VexoResource") || isAt(fault, "/f@VexoEAStream") || isAt(fault, "/._f");
+    const bool isAsked = isCall(fault, {"access"}) || (isCall(fault, {"newfstatat"}) && fault.error == EACCES);
+    return isStore && isAsked ? "store-copy-passes-over-attributes" : "";
 }
 
 Operation copy(const std::string &name, int srcKind, int dstKind, bool move) {
@@ -102,6 +108,75 @@ Operation copy(const std::string &name, int srcKind, int dstKind, bool move) {
     made.codes = kCopyCodes;
     made.kept = keptOfCopy;
     return made;
+}
+
+// A move gives up what it cannot carry of the file's own directory.
+std::string keptOfDirectoryMove(const Finding &finding, const Report &report) {
+    const Fault &fault = finding.fault;
+    const bool isDestination = isCall(fault, {"mkdir", "chmod"}) && isBelow(fault, "/to/@eaDir");
+    const bool isItself = isCall(fault, {"openat", "rename"}) && isAt(fault, "/thumbnail");
+    const bool isItsCopy = isCall(fault, {"read", "write", "allocation"});
+    if (finding.check == "metadata lost" && finding.detail == kThumbnail && (isDestination || isItself || isItsCopy)) {
+        return "move-gives-up-the-own-directory";
+    }
+    return keptOfCopy(finding, report);
+}
+
+// Copies through the other doors, of a store with a file of another service in the file's own directory.
+Operation withDirectory(const std::string &name, bool move, std::function<int(Scene &)> run) {
+    Operation made = copy(name, kFileEa, kFileEa, move);
+    made.prepare = [plain = made.prepare](Scene &scene) {
+        plain(scene);
+        ::mkdir(scene.from("@eaDir/f").c_str(), 0777);
+        kit::writeFile(scene.from("@eaDir/f/thumbnail"), scene.piece(kThumbnail, 300));
+    };
+    made.run = std::move(run);
+    if (move) {
+        made.kept = keptOfDirectoryMove;
+    }
+    return made;
+}
+
+// A caller's own copy of one file of the store.
+int copyEa(const char *from, const char *to) {
+    const int src = ::open(from, O_RDONLY | O_CLOEXEC);
+    const int dst = src < 0 ? -1 : ::open(to, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    std::array<char, 4096> bytes{};
+    const ssize_t got = dst < 0 ? -1 : ::read(src, bytes.data(), bytes.size());
+    const bool copied = got >= 0 && ::write(dst, bytes.data(), static_cast<size_t>(got)) == got;
+    for (const int fd : {src, dst}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    return copied ? 0 : -1;
+}
+int copyEaWithData(void *, const char *from, const char *to) {
+    return copyEa(from, to);
+}
+
+void addCopiesWithDirectory(std::vector<Operation> &all) {
+    all.push_back(withDirectory("StoreCopyWithDirectory", false, [](Scene &scene) {
+        return VEXOEACopy(scene.from("f").c_str(), scene.to("g").c_str(), 0, 0, kFileEa, kFileEa, 0, 0);
+    }));
+    all.push_back(withDirectory("StoreMoveWithDirectory", true, [](Scene &scene) {
+        return VEXOEACopy(scene.from("f").c_str(), scene.to("g").c_str(), 1, 0, kFileEa, kFileEa, 0, 0);
+    }));
+    all.push_back(withDirectory("StoreCopyEx", false, [](Scene &scene) {
+        return VEXOEACopyEx(scene.from("f").c_str(), scene.to("g").c_str(), 0, 1, kFileEa, kFileEa, 0, 0, copyEa);
+    }));
+    all.push_back(withDirectory("StoreCopyInternal", false, [](Scene &scene) {
+        VEXOCopyTHRArgs thr{};
+        thr.copyEA = copyEaWithData;
+        return VEXOEACopyInternal(scene.from("f").c_str(), scene.to("g").c_str(), 0, 1, kFileEa, kFileEa, nullptr, &thr,
+                                  nullptr);
+    }));
+    all.push_back(withDirectory("StoreMoveInternal", true, [](Scene &scene) {
+        VEXOCopyArgs args{};
+        args.copyEA = copyEaWithData;
+        return VEXOEACopyInternal(scene.from("f").c_str(), scene.to("g").c_str(), 1, 1, kFileEa, kFileEa, nullptr,
+                                  nullptr, &args);
+    }));
 }
 
 Operation onStore(const std::string &name, int kind, Keeps keeps, std::set<uint32_t> codes,
@@ -147,6 +222,38 @@ void addRemovals(std::vector<Operation> &all) {
                           [](Scene &scene) { return EARemove(1, scene.from("f").c_str()); }));
 }
 
+void addDirectoryRemovals(std::vector<Operation> &all) {
+    const std::set<uint32_t> none = {0};
+    Operation directory = onStore("RemoveDirectory", kFileEa, Keeps::source, none,
+                                  [](Scene &scene) { return EARemove(0, scene.from("f").c_str()); });
+    directory.prepare = [](Scene &scene) {
+        putStore(scene, kFileEa);
+        ::mkdir(scene.from("@eaDir/f").c_str(), 0777);
+        kit::writeFile(scene.from("@eaDir/f/thumbnail"), "thumbnail");
+    };
+    all.push_back(directory);
+    Operation empty = onStore("RemoveEaDirectory", kFileEa, Keeps::nothing, none,
+                              [](Scene &scene) { return EARemoveEADir(scene.from("@eaDir/f@VexoEAStream").c_str()); });
+    empty.prepare = [](Scene &scene) {
+        ::mkdir(scene.from("@eaDir").c_str(), 0777);
+        kit::writeFile(scene.from("@eaDir/.cover"), "cover");
+    };
+    all.push_back(empty);
+    all.push_back(onStore("RemoveEaDirectoryInUse", kFileEa, Keeps::source, none,
+                          [](Scene &scene) { return EARemoveEADir(scene.from("@eaDir").c_str()) == -1 ? 0 : -1; }));
+    const auto dangling = [](Scene &scene) {
+        VEXOEARemoveDanglingEADir(scene.from().c_str());
+        return 0;
+    };
+    Operation lonely = onStore("RemoveDangling", kFileEa, Keeps::nothing, none, dangling);
+    lonely.prepare = [](Scene &scene) {
+        putStore(scene, kFileEa);
+        ::unlink(scene.from("f").c_str());
+    };
+    all.push_back(lonely);
+    all.push_back(onStore("RemoveDanglingInUse", kFileEa, Keeps::source, none, dangling));
+}
+
 void addUpgrades(std::vector<Operation> &all) {
     const std::set<uint32_t> codes = {0x0100, 0x0200, 0x0900, 0x0A00, 0x0B00, 0x2800, 0x2A00,
                                       0x3900, 0x3C00, 0x4000, 0xC300, 0x0400, 0x2600};
@@ -160,7 +267,6 @@ void addUpgrades(std::vector<Operation> &all) {
         kit::writeFile(scene.from("@eaDir/f/second"), scene.piece("second", 200));
         kit::PlatformDouble::setType(scene.from(), kEaDirectory);
     };
-    attributes.kept = keptOfChange;
     all.push_back(attributes);
     Operation resource = attributes;
     resource.changesModes = true;
@@ -174,6 +280,18 @@ void addUpgrades(std::vector<Operation> &all) {
         kit::PlatformDouble::setType(scene.from(), kEaDirectory);
     };
     all.push_back(resource);
+    Operation other = attributes;
+    other.name = "UpgradeOther";
+    other.codes.insert(0); // only errno tells why /bin/mv could not be run
+    other.run = [](Scene &scene) { return VEXOEAUpgrade(scene.from("f").c_str(), "VEXO:Preview"); };
+    other.prepare = [](Scene &scene) {
+        kit::writeFile(scene.from("f"), "data");
+        ::mkdir(scene.from("@eaDir").c_str(), 0777);
+        ::mkdir(scene.from("@eaDir/f").c_str(), 0777);
+        kit::writeFile(scene.from("@eaDir/f/VEXO:Preview"), scene.piece("preview", 400));
+        kit::PlatformDouble::setType(scene.from(), kEaDirectory);
+    };
+    all.push_back(other);
     Operation fix = attributes;
     fix.changesModes = true;
     fix.name = "FixResource";
@@ -264,6 +382,33 @@ void addStreams(std::vector<Operation> &all) {
     all.push_back(merge);
 }
 
+// What the changes are made of, where callers can reach it.
+void addStreamParts(std::vector<Operation> &all) {
+    all.push_back(onStream("StreamHeader", F_WRLCK, [](VEXOEAS *eas) { return VEXOEASWriteHeader(eas); }));
+    Operation info = onStream("StreamFinderInfo", F_WRLCK, [](VEXOEAS *eas) { return EASWriteFinderInfo(eas); });
+    info.codes.insert(0x0D00); // that is what a failing seek has here
+    all.push_back(info);
+    all.push_back(onStream("StreamSlots", F_WRLCK, [](VEXOEAS *eas) { return VEXOEASAllocEntry(eas, 100); }));
+    all.push_back(onStream("StreamMoveFork", F_WRLCK, [](VEXOEAS *eas) {
+        uint32_t offset = 0;
+        uint32_t length = 0;
+        const int found = EASGetRForkLocation(eas, &offset, &length);
+        return found < 0 ? -1 : EASMoveRFork(eas, offset + 2 * length, offset, length);
+    }));
+    all.push_back(onStream("StreamLockGet", F_RDLCK, [](VEXOEAS *eas) {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        return VEXOEASLockGet(eas, &lock);
+    }));
+    all.push_back(onStream("StreamCount", F_RDLCK, [](VEXOEAS *eas) { return EASGetAttrCount(eas->fd); }));
+    Operation check = onStore("CheckDouble", kFat, Keeps::source, {0, 0x0200},
+                              [](Scene &scene) { return VEXOEACheckADFile(scene.from("._f").c_str()); });
+    all.push_back(check);
+    Operation archive = onStore("SetArchiveBit", kFileEa, Keeps::source, {0},
+                                [](Scene &scene) { return EASetSmbArchive(scene.from("f").c_str()); });
+    all.push_back(archive);
+}
+
 // ---- Attributes, companions, Finder Info ----
 
 void addAttributes(std::vector<Operation> &all) {
@@ -297,6 +442,13 @@ void addAttributes(std::vector<Operation> &all) {
     });
     onFork("ForkSet", [](const char *path) { return VEXOEAXattrSet(path, "com.apple.ResourceFork", "anew", 4, 0); });
     onFork("ForkRemove", [](const char *path) { return VEXOEAXattrRemove(path, "com.apple.ResourceFork"); });
+}
+
+void addArchiveBits(std::vector<Operation> &all) {
+    all.push_back(onStore("CleanFileArchiveBit", kFileEa, Keeps::source, {0x0900},
+                          [](Scene &scene) { return VEXOBackupCleanFileArchiveBit(scene.from("f").c_str()); }));
+    all.push_back(onStore("CleanDirectoryArchiveBit", kFileEa, Keeps::source, {0x0900},
+                          [](Scene &scene) { return VEXOBackupCleanDirArchiveBit(scene.from().c_str()); }));
 }
 
 void addFinderInfo(std::vector<Operation> &all) {
@@ -350,12 +502,16 @@ std::vector<Operation> storeOperations() {
             all.push_back(copy("StoreMove" + srcName + "To" + dstName, srcKind, dstKind, true));
         }
     }
+    addCopiesWithDirectory(all);
     addRenames(all);
     addRemovals(all);
+    addDirectoryRemovals(all);
     addUpgrades(all);
     addStreams(all);
+    addStreamParts(all);
     addAttributes(all);
     addFinderInfo(all);
+    addArchiveBits(all);
     return all;
 }
 

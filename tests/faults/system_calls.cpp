@@ -268,14 +268,19 @@ class Supervisor {
 
 } // namespace
 
-std::string describe(const SystemCall &call) {
-    const auto kind = kinds().find(call.number);
-    std::string name = call.number == SYS_openat  ? "openat"
-                       : call.number == SYS_open  ? "open"
-                       : call.number == SYS_fcntl ? "fcntl " + std::to_string(call.arguments[1])
-                       : kind == kinds().end()    ? "call " + std::to_string(call.number)
-                                                  : kind->second.name;
-    return call.path.empty() ? name : name + "(" + call.path + ")";
+std::string nameOf(const SystemCall &call) {
+    switch (call.number) {
+    case SYS_openat:
+        return "openat";
+    case SYS_open:
+        return "open";
+    case SYS_fcntl:
+        return "fcntl " + std::to_string(call.arguments[1]);
+    default: {
+        const auto kind = kinds().find(call.number);
+        return kind == kinds().end() ? "call " + std::to_string(call.number) : kind->second.name;
+    }
+    }
 }
 
 std::vector<int> plausibleErrors(const SystemCall &call) {

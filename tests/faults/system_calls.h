@@ -16,7 +16,7 @@ struct SystemCall {
     uint64_t arguments[6] = {};
     std::string path = {}; // the first path it names, for messages
 };
-std::string describe(const SystemCall &call);
+std::string nameOf(const SystemCall &call);
 // The errors that the file system and the kernel can answer this call with, without anything being wrong with the call.
 std::vector<int> plausibleErrors(const SystemCall &call);
 

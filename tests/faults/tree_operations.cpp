@@ -4,6 +4,7 @@
 #include "tests/faults/scene.h"
 #include "tests/kit/platform_double.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,11 +18,6 @@ const std::set<uint32_t> kRelocationCodes = {0x0200, 0x3900, 0x3A00, 0x3B00, 0x3
 
 void hear(const char *, uint32_t) {
     ++reportsHeard;
-}
-
-const kit::Volume *otherVolume() {
-    static auto *volume = new kit::Volume(kit::Volume::tmpfs(16 << 20));
-    return volume;
 }
 
 // "tree" with two files, a directory with one, a link, and an attribute stream.
@@ -43,33 +39,48 @@ void prepareTree(Scene &scene, bool across) {
     kit::PlatformDouble::setType(scene.to(), 2);
 }
 
-// A tree goes on past an entry that failed, and its result is a success all the same.
+// What makes an entry of a tree fail.
+bool isOfAnEntry(const Fault &fault) {
+    return isCall(fault, {"allocation", "close", "getdents"}) ||
+           (isCall(fault, {"mkdir", "rename", "ioctl"}) && fault.error != EXDEV) ||
+           (isCall(fault, {"openat", "newfstatat", "statx"}) && !isBelow(fault, "@eaDir"));
+}
+
+// What makes the copy of a file's store fail.
+bool isOfAStore(const Fault &fault) {
+    return isCall(fault, {"allocation", "close"}) || (isCall(fault, {"getxattr"}) && isAt(fault, "/tree/a")) ||
+           (isCall(fault, {"mkdir", "chmod"}) && isAt(fault, "/tree/@eaDir")) ||
+           (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "/tree/@eaDir/a@VexoEAStream"));
+}
+
 std::string keptOf(const Finding &finding, const Report &report) {
-    if (finding.check == "success is complete" && report.finished != 0 && report.result == 0) {
+    const Fault &fault = finding.fault;
+    const bool succeeded = report.finished != 0 && report.result == 0;
+    // A tree goes on past an entry that failed, and its result is a success all the same.
+    if (succeeded && finding.check == "success is complete" && isOfAnEntry(fault)) {
         return "tree-passes-over-failed-entries";
     }
-    if (finding.check == "metadata lost" && report.finished != 0 && report.result == 0) {
+    if (succeeded && finding.check == "metadata lost" && isOfAStore(fault)) {
         return "metadata-left-behind";
     }
-    // A link that fails ends the tree, and only errno says why.
-    if (finding.check == "last error" && finding.detail == "0x0000" &&
-        finding.point.find("link(") != std::string::npos) {
+    // A link that fails ends the tree, and only errno says why: the last error is what it was before.
+    if (finding.check == "last error" && isAt(fault, "/tree/link") && isCall(fault, {"readlink", "symlink"})) {
         return "failed-link-has-no-code";
     }
-    // Renamed, and then not to be looked at: the file is at its destination.
-    if (finding.check == "last error" && finding.detail == "0x0000" &&
-        finding.point.find("stat") != std::string::npos) {
+    // Renamed, and then not to be looked at: the tree is at its destination.
+    if (finding.check == "last error" && report.lastError == 0 && isCall(fault, {"newfstatat"}) &&
+        isAt(fault, "/to/tree") && (fault.error == EACCES || fault.error == ENOENT)) {
         return "moved-but-not-looked-up";
     }
     return {};
 }
 
 std::string keptOfRelocation(const Finding &finding, const Report &report) {
-    if ((finding.check == "data lost" || finding.check == "metadata lost") && report.finished != 0 &&
-        report.result == 0) {
-        return "relocation-drops-what-staging-skipped";
-    }
-    if (finding.check == "success is complete" && report.finished != 0 && report.result == 0) {
+    const Fault &fault = finding.fault;
+    const bool succeeded = report.finished != 0 && report.result == 0;
+    const bool isEntry = finding.check == "data lost" || finding.check == "success is complete";
+    const bool isMetadata = finding.check == "metadata lost";
+    if (succeeded && ((isEntry && isOfAnEntry(fault)) || (isMetadata && (isOfAnEntry(fault) || isOfAStore(fault))))) {
         return "relocation-drops-what-staging-skipped";
     }
     return {};
@@ -90,15 +101,20 @@ Operation operation(const std::string &name, bool move, bool across, std::functi
     return made;
 }
 
-Operation withOptions(const std::string &name, bool move, bool across, bool stopOnError) {
-    return operation(name, move, across, [move, stopOnError](Scene &scene) {
-        VEXOCopyOpt options{};
-        options.move = move ? 1 : 0;
-        options.overwrite = -1;
-        options.ownerMode = 1;
-        options.copyAcl = 1;
-        options.stopOnError = stopOnError ? 1 : 0;
-        options.errReport = hear;
+VEXOCopyOpt optionsOf(bool move) {
+    VEXOCopyOpt options{};
+    options.move = move ? 1 : 0;
+    options.overwrite = -1;
+    options.ownerMode = 1;
+    options.copyAcl = 1;
+    options.errReport = hear;
+    return options;
+}
+
+Operation withOptions(const std::string &name, bool move, bool across, const std::function<void(VEXOCopyOpt &)> &set) {
+    return operation(name, move, across, [move, set](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(move);
+        set(options);
         return VEXOFileCopyDirectory(scene.from("tree").c_str(), scene.to("tree").c_str(), &options);
     });
 }
@@ -111,6 +127,21 @@ Operation withFlags(const std::string &name, bool across, uint32_t flags, bool m
     });
 }
 
+Operation cloneOperation() {
+    Operation made = operation("TreeClone", false, false, [](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(false);
+        return VEXOFileReflinkCopyDirectory(scene.from("tree").c_str(), scene.to("tree").c_str(), &options);
+    });
+    made.volume = cloningVolume;
+    made.prepare = [](Scene &scene) {
+        scene.onVolume(*cloningVolume());
+        prepareTree(scene, false);
+        kit::PlatformDouble::setType(scene.from(), 3);
+        kit::PlatformDouble::setType(scene.to(), 3);
+    };
+    return made;
+}
+
 Operation relocation(Operation made) {
     made.codes = kRelocationCodes;
     made.kept = keptOfRelocation;
@@ -121,10 +152,29 @@ Operation relocation(Operation made) {
 
 std::vector<Operation> treeOperations() {
     std::vector<Operation> all;
-    all.push_back(withOptions("TreeCopy", false, false, false));
-    all.push_back(withOptions("TreeCopyStopsOnError", false, false, true));
-    all.push_back(withOptions("TreeMove", true, false, false));
-    all.push_back(withOptions("TreeMoveAcross", true, true, false));
+    const auto nothingElse = [](VEXOCopyOpt &) {};
+    all.push_back(withOptions("TreeCopy", false, false, nothingElse));
+    all.push_back(
+        withOptions("TreeCopyStopsOnError", false, false, [](VEXOCopyOpt &options) { options.stopOnError = 1; }));
+    all.push_back(withOptions("TreeMove", true, false, nothingElse));
+    all.push_back(withOptions("TreeMoveAcross", true, true, nothingElse));
+    all.push_back(
+        withOptions("TreeMoveOverwriteAcross", true, true, [](VEXOCopyOpt &options) { options.overwrite = 1; }));
+    all.push_back(operation("TreeCopyEx", false, false, [](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(false);
+        VEXOCopyArgsEx ex{};
+        return VEXOFileCopyDirectoryEx(scene.from("tree").c_str(), scene.to("tree").c_str(), &options, &ex);
+    }));
+    all.push_back(operation("TreeCopyInternal", false, false, [](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(false);
+        return VEXOCopyDirectoryI(scene.from("tree").c_str(), scene.to("tree").c_str(), &options, 2, 2);
+    }));
+    all.push_back(operation("TreeMoveAcrossInternalEx", true, true, [](Scene &scene) {
+        VEXOCopyOpt options = optionsOf(true);
+        VEXOCopyArgsEx ex{};
+        return VEXOCopyDirectoryExI(scene.from("tree").c_str(), scene.to("tree").c_str(), &options, 2, 2, 0, &ex);
+    }));
+    all.push_back(cloneOperation());
     all.push_back(withFlags("TreeCopyFileOp", false, 1 | 8 | 32, false));
     all.push_back(withFlags("TreeMoveAcrossFileOp", true, 1 | 4 | 8 | 32, true));
     all.push_back(relocation(withFlags("RelocationFileOp", true, 8 | 32 | 0x800, true)));

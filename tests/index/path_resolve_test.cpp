@@ -226,7 +226,7 @@ TEST_F(PathResolve, WithoutAWorkingDirectoryThereIsNoAnswer) {
 TEST_F(PathResolve, OutOfMemoryThereIsNoAnswer) {
     std::string buffer(64, kUntouched);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const char *result = VEXOPathResolve("name", buffer.data(), 64);
     EXPECT_EQ(nullptr, result);

@@ -164,14 +164,25 @@ std::vector<std::string> Faults::recorded() {
     return state().calls;
 }
 
-bool Faults::failAllocation([[maybe_unused]] int nth, [[maybe_unused]] int times) {
-#ifdef KIT_SANITIZED
-    return false;
-#else
+// Whether the allocator here is the one below: a sanitizer or memcheck puts its own in its place.
+static bool allocatorIsOurs() {
+    static const bool ours = [] {
+        allocationFailures = allocationCountdown = 1;
+        void *volatile block = std::malloc(1);
+        allocationCountdown = 0;
+        std::free(block);
+        return block == nullptr;
+    }();
+    return ours;
+}
+
+bool Faults::failAllocation(int nth, int times) {
+    if (!allocatorIsOurs()) {
+        return false;
+    }
     allocationFailures = times;
     allocationCountdown = nth;
     return true;
-#endif
 }
 
 bool Faults::allocationPending() {

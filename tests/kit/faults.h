@@ -39,8 +39,8 @@ class Faults {
     // "function(path)" of each call since record() was switched on, in order.
     static void record(bool on);
     static std::vector<std::string> recorded();
-    // Failing allocations: the n-th from now (1: the next) answers null. 0 ends it. False where the program runs with a
-    // sanitizer that owns the allocator.
+    // Failing allocations: the n-th from now (1: the next) answers null. 0 ends it. False where a sanitizer or memcheck
+    // owns the allocator.
     static bool failAllocation(int nth, int times = 1);
     // Whether that allocation has not come yet.
     static bool allocationPending();

@@ -214,7 +214,7 @@ TEST_F(Notification, NullPathSendsNothing) {
 TEST_F(Notification, OutOfMemorySendsNothingOrTheWholeMessage) {
     WITH_RUN_DIRECTORY();
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     kit::Faults::reset();
     const Service service;

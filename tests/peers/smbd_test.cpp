@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -211,6 +212,36 @@ TEST_F(SmbClient, ForkThatItWroteIsCopiedAndReadBack) {
     // And back to the share under another name, for the client to read.
     EXPECT_EQ(0, copy(elsewhere + "/letter.txt", shared + "/again.txt"));
     EXPECT_TRUE(fork == got("again.txt:AFP_Resource"));
+}
+
+// The 60 bytes that Apple's clients write for a file without any of it yet.
+std::string appleInfo(const std::string &finderInfo) {
+    return std::string("AFP\0\0\0\1\0", 8) + std::string("\0\0\0\0\x80\0\0\0", 8) + finderInfo + std::string(12, '\0');
+}
+
+TEST_F(SmbClient, FinderInfoThatItWroteIsOnTheCopyToo) {
+    for (const char *where : {"fruit:metadata = stream", "fruit:metadata = netatalk"}) {
+        SERVE(where);
+        kit::PlatformDouble::setType(scratch.path(), 2);
+        server->put("data", "letter.txt", "Dear reader");
+        server->put("data", "letter.txt:AFP_AfpInfo", appleInfo(kFinderInfo));
+        ASSERT_EQ(kFinderInfo, got("letter.txt:AFP_AfpInfo").substr(16, 32)) << where;
+
+        // Beside the file, and away from the share and back under another name.
+        EXPECT_EQ(0, copy(shared + "/letter.txt", shared + "/copy.txt"));
+        EXPECT_EQ(0, copy(shared + "/letter.txt", elsewhere + "/letter.txt"));
+        EXPECT_EQ(0, copy(elsewhere + "/letter.txt", shared + "/again.txt"));
+        for (const std::string name : {"copy.txt", "again.txt"}) {
+            const std::string info = got(name + ":AFP_AfpInfo");
+            ASSERT_EQ(60U, info.size()) << where << " " << name << ": " << info;
+            EXPECT_EQ(kFinderInfo, info.substr(16, 32)) << where << " " << name;
+            EXPECT_EQ("Dear reader", got(name)) << where;
+        }
+        server.reset();
+        for (const std::string &directory : {shared, elsewhere, scratch / "samba"}) {
+            std::filesystem::remove_all(directory);
+        }
+    }
 }
 
 TEST_F(SmbClient, StreamsThatItWroteAreOnTheCopyToo) {

@@ -152,7 +152,7 @@ TEST(HeapBuffer, SizeZeroIsNoFailure) {
 
 TEST(HeapBuffer, WithoutMemoryIsEmpty) {
     if (!kit::Faults::failAllocation(1, 2)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const HeapBuffer zeroed = HeapBuffer::zeroed(4096);
     const HeapBuffer plain = HeapBuffer::uninitialised(4096);
@@ -182,7 +182,7 @@ TEST(HeapBuffer, FailedResizeLeavesItAsItWas) {
     HeapBuffer buffer = HeapBuffer::zeroed(3);
     std::memcpy(buffer.data(), "abc", 3);
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     EXPECT_FALSE(buffer.resize(100000));
     EXPECT_EQ(3u, buffer.size());
@@ -221,7 +221,7 @@ TEST(HeapString, OwnsACopy) {
 
 TEST(HeapString, WithoutMemoryIsEmpty) {
     if (!kit::Faults::failAllocation(1)) {
-        GTEST_SKIP() << "the sanitizer owns the allocator";
+        GTEST_SKIP() << "a sanitizer or memcheck owns the allocator";
     }
     const HeapString text("text");
     EXPECT_FALSE(text);

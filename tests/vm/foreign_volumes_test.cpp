@@ -203,8 +203,10 @@ TEST_P(FatFamily, CopyHasNoOwnerAndTheTimesThatFatCanTell) {
     EXPECT_EQ(0U, kit::statOf(volume / "copy").st_uid);
     const int64_t seconds = kit::statOf(volume / "copy").st_mtim.tv_sec;
     EXPECT_TRUE(seconds == kEvenSecond || seconds == kEvenSecond + 1) << seconds;
+    // Nothing is wrong, but for an archive bit that there is no place for.
+    const std::string archiveLine = "Failed to set " + (volume / "copy") + " smb archive. Operation not supported";
     for (const kit::LogLine &line : kit::Log::lines()) {
-        EXPECT_NE(LOG_ERR, line.priority) << line.body;
+        EXPECT_TRUE(line.priority != LOG_ERR || (line.body == archiveLine && !keepsAttributes(volume))) << line.body;
     }
 }
 
