@@ -67,4 +67,15 @@ TEST_F(HfsTool, MovedTreeKeepsADirectoryThatHasThem) {
     EXPECT_NE(std::string::npos, result.err.find("the source directory stays")) << result.err;
 }
 
+TEST_F(HfsTool, RelocationKeepsASourceThatHasThem) {
+    ASSERT_EQ(0, ::mkdir(mac("share").c_str(), 0755));
+    kit::writeFile(mac("share/file"), "text");
+    kit::setAttribute(mac("share/file"), "osx.com.example.tag", "red");
+    const ToolResult result = runTool({"relocate", "-y", mac("share"), to("share")});
+    EXPECT_EQ(1, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("has attributes set by a Mac")) << result.err;
+    EXPECT_EQ("text", kit::readFile(to("share/file")));
+    EXPECT_EQ("red", kit::attribute(mac("share/file"), "osx.com.example.tag"));
+}
+
 } // namespace

@@ -94,6 +94,20 @@ TEST_F(Terminal, ProgressLineFollowsTheWidthOfTheWindow) {
     EXPECT_EQ(0, tool.finish().status);
 }
 
+TEST_F(Terminal, CtrlCAtARemovalLeavesTheRest) {
+    ASSERT_EQ(0, ::mkdir((scratch / "tree").c_str(), 0755));
+    kit::writeFile(scratch / "tree/file", "x");
+    ToolOnTerminal tool({"remove", "-ri", scratch / "tree"});
+    ASSERT_TRUE(tool.shows("go into the directory"));
+    tool.type("y\n");
+    ASSERT_TRUE(tool.shows("tree/file? [y/N] "));
+    tool.type("\x03");
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(130, result.status);
+    EXPECT_NE(std::string::npos, result.out.find("vexofileop: stopped; 0 removed")) << result.out;
+    EXPECT_EQ("x", kit::readFile(scratch / "tree/file"));
+}
+
 // At every width one row that says as much as fits; and when it is over, a screen as if it had never been there.
 TEST_F(Terminal, ScreensOfSeveralWidths) {
     struct Width {

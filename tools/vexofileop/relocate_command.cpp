@@ -7,6 +7,7 @@
 #include "tools/vexofileop/directory.h"
 #include "tools/vexofileop/error_table.h"
 #include "tools/vexofileop/json.h"
+#include "tools/vexofileop/mac_attributes.h"
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
 #include "tools/vexofileop/signals.h"
@@ -110,7 +111,7 @@ class Comparison {
         if (!names) {
             return missing(source, "cannot be read");
         }
-        int count = 0;
+        int count = mac_attributes(source);
         for (const std::string &name : *names) {
             switch (name_kind(source, name, type)) {
             case NameKind::ordinary:
@@ -143,7 +144,12 @@ class Comparison {
         if ((from.st_mode & S_IFMT) != (to.st_mode & S_IFMT) || (S_ISREG(from.st_mode) && from.st_size != to.st_size)) {
             return missing(source, "differs from its copy");
         }
-        return S_ISDIR(from.st_mode) ? differences(source, destination, type) : 0;
+        return S_ISDIR(from.st_mode) ? differences(source, destination, type) : mac_attributes(source);
+    }
+    int mac_attributes(const std::string &path) {
+        return keeps_mac_attributes(parent_of(path)) && has_mac_attributes(path)
+                   ? missing(path, "has attributes set by a Mac, which were not carried")
+                   : 0;
     }
     int missing(const std::string &path, const std::string &what) {
         m_console.message(fmt::format("{}: {}", displayed(path), what));
