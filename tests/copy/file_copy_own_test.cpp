@@ -86,6 +86,17 @@ TEST_F(FileCopyOwn, SetIdBitsStayWithTheirOwnerAndNoOther) {
     EXPECT_EQ(100u, kit::statOf(scratch / "given away").st_gid);
 }
 
+TEST_F(FileCopyOwn, SetIdBitsThatCannotComeBackAreOnlyALine) {
+    ASSERT_EQ(0, ::chmod(source.c_str(), 06755));
+    options.ownerMode = 1;
+    kit::Faults::fail("fchmod", EPERM, "target");
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(content, kit::readFile(target));
+    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "failed to fchmod destination to mode=6755, errno=1/" +
+                                              std::string(std::strerror(EPERM))))
+        << kit::Log::all();
+}
+
 TEST_F(FileCopyOwn, ReplacedFileKeepsItsOwnMode) {
     kit::writeFile(target, "old", 0600);
     ASSERT_EQ(0, ::chmod(source.c_str(), 04755));
@@ -104,6 +115,13 @@ TEST_F(FileCopyOwn, DataLostAtCloseFailTheCopy) {
     EXPECT_EQ(
         1, kit::Log::count(LOG_ERR, "failed to close destination [" + target + "], errno=122/" + std::strerror(EDQUOT)))
         << kit::Log::all();
+}
+
+TEST_F(FileCopyOwn, CloseThatLosesNothingIsNoFailure) {
+    kit::Faults::fail("close", EINTR, "target");
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(content, kit::readFile(target));
+    EXPECT_EQ(std::string::npos, kit::Log::all().find("failed to close")) << kit::Log::all();
 }
 
 TEST_F(FileCopyOwn, DataLostAtCloseKeepTheSourceOfAMove) {

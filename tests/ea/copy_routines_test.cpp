@@ -313,6 +313,17 @@ TEST_F(CopyRoutines, DirectoriesCarryTheirStores) {
     }
 }
 
+TEST_F(CopyRoutines, DirectoryOfANativeVolumeHasNoFork) {
+    prepare(kEaDirectory, kEaDirectory, {});
+    makeVolume(from.directory, kNative);
+    ::unlink(from.path().c_str());
+    ASSERT_EQ(0, ::mkdir(from.path().c_str(), 0755));
+    kit::setAttribute(from.path(), "com.apple.FinderInfo", some().finderInfo);
+    kit::setAttribute(from.path(), "user.a", "one");
+    EXPECT_EQ(0, copy()) << kit::Log::all();
+    EXPECT_EQ((Items{some().finderInfo, "", {{"user.a", "one"}}, {}, false}), read(to, kEaDirectory));
+}
+
 TEST_F(CopyRoutines, ExistingStoreOfTheDestinationGivesWay) {
     for (const int fromKind : {kAppleDouble, kNative, kEaDirectory, kFileEa}) {
         for (const int toKind : {kAppleDouble, kNative, kEaDirectory, kFileEa}) {
@@ -605,7 +616,9 @@ TEST_F(CopyRoutines, UserAttributesTravelAndTheirFailureIsOnlyALine) {
                                            {kFileEa, kFileEa}}) {
         prepare(fromKind, toKind, some(), newRoot());
         kit::setAttribute(from.path(), "user.own", "value");
+        kit::setAttribute(from.path(), "trusted.own", "stays");
         EXPECT_EQ(0, copy());
+        EXPECT_EQ("", kit::attribute(to.path(), "trusted.own"));
         EXPECT_EQ("value", kit::attribute(to.path(), "user.own")) << name(fromKind) << name(toKind);
         kit::Faults::fail("listxattr", EIO, from.path());
         EXPECT_EQ(0, copy());

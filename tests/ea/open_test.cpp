@@ -72,6 +72,12 @@ TEST_F(Open, OverlongPathIsRefused) {
     EXPECT_FAILS(VEXOEAOpen(1, longPath.c_str(), kStream, kWrite, 0), 0xC300);
 }
 
+TEST_F(Open, OverlongAppleDoubleNameIsRefused) {
+    const std::string longName = scratch / std::string(254, 'n');
+    EXPECT_FAILS(VEXOEAOpen(1, longName.c_str(), kStream, kWrite, 1), 0xC300);
+    EXPECT_EQ(std::vector<std::string>{"file"}, kit::namesIn(scratch.path()));
+}
+
 TEST_F(Open, ReadingWhatIsMissingCreatesNothing) {
     EXPECT_FALSE(opens(1, kRead, 0));
     EXPECT_EQ(ENOENT, errno);

@@ -154,6 +154,13 @@ TEST_F(Upgrade, AppleDoubleFileThatCannotMoveStays) {
     EXPECT_FALSE(kit::exists(file.stream()));
 }
 
+TEST_F(Upgrade, AppleDoubleFileWithoutADirectoryToGoToStays) {
+    kit::writeFile(file.dotFile(), stream::bytes({{"from", "double"}}));
+    kit::Faults::fail("mkdir", ENOSPC);
+    EXPECT_FAILS(upgrade(), 0x3C00);
+    EXPECT_TRUE(kit::exists(file.dotFile()));
+}
+
 TEST_F(Upgrade, AppleDoubleNameTooLongIsASuccess) {
     file.base = std::string(254, 'n');
     makeDirectories(file);
