@@ -335,7 +335,7 @@ TEST_F(MetadataAttribute, SyncIntoADamagedEntryIsRefused) {
 
 TEST_F(MetadataAttribute, SyncFailures) {
     EXPECT_FAILS(VEXOEAFileEAFSFinfoEASync(nullptr, 0), 0x0D00);
-    EXPECT_FAILS(VEXOEAFileEAFSFinfoEASync(nullptr, 1), 0x0D00);
+    EXPECT_EQ(0, VEXOEAFileEAFSFinfoEASync(nullptr, 1)) << "no path lies on such a volume";
     makeResource(info('N'));
     kit::Faults::fail("open", EACCES, resource);
     EXPECT_EQ(-1, VEXOEAFileEAFSFinfoEASync(path.c_str(), 0));

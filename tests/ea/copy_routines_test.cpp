@@ -488,6 +488,7 @@ TEST_F(CopyRoutines, OwnDirectoryOfTheDestinationThatCannotGoFails) {
         kit::Faults::fail("remove", EBUSY, to.own() + "/old");
         EXPECT_EQ(-1, copy(move));
         EXPECT_EQ((std::vector<std::string>{"Fail to remove (" + to.own() + "/old) (16)(Device or resource busy)",
+                                            "Failed to rm -rf " + to.own() + ". Device or resource busy",
                                             "Failed to rm -rf " + to.own() + ".\n"}),
                   reports());
         EXPECT_EQ(!move, kit::exists(from.eaDirectory())) << "a move drops what it has no place for";
