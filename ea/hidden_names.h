@@ -2,9 +2,8 @@
 // One table; a group holds its own rows and those of every group before it.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <string_view>
 #include <strings.h>
 
 namespace vexo {
@@ -33,8 +32,8 @@ inline bool matches(const NameRule &rule, const char *name) {
     if (rule.match == NameMatch::ignoring_case) {
         return ::strcasecmp(rule.name, name) == 0;
     }
-    const size_t compared = rule.match == NameMatch::prefix ? std::strlen(rule.name) : std::strlen(rule.name) + 1;
-    return std::strncmp(rule.name, name, compared) == 0;
+    const std::string_view given = name;
+    return rule.match == NameMatch::prefix ? given.starts_with(rule.name) : given == rule.name;
 }
 
 inline bool is_in_group(const char *name, NameGroup group) {
