@@ -42,12 +42,12 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
     return VEXOEARename(src, dst, srcType, 0);
 }
 
-int copy_metadata(void *data, const char *src, const char *dst, int srcType, int dstType) {
+int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType) {
     const Records &given = *static_cast<const Records *>(data);
     const int move = given.opt == nullptr ? 0 : static_cast<int>(given.opt->move);
     const int eaFlags = given.opt == nullptr ? 0 : static_cast<int>(given.opt->eaFlags);
     return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr,
-                   lacks_store(given.directory, given.dst, dst));
+                   lacks_store(given.directory, given.dst, dst.path()));
 }
 
 template <typename Options>

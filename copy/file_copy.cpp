@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace vexo {
@@ -105,9 +106,19 @@ FileCopy::Next FileCopy::transfer_data() {
     return moved < 0 ? Next::failure : Next::success;
 }
 
+// A destination that this copy made in a tree is nobody else's: the steps after the data may work on the open file.
+// Volumes that write late have their say all the same, at the first close; here that follows.
+void FileCopy::keep_destination() {
+    if (m_madeInTree && m_dstFd) {
+        const KeepErrno keep;
+        m_keptDstFd.reset(::fcntl(m_dstFd.get(), F_DUPFD_CLOEXEC, 0));
+    }
+}
+
 // Closed before the times are set and before a moved source goes: network and cloud volumes write late, and this is
 // where they say that they could not.
 FileCopy::Next FileCopy::close_destination() {
+    keep_destination();
     if (!m_dstFd || ::close(m_dstFd.release()) == 0) {
         return Next::step;
     }
@@ -130,7 +141,7 @@ FileCopy::Next FileCopy::abandon_destination() {
 
 void FileCopy::copy_metadata() {
     if (m_request.copyMetadata) {
-        (void)m_request.copyMetadata(m_request.src, m_dst, source_type(), destination_type());
+        (void)m_request.copyMetadata(source(), destination(), source_type(), destination_type());
     }
 }
 

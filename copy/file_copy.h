@@ -3,7 +3,9 @@
 #pragma once
 
 #include "support/callback.h"
+#include "support/file_ref.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -30,6 +32,9 @@ struct WalkedDirectory {
     dev_t device;
     int32_t type; // of the volume
     bool noStore; // neither it nor the destination's directory had an "@eaDir" when the walk came to its first file
+    // The two directories, open for what is found in them, or -1; and the length of their paths.
+    int srcFd = -1, dstFd = -1;
+    size_t srcLength = 0, dstLength = 0;
 };
 
 // What happens to an existing destination; any other value leaves it, except that a move by rename replaces it.
@@ -71,7 +76,7 @@ struct FileCopyRequest {
 
     // Carry the extended-attribute store along, after a rename and after a copy. Empty: it stays where it is.
     Callback<int(const char *src, const char *dst, int srcType)> renameMetadata = {};
-    Callback<int(const char *src, const char *dst, int srcType, int dstType)> copyMetadata = {};
+    Callback<int(const FileRef &src, const FileRef &dst, int srcType, int dstType)> copyMetadata = {};
 };
 
 // Whether no store needs to be looked for. A destination that got another name may lie in another directory.

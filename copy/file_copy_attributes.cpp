@@ -2,8 +2,8 @@
 // does not fail the copy; each failure has its log line.
 #include "copy/file_copy_steps.h"
 
-#include "platform/acl.h"
 #include "support/dos_attributes.h"
+#include "support/file_calls.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
 
@@ -99,13 +99,13 @@ void FileCopy::set_times() {
 void FileCopy::set_times_as_current_user() {
     const timespec times[] = {m_srcStat.st.st_atim, m_srcStat.st.st_mtim, m_srcStat.createTime};
     // A volume without creation times says EOPNOTSUPP, with the two others set.
-    if (VLIBCFileUTime(m_dst, 3, times) != 0 && errno != EOPNOTSUPP) {
+    if (vexo::set_times(destination(), times) != 0 && errno != EOPNOTSUPP) {
         VEXO_LOG_ERROR(VEXO_AT(m_request.source), "VLIBCFileUTime(%s) (errno:%d %m)", m_dst, errno);
     }
 }
 
 void FileCopy::copy_acl() {
-    if (VEXOACLCopy(m_request.src, m_dst) != 0 || VEXOACLArchiveCopy(m_request.src, m_dst) != 0) {
+    if (vexo::copy_acl(source(), destination()) != 0 || copy_archive_acl(source(), destination()) != 0) {
         VEXO_LOG_ERROR(VEXO_AT(m_request.source), "Failed to copy ACL from [%s] to [%s]", m_request.src, m_dst);
     }
 }

@@ -47,6 +47,7 @@ class FileCopy {
     Next fill_destination();
     Next share_extents();
     Next transfer_data();
+    void keep_destination();
     Next close_destination();
     Next abandon_destination();
 
@@ -63,6 +64,10 @@ class FileCopy {
     void remove_destination();
     void remove_source();
     void report_failure();
+
+    // What the steps after the data work on.
+    FileRef source() const { return {m_request.src, m_keptDstFd ? m_srcFd.get() : -1}; }
+    FileRef destination() const { return {m_dst, m_keptDstFd.get()}; }
 
     int32_t source_type() const { return *m_request.srcType; }
     int32_t destination_type() const { return *m_request.dstType; }
@@ -81,7 +86,9 @@ class FileCopy {
     VLIBCStat m_srcStat = {}; // filled when the source is opened
     Fd m_srcFd;
     Fd m_dstFd;
+    Fd m_keptDstFd;               // of a destination that is closed
     bool m_typeAssumed = false;   // the source's, from the directory that holds it
+    bool m_madeInTree = false;    // create_destination() made the destination
     bool m_dstExisted = false;    // before it was opened
     bool m_dstWasSpecial = false; // it existed, and was no regular file
     bool m_renamedOnce = false;   // the rename callback gave a name

@@ -36,10 +36,11 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
     return VEXOEARename(src, dst, srcType, 0);
 }
 
-int copy_metadata(void *data, const char *src, const char *dst, int srcType, int dstType) {
+int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType) {
     const Caller &caller = *static_cast<const Caller *>(data);
     return copy_ea(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0, (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0,
-                   srcType, dstType, nullptr, nullptr, caller.args, lacks_store(caller.directory, caller.dst, dst));
+                   srcType, dstType, nullptr, nullptr, caller.args,
+                   lacks_store(caller.directory, caller.dst, dst.path()));
 }
 
 Overwrite overwrite_of(uint32_t flags) {

@@ -10,6 +10,7 @@
 #include "support/dir.h"
 #include "support/dos_attributes.h"
 #include "support/errno_table.h"
+#include "support/fd.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
@@ -117,6 +119,8 @@ class TreeWalk {
     void note_destination_root();
     bool is_destination_root() const;
     void look_up_directory(Level &level);
+    void open_directories(Level &level);
+    void close_destination(Level &level);
     Step walk(Level &level);
     Step walk_unreadable(Level &level);
     Step copy_entry(Level &level, const dirent &entry);
@@ -141,6 +145,7 @@ class TreeWalk {
     const TreeRequest &m_request;
     bool *m_cancelled;
     bool m_aborted = false;            // an unsupported link ends the whole tree, through every level
+    Fd m_dstDirectory;                 // of the level whose files are copied: one for all levels, to be sparing of them
     std::optional<struct stat> m_root; // the top directory of the destination
     PathBuffer m_src;
     PathBuffer m_dst;
@@ -391,7 +396,9 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
         case EntryType::directory:
             // The copy itself, which would be copied into itself without end, is passed over as special files are.
             passedOver = is_destination_root();
+            close_destination(level);
             result = passedOver ? -1 : copy_level();
+            m_dstDirectory.reset(); // that of the level below
             break;
         case EntryType::unreadable:
             if (m_request.stopOnError) {
@@ -428,6 +435,26 @@ void TreeWalk::look_up_directory(Level &level) {
     }
 }
 
+// The files of a level are opened relative to its two directories, where those can be had.
+void TreeWalk::open_directories(Level &level) {
+    if (!level.known || m_dstDirectory || m_request.move) {
+        return;
+    }
+    const KeepErrno keep;
+    m_dstDirectory.reset(::open(dst(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    level.known->srcFd = ::dirfd(level.directory.get());
+    level.known->dstFd = m_dstDirectory.get();
+    level.known->srcLength = m_src.length();
+    level.known->dstLength = m_dst.length();
+}
+
+void TreeWalk::close_destination(Level &level) {
+    m_dstDirectory.reset();
+    if (level.known) {
+        level.known->dstFd = -1;
+    }
+}
+
 // A directory that cannot be read to its end has failed: nobody knows what else it holds.
 TreeWalk::Step TreeWalk::walk_unreadable(Level &level) {
     const int number = errno;
@@ -454,6 +481,7 @@ TreeWalk::Step TreeWalk::walk(Level &level) {
         }
         if (entry->d_type == DT_REG) {
             look_up_directory(level);
+            open_directories(level);
         }
         if (copy_entry(level, *entry) == Step::leave) {
             return Step::leave;

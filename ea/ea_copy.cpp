@@ -3,7 +3,10 @@
 
 #include "ea/ea_copy_job.h"
 #include "ea/ea_copy_known.h"
+#include "ea/metadata_attribute.h"
 #include "platform/sdk.h"
+#include "support/dos_attributes.h"
+#include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 
@@ -76,17 +79,28 @@ Converted convert(const EaCopyJob &job) {
 }
 
 int carry_lock(const EaCopyJob &job) {
-    return copy_lock(job.src, job.dst, job.srcCode, job.dstCode, job.nothingStored, job.noStore) < 0 ? -1 : 0;
+    return copy_lock(job) < 0 ? -1 : 0;
 }
 
 int finish(const EaCopyJob &job) {
     if (carry_rest(job) < 0) {
         return -1;
     }
-    if (EASetSmbArchive(job.dst) < 0) {
+    if (command_attribute(job.destination(), AttributeCommand::set_archive) < 0) {
         VEXO_LOG_ERROR(VEXO_HERE, "Failed to set %s smb archive. %m", job.dst);
     }
     return 0;
+}
+
+// On a volume with a metadata attribute an "@eaDir" may be made of that, so that both have to be absent; it is asked
+// for only where the caller knows the rest.
+bool has_nothing_stored(const EaCopyJob &job) {
+    if (job.srcKind() == StoreKind::ea_directory) {
+        return has_no_ea_directory(job.src, job.noStore);
+    }
+    const KeepErrno keep;
+    return job.srcKind() == StoreKind::file_ea && job.noStore && has_no_ea_directory(job.src, job.noStore) &&
+           job.source().get_attribute(kMetadataAttribute, nullptr, 0) < 0 && errno == ENODATA;
 }
 
 int run(EaCopyJob &job) {
@@ -97,7 +111,7 @@ int run(EaCopyJob &job) {
     if (look_up_destination_kind(job, kEntryName, VEXO_SOURCE) < 0) {
         return -1;
     }
-    job.nothingStored = job.srcKind() == StoreKind::ea_directory && has_no_ea_directory(job.src, job.noStore);
+    job.nothingStored = has_nothing_stored(job);
     if (internal) {
         return finish(job);
     }
@@ -120,8 +134,10 @@ int run(EaCopyJob &job) {
 
 } // namespace
 
-int vexo::copy_ea(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
+int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, int fullDir, int srcKind, int dstKind,
                   VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore) {
+    const char *const src = source.path();
+    const char *const dst = destination.path();
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
@@ -136,6 +152,8 @@ int vexo::copy_ea(const char *src, const char *dst, int move, int fullDir, int s
         copyFile = {fileOp->copyEA, fileOp->copyEAArg};
     }
     EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, noStore};
+    job.srcFd = source.fd();
+    job.dstFd = destination.fd();
     return run(job);
 }
 

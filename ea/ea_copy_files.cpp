@@ -124,7 +124,7 @@ int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *strea
 // Best effort: what the volume refuses stays behind with a line in the log.
 void copy_user_attributes(const EaCopyJob &job) {
     const KeepErrors keep;
-    if (copy_attributes(job.src, job.dst, "user.") < 0) {
+    if (copy_attributes(job.source(), job.destination(), "user.") < 0) {
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to copy user extended attributes [%s]->[%s]. %m", job.src,
                             job.dst);
     }
@@ -213,13 +213,13 @@ int write_back_finder_info(const char *path) {
 
 // What every routine from a file-EA source begins with. 1: there are streams to carry; 0: none; negative: failed.
 int begin_file_ea(const EaCopyJob &job, bool userAttributes) {
-    if (sync_source(job) < 0) {
+    if (!job.nothingStored && sync_source(job) < 0) {
         return -1;
     }
     if (userAttributes) {
         copy_user_attributes(job);
     }
-    const int presence = stream_presence(job.src);
+    const int presence = job.nothingStored ? 0 : stream_presence(job.src);
     return presence > 0 ? 1 : presence;
 }
 

@@ -6,6 +6,7 @@
 
 #include "ea/store.h"
 #include "support/callback.h"
+#include "support/file_ref.h"
 #include "support/path_buffer.h"
 
 #include <cstddef>
@@ -43,8 +44,13 @@ struct EaCopyJob {
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
     bool noStore = false;         // the caller has found neither directory to have an "@eaDir"
-    bool nothingStored = false;   // an EA-directory source without an "@eaDir": what lies in one is not looked for
+    bool nothingStored = false;   // the source has no "@eaDir" and no metadata attribute: neither is looked for
 
+    int srcFd = -1; // where the files are open
+    int dstFd = -1;
+
+    FileRef source() const { return {src, srcFd}; }
+    FileRef destination() const { return {dst, dstFd}; }
     StoreKind srcKind() const { return store_kind(srcCode); }
     // Type 12 takes what another kind keeps in "@eaDir", and only that.
     StoreKind dstKind() const {
@@ -118,7 +124,7 @@ int copy_file_ea_to_ea_directory(const EaCopyJob &job);
 int copy_file_ea_to_file_ea(const EaCopyJob &job);
 
 // Copies the attributes whose names begin with `prefix` (empty: all). What fails is passed over; -1 at the end then.
-int copy_attributes(const char *src, const char *dst, const char *prefix);
+int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix);
 
 // Brings the source's metadata attribute back into its resource file, before that is read.
 int sync_source(const EaCopyJob &job);
@@ -131,8 +137,7 @@ int remove_source_resource(const EaCopyJob &job);
 // The rest of the source's directory in "@eaDir", and what a move leaves behind.
 int carry_rest(const EaCopyJob &job);
 
-// Carries the locked state; kinds of -1 are looked up. 0 or -1, reported. The last two as in EaCopyJob.
-int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored = false,
-              bool noStore = false);
+// Carries the locked state; kinds of -1 are looked up. 0 or -1, reported.
+int copy_lock(EaCopyJob job);
 
 } // namespace vexo

@@ -2,14 +2,15 @@
 #pragma once
 
 #include "copy/copy.h"
+#include "support/file_ref.h"
 
 #include <string_view>
 
 namespace vexo {
 
 // VEXOEACopyInternal; `noStore`: neither of the two directories had an "@eaDir" when the caller looked.
-int copy_ea(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, VEXOCopyArgsEx *options,
-            VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore);
+int copy_ea(const FileRef &src, const FileRef &dst, int move, int fullDir, int srcKind, int dstKind,
+            VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore);
 
 // Whether there is certainly no "@eaDir" in a directory. Leaves errno alone.
 bool lacks_ea_directory(std::string_view directory);

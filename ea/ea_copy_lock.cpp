@@ -3,8 +3,10 @@
 #include "ea/ea_copy_job.h"
 
 #include "ea/ea.h"
+#include "ea/metadata_attribute.h"
 #include "support/big_endian.h"
 #include "support/dos_attributes.h"
+#include "support/file_calls.h"
 #include "support/report.h"
 
 #include <cerrno>
@@ -27,7 +29,7 @@ constexpr int kMetadataAttributeSize = 402;
 constexpr int kUnknownSource = -2;
 constexpr int kSourceGone = 2;
 
-using ReadMetadata = int (*)(const char *, VEXOEAAdouble *);
+using ReadMetadata = int (*)(const FileRef &, VEXOEAAdouble *);
 
 // The AFP attribute word in a header; null when it has none.
 uint8_t *afp_word(VEXOEAAdouble &metadata) {
@@ -36,31 +38,35 @@ uint8_t *afp_word(VEXOEAAdouble &metadata) {
     return offset == 0 || offset > end ? nullptr : metadata.raw + offset + kAfpWordOffset;
 }
 
-int locked_by_mode(const char *path) {
+int read_resource_file(const FileRef &file, VEXOEAAdouble *metadata) {
+    return VEXOEAEADirAdoubleRead(file.path(), metadata);
+}
+
+int locked_by_mode(const FileRef &file) {
     struct stat status;
-    if (::stat(path, &status) != 0) {
+    if (file.status(status) != 0) {
         return errno == ENOENT ? kSourceGone : -1;
     }
     return (status.st_mode & kWriteBits) == 0 ? 1 : 0;
 }
 
 // The platform's flag; one that cannot be read is not set.
-int flag_of(const char *path) {
+int flag_of(const FileRef &file) {
     VLIBCStat status;
-    if (VLIBCFileStat(path, VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) != 0) {
+    if (extended_status(file, VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) != 0) {
         return errno == ENOENT ? kSourceGone : 0;
     }
     return (status.attributes & VLIBC_ATTR_LOCKED) != 0 ? 1 : 0;
 }
 
 // A null `read` stands for metadata that are known not to be there.
-int locked_by_flag(const char *path, ReadMetadata read) {
-    const int flag = flag_of(path);
+int locked_by_flag(const FileRef &file, ReadMetadata read) {
+    const int flag = flag_of(file);
     if (flag != 0 || read == nullptr) {
         return flag;
     }
     VEXOEAAdouble metadata;
-    const int found = read(path, &metadata);
+    const int found = read(file, &metadata);
     if (found != 0) {
         return found < 0 ? -1 : 0;
     }
@@ -70,16 +76,16 @@ int locked_by_flag(const char *path, ReadMetadata read) {
 
 // Of a kind that keeps the state, as is write_lock()'s.
 int read_lock(const EaCopyJob &job) {
-    if (job.srcKind() == StoreKind::ea_directory) {
-        return locked_by_flag(job.src, job.nothingStored ? nullptr : VEXOEAEADirAdoubleRead);
+    if (job.srcKind() != StoreKind::ea_directory && job.srcKind() != StoreKind::file_ea) {
+        return locked_by_mode(job.source());
     }
-    return job.srcKind() == StoreKind::file_ea ? locked_by_flag(job.src, VEXOEAFileEAAdoubleRead)
-                                               : locked_by_mode(job.src);
+    const ReadMetadata read = job.srcKind() == StoreKind::file_ea ? read_metadata_attribute : read_resource_file;
+    return locked_by_flag(job.source(), job.nothingStored ? nullptr : read);
 }
 
-int set_mode(const char *path, bool locked) {
+int set_mode(const FileRef &file, bool locked) {
     struct stat status;
-    if (::stat(path, &status) != 0) {
+    if (file.status(status) != 0) {
         return -1;
     }
     const uid_t user = ::geteuid();
@@ -88,11 +94,11 @@ int set_mode(const char *path, bool locked) {
     }
     const mode_t before = status.st_mode & 07777;
     const mode_t mode = locked ? before & ~kWriteBits : before | kWriteBits;
-    return ::chmod(path, mode) == 0 ? 0 : fail(Error::file_operation, VEXO_HERE);
+    return ::chmod(file.path(), mode) == 0 ? 0 : fail(Error::file_operation, VEXO_HERE);
 }
 
-int set_flag(const char *path, bool locked) {
-    return command_attribute(path, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0 ? -1 : 0;
+int set_flag(const FileRef &file, bool locked) {
+    return command_attribute(file, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0 ? -1 : 0;
 }
 
 // Sets or clears the bit in a header that was read. false: there is nothing to write back.
@@ -105,10 +111,11 @@ bool set_afp_bit(VEXOEAAdouble &metadata, bool locked) {
     return true;
 }
 
-int set_in_ea_directory(const char *path, bool noStore, bool locked) {
-    if (set_flag(path, locked) < 0) {
+int set_in_ea_directory(const FileRef &file, bool noStore, bool locked) {
+    if (set_flag(file, locked) < 0) {
         return -1;
     }
+    const char *const path = file.path();
     if (has_no_ea_directory(path, noStore)) {
         return 0;
     }
@@ -120,23 +127,25 @@ int set_in_ea_directory(const char *path, bool noStore, bool locked) {
     return set_afp_bit(metadata, locked) ? VEXOEAEADirAdoubleFlush(metadata.raw, kResourceHeaderSize, path) : 0;
 }
 
-int set_in_file_ea(const char *path, bool locked) {
-    if (set_flag(path, locked) < 0) {
+int set_in_file_ea(const FileRef &file, bool locked) {
+    if (set_flag(file, locked) < 0) {
         return -1;
     }
     VEXOEAAdouble metadata;
-    const int found = VEXOEAFileEAAdoubleRead(path, &metadata);
+    const int found = read_metadata_attribute(file, &metadata);
     if (found != 0) {
         return found < 0 ? -1 : 0;
     }
-    return set_afp_bit(metadata, locked) ? VEXOEAFileEAAdoubleFlush(metadata.raw, kMetadataAttributeSize, path) : 0;
+    return set_afp_bit(metadata, locked) ? VEXOEAFileEAAdoubleFlush(metadata.raw, kMetadataAttributeSize, file.path())
+                                         : 0;
 }
 
 int write_lock(const EaCopyJob &job, bool locked) {
     if (job.dstKind() == StoreKind::ea_directory) {
-        return set_in_ea_directory(job.dst, job.nothingStored && job.noStore, locked);
+        return set_in_ea_directory(job.destination(), job.nothingStored && job.noStore, locked);
     }
-    return job.dstKind() == StoreKind::file_ea ? set_in_file_ea(job.dst, locked) : set_mode(job.dst, locked);
+    return job.dstKind() == StoreKind::file_ea ? set_in_file_ea(job.destination(), locked)
+                                               : set_mode(job.destination(), locked);
 }
 
 // Whether the state of the source will be read for certain, which tells whether there is a source at all.
@@ -147,7 +156,7 @@ bool will_be_read(const EaCopyJob &job) {
 
 int carry(EaCopyJob &job) {
     struct stat status;
-    if (!will_be_read(job) && ::stat(job.src, &status) != 0 && errno == ENOENT) {
+    if (!will_be_read(job) && job.source().status(status) != 0 && errno == ENOENT) {
         return 0;
     }
     if (look_up_source_kind(job, kEntryName, VEXO_SOURCE) < 0 ||
@@ -169,14 +178,13 @@ int carry(EaCopyJob &job) {
 
 } // namespace
 
-int copy_lock(const char *src, const char *dst, int srcCode, int dstCode, bool nothingStored, bool noStore) {
-    if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
+int copy_lock(EaCopyJob job) {
+    if (job.src == nullptr || job.dst == nullptr || *job.src == '\0' || *job.dst == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
-    EaCopyJob job{src, dst, false, false, srcCode, dstCode, {}, false, noStore, nothingStored};
     const int result = carry(job);
     if (result < 0) {
-        VEXO_LOG_LAST_ERROR(VEXO_HERE, "EACopy lock fail: from [%s] to [%s] %m", src, dst);
+        VEXO_LOG_LAST_ERROR(VEXO_HERE, "EACopy lock fail: from [%s] to [%s] %m", job.src, job.dst);
     }
     return result;
 }

@@ -3,7 +3,9 @@
 #include "ea/ea_copy_job.h"
 
 #include "ea/ea.h"
+#include "ea/resource_fork.h"
 #include "ea/stream_handle.h"
+#include "ea/xattr_list.h"
 #include "support/big_endian.h"
 #include "support/fd.h"
 #include "support/guards.h"
@@ -53,18 +55,23 @@ class NameList {
     VLIBCSzList *m_list;
 };
 
+// A fork is a file of its own on some volumes, and always goes by path.
+int get_attribute(const FileRef &file, const char *name, void *value, size_t size) {
+    return file.is_open() && !is_resource_fork(name) ? static_cast<int>(file.get_attribute(name, value, size))
+                                                     : VEXOEAXattrGet(file.path(), name, value, static_cast<int>(size));
+}
+
 // The value of an attribute, read whole. `value` grows as needed and is used again. The size, or -1 with errno.
 //
 // Most values are short and arrive with the first call; a longer one, and a fork, whose size is that of a file, are
 // asked for their size first.
-int read_attribute(const char *path, const char *name, HeapBuffer &value) {
+int read_attribute(const FileRef &file, const char *name, HeapBuffer &value) {
     constexpr size_t kShortValue = 1024;
     if (std::string_view(name) != kResourceForkName) {
         if (!value) {
             value = HeapBuffer::uninitialised(kShortValue);
         }
-        const int got =
-            value && value.size() > 0 ? VEXOEAXattrGet(path, name, value.data(), static_cast<int>(value.size())) : -1;
+        const int got = value && value.size() > 0 ? get_attribute(file, name, value.data(), value.size()) : -1;
         if (got >= 0) {
             return got;
         }
@@ -72,7 +79,7 @@ int read_attribute(const char *path, const char *name, HeapBuffer &value) {
             return -1;
         }
     }
-    const int size = VEXOEAXattrGet(path, name, nullptr, 0);
+    const int size = get_attribute(file, name, nullptr, 0);
     if (size < 0) {
         return -1;
     }
@@ -80,14 +87,14 @@ int read_attribute(const char *path, const char *name, HeapBuffer &value) {
         return fail(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
     }
     // A buffer of size 0 would ask for the size once more.
-    return size == 0 ? 0 : VEXOEAXattrGet(path, name, value.data(), size);
+    return size == 0 ? 0 : get_attribute(file, name, value.data(), static_cast<size_t>(size));
 }
 
-int set_attribute(const char *path, const char *name, const void *value, int size) {
-    if (VEXOEAXattrSet(path, name, value, size, 0) < 0) {
-        return fail(Error::write, VEXO_EA_COPY_HERE);
-    }
-    return 0;
+int set_attribute(const FileRef &file, const char *name, const void *value, int size) {
+    const int result = file.is_open() && !is_resource_fork(name)
+                           ? file.set_attribute(name, value, static_cast<size_t>(size), 0)
+                           : VEXOEAXattrSet(file.path(), name, value, size, 0);
+    return result < 0 ? fail(Error::write, VEXO_EA_COPY_HERE) : 0;
 }
 
 // ---- Streams to attributes ----
@@ -430,16 +437,13 @@ int carry_other_attributes(const Destination &destination, const NameList &names
     return 0;
 }
 
-int list_attributes(const char *path, NameList &names) {
-    if (!names) {
-        return fail(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
-    }
-    return VEXOEAXattrEnum(path, names.slot());
+int list_attributes(const FileRef &file, NameList &names) {
+    return names ? list_attributes(file, names.slot()) : fail(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
 }
 
 int carry_attributes_to_streams(const EaCopyJob &job, int companion) {
     NameList names;
-    if (list_attributes(job.src, names) < 0) {
+    if (list_attributes(job.source(), names) < 0) {
         const KeepErrno keep;
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Fail to get EA(%s). %m", job.src);
         return -1;
@@ -452,7 +456,7 @@ constexpr int kAppleDoubleCompanion = 1;
 
 } // namespace
 
-int copy_attributes(const char *src, const char *dst, const char *prefix) {
+int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix) {
     NameList names;
     if (list_attributes(src, names) < 0) {
         return -1;

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <sys/xattr.h>
 
 using namespace vexo;
 
@@ -17,12 +16,12 @@ namespace {
 using Value = std::array<uint8_t, adouble::kMetadataSize>;
 
 // The size of the attribute, its bytes in `value` where they are as many as they should be; -1 with errno.
-ssize_t read_value(const char *path, Value &value) {
-    const ssize_t size = ::getxattr(path, kMetadataAttribute, value.data(), value.size());
+ssize_t read_value(const FileRef &file, Value &value) {
+    const ssize_t size = file.get_attribute(kMetadataAttribute, value.data(), value.size());
     if (size >= 0 || errno != ERANGE) {
         return size;
     }
-    const ssize_t larger = ::getxattr(path, kMetadataAttribute, nullptr, 0);
+    const ssize_t larger = file.get_attribute(kMetadataAttribute, nullptr, 0);
     if (larger >= 0 && static_cast<size_t>(larger) <= value.size()) { // it shrank meanwhile, and was not read
         errno = ERANGE;
         return -1;
@@ -32,17 +31,14 @@ ssize_t read_value(const char *path, Value &value) {
 
 } // namespace
 
-int VEXOEAFileEAAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
-    if (path == nullptr || adouble == nullptr) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
+int vexo::read_metadata_attribute(const FileRef &file, VEXOEAAdouble *adouble) {
     Value value{};
-    const ssize_t size = read_value(path, value);
+    const ssize_t size = read_value(file, value);
     if (size < 0) {
         if (errno == ENODATA || errno == ENOENT) {
             return 1;
         }
-        VEXO_LOG_ERROR(VEXO_HERE, "Error: getxattr path [%s] %s", path, std::strerror(errno));
+        VEXO_LOG_ERROR(VEXO_HERE, "Error: getxattr path [%s] %s", file.path(), std::strerror(errno));
         return fail(Error::read, VEXO_HERE);
     }
     if (static_cast<size_t>(size) != value.size()) {
@@ -61,4 +57,11 @@ int VEXOEAFileEAAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
         return fail(Error::read, VEXO_HERE);
     }
     return 0;
+}
+
+int VEXOEAFileEAAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
+    if (path == nullptr || adouble == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    return read_metadata_attribute(path, adouble);
 }

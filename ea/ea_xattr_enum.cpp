@@ -2,12 +2,12 @@
 #include "ea/ea.h"
 
 #include "ea/argument.h"
+#include "ea/xattr_list.h"
 #include "support/heap.h"
 
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <sys/xattr.h>
 
 using namespace vexo;
 
@@ -26,8 +26,8 @@ int push_names(std::string_view names, VLIBCSzList **list) {
 }
 
 // A list that has to be asked for its size first.
-int push_long_list(const char *path, VLIBCSzList **list) {
-    const ssize_t size = ::listxattr(path, nullptr, 0);
+int push_long_list(const FileRef &file, VLIBCSzList **list) {
+    const ssize_t size = file.list_attributes(nullptr, 0);
     if (size == 0) { // gone meanwhile
         VLIBCSzListRemoveAll(*list);
         return 0;
@@ -41,7 +41,7 @@ int push_long_list(const char *path, VLIBCSzList **list) {
     }
     // Attributes that came between the two calls make this one fail: half a list is no answer.
     char *const text = reinterpret_cast<char *>(names.data());
-    const ssize_t filled = ::listxattr(path, text, static_cast<size_t>(size));
+    const ssize_t filled = file.list_attributes(text, static_cast<size_t>(size));
     if (filled < 0) {
         return fail(Error::file_operation, VEXO_HERE);
     }
@@ -49,6 +49,21 @@ int push_long_list(const char *path, VLIBCSzList **list) {
 }
 
 } // namespace
+
+int vexo::list_attributes(const FileRef &file, VLIBCSzList **list) {
+    constexpr size_t kShortList = 1024;
+    char names[kShortList + 1]; // the zero byte behind the names ends the last one, whatever the file system wrote
+    const ssize_t size = file.list_attributes(names, kShortList);
+    if (size > 0) {
+        names[size] = '\0';
+        return push_names({names, static_cast<size_t>(size)}, list);
+    }
+    if (size == 0 || errno == ENOENT || errno == ENODATA) {
+        VLIBCSzListRemoveAll(*list);
+        return 0;
+    }
+    return errno == ERANGE ? push_long_list(file, list) : fail(Error::file_operation, VEXO_HERE);
+}
 
 int VEXOEAXattrEnum(const char *path, VLIBCSzList **list) {
     if (path == nullptr) {
@@ -60,16 +75,5 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list) {
     if (*list == nullptr) {
         return refuse_argument("NULL != *ppList", VEXO_HERE);
     }
-    constexpr size_t kShortList = 1024;
-    char names[kShortList + 1]; // the zero byte behind the names ends the last one, whatever the file system wrote
-    const ssize_t size = ::listxattr(path, names, kShortList);
-    if (size > 0) {
-        names[size] = '\0';
-        return push_names({names, static_cast<size_t>(size)}, list);
-    }
-    if (size == 0 || errno == ENOENT || errno == ENODATA) {
-        VLIBCSzListRemoveAll(*list);
-        return 0;
-    }
-    return errno == ERANGE ? push_long_list(path, list) : fail(Error::file_operation, VEXO_HERE);
+    return list_attributes(path, list);
 }

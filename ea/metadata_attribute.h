@@ -1,6 +1,8 @@
 // The two attributes that keep a file's Apple metadata on the volumes that have them.
 #pragma once
 
+#include "ea/ea.h"
+#include "support/file_ref.h"
 #include "support/fs_type.h"
 
 #include <cstdint>
@@ -14,5 +16,8 @@ inline constexpr char kFlushTimeAttribute[] = "user.vexo.filea.flushtime";
 constexpr bool keeps_metadata_attribute(int32_t type) {
     return is_type(type, FsType::extended) || is_type(type, FsType::btrfs);
 }
+
+// VEXOEAFileEAAdoubleRead of a file that may be open.
+int read_metadata_attribute(const FileRef &file, VEXOEAAdouble *adouble);
 
 } // namespace vexo

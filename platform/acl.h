@@ -11,6 +11,11 @@ extern "C" {
 int VEXOACLCopy(const char *src, const char *dst);
 /* Gives `dst` the archive ACL of `src`, where `src` has one. */
 int VEXOACLArchiveCopy(const char *src, const char *dst);
+/* Optional, and declared weak by the library: the two above on open files that are no directories, which spares a walk
+ * along each path. Where a platform does not define one, the function of the paths is called. `srcFd` is open for
+ * reading, `dstFd` may be open for writing only. */
+int VEXOACLFCopy(int srcFd, int dstFd);
+int VEXOACLArchiveFCopy(int srcFd, int dstFd);
 /* Makes `path` inherit the ACL of the directory that holds it. */
 int VEXOACLEnforceInherit(const char *path);
 /* Gives an "@eaDir" directory the ACL that such directories have. */

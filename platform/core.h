@@ -93,6 +93,13 @@ int VLIBShareIsEncryptionGet(const struct VEXOShare *share, int *encrypted);
 int VLIBCKernelAttrFcntl(int fd, int command);
 int VLIBCKernelAttrCall(const char *path, int command);
 
+/* Optional, and declared weak by the library: the same as the functions of a path, on a file that the library holds
+ * open, which spares a walk along the path. Where a platform does not define one, the function of the path is called.
+ * VLIBCFileFUTime is VLIBCFileUTime, VLIBCKernelAttrFCall is VLIBCKernelAttrCall. The descriptor may be open for
+ * reading or for writing only. */
+int VLIBCFileFUTime(int fd, int count, const struct timespec *times);
+int VLIBCKernelAttrFCall(int fd, int command);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

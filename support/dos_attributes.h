@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/core.h"
+#include "support/file_ref.h"
 
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -10,6 +11,7 @@
 
 #pragma weak VLIBCKernelAttrFcntl
 #pragma weak VLIBCKernelAttrCall
+#pragma weak VLIBCKernelAttrFCall
 
 namespace vexo {
 
@@ -22,7 +24,7 @@ enum class AttributeRequest : int {
     hide_on_exfat = 515,
 };
 
-// Commands on a path.
+// Commands on a file.
 enum class AttributeCommand : int {
     set_archive = 514,
     set_hidden = 515,
@@ -36,9 +38,13 @@ inline int request_attribute(int fd, AttributeRequest request) {
     return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
 }
 
-inline int command_attribute(const char *path, AttributeCommand command) {
+inline int command_attribute(const FileRef &file, AttributeCommand command) {
     constexpr long kAttributeCall = 803;
     const int number = static_cast<int>(command);
+    const char *const path = file.path();
+    if (file.is_open() && VLIBCKernelAttrFCall != nullptr) {
+        return VLIBCKernelAttrFCall(file.fd(), number);
+    }
     return VLIBCKernelAttrCall != nullptr ? VLIBCKernelAttrCall(path, number)
                                           : static_cast<int>(::syscall(kAttributeCall, path, number));
 }

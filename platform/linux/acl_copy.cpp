@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <utility>
 
 namespace vexo {
@@ -17,6 +16,11 @@ namespace {
 
 // Where Samba keeps a file's Windows ACL. Only root reads and writes it.
 constexpr char kArchiveName[] = "security.NTACL";
+
+int refuse(int number) {
+    errno = number;
+    return -1;
+}
 
 bool same_file(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
@@ -35,19 +39,19 @@ bool has_mode_only(ssize_t size) {
     return size < 0 && (errno == ENODATA || errno == EOPNOTSUPP);
 }
 
-int copy_access_acl(const char *src, const char *dst, const struct stat &from, const struct stat &to) {
+int copy_access_acl(const FileRef &src, const FileRef &dst, const struct stat &from, const struct stat &to) {
     std::array<uint8_t, 1024> value;
-    const ssize_t size = ::getxattr(src, kAccessName, value.data(), value.size());
+    const ssize_t size = src.get_attribute(kAccessName, value.data(), value.size());
     if (has_mode_only(size)) {
-        return same_permissions(from, to) && has_mode_only(::getxattr(dst, kAccessName, nullptr, 0))
+        return same_permissions(from, to) && has_mode_only(dst.get_attribute(kAccessName, nullptr, 0))
                    ? 0
                    : give_access_acl(dst, Acl(::acl_from_mode(from.st_mode)));
     }
     // Mostly it can go over as it is.
-    if (size > 0 && ::setxattr(dst, kAccessName, value.data(), static_cast<size_t>(size), 0) == 0) {
+    if (size > 0 && dst.set_attribute(kAccessName, value.data(), static_cast<size_t>(size), 0) == 0) {
         return 0;
     }
-    const Acl acl = read_acl(src, ACL_TYPE_ACCESS);
+    const Acl acl = read_access_acl(src);
     return acl ? give_access_acl(dst, acl) : -1;
 }
 
@@ -60,14 +64,14 @@ int copy_default_acl(const char *src, const char *dst) {
 }
 
 // The value of the archive ACL, of whatever size. Empty owner with errno: it cannot be read.
-HeapBuffer read_archive(const char *path) {
+HeapBuffer read_archive(const FileRef &file) {
     for (;;) {
-        const ssize_t size = ::getxattr(path, kArchiveName, nullptr, 0);
+        const ssize_t size = file.get_attribute(kArchiveName, nullptr, 0);
         if (size < 0) {
             return {};
         }
         HeapBuffer value = HeapBuffer::uninitialised(static_cast<size_t>(size));
-        const ssize_t got = value ? ::getxattr(path, kArchiveName, value.data(), value.size()) : -1;
+        const ssize_t got = value ? file.get_attribute(kArchiveName, value.data(), value.size()) : -1;
         if (got >= 0) {
             return value.resize(static_cast<size_t>(got)) ? std::move(value) : HeapBuffer();
         }
@@ -82,8 +86,45 @@ bool says_none(int number) {
     return number == ENODATA || number == EOPNOTSUPP;
 }
 
-int remove_archive(const char *path) {
-    return ::removexattr(path, kArchiveName) == 0 || says_none(errno) ? 0 : -1;
+int remove_archive(const FileRef &file) {
+    return file.remove_attribute(kArchiveName) == 0 || says_none(errno) ? 0 : -1;
+}
+
+int copy_acl(const FileRef &src, const FileRef &dst) {
+    struct stat from {
+    }, to{};
+    if (src.status(from) != 0 || dst.status(to) != 0) {
+        return -1;
+    }
+    if (same_file(from, to)) {
+        return 0;
+    }
+    const bool directories = S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode);
+    if (directories && src.is_open()) { // their default ACLs are only to be had by path
+        return refuse(EISDIR);
+    }
+    if (copy_access_acl(src, dst, from, to) != 0) {
+        return -1;
+    }
+    return directories ? copy_default_acl(src.path(), dst.path()) : 0;
+}
+
+int copy_archive(const FileRef &src, const FileRef &dst) {
+    struct stat from {
+    }, to{};
+    const HeapBuffer value = read_archive(src);
+    if (!value) {
+        // What the destination may have is not the source's: Samba would take it for the file's ACL. Where both are the
+        // same file there is none to remove.
+        return says_none(errno) ? remove_archive(dst) : -1;
+    }
+    if (src.status(from) != 0 || dst.status(to) != 0) {
+        return -1;
+    }
+    if (same_file(from, to)) {
+        return 0;
+    }
+    return dst.set_attribute(kArchiveName, value.data(), value.size(), 0);
 }
 
 } // namespace
@@ -92,42 +133,18 @@ int remove_archive(const char *path) {
 using namespace vexo;
 
 int VEXOACLCopy(const char *src, const char *dst) {
-    struct stat from {
-    }, to{};
-    if (src == nullptr || dst == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (::stat(src, &from) != 0 || ::stat(dst, &to) != 0) {
-        return -1;
-    }
-    if (same_file(from, to)) {
-        return 0;
-    }
-    if (copy_access_acl(src, dst, from, to) != 0) {
-        return -1;
-    }
-    return S_ISDIR(from.st_mode) && S_ISDIR(to.st_mode) ? copy_default_acl(src, dst) : 0;
+    return src == nullptr || dst == nullptr ? refuse(EINVAL) : copy_acl(src, dst);
 }
 
 int VEXOACLArchiveCopy(const char *src, const char *dst) {
-    struct stat from {
-    }, to{};
-    if (src == nullptr || dst == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    const HeapBuffer value = read_archive(src);
-    if (!value) {
-        // What the destination may have is not the source's: Samba would take it for the file's ACL. Where both are the
-        // same file there is none to remove.
-        return says_none(errno) ? remove_archive(dst) : -1;
-    }
-    if (::stat(src, &from) != 0 || ::stat(dst, &to) != 0) {
-        return -1;
-    }
-    if (same_file(from, to)) {
-        return 0;
-    }
-    return ::setxattr(dst, kArchiveName, value.data(), value.size(), 0);
+    return src == nullptr || dst == nullptr ? refuse(EINVAL) : copy_archive(src, dst);
+}
+
+int VEXOACLFCopy(int srcFd, int dstFd) {
+    return srcFd < 0 || dstFd < 0 ? refuse(EBADF) : copy_acl(FileRef::descriptor(srcFd), FileRef::descriptor(dstFd));
+}
+
+int VEXOACLArchiveFCopy(int srcFd, int dstFd) {
+    return srcFd < 0 || dstFd < 0 ? refuse(EBADF)
+                                  : copy_archive(FileRef::descriptor(srcFd), FileRef::descriptor(dstFd));
 }

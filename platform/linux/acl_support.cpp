@@ -5,8 +5,21 @@
 
 namespace vexo {
 
-int give_access_acl(const char *path, const Acl &acl) {
-    if (::acl_set_file(path, ACL_TYPE_ACCESS, acl.get()) == 0) {
+namespace {
+
+int set_access_acl(const FileRef &file, const Acl &acl) {
+    return file.is_open() ? ::acl_set_fd(file.fd(), acl.get())
+                          : ::acl_set_file(file.path(), ACL_TYPE_ACCESS, acl.get());
+}
+
+int change_mode(const FileRef &file, mode_t mode) {
+    return file.is_open() ? ::fchmod(file.fd(), mode) : ::chmod(file.path(), mode);
+}
+
+} // namespace
+
+int give_access_acl(const FileRef &file, const Acl &acl) {
+    if (set_access_acl(file, acl) == 0) {
         return 0;
     }
     mode_t permissions = 0;
@@ -18,13 +31,13 @@ int give_access_acl(const char *path, const Acl &acl) {
         return -1;
     }
     struct stat found {};
-    if (::stat(path, &found) != 0) {
+    if (file.status(found) != 0) {
         return -1;
     }
     constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
     return (found.st_mode & kPermissions) == permissions
                ? 0
-               : ::chmod(path, (found.st_mode & 07777 & ~kPermissions) | permissions);
+               : change_mode(file, (found.st_mode & 07777 & ~kPermissions) | permissions);
 }
 
 int give_default_acl(const char *path, const Acl &acl) {

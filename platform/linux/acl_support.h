@@ -2,6 +2,8 @@
 // leave errno.
 #pragma once
 
+#include "support/file_ref.h"
+
 #include <acl/libacl.h>
 #include <sys/acl.h>
 
@@ -45,10 +47,13 @@ class Acl {
 inline Acl read_acl(const char *path, acl_type_t type) {
     return Acl(::acl_get_file(path, type));
 }
+inline Acl read_access_acl(const FileRef &file) {
+    return Acl(file.is_open() ? ::acl_get_fd(file.fd()) : ::acl_get_file(file.path(), ACL_TYPE_ACCESS));
+}
 
 // Gives an access ACL. On a volume without ACLs one that is a mode becomes the mode; anything more would be lost, and
 // fails with EOPNOTSUPP.
-int give_access_acl(const char *path, const Acl &acl);
+int give_access_acl(const FileRef &file, const Acl &acl);
 
 // Gives a directory a default ACL, or takes it away where `acl` is empty. On a volume without ACLs an empty one is
 // what it has; another fails with EOPNOTSUPP.

@@ -45,29 +45,32 @@ int run(std::span<const Change> changes, int command, const AttributeFile &file)
     return -1;
 }
 
+// A volume without attributes locks no file, so that an unlocked one is what it has. The copy of a file's lock, which
+// always says one or the other, must not fail there.
+int run_command(int command, const AttributeFile &file) {
+    const int result = run(kCommands, command, file);
+    const bool unlocked = errno == EOPNOTSUPP && command == static_cast<int>(AttributeCommand::unlock);
+    return result != 0 && unlocked ? 0 : result;
+}
+
+int refuse(int number) {
+    errno = number;
+    return -1;
+}
+
 } // namespace
 } // namespace vexo
 
 using namespace vexo;
 
 int VLIBCKernelAttrFcntl(int fd, int command) {
-    if (fd < 0) {
-        errno = EBADF;
-        return -1;
-    }
-    return run(kRequests, command, AttributeFile::descriptor(fd));
+    return fd < 0 ? refuse(EBADF) : run(kRequests, command, AttributeFile::descriptor(fd));
 }
 
 int VLIBCKernelAttrCall(const char *path, int command) {
-    if (path == nullptr) {
-        errno = EFAULT;
-        return -1;
-    }
-    const int result = run(kCommands, command, AttributeFile::path(path));
-    // A volume without attributes locks no file, so that an unlocked one is what it has. The copy of a file's lock,
-    // which always says one or the other, must not fail there.
-    if (result != 0 && errno == EOPNOTSUPP && command == static_cast<int>(AttributeCommand::unlock)) {
-        return 0;
-    }
-    return result;
+    return path == nullptr ? refuse(EFAULT) : run_command(command, AttributeFile::path(path));
+}
+
+int VLIBCKernelAttrFCall(int fd, int command) {
+    return fd < 0 ? refuse(EBADF) : run_command(command, AttributeFile::descriptor(fd));
 }

@@ -9,15 +9,19 @@
 
 using namespace vexo;
 
-int VLIBCFileUTime(const char *path, int count, const struct timespec *times) {
-    if (path == nullptr || times == nullptr || (count != 2 && count != 3)) {
-        errno = path == nullptr || times == nullptr ? EFAULT : EINVAL;
-        return -1;
-    }
-    // Access and modification time first: they are set also where the volume has no place for the third.
-    if (::utimensat(AT_FDCWD, path, times, 0) != 0) {
-        return -1;
-    }
+namespace {
+
+int refuse(int number) {
+    errno = number;
+    return -1;
+}
+
+bool is_count(int count) {
+    return count == 2 || count == 3;
+}
+
+// The third of the times, where there is one.
+int set_creation_time(const AttributeFile &file, int count, const struct timespec *times) {
     if (count == 2 || times[2].tv_nsec == UTIME_OMIT) {
         return 0;
     }
@@ -26,9 +30,22 @@ int VLIBCFileUTime(const char *path, int count, const struct timespec *times) {
         ::clock_gettime(CLOCK_REALTIME, &creation);
     }
     const auto dosTime = dos_of_time(creation);
-    if (!dosTime) {
-        errno = EINVAL;
-        return -1;
+    return dosTime ? file.store_creation_time(*dosTime) : refuse(EINVAL);
+}
+
+} // namespace
+
+// Access and modification time first: they are set also where the volume has no place for the third.
+int VLIBCFileUTime(const char *path, int count, const struct timespec *times) {
+    if (path == nullptr || times == nullptr || !is_count(count)) {
+        return refuse(path == nullptr || times == nullptr ? EFAULT : EINVAL);
     }
-    return AttributeFile::path(path).store_creation_time(*dosTime);
+    return ::utimensat(AT_FDCWD, path, times, 0) == 0 ? set_creation_time(AttributeFile::path(path), count, times) : -1;
+}
+
+int VLIBCFileFUTime(int fd, int count, const struct timespec *times) {
+    if (fd < 0 || times == nullptr || !is_count(count)) {
+        return refuse(fd < 0 ? EBADF : times == nullptr ? EFAULT : EINVAL);
+    }
+    return ::futimens(fd, times) == 0 ? set_creation_time(AttributeFile::descriptor(fd), count, times) : -1;
 }

@@ -10,7 +10,10 @@
 namespace {
 
 using namespace item_store;
-using vexo::copy_lock;
+
+int copy_lock(const char *src, const char *dst, int srcCode, int dstCode) {
+    return vexo::copy_lock({src, dst, false, false, srcCode, dstCode, {}, false});
+}
 
 class LockAlone : public store_copy::StoreCopy {
   protected:

@@ -260,7 +260,19 @@ FaultAnswer askFaults(const char *function, const char *path, int fd) {
     return answer;
 }
 
+FaultAnswer askFaultsOfFile(const char *function, int fd) {
+    const FaultAnswer answer = askFaults(function, nullptr, fd);
+    return answer.decided ? answer : askFaults(function + 1, nullptr, fd); // without its "f"
+}
+
 namespace {
+// The path of an open file, and of a name in an open directory.
+std::string pathUnder(int fd, const char *name = nullptr) {
+    const Inside guard;
+    const std::string path = pathOf(nullptr, fd);
+    return name == nullptr ? path : path + "/" + name;
+}
+
 // The next definition of a symbol behind this program's own.
 template <typename Function>
 Function *next(const char *name) {
@@ -309,10 +321,6 @@ KIT_WRAP(int, connect, (int fd, const struct sockaddr *address, socklen_t size),
 KIT_WRAP(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
          (fd, level, name, value, size), nullptr, fd, noexcept)
 KIT_WRAP(int, seteuid, (uid_t uid), (uid), nullptr, -1, noexcept)
-KIT_WRAP(ssize_t, fgetxattr, (int fd, const char *name, void *value, size_t size), (fd, name, value, size), nullptr, fd,
-         noexcept)
-KIT_WRAP(int, fsetxattr, (int fd, const char *name, const void *value, size_t size, int flags),
-         (fd, name, value, size, flags), nullptr, fd, noexcept)
 
 #undef KIT_WRAP
 
@@ -354,6 +362,23 @@ extern "C" int open(const char *path, int flags, ...) {
     }
     static auto *const real = kit::next<int(const char *, int, ...)>("open");
     return real(path, flags, mode);
+}
+
+// Seen as open() of the whole path.
+extern "C" int openat(int directory, const char *path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    const std::string whole = directory == AT_FDCWD ? path : kit::pathUnder(directory, path);
+    if (const kit::FaultAnswer answer = kit::askFaults("open", whole.c_str(), -1); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *, int, ...)>("openat");
+    return real(directory, path, flags, mode);
 }
 
 extern "C" int stat(const char *path, struct stat *out) noexcept {
@@ -402,6 +427,45 @@ extern "C" ssize_t listxattr(const char *path, char *list, size_t size) noexcept
     static auto *const real = kit::next<ssize_t(const char *, char *, size_t)>("listxattr");
     const ssize_t got = real(path, list, size);
     return got > 0 && size > 0 ? static_cast<ssize_t>(kit::shownNames(path, list, static_cast<size_t>(got))) : got;
+}
+
+// The same on open files: rules for the call on a path see them too.
+extern "C" ssize_t fgetxattr(int fd, const char *name, void *value, size_t size) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsOfFile("fgetxattr", fd); answer.decided) {
+        return answer.result;
+    }
+    static auto *const real = kit::next<ssize_t(int, const char *, void *, size_t)>("fgetxattr");
+    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str(), value, size)
+                                   : real(fd, name, value, size);
+}
+
+extern "C" int fsetxattr(int fd, const char *name, const void *value, size_t size, int flags) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsOfFile("fsetxattr", fd); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *, const void *, size_t, int)>("fsetxattr");
+    return kit::hasNativeVolumes()
+               ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str(), value, size, flags)
+               : real(fd, name, value, size, flags);
+}
+
+extern "C" int fremovexattr(int fd, const char *name) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsOfFile("fremovexattr", fd); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *)>("fremovexattr");
+    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str()) : real(fd, name);
+}
+
+extern "C" ssize_t flistxattr(int fd, char *list, size_t size) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsOfFile("flistxattr", fd); answer.decided) {
+        return answer.result;
+    }
+    static auto *const real = kit::next<ssize_t(int, char *, size_t)>("flistxattr");
+    const ssize_t got = real(fd, list, size);
+    return got > 0 && size > 0 && kit::hasNativeVolumes()
+               ? static_cast<ssize_t>(kit::shownNames(kit::pathUnder(fd).c_str(), list, static_cast<size_t>(got)))
+               : got;
 }
 
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {

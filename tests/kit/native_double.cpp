@@ -25,6 +25,10 @@ void NativeDouble::reset() {
     volumes().clear();
 }
 
+bool hasNativeVolumes() {
+    return !volumes().empty();
+}
+
 bool hasNativeNames(const char *path) {
     for (const std::string &directory : volumes()) {
         if (std::string_view(path).starts_with(directory + "/")) {

@@ -20,6 +20,8 @@ class NativeDouble {
 std::string keptName(const char *path, const char *name);
 // Rewrites the `size` bytes of names that listxattr() found at `path` to those shown, and gives their size.
 size_t shownNames(const char *path, char *names, size_t size);
+// Whether there is such a volume.
+bool hasNativeVolumes();
 // Whether names differ at `path` at all.
 bool hasNativeNames(const char *path);
 

@@ -138,6 +138,24 @@ KIT_PLATFORM(int, VEXOACLSetEADirACL, (const char *path), (path), path, -1)
 
 #undef KIT_PLATFORM
 
+// The functions of open files count as those of their paths.
+#define KIT_PLATFORM_OF_FILE(NAME, COUNTED, PARAMETERS, ARGUMENTS, FD)                                                 \
+    extern "C" int NAME PARAMETERS {                                                                                   \
+        if (const FaultAnswer answer = askFaults(#COUNTED, nullptr, FD); answer.decided) {                             \
+            return static_cast<int>(answer.result);                                                                    \
+        }                                                                                                              \
+        static auto *const actual = kit::real<int PARAMETERS>(#NAME);                                                  \
+        return actual ARGUMENTS;                                                                                       \
+    }
+
+KIT_PLATFORM_OF_FILE(VLIBCFileFUTime, VLIBCFileUTime, (int fd, int count, const struct timespec *times),
+                     (fd, count, times), fd)
+KIT_PLATFORM_OF_FILE(VLIBCKernelAttrFCall, VLIBCKernelAttrCall, (int fd, int command), (fd, command), fd)
+KIT_PLATFORM_OF_FILE(VEXOACLFCopy, VEXOACLCopy, (int srcFd, int dstFd), (srcFd, dstFd), srcFd)
+KIT_PLATFORM_OF_FILE(VEXOACLArchiveFCopy, VEXOACLArchiveCopy, (int srcFd, int dstFd), (srcFd, dstFd), srcFd)
+
+#undef KIT_PLATFORM_OF_FILE
+
 // Rules and records see the whole command line: "/bin/rm -rf /path". Callers may end it by a plain 0, of which only the
 // lower half is sure.
 extern "C" int VLIBCExec(const char *program, ...) {

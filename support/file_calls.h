@@ -1,0 +1,35 @@
+// Functions of the platform on a file that may be open: with the descriptor where the file is and the platform has such
+// a function, else with the path. Results and errno are the platform's.
+#pragma once
+
+#include "platform/acl.h"
+#include "platform/core.h"
+#include "support/file_ref.h"
+
+#pragma weak VLIBCFileFUTime
+#pragma weak VEXOACLFCopy
+#pragma weak VEXOACLArchiveFCopy
+
+namespace vexo {
+
+inline int extended_status(const FileRef &file, uint32_t fields, VLIBCStat *out) {
+    return file.is_open() ? VLIBCFileFStat(file.fd(), fields, out, 0) : VLIBCFileStat(file.path(), fields, out);
+}
+
+// Access, modification and creation time.
+inline int set_times(const FileRef &file, const timespec (&times)[3]) {
+    return file.is_open() && VLIBCFileFUTime != nullptr ? VLIBCFileFUTime(file.fd(), 3, times)
+                                                        : VLIBCFileUTime(file.path(), 3, times);
+}
+
+// Neither is a directory where both are open.
+inline int copy_acl(const FileRef &src, const FileRef &dst) {
+    const bool open = src.is_open() && dst.is_open() && VEXOACLFCopy != nullptr;
+    return open ? VEXOACLFCopy(src.fd(), dst.fd()) : VEXOACLCopy(src.path(), dst.path());
+}
+inline int copy_archive_acl(const FileRef &src, const FileRef &dst) {
+    const bool open = src.is_open() && dst.is_open() && VEXOACLArchiveFCopy != nullptr;
+    return open ? VEXOACLArchiveFCopy(src.fd(), dst.fd()) : VEXOACLArchiveCopy(src.path(), dst.path());
+}
+
+} // namespace vexo
