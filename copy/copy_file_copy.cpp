@@ -47,7 +47,7 @@ int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcTyp
     const int move = given.opt == nullptr ? 0 : static_cast<int>(given.opt->move);
     const int eaFlags = given.opt == nullptr ? 0 : static_cast<int>(given.opt->eaFlags);
     return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr,
-                   lacks_store(given.directory, given.dst, dst.path()));
+                   store_seen(given.directory, given.dst, dst.path()));
 }
 
 template <typename Options>

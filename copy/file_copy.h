@@ -2,6 +2,7 @@
 // sees neither record nor callback form, and reports under the name of the front door that runs it.
 #pragma once
 
+#include "ea/ea_copy_known.h"
 #include "support/callback.h"
 #include "support/file_ref.h"
 
@@ -31,7 +32,7 @@ struct OwnerPolicy {
 struct WalkedDirectory {
     dev_t device;
     int32_t type; // of the volume
-    bool noStore; // neither it nor the destination's directory had an "@eaDir" when the walk came to its first file
+    StoreSeen stores;
     // The two directories, open for what is found in them, or -1; and the length of their paths.
     int srcFd = -1, dstFd = -1;
     size_t srcLength = 0, dstLength = 0;
@@ -79,9 +80,9 @@ struct FileCopyRequest {
     Callback<int(const FileRef &src, const FileRef &dst, int srcType, int dstType)> copyMetadata = {};
 };
 
-// Whether no store needs to be looked for. A destination that got another name may lie in another directory.
-inline bool lacks_store(const WalkedDirectory *directory, const char *asked, const char *dst) {
-    return directory != nullptr && directory->noStore && dst == asked;
+// What is known of the stores. A destination that got another name may lie in another directory.
+inline StoreSeen store_seen(const WalkedDirectory *directory, const char *asked, const char *dst) {
+    return directory != nullptr && dst == asked ? directory->stores : StoreSeen::unknown;
 }
 
 // Copies or moves one file. Returns 0 (also when the destination was left as it is, is the source itself, or the copy

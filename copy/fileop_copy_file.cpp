@@ -40,7 +40,7 @@ int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcTyp
     const Caller &caller = *static_cast<const Caller *>(data);
     return copy_ea(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0, (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0,
                    srcType, dstType, nullptr, nullptr, caller.args,
-                   lacks_store(caller.directory, caller.dst, dst.path()));
+                   store_seen(caller.directory, caller.dst, dst.path()));
 }
 
 Overwrite overwrite_of(uint32_t flags) {

@@ -118,6 +118,7 @@ class TreeWalk {
     int merge_into_existing(Level &level);
     void note_destination_root();
     bool is_destination_root() const;
+    StoreSeen look_for_stores() const;
     void look_up_directory(Level &level);
     void open_directories(Level &level);
     void close_destination(Level &level);
@@ -420,6 +421,16 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
     return after_entry(level, result);
 }
 
+StoreSeen TreeWalk::look_for_stores() const {
+    if (m_request.move) {
+        return StoreSeen::unknown;
+    }
+    if (!lacks_ea_directory(src())) {
+        return StoreSeen::source;
+    }
+    return lacks_ea_directory(dst()) ? StoreSeen::neither : StoreSeen::unknown;
+}
+
 // What is the same for every file of the directory is looked up with the first one. Where it cannot be, each file asks
 // for itself, and so does each that is moved: what others put into an "@eaDir" meanwhile is the only copy.
 void TreeWalk::look_up_directory(Level &level) {
@@ -430,8 +441,7 @@ void TreeWalk::look_up_directory(Level &level) {
     const KeepErrors keep;
     const int type = VEXOGetFSType(src(), 0);
     if (type >= 0) {
-        const bool noStore = !m_request.move && lacks_ea_directory(src()) && lacks_ea_directory(dst());
-        level.known = WalkedDirectory{level.status.st.st_dev, type, noStore};
+        level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores()};
     }
 }
 

@@ -96,11 +96,12 @@ int finish(const EaCopyJob &job) {
 // for only where the caller knows the rest.
 bool has_nothing_stored(const EaCopyJob &job) {
     if (job.srcKind() == StoreKind::ea_directory) {
-        return has_no_ea_directory(job.src, job.noStore);
+        return has_no_ea_directory(job.src, job.seen);
     }
     const KeepErrno keep;
-    return job.srcKind() == StoreKind::file_ea && job.noStore && has_no_ea_directory(job.src, job.noStore) &&
-           job.source().get_attribute(kMetadataAttribute, nullptr, 0) < 0 && errno == ENODATA;
+    return job.srcKind() == StoreKind::file_ea && job.seen == StoreSeen::neither &&
+           has_no_ea_directory(job.src, job.seen) && job.source().get_attribute(kMetadataAttribute, nullptr, 0) < 0 &&
+           errno == ENODATA;
 }
 
 int run(EaCopyJob &job) {
@@ -135,7 +136,7 @@ int run(EaCopyJob &job) {
 } // namespace
 
 int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, int fullDir, int srcKind, int dstKind,
-                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore) {
+                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, StoreSeen seen) {
     const char *const src = source.path();
     const char *const dst = destination.path();
     if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
@@ -151,7 +152,7 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
     if (ofFileOperation) {
         copyFile = {fileOp->copyEA, fileOp->copyEAArg};
     }
-    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, noStore};
+    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, seen};
     job.srcFd = source.fd();
     job.dstFd = destination.fd();
     return run(job);
@@ -159,7 +160,7 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
 
 int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
                        VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
-    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, false);
+    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, StoreSeen::unknown);
 }
 
 int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int /*spare*/,

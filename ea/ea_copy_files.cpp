@@ -5,6 +5,7 @@
 #include "ea/ea.h"
 #include "ea/ea_copy_known.h"
 #include "ea/remove_tree.h"
+#include "ea/stream_path.h"
 #include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -35,18 +37,15 @@ bool exists(const char *path) {
 // asked for its longest name once.
 class StreamPath {
   public:
-    explicit StreamPath(const char *path) : m_path(path) {}
+    explicit StreamPath(const FileRef &file) : m_file(file) {}
 
     // 0, or -1 reported.
     int select(const char *stream) {
         if (m_selected != nullptr && m_text.view().ends_with(m_selected)) {
             m_text.cut(m_text.length() - std::strlen(m_selected));
             m_text.append(stream);
-        } else if (VEXOEAPath(kCurrentLayout, m_path, stream, m_text.fill(), PathBuffer::kUsable, kStreamCompanion) <
-                   0) {
+        } else if (!make_stream_path(m_file, stream, m_text)) {
             return -1;
-        } else {
-            m_text.adopt();
         }
         m_selected = stream;
         return 0;
@@ -54,7 +53,7 @@ class StreamPath {
     const char *c_str() const { return m_text.c_str(); }
 
   private:
-    const char *m_path;
+    FileRef m_file;
     const char *m_selected = nullptr;
     PathBuffer m_text;
 };
@@ -62,7 +61,7 @@ static_assert(std::string_view(kResourceStream).size() == std::string_view(kEaSt
 
 // Where the stream files of one copy lie. The "@eaDir" of the destination is made when the first one comes.
 struct StreamFiles {
-    explicit StreamFiles(const EaCopyJob &job) : from(job.src), to(job.dst) {}
+    explicit StreamFiles(const EaCopyJob &job) : from(job.source()), to(job.destination()) {}
 
     StreamPath from, to;
     bool prepared = false;
@@ -81,20 +80,62 @@ int prepare_shared_directory(const char *path) {
     return prepare_ea_directory(kSharedDirectory, path, directory);
 }
 
-// The part of a stream-file copy that a caller can replace.
-int copy_stream_content(const EaCopyJob &job, const char *stream, const char *from, const char *to) {
-    const int result = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
-    const bool silent = stream == kResourceStream && errno == EOPNOTSUPP;
-    if (result < 0 && !silent) {
+// What follows when a stream has arrived.
+int drop_moved_stream(const EaCopyJob &job, const char *from) {
+    return !job.move || ::unlink(from) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+}
+
+// The bytes of a stream file, which goes again where they do not arrive. 0 or -1 with the error.
+int move_stream_bytes(Fd &source, Fd &destination, int64_t size, const char *to) {
+    if (VEXOCopyFileFdEx(source.get(), destination.get(), size, nullptr, nullptr, nullptr) == 0) {
+        return 0;
+    }
+    const KeepErrors keep;
+    source.reset();
+    destination.reset();
+    ::unlink(to);
+    return -1;
+}
+
+void log_stream_not_copied(const char *stream, const char *from, const char *to) {
+    if (stream != kResourceStream || errno != EOPNOTSUPP) {
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to cp -f %s %s. %m", from, to);
     }
-    return result;
+}
+
+// Mostly the source's file is there, and the "@eaDir" of the destination since the file before this one: then opening
+// both is all that needs to be found out. Nothing: it is not so, and nothing was done.
+std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files, const char *stream) {
+    const char *const from = files.from.c_str();
+    struct stat status;
+    Fd source(::open(from, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); // a FIFO has no place here, and is not waited for
+    if (!source || ::fstat(source.get(), &status) != 0 || !S_ISREG(status.st_mode) || files.to.select(stream) < 0) {
+        return std::nullopt;
+    }
+    const char *const to = files.to.c_str();
+    Fd destination(::open(to, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreMode));
+    if (!destination) {
+        return std::nullopt;
+    }
+    if (move_stream_bytes(source, destination, status.st_size, to) < 0) {
+        log_stream_not_copied(stream, from, to);
+        return -1;
+    }
+    if (drop_moved_stream(job, from) < 0) {
+        return -1;
+    }
+    return ::fchmod(destination.get(), kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
 }
 
 // One stream file of the source to its place at the destination. A stream that is not there is no failure.
 int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *stream) {
     if (files.from.select(stream) < 0) {
         return -1;
+    }
+    if (!job.copyFile) {
+        if (const std::optional<int> copied = copy_between_stores(job, files, stream)) {
+            return *copied;
+        }
     }
     if (!exists(files.from.c_str())) {
         return 0;
@@ -108,15 +149,18 @@ int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *strea
     }
     const char *const from = files.from.c_str();
     const char *const to = files.to.c_str();
-    const int copied = copy_stream_content(job, stream, from, to);
+    const int copied = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
+    if (copied < 0) {
+        log_stream_not_copied(stream, from, to);
+    }
     if (copied < 0 || copied == kCannotConvertCode) {
         return copied;
     }
     if (!job.copyFile && copied == kNothingToCopy) {
         return 0;
     }
-    if (job.move && ::unlink(from) != 0 && errno != ENOENT) {
-        return fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    if (drop_moved_stream(job, from) < 0) {
+        return -1;
     }
     return ::chmod(to, kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
 }
@@ -141,8 +185,8 @@ int copy_both_stream_files(const EaCopyJob &job) {
 
 // The resource stream of an EA-directory source, in the form the metadata attribute of the destination is made from.
 int convert_resource_for_file_ea(const EaCopyJob &job) {
-    StreamPath from(job.src);
-    StreamPath to(job.dst);
+    StreamPath from(job.source());
+    StreamPath to(job.destination());
     if (select_resource(from, job.src) < 0 || prepare_shared_directory(job.dst) < 0 ||
         select_resource(to, job.dst) < 0) {
         return -1;
@@ -219,7 +263,12 @@ int begin_file_ea(const EaCopyJob &job, bool userAttributes) {
     if (userAttributes) {
         copy_user_attributes(job);
     }
-    const int presence = job.nothingStored ? 0 : stream_presence(job.src);
+    if (job.nothingStored) {
+        return 0;
+    }
+    // That an "@eaDir" was not there is no longer certain.
+    const StoreSeen seen = job.seen == StoreSeen::neither ? StoreSeen::unknown : job.seen;
+    const int presence = stream_presence(job.source(), seen);
     return presence > 0 ? 1 : presence;
 }
 
@@ -243,14 +292,7 @@ int copy_store_file(const char *from, const char *to) {
     if (!destination) {
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    if (VEXOCopyFileFdEx(source.get(), destination.get(), status.st_size, nullptr, nullptr, nullptr) != 0) {
-        const KeepErrors keep;
-        source.reset();
-        destination.reset();
-        ::unlink(to);
-        return -1;
-    }
-    return 0;
+    return move_stream_bytes(source, destination, status.st_size, to);
 }
 
 bool lacks_ea_directory(std::string_view directory) {
@@ -260,21 +302,21 @@ bool lacks_ea_directory(std::string_view directory) {
     return !store.overflowed() && ::access(store.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
-bool has_no_ea_directory(const char *path, bool known) {
+bool has_no_ea_directory(const char *path, StoreSeen seen) {
     const std::string_view name = path;
     const size_t slash = name.rfind('/');
     // Paths that a companion's path may be refused for take the long way, and so does what is no plain name.
     if (slash == std::string_view::npos || slash + 1 == name.size() || name.size() > kSafeLength) {
         return false;
     }
-    return known || lacks_ea_directory(name.substr(0, slash));
+    return seen == StoreSeen::neither || (seen == StoreSeen::unknown && lacks_ea_directory(name.substr(0, slash)));
 }
 
-int stream_presence(const char *path) {
-    if (has_no_ea_directory(path, false)) {
+int stream_presence(const FileRef &file, StoreSeen seen) {
+    if (has_no_ea_directory(file.path(), seen)) {
         return 0;
     }
-    StreamPath stream(path);
+    StreamPath stream(file);
     int presence = 0;
     for (const auto &[name, bit] : {std::pair(kResourceStream, kHasResource), std::pair(kEaStream, kHasEaStream)}) {
         if (stream.select(name) < 0) {

@@ -4,6 +4,7 @@
 // a negative number; errno is that of the failure.
 #pragma once
 
+#include "ea/ea_copy_known.h"
 #include "ea/store.h"
 #include "support/callback.h"
 #include "support/file_ref.h"
@@ -43,8 +44,8 @@ struct EaCopyJob {
     int32_t dstCode;
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
-    bool noStore = false;         // the caller has found neither directory to have an "@eaDir"
-    bool nothingStored = false;   // the source has no "@eaDir" and no metadata attribute: neither is looked for
+    StoreSeen seen = StoreSeen::unknown;
+    bool nothingStored = false; // the source has no "@eaDir" and no metadata attribute: neither is looked for
 
     int srcFd = -1; // where the files are open
     int dstFd = -1;
@@ -74,12 +75,12 @@ int copy_store_file(const char *from, const char *to);
 // Which streams a path has: 1 the resource stream, 2 the attribute stream; -1 when a path cannot be built.
 inline constexpr int kHasResource = 1;
 inline constexpr int kHasEaStream = 2;
-int stream_presence(const char *path);
+int stream_presence(const FileRef &file, StoreSeen seen = StoreSeen::unknown);
 
 // Whether the "@eaDir" beside a path is certainly not there, so that nothing in it needs to be looked for: one look, or
-// none where it is `known`, in place of one for each companion, whose paths moreover depend on the volume's longest
-// name. Leaves errno alone.
-bool has_no_ea_directory(const char *path, bool known);
+// none where a walk has looked already, in place of one for each companion, whose paths moreover depend on the volume's
+// longest name. Leaves errno alone.
+bool has_no_ea_directory(const char *path, StoreSeen seen);
 
 // Makes the "@eaDir" (kSharedDirectory), or the path's own directory in it (kPerFileDirectory) after removing what
 // stood there, and leaves its path in `directory`. 0 or -1, reported.

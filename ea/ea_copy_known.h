@@ -8,9 +8,16 @@
 
 namespace vexo {
 
-// VEXOEACopyInternal; `noStore`: neither of the two directories had an "@eaDir" when the caller looked.
+// What a walk has seen of the "@eaDir" of the two directories when it came to their first file.
+enum class StoreSeen {
+    unknown,
+    neither, // nothing in one needs to be looked for
+    source,  // whether there is one needs not be asked
+};
+
+// VEXOEACopyInternal, with what the caller has seen.
 int copy_ea(const FileRef &src, const FileRef &dst, int move, int fullDir, int srcKind, int dstKind,
-            VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, bool noStore);
+            VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, StoreSeen seen);
 
 // Whether there is certainly no "@eaDir" in a directory. Leaves errno alone.
 bool lacks_ea_directory(std::string_view directory);

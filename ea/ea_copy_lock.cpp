@@ -4,6 +4,7 @@
 
 #include "ea/ea.h"
 #include "ea/metadata_attribute.h"
+#include "ea/resource_path.h"
 #include "support/big_endian.h"
 #include "support/dos_attributes.h"
 #include "support/file_calls.h"
@@ -36,10 +37,6 @@ uint8_t *afp_word(VEXOEAAdouble &metadata) {
     const uint64_t offset = metadata.entries[kFileServerInfoEntry].offset;
     const uint64_t end = sizeof metadata.raw - kAfpWordOffset - sizeof(uint16_t);
     return offset == 0 || offset > end ? nullptr : metadata.raw + offset + kAfpWordOffset;
-}
-
-int read_resource_file(const FileRef &file, VEXOEAAdouble *metadata) {
-    return VEXOEAEADirAdoubleRead(file.path(), metadata);
 }
 
 int locked_by_mode(const FileRef &file) {
@@ -79,7 +76,7 @@ int read_lock(const EaCopyJob &job) {
     if (job.srcKind() != StoreKind::ea_directory && job.srcKind() != StoreKind::file_ea) {
         return locked_by_mode(job.source());
     }
-    const ReadMetadata read = job.srcKind() == StoreKind::file_ea ? read_metadata_attribute : read_resource_file;
+    const ReadMetadata read = job.srcKind() == StoreKind::file_ea ? read_metadata_attribute : read_resource_header;
     return locked_by_flag(job.source(), job.nothingStored ? nullptr : read);
 }
 
@@ -111,25 +108,27 @@ bool set_afp_bit(VEXOEAAdouble &metadata, bool locked) {
     return true;
 }
 
-int set_in_ea_directory(const FileRef &file, bool noStore, bool locked) {
+int set_in_ea_directory(const FileRef &file, StoreSeen seen, bool locked) {
     if (set_flag(file, locked) < 0) {
         return -1;
     }
-    const char *const path = file.path();
-    if (has_no_ea_directory(path, noStore)) {
+    if (has_no_ea_directory(file.path(), seen)) {
         return 0;
     }
     VEXOEAAdouble metadata;
-    const int found = VEXOEAEADirAdoubleRead(path, &metadata);
+    const int found = read_resource_header(file, &metadata);
     if (found != 0) { // none yet: it is left alone
         return found < 0 ? -1 : 0;
     }
-    return set_afp_bit(metadata, locked) ? VEXOEAEADirAdoubleFlush(metadata.raw, kResourceHeaderSize, path) : 0;
+    return set_afp_bit(metadata, locked) ? VEXOEAEADirAdoubleFlush(metadata.raw, kResourceHeaderSize, file.path()) : 0;
 }
 
-int set_in_file_ea(const FileRef &file, bool locked) {
+int set_in_file_ea(const FileRef &file, bool noMetadata, bool locked) {
     if (set_flag(file, locked) < 0) {
         return -1;
+    }
+    if (noMetadata) {
+        return 0;
     }
     VEXOEAAdouble metadata;
     const int found = read_metadata_attribute(file, &metadata);
@@ -142,10 +141,16 @@ int set_in_file_ea(const FileRef &file, bool locked) {
 
 int write_lock(const EaCopyJob &job, bool locked) {
     if (job.dstKind() == StoreKind::ea_directory) {
-        return set_in_ea_directory(job.destination(), job.nothingStored && job.noStore, locked);
+        const bool neither = job.seen == StoreSeen::neither;
+        return set_in_ea_directory(job.destination(), neither && !job.nothingStored ? StoreSeen::unknown : job.seen,
+                                   locked);
     }
-    return job.dstKind() == StoreKind::file_ea ? set_in_file_ea(job.destination(), locked)
-                                               : set_mode(job.destination(), locked);
+    if (job.dstKind() == StoreKind::file_ea) {
+        // An open destination was made by this copy, and has the attributes of the source.
+        const bool none = job.destination().is_open() && job.nothingStored && job.srcKind() == StoreKind::file_ea;
+        return set_in_file_ea(job.destination(), none, locked);
+    }
+    return set_mode(job.destination(), locked);
 }
 
 // Whether the state of the source will be read for certain, which tells whether there is a source at all.

@@ -12,16 +12,13 @@
 
 using namespace vexo;
 
-int VEXOEAEADirAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
-    if (path == nullptr || adouble == nullptr) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
+int vexo::read_resource_header(const FileRef &file, VEXOEAAdouble *adouble) {
     PathBuffer resource;
-    if (!make_resource_path(path, resource, VEXO_HERE)) {
+    if (!make_resource_path(file, resource, VEXO_HERE)) {
         return -1;
     }
-    const Fd file(::open(resource.c_str(), O_RDONLY));
-    if (!file) {
+    const Fd opened(::open(resource.c_str(), O_RDONLY));
+    if (!opened) {
         if (errno == ENOENT) {
             return 1;
         }
@@ -29,7 +26,7 @@ int VEXOEAEADirAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
         return fail(Error::open, VEXO_HERE);
     }
     std::array<uint8_t, adouble::kResourceHeaderSize> header{};
-    const ssize_t size = ::read(file.get(), header.data(), header.size());
+    const ssize_t size = ::read(opened.get(), header.data(), header.size());
     if (size < 0) {
         VEXO_LOG_ERROR(VEXO_HERE, "Error: read path [%s] %s", resource.c_str(), std::strerror(errno));
         return fail(Error::read, VEXO_HERE);
@@ -42,4 +39,11 @@ int VEXOEAEADirAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
         return -1;
     }
     return 0;
+}
+
+int VEXOEAEADirAdoubleRead(const char *path, VEXOEAAdouble *adouble) {
+    if (path == nullptr || adouble == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    return read_resource_header(path, adouble);
 }

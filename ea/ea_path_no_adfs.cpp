@@ -4,6 +4,7 @@
 
 #include "ea/path_copy.h"
 #include "ea/short_name.h"
+#include "ea/stream_path.h"
 #include "support/report.h"
 
 #include <cerrno>
@@ -36,13 +37,13 @@ int older_path(int nameMode, const PathCopy &path, const char *stream, char *out
     return 0;
 }
 
-// "<dir>/@eaDir/<base'>@<stream>".
-int current_path(PathCopy &path, const char *stream, char *out, int outLen) {
+// "<dir>/@eaDir/<base'>@<stream>". `fd`: the file, where it is open.
+int current_path(PathCopy &path, int fd, const char *stream, char *out, int outLen) {
     if (!fits(path.length() + std::strlen(stream) + sizeof("@eaDir/") - 1 + sizeof("@"), outLen)) {
         return refuse_length();
     }
     const std::span<char> base = path.base_bytes();
-    const size_t shortened = shorten_base(base, base_limit_of(path.c_str()));
+    const size_t shortened = shorten_base(base, base_limit_of({path.c_str(), fd}));
     path.cut(path.length() - (base.size() - shortened));
     const std::string_view name{base.data(), shortened};
     if (VEXOEADirPath(1, path.c_str(), out, outLen) != 0) {
@@ -54,6 +55,19 @@ int current_path(PathCopy &path, const char *stream, char *out, int outLen) {
 
 } // namespace
 
+bool vexo::make_stream_path(const FileRef &file, const char *stream, PathBuffer &out, int room) {
+    PathCopy copy;
+    if (*file.path() == '\0' || !copy.assign(file.path())) {
+        set_error(*file.path() == '\0' ? Error::invalid_argument : Error::out_of_memory, VEXO_HERE);
+        return false;
+    }
+    if (current_path(copy, file.fd(), stream, out.fill(), room) != 0) {
+        return false;
+    }
+    out.adopt();
+    return true;
+}
+
 int VEXOEAPathNoADFS(int nameMode, const char *path, const char *stream, char *out, int outLen) {
     if (path == nullptr || stream == nullptr || *path == '\0') {
         return fail(Error::invalid_argument, VEXO_HERE);
@@ -62,6 +76,6 @@ int VEXOEAPathNoADFS(int nameMode, const char *path, const char *stream, char *o
     if (!copy.assign(path)) {
         return fail(Error::out_of_memory, VEXO_HERE);
     }
-    return nameMode == kCurrentLayout ? current_path(copy, stream, out, outLen)
+    return nameMode == kCurrentLayout ? current_path(copy, -1, stream, out, outLen)
                                       : older_path(nameMode, copy, stream, out, outLen);
 }

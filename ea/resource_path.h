@@ -4,19 +4,22 @@
 #include "ea/ea.h"
 #include "ea/metadata_attribute.h"
 #include "ea/store.h"
+#include "ea/stream_path.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 
 namespace vexo {
 
 // Reports with one line; the cause is that of VEXOEAPath.
-[[nodiscard]] inline bool make_resource_path(const char *path, PathBuffer &out, Place place) {
-    if (VEXOEAPath(1, path, kResourceStream, out.fill(), PathBuffer::kSize, 0) != 0) {
-        VEXO_LOG_ERROR(place, "Fail to generate path of %s.", path);
+[[nodiscard]] inline bool make_resource_path(const FileRef &file, PathBuffer &out, Place place) {
+    if (!make_stream_path(file, kResourceStream, out, PathBuffer::kSize)) {
+        VEXO_LOG_ERROR(place, "Fail to generate path of %s.", file.path());
         return false;
     }
-    out.adopt();
     return true;
 }
+
+// VEXOEAEADirAdoubleRead of a file that may be open.
+int read_resource_header(const FileRef &file, VEXOEAAdouble *adouble);
 
 } // namespace vexo

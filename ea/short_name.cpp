@@ -21,9 +21,9 @@ static_assert(kAlphabet.size() == 60);
 // The longest extension that is kept, with its ".".
 constexpr size_t kLongestExtension = 6;
 
-std::optional<size_t> limit_told_by(const char *path) {
+std::optional<size_t> limit_told_by(const FileRef &file) {
     struct statfs volume {};
-    if (::statfs(path, &volume) != 0) {
+    if ((file.is_open() ? ::fstatfs(file.fd(), &volume) : ::statfs(file.path(), &volume)) != 0) {
         return std::nullopt;
     }
     const auto suffix = static_cast<decltype(volume.f_namelen)>(kStreamSuffixLength);
@@ -69,10 +69,11 @@ size_t extension_length(std::string_view name) {
 
 } // namespace
 
-size_t base_limit_of(const char *path) {
-    if (const auto limit = limit_told_by(path)) {
+size_t base_limit_of(const FileRef &file) {
+    if (const auto limit = limit_told_by(file)) {
         return *limit;
     }
+    const char *const path = file.path();
     PathBuffer above;
     above.append(*path == '/' ? "" : "./").append(path);
     while (to_parent(above)) {

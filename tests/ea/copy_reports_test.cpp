@@ -63,7 +63,8 @@ class CopyReports : public store_copy::StoreCopy {
             SCOPED_TRACE(std::string(name(fromKind)) + " to " + name(toKind) + ", " + row.function + " number " +
                          std::to_string(row.skip) + " of " + row.where);
             prepare(fromKind, toKind, some(), newRoot());
-            kit::Faults::fail(row.function, row.error, fill(row.where), row.skip);
+            kit::Faults::add(
+                {.function = row.function, .error = row.error, .path = fill(row.where), .skip = row.skip, .times = 0});
             VLIBCErrSetEx(0, "", 0);
             EXPECT_EQ(-1, copy(move));
             EXPECT_EQ(hex(row.code), hex(VLIBCErrGet()));
