@@ -28,19 +28,19 @@ void clear_bit(const std::string &path) {
 
 } // namespace
 
-void add_archive_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("archive", "Clear the DOS archive bit");
-    command.require_subcommand(1);
-    command.footer("\nA backup program clears it when it has saved a file; a change sets it again.\n"
-                   "Example:\n"
-                   "  vexofileop archive clear report.odt");
-    CLI::App &clear = *command.add_subcommand("clear", "Clear the DOS archive bit of files and directories");
+void add_archive_command(const Command &program, int &status) {
+    const Command command = program.add_command("archive", "Clear the DOS archive bit");
+    command.require_command();
+    command.set_footer("\nA backup program clears it when it has saved a file; a change sets it again.\n"
+                       "Example:\n"
+                       "  vexofileop archive clear report.odt");
+    const Command clear = command.add_command("clear", "Clear the DOS archive bit of files and directories");
     const PathOperands paths(clear, "FILE", "FILE...");
-    clear.footer("\nA directory's own bit is cleared, not those of what it holds. A volume without\n"
-                 "such bits is no failure.\n"
-                 "Example:\n"
-                 "  vexofileop archive clear /volume1/data/report.odt");
-    clear.callback([&status, paths] {
+    clear.set_footer("\nA directory's own bit is cleared, not those of what it holds. A volume without\n"
+                     "such bits is no failure.\n"
+                     "Example:\n"
+                     "  vexofileop archive clear /volume1/data/report.odt");
+    clear.set_work([&status, paths] {
         PathWork work;
         work.each(paths.all(), clear_bit);
         status = work.finish();

@@ -1,9 +1,8 @@
 // The commands of the tool. A command is one source file; it is named here and in the table of main.cpp.
 #pragma once
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
+#include "tools/vexofileop/parser.h"
+
 #include <string>
 #include <vector>
 
@@ -19,28 +18,24 @@ constexpr int exit_status(int succeeded, int failed) {
 
 // Each adds its subcommand, whose callback does the work and leaves the exit status in `status`. The callback may throw
 // UsageError.
-using AddCommand = void (*)(CLI::App &app, int &status);
+using AddCommand = void (*)(const Command &program, int &status);
 
-void add_copy_command(CLI::App &app, int &status);
-void add_move_command(CLI::App &app, int &status);
-void add_remove_command(CLI::App &app, int &status);
-void add_relocate_command(CLI::App &app, int &status);
-void add_reflink_command(CLI::App &app, int &status);
-void add_archive_command(CLI::App &app, int &status);
-void add_ea_command(CLI::App &app, int &status);
+void add_copy_command(const Command &program, int &status);
+void add_move_command(const Command &program, int &status);
+void add_remove_command(const Command &program, int &status);
+void add_relocate_command(const Command &program, int &status);
+void add_reflink_command(const Command &program, int &status);
+void add_archive_command(const Command &program, int &status);
+void add_ea_command(const Command &program, int &status);
 
-void add_index_command(CLI::App &app, int &status);
-void add_notify_command(CLI::App &app, int &status);
-void add_explain_command(CLI::App &app, int &status);
-
-// The operands of a command, any number of them, and what was given for them.
-CLI::Option *add_operands(CLI::App &command, const char *name, const char *usage);
-std::vector<std::string> operands_of(const CLI::Option &operands);
+void add_index_command(const Command &program, int &status);
+void add_notify_command(const Command &program, int &status);
+void add_explain_command(const Command &program, int &status);
 
 // The operands of a command that takes any number of paths, which may also come out of a list: --files-from and -0.
 class PathOperands {
   public:
-    PathOperands(CLI::App &command, const char *name, const char *usage);
+    PathOperands(const Command &command, const char *name, const char *usage);
 
     // Those of the command line.
     std::vector<std::string> given() const;
@@ -54,14 +49,7 @@ class PathOperands {
     bool has_list_on_stdin() const;
 
   private:
-    // The parser owns them.
-    CLI::Option *m_operands, *m_list, *m_nul;
+    Option m_operands, m_list, m_nul;
 };
-
-// The command line as the parser takes it: in reverse, without "--", and with a mark before what it would give a
-// meaning of its own, which operands_of() takes off again. What follows "--" is all marked.
-std::vector<std::string> parser_arguments(int argc, const char *const *argv);
-// What the parser says about an argument, as the user wrote that one.
-std::string without_marks(std::string text);
 
 } // namespace tool

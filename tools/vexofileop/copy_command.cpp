@@ -14,13 +14,13 @@ namespace {
 
 // Of several policies the last one given holds, so that an alias can be overridden.
 struct Policy {
-    CLI::Option *option;
+    Option option;
     Conflict conflict;
 };
 
-Conflict chosen_policy(const CLI::App &command, const std::vector<Policy> &policies) {
+Conflict chosen_policy(const Command &command, const std::vector<Policy> &policies) {
     Conflict chosen = Conflict::fail;
-    for (const CLI::Option *const given : command.parse_order()) {
+    for (const Option &given : command.given_options()) {
         for (const Policy &policy : policies) {
             chosen = policy.option == given ? policy.conflict : chosen;
         }
@@ -28,9 +28,9 @@ Conflict chosen_policy(const CLI::App &command, const std::vector<Policy> &polic
     return chosen;
 }
 
-std::vector<Policy> add_policies(CLI::App &command) {
-    const auto add = [&](const char *names, std::string description, Conflict conflict) {
-        return Policy{command.add_flag(names)->description(std::move(description)), conflict};
+std::vector<Policy> add_policies(const Command &command) {
+    const auto add = [&](const char *names, const char *text, Conflict conflict) {
+        return Policy{command.add_flag(names, text), conflict};
     };
     return {
         add("-f,--force", "replace a destination file that exists", Conflict::replace),
@@ -68,10 +68,10 @@ constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and ex
                                "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
                                "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
 
-void add_transfer_command(CLI::App &app, int &status, Operation operation) {
+void add_transfer_command(const Command &program, int &status, Operation operation) {
     const bool copy = operation == Operation::copy;
-    CLI::App &command = *app.add_subcommand(word_of(operation), copy ? "Copy files and trees with all that is theirs"
-                                                                     : "Move or rename files and trees");
+    const Command command = program.add_command(
+        word_of(operation), copy ? "Copy files and trees with all that is theirs" : "Move or rename files and trees");
     const auto batch = std::make_shared<BatchOptions>();
     BatchOptions &options = *batch;
     options.transfer.operation = operation;
@@ -86,11 +86,11 @@ void add_transfer_command(CLI::App &app, int &status, Operation operation) {
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
     const PathOperands operands(command, "FILE", "FILE... DEST");
-    command.footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
-                                               : "Examples:\n"
-                                                 "  vexofileop move draft.txt final.txt\n"
-                                                 "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.callback([&command, &status, batch, policies, operands] {
+    command.set_footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
+                                                   : "Examples:\n"
+                                                     "  vexofileop move draft.txt final.txt\n"
+                                                     "  vexofileop move --keep-both *.jpg /volume2/photo"));
+    command.set_work([command, &status, batch, policies, operands] {
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->trees;
         status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
@@ -99,12 +99,12 @@ void add_transfer_command(CLI::App &app, int &status, Operation operation) {
 
 } // namespace
 
-void add_copy_command(CLI::App &app, int &status) {
-    add_transfer_command(app, status, Operation::copy);
+void add_copy_command(const Command &program, int &status) {
+    add_transfer_command(program, status, Operation::copy);
 }
 
-void add_move_command(CLI::App &app, int &status) {
-    add_transfer_command(app, status, Operation::move);
+void add_move_command(const Command &program, int &status) {
+    add_transfer_command(program, status, Operation::move);
 }
 
 } // namespace tool

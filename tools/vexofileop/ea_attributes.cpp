@@ -43,13 +43,13 @@ void print_json(Console &console, const std::string &path) {
     console.line(out.line());
 }
 
-void add_list(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("list", "List attribute names and sizes");
+void add_list(const Command &ea, int &status) {
+    const Command command = ea.add_command("list", "List attribute names and sizes");
     const PathOperands files(command, "FILE", "FILE...");
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "one JSON object per file");
-    command.footer("\nExample:\n  vexofileop ea list photo.jpg");
-    command.callback([&status, json, files] {
+    command.set_footer("\nExample:\n  vexofileop ea list photo.jpg");
+    command.set_work([&status, json, files] {
         const std::vector<std::string> given = files.all();
         PathWork work;
         work.each(given, [&](const std::string &path) {
@@ -79,14 +79,14 @@ void write_value(const std::string &value) {
     }
 }
 
-void add_get(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("get", "Print the value of an attribute");
-    CLI::Option *const operands = add_operands(command, "FILE", "FILE NAME");
-    command.footer("\nThe bytes as they are; on a terminal a dump of what is no text.\n"
-                   "Example:\n"
-                   "  vexofileop ea get photo.jpg com.example.note > note");
-    command.callback([&status, operands] {
-        const std::vector<std::string> given = operands_of(*operands);
+void add_get(const Command &ea, int &status) {
+    const Command command = ea.add_command("get", "Print the value of an attribute");
+    const Option operands = command.add_operands("FILE", "FILE NAME");
+    command.set_footer("\nThe bytes as they are; on a terminal a dump of what is no text.\n"
+                       "Example:\n"
+                       "  vexofileop ea get photo.jpg com.example.note > note");
+    command.set_work([&status, operands] {
+        const std::vector<std::string> given = operands.values();
         if (given.size() != 2) {
             throw UsageError("a file and a name are needed");
         }
@@ -98,33 +98,31 @@ void add_get(CLI::App &ea, int &status) {
 
 class SetCommand {
   public:
-    explicit SetCommand(CLI::App &command)
-        : m_operands(add_operands(command, "FILE", "FILE NAME [VALUE]")),
-          m_from(command.add_option("--from", CLI::callback_t(), "take the value from this file; - is stdin")
-                     ->option_text("SOURCE")),
-          m_hex(command.add_option("--hex", CLI::callback_t(), "take the value from hexadecimal digits")
-                    ->option_text("DIGITS")),
-          m_create(command.add_flag("--create")->description("fail when the attribute exists")),
-          m_replace(command.add_flag("--replace")->description("fail when it does not exist")) {
-        m_replace->excludes(m_create);
-        m_from->excludes(m_hex);
+    explicit SetCommand(const Command &command)
+        : m_operands(command.add_operands("FILE", "FILE NAME [VALUE]")),
+          m_from(command.add_value("--from", "SOURCE", "take the value from this file; - is stdin")),
+          m_hex(command.add_value("--hex", "DIGITS", "take the value from hexadecimal digits")),
+          m_create(command.add_flag("--create", "fail when the attribute exists")),
+          m_replace(command.add_flag("--replace", "fail when it does not exist")) {
+        m_replace.excludes(m_create);
+        m_from.excludes(m_hex);
     }
     int run() const {
-        const std::vector<std::string> given = operands_of(*m_operands);
-        const bool elsewhere = m_from->count() + m_hex->count() > 0;
+        const std::vector<std::string> given = m_operands.values();
+        const bool elsewhere = m_from.given() || m_hex.given();
         if (given.size() != (elsewhere ? 2U : 3U)) {
             throw UsageError("a file, a name and one value are needed");
         }
-        const std::string digits = m_hex->count() > 0 ? operands_of(*m_hex).front() : "";
+        const std::string digits = m_hex.given() ? m_hex.values().front() : "";
         const auto bytes = bytes_of_hex(digits);
         if (!bytes) {
             throw UsageError("--hex takes pairs of hexadecimal digits");
         }
         PathWork work;
         work.one(given[0], [&](const std::string &path) {
-            const std::string value = m_from->count() > 0 ? read_input(operands_of(*m_from).front())
-                                      : elsewhere         ? *bytes
-                                                          : given[2];
+            const std::string value = m_from.given() ? read_input(m_from.values().front())
+                                      : elsewhere    ? *bytes
+                                                     : given[2];
             Store(path).set(given[1], value, existing());
         });
         return work.finish();
@@ -132,30 +130,29 @@ class SetCommand {
 
   private:
     Store::Existing existing() const {
-        return m_create->count() > 0    ? Store::Existing::must_not
-               : m_replace->count() > 0 ? Store::Existing::must
-                                        : Store::Existing::either;
+        return m_create.given()    ? Store::Existing::must_not
+               : m_replace.given() ? Store::Existing::must
+                                   : Store::Existing::either;
     }
-    // The parser owns them.
-    CLI::Option *m_operands, *m_from, *m_hex, *m_create, *m_replace;
+    Option m_operands, m_from, m_hex, m_create, m_replace;
 };
 
-void add_set(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("set", "Set an attribute");
+void add_set(const Command &ea, int &status) {
+    const Command command = ea.add_command("set", "Set an attribute");
     const SetCommand set(command);
-    command.footer("\nExamples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
-                   "  vexofileop ea set photo.jpg com.example.icon --from icon.png");
-    command.callback([&status, set] { status = set.run(); });
+    command.set_footer("\nExamples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
+                       "  vexofileop ea set photo.jpg com.example.icon --from icon.png");
+    command.set_work([&status, set] { status = set.run(); });
 }
 
-void add_rm(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("rm", "Remove attributes");
-    CLI::Option *const operands = add_operands(command, "FILE", "FILE NAME...");
-    command.footer("\nThe store goes with the last thing in it. To remove everything: ea remove.\n"
-                   "Example:\n"
-                   "  vexofileop ea rm photo.jpg com.example.note");
-    command.callback([&status, operands] {
-        const std::vector<std::string> given = operands_of(*operands);
+void add_rm(const Command &ea, int &status) {
+    const Command command = ea.add_command("rm", "Remove attributes");
+    const Option operands = command.add_operands("FILE", "FILE NAME...");
+    command.set_footer("\nThe store goes with the last thing in it. To remove everything: ea remove.\n"
+                       "Example:\n"
+                       "  vexofileop ea rm photo.jpg com.example.note");
+    command.set_work([&status, operands] {
+        const std::vector<std::string> given = operands.values();
         if (given.size() < 2) {
             throw UsageError("a file and a name are needed");
         }
@@ -175,7 +172,7 @@ void add_rm(CLI::App &ea, int &status) {
 
 } // namespace
 
-void add_ea_attribute_commands(CLI::App &ea, int &status) {
+void add_ea_attribute_commands(const Command &ea, int &status) {
     add_list(ea, status);
     add_get(ea, status);
     add_set(ea, status);

@@ -3,12 +3,12 @@
 
 namespace tool {
 
-void add_ea_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("ea", "Extended metadata: attributes, Finder Info, forks");
-    command.require_subcommand(1);
-    command.footer("\nEach command explains itself: vexofileop ea set --help\n"
-                   "Example:\n"
-                   "  vexofileop ea list photo.jpg");
+void add_ea_command(const Command &program, int &status) {
+    const Command command = program.add_command("ea", "Extended metadata: attributes, Finder Info, forks");
+    command.require_command();
+    command.set_footer("\nEach command explains itself: vexofileop ea set --help\n"
+                       "Example:\n"
+                       "  vexofileop ea list photo.jpg");
     add_ea_attribute_commands(command, status);
     add_ea_inspection_commands(command, status);
     add_ea_store_commands(command, status);

@@ -6,12 +6,12 @@
 namespace tool {
 
 // list, get, set, rm
-void add_ea_attribute_commands(CLI::App &ea, int &status);
+void add_ea_attribute_commands(const Command &ea, int &status);
 // show, diff
-void add_ea_inspection_commands(CLI::App &ea, int &status);
+void add_ea_inspection_commands(const Command &ea, int &status);
 // copy, rename, remove, repair: what the library does with whole stores
-void add_ea_store_commands(CLI::App &ea, int &status);
+void add_ea_store_commands(const Command &ea, int &status);
 // upgrade
-void add_ea_upgrade_command(CLI::App &ea, int &status);
+void add_ea_upgrade_command(const Command &ea, int &status);
 
 } // namespace tool

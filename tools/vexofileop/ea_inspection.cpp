@@ -41,16 +41,16 @@ void show_json(Console &console, const std::string &path) {
     }
 }
 
-void add_show(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("show", "Show everything in the stores of a file");
+void add_show(const Command &ea, int &status) {
+    const Command command = ea.add_command("show", "Show everything in the stores of a file");
     const PathOperands files(command, "FILE", "FILE...");
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "one JSON object per file");
-    command.footer("\nFILE is a file, or a store itself: a \"._\" file, a stream file, a resource file.\n"
-                   "The first bad field of a malformed store is named.\n"
-                   "Example:\n"
-                   "  vexofileop ea show photo.jpg");
-    command.callback([&status, json, files] {
+    command.set_footer("\nFILE is a file, or a store itself: a \"._\" file, a stream file, a resource file.\n"
+                       "The first bad field of a malformed store is named.\n"
+                       "Example:\n"
+                       "  vexofileop ea show photo.jpg");
+    command.set_work([&status, json, files] {
         PathWork work;
         work.each(files.all(), [&](const std::string &path) {
             if (*json) {
@@ -135,18 +135,18 @@ int diff(const std::string &one, const std::string &other, bool json) {
     }
 }
 
-void add_diff(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("diff", "Compare the metadata of two files");
-    CLI::Option *const files = add_operands(command, "A", "A B");
+void add_diff(const Command &ea, int &status) {
+    const Command command = ea.add_command("diff", "Compare the metadata of two files");
+    const Option files = command.add_operands("A", "A B");
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "one JSON object");
-    command.footer("\nAttributes, Finder Info, resource fork, and whether AFP clients see it locked.\n"
-                   "Where the volumes keep them makes no difference.\n"
-                   "Exit status: 0 same, 1 different, 2 trouble.\n"
-                   "Example:\n"
-                   "  vexofileop ea diff photo.jpg /volume2/backup/photo.jpg");
-    command.callback([&status, json, files] {
-        const std::vector<std::string> given = operands_of(*files);
+    command.set_footer("\nAttributes, Finder Info, resource fork, and whether AFP clients see it locked.\n"
+                       "Where the volumes keep them makes no difference.\n"
+                       "Exit status: 0 same, 1 different, 2 trouble.\n"
+                       "Example:\n"
+                       "  vexofileop ea diff photo.jpg /volume2/backup/photo.jpg");
+    command.set_work([&status, json, files] {
+        const std::vector<std::string> given = files.values();
         if (given.size() != 2) {
             throw UsageError("two files are needed");
         }
@@ -156,7 +156,7 @@ void add_diff(CLI::App &ea, int &status) {
 
 } // namespace
 
-void add_ea_inspection_commands(CLI::App &ea, int &status) {
+void add_ea_inspection_commands(const Command &ea, int &status) {
     add_show(ea, status);
     add_diff(ea, status);
 }

@@ -23,19 +23,19 @@ bool exists(const char *path) {
     return ::lstat(path, &found) == 0;
 }
 
-void add_copy(CLI::App &ea, int &status) {
+void add_copy(const Command &ea, int &status) {
     const auto move = std::make_shared<bool>(false);
     const auto full = std::make_shared<bool>(false);
-    CLI::App &command = *ea.add_subcommand("copy", "Carry the metadata of one file to another");
-    CLI::Option *const files = add_operands(command, "SRC", "SRC DST");
+    const Command command = ea.add_command("copy", "Carry the metadata of one file to another");
+    const Option files = command.add_operands("SRC", "SRC DST");
     command.add_flag("--move", *move, "remove at the source what was carried");
     command.add_flag("--full-dir", *full, "with what else is in its \"@eaDir\", on FAT too");
-    command.footer("\nBoth files exist already; their data stay as they are. What DST has of the same\n"
-                   "name is replaced.\n"
-                   "Example:\n"
-                   "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
-    command.callback([&status, move, full, files] {
-        const std::vector<std::string> given = operands_of(*files);
+    command.set_footer("\nBoth files exist already; their data stay as they are. What DST has of the same\n"
+                       "name is replaced.\n"
+                       "Example:\n"
+                       "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
+    command.set_work([&status, move, full, files] {
+        const std::vector<std::string> given = files.values();
         if (given.size() != 2) {
             throw UsageError("a source and a destination are needed");
         }
@@ -54,15 +54,15 @@ void add_copy(CLI::App &ea, int &status) {
     });
 }
 
-void add_rename(CLI::App &ea, int &status) {
-    CLI::App &command = *ea.add_subcommand("rename", "Move the metadata after its file was renamed");
-    CLI::Option *const files = add_operands(command, "OLD", "OLD NEW");
-    command.footer("\nWhat is kept under NEW already is replaced where OLD has the same: attributes,\n"
-                   "Finder Info with the resource fork, the file's own directory in \"@eaDir\".\n"
-                   "Example:\n"
-                   "  mv a.jpg b.jpg && vexofileop ea rename a.jpg b.jpg");
-    command.callback([&status, files] {
-        const std::vector<std::string> given = operands_of(*files);
+void add_rename(const Command &ea, int &status) {
+    const Command command = ea.add_command("rename", "Move the metadata after its file was renamed");
+    const Option files = command.add_operands("OLD", "OLD NEW");
+    command.set_footer("\nWhat is kept under NEW already is replaced where OLD has the same: attributes,\n"
+                       "Finder Info with the resource fork, the file's own directory in \"@eaDir\".\n"
+                       "Example:\n"
+                       "  mv a.jpg b.jpg && vexofileop ea rename a.jpg b.jpg");
+    command.set_work([&status, files] {
+        const std::vector<std::string> given = files.values();
         if (given.size() != 2) {
             throw UsageError("the old and the new name are needed");
         }
@@ -76,12 +76,12 @@ void add_rename(CLI::App &ea, int &status) {
     });
 }
 
-void add_for_each(CLI::App &ea, int &status, const char *name, const char *text, const char *footer,
+void add_for_each(const Command &ea, int &status, const char *name, const char *text, const char *footer,
                   const PathWork::Task &task) {
-    CLI::App &command = *ea.add_subcommand(name, text);
+    const Command command = ea.add_command(name, text);
     const PathOperands files(command, "FILE", "FILE...");
-    command.footer(footer);
-    command.callback([&status, files, task] {
+    command.set_footer(footer);
+    command.set_work([&status, files, task] {
         PathWork work;
         work.each(files.all(), task);
         status = work.finish();
@@ -118,7 +118,7 @@ void repair(const std::string &path) {
 
 } // namespace
 
-void add_ea_store_commands(CLI::App &ea, int &status) {
+void add_ea_store_commands(const Command &ea, int &status) {
     add_copy(ea, status);
     add_rename(ea, status);
     add_for_each(ea, status, "remove", "Remove all metadata of files",

@@ -139,17 +139,17 @@ class Upgrade {
 
 } // namespace
 
-void add_ea_upgrade_command(CLI::App &ea, int &status) {
+void add_ea_upgrade_command(const Command &ea, int &status) {
     struct Options {
         bool recursive = false, dryRun = false;
     };
     const auto options = std::make_shared<Options>();
-    CLI::App &command = *ea.add_subcommand("upgrade", "Convert stores of the old layout");
+    const Command command = ea.add_command("upgrade", "Convert stores of the old layout");
     command.add_flag("-r,--recursive", options->recursive, "every file and directory of a tree");
     command.add_flag("--dry-run", options->dryRun, "only list what would be converted");
     const PathOperands paths(command, "PATH", "PATH...");
-    command.footer("\nExample:\n  vexofileop ea upgrade -r --dry-run /volume1/photos");
-    command.callback([&status, options, paths] {
+    command.set_footer("\nExample:\n  vexofileop ea upgrade -r --dry-run /volume1/photos");
+    command.set_work([&status, options, paths] {
         PathWork work;
         Upgrade upgrade(work, options->dryRun);
         for (const std::string &given : paths.all()) {

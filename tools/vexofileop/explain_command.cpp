@@ -84,13 +84,13 @@ int explain_all(const std::vector<std::string> &given) {
 
 } // namespace
 
-void add_explain_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("explain", "Tell what an error code means and what helps");
-    CLI::Option *const codes = add_operands(command, "CODE", "[CODE...]");
-    command.footer("\nWithout a code all of them are listed.\n"
-                   "Example:\n"
-                   "  vexofileop explain 0xA400");
-    command.callback([&status, codes] { status = explain_all(operands_of(*codes)); });
+void add_explain_command(const Command &program, int &status) {
+    const Command command = program.add_command("explain", "Tell what an error code means and what helps");
+    const Option codes = command.add_operands("CODE", "[CODE...]");
+    command.set_footer("\nWithout a code all of them are listed.\n"
+                       "Example:\n"
+                       "  vexofileop explain 0xA400");
+    command.set_work([&status, codes] { status = explain_all(codes.values()); });
 }
 
 } // namespace tool

@@ -107,18 +107,18 @@ int answer_all(const std::vector<std::string> &paths, bool json) {
 
 } // namespace
 
-void add_index_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("index", "Tell whether the media services index a path, and why");
+void add_index_command(const Command &program, int &status) {
+    const Command command = program.add_command("index", "Tell whether the media services index a path, and why");
     const auto json = std::make_shared<bool>(false);
     command.add_flag("--json", *json, "one JSON object per line");
     const PathOperands paths(command, "PATH", "PATH...");
-    command.footer("\nThe rules: nothing in a recycle bin; in the share \"homes\" only the folders\n"
-                   "photo and music of a home, while their services are on; elsewhere what lies in\n"
-                   "a share whose indexing is switched on.\n"
-                   "Exit status: 0 all are indexed, 1 some, 2 none or wrong usage.\n"
-                   "Example:\n"
-                   "  vexofileop index /volume1/photo/2024");
-    command.callback([&status, json, paths] { status = answer_all(paths.all(), *json); });
+    command.set_footer("\nThe rules: nothing in a recycle bin; in the share \"homes\" only the folders\n"
+                       "photo and music of a home, while their services are on; elsewhere what lies in\n"
+                       "a share whose indexing is switched on.\n"
+                       "Exit status: 0 all are indexed, 1 some, 2 none or wrong usage.\n"
+                       "Example:\n"
+                       "  vexofileop index /volume1/photo/2024");
+    command.set_work([&status, json, paths] { status = answer_all(paths.all(), *json); });
 }
 
 } // namespace tool

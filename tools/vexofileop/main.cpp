@@ -1,39 +1,50 @@
 // vexofileop: what the library does for services, from a shell.
 #include "tools/vexofileop/commands.h"
 #include "tools/vexofileop/console.h"
-#include "tools/vexofileop/help.h"
-#include "tools/vexofileop/names.h"
 #include "tools/vexofileop/paths.h"
 #include "tools/vexofileop/signals.h"
 
-#include <CLI/Error.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <fmt/format.h>
-#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <syslog.h>
 
 namespace {
 
 using namespace tool;
 
-constexpr AddCommand kCommands[] = {
-    add_copy_command,    add_move_command,    add_remove_command, add_relocate_command, add_ea_command,
-    add_reflink_command, add_archive_command, add_index_command,  add_notify_command,   add_explain_command,
+struct NamedCommand {
+    std::string_view name;
+    AddCommand add;
 };
 
-// The command line up to the command that was named: "vexofileop reflink check".
-std::string command_name(const CLI::App &app) {
-    std::string name = app.get_name();
-    for (const CLI::App *at = &app; !at->get_subcommands().empty();) {
-        at = at->get_subcommands().front();
-        name += " " + at->get_name();
+constexpr NamedCommand kCommands[] = {
+    {"copy", add_copy_command},         {"move", add_move_command},   {"remove", add_remove_command},
+    {"relocate", add_relocate_command}, {"ea", add_ea_command},       {"reflink", add_reflink_command},
+    {"archive", add_archive_command},   {"index", add_index_command}, {"notify", add_notify_command},
+    {"explain", add_explain_command},
+};
+
+// The command that the command line begins with is added alone: the options of all take longer to set up than a rename.
+// Whatever else it begins with is for the parser, which knows all of them.
+void add_commands(const Command &program, int argc, const char *const *argv, int &status) {
+    const auto named =
+        argc > 1 ? std::ranges::find(kCommands, std::string_view(argv[1]), &NamedCommand::name) : std::end(kCommands);
+    if (named != std::end(kCommands)) {
+        named->add(program, status);
+        return;
     }
-    return name;
+    for (const NamedCommand &command : kCommands) {
+        command.add(program, status);
+    }
 }
 
-int refuse(const CLI::App &app, const std::string &reason) {
-    fmt::print(stderr, "vexofileop: {}\nTry '{} --help'.\n", reason, command_name(app));
+int refuse(const Parser &parser, const std::string &reason) {
+    fmt::print(stderr, "vexofileop: {}\nTry '{} --help'.\n", reason, parser.command_name());
     return exitUsage;
 }
 
@@ -44,22 +55,20 @@ int print(std::string text) {
     return console.check_output() ? exitAll : exitSome;
 }
 
-int run(CLI::App &app, int argc, char **argv) {
+int run(int argc, char **argv) {
+    const Parser parser({.name = "vexofileop",
+                         .description = "Copies, moves and inspects files with everything that belongs to them.",
+                         .version = "vexofileop " VEXOFILEOP_VERSION,
+                         .footer = "\nEach command explains itself: vexofileop copy --help\n"
+                                   "Example:\n"
+                                   "  vexofileop copy film.mkv /volume2/video/"});
     int status = exitAll;
-    for (const AddCommand add : kCommands) {
-        add(app, status);
-    }
+    add_commands(parser.program(), argc, argv, status);
     try {
-        app.parse(parser_arguments(argc, argv));
-        return status;
-    } catch (const CLI::CallForHelp &) {
-        return print(app.help());
-    } catch (const CLI::CallForVersion &version) {
-        return print(std::string(version.what()) + "\n");
-    } catch (const CLI::ParseError &error) {
-        return refuse(app, displayed(without_marks(error.what())));
+        const std::optional<std::string> answer = parser.run(argc, argv);
+        return answer ? print(*answer) : status;
     } catch (const UsageError &error) {
-        return refuse(app, error.what());
+        return refuse(parser, error.what());
     }
 }
 
@@ -69,15 +78,7 @@ int main(int argc, char **argv) {
     ::openlog("vexofileop", LOG_PID, LOG_USER);
     watch_signals();
     try {
-        CLI::App app("Copies, moves and inspects files with everything that belongs to them.", "vexofileop");
-        app.formatter(std::make_shared<HelpFormatter>());
-        app.set_help_flag("-h,--help", "print this help and exit");
-        app.set_version_flag("--version", "vexofileop " VEXOFILEOP_VERSION, "print the version and exit");
-        app.require_subcommand(1);
-        app.footer("\nEach command explains itself: vexofileop copy --help\n"
-                   "Example:\n"
-                   "  vexofileop copy film.mkv /volume2/video/");
-        return run(app, argc, argv);
+        return run(argc, argv);
     } catch (const std::exception &error) {
         fmt::print(stderr, "vexofileop: {}\n", error.what());
         return exitNone;

@@ -151,26 +151,24 @@ Event event_of(const std::vector<std::string> &operands, int seconds) {
 
 } // namespace
 
-void add_notify_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("notify", "Tell the file-change service of a change it missed");
+void add_notify_command(const Command &program, int &status) {
+    const Command command = program.add_command("notify", "Tell the file-change service of a change it missed");
     struct Options {
         bool json = false;
         int seconds = 5;
     };
     const auto options = std::make_shared<Options>();
     command.add_flag("--json", options->json, "one JSON object that tells what came of it");
-    command.add_option("--timeout", options->seconds, "give up after so many seconds (5)")
-        ->check(CLI::Range(1, 3600))
-        ->option_text("SECONDS");
-    CLI::Option *const operands = add_operands(command, "EVENT", "EVENT PATH [OLD]");
-    command.footer("\nEVENT is the service's own number and is passed on as it is; OLD is the path\n"
-                   "before a rename. The service sends no answer. A service that hangs or ends in\n"
-                   "the middle is waited for no longer than the time-out.\n"
-                   "Exit status: 0 the system took the message for it, 2 it did not or wrong usage.\n"
-                   "Example:\n"
-                   "  vexofileop notify 2 /volume1/photo/new.jpg /volume1/photo/old.jpg");
-    command.callback([&status, options, operands] {
-        status = notify(event_of(operands_of(*operands), options->seconds), options->json);
+    command.add_number("--timeout", "SECONDS", options->seconds, 1, 3600, "give up after so many seconds (5)");
+    const Option operands = command.add_operands("EVENT", "EVENT PATH [OLD]");
+    command.set_footer("\nEVENT is the service's own number and is passed on as it is; OLD is the path\n"
+                       "before a rename. The service sends no answer. A service that hangs or ends in\n"
+                       "the middle is waited for no longer than the time-out.\n"
+                       "Exit status: 0 the system took the message for it, 2 it did not or wrong usage.\n"
+                       "Example:\n"
+                       "  vexofileop notify 2 /volume1/photo/new.jpg /volume1/photo/old.jpg");
+    command.set_work([&status, options, operands] {
+        status = notify(event_of(operands.values(), options->seconds), options->json);
     });
 }
 

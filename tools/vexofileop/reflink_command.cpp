@@ -66,41 +66,45 @@ int check(const std::vector<std::string> &paths, uint32_t flags) {
                  answer == 0 ? exitAll : exitSome);
 }
 
-void add_switch(CLI::App &reflink, int &status, const std::string &word, const char *text) {
-    CLI::App &command = *reflink.add_subcommand(word, text);
-    command.footer("\nWrites \"reflink_enable\" in /etc/vexoinfo.conf, which takes root.\n"
-                   "Example:\n"
-                   "  vexofileop reflink " +
-                   word);
-    command.callback([&status, word] { status = turn(word == "on"); });
+void add_switch(const Command &reflink, int &status, const std::string &word, const char *text) {
+    const Command command = reflink.add_command(word.c_str(), text);
+    command.set_footer("\nWrites \"reflink_enable\" in /etc/vexoinfo.conf, which takes root.\n"
+                       "Example:\n"
+                       "  vexofileop reflink " +
+                       word);
+    command.set_work([&status, word] { status = turn(word == "on"); });
 }
 
-void add_check(CLI::App &reflink, int &status) {
-    CLI::App &command = *reflink.add_subcommand("check", "Tell whether FILE can be cloned into the directory DIR");
-    const auto flags = std::make_shared<uint32_t>(0);
-    command.add_flag_callback(
-        "--ignore-nodatacow", [flags] { *flags |= kSkipNodatacow; }, "do not compare the copy-on-write settings");
-    command.add_flag_callback(
-        "--ignore-compression", [flags] { *flags |= kSkipCompression; }, "do not compare the compression settings");
-    CLI::Option *const paths = add_operands(command, "FILE", "FILE DIR");
-    command.footer("\nExit status: 0 it can, 1 it cannot (the reason is printed), 2 wrong usage.\n"
-                   "Example:\n"
-                   "  vexofileop reflink check /volume1/vm/disk.img /volume1/backup");
-    command.callback([&status, flags, paths] { status = check(operands_of(*paths), *flags); });
+void add_check(const Command &reflink, int &status) {
+    const Command command = reflink.add_command("check", "Tell whether FILE can be cloned into the directory DIR");
+    struct Options {
+        bool ignoreNodatacow = false, ignoreCompression = false;
+    };
+    const auto options = std::make_shared<Options>();
+    command.add_flag("--ignore-nodatacow", options->ignoreNodatacow, "do not compare the copy-on-write settings");
+    command.add_flag("--ignore-compression", options->ignoreCompression, "do not compare the compression settings");
+    const Option paths = command.add_operands("FILE", "FILE DIR");
+    command.set_footer("\nExit status: 0 it can, 1 it cannot (the reason is printed), 2 wrong usage.\n"
+                       "Example:\n"
+                       "  vexofileop reflink check /volume1/vm/disk.img /volume1/backup");
+    command.set_work([&status, options, paths] {
+        status = check(paths.values(), (options->ignoreNodatacow ? kSkipNodatacow : 0) |
+                                           (options->ignoreCompression ? kSkipCompression : 0));
+    });
 }
 
 } // namespace
 
-void add_reflink_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("reflink", "Clone copies: the switch, and what can be cloned");
-    command.require_subcommand(1);
-    command.footer("\nServices go by the switch, \"reflink_enable\" in /etc/vexoinfo.conf;\n"
-                   "\"copy --clone\" asks for a clone whatever it says.\n"
-                   "Example:\n"
-                   "  vexofileop reflink status");
-    CLI::App &tell = *command.add_subcommand("status", "Print \"on\" or \"off\"");
-    tell.footer("\nExample:\n  vexofileop reflink status");
-    tell.callback([&status] { status = print(VEXOFileCopyReflinkIsEnabled() == 1 ? "on" : "off", exitAll); });
+void add_reflink_command(const Command &program, int &status) {
+    const Command command = program.add_command("reflink", "Clone copies: the switch, and what can be cloned");
+    command.require_command();
+    command.set_footer("\nServices go by the switch, \"reflink_enable\" in /etc/vexoinfo.conf;\n"
+                       "\"copy --clone\" asks for a clone whatever it says.\n"
+                       "Example:\n"
+                       "  vexofileop reflink status");
+    const Command tell = command.add_command("status", "Print \"on\" or \"off\"");
+    tell.set_footer("\nExample:\n  vexofileop reflink status");
+    tell.set_work([&status] { status = print(VEXOFileCopyReflinkIsEnabled() == 1 ? "on" : "off", exitAll); });
     add_switch(command, status, "on", "Allow services to make clone copies");
     add_switch(command, status, "off", "Have services copy the data");
     add_check(command, status);

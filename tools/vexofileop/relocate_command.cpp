@@ -272,24 +272,24 @@ class Relocation {
 
 } // namespace
 
-void add_relocate_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("relocate", "Bring a whole directory to another place, all at once");
+void add_relocate_command(const Command &program, int &status) {
+    const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
     const auto options = std::make_shared<Options>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--json", options->json, "a JSON object that tells what came of it");
     command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
-    CLI::Option *const operands = add_operands(command, "SRC", "SRC DST");
-    command.footer("\nThe tree is copied into \"@tmp\" beside DST, which is emptied first; then DST is\n"
-                   "REMOVED with everything in it and the copy takes its place. SRC is removed only\n"
-                   "when everything in it arrived. DST is the new path itself, not a directory to\n"
-                   "put SRC into. Owners, ACLs and extended metadata go along; the first entry that\n"
-                   "fails ends it, with SRC and DST as they were.\n"
-                   "Exit status: 0 done; 1 in place, but not all of it; 2 nothing done.\n"
-                   "Example:\n"
-                   "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
-    command.callback([&status, options, operands] {
-        const std::vector<std::string> paths = operands_of(*operands);
+    const Option operands = command.add_operands("SRC", "SRC DST");
+    command.set_footer("\nThe tree is copied into \"@tmp\" beside DST, which is emptied first; then DST is\n"
+                       "REMOVED with everything in it and the copy takes its place. SRC is removed only\n"
+                       "when everything in it arrived. DST is the new path itself, not a directory to\n"
+                       "put SRC into. Owners, ACLs and extended metadata go along; the first entry that\n"
+                       "fails ends it, with SRC and DST as they were.\n"
+                       "Exit status: 0 done; 1 in place, but not all of it; 2 nothing done.\n"
+                       "Example:\n"
+                       "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
+    command.set_work([&status, options, operands] {
+        const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");
         }

@@ -7,25 +7,24 @@
 
 namespace tool {
 
-void add_remove_command(CLI::App &app, int &status) {
-    CLI::App &command = *app.add_subcommand("remove", "Remove files and trees with all that is theirs");
+void add_remove_command(const Command &program, int &status) {
+    const Command command = program.add_command("remove", "Remove files and trees with all that is theirs");
     const auto options = std::make_shared<RemovalOptions>();
     command.add_flag("-r,-R,--recursive", options->recursive, "directories too, with everything in them");
-    CLI::Option *const force =
-        command.add_flag("-f,--force")->description("what does not exist is no failure; never ask");
-    CLI::Option *const ask = command.add_flag("-i,--interactive")->description("ask before each removal");
+    const Option force = command.add_flag("-f,--force", "what does not exist is no failure; never ask");
+    const Option ask = command.add_flag("-i,--interactive", "ask before each removal");
     command.add_flag("--stop-on-error", options->stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options->verbose, "name what is removed");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
     const PathOperands operands(command, "FILE", "FILE...");
-    command.footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"
-                   "followed. \"/\", \".\" and \"..\" are refused. Of -f and -i the last one holds.\n"
-                   "Exit status: 0 all removed, 1 some failed, 2 none removed or wrong usage.\n"
-                   "Examples:\n"
-                   "  vexofileop remove -r /volume1/photo/old\n"
-                   "  find . -name '*.bak' -print0 | vexofileop remove -0 --files-from -");
-    command.callback([&command, &status, options, force, ask, operands] {
-        for (const CLI::Option *const given : command.parse_order()) {
+    command.set_footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"
+                       "followed. \"/\", \".\" and \"..\" are refused. Of -f and -i the last one holds.\n"
+                       "Exit status: 0 all removed, 1 some failed, 2 none removed or wrong usage.\n"
+                       "Examples:\n"
+                       "  vexofileop remove -r /volume1/photo/old\n"
+                       "  find . -name '*.bak' -print0 | vexofileop remove -0 --files-from -");
+    command.set_work([command, &status, options, force, ask, operands] {
+        for (const Option &given : command.given_options()) {
             options->force = given == force || (options->force && given != ask);
             options->ask = given == ask || (options->ask && given != force);
         }

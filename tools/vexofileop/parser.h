@@ -1,0 +1,80 @@
+// The command line: what a command takes is declared here, and read here when it does its work. CLI11 parses, and
+// parser.cpp alone includes it: at each start it sets up the whole of its globals anew for every source file that does.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+} // namespace CLI
+
+namespace tool {
+
+// A flag, an option with a value, or the operands of a command. Copies are the same one, which the Parser owns.
+class Option {
+  public:
+    explicit Option(CLI::Option &option) : m_option(&option) {}
+    bool operator==(const Option &) const = default;
+
+    bool given() const;
+    // The values as the user wrote them, byte for byte.
+    std::vector<std::string> values() const;
+    void needs(const Option &other) const;
+    void excludes(const Option &other) const;
+
+  private:
+    CLI::Option *m_option;
+};
+
+// A command, or the whole program, which has commands. Copies are the same one, which the Parser owns. Names are those
+// of one option, separated by commas; `text` is its line of the help.
+class Command {
+  public:
+    explicit Command(CLI::App &app) : m_app(&app) {}
+
+    Command add_command(const char *name, const char *text) const;
+    // One of its commands has to be named.
+    void require_command() const;
+    Option add_flag(const char *names, const char *text) const;
+    void add_flag(const char *names, bool &value, const char *text) const;
+    // The help calls the value `placeholder`.
+    Option add_value(const char *name, const char *placeholder, const char *text) const;
+    void add_number(const char *name, const char *placeholder, int &value, int least, int most, const char *text) const;
+    // Any number of them, which the usage line of the help calls `usage`.
+    Option add_operands(const char *name, const char *usage) const;
+    // What ends the help.
+    void set_footer(const std::string &text) const;
+    // What the command does. It may throw UsageError.
+    void set_work(std::function<void()> work) const;
+    // The options of the command line in their order, one that was repeated as often.
+    std::vector<Option> given_options() const;
+
+  private:
+    CLI::App *m_app;
+};
+
+class Parser {
+  public:
+    struct Program {
+        const char *name, *description, *version, *footer;
+    };
+    explicit Parser(const Program &program);
+    ~Parser();
+
+    Command program() const;
+    // Runs the work of the command that was named. Where help or the version was asked for, that is the result. Throws
+    // UsageError for a command line that makes no sense, and what the work throws.
+    std::optional<std::string> run(int argc, const char *const *argv) const;
+    // The command line up to the command that was named: "vexofileop reflink check".
+    std::string command_name() const;
+
+  private:
+    std::unique_ptr<CLI::App> m_app;
+};
+
+} // namespace tool
