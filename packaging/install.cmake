@@ -14,14 +14,11 @@ file(RELATIVE_PATH tool_to_library "/${CMAKE_INSTALL_BINDIR}" "/${CMAKE_INSTALL_
 set_target_properties(vexofileop_tool PROPERTIES
   INSTALL_RPATH "$ORIGIN/${tool_to_platform};$ORIGIN/${tool_to_library}")
 set_target_properties(vexofileop PROPERTIES INSTALL_RPATH "$ORIGIN/vexofileop")
-set_target_properties(${VEXO_PLATFORM_LIBRARIES} PROPERTIES INSTALL_RPATH "$ORIGIN")
+# They stand side by side in the build tree too.
+set_target_properties(${VEXO_PLATFORM_LIBRARIES} PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
 foreach(target IN ITEMS vexofileop ${VEXO_PLATFORM_LIBRARIES})
   target_include_directories(${target} INTERFACE "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
 endforeach()
-
-# The tool needs every platform library itself, although only the library calls some of them: a RUNPATH serves the
-# direct needs of the file that carries it.
-target_link_options(vexofileop_tool PRIVATE -Wl,--no-as-needed)
 
 install(TARGETS vexofileop EXPORT vexofileop
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libvexofileop7 NAMELINK_COMPONENT libvexofileop-dev)

@@ -1,7 +1,6 @@
 #include "tools/vexofileop/progress_bar.h"
 
 #include <algorithm>
-#include <cmath>
 #include <fmt/format.h>
 #include <vector>
 
@@ -18,10 +17,19 @@ struct Scaled {
     size_t unit;
 };
 
+// Rounds down what is not negative. std::floor would do, but it, std::ceil and std::pow would make libm one library
+// more that every start of the tool loads.
+int64_t whole_of(double value) {
+    return static_cast<int64_t>(value);
+}
+
 Scaled scaled(double bytes, size_t unit) {
-    const double value = bytes / std::pow(1024.0, static_cast<double>(unit));
-    return {unit > 0 && value < 10 ? fmt::format("{:.1f}", std::floor(value * 10) / 10)
-                                   : fmt::format("{:.0f}", std::floor(value)),
+    double value = bytes;
+    for (size_t step = 0; step < unit; ++step) {
+        value /= 1024;
+    }
+    return {unit > 0 && value < 10 ? fmt::format("{:.1f}", static_cast<double>(whole_of(value * 10)) / 10)
+                                   : fmt::format("{}", whole_of(value)),
             unit};
 }
 
@@ -39,7 +47,8 @@ std::string text(const Scaled &size) {
 
 std::string time_text(double seconds) {
     constexpr double longest = 99 * 3600;
-    const auto whole = static_cast<int64_t>(std::min(std::ceil(seconds), longest));
+    const double shown = std::min(seconds, longest);
+    const int64_t whole = whole_of(shown) + (static_cast<double>(whole_of(shown)) < shown ? 1 : 0);
     return whole >= 3600 ? fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60)
                          : fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
@@ -60,7 +69,7 @@ std::string amount_text(const ProgressView &view) {
 std::vector<std::string> parts_of(const ProgressView &view) {
     std::vector<std::string> parts;
     if (view.total > 0) {
-        parts.push_back(fmt::format("{:3.0f}%", std::floor(fraction_of(view) * 100)));
+        parts.push_back(fmt::format("{:3}%", whole_of(fraction_of(view) * 100)));
     }
     parts.push_back(amount_text(view));
     if (view.rate) {
@@ -78,7 +87,7 @@ std::vector<std::string> parts_of(const ProgressView &view) {
 
 std::string bar(double fraction, int columns) {
     const int inside = columns - 2;
-    const auto filled = static_cast<size_t>(std::floor(fraction * inside));
+    const auto filled = static_cast<size_t>(whole_of(fraction * inside));
     std::string line(filled, '=');
     if (filled < static_cast<size_t>(inside)) {
         line += '>';
