@@ -6,6 +6,7 @@
 #include "tools/vexofileop/names.h"
 #include "tools/vexofileop/signals.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,6 +57,13 @@ std::string problem_text(const std::string &subject, const Problem &problem) {
                              : fmt::format("{}: {} ({})", subject, problem.reason, code_text(problem.code));
 }
 
+// Nothing is said about an entry that arrives, nothing is asked, and no failure keeps the rest from being copied: then
+// entries need not be copied one by one.
+bool needs_counts_alone(const BatchOptions &options) {
+    return options.transfer.operation == Operation::copy && !options.transfer.clone && !options.stopOnError &&
+           !options.verbose && !options.json;
+}
+
 } // namespace
 
 const char *word_of(Operation operation) {
@@ -80,9 +88,10 @@ Batch::Batch(const BatchOptions &options)
       m_files(options.transfer, {[this](int64_t bytes) { advance(bytes); }, [] { return stop_signal() != 0; },
                                  [this](const std::string &path) { return may_replace(path); }}),
       m_trees(
-          options.transfer.operation, m_files,
+          {options.transfer.operation, needs_counts_alone(options)}, m_files,
           {[this](EntryKind kind, const std::string &source, const Outcome &outcome) { entry(kind, source, outcome); },
-           [this] { return stopped(); }}) {}
+           [this](int files, int64_t bytes) { arrived(files, bytes); },
+           [this](int64_t bytes, bool newFile) { advance_in_tree(bytes, newFile); }, [this] { return stopped(); }}) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     begin(errands);
@@ -138,9 +147,19 @@ void Batch::entry(EntryKind kind, const std::string &source, const Outcome &outc
         m_copied += outcome.status == Status::done ? outcome.bytes : 0;
         m_behind += outcome.status == Status::done ? outcome.bytes : kind == EntryKind::file ? size_of(source) : 0;
         ++m_filesBehind;
-        m_bytes = m_behind;
+        m_bytes = std::max(m_bytes, m_behind);
     }
     report(kind, source, outcome);
+    advance(0);
+}
+
+// So many files and links of which nothing is to be said.
+void Batch::arrived(int files, int64_t bytes) {
+    m_entries[Status::done] += files;
+    m_copied += bytes;
+    m_behind += bytes;
+    m_filesBehind += files;
+    m_bytes = std::max(m_bytes, m_behind);
     advance(0);
 }
 
@@ -154,6 +173,9 @@ void Batch::report(EntryKind kind, const std::string &source, const Outcome &out
 }
 
 void Batch::report_problems(const std::string &source, const Outcome &outcome) {
+    if (outcome.status == Status::done && !outcome.problem && !outcome.warning && !outcome.ownerLost) {
+        return;
+    }
     const std::string both = arrow(source, outcome.destination);
     if (outcome.problem) {
         m_console.message(problem_text(outcome.problem->withSource ? displayed(source) : both, *outcome.problem));
@@ -265,7 +287,12 @@ std::string Batch::summary_line(size_t planned, int status) const {
 
 void Batch::advance(int64_t bytes) {
     m_bytes += bytes;
-    m_console.progress(m_bytes, m_filesBehind);
+    m_console.progress(m_bytes, std::max(m_filesBehind, m_filesBegun));
+}
+
+void Batch::advance_in_tree(int64_t bytes, bool newFile) {
+    m_filesBegun = newFile ? std::max(m_filesBehind, m_filesBegun) + 1 : m_filesBegun;
+    advance(bytes);
 }
 
 bool Batch::may_replace(const std::string &path) {

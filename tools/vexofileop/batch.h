@@ -38,6 +38,7 @@ class Batch {
     void begin(const std::vector<Errand> &errands);
     void one(const Errand &errand);
     void entry(EntryKind kind, const std::string &source, const Outcome &outcome);
+    void arrived(int files, int64_t bytes);
     void report(EntryKind kind, const std::string &source, const Outcome &outcome);
     void report_problems(const std::string &source, const Outcome &outcome);
     void verbose_line(const std::string &source, const Outcome &outcome);
@@ -47,6 +48,7 @@ class Batch {
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
     void advance(int64_t bytes);
+    void advance_in_tree(int64_t bytes, bool newFile);
     bool may_replace(const std::string &path);
     bool stopped() const;
     bool copies() const { return m_options.transfer.operation == Operation::copy; }
@@ -61,6 +63,7 @@ class Batch {
     bool m_failed = false;
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended
     int64_t m_filesBehind = 0; // the same, counted
+    int64_t m_filesBegun = 0;  // those, or of a tree that the library copies those that it has begun
     int64_t m_bytes = 0;       // the same with the part of the file under way
     int64_t m_copied = 0;      // what really arrived
 };

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <memory>
+#include <string_view>
 #include <strings.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -38,6 +39,38 @@ class Descriptor {
   private:
     int m_fd;
 };
+
+// Calls `task` with the open directory and each entry. False, with errno, when not all could be read.
+template <typename Task>
+bool visit(const std::string &directory, int flags, const Task &task) {
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | flags);
+    if (fd < 0) {
+        return false;
+    }
+    const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(fd));
+    if (stream == nullptr) {
+        const int number = errno;
+        ::close(fd);
+        errno = number;
+        return false;
+    }
+    errno = 0;
+    while (const dirent *const entry = ::readdir(stream.get())) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") {
+            task(fd, *entry);
+        }
+        errno = 0;
+    }
+    return errno == 0;
+}
+
+// For a volume that does not tell it along with the name.
+unsigned char type_of(int directory, const char *name) {
+    struct stat found {};
+    const bool there = ::fstatat(directory, name, &found, AT_SYMLINK_NOFOLLOW) == 0;
+    return there ? static_cast<unsigned char>(IFTODT(found.st_mode)) : static_cast<unsigned char>(DT_UNKNOWN);
+}
 
 bool same(const struct stat &left, const struct stat &right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
@@ -80,27 +113,19 @@ bool passes_through(const std::string &from, const struct stat &wanted) {
 } // namespace
 
 std::optional<std::vector<std::string>> names_in(const std::string &directory) {
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        return std::nullopt;
-    }
-    const std::unique_ptr<DIR, CloseDirectory> stream(::fdopendir(fd));
-    if (stream == nullptr) {
-        const int number = errno;
-        ::close(fd);
-        errno = number;
-        return std::nullopt;
-    }
     std::vector<std::string> names;
-    errno = 0;
-    while (const dirent *const entry = ::readdir(stream.get())) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
-        }
-        errno = 0;
-    }
-    return errno == 0 ? std::optional(std::move(names)) : std::nullopt;
+    const bool read = visit(directory, 0, [&](int, const dirent &entry) { names.emplace_back(entry.d_name); });
+    return read ? std::optional(std::move(names)) : std::nullopt;
+}
+
+std::optional<std::vector<Entry>> entries_in(const std::string &directory) {
+    std::vector<Entry> entries;
+    const auto add = [&](int fd, const dirent &entry) {
+        entries.push_back({entry.d_name, entry.d_type == DT_UNKNOWN ? type_of(fd, entry.d_name) : entry.d_type});
+    };
+    // A look that leaves no trace is for the owner and for root.
+    const bool read = visit(directory, O_NOATIME, add) || (errno == EPERM && visit(directory, 0, add));
+    return read ? std::optional(std::move(entries)) : std::nullopt;
 }
 
 Totals totals_of(const std::string &path, const std::function<bool()> &stopped) {
@@ -132,9 +157,13 @@ bool lies_in(const std::string &path, const std::string &directory) {
     return below == above || below.starts_with(above == "/" ? above : above + "/") || passes_through(from, wanted);
 }
 
+bool is_store_name(const std::string &name) {
+    return ::strcasecmp(name.c_str(), "@eaDir") == 0;
+}
+
 NameKind name_kind(const std::string &directory, const std::string &name, int volumeType) {
     if (VEXOEAIsHiddenDir(name.c_str()) == 1) {
-        return ::strcasecmp(name.c_str(), "@eaDir") == 0 ? NameKind::store : NameKind::system;
+        return is_store_name(name) ? NameKind::store : NameKind::system;
     }
     if (!name.starts_with("._")) {
         return NameKind::ordinary;

@@ -13,6 +13,13 @@ namespace tool {
 // followed. No descriptor stays open, so that the depth of a tree costs none.
 std::optional<std::vector<std::string>> names_in(const std::string &directory);
 
+// The same with what each entry is: DT_REG, DT_DIR …; DT_UNKNOWN for one that is gone again.
+struct Entry {
+    std::string name;
+    unsigned char type;
+};
+std::optional<std::vector<Entry>> entries_in(const std::string &directory);
+
 // What a tree holds for somebody who copies it: regular files and links, and the bytes of the files.
 struct Totals {
     int64_t files = 0, bytes = 0;
@@ -38,6 +45,9 @@ enum class NameKind {
 };
 // What a name in `directory`, on a volume of the type `volumeType`, is to a copy of the tree.
 NameKind name_kind(const std::string &directory, const std::string &name, int volumeType);
+
+// Whether a name is "@eaDir" to a volume that tells letter cases apart, or to one that does not.
+bool is_store_name(const std::string &name);
 
 // `directory` and a name in it.
 std::string joined(const std::string &directory, const std::string &name);

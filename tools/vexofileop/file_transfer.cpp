@@ -127,6 +127,13 @@ std::string fat_name(const std::string &path) {
     return VEXOStrReplaceFATReservedChar(path.c_str(), fixed, sizeof fixed) == 0 ? fixed : path;
 }
 
+bool finish_link(const struct stat &source, const std::string &destination) {
+    const bool owned = ::lchown(destination.c_str(), source.st_uid, source.st_gid) == 0;
+    const timespec times[] = {source.st_atim, source.st_mtim};
+    ::utimensat(AT_FDCWD, destination.c_str(), times, AT_SYMLINK_NOFOLLOW); // Not every volume keeps a link's times.
+    return owned;
+}
+
 struct FileTransfer::Attempt {
     const TransferHooks &hooks;
     std::string source, destination;
@@ -169,16 +176,18 @@ const FileTransfer::Directory &FileTransfer::directory_of(Directory &last, const
     return last;
 }
 
-Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry) {
+Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry,
+                          Surroundings around) {
     Attempt attempt{m_hooks, source, destination, entry};
     if (auto problem = check_source(attempt)) {
         return failure(destination, *problem);
     }
-    attempt.store = store_parts(source, directory_of(m_from, source).type);
+    attempt.store = store_parts(source, directory_of(m_from, source).type, around.sourceWithoutStore);
     if (auto problem = check_mac_attributes(attempt)) {
         return failure(destination, *problem);
     }
-    if (look(destination)) {
+    // In a new directory the copy finds out itself what is in its way. A move may replace it without a word.
+    if (!(around.destinationNew && m_options.operation == Operation::copy) && look(destination)) {
         if (auto outcome = resolve_conflict(attempt)) {
             return *outcome;
         }
@@ -373,17 +382,37 @@ Outcome FileTransfer::arrived(const Attempt &attempt, bool ownerLost) {
         // Only with a store: the renaming marks the file that a link leads to as changed.
         (void)VEXOEARename(attempt.source.c_str(), outcome.destination.c_str(), -1, 0);
     }
-    if (m_options.operation == Operation::move || !attempt.asItIs) {
-        outcome.warning = missing_metadata(attempt, outcome.destination);
-    }
-    if (attempt.macAttributes && m_options.operation == Operation::copy && !outcome.warning) {
-        outcome.warning = Problem{"copied without the attributes that a Mac has set"};
-    }
+    outcome.warning = missing_metadata(attempt, outcome.destination);
     return outcome;
 }
 
-// What the library could not carry of the store, which it takes for no failure.
+std::optional<Problem> FileTransfer::left_behind(const std::string &source, const std::string &destination) {
+    Attempt attempt{m_hooks, source, destination};
+    const Directory &from = directory_of(m_from, source);
+    attempt.store = store_parts(source, from.type);
+    attempt.macAttributes = from.mac && has_mac_attributes(source);
+    return missing_metadata(attempt, destination);
+}
+
+void FileTransfer::remember(const std::string &destination) {
+    if (const auto there = look(destination)) {
+        m_written.insert({there->st_dev, there->st_ino});
+    }
+}
+
 std::optional<Problem> FileTransfer::missing_metadata(const Attempt &attempt, const std::string &destination) {
+    std::optional<Problem> missing;
+    if (m_options.operation == Operation::move || !attempt.asItIs) {
+        missing = missing_parts(attempt, destination);
+    }
+    if (attempt.macAttributes && m_options.operation == Operation::copy && !missing) {
+        missing = Problem{"copied without the attributes that a Mac has set"};
+    }
+    return missing;
+}
+
+// What the library could not carry of the store, which it takes for no failure.
+std::optional<Problem> FileTransfer::missing_parts(const Attempt &attempt, const std::string &destination) {
     if (!attempt.store.any() || !parts_missing(attempt.store, destination, directory_of(m_to, destination).type)) {
         return std::nullopt;
     }
@@ -435,9 +464,7 @@ std::optional<Problem> FileTransfer::copy_link(Attempt &attempt) const {
     if ((attempt.replace ? replace_by_link(target, attempt.destination) : ::symlink(target, destination)) != 0) {
         return problem_of_errno(errno);
     }
-    attempt.ownerLost = ::lchown(destination, attempt.entry->st_uid, attempt.entry->st_gid) != 0;
-    const timespec times[] = {attempt.entry->st_atim, attempt.entry->st_mtim};
-    ::utimensat(AT_FDCWD, destination, times, AT_SYMLINK_NOFOLLOW); // Not every volume keeps a link's times.
+    attempt.ownerLost = !finish_link(*attempt.entry, attempt.destination);
     return std::nullopt;
 }
 

@@ -58,12 +58,27 @@ struct Outcome {
     std::optional<Problem> problem; // failed, and cancelled where that needs words
 };
 
+// What the caller knows of the two directories that a transfer goes from and to.
+struct Surroundings {
+    bool sourceWithoutStore = false; // no "@eaDir" beside the source
+    bool destinationNew = false;     // this run has made it, so that what stands there is an exception
+};
+
+// Gives a new link what the source has: its owner, for which the result says whether it went, and times.
+bool finish_link(const struct stat &source, const std::string &destination);
+
 class FileTransfer {
   public:
     FileTransfer(TransferOptions options, TransferHooks hooks) : m_options(options), m_hooks(std::move(hooks)) {}
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
-    Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {});
+    Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
+                Surroundings around = {});
+
+    // For a file that the library has copied without this: what the copy could not take along.
+    std::optional<Problem> left_behind(const std::string &source, const std::string &destination);
+    // It is not replaced by a later one of this run.
+    void remember(const std::string &destination);
 
   private:
     struct Attempt; // one file's state, shared with the library's callbacks
@@ -88,6 +103,7 @@ class FileTransfer {
     std::optional<Problem> move_as_it_is(Attempt &attempt) const;
     std::optional<Problem> copy_link(Attempt &attempt) const;
     std::optional<Problem> call_library(Attempt &attempt);
+    std::optional<Problem> missing_parts(const Attempt &attempt, const std::string &destination);
     std::optional<Problem> missing_metadata(const Attempt &attempt, const std::string &destination);
     uint32_t flags_for(const Attempt &attempt) const;
 

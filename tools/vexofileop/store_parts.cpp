@@ -13,6 +13,8 @@
 namespace tool {
 namespace {
 
+constexpr char kMetadataAttribute[] = "user.netatalk.Metadata";
+
 bool has_file(int result, const char *place) {
     struct stat found {};
     return result == 0 && ::lstat(place, &found) == 0;
@@ -24,15 +26,19 @@ bool keeps_apple_doubles(int type) {
 
 } // namespace
 
-StoreParts store_parts(const std::string &path, int volumeType) {
+bool has_metadata_attribute(const std::string &path) {
+    return ::lgetxattr(path.c_str(), kMetadataAttribute, nullptr, 0) > 0;
+}
+
+StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory) {
     char place[PATH_MAX] = "";
     const char *const name = path.c_str();
     if (keeps_apple_doubles(volumeType)) {
         return {.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place)};
     }
     StoreParts parts;
-    parts.attribute = ::lgetxattr(name, "user.netatalk.Metadata", nullptr, 0) > 0;
-    if (::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
+    parts.attribute = has_metadata_attribute(path);
+    if (noDirectory || ::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
         return parts;
     }
     parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);

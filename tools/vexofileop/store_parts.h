@@ -15,8 +15,11 @@ struct StoreParts {
     bool any() const { return stream || resource || appleDouble || attribute; }
 };
 
-// What is kept for `path`, on a volume of the type `volumeType`.
-StoreParts store_parts(const std::string &path, int volumeType);
+// What is kept for `path`, on a volume of the type `volumeType`. `noDirectory`: there is no "@eaDir" beside it.
+StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory = false);
+
+// Whether "user.netatalk.Metadata" of a file or directory has anything in it.
+bool has_metadata_attribute(const std::string &path);
 
 // Whether a part of `before` has no counterpart in what is there at `destination`. Volumes of native attributes (type
 // 7) are not judged: there every part can take any name.

@@ -68,15 +68,6 @@ void copy_dos_attributes(int fd, uint32_t attributes) {
 
 } // namespace
 
-// One directory on its way.
-struct TreeTransfer::Level {
-    std::string source, destination;
-    VLIBCStat status = {}; // of the source, before anything is done to it
-    bool made = false;     // the destination was not there before
-    bool macAttributes = false;
-    Outcome outcome = {};
-};
-
 void TreeTransfer::run(const std::string &source, const std::string &destination) {
     if (lies_in(destination, source)) {
         const bool move = m_move;
@@ -95,6 +86,8 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
         const std::unique_ptr<char, decltype(&std::free)> real(::realpath(source.c_str(), nullptr), &std::free);
         from = real == nullptr ? source : real.get();
     }
+    struct stat top {};
+    m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
     m_destinationType = VEXOGetFSType(parent_of(destination).c_str(), 0);
     directory(from, destination);
@@ -135,6 +128,7 @@ bool TreeTransfer::directory(const std::string &source, std::string destination)
     if (!make_destination(level)) {
         return false;
     }
+    level.hasStore = std::ranges::any_of(*names, is_store_name);
     bool complete = true;
     for (const std::string &name : *names) {
         if (m_hooks.stopped()) {
@@ -178,10 +172,15 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     struct stat status {};
     const auto found = ::lstat(source.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
     const EntryKind kind = kind_of_entry(found);
+    if (kind == EntryKind::directory && may_be_whole(level, status)) {
+        copy_whole(source, destination);
+        return true; // Only a move asks.
+    }
     if (kind == EntryKind::directory) {
         return directory(source, destination);
     }
-    const Outcome outcome = m_files.run(source, destination, found);
+    const Surroundings around{.sourceWithoutStore = !level.hasStore, .destinationNew = level.made};
+    const Outcome outcome = m_files.run(source, destination, found, around);
     tell(kind, source, outcome);
     return outcome.status == Status::done && !outcome.warning;
 }
@@ -220,9 +219,8 @@ bool TreeTransfer::make_destination(Level &level) {
     if (!level.made && !existing_destination(level)) {
         return false;
     }
-    struct stat there {};
-    if (::lstat(level.destination.c_str(), &there) == 0) {
-        m_made.insert({there.st_dev, there.st_ino});
+    if (::lstat(level.destination.c_str(), &level.there) == 0) {
+        m_made.insert({level.there.st_dev, level.there.st_ino});
     }
     return true;
 }
