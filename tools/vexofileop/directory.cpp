@@ -124,7 +124,11 @@ std::optional<std::vector<Entry>> entries_in(const std::string &directory) {
         entries.push_back({entry.d_name, entry.d_type == DT_UNKNOWN ? type_of(fd, entry.d_name) : entry.d_type});
     };
     // A look that leaves no trace is for the owner and for root.
-    const bool read = visit(directory, O_NOATIME, add) || (errno == EPERM && visit(directory, 0, add));
+    bool read = visit(directory, O_NOATIME, add);
+    if (!read && errno == EPERM) {
+        entries.clear();
+        read = visit(directory, 0, add);
+    }
     return read ? std::optional(std::move(entries)) : std::nullopt;
 }
 

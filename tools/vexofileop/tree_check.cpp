@@ -2,6 +2,7 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
+#include "tools/vexofileop/input.h"
 #include "tools/vexofileop/mac_attributes.h"
 #include "tools/vexofileop/store_parts.h"
 #include "tools/vexofileop/tree_transfer.h"
@@ -21,22 +22,6 @@ namespace tool {
 namespace {
 
 constexpr mode_t kPermissions = 0777, kAllModeBits = 07777;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    int get() const { return m_fd; }
-
-  private:
-    int m_fd;
-};
 
 // Volumes that keep names as they are, take links, and keep stores in "@eaDir".
 bool is_ordinary(int type) {

@@ -10,11 +10,10 @@
 // closed to everybody else until that is over, so that nobody can put a link in the way of what is still done in it.
 #pragma once
 
+#include "platform/core.h"
 #include "tools/vexofileop/directory.h"
 #include "tools/vexofileop/file_transfer.h"
 #include "tools/vexofileop/tree_call.h"
-
-#include "platform/core.h"
 
 #include <functional>
 #include <optional>
