@@ -59,7 +59,8 @@ std::string attributesOf(const std::string &path) {
 // Everything below a directory, an entry a line. What lies in an "@eaDir" has the mode and times of its making.
 void describe(const std::string &directory, const std::string &shown, std::vector<std::string> &lines) {
     for (const std::string &name : kit::namesIn(directory)) {
-        const std::string path = directory + "/" + name, as = shown + "/" + name;
+        const std::string below = "/" + name;
+        const std::string path = directory + below, as = shown + below;
         const struct stat status = kit::statOf(path);
         std::string line = as;
         const auto add = [&line](const std::string &word) { line += " " + word; };
