@@ -1,10 +1,12 @@
 // ACLs: copying, the archived Windows ACL, inheritance, and that of "@eaDir".
 #include "platform/acl.h"
 
+#include "support/fd.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <optional>
 #include <string>
 #include <sys/acl.h>
@@ -121,6 +123,54 @@ TEST_F(Acls, RealVolumesWithoutAcls) {
     ASSERT_EQ(0, ::chmod(there.c_str(), 0604));
     EXPECT_EQ(0, VEXOACLCopy(there.c_str(), src.c_str()));
     EXPECT_EQ("user::rw-,group::---,other::r--,", of(src));
+}
+
+// The destination is open for writing only, as the library has it.
+TEST_F(Acls, OpenFilesTakeTheSame) {
+    give(src, kRich);
+    const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(0, VEXOACLFCopy(from.get(), to.get()));
+    EXPECT_NE(std::string::npos, of(dst).find("user:1234:r--"));
+    EXPECT_EQ(of(src), of(dst));
+    ASSERT_EQ(0, ::removexattr(src.c_str(), "system.posix_acl_access"));
+    ASSERT_EQ(0, ::chmod(src.c_str(), 0640));
+    EXPECT_EQ(0, VEXOACLFCopy(from.get(), to.get()));
+    EXPECT_EQ("user::rw-,group::r--,other::---,", of(dst));
+}
+
+TEST_F(Acls, OpenFilesThatCannotHoldOneGetItsMode) {
+    const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(0, ::chmod(src.c_str(), 0604));
+    kit::Faults::failAlways("fsetxattr", EOPNOTSUPP, dst);
+    EXPECT_EQ(0, VEXOACLFCopy(from.get(), to.get()));
+    EXPECT_EQ(0604u, kit::statOf(dst).st_mode & 07777);
+}
+
+TEST_F(Acls, OpenDirectoriesAndWhatIsNotOpenAreRefused) {
+    const vexo::Fd one(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const vexo::Fd other(::open(scratch.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_EQ(-1, VEXOACLFCopy(one.get(), other.get()));
+    EXPECT_EQ(EISDIR, errno);
+    EXPECT_EQ(-1, VEXOACLFCopy(-1, other.get()));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, VEXOACLArchiveFCopy(one.get(), -1));
+    EXPECT_EQ(EBADF, errno);
+}
+
+TEST_F(Acls, TheArchivedOneOfOpenFilesIsCopiedOrTakenAway) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root for security attributes";
+    }
+    const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+    kit::setAttribute(src, "security.NTACL", "acl");
+    EXPECT_EQ(0, VEXOACLArchiveFCopy(from.get(), to.get()));
+    EXPECT_EQ("acl", kit::attribute(dst, "security.NTACL"));
+    ASSERT_EQ(0, ::removexattr(src.c_str(), "security.NTACL"));
+    EXPECT_EQ(0, VEXOACLArchiveFCopy(from.get(), to.get()));
+    EXPECT_EQ("", kit::attribute(dst, "security.NTACL"));
 }
 
 TEST_F(Acls, MissingFilesFail) {

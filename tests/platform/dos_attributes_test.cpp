@@ -2,6 +2,7 @@
 // place of the kernel's interface.
 #include "platform/core.h"
 
+#include "support/fd.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
@@ -274,6 +275,47 @@ TEST_F(DosAttributes, TimesAreSetAndReadBack) {
     EXPECT_EQ(1000000003, out.createTime.tv_sec);
     EXPECT_EQ(555555500, out.createTime.tv_nsec); // units of 100 ns
     EXPECT_EQ(0x4u, out.attributes);
+}
+
+// On a descriptor that is open for writing only, as the library has it.
+TEST_F(DosAttributes, OpenFilesTakeTheSame) {
+    const timespec times[3] = {{1000000001, 123456789}, {1000000002, 987654321}, {1000000003, 555555599}};
+    const vexo::Fd open(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(open);
+    EXPECT_EQ(0, VLIBCFileFUTime(open.get(), 3, times));
+    EXPECT_EQ(0, VLIBCKernelAttrFCall(open.get(), 522)); // locked
+    EXPECT_EQ(0, VLIBCKernelAttrFCall(open.get(), 514)); // archive
+    VLIBCStat out{};
+    ASSERT_EQ(0, VLIBCFileStat(file.c_str(), kEverything, &out));
+    EXPECT_EQ(1000000001, out.st.st_atim.tv_sec);
+    EXPECT_EQ(987654321, out.st.st_mtim.tv_nsec);
+    EXPECT_EQ(1000000003, out.createTime.tv_sec);
+    EXPECT_EQ(0x22u, out.attributes);
+    EXPECT_EQ(0, VLIBCKernelAttrFCall(open.get(), 521));
+    EXPECT_EQ(0x2u, word(file));
+}
+
+TEST_F(DosAttributes, OpenFilesThatAreNoneAreRefused) {
+    const timespec times[3] = {{1, 0}, {2, 0}, {3, 0}};
+    EXPECT_EQ(-1, VLIBCFileFUTime(-1, 3, times));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, VLIBCFileFUTime(0, 3, nullptr));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_EQ(-1, VLIBCFileFUTime(0, 1, times));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, VLIBCKernelAttrFCall(-1, 514));
+    EXPECT_EQ(EBADF, errno);
+    const vexo::Fd open(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(-1, VLIBCKernelAttrFCall(open.get(), 1));
+    EXPECT_EQ(EINVAL, errno);
+}
+
+TEST_F(DosAttributes, AnOpenFileOnAVolumeWithoutThemIsUnlocked) {
+    const vexo::Fd open(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    kit::Faults::failAlways("fgetxattr", EOPNOTSUPP);
+    EXPECT_EQ(0, VLIBCKernelAttrFCall(open.get(), 521));
+    EXPECT_EQ(-1, VLIBCKernelAttrFCall(open.get(), 522));
+    EXPECT_EQ(EOPNOTSUPP, errno);
 }
 
 TEST_F(DosAttributes, ACreationTimeBefore1970Survives) {
