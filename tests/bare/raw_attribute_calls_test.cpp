@@ -2,15 +2,12 @@
 #include "backup/backup.h"
 #include "ea/ea.h"
 #include "platform/core.h"
-#include "tests/bare/attribute_trap.h"
-#include "tests/bare/bare_platform.h"
+#include "tests/bare/bare_test.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
 
@@ -19,24 +16,17 @@ namespace {
 using bare::AttributeCall;
 using bare::AttributeTrap;
 
-class RawAttributeCalls : public ::testing::Test {
+class RawAttributeCalls : public bare::BareTest {
   protected:
-    static void SetUpTestSuite() { missing = AttributeTrap::install(); }
     void SetUp() override {
-        if (!missing.empty()) {
-            GTEST_SKIP() << "system calls cannot be trapped here: " << missing;
+        BareTest::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        AttributeTrap::reset();
-        bare::volumeType = 1;
-        ASSERT_NE(nullptr, ::mkdtemp(directory.data()));
         path = directory + "/file";
         std::ofstream(path) << "data";
         std::filesystem::create_directory(directory + "/@eaDir"); // the library would make it as root
         std::ofstream(directory + "/@eaDir/file@VexoEAStream") << "";
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
     }
     // Opens and closes a companion; the descriptor it had, or -1.
     int open(int oflag, int kind) const {
@@ -47,11 +37,8 @@ class RawAttributeCalls : public ::testing::Test {
         return fd;
     }
 
-    static std::string missing;
-    std::string directory = "/tmp/vexofileop-bare-XXXXXX";
     std::string path;
 };
-std::string RawAttributeCalls::missing;
 
 TEST_F(RawAttributeCalls, ArchiveIsSetByCall803) {
     EXPECT_EQ(0, EASetSmbArchive(path.c_str()));

@@ -1,14 +1,11 @@
 // Without the functions of open files a tree copy gives each file what belongs to it by its path.
 #include "copy/copy.h"
-#include "tests/bare/attribute_trap.h"
-#include "tests/bare/bare_platform.h"
+#include "tests/bare/bare_test.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
 #include <string>
 #include <sys/stat.h>
@@ -17,28 +14,17 @@ namespace {
 
 using bare::AttributeTrap;
 
-class BareTreeCopy : public ::testing::Test {
+class BareTreeCopy : public bare::BareTest {
   protected:
-    static void SetUpTestSuite() { missing = AttributeTrap::install(); }
     void SetUp() override {
-        if (!missing.empty()) {
-            GTEST_SKIP() << "system calls cannot be trapped here: " << missing;
+        BareTest::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        AttributeTrap::reset();
-        bare::calls.clear();
-        ASSERT_NE(nullptr, ::mkdtemp(directory.data()));
         std::filesystem::create_directory(directory + "/from");
         std::ofstream(directory + "/from/file") << "data";
     }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
-
-    static std::string missing;
-    std::string directory = "/tmp/vexofileop-bare-XXXXXX";
 };
-std::string BareTreeCopy::missing;
 
 TEST_F(BareTreeCopy, FunctionsOfPathsAreCalled) {
     const std::string from = directory + "/from";
