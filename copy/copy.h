@@ -446,8 +446,8 @@ int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCop
  *
  * A destination inside the source is not copied into itself: its top directory is passed over.
  *
- * A level of the tree takes one open descriptor, the one whose files are copied another, and little stack: a tree may
- * be as deep as a path of 4095 bytes.
+ * A level of the tree takes one open descriptor, and little stack: a tree may be as deep as a path of 4095 bytes. A
+ * file takes up to four more while it is copied.
  *
  * Codes of the directories, beside those of the files: 0x0D00 null argument; 0x0600 a volume's type cannot be read, or
  * the destination's parent is missing; 0x0300 permission; 0x0700 the source is missing; 0x6C00 EIO or ENXIO; 0x1100 the

@@ -89,7 +89,9 @@ int run_engine(const char *src, const char *dst, Records given, Mode mode, int32
     request.rename = rename_of(given.opt).or_else(rename_of(given.thr));
     request.isTooLarge = {is_too_large, nullptr};
     OptionsAndEx beside = {given.opt, given.ex};
-    request.moveData = read_write_data_of(&beside).or_else(read_write_data_of(given.thr)).or_else({copy_data, &given});
+    const auto moveData = read_write_data_of(&beside).or_else(read_write_data_of(given.thr));
+    request.moveData = moveData.or_else({copy_data, &given});
+    request.moveDataIsOurs = !moveData;
     request.renameMetadata = {rename_metadata, nullptr};
     request.copyMetadata = {copy_metadata, &given};
     return copy_file(request);

@@ -1,6 +1,5 @@
 // Opens a file with the assurance that it is a regular one.
 #include "copy/copy.h"
-#include "copy/open_regular.h"
 
 #include "support/fd.h"
 #include "support/guards.h"
@@ -34,15 +33,18 @@ int look_at(int fd, const char *path, struct stat *st, VLIBCStat *xst) {
 
 // A FIFO without its other end must not hold the copy up. A file under another process's lease says so instead of
 // waiting for it: that is waited for, as only regular files can be leased.
-int open_without_waiting(OpenAt where, int flags, mode_t mode) {
-    const int fd = ::openat(where.directory, where.name, flags | O_NONBLOCK, mode);
-    return fd < 0 && errno == EWOULDBLOCK ? ::openat(where.directory, where.name, flags, mode) : fd;
+int open_without_waiting(const char *path, int flags, mode_t mode) {
+    const int fd = ::open(path, flags | O_NONBLOCK, mode);
+    return fd < 0 && errno == EWOULDBLOCK ? ::open(path, flags, mode) : fd;
 }
 
 } // namespace
 
-int vexo::open_regular(OpenAt where, const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
-    Fd file(open_without_waiting(where, openFlags, mode));
+int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
+    if (path == nullptr || (st == nullptr && xst == nullptr)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    Fd file(open_without_waiting(path, openFlags, mode));
     if (!file) {
         return fail(Error::open, VEXO_HERE);
     }
@@ -53,11 +55,4 @@ int vexo::open_regular(OpenAt where, const char *path, int openFlags, mode_t mod
     const KeepErrno errnoOfTheFailure;
     file.reset();
     return -1;
-}
-
-int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
-    if (path == nullptr || (st == nullptr && xst == nullptr)) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
-    return open_regular({AT_FDCWD, path}, path, openFlags, mode, st, xst);
 }

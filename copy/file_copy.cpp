@@ -106,10 +106,11 @@ FileCopy::Next FileCopy::transfer_data() {
     return moved < 0 ? Next::failure : Next::success;
 }
 
-// A destination that this copy made in a tree is nobody else's: the steps after the data may work on the open file.
-// Volumes that write late have their say all the same, at the first close; here that follows.
+// A destination that this copy has made in a tree is nobody else's: the steps after the data may work on the open file.
+// Volumes that write late say what they could not at the first close, which comes next; those that set times at the
+// last one are left out.
 void FileCopy::keep_destination() {
-    if (m_madeInTree && m_dstFd) {
+    if (m_madeInTree && m_request.moveDataIsOurs && m_request.directory->timesStay) {
         const KeepErrno keep;
         m_keptDstFd.reset(::fcntl(m_dstFd.get(), F_DUPFD_CLOEXEC, 0));
     }

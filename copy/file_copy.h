@@ -6,7 +6,6 @@
 #include "support/callback.h"
 #include "support/file_ref.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -33,9 +32,7 @@ struct WalkedDirectory {
     dev_t device;
     int32_t type; // of the volume
     StoreSeen stores;
-    // The two directories, open for what is found in them, or -1; and the length of their paths.
-    int srcFd = -1, dstFd = -1;
-    size_t srcLength = 0, dstLength = 0;
+    bool timesStay; // the destination's volume sets no times when a file is closed
 };
 
 // What happens to an existing destination; any other value leaves it, except that a move by rename replaces it.
@@ -74,6 +71,7 @@ struct FileCopyRequest {
     // Never empty.
     Callback<int(const char *dst, int type, uint64_t size)> isTooLarge = {}; // 1, with the last error: it is
     Callback<int(const char *src, const char *dst, int *srcFd, int *dstFd, int64_t size)> moveData = {};
+    bool moveDataIsOurs = false; // and not a caller's, who may put other descriptors in the place of the two
 
     // Carry the extended-attribute store along, after a rename and after a copy. Empty: it stays where it is.
     Callback<int(const char *src, const char *dst, int srcType)> renameMetadata = {};

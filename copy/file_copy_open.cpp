@@ -2,7 +2,6 @@
 #include "copy/file_copy_steps.h"
 
 #include "copy/copy.h"
-#include "copy/open_regular.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
 
@@ -45,12 +44,6 @@ constexpr ErrnoRow kDestinationOpenErrors[] = {
            std::strcmp(first.fill(), second.fill()) == 0;
 }
 
-// Under the directory that a walk holds open, where the rest of the path is relative to it.
-OpenAt found_in(int directory, size_t directoryLength, const char *path) {
-    const char *const name = path + directoryLength + 1;
-    return directory < 0 || *name == '/' ? OpenAt{AT_FDCWD, path} : OpenAt{directory, name};
-}
-
 } // namespace
 
 FileCopy::Next FileCopy::fix_destination_name() {
@@ -73,10 +66,7 @@ FileCopy::Next FileCopy::fix_destination_name() {
 
 FileCopy::Next FileCopy::open_source() {
     errno = 0; // a source of another type leaves it alone, and an old one would be taken for the reason
-    const WalkedDirectory *const walked = m_request.directory;
-    const OpenAt where =
-        walked == nullptr ? OpenAt{AT_FDCWD, m_request.src} : found_in(walked->srcFd, walked->srcLength, m_request.src);
-    m_srcFd.reset(open_regular(where, m_request.src, O_RDONLY, 0644, nullptr, &m_srcStat));
+    m_srcFd.reset(VEXOCopyOpenAndCheckIsRegular(m_request.src, O_RDONLY, 0644, nullptr, &m_srcStat));
     const bool opened = static_cast<bool>(m_srcFd);
     if (confirm_source_type(opened) == Next::failure) {
         return Next::failure;
@@ -108,9 +98,7 @@ FileCopy::Next FileCopy::create_destination() {
     if (m_request.isTooLarge(m_dst, type, static_cast<uint64_t>(m_srcStat.st.st_size)) == 1) {
         return Next::step;
     }
-    const OpenAt where = found_in(m_request.directory->dstFd, m_request.directory->dstLength, m_dst);
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK;
-    m_dstFd.reset(::openat(where.directory, where.name, kFlags, m_srcStat.st.st_mode));
+    m_dstFd.reset(::open(m_dst, O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK, m_srcStat.st.st_mode));
     m_madeInTree = static_cast<bool>(m_dstFd);
     return Next::step;
 }

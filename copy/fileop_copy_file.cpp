@@ -80,7 +80,9 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
     request.isTooLarge = {is_too_large, args};
     Caller caller = {flags, args, directory, dst};
     request.srcStatus = &caller.srcStatus;
-    request.moveData = read_write_data_of(args).or_else({copy_data, &caller});
+    const auto moveData = read_write_data_of(args);
+    request.moveData = moveData.or_else({copy_data, &caller});
+    request.moveDataIsOurs = !moveData;
     if ((flags & kFileOpNoMetadata) == 0) {
         request.renameMetadata = {rename_metadata, nullptr};
         request.copyMetadata = {copy_metadata, &caller};

@@ -10,7 +10,6 @@
 #include "support/dir.h"
 #include "support/dos_attributes.h"
 #include "support/errno_table.h"
-#include "support/fd.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
@@ -20,10 +19,11 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
+#include <linux/magic.h>
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace vexo {
@@ -120,8 +120,6 @@ class TreeWalk {
     bool is_destination_root() const;
     StoreSeen look_for_stores() const;
     void look_up_directory(Level &level);
-    void open_directories(Level &level);
-    void close_destination(Level &level);
     Step walk(Level &level);
     Step walk_unreadable(Level &level);
     Step copy_entry(Level &level, const dirent &entry);
@@ -146,7 +144,6 @@ class TreeWalk {
     const TreeRequest &m_request;
     bool *m_cancelled;
     bool m_aborted = false;            // an unsupported link ends the whole tree, through every level
-    Fd m_dstDirectory;                 // of the level whose files are copied: one for all levels, to be sparing of them
     std::optional<struct stat> m_root; // the top directory of the destination
     PathBuffer m_src;
     PathBuffer m_dst;
@@ -397,9 +394,7 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
         case EntryType::directory:
             // The copy itself, which would be copied into itself without end, is passed over as special files are.
             passedOver = is_destination_root();
-            close_destination(level);
             result = passedOver ? -1 : copy_level();
-            m_dstDirectory.reset(); // that of the level below
             break;
         case EntryType::unreadable:
             if (m_request.stopOnError) {
@@ -419,6 +414,22 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
         return passedOver ? Step::next : Step::leave;
     }
     return after_entry(level, result);
+}
+
+// File systems of this kernel's own. Others, such as those of a server, may set a file's times when it is closed.
+bool keeps_times(const char *directory) {
+    constexpr uint32_t kXfs = 0x58465342;
+    constexpr uint32_t kOwn[] = {BTRFS_SUPER_MAGIC, EXT4_SUPER_MAGIC, TMPFS_MAGIC, kXfs};
+    struct statfs volume {};
+    if (::statfs(directory, &volume) != 0) {
+        return false;
+    }
+    for (const uint32_t magic : kOwn) {
+        if (magic == static_cast<uint32_t>(volume.f_type)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 StoreSeen TreeWalk::look_for_stores() const {
@@ -441,27 +452,7 @@ void TreeWalk::look_up_directory(Level &level) {
     const KeepErrors keep;
     const int type = VEXOGetFSType(src(), 0);
     if (type >= 0) {
-        level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores()};
-    }
-}
-
-// The files of a level are opened relative to its two directories, where those can be had.
-void TreeWalk::open_directories(Level &level) {
-    if (!level.known || m_dstDirectory || m_request.move) {
-        return;
-    }
-    const KeepErrno keep;
-    m_dstDirectory.reset(::open(dst(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    level.known->srcFd = ::dirfd(level.directory.get());
-    level.known->dstFd = m_dstDirectory.get();
-    level.known->srcLength = m_src.length();
-    level.known->dstLength = m_dst.length();
-}
-
-void TreeWalk::close_destination(Level &level) {
-    m_dstDirectory.reset();
-    if (level.known) {
-        level.known->dstFd = -1;
+        level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores(), keeps_times(dst())};
     }
 }
 
@@ -491,7 +482,6 @@ TreeWalk::Step TreeWalk::walk(Level &level) {
         }
         if (entry->d_type == DT_REG) {
             look_up_directory(level);
-            open_directories(level);
         }
         if (copy_entry(level, *entry) == Step::leave) {
             return Step::leave;

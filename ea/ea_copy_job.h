@@ -45,7 +45,7 @@ struct EaCopyJob {
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
     StoreSeen seen = StoreSeen::unknown;
-    bool nothingStored = false; // the source has no "@eaDir" and no metadata attribute: neither is looked for
+    bool nothingStored = false; // the source has no "@eaDir" and, where it could, no metadata attribute
 
     int srcFd = -1; // where the files are open
     int dstFd = -1;
@@ -78,7 +78,7 @@ inline constexpr int kHasEaStream = 2;
 int stream_presence(const FileRef &file, StoreSeen seen = StoreSeen::unknown);
 
 // Whether the "@eaDir" beside a path is certainly not there, so that nothing in it needs to be looked for: one look, or
-// none where a walk has looked already, in place of one for each companion, whose paths moreover depend on the volume's
+// none where a walk has seen enough, in place of one for each companion, whose paths moreover depend on the volume's
 // longest name. Leaves errno alone.
 bool has_no_ea_directory(const char *path, StoreSeen seen);
 

@@ -12,7 +12,7 @@ namespace vexo {
 enum class StoreSeen {
     unknown,
     neither, // nothing in one needs to be looked for
-    source,  // whether there is one needs not be asked
+    source,  // whether there is one need not be asked
 };
 
 // VEXOEACopyInternal, with what the caller has seen.

@@ -91,7 +91,7 @@ int set_mode(const FileRef &file, bool locked) {
     }
     const mode_t before = status.st_mode & 07777;
     const mode_t mode = locked ? before & ~kWriteBits : before | kWriteBits;
-    return ::chmod(file.path(), mode) == 0 ? 0 : fail(Error::file_operation, VEXO_HERE);
+    return file.change_mode(mode) == 0 ? 0 : fail(Error::file_operation, VEXO_HERE);
 }
 
 int set_flag(const FileRef &file, bool locked) {
@@ -135,8 +135,7 @@ int set_in_file_ea(const FileRef &file, bool noMetadata, bool locked) {
     if (found != 0) {
         return found < 0 ? -1 : 0;
     }
-    return set_afp_bit(metadata, locked) ? VEXOEAFileEAAdoubleFlush(metadata.raw, kMetadataAttributeSize, file.path())
-                                         : 0;
+    return set_afp_bit(metadata, locked) ? write_metadata_attribute(metadata.raw, kMetadataAttributeSize, file) : 0;
 }
 
 int write_lock(const EaCopyJob &job, bool locked) {

@@ -5,6 +5,7 @@
 #include "support/file_ref.h"
 #include "support/fs_type.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vexo {
@@ -19,5 +20,7 @@ constexpr bool keeps_metadata_attribute(int32_t type) {
 
 // VEXOEAFileEAAdoubleRead of a file that may be open.
 int read_metadata_attribute(const FileRef &file, VEXOEAAdouble *adouble);
+// VEXOEAFileEAAdoubleFlush of a file that may be open, with arguments that are in order.
+int write_metadata_attribute(const void *value, size_t size, const FileRef &file);
 
 } // namespace vexo

@@ -18,6 +18,7 @@ class FileRef {
     int fd() const { return m_fd; }
 
     int status(struct stat &out) const { return is_open() ? ::fstat(m_fd, &out) : ::stat(m_path, &out); }
+    int change_mode(mode_t mode) const { return is_open() ? ::fchmod(m_fd, mode) : ::chmod(m_path, mode); }
     ssize_t get_attribute(const char *name, void *value, size_t size) const {
         return is_open() ? ::fgetxattr(m_fd, name, value, size) : ::getxattr(m_path, name, value, size);
     }

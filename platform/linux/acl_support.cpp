@@ -12,10 +12,6 @@ int set_access_acl(const FileRef &file, const Acl &acl) {
                           : ::acl_set_file(file.path(), ACL_TYPE_ACCESS, acl.get());
 }
 
-int change_mode(const FileRef &file, mode_t mode) {
-    return file.is_open() ? ::fchmod(file.fd(), mode) : ::chmod(file.path(), mode);
-}
-
 } // namespace
 
 int give_access_acl(const FileRef &file, const Acl &acl) {
@@ -37,7 +33,7 @@ int give_access_acl(const FileRef &file, const Acl &acl) {
     constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
     return (found.st_mode & kPermissions) == permissions
                ? 0
-               : change_mode(file, (found.st_mode & 07777 & ~kPermissions) | permissions);
+               : file.change_mode((found.st_mode & 07777 & ~kPermissions) | permissions);
 }
 
 int give_default_acl(const char *path, const Acl &acl) {

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <sys/mount.h>
@@ -114,6 +116,70 @@ TEST_F(TreeLookups, FileOfAnotherVolumeIsAskedForItsOwnType) {
     EXPECT_EQ(0, std::count(calls.begin(), calls.end(), "VEXOGetFSType(" + from + "/one)"));
     EXPECT_EQ("elsewhere", kit::readFile(to + "/two"));
     EXPECT_EQ(0, ::umount((from + "/two").c_str()));
+}
+
+bool has(const std::vector<std::string> &calls, const std::string &call) {
+    return std::count(calls.begin(), calls.end(), call) > 0;
+}
+
+// Where no file system can set other times afterwards, the copy is worked on while it is open.
+TEST_F(TreeLookups, NewFilesAreFinishedOpenWhereTheirTimesStay) {
+    for (const bool open : {true, false}) {
+        std::filesystem::remove_all(to);
+        if (!open) {
+            kit::Faults::failAlways("statfs", EIO, to);
+        }
+        kit::Faults::record(true);
+        EXPECT_EQ(0, copy());
+        const std::vector<std::string> calls = kit::Faults::recorded();
+        kit::Faults::reset();
+        EXPECT_EQ(open, has(calls, "fsetxattr(" + to + "/one)"));
+        EXPECT_TRUE(has(calls, "setxattr(" + to + "/one)")); // which the kit counts for an open file too
+        EXPECT_EQ(kit::statOf(from + "/one").st_mtim.tv_nsec, kit::statOf(to + "/one").st_mtim.tv_nsec);
+    }
+}
+
+std::string other; // a file that has nothing to do with the copy
+
+TEST_F(TreeLookups, FilesThatACallbackPutsInPlaceAreOnlyClosed) {
+    other = scratch / "other";
+    kit::writeFile(other, "other", 0600);
+    const timespec past[] = {{1000000001, 0}, {1000000002, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, other.c_str(), past, 0));
+    kit::setAttribute(from + "/one", "user.mine", "one");
+    VEXOCopyArgsEx extra{};
+    extra.readWriteData = [](const char *, const char *, int *srcFd, int *dstFd, int64_t, VEXOCopyBareProgressFn,
+                             VEXOCopyBareIsCancelFn, VEXOCopyArgsEx *) {
+        const bool written = ::write(*dstFd, "mine", 4) == 4;
+        for (int *const slot : {srcFd, dstFd}) {
+            ::close(*slot);
+            *slot = ::open(other.c_str(), O_RDWR);
+        }
+        return written ? 0 : -1;
+    };
+    options.copyAcl = 1;
+    EXPECT_EQ(0, VEXOFileCopyDirectoryEx(from.c_str(), to.c_str(), &options, &extra));
+    EXPECT_EQ("mine", kit::readFile(to + "/one"));
+    EXPECT_EQ("one", kit::attribute(to + "/one", "user.mine"));
+    EXPECT_EQ(kit::statOf(from + "/one").st_mtim.tv_sec, kit::statOf(to + "/one").st_mtim.tv_sec);
+    EXPECT_EQ(1000000002, kit::statOf(other).st_mtim.tv_sec);
+    EXPECT_EQ(0600u, kit::statOf(other).st_mode & 07777);
+    EXPECT_EQ("", kit::attribute(other, "user.mine"));
+}
+
+TEST_F(TreeLookups, SourceThatMovesAwayIsNoCopyWithoutStreams) {
+    static std::string source;
+    source = from;
+    static int asked;
+    asked = 0;
+    options.isCancel = [] {
+        if (++asked == 2) {
+            ::rename(source.c_str(), (source + ".away").c_str());
+        }
+        return 0;
+    };
+    (void)copy();
+    EXPECT_EQ(2u, reported.size()) << "files that could no longer be opened";
 }
 
 } // namespace

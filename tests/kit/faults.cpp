@@ -266,11 +266,9 @@ FaultAnswer askFaultsOfFile(const char *function, int fd) {
 }
 
 namespace {
-// The path of an open file, and of a name in an open directory.
-std::string pathUnder(int fd, const char *name = nullptr) {
+std::string pathOfFile(int fd) {
     const Inside guard;
-    const std::string path = pathOf(nullptr, fd);
-    return name == nullptr ? path : path + "/" + name;
+    return pathOf(nullptr, fd);
 }
 
 // The next definition of a symbol behind this program's own.
@@ -364,23 +362,6 @@ extern "C" int open(const char *path, int flags, ...) {
     return real(path, flags, mode);
 }
 
-// Seen as open() of the whole path.
-extern "C" int openat(int directory, const char *path, int flags, ...) {
-    mode_t mode = 0;
-    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t);
-        va_end(arguments);
-    }
-    const std::string whole = directory == AT_FDCWD ? path : kit::pathUnder(directory, path);
-    if (const kit::FaultAnswer answer = kit::askFaults("open", whole.c_str(), -1); answer.decided) {
-        return static_cast<int>(answer.result);
-    }
-    static auto *const real = kit::next<int(int, const char *, int, ...)>("openat");
-    return real(directory, path, flags, mode);
-}
-
 extern "C" int stat(const char *path, struct stat *out) noexcept {
     if (const kit::FaultAnswer answer = kit::askFaults("stat", path, -1); answer.decided) {
         return static_cast<int>(answer.result);
@@ -435,7 +416,7 @@ extern "C" ssize_t fgetxattr(int fd, const char *name, void *value, size_t size)
         return answer.result;
     }
     static auto *const real = kit::next<ssize_t(int, const char *, void *, size_t)>("fgetxattr");
-    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str(), value, size)
+    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathOfFile(fd).c_str(), name).c_str(), value, size)
                                    : real(fd, name, value, size);
 }
 
@@ -445,7 +426,7 @@ extern "C" int fsetxattr(int fd, const char *name, const void *value, size_t siz
     }
     static auto *const real = kit::next<int(int, const char *, const void *, size_t, int)>("fsetxattr");
     return kit::hasNativeVolumes()
-               ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str(), value, size, flags)
+               ? real(fd, kit::keptName(kit::pathOfFile(fd).c_str(), name).c_str(), value, size, flags)
                : real(fd, name, value, size, flags);
 }
 
@@ -454,7 +435,8 @@ extern "C" int fremovexattr(int fd, const char *name) noexcept {
         return static_cast<int>(answer.result);
     }
     static auto *const real = kit::next<int(int, const char *)>("fremovexattr");
-    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathUnder(fd).c_str(), name).c_str()) : real(fd, name);
+    return kit::hasNativeVolumes() ? real(fd, kit::keptName(kit::pathOfFile(fd).c_str(), name).c_str())
+                                   : real(fd, name);
 }
 
 extern "C" ssize_t flistxattr(int fd, char *list, size_t size) noexcept {
@@ -464,7 +446,7 @@ extern "C" ssize_t flistxattr(int fd, char *list, size_t size) noexcept {
     static auto *const real = kit::next<ssize_t(int, char *, size_t)>("flistxattr");
     const ssize_t got = real(fd, list, size);
     return got > 0 && size > 0 && kit::hasNativeVolumes()
-               ? static_cast<ssize_t>(kit::shownNames(kit::pathUnder(fd).c_str(), list, static_cast<size_t>(got)))
+               ? static_cast<ssize_t>(kit::shownNames(kit::pathOfFile(fd).c_str(), list, static_cast<size_t>(got)))
                : got;
 }
 
