@@ -66,7 +66,9 @@ FileCopy::Next FileCopy::fix_destination_name() {
 
 FileCopy::Next FileCopy::open_source() {
     errno = 0; // a source of another type leaves it alone, and an old one would be taken for the reason
-    m_srcFd.reset(VEXOCopyOpenAndCheckIsRegular(m_request.src, O_RDONLY, 0644, nullptr, &m_srcStat));
+    // What a walk has seen as a file may be a link by now, to where the owner of the tree may not look.
+    const int flags = O_RDONLY | (m_request.directory != nullptr ? O_NOFOLLOW : 0);
+    m_srcFd.reset(VEXOCopyOpenAndCheckIsRegular(m_request.src, flags, 0644, nullptr, &m_srcStat));
     const bool opened = static_cast<bool>(m_srcFd);
     if (confirm_source_type(opened) == Next::failure) {
         return Next::failure;

@@ -111,7 +111,7 @@ class TreeWalk {
     int copy_level(bool isTop = false);
     Rename move_by_rename();
     int finish_rename();
-    int open_source(Level &level);
+    int open_source(Level &level, bool isTop);
     int fix_destination_name();
     int stat_source(Level &level);
     int make_destination(Level &level);
@@ -190,8 +190,10 @@ int TreeWalk::finish_rename() {
     return 0;
 }
 
-int TreeWalk::open_source(Level &level) {
-    level.directory = Dir(src());
+// What was a directory when its entry was read may be a link by now, to where its owner may not look. The top may be
+// one.
+int TreeWalk::open_source(Level &level, bool isTop) {
+    level.directory = isTop ? Dir(src()) : Dir::of_no_link(src());
     if (level.directory) {
         return 0;
     }
@@ -583,7 +585,8 @@ int TreeWalk::copy_level(bool isTop) {
         }
     }
     Level level;
-    if (open_source(level) < 0 || fix_destination_name() < 0 || stat_source(level) < 0 || make_destination(level) < 0) {
+    if (open_source(level, isTop) < 0 || fix_destination_name() < 0 || stat_source(level) < 0 ||
+        make_destination(level) < 0) {
         return -1;
     }
     if (isTop) {

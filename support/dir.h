@@ -1,7 +1,10 @@
 // Owner of a directory stream.
 #pragma once
 
+#include "support/fd.h"
+
 #include <dirent.h>
+#include <fcntl.h>
 
 namespace vexo {
 
@@ -10,6 +13,15 @@ class Dir {
     Dir() = default;
     explicit Dir(DIR *stream) : m_stream(stream) {}
     explicit Dir(const char *path) : m_stream(::opendir(path)) {}
+    // A link at the end of the path is not followed: ENOTDIR or ELOOP.
+    static Dir of_no_link(const char *path) {
+        Fd fd(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        Dir directory(fd ? ::fdopendir(fd.get()) : nullptr);
+        if (directory) {
+            (void)fd.release(); // the stream's now
+        }
+        return directory;
+    }
     Dir(Dir &&other) noexcept : m_stream(other.m_stream) { other.m_stream = nullptr; }
     Dir &operator=(Dir &&other) noexcept {
         if (this != &other) {

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -165,6 +166,37 @@ TEST_F(TreeLookups, FilesThatACallbackPutsInPlaceAreOnlyClosed) {
     EXPECT_EQ(1000000002, kit::statOf(other).st_mtim.tv_sec);
     EXPECT_EQ(0600u, kit::statOf(other).st_mode & 07777);
     EXPECT_EQ("", kit::attribute(other, "user.mine"));
+}
+
+// Whoever owns the tree could have root copy what he may not read.
+TEST_F(TreeLookups, EntriesThatBecomeLinksMeanwhileAreNotFollowed) {
+    const std::string secret = scratch / "secret";
+    ASSERT_EQ(0, ::mkdir(secret.c_str(), 0700));
+    kit::writeFile(secret + "/inside", "secret");
+    ASSERT_EQ(0, ::mkdir((from + "/sub").c_str(), 0755));
+    kit::writeFile(from + "/sub/own", "own");
+    kit::Faults::add({.function = "open", .path = "/from/two", .before = [&] {
+                          ::unlink((from + "/two").c_str());
+                          ASSERT_EQ(0, ::symlink((secret + "/inside").c_str(), (from + "/two").c_str()));
+                      }});
+    kit::Faults::add({.function = "open", .path = "/from/sub", .before = [&] {
+                          std::filesystem::remove_all(from + "/sub");
+                          ASSERT_EQ(0, ::symlink(secret.c_str(), (from + "/sub").c_str()));
+                      }});
+    options.stopOnError = 0;
+    (void)copy();
+    EXPECT_EQ((std::set<std::pair<std::string, uint32_t>>{{from + "/two", 0x8000}, {from + "/sub", 0x8000}}),
+              (std::set<std::pair<std::string, uint32_t>>(reported.begin(), reported.end())));
+    EXPECT_FALSE(kit::exists(to + "/two"));
+    EXPECT_FALSE(kit::exists(to + "/sub"));
+    EXPECT_EQ("/one", kit::readFile(to + "/one"));
+}
+
+TEST_F(TreeLookups, SourceThatIsALinkIsFollowed) {
+    const std::string link = scratch / "link";
+    ASSERT_EQ(0, ::symlink(from.c_str(), link.c_str()));
+    EXPECT_EQ(0, VEXOFileCopyDirectory(link.c_str(), to.c_str(), &options));
+    EXPECT_EQ("/two", kit::readFile(to + "/two"));
 }
 
 TEST_F(TreeLookups, SourceThatMovesAwayIsNoCopyWithoutStreams) {

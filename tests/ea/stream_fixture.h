@@ -31,6 +31,7 @@ class StreamFile : public kit::Behaviour {
     VEXOEAS *open(int lockType = F_WRLCK) {
         VEXOEAS *eas = VEXOEASOpen(fd, lockType);
         EXPECT_NE(nullptr, eas) << std::hex << VLIBCErrGet();
+        lastOpened = eas;
         return eas;
     }
     static int write(VEXOEAS *eas, const std::string &name, const std::string &value, uint32_t offset = 0,
@@ -63,4 +64,5 @@ class StreamFile : public kit::Behaviour {
 
     std::string path;
     int fd = -1;
+    VEXOEAS *lastOpened = nullptr; // so that memcheck finds it in a child, too, which ends with it open
 };

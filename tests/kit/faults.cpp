@@ -358,6 +358,9 @@ extern "C" int open(const char *path, int flags, ...) {
     if (const kit::FaultAnswer answer = kit::askFaults("open", path, -1); answer.decided) {
         return static_cast<int>(answer.result);
     }
+    if ((flags & O_DIRECTORY) != 0 && kit::askFaults("opendir", path, -1).decided) {
+        return -1;
+    }
     static auto *const real = kit::next<int(const char *, int, ...)>("open");
     return real(path, flags, mode);
 }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <iterator>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -29,12 +30,17 @@ bool is_ordinary(int type) {
     return std::ranges::find(types, type) != std::end(types);
 }
 
-// Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have no number
-// here. Root may be refused too: by a server, or where it is root of a container alone.
-bool gives_owners(const char *directory) {
+// Whether owners can be given, and modes do not stand in the way: the library makes a read-only directory before what
+// goes into it. Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have
+// no number here. Root may be refused too: by a server, or where it has not all of root's rights, as in a container.
+bool has_all_rights(const char *directory) {
     constexpr uid_t nobody = 65534;
     const Descriptor file(::open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-    return file.get() >= 0 && ::fchown(file.get(), nobody, nobody) == 0;
+    if (file.get() < 0 || ::fchown(file.get(), nobody, nobody) != 0 || ::fchmod(file.get(), 0) != 0) {
+        return false;
+    }
+    const std::string again = fmt::format("/proc/self/fd/{}", file.get());
+    return Descriptor(::open(again.c_str(), O_WRONLY | O_CLOEXEC)).get() >= 0;
 }
 
 // Where two names of the source may be one, the walk tells which of them is in the way.
@@ -78,7 +84,7 @@ int64_t size_of(const std::string &path) {
 // A directory is handed over when nobody else can reach its destination and nothing stands there yet.
 bool TreeTransfer::may_be_whole(const Level &level, const struct stat &found) {
     return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && is_ordinary(m_sourceType) &&
-           carries_all(level);
+           !m_sourceKeepsMac && carries_all(level);
 }
 
 // Whether the destination's volume takes everything that a source can have, asked once a volume.
@@ -86,8 +92,8 @@ bool TreeTransfer::carries_all(const Level &level) {
     const char *const directory = level.destination.c_str();
     const dev_t device = level.there.st_dev;
     if (!m_carryAll.contains(device) && !m_carryLess.contains(device)) {
-        const bool all = ::geteuid() == 0 && is_ordinary(VEXOGetFSType(directory, 0)) && gives_owners(directory) &&
-                         keeps_names_apart(directory) && !keeps_mac_attributes(level.source);
+        const bool all = ::geteuid() == 0 && is_ordinary(VEXOGetFSType(directory, 0)) && has_all_rights(directory) &&
+                         keeps_names_apart(directory);
         (all ? m_carryAll : m_carryLess).insert(device);
     }
     return m_carryAll.contains(device);
@@ -144,7 +150,7 @@ std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const Tre
                       &level.status) != 0) {
         return unreadable();
     }
-    const auto entries = entries_in(level.source);
+    auto entries = entries_in(level.source);
     if (!entries) {
         return unreadable();
     }
@@ -154,16 +160,15 @@ std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const Tre
         types.insert({std::move(copy.name), copy.type});
     }
     Found found;
-    for (const Entry &entry : *entries) {
-        sort_entry(level, entry, types, call, found);
+    for (Entry &entry : *entries) {
+        sort_entry(level, std::move(entry), types, call, found);
     }
     return found;
 }
 
 // Believes a success only when it can be seen: an entry has arrived when one of its name and type is there and the
 // library has not reported it.
-void TreeTransfer::sort_entry(Level &level, const Entry &entry, const Types &types, const TreeCall &call,
-                              Found &found) const {
+void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const {
     const NameKind kind = name_kind(level.source, entry.name, m_sourceType);
     if (kind == NameKind::store) {
         level.hasStore = true;
@@ -178,7 +183,7 @@ void TreeTransfer::sort_entry(Level &level, const Entry &entry, const Types &typ
                                       : entry.type == DT_LNK ? found.links
                                       : entry.type == DT_DIR ? found.directories
                                                              : found.rest;
-    names.push_back(entry.name);
+    names.push_back(std::move(entry.name));
 }
 
 // Files are there; what may not be is what is kept for them.

@@ -89,6 +89,7 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     struct stat top {};
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
+    m_sourceKeepsMac = keeps_mac_attributes(from);
     m_destinationType = VEXOGetFSType(parent_of(destination).c_str(), 0);
     directory(from, destination);
 }

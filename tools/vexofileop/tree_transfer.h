@@ -83,7 +83,7 @@ class TreeTransfer {
     void copy_whole(const std::string &source, const std::string &destination);
     void check(const std::string &source, const std::string &destination, const TreeCall &call);
     std::optional<Found> compare(Level &level, const TreeCall &call);
-    void sort_entry(Level &level, const Entry &entry, const Types &types, const TreeCall &call, Found &found) const;
+    void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;
     void check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown);
     void check_link(const std::string &source, const std::string &destination);
     void copy_rest(const Level &level, const Found &found);
@@ -96,6 +96,7 @@ class TreeTransfer {
     TreeHooks m_hooks;
     int m_sourceType = -1, m_destinationType = -1; // of the two volumes
     dev_t m_sourceDevice = 0;
+    bool m_sourceKeepsMac = false;            // the source's volume may hold what no copy carries
     std::set<std::pair<dev_t, ino_t>> m_made; // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;  // volumes that were asked whether they carry everything
     bool m_checking = false;
