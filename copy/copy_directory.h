@@ -22,6 +22,10 @@ int look_up_directory_kinds(const char *src, const char *dst, DirectoryKinds *ki
 int copy_file_of_directory(const char *src, const char *dst, VEXOCopyOpt *opt, int dstType, VEXOCopyArgsEx *ex,
                            const WalkedDirectory *directory);
 
+// The same for VEXOFileReflinkCopy.
+int clone_file_of_directory(const char *src, const char *dst, VEXOCopyOpt *opt, VEXOCopyArgsEx *ex,
+                            const WalkedDirectory *directory);
+
 // The worker behind the exported directory copies. `cancelled` becomes true when the cancel callback stopped it, which
 // is a 0 too.
 int copy_directory(const char *src, const char *dst, int srcKind, int dstKind, VEXOCopyOpt *opt, VEXOCopyArgsEx *ex,

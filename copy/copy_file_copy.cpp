@@ -130,14 +130,19 @@ int VEXOFileCopyEx(const char *src, const char *dst, VEXOCopyOpt *opt, VEXOCopyA
     return after(result, opt, src, dst);
 }
 
-int VEXOFileReflinkCopy(const char *src, const char *dst, VEXOCopyOpt *opt, VEXOCopyArgsEx *ex) {
+int vexo::clone_file_of_directory(const char *src, const char *dst, VEXOCopyOpt *opt, VEXOCopyArgsEx *ex,
+                                  const WalkedDirectory *directory) {
     int result = 0;
     {
         const UmaskGuard fullModes(0);
         result = replaces_copy(ex) ? ex->copyFile(src, dst, opt, kUnknownType, kUnknownType, kSpare, ex)
-                                   : run_engine(src, dst, {.opt = opt, .ex = ex}, Mode::clone);
+                                   : run_engine(src, dst, {.opt = opt, .ex = ex, .directory = directory}, Mode::clone);
     }
     return after(result, opt, src, dst);
+}
+
+int VEXOFileReflinkCopy(const char *src, const char *dst, VEXOCopyOpt *opt, VEXOCopyArgsEx *ex) {
+    return clone_file_of_directory(src, dst, opt, ex, nullptr);
 }
 
 int VEXOFileCopy_r(const char *src, const char *dst, VEXOCopyOptR *optR, VEXOCopyTHRArgs *thr) {

@@ -37,7 +37,7 @@ int copy_regular_file(void *data, const char *src, const char *dst, const Walked
         return caller.ex->copyFile(src, dst, caller.opt, kLookUp, caller.dstKind, 0, caller.ex);
     }
     if ((caller.flags & kCloneFlag) != 0) {
-        return VEXOFileReflinkCopy(src, dst, caller.opt, caller.ex);
+        return clone_file_of_directory(src, dst, caller.opt, caller.ex, directory);
     }
     return copy_file_of_directory(src, dst, caller.opt, caller.dstKind, caller.ex, directory);
 }
