@@ -123,13 +123,13 @@ void Command::add_flag(const char *names, bool &value, const char *text) const {
     m_app->add_flag(names, value, text);
 }
 
-Option Command::add_value(const char *name, const char *placeholder, const char *text) const {
-    return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(placeholder));
+Option Command::add_value(const char *name, const char *valueName, const char *text) const {
+    return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName));
 }
 
-void Command::add_number(const char *name, const char *placeholder, int &value, int least, int most,
+void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,
                          const char *text) const {
-    m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(placeholder);
+    m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName);
 }
 
 Option Command::add_operands(const char *name, const char *usage) const {

@@ -42,9 +42,9 @@ class Command {
     void require_command() const;
     Option add_flag(const char *names, const char *text) const;
     void add_flag(const char *names, bool &value, const char *text) const;
-    // The help calls the value `placeholder`.
-    Option add_value(const char *name, const char *placeholder, const char *text) const;
-    void add_number(const char *name, const char *placeholder, int &value, int least, int most, const char *text) const;
+    // The help calls the value `valueName`.
+    Option add_value(const char *name, const char *valueName, const char *text) const;
+    void add_number(const char *name, const char *valueName, int &value, int least, int most, const char *text) const;
     // Any number of them, which the usage line of the help calls `usage`.
     Option add_operands(const char *name, const char *usage) const;
     // What ends the help.
