@@ -1,7 +1,7 @@
 // The setters of the record that rides beside a VEXOCopyOpt.
 #include "copy/copy.h"
 
-#include "copy/slots.h"
+#include "copy/engine/slots.h"
 #include "support/report.h"
 
 #include <cstdio>

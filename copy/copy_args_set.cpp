@@ -1,7 +1,7 @@
 // The setters of the file operations' record.
 #include "copy/copy.h"
 
-#include "copy/slots.h"
+#include "copy/engine/slots.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,8 +1,8 @@
 // Moving the contents of a shared folder to another volume.
 #include "copy/copy.h"
 
-#include "copy/copy_directory.h"
-#include "copy/relocation.h"
+#include "copy/engine/copy_directory.h"
+#include "copy/engine/relocation.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,13 +1,13 @@
 // The single-file copies that an option structure drives: VEXOFileCopy and its siblings. All of them fill one request
-// for the engine of copy/file_copy.h.
+// for the engine of copy/engine/file_copy.h.
 #include "copy/copy.h"
 
-#include "copy/callbacks.h"
-#include "copy/copy_directory.h"
-#include "copy/copy_file_fd.h"
-#include "copy/file_copy.h"
+#include "copy/engine/callbacks.h"
+#include "copy/engine/copy_directory.h"
+#include "copy/engine/copy_file_fd.h"
+#include "copy/engine/file_copy.h"
+#include "ea/carry/known.h"
 #include "ea/ea.h"
-#include "ea/ea_copy_known.h"
 #include "support/guards.h"
 #include "support/report.h"
 

@@ -1,8 +1,8 @@
 // Copying or moving a directory tree: the front doors that take a VEXOCopyOpt and a VEXOCopyArgsEx.
-#include "copy/copy_directory.h"
+#include "copy/engine/copy_directory.h"
 
-#include "copy/callbacks.h"
-#include "copy/tree_copy.h"
+#include "copy/engine/callbacks.h"
+#include "copy/engine/tree_copy.h"
 #include "ea/ea.h"
 #include "platform/sdk.h"
 #include "support/errno_table.h"

@@ -1,8 +1,9 @@
 // Descriptor copies whose callbacks come from the records of the copy engine.
-#include "copy/copy_file_fd.h"
+#include "copy/engine/copy_file_fd.h"
 
-#include "copy/transfer.h"
+#include "copy/engine/callbacks.h"
 #include "support/report.h"
+#include "transfer/transfer.h"
 
 using namespace vexo;
 
@@ -13,7 +14,7 @@ int _VEXOCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyOpt *opt, VEXOCo
         .isCancel = opt != nullptr ? cancel_of(opt) : cancel_of(thr),
         .getReadSize = read_size_of(ex).or_else(read_size_of(thr)),
     };
-    return transfer(srcFd, dstFd, size, callbacks, VEXO_SOURCE, srcStatus);
+    return transfer(srcFd, dstFd, size, callbacks, kDescriptorCopySource, srcStatus);
 }
 
 int VEXOCopyFileFdEx(int srcFd, int dstFd, int64_t size, VEXOCopyBareProgressFn progress,

@@ -1,7 +1,7 @@
 // The setters of the record of callbacks with user data.
 #include "copy/copy.h"
 
-#include "copy/slots.h"
+#include "copy/engine/slots.h"
 #include "support/report.h"
 
 using namespace vexo;

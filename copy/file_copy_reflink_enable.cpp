@@ -1,7 +1,7 @@
 // Turns the appliance's switch for clone copies on or off.
 #include "copy/copy.h"
 
-#include "copy/reflink_config.h"
+#include "copy/engine/reflink_config.h"
 #include "support/report.h"
 
 using namespace vexo;

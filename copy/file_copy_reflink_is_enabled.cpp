@@ -1,7 +1,7 @@
 // Whether the appliance's switch for clone copies is on.
 #include "copy/copy.h"
 
-#include "copy/reflink_config.h"
+#include "copy/engine/reflink_config.h"
 
 using namespace vexo;
 

@@ -1,12 +1,12 @@
 // The single-file copy that a flag word and a VEXOCopyArgs drive, for the file-operation services.
 #include "copy/copy.h"
 
-#include "copy/callbacks.h"
-#include "copy/file_copy.h"
-#include "copy/fileop_copy.h"
-#include "copy/fileop_flags.h"
+#include "copy/engine/callbacks.h"
+#include "copy/engine/file_copy.h"
+#include "copy/engine/fileop_copy.h"
+#include "copy/engine/fileop_flags.h"
+#include "ea/carry/known.h"
 #include "ea/ea.h"
-#include "ea/ea_copy_known.h"
 #include "support/guards.h"
 #include "support/report.h"
 

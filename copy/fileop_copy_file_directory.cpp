@@ -1,11 +1,11 @@
 // Copying, moving or relocating a directory tree by a flag word and a VEXOCopyArgs.
 #include "copy/copy.h"
 
-#include "copy/callbacks.h"
-#include "copy/fileop_copy.h"
-#include "copy/fileop_flags.h"
-#include "copy/relocation.h"
-#include "copy/tree_copy.h"
+#include "copy/engine/callbacks.h"
+#include "copy/engine/fileop_copy.h"
+#include "copy/engine/fileop_flags.h"
+#include "copy/engine/relocation.h"
+#include "copy/engine/tree_copy.h"
 #include "ea/ea.h"
 #include "platform/sdk.h"
 #include "support/errno_table.h"

@@ -1,8 +1,9 @@
 // Descriptor copy whose callbacks come from the record of the file operations.
-#include "copy/fileop_copy.h"
+#include "copy/engine/fileop_copy.h"
 
-#include "copy/transfer.h"
+#include "copy/engine/callbacks.h"
 #include "support/report.h"
+#include "transfer/transfer.h"
 
 using namespace vexo;
 

@@ -1,48 +1,7 @@
-// A destination path that a volume of the FAT family takes: the characters it reserves replaced in the last component.
 #include "copy/copy.h"
 
-#include "support/heap.h"
-#include "support/report.h"
-
-#include <cstddef>
-#include <cstdio>
-#include <cstring>
-#include <libgen.h>
-#include <string_view>
-
-using namespace vexo;
-
-namespace {
-
-constexpr std::string_view kReserved = "\"*/:<>?\\|\n\r";
-
-void replace_reserved(char *component) {
-    for (char *at = component; *at != '\0'; ++at) {
-        if (kReserved.find(*at) != std::string_view::npos) {
-            *at = '-';
-        }
-    }
-}
-
-} // namespace
+#include "transfer/fat_name.h"
 
 int VEXOStrReplaceFATReservedChar(const char *path, char *out, int size) {
-    if (out == nullptr || size < 1 || path == nullptr) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
-    if (path[0] != '/' || path[1] == '\0') {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
-    // basename() and dirname() write into their argument, so each has its own.
-    HeapString forComponent(path);
-    HeapString forParent(path);
-    if (!forComponent || !forParent) {
-        return fail(Error::out_of_memory, VEXO_HERE);
-    }
-    char *component = ::basename(forComponent.get());
-    const char *parent = ::dirname(forParent.get());
-    replace_reserved(component);
-    const char *above = std::strcmp(parent, "/") == 0 ? "" : parent;
-    std::snprintf(out, static_cast<size_t>(size), "%s/%s", above, component);
-    return 0;
+    return vexo::replace_fat_reserved(path, out, size);
 }

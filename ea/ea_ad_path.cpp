@@ -1,7 +1,7 @@
 // The path of a file's AppleDouble companion, "._<base>" beside it.
 #include "ea/ea.h"
 
-#include "ea/path_copy.h"
+#include "ea/names/path_copy.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,7 +1,7 @@
 // Parses an AppleDouble header, wherever it was read from.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
+#include "ea/double/format.h"
 #include "support/report.h"
 
 using namespace vexo;

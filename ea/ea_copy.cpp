@@ -1,9 +1,9 @@
 // Carrying everything that belongs to a file from one path to another, whatever the two volumes keep it in.
 #include "ea/ea.h"
 
-#include "ea/ea_copy_job.h"
-#include "ea/ea_copy_known.h"
-#include "ea/metadata_attribute.h"
+#include "ea/carry/job.h"
+#include "ea/carry/known.h"
+#include "ea/double/metadata_attribute.h"
 #include "platform/sdk.h"
 #include "support/dos_attributes.h"
 #include "support/guards.h"

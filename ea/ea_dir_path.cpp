@@ -1,7 +1,7 @@
 // The path of the directory that holds the companions of a file, or of the file's own directory in it.
 #include "ea/ea.h"
 
-#include "ea/path_copy.h"
+#include "ea/names/path_copy.h"
 #include "support/report.h"
 
 #include <cerrno>

@@ -1,8 +1,8 @@
 // Reads the header at the start of a file's resource file.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
-#include "ea/resource_path.h"
+#include "ea/double/format.h"
+#include "ea/double/resource_path.h"
 #include "support/fd.h"
 
 #include <array>

@@ -1,10 +1,10 @@
 // Writes Finder Info into a resource file: through a stream handle, and for a file by its path.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
-#include "ea/resource_path.h"
-#include "ea/store.h"
-#include "ea/stream_handle.h"
+#include "ea/double/format.h"
+#include "ea/double/resource_path.h"
+#include "ea/names/store.h"
+#include "ea/stream/handle.h"
 #include "support/fd.h"
 #include "support/guards.h"
 

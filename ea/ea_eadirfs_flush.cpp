@@ -1,9 +1,9 @@
 // Stores the header at the start of a file's resource file.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
-#include "ea/companion.h"
-#include "ea/resource_path.h"
+#include "ea/double/format.h"
+#include "ea/double/resource_path.h"
+#include "ea/names/companion.h"
 #include "support/fd.h"
 #include "support/guards.h"
 

@@ -1,8 +1,8 @@
 // Reads the metadata attribute of a file.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
-#include "ea/metadata_attribute.h"
+#include "ea/double/format.h"
+#include "ea/double/metadata_attribute.h"
 #include "support/report.h"
 
 #include <array>

@@ -2,11 +2,11 @@
 // it must be done again, and doing it.
 #include "ea/ea.h"
 
-#include "ea/adouble_format.h"
-#include "ea/metadata_attribute.h"
-#include "ea/resource_path.h"
-#include "ea/store.h"
-#include "ea/stream_handle.h"
+#include "ea/double/format.h"
+#include "ea/double/metadata_attribute.h"
+#include "ea/double/resource_path.h"
+#include "ea/names/store.h"
+#include "ea/stream/handle.h"
 #include "platform/sdk.h"
 #include "support/fd.h"
 #include "support/report.h"

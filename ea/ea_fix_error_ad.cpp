@@ -2,7 +2,7 @@
 // the resource file is written anew without them.
 #include "ea/ea.h"
 
-#include "ea/ea_copy_job.h"
+#include "ea/carry/job.h"
 #include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"

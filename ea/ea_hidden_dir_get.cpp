@@ -1,7 +1,7 @@
 // The names of the hidden directories, for callers that walk trees themselves.
 #include "ea/ea.h"
 
-#include "ea/hidden_names.h"
+#include "ea/names/hidden_names.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,7 +1,7 @@
 // Whether a name, or the last component of an absolute path, is one of the hidden directories.
 #include "ea/ea.h"
 
-#include "ea/hidden_names.h"
+#include "ea/names/hidden_names.h"
 #include "support/heap.h"
 #include "support/report.h"
 

@@ -1,7 +1,7 @@
 // Whether a name is one that is not user data: a veto file, or what Apple clients leave beside a user's files.
 #include "ea/ea.h"
 
-#include "ea/hidden_names.h"
+#include "ea/names/hidden_names.h"
 
 using namespace vexo;
 

@@ -1,7 +1,7 @@
 // Whether a name is one that no client is shown: a hidden directory, "." and "..", the photo index.
 #include "ea/ea.h"
 
-#include "ea/hidden_names.h"
+#include "ea/names/hidden_names.h"
 
 using namespace vexo;
 

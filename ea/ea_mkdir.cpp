@@ -2,7 +2,7 @@
 // there: as root, open to all, and with the ACL that such directories have.
 #include "ea/ea.h"
 
-#include "ea/argument.h"
+#include "ea/names/argument.h"
 #include "platform/acl.h"
 #include "platform/sdk.h"
 #include "support/fs_type.h"

@@ -2,7 +2,7 @@
 // the volume can hide it.
 #include "ea/ea.h"
 
-#include "ea/companion.h"
+#include "ea/names/companion.h"
 #include "platform/sdk.h"
 #include "support/dos_attributes.h"
 #include "support/fs_type.h"

@@ -1,7 +1,7 @@
 // Opens a companion of a file in its "@eaDir", making the directory where the companion may be created.
 #include "ea/ea.h"
 
-#include "ea/companion.h"
+#include "ea/names/companion.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 

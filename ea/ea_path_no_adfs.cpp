@@ -2,9 +2,9 @@
 // directory's own.
 #include "ea/ea.h"
 
-#include "ea/path_copy.h"
-#include "ea/short_name.h"
-#include "ea/stream_path.h"
+#include "ea/names/path_copy.h"
+#include "ea/names/short_name.h"
+#include "ea/names/stream_path.h"
 #include "support/report.h"
 
 #include <cerrno>

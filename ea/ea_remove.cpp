@@ -2,8 +2,8 @@
 // there, and an "@eaDir" that was left empty.
 #include "ea/ea.h"
 
-#include "ea/remove_tree.h"
-#include "ea/store.h"
+#include "ea/files/remove_tree.h"
+#include "ea/names/store.h"
 #include "platform/sdk.h"
 #include "support/dir.h"
 #include "support/guards.h"

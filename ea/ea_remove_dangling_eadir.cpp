@@ -2,7 +2,7 @@
 // "@eaDir" goes.
 #include "ea/ea.h"
 
-#include "ea/store.h"
+#include "ea/names/store.h"
 #include "support/dir.h"
 #include "support/heap.h"
 #include "support/report.h"

@@ -2,7 +2,7 @@
 // "._" file.
 #include "ea/ea.h"
 
-#include "ea/store.h"
+#include "ea/names/store.h"
 #include "platform/sdk.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"

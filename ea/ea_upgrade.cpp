@@ -2,9 +2,9 @@
 // streams with ":", into the current one.
 #include "ea/ea.h"
 
-#include "ea/ea_copy_job.h"
-#include "ea/store.h"
-#include "ea/stream_handle.h"
+#include "ea/carry/job.h"
+#include "ea/names/store.h"
+#include "ea/stream/handle.h"
 #include "support/big_endian.h"
 #include "support/dir.h"
 #include "support/dos_attributes.h"

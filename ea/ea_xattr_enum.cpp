@@ -1,8 +1,8 @@
 // Lists the attributes that the file system itself keeps for a file.
 #include "ea/ea.h"
 
-#include "ea/argument.h"
-#include "ea/xattr_list.h"
+#include "ea/files/xattr_list.h"
+#include "ea/names/argument.h"
 #include "support/heap.h"
 
 #include <cerrno>

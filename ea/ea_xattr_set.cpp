@@ -1,8 +1,8 @@
 // Gives a file an attribute; the resource fork is one by name.
 #include "ea/ea.h"
 
-#include "ea/argument.h"
-#include "ea/resource_fork.h"
+#include "ea/double/resource_fork.h"
+#include "ea/names/argument.h"
 
 #include <sys/xattr.h>
 

@@ -1,7 +1,7 @@
 // Frees a stream handle and releases its lock; the descriptor stays the caller's.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <cstdlib>

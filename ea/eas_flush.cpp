@@ -1,7 +1,7 @@
 // Makes a stream file's changes durable.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <unistd.h>

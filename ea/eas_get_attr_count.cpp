@@ -1,8 +1,8 @@
 // Counts a stream file's attributes without reading its records.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
-#include "ea/stream_handle.h"
+#include "ea/stream/file.h"
+#include "ea/stream/handle.h"
 #include "support/report.h"
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Which of a header's two entries is the Finder Info.
 #include "ea/ea.h"
 
-#include "ea/eas_format.h"
+#include "ea/stream/format.h"
 #include "support/report.h"
 
 using namespace vexo;

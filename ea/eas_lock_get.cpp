@@ -1,7 +1,7 @@
 // Asks who holds a lock on a stream file.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // Takes, changes or releases the lock on a whole stream file, without ever waiting for it.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // Moves the resource fork inside a stream file.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
 // Opens a stream file: takes its lock, reads header and records.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
-#include "ea/eas_format.h"
-#include "ea/stream_handle.h"
+#include "ea/stream/file.h"
+#include "ea/stream/format.h"
+#include "ea/stream/handle.h"
 #include "support/report.h"
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // Reads an attribute's value, or a piece of it.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // Finds an attribute in a stream handle by its name.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 #include <cstring>

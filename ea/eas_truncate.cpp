@@ -1,8 +1,8 @@
 // Changes the length of an attribute's value.
 #include "ea/ea.h"
 
-#include "ea/eas_change.h"
-#include "ea/eas_file.h"
+#include "ea/stream/change.h"
+#include "ea/stream/file.h"
 #include "support/heap.h"
 #include "support/report.h"
 

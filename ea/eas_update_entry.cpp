@@ -1,8 +1,8 @@
 // Takes a value out of the value area: a building block of the writers, for callers that edit a stream themselves.
 #include "ea/ea.h"
 
-#include "ea/eas_change.h"
-#include "ea/eas_file.h"
+#include "ea/stream/change.h"
+#include "ea/stream/file.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,9 +1,9 @@
 // Writes an attribute, or a piece of it, into a stream file.
 #include "ea/ea.h"
 
-#include "ea/eas_change.h"
-#include "ea/eas_file.h"
-#include "ea/eas_format.h"
+#include "ea/stream/change.h"
+#include "ea/stream/file.h"
+#include "ea/stream/format.h"
 #include "support/heap.h"
 #include "support/report.h"
 

@@ -1,8 +1,8 @@
 // Writes a stream file's header and records.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
-#include "ea/eas_format.h"
+#include "ea/stream/file.h"
+#include "ea/stream/format.h"
 #include "support/report.h"
 
 using namespace vexo;

@@ -1,8 +1,8 @@
 // Copies every attribute of one stream file into another.
 #include "ea/ea.h"
 
-#include "ea/eas_file.h"
-#include "ea/stream_handle.h"
+#include "ea/stream/file.h"
+#include "ea/stream/handle.h"
 #include "support/heap.h"
 #include "support/report.h"
 

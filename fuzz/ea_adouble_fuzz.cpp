@@ -1,6 +1,6 @@
 // The AppleDouble record: whatever the bytes, parsing stays inside them, and a record that was accepted keeps what its
 // reader relies on and is written back to bytes that read the same.
-#include "ea/adouble_format.h"
+#include "ea/double/format.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // Shortening a name. Input: the limit, the name.
-#include "ea/short_name.h"
+#include "ea/names/short_name.h"
 #include "fuzz/input.h"
 
 #include <vector>

@@ -4,7 +4,7 @@
 // What must hold of every file: an operation that fails leaves it byte for byte as it was; one that succeeds has done
 // what was asked, other attributes keep their values, and the file opens again.
 #include "ea/ea.h"
-#include "ea/stream_handle.h"
+#include "ea/stream/handle.h"
 #include "fuzz/input.h"
 #include "support/fd.h"
 

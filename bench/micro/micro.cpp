@@ -3,7 +3,7 @@
 //     valgrind --tool=callgrind --toggle-collect='VEXOEASSearch' build/release/bench/micro
 //     --benchmark_filter=SearchFirst/10
 #include "ea/ea.h"
-#include "ea/short_name.h"
+#include "ea/names/short_name.h"
 
 #include <array>
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
 // Callbacks made from the records' slots: bare or with data, absent or empty.
-#include "copy/callbacks.h"
+#include "copy/engine/callbacks.h"
 
 #include <gtest/gtest.h>
 #include <string>

@@ -1,5 +1,5 @@
 // Clones on a real btrfs volume, and what happens where there can be none.
-#include "copy/clone.h"
+#include "copy/engine/clone.h"
 
 #include "tests/kit/behaviour.h"
 

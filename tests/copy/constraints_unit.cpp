@@ -1,5 +1,5 @@
 // The free-space check before a large copy.
-#include "copy/constraints.h"
+#include "copy/engine/constraints.h"
 
 #include "tests/kit/behaviour.h"
 

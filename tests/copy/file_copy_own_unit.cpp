@@ -1,5 +1,5 @@
 // The single-file engine driven by a request of its own.
-#include "copy/file_copy.h"
+#include "copy/engine/file_copy.h"
 
 #include "tests/kit/behaviour.h"
 

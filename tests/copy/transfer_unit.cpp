@@ -1,5 +1,5 @@
 // Where the descriptor copy of the copy engine takes its callbacks from.
-#include "copy/copy_file_fd.h"
+#include "copy/engine/copy_file_fd.h"
 
 #include "tests/kit/behaviour.h"
 

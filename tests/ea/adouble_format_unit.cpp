@@ -1,5 +1,5 @@
 // The AppleDouble header as bytes: what is written for a layout, and that what is written reads back.
-#include "ea/adouble_format.h"
+#include "ea/double/format.h"
 
 #include "tests/ea/adouble_bytes.h"
 

@@ -1,6 +1,6 @@
 // The AppleDouble conversion, with the results and modes that the copies do not show.
-#include "ea/ea_copy_job.h"
-#include "ea/remove_tree.h"
+#include "ea/carry/job.h"
+#include "ea/files/remove_tree.h"
 #include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 

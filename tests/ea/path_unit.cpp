@@ -1,6 +1,6 @@
 // Shortening a name, and the limit it must keep, as pure functions over bytes.
-#include "ea/path_copy.h"
-#include "ea/short_name.h"
+#include "ea/names/path_copy.h"
+#include "ea/names/short_name.h"
 
 #include <gtest/gtest.h>
 #include <string>

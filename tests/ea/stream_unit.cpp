@@ -1,5 +1,5 @@
 // Header and records, to and from bytes.
-#include "ea/eas_format.h"
+#include "ea/stream/format.h"
 #include "tests/ea/stream_bytes.h"
 
 #include <array>

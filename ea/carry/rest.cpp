@@ -1,0 +1,211 @@
+// The last stage of carrying what belongs to a file: the other entries of its own directory in "@eaDir" (pictures and
+// the like that other services keep there), and what a move leaves behind.
+#include "ea/carry/job.h"
+
+#include "ea/ea.h"
+#include "support/dir.h"
+#include "support/guards.h"
+#include "support/path_buffer.h"
+#include "support/report.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace vexo {
+namespace {
+
+constexpr mode_t kStoreMode = 0777;
+
+bool is_directory(const char *path) {
+    struct stat status;
+    return ::stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// What became of an entry.
+enum class Outcome { carried, failed, left_alone };
+
+Outcome copy_failed(const char *from, const char *to) {
+    VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to cp -f %s to %s. %m", from, to);
+    return Outcome::failed;
+}
+
+Outcome make_accessible(const char *to) {
+    if (::chmod(to, kStoreMode) != 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to chmod %s. %m", to);
+    }
+    return Outcome::carried;
+}
+
+Outcome carry_by_callback(const EaCopyJob &job, const char *from, const char *to) {
+    if (job.copyFile(from, to) < 0) {
+        return copy_failed(from, to);
+    }
+    if (::chmod(to, kStoreMode) != 0) {
+        if (job.copyFileOfFileOperation) {
+            VEXO_LOG_DEBUG(VEXO_EA_COPY_HERE, "Fail to chmod %s. (%m)", to);
+        } else {
+            VEXO_LOG_DEBUG(VEXO_EA_COPY_HERE, "Failed to chmod %s", to);
+        }
+    }
+    return Outcome::carried;
+}
+
+Outcome carry_across_devices(const char *from, const char *to) {
+    if (copy_store_file(from, to) != 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to mv %s to %s. %m", from, to);
+        return Outcome::left_alone;
+    }
+    ::unlink(from); // what is still there then is removed and reported like every carried entry
+    return make_accessible(to);
+}
+
+Outcome carry_entry(const EaCopyJob &job, const char *from, const char *to) {
+    if (job.copyFile) {
+        return carry_by_callback(job, from, to);
+    }
+    if (job.move) {
+        if (::rename(from, to) == 0) {
+            return make_accessible(to);
+        }
+        return errno == EXDEV ? carry_across_devices(from, to) : copy_failed(from, to);
+    }
+    return copy_store_file(from, to) < 0 ? copy_failed(from, to) : make_accessible(to);
+}
+
+bool is_regular(const dirent &entry, const char *path) {
+    if (entry.d_type != DT_UNKNOWN) {
+        return entry.d_type == DT_REG;
+    }
+    struct stat status;
+    return ::lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// false: an entry was left alone or not seen, so the directory that holds it stays.
+bool carry_entries(const EaCopyJob &job, Dir &directory, const char *from, const char *to) {
+    bool complete = true;
+    PathBuffer source;
+    PathBuffer destination;
+    const dirent *entry = nullptr;
+    for (errno = 0; (entry = directory.read()) != nullptr; errno = 0) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        source.join(from, name);
+        destination.join(to, name);
+        if (!is_regular(*entry, source.c_str())) {
+            continue;
+        }
+        if (source.overflowed() || destination.overflowed()) {
+            errno = ENAMETOOLONG;
+            (void)copy_failed(source.c_str(), destination.c_str());
+            complete = false;
+            continue;
+        }
+        if (carry_entry(job, source.c_str(), destination.c_str()) == Outcome::left_alone) {
+            complete = false;
+            continue;
+        }
+        if (job.move) { // also after a failed copy: a moved file leaves nothing of its own behind
+            (void)remove_source_tree(source.c_str());
+        }
+    }
+    return complete && errno == 0;
+}
+
+void remove_source_directory(const EaCopyJob &job, const char *directory) {
+    if (job.keepsSourceDirectory()) {
+        return;
+    }
+    const KeepErrors keep;
+    (void)remove_source_tree(directory);
+    (void)EARemoveEADir(directory);
+}
+
+int carry_directory(const EaCopyJob &job) {
+    if (job.nothingStored) {
+        return 0;
+    }
+    PathBuffer from;
+    PathBuffer to;
+    if (VEXOEADirPath(kPerFileDirectory, job.src, from.fill(), PathBuffer::kUsable) < 0) {
+        return -1;
+    }
+    if (!is_directory(from.c_str())) {
+        if (job.move && !job.keepsSourceDirectory()) {
+            const KeepErrors keep;
+            (void)EARemoveEADir(from.c_str());
+        }
+        return 0;
+    }
+    if (prepare_ea_directory(kPerFileDirectory, job.dst, to) < 0) {
+        if (job.move) {
+            remove_source_directory(job, from.c_str());
+        }
+        return -1;
+    }
+    Dir directory(from.c_str());
+    if (!directory) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to opendir %s, reason = %m.", from.c_str());
+        return -1;
+    }
+    if (carry_entries(job, directory, from.c_str(), to.c_str()) && job.move) {
+        remove_source_directory(job, from.c_str());
+    }
+    return 0;
+}
+
+// Types on which a file that was moved to an AppleDouble destination leaves no directory behind.
+bool drops_directory(int code) {
+    return code == 1 || code == 10 || code == 19;
+}
+
+// A move from "@eaDir" into a "._" file: what was converted is removed here.
+int leave_ea_directory(const EaCopyJob &job) {
+    PathBuffer resource;
+    if (VEXOEAPath(kCurrentLayout, job.src, kResourceStream, resource.fill(), PathBuffer::kUsable, kStreamCompanion) <
+        0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path of %s.", job.src);
+        return -1;
+    }
+    if (drops_directory(job.srcCode)) {
+        PathBuffer stream;
+        PathBuffer directory;
+        if (VEXOEAPath(kCurrentLayout, job.src, kEaStream, stream.fill(), PathBuffer::kUsable, kStreamCompanion) == 0) {
+            ::unlink(stream.c_str());
+        }
+        if (!job.fullDirectory &&
+            VEXOEADirPath(kPerFileDirectory, job.src, directory.fill(), PathBuffer::kUsable) == 0) {
+            (void)remove_source_tree(directory.c_str());
+        }
+    }
+    if (::unlink(resource.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+        set_error(Error::file_operation, VEXO_EA_COPY_HERE);
+    }
+    if (job.fullDirectory) {
+        return carry_directory(job);
+    }
+    if (!job.keepsSourceDirectory()) {
+        const KeepErrors keep;
+        (void)EARemoveEADir(resource.c_str());
+    }
+    return 0;
+}
+
+} // namespace
+
+int carry_rest(const EaCopyJob &job) {
+    const bool appleDouble = job.srcKind() == StoreKind::apple_double || job.dstKind() == StoreKind::apple_double;
+    if (!appleDouble) {
+        return carry_directory(job);
+    }
+    if (job.move && job.srcKind() == StoreKind::ea_directory && job.dstKind() == StoreKind::apple_double) {
+        return leave_ea_directory(job);
+    }
+    return job.fullDirectory ? carry_directory(job) : 0;
+}
+
+} // namespace vexo
