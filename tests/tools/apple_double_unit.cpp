@@ -1,5 +1,5 @@
 // Reading AppleDouble bytes for people: the first bad field has a name, and nothing outside the bytes is read.
-#include "tools/vexofileop/apple_double.h"
+#include "tools/engine/store/apple_double.h"
 
 #include <gtest/gtest.h>
 

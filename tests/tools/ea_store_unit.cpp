@@ -1,9 +1,9 @@
 // What a file has in its store, on volumes that no machine here has: Apple's names as native attributes, resource forks
 // that the file system shows.
-#include "tools/vexofileop/ea_store.h"
+#include "tools/engine/store/store.h"
 
 #include "tests/kit/behaviour.h"
-#include "tools/vexofileop/failure.h"
+#include "tools/engine/report/failure.h"
 
 namespace {
 

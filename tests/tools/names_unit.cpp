@@ -1,10 +1,10 @@
 // Names as people and programs see them, paths, the error table and JSON.
-#include "tools/vexofileop/commands.h"
-#include "tools/vexofileop/error_table.h"
-#include "tools/vexofileop/json.h"
-#include "tools/vexofileop/names.h"
-#include "tools/vexofileop/parser.h"
-#include "tools/vexofileop/paths.h"
+#include "tools/engine/report/error_table.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/parser.h"
+#include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/output/json.h"
 
 #include "support/error_codes.h"
 #include "tests/kit/scratch.h"

@@ -1,8 +1,8 @@
 // Commands over several paths: counts, messages, and the end at a signal.
-#include "tools/vexofileop/path_work.h"
+#include "tools/vexofileop/commands/path_work.h"
 
-#include "tools/vexofileop/failure.h"
-#include "tools/vexofileop/signals.h"
+#include "tools/engine/report/failure.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <csignal>
 #include <gtest/gtest.h>

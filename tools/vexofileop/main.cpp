@@ -1,8 +1,8 @@
 // vexofileop: what the library does for services, from a shell.
-#include "tools/vexofileop/commands.h"
-#include "tools/vexofileop/console.h"
-#include "tools/vexofileop/paths.h"
-#include "tools/vexofileop/signals.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/terminal/console.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <algorithm>
 #include <cstdio>
