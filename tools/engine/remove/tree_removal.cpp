@@ -3,14 +3,10 @@
 #include "ea/ea.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
-#include "tools/engine/report/error_table.h"
-#include "tools/engine/report/names.h"
+#include "tools/engine/store/store_names.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
-#include "tools/vexofileop/commands/batch.h"
-#include "tools/vexofileop/commands/commands.h"
-#include "tools/vexofileop/output/json.h"
-#include "tools/vexofileop/terminal/signals.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -19,39 +15,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
-// A directory that is open while its entries are removed: they are reached through it, so that nobody can put a link
-// into the path meanwhile.
-class OpenDirectory {
-  public:
-    OpenDirectory(int parent, const char *name) : m_fd(::openat(parent, name, kFlags)) {}
-    OpenDirectory(const OpenDirectory &) = delete;
-    OpenDirectory &operator=(const OpenDirectory &) = delete;
-    ~OpenDirectory() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    int get() const { return m_fd; }
-
-  private:
-    static constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    int m_fd;
-};
-
-const char *event_word(mode_t mode) {
-    return S_ISDIR(mode) ? "directory" : S_ISLNK(mode) ? "link" : S_ISREG(mode) ? "file" : "other";
-}
-
-bool is_refused(const std::string &given) {
-    std::string name = given;
-    while (name.size() > 1 && name.ends_with('/')) {
-        name.pop_back();
-    }
-    const std::string base = base_name(name);
-    return base.empty() || base == "." || base == "..";
+bool is_refused(const std::string &path) {
+    const std::string name = base_name(path);
+    return name.empty() || name == "..";
 }
 
 } // namespace
@@ -65,29 +34,19 @@ struct TreeRemoval::Entry {
     bool metadata = false; // belongs to another entry: neither asked about nor counted
 };
 
-bool TreeRemoval::stopped() const {
-    return stop_signal() != 0 || (m_options.stopOnError && m_failed > 0);
-}
-
-int TreeRemoval::run(const std::vector<std::string> &paths) {
-    raise_descriptor_limit();
-    for (const std::string &given : paths) {
-        if (stopped()) {
-            break;
-        }
-        operand(given);
-    }
-    return finish();
-}
-
-void TreeRemoval::operand(const std::string &given) {
-    const std::string path = absolute_path(given);
+void TreeRemoval::run(const std::string &given) {
+    const bool slash = given.size() > 1 && given.ends_with('/');
+    const bool itself = given.ends_with("/.");
+    std::string path = given.substr(0, given.size() - (itself ? 2 : slash ? 1 : 0));
+    path = path.empty() ? "/" : path;
     Entry entry{AT_FDCWD, base_name(path), path, -1};
-    if (is_refused(given) || path == "/") {
+    if (itself || is_refused(path)) {
         failed(entry, {"refused; \"/\", \".\" and \"..\" are never removed"});
         return;
     }
-    const OpenDirectory parent(AT_FDCWD, (parent_of(path) + "/.").c_str());
+    // Open while entries are removed: they are reached through it, so that nobody can put a link into the path
+    // meanwhile.
+    const Descriptor parent = open_directory(AT_FDCWD, parent_of(path) + "/.");
     struct stat found {};
     if (parent.get() < 0 || ::fstatat(parent.get(), entry.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
         if (!m_options.force || (errno != ENOENT && errno != ENOTDIR)) {
@@ -95,7 +54,7 @@ void TreeRemoval::operand(const std::string &given) {
         }
         return;
     }
-    if (given.ends_with('/') && !S_ISDIR(found.st_mode)) {
+    if (slash && !S_ISDIR(found.st_mode)) {
         failed(entry, {fmt::format("is {}, not a directory; give it without the slash",
                                    S_ISREG(found.st_mode) ? "a file" : kind_of(found.st_mode))});
         return;
@@ -111,24 +70,24 @@ bool TreeRemoval::remove(const Entry &entry) {
     if (S_ISDIR(entry.mode)) {
         return remove_directory(entry);
     }
-    return confirmed(entry, "remove {}?") && unlink(entry, 0);
+    return confirmed(entry, RemovalQuestion::entry) && unlink(entry, 0);
 }
 
 bool TreeRemoval::remove_directory(const Entry &entry) {
     if (!m_options.recursive) {
-        return failed(entry, {"is a directory; -r removes it with everything in it"});
+        return failed(entry, problem_of_directory());
     }
-    const OpenDirectory directory(entry.parent, entry.name.c_str());
+    const Descriptor directory = open_directory(entry.parent, entry.name);
     if (directory.get() < 0) {
         return failed(entry, problem_of_errno(errno));
     }
-    if (!confirmed(entry, "go into the directory {}?")) {
+    if (!confirmed(entry, RemovalQuestion::into_directory)) {
         return false;
     }
     if (!empty(entry, directory.get())) {
         return false; // said of the entry that stays
     }
-    return confirmed(entry, "remove the directory {}?") && unlink(entry, AT_REMOVEDIR);
+    return confirmed(entry, RemovalQuestion::directory) && unlink(entry, AT_REMOVEDIR);
 }
 
 bool TreeRemoval::empty(const Entry &entry, int fd) {
@@ -143,7 +102,7 @@ bool TreeRemoval::empty(const Entry &entry, int fd) {
         if (!entry.metadata && (kind == NameKind::store || kind == NameKind::companion)) {
             continue; // goes with what it belongs to
         }
-        if (stopped()) {
+        if (m_observer.stopped()) {
             return false;
         }
         Entry inner{fd, name, joined(entry.path, name), type};
@@ -188,79 +147,21 @@ bool TreeRemoval::unlink(const Entry &entry, int flags) {
         failed(entry, {"removed, but not all of its extended metadata", VLIBCErrGet()});
         return true;
     }
-    ++m_done;
-    tell(entry, Status::done, nullptr);
+    m_observer.entry(entry.path, entry.mode, Status::done, nullptr);
     return true;
 }
 
-bool TreeRemoval::confirmed(const Entry &entry, const char *question) {
-    if (!m_options.ask || entry.metadata ||
-        m_console.confirm(fmt::format(fmt::runtime(question), displayed(entry.path)))) {
+bool TreeRemoval::confirmed(const Entry &entry, RemovalQuestion question) {
+    if (entry.metadata || m_observer.may_remove(entry.path, question)) {
         return true;
     }
-    if (stop_signal() == 0) {
-        ++m_kept;
-        tell(entry, Status::skipped, nullptr);
-    }
+    m_observer.entry(entry.path, entry.mode, Status::skipped, nullptr);
     return false;
 }
 
 bool TreeRemoval::failed(const Entry &entry, const Problem &problem) {
-    ++m_failed;
-    tell(entry, Status::failed, &problem);
+    m_observer.entry(entry.path, entry.mode, Status::failed, &problem);
     return false;
 }
 
-void TreeRemoval::tell(const Entry &entry, Status status, const Problem *problem) {
-    if (problem != nullptr) {
-        m_console.message(problem->code == 0 ? fmt::format("{}: {}", displayed(entry.path), problem->reason)
-                                             : fmt::format("{}: {} ({})", displayed(entry.path), problem->reason,
-                                                           code_text(problem->code)));
-    }
-    if (m_options.json) {
-        Json line;
-        line.add_text("event", event_word(entry.mode));
-        line.add_text("operation", "remove");
-        line.add_text("status", word_of(status));
-        line.add_name("path", entry.path);
-        if (problem != nullptr) {
-            Json error;
-            if (problem->code != 0) {
-                error.add_text("code", code_text(problem->code));
-            }
-            error.add_text("reason", problem->reason);
-            line.add_object("error", std::move(error));
-        }
-        m_console.line(line.line());
-    } else if (m_options.verbose && status != Status::failed) {
-        m_console.line(displayed(entry.path) + (status == Status::done ? "" : " (kept)"));
-    }
-}
-
-int TreeRemoval::finish() {
-    int status = stop_signal() != 0 ? exitSignal + stop_signal() : exit_status(m_done + m_kept, m_failed);
-    if (stop_signal() != 0) {
-        m_console.message(fmt::format("stopped; {} removed", m_done));
-    } else if (stopped()) {
-        m_console.message("stopped at the first failure (--stop-on-error)");
-    }
-    if (m_options.json) {
-        Json summary;
-        summary.add_text("event", "summary");
-        summary.add_text("operation", "remove");
-        summary.add_number("done", m_done);
-        summary.add_number("skipped", m_kept);
-        summary.add_number("failed", m_failed);
-        summary.add_flag("cancelled", stop_signal() != 0);
-        summary.add_number("exit_status", status);
-        m_console.line(summary.line());
-    } else if (m_options.recursive && !m_options.quiet) {
-        m_console.line(fmt::format("{} removed, {} kept, {} failed", m_done, m_kept, m_failed));
-    }
-    if (!m_console.check_output() && status == exitAll) {
-        status = exitSome;
-    }
-    return status;
-}
-
-} // namespace tool
+} // namespace engine

@@ -1,45 +1,51 @@
 // Removes files and trees with the store of extended metadata beside them, and tells of each entry what became of it.
 #pragma once
 
-#include "tools/engine/transfer/file_transfer.h"
-#include "tools/vexofileop/terminal/console.h"
+#include "tools/engine/report/observer.h"
+#include "tools/engine/report/outcome.h"
 
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
-namespace tool {
+namespace engine {
 
 struct RemovalOptions {
-    bool recursive = false, force = false, ask = false, stopOnError = false, verbose = false, json = false;
-    // Nothing is said but failures, and nothing is counted: for a command of which the removal is a step.
-    bool quiet = false;
+    bool recursive = false; // directories too, with everything in them
+    bool force = false;     // what does not exist is no failure
+};
+
+enum class RemovalQuestion { entry, into_directory, directory };
+
+class RemovalObserver : public Observer {
+  public:
+    // What became of an entry: done, skipped for it was to stay, or failed with a problem. `mode`: of the entry; 0
+    // where it could not be looked at.
+    virtual void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) = 0;
+    // Asked before each step that removes or leads into something.
+    virtual bool may_remove(const std::string &path, RemovalQuestion question) = 0;
 };
 
 class TreeRemoval {
   public:
-    explicit TreeRemoval(const RemovalOptions &options) : m_options(options) {}
-    // Paths as given. The exit status.
-    int run(const std::vector<std::string> &paths);
+    // The observer outlives this.
+    TreeRemoval(const RemovalOptions &options, RemovalObserver &observer) : m_options(options), m_observer(observer) {}
+
+    // An absolute path; a slash at its end asks for a directory. The root, and what ends in "." or "..", are refused.
+    void run(const std::string &path);
 
   private:
     struct Entry;
 
-    void operand(const std::string &given);
     bool remove(const Entry &entry);
     bool remove_directory(const Entry &entry);
     bool empty(const Entry &entry, int fd);
     bool remove_metadata(const Entry &entry, int fd);
     bool unlink(const Entry &entry, int flags);
-    bool confirmed(const Entry &entry, const char *question);
+    bool confirmed(const Entry &entry, RemovalQuestion question);
     bool failed(const Entry &entry, const Problem &problem);
-    void tell(const Entry &entry, Status status, const Problem *problem);
-    int finish();
-    bool stopped() const;
 
-    const RemovalOptions &m_options;
-    Console m_console;
-    int m_done = 0, m_kept = 0, m_failed = 0;
+    RemovalOptions m_options;
+    RemovalObserver &m_observer;
 };
 
-} // namespace tool
+} // namespace engine

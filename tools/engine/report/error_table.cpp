@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr ErrorInfo kErrors[] = {
@@ -132,4 +132,4 @@ std::string code_text(uint32_t code) {
     return fmt::format("0x{:04X}", code);
 }
 
-} // namespace tool
+} // namespace engine

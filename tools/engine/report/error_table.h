@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace tool {
+namespace engine {
 
 struct ErrorInfo {
     uint32_t code;
@@ -27,4 +27,4 @@ std::string_view reason_of(uint32_t code);
 // A code as it is written everywhere: "0xA300".
 std::string code_text(uint32_t code);
 
-} // namespace tool
+} // namespace engine

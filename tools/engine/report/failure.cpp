@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-namespace tool {
+namespace engine {
 
 void throw_last_error(const std::string &what) {
     const int number = errno;
@@ -39,4 +39,4 @@ void check_there(const std::string &path) {
     forget_last_error();
 }
 
-} // namespace tool
+} // namespace engine

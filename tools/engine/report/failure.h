@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace tool {
+namespace engine {
 
 // The words of a message, with the library's code where it has one.
 class Failure : public std::runtime_error {
@@ -24,4 +24,4 @@ void forget_last_error();
 // Throws for a path that is not there.
 void check_there(const std::string &path);
 
-} // namespace tool
+} // namespace engine

@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 #include <iterator>
 
-namespace tool {
+namespace engine {
 namespace {
 
 struct Lead {
@@ -111,4 +111,4 @@ std::string as_utf8(std::string_view text) {
     return out;
 }
 
-} // namespace tool
+} // namespace engine

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace tool {
+namespace engine {
 
 // The first character of `text`: its length in bytes and its code point. A length of 1 with `valid` false is a byte
 // that is no UTF-8. `text` is not empty.
@@ -27,4 +27,4 @@ std::string displayed(std::string_view text);
 // `text` as valid UTF-8: each byte that is none becomes U+FFFD.
 std::string as_utf8(std::string_view text);
 
-} // namespace tool
+} // namespace engine

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr uint32_t kMagic = 0x00051607;
@@ -218,4 +218,4 @@ std::vector<std::string> finder_info_lines(std::string_view finderInfo) {
     };
 }
 
-} // namespace tool
+} // namespace engine

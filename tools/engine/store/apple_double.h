@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tool {
+namespace engine {
 
 struct AppleDouble {
     struct Entry {
@@ -41,4 +41,4 @@ std::string entry_text(uint32_t id);
 // Type, creator, flags and label of a Finder Info of 32 bytes, a line each.
 std::vector<std::string> finder_info_lines(std::string_view finderInfo);
 
-} // namespace tool
+} // namespace engine

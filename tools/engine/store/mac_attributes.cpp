@@ -6,7 +6,7 @@
 #include <sys/vfs.h>
 #include <sys/xattr.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr uint32_t kHfsPlus = 0x482b;
@@ -54,4 +54,4 @@ bool has_mac_attributes(const std::string &path) {
     return false;
 }
 
-} // namespace tool
+} // namespace engine

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace tool {
+namespace engine {
 
 // Whether the directory lies on such a volume.
 bool keeps_mac_attributes(const std::string &directory);
@@ -12,4 +12,4 @@ bool keeps_mac_attributes(const std::string &directory);
 // Whether a file or directory of such a volume has any. A symbolic link is not followed.
 bool has_mac_attributes(const std::string &path);
 
-} // namespace tool
+} // namespace engine

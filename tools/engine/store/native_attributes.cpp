@@ -11,7 +11,7 @@
 #include <memory>
 #include <sys/stat.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 struct FreeList {
@@ -85,4 +85,4 @@ void remove_native(const std::string &path, const std::string &name) {
     check(VEXOEAXattrRemove(path.c_str(), name.c_str()), "cannot remove it");
 }
 
-} // namespace tool
+} // namespace engine

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace engine {
 
 constexpr char kFinderInfoName[] = "com.apple.FinderInfo";
 constexpr char kResourceForkName[] = "com.apple.ResourceFork";
@@ -20,4 +20,4 @@ std::optional<std::string> native_value(const std::string &path, const std::stri
 void set_native_value(const std::string &path, const std::string &name, const std::string &value, int flags);
 void remove_native(const std::string &path, const std::string &name);
 
-} // namespace tool
+} // namespace engine

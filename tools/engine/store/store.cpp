@@ -5,7 +5,7 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/native_attributes.h"
-#include "tools/vexofileop/arguments/input.h"
+#include "tools/engine/walk/descriptor.h"
 
 #include <array>
 #include <cerrno>
@@ -16,7 +16,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr char kEaStream[] = "VexoEAStream";
@@ -184,4 +184,4 @@ std::string Store::stream_path(const char *stream) const {
     return path.data();
 }
 
-} // namespace tool
+} // namespace engine

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace engine {
 
 // The attribute in which a volume of the kind file_ea keeps Finder Info and AFP attributes, and what a file has there.
 constexpr char kMetadataName[] = "user.netatalk.Metadata";
@@ -51,4 +51,4 @@ class Store {
     StoreKind m_kind;
 };
 
-} // namespace tool
+} // namespace engine

@@ -5,14 +5,14 @@
 #include "platform/core.h"
 #include "tools/engine/store/apple_double.h"
 #include "tools/engine/store/native_attributes.h"
-#include "tools/vexofileop/arguments/input.h"
+#include "tools/engine/walk/descriptor.h"
 
 #include <algorithm>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr char kResource[] = "VexoResource";
@@ -92,4 +92,4 @@ Store::Metadata Store::metadata() const {
     return all;
 }
 
-} // namespace tool
+} // namespace engine

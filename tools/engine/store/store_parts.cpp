@@ -10,7 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr char kMetadataAttribute[] = "user.netatalk.Metadata";
@@ -57,4 +57,4 @@ bool parts_missing(const StoreParts &before, const std::string &destination, int
     return (before.stream && !now.stream) || ((before.resource || before.attribute) && !now.resource && !now.attribute);
 }
 
-} // namespace tool
+} // namespace engine

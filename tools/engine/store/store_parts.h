@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace tool {
+namespace engine {
 
 struct StoreParts {
     bool stream = false;      // named attributes: "@eaDir/<name>@VexoEAStream"
@@ -25,4 +25,4 @@ bool has_metadata_attribute(const std::string &path);
 // 7) are not judged: there every part can take any name.
 bool parts_missing(const StoreParts &before, const std::string &destination, int volumeType);
 
-} // namespace tool
+} // namespace engine

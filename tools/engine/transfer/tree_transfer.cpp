@@ -5,7 +5,10 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/volume/fat_name.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
@@ -23,17 +26,10 @@
 
 #pragma weak VLIBCKernelAttrFcntl
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kExists = 0xA300;
-
-// Types of volumes.
-constexpr int kFat = 0, kRemote = 12, kExFat = 18;
-
-struct CloseFile {
-    void operator()(FILE *file) const { std::fclose(file); }
-};
 
 Problem problem_of_making(int number) {
     return number == ENOENT  ? problem_of(kDestinationMissing)
@@ -42,11 +38,7 @@ Problem problem_of_making(int number) {
 }
 
 EntryKind kind_of_entry(const std::optional<struct stat> &found) {
-    return !found                    ? EntryKind::other
-           : S_ISDIR(found->st_mode) ? EntryKind::directory
-           : S_ISLNK(found->st_mode) ? EntryKind::link
-           : S_ISREG(found->st_mode) ? EntryKind::file
-                                     : EntryKind::other;
+    return found ? entry_kind(found->st_mode) : EntryKind::other;
 }
 
 // The appliance kernel's interface, or what the platform has in its place.
@@ -89,8 +81,10 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     struct stat top {};
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
+    m_sourceTraits = volume_traits(m_sourceType);
     m_sourceKeepsMac = keeps_mac_attributes(from);
     m_destinationType = VEXOGetFSType(parent_of(destination).c_str(), 0);
+    m_destinationTraits = volume_traits(m_destinationType);
     directory(from, destination);
 }
 
@@ -99,15 +93,15 @@ bool TreeTransfer::failed(const std::string &source, const std::string &destinat
     outcome.status = Status::failed;
     outcome.destination = destination;
     outcome.problem = std::move(problem);
-    tell(EntryKind::directory, source, std::move(outcome));
+    tell(EntryKind::directory, source, outcome);
     return false;
 }
 
 bool TreeTransfer::directory(const std::string &source, std::string destination) {
-    if (m_hooks.stopped()) {
+    if (m_observer.stopped()) {
         return false;
     }
-    if (m_destinationType == kFat || m_destinationType == kExFat) {
+    if (m_destinationTraits.fatNames) {
         destination = fat_name(destination);
     }
     bool done = false;
@@ -132,7 +126,7 @@ bool TreeTransfer::directory(const std::string &source, std::string destination)
     level.hasStore = std::ranges::any_of(*names, is_store_name);
     bool complete = true;
     for (const std::string &name : *names) {
-        if (m_hooks.stopped()) {
+        if (m_observer.stopped()) {
             complete = false;
             break;
         }
@@ -142,7 +136,7 @@ bool TreeTransfer::directory(const std::string &source, std::string destination)
     if (m_move && complete && !level.outcome.warning) {
         complete = remove_source(level);
     } else if (m_move && level.outcome.status == Status::done) {
-        level.outcome.status = m_hooks.stopped() ? Status::cancelled : Status::skipped;
+        level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
         level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
     }
     tell(EntryKind::directory, source, level.outcome);
@@ -156,7 +150,7 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
         outcome.status = status;
         outcome.destination = destination;
         outcome.problem = Problem{why, 0, true};
-        tell(EntryKind::other, source, std::move(outcome));
+        tell(EntryKind::other, source, outcome);
         return false;
     };
     switch (name_kind(level.source, name, m_sourceType)) {
@@ -207,7 +201,7 @@ bool TreeTransfer::rename_whole(const std::string &source, const std::string &de
     if (VEXOEARename(source.c_str(), destination.c_str(), m_sourceType, 0) != 0) {
         outcome.warning = Problem{"moved, but its extended metadata could not follow", VLIBCErrGet()};
     }
-    tell(EntryKind::directory, source, std::move(outcome));
+    tell(EntryKind::directory, source, outcome);
     return true;
 }
 
@@ -250,17 +244,15 @@ bool TreeTransfer::existing_destination(Level &level) {
 void TreeTransfer::finish(Level &level) {
     const char *const source = level.source.c_str(), *const destination = level.destination.c_str();
     const struct stat &status = level.status.st;
-    const int fd = ::open(destination, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const Descriptor opened = open_directory(AT_FDCWD, level.destination);
+    const int fd = opened.get();
     if (fd < 0) {
         level.outcome.status = Status::failed;
         level.outcome.problem = problem_of_errno(errno);
         return;
     }
-    const std::unique_ptr<FILE, CloseFile> owner(::fdopen(fd, "r"));
     copy_dos_attributes(fd, level.status.attributes);
-    constexpr int ownerless[] = {kFat, kRemote, kExFat};
-    const bool keepsOwners = std::ranges::find(ownerless, m_destinationType) == std::end(ownerless);
-    level.outcome.ownerLost = keepsOwners && ::fchown(fd, status.st_uid, status.st_gid) != 0;
+    level.outcome.ownerLost = m_destinationTraits.owners && ::fchown(fd, status.st_uid, status.st_gid) != 0;
     if (level.made) {
         (void)::fchmod(fd, status.st_mode & 07777); // FAT has its modes from the mount.
     }
@@ -303,4 +295,4 @@ bool TreeTransfer::remove_source(Level &level) {
     return false;
 }
 
-} // namespace tool
+} // namespace engine

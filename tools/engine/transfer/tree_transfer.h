@@ -1,6 +1,6 @@
 // Copies or moves a directory with everything in it, and tells of each entry what became of it.
 //
-// The walk is the tool's own, since that of the library passes over what fails without a word, ends a directory at a
+// The walk is the engine's own, since that of the library passes over what fails without a word, ends a directory at a
 // link that exists already, and ends a whole tree at a link that the volume cannot hold. Files, metadata, ACLs and
 // times are the library's work here too.
 //
@@ -14,37 +14,23 @@
 #include "platform/core.h"
 #include "tools/engine/transfer/file_transfer.h"
 #include "tools/engine/transfer/tree_call.h"
+#include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/directory.h"
 
-#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-namespace tool {
-
-enum class EntryKind { file, link, directory, other };
-
-struct TreeHooks {
-    std::function<void(EntryKind kind, const std::string &source, const Outcome &outcome)> entry;
-    std::function<void(int files, int64_t bytes)> arrived; // entries of which there is nothing to say
-    std::function<void(int64_t bytes, bool newFile)> progress;
-    std::function<bool()> stopped; // asked before each entry
-};
-
-struct TreeOptions {
-    Operation operation = Operation::copy;
-    bool whole = false; // `arrived` may be told of files and links in place of `entry`
-};
+namespace engine {
 
 class TreeTransfer {
   public:
-    // `files` carries the files and links; both outlive this.
-    TreeTransfer(TreeOptions options, FileTransfer &files, TreeHooks hooks)
-        : m_move(options.operation == Operation::move), m_whole(options.whole && !m_move), m_files(files),
-          m_hooks(std::move(hooks)) {}
+    // `files` carries the files and links; it and the observer outlive this.
+    TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
+        : m_move(options.operation == Operation::move), m_whole(options.countsAlone && !options.clone && !m_move),
+          m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into.
     void run(const std::string &source, const std::string &destination);
@@ -70,7 +56,9 @@ class TreeTransfer {
     void finish(Level &level);
     bool remove_source(Level &level);
     bool failed(const std::string &source, const std::string &destination, Problem problem);
-    void tell(EntryKind kind, const std::string &source, Outcome outcome) { m_hooks.entry(kind, source, outcome); }
+    void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
+        m_observer.entry(kind, source, outcome);
+    }
 
     // What the library is to copy, and has copied, as a whole.
     using Types = std::unordered_map<std::string, unsigned char>;
@@ -94,8 +82,9 @@ class TreeTransfer {
     bool m_move;
     bool m_whole;
     FileTransfer &m_files;
-    TreeHooks m_hooks;
+    TransferObserver &m_observer;
     int m_sourceType = -1, m_destinationType = -1; // of the two volumes
+    VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
     bool m_sourceKeepsMac = false;            // the source's volume may hold what no copy carries
     std::set<std::pair<dev_t, ino_t>> m_made; // directories of this run
@@ -103,4 +92,4 @@ class TreeTransfer {
     bool m_checking = false;
 };
 
-} // namespace tool
+} // namespace engine

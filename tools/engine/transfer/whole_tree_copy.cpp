@@ -3,9 +3,12 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/tree_transfer.h"
-#include "tools/vexofileop/arguments/input.h"
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/paths.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,16 +22,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 constexpr mode_t kPermissions = 0777, kAllModeBits = 07777;
-
-// Volumes that keep names as they are, take links, and keep stores in "@eaDir".
-bool is_ordinary(int type) {
-    constexpr int types[] = {1, 2, 3, 6};
-    return std::ranges::find(types, type) != std::end(types);
-}
 
 // Whether owners can be given, and modes do not stand in the way: the library makes a read-only directory before what
 // goes into it. Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have
@@ -83,7 +80,7 @@ int64_t size_of(const std::string &path) {
 
 // A directory is handed over when nobody else can reach its destination and nothing stands there yet.
 bool TreeTransfer::may_be_whole(const Level &level, const struct stat &found) {
-    return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && is_ordinary(m_sourceType) &&
+    return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees &&
            !m_sourceKeepsMac && carries_all(level);
 }
 
@@ -92,20 +89,20 @@ bool TreeTransfer::carries_all(const Level &level) {
     const char *const directory = level.destination.c_str();
     const dev_t device = level.there.st_dev;
     if (!m_carryAll.contains(device) && !m_carryLess.contains(device)) {
-        const bool all = ::geteuid() == 0 && is_ordinary(VEXOGetFSType(directory, 0)) && has_all_rights(directory) &&
-                         keeps_names_apart(directory);
+        const bool all = ::geteuid() == 0 && volume_traits(VEXOGetFSType(directory, 0)).wholeTrees &&
+                         has_all_rights(directory) && keeps_names_apart(directory);
         (all ? m_carryAll : m_carryLess).insert(device);
     }
     return m_carryAll.contains(device);
 }
 
 void TreeTransfer::copy_whole(const std::string &source, const std::string &destination) {
-    if (m_hooks.stopped()) {
+    if (m_observer.stopped()) {
         return;
     }
-    const TreeCall call = call_tree_copy(source, destination, {m_hooks.progress, m_hooks.stopped});
+    const TreeCall call = call_tree_copy(source, destination, m_observer);
     if (call.all_arrived()) {
-        m_hooks.arrived(0, call.bytes);
+        m_observer.arrived(0, call.bytes);
     }
     m_checking = true; // What did not arrive is copied one by one.
     check(source, destination, call);
@@ -202,13 +199,13 @@ void TreeTransfer::check_files(const Level &level, const std::vector<std::string
             outcome.warning = m_files.left_behind(source, outcome.destination);
         }
         if (outcome.warning) {
-            tell(EntryKind::file, source, std::move(outcome));
+            tell(EntryKind::file, source, outcome);
         } else {
             ++files;
             bytes += outcome.bytes;
         }
     }
-    m_hooks.arrived(files, bytes);
+    m_observer.arrived(files, bytes);
 }
 
 // The library makes links, and leaves owner and times of a link to chance.
@@ -217,10 +214,10 @@ void TreeTransfer::check_link(const std::string &source, const std::string &dest
     Outcome outcome;
     outcome.destination = destination;
     outcome.ownerLost = ::lstat(source.c_str(), &found) == 0 && !finish_link(found, destination);
-    tell(EntryKind::link, source, std::move(outcome));
+    tell(EntryKind::link, source, outcome);
 }
 
-// What has not arrived, with its reason, by the tool's own walk.
+// What has not arrived, with its reason, by the engine's own walk.
 void TreeTransfer::copy_rest(const Level &level, const Found &found) {
     if (found.rest.empty()) {
         return;
@@ -229,7 +226,7 @@ void TreeTransfer::copy_rest(const Level &level, const Found &found) {
         m_files.remember(joined(level.destination, name));
     }
     for (const std::string &name : found.rest) {
-        if (m_hooks.stopped()) {
+        if (m_observer.stopped()) {
             return;
         }
         entry(level, name);
@@ -262,4 +259,4 @@ bool TreeTransfer::is_finished(const Level &level) const {
            from.st_mtim.tv_nsec == to.st_mtim.tv_nsec;
 }
 
-} // namespace tool
+} // namespace engine

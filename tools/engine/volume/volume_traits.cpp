@@ -1,27 +1,35 @@
 #include "tools/engine/volume/volume_traits.h"
 
-namespace tool {
+#include <algorithm>
+#include <iterator>
 
-StoreKind store_kind(int typeCode) {
-    switch (typeCode) {
-    case 0:
-    case 5:
-    case 18:
-        return StoreKind::apple_double;
-    case 7:
-        return StoreKind::native;
-    case 1:
-    case 6:
-    case 10:
-    case 19:
-    case 22:
-        return StoreKind::ea_directory;
-    case 2:
-    case 3:
-        return StoreKind::file_ea;
-    default:
-        return StoreKind::none;
-    }
+namespace engine {
+namespace {
+
+struct Row {
+    int typeCode;
+    VolumeTraits traits;
+};
+constexpr Row kRows[] = {
+    {0, {.store = StoreKind::apple_double, .owners = false, .fatNames = true}},
+    {1, {.store = StoreKind::ea_directory, .links = true, .wholeTrees = true}},
+    {2, {.store = StoreKind::file_ea, .links = true, .wholeTrees = true}},
+    {3, {.store = StoreKind::file_ea, .links = true, .wholeTrees = true}},
+    {5, {.store = StoreKind::apple_double, .links = true}},
+    {6, {.store = StoreKind::ea_directory, .links = true, .wholeTrees = true}},
+    {7, {.store = StoreKind::native, .links = true}},
+    {10, {.store = StoreKind::ea_directory}},
+    {12, {.owners = false}},
+    {18, {.store = StoreKind::apple_double, .owners = false, .fatNames = true}},
+    {19, {.store = StoreKind::ea_directory}},
+    {22, {.store = StoreKind::ea_directory}},
+};
+
+} // namespace
+
+VolumeTraits volume_traits(int typeCode) {
+    const auto *const row = std::ranges::find(kRows, typeCode, &Row::typeCode);
+    return row == std::end(kRows) ? VolumeTraits{} : row->traits;
 }
 
 const char *kind_text(StoreKind kind) {
@@ -40,4 +48,4 @@ const char *kind_text(StoreKind kind) {
     return "nothing";
 }
 
-} // namespace tool
+} // namespace engine

@@ -1,43 +1,24 @@
 #include "tools/engine/walk/directory.h"
 
 #include "ea/ea.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
-#include <iterator>
 #include <memory>
 #include <string_view>
-#include <strings.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace tool {
+namespace engine {
 namespace {
 
 struct CloseDirectory {
     void operator()(DIR *directory) const { ::closedir(directory); }
-};
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    int get() const { return m_fd; }
-    void swap(Descriptor &other) { std::swap(m_fd, other.m_fd); }
-
-  private:
-    int m_fd;
 };
 
 // Calls `task` with the open directory and each entry. False, with errno, when not all could be read.
@@ -72,7 +53,7 @@ unsigned char type_of(int directory, const char *name) {
     return there ? static_cast<unsigned char>(IFTODT(found.st_mode)) : static_cast<unsigned char>(DT_UNKNOWN);
 }
 
-bool same(const struct stat &left, const struct stat &right) {
+bool same_file(const struct stat &left, const struct stat &right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
 }
 
@@ -98,10 +79,10 @@ bool passes_through(const std::string &from, const struct stat &wanted) {
     if (at.get() < 0 || ::fstat(at.get(), &here) != 0) {
         return false;
     }
-    while (!same(here, wanted)) {
+    while (!same_file(here, wanted)) {
         Descriptor above(::openat(at.get(), "..", flags));
         struct stat next {};
-        if (above.get() < 0 || ::fstat(above.get(), &next) != 0 || same(next, here)) {
+        if (above.get() < 0 || ::fstat(above.get(), &next) != 0 || same_file(next, here)) {
             return false;
         }
         here = next;
@@ -161,28 +142,6 @@ bool lies_in(const std::string &path, const std::string &directory) {
     return below == above || below.starts_with(above == "/" ? above : above + "/") || passes_through(from, wanted);
 }
 
-bool is_store_name(const std::string &name) {
-    return ::strcasecmp(name.c_str(), "@eaDir") == 0;
-}
-
-NameKind name_kind(const std::string &directory, const std::string &name, int volumeType) {
-    if (VEXOEAIsHiddenDir(name.c_str()) == 1) {
-        return is_store_name(name) ? NameKind::store : NameKind::system;
-    }
-    if (!name.starts_with("._")) {
-        return NameKind::ordinary;
-    }
-    constexpr int appleDoubleTypes[] = {0, 5, 18};
-    struct stat found {};
-    const bool belongs = std::ranges::find(appleDoubleTypes, volumeType) != std::end(appleDoubleTypes) &&
-                         name.size() > 2 && ::lstat(joined(directory, name.substr(2)).c_str(), &found) == 0;
-    return belongs ? NameKind::companion : NameKind::stray;
-}
-
-std::string joined(const std::string &directory, const std::string &name) {
-    return directory == "/" ? "/" + name : directory + "/" + name;
-}
-
 void raise_descriptor_limit() {
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
@@ -191,4 +150,4 @@ void raise_descriptor_limit() {
     }
 }
 
-} // namespace tool
+} // namespace engine

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace engine {
 
 // The names in a directory, without "." and ".."; nothing, with errno, when it cannot be read. A symbolic link is not
 // followed. No descriptor stays open, so that the depth of a tree costs none.
@@ -36,23 +36,7 @@ Totals totals_of(const std::string &path, const std::function<bool()> &stopped);
 // and bind mounts are seen through.
 bool lies_in(const std::string &path, const std::string &directory);
 
-enum class NameKind {
-    ordinary,
-    store,     // "@eaDir": what it holds belongs to the entries beside it
-    companion, // "._name" of an entry `name` on a volume that keeps metadata so
-    stray,     // "._name" of anything else
-    system,    // "@tmp", "@sharebin": of the appliance
-};
-// What a name in `directory`, on a volume of the type `volumeType`, is to a copy of the tree.
-NameKind name_kind(const std::string &directory, const std::string &name, int volumeType);
-
-// Whether a name is "@eaDir" to a volume that tells letter cases apart, or to one that does not.
-bool is_store_name(const std::string &name);
-
-// `directory` and a name in it.
-std::string joined(const std::string &directory, const std::string &name);
-
 // Lets this process open as many files as it may.
 void raise_descriptor_limit();
 
-} // namespace tool
+} // namespace engine

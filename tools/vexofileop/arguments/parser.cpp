@@ -1,7 +1,7 @@
 #include "tools/vexofileop/arguments/parser.h"
 
 #include "tools/engine/report/names.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -175,7 +175,7 @@ std::optional<std::string> Parser::run(int argc, const char *const *argv) const 
     } catch (const CLI::CallForVersion &version) {
         return std::string(version.what()) + "\n";
     } catch (const CLI::ParseError &error) {
-        throw UsageError(displayed(without_marks(error.what())));
+        throw UsageError(engine::displayed(without_marks(error.what())));
     }
 }
 

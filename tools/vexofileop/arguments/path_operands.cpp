@@ -1,9 +1,9 @@
 // The operands that are paths, from the command line and from a list.
+#include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/input.h"
-#include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -50,10 +50,10 @@ std::vector<std::string> PathOperands::listed() const {
         const std::string text = read_input(list);
         const bool nul = m_nul.given();
         if (!nul && text.find('\0') != std::string::npos) {
-            throw UsageError(fmt::format("{}: holds a NUL; give -0 if that ends each path", displayed(list)));
+            throw UsageError(fmt::format("{}: holds a NUL; give -0 if that ends each path", engine::displayed(list)));
         }
         return lines_of(text, nul ? '\0' : '\n');
-    } catch (const Failure &failure) {
+    } catch (const engine::Failure &failure) {
         throw UsageError(failure.what());
     }
 }

@@ -1,6 +1,7 @@
 // vexofileop archive clear: what a backup program does after it has saved a file.
 #include "backup/backup.h"
 #include "tools/engine/report/failure.h"
+#include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/path_work.h"
 
@@ -14,16 +15,16 @@ namespace {
 void clear_bit(const std::string &path) {
     struct stat found {};
     if (::stat(path.c_str(), &found) != 0) {
-        throw Failure(std::strerror(errno));
+        throw engine::Failure(std::strerror(errno));
     }
     // Opening a pipe would wait for its other end, and none of these has the bit.
     if (!S_ISDIR(found.st_mode) && !S_ISREG(found.st_mode)) {
-        throw Failure("neither a file nor a directory");
+        throw engine::Failure("neither a file nor a directory");
     }
-    forget_last_error();
-    check(S_ISDIR(found.st_mode) ? VEXOBackupCleanDirArchiveBit(path.c_str())
-                                 : VEXOBackupCleanFileArchiveBit(path.c_str()),
-          "the archive bit cannot be cleared");
+    engine::forget_last_error();
+    engine::check(S_ISDIR(found.st_mode) ? VEXOBackupCleanDirArchiveBit(path.c_str())
+                                         : VEXOBackupCleanFileArchiveBit(path.c_str()),
+                  "the archive bit cannot be cleared");
 }
 
 } // namespace

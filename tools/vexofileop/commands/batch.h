@@ -1,10 +1,8 @@
 // One run of copy or move: the errands in order, what is said about each entry, and the count at the end.
 #pragma once
 
-#include "tools/engine/transfer/file_transfer.h"
-#include "tools/engine/transfer/tree_transfer.h"
-#include "tools/engine/walk/directory.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/engine/transfer/transfer.h"
+#include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <string>
@@ -13,16 +11,14 @@
 namespace tool {
 
 struct BatchOptions {
-    TransferOptions transfer;
-    bool trees = false; // directories are carried too
+    engine::TransferOptions transfer;
     bool stopOnError = false;
     bool verbose = false, json = false, noProgress = false;
 };
 
-const char *word_of(Operation operation); // "copy"
-const char *word_of(Status status);       // "done"
+const char *word_of(engine::Operation operation); // "copy"
 
-class Batch {
+class Batch : private engine::TransferObserver {
   public:
     explicit Batch(const BatchOptions &options);
     // The exit status.
@@ -31,32 +27,31 @@ class Batch {
   private:
     struct Counts {
         int of[4] = {}; // by Status
-        int &operator[](Status status) { return of[static_cast<size_t>(status)]; }
-        int operator[](Status status) const { return of[static_cast<size_t>(status)]; }
+        int &operator[](engine::Status status) { return of[static_cast<size_t>(status)]; }
+        int operator[](engine::Status status) const { return of[static_cast<size_t>(status)]; }
     };
 
     void begin(const std::vector<Errand> &errands);
-    void one(const Errand &errand);
-    void entry(EntryKind kind, const std::string &source, const Outcome &outcome);
-    void arrived(int files, int64_t bytes);
-    void report(EntryKind kind, const std::string &source, const Outcome &outcome);
-    void report_problems(const std::string &source, const Outcome &outcome);
-    void verbose_line(const std::string &source, const Outcome &outcome);
-    std::string entry_line(EntryKind kind, const std::string &source, const Outcome &outcome) const;
+    void tree(const std::string &source) override;
+    void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
+    void arrived(int files, int64_t bytes) override;
+    void progress(int64_t bytes, bool newFile) override;
+    bool may_replace(const std::string &path) override;
+    bool stopped() const override;
+    void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
+    void report_problems(const std::string &source, const engine::Outcome &outcome);
+    void verbose_line(const std::string &source, const engine::Outcome &outcome);
+    std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     int finish(size_t planned);
     void tell_stop(size_t planned);
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
     void advance(int64_t bytes);
-    void advance_in_tree(int64_t bytes, bool newFile);
-    bool may_replace(const std::string &path);
-    bool stopped() const;
-    bool copies() const { return m_options.transfer.operation == Operation::copy; }
+    bool copies() const { return m_options.transfer.operation == engine::Operation::copy; }
 
     const BatchOptions &m_options;
     Console m_console;
-    FileTransfer m_files;
-    TreeTransfer m_trees;
+    engine::Transfer m_transfer;
     Counts m_entries, m_directories;
     int m_cloned = 0;
     bool m_treeSeen = false;

@@ -1,8 +1,9 @@
 // vexofileop explain: what an error code means.
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <algorithm>
@@ -26,8 +27,8 @@ std::optional<uint32_t> code_from(std::string_view text) {
 }
 
 void list_all(Console &console) {
-    for (const ErrorInfo &row : error_table()) {
-        console.line(fmt::format("{}  {}", code_text(row.code), row.reason));
+    for (const engine::ErrorInfo &row : engine::error_table()) {
+        console.line(fmt::format("{}  {}", engine::code_text(row.code), row.reason));
     }
 }
 
@@ -50,18 +51,18 @@ std::string paragraph(std::string_view label, std::string_view text) {
 uint32_t code_of(const std::string &text) {
     const std::optional<uint32_t> code = code_from(text);
     if (!code) {
-        throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", displayed(text)));
+        throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", engine::displayed(text)));
     }
     return *code;
 }
 
 bool explain(Console &console, uint32_t code) {
-    const ErrorInfo *const row = find_error(code);
+    const engine::ErrorInfo *const row = engine::find_error(code);
     if (row == nullptr) {
-        console.message(fmt::format("{}: no such error code", code_text(code)));
+        console.message(fmt::format("{}: no such error code", engine::code_text(code)));
         return false;
     }
-    console.line(fmt::format("{}  {}", code_text(row->code), row->reason));
+    console.line(fmt::format("{}  {}", engine::code_text(row->code), row->reason));
     console.line(paragraph("When", row->cause));
     console.line(paragraph("What helps", row->fix));
     return true;

@@ -3,7 +3,9 @@
 #include "platform/sdk.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
@@ -42,7 +44,7 @@ Answer answer_for_home(const std::string &path, bool indexed) {
         const char *const what = photo ? "photo" : "music";
         return {indexed, photo ? "home_photo" : "home_music",
                 fmt::format("in the folder \"{}\" of the home of {}, and the personal {} service is {}", what,
-                            displayed(user), what, indexed ? "on" : "off")};
+                            engine::displayed(user), what, indexed ? "on" : "off")};
     }
     return {indexed, "homes",
             "in the share \"homes\", of which only the folders photo and music of a home are indexed"};
@@ -53,8 +55,9 @@ Answer answer_for_share(const std::string &path, bool indexed) {
     if (VEXOShareNamePathGet(path.c_str(), name, sizeof name, place, sizeof place) < 0) {
         return {indexed, "no_share", "in no shared folder"};
     }
-    return {indexed, "share_switch",
-            fmt::format("indexing of the share \"{}\" is switched {}", displayed(name), indexed ? "on" : "off")};
+    return {
+        indexed, "share_switch",
+        fmt::format("indexing of the share \"{}\" is switched {}", engine::displayed(name), indexed ? "on" : "off")};
 }
 
 Answer answer_for(const std::string &path) {
@@ -84,7 +87,7 @@ int answer_all(const std::vector<std::string> &paths, bool json) {
         if (stop_signal() != 0) {
             return exitSignal + stop_signal();
         }
-        const std::string absolute = absolute_path(given);
+        const std::string absolute = engine::absolute_path(given);
         char buffer[PATH_MAX] = "";
         const char *const resolved = VEXOPathResolve(absolute.c_str(), buffer, sizeof buffer);
         const std::string path = resolved == nullptr ? absolute : resolved;
@@ -92,11 +95,11 @@ int answer_all(const std::vector<std::string> &paths, bool json) {
         yes += answer.indexed ? 1 : 0;
         struct stat found {};
         if (::lstat(absolute.c_str(), &found) != 0) {
-            console.message(fmt::format("{}: does not exist; the answer is for the path", displayed(absolute)));
+            console.message(fmt::format("{}: does not exist; the answer is for the path", engine::displayed(absolute)));
         }
         console.line(json ? json_line(absolute, answer)
-                          : fmt::format("{}: {}: {}", displayed(absolute), answer.indexed ? "indexed" : "not indexed",
-                                        answer.reason));
+                          : fmt::format("{}: {}: {}", engine::displayed(absolute),
+                                        answer.indexed ? "indexed" : "not indexed", answer.reason));
     }
     if (!json && yes > 0 && VEXOIndexIsNeed() != 1) {
         console.message("no media service of this machine needs an index, so nothing reads these answers");

@@ -2,7 +2,9 @@
 #include "notify/notify.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
@@ -139,11 +141,11 @@ Event event_of(const std::vector<std::string> &operands, int seconds) {
     const std::string &code = operands[0];
     const auto [end, error] = std::from_chars(code.data(), code.data() + code.size(), event.code);
     if (error != std::errc() || end != code.data() + code.size()) {
-        throw UsageError(fmt::format("{}: an event code is a number", displayed(code)));
+        throw UsageError(fmt::format("{}: an event code is a number", engine::displayed(code)));
     }
-    event.path = absolute_path(operands[1]);
+    event.path = engine::absolute_path(operands[1]);
     if (operands.size() == 3) {
-        event.old = absolute_path(operands[2]);
+        event.old = engine::absolute_path(operands[2]);
     }
     event.seconds = seconds;
     return event;

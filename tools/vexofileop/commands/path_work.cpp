@@ -4,6 +4,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/signals.h"
 
 #include <fmt/format.h>
@@ -20,12 +21,12 @@ void PathWork::one(const std::string &given, const Task &task) {
     if (stop_signal() != 0) {
         return;
     }
-    const std::string path = absolute_path(given);
+    const std::string path = engine::absolute_path(given);
     try {
         task(path);
         ++m_done;
-    } catch (const Failure &failure) {
-        m_console.message(fmt::format("{}: {}", displayed(path), failure.what()));
+    } catch (const engine::Failure &failure) {
+        m_console.message(fmt::format("{}: {}", engine::displayed(path), failure.what()));
         ++m_failed;
     }
 }

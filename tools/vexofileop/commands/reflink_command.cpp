@@ -4,7 +4,9 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <cerrno>
@@ -46,7 +48,7 @@ int turn(bool on) {
         return exitAll;
     }
     Console().message(
-        code != 0 ? fmt::format("{} ({})", reason_of(code), code_text(code))
+        code != 0 ? fmt::format("{} ({})", engine::reason_of(code), engine::code_text(code))
                   : fmt::format("/etc/vexoinfo.conf: {}", errno != 0 ? std::strerror(errno) : "could not be changed"));
     return exitNone;
 }
@@ -55,14 +57,14 @@ int check(const std::vector<std::string> &paths, uint32_t flags) {
     if (paths.size() != 2) {
         throw UsageError("give one file or directory and the directory to clone into");
     }
-    const std::string source = absolute_path(paths[0]), directory = absolute_path(paths[1]);
+    const std::string source = engine::absolute_path(paths[0]), directory = engine::absolute_path(paths[1]);
     const int answer = VEXOFileCopyIsCloneable(source.c_str(), directory.c_str(), flags);
     const auto row = static_cast<size_t>(-answer);
     if (answer > 0 || row >= std::size(kAnswers)) {
         Console().message(fmt::format("unknown answer {}", answer));
         return exitNone;
     }
-    return print(fmt::format("{} -> {}: {}", displayed(source), displayed(directory), kAnswers[row]),
+    return print(fmt::format("{} -> {}: {}", engine::displayed(source), engine::displayed(directory), kAnswers[row]),
                  answer == 0 ? exitAll : exitSome);
 }
 

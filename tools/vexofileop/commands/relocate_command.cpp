@@ -1,25 +1,22 @@
 // vexofileop relocate: a whole directory to another place, put there at once or not at all.
-#include "copy/copy.h"
-#include "platform/core.h"
-#include "platform/sdk.h"
-#include "tools/engine/remove/tree_removal.h"
+#include "tools/engine/relocate/relocation.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/store/mac_attributes.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 
-#include <cerrno>
-#include <climits>
-#include <cstring>
 #include <fmt/format.h>
 #include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <string>
+#include <vector>
 
 namespace tool {
 namespace {
@@ -28,151 +25,39 @@ struct Options {
     bool keepSource = false, yes = false, noProgress = false, json = false;
 };
 
-// The library's callbacks for this operation have no user data.
-Console *console = nullptr;
-int64_t doneBytes = 0;
-
-void on_progress(int64_t bytes, int64_t) {
-    doneBytes += bytes;
-    console->progress(doneBytes);
-}
-
-void on_error(const char *path, uint32_t code) {
-    console->message(fmt::format("{}: {} ({})", displayed(path), reason_of(code), code_text(code)));
-}
-
-int on_poll() {
-    return stop_signal() != 0 ? 1 : 0;
-}
-
-std::string staging_of(const std::string &destination) {
-    return joined(parent_of(destination), "@tmp");
-}
-
-bool exists(const std::string &path) {
-    struct stat found {};
-    return ::lstat(path.c_str(), &found) == 0;
-}
-
-// What must hold before anything is touched. Throws UsageError.
-void check(const std::string &source, const std::string &destination) {
-    struct stat from {};
-    if (::lstat(source.c_str(), &from) != 0 || !S_ISDIR(from.st_mode)) {
-        throw UsageError(
-            fmt::format("{}: {}", displayed(source), exists(source) ? "not a directory" : std::strerror(errno)));
-    }
-    if (lies_in(destination, source)) {
-        throw UsageError(fmt::format("{}: lies in the source", displayed(destination)));
-    }
-    // What stands at the destination, and in the staging directory, is removed.
-    for (const std::string &emptied : {destination, staging_of(destination)}) {
-        if (exists(emptied) && lies_in(source, emptied)) {
-            throw UsageError(
-                fmt::format("{}: lies in {}, which a relocation empties", displayed(source), displayed(emptied)));
-        }
-    }
-    struct stat to {};
-    if (::lstat(destination.c_str(), &to) == 0 && !S_ISDIR(to.st_mode)) {
-        throw UsageError(fmt::format("{}: exists and is not a directory", displayed(destination)));
-    }
-    if (::stat(parent_of(destination).c_str(), &to) != 0 || !S_ISDIR(to.st_mode)) {
-        throw UsageError(fmt::format("{}: no such directory", displayed(parent_of(destination))));
-    }
-    const std::string name = base_name(destination);
-    if (name == "." || name == ".." || name.empty() || name == "@tmp") {
-        throw UsageError(fmt::format("{}: give the full path that the directory is to have", displayed(destination)));
-    }
-}
-
-std::string explanation(const std::string &source, const std::string &destination, bool keepSource) {
-    const std::string staging = displayed(staging_of(destination));
-    const std::string from = displayed(source), to = displayed(destination);
+std::string explanation(const engine::RelocationPlan &plan) {
+    const std::string from = engine::displayed(plan.request.source), to = engine::displayed(plan.request.destination);
     std::string text = fmt::format("{} goes to {} in these steps:\n", from, to);
     int number = 0;
     const auto step = [&](const std::string &what) { text += fmt::format("  {}. {}\n", ++number, what); };
-    step(fmt::format("The tree is copied into {}.{}", staging,
-                     exists(staging_of(destination)) ? " WHAT IS IN THERE NOW IS REMOVED." : ""));
-    if (exists(destination)) {
+    step(fmt::format("The tree is copied into {}.{}", engine::displayed(plan.staging),
+                     plan.stagingExists ? " WHAT IS IN THERE NOW IS REMOVED." : ""));
+    if (plan.destinationExists) {
         step(fmt::format("{} IS REMOVED WITH EVERYTHING IN IT.", to));
     }
     step(fmt::format("The copy is renamed to {} and compared with the source.", to));
-    step(keepSource ? fmt::format("{} stays.", from) : fmt::format("{} is removed, if the copy has everything.", from));
+    step(plan.request.keepSource ? fmt::format("{} stays.", from)
+                                 : fmt::format("{} is removed, if the copy has everything.", from));
     text.pop_back();
     return text;
 }
 
-// Names what the source has and the copy has not. Data are not read again: the library reports what it could not write.
-class Comparison {
+class Relocation : private engine::RelocationObserver {
   public:
-    explicit Comparison(Console &out) : m_console(out) {}
-
-    int differences(const std::string &source, const std::string &destination, int type) {
-        const auto names = names_in(source);
-        if (!names) {
-            return missing(source, "cannot be read");
-        }
-        int count = mac_attributes(source);
-        for (const std::string &name : *names) {
-            switch (name_kind(source, name, type)) {
-            case NameKind::ordinary:
-                count += difference(joined(source, name), joined(destination, name), type);
-                break;
-            case NameKind::stray:
-            case NameKind::system:
-                count += missing(joined(source, name), "not carried along");
-                break;
-            default:
-                break;
-            }
-        }
-        return count;
-    }
-
-  private:
-    int difference(const std::string &source, const std::string &wanted, int type) {
-        struct stat from {};
-        struct stat to {};
-        if (::lstat(source.c_str(), &from) != 0) {
-            return 0; // went away meanwhile
-        }
-        const std::string destination = exists(wanted) ? wanted : fat_name(wanted);
-        if (::lstat(destination.c_str(), &to) != 0) {
-            const bool special = !S_ISREG(from.st_mode) && !S_ISDIR(from.st_mode) && !S_ISLNK(from.st_mode);
-            return missing(source, special ? fmt::format("is {}, which cannot be copied", kind_of(from.st_mode))
-                                           : "was not copied");
-        }
-        if ((from.st_mode & S_IFMT) != (to.st_mode & S_IFMT) || (S_ISREG(from.st_mode) && from.st_size != to.st_size)) {
-            return missing(source, "differs from its copy");
-        }
-        return S_ISDIR(from.st_mode) ? differences(source, destination, type) : mac_attributes(source);
-    }
-    int mac_attributes(const std::string &path) {
-        return keeps_mac_attributes(parent_of(path)) && has_mac_attributes(path)
-                   ? missing(path, "has attributes set by a Mac, which were not carried")
-                   : 0;
-    }
-    int missing(const std::string &path, const std::string &what) {
-        m_console.message(fmt::format("{}: {}", displayed(path), what));
-        return 1;
-    }
-
-    Console &m_console;
-};
-
-class Relocation {
-  public:
-    Relocation(const Options &options, std::string source, std::string destination)
-        : m_options(options), m_source(std::move(source)), m_destination(std::move(destination)) {}
+    Relocation(const Options &options, engine::RelocationRequest request)
+        : m_options(options), m_plan(engine::plan_relocation(request)) {}
 
     int run() {
-        check(m_source, m_destination);
         if (!agreed()) {
             return exitNone;
         }
-        raise_descriptor_limit();
-        const int status = relocate();
+        engine::raise_descriptor_limit();
+        if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
+            m_console.start_progress(engine::totals_of(m_plan.request.source, [] { return stop_signal() != 0; }).bytes);
+        }
+        const int status = told(engine::relocate(m_plan, *this));
         if (m_options.json) {
-            tell(status);
+            m_console.line(summary_line(status));
         }
         return m_console.check_output() || status != exitAll ? status : exitSome;
     }
@@ -182,92 +67,68 @@ class Relocation {
         if (m_options.yes) {
             return true;
         }
-        m_console.message(explanation(m_source, m_destination, m_options.keepSource));
+        m_console.message(explanation(m_plan));
         if (!Console::can_ask()) {
             throw UsageError("there is no terminal to ask on; -y goes ahead without asking");
         }
         return m_console.confirm("go ahead?");
     }
 
-    int relocate() {
-        if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
-            m_console.start_progress(totals_of(m_source, [] { return stop_signal() != 0; }).bytes);
-        }
-        if (copy() != 0) {
+    bool stopped() const override { return stop_signal() != 0; }
+    void progress(int64_t bytes) override {
+        m_bytes += bytes;
+        m_console.progress(m_bytes);
+    }
+    void copied() override { m_console.clear_progress(); }
+    void failed(const std::string &path, const engine::Problem &problem) override {
+        m_console.message(problem_text(engine::displayed(path), problem));
+    }
+
+    // The exit status of what came of it, with what there is to say.
+    int told(const engine::RelocationResult &result) {
+        const std::string source = engine::displayed(m_plan.request.source);
+        switch (result.end) {
+        case engine::RelocationEnd::done:
+            return exitAll;
+        case engine::RelocationEnd::cancelled:
+            m_console.message(fmt::format("stopped; {} is as it was", source));
+            return exitSignal + stop_signal();
+        case engine::RelocationEnd::not_copied:
+            m_console.message(fmt::format("{} -> {}: {} ({}); {} is as it was{}", source,
+                                          engine::displayed(m_plan.request.destination), result.problem.reason,
+                                          engine::code_text(result.problem.code), source,
+                                          result.destinationLost ? ", what stood at the destination is gone" : ""));
             return stop_signal() != 0 ? exitSignal + stop_signal() : static_cast<int>(exitNone);
-        }
-        const int left = Comparison(m_console).differences(m_source, m_destination, VEXOGetFSType(m_source.c_str(), 0));
-        if (left > 0) {
-            m_console.message(fmt::format("the copy is in place; {} {} in it, so {} stays as it is", left,
-                                          left == 1 ? "entry is not" : "entries are not", displayed(m_source)));
+        case engine::RelocationEnd::incomplete:
+            m_console.message(fmt::format("the copy is in place; {} {} in it, so {} stays as it is", result.missing,
+                                          result.missing == 1 ? "entry is not" : "entries are not", source));
+            return exitSome;
+        case engine::RelocationEnd::source_remains:
+            if (stop_signal() != 0) {
+                m_console.message(fmt::format("stopped; {} removed", result.removed));
+            }
+            m_console.message(fmt::format("the copy is in place; {} could not be removed entirely", source));
             return exitSome;
         }
-        return m_options.keepSource ? exitAll : remove_source();
+        return exitNone;
     }
 
-    // The source is always kept by the library and removed here, after the comparison: what its copy passes over would
-    // otherwise go with it. Of its two relocations this one carries owners and ACLs; that of VEXOFileOpCopyDir copies
-    // with none of its flags.
-    int copy() {
-        struct stat before {};
-        ::stat(m_source.c_str(), &before);
-        VEXOCopyOpt options{};
-        options.stopOnError = 1;
-        options.ownerMode = 1;
-        options.copyAcl = 1;
-        options.progress = on_progress;
-        options.errReport = on_error;
-        options.isCancel = on_poll;
-        console = &m_console;
-        VLIBCErrSetEx(0, "", 0);
-        const int result = VEXOCopyDirToExternal(m_source.c_str(), m_destination.c_str(), 1, &options);
-        const uint32_t code = VLIBCErrGet();
-        console = nullptr;
-        m_console.clear_progress();
-        ::rmdir(staging_of(m_destination).c_str()); // Where nothing else is in it.
-        if (result == 0) {
-            ::chmod(m_destination.c_str(), before.st_mode & 07777); // The library opens a share to everybody.
-            return 0;
-        }
-        const std::string untouched = displayed(m_source) + " is as it was";
-        constexpr uint32_t kLastStep = 0x3A00;
-        m_console.message(stop_signal() != 0
-                              ? "stopped; " + untouched
-                              : fmt::format("{} -> {}: {} ({}); {}{}", displayed(m_source), displayed(m_destination),
-                                            reason_of(code), code_text(code), untouched,
-                                            code == kLastStep ? ", what stood at the destination is gone" : ""));
-        return -1;
-    }
-
-    int remove_source() {
-        RemovalOptions removal;
-        removal.recursive = true;
-        removal.force = true;
-        removal.quiet = true;
-        const int status = TreeRemoval(removal).run({m_source});
-        if (status != exitAll) {
-            m_console.message(
-                fmt::format("the copy is in place; {} could not be removed entirely", displayed(m_source)));
-            return exitSome;
-        }
-        return exitAll;
-    }
-
-    void tell(int status) {
+    std::string summary_line(int status) const {
         Json line;
         line.add_text("event", "summary");
         line.add_text("operation", "relocate");
         line.add_text("status", status == exitAll ? "done" : status == exitSome ? "partly" : "failed");
-        line.add_name("source", m_source);
-        line.add_name("destination", m_destination);
-        line.add_flag("source_kept", exists(m_source));
+        line.add_name("source", m_plan.request.source);
+        line.add_name("destination", m_plan.request.destination);
+        line.add_flag("source_kept", engine::exists(m_plan.request.source));
         line.add_number("exit_status", status);
-        m_console.line(line.line());
+        return line.line();
     }
 
     const Options &m_options;
-    std::string m_source, m_destination;
+    engine::RelocationPlan m_plan;
     Console m_console;
+    int64_t m_bytes = 0;
 };
 
 } // namespace
@@ -293,7 +154,10 @@ void add_relocate_command(const Command &program, int &status) {
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");
         }
-        status = Relocation(*options, absolute_path(paths[0]), absolute_path(paths[1])).run();
+        status = Relocation(*options, {.source = engine::absolute_path(paths[0]),
+                                       .destination = engine::absolute_path(paths[1]),
+                                       .keepSource = options->keepSource})
+                     .run();
     });
 }
 

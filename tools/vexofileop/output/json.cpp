@@ -30,8 +30,8 @@ void Json::add_text(const char *name, std::string_view text) {
 }
 
 void Json::add_name(const char *name, std::string_view fileName) {
-    add_text(name, as_utf8(fileName));
-    if (!is_utf8(fileName)) {
+    add_text(name, engine::as_utf8(fileName));
+    if (!engine::is_utf8(fileName)) {
         add_text((std::string(name) + "_hex").c_str(), hex_digits(fileName));
     }
 }

@@ -2,12 +2,15 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/engine/volume/volume_traits.h"
 #include "tools/vexofileop/arguments/input.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/ea/ea_commands.h"
 #include "tools/vexofileop/commands/path_work.h"
 #include "tools/vexofileop/output/hex.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/terminal/console.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,21 +23,21 @@ namespace tool {
 namespace {
 
 void print_attributes(Console &console, const std::string &path, bool heading) {
-    const Store store(path);
+    const engine::Store store(path);
     if (heading) {
-        console.line(displayed(path) + ":");
+        console.line(engine::displayed(path) + ":");
     }
-    for (const Store::Attribute &attribute : store.list()) {
-        console.line(fmt::format("{:>10}  {}", attribute.size, displayed(attribute.name)));
+    for (const engine::Store::Attribute &attribute : store.list()) {
+        console.line(fmt::format("{:>10}  {}", attribute.size, engine::displayed(attribute.name)));
     }
 }
 
 void print_json(Console &console, const std::string &path) {
-    const Store store(path);
+    const engine::Store store(path);
     Json out;
     out.add_name("path", path);
-    out.add_text("kept_in", kind_text(store.kind()));
-    for (const Store::Attribute &attribute : store.list()) {
+    out.add_text("kept_in", engine::kind_text(store.kind()));
+    for (const engine::Store::Attribute &attribute : store.list()) {
         Json row;
         row.add_name("name", attribute.name);
         row.add_number("size", static_cast<int64_t>(attribute.size));
@@ -64,7 +67,7 @@ void add_list(const Command &ea, int &status) {
 }
 
 bool is_plain_text(const std::string &value) {
-    return is_utf8(value) && std::ranges::none_of(value, [](char byte) {
+    return engine::is_utf8(value) && std::ranges::none_of(value, [](char byte) {
                return (static_cast<uint8_t>(byte) < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7f;
            });
 }
@@ -75,7 +78,7 @@ void write_value(const std::string &value) {
     const std::string text = !shown ? value : is_plain_text(value) ? value + "\n" : hex_dump(value);
     if ((std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) &&
         errno != EPIPE) { // a reader that has seen enough is no failure
-        throw_errno("cannot be written out");
+        engine::throw_errno("cannot be written out");
     }
 }
 
@@ -91,7 +94,7 @@ void add_get(const Command &ea, int &status) {
             throw UsageError("a file and a name are needed");
         }
         PathWork work;
-        work.one(given[0], [&](const std::string &path) { write_value(Store(path).get(given[1])); });
+        work.one(given[0], [&](const std::string &path) { write_value(engine::Store(path).get(given[1])); });
         status = work.finish();
     });
 }
@@ -123,16 +126,16 @@ class SetCommand {
             const std::string value = m_from.given() ? read_input(m_from.values().front())
                                       : elsewhere    ? *bytes
                                                      : given[2];
-            Store(path).set(given[1], value, existing());
+            engine::Store(path).set(given[1], value, existing());
         });
         return work.finish();
     }
 
   private:
-    Store::Existing existing() const {
-        return m_create.given()    ? Store::Existing::must_not
-               : m_replace.given() ? Store::Existing::must
-                                   : Store::Existing::either;
+    engine::Store::Existing existing() const {
+        return m_create.given()    ? engine::Store::Existing::must_not
+               : m_replace.given() ? engine::Store::Existing::must
+                                   : engine::Store::Existing::either;
     }
     Option m_operands, m_from, m_hex, m_create, m_replace;
 };
@@ -160,9 +163,9 @@ void add_rm(const Command &ea, int &status) {
         for (size_t at = 1; at < given.size(); ++at) {
             work.one(given[0], [&](const std::string &path) {
                 try {
-                    Store(path).remove(given[at]);
-                } catch (const Failure &failure) {
-                    throw Failure(fmt::format("{}: {}", displayed(given[at]), failure.what()));
+                    engine::Store(path).remove(given[at]);
+                } catch (const engine::Failure &failure) {
+                    throw engine::Failure(fmt::format("{}: {}", engine::displayed(given[at]), failure.what()));
                 }
             });
         }

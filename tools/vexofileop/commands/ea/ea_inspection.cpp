@@ -1,12 +1,17 @@
 // vexofileop ea show and diff: what the stores of files hold, and whether two hold the same.
+#include "tools/engine/check/metadata_comparison.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/ea/ea_commands.h"
 #include "tools/vexofileop/commands/ea/ea_show.h"
+#include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/commands/path_work.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/terminal/console.h"
 
 #include <fmt/format.h>
 #include <memory>
@@ -15,16 +20,16 @@ namespace tool {
 namespace {
 
 void show(Console &console, const std::string &path) {
-    const std::vector<ShownStore> stores = stores_of(path);
-    console.line(displayed(path) + (stores.empty() ? ": no extended metadata" : ":"));
+    const std::vector<engine::RawStore> stores = engine::raw_stores_of(path);
+    console.line(engine::displayed(path) + (stores.empty() ? ": no extended metadata" : ":"));
     bool sound = true;
-    for (const ShownStore &store : stores) {
+    for (const engine::RawStore &store : stores) {
         for (const std::string &line : store_lines(store, &sound)) {
             console.line("  " + line);
         }
     }
     if (!sound) {
-        throw Failure("a store is malformed");
+        throw engine::Failure("a store is malformed");
     }
 }
 
@@ -32,12 +37,12 @@ void show_json(Console &console, const std::string &path) {
     bool sound = true;
     Json out;
     out.add_name("path", path);
-    for (const ShownStore &store : stores_of(path)) {
+    for (const engine::RawStore &store : engine::raw_stores_of(path)) {
         out.add_to_list("stores", store_json(store, &sound));
     }
     console.line(out.line());
     if (!sound) {
-        throw Failure("a store is malformed");
+        throw engine::Failure("a store is malformed");
     }
 }
 
@@ -63,40 +68,6 @@ void add_show(const Command &ea, int &status) {
     });
 }
 
-using Attributes = std::map<std::string, std::string>;
-
-void add_differing_attributes(const Attributes &one, const Attributes &other, std::vector<std::string> &found) {
-    for (const auto &[name, value] : one) {
-        const auto there = other.find(name);
-        if (there == other.end()) {
-            found.push_back(fmt::format("attribute {}: only at the first", displayed(name)));
-        } else if (there->second != value) {
-            found.push_back(fmt::format("attribute {} differs: {} and {} bytes", displayed(name), value.size(),
-                                        there->second.size()));
-        }
-    }
-    for (const auto &[name, value] : other) {
-        if (!one.contains(name)) {
-            found.push_back(fmt::format("attribute {}: only at the second", displayed(name)));
-        }
-    }
-}
-
-std::vector<std::string> differences(const Store::Metadata &one, const Store::Metadata &other) {
-    std::vector<std::string> found;
-    if (one.finderInfo != other.finderInfo) {
-        found.emplace_back("Finder Info differs");
-    }
-    if (one.fork != other.fork) {
-        found.push_back(fmt::format("resource fork differs: {} and {} bytes", one.fork.size(), other.fork.size()));
-    }
-    if (one.locked != other.locked) {
-        found.emplace_back(one.locked ? "only the first is locked" : "only the second is locked");
-    }
-    add_differing_attributes(one.attributes, other.attributes, found);
-    return found;
-}
-
 void print_differences(Console &console, const std::vector<std::string> &found, bool json) {
     Json out;
     out.add_flag("same", found.empty());
@@ -115,21 +86,21 @@ void print_differences(Console &console, const std::vector<std::string> &found, 
 }
 
 // Throws a Failure that names the file.
-Store::Metadata metadata_of(const std::string &path) {
+engine::Store::Metadata metadata_of(const std::string &path) {
     try {
-        return Store(path).metadata();
-    } catch (const Failure &failure) {
-        throw Failure(fmt::format("{}: {}", displayed(path), failure.what()));
+        return engine::Store(path).metadata();
+    } catch (const engine::Failure &failure) {
+        throw engine::Failure(fmt::format("{}: {}", engine::displayed(path), failure.what()));
     }
 }
 
 int diff(const std::string &one, const std::string &other, bool json) {
     Console console;
     try {
-        const std::vector<std::string> found = differences(metadata_of(one), metadata_of(other));
+        const std::vector<std::string> found = engine::metadata_differences(metadata_of(one), metadata_of(other));
         print_differences(console, found, json);
         return !console.check_output() ? exitNone : found.empty() ? exitAll : exitSome;
-    } catch (const Failure &failure) {
+    } catch (const engine::Failure &failure) {
         console.message(failure.what());
         return exitNone;
     }
@@ -150,7 +121,7 @@ void add_diff(const Command &ea, int &status) {
         if (given.size() != 2) {
             throw UsageError("two files are needed");
         }
-        status = diff(absolute_path(given[0]), absolute_path(given[1]), *json);
+        status = diff(engine::absolute_path(given[0]), engine::absolute_path(given[1]), *json);
     });
 }
 

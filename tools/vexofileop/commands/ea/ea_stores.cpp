@@ -7,6 +7,8 @@
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/path_work.h"
 
 #include <climits>
@@ -39,16 +41,17 @@ void add_copy(const Command &ea, int &status) {
         if (given.size() != 2) {
             throw UsageError("a source and a destination are needed");
         }
-        const std::string to = absolute_path(given[1]);
+        const std::string to = engine::absolute_path(given[1]);
         PathWork work;
         work.one(given[0], [&](const std::string &path) {
-            check_there(path);
+            engine::check_there(path);
             struct stat found {};
             if (::lstat(to.c_str(), &found) != 0) {
-                throw_errno("the destination cannot be looked at");
+                engine::throw_errno("the destination cannot be looked at");
             }
-            check(VEXOEACopy(path.c_str(), to.c_str(), *move ? 1 : 0, *full ? 1 : 0, kAskForKind, kAskForKind, 0, 0),
-                  "cannot be carried");
+            engine::check(
+                VEXOEACopy(path.c_str(), to.c_str(), *move ? 1 : 0, *full ? 1 : 0, kAskForKind, kAskForKind, 0, 0),
+                "cannot be carried");
         });
         status = work.finish();
     });
@@ -66,11 +69,11 @@ void add_rename(const Command &ea, int &status) {
         if (given.size() != 2) {
             throw UsageError("the old and the new name are needed");
         }
-        const std::string from = absolute_path(given[0]);
+        const std::string from = engine::absolute_path(given[0]);
         PathWork work;
         work.one(given[1], [&](const std::string &path) {
-            check_there(path);
-            check(VEXOEARename(from.c_str(), path.c_str(), kAskForKind, 0), "the metadata cannot be moved");
+            engine::check_there(path);
+            engine::check(VEXOEARename(from.c_str(), path.c_str(), kAskForKind, 0), "the metadata cannot be moved");
         });
         status = work.finish();
     });
@@ -90,30 +93,30 @@ void add_for_each(const Command &ea, int &status, const char *name, const char *
 
 bool keeps_anything(const std::string &path, int type) {
     char directory[PATH_MAX] = "";
-    return store_parts(path, type).any() ||
+    return engine::store_parts(path, type).any() ||
            (VEXOEADirPath(0, path.c_str(), directory, sizeof directory) == 0 && exists(directory));
 }
 
 // The file itself may be gone, which leaves what was kept beside it.
 void remove_all(const std::string &path) {
-    forget_last_error();
-    const int type = VEXOGetFSType(parent_of(path).c_str(), 1);
-    check(type, "its volume cannot be looked at");
-    if (store_kind(type) == StoreKind::native) {
-        throw Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
+    engine::forget_last_error();
+    const int type = VEXOGetFSType(engine::parent_of(path).c_str(), 1);
+    engine::check(type, "its volume cannot be looked at");
+    if (engine::store_kind(type) == engine::StoreKind::native) {
+        throw engine::Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
     }
     if (!exists(path.c_str()) && !keeps_anything(path, type)) {
-        throw Failure("there is no such file, and nothing is kept for one");
+        throw engine::Failure("there is no such file, and nothing is kept for one");
     }
-    check(VEXOEARemove(path.c_str(), type), "the metadata cannot be removed");
+    engine::check(VEXOEARemove(path.c_str(), type), "the metadata cannot be removed");
 }
 
 void repair(const std::string &path) {
-    check_there(path);
-    if (!store_parts(path, VEXOGetFSType(path.c_str(), 1)).resource) {
+    engine::check_there(path);
+    if (!engine::store_parts(path, VEXOGetFSType(path.c_str(), 1)).resource) {
         return; // nothing that could be broken
     }
-    check(VEXOEAFixErrorAD(path.c_str()), "cannot be repaired");
+    engine::check(VEXOEAFixErrorAD(path.c_str()), "cannot be repaired");
 }
 
 } // namespace

@@ -7,7 +7,7 @@
 
 namespace {
 
-using tool::Store;
+using engine::Store;
 
 class NativeStore : public kit::Behaviour {
   protected:
@@ -44,7 +44,7 @@ TEST_F(NativeStore, ForkIsReadWrittenAndRemovedByItsName) {
     EXPECT_EQ("shorter", kit::ForkDouble::read(file()));
     store.remove("com.apple.ResourceFork");
     EXPECT_EQ("", kit::ForkDouble::read(file()));
-    EXPECT_THROW((void)store.get("com.apple.ResourceFork"), tool::Failure);
+    EXPECT_THROW((void)store.get("com.apple.ResourceFork"), engine::Failure);
 }
 
 TEST_F(NativeStore, MetadataHaveForkAndFinderInfoApartFromTheAttributes) {

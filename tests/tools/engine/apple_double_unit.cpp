@@ -5,8 +5,8 @@
 
 namespace {
 
-using tool::AppleDouble;
-using tool::parse_apple_double;
+using engine::AppleDouble;
+using engine::parse_apple_double;
 using namespace std::string_literals;
 
 std::string header(unsigned count) {
@@ -38,7 +38,7 @@ TEST(AppleDoubleBytes, SoundFileHasNoBadField) {
     EXPECT_EQ("for", parsed.fork(bytes));
     EXPECT_EQ((std::vector<std::string>{"type 'TEXT', creator 'ttxt'", "flags 0x440C: hasCustomIcon, isInvisible",
                                         "label colour red"}),
-              tool::finder_info_lines(parsed.finderInfo));
+              engine::finder_info_lines(parsed.finderInfo));
 }
 
 TEST(AppleDoubleBytes, FirstBadFieldIsNamed) {
@@ -68,9 +68,9 @@ TEST(AppleDoubleBytes, CountsBeyondTheFileEnd) {
 }
 
 TEST(AppleDoubleBytes, IdsHaveWords) {
-    EXPECT_EQ("Finder Info", tool::entry_text(9));
-    EXPECT_EQ("synchronisation", tool::entry_text(0x8053594E));
-    EXPECT_EQ("id 0x77", tool::entry_text(0x77));
+    EXPECT_EQ("Finder Info", engine::entry_text(9));
+    EXPECT_EQ("synchronisation", engine::entry_text(0x8053594E));
+    EXPECT_EQ("id 0x77", engine::entry_text(0x77));
 }
 
 } // namespace
