@@ -1,29 +1,17 @@
 // vexofileop ea copy, rename, remove and repair: what the library does with everything that a file has in its store.
 #include "tools/vexofileop/commands/ea/ea_commands.h"
 
-#include "ea/ea.h"
-#include "platform/sdk.h"
 #include "tools/engine/report/failure.h"
-#include "tools/engine/store/store_parts.h"
-#include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/store/whole_store.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/path_work.h"
 
-#include <climits>
 #include <memory>
-#include <sys/stat.h>
 
 namespace tool {
 namespace {
-
-constexpr int kAskForKind = -1;
-
-bool exists(const char *path) {
-    struct stat found {};
-    return ::lstat(path, &found) == 0;
-}
 
 void add_copy(const Command &ea, int &status) {
     const auto move = std::make_shared<bool>(false);
@@ -43,16 +31,7 @@ void add_copy(const Command &ea, int &status) {
         }
         const std::string to = engine::absolute_path(given[1]);
         PathWork work;
-        work.one(given[0], [&](const std::string &path) {
-            engine::check_there(path);
-            struct stat found {};
-            if (::lstat(to.c_str(), &found) != 0) {
-                engine::throw_errno("the destination cannot be looked at");
-            }
-            engine::check(
-                VEXOEACopy(path.c_str(), to.c_str(), *move ? 1 : 0, *full ? 1 : 0, kAskForKind, kAskForKind, 0, 0),
-                "cannot be carried");
-        });
+        work.one(given[0], [&](const std::string &path) { engine::carry_store(path, to, *move, *full); });
         status = work.finish();
     });
 }
@@ -71,10 +50,7 @@ void add_rename(const Command &ea, int &status) {
         }
         const std::string from = engine::absolute_path(given[0]);
         PathWork work;
-        work.one(given[1], [&](const std::string &path) {
-            engine::check_there(path);
-            engine::check(VEXOEARename(from.c_str(), path.c_str(), kAskForKind, 0), "the metadata cannot be moved");
-        });
+        work.one(given[1], [&](const std::string &path) { engine::rename_store(from, path); });
         status = work.finish();
     });
 }
@@ -91,32 +67,11 @@ void add_for_each(const Command &ea, int &status, const char *name, const char *
     });
 }
 
-bool keeps_anything(const std::string &path, int type) {
-    char directory[PATH_MAX] = "";
-    return engine::store_parts(path, type).any() ||
-           (VEXOEADirPath(0, path.c_str(), directory, sizeof directory) == 0 && exists(directory));
-}
-
-// The file itself may be gone, which leaves what was kept beside it.
 void remove_all(const std::string &path) {
-    engine::forget_last_error();
-    const int type = VEXOGetFSType(engine::parent_of(path).c_str(), 1);
-    engine::check(type, "its volume cannot be looked at");
-    if (engine::store_kind(type) == engine::StoreKind::native) {
+    if (engine::is_part_of_file(path)) {
         throw engine::Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
     }
-    if (!exists(path.c_str()) && !keeps_anything(path, type)) {
-        throw engine::Failure("there is no such file, and nothing is kept for one");
-    }
-    engine::check(VEXOEARemove(path.c_str(), type), "the metadata cannot be removed");
-}
-
-void repair(const std::string &path) {
-    engine::check_there(path);
-    if (!engine::store_parts(path, VEXOGetFSType(path.c_str(), 1)).resource) {
-        return; // nothing that could be broken
-    }
-    engine::check(VEXOEAFixErrorAD(path.c_str()), "cannot be repaired");
+    engine::remove_store(path);
 }
 
 } // namespace
@@ -134,7 +89,7 @@ void add_ea_store_commands(const Command &ea, int &status) {
                  "file has nothing to repair.\n"
                  "Example:\n"
                  "  vexofileop ea repair photo.jpg",
-                 repair);
+                 engine::repair_store);
 }
 
 } // namespace tool
