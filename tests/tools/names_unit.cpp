@@ -1,10 +1,13 @@
 // Names as people and programs see them, paths, the error table and JSON.
-#include "tools/vexofileop/commands.h"
-#include "tools/vexofileop/error_table.h"
-#include "tools/vexofileop/json.h"
-#include "tools/vexofileop/names.h"
-#include "tools/vexofileop/parser.h"
-#include "tools/vexofileop/paths.h"
+#include "tools/engine/report/error_table.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/parser.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/output/json.h"
 
 #include "support/error_codes.h"
 #include "tests/kit/scratch.h"
@@ -15,6 +18,7 @@
 
 namespace {
 
+using namespace engine;
 using namespace tool;
 
 TEST(DisplayedName, OrdinaryTextStays) {
@@ -59,7 +63,7 @@ TEST(AbsolutePath, IsCleanedWithoutAskingTheFileSystem) {
     EXPECT_EQ("/a/b", absolute_path("//a/./b//"));
     EXPECT_EQ("/a/../b", absolute_path("/a/../b"));
     EXPECT_EQ("/", absolute_path("/"));
-    EXPECT_THROW(absolute_path(""), UsageError);
+    EXPECT_THROW(absolute_path(""), InvalidRequest);
 }
 
 TEST(AbsolutePath, RelativeOneBeginsAtTheWorkingDirectory) {

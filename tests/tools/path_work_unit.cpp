@@ -1,8 +1,8 @@
 // Commands over several paths: counts, messages, and the end at a signal.
-#include "tools/vexofileop/path_work.h"
+#include "tools/vexofileop/commands/path_work.h"
 
-#include "tools/vexofileop/failure.h"
-#include "tools/vexofileop/signals.h"
+#include "tools/engine/report/failure.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ TEST(PathWork, GoesOnAfterAFailureAndCountsIt) {
     work.each({"/a", "/b//c/", "/d"}, [&](const std::string &path) {
         seen.push_back(path);
         if (path == "/a") {
-            throw tool::Failure("not today");
+            throw engine::Failure("not today");
         }
     });
     EXPECT_EQ((std::vector<std::string>{"/a", "/b/c", "/d"}), seen);
@@ -26,7 +26,7 @@ TEST(PathWork, GoesOnAfterAFailureAndCountsIt) {
 
 TEST(PathWork, AllFailedIsTwo) {
     PathWork work;
-    work.one("/a", [](const std::string &) { throw tool::Failure("not today"); });
+    work.one("/a", [](const std::string &) { throw engine::Failure("not today"); });
     EXPECT_EQ(2, work.finish());
 }
 

@@ -1,5 +1,5 @@
 // What the progress line says for given numbers.
-#include "tools/vexofileop/progress_bar.h"
+#include "tools/vexofileop/terminal/progress_bar.h"
 
 #include <gtest/gtest.h>
 #include <limits>

@@ -1,5 +1,5 @@
 // vexofileop copy -r into a new place, where the library copies whole directories: the same tree, words and counts as
-// with -v, which copies entry by entry. See tools/vexofileop/tree_check.cpp.
+// with -v, which copies entry by entry. See tools/engine/transfer/whole_tree_copy.cpp.
 #include "tests/ea/stream_bytes.h"
 #include "tests/kit/behaviour.h"
 #include "tests/kit/scratch.h"

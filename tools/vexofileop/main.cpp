@@ -1,8 +1,9 @@
 // vexofileop: what the library does for services, from a shell.
-#include "tools/vexofileop/commands.h"
-#include "tools/vexofileop/console.h"
-#include "tools/vexofileop/paths.h"
-#include "tools/vexofileop/signals.h"
+#include "tools/engine/report/invalid_request.h"
+#include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/terminal/console.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -67,7 +68,7 @@ int run(int argc, char **argv) {
     try {
         const std::optional<std::string> answer = parser.run(argc, argv);
         return answer ? print(*answer) : status;
-    } catch (const UsageError &error) {
+    } catch (const engine::InvalidRequest &error) {
         return refuse(parser, error.what());
     }
 }

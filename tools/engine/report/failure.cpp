@@ -1,0 +1,42 @@
+#include "tools/engine/report/failure.h"
+
+#include "platform/core.h"
+#include "tools/engine/report/error_table.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+namespace engine {
+
+void throw_last_error(const std::string &what) {
+    const int number = errno;
+    const uint32_t code = VLIBCErrGet();
+    throw Failure(code != 0 ? fmt::format("{}: {} ({})", what, reason_of(code), code_text(code))
+                            : fmt::format("{}: {}", what, std::strerror(number)));
+}
+
+void check(int result, const std::string &what) {
+    if (result < 0) {
+        throw_last_error(what);
+    }
+}
+
+void throw_errno(const std::string &what) {
+    throw Failure(fmt::format("{}: {}", what, std::strerror(errno)));
+}
+
+void forget_last_error() {
+    VLIBCErrSetEx(0, "", 0);
+}
+
+void check_there(const std::string &path) {
+    struct stat found {};
+    if (::lstat(path.c_str(), &found) != 0) {
+        throw Failure(std::strerror(errno));
+    }
+    forget_last_error();
+}
+
+} // namespace engine

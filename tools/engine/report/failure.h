@@ -1,0 +1,27 @@
+// Why something could not be done, on its way to whoever tells the user.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace engine {
+
+// The words of a message, with the library's code where it has one.
+class Failure : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// "WHAT: " and the reason: the library's last error, else errno.
+[[noreturn]] void throw_last_error(const std::string &what);
+// The same for a negative result.
+void check(int result, const std::string &what);
+// "WHAT: " and what errno says.
+[[noreturn]] void throw_errno(const std::string &what);
+// Before a call of which the last error is asked: a call that fails without one leaves what was there.
+void forget_last_error();
+
+// Throws for a path that is not there.
+void check_there(const std::string &path);
+
+} // namespace engine

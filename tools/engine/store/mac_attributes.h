@@ -1,0 +1,15 @@
+// What Macs keep in the attributes of an HFS+ volume. Linux shows them under names of its own ("osx.com.apple.…"),
+// which the library does not carry, and a resource fork not at all.
+#pragma once
+
+#include <string>
+
+namespace engine {
+
+// Whether the directory lies on such a volume.
+bool keeps_mac_attributes(const std::string &directory);
+
+// Whether a file or directory of such a volume has any. A symbolic link is not followed.
+bool has_mac_attributes(const std::string &path);
+
+} // namespace engine

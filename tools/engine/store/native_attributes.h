@@ -1,0 +1,23 @@
+// The attributes of a file on a volume that keeps extended metadata in them, by the library's own access, to which the
+// resource fork is one of them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+constexpr char kFinderInfoName[] = "com.apple.FinderInfo";
+constexpr char kResourceForkName[] = "com.apple.ResourceFork";
+
+// All of these throw Failure. A size or value of nothing: there is no such attribute.
+std::vector<std::string> native_names(const std::string &path);
+std::optional<uint64_t> native_size(const std::string &path, const std::string &name);
+std::optional<std::string> native_value(const std::string &path, const std::string &name);
+// `flags` as for setxattr.
+void set_native_value(const std::string &path, const std::string &name, const std::string &value, int flags);
+void remove_native(const std::string &path, const std::string &name);
+
+} // namespace engine

@@ -1,0 +1,20 @@
+// The stores of a file as they lie there: places and bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+struct RawStore {
+    std::string what;  // "attribute stream", "resource file", "\"._\" file", "metadata attribute", "attribute"
+    std::string place; // its path, or the attribute's name
+    std::string bytes; // the first of it
+    uint64_t size;     // of all of it
+};
+
+// The stores that a file has; for the path of a store itself, that one. Throws Failure.
+std::vector<RawStore> raw_stores_of(const std::string &path);
+
+} // namespace engine

@@ -1,0 +1,54 @@
+// What a file has in its store of extended metadata, whatever its volume keeps it in.
+#pragma once
+
+#include "tools/engine/volume/volume_traits.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+// The attribute in which a volume of the kind file_ea keeps Finder Info and AFP attributes, and what a file has there.
+constexpr char kMetadataName[] = "user.netatalk.Metadata";
+std::string metadata_attribute(const std::string &path);
+
+class Store {
+  public:
+    // Looks at the volume. Throws Failure for a file that is not there and a volume that keeps nothing.
+    explicit Store(std::string path);
+
+    StoreKind kind() const { return m_kind; }
+    const std::string &path() const { return m_path; }
+
+    struct Attribute {
+        std::string name;
+        uint64_t size;
+    };
+    // On native attributes the resource fork is one of them.
+    std::vector<Attribute> list() const;
+    std::string get(const std::string &name) const;
+    enum class Existing { either, must_not, must };
+    void set(const std::string &name, const std::string &value, Existing existing) const;
+    // With its last attribute a store that holds nothing else goes too.
+    void remove(const std::string &name) const;
+
+    // The file that a stream lies in: "VexoEAStream" or "VexoResource" in "@eaDir", or the "._" file.
+    std::string stream_path(const char *stream) const;
+
+    // Everything, to compare with what another file has: the Finder Info (empty: none, or all zero), the resource fork,
+    // the attributes by name, and whether AFP clients see it locked.
+    struct Metadata {
+        std::string finderInfo, fork;
+        std::map<std::string, std::string> attributes;
+        bool locked = false;
+    };
+    Metadata metadata() const;
+
+  private:
+    std::string m_path;
+    StoreKind m_kind;
+};
+
+} // namespace engine

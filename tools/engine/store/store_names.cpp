@@ -1,0 +1,28 @@
+#include "tools/engine/store/store_names.h"
+
+#include "ea/ea.h"
+#include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/look.h"
+#include "tools/engine/walk/paths.h"
+
+#include <strings.h>
+
+namespace engine {
+
+bool is_store_name(const std::string &name) {
+    return ::strcasecmp(name.c_str(), "@eaDir") == 0;
+}
+
+NameKind name_kind(const std::string &directory, const std::string &name, int volumeType) {
+    if (VEXOEAIsHiddenDir(name.c_str()) == 1) {
+        return is_store_name(name) ? NameKind::store : NameKind::system;
+    }
+    if (!name.starts_with("._")) {
+        return NameKind::ordinary;
+    }
+    const bool belongs = store_kind(volumeType) == StoreKind::apple_double && name.size() > 2 &&
+                         exists(joined(directory, name.substr(2)));
+    return belongs ? NameKind::companion : NameKind::stray;
+}
+
+} // namespace engine

@@ -1,0 +1,31 @@
+// From the layout of stores with a small file for each attribute to the current one.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+// The stores of the old layout that a file has, by the names that convert them.
+std::vector<std::string> old_stores(const std::string &path);
+
+enum class Upgraded { converted, was_current, failed };
+
+struct UpgradeResult {
+    Upgraded what = Upgraded::converted;
+    std::string reason = {}; // of failed; there something may have been converted
+};
+
+// Converts one of them.
+UpgradeResult upgrade_store(const std::string &path, const std::string &store);
+
+// Calls `visit` for `path` and for every file and directory below it that can have a store, and `unreadable`, with
+// errno, for a directory that cannot be listed. Ends early when `stopped` says so.
+struct UpgradeWalk {
+    std::function<void(const std::string &path)> visit, unreadable;
+    std::function<bool()> stopped;
+};
+void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk);
+
+} // namespace engine

@@ -1,0 +1,111 @@
+#include "tools/engine/transfer/file_conflict.h"
+
+#include "copy/copy.h"
+#include "tools/engine/walk/look.h"
+
+#include <climits>
+#include <fmt/format.h>
+
+namespace engine {
+namespace {
+
+constexpr uint32_t kNoFreeName = 0x0800, kIsDirectory = 0xA200, kExists = 0xA300;
+
+// Whether the existing destination may be replaced at all.
+std::optional<Problem> check_destination(const FileAttempt &attempt, const TransferOptions &options,
+                                         const WrittenFiles &written) {
+    const bool link = attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
+    const auto there = link ? look(attempt.destination) : look_through(attempt.destination);
+    if (there && S_ISDIR(there->st_mode)) {
+        return problem_of(kIsDirectory);
+    }
+    if (options.conflict == Conflict::fail) {
+        return problem_of(kExists);
+    }
+    if (!there) {
+        return Problem{"the destination is a symbolic link that leads nowhere; not replaced", kExists};
+    }
+    if (!S_ISREG(there->st_mode) && !(link && S_ISLNK(there->st_mode))) {
+        return Problem{fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists};
+    }
+    if (written.contains({there->st_dev, there->st_ino})) {
+        return Problem{"the destination was just written by this command; not replaced", kExists};
+    }
+    return std::nullopt;
+}
+
+// What the user wants with a destination that exists. Nothing: go on, with attempt.replace as it is now.
+std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptions &options,
+                                       TransferObserver &observer) {
+    switch (options.conflict) {
+    case Conflict::replace:
+        attempt.replace = true;
+        return std::nullopt;
+    case Conflict::ask:
+        attempt.replace = observer.may_replace(attempt.destination);
+        if (attempt.replace) {
+            return std::nullopt;
+        }
+        [[fallthrough]];
+    case Conflict::skip: {
+        Outcome outcome;
+        outcome.status = observer.stopped() ? Status::cancelled : Status::skipped;
+        outcome.destination = attempt.destination;
+        return outcome;
+    }
+    default:
+        return failure(attempt.destination, problem_of(kExists));
+    }
+}
+
+std::optional<Problem> choose_free_name(FileAttempt &attempt) {
+    char name[PATH_MAX] = "";
+    // The generator follows links: a name that is a link to nothing is not free either.
+    if (Default_GenerateNewName(attempt.destination.c_str(), name, sizeof name) != 0 || look(name)) {
+        return problem_of(kNoFreeName);
+    }
+    attempt.destination = name;
+    return std::nullopt;
+}
+
+} // namespace
+
+Problem same_file() {
+    return {"source and destination are the same file"};
+}
+
+Outcome failure(const std::string &destination, Problem problem) {
+    Outcome outcome;
+    outcome.status = Status::failed;
+    outcome.destination = destination;
+    outcome.problem = std::move(problem);
+    return outcome;
+}
+
+std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
+                                        TransferObserver &observer, const WrittenFiles &written) {
+    // Two links that lead to one file are two all the same; a link and that file are not to replace one another.
+    const bool itself =
+        same(attempt.entry, look(attempt.destination)) ||
+        same(attempt.content, attempt.asItIs ? look(attempt.destination) : look_through(attempt.destination));
+    const bool move = options.operation == Operation::move;
+    if (options.conflict == Conflict::keep_both) {
+        if (itself && move) {
+            return failure(attempt.destination, same_file());
+        }
+        // A move and a link ask no rename callback, and a copy of a file beside itself never gets that far.
+        const auto problem = itself || move || attempt.asItIs ? choose_free_name(attempt) : std::nullopt;
+        return problem ? std::optional(failure(attempt.destination, *problem)) : std::nullopt;
+    }
+    if (itself) {
+        return failure(attempt.destination, same_file());
+    }
+    if (options.conflict != Conflict::skip) {
+        if (auto problem = check_destination(attempt, options, written)) {
+            return failure(attempt.destination, *problem);
+        }
+    }
+    return skip_or_replace(attempt, options, observer);
+}
+
+} // namespace engine

@@ -1,0 +1,35 @@
+// A file whose destination exists: what becomes of the two.
+#pragma once
+
+#include "tools/engine/transfer/transfer_observer.h"
+#include "tools/engine/transfer/transfer_options.h"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
+
+namespace engine {
+
+// One file on its way.
+struct FileAttempt {
+    std::string source, destination;
+    std::optional<struct stat> entry = {};   // the source's own entry: a symbolic link is a link
+    std::optional<struct stat> content = {}; // what it leads to
+    bool asItIs = false;                     // the entry itself is moved or made anew; no file is opened
+    bool replace = false;                    // what stands at the destination goes
+};
+
+using WrittenFiles = std::set<std::pair<dev_t, ino_t>>;
+
+// For a destination that exists: an outcome where that is the end of it. Nothing: go on, with the destination and
+// `replace` as they are now. What `written` has is never replaced.
+std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
+                                        TransferObserver &observer, const WrittenFiles &written);
+
+Outcome failure(const std::string &destination, Problem problem);
+Problem same_file();
+
+} // namespace engine

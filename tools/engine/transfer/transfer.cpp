@@ -1,0 +1,31 @@
+#include "tools/engine/transfer/transfer.h"
+
+#include <sys/stat.h>
+
+namespace engine {
+namespace {
+
+// Of the entry itself: a symbolic link is a link. 0: there is none.
+mode_t mode_at(const std::string &path) {
+    struct stat found {};
+    return ::lstat(path.c_str(), &found) == 0 ? found.st_mode : 0;
+}
+
+} // namespace
+
+bool Transfer::is_tree(const std::string &source) const {
+    return m_options.trees && S_ISDIR(mode_at(source));
+}
+
+void Transfer::run(const std::string &source, const std::string &destination) {
+    if (is_tree(source)) {
+        m_observer.tree(source);
+        m_trees.run(source, destination);
+        return;
+    }
+    const bool asItIs = m_options.links || m_options.operation == Operation::move;
+    const EntryKind kind = asItIs && S_ISLNK(mode_at(source)) ? EntryKind::link : EntryKind::file;
+    m_observer.entry(kind, source, m_files.run(source, destination));
+}
+
+} // namespace engine

@@ -1,0 +1,33 @@
+// Copies or moves files, links and trees, one request after the other, and tells of each entry what became of it.
+#pragma once
+
+#include "tools/engine/transfer/file_transfer.h"
+#include "tools/engine/transfer/transfer_observer.h"
+#include "tools/engine/transfer/transfer_options.h"
+#include "tools/engine/transfer/tree_transfer.h"
+
+#include <string>
+
+namespace engine {
+
+class Transfer {
+  public:
+    // The observer outlives this.
+    Transfer(const TransferOptions &options, TransferObserver &observer)
+        : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {}
+
+    // Both paths absolute; a slash at the end of the source asks for a directory. What one request has written no later
+    // one replaces.
+    void run(const std::string &source, const std::string &destination);
+
+    // Whether the source is carried as a tree.
+    bool is_tree(const std::string &source) const;
+
+  private:
+    TransferOptions m_options;
+    TransferObserver &m_observer;
+    FileTransfer m_files;
+    TreeTransfer m_trees;
+};
+
+} // namespace engine

@@ -1,0 +1,26 @@
+// What a copy or a move tells and asks.
+#pragma once
+
+#include "tools/engine/report/observer.h"
+#include "tools/engine/report/outcome.h"
+
+#include <cstdint>
+#include <string>
+
+namespace engine {
+
+class TransferObserver : public Observer {
+  public:
+    // The source is a directory that is carried with everything in it. What becomes of its entries is told next.
+    virtual void tree(const std::string &source) = 0;
+    // What became of an entry.
+    virtual void entry(EntryKind kind, const std::string &source, const Outcome &outcome) = 0;
+    // So many files and links arrived, of which there is nothing to say; of `bytes` together.
+    virtual void arrived(int files, int64_t bytes) = 0;
+    // So many more bytes are done; `newFile`: the first of a file in a tree.
+    virtual void progress(int64_t bytes, bool newFile) = 0;
+    // For Conflict::ask: whether what stands at the destination goes.
+    virtual bool may_replace(const std::string &destination) = 0;
+};
+
+} // namespace engine

@@ -1,0 +1,21 @@
+// What is asked of a copy or a move.
+#pragma once
+
+namespace engine {
+
+enum class Operation { copy, move };
+
+// What to do with a destination that exists.
+enum class Conflict { fail, replace, skip, ask, keep_both };
+
+struct TransferOptions {
+    Operation operation = Operation::copy;
+    Conflict conflict = Conflict::fail;
+    bool clone = false;
+    bool links = false; // a copy of a symbolic link is a link; else it is followed. A move never follows one.
+    bool trees = false; // directories are carried too, with everything in them
+    // Of entries that arrive a number is enough: then a copy need not go through them one by one.
+    bool countsAlone = false;
+};
+
+} // namespace engine

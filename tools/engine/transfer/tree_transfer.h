@@ -1,0 +1,95 @@
+// Copies or moves a directory with everything in it, and tells of each entry what became of it.
+//
+// The walk is the engine's own, since that of the library passes over what fails without a word, ends a directory at a
+// link that exists already, and ends a whole tree at a link that the volume cannot hold. Files, metadata, ACLs and
+// times are the library's work here too.
+//
+// Asking the library for one file after the other costs more than asking it for a tree. So a copy hands over whole
+// directories where nothing can be in the way, and looks afterwards at what is there (whole_tree_copy.cpp): what has
+// arrived is counted, and everything else goes through the walk, which names it. The directory that holds such a tree
+// stays closed to everybody else until that is over, so that nobody can put a link in the way of what is still done in
+// it.
+#pragma once
+
+#include "platform/core.h"
+#include "tools/engine/transfer/file_transfer.h"
+#include "tools/engine/transfer/tree_call.h"
+#include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/directory.h"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace engine {
+
+class TreeTransfer {
+  public:
+    // `files` carries the files and links; it and the observer outlive this.
+    TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
+        : m_move(options.operation == Operation::move), m_whole(options.countsAlone && !options.clone && !m_move),
+          m_files(files), m_observer(observer) {}
+
+    // Both paths absolute; the source is a directory. An existing directory at the destination is merged into.
+    void run(const std::string &source, const std::string &destination);
+
+  private:
+    // One directory on its way.
+    struct Level {
+        std::string source, destination;
+        VLIBCStat status = {};  // of the source, before anything is done to it
+        struct stat there = {}; // the destination
+        bool made = false;      // the destination was not there before
+        bool hasStore = false;  // the source holds an "@eaDir"
+        bool macAttributes = false;
+        Outcome outcome = {};
+    };
+
+    // Each answers whether nothing of it stayed behind.
+    bool directory(const std::string &source, std::string destination);
+    bool entry(const Level &level, const std::string &name);
+    bool rename_whole(const std::string &source, const std::string &destination, bool &done);
+    bool make_destination(Level &level);
+    bool existing_destination(Level &level);
+    void finish(Level &level);
+    bool remove_source(Level &level);
+    bool failed(const std::string &source, const std::string &destination, Problem problem);
+    void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
+        m_observer.entry(kind, source, outcome);
+    }
+
+    // What the library is to copy, and has copied, as a whole.
+    using Types = std::unordered_map<std::string, unsigned char>;
+    // Names of one directory, by what becomes of them.
+    struct Found {
+        std::vector<std::string> files, links, directories; // arrived
+        std::vector<std::string> rest;                      // for the walk
+    };
+    bool may_be_whole(const Level &level, const struct stat &found);
+    bool carries_all(const Level &level);
+    void copy_whole(const std::string &source, const std::string &destination);
+    void check(const std::string &source, const std::string &destination, const TreeCall &call);
+    std::optional<Found> compare(Level &level, const TreeCall &call);
+    void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;
+    void check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown);
+    void check_link(const std::string &source, const std::string &destination);
+    void copy_rest(const Level &level, const Found &found);
+    void check_directory(Level &level, bool entriesMade);
+    bool is_finished(const Level &level) const;
+
+    bool m_move;
+    bool m_whole;
+    FileTransfer &m_files;
+    TransferObserver &m_observer;
+    int m_sourceType = -1, m_destinationType = -1; // of the two volumes
+    VolumeTraits m_sourceTraits, m_destinationTraits;
+    dev_t m_sourceDevice = 0;
+    bool m_sourceKeepsMac = false;            // the source's volume may hold what no copy carries
+    std::set<std::pair<dev_t, ino_t>> m_made; // directories of this run
+    std::set<dev_t> m_carryAll, m_carryLess;  // volumes that were asked whether they carry everything
+    bool m_checking = false;
+};
+
+} // namespace engine

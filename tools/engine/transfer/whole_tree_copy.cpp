@@ -1,0 +1,262 @@
+// Directories that the library copies with one call: which ones, and what is there afterwards. See tree_transfer.h.
+#include "platform/acl.h"
+#include "platform/core.h"
+#include "platform/sdk.h"
+#include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/store/store_names.h"
+#include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/link_transfer.h"
+#include "tools/engine/transfer/tree_transfer.h"
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/paths.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <iterator>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+constexpr mode_t kPermissions = 0777, kAllModeBits = 07777;
+
+// Whether owners can be given, and modes do not stand in the way: the library makes a read-only directory before what
+// goes into it. Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have
+// no number here. Root may be refused too: by a server, or where it has not all of root's rights, as in a container.
+bool has_all_rights(const char *directory) {
+    constexpr uid_t nobody = 65534;
+    const Descriptor file(::open(directory, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (file.get() < 0 || ::fchown(file.get(), nobody, nobody) != 0 || ::fchmod(file.get(), 0) != 0) {
+        return false;
+    }
+    const std::string again = fmt::format("/proc/self/fd/{}", file.get());
+    return Descriptor(::open(again.c_str(), O_WRONLY | O_CLOEXEC)).get() >= 0;
+}
+
+// Where two names of the source may be one, the walk tells which of them is in the way.
+bool keeps_names_apart(const char *directory) {
+    const Descriptor opened(::open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    int flags = 0;
+    return opened.get() >= 0 && (::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0 || // a volume without flags
+                                 (flags & FS_CASEFOLD_FL) == 0);
+}
+
+// Whether files of the directory may have "user." attributes at all.
+bool keeps_attributes(const std::string &directory) {
+    return ::lgetxattr(directory.c_str(), "user.netatalk.Metadata", nullptr, 0) >= 0 || errno != EOPNOTSUPP;
+}
+
+// The parts of stores among the names in the "@eaDir" of a directory, sorted; nothing: it cannot be listed.
+std::optional<std::vector<std::string>> parts_in(const std::string &directory) {
+    auto names = names_in(joined(directory, "@eaDir"));
+    if (names) {
+        std::erase_if(*names, [](const std::string &name) {
+            return !name.ends_with("@VexoEAStream") && !name.ends_with("@VexoResource");
+        });
+        std::ranges::sort(*names);
+    }
+    return names;
+}
+
+// Whether every part is there under the same name, so that no file needs to be asked for its own.
+bool has_same_parts(const std::string &source, const std::string &destination) {
+    const auto parts = parts_in(source), copies = parts_in(destination);
+    return parts && copies && std::ranges::includes(*copies, *parts);
+}
+
+int64_t size_of(const std::string &path) {
+    struct stat found {};
+    return ::lstat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? found.st_size : 0;
+}
+
+} // namespace
+
+// A directory is handed over when nobody else can reach its destination and nothing stands there yet.
+bool TreeTransfer::may_be_whole(const Level &level, const struct stat &found) {
+    return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees &&
+           !m_sourceKeepsMac && carries_all(level);
+}
+
+// Whether the destination's volume takes everything that a source can have, asked once a volume.
+bool TreeTransfer::carries_all(const Level &level) {
+    const char *const directory = level.destination.c_str();
+    const dev_t device = level.there.st_dev;
+    if (!m_carryAll.contains(device) && !m_carryLess.contains(device)) {
+        const bool all = ::geteuid() == 0 && volume_traits(VEXOGetFSType(directory, 0)).wholeTrees &&
+                         has_all_rights(directory) && keeps_names_apart(directory);
+        (all ? m_carryAll : m_carryLess).insert(device);
+    }
+    return m_carryAll.contains(device);
+}
+
+void TreeTransfer::copy_whole(const std::string &source, const std::string &destination) {
+    if (m_observer.stopped()) {
+        return;
+    }
+    const TreeCall call = call_tree_copy(source, destination, m_observer);
+    if (call.all_arrived()) {
+        m_observer.arrived(0, call.bytes);
+    }
+    m_checking = true; // What did not arrive is copied one by one.
+    check(source, destination, call);
+    m_checking = false;
+}
+
+// One level of the tree that the library has copied.
+void TreeTransfer::check(const std::string &source, const std::string &destination, const TreeCall &call) {
+    Level level{source, destination};
+    level.outcome.destination = destination;
+    level.made = true;
+    if (::lstat(destination.c_str(), &level.there) != 0 || !S_ISDIR(level.there.st_mode)) {
+        directory(source, destination);
+        return;
+    }
+    m_made.insert({level.there.st_dev, level.there.st_ino});
+    const auto found = compare(level, call);
+    if (!found) {
+        return;
+    }
+    check_files(level, found->files, call.all_arrived());
+    for (const std::string &name : found->links) {
+        check_link(joined(source, name), joined(destination, name));
+    }
+    for (const std::string &name : found->directories) {
+        check(joined(source, name), joined(destination, name), call);
+    }
+    copy_rest(level, *found);
+    check_directory(level, !found->rest.empty());
+    tell(EntryKind::directory, source, level.outcome);
+}
+
+// Nothing: the source cannot be read, which has been told.
+std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const TreeCall &call) {
+    const auto unreadable = [&] {
+        Problem problem = problem_of_errno(errno);
+        problem.withSource = true;
+        failed(level.source, level.destination, std::move(problem));
+        return std::nullopt;
+    };
+    if (VLIBCFileStat(level.source.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
+                      &level.status) != 0) {
+        return unreadable();
+    }
+    auto entries = entries_in(level.source);
+    if (!entries) {
+        return unreadable();
+    }
+    Types types;
+    // One that cannot be read shows nothing, and the walk meets what is there.
+    for (Entry &copy : entries_in(level.destination).value_or(std::vector<Entry>())) {
+        types.insert({std::move(copy.name), copy.type});
+    }
+    Found found;
+    for (Entry &entry : *entries) {
+        sort_entry(level, std::move(entry), types, call, found);
+    }
+    return found;
+}
+
+// Believes a success only when it can be seen: an entry has arrived when one of its name and type is there and the
+// library has not reported it.
+void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const {
+    const NameKind kind = name_kind(level.source, entry.name, m_sourceType);
+    if (kind == NameKind::store) {
+        level.hasStore = true;
+        return;
+    }
+    const auto copy = types.find(entry.name);
+    const bool arrived =
+        kind == NameKind::ordinary && copy != types.end() && copy->second == entry.type &&
+        (call.refused.empty() || entry.type == DT_DIR || !call.refused.contains(joined(level.source, entry.name)));
+    std::vector<std::string> &names = !arrived               ? found.rest
+                                      : entry.type == DT_REG ? found.files
+                                      : entry.type == DT_LNK ? found.links
+                                      : entry.type == DT_DIR ? found.directories
+                                                             : found.rest;
+    names.push_back(std::move(entry.name));
+}
+
+// Files are there; what may not be is what is kept for them.
+void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown) {
+    const bool other = level.status.st.st_dev != m_sourceDevice; // another volume, of whatever type
+    const bool stores = level.hasStore && !has_same_parts(level.source, level.destination);
+    const bool attributes = keeps_attributes(level.source);
+    int files = 0;
+    int64_t bytes = 0;
+    for (const std::string &name : names) {
+        const std::string source = joined(level.source, name);
+        Outcome outcome;
+        outcome.bytes = bytesKnown ? 0 : size_of(source);
+        if (other || stores || (attributes && has_metadata_attribute(source))) {
+            outcome.destination = joined(level.destination, name);
+            outcome.warning = m_files.left_behind(source, outcome.destination);
+        }
+        if (outcome.warning) {
+            tell(EntryKind::file, source, outcome);
+        } else {
+            ++files;
+            bytes += outcome.bytes;
+        }
+    }
+    m_observer.arrived(files, bytes);
+}
+
+// The library makes links, and leaves owner and times of a link to chance.
+void TreeTransfer::check_link(const std::string &source, const std::string &destination) {
+    struct stat found {};
+    Outcome outcome;
+    outcome.destination = destination;
+    outcome.ownerLost = ::lstat(source.c_str(), &found) == 0 && !finish_link(found, destination);
+    tell(EntryKind::link, source, outcome);
+}
+
+// What has not arrived, with its reason, by the engine's own walk.
+void TreeTransfer::copy_rest(const Level &level, const Found &found) {
+    if (found.rest.empty()) {
+        return;
+    }
+    for (const std::string &name : found.files) {
+        m_files.remember(joined(level.destination, name));
+    }
+    for (const std::string &name : found.rest) {
+        if (m_observer.stopped()) {
+            return;
+        }
+        entry(level, name);
+    }
+}
+
+void TreeTransfer::check_directory(Level &level, bool entriesMade) {
+    const char *const source = level.source.c_str(), *const destination = level.destination.c_str();
+    const bool finished = is_finished(level);
+    if (finished) {
+        level.status.st.st_atim = level.there.st_atim; // as it was before the library read the source
+    }
+    if (!finished || entriesMade || VEXOACLCopy(source, destination) != 0 ||
+        parts_missing(store_parts(level.source, m_sourceType), level.destination, m_destinationType)) {
+        finish(level);
+        return;
+    }
+    // A new directory never gets these bits from its mode alone.
+    constexpr mode_t special = kAllModeBits & ~kPermissions;
+    if (((level.there.st_mode ^ level.status.st.st_mode) & special) != 0) {
+        (void)::chmod(destination, level.status.st.st_mode & kAllModeBits);
+    }
+}
+
+// The library sets the times of a directory last.
+bool TreeTransfer::is_finished(const Level &level) const {
+    const struct stat &from = level.status.st, &to = level.there;
+    return from.st_dev == m_sourceDevice && from.st_uid == to.st_uid && from.st_gid == to.st_gid &&
+           ((from.st_mode ^ to.st_mode) & kPermissions) == 0 && from.st_mtim.tv_sec == to.st_mtim.tv_sec &&
+           from.st_mtim.tv_nsec == to.st_mtim.tv_nsec;
+}
+
+} // namespace engine

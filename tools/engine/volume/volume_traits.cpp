@@ -1,0 +1,51 @@
+#include "tools/engine/volume/volume_traits.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace engine {
+namespace {
+
+struct Row {
+    int typeCode;
+    VolumeTraits traits;
+};
+constexpr Row kRows[] = {
+    {0, {.store = StoreKind::apple_double, .owners = false, .fatNames = true}},
+    {1, {.store = StoreKind::ea_directory, .links = true, .wholeTrees = true}},
+    {2, {.store = StoreKind::file_ea, .links = true, .wholeTrees = true}},
+    {3, {.store = StoreKind::file_ea, .links = true, .wholeTrees = true}},
+    {5, {.store = StoreKind::apple_double, .links = true}},
+    {6, {.store = StoreKind::ea_directory, .links = true, .wholeTrees = true}},
+    {7, {.store = StoreKind::native, .links = true}},
+    {10, {.store = StoreKind::ea_directory}},
+    {12, {.owners = false}},
+    {18, {.store = StoreKind::apple_double, .owners = false, .fatNames = true}},
+    {19, {.store = StoreKind::ea_directory}},
+    {22, {.store = StoreKind::ea_directory}},
+};
+
+} // namespace
+
+VolumeTraits volume_traits(int typeCode) {
+    const auto *const row = std::ranges::find(kRows, typeCode, &Row::typeCode);
+    return row == std::end(kRows) ? VolumeTraits{} : row->traits;
+}
+
+const char *kind_text(StoreKind kind) {
+    switch (kind) {
+    case StoreKind::apple_double:
+        return "a \"._\" file";
+    case StoreKind::native:
+        return "the file's own attributes";
+    case StoreKind::ea_directory:
+        return "\"@eaDir\"";
+    case StoreKind::file_ea:
+        return "\"@eaDir\" and a metadata attribute";
+    case StoreKind::none:
+        break;
+    }
+    return "nothing";
+}
+
+} // namespace engine

@@ -1,0 +1,27 @@
+// What volumes do with what belongs to a file, by their type codes. The one place of the engine that knows the codes.
+#pragma once
+
+namespace engine {
+
+// The ways in which volumes keep what belongs to a file.
+enum class StoreKind { apple_double, native, ea_directory, file_ea, none };
+
+struct VolumeTraits {
+    StoreKind store = StoreKind::none;
+    bool links = false;      // the library makes symbolic links there
+    bool owners = true;      // files have owners
+    bool fatNames = false;   // names change as the FAT family has it
+    bool wholeTrees = false; // names stay as they are, links are taken, and stores lie in "@eaDir"
+};
+
+// Of a type that nobody knows: nothing beside a file, no links, owners.
+VolumeTraits volume_traits(int typeCode);
+
+inline StoreKind store_kind(int typeCode) {
+    return volume_traits(typeCode).store;
+}
+
+// "\"@eaDir\"": where it is, for people.
+const char *kind_text(StoreKind kind);
+
+} // namespace engine

@@ -1,0 +1,42 @@
+// Walking directories: names, totals, and where one directory lies in another.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+// The names in a directory, without "." and ".."; nothing, with errno, when it cannot be read. A symbolic link is not
+// followed. No descriptor stays open, so that the depth of a tree costs none.
+std::optional<std::vector<std::string>> names_in(const std::string &directory);
+
+// The same with what each entry is: DT_REG, DT_DIR …; DT_UNKNOWN for one that is gone again.
+struct Entry {
+    std::string name;
+    unsigned char type;
+};
+std::optional<std::vector<Entry>> entries_in(const std::string &directory);
+
+// What a tree holds for somebody who copies it: regular files and links, and the bytes of the files.
+struct Totals {
+    int64_t files = 0, bytes = 0;
+    Totals &operator+=(const Totals &other) {
+        files += other.files;
+        bytes += other.bytes;
+        return *this;
+    }
+};
+// Entries that cannot be looked at count nothing. Ends early, with what it has, when `stopped` says so.
+Totals totals_of(const std::string &path, const std::function<bool()> &stopped);
+
+// Whether `path`, which need not exist, is the directory `directory` or lies below it, by whatever name: symbolic links
+// and bind mounts are seen through.
+bool lies_in(const std::string &path, const std::string &directory);
+
+// Lets this process open as many files as it may.
+void raise_descriptor_limit();
+
+} // namespace engine

@@ -1,0 +1,191 @@
+#include "tools/vexofileop/arguments/parser.h"
+
+#include "tools/engine/report/names.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <algorithm>
+#include <string_view>
+
+namespace tool {
+namespace {
+
+constexpr std::string_view kMark = "\x01";
+
+// What CLI11 gives a meaning of its own: "[a,b]" is a list of two to it and "++" ends a command.
+bool needs_mark(std::string_view argument) {
+    return argument.starts_with('[') || argument.starts_with(kMark) || argument == "++";
+}
+
+std::string marked(std::string_view argument, bool always) {
+    return std::string(always || needs_mark(argument) ? kMark : "").append(argument);
+}
+
+// The command line as CLI11 takes it: in reverse, without "--", and with a mark before what it would give a meaning of
+// its own, which Option::values() takes off again. What follows "--" is all marked.
+std::vector<std::string> arguments_of(int argc, const char *const *argv) {
+    std::vector<std::string> arguments;
+    bool optionsEnded = false;
+    for (int at = 1; at < argc; ++at) {
+        const std::string_view argument = argv[at];
+        if (!optionsEnded && argument == "--") {
+            optionsEnded = true;
+        } else {
+            arguments.push_back(marked(argument, optionsEnded));
+        }
+    }
+    std::ranges::reverse(arguments);
+    return arguments;
+}
+
+// What CLI11 says about an argument, as the user wrote that one.
+std::string without_marks(std::string text) {
+    std::erase(text, kMark.front());
+    return text;
+}
+
+// How --help looks: one line for each option, what an option takes behind its name, examples at the end.
+class HelpFormatter : public CLI::Formatter {
+  public:
+    HelpFormatter() { column_width(25); }
+    std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
+    std::string make_usage(const CLI::App *app, std::string name) const override;
+    std::string make_positionals(const CLI::App *) const override { return {}; }
+    std::string make_option_opts(const CLI::Option *option) const override;
+};
+
+std::string HelpFormatter::make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const {
+    std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
+    // CLI11 separates every section with an empty line or two; a screen has room for one.
+    for (size_t at; (at = text.find("\n\n\n")) != std::string::npos;) {
+        text.erase(at, 1);
+    }
+    return text;
+}
+
+std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) const {
+    // The description of operands is their usage.
+    std::string line = "Usage: " + std::move(name);
+    if (!app->get_subcommands({}).empty()) {
+        return line + " COMMAND ...\n";
+    }
+    line += " [OPTION...]";
+    for (const CLI::Option *const operand :
+         app->get_options([](const auto *option) { return option->get_positional(); })) {
+        line += " " + operand->get_description();
+    }
+    return line + "\n";
+}
+
+std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
+    return option->get_option_text().empty() ? "" : " " + option->get_option_text();
+}
+
+} // namespace
+
+bool Option::given() const {
+    return m_option->count() > 0;
+}
+
+std::vector<std::string> Option::values() const {
+    std::vector<std::string> values = m_option->results();
+    for (std::string &value : values) {
+        if (value.starts_with(kMark)) {
+            value.erase(0, kMark.size());
+        }
+    }
+    return values;
+}
+
+void Option::needs(const Option &other) const {
+    m_option->needs(other.m_option);
+}
+
+void Option::excludes(const Option &other) const {
+    m_option->excludes(other.m_option);
+}
+
+Command Command::add_command(const char *name, const char *text) const {
+    return Command(*m_app->add_subcommand(name, text));
+}
+
+void Command::require_command() const {
+    m_app->require_subcommand(1);
+}
+
+Option Command::add_flag(const char *names, const char *text) const {
+    return Option(*m_app->add_flag(names)->description(text));
+}
+
+void Command::add_flag(const char *names, bool &value, const char *text) const {
+    m_app->add_flag(names, value, text);
+}
+
+Option Command::add_value(const char *name, const char *valueName, const char *text) const {
+    return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName));
+}
+
+void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,
+                         const char *text) const {
+    m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName);
+}
+
+Option Command::add_operands(const char *name, const char *usage) const {
+    return Option(*m_app->add_option(name, CLI::callback_t(), usage)->expected(0, -1)->allow_extra_args());
+}
+
+void Command::set_footer(const std::string &text) const {
+    m_app->footer(text);
+}
+
+void Command::set_work(std::function<void()> work) const {
+    m_app->callback(std::move(work));
+}
+
+std::vector<Option> Command::given_options() const {
+    std::vector<Option> given;
+    for (CLI::Option *const option : m_app->parse_order()) {
+        given.emplace_back(*option);
+    }
+    return given;
+}
+
+Parser::Parser(const Program &program) : m_app(std::make_unique<CLI::App>(program.description, program.name)) {
+    m_app->formatter(std::make_shared<HelpFormatter>());
+    m_app->set_help_flag("-h,--help", "print this help and exit");
+    m_app->set_version_flag("--version", program.version, "print the version and exit");
+    m_app->require_subcommand(1);
+    m_app->footer(program.footer);
+}
+
+Parser::~Parser() = default;
+
+Command Parser::program() const {
+    return Command(*m_app);
+}
+
+std::optional<std::string> Parser::run(int argc, const char *const *argv) const {
+    try {
+        m_app->parse(arguments_of(argc, argv));
+        return std::nullopt;
+    } catch (const CLI::CallForHelp &) {
+        return m_app->help();
+    } catch (const CLI::CallForVersion &version) {
+        return std::string(version.what()) + "\n";
+    } catch (const CLI::ParseError &error) {
+        throw UsageError(engine::displayed(without_marks(error.what())));
+    }
+}
+
+std::string Parser::command_name() const {
+    std::string name = m_app->get_name();
+    for (const CLI::App *at = m_app.get(); !at->get_subcommands().empty();) {
+        at = at->get_subcommands().front();
+        name += " " + at->get_name();
+    }
+    return name;
+}
+
+} // namespace tool

@@ -1,0 +1,248 @@
+#include "tools/vexofileop/commands/batch.h"
+
+#include "tools/engine/report/names.h"
+#include "tools/engine/walk/directory.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/output/entry_text.h"
+#include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/terminal/progress_bar.h"
+#include "tools/vexofileop/terminal/signals.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+constexpr uint32_t kOwnerLost = 0xFA00;
+constexpr const char *kRecursion = "-r copies it with everything in it";
+
+std::string arrow(const std::string &source, const std::string &destination) {
+    return engine::displayed(source) + " -> " + engine::displayed(destination);
+}
+
+int64_t size_of(const std::string &path) {
+    struct stat found {};
+    return ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? found.st_size : 0;
+}
+
+// Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
+engine::TransferOptions transfer_options(const BatchOptions &options) {
+    engine::TransferOptions transfer = options.transfer;
+    transfer.countsAlone = !options.stopOnError && !options.verbose && !options.json;
+    return transfer;
+}
+
+} // namespace
+
+const char *word_of(engine::Operation operation) {
+    return operation == engine::Operation::copy ? "copy" : "move";
+}
+
+Batch::Batch(const BatchOptions &options) : m_options(options), m_transfer(transfer_options(options), *this) {}
+
+int Batch::run(const std::vector<Errand> &errands) {
+    begin(errands);
+    for (const Errand &errand : errands) {
+        if (stopped()) {
+            break;
+        }
+        m_transfer.run(errand.source, errand.destination);
+    }
+    m_console.clear_progress();
+    return finish(errands.size());
+}
+
+bool Batch::stopped() const {
+    return stop_signal() != 0 || (m_options.stopOnError && m_failed);
+}
+
+// A tree is counted before it is copied only where somebody sees the bar.
+void Batch::begin(const std::vector<Errand> &errands) {
+    if (m_options.noProgress || m_options.json || !Console::can_show_progress()) {
+        return;
+    }
+    engine::Totals totals;
+    for (const Errand &errand : errands) {
+        if (m_transfer.is_tree(errand.source)) {
+            totals += engine::totals_of(errand.source, [] { return stop_signal() != 0; });
+        } else {
+            totals += {1, size_of(errand.source)};
+        }
+    }
+    m_console.start_progress(totals.bytes, totals.files > 1 ? totals.files : 0);
+}
+
+void Batch::tree(const std::string &) {
+    m_treeSeen = true;
+}
+
+void Batch::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+    Counts &counts = kind == engine::EntryKind::directory ? m_directories : m_entries;
+    ++counts[outcome.status];
+    m_cloned += outcome.cloned ? 1 : 0;
+    m_failed = m_failed || outcome.status == engine::Status::failed || outcome.warning;
+    if (kind != engine::EntryKind::directory) {
+        // Also what was cloned, skipped or failed is behind us.
+        m_copied += outcome.status == engine::Status::done ? outcome.bytes : 0;
+        m_behind += outcome.status == engine::Status::done ? outcome.bytes
+                    : kind == engine::EntryKind::file      ? size_of(source)
+                                                           : 0;
+        ++m_filesBehind;
+        m_bytes = std::max(m_bytes, m_behind);
+    }
+    report(kind, source, outcome);
+    advance(0);
+}
+
+// So many files and links of which nothing is to be said.
+void Batch::arrived(int files, int64_t bytes) {
+    m_entries[engine::Status::done] += files;
+    m_copied += bytes;
+    m_behind += bytes;
+    m_filesBehind += files;
+    m_bytes = std::max(m_bytes, m_behind);
+    advance(0);
+}
+
+void Batch::report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+    report_problems(source, outcome);
+    if (m_options.json) {
+        m_console.line(entry_line(kind, source, outcome));
+    } else if (m_options.verbose) {
+        verbose_line(source, outcome);
+    }
+}
+
+void Batch::report_problems(const std::string &source, const engine::Outcome &outcome) {
+    if (outcome.status == engine::Status::done && !outcome.problem && !outcome.warning && !outcome.ownerLost) {
+        return;
+    }
+    const std::string both = arrow(source, outcome.destination);
+    if (outcome.problem) {
+        m_console.message(
+            problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
+    } else if (outcome.status == engine::Status::skipped && m_treeSeen && !m_options.verbose && !m_options.json) {
+        m_console.message(both + ": skipped, destination exists");
+    }
+    if (outcome.warning) {
+        m_console.message(problem_text(both, *outcome.warning));
+    }
+    if (outcome.ownerLost && (m_options.verbose || ::geteuid() == 0)) {
+        m_console.message(problem_text(engine::displayed(outcome.destination), engine::problem_of(kOwnerLost)));
+    }
+}
+
+void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
+    if (outcome.status == engine::Status::done) {
+        const bool fellBack = m_options.transfer.clone && !outcome.cloned && outcome.bytes > 0;
+        m_console.line(arrow(source, outcome.destination) + (outcome.cloned ? " (cloned)"
+                                                             : fellBack     ? " (copied, not cloned)"
+                                                                            : ""));
+    } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
+        m_console.line(arrow(source, outcome.destination) + " (skipped, destination exists)");
+    }
+}
+
+std::string Batch::entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const {
+    Json entry;
+    entry.add_text("event", word_of(kind));
+    entry.add_text("operation", word_of(m_options.transfer.operation));
+    entry.add_text("status", word_of(outcome.status));
+    entry.add_name("source", source);
+    entry.add_name("destination", outcome.destination);
+    if (outcome.status == engine::Status::done && kind == engine::EntryKind::file) {
+        entry.add_number("bytes", outcome.bytes);
+    }
+    if (m_options.transfer.clone && kind == engine::EntryKind::file) {
+        entry.add_flag("cloned", outcome.cloned);
+    }
+    if (outcome.problem) {
+        entry.add_object("error", problem_object(*outcome.problem, kRecursion));
+    }
+    if (outcome.warning) {
+        entry.add_to_list("warnings", problem_object(*outcome.warning));
+    }
+    if (outcome.ownerLost) {
+        entry.add_to_list("warnings", problem_object(engine::problem_of(kOwnerLost)));
+    }
+    return entry.line();
+}
+
+int Batch::finish(size_t planned) {
+    int succeeded = m_entries[engine::Status::done] + m_entries[engine::Status::skipped];
+    if (succeeded == 0 && m_entries[engine::Status::failed] == 0) {
+        succeeded = m_directories[engine::Status::done]; // a tree of directories, or one moved as a whole
+    }
+    // What a stop left undone is told by its own status.
+    int status = stop_signal() != 0 ? exitSignal + stop_signal() : exit_status(succeeded, m_failed ? 1 : 0);
+    tell_stop(planned);
+    if (m_options.json) {
+        m_console.line(summary_line(planned, status));
+    } else if (m_treeSeen) {
+        m_console.line(counts_line());
+    }
+    if (!m_console.check_output() && status == exitAll) {
+        status = exitSome;
+    }
+    return status;
+}
+
+void Batch::tell_stop(size_t planned) {
+    const char *const verb = copies() ? "copied" : "moved";
+    if (stop_signal() == 0) {
+        if (stopped()) {
+            m_console.message("stopped at the first failure (--stop-on-error)");
+        }
+    } else if (m_treeSeen) {
+        m_console.message(fmt::format("stopped; {} files {}", m_entries[engine::Status::done], verb));
+    } else {
+        m_console.message(fmt::format("stopped; {} of {} files {}", m_entries[engine::Status::done], planned, verb));
+    }
+}
+
+std::string Batch::counts_line() const {
+    const auto counted = [](int number, const char *one, const char *several) {
+        return fmt::format("{} {}", number, number == 1 ? one : several);
+    };
+    return fmt::format("{} and {} {} ({}), {} skipped, {} failed{}",
+                       counted(m_entries[engine::Status::done], "file", "files"),
+                       counted(m_directories[engine::Status::done], "directory", "directories"),
+                       copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped],
+                       m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
+                       copies() ? fmt::format(", {} cloned", m_cloned) : "");
+}
+
+std::string Batch::summary_line(size_t planned, int status) const {
+    Json summary;
+    summary.add_text("event", "summary");
+    summary.add_text("operation", word_of(m_options.transfer.operation));
+    summary.add_number("files", m_treeSeen ? m_filesBehind : static_cast<int64_t>(planned));
+    summary.add_number("directories", m_directories[engine::Status::done]);
+    summary.add_number("done", m_entries[engine::Status::done]);
+    summary.add_number("skipped", m_entries[engine::Status::skipped]);
+    summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
+    summary.add_number("cloned", m_cloned);
+    summary.add_number("bytes", m_copied);
+    summary.add_flag("cancelled", stop_signal() != 0);
+    summary.add_number("exit_status", status);
+    return summary.line();
+}
+
+void Batch::advance(int64_t bytes) {
+    m_bytes += bytes;
+    m_console.progress(m_bytes, std::max(m_filesBehind, m_filesBegun));
+}
+
+void Batch::progress(int64_t bytes, bool newFile) {
+    m_filesBegun = newFile ? std::max(m_filesBehind, m_filesBegun) + 1 : m_filesBegun;
+    advance(bytes);
+}
+
+bool Batch::may_replace(const std::string &path) {
+    return m_console.confirm(fmt::format("replace {}?", engine::displayed(path)));
+}
+
+} // namespace tool

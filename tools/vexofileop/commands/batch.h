@@ -1,0 +1,66 @@
+// One run of copy or move: the errands in order, what is said about each entry, and the count at the end.
+#pragma once
+
+#include "tools/engine/transfer/transfer.h"
+#include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/terminal/console.h"
+
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct BatchOptions {
+    engine::TransferOptions transfer;
+    bool stopOnError = false;
+    bool verbose = false, json = false, noProgress = false;
+};
+
+const char *word_of(engine::Operation operation); // "copy"
+
+class Batch : private engine::TransferObserver {
+  public:
+    explicit Batch(const BatchOptions &options);
+    // The exit status.
+    int run(const std::vector<Errand> &errands);
+
+  private:
+    struct Counts {
+        int of[4] = {}; // by Status
+        int &operator[](engine::Status status) { return of[static_cast<size_t>(status)]; }
+        int operator[](engine::Status status) const { return of[static_cast<size_t>(status)]; }
+    };
+
+    void begin(const std::vector<Errand> &errands);
+    void tree(const std::string &source) override;
+    void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
+    void arrived(int files, int64_t bytes) override;
+    void progress(int64_t bytes, bool newFile) override;
+    bool may_replace(const std::string &path) override;
+    bool stopped() const override;
+    void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
+    void report_problems(const std::string &source, const engine::Outcome &outcome);
+    void verbose_line(const std::string &source, const engine::Outcome &outcome);
+    std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
+    int finish(size_t planned);
+    void tell_stop(size_t planned);
+    std::string counts_line() const;
+    std::string summary_line(size_t planned, int status) const;
+    void advance(int64_t bytes);
+    bool copies() const { return m_options.transfer.operation == engine::Operation::copy; }
+
+    const BatchOptions &m_options;
+    Console m_console;
+    engine::Transfer m_transfer;
+    Counts m_entries, m_directories;
+    int m_cloned = 0;
+    bool m_treeSeen = false;
+    bool m_failed = false;
+    int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended
+    int64_t m_filesBehind = 0; // the same, counted
+    int64_t m_filesBegun = 0;  // those, or of a tree that the library copies those that it has begun
+    int64_t m_bytes = 0;       // the same with the part of the file under way
+    int64_t m_copied = 0;      // what really arrived
+};
+
+} // namespace tool

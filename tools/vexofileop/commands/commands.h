@@ -1,0 +1,24 @@
+// The commands of the tool. A command is one source file; it is named here and in the table of main.cpp.
+#pragma once
+
+#include "tools/vexofileop/arguments/parser.h"
+
+namespace tool {
+
+// Each adds its subcommand, whose callback does the work and leaves the exit status in `status`. The callback may throw
+// engine::InvalidRequest, of which UsageError is one.
+using AddCommand = void (*)(const Command &program, int &status);
+
+void add_copy_command(const Command &program, int &status);
+void add_move_command(const Command &program, int &status);
+void add_remove_command(const Command &program, int &status);
+void add_relocate_command(const Command &program, int &status);
+void add_reflink_command(const Command &program, int &status);
+void add_archive_command(const Command &program, int &status);
+void add_ea_command(const Command &program, int &status);
+
+void add_index_command(const Command &program, int &status);
+void add_notify_command(const Command &program, int &status);
+void add_explain_command(const Command &program, int &status);
+
+} // namespace tool

@@ -1,0 +1,185 @@
+// vexofileop ea list, get, set and rm: single attributes.
+#include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/store.h"
+#include "tools/engine/volume/volume_traits.h"
+#include "tools/vexofileop/arguments/input.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/commands/ea/ea_commands.h"
+#include "tools/vexofileop/commands/path_work.h"
+#include "tools/vexofileop/output/hex.h"
+#include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/terminal/console.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fmt/format.h>
+#include <memory>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+void print_attributes(Console &console, const std::string &path, bool heading) {
+    const engine::Store store(path);
+    if (heading) {
+        console.line(engine::displayed(path) + ":");
+    }
+    for (const engine::Store::Attribute &attribute : store.list()) {
+        console.line(fmt::format("{:>10}  {}", attribute.size, engine::displayed(attribute.name)));
+    }
+}
+
+void print_json(Console &console, const std::string &path) {
+    const engine::Store store(path);
+    Json out;
+    out.add_name("path", path);
+    out.add_text("kept_in", engine::kind_text(store.kind()));
+    for (const engine::Store::Attribute &attribute : store.list()) {
+        Json row;
+        row.add_name("name", attribute.name);
+        row.add_number("size", static_cast<int64_t>(attribute.size));
+        out.add_to_list("attributes", std::move(row));
+    }
+    console.line(out.line());
+}
+
+void add_list(const Command &ea, int &status) {
+    const Command command = ea.add_command("list", "List attribute names and sizes");
+    const PathOperands files(command, "FILE", "FILE...");
+    const auto json = std::make_shared<bool>(false);
+    command.add_flag("--json", *json, "one JSON object per file");
+    command.set_footer("\nExample:\n  vexofileop ea list photo.jpg");
+    command.set_work([&status, json, files] {
+        const std::vector<std::string> given = files.all();
+        PathWork work;
+        work.each(given, [&](const std::string &path) {
+            if (*json) {
+                print_json(work.console(), path);
+            } else {
+                print_attributes(work.console(), path, given.size() > 1);
+            }
+        });
+        status = work.finish();
+    });
+}
+
+bool is_plain_text(const std::string &value) {
+    return engine::is_utf8(value) && std::ranges::none_of(value, [](char byte) {
+               return (static_cast<uint8_t>(byte) < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7f;
+           });
+}
+
+// Raw bytes for a program; on a terminal nothing that would write over it.
+void write_value(const std::string &value) {
+    const bool shown = ::isatty(STDOUT_FILENO) != 0;
+    const std::string text = !shown ? value : is_plain_text(value) ? value + "\n" : hex_dump(value);
+    if ((std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) &&
+        errno != EPIPE) { // a reader that has seen enough is no failure
+        engine::throw_errno("cannot be written out");
+    }
+}
+
+void add_get(const Command &ea, int &status) {
+    const Command command = ea.add_command("get", "Print the value of an attribute");
+    const Option operands = command.add_operands("FILE", "FILE NAME");
+    command.set_footer("\nThe bytes as they are; on a terminal a dump of what is no text.\n"
+                       "Example:\n"
+                       "  vexofileop ea get photo.jpg com.example.note > note");
+    command.set_work([&status, operands] {
+        const std::vector<std::string> given = operands.values();
+        if (given.size() != 2) {
+            throw UsageError("a file and a name are needed");
+        }
+        PathWork work;
+        work.one(given[0], [&](const std::string &path) { write_value(engine::Store(path).get(given[1])); });
+        status = work.finish();
+    });
+}
+
+class SetCommand {
+  public:
+    explicit SetCommand(const Command &command)
+        : m_operands(command.add_operands("FILE", "FILE NAME [VALUE]")),
+          m_from(command.add_value("--from", "SOURCE", "take the value from this file; - is stdin")),
+          m_hex(command.add_value("--hex", "DIGITS", "take the value from hexadecimal digits")),
+          m_create(command.add_flag("--create", "fail when the attribute exists")),
+          m_replace(command.add_flag("--replace", "fail when it does not exist")) {
+        m_replace.excludes(m_create);
+        m_from.excludes(m_hex);
+    }
+    int run() const {
+        const std::vector<std::string> given = m_operands.values();
+        const bool elsewhere = m_from.given() || m_hex.given();
+        if (given.size() != (elsewhere ? 2U : 3U)) {
+            throw UsageError("a file, a name and one value are needed");
+        }
+        const std::string digits = m_hex.given() ? m_hex.values().front() : "";
+        const auto bytes = bytes_of_hex(digits);
+        if (!bytes) {
+            throw UsageError("--hex takes pairs of hexadecimal digits");
+        }
+        PathWork work;
+        work.one(given[0], [&](const std::string &path) {
+            const std::string value = m_from.given() ? read_input(m_from.values().front())
+                                      : elsewhere    ? *bytes
+                                                     : given[2];
+            engine::Store(path).set(given[1], value, existing());
+        });
+        return work.finish();
+    }
+
+  private:
+    engine::Store::Existing existing() const {
+        return m_create.given()    ? engine::Store::Existing::must_not
+               : m_replace.given() ? engine::Store::Existing::must
+                                   : engine::Store::Existing::either;
+    }
+    Option m_operands, m_from, m_hex, m_create, m_replace;
+};
+
+void add_set(const Command &ea, int &status) {
+    const Command command = ea.add_command("set", "Set an attribute");
+    const SetCommand set(command);
+    command.set_footer("\nExamples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
+                       "  vexofileop ea set photo.jpg com.example.icon --from icon.png");
+    command.set_work([&status, set] { status = set.run(); });
+}
+
+void add_rm(const Command &ea, int &status) {
+    const Command command = ea.add_command("rm", "Remove attributes");
+    const Option operands = command.add_operands("FILE", "FILE NAME...");
+    command.set_footer("\nThe store goes with the last thing in it. To remove everything: ea remove.\n"
+                       "Example:\n"
+                       "  vexofileop ea rm photo.jpg com.example.note");
+    command.set_work([&status, operands] {
+        const std::vector<std::string> given = operands.values();
+        if (given.size() < 2) {
+            throw UsageError("a file and a name are needed");
+        }
+        PathWork work;
+        for (size_t at = 1; at < given.size(); ++at) {
+            work.one(given[0], [&](const std::string &path) {
+                try {
+                    engine::Store(path).remove(given[at]);
+                } catch (const engine::Failure &failure) {
+                    throw engine::Failure(fmt::format("{}: {}", engine::displayed(given[at]), failure.what()));
+                }
+            });
+        }
+        status = work.finish();
+    });
+}
+
+} // namespace
+
+void add_ea_attribute_commands(const Command &ea, int &status) {
+    add_list(ea, status);
+    add_get(ea, status);
+    add_set(ea, status);
+    add_rm(ea, status);
+}
+
+} // namespace tool

@@ -1,0 +1,95 @@
+// vexofileop ea copy, rename, remove and repair: what the library does with everything that a file has in its store.
+#include "tools/vexofileop/commands/ea/ea_commands.h"
+
+#include "tools/engine/report/failure.h"
+#include "tools/engine/store/whole_store.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/commands/path_work.h"
+
+#include <memory>
+
+namespace tool {
+namespace {
+
+void add_copy(const Command &ea, int &status) {
+    const auto move = std::make_shared<bool>(false);
+    const auto full = std::make_shared<bool>(false);
+    const Command command = ea.add_command("copy", "Carry the metadata of one file to another");
+    const Option files = command.add_operands("SRC", "SRC DST");
+    command.add_flag("--move", *move, "remove at the source what was carried");
+    command.add_flag("--full-dir", *full, "with what else is in its \"@eaDir\", on FAT too");
+    command.set_footer("\nBoth files exist already; their data stay as they are. What DST has of the same\n"
+                       "name is replaced.\n"
+                       "Example:\n"
+                       "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
+    command.set_work([&status, move, full, files] {
+        const std::vector<std::string> given = files.values();
+        if (given.size() != 2) {
+            throw UsageError("a source and a destination are needed");
+        }
+        const std::string to = engine::absolute_path(given[1]);
+        PathWork work;
+        work.one(given[0], [&](const std::string &path) { engine::carry_store(path, to, *move, *full); });
+        status = work.finish();
+    });
+}
+
+void add_rename(const Command &ea, int &status) {
+    const Command command = ea.add_command("rename", "Move the metadata after its file was renamed");
+    const Option files = command.add_operands("OLD", "OLD NEW");
+    command.set_footer("\nWhat is kept under NEW already is replaced where OLD has the same: attributes,\n"
+                       "Finder Info with the resource fork, the file's own directory in \"@eaDir\".\n"
+                       "Example:\n"
+                       "  mv a.jpg b.jpg && vexofileop ea rename a.jpg b.jpg");
+    command.set_work([&status, files] {
+        const std::vector<std::string> given = files.values();
+        if (given.size() != 2) {
+            throw UsageError("the old and the new name are needed");
+        }
+        const std::string from = engine::absolute_path(given[0]);
+        PathWork work;
+        work.one(given[1], [&](const std::string &path) { engine::rename_store(from, path); });
+        status = work.finish();
+    });
+}
+
+void add_for_each(const Command &ea, int &status, const char *name, const char *text, const char *footer,
+                  const PathWork::Task &task) {
+    const Command command = ea.add_command(name, text);
+    const PathOperands files(command, "FILE", "FILE...");
+    command.set_footer(footer);
+    command.set_work([&status, files, task] {
+        PathWork work;
+        work.each(files.all(), task);
+        status = work.finish();
+    });
+}
+
+void remove_all(const std::string &path) {
+    if (engine::is_part_of_file(path)) {
+        throw engine::Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
+    }
+    engine::remove_store(path);
+}
+
+} // namespace
+
+void add_ea_store_commands(const Command &ea, int &status) {
+    add_copy(ea, status);
+    add_rename(ea, status);
+    add_for_each(ea, status, "remove", "Remove all metadata of files",
+                 "\nThe files themselves stay. For a file that is gone, what it left behind goes.\n"
+                 "Example:\n"
+                 "  vexofileop ea remove photo.jpg",
+                 remove_all);
+    add_for_each(ea, status, "repair", "Repair resource files that hold attributes",
+                 "\nThe attributes are moved into the attribute stream. A file without a resource\n"
+                 "file has nothing to repair.\n"
+                 "Example:\n"
+                 "  vexofileop ea repair photo.jpg",
+                 engine::repair_store);
+}
+
+} // namespace tool

@@ -1,0 +1,97 @@
+// vexofileop explain: what an error code means.
+#include "tools/engine/report/error_table.h"
+#include "tools/engine/report/names.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/terminal/console.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <iterator>
+#include <optional>
+
+namespace tool {
+namespace {
+
+// "0xA400", "a400" or "A400".
+std::optional<uint32_t> code_from(std::string_view text) {
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+    }
+    uint32_t code = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code, 16);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole && code <= 0xFFFF ? std::optional(code) : std::nullopt;
+}
+
+void list_all(Console &console) {
+    for (const engine::ErrorInfo &row : engine::error_table()) {
+        console.line(fmt::format("{}  {}", engine::code_text(row.code), row.reason));
+    }
+}
+
+// "LABEL: TEXT" in lines of at most 79 columns, the later ones indented, without the last line feed.
+std::string paragraph(std::string_view label, std::string_view text) {
+    constexpr size_t width = 79;
+    std::string out = fmt::format("  {}:", label);
+    size_t column = out.size();
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find(' '));
+        text.remove_prefix(std::min(text.size(), word.size() + 1));
+        const bool fits = column + 1 + word.size() <= width;
+        out += fits ? " " : "\n      ";
+        column = (fits ? column + 1 : 6) + word.size();
+        out += word;
+    }
+    return out;
+}
+
+uint32_t code_of(const std::string &text) {
+    const std::optional<uint32_t> code = code_from(text);
+    if (!code) {
+        throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", engine::displayed(text)));
+    }
+    return *code;
+}
+
+bool explain(Console &console, uint32_t code) {
+    const engine::ErrorInfo *const row = engine::find_error(code);
+    if (row == nullptr) {
+        console.message(fmt::format("{}: no such error code", engine::code_text(code)));
+        return false;
+    }
+    console.line(fmt::format("{}  {}", engine::code_text(row->code), row->reason));
+    console.line(paragraph("When", row->cause));
+    console.line(paragraph("What helps", row->fix));
+    return true;
+}
+
+int explain_all(const std::vector<std::string> &given) {
+    std::vector<uint32_t> codes;
+    std::ranges::transform(given, std::back_inserter(codes), code_of);
+    Console console;
+    int known = 0, unknown = 0;
+    for (const uint32_t code : codes) {
+        ++(explain(console, code) ? known : unknown);
+    }
+    if (codes.empty()) {
+        list_all(console);
+    }
+    const bool written = console.check_output();
+    return !written && unknown == 0 ? exitSome : exit_status(known, unknown);
+}
+
+} // namespace
+
+void add_explain_command(const Command &program, int &status) {
+    const Command command = program.add_command("explain", "Tell what an error code means and what helps");
+    const Option codes = command.add_operands("CODE", "[CODE...]");
+    command.set_footer("\nWithout a code all of them are listed.\n"
+                       "Example:\n"
+                       "  vexofileop explain 0xA400");
+    command.set_work([&status, codes] { status = explain_all(codes.values()); });
+}
+
+} // namespace tool

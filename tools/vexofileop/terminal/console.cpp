@@ -1,0 +1,127 @@
+#include "tools/vexofileop/terminal/console.h"
+
+#include "tools/vexofileop/terminal/signals.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+constexpr std::chrono::milliseconds kMoment{500};
+constexpr std::chrono::milliseconds kRedraw{100};
+constexpr int kUsualWidth = 80;
+
+void write_error(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return; // There is nowhere left to say so.
+        }
+        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+    }
+}
+
+bool can_redraw() {
+    const char *const terminal = std::getenv("TERM");
+    return ::isatty(STDERR_FILENO) == 1 && terminal != nullptr && *terminal != '\0' &&
+           std::string_view(terminal) != "dumb";
+}
+
+// Asked at every redraw, which follows a window that changes its size sooner than a handler for SIGWINCH needs to.
+int terminal_width() {
+    winsize size{};
+    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
+}
+
+// A line of stdin, read byte by byte so that what follows stays for the next question or program.
+std::string read_answer() {
+    std::string answer;
+    for (char byte = 0; wait_readable(STDIN_FILENO) && ::read(STDIN_FILENO, &byte, 1) == 1 && byte != '\n';) {
+        answer += byte;
+    }
+    return answer;
+}
+
+} // namespace
+
+void Console::message(std::string_view text) {
+    clear_progress();
+    write_error(fmt::format("vexofileop: {}\n", text));
+}
+
+void Console::line(std::string_view text) {
+    clear_progress();
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+    // Line by line also into a pipe, so that a script follows the work.
+    if (std::fflush(stdout) != 0 && m_outputError == 0) {
+        m_outputError = errno;
+    }
+}
+
+bool Console::confirm(std::string_view question) {
+    clear_progress();
+    write_error(fmt::format("vexofileop: {} [y/N] ", question));
+    const std::string answer = read_answer();
+    if (stop_signal() != 0) {
+        write_error("\n");
+        return false;
+    }
+    return answer.starts_with('y') || answer.starts_with('Y');
+}
+
+bool Console::check_output() {
+    if (m_outputError == 0 || m_outputError == EPIPE) {
+        return true;
+    }
+    message(fmt::format("writing the output failed: {}", std::strerror(m_outputError)));
+    return false;
+}
+
+bool Console::can_show_progress() {
+    return can_redraw();
+}
+
+bool Console::can_ask() {
+    return ::isatty(STDIN_FILENO) == 1;
+}
+
+void Console::start_progress(int64_t totalBytes, int64_t totalFiles) {
+    m_progress = can_redraw();
+    m_total = totalBytes;
+    m_totalFiles = totalFiles;
+    m_started = Clock::now();
+    m_nextDraw = m_started + kMoment;
+    m_rate = {};
+    m_rate.add(0, 0);
+}
+
+void Console::progress(int64_t doneBytes, int64_t doneFiles) {
+    if (!m_progress) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    if (now < m_nextDraw) {
+        return;
+    }
+    m_nextDraw = now + kRedraw;
+    m_rate.add(std::chrono::duration<double>(now - m_started).count(), doneBytes);
+    write_error("\r" + render_progress({doneBytes, m_total, m_rate.rate(), terminal_width(), doneFiles, m_totalFiles}) +
+                "\x1b[K");
+    m_drawn = true;
+}
+
+void Console::clear_progress() {
+    if (m_drawn) {
+        write_error("\r\x1b[K");
+        m_drawn = false;
+    }
+}
+
+} // namespace tool

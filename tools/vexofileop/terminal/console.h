@@ -1,0 +1,50 @@
+// Everything the tool says: messages on stderr, lines on stdout, questions, and the progress line, which is out of the
+// way whenever something else is said. Nothing is coloured.
+#pragma once
+
+#include "tools/vexofileop/terminal/progress_bar.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+class Console {
+  public:
+    Console() = default;
+    Console(const Console &) = delete;
+    Console &operator=(const Console &) = delete;
+    ~Console() { clear_progress(); }
+
+    // "vexofileop: TEXT" on stderr. The caller has made names displayable.
+    void message(std::string_view text);
+    // "TEXT" on stdout.
+    void line(std::string_view text);
+    // "vexofileop: QUESTION [y/N] " on stderr, and the answer from stdin: true for one that begins with y or Y. The end
+    // of the input and a stop signal are a no.
+    bool confirm(std::string_view question);
+    // Whether all that line() said arrived. A message tells when it did not; a reader that went away is no failure.
+    bool check_output();
+
+    // Shows a progress line from half a second from now on, where stderr is a terminal that can redraw one.
+    void start_progress(int64_t totalBytes, int64_t totalFiles = 0);
+    void progress(int64_t doneBytes, int64_t doneFiles = 0);
+    // Whether a progress line could be shown at all.
+    static bool can_show_progress();
+    // Whether a question reaches a person.
+    static bool can_ask();
+    void clear_progress();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    int m_outputError = 0;   // errno of the first write to stdout that failed
+    bool m_progress = false; // wanted
+    bool m_drawn = false;    // on the screen
+    int64_t m_total = 0, m_totalFiles = 0;
+    Clock::time_point m_started, m_nextDraw;
+    RateMeter m_rate;
+};
+
+} // namespace tool
