@@ -58,6 +58,7 @@ foreach(module IN ITEMS vexofileop vexo-platform)
     set(PROJECT_VERSION \"${PROJECT_VERSION}\")
     set(LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
     set(INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    get_filename_component(PREFIX \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
     configure_file(\"${CMAKE_CURRENT_LIST_DIR}/${module}.pc.in\" \"${CMAKE_BINARY_DIR}/pkgconfig/${module}.pc\" @ONLY)
     file(INSTALL \"${CMAKE_BINARY_DIR}/pkgconfig/${module}.pc\"
          DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")"
