@@ -1,4 +1,4 @@
-# The Debian packages: cpack -G DEB in a build tree.
+# The Debian packages, which packaging/make-packages makes.
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

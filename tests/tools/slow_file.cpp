@@ -23,14 +23,16 @@ struct SlowFile::State {
     std::mutex mutex;
     std::condition_variable changed;
     int64_t allowed = 0;
-    bool readWaits = false, closeHeld = false, closeWaits = false;
+    int64_t asked = 0; // the end of the last read
+    bool closeHeld = false, closeWaits = false;
+    bool readWaits() const { return asked > allowed; }
     fuse *session = nullptr;
     std::thread loop;
 };
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{30}; // only a test that fails waits as long
+constexpr std::chrono::seconds kPatience{120}; // only a test that fails waits as long
 constexpr const char *kName = "/slow";
 
 } // namespace
@@ -76,10 +78,9 @@ struct SlowFileOperations {
             return 0;
         }
         std::unique_lock lock(file.mutex);
-        file.readWaits = end > file.allowed;
+        file.asked = end;
         file.changed.notify_all();
-        file.changed.wait(lock, [&] { return end <= file.allowed; });
-        file.readWaits = false;
+        file.changed.wait(lock, [&] { return !file.readWaits(); });
         std::memset(buffer, 0, static_cast<size_t>(end - offset));
         return static_cast<int>(end - offset);
     }
@@ -152,7 +153,7 @@ void SlowFile::holdClose() {
 
 bool SlowFile::waitedFor() {
     std::unique_lock lock(m_state->mutex);
-    return m_state->changed.wait_for(lock, kPatience, [&] { return m_state->readWaits; });
+    return m_state->changed.wait_for(lock, kPatience, [&] { return m_state->readWaits(); });
 }
 
 bool SlowFile::closeWaitedFor() {

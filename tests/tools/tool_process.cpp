@@ -18,7 +18,18 @@
 namespace kit {
 namespace {
 
-constexpr int kPatienceSteps = 300; // of 100 ms: only a test that fails waits as long
+constexpr int kPatienceSteps = 1200; // of 100 ms: only a test that fails waits as long
+
+// Waits until it is so, however slow the machine. False only where a test would hang otherwise.
+bool eventually(const std::function<bool()> &condition) {
+    for (int step = 0; step < kPatienceSteps * 10; ++step) {
+        if (condition()) {
+            return true;
+        }
+        ::usleep(10'000);
+    }
+    return false;
+}
 
 [[noreturn]] void execute(const Arguments &arguments) {
     std::vector<char *> pointers;
@@ -179,22 +190,37 @@ const std::string &ToolOnTerminal::screen() {
     return m_screen;
 }
 
-bool ToolOnTerminal::hasPending(int signal) const {
-    constexpr int kSteps = 300;
-    for (int step = 0; step < kSteps; ++step) {
-        std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigPnd:") || line.starts_with("ShdPnd:")) {
-                const unsigned long long mask = std::strtoull(line.c_str() + 7, nullptr, 16);
-                if ((mask >> (signal - 1) & 1) != 0) {
-                    return true;
-                }
-            }
+bool ToolOnTerminal::statusHas(const std::string &field, const std::function<bool(const std::string &)> &wanted) const {
+    std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field + ":\t") && wanted(line.substr(field.size() + 2))) {
+            return true;
         }
-        ::usleep(10'000);
     }
-    // Taken already: the process was not waiting in the kernel just then. What it does with it, the test sees.
-    return ::kill(m_pid, 0) == 0;
+    return false;
+}
+
+bool ToolOnTerminal::statusHas(const std::string &field, int signal) const {
+    return statusHas(field, [signal](const std::string &mask) {
+        return (std::strtoull(mask.c_str(), nullptr, 16) >> (signal - 1) & 1) != 0;
+    });
+}
+
+bool ToolOnTerminal::catches(int signal) const {
+    return eventually([&] { return statusHas("SigCgt", signal); });
+}
+
+bool ToolOnTerminal::takes(int signal) const {
+    // Its handler goes with the first one that it takes.
+    return eventually(
+        [&] { return statusHas("SigPnd", signal) || statusHas("ShdPnd", signal) || !statusHas("SigCgt", signal); });
+}
+
+bool ToolOnTerminal::isEndedBy(int signal) const {
+    return eventually([&] {
+        return statusHas("SigPnd", signal) || statusHas("ShdPnd", signal) ||
+               statusHas("State", [](const std::string &state) { return state.starts_with("Z"); });
+    });
 }
 
 void ToolOnTerminal::send(int signal) const {

@@ -1,6 +1,7 @@
 // Runs the tool as its users do: from a script, or on a terminal.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -41,13 +42,20 @@ class ToolOnTerminal {
     // Reads what has arrived so far, without waiting.
     const std::string &screen();
     void forget() { m_screen.clear(); }
-    // Waits until a signal is on its way to the process, or has been taken by it. False: there is no such process.
-    bool hasPending(int signal) const;
+    // Waits until the process catches the signal: one sent before would just end it.
+    bool catches(int signal) const;
+    // Waits until a signal that it caught and that was sent is on its way to it, or has been taken by it.
+    bool takes(int signal) const;
+    // Waits until a second one is on its way to it, or has ended it.
+    bool isEndedBy(int signal) const;
     void send(int signal) const;
     ToolResult finish(); // everything on the screen is in `out`
 
   private:
     bool receive(int milliseconds);
+    // A line of /proc/<pid>/status.
+    bool statusHas(const std::string &field, const std::function<bool(const std::string &)> &wanted) const;
+    bool statusHas(const std::string &mask, int signal) const;
     pid_t m_pid;
     int m_terminal;
     std::string m_screen;
