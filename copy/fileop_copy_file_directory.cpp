@@ -154,42 +154,6 @@ int copy_to_staging(void *data, const char *src, const char *staged, bool *cance
     return copy_directory(src, staged, 0, args, cancelled);
 }
 
-void log_event(RelocationEvent event, Place place, const char *first, const char *second) {
-    switch (event) {
-    case RelocationEvent::bad_arguments: // the line of the failed stage says it
-        break;
-    case RelocationEvent::staging_not_made:
-        VEXO_LOG_ERROR(place, "Failed to mkdir = [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::staging_not_cleaned:
-        VEXO_LOG_ERROR(place, "Failed to clean share at path : [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::destination_not_cleaned:
-        VEXO_LOG_ERROR(place, "Failed to clean share at path : %s, vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_copied:
-        VEXO_LOG_ERROR(place, "Failed to copy share to other volume:[%s],szDestPath: [%s], vexoerr=[0x%04X]", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::stage_failed:
-        VEXO_LOG_ERROR(place, "Failed to Copy share's data to @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_moved:
-        VEXO_LOG_ERROR(place, "Failed to change share to other volume:%s, szDestPath:%s, vexoerr=[0x%04X]", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::source_not_removed:
-    case RelocationEvent::staged_not_removed:
-        VEXO_LOG_ERROR(place, "Failed to remove the dir, path = [%s].", first);
-        break;
-    case RelocationEvent::commit_failed:
-        VEXO_LOG_ERROR(place, "Failed to move share's data from @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
-    }
-}
-
 int run(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
     if (complete_record(src, dst, args) < 0) {
         return -1;
@@ -199,7 +163,8 @@ int run(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
         bool cancelled = false;
         return copy_directory(src, dst, flags, args, &cancelled);
     }
-    const RelocationRequest request{(flags & kFileOpMove) != 0, false, {copy_to_staging, args}, log_event, VEXO_SOURCE};
+    const RelocationRequest request{
+        (flags & kFileOpMove) != 0, false, {copy_to_staging, args}, RelocationTexts::file_operation, VEXO_SOURCE};
     return relocate(src, dst, request);
 }
 

@@ -1,6 +1,7 @@
 #include "copy/engine/relocation.h"
 
 #include "copy/copy.h"
+#include "copy/engine/relocation_texts.h"
 #include "support/guards.h"
 #include "support/heap.h"
 #include "support/path_buffer.h"
@@ -45,7 +46,8 @@ class Relocation {
     Place here(uint32_t line) const { return {m_request.source, line}; }
     const char *staged() const { return m_staged.c_str(); }
     void log(RelocationEvent event, uint32_t line, const char *first, const char *second) const {
-        m_request.log(event, here(line), first == nullptr ? "(null)" : first, second == nullptr ? "(null)" : second);
+        log_relocation(m_request.texts, event, here(line), first == nullptr ? "(null)" : first,
+                       second == nullptr ? "(null)" : second);
     }
 
     int check_arguments() const {
