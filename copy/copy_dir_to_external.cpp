@@ -28,18 +28,18 @@ int ask_and_note() {
 int copy_to_staging(void *data, const char *src, const char *staged, bool *cancelled) {
     const auto *opt = static_cast<const VEXOCopyOpt *>(data);
     if (opt == nullptr) {
-        return copy_directory_anywhere(src, staged, nullptr, nullptr, 0, cancelled);
+        return copy_directory_anywhere(src, staged, nullptr, nullptr, kStagingFlag, cancelled);
     }
     VEXOCopyOpt watched = *opt;
     watched.move = 0;
     if (opt->isCancel == nullptr) {
-        return copy_directory_anywhere(src, staged, &watched, nullptr, 0, cancelled);
+        return copy_directory_anywhere(src, staged, &watched, nullptr, kStagingFlag, cancelled);
     }
     watched.isCancel = ask_and_note;
     CancelWatch watch{opt->isCancel, cancelled};
     CancelWatch *const outer = watching; // a callback may start another relocation
     watching = &watch;
-    const int result = copy_directory_anywhere(src, staged, &watched, nullptr, 0, cancelled);
+    const int result = copy_directory_anywhere(src, staged, &watched, nullptr, kStagingFlag, cancelled);
     watching = outer;
     return result;
 }

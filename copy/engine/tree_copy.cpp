@@ -2,17 +2,34 @@
 #include "copy/engine/tree_copy_steps.h"
 
 #include "backup/backup.h"
-#include "ea/ea.h"
+#include "support/fs_type.h"
 
 #include <cerrno>
+#include <optional>
 #include <string_view>
 
 namespace vexo {
+namespace {
 
-bool is_never_carried(const char *entry) {
-    const std::string_view name = entry;
-    return name == "." || name == ".." || VEXOEAIsHiddenDir(entry) != 0 || name.starts_with("._");
+constexpr size_t kOpenLevels = 16;
+
+// A "." behind a directory's path. It names the same directory, but no entry of it that a store could belong to.
+bool trim_dot(PathBuffer &path) {
+    const bool ends = path.view().ends_with("/.") && path.length() > 2;
+    if (ends) {
+        path.shorten(path.length() - 2);
+    }
+    return ends;
 }
+
+// What is made, removed and given a store needs a name of its own in its directory. An empty path fails where it is
+// used.
+bool names_an_entry(std::string_view path) {
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    return path.empty() || (!name.empty() && name != "." && name != "..");
+}
+
+} // namespace
 
 TreeWalk::Step TreeWalk::after_entry(Level &level, int result) {
     level.lastResult = result;
@@ -28,14 +45,14 @@ TreeWalk::Step TreeWalk::after_entry(Level &level, int result) {
 }
 
 // One entry: both paths name it while it is copied, and the directory again afterwards.
-TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
+TreeWalk::Step TreeWalk::copy_entry(Level &level, const Listing::Entry &entry) {
     const size_t srcLength = m_src.length();
     const size_t dstLength = m_dst.length();
     int result = -1;
     bool endsLevel = false;
     bool passedOver = false;
     if (!enter(entry)) {
-        set_error(Error::name_too_long, here(__LINE__));
+        result = entry_too_long(srcLength, dstLength);
     } else {
         switch (type_of(entry)) {
         case EntryType::regular:
@@ -48,7 +65,7 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
         case EntryType::directory:
             // The copy itself, which would be copied into itself without end, is passed over as special files are.
             passedOver = is_destination_root();
-            result = passedOver ? -1 : copy_level();
+            result = passedOver ? -1 : copy_level(&level);
             break;
         case EntryType::unreadable:
             if (m_request.stopOnError) {
@@ -67,34 +84,36 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
         level.lastResult = result;
         return passedOver ? Step::next : Step::leave;
     }
-    return after_entry(level, result);
+    const Step next = after_entry(level, result);
+    if (next == Step::next && !level.entries.is_open() && !take_up(level)) {
+        level.lastResult = -1;
+        return Step::leave;
+    }
+    return next;
 }
 
 // A directory that cannot be read to its end has failed: nobody knows what else it holds.
 TreeWalk::Step TreeWalk::walk_unreadable(Level &level) {
     const int number = errno;
     VEXO_LOG_ERROR(here(__LINE__), "failed to readdir: source dir name = %s, reason=[(%d)%m]", src(), number);
-    level.lastResult = fail(find_error(kSourceErrors, number).value_or(Error::other), here(__LINE__));
+    const Error error = number == ENOMEM ? Error::out_of_memory : Error::other;
+    level.lastResult = fail(find_error(kSourceErrors, number).value_or(error), here(__LINE__));
     report(src());
     return Step::leave;
 }
 
 TreeWalk::Step TreeWalk::walk(Level &level) {
     for (;;) {
-        errno = 0;
-        const dirent *entry = level.directory.read();
-        if (entry == nullptr) {
+        const std::optional<Listing::Entry> entry = level.entries.next();
+        if (!entry) {
             return errno == 0 ? Step::next : walk_unreadable(level);
-        }
-        if (is_never_carried(entry->d_name)) {
-            continue;
         }
         if (m_request.isCancel && m_request.isCancel() != 0) {
             level.cancelled = true;
             *m_cancelled = true;
             return Step::stop_walk;
         }
-        if (entry->d_type == DT_REG) {
+        if (entry->type == DT_REG) {
             look_up_directory(level);
         }
         if (copy_entry(level, *entry) == Step::leave) {
@@ -103,31 +122,68 @@ TreeWalk::Step TreeWalk::walk(Level &level) {
     }
 }
 
+// Before a level is opened: the open ones are the deepest, and the highest of them makes way.
+void TreeWalk::make_room(Level *above) {
+    if (m_openLevels < kOpenLevels) {
+        return;
+    }
+    Level *highest = above;
+    for (size_t level = 1; level < m_openLevels; ++level) {
+        highest = highest->above;
+    }
+    highest->entries.set_aside();
+    --m_openLevels;
+}
+
+// Back at a level that was set aside: its path must lead to the same directory still.
+bool TreeWalk::take_up(Level &level) {
+    const bool remote = is_type(m_request.srcKind, FsType::remote);
+    Dir directory = open_directory(level);
+    bool same = directory && level.entries.take_up(static_cast<Dir &&>(directory), !remote);
+    if (same && remote && !is_where_it_was()) {
+        errno = ESTALE;
+        same = false;
+    }
+    if (!same) {
+        (void)source_not_opened();
+        return false;
+    }
+    ++m_openLevels;
+    return true;
+}
+
 // One level: the directory that the two paths name.
-int TreeWalk::copy_level(bool isTop) {
+int TreeWalk::copy_level(Level *above) {
     if (m_request.move) {
         const Rename renamed = move_by_rename();
         if (renamed != Rename::copy_instead) {
             return renamed == Rename::done ? finish_rename() : -1;
         }
     }
-    Level level;
-    if (open_source(level, isTop) < 0 || fix_destination_name() < 0 || stat_source(level) < 0 ||
-        make_destination(level) < 0) {
+    make_room(above);
+    Level level{.above = above};
+    if (open_source(level) < 0) {
         return -1;
     }
-    if (isTop) {
+    const int result = copy_opened(level);
+    if (level.entries.is_open()) {
+        --m_openLevels;
+    }
+    return result;
+}
+
+int TreeWalk::copy_opened(Level &level) {
+    if (fix_destination_name() < 0 || stat_source(level) < 0 || make_destination(level) < 0) {
+        return -1;
+    }
+    if (level.above == nullptr) {
         note_destination_root();
     }
     const Step walked = walk(level);
     if (walked == Step::leave) {
         return level.lastResult;
     }
-    if (walked == Step::stop_walk) {
-        clean_up_moved(level);
-        return 0;
-    }
-    if (finish_directory(level) < 0) {
+    if (walked == Step::next && finish_directory(level) < 0) {
         clean_up_moved(level);
         return level.lastResult;
     }
@@ -136,12 +192,34 @@ int TreeWalk::copy_level(bool isTop) {
 }
 
 int TreeWalk::run(const char *src, const char *dst) {
+    return take_paths(src, dst) < 0 ? -1 : copy_level(nullptr);
+}
+
+int TreeWalk::take_paths(const char *src, const char *dst) {
     m_src.append(src);
     m_dst.append(dst);
     if (m_src.overflowed() || m_dst.overflowed()) {
         return fail(Error::name_too_long, here(__LINE__));
     }
-    return copy_level(true);
+    m_dst.trim_slashes();
+    struct stat link;
+    if (m_request.move) {
+        // With a slash behind it a link's name is that of its directory, which no rename moves.
+        const size_t length = m_src.length();
+        m_src.trim_slashes();
+        if (m_src.length() < length && ::lstat(m_src.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+            m_src.append("/");
+        }
+    } else {
+        do {
+            m_src.trim_slashes();
+        } while (trim_dot(m_src));
+    }
+    if (!names_an_entry(m_dst.view()) || (m_request.move && !names_an_entry(m_src.view()))) {
+        return fail(Error::invalid_argument, here(__LINE__));
+    }
+    m_topLength = m_src.length();
+    return 0;
 }
 
 int copy_tree(const char *src, const char *dst, const TreeRequest &request, bool *cancelled) {

@@ -34,11 +34,20 @@ constexpr int32_t kNoOwners[] = {0, 12, 18};
 
 // What was a directory when its entry was read may be a link by now, to where its owner may not look. The top may be
 // one.
-int TreeWalk::open_source(Level &level, bool isTop) {
-    level.directory = isTop ? Dir(src()) : Dir::of_no_link(src());
-    if (level.directory) {
-        return 0;
+Dir TreeWalk::open_directory(const Level &level) const {
+    return level.above == nullptr ? Dir(src()) : Dir::of_no_link(src());
+}
+
+int TreeWalk::open_source(Level &level) {
+    level.entries = Listing(open_directory(level));
+    if (!level.entries.is_open()) {
+        return source_not_opened();
     }
+    ++m_openLevels;
+    return 0;
+}
+
+int TreeWalk::source_not_opened() {
     const int number = errno;
     if (const std::optional<Error> error = find_error(kSourceErrors, number)) {
         set_error(*error, here(__LINE__));
@@ -78,7 +87,11 @@ int TreeWalk::merge_into_existing(Level &level) {
     struct stat status;
     if (::stat(dst(), &status) == 0) {
         if (S_ISDIR(status.st_mode)) {
-            level.keepSource = !m_request.replaces;
+            const struct stat &source = level.status.st;
+            const bool inodesProve = !is_type(m_request.srcKind, FsType::remote);
+            // A directory that is moved onto itself, by another name, is not removed at the first.
+            const bool itself = inodesProve && status.st_dev == source.st_dev && status.st_ino == source.st_ino;
+            level.keepSource = !m_request.replaces || itself || m_ontoItself;
             return 0;
         }
     } else if (errno != ENOENT && errno != EACCES) {
@@ -90,6 +103,7 @@ int TreeWalk::merge_into_existing(Level &level) {
 
 int TreeWalk::make_destination(Level &level) {
     if (::mkdir(dst(), level.status.st.st_mode & 07777) == 0) {
+        level.made = true;
         return 0;
     }
     const int number = errno;
@@ -125,9 +139,10 @@ void TreeWalk::copy_acl() {
     }
 }
 
-void TreeWalk::set_owner(int fd, const VLIBCStat &status) {
+// Whether it has been set.
+bool TreeWalk::set_owner(int fd, const VLIBCStat &status) {
     if (is_one_of(m_request.dstKind, kNoOwners) || (!m_request.keepOwner && ::geteuid() != 0)) {
-        return;
+        return false;
     }
     uid_t uid = status.st.st_uid;
     gid_t gid = status.st.st_gid;
@@ -138,6 +153,21 @@ void TreeWalk::set_owner(int fd, const VLIBCStat &status) {
     }
     if (::fchown(fd, uid, gid) != 0) {
         VEXO_LOG_ERROR(here(__LINE__), "failed to fchown destination to uid=%u, gid=%u, errno=%d/%m", uid, gid, errno);
+        return false;
+    }
+    return true;
+}
+
+// mkdir takes the other bits of a mode only. They would speak of somebody else while the owner was the process's.
+void TreeWalk::restore_set_id_bits(int fd, const VLIBCStat &status) {
+    const mode_t bits = status.st.st_mode & (S_ISUID | S_ISGID);
+    struct stat made;
+    if (bits == 0 || ::fstat(fd, &made) != 0) {
+        return;
+    }
+    const mode_t mode = (made.st_mode & 07777) | bits; // the umask has been at it, and so has the ACL
+    if (::fchmod(fd, mode) != 0) {
+        VEXO_LOG_ERROR(here(__LINE__), "failed to fchmod destination to mode=%04o, errno=%d/%m", mode, errno);
     }
 }
 
@@ -151,7 +181,7 @@ void TreeWalk::set_times(const VLIBCStat &status) {
 // What the destination directory gets once its entries are there: an entry made later would change its times again.
 int TreeWalk::finish_directory(Level &level) {
     VLIBCStat status;
-    if (VLIBCFileFStat(::dirfd(level.directory.get()), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status, 0) != 0) {
+    if (VLIBCFileFStat(level.entries.fd(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status, 0) != 0) {
         const int number = errno;
         // The line names the destination, on purpose: log readers look for it.
         VEXO_LOG_ERROR(here(__LINE__), "failed to stat source path = %s, reason=[(%d)%m]", dst(), number);
@@ -164,13 +194,20 @@ int TreeWalk::finish_directory(Level &level) {
             return fail(*error, here(__LINE__));
         }
         VEXO_LOG_ERROR(here(__LINE__), "failed to open dest path = %s, reason=[(%d)%m]", dst(), number);
-        return fail(Error::other, here(__LINE__));
+        set_error(Error::other, here(__LINE__));
+        if (number == EMFILE || number == ENFILE) {
+            report(dst());
+            level.lastResult = -1; // nothing is wrong with the directory: it is worth another attempt
+        }
+        return -1;
     }
     const int fd = ::dirfd(destination.get());
     copy_attributes(fd, status);
     copy_acl();
     (void)m_request.copyMetadata(src(), dst());
-    set_owner(fd, status);
+    if (set_owner(fd, status) && level.made) {
+        restore_set_id_bits(fd, level.status);
+    }
     set_times(level.status);
     return 0;
 }

@@ -4,6 +4,7 @@
 #include "support/fs_type.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace vexo {
@@ -13,9 +14,9 @@ constexpr int32_t kSymbolicLinks[] = {1, 2, 3, 5, 6, 7};
 
 } // namespace
 
-TreeWalk::EntryType TreeWalk::type_of(const dirent &entry) {
-    mode_t mode = static_cast<mode_t>(DTTOIF(entry.d_type));
-    if (entry.d_type == DT_UNKNOWN) {
+TreeWalk::EntryType TreeWalk::type_of(const Listing::Entry &entry) {
+    mode_t mode = static_cast<mode_t>(DTTOIF(entry.type));
+    if (entry.type == DT_UNKNOWN) {
         VLIBCStat status;
         if (VLIBCFileLStat(src(), VLIBC_STAT_BASIC, &status) != 0) {
             return EntryType::unreadable;
@@ -35,13 +36,13 @@ TreeWalk::EntryType TreeWalk::type_of(const dirent &entry) {
 }
 
 // Appends the entry to both paths. false: they would be too long.
-bool TreeWalk::enter(const dirent &entry) {
-    const char *name = entry.d_name;
-    if (m_request.dstName && m_request.dstName(entry.d_name, m_scratch.fill(), PathBuffer::kSize) >= 0) {
+bool TreeWalk::enter(const Listing::Entry &entry) {
+    const char *name = entry.name;
+    if (m_request.dstName && m_request.dstName(entry.name, m_scratch.fill(), PathBuffer::kSize) >= 0) {
         m_scratch.adopt();
         name = m_scratch.c_str();
     }
-    m_src.append("/").append(entry.d_name);
+    m_src.append("/").append(entry.name);
     m_dst.append("/").append(name);
     return !m_src.overflowed() && !m_dst.overflowed();
 }
@@ -78,17 +79,64 @@ int TreeWalk::copy_link() {
     return 0;
 }
 
+// An entry that cannot be named has failed like any other. The report names it as far as a path can.
+int TreeWalk::entry_too_long(size_t srcLength, size_t dstLength) {
+    set_error(Error::name_too_long, here(__LINE__));
+    VEXO_LOG_ERROR(here(__LINE__), "path too long: [%s] to [%.*s/%s]", src(), static_cast<int>(dstLength), dst(),
+                   src() + (srcLength < m_src.length() ? srcLength + 1 : srcLength));
+    report(src());
+    m_aborted = m_aborted || m_request.pathsMustFit;
+    return -1;
+}
+
 // The top of the destination may lie in the source. It is known by its inode, which proves nothing on remote volumes.
 void TreeWalk::note_destination_root() {
     struct stat status;
-    if (!is_type(m_request.srcKind, FsType::remote) && ::stat(dst(), &status) == 0) {
+    if (is_type(m_request.srcKind, FsType::remote)) {
+        note_resolved_roots();
+    } else if (::stat(dst(), &status) == 0) {
         m_root = status;
     }
 }
 
+void TreeWalk::note_resolved_roots() {
+    PathBuffer destination;
+    if (::realpath(src(), m_resolved.fill()) == nullptr || ::realpath(dst(), destination.fill()) == nullptr) {
+        m_resolved.clear();
+        return;
+    }
+    m_resolved.adopt();
+    destination.adopt();
+    if (m_resolved.view() == "/") {
+        m_resolved.clear();
+    }
+    std::string_view below = destination.view();
+    if (!below.starts_with(m_resolved.view())) {
+        return;
+    }
+    below.remove_prefix(m_resolved.length());
+    m_ontoItself = below.empty();
+    if (below.starts_with('/')) {
+        m_rootBelowTop.append(below);
+    }
+}
+
 bool TreeWalk::is_destination_root() const {
+    if (!m_rootBelowTop.empty()) {
+        return below_top() == m_rootBelowTop.view();
+    }
     struct stat status;
     return m_root && ::stat(src(), &status) == 0 && status.st_dev == m_root->st_dev && status.st_ino == m_root->st_ino;
+}
+
+// On remote volumes: no link has taken the place of a directory on the way here.
+bool TreeWalk::is_where_it_was() const {
+    PathBuffer now;
+    if (::realpath(src(), now.fill()) == nullptr) {
+        return false;
+    }
+    now.adopt();
+    return now.view().starts_with(m_resolved.view()) && now.view().substr(m_resolved.length()) == below_top();
 }
 
 } // namespace vexo

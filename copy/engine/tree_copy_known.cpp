@@ -46,7 +46,7 @@ void TreeWalk::look_up_directory(Level &level) {
     }
     level.asked = true;
     const KeepErrors keep;
-    const int type = VEXOGetFSType(src(), 0);
+    const int type = m_request.srcKindHolds ? m_request.srcKind : VEXOGetFSType(src(), 0);
     if (type >= 0) {
         level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores(), keeps_times(dst())};
     }

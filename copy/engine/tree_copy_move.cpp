@@ -15,19 +15,6 @@ constexpr ErrnoRow kRenameErrors[] = {
     {ENOENT, Error::source_missing}, {EIO, Error::device},        {ENXIO, Error::device},
 };
 
-// Whether a directory that was moved still holds entries of its user: failed, skipped, cancelled or new ones.
-bool holds_entries(Dir &directory) {
-    ::rewinddir(directory.get());
-    errno = 0;
-    while (const dirent *entry = directory.read()) {
-        if (!is_never_carried(entry->d_name)) {
-            return true;
-        }
-        errno = 0;
-    }
-    return errno != 0; // not known: take it that it does
-}
-
 } // namespace
 
 // The rename that a move begins with, at every level.
@@ -74,8 +61,8 @@ void TreeWalk::clean_up_moved(Level &level) {
     if (!m_request.move || level.lastResult != 0 || level.keepSource) {
         return;
     }
-    // The store of an entry that stayed behind stays with it.
-    if (!is_type(m_request.srcKind, FsType::remote) && !level.cancelled && !holds_entries(level.directory)) {
+    // The store of an entry that stayed behind stays with it: one that failed, was skipped or cancelled, or is new.
+    if (!is_type(m_request.srcKind, FsType::remote) && !level.cancelled && !level.entries.holds_entries()) {
         const size_t length = m_src.length();
         m_src.append("/@eaDir");
         if (!m_src.overflowed()) {

@@ -4,9 +4,11 @@
 //   tree_copy_directory.cpp   one directory: opening and making it, what it gets when its entries are there
 //   tree_copy_move.cpp        the rename that a move begins with, and what a move leaves at the source
 //   tree_copy_known.cpp       what the files of one directory need not ask for one by one
+//   tree_copy_listing.h       the entries of one directory
 #pragma once
 
 #include "copy/engine/tree_copy.h"
+#include "copy/engine/tree_copy_listing.h"
 #include "platform/core.h"
 #include "support/dir.h"
 #include "support/errno_table.h"
@@ -19,6 +21,7 @@
 #include <cstdint>
 #include <dirent.h>
 #include <optional>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace vexo {
@@ -39,11 +42,8 @@ constexpr bool is_one_of(int32_t kind, const int32_t (&kinds)[Count]) {
     return false;
 }
 
-// The directory's own two names, and those that belong to a store.
-bool is_never_carried(const char *name);
-
 // The two paths are kept here and grow and shrink with the level, so that a level costs little stack and a tree can be
-// as deep as a path can be long.
+// as deep as a path can be long. The deepest levels have their directories open, those above them are set aside.
 class TreeWalk {
   public:
     TreeWalk(const TreeRequest &request, bool *cancelled) : m_request(request), m_cancelled(cancelled) {}
@@ -53,11 +53,13 @@ class TreeWalk {
   private:
     // What one level keeps while its entries are walked.
     struct Level {
-        Dir directory;
-        VLIBCStat status;                          // of the source directory, before the walk
+        Level *above; // null: the top
+        Listing entries = {};
+        VLIBCStat status = {};                     // of the source directory, before the walk
         std::optional<WalkedDirectory> known = {}; // once it has been asked for
         bool asked = false;
-        bool keepSource = false; // the destination was there, and the conflict mode does not replace
+        bool made = false;       // the destination, by this walk
+        bool keepSource = false; // the destination was there, and is the source or is not to be replaced
         bool cancelled = false;
         int lastResult = 0;
     };
@@ -68,20 +70,30 @@ class TreeWalk {
     // What came of the rename that a move begins with.
     enum class Rename { done, copy_instead, failed };
 
-    int copy_level(bool isTop = false);
+    int take_paths(const char *src, const char *dst);
+    int copy_level(Level *above);
+    int copy_opened(Level &level);
     Step walk(Level &level);
     Step walk_unreadable(Level &level);
-    Step copy_entry(Level &level, const dirent &entry);
+    Step copy_entry(Level &level, const Listing::Entry &entry);
     Step after_entry(Level &level, int result);
+    void make_room(Level *above);
+    bool take_up(Level &level);
 
-    bool enter(const dirent &entry);
-    EntryType type_of(const dirent &entry);
+    bool enter(const Listing::Entry &entry);
+    int entry_too_long(size_t srcLength, size_t dstLength);
+    EntryType type_of(const Listing::Entry &entry);
     int entry_unreadable();
     int copy_link();
     void note_destination_root();
+    void note_resolved_roots();
     bool is_destination_root() const;
+    bool is_where_it_was() const;
+    std::string_view below_top() const { return m_src.view().substr(m_topLength); }
 
-    int open_source(Level &level, bool isTop);
+    Dir open_directory(const Level &level) const;
+    int open_source(Level &level);
+    int source_not_opened();
     int fix_destination_name();
     int stat_source(Level &level);
     int make_destination(Level &level);
@@ -89,7 +101,8 @@ class TreeWalk {
     int finish_directory(Level &level);
     void copy_attributes(int fd, const VLIBCStat &status);
     void copy_acl();
-    void set_owner(int fd, const VLIBCStat &status);
+    bool set_owner(int fd, const VLIBCStat &status);
+    void restore_set_id_bits(int fd, const VLIBCStat &status);
     void set_times(const VLIBCStat &status);
 
     Rename move_by_rename();
@@ -111,8 +124,15 @@ class TreeWalk {
 
     const TreeRequest &m_request;
     bool *m_cancelled;
-    bool m_aborted = false;            // an unsupported link ends the whole tree, through every level
+    bool m_aborted = false;            // the whole tree ends, through every level
+    size_t m_openLevels = 0;           // directories of the source that are open
+    size_t m_topLength = 0;            // of the source's path at the top
     std::optional<struct stat> m_root; // the top directory of the destination
+    // Where inodes prove nothing: the source, resolved, and what follows it in the destination's resolved path where
+    // that lies in the source. Else empty.
+    PathBuffer m_resolved;
+    PathBuffer m_rootBelowTop;
+    bool m_ontoItself = false; // source and destination resolve to one path
     PathBuffer m_src;
     PathBuffer m_dst;
     PathBuffer m_scratch; // a translated name, a link's target, a fixed path: never across a level
