@@ -12,6 +12,7 @@
 #include "support/errno_table.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
+#include "support/own_volume.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 
@@ -19,7 +20,6 @@
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
-#include <linux/magic.h>
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
@@ -418,20 +418,10 @@ TreeWalk::Step TreeWalk::copy_entry(Level &level, const dirent &entry) {
     return after_entry(level, result);
 }
 
-// File systems of this kernel's own. Others, such as those of a server, may set a file's times when it is closed.
+// Volumes that are not this kernel's own, such as those of a server, may set a file's times when it is closed.
 bool keeps_times(const char *directory) {
-    constexpr uint32_t kXfs = 0x58465342;
-    constexpr uint32_t kOwn[] = {BTRFS_SUPER_MAGIC, EXT4_SUPER_MAGIC, TMPFS_MAGIC, kXfs};
     struct statfs volume {};
-    if (::statfs(directory, &volume) != 0) {
-        return false;
-    }
-    for (const uint32_t magic : kOwn) {
-        if (magic == static_cast<uint32_t>(volume.f_type)) {
-            return true;
-        }
-    }
-    return false;
+    return ::statfs(directory, &volume) == 0 && is_own_volume(volume);
 }
 
 StoreSeen TreeWalk::look_for_stores() const {
