@@ -174,7 +174,7 @@ Outcome play(const Scene &scene, const std::string &root, bool library) {
 }
 
 TEST(LoopModel, AgreesWithTheLibrary) {
-    forEachSeed(700, 20'000, [](uint32_t seed) {
+    forEachSeed(1'000, 20'000, [](uint32_t seed) {
         const kit::ScratchDirectory scratch;
         const Scene scene = draw(seed);
         const Outcome expected = play(scene, scratch / "M", false);
