@@ -3,27 +3,17 @@
 
 #include "ea/carry/known.h"
 #include "platform/sdk.h"
+#include "support/own_volume.h"
 
-#include <linux/magic.h>
 #include <sys/vfs.h>
 
 namespace vexo {
 namespace {
 
-// File systems of this kernel's own. Others, such as those of a server, may set a file's times when it is closed.
+// Volumes that are not this kernel's own, such as those of a server, may set a file's times when it is closed.
 bool keeps_times(const char *directory) {
-    constexpr uint32_t kXfs = 0x58465342;
-    constexpr uint32_t kOwn[] = {BTRFS_SUPER_MAGIC, EXT4_SUPER_MAGIC, TMPFS_MAGIC, kXfs};
     struct statfs volume {};
-    if (::statfs(directory, &volume) != 0) {
-        return false;
-    }
-    for (const uint32_t magic : kOwn) {
-        if (magic == static_cast<uint32_t>(volume.f_type)) {
-            return true;
-        }
-    }
-    return false;
+    return ::statfs(directory, &volume) == 0 && is_own_volume(volume);
 }
 
 } // namespace
