@@ -91,9 +91,10 @@ class FileCopy {
     bool m_madeInTree = false;    // create_destination() made the destination
     bool m_dstExisted = false;    // before it was opened
     bool m_dstWasSpecial = false; // it existed, and was no regular file
-    bool m_renamedOnce = false;   // the rename callback gave a name
-    bool m_removeSource = false;  // a move that copied
-    bool m_ownerPending = false;  // asCaller: an owner was to be set and was not
+    bool m_dstWasPipe = false;
+    bool m_renamedOnce = false;  // the rename callback gave a name
+    bool m_removeSource = false; // a move that copied
+    bool m_ownerPending = false; // asCaller: an owner was to be set and was not
 };
 
 } // namespace vexo

@@ -113,7 +113,7 @@ void Faults::add(FaultRule rule) {
 bool watchesReadOrWrite() {
     for (const ActiveRule &active : state().rules) {
         const std::string &function = active.rule.function;
-        if (function == "read" || function == "write" || function == "VEXOWriteFileFd") {
+        if (function == "read" || function == "write") {
             return true;
         }
     }
