@@ -98,19 +98,27 @@ int Change::prepare(uint64_t end, Fork fork, Unneeded unneeded) {
     return load(std::max({neededEnd, end, forkBegin}));
 }
 
+// What a fork that moves towards the end is moved over.
+void Change::find_behind() {
+    const uint64_t forkEnd = uint64_t{m_forkOffset} + m_forkLength;
+    m_behind = std::max(m_end, forkEnd);
+    const uint64_t end = std::min(m_size, m_end + m_forkLength);
+    m_behindBytes = m_forkMoves && end > m_behind ? end - m_behind : 0;
+}
+
 int Change::load(uint64_t end) {
     m_count = m_eas.header.attrCount;
-    m_savedBytes = std::min(end, m_size);
-    m_before = HeapBuffer::uninitialised(m_count * sizeof(VEXOEASRecord) + m_savedBytes);
+    find_behind();
+    const uint64_t toRead = std::min(end, m_size);
+    m_before = HeapBuffer::uninitialised(m_count * sizeof(VEXOEASRecord) + toRead + m_behindBytes);
     if (!m_before) {
         return fail(Error::out_of_memory, VEXO_AT(m_source));
     }
-    const uint64_t toRead = m_savedBytes;
-    m_savedBytes = 0; // so that they are read from the file
-    if (read_part(0, toRead, m_before.data() + m_count * sizeof(VEXOEASRecord)) != 0) {
+    uint8_t *bytes = m_before.data() + m_count * sizeof(VEXOEASRecord);
+    if (read_part(0, toRead, bytes) != 0 || read_part(m_behind, m_behind + m_behindBytes, bytes + toRead) != 0) {
         return -1;
     }
-    m_savedBytes = toRead;
+    m_savedBytes = toRead; // from now on they are read from there
     m_header = m_eas.header;
     if (m_count > 0) {
         std::memcpy(m_before.data(), m_eas.records, m_count * sizeof(VEXOEASRecord));
@@ -267,6 +275,9 @@ void Change::undo() {
     }
     if (seek_to(m_eas.fd, 0)) {
         (void)write_all(m_eas.fd, saved_bytes(), m_savedBytes);
+    }
+    if (seek_to(m_eas.fd, m_behind)) {
+        (void)write_all(m_eas.fd, saved_bytes() + m_savedBytes, m_behindBytes);
     }
     give_back();
 

@@ -63,6 +63,7 @@ class Change {
     uint64_t records_end() const;
     int locate_fork(Fork fork);
     int load(uint64_t end);
+    void find_behind();
     int read_part(uint64_t from, uint64_t to, uint8_t *out) const;
     bool fill(uint64_t end) const;
     int write(std::span<const uint8_t> values, Error seekError);
@@ -73,12 +74,13 @@ class Change {
     VEXOEAS &m_eas;
     const char *m_source;
 
-    // As it was: the table's records, then the file from its start on.
+    // As it was: the table's records, then the file from its start on, then what lies behind the resource fork.
     HeapBuffer m_before;
     VEXOEASHeader m_header{};
     uint32_t m_count = 0;
     uint64_t m_savedBytes = 0;
-    uint64_t m_size = 0; // of the file
+    uint64_t m_behind = 0, m_behindBytes = 0; // where that is, and how much of it
+    uint64_t m_size = 0;                      // of the file
     blksize_t m_block = 0;
     char *m_droppedName = nullptr;
 
