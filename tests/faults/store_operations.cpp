@@ -63,8 +63,7 @@ const std::set<uint32_t> kCopyCodes = {0,      0x0100, 0x0200, 0x0300, 0x0400, 0
 
 // A change rewrites the stream file in place; one that fails is undone, one that is killed is not.
 std::string keptOfChange(const Finding &finding, const Report &) {
-    if (isCall(finding.fault, {"kill"}) &&
-        (finding.check == "metadata lost" || finding.check == "again succeeds")) {
+    if (isCall(finding.fault, {"kill"}) && (finding.check == "metadata lost" || finding.check == "again succeeds")) {
         return "stream-change-is-not-atomic";
     }
     return {};
