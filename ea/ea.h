@@ -104,14 +104,18 @@ int VEXOEACheckADFile(const char *path);
  *  2. The lock is fcntl's, on the whole file and between processes: F_RDLCK (0) shared, F_WRLCK (1) exclusive, F_UNLCK
  *     (2). It is never waited for; a caller that gets 0x0400 decides itself whether to try again. As such locks go, it
  *     is lost when the process closes any descriptor of the file, or another handle on it.
- *  3. Attribute names are byte strings of 1 to 254 bytes, values have at most 2 GiB - 1 bytes, and a file has at most
- *     65535 attributes. Where a file has a name twice, the last record counts.
+ *  3. Attribute names are byte strings of at most 254 bytes, an empty one among them; values have at most 2 GiB - 1
+ *     bytes, and a file has at most 65535 attributes. Where a file has a name twice, the last record counts.
  *  4. A change rewrites header, records and values and moves the resource fork. What can refuse it is asked before the
  *     first byte is written: 0x0D00 for sums that do not fit the format's 32-bit fields, 0x0A00 for a file that is not
- *     what its numbers say, 0x0200 for memory, 0x0B00 for a volume without room. Such a refusal leaves file and handle
- *     as they were. After a failure to write (0x0B00, 0x2600, 0x2A00) the handle may no longer match the file: close
- * it.
- *  5. All functions fail with 0x0D00 for a null handle or name or a handle without a descriptor.
+ *     what its numbers say, 0x0200 for memory, 0x0B00 for a volume without room or a file size limit. Such a refusal
+ *     leaves file and handle as they were. A failure to write (0x0B00, 0x2600, 0x2A00) is undone, so that file and
+ *     handle are then as they were too, an empty file empty. Where the volume refuses that as well, the file is
+ *     damaged and the handle no longer matches it: close it.
+ *  5. A file that lost its last bytes is changed all the same where the change has no use for them: the value that is
+ *     missing is removed, written over or cut before the place where it ends. What would have to read them fails with
+ *     0x0A00. A resource fork that ends early is moved as far as it is there.
+ *  6. All functions fail with 0x0D00 for a null handle or name or a handle without a descriptor.
  *
  * Example: store a comment.
  *
@@ -185,14 +189,18 @@ int VEXOEASRead(VEXOEAS *, const char *name, void *buf, uint32_t size, uint32_t 
  * when `size` is 0, so that callers can ask whether it exists. One that is missing, with flag 2: -1 with errno ENOENT
  * and 0x2000.
  *
- * Returns `size`. Needs the write lock. -1 with 0x0300, 0x0D00 (also: null data with a size, a name that is empty or
- * has more than 254 bytes, more than 65535 attributes, a size over 2 GiB - 1), 0x0200, 0x0A00, 0x2600, 0x0B00, 0x2A00.
+ * Returns `size`. Needs the write lock. -1 with 0x0300, 0x0D00 (also: null data with a size, a name of more than 254
+ * bytes, more than 65535 attributes, a size over 2 GiB - 1), 0x0200, 0x0A00, 0x2600, 0x0B00, 0x2A00. An empty name is
+ * not refused: what another stream holds under it can be carried over.
  */
 int VEXOEASWrite(VEXOEAS *, const char *name, const void *data, uint32_t size, uint32_t offset, int flags);
 
 /* Gives a value a new length; new bytes are zeros. The attribute becomes the last one. Deliberately the resource fork
- * is not moved and the file not shortened, though the header then says that the fork follows the values: truncate a
- * stream with a resource fork only to write the value anew. Needs the write lock. -1 with 0x0300, 0x2000, 0x0D00,
+ * is not moved and the file not shortened, though the header then says that the fork follows the values. In a stream
+ * that has a fork (EASGetRForkLocation tells) any other length than the present one therefore destroys it: a greater
+ * one writes zeros over its beginning, and after a smaller one the next write or removal, that of the same value among
+ * them, moves bytes that are not the fork's. There, VEXOEASRemove and then VEXOEASWrite give a value a new content, and
+ * a write behind its end makes it longer: both move the fork. Needs the write lock. -1 with 0x0300, 0x2000, 0x0D00,
  * 0x0200, 0x0A00, 0x2600, 0x0B00. */
 int VEXOEASTruncate(VEXOEAS *, const char *name, uint32_t length);
 
@@ -234,8 +242,9 @@ int EASWriteToFd(int srcFd, int dstFd);
 int EASGetAttrCount(int fd);
 
 /* Moves `length` bytes of resource fork inside the file; the places may overlap. The file is extended where needed and
- * never cut; a fork that ends early is moved as far as it goes. -1 with 0x0A00, 0x0B00 (each with a log line), 0x2600,
- * 0x2A00. */
+ * never cut; a fork that ends early is moved as far as it goes. What a failing move had moved is put back. -1 with
+ * 0x0A00, 0x0B00 (each with a log line; towards the end also 0x0A00 without one, for a length over that of the file),
+ * 0x2600, 0x2A00. */
 int EASMoveRFork(VEXOEAS *, uint32_t newOffset, uint32_t oldOffset, uint32_t length);
 
 /* Which of the header's two entries is the Finder Info: 0 or 1; -1 with 0x0A00 when neither is. */
@@ -481,9 +490,10 @@ void VEXOEARemoveDanglingEADir(const char *dirPath);
  * far as that is possible; an upgrade never unlocks a file.
  *
  * Returns 0 converted; 1 the current store is there already; 2 there is nothing old; -1 failed: 0x0D00 null argument or
- * another name; 0x0900 open; 0x2800 rename; 0x3900 the old directory cannot be removed. Codes of what was passed over
- * remain in the last error of a 0: 0x0100, 0x0900, 0x0A00, 0x2A00, and 0x4000 for a resource that is not AppleDouble
- * version 2. A name too long for a "._" file is a 0 with 0xC300. */
+ * another name; 0x0900 open; 0x2800 rename; 0x3900 the old directory cannot be removed. The last error of a 0 tells of
+ * the last file alone: where that one was passed over its code remains (0x0100, 0x0900, 0x0A00, 0x2A00, and 0x4000 for
+ * a resource that is not AppleDouble version 2); an attribute that was converted after it leaves 0x2000. What is still
+ * in the old directory tells of all of them. A name too long for a "._" file is a 0 with 0xC300. */
 int VEXOEAUpgrade(const char *path, const char *streamName);
 
 #pragma GCC visibility pop

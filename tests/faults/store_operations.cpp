@@ -61,10 +61,9 @@ const std::set<uint32_t> kCopyCodes = {0,      0x0100, 0x0200, 0x0300, 0x0400, 0
                                        0x0A00, 0x0B00, 0x2000, 0x2400, 0x2600, 0x2700, 0x2900, 0x2A00,
                                        0x3B00, 0x3C00, 0x6C00, 0x8000, 0xAA00, 0xC300};
 
-// A change rewrites the stream file in place.
+// A change rewrites the stream file in place; one that fails is undone, one that is killed is not.
 std::string keptOfChange(const Finding &finding, const Report &) {
-    if (isCall(finding.fault, {"write", "lseek", "kill"}) &&
-        (finding.check == "metadata lost" || finding.check == "again succeeds")) {
+    if (isCall(finding.fault, {"kill"}) && (finding.check == "metadata lost" || finding.check == "again succeeds")) {
         return "stream-change-is-not-atomic";
     }
     return {};
