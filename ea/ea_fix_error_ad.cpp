@@ -2,7 +2,8 @@
 // the resource file is written anew without them.
 #include "ea/ea.h"
 
-#include "ea/carry/job.h"
+#include "ea/carry/conversion.h"
+#include "ea/names/store.h"
 #include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"

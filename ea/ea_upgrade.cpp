@@ -2,7 +2,8 @@
 // streams with ":", into the current one.
 #include "ea/ea.h"
 
-#include "ea/carry/job.h"
+#include "ea/carry/two_entries.h"
+#include "ea/files/positioned.h"
 #include "ea/names/store.h"
 #include "ea/stream/handle.h"
 #include "support/big_endian.h"
