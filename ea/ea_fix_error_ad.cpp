@@ -23,7 +23,7 @@ int move_attributes(const char *path, const char *resource) {
     if (!source) {
         return fail(Error::open, VEXO_HERE);
     }
-    const int count = EASGetAttrCount(source.get());
+    const int count = attribute_count(source.get());
     if (count <= 0) {
         return count;
     }
