@@ -18,6 +18,11 @@ inline constexpr mode_t kStoreMode = 0777;
 // Opens a store file by its path, with `flags` as open() takes them. What O_TRUNC asks for is done once the file is
 // known to be what it should be.
 Fd open_store_file(const char *path, int flags, mode_t mode = kStoreMode);
+// The same by its name in a directory that is open.
+Fd open_store_file_in(int directory, const char *name, int flags, mode_t mode = kStoreMode);
+
+// The same for a caller of ours, who gets what open() gives: a descriptor with the flags that were asked for, or -1.
+int open_store_file_for_caller(const char *path, int flags);
 
 // Opens a store directory ("@eaDir" or "@eaDir/<base>") to look at it and to change its mode. O_RDONLY.
 Fd open_store_directory(const char *path);
