@@ -3,15 +3,16 @@
 #include "ea/ea.h"
 
 #include "ea/carry/conversion.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
+#include "ea/names/entry.h"
 #include "ea/names/store.h"
-#include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 
-#include <cstdio>
+#include <cerrno>
 #include <fcntl.h>
-#include <unistd.h>
 
 using namespace vexo;
 
@@ -19,7 +20,7 @@ namespace {
 
 // The attributes that the resource file holds, into the attribute stream. 0, also when it holds none, or -1.
 int move_attributes(const char *path, const char *resource) {
-    const Fd source(::open(resource, O_RDONLY | O_CLOEXEC));
+    const Fd source = open_store_file(resource, O_RDONLY);
     if (!source) {
         return fail(Error::open, VEXO_HERE);
     }
@@ -35,12 +36,12 @@ int move_attributes(const char *path, const char *resource) {
 }
 
 int repair(const char *path, const char *resource, const char *temporary) {
-    ::unlink(temporary); // of a repair that was cut short
+    (void)unlink_store_file(temporary); // of a repair that was cut short
     if (convert_apple_double(resource, temporary, ConvertMode::plain) < 0 || move_attributes(path, resource) < 0) {
         return -1;
     }
     // An empty resource file needs no repair and gave no other.
-    return ::rename(temporary, resource) == 0 || errno == ENOENT ? 0 : fail(Error::rename_ea, VEXO_HERE);
+    return rename_in_store(temporary, resource) == 0 || errno == ENOENT ? 0 : fail(Error::rename_ea, VEXO_HERE);
 }
 
 } // namespace
@@ -50,6 +51,9 @@ int VEXOEAFixErrorAD(const char *path) {
     if (VEXOEAPath(kCurrentLayout, path, kResourceStream, resource.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
         return -1;
     }
+    if (!names_entry(path)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
     resource.adopt();
     PathBuffer temporary(resource.view());
     temporary.append("Tmp");
@@ -58,6 +62,6 @@ int VEXOEAFixErrorAD(const char *path) {
     }
     const int result = repair(path, resource.c_str(), temporary.c_str());
     const KeepErrors keep;
-    ::unlink(temporary.c_str());
+    (void)unlink_store_file(temporary.c_str());
     return result;
 }

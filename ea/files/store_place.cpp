@@ -19,7 +19,7 @@ size_t store_begins(std::string_view path) {
     while (slash != std::string_view::npos && slash > 0) {
         const size_t before = path.rfind('/', slash - 1);
         const size_t begin = before == std::string_view::npos ? 0 : before + 1;
-        if (path.substr(begin, slash - begin) == kDirectoryName) {
+        if (std::string_view(path.data() + begin, slash - begin) == kDirectoryName) {
             return slash + 1;
         }
         slash = before;

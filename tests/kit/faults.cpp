@@ -410,9 +410,11 @@ extern "C" int fstatat(int directory, const char *name, struct stat *out, int fl
 }
 
 extern "C" int unlinkat(int directory, const char *name, int flags) noexcept {
-    const char *const function = (flags & AT_REMOVEDIR) != 0 ? "rmdir" : "unlink";
-    if (const kit::FaultAnswer answer = kit::askFaultsIn(function, directory, name); answer.decided) {
-        return static_cast<int>(answer.result);
+    // "remove" is either of the two.
+    for (const char *function : {(flags & AT_REMOVEDIR) != 0 ? "rmdir" : "unlink", "remove"}) {
+        if (const kit::FaultAnswer answer = kit::askFaultsIn(function, directory, name); answer.decided) {
+            return static_cast<int>(answer.result);
+        }
     }
     static auto *const real = kit::next<int(int, const char *, int)>("unlinkat");
     return real(directory, name, flags);
