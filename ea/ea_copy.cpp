@@ -3,6 +3,8 @@
 
 #include "ea/carry/job.h"
 #include "ea/carry/known.h"
+#include "ea/carry/routines.h"
+#include "ea/carry/store_directory.h"
 #include "ea/double/metadata_attribute.h"
 #include "platform/sdk.h"
 #include "support/dos_attributes.h"

@@ -2,10 +2,12 @@
 // the resource file is written anew without them.
 #include "ea/ea.h"
 
-#include "ea/carry/job.h"
+#include "ea/carry/conversion.h"
 #include "ea/files/store_entry.h"
 #include "ea/files/store_file.h"
 #include "ea/names/entry.h"
+#include "ea/names/store.h"
+#include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"

@@ -1,7 +1,9 @@
 // Carrying the locked state of a file: write permission on some volumes, a flag of the platform and a bit of the AFP
 // attribute word on others.
-#include "ea/carry/job.h"
+#include "ea/carry/routines.h"
 
+#include "ea/carry/store_directory.h"
+#include "ea/carry/two_entries.h"
 #include "ea/double/metadata_attribute.h"
 #include "ea/double/resource_path.h"
 #include "ea/ea.h"

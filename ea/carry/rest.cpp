@@ -1,7 +1,9 @@
 // The last stage of carrying what belongs to a file: the other entries of its own directory in "@eaDir" (pictures and
 // the like that other services keep there), and what a move leaves behind.
-#include "ea/carry/job.h"
+#include "ea/carry/routines.h"
 
+#include "ea/carry/store_directory.h"
+#include "ea/carry/stream_files.h"
 #include "ea/ea.h"
 #include "support/dir.h"
 #include "support/guards.h"
