@@ -25,11 +25,13 @@ constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
 enum Answer : int { genuine = 0, no_path = -1, other_name = -2, other_content = -3, no_companion = -4 };
 
+// errno tells one that could not be read (not 0) from one that holds something else.
 bool begins_with_magic(const char *path) {
     const Fd file = open_store_file(path, O_RDONLY);
     uint8_t word[sizeof(uint32_t)];
-    return file && ::read(file.get(), word, sizeof word) == ssize_t{sizeof word} &&
-           big_endian::load(word, sizeof word) == kAppleDoubleMagic;
+    const ssize_t got = file ? ::read(file.get(), word, sizeof word) : -1;
+    errno = got < 0 ? errno : 0;
+    return got == ssize_t{sizeof word} && big_endian::load(word, sizeof word) == kAppleDoubleMagic;
 }
 
 // A dangling link counts: it is an entry that the AppleDouble file belongs to. Of one that cannot be looked at nobody

@@ -7,6 +7,7 @@
 #include "ea/files/store_file.h"
 #include "ea/names/entry.h"
 #include "ea/names/store.h"
+#include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -19,11 +20,7 @@ using namespace vexo;
 namespace {
 
 // The attributes that the resource file holds, into the attribute stream. 0, also when it holds none, or -1.
-int move_attributes(const char *path, const char *resource) {
-    const Fd source = open_store_file(resource, O_RDONLY);
-    if (!source) {
-        return fail(Error::open, VEXO_HERE);
-    }
+int move_attributes(const char *path, const Fd &source) {
     const int count = attribute_count(source.get());
     if (count <= 0) {
         return count;
@@ -36,8 +33,12 @@ int move_attributes(const char *path, const char *resource) {
 }
 
 int repair(const char *path, const char *resource, const char *temporary) {
+    const Fd source = open_store_file(resource, O_RDONLY);
+    if (!source) {
+        return fail(Error::open, VEXO_HERE);
+    }
     (void)unlink_store_file(temporary); // of a repair that was cut short
-    if (convert_apple_double(resource, temporary, ConvertMode::plain) < 0 || move_attributes(path, resource) < 0) {
+    if (convert_apple_double(resource, temporary, ConvertMode::plain) < 0 || move_attributes(path, source) < 0) {
         return -1;
     }
     // An empty resource file needs no repair and gave no other.
