@@ -23,6 +23,7 @@ constexpr std::array kCalls = {
     "stat",
     "fcntl",
     "chmod",
+    "fchmod",
     "mkdir",
     "seteuid",
     "ftruncate",

@@ -184,7 +184,7 @@ TEST_F(Upgrade, UnreadableFilesStayAndTheOthersGoOn) {
         int skip;
         uint32_t code;
     };
-    for (const Row &row : {Row{"stat", 0, 0x2A00}, Row{"open", 0, 0x0900}, Row{"pread", 0, 0x0A00}}) {
+    for (const Row &row : {Row{"lstat", 1, 0x2A00}, Row{"open", 0, 0x0900}, Row{"pread", 0, 0x0A00}}) {
         makeOld({{"a", "1"}, {"b", "2"}});
         VLIBCErrSetEx(0, "", 0);
         kit::Faults::fail(row.function, EIO, file.own() + "/a", row.skip);
@@ -246,8 +246,8 @@ TEST_F(Upgrade, PathTooLongIsLoggedAndPassedOver) {
 // Each attribute is in the stream or still a file of its own, whatever call fails.
 TEST_F(Upgrade, LosesNothingWhenAStepFails) {
     const std::map<std::string, std::string> files = {{"a", "1"}, {"b", kit::pattern(5000)}, {"c", "3"}, {"d", "4"}};
-    for (const char *function : {"write", "pwrite", "lseek", "read", "pread", "open", "stat", "fstat", "ftruncate",
-                                 "fcntl", "unlink", "remove", "rmdir", "readdir"}) {
+    for (const char *function : {"write", "pwrite", "lseek", "read", "pread", "open", "lstat", "stat", "fstat",
+                                 "ftruncate", "fcntl", "unlink", "remove", "rmdir", "readdir"}) {
         for (int skip = 0; skip < 200; ++skip) {
             makeOld(files);
             kit::Faults::fail(function, ENOSPC, {}, skip);
