@@ -1,5 +1,7 @@
 #include "tests/model/harness.h"
 
+#include "tests/kit/seeds.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -190,12 +192,9 @@ std::string difference(const Outcome &expected, const Outcome &got) {
 }
 
 void forEachSeed(uint32_t few, uint32_t many, const std::function<std::string(uint32_t seed)> &run) {
-    const char *const chosen = std::getenv("VEXO_MODEL_SEED");
-    const uint32_t first = chosen != nullptr ? static_cast<uint32_t>(std::strtoul(chosen, nullptr, 10)) : 1;
-    const uint32_t count = chosen != nullptr ? 1 : std::getenv("VEXO_FULL") != nullptr ? many : few;
-    for (uint32_t seed = first; seed < first + count; ++seed) {
+    for (const uint32_t seed : kit::seeds(few, many)) {
         if (const std::string text = run(seed); !text.empty()) {
-            ADD_FAILURE() << "VEXO_MODEL_SEED=" << seed << "\n" << text;
+            ADD_FAILURE() << kit::repeat(seed) << "\n" << text;
             return;
         }
     }

@@ -58,9 +58,8 @@ inline constexpr uint32_t kUnsetError = 0x7777;
 // The first difference between two outcomes; empty: none.
 std::string difference(const Outcome &expected, const Outcome &got);
 
-// Calls `run` with one seed after the other: `few` of them, or with VEXO_FULL in the environment `many`; with
-// VEXO_MODEL_SEED only with that one. It answers a description of the difference, which fails the test with the seed
-// that repeats it.
+// Calls `run` with one seed after the other, as tests/kit/seeds.h gives them. It answers a description of the
+// difference, which fails the test with the seed that repeats it.
 void forEachSeed(uint32_t few, uint32_t many, const std::function<std::string(uint32_t seed)> &run);
 
 // For models: a failure and a log line under a front door's name. errno stays.
