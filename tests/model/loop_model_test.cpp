@@ -35,7 +35,7 @@ Scene draw(uint32_t seed) {
     Scene scene = {};
     scene.door = random.of({Door::plain, Door::ex, Door::fileOperation});
     const int64_t largest = random.of<int64_t>({10, 5000, 300'000, 1'000'000});
-    scene.fileSize = random.oneIn(40) ? 9'000'000 : random.below(static_cast<int>(largest));
+    scene.fileSize = random.oneIn(15) ? 9'000'000 : random.below(static_cast<int>(largest));
     int64_t at = random.oneIn(2) ? 0 : 4096 * random.below(20);
     while (random.oneIn(2) ? false : at < scene.fileSize) {
         const int64_t length = std::min<int64_t>(scene.fileSize - at, 4096 * (1 + random.below(30)));
@@ -63,8 +63,11 @@ Scene draw(uint32_t seed) {
     scene.sameFile = random.oneIn(15);
     scene.badDescriptor = random.oneIn(60);
     scene.sendfileRefused = random.oneIn(2);
+    const bool hasHoles = scene.extents.size() != 1 || scene.extents[0].length != scene.fileSize;
     if (random.oneIn(3)) {
-        const std::string function = random.of<const char *>({"read", "write", "lseek", "fallocate", "ftruncate"});
+        const std::string function =
+            hasHoles ? random.of<const char *>({"read", "write", "lseek", "fallocate", "fallocate", "ftruncate"})
+                     : random.of<const char *>({"read", "write"});
         const std::string path = function == "read"    ? "/from"
                                  : function == "lseek" ? random.of({"/from", "/to"})
                                                        : "/to";
