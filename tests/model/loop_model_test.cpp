@@ -55,8 +55,10 @@ Scene draw(uint32_t seed) {
     scene.cancelAnswer = random.of({5, -1});
     scene.readSize = random.oneIn(2);
     for (int n = 0; n < 6; ++n) {
-        scene.readSizes.push_back(random.of<int64_t>(
-            {0, -1, scene.fileSize < 3000 ? 1 : 4096, 4096, 100'000, 65'536, 65'537, 8388608, 8388609}));
+        const int64_t small = scene.fileSize < 3000 ? 1 : 4096;
+        scene.readSizes.push_back(scene.fileSize > 8388608
+                                      ? random.of<int64_t>({8388609, 8388608, 0, 1'000'000})
+                                      : random.of<int64_t>({0, -1, small, 4096, 100'000, 65'536, 65'537, 8388609}));
     }
     scene.srcFlags = random.oneIn(40) ? O_WRONLY : O_RDONLY;
     scene.dstFlags = random.oneIn(40) ? O_RDONLY : random.oneIn(10) ? O_WRONLY | O_APPEND : O_WRONLY;
