@@ -1,6 +1,7 @@
 #include "transfer/transfer.h"
 
 #include "support/errno_table.h"
+#include "support/guards.h"
 #include "support/heap.h"
 #include "support/own_volume.h"
 #include "support/report.h"
@@ -248,6 +249,9 @@ bool Transfer::asks_kernel(int64_t wanted) {
 // be read and written. Less than the block: the source ended, and the next block meets that. Never copy_file_range,
 // which shares extents where the volume can: sharing is the caller's choice.
 int Transfer::move_in_kernel(int64_t wanted, int64_t &moved) {
+    // A write to such a file is never interrupted, but sendfile is, wherever a caller has a handler without SA_RESTART:
+    // a timer or a child that ends would fail the copy.
+    const SignalsHeld whole;
     while (moved < wanted) {
         const ssize_t sent = ::sendfile(m_dstFd, m_srcFd, nullptr, static_cast<size_t>(wanted - moved));
         if (sent < 0) {

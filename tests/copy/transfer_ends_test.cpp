@@ -273,6 +273,41 @@ TEST_F(Ends, OneSignalEndsABlockedWrite) {
     }));
 }
 
+// Whether this thread lets a signal through.
+bool isBlocked(int signal) {
+    sigset_t now;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &now);
+    return ::sigismember(&now, signal) == 1;
+}
+
+// A write to a file is never interrupted, but the kernel's move of a block is, by handlers without SA_RESTART.
+TEST_F(Ends, SignalsWaitForTheEndOfABlockThatTheKernelMoves) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1024 * kKiB));
+    processAsNow();
+    kit::writeFile(volume / "from", content);
+    static int signals;
+    signals = 0;
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = [](int) { ++signals; };
+    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    static bool blocked;
+    static int beforeTheMove;
+    blocked = false;
+    kit::Faults::add({.function = "sendfile", .before = [] {
+                          blocked = isBlocked(SIGALRM);
+                          ::raise(SIGALRM);
+                          beforeTheMove = signals;
+                      }});
+    EXPECT_EQ(0, copy(::open((volume / "from").c_str(), O_RDONLY | O_CLOEXEC),
+                      ::open((volume / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644)));
+    EXPECT_TRUE(blocked);
+    EXPECT_EQ(0, beforeTheMove);
+    EXPECT_EQ(1, signals) << "it arrives";
+    EXPECT_FALSE(isBlocked(SIGALRM));
+    ::sigaction(SIGALRM, &before, nullptr);
+}
+
 // ---- Beyond what every volume holds
 
 TEST_F(Ends, BlocksFarOutAreReadAndWritten) {
