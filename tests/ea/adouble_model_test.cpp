@@ -117,6 +117,9 @@ class AdoubleModel : public kit::Behaviour {
                 const uint32_t length = oneIn(4) ? places[upTo(places.size() - 1)] : upTo(64);
                 entries.push_back({id, offset, length});
             }
+            if (oneIn(4)) { // all that the attribute has, and those behind them
+                entries.insert(entries.begin(), adouble_bytes::kMetadata.begin(), adouble_bytes::kMetadata.end());
+            }
             text = adouble_bytes::header(entries, 402 + upTo(600));
         }
         for (uint32_t left = oneIn(3) ? upTo(3) : 0; left > 0; --left) {

@@ -60,7 +60,35 @@ class StreamModel : public StreamFile {
         const uint32_t size = static_cast<uint32_t>(file.size());
         return oneIn(2) ? odd[upTo(odd.size() - 1)] : size - 20 + upTo(40);
     }
+    // The values somewhere else, by numbers that agree: over the records, behind a gap, behind the end.
+    void shiftValues(std::string &file) {
+        const std::vector<uint32_t> ways = {UINT32_MAX, UINT32_MAX - 3, UINT32_MAX - 15, 1, 4, 64, 5000, 0xc0000000};
+        const uint32_t by = ways[upTo(ways.size() - 1)];
+        const bool isEmptied = oneIn(2);
+        const auto at32 = [&file](size_t at) {
+            uint32_t value = 0;
+            for (size_t next = at; next < at + 4; ++next) {
+                value = value << 8 | static_cast<unsigned char>(file[next]);
+            }
+            return value;
+        };
+        file.replace(96, 4, stream::number(at32(96) + by, 4));
+        if (isEmptied) {
+            file.replace(100, 4, stream::zeros(4));
+        }
+        size_t at = 120;
+        for (uint32_t left = at32(116) & 0xffff; left > 0 && at + 11 <= file.size(); --left) {
+            file.replace(at, 4, stream::number(isEmptied ? at32(96) : at32(at) + by, 4));
+            if (isEmptied) {
+                file.replace(at + 4, 4, stream::zeros(4));
+            }
+            at += (11 + static_cast<unsigned char>(file[at + 10]) + 3U) / 4 * 4;
+        }
+    }
     void spoil(std::string &file) {
+        if (oneIn(8) && file.size() > 140) {
+            shiftValues(file);
+        }
         for (uint32_t left = upTo(2); left > 0 && file.size() > 140; --left) {
             switch (upTo(4)) {
             case 0: // any number of header or records
