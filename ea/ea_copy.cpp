@@ -13,6 +13,7 @@
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
+#include "support/text.h"
 
 #include <cerrno>
 #include <string_view>
@@ -110,7 +111,7 @@ bool has_nothing_stored(const EaCopyJob &job) {
 }
 
 std::string_view last_component(std::string_view path) {
-    return path.substr(path.rfind('/') + 1); // npos + 1 is 0
+    return behind(path, path.rfind('/') + 1); // npos + 1 is 0
 }
 
 bool is_one_directory(const char *srcEntry, const char *dstEntry) {

@@ -3,6 +3,7 @@
 #include "support/fd.h"
 #include "support/heap.h"
 #include "support/path_buffer.h"
+#include "support/text.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -46,7 +47,7 @@ class Place {
         if (m_name.view() == "/") {
             m_name.clear();
         }
-        m_name.append("/").append(text.substr(slash + 1)); // without a slash: from the beginning
+        m_name.append("/").append(behind(text, slash + 1)); // without a slash: from the beginning
     }
 
     bool is_resolved() const { return !m_name.empty(); }
@@ -162,7 +163,7 @@ class Mounts {
                 device = mount.device;
                 part.clear();
                 part.append(mount.root.view() == "/" ? std::string_view() : mount.root.view());
-                part.append(path.substr(point == "/" ? 0 : point.size()));
+                part.append(behind(path, point == "/" ? 0 : point.size()));
             } else if (holds(path, point) && question(mount.device, mount.root.view())) {
                 return true;
             }

@@ -3,6 +3,7 @@
 
 #include "backup/backup.h"
 #include "support/fs_type.h"
+#include "support/text.h"
 
 #include <cerrno>
 #include <optional>
@@ -25,7 +26,7 @@ bool trim_dot(PathBuffer &path) {
 // What is made, removed and given a store needs a name of its own in its directory. An empty path fails where it is
 // used.
 bool names_an_entry(std::string_view path) {
-    const std::string_view name = path.substr(path.rfind('/') + 1);
+    const std::string_view name = behind(path, path.rfind('/') + 1);
     return path.empty() || (!name.empty() && name != "." && name != "..");
 }
 

@@ -2,6 +2,7 @@
 #include "copy/engine/tree_copy_steps.h"
 
 #include "support/fs_type.h"
+#include "support/text.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -136,7 +137,7 @@ bool TreeWalk::is_where_it_was() const {
         return false;
     }
     now.adopt();
-    return now.view().starts_with(m_resolved.view()) && now.view().substr(m_resolved.length()) == below_top();
+    return now.view().starts_with(m_resolved.view()) && behind(now.view(), m_resolved.length()) == below_top();
 }
 
 } // namespace vexo
