@@ -21,7 +21,7 @@ namespace {
 
 // The attributes that the resource file holds, into the attribute stream. 0, also when it holds none, or -1.
 int move_attributes(const char *path, const Fd &source) {
-    const int count = EASGetAttrCount(source.get());
+    const int count = attribute_count(source.get());
     if (count <= 0) {
         return count;
     }

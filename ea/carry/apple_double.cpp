@@ -6,6 +6,7 @@
 #include "ea/carry/stream_files.h"
 #include "ea/carry/sync.h"
 #include "ea/ea.h"
+#include "ea/files/store_file.h"
 #include "support/fd.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -25,11 +26,11 @@ int double_path(const char *path, PathBuffer &out) {
 // The attributes in the AppleDouble file `from`, as the attribute stream of the destination. One without any makes
 // none.
 int move_attributes_to_stream(const char *from, const char *dst) {
-    const Fd source(::open(from, O_RDONLY | O_CLOEXEC));
+    const Fd source = open_store_file(from, O_RDONLY);
     if (!source) {
         return errno == ENOENT ? 0 : fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    const int count = EASGetAttrCount(source.get());
+    const int count = attribute_count(source.get());
     if (count <= 0) {
         return count;
     }
@@ -46,14 +47,11 @@ int append_stream(const char *src, const char *to) {
     if (!stream) {
         return errno == ENOENT ? 0 : fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    const int count = EASGetAttrCount(stream.get());
+    const int count = attribute_count(stream.get());
     if (count <= 0) {
         return count;
     }
-    Fd destination(::open(to, O_RDWR | O_CLOEXEC));
-    if (!destination && errno == ENOENT) {
-        destination.reset(::open(to, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
-    }
+    const Fd destination = open_store_file(to, O_RDWR | O_CREAT);
     if (!destination) {
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
@@ -85,9 +83,8 @@ int convert_resource_to_double(const EaCopyJob &job, const char *to) {
     const int converted = convert_apple_double(from.c_str(), to, ConvertMode::checked);
     if (converted < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.", from.c_str(), to, converted);
-        return converted;
     }
-    return 0;
+    return converted;
 }
 
 } // namespace
@@ -108,7 +105,7 @@ int copy_adfs_to_adfs(const EaCopyJob &job) {
         VEXO_LOG_ERROR_IN(VEXO_EA_COPY_HERE, "EACopyADFStoADFS", "Failed to cp -f %s.\n", from.c_str());
         return -1;
     }
-    if (job.move && copied == 0 && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+    if (job.move && copied == 0 && unlink_store_file(from.c_str()) != 0 && errno != ENOENT) {
         set_error(Error::file_operation, VEXO_EA_COPY_HERE);
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to remove [%s]. %m", from.c_str());
         return -1;
@@ -145,10 +142,13 @@ int copy_adfs_to_ea_directory(const EaCopyJob &job) {
                        converted);
         return converted;
     }
+    if (converted == kOneFile) {
+        return 0;
+    }
     if (move_attributes_to_stream(from.c_str(), job.dst) < 0) {
         return -1;
     }
-    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+    if (job.move && unlink_store_file(from.c_str()) != 0 && errno != ENOENT) {
         return fail(Error::file_operation, VEXO_EA_COPY_HERE);
     }
     return 0;
@@ -166,8 +166,8 @@ int copy_ea_directory_to_adfs(const EaCopyJob &job) {
         return named;
     }
     const int resource = convert_resource_to_double(job, to.c_str());
-    if (resource < 0) {
-        return resource;
+    if (resource != 0) {
+        return resource == kOneFile ? 0 : resource;
     }
     if (append_stream(job.src, to.c_str()) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.", job.src, to.c_str(), -1);

@@ -43,18 +43,19 @@ int read_attribute(const FileRef &file, const char *name, HeapBuffer &value) {
             return got;
         }
         if (value && errno != ERANGE) {
-            return -1;
+            return fail(Error::read, VEXO_EA_COPY_HERE);
         }
     }
     const int size = get_attribute(file, name, nullptr, 0);
     if (size < 0) {
-        return -1;
+        return fail(Error::read, VEXO_EA_COPY_HERE);
     }
     if ((!value || value.size() < static_cast<size_t>(size)) && !value.resize(static_cast<size_t>(size))) {
         return fail(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
     }
     // A buffer of size 0 would ask for the size once more.
-    return size == 0 ? 0 : get_attribute(file, name, value.data(), static_cast<size_t>(size));
+    const int got = size == 0 ? 0 : get_attribute(file, name, value.data(), static_cast<size_t>(size));
+    return got < 0 ? fail(Error::read, VEXO_EA_COPY_HERE) : got;
 }
 
 int set_attribute(const FileRef &file, const char *name, const void *value, int size) {

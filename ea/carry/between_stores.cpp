@@ -7,6 +7,7 @@
 #include "ea/carry/stream_files.h"
 #include "ea/carry/sync.h"
 #include "ea/ea.h"
+#include "ea/files/store_file.h"
 #include "support/guards.h"
 #include "support/report.h"
 
@@ -39,7 +40,10 @@ int convert_resource_for_file_ea(const EaCopyJob &job) {
                        converted);
         return converted;
     }
-    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+    if (converted == kOneFile) {
+        return 0;
+    }
+    if (job.move && unlink_store_file(from.c_str()) != 0 && errno != ENOENT) {
         set_error(Error::file_operation, VEXO_EA_COPY_HERE);
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to remove [%s]. %m", from.c_str());
         return -1;

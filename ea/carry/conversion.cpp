@@ -5,6 +5,8 @@
 #include "ea/carry/two_entries.h"
 #include "ea/ea.h"
 #include "ea/files/positioned.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
 #include "ea/stream/handle.h"
 #include "support/big_endian.h"
 #include "support/fd.h"
@@ -195,12 +197,12 @@ int convert_version_2(Source &source, const char *to) {
     writer.u32(static_cast<uint32_t>(source.fork.length));
     writer.bytes(finderInfo.data(), finderInfo.size());
 
-    const Fd destination(::open(to, O_WRONLY | O_CREAT | O_CLOEXEC, 0777));
+    const Fd destination = open_store_file(to, O_WRONLY | O_CREAT);
     if (!destination) {
         VEXO_LOG_ERROR_IN(VEXO_EA_COPY_HERE, kConverterName, "failed to open %s, reason=%s.\n", to, ::strerror(errno));
         set_error(Error::open, VEXO_EA_COPY_HERE);
         const KeepErrno keep;
-        ::unlink(to);
+        (void)unlink_store_file(to);
         return kOpenFailed;
     }
     if (!write_at(destination.get(), head.data(), head.size(), 0)) {
@@ -217,11 +219,8 @@ int convert_version_2(Source &source, const char *to) {
 
 int convert_content(const char *from, const char *to) {
     struct stat status;
-    if (::stat(from, &status) != 0 && errno == ENOENT) {
-        return 0;
-    }
-    const Fd fd(::open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    const Fd fd = open_store_file(from, O_RDONLY);
+    if (!fd || ::fstat(fd.get(), &status) != 0) {
         if (!fd && errno == ENOENT) {
             return 0;
         }
@@ -231,6 +230,10 @@ int convert_content(const char *from, const char *to) {
     }
     if (status.st_size == 0) {
         return 0;
+    }
+    struct stat there;
+    if (look_in_store(to, there) == 0 && is_one_file(status, there)) {
+        return kOneFile;
     }
     Source source{from, fd.get(), static_cast<uint64_t>(status.st_size), {}, {}, {}};
     if (!read_at(fd.get(), source.header.data(), kFixedSize, 0)) {
@@ -268,7 +271,28 @@ int make_way(int from, int to) {
 
 } // namespace
 
+int attribute_count(int fd) {
+    constexpr size_t kMostEntries = 13;
+    std::array<uint8_t, kFixedSize + kMostEntries * kEntrySize> bytes{};
+    const ssize_t size = ::pread(fd, bytes.data(), bytes.size(), 0);
+    if (size < 0) {
+        return fail(Error::read, VEXO_EA_COPY_HERE);
+    }
+    bool hasFinderInfo = size == 0; // nothing is written yet
+    const uint64_t count = big_endian::load(bytes.data() + kCountAt, 2);
+    for (size_t at = 0; at < count && at < kMostEntries; ++at) {
+        hasFinderInfo =
+            hasFinderInfo || big_endian::load(bytes.data() + kFixedSize + at * kEntrySize, 4) == kFinderInfoEntry;
+    }
+    return hasFinderInfo ? EASGetAttrCount(fd) : 0;
+}
+
 int write_attributes(int from, int to) {
+    struct stat one;
+    struct stat other;
+    if (::fstat(from, &one) == 0 && ::fstat(to, &other) == 0 && is_one_file(one, other)) {
+        return 0; // under two names: they are all there
+    }
     return make_way(from, to) == 0 && EASWriteToFd(from, to) == 0 ? 0 : -1;
 }
 
@@ -280,7 +304,8 @@ int convert_apple_double(const char *from, const char *to, ConvertMode mode) {
         }
     }
     if (mode == ConvertMode::as_is || mode == ConvertMode::checked_as_is) {
-        return copy_store_file(from, to) < 0 ? -1 : 0;
+        const int copied = copy_store_file(from, to);
+        return copied == kNothingToCopy ? 0 : copied;
     }
     return convert_content(from, to);
 }

@@ -32,6 +32,7 @@ struct EaCopyJob {
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
     StoreSeen seen = StoreSeen::unknown;
+    bool streamsStay = false;   // nothing was converted: the names on the way are passed over
     bool nothingStored = false; // the source has no "@eaDir" and, where it could, no metadata attribute
 
     int srcFd = -1; // where the files are open

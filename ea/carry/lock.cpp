@@ -47,7 +47,7 @@ uint8_t *afp_word(VEXOEAAdouble &metadata) {
 int locked_by_mode(const FileRef &file) {
     struct stat status;
     if (file.status(status) != 0) {
-        return errno == ENOENT ? kSourceGone : -1;
+        return errno == ENOENT ? kSourceGone : fail(Error::other, VEXO_AT(kLockSource));
     }
     return (status.st_mode & kWriteBits) == 0 ? 1 : 0;
 }
@@ -88,7 +88,7 @@ int read_lock(const EaCopyJob &job) {
 int set_mode(const FileRef &file, bool locked) {
     struct stat status;
     if (file.status(status) != 0) {
-        return -1;
+        return fail(Error::other, VEXO_AT(kLockSource));
     }
     const uid_t user = ::geteuid();
     if (user != 0 && user != status.st_uid) {
@@ -100,7 +100,9 @@ int set_mode(const FileRef &file, bool locked) {
 }
 
 int set_flag(const FileRef &file, bool locked) {
-    return command_attribute(file, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0 ? -1 : 0;
+    return command_attribute(file, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0
+               ? fail(Error::file_operation, VEXO_AT(kLockSource))
+               : 0;
 }
 
 // Sets or clears the bit in a header that was read. false: there is nothing to write back.
@@ -173,6 +175,7 @@ int carry(EaCopyJob &job) {
         return -1;
     }
     if (job.srcKind() == StoreKind::other) {
+        set_error(Error::other, VEXO_AT(kLockSource));
         return kUnknownSource;
     }
     if (job.dstKind() == StoreKind::other) {

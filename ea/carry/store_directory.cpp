@@ -3,6 +3,7 @@
 #include "ea/carry/job.h"
 #include "ea/ea.h"
 #include "ea/files/remove_tree.h"
+#include "ea/files/store_entry.h"
 #include "support/keep_errno.h"
 #include "support/report.h"
 
@@ -41,12 +42,16 @@ int prepare_ea_directory(int which, const char *path, PathBuffer &directory) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to get EA path of %s.\n", path);
         return -1;
     }
-    if (which == kPerFileDirectory && ::access(directory.c_str(), F_OK) == 0 &&
-        remove_source_tree(directory.c_str()) < 0) {
+    if (which == kPerFileDirectory && remove_source_tree(directory.c_str()) < 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s.\n", directory.c_str());
         return -1;
     }
-    return VEXOEAMKDir(which == kPerFileDirectory ? 1 : 0, directory.c_str());
+    const int number = errno;
+    const int made = VEXOEAMKDir(which == kPerFileDirectory ? 1 : 0, directory.c_str());
+    if (made == 0) {
+        errno = number; // not what a volume without ACLs answered
+    }
+    return made;
 }
 
 int prepare_shared_directory(const char *path) {
@@ -56,10 +61,11 @@ int prepare_shared_directory(const char *path) {
 
 int remove_source_tree(const char *path) {
     struct stat status;
-    if (::lstat(path, &status) != 0 && errno == ENOENT) {
+    if (look_in_store(path, status) != 0 && says_absent(errno)) {
         return 0;
     }
     if (remove_tree<kEaCopySource>(path) < 0) {
+        set_error(Error::remove, VEXO_EA_COPY_HERE);
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to rm -rf %s. %m", path);
         return -1;
     }

@@ -2,6 +2,7 @@
 
 #include "ea/carry/store_directory.h"
 #include "ea/ea.h"
+#include "ea/files/store_entry.h"
 #include "ea/names/stream_path.h"
 #include "support/fd.h"
 #include "support/guards.h"
@@ -20,26 +21,54 @@
 namespace vexo {
 namespace {
 
-constexpr mode_t kStoreMode = 0777;
-
 bool exists(const char *path) {
     return ::access(path, F_OK) == 0;
 }
 
 // What follows when a stream has arrived.
 int drop_moved_stream(const EaCopyJob &job, const char *from) {
-    return !job.move || ::unlink(from) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    return !job.move || unlink_store_file(from) == 0 || errno == ENOENT
+               ? 0
+               : fail(Error::file_operation, VEXO_EA_COPY_HERE);
 }
 
-// The bytes of a stream file, which goes again where they do not arrive. 0 or -1 with the error.
-int move_stream_bytes(Fd &source, Fd &destination, int64_t size, const char *to) {
-    if (transfer(source.get(), destination.get(), size, {}, kDescriptorCopySource) == 0) {
+// Only the owner of a file may change its mode. One that is somebody else's was open to us as it is.
+int open_to_all(int result, const char *to) {
+    if (result == 0) {
         return 0;
+    }
+    if (errno != EPERM) {
+        return fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    }
+    VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to chmod %s. %m", to);
+    return 0;
+}
+
+// The bytes of a store file in place of those of another, which goes where they do not arrive. 0, kOneFile, or -1 with
+// the error.
+int copy_bytes(Fd &source, Fd &destination, const char *to) {
+    struct stat status;
+    struct stat there;
+    if (::fstat(source.get(), &status) != 0 || ::fstat(destination.get(), &there) != 0) {
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    if (is_one_file(status, there)) {
+        return kOneFile;
+    }
+    if (there.st_size > 0 && ::ftruncate(destination.get(), 0) != 0) {
+        return fail(Error::write, VEXO_EA_COPY_HERE);
+    }
+    errno = 0;
+    if (transfer(source.get(), destination.get(), status.st_size, {}, kDescriptorCopySource) == 0) {
+        return 0;
+    }
+    if (last_error() == Error::short_write) {
+        errno = ENOSPC; // the one cause of a short write to a file, which only the next write would tell
     }
     const KeepErrors keep;
     source.reset();
     destination.reset();
-    ::unlink(to);
+    (void)unlink_store_file(to);
     return -1;
 }
 
@@ -49,28 +78,36 @@ void log_stream_not_copied(const char *stream, const char *from, const char *to)
     }
 }
 
-// Mostly the source's file is there, and the "@eaDir" of the destination since the file before this one: then opening
-// both is all that needs to be found out. Nothing: it is not so, and nothing was done.
-std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files, const char *stream) {
-    const char *const from = files.from.c_str();
-    struct stat status;
-    Fd source(::open(from, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); // a FIFO has no place here, and is not waited for
-    if (!source || ::fstat(source.get(), &status) != 0 || !S_ISREG(status.st_mode) || files.to.select(stream) < 0) {
-        return std::nullopt;
-    }
-    const char *const to = files.to.c_str();
-    Fd destination(::open(to, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreMode));
-    if (!destination) {
-        return std::nullopt;
-    }
-    if (move_stream_bytes(source, destination, status.st_size, to) < 0) {
-        log_stream_not_copied(stream, from, to);
-        return -1;
+// What follows the copy of the bytes of a stream: 0 or -1, reported.
+int after_copy(const EaCopyJob &job, int copied, const char *from, const char *to, const Fd &destination) {
+    if (copied != 0) { // one file under two names, or none: nothing is written and nothing removed
+        return 0;
     }
     if (drop_moved_stream(job, from) < 0) {
         return -1;
     }
-    return ::fchmod(destination.get(), kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    return open_to_all(destination ? ::fchmod(destination.get(), kStoreMode) : set_store_mode(to), to);
+}
+
+// Mostly the source's file is there, and the "@eaDir" of the destination since the file before this one: then opening
+// both is all that needs to be found out. Nothing: it is not so, and nothing was done.
+std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files, const char *stream) {
+    Fd source = files.from.open(O_RDONLY);
+    if (!source || files.to.select(stream) < 0) {
+        return std::nullopt;
+    }
+    Fd destination = files.to.open(O_RDWR | O_CREAT);
+    if (!destination) {
+        return std::nullopt;
+    }
+    const char *const from = files.from.c_str();
+    const char *const to = files.to.c_str();
+    const int copied = copy_bytes(source, destination, to);
+    if (copied < 0) {
+        log_stream_not_copied(stream, from, to);
+        return -1;
+    }
+    return after_copy(job, copied, from, to, destination);
 }
 
 } // namespace
@@ -117,41 +154,56 @@ int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *strea
     }
     const char *const from = files.from.c_str();
     const char *const to = files.to.c_str();
-    const int copied = job.copyFile ? job.copyFile(from, to) : copy_store_file(from, to);
+    Fd made;
+    const int copied = job.copyFile ? copy_by_caller(job, from, to) : copy_store_file(from, to, &made);
     if (copied < 0) {
         log_stream_not_copied(stream, from, to);
     }
-    if (copied < 0 || copied == kCannotConvertCode) {
-        return copied;
-    }
-    if (!job.copyFile && copied == kNothingToCopy) {
-        return 0;
-    }
-    if (drop_moved_stream(job, from) < 0) {
-        return -1;
-    }
-    return ::chmod(to, kStoreMode) == 0 ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    return copied < 0 || copied == kCannotConvertCode ? copied : after_copy(job, copied, from, to, made);
 }
 
-int copy_store_file(const char *from, const char *to) {
-    struct stat status;
-    if (::stat(from, &status) != 0) {
-        const bool nothing = errno == EPERM || errno == ENOENT || errno == EACCES;
-        return nothing ? kNothingToCopy : fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    if (!S_ISREG(status.st_mode)) { // opening a FIFO would wait for its writer
-        errno = EINVAL;
-        return fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    Fd source(::open(from, O_RDONLY | O_CLOEXEC));
+int copy_store_file(const char *from, const char *to, Fd *made) {
+    Fd source = open_store_file(from, O_RDONLY);
     if (!source) {
+        const int number = errno;
+        struct stat status;
+        if (look_in_store(from, status) != 0 && (errno == EPERM || errno == ENOENT || errno == EACCES)) {
+            return kNothingToCopy;
+        }
+        errno = number;
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    Fd destination(::open(to, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kStoreMode));
+    Fd destination = open_store_file(to, O_RDWR | O_CREAT);
     if (!destination) {
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    return move_stream_bytes(source, destination, status.st_size, to);
+    const int copied = copy_bytes(source, destination, to);
+    if (copied == 0 && made != nullptr) {
+        *made = std::move(destination);
+    }
+    return copied;
+}
+
+int copy_by_caller(const EaCopyJob &job, const char *from, const char *to) {
+    struct stat status;
+    struct stat there;
+    if (check_store_file(from, O_RDONLY, status) != 0) {
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    if (check_store_file(to, O_RDWR, there) == 0) {
+        if (is_one_file(status, there)) {
+            return kOneFile;
+        }
+    } else if (errno != ENOENT) {
+        return fail(Error::open, VEXO_EA_COPY_HERE);
+    }
+    errno = 0; // what it says afterwards is the function's, and so is the last error
+    set_error(Error::none, VEXO_EA_COPY_HERE);
+    const int copied = job.copyFile(from, to);
+    if (copied < 0 && last_error() == Error::none) {
+        set_error(Error::other, VEXO_EA_COPY_HERE);
+    }
+    return copied < 0 || copied == kCannotConvertCode ? copied : 0;
 }
 
 int stream_presence(const FileRef &file, StoreSeen seen) {
@@ -174,7 +226,7 @@ int unlink_source_stream(const EaCopyJob &job, const char *stream, int companion
     if (VEXOEAPath(kCurrentLayout, job.src, stream, path.fill(), PathBuffer::kUsable, companion) < 0) {
         return -1;
     }
-    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
+    return unlink_store_file(path.c_str()) == 0 || errno == ENOENT ? 0 : fail(Error::file_operation, VEXO_EA_COPY_HERE);
 }
 
 int remove_source_resource(const EaCopyJob &job) {

@@ -2,6 +2,7 @@
 #include "ea/carry/routines.h"
 
 #include "ea/carry/attributes.h"
+#include "ea/carry/conversion.h"
 #include "ea/carry/stream_files.h"
 #include "ea/carry/sync.h"
 #include "ea/carry/two_entries.h"
@@ -67,8 +68,8 @@ Tally carry_entries(const EaCopyJob &job, int fd) {
     const StreamHandle stream(fd, F_RDLCK);
     HeapBuffer value = HeapBuffer::uninitialised(kFirstSize);
     if (!stream || !value || ::fstat(fd, &status) != 0) {
-        if (stream && !value) {
-            set_error(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
+        if (stream) {
+            set_error(value ? Error::read : Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
         }
         return {-1, false, errno};
     }
@@ -96,6 +97,11 @@ Tally carry_attribute_stream(const EaCopyJob &job, int companion) {
         const KeepErrno keep;
         set_error(Error::open, VEXO_EA_COPY_HERE);
         return {-1, false, errno};
+    }
+    // A "._" file may hold something else where the attributes would be.
+    const int count = companion == kAppleDoubleCompanion ? attribute_count(fd.get()) : 1;
+    if (count <= 0) {
+        return {count, count == 0, errno};
     }
     Tally tally = carry_entries(job, fd.get());
     if (tally.result == 0 && tally.everything && job.move && companion == kStreamCompanion &&

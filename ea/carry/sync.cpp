@@ -5,9 +5,17 @@
 #include "ea/carry/two_entries.h"
 #include "ea/double/metadata_attribute.h"
 #include "ea/ea.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
+#include "ea/names/stream_path.h"
+#include "ea/stream/handle.h"
+#include "support/fd.h"
+#include "support/guards.h"
 #include "support/report.h"
 
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 
 namespace vexo {
@@ -28,44 +36,69 @@ bool all_zero(const uint8_t *bytes, size_t size) {
     return true;
 }
 
-// Whether the attribute's Finder Info goes into the resource file: when that is out of step, and when there is none yet
-// and the Finder Info would be lost with the attribute.
-int needs_write_back(const char *path, const uint8_t *finderInfo) {
-    const int need = EACheckNeedSync(path);
-    if (need != 0) {
-        return need;
-    }
-    const int presence = stream_presence(path);
-    if (presence < 0) {
-        return -1;
-    }
-    return (presence & kHasResource) == 0 && !all_zero(finderInfo, kFinderInfoSize) ? 1 : 0;
+// Whether the resource file holds no Finder Info. One that cannot be understood holds something.
+bool holds_none(const char *resource) {
+    const KeepErrors keep;
+    const Fd file = open_store_file(resource, O_RDONLY);
+    const StreamHandle stream(file.get(), F_RDLCK);
+    return stream && all_zero(stream->header.finderInfo, sizeof stream->header.finderInfo);
 }
 
-int write_back_finder_info(const char *path) {
-    VEXOEAAdouble metadata;
-    const int read = VEXOEAFileEAAdoubleRead(path, &metadata);
-    if (read != 0) {
-        return read < 0 ? -1 : 0;
-    }
-    const uint8_t *finderInfo = finder_info_in(metadata);
-    if (finderInfo == nullptr) {
+// Whether nothing has changed the resource file since the attribute was last brought in step with it.
+bool is_older_than_attribute(const FileRef &file, const struct stat &resource) {
+    int64_t stamp = 0;
+    return file.get_attribute(kFlushTimeAttribute, &stamp, sizeof stamp) == sizeof stamp && resource.st_mtime <= stamp;
+}
+
+// Whether the attribute's Finder Info goes into the resource file: where there is none yet, so that it would be lost
+// with the attribute, and where the attribute is the newer one. What was put into the resource file since wins. 1, 0 or
+// -1 with errno.
+int needs_write_back(const FileRef &file, const uint8_t *finderInfo) {
+    if (all_zero(finderInfo, kFinderInfoSize)) {
         return 0;
     }
-    const int need = needs_write_back(path, finderInfo);
+    PathBuffer resource;
+    if (!make_stream_path(file, kResourceStream, resource)) {
+        return -1;
+    }
+    struct stat status;
+    if (look_in_store(resource.c_str(), status) != 0) {
+        return says_absent(errno) ? 1 : -1;
+    }
+    if (holds_none(resource.c_str())) {
+        return 1;
+    }
+    const int need = EACheckNeedSync(file.path());
+    return need == 1 && !is_older_than_attribute(file, status) ? 0 : need;
+}
+
+int write_back(const FileRef &file, const VEXOEAAdouble &metadata) {
+    const uint8_t *const finderInfo = finder_info_in(metadata);
+    const int need = finderInfo == nullptr ? 0 : needs_write_back(file, finderInfo);
     if (need <= 0) {
         return need;
     }
-    return VEXOEAEADirFSFInfoWrite(path, finderInfo) < 0 ? -1 : VEXOEAFileEAWriteFlushTime(path, 0);
+    return VEXOEAEADirFSFInfoWrite(file.path(), finderInfo) < 0 ? -1 : VEXOEAFileEAWriteFlushTime(file.path(), 0);
 }
 
+bool is_refusal(int number) {
+    return number == EACCES || number == EPERM || number == EROFS;
+}
+
+// Metadata that may not be read have said so themselves. A source that may not be written, or lies on a volume that
+// cannot be, is read as it is.
 int sync_source(const EaCopyJob &job) {
     errno = 0;
-    if (write_back_finder_info(job.src) == 0 || errno == EACCES || errno == EPERM) {
+    VEXOEAAdouble metadata;
+    const int read = read_metadata_attribute(job.source(), &metadata);
+    if (read == 1 || (read < 0 && is_refusal(errno))) {
+        return 0;
+    }
+    if (read == 0 && write_back(job.source(), metadata) == 0) {
         return 0;
     }
     VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed file sync [%s]->[%s]. %m", job.src, job.dst);
-    return -1;
+    return read == 0 && is_refusal(errno) ? 0 : -1;
 }
 
 } // namespace

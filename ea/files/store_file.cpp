@@ -65,6 +65,30 @@ Fd open_store_directory(const char *path) {
                  : Fd();
 }
 
+int check_store_file(const char *path, int flags, struct stat &status) {
+    const StorePlace place(path);
+    if (!place || ::fstatat(place.directory(), place.name(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return -1;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISLNK(status.st_mode) ? ELOOP : EINVAL;
+        return -1;
+    }
+    if (!may_be_used(status, flags)) {
+        errno = EMLINK;
+        return -1;
+    }
+    return 0;
+}
+
+int set_store_mode(const char *path) {
+    Fd file = open_store_file(path, O_RDONLY);
+    if (!file && errno == EACCES) { // its owner may still write it
+        file = open_store_file(path, O_WRONLY);
+    }
+    return file ? ::fchmod(file.get(), kStoreMode) : -1;
+}
+
 bool is_store_file(const char *path) {
     const KeepErrno keep;
     const StorePlace place(path);

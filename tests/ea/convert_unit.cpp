@@ -1,6 +1,5 @@
 // The AppleDouble conversion, with the results and modes that the copies do not show.
 #include "ea/carry/conversion.h"
-#include "ea/carry/job.h"
 #include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 
