@@ -28,8 +28,8 @@ int open_store_file_for_caller(const char *path, int flags);
 // Opens a store directory ("@eaDir" or "@eaDir/<base>") to look at it and to change its mode. O_RDONLY.
 Fd open_store_directory(const char *path);
 
-// What open_store_file() would say of what stands there, without opening it, for a function of somebody else's that will
-// open it by its path. 0 with `status`, or -1.
+// What open_store_file() would say of what stands there, without opening it, for a function of somebody else's that
+// will open it by its path. 0 with `status`, or -1.
 int check_store_file(const char *path, int flags, struct stat &status);
 
 // Opens a store file to everybody (kStoreMode), by way of a descriptor. 0 or -1.
