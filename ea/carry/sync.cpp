@@ -78,7 +78,11 @@ int write_back(const FileRef &file, const VEXOEAAdouble &metadata) {
     if (need <= 0) {
         return need;
     }
-    return VEXOEAEADirFSFInfoWrite(file.path(), finderInfo) < 0 ? -1 : VEXOEAFileEAWriteFlushTime(file.path(), 0);
+    set_error(Error::none, VEXO_EA_COPY_HERE);
+    if (VEXOEAEADirFSFInfoWrite(file.path(), finderInfo) < 0) {
+        return last_error() == Error::none ? fail(Error::open, VEXO_EA_COPY_HERE) : -1;
+    }
+    return VEXOEAFileEAWriteFlushTime(file.path(), 0);
 }
 
 bool is_refusal(int number) {

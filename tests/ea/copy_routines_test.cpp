@@ -155,6 +155,25 @@ TEST_F(CopyRoutines, InternalFolderCarriesTheRestAlone) {
     }
 }
 
+// Nothing is converted there, so that a move takes nothing away that was not carried.
+TEST_F(CopyRoutines, MoveOutOfAnInternalFolderLeavesWhatIsNotCarried) {
+    for (const int code : {1, 6, 10}) {
+        for (const bool full : {false, true}) {
+            KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+            processAsNow();
+            const std::string folder = volume / "@internal@";
+            ::mkdir(folder.c_str(), 0755);
+            prepare(code, kAppleDouble, some(), folder);
+            EXPECT_EQ(0, copy(true, code, kAppleDouble, full));
+            EXPECT_FALSE(kit::exists(to.dotFile()));
+            Items left = some();
+            left.extras = full ? std::map<std::string, std::string>() : some().extras;
+            EXPECT_EQ(left, read(from, kEaDirectory)) << code << full;
+            EXPECT_EQ(full ? some().extras : Items().extras, read(to, kEaDirectory).extras);
+        }
+    }
+}
+
 TEST_F(CopyRoutines, FolderBelowAnotherIsNoInternalFolder) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     processAsNow();

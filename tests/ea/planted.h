@@ -140,4 +140,15 @@ int withoutHanging(Body body) {
     });
 }
 
+// The same for a whole test, whose expectations count.
+template <typename Body>
+testing::AssertionResult holdsWithoutHanging(Body body) {
+    constexpr unsigned kLongEnough = 240;
+    return kit::holdsInChild([&body] {
+        ::alarm(kLongEnough);
+        body();
+        ::alarm(0);
+    });
+}
+
 } // namespace planted
