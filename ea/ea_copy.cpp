@@ -110,7 +110,8 @@ bool has_nothing_stored(const EaCopyJob &job) {
 }
 
 std::string_view last_component(std::string_view path) {
-    return path.substr(path.rfind('/') + 1); // npos + 1 is 0
+    path.remove_prefix(path.rfind('/') + 1); // npos + 1 is 0
+    return path;
 }
 
 bool is_one_directory(const char *srcEntry, const char *dstEntry) {
