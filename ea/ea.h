@@ -89,8 +89,9 @@ int VEXOEAIsHiddenName(const char *name);
 int VEXOEAHiddenDirGet(VLIBCSzList **list);
 
 /* Whether `path` is an AppleDouble file that belongs to a file beside it: 0 it is; -1 it cannot be told (0x0D00 for a
- * null or empty path, 0x0200); -2 its name does not begin with "._"; -3 it cannot be read or does not begin with the
- * AppleDouble magic; -4 there is nothing beside it that it belongs to. The answers below -1 set no error. */
+ * null or empty path, 0x0200; 0x2700 what it belongs to cannot be looked at); -2 its name does not begin with "._"; -3
+ * it is no regular file, cannot be read (errno tells why, and is 0 otherwise) or does not begin with the AppleDouble
+ * magic; -4 there is nothing beside it that it belongs to. The answers below -1 set no error. */
 int VEXOEACheckADFile(const char *path);
 
 /* ---- The stream file ----------------------------------------------------------------------------------------------
@@ -368,6 +369,12 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list);
  * the archive attribute of the file, whose metadata are about to change; a volume that has no such attribute is
  * tolerated.
  *
+ * "@eaDir" may be written by everybody. So no link is followed from there on, nothing is waited for, and what is no
+ * regular file is not opened: ELOOP for a link, EINVAL for anything else, EMLINK for a file with other names that not
+ * everybody may use as asked, ENOTDIR where "@eaDir" or the file's directory in it is none. The same holds for all that
+ * works on companions. A path whose last component is empty, "." or ".." names nothing that could have any: there is
+ * none (ENOENT), and what would make, change or remove one fails with 0x0D00 and touches nothing.
+ *
  * Example: change an attribute in the stream file of `path`.
  *
  *     int fd = VEXOEAOpen(1, path, "VexoEAStream", O_RDWR | O_CREAT, 0);
@@ -384,15 +391,18 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list);
  * it, which is then given the hidden attribute on FAT and exFAT (a failure is logged, the file stays open). `oflag` as
  * for open(); files are made with mode 0777 less the umask. Returns a descriptor that the caller closes, or -1 with
  * errno.
- * Codes: 0x0D00 null argument (ENOENT) or unknown kind; those of VEXOEAPath. A failing open() sets errno alone. */
+ * Codes: 0x0D00 null argument (ENOENT), unknown kind, or a path that names no entry, for writing (EINVAL); those of
+ * VEXOEAPath. A failing open() sets errno alone. */
 int VEXOEAOpen(int nameMode, const char *path, const char *stream, int oflag, int kind);
 /* Opens a companion in "@eaDir"; `nameMode` and `stream` as for VEXOEAPathNoADFS. With O_CREAT the directories on the
  * way are made first. Result and codes as for VEXOEAOpen, and those of VEXOEAMKDir. */
 int VEXOEAOpenNoADFS(int nameMode, const char *path, const char *stream, int oflag);
 /* Makes the directory `eaDirPath`, with `parentToo` first the one that holds it: mode 0777 whatever the umask, hidden
- * from Mac clients on type 7, with the platform's ACL for such directories. One that exists is left as it is.
- * Codes: 0x0D00 null path, or no parent in it; 0x3C00 it cannot be made, or the process cannot become root; 0x2A00 mode
- * or Finder Info could not be set; 0x0100 out of memory. Runs as effective user root: callers serialise. */
+ * from Mac clients on type 7, with the platform's ACL for such directories, which is set by way of "/proc/self/fd". One
+ * that exists is left as it is.
+ * Codes: 0x0D00 null path, one that ends in "." or "..", or no parent in it; 0x3C00 it cannot be made, or the process
+ * cannot become root; 0x2A00 mode or Finder Info could not be set; 0x0100 out of memory. Runs as effective user root:
+ * callers serialise. */
 int VEXOEAMKDir(int parentToo, const char *eaDirPath);
 /* Sets the archive attribute of a file, for the next backup to take it along. Returns what the platform's call returns:
  * 0, or -1 with errno (ENOSYS: it has no such call). No code, no log line. */
@@ -448,10 +458,11 @@ int VEXOEAFixErrorAD(const char *path);
  */
 
 /* Moves everything that belongs to a file renamed from `oldPath` to `newPath`; across volumes with /bin/mv. What stood
- * under the new name is replaced. The archive bit of the new path is set (a failure of that is a debug line). Returns
- * 0, or minus the number of items that could not be moved (the others were): 0x2800, or what making "@eaDir" raised. -1
- * also for a null path (0x0D00) and a volume whose type cannot be told. A "._" file is moved where that is possible,
- * and never a failure. errno and the last error are those of the move. May switch the effective user to root and back.
+ * under the new name is replaced, but across volumes nothing but a regular file. The archive bit of the new path is set
+ * (a failure of that is a debug line). Returns 0, or minus the number of items that could not be moved (the others
+ * were): 0x2800, or what making "@eaDir" raised. -1 also for a null path or one that names no entry (0x0D00) and a
+ * volume whose type cannot be told. A "._" file is moved where that is possible, and never a failure. errno and the
+ * last error are those of the move. May switch the effective user to root and back.
  */
 int VEXOEARename(const char *oldPath, const char *newPath, int fsKind, int reserved);
 
@@ -459,8 +470,8 @@ int VEXOEARename(const char *oldPath, const char *newPath, int fsKind, int reser
 int VEXOEARenameByStream(const char *oldPath, const char *newPath, int fsKind, const char *streamName);
 
 /* Removes everything that belongs to `path`, which may be gone already. With -1 the volume of its parent directory is
- * asked. 0, or -1: 0x0D00 null path; 0x2A00 the volume's type cannot be told; 0x3900 something would not go (the rest
- * is gone); 0xC300 name too long. */
+ * asked. 0, or -1: 0x0D00 null path, or one that names no entry; 0x2A00 the volume's type cannot be told; 0x3900
+ * something would not go (the rest is gone); 0xC300 name too long. */
 int VEXOEARemove(const char *path, int fsKind);
 
 /* The same, but the attribute stream stays when the resource stream is gone. Not to run at the same time as
@@ -468,8 +479,8 @@ int VEXOEARemove(const char *path, int fsKind);
 int VEXOEARemoveWithoutEAStream(const char *path, int fsKind);
 
 /* `which` 0: removes the file's own directory in "@eaDir" with everything in it. 1: removes its two stream files, and
- * the
- * "@eaDir" when that leaves it empty. 0, also when there is nothing to remove, or -1 with 0x3900 or 0xC300. */
+ * the "@eaDir" when that leaves it empty. 0, also when there is nothing to remove, or -1 with 0x3900 (something would
+ * not go, or cannot be looked at), 0xC300 or 0x0D00. */
 int EARemove(int which, const char *path);
 
 /* Removes the "@eaDir" that `path` names or lies in, when it holds nothing, or a ".cover" file only. 0: it is gone (or
@@ -489,11 +500,13 @@ void VEXOEARemoveDanglingEADir(const char *dirPath);
  * directory goes when it is empty. With the resource its locked and hidden flags are carried into the file itself, as
  * far as that is possible; an upgrade never unlocks a file.
  *
- * Returns 0 converted; 1 the current store is there already; 2 there is nothing old; -1 failed: 0x0D00 null argument or
- * another name; 0x0900 open; 0x2800 rename; 0x3900 the old directory cannot be removed. The last error of a 0 tells of
- * the last file alone: where that one was passed over its code remains (0x0100, 0x0900, 0x0A00, 0x2A00, and 0x4000 for
- * a resource that is not AppleDouble version 2); an attribute that was converted after it leaves 0x2000. What is still
- * in the old directory tells of all of them. A name too long for a "._" file is a 0 with 0xC300. */
+ * Returns 0 converted; 1 the current store is there already; 2 there is nothing old; -1 failed: 0x0D00 null argument,
+ * another name or a path that names no entry; 0x0900 open; 0x0A00 the "._" file cannot be read; 0x2800 rename, also
+ * with /bin/mv; 0x2A00 a store, or 0x2700 what the "._" file belongs to, cannot be looked at; 0x3900 the old directory
+ * cannot be removed. The last error of a 0 tells of the last file alone: where that one was passed over its code
+ * remains (0x0100, 0x0900, 0x0A00, 0x0B00, 0x2A00, and 0x4000 for a resource that is not AppleDouble version 2); an
+ * attribute that was converted after it leaves 0x2000. What is still in the old directory tells of all of them. A name
+ * too long for a "._" file is a 0 with 0xC300. */
 int VEXOEAUpgrade(const char *path, const char *streamName);
 
 #pragma GCC visibility pop

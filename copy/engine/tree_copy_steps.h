@@ -15,6 +15,7 @@
 #include "support/error_codes.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
+#include "support/text.h"
 #include "support/report.h"
 
 #include <cstddef>
@@ -89,7 +90,7 @@ class TreeWalk {
     void note_resolved_roots();
     bool is_destination_root() const;
     bool is_where_it_was() const;
-    std::string_view below_top() const { return m_src.view().substr(m_topLength); }
+    std::string_view below_top() const { return behind(m_src.view(), m_topLength); }
 
     Dir open_directory(const Level &level) const;
     int open_source(Level &level);

@@ -60,7 +60,7 @@ class Conversion {
     enum class Walk { complete, spoilt, no_memory };
 
     Walk write_entries(VEXOEAS *stream);
-    Entry write_entry(VEXOEAS *stream, const char *name);
+    Entry write_entry(VEXOEAS *stream, const char *name, size_t number);
     bool has_path(const char *name) const;
     bool read_file(const char *name, size_t *size);
     bool is_passed_over(size_t number) const;
@@ -71,9 +71,10 @@ class Conversion {
     Dir &m_old;
     HeapBuffer m_value;
     HeapBuffer m_passedOver; // by the number of an entry in the directory: whether it stays
-    // The smallest value that spoilt the stream because the volume was full. One that is not smaller would do the same,
-    // and each that does costs all the others once more.
+    // The smallest value that spoilt the stream because the volume was full, and its number. One behind it that is not
+    // smaller would do the same, and each that does costs all the others once more.
     size_t m_tooLarge = std::numeric_limits<size_t>::max();
+    size_t m_tooLargeAt = 0;
 };
 
 int Conversion::run(int fd) {
@@ -108,7 +109,7 @@ Conversion::Walk Conversion::write_entries(VEXOEAS *stream) {
         if (is_ignored(entry->d_name) || is_passed_over(number)) {
             continue;
         }
-        const Entry result = write_entry(stream, entry->d_name);
+        const Entry result = write_entry(stream, entry->d_name, number);
         if (result != Entry::written && !pass_over(number)) {
             return Walk::no_memory;
         }
@@ -136,12 +137,12 @@ bool Conversion::pass_over(size_t number) {
     return true;
 }
 
-Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name) {
+Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name, size_t number) {
     size_t size = 0;
     if (!has_path(name) || !read_file(name, &size)) {
         return Entry::refused;
     }
-    if (size >= m_tooLarge) {
+    if (number > m_tooLargeAt && size >= m_tooLarge) {
         set_error(Error::write, VEXO_UPGRADE_HERE);
         log_refused_write();
         return Entry::refused;
@@ -158,6 +159,7 @@ Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name) {
     }
     if (is_full(stream->fd, size)) {
         m_tooLarge = size;
+        m_tooLargeAt = number;
     }
     return Entry::spoilt;
 }

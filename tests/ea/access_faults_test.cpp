@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::array kCalls = {
     "open",
-    "fopen",
     "read",
     "write",
     "lseek",

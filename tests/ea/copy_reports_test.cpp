@@ -150,7 +150,7 @@ TEST_F(CopyReports, NativeToStreams) {
                        {
                            {"listxattr", EIO, "<S>", 0, 0x2A00, {unlisted}},
                            {"getxattr", EIO, "<S>", 0, 0x0A00, {noInfo}},
-                           {"fopen", EMFILE, "rsrc", 0, 0x0A00, {noFork}},
+                           {"open", EMFILE, "rsrc", 0, 0x0A00, {noFork}},
                            {"open", EACCES, resource, 0, 0x0900, {noResource}},
                            {"pwrite", ENOSPC, resource, 0, 0x0B00, {}},
                            {"pwrite", ENOSPC, resource, 1, 0x0B00, {}},
@@ -168,7 +168,7 @@ TEST_F(CopyReports, NativeToNative) {
                    {
                        {"listxattr", EIO, "<S>", 0, 0x2A00, {}},
                        {"setxattr", ENOSPC, "<D>", 0, 0x0B00, {}},
-                       {"fopen", EMFILE, "from/f/rsrc", 0, 0x0A00, {noFork}},
+                       {"open", EMFILE, "from/f/rsrc", 0, 0x0A00, {noFork}},
                    });
 }
 

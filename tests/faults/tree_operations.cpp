@@ -49,7 +49,7 @@ bool isOfAnEntry(const Fault &fault) {
 // What makes the copy of a file's store fail.
 bool isOfAStore(const Fault &fault) {
     return isCall(fault, {"allocation", "close"}) || (isCall(fault, {"getxattr"}) && isAt(fault, "/tree/a")) ||
-           (isCall(fault, {"mkdir", "chmod"}) && isAt(fault, "/tree/@eaDir")) ||
+           isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdirat", "openat"}) && isAt(fault, "/tree/@eaDir")) ||
            (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "/tree/@eaDir/a@VexoEAStream"));
 }
 
