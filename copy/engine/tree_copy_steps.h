@@ -15,8 +15,8 @@
 #include "support/error_codes.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
-#include "support/text.h"
 #include "support/report.h"
+#include "support/text.h"
 
 #include <cstddef>
 #include <cstdint>
