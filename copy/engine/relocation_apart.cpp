@@ -5,6 +5,7 @@
 #include "support/path_buffer.h"
 #include "support/text.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <optional>
@@ -20,6 +21,10 @@ bool holds(std::string_view directory, std::string_view path) {
            (path.starts_with(directory) && (path.size() == directory.size() || path[directory.size()] == '/'));
 }
 
+bool is_absence(int number) {
+    return number == ENOENT || number == ENOTDIR;
+}
+
 // A directory as the kernel finds it: where its name stands, and what it leads to.
 class Place {
   public:
@@ -31,6 +36,7 @@ class Place {
                 m_status = status;
             }
         } else {
+            m_unknown = !is_absence(errno);
             m_target.clear();
         }
         PathBuffer trimmed(path);
@@ -39,6 +45,7 @@ class Place {
         const size_t slash = text.rfind('/');
         const PathBuffer parent(slash == std::string_view::npos ? "." : slash == 0 ? "/" : text.substr(0, slash));
         if (text == "/" || ::realpath(parent.c_str(), m_name.fill()) == nullptr) {
+            m_unknown = m_unknown || (text != "/" && !is_absence(errno));
             m_name.clear();
             m_name.append(m_target.view());
             return;
@@ -50,6 +57,8 @@ class Place {
         m_name.append("/").append(behind(text, slash + 1)); // without a slash: from the beginning
     }
 
+    // Something kept it from being looked at.
+    bool is_unknown() const { return m_unknown; }
     bool is_resolved() const { return !m_name.empty(); }
     std::string_view name() const { return m_name.view(); }
     // The name, where nothing is there.
@@ -60,6 +69,7 @@ class Place {
     PathBuffer m_name;
     PathBuffer m_target;
     std::optional<struct stat> m_status = {};
+    bool m_unknown = false;
 };
 
 bool resolves_into(const Place &one, const Place &other) {
@@ -93,14 +103,18 @@ class Mounts {
     Mounts() {
         constexpr size_t kPiece = 16384;
         const Fd file(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+        m_known = !file && is_absence(errno); // no such thing here: inodes have to do
         while (file && m_text.resize(m_length + kPiece)) {
             const ssize_t length = ::read(file.get(), m_text.data() + m_length, kPiece);
             if (length <= 0) {
+                m_known = length == 0;
                 break;
             }
             m_length += static_cast<size_t>(length);
         }
     }
+
+    bool are_known() const { return m_known; }
 
     // Whether some part of a file system belongs to both paths, or to what is mounted below them.
     bool share_anything(std::string_view one, std::string_view other) const {
@@ -173,6 +187,7 @@ class Mounts {
 
     HeapBuffer m_text;
     size_t m_length = 0;
+    bool m_known = false;
 };
 
 } // namespace
@@ -180,11 +195,15 @@ class Mounts {
 bool are_apart(const char *one, const char *other) {
     const Place first(one);
     const Place second(other);
+    if (first.is_unknown() || second.is_unknown()) {
+        return false;
+    }
     if (!first.is_resolved() || !second.is_resolved()) {
         return true;
     }
+    const Mounts mounts;
     return !resolves_into(first, second) && !resolves_into(second, first) && !lies_in(first, second) &&
-           !lies_in(second, first) && !Mounts().share_anything(first.target(), second.target());
+           !lies_in(second, first) && mounts.are_known() && !mounts.share_anything(first.target(), second.target());
 }
 
 } // namespace vexo

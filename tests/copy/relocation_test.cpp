@@ -355,6 +355,26 @@ TEST_P(Relocation, LinksAndMountsOfTheSourceAreRefusedAsDestination) {
     EXPECT_EQ(0, ::umount(src("sub/volume").c_str()));
 }
 
+TEST_P(Relocation, WhatCannotBeLookedAtIsNotKnownToBeApart) {
+    fillDestination();
+    for (const std::string &path : {request.src, request.dst, to}) {
+        for (const int skip : {0, 3}) { // the second: before the commit
+            kit::Faults::reset();
+            kit::Faults::add({.function = "realpath", .error = EIO, .path = path, .skip = skip, .times = 0});
+            EXPECT_FAILS(relocate(), 0x0D00);
+            kit::Faults::reset();
+            expectSourceIntact();
+            EXPECT_EQ("old", kit::readFile(dst("old")));
+        }
+    }
+    kit::Faults::failAlways("open", EMFILE, "/proc/self/mountinfo");
+    EXPECT_FAILS(relocate(), 0x0D00);
+    kit::Faults::failAlways("open", ENOENT, "/proc/self/mountinfo");
+    kit::Faults::reset();
+    EXPECT_EQ(0, relocate());
+    expectRelocated();
+}
+
 TEST_P(Relocation, DestinationThatIsTheStagingDirectoryIsRefused) {
     request.dst = staging;
     EXPECT_FAILS(relocate(), 0x0D00);

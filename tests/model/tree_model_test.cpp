@@ -432,7 +432,7 @@ Outcome play(const Scene &scene, const std::string &root, bool library) {
 
 TEST(TreeModel, AgreesWithTheLibrary) {
     KIT_NEEDS_ROOT("to give directories away");
-    forEachSeed(600, 20'000, [](uint32_t seed) {
+    forEachSeed(250, 20'000, [](uint32_t seed) {
         const kit::ScratchDirectory scratch;
         ::chmod(scratch.path().c_str(), 0755);
         const Scene scene = draw(seed);
