@@ -59,6 +59,7 @@ class FileCopy {
     void set_times();
     void set_times_as_current_user();
     void copy_acl();
+    class WritableByOwner;
     void copy_metadata();
 
     void remove_destination();

@@ -58,12 +58,8 @@ int copy_bytes(Fd &source, Fd &destination, const char *to) {
     if (there.st_size > 0 && ::ftruncate(destination.get(), 0) != 0) {
         return fail(Error::write, VEXO_EA_COPY_HERE);
     }
-    errno = 0;
     if (transfer(source.get(), destination.get(), status.st_size, {}, kDescriptorCopySource) == 0) {
         return 0;
-    }
-    if (last_error() == Error::short_write) {
-        errno = ENOSPC; // the one cause of a short write to a file, which only the next write would tell
     }
     const KeepErrors keep;
     source.reset();

@@ -148,13 +148,12 @@ Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name, siz
         return Entry::refused;
     }
     constexpr int kOverwrite = 1;
-    const VEXOEASHeader before = stream->header;
     if (VEXOEASWrite(stream, name, m_value.data(), static_cast<uint32_t>(size), 0, kOverwrite) != -1) {
         return Entry::written;
     }
     log_refused_write();
-    // A change that is refused before it begins leaves the handle, too, as it was.
-    if (stream->header.attrCount == before.attrCount && stream->header.dataLength == before.dataLength) {
+    // A failed change is undone, but that may fail too; then the file does not have what the handle says.
+    if (EASGetAttrCount(stream->fd) == stream->header.attrCount) {
         return Entry::refused;
     }
     if (is_full(stream->fd, size)) {
