@@ -4,6 +4,7 @@
 #include "ea/files/store_entry.h"
 #include "ea/files/store_file.h"
 #include "ea/names/store.h"
+#include "ea/stream/file.h"
 #include "ea/stream/handle.h"
 #include "ea/upgrade/upgrade.h"
 #include "support/dir.h"
@@ -137,6 +138,16 @@ bool Conversion::pass_over(size_t number) {
     return true;
 }
 
+// Whether the file has as many attributes as the handle says.
+bool has_what_it_should(const VEXOEAS &stream) {
+    const KeepErrors keep;
+    if (eas::is_empty(stream.fd)) {
+        return stream.header.attrCount == 0;
+    }
+    VEXOEASHeader header;
+    return eas::read_header(stream.fd, header, kUpgradeSource) == 0 && header.attrCount == stream.header.attrCount;
+}
+
 Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name, size_t number) {
     size_t size = 0;
     if (!has_path(name) || !read_file(name, &size)) {
@@ -153,7 +164,7 @@ Conversion::Entry Conversion::write_entry(VEXOEAS *stream, const char *name, siz
     }
     log_refused_write();
     // A failed change is undone, but that may fail too; then the file does not have what the handle says.
-    if (EASGetAttrCount(stream->fd) == stream->header.attrCount) {
+    if (has_what_it_should(*stream)) {
         return Entry::refused;
     }
     if (is_full(stream->fd, size)) {

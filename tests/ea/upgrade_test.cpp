@@ -423,6 +423,7 @@ TEST_F(Upgrade, SpoiltStreamThatCannotBeCutKeepsTheFiles) {
     makeOld({{"a", "1"}, {"b", "2"}});
     kit::Faults::fail("write", ENOSPC, "@VexoEAStream", 2);
     kit::Faults::failAlways("ftruncate", EIO, "@VexoEAStream");
+    kit::Faults::failAlways("fallocate", EOPNOTSUPP);
     EXPECT_FAILS(upgrade(), 0x2A00);
     EXPECT_EQ((std::vector<std::string>{"a", "b"}), kit::namesIn(file.own()));
     EXPECT_FALSE(kit::exists(file.stream()));
