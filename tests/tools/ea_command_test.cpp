@@ -321,6 +321,90 @@ TEST_F(EaCommand, UpgradeTellsWhatItPassedOver) {
     EXPECT_EQ("", ea({"upgrade", "--dry-run", file}).out) << "what is left is of another service";
 }
 
+// The old layout of photo.jpg with eight attributes.
+void makeOldStore(const std::string &directory) {
+    ::mkdir((directory + "/@eaDir").c_str(), 0777);
+    ASSERT_EQ(0, ::mkdir((directory + "/@eaDir/photo.jpg").c_str(), 0777));
+    for (char name = 'a'; name <= 'h'; ++name) {
+        kit::writeFile(directory + "/@eaDir/photo.jpg/" + name, std::string(40, name));
+    }
+}
+
+TEST_F(EaCommand, UpgradeGoesOnWhereAStoppedOneWas) {
+    for (const char *name : {"b", "c", "e"}) {
+        ASSERT_EQ(0, ea({"set", file, name, std::string(40, *name)}).status);
+    }
+    makeOldStore(scratch.path());
+    const ToolResult result = ea({"upgrade", file});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(file + ": VexoEAStream converted\n", result.out);
+    for (char name = 'a'; name <= 'h'; ++name) {
+        EXPECT_EQ(std::string(40, name), ea({"get", file, {name}}).out) << name;
+    }
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir/photo.jpg"));
+    EXPECT_EQ("", ea({"upgrade", file}).out);
+}
+
+TEST_F(EaCommand, UpgradeKeepsBothWhereTheStreamHasAnotherValue) {
+    ASSERT_EQ(0, ea({"set", file, "c", "set since"}).status);
+    makeOldStore(scratch.path());
+    const ToolResult result = ea({"upgrade", file});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("attribute c is there with another value")) << result.err;
+    EXPECT_EQ("set since", ea({"get", file, "c"}).out);
+    EXPECT_EQ(std::string(40, 'd'), ea({"get", file, "d"}).out);
+    EXPECT_EQ(std::vector<std::string>{"c"}, kit::namesIn(scratch / "@eaDir/photo.jpg"));
+}
+
+TEST_F(EaCommand, UpgradeFollowsNoLink) {
+    const std::string elsewhere = scratch / "elsewhere";
+    ASSERT_EQ(0, ::mkdir(elsewhere.c_str(), 0755));
+    makeOldStore(elsewhere);
+    ASSERT_EQ(0, ::symlink((elsewhere + "/@eaDir").c_str(), (scratch / "@eaDir").c_str()));
+    EXPECT_EQ("", ea({"upgrade", file}).out);
+    EXPECT_EQ(8U, kit::namesIn(elsewhere + "/@eaDir/photo.jpg").size());
+    EXPECT_EQ(2, ea({"set", file, "a", "1"}).status);
+    EXPECT_EQ(std::vector<std::string>{"photo.jpg"}, kit::namesIn(elsewhere + "/@eaDir"));
+}
+
+TEST_F(EaCommand, SetFollowsNoLinkInPlaceOfTheStream) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    const std::string elsewhere = scratch / "elsewhere";
+    ASSERT_EQ(0, ::rename(stream().c_str(), elsewhere.c_str()));
+    ASSERT_EQ(0, ::symlink(elsewhere.c_str(), stream().c_str()));
+    const std::string before = kit::readFile(elsewhere);
+    EXPECT_EQ(2, ea({"set", file, "a", "2"}).status);
+    EXPECT_EQ(2, ea({"rm", file, "a"}).status);
+    EXPECT_EQ(before, kit::readFile(elsewhere));
+    ASSERT_EQ(0, ::unlink(stream().c_str()));
+    ASSERT_EQ(0, ::mkfifo(stream().c_str(), 0666));
+    EXPECT_EQ(2, ea({"set", file, "a", "2"}).status);
+}
+
+// A user who may write the stream file of somebody else: it stays that one's.
+TEST_F(EaCommand, SetByAnotherUserLeavesTheOwner) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    constexpr uid_t nobody = 65534;
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+    ASSERT_EQ(0, ::chmod(stream().c_str(), 0666));
+    const ToolResult result = runTool({"ea", "set", file, "a", "a longer value"}, {.user = nobody});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("a longer value", ea({"get", file, "a"}).out);
+    EXPECT_EQ(0U, kit::statOf(stream()).st_uid);
+    EXPECT_EQ(1U, kit::namesIn(scratch / "@eaDir").size());
+}
+
+TEST_F(EaCommand, ValueThatNoStoreHoldsIsRefusedBeforeItIsRead) {
+    kit::writeSparse(scratch / "huge", off_t{1} << 31, {});
+    const ToolResult result = ea({"set", file, "a", "--from", scratch / "huge"});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("has more than 2147483647 bytes")) << result.err;
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir"));
+    if (std::getenv("VEXO_FULL") != nullptr) { // takes memory for two such values
+        EXPECT_NE(std::string::npos, ea({"set", file, "a", "--from", "/dev/zero"}).err.find("/dev/zero has more than"));
+    }
+}
+
 TEST_F(EaCommand, TerminalShowsTextAsTextAndBytesAsADump) {
     ASSERT_EQ(0, ea({"set", file, "text", "Gr\xc3\xbc\xc3\x9f e"}).status);
     EXPECT_EQ("Gr\xc3\xbc\xc3\x9f e\r\n", kit::ToolOnTerminal({"ea", "get", file, "text"}).finish().out);
