@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -107,11 +108,19 @@ void OldAttributes::remove(const std::vector<Found> &found) const {
     for (const Found &one : found) {
         struct stat now {};
         if (::fstatat(m_directory.get(), one.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-            is_unchanged(one.status, now)) {
-            (void)::unlinkat(m_directory.get(), one.name.c_str(), 0); // one that stays is found by the next run
+            is_unchanged(one.status, now) && ::unlinkat(m_directory.get(), one.name.c_str(), 0) != 0) {
+            throw_errno("converted, but what it was made from cannot be removed");
         }
     }
-    (void)::unlinkat(m_stores.get(), m_name.c_str(), AT_REMOVEDIR); // where it holds something else it stays
+    remove_if_empty();
+}
+
+void OldAttributes::remove_if_empty() const {
+    constexpr int holdsSomething[] = {ENOTEMPTY, EEXIST, ENOENT};
+    if (m_directory.get() >= 0 && ::unlinkat(m_stores.get(), m_name.c_str(), AT_REMOVEDIR) != 0 &&
+        std::ranges::find(holdsSomething, errno) == std::end(holdsSomething)) {
+        throw_errno("the directory of its old store cannot be removed");
+    }
 }
 
 } // namespace engine

@@ -21,13 +21,17 @@ class OldAttributes {
     bool is_attribute(const std::string &name) const;
     bool any() const;
 
+    // The directory, which a stopped run may have left. Throws Failure for one that holds nothing and cannot go.
+    void remove_if_empty() const;
+
     // What came of moving them into the attribute stream, which is made where it is missing. One that is there already
     // is left as it is: a stopped run brought it, or somebody has set it since.
     struct Moved {
         bool all = true;        // nothing stayed
         std::string other = {}; // one that stays because the stream has it with another value
     };
-    // The files go when the stream holds what is in them. Throws Failure, and then all are where they were.
+    // The files go when the stream holds what is in them. Throws Failure; no attribute is
+    // lost then either.
     Moved move_to_stream() const;
 
   private:

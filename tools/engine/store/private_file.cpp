@@ -62,6 +62,9 @@ void make(int directory, const std::string &name, mode_t mode, Descriptor &made)
 std::vector<std::string> attribute_names(int fd) {
     std::string text(size_t{1} << 16, '\0'); // as long as Linux lets such a list be
     const ssize_t size = ::flistxattr(fd, text.data(), text.size());
+    if (size < 0 && errno != EOPNOTSUPP) {
+        throw_errno("the attributes of its store cannot be listed");
+    }
     std::vector<std::string> names;
     for (std::string_view rest(text.data(), size < 0 ? 0 : static_cast<size_t>(size)); !rest.empty();) {
         names.emplace_back(rest.substr(0, rest.find('\0')));
@@ -114,10 +117,14 @@ PrivateFile::~PrivateFile() {
 }
 
 void PrivateFile::fill_from(int source) const {
+    copy_bytes(source, 0, fd(), 0, UINT64_MAX);
+}
+
+void copy_bytes(int source, uint64_t from, int target, uint64_t to, uint64_t size) {
     std::string part(kPart, '\0');
-    off_t at = 0;
-    for (;;) {
-        const ssize_t got = ::pread(source, part.data(), part.size(), at);
+    while (size > 0) {
+        const ssize_t got = ::pread(source, part.data(), static_cast<size_t>(std::min<uint64_t>(size, part.size())),
+                                    static_cast<off_t>(from));
         if (got < 0) {
             throw_errno("its store cannot be read");
         }
@@ -125,57 +132,72 @@ void PrivateFile::fill_from(int source) const {
             return;
         }
         for (ssize_t done = 0; done < got;) {
-            const ssize_t put = ::pwrite(fd(), part.data() + done, static_cast<size_t>(got - done), at + done);
+            const ssize_t put =
+                ::pwrite(target, part.data() + done, static_cast<size_t>(got - done), static_cast<off_t>(to) + done);
             if (put <= 0) {
                 throw_errno("a copy of its store cannot be written");
             }
             done += put;
         }
-        at += got;
+        from += static_cast<uint64_t>(got);
+        to += static_cast<uint64_t>(got);
+        size -= static_cast<uint64_t>(got);
     }
 }
 
-bool PrivateFile::take_properties(int source) const {
+bool take_properties(int source, int to) {
     struct stat wanted {};
     struct stat own {};
-    if (::fstat(source, &wanted) != 0 || ::fstat(fd(), &own) != 0) {
+    if (::fstat(source, &wanted) != 0 || ::fstat(to, &own) != 0) {
         throw_errno("its store cannot be looked at");
     }
     if ((own.st_uid != wanted.st_uid || own.st_gid != wanted.st_gid) &&
-        !was_allowed(::fchown(fd(), wanted.st_uid, wanted.st_gid))) {
+        !was_allowed(::fchown(to, wanted.st_uid, wanted.st_gid))) {
         return false;
     }
     const std::vector<std::string> names = attribute_names(source);
-    if (std::ranges::find(names, kAccessList) == names.end() && ::fremovexattr(fd(), kAccessList) != 0 &&
+    if (std::ranges::find(names, kAccessList) == names.end() && ::fremovexattr(to, kAccessList) != 0 &&
         errno != ENODATA && errno != EOPNOTSUPP) { // one that was inherited from the directory
         return was_allowed(-1);
     }
-    if (((own.st_mode ^ wanted.st_mode) & 07777) != 0 && !was_allowed(::fchmod(fd(), wanted.st_mode & 07777))) {
+    if (((own.st_mode ^ wanted.st_mode) & 07777) != 0 && !was_allowed(::fchmod(to, wanted.st_mode & 07777))) {
         return false;
     }
-    return std::ranges::all_of(names, [&](const std::string &name) { return take_attribute(source, fd(), name); });
+    return std::ranges::all_of(names, [&](const std::string &name) { return take_attribute(source, to, name); });
+}
+
+void take_properties_of_ours(int source, int to) {
+    struct stat found {};
+    const uid_t user = ::geteuid();
+    if (!take_properties(source, to) && (user == 0 || (::fstat(source, &found) == 0 && found.st_uid == user))) {
+        throw Failure("its store cannot be given its owner and rights: nothing was changed");
+    }
 }
 
 void PrivateFile::put_in_place(bool replace) {
-    if (::fsync(fd()) != 0) {
+    engine::put_in_place(m_directory, fd(), m_name, m_target, replace);
+    m_placed = true;
+}
+
+void put_in_place(int directory, int fd, const std::string &name, const std::string &target, bool replace) {
+    if (::fsync(fd) != 0) {
         throw_errno("a copy of its store cannot be made durable");
     }
     int result = 0;
     if (replace) {
-        result = ::renameat(m_directory, m_name.c_str(), m_directory, m_target.c_str());
+        result = ::renameat(directory, name.c_str(), directory, target.c_str());
     } else {
-        result = ::renameat2(m_directory, m_name.c_str(), m_directory, m_target.c_str(), RENAME_NOREPLACE);
+        result = ::renameat2(directory, name.c_str(), directory, target.c_str(), RENAME_NOREPLACE);
         if (result != 0 && (errno == EINVAL || errno == ENOSYS)) { // the volume does not know that flag
-            const bool taken = ::faccessat(m_directory, m_target.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+            const bool taken = ::faccessat(directory, target.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
             errno = EEXIST;
-            result = taken ? -1 : ::renameat(m_directory, m_name.c_str(), m_directory, m_target.c_str());
+            result = taken ? -1 : ::renameat(directory, name.c_str(), directory, target.c_str());
         }
     }
     if (result != 0) {
         throw_errno("the changed store cannot be put in place");
     }
-    m_placed = true;
-    (void)::fsync(m_directory); // some volumes cannot; the rename itself is done
+    (void)::fsync(directory); // some volumes cannot; the rename itself is done
 }
 
 bool same_bytes(int left, uint64_t leftOffset, int right, uint64_t rightOffset, uint64_t size) {

@@ -3,6 +3,7 @@
 
 #include "tools/engine/walk/descriptor.h"
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 
@@ -25,10 +26,7 @@ class PrivateFile {
     const std::string &name() const { return m_name; }
     // The bytes of an open file. Throws Failure.
     void fill_from(int source) const;
-    // Owner, mode, ACL and attributes of an open file; false where this process may not give one of them away.
-    bool take_properties(int source) const;
-    // Makes it durable under the name that it is for. `replace`: over what is there; otherwise nothing may be there.
-    // Throws Failure.
+    // Under the name that it is for, as the function below.
     void put_in_place(bool replace);
 
   private:
@@ -37,6 +35,19 @@ class PrivateFile {
     Descriptor m_fd;
     bool m_placed = false;
 };
+
+// Gives an open file owner, mode, ACL and attributes of another; false where this process may not. Throws Failure.
+bool take_properties(int source, int to);
+
+// The same where what takes the place of somebody else's may be ours, open to all as the library makes it.
+void take_properties_of_ours(int source, int to);
+
+// Makes the open file `fd`, which is `name` in `directory`, durable and renames it there to `target`. `replace`: over
+// what is there; otherwise nothing may be there. Throws Failure.
+void put_in_place(int directory, int fd, const std::string &name, const std::string &target, bool replace);
+
+// Appends `size` bytes of an open file to another, at `to`. Throws Failure.
+void copy_bytes(int source, uint64_t from, int target, uint64_t to, uint64_t size);
 
 // Whether `size` bytes of two open files are the same. Throws Failure where they cannot be read.
 bool same_bytes(int left, uint64_t leftOffset, int right, uint64_t rightOffset, uint64_t size);

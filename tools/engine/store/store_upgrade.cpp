@@ -96,6 +96,10 @@ UpgradeResult upgrade_store(const std::string &path, const std::string &store) {
     return {Upgraded::converted};
 }
 
+void finish_upgrade(const std::string &path) {
+    OldAttributes(path).remove_if_empty();
+}
+
 void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk) {
     walk.visit(path);
     if (kind_at(path) != S_IFDIR || walk.stopped()) {

@@ -22,16 +22,26 @@ namespace {
 constexpr char kEaStream[] = "VexoEAStream";
 constexpr int kCurrentLayout = 1;
 constexpr int kOverwrite = 1;
+constexpr uint32_t kResourceForkId = 2;
 constexpr uint16_t kOwnEntries = 2; // Finder Info and resource fork
 
 // A directory to work in, and to make durable where it may be read.
-void open_held(int parent, const std::string &name, int flags, Descriptor &held) {
-    Descriptor opened(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags));
-    if (opened.get() < 0 && errno == EACCES) {
-        Descriptor unread(::openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | flags));
-        opened.swap(unread);
+int open_held(int parent, const std::string &name, int flags) {
+    const int opened = ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags);
+    return opened < 0 && errno == EACCES ? ::openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC | flags)
+                                         : opened;
+}
+
+// "@eaDir"; -1 with errno.
+int open_or_make(const std::string &holder, bool make) {
+    const Descriptor parent(::open(parent_of(holder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const std::string name = base_name(holder);
+    const int opened = parent.get() < 0 ? -1 : open_held(parent.get(), name, O_NOFOLLOW);
+    if (opened >= 0 || parent.get() < 0 || errno != ENOENT || !make) {
+        return opened;
     }
-    held.swap(opened);
+    check(VEXOEAMKDir(0, holder.c_str()), "the directory of its store cannot be made");
+    return open_held(parent.get(), name, O_NOFOLLOW);
 }
 
 // Duplicates too: of a name that is there twice the last one counts, and the one before must not come to light.
@@ -86,8 +96,7 @@ Fork fork_of(const VEXOEAS *stream) {
     throw Failure(std::string(what) + " would not come through a change of its store: nothing was changed");
 }
 
-// That the copy has all of the file but for what was to change.
-void check_kept(VEXOEAS *before, VEXOEAS *after, const std::vector<StreamEdit> &edits) {
+void check_attributes_kept(VEXOEAS *before, VEXOEAS *after, const std::vector<StreamEdit> &edits) {
     std::set<std::string_view> edited;
     for (const StreamEdit &edit : edits) {
         edited.insert(edit.name);
@@ -104,14 +113,45 @@ void check_kept(VEXOEAS *before, VEXOEAS *after, const std::vector<StreamEdit> &
             throw_not_the_same("an attribute");
         }
     }
+}
+
+void check_finder_info_kept(const VEXOEAS *before, const VEXOEAS *after) {
     if (std::memcmp(before->header.finderInfo, after->header.finderInfo, sizeof before->header.finderInfo) != 0) {
         throw_not_the_same("the Finder Info");
     }
+}
+
+void check_fork_kept(const VEXOEAS *before, const VEXOEAS *after) {
     const Fork fork = fork_of(before);
     const Fork kept = fork_of(after);
     if (fork.length != kept.length || !same_bytes(before->fd, fork.offset, after->fd, kept.offset, fork.length)) {
         throw_not_the_same("the resource fork");
     }
+}
+
+// That the copy has all of the file but for what was to change.
+void check_kept(VEXOEAS *before, VEXOEAS *after, const std::vector<StreamEdit> &edits) {
+    check_attributes_kept(before, after, edits);
+    check_finder_info_kept(before, after);
+    check_fork_kept(before, after);
+}
+
+bool has_finder_info(const VEXOEAS *stream) {
+    return std::any_of(std::begin(stream->header.finderInfo), std::end(stream->header.finderInfo),
+                       [](uint8_t byte) { return byte != 0; });
+}
+
+// Behind the values of a stream that has no fork, the one of another.
+void append_fork(VEXOEAS *stream, const VEXOEAS *other) {
+    if (stream->header.entryCount != kOwnEntries) {
+        throw Failure("the resource fork of the destination has no place in what the source has");
+    }
+    const Fork fork = fork_of(other);
+    check(VEXOEASWriteHeader(stream), "cannot write it");
+    copy_bytes(other->fd, fork.offset, stream->fd, stream->header.totalSize, fork.length);
+    stream->header.entries[1].id = kResourceForkId;
+    stream->header.entries[1].length = fork.length;
+    check(VEXOEASWriteHeader(stream), "cannot write it");
 }
 
 void check_edited(VEXOEAS *after, const std::vector<StreamEdit> &edits) {
@@ -139,6 +179,15 @@ StreamHandle opened(int fd, int lock) {
 
 } // namespace
 
+Descriptor open_store_directory(const std::string &place, StoreKind kind, bool make) {
+    const std::string holder = parent_of(place);
+    const int opened = kind == StoreKind::apple_double ? open_held(AT_FDCWD, holder, 0) : open_or_make(holder, make);
+    if (opened < 0 && (make || errno != ENOENT)) {
+        throw_errno("the directory of its store cannot be opened");
+    }
+    return Descriptor(opened);
+}
+
 bool holds_attributes_only(const VEXOEAS *stream) {
     constexpr std::array<uint8_t, sizeof stream->header.finderInfo> none{};
     uint32_t offset = 0;
@@ -152,32 +201,10 @@ StreamChange::StreamChange(std::string path, StoreKind kind, bool make)
     : m_path(std::move(path)), m_kind(kind), m_place(stream_path(m_path, kind, kEaStream)), m_directory(-1),
       m_file(-1) {
     forget_last_error();
-    open_directory_of_stream(make);
+    Descriptor directory = open_store_directory(m_place, kind, make);
+    m_directory.swap(directory);
     if (m_directory.get() >= 0) {
         lock();
-    }
-}
-
-void StreamChange::open_directory_of_stream(bool make) {
-    const std::string holder = parent_of(m_place);
-    if (m_kind == StoreKind::apple_double) {
-        open_held(AT_FDCWD, holder, 0, m_directory);
-    } else {
-        const Descriptor parent(::open(parent_of(holder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        const std::string name = base_name(holder);
-        if (parent.get() >= 0) {
-            open_held(parent.get(), name, O_NOFOLLOW, m_directory);
-        }
-        if (parent.get() >= 0 && m_directory.get() < 0 && errno == ENOENT) {
-            if (!make) {
-                return;
-            }
-            check(VEXOEAMKDir(0, holder.c_str()), "the directory of its store cannot be made");
-            open_held(parent.get(), name, O_NOFOLLOW, m_directory);
-        }
-    }
-    if (m_directory.get() < 0) {
-        throw_errno("the directory of its store cannot be opened");
     }
 }
 
@@ -251,7 +278,7 @@ void StreamChange::commit(const std::vector<StreamEdit> &edits) const {
         return;
     }
     PrivateFile copy(m_directory.get(), base_name(m_place), m_stream ? 0600 : 0777);
-    if (m_stream && ::fstat(m_file.get(), &before) == 0 && !copy.take_properties(m_file.get())) {
+    if (m_stream && ::fstat(m_file.get(), &before) == 0 && !take_properties(m_file.get(), copy.fd())) {
         change_in_place(edits);
         return;
     }
@@ -271,7 +298,7 @@ void StreamChange::replace(const std::vector<StreamEdit> &edits, PrivateFile &co
         check_edited(after.get(), edits);
     }
     // Writing takes some attributes away, those of the file's capabilities among them.
-    if (m_stream && !copy.take_properties(m_file.get())) {
+    if (m_stream && !take_properties(m_file.get(), copy.fd())) {
         throw Failure("its store cannot be given its owner and rights: nothing was changed");
     }
     copy.put_in_place(m_stream != nullptr);
@@ -279,6 +306,55 @@ void StreamChange::replace(const std::vector<StreamEdit> &edits, PrivateFile &co
         // Hidden where the volume can hide it, which is the library's to know.
         const Descriptor hidden(VEXOEAOpen(kCurrentLayout, m_path.c_str(), kEaStream, O_RDONLY, 1));
     }
+}
+
+void StreamChange::complete(int fd) const {
+    forget_last_error();
+    std::vector<StreamEdit> brought;
+    bool takesFinderInfo = false;
+    bool takesFork = false;
+    {
+        const StreamHandle stream = opened(fd, F_WRLCK);
+        for (int at = 0; at < stream->header.attrCount; ++at) {
+            brought.push_back({stream->records[at].name, std::nullopt});
+        }
+        for (int at = 0; at < m_stream->header.attrCount; ++at) {
+            const std::string name = m_stream->records[at].name;
+            if (VEXOEASSearch(stream.get(), name.c_str()) < 0) {
+                write_attribute(stream.get(), name, value_in(m_stream.get(), name).value_or(""));
+            }
+        }
+        takesFinderInfo = !has_finder_info(stream.get()) && has_finder_info(m_stream.get());
+        if (takesFinderInfo) {
+            std::memcpy(stream->header.finderInfo, m_stream->header.finderInfo, sizeof stream->header.finderInfo);
+            check(EASWriteFinderInfo(stream.get()), "cannot write it");
+        }
+        takesFork = fork_of(stream.get()).length == 0 && fork_of(m_stream.get()).length > 0;
+        if (takesFork) {
+            append_fork(stream.get(), m_stream.get());
+        }
+    }
+    const StreamHandle after = opened(fd, F_RDLCK);
+    check_attributes_kept(m_stream.get(), after.get(), brought);
+    if (takesFinderInfo) {
+        check_finder_info_kept(m_stream.get(), after.get());
+    }
+    if (takesFork) {
+        check_fork_kept(m_stream.get(), after.get());
+    }
+}
+
+void StreamChange::take_over(const std::string &name) const {
+    const Descriptor file(::openat(m_directory.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat found {};
+    if (file.get() < 0 || ::fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        throw_errno("what was to take the place of its store cannot be opened");
+    }
+    if (m_stream) {
+        complete(file.get());
+        take_properties_of_ours(m_file.get(), file.get());
+    }
+    put_in_place(m_directory.get(), file.get(), name, base_name(m_place), m_stream != nullptr);
 }
 
 // For who may write the file but not give a copy to its owner, or put none beside it. What cannot be written leaves the

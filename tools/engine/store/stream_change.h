@@ -20,6 +20,10 @@ struct StreamEdit {
     std::optional<std::string> value; // nothing: it is removed
 };
 
+// The directory of a store file, opened without following a link to "@eaDir"; -1 where there is no "@eaDir". `make`: it
+// is made then. Throws Failure.
+Descriptor open_store_directory(const std::string &place, StoreKind kind, bool make);
+
 struct CloseStream {
     void operator()(VEXOEAS *stream) const { VEXOEASClose(stream); }
 };
@@ -42,9 +46,12 @@ class StreamChange {
     std::optional<std::string> value(const std::string &name) const;
     // Puts the changed file in place, or removes one that would hold nothing. Throws Failure, and then nothing changed.
     void commit(const std::vector<StreamEdit> &edits) const;
+    // Puts the stream file `name` of the same directory, which is nobody else's, in place: with what only the present
+    // one has added to it, attributes by their names, Finder Info and fork. Throws Failure, and then nothing changed.
+    void take_over(const std::string &name) const;
 
   private:
-    void open_directory_of_stream(bool make);
+    void complete(int fd) const;
     void lock();
     bool would_be_empty(const std::vector<StreamEdit> &edits) const;
     void remove_file() const;
