@@ -116,7 +116,10 @@ class Scene {
     }
     kit::Arguments arguments() const {
         if (isCopy()) {
-            return {"ea", "copy", source(), file()};
+            kit::Arguments all = {"ea"};
+            all.insert(all.end(), m_case.words.begin(), m_case.words.end());
+            all.insert(all.end(), {source(), file()});
+            return all;
         }
         kit::Arguments all = {"ea"};
         all.insert(all.end(), m_case.words.begin(), m_case.words.end());
@@ -148,7 +151,8 @@ class Scene {
         if ((status.st_mode & 07777) != 0640 || kit::attribute(store(), "user.mark") != "of the store file") {
             return "the store file has another mode, or lost its attribute";
         }
-        if (isCopy() && kit::readFile(sourceStore()) != bytesOfSource()) {
+        const bool mayBeGone = m_case.words.back() == "--move" && isNew && now.attributes.contains("brought");
+        if (isCopy() && !mayBeGone && kit::readFile(sourceStore()) != bytesOfSource()) {
             return "the source's store is another";
         }
         return m_case.kind == 0 || kit::readFile(resource()) == "a resource file of its own"
@@ -360,7 +364,9 @@ INSTANTIATE_TEST_SUITE_P(Changes, EaSweep,
                                          Case{"SetShorterInDouble", 0, {"set"}, "short"}, //
                                          Case{"RmInDouble", 0, {"rm"}, std::nullopt},
                                          Case{"CopyToStream", 2, {"copy"}, std::string(6'000, 'c')},
-                                         Case{"CopyToDouble", 0, {"copy"}, std::string(6'000, 'c')}),
+                                         Case{"CopyToDouble", 0, {"copy"}, std::string(6'000, 'c')},
+                                         Case{"MoveToStream", 2, {"copy", "--move"}, std::string(6'000, 'm')},
+                                         Case{"MoveToDouble", 0, {"copy", "--move"}, std::string(6'000, 'm')}),
                          [](const auto &test) { return std::string(test.param.name); });
 
 } // namespace
