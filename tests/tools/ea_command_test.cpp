@@ -1,5 +1,6 @@
 // vexofileop ea: the extended metadata of files, by the program itself.
 #include "tests/ea/adouble_bytes.h"
+#include "tests/ea/stream_bytes.h"
 #include "tests/kit/behaviour.h"
 #include "tests/kit/scratch.h"
 #include "tests/tools/tool_process.h"
@@ -201,6 +202,105 @@ TEST_F(EaCommand, DiffDoesNotSeeTheStorage) {
     EXPECT_EQ(2, ea({"diff", file, scratch / "none"}).status);
 }
 
+TEST_F(EaCommand, CopyOntoItselfIsRefusedByWhateverName) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    ASSERT_EQ(0, ::symlink("photo.jpg", (scratch / "soft").c_str()));
+    ASSERT_EQ(0, ::link(file.c_str(), (scratch / "hard").c_str()));
+    ASSERT_EQ(0, ::symlink(".", (scratch / "here").c_str()));
+    for (const std::string &other :
+         {file, scratch / "./photo.jpg", scratch / "soft", scratch / "hard", scratch / "here/photo.jpg"}) {
+        for (const kit::Arguments &words : {kit::Arguments{"copy"}, {"copy", "--move"}}) {
+            kit::Arguments all = words;
+            all.insert(all.end(), {file, other});
+            const ToolResult result = ea(all);
+            EXPECT_EQ(2, result.status) << other;
+            EXPECT_NE(std::string::npos, result.err.find("source and destination are one file")) << result.err;
+        }
+    }
+    EXPECT_EQ("         1  a\n", ea({"list", file}).out);
+    EXPECT_EQ(1U, kit::namesIn(scratch / "@eaDir").size());
+}
+
+// Of each kind of volume to each that keeps stores in files.
+TEST_F(EaCommand, CopyReplacesWhatHasTheSameNameAndLeavesTheRest) {
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    for (const int from : {0, 1, 2}) {
+        for (const int to : {0, 1, 2}) {
+            for (const bool move : {false, true}) {
+                const kit::ScratchDirectory one;
+                const kit::ScratchDirectory two;
+                ::setenv(
+                    "VEXOFILEOP_FSTYPES",
+                    (one.path() + "=" + std::to_string(from) + ":" + two.path() + "=" + std::to_string(to)).c_str(), 1);
+                const std::string source = one / "a";
+                const std::string target = two / "b";
+                kit::writeFile(source, "data");
+                kit::writeFile(target, "others");
+                ASSERT_EQ(0, ea({"set", source, "both", "of the source"}).status);
+                ASSERT_EQ(0, ea({"set", source, "brought", "1"}).status);
+                ASSERT_EQ(0, ea({"set", target, "both", "of the destination"}).status);
+                ASSERT_EQ(0, ea({"set", target, "own", "2"}).status);
+                const kit::Arguments copy =
+                    move ? kit::Arguments{"copy", "--move", source, target} : kit::Arguments{"copy", source, target};
+                const ToolResult result = ea(copy);
+                const std::string which = std::to_string(from) + " to " + std::to_string(to) + (move ? " moved" : "");
+                EXPECT_EQ(0, result.status) << which << result.err;
+                EXPECT_EQ("of the source", ea({"get", target, "both"}).out) << which;
+                EXPECT_EQ("1", ea({"get", target, "brought"}).out) << which;
+                EXPECT_EQ("2", ea({"get", target, "own"}).out) << which;
+                EXPECT_EQ(move ? "" : "1", ea({"get", source, "brought"}).out) << which;
+                EXPECT_EQ("others", kit::readFile(target)) << which;
+                EXPECT_EQ(2U, kit::namesIn(two.path()).size()) << which << ": no private names";
+            }
+        }
+    }
+}
+
+TEST_F(EaCommand, CopyKeepsTheForkAndFinderInfoThatOnlyTheDestinationHas) {
+    const std::string other = scratch / "other";
+    const std::string fork = kit::pattern(5000);
+    kit::writeFile(other, "data");
+    setKind(0);
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    kit::writeFile(scratch / "._other",
+                   stream::bytes({{"own", "2"}}, static_cast<uint32_t>(fork.size()), "TEXTttxt") + fork);
+    EXPECT_EQ(0, ea({"copy", file, other}).status);
+    const std::string bytes = kit::readFile(scratch / "._other");
+    EXPECT_TRUE(bytes.ends_with(fork));
+    EXPECT_EQ("TEXTttxt", bytes.substr(50, 8));
+    EXPECT_EQ("2", ea({"get", other, "own"}).out);
+    EXPECT_EQ("1", ea({"get", other, "a"}).out);
+    setKind(1);
+    const auto resource = [&](const std::string &name) { return scratch / ("@eaDir/" + name + "@VexoResource"); };
+    const auto bytesOf = [](const std::string &info, const std::string &rest) {
+        return stream::number(0x00051607, 4) + stream::number(0x00020000, 4) + "Mac OS X        " +
+               stream::number(2, 2) + stream::number(9, 4) + stream::number(50, 4) + stream::number(32, 4) +
+               stream::number(2, 4) + stream::number(82, 4) + stream::number(rest.size(), 4) + info +
+               std::string(32 - info.size(), '\0') + rest;
+    };
+    ASSERT_EQ(0, ::mkdir((scratch / "@eaDir").c_str(), 0777));
+    kit::writeFile(resource("photo.jpg"), bytesOf("PICTgimp", ""));
+    kit::writeFile(resource("other"), bytesOf("TEXTttxt", fork));
+    EXPECT_EQ(0, ea({"copy", file, other}).status);
+    EXPECT_EQ(bytesOf("PICTgimp", fork), kit::readFile(resource("other"))) << "the Finder Info is the source's";
+    kit::writeFile(resource("photo.jpg"), bytesOf("", "a fork"));
+    EXPECT_EQ(0, ea({"copy", file, other}).status);
+    EXPECT_EQ(bytesOf("PICTgimp", "a fork"), kit::readFile(resource("other"))) << "the fork is the source's";
+}
+
+TEST_F(EaCommand, RenameToAnotherKindOfVolumeIsRefused) {
+    const std::string other = scratch / "fat";
+    ASSERT_EQ(0, ::mkdir(other.c_str(), 0755));
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=2:" + other + "=0").c_str(), 1);
+    ASSERT_EQ(0, ::rename(file.c_str(), (other + "/photo.jpg").c_str()));
+    const ToolResult result = ea({"rename", file, other + "/photo.jpg"});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("nothing was done")) << result.err;
+    EXPECT_TRUE(kit::exists(stream()));
+    EXPECT_EQ(0, ea({"rename", scratch / "nobody", other + "/photo.jpg"}).status) << "nothing is kept for that one";
+}
+
 // Of an EA-directory file the flag, which a stock machine keeps as the DOS attribute read-only, or the AFP attributes;
 // of a file-EA file those in its attribute; elsewhere the right to write.
 TEST_F(EaCommand, DiffSeesTheLockAsAfpClientsDo) {
@@ -319,6 +419,90 @@ TEST_F(EaCommand, UpgradeTellsWhatItPassedOver) {
         << attributes.err;
     ASSERT_EQ(0, ::unlink(((scratch / "@eaDir/photo.jpg/") + std::string(255, 'x')).c_str()));
     EXPECT_EQ("", ea({"upgrade", "--dry-run", file}).out) << "what is left is of another service";
+}
+
+// The old layout of photo.jpg with eight attributes.
+void makeOldStore(const std::string &directory) {
+    ::mkdir((directory + "/@eaDir").c_str(), 0777);
+    ASSERT_EQ(0, ::mkdir((directory + "/@eaDir/photo.jpg").c_str(), 0777));
+    for (char name = 'a'; name <= 'h'; ++name) {
+        kit::writeFile(directory + "/@eaDir/photo.jpg/" + name, std::string(40, name));
+    }
+}
+
+TEST_F(EaCommand, UpgradeGoesOnWhereAStoppedOneWas) {
+    for (const char *name : {"b", "c", "e"}) {
+        ASSERT_EQ(0, ea({"set", file, name, std::string(40, *name)}).status);
+    }
+    makeOldStore(scratch.path());
+    const ToolResult result = ea({"upgrade", file});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(file + ": VexoEAStream converted\n", result.out);
+    for (char name = 'a'; name <= 'h'; ++name) {
+        EXPECT_EQ(std::string(40, name), ea({"get", file, {name}}).out) << name;
+    }
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir/photo.jpg"));
+    EXPECT_EQ("", ea({"upgrade", file}).out);
+}
+
+TEST_F(EaCommand, UpgradeKeepsBothWhereTheStreamHasAnotherValue) {
+    ASSERT_EQ(0, ea({"set", file, "c", "set since"}).status);
+    makeOldStore(scratch.path());
+    const ToolResult result = ea({"upgrade", file});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("attribute c is there with another value")) << result.err;
+    EXPECT_EQ("set since", ea({"get", file, "c"}).out);
+    EXPECT_EQ(std::string(40, 'd'), ea({"get", file, "d"}).out);
+    EXPECT_EQ(std::vector<std::string>{"c"}, kit::namesIn(scratch / "@eaDir/photo.jpg"));
+}
+
+TEST_F(EaCommand, UpgradeFollowsNoLink) {
+    const std::string elsewhere = scratch / "elsewhere";
+    ASSERT_EQ(0, ::mkdir(elsewhere.c_str(), 0755));
+    makeOldStore(elsewhere);
+    ASSERT_EQ(0, ::symlink((elsewhere + "/@eaDir").c_str(), (scratch / "@eaDir").c_str()));
+    EXPECT_EQ("", ea({"upgrade", file}).out);
+    EXPECT_EQ(8U, kit::namesIn(elsewhere + "/@eaDir/photo.jpg").size());
+    EXPECT_EQ(2, ea({"set", file, "a", "1"}).status);
+    EXPECT_EQ(std::vector<std::string>{"photo.jpg"}, kit::namesIn(elsewhere + "/@eaDir"));
+}
+
+TEST_F(EaCommand, SetFollowsNoLinkInPlaceOfTheStream) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    const std::string elsewhere = scratch / "elsewhere";
+    ASSERT_EQ(0, ::rename(stream().c_str(), elsewhere.c_str()));
+    ASSERT_EQ(0, ::symlink(elsewhere.c_str(), stream().c_str()));
+    const std::string before = kit::readFile(elsewhere);
+    EXPECT_EQ(2, ea({"set", file, "a", "2"}).status);
+    EXPECT_EQ(2, ea({"rm", file, "a"}).status);
+    EXPECT_EQ(before, kit::readFile(elsewhere));
+    ASSERT_EQ(0, ::unlink(stream().c_str()));
+    ASSERT_EQ(0, ::mkfifo(stream().c_str(), 0666));
+    EXPECT_EQ(2, ea({"set", file, "a", "2"}).status);
+}
+
+// A user who may write the stream file of somebody else: it stays that one's.
+TEST_F(EaCommand, SetByAnotherUserLeavesTheOwner) {
+    ASSERT_EQ(0, ea({"set", file, "a", "1"}).status);
+    constexpr uid_t nobody = 65534;
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+    ASSERT_EQ(0, ::chmod(stream().c_str(), 0666));
+    const ToolResult result = runTool({"ea", "set", file, "a", "a longer value"}, {.user = nobody});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("a longer value", ea({"get", file, "a"}).out);
+    EXPECT_EQ(0U, kit::statOf(stream()).st_uid);
+    EXPECT_EQ(1U, kit::namesIn(scratch / "@eaDir").size());
+}
+
+TEST_F(EaCommand, ValueThatNoStoreHoldsIsRefusedBeforeItIsRead) {
+    kit::writeSparse(scratch / "huge", off_t{1} << 31, {});
+    const ToolResult result = ea({"set", file, "a", "--from", scratch / "huge"});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find("has more than 2147483647 bytes")) << result.err;
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir"));
+    if (std::getenv("VEXO_FULL") != nullptr) { // takes memory for two such values
+        EXPECT_NE(std::string::npos, ea({"set", file, "a", "--from", "/dev/zero"}).err.find("/dev/zero has more than"));
+    }
 }
 
 TEST_F(EaCommand, TerminalShowsTextAsTextAndBytesAsADump) {

@@ -5,6 +5,7 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/native_attributes.h"
+#include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/descriptor.h"
 
 #include <array>
@@ -32,22 +33,20 @@ int companion(StoreKind kind) {
     throw Failure(fmt::format("{} ({})", reason_of(kNotFound), code_text(kNotFound)));
 }
 
-// An open attribute stream, locked; false where there is none and none is to be made.
+// An open attribute stream, locked for reading; false where there is none.
 class OpenStream {
   public:
-    // `flags` as for open().
-    OpenStream(const Store &store, int flags, int lock) {
-        // A stream that was removed with its last attribute after it was opened here is not written to: nobody would
-        // find that again.
+    explicit OpenStream(const Store &store) {
+        // One that is replaced or removed before the lock is there is not what anybody else sees.
         do {
             m_stream.reset();
             m_fd = std::make_unique<Descriptor>(
-                VEXOEAOpen(kCurrentLayout, store.path().c_str(), kEaStream, flags, companion(store.kind())));
-            if (m_fd->get() < 0 && errno == ENOENT && (flags & O_CREAT) == 0) {
+                VEXOEAOpen(kCurrentLayout, store.path().c_str(), kEaStream, O_RDONLY, companion(store.kind())));
+            if (m_fd->get() < 0 && errno == ENOENT) {
                 return;
             }
             check(m_fd->get(), "cannot open the attributes");
-            m_stream.reset(VEXOEASOpen(m_fd->get(), lock));
+            m_stream.reset(VEXOEASOpen(m_fd->get(), F_RDLCK));
             if (!m_stream) {
                 throw_last_error("cannot read the attributes");
             }
@@ -57,28 +56,14 @@ class OpenStream {
     VEXOEAS *get() const { return m_stream.get(); }
     const VEXOEAS *operator->() const { return m_stream.get(); }
 
-    // Whether it holds nothing at all: no attribute, and in a "._" file neither Finder Info nor a fork nor what other
-    // programs keep there.
-    bool is_empty() const {
-        constexpr std::array<uint8_t, sizeof m_stream->header.finderInfo> none{};
-        uint32_t offset = 0;
-        uint32_t length = 0;
-        const bool hasFork = EASGetRForkLocation(m_stream.get(), &offset, &length) == 0 && length > 0;
-        return m_stream->header.attrCount == 0 && m_stream->header.entryCount == 2 && !hasFork &&
-               std::equal(none.begin(), none.end(), m_stream->header.finderInfo);
-    }
-
   private:
-    struct Close {
-        void operator()(VEXOEAS *stream) const { VEXOEASClose(stream); }
-    };
     bool is_removed() const {
         struct stat found {};
         return ::fstat(m_fd->get(), &found) == 0 && found.st_nlink == 0;
     }
 
     std::unique_ptr<Descriptor> m_fd; // outlives the stream, which does not own it
-    std::unique_ptr<VEXOEAS, Close> m_stream;
+    StreamHandle m_stream;
 };
 
 } // namespace
@@ -102,7 +87,7 @@ std::vector<Store::Attribute> Store::list() const {
         return attributes;
     }
     forget_last_error();
-    const OpenStream stream(*this, O_RDONLY, F_RDLCK);
+    const OpenStream stream(*this);
     for (int at = 0; stream && at < stream->header.attrCount; ++at) {
         attributes.push_back({stream->records[at].name, stream->records[at].length});
     }
@@ -115,7 +100,7 @@ std::string Store::get(const std::string &name) const {
         return value ? *value : (throw_not_found(), std::string());
     }
     forget_last_error();
-    const OpenStream stream(*this, O_RDONLY, F_RDLCK);
+    const OpenStream stream(*this);
     if (!stream) {
         throw_not_found();
     }
@@ -137,23 +122,15 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
         set_native_value(m_path, name, value, flags);
         return;
     }
-    if (value.size() > UINT32_MAX) {
+    if (value.size() > kLargestValue) {
         throw Failure("the value is too large");
     }
-    forget_last_error();
-    const OpenStream stream(*this, O_RDWR | (existing == Existing::must ? 0 : O_CREAT), F_WRLCK);
-    const bool there = stream && VEXOEASSearch(stream.get(), name.c_str()) >= 0;
+    const StreamChange change(m_path, m_kind, existing != Existing::must);
+    const bool there = change.has(name);
     if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
         throw Failure(there ? "the attribute exists" : "there is no such attribute");
     }
-    forget_last_error();
-    constexpr int kOverwrite = 1;
-    // A shorter write would leave the end of a longer value.
-    if (there) {
-        check(VEXOEASTruncate(stream.get(), name.c_str(), 0), "cannot write it");
-    }
-    check(VEXOEASWrite(stream.get(), name.c_str(), value.data(), static_cast<uint32_t>(value.size()), 0, kOverwrite),
-          "cannot write it");
+    change.commit({{name, value}});
 }
 
 void Store::remove(const std::string &name) const {
@@ -161,27 +138,22 @@ void Store::remove(const std::string &name) const {
         remove_native(m_path, name);
         return;
     }
-    forget_last_error();
-    const OpenStream stream(*this, O_RDWR, F_WRLCK);
-    if (!stream || VEXOEASSearch(stream.get(), name.c_str()) < 0) {
+    const StreamChange change(m_path, m_kind, false);
+    if (!change.has(name)) {
         throw_not_found();
     }
-    forget_last_error();
-    check(VEXOEASRemove(stream.get(), name.c_str()), "cannot remove it");
-    // Under the lock, so that nobody is writing to it.
-    if (stream.is_empty()) {
-        const std::string place = stream_path(kEaStream);
-        if (::unlink(place.c_str()) == 0) {
-            (void)EARemoveEADir(place.c_str()); // Where other files have their stores in it, it stays.
-        }
-    }
+    change.commit({{name, std::nullopt}});
 }
 
 std::string Store::stream_path(const char *stream) const {
-    std::array<char, kPathSize> path{};
-    check(VEXOEAPath(kCurrentLayout, m_path.c_str(), stream, path.data(), kPathSize - 1, companion(m_kind)),
+    return engine::stream_path(m_path, m_kind, stream);
+}
+
+std::string stream_path(const std::string &path, StoreKind kind, const char *stream) {
+    std::array<char, kPathSize> place{};
+    check(VEXOEAPath(kCurrentLayout, path.c_str(), stream, place.data(), kPathSize - 1, companion(kind)),
           "its store has no path");
-    return path.data();
+    return place.data();
 }
 
 } // namespace engine

@@ -14,6 +14,13 @@ namespace engine {
 constexpr char kMetadataName[] = "user.netatalk.Metadata";
 std::string metadata_attribute(const std::string &path);
 
+// The file that a stream of `path` lies in on a volume of that kind: "VexoEAStream" or "VexoResource" in "@eaDir", or
+// the "._" file. Throws Failure for a path that is too long.
+std::string stream_path(const std::string &path, StoreKind kind, const char *stream);
+
+// The most bytes that the value of an attribute can have.
+constexpr uint64_t kLargestValue = INT32_MAX;
+
 class Store {
   public:
     // Looks at the volume. Throws Failure for a file that is not there and a volume that keeps nothing.
@@ -30,11 +37,11 @@ class Store {
     std::vector<Attribute> list() const;
     std::string get(const std::string &name) const;
     enum class Existing { either, must_not, must };
+    // All of it or nothing, whatever stops it: nothing else that is kept for the file changes.
     void set(const std::string &name, const std::string &value, Existing existing) const;
     // With its last attribute a store that holds nothing else goes too.
     void remove(const std::string &name) const;
 
-    // The file that a stream lies in: "VexoEAStream" or "VexoResource" in "@eaDir", or the "._" file.
     std::string stream_path(const char *stream) const;
 
     // Everything, to compare with what another file has: the Finder Info (empty: none, or all zero), the resource fork,

@@ -4,6 +4,9 @@
 #include "platform/core.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/old_attributes.h"
+#include "tools/engine/store/store.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -21,35 +24,45 @@ mode_t kind_at(const std::string &path) {
     return found ? found->st_mode & S_IFMT : 0;
 }
 
-// What other services keep in the same directory, which stays there.
-bool is_of_others(std::string_view name) {
-    const bool picture = name.ends_with(".jpg") || name.ends_with(".png");
-    return name == "offset" || name == "ART_MXAUDIO.jpg" || (picture && name.find("APIC") != std::string_view::npos);
+constexpr char kEaStream[] = "VexoEAStream";
+
+// Whether the library has something to decide: beside the attribute files there is a "._" file, and the newer counts.
+bool has_apple_double(const std::string &path) {
+    constexpr int genuine = 0;
+    char companion[PATH_MAX] = "";
+    return VEXOEAADPath(path.c_str(), companion, sizeof companion - 1) == 0 && VEXOEACheckADFile(companion) == genuine;
+}
+
+UpgradeResult upgrade_attributes(const std::string &path) {
+    try {
+        const OldAttributes::Moved moved = OldAttributes(path).move_to_stream();
+        if (moved.all) {
+            return {Upgraded::converted};
+        }
+        return {Upgraded::failed,
+                moved.other.empty()
+                    ? "not all of it could be converted; the rest is where it was"
+                    : fmt::format("the attribute {} is there with another value; the old one is where it was",
+                                  displayed(moved.other))};
+    } catch (const Failure &failure) {
+        return {Upgraded::failed, failure.what()};
+    }
 }
 
 } // namespace
 
 std::vector<std::string> old_stores(const std::string &path) {
-    char directory[PATH_MAX] = "";
+    const OldAttributes old(path);
     std::vector<std::string> stores;
-    if (VEXOEADirPath(0, path.c_str(), directory, sizeof directory - 1) != 0) {
-        return stores;
-    }
-    bool attributes = false;
-    for (const std::string &name : names_in(directory).value_or(std::vector<std::string>())) {
-        const bool ofService = name.starts_with("VEXO");
+    for (const std::string &name : old.names()) {
         if (name == "VEXO:Resource") {
             stores.emplace_back("VexoResource");
-        } else if (name.find(':') != std::string::npos) {
-            if (ofService) {
-                stores.push_back(name);
-            }
-        } else if (!ofService && !is_of_others(name) && kind_at(joined(directory, name)) == S_IFREG) {
-            attributes = true;
+        } else if (name.starts_with("VEXO") && name.find(':') != std::string::npos) {
+            stores.push_back(name);
         }
     }
-    if (attributes) {
-        stores.emplace_back("VexoEAStream");
+    if (old.any()) {
+        stores.emplace_back(kEaStream);
     }
     std::ranges::sort(stores);
     return stores;
@@ -57,6 +70,11 @@ std::vector<std::string> old_stores(const std::string &path) {
 
 UpgradeResult upgrade_store(const std::string &path, const std::string &store) {
     forget_last_error();
+    // The library takes a stream that is there for all there is to convert, also one that a stopped run left.
+    if (store == kEaStream &&
+        (exists(stream_path(path, StoreKind::ea_directory, kEaStream)) || !has_apple_double(path))) {
+        return upgrade_attributes(path);
+    }
     const int result = VEXOEAUpgrade(path.c_str(), store.c_str());
     const uint32_t code = VLIBCErrGet();
     if (result < 0) {
@@ -76,6 +94,10 @@ UpgradeResult upgrade_store(const std::string &path, const std::string &store) {
                             reason_of(code), code_text(code))};
     }
     return {Upgraded::converted};
+}
+
+void finish_upgrade(const std::string &path) {
+    OldAttributes(path).remove_if_empty();
 }
 
 void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk) {

@@ -20,6 +20,9 @@ struct UpgradeResult {
 // Converts one of them.
 UpgradeResult upgrade_store(const std::string &path, const std::string &store);
 
+// What a stopped run left when there was nothing more to convert: an empty directory. Throws Failure.
+void finish_upgrade(const std::string &path);
+
 // Calls `visit` for `path` and for every file and directory below it that can have a store, and `unreadable`, with
 // errno, for a directory that cannot be listed. Ends early when `stopped` says so.
 struct UpgradeWalk {

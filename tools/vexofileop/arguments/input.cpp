@@ -7,15 +7,20 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tool {
 namespace {
 
-// Appends what a descriptor has. False: it cannot be read, with errno.
-bool read_all(int fd, std::string &bytes) {
+[[noreturn]] void throw_too_long(const std::string &what, uint64_t most) {
+    throw engine::Failure(fmt::format("{} has more than {} bytes", what, most));
+}
+
+// Appends what a descriptor has, up to one byte more than `most`. False: it cannot be read, with errno.
+bool read_all(int fd, uint64_t most, std::string &bytes) {
     char buffer[65536];
-    while (wait_readable(fd)) {
+    while (bytes.size() <= most && wait_readable(fd)) {
         const ssize_t got = ::read(fd, buffer, sizeof buffer);
         if (got <= 0) {
             return got == 0;
@@ -27,12 +32,21 @@ bool read_all(int fd, std::string &bytes) {
 
 } // namespace
 
-std::string read_input(const std::string &path) {
+std::string read_input(const std::string &path, uint64_t most) {
     const bool standard = path == "-";
+    const std::string what = standard ? "standard input" : engine::displayed(path);
     const engine::Descriptor opened(standard ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const int fd = standard ? STDIN_FILENO : opened.get();
+    struct stat found {};
+    if (fd >= 0 && ::fstat(fd, &found) == 0 && S_ISREG(found.st_mode) && static_cast<uint64_t>(found.st_size) > most) {
+        throw_too_long(what, most);
+    }
     std::string bytes;
-    if ((!standard && opened.get() < 0) || !read_all(standard ? STDIN_FILENO : opened.get(), bytes)) {
-        engine::throw_errno(fmt::format("cannot read {}", standard ? "standard input" : engine::displayed(path)));
+    if (fd < 0 || !read_all(fd, most, bytes)) {
+        engine::throw_errno(fmt::format("cannot read {}", what));
+    }
+    if (bytes.size() > most) {
+        throw_too_long(what, most);
     }
     return bytes;
 }

@@ -11,12 +11,14 @@
 #include "tools/vexofileop/output/hex.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fmt/format.h>
 #include <memory>
+#include <new>
 #include <unistd.h>
 
 namespace tool {
@@ -123,15 +125,24 @@ class SetCommand {
         }
         PathWork work;
         work.one(given[0], [&](const std::string &path) {
-            const std::string value = m_from.given() ? read_input(m_from.values().front())
-                                      : elsewhere    ? *bytes
-                                                     : given[2];
+            const std::string value = m_from.given() ? input() : elsewhere ? *bytes : given[2];
             engine::Store(path).set(given[1], value, existing());
         });
         return work.finish();
     }
 
   private:
+    std::string input() const {
+        try {
+            std::string value = read_input(m_from.values().front(), engine::kLargestValue);
+            if (stop_signal() != 0) {
+                throw engine::Failure("stopped before all of the value was there");
+            }
+            return value;
+        } catch (const std::bad_alloc &) {
+            throw engine::Failure("the value does not fit into memory");
+        }
+    }
     engine::Store::Existing existing() const {
         return m_create.given()    ? engine::Store::Existing::must_not
                : m_replace.given() ? engine::Store::Existing::must

@@ -21,7 +21,7 @@ void add_copy(const Command &ea, int &status) {
     command.add_flag("--move", *move, "remove at the source what was carried");
     command.add_flag("--full-dir", *full, "with what else is in its \"@eaDir\", on FAT too");
     command.set_footer("\nBoth files exist already; their data stay as they are. What DST has of the same\n"
-                       "name is replaced.\n"
+                       "name is replaced: attributes, Finder Info, the resource fork. The rest stays.\n"
                        "Example:\n"
                        "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
     command.set_work([&status, move, full, files] {
@@ -40,7 +40,9 @@ void add_rename(const Command &ea, int &status) {
     const Command command = ea.add_command("rename", "Move the metadata after its file was renamed");
     const Option files = command.add_operands("OLD", "OLD NEW");
     command.set_footer("\nWhat is kept under NEW already is replaced where OLD has the same: attributes,\n"
-                       "Finder Info with the resource fork, the file's own directory in \"@eaDir\".\n"
+                       "Finder Info with the resource fork, the file's own directory in \"@eaDir\". To a\n"
+                       "volume that keeps them in another way nothing is done: carry them with ea copy\n"
+                       "while the file is there under both names.\n"
                        "Example:\n"
                        "  mv a.jpg b.jpg && vexofileop ea rename a.jpg b.jpg");
     command.set_work([&status, files] {
