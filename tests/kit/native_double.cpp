@@ -1,7 +1,11 @@
 #include "tests/kit/native_double.h"
 
+#include <algorithm>
+#include <array>
+#include <climits>
 #include <cstring>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace kit {
@@ -13,6 +17,18 @@ constexpr std::string_view kShown = "com.apple.";
 std::vector<std::string> &volumes() {
     static auto *instance = new std::vector<std::string>;
     return *instance;
+}
+
+// What "/proc/self/fd/N" and a path below it lead to.
+std::string throughDescriptor(const std::string &path) {
+    constexpr std::string_view kOpen = "/proc/self/fd/";
+    if (!path.starts_with(kOpen)) {
+        return path;
+    }
+    const size_t slash = std::min(path.find('/', kOpen.size()), path.size());
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = ::readlink(path.substr(0, slash).c_str(), target.data(), target.size() - 1);
+    return length < 0 ? path : std::string(target.data(), static_cast<size_t>(length)) + path.substr(slash);
 }
 
 } // namespace
@@ -29,9 +45,10 @@ bool hasNativeVolumes() {
     return !volumes().empty();
 }
 
-bool hasNativeNames(const char *path) {
+bool hasNativeNames(const char *given) {
+    const std::string path = volumes().empty() ? given : throughDescriptor(given);
     for (const std::string &directory : volumes()) {
-        if (std::string_view(path).starts_with(directory + "/")) {
+        if (path.starts_with(directory + "/")) {
             return true;
         }
     }

@@ -1,0 +1,305 @@
+// Extended attributes and what stores hold. Either can be where the other volume keeps the other, so that a name is
+// looked for in both.
+#include "tools/engine/compare/findings.h"
+
+#include "tools/engine/compare/bytes.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/store.h"
+#include "tools/engine/walk/directory.h"
+
+#include <algorithm>
+#include <compare>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace engine {
+namespace {
+
+constexpr uint64_t kShortValue = uint64_t{64} << 10;
+
+// An attribute of the file itself, or one of its store.
+struct Item {
+    std::string name;
+    const StoreContents::Attribute *stored; // null: of the file itself
+
+    bool operator==(const Item &other) const { return name == other.name && !stored == !other.stored; }
+    bool operator<(const Item &other) const {
+        return name != other.name ? name < other.name : (stored != nullptr) < (other.stored != nullptr);
+    }
+};
+
+struct Items {
+    EntryView &entry;
+    std::vector<Item> all = {};
+
+    explicit Items(EntryView &of, bool withStore) : entry(of) {
+        for (const std::string &name : entry.names()) {
+            if (!name.starts_with("system.posix_acl_")) {
+                all.push_back({name, nullptr});
+            }
+        }
+        // Where they are the same there is nothing beside the file's own.
+        if (withStore && entry.volume().store != StoreKind::native) {
+            for (const StoreContents::Attribute &attribute : entry.contents().attributes()) {
+                all.push_back({attribute.name, &attribute});
+            }
+        }
+        std::ranges::sort(all, std::less());
+    }
+    const Item *find(const std::string &name, bool stored) const {
+        const StoreContents::Attribute any{};
+        const Item wanted{name, stored ? &any : nullptr};
+        const auto found = std::ranges::lower_bound(all, wanted, std::less());
+        return found != all.end() && *found == wanted ? &*found : nullptr;
+    }
+};
+
+LossClass class_of(const Item &item) {
+    struct Row {
+        std::string_view prefix;
+        LossClass cls;
+    };
+    constexpr Row kOwn[] = {
+        {"security.NTACL", LossClass::acl_windows},       {"system.cifs_acl", LossClass::acl_windows},
+        {"system.cifs_ntsd", LossClass::acl_windows},     {"system.ntfs_acl", LossClass::acl_windows},
+        {"system.ntfs_security", LossClass::acl_windows}, {"osx.", LossClass::mac_attributes},
+        {"security.", LossClass::system_attribute},       {"trusted.", LossClass::system_attribute},
+        {"system.", LossClass::system_attribute},
+    };
+    constexpr std::string_view kStreamPrefix = "user.DosStream.";
+    if (item.stored == nullptr) {
+        for (const Row &row : kOwn) {
+            if (item.name.starts_with(row.prefix)) {
+                return row.cls;
+            }
+        }
+    }
+    return item.name.starts_with("user.") && !item.name.starts_with(kStreamPrefix) ? LossClass::attribute
+                                                                                   : LossClass::stream;
+}
+
+class AttributeComparison {
+  public:
+    AttributeComparison(EntryView &one, EntryView &other, bool withStores, Findings &findings)
+        : m_first(one, withStores), m_second(other, withStores), m_findings(findings) {}
+
+    void run() {
+        auto first = m_first.all.cbegin();
+        auto second = m_second.all.cbegin();
+        while (first != m_first.all.cend() || second != m_second.all.cend()) {
+            if (second == m_second.all.cend() || (first != m_first.all.cend() && *first < *second)) {
+                only_first(*first++);
+            } else if (first == m_first.all.cend() || *second < *first) {
+                only_second(*second++);
+            } else {
+                compare(*first++, *second++);
+            }
+        }
+    }
+
+  private:
+    static const char *word(const Item &item) { return class_of(item) == LossClass::stream ? "stream" : "attribute"; }
+    void unreadable(const Item &item, const Failure &failure) {
+        m_findings.add(LossClass::unreadable,
+                       fmt::format("{} {}: {}", word(item), displayed(item.name), failure.what()));
+    }
+    // A system attribute in a store is not in force, and is none of a file's.
+    bool may_be_elsewhere(const Item &item) const {
+        const bool native =
+            m_first.entry.volume().store == StoreKind::native || m_second.entry.volume().store == StoreKind::native;
+        return class_of(item) == LossClass::attribute || class_of(item) == LossClass::stream ||
+               (native && item.stored != nullptr);
+    }
+    void only_first(const Item &item) {
+        if (may_be_elsewhere(item)) {
+            if (const Item *elsewhere = m_second.find(item.name, item.stored == nullptr)) {
+                return compare(item, *elsewhere);
+            }
+        }
+        try {
+            if (const auto size = size_of(m_first.entry, item)) {
+                m_findings.add(class_of(item), fmt::format("{} {}: only at the first, {} bytes", word(item),
+                                                           displayed(item.name), *size));
+            }
+        } catch (const Failure &failure) {
+            unreadable(item, failure);
+        }
+    }
+    void only_second(const Item &item) {
+        if (m_first.find(item.name, item.stored == nullptr) != nullptr || item.name == kMetadataName ||
+            item.name == "user.DOSATTRIB") {
+            return; // compared with that; or how another volume kept what was compared
+        }
+        try {
+            if (size_of(m_second.entry, item)) {
+                m_findings.add(class_of(item),
+                               fmt::format("{} {}: only at the second", word(item), displayed(item.name)));
+            }
+        } catch (const Failure &failure) {
+            unreadable(item, failure);
+        }
+    }
+    // Nothing: it is gone again, or says nothing.
+    static std::optional<uint64_t> size_of(const EntryView &entry, const Item &item) {
+        if (item.stored != nullptr) {
+            return item.stored->size;
+        }
+        const auto value = entry.attribute(item.name);
+        return value ? std::optional<uint64_t>(value->size()) : std::nullopt;
+    }
+    bool same_value(const Item &first, const Item &second, uint64_t size) {
+        if (first.stored == nullptr && second.stored == nullptr) {
+            return m_first.entry.attribute(first.name) == m_second.entry.attribute(second.name);
+        }
+        if (size > kShortValue && !m_findings.options.data) {
+            return true;
+        }
+        return same_parts(size, [&](uint64_t offset, uint64_t length) {
+            return part(m_first.entry, first, offset, length) == part(m_second.entry, second, offset, length);
+        });
+    }
+    static std::string part(EntryView &entry, const Item &item, uint64_t offset, uint64_t length) {
+        return item.stored != nullptr ? entry.contents().value(*item.stored, offset, length)
+                                      : entry.attribute(item.name).value_or("").substr(offset, length);
+    }
+    void compare(const Item &first, const Item &second) {
+        try {
+            const auto one = size_of(m_first.entry, first), other = size_of(m_second.entry, second);
+            if (one.has_value() != other.has_value()) {
+                m_findings.add(class_of(first), fmt::format("{} {}: only at the {}", word(first), displayed(first.name),
+                                                            one ? "first" : "second"));
+            } else if (one && (*one != *other || !same_value(first, second, *one))) {
+                m_findings.add(class_of(first), fmt::format("{} {} differs: {} and {} bytes", word(first),
+                                                            displayed(first.name), *one, *other));
+            }
+        } catch (const Failure &failure) {
+            unreadable(first, failure);
+        }
+    }
+
+    Items m_first, m_second;
+    Findings &m_findings;
+};
+
+bool report_problems(EntryView &entry, const char *which, Findings &findings) {
+    for (const std::string &problem : entry.contents().problems()) {
+        findings.add(LossClass::unreadable, fmt::format("the store of the {}: {}", which, problem));
+    }
+    return !entry.contents().problems().empty();
+}
+
+// What lies in a directory of the entry's own in "@eaDir": stores of the older layout, and what other services keep.
+std::vector<std::string> kept_beside(const EntryView &entry) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    std::vector<std::string> kept;
+    if (entry.volume().noDirectory) {
+        return kept;
+    }
+    const Descriptor stores(::openat(entry.side().directory, "@eaDir", O_PATH | flags));
+    const Descriptor own(stores.get() < 0 ? -1 : ::openat(stores.get(), entry.side().name.c_str(), flags));
+    if (own.get() < 0) {
+        if (stores.get() >= 0 && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+            throw_errno("cannot be read");
+        }
+        return kept;
+    }
+    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", own.get()));
+    if (!names) {
+        throw_errno("cannot be read");
+    }
+    for (const std::string &name : *names) {
+        struct stat found {};
+        if (::fstatat(own.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
+            kept.push_back(fmt::format("{} ({})", displayed(name),
+                                       S_ISREG(found.st_mode)   ? fmt::format("{} bytes", found.st_size)
+                                       : S_ISDIR(found.st_mode) ? "a directory"
+                                                                : "no regular file"));
+        }
+    }
+    std::ranges::sort(kept);
+    return kept;
+}
+
+void compare_afp(const StoreContents &one, const StoreContents &other, Findings &findings) {
+    const int first = one.afp_attributes() & ~StoreContents::kAfpLockedBits;
+    const int second = other.afp_attributes() & ~StoreContents::kAfpLockedBits;
+    if (first != 0 && first != second) {
+        findings.add(LossClass::mac_attributes,
+                     fmt::format("AFP attributes differ: 0x{:04x} and 0x{:04x}", first, second));
+    }
+    if (!one.comment().empty() && one.comment() != other.comment()) {
+        findings.add(LossClass::mac_attributes,
+                     fmt::format("comment differs: {} and {} bytes", one.comment().size(), other.comment().size()));
+    }
+}
+
+void compare_forks(const EntryView &first, const StoreContents &one, const EntryView &second,
+                   const StoreContents &other, Findings &findings) {
+    const uint64_t size = one.fork_size();
+    const bool native = first.volume().store == StoreKind::native || second.volume().store == StoreKind::native;
+    findings.attempt("resource fork", [&] {
+        const bool read = size == other.fork_size() && (findings.options.data || size <= kShortValue);
+        const auto same = [&](uint64_t offset, uint64_t length) {
+            return one.fork(offset, length) == other.fork(offset, length);
+        };
+        if (size != other.fork_size() || (read && !(native ? same(0, size) : same_parts(size, same)))) {
+            findings.add(LossClass::resource_fork,
+                         fmt::format("resource fork differs: {} and {} bytes", size, other.fork_size()));
+        }
+    });
+}
+
+void compare_lock(EntryView &one, EntryView &other, Findings &findings) {
+    constexpr mode_t write = S_IWUSR | S_IWGRP | S_IWOTH;
+    const auto locked = [](EntryView &entry) {
+        return is_locked(entry.status(), entry.volume().store,
+                         entry.file().empty() ? false : entry.contents().afp_locked());
+    };
+    const bool first = locked(one), second = locked(other);
+    // Where it is the permissions that lock the second, and the first has the same, nothing changed.
+    const bool byMode = second && (one.status().st.st_mode & write) == 0 && (other.status().st.st_mode & write) == 0;
+    if (first != second && !byMode && other.volume().store != StoreKind::none) {
+        findings.add(LossClass::locked, first ? "only the first is locked" : "only the second is locked");
+    } else if (first && !second && (other.status().st.st_mode & write) != 0) {
+        findings.add(LossClass::locked, "only the first is locked");
+    }
+}
+
+} // namespace
+
+void compare_locks(EntryView &one, EntryView &other, Findings &findings) {
+    if (S_ISREG(one.type()) || S_ISDIR(one.type())) {
+        compare_lock(one, other, findings);
+    }
+}
+
+void compare_attributes(EntryView &one, EntryView &other, Findings &findings) {
+    const bool firstBad = report_problems(one, "first", findings),
+               secondBad = report_problems(other, "second", findings);
+    const bool sound = !firstBad && !secondBad;
+    AttributeComparison(one, other, sound, findings).run();
+    if (sound) {
+        compare_stores(one, other, findings);
+    }
+}
+
+void compare_stores(EntryView &one, EntryView &other, Findings &findings) {
+    const StoreContents &first = one.contents(), &second = other.contents();
+    if (first.finder_info() != second.finder_info()) {
+        findings.add(LossClass::finder_info, "Finder Info differs");
+    }
+    compare_forks(one, first, other, second, findings);
+    compare_afp(first, second, findings);
+    findings.attempt("what is kept in \"@eaDir\"", [&] {
+        const std::vector<std::string> mine = kept_beside(one), theirs = kept_beside(other);
+        for (const std::string &item : mine) {
+            if (!std::ranges::binary_search(theirs, item)) {
+                findings.add(LossClass::not_carried, fmt::format("kept in \"@eaDir\", only at the first: {}", item));
+            }
+        }
+    });
+}
+
+} // namespace engine

@@ -1,0 +1,135 @@
+// The bytes of two files. What is a hole in both is not read.
+#include "tools/engine/compare/findings.h"
+
+#include "tools/engine/walk/descriptor.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+constexpr size_t kBlock = size_t{256} << 10;
+
+// A file open for reading, and where its data are.
+class Content {
+  public:
+    Content(const EntryView &entry, const char *which) : m_which(which) {
+        constexpr int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+        // A look that leaves no trace is for the owner and for root.
+        Descriptor opened(::open(entry.file().c_str(), flags | O_NOATIME));
+        if (opened.get() < 0 && errno == EPERM) {
+            Descriptor again(::open(entry.file().c_str(), flags));
+            opened.swap(again);
+        }
+        if (opened.get() < 0) {
+            fail();
+        }
+        (void)::posix_fadvise(opened.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+        m_file.swap(opened);
+        m_buffer = std::make_unique<char[]>(kBlock);
+    }
+    // The first byte from `from` on that is not in a hole, at most `end`. Without the means to tell, `from`.
+    off_t next_data(off_t from, off_t end) {
+        if (from >= m_end) {
+            const off_t start = ::lseek(m_file.get(), from, SEEK_DATA);
+            if (start < 0) {
+                m_start = errno == ENXIO ? end : from;
+                m_end = end;
+            } else {
+                m_start = start;
+                const off_t hole = ::lseek(m_file.get(), start, SEEK_HOLE);
+                m_end = hole < 0 ? end : hole;
+            }
+        }
+        return std::min(std::max(from, m_start), end);
+    }
+    // Up to `size` bytes; fewer at the end of the file only.
+    size_t read(off_t offset, size_t size) {
+        size_t done = 0;
+        while (done < size) {
+            const ssize_t got =
+                ::pread(m_file.get(), m_buffer.get() + done, size - done, offset + static_cast<off_t>(done));
+            if (got < 0 && errno != EINTR) {
+                fail();
+            }
+            if (got == 0) {
+                break;
+            }
+            done += got > 0 ? static_cast<size_t>(got) : 0;
+        }
+        return done;
+    }
+    const char *bytes() const { return m_buffer.get(); }
+
+    int64_t data_bytes(off_t size) {
+        int64_t sum = 0;
+        for (off_t at = next_data(0, size); at < size; at = next_data(m_end, size)) {
+            sum += std::min(m_end, size) - at;
+        }
+        return sum;
+    }
+
+  private:
+    [[noreturn]] void fail() const { throw_errno(fmt::format("the {} cannot be read", m_which)); }
+
+    const char *m_which;
+    Descriptor m_file{-1};
+    std::unique_ptr<char[]> m_buffer;
+    off_t m_start = 0, m_end = 0; // of the data that were found last
+};
+
+} // namespace
+
+void compare_content(const EntryView &one, const EntryView &other, Findings &findings) {
+    findings.attempt("data", [&] {
+        Content first(one, "first"), second(other, "second");
+        const off_t size = one.status().st.st_size;
+        off_t at = 0;
+        for (;;) {
+            if (findings.stopped()) {
+                throw Failure("the comparison was stopped");
+            }
+            if (at < size) {
+                at = std::min(first.next_data(at, size), second.next_data(at, size));
+            }
+            // Behind the end too: one of them may have grown, or does not tell its size.
+            const size_t got = first.read(at, kBlock);
+            const size_t there = second.read(at, kBlock);
+            if (got != there || std::memcmp(first.bytes(), second.bytes(), got) != 0) {
+                const size_t common = std::min(got, there);
+                const auto place = std::mismatch(first.bytes(), first.bytes() + common, second.bytes());
+                findings.add(LossClass::data,
+                             fmt::format("data differ from byte {} on", at + (place.first - first.bytes())));
+                return;
+            }
+            at += static_cast<off_t>(got);
+            if (got < kBlock) {
+                return;
+            }
+        }
+    });
+}
+
+void compare_holes(const EntryView &one, const EntryView &other, Findings &findings) {
+    const struct stat &status = one.status().st;
+    constexpr int64_t block = 512;
+    if (status.st_blocks * block >= status.st_size || other.status().st.st_blocks <= status.st_blocks) {
+        return;
+    }
+    findings.attempt("holes", [&] {
+        const int64_t first = Content(one, "first").data_bytes(status.st_size);
+        const int64_t second = Content(other, "second").data_bytes(status.st_size);
+        if (second > first) {
+            findings.add(LossClass::hole, fmt::format("holes were filled: {} bytes more", second - first));
+        }
+    });
+}
+
+} // namespace engine

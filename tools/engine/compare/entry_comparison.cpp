@@ -1,0 +1,138 @@
+#include "tools/engine/compare/entry_comparison.h"
+
+#include "tools/engine/compare/findings.h"
+#include "tools/engine/report/names.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fmt/format.h>
+#include <memory>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+LossClass class_of_type(mode_t type) {
+    return S_ISLNK(type)                    ? LossClass::symbolic_link
+           : S_ISREG(type) || S_ISDIR(type) ? LossClass::data
+                                            : LossClass::special_file;
+}
+
+const char *type_text(mode_t type) {
+    return S_ISLNK(type)    ? "a symbolic link"
+           : S_ISREG(type)  ? "a regular file"
+           : S_ISDIR(type)  ? "a directory"
+           : S_ISFIFO(type) ? "a pipe"
+           : S_ISSOCK(type) ? "a socket"
+                            : "a device";
+}
+
+std::string target_of(const EntryView &entry) {
+    char target[PATH_MAX];
+    const ssize_t length = ::readlinkat(entry.side().directory, entry.side().name.c_str(), target, sizeof target);
+    if (length < 0) {
+        throw_errno("cannot be read");
+    }
+    return {target, static_cast<size_t>(length)};
+}
+
+class EntryComparison {
+  public:
+    EntryComparison(EntryView &one, EntryView &other, Findings &findings)
+        : m_one(one), m_other(other), m_findings(findings) {}
+
+    void run() {
+        const mode_t type = m_one.type();
+        if (type != m_other.type()) {
+            m_findings.add(class_of_type(type),
+                           fmt::format("type differs: {} and {}", type_text(type), type_text(m_other.type())));
+            return;
+        }
+        compare_own();
+        if (more()) {
+            m_one.pin();
+            m_other.pin();
+            compare_attributes(m_one, m_other, m_findings);
+            if (S_ISREG(type) && m_sameSize && m_findings.options.data) {
+                compare_content(m_one, m_other, m_findings);
+            }
+            if (S_ISREG(type) && m_findings.options.costs) {
+                compare_holes(m_one, m_other, m_findings);
+            }
+        }
+        compare_permissions(m_one, m_other, m_findings);
+        compare_locks(m_one, m_other, m_findings);
+    }
+
+  private:
+    // Whether there is more to compare than the status of both.
+    bool more() {
+        m_one.list();
+        m_other.list();
+        const bool holdsMore = m_one.may_hold_more() || m_other.may_hold_more();
+        return holdsMore || (S_ISREG(m_one.type()) && (m_findings.options.data || m_findings.options.costs));
+    }
+    void compare_own() {
+        const struct stat &first = m_one.status().st, &second = m_other.status().st;
+        if (S_ISREG(first.st_mode) && first.st_size != second.st_size) {
+            m_sameSize = false;
+            m_findings.add(LossClass::data,
+                           fmt::format("size differs: {} and {} bytes", first.st_size, second.st_size));
+        } else if (S_ISLNK(first.st_mode)) {
+            compare_targets();
+        } else if ((S_ISCHR(first.st_mode) || S_ISBLK(first.st_mode)) && first.st_rdev != second.st_rdev) {
+            m_findings.add(LossClass::special_file,
+                           fmt::format("device differs: {}:{} and {}:{}", major(first.st_rdev), minor(first.st_rdev),
+                                       major(second.st_rdev), minor(second.st_rdev)));
+        }
+        compare_owners(m_one, m_other, m_findings);
+        if (m_findings.options.times) {
+            compare_times(m_one, m_other, m_findings);
+        }
+        compare_dos_attributes(m_one, m_other, m_findings);
+        if (m_findings.options.costs && S_ISREG(first.st_mode) && first.st_nlink > second.st_nlink) {
+            m_findings.add(LossClass::hard_link, fmt::format("{} names at the first, {} at the second: {} bytes",
+                                                             first.st_nlink, second.st_nlink, first.st_size));
+        }
+    }
+    void compare_targets() {
+        m_findings.attempt("symbolic link", [this] {
+            const std::string first = target_of(m_one), second = target_of(m_other);
+            if (first != second) {
+                m_findings.add(LossClass::symbolic_link,
+                               fmt::format("leads to {} and to {}", displayed(first), displayed(second)));
+            }
+        });
+    }
+
+    EntryView &m_one, &m_other;
+    Findings &m_findings;
+    bool m_sameSize = true;
+};
+
+} // namespace
+
+std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options) {
+    Findings findings{options};
+    const char *which = "the first";
+    std::unique_ptr<EntryView> one, other;
+    try {
+        one = std::make_unique<EntryView>(a);
+        which = "the second";
+        other = std::make_unique<EntryView>(b);
+    } catch (const Failure &failure) {
+        if (one != nullptr && errno == ENOENT) {
+            findings.add(class_of_type(one->type()), "is not at the second");
+        } else {
+            findings.add(LossClass::unreadable, fmt::format("{} {}", which, failure.what()));
+        }
+        return findings.losses;
+    }
+    findings.attempt("the entry", [&] { EntryComparison(*one, *other, findings).run(); });
+    return findings.losses;
+}
+
+} // namespace engine

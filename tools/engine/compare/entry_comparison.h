@@ -1,0 +1,34 @@
+// What an entry has that another has not, whatever the two volumes keep it in.
+#pragma once
+
+#include "tools/engine/compare/side.h"
+#include "tools/engine/losses/loss.h"
+
+#include <functional>
+#include <vector>
+
+namespace engine {
+
+struct CompareOptions {
+    bool data = false;  // content, and values of any length, are read; else sizes and short values decide
+    bool times = true;  // modification and creation time
+    bool costs = false; // what only takes more room: holes that were filled, links that became files
+    std::function<bool()> stopped = {}; // asked while data are read; an end by it is a loss of the class "unreadable"
+};
+
+// What differs between the source `a` and what stands at `b`; nothing: `b` has all of it. Directories are compared
+// without what is in them. An entry that is missing at `b` is one loss, of "data", "symbolic-link" or "special-file";
+// one that is missing at `a`, and whatever cannot be read at either side, is "unreadable". Throws nothing.
+//
+// What a copy sets on purpose is no difference: the archive attribute that only `b` has. Where `a`'s volume has no
+// owners none can be lost. Access times are not compared; labels of security modules (SELinux, Smack, EVM) and settings
+// of a volume ("btrfs.") neither, since the system gives them to a file where it lies.
+//
+// Two names of one file differ in nothing: that they are two is for the caller to see before it removes one.
+//
+// A pair of plain files, without attributes and with nothing beside them, costs for each side the platform's extended
+// stat and a list of attributes, and no descriptor. Of more than that the entries are opened (O_PATH) and asked by
+// descriptor, and it is told when they are no longer those that were looked at.
+std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options = {});
+
+} // namespace engine

@@ -1,0 +1,59 @@
+// One of the two entries of a comparison, as far as it has been looked at.
+#pragma once
+
+#include "platform/core.h"
+#include "tools/engine/compare/side.h"
+#include "tools/engine/store/store_contents.h"
+#include "tools/engine/walk/descriptor.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+class EntryView {
+  public:
+    // The first look: status, DOS attributes, creation time. Throws Failure; for an entry that is not there errno is
+    // ENOENT then.
+    explicit EntryView(const Side &side);
+
+    const Side &side() const { return m_side; }
+    const VolumeFacts &volume() const { return m_side.volume; }
+    const VLIBCStat &status() const { return m_status; }
+    mode_t type() const { return m_status.st.st_mode & S_IFMT; }
+
+    // The names of its attributes, sorted, but for those that are how the volume keeps something that is compared as
+    // what it means. Throws Failure.
+    void list();
+    const std::vector<std::string> &names() const { return m_names; }
+    bool has(const char *name) const;
+    // Whether there can be more than its status tells: attributes, an ACL, a store.
+    bool may_hold_more() const;
+
+    // Opens the entry, so that what is asked from here on is asked of this one. Lists anew. Throws Failure when it is
+    // no longer the one that was looked at.
+    void pin();
+    // A path of what was pinned, for calls that take one.
+    const std::string &file() const { return m_file; }
+    // Nothing: it is gone. Throws Failure.
+    std::optional<std::string> attribute(const std::string &name) const;
+
+    // Of what was pinned. Links and special files have none.
+    const StoreContents &contents();
+
+  private:
+    std::vector<std::string> all_names() const;
+    bool is_representation(const std::string &name) const;
+
+    const Side &m_side;
+    VLIBCStat m_status{};
+    std::vector<std::string> m_names;
+    bool m_metadata = false; // among its attributes is the one with the AppleDouble header
+    Descriptor m_pin{-1};
+    std::string m_file;
+    std::unique_ptr<StoreContents> m_contents;
+};
+
+} // namespace engine

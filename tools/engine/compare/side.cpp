@@ -1,0 +1,79 @@
+#include "tools/engine/compare/side.h"
+
+#include "platform/sdk.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <iterator>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+struct GrainRow {
+    uint32_t magic;
+    int64_t grain;
+};
+// File systems that are not here are judged by what an entry's times show.
+constexpr GrainRow kGrains[] = {
+    {0x4d44, 2 * kSecond},       // FAT
+    {0x2011bab0, kSecond / 100}, // exFAT
+    {0x5346544e, 100},           // NTFS
+    {0x7366746e, 100},           // NTFS, by the other driver
+    {0x482b, kSecond},           // HFS+
+    {0x4858, kSecond},           // HFSX
+    {0x15013346, 1000},          // UDF
+    {0x9660, kSecond},           // CD
+    {0x58465342, 1},             // XFS
+    {0x9123683e, 1},             // btrfs
+    {0x01021994, 1},             // tmpfs
+    {0x858458f6, 1},             // ramfs
+};
+
+// The path of an open directory as the kernel tells it; empty when that is not it any more.
+std::string text_of(int directory) {
+    std::array<char, PATH_MAX> target{};
+    const std::string link = "/proc/self/fd/" + std::to_string(directory);
+    const ssize_t length = ::readlink(link.c_str(), target.data(), target.size());
+    if (length <= 0 || static_cast<size_t>(length) == target.size()) {
+        return {};
+    }
+    std::string path(target.data(), static_cast<size_t>(length));
+    struct stat there {
+    }, open{};
+    const bool same = ::lstat(path.c_str(), &there) == 0 && ::fstat(directory, &open) == 0 &&
+                      there.st_dev == open.st_dev && there.st_ino == open.st_ino;
+    return same ? path : std::string();
+}
+
+int type_of(int directory) {
+    const std::string text = text_of(directory);
+    return VEXOGetFSType(text.empty() ? ("/proc/self/fd/" + std::to_string(directory)).c_str() : text.c_str(), 1);
+}
+
+} // namespace
+
+VolumeFacts volume_facts(int directory, int type) {
+    VolumeFacts facts;
+    struct statfs volume {};
+    facts.type = type >= 0 ? type : type_of(directory);
+    const VolumeTraits traits = volume_traits(facts.type);
+    facts.store = traits.store;
+    facts.owners = traits.owners;
+    // An O_PATH descriptor will do for fstatfs().
+    facts.magic = ::fstatfs(directory, &volume) == 0 ? static_cast<uint32_t>(volume.f_type) : 0;
+    const auto *const row = std::ranges::find(kGrains, facts.magic, &GrainRow::magic);
+    facts.timeGrain = row == std::end(kGrains) ? 0 : row->grain;
+    struct stat found {};
+    facts.noDirectory = ::fstatat(directory, "@eaDir", &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+    return facts;
+}
+
+} // namespace engine

@@ -1,0 +1,140 @@
+// The vocabulary of what can become of an entry on its way to another volume. Who forecasts, who counts and who
+// compares speak of the same classes by the same names.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace engine {
+
+enum class LossClass : uint8_t {
+    data,
+    name_changed,
+    name_clash,
+    name_too_long,
+    file_too_large,
+    owner,
+    group,
+    mode,
+    acl_access,
+    acl_default,
+    acl_windows,
+    dos_attributes,
+    creation_time,
+    modification_time,
+    attribute,
+    system_attribute,
+    stream,
+    finder_info,
+    resource_fork,
+    mac_attributes,
+    locked,
+    symbolic_link,
+    hard_link,
+    hole,
+    special_file,
+    unreadable,
+    not_carried,
+};
+
+enum class Severity : uint8_t {
+    lost,       // it is at the source only
+    changed,    // it is there, and not as it was
+    costs_more, // it is there as it was, and takes more room
+};
+
+struct LossRow {
+    LossClass cls;
+    const char *name; // never changed once it was released: scripts ask for it
+    Severity severity;
+    const char *meaning, *help; // a sentence each
+};
+
+// In the order of the enumeration.
+inline constexpr std::array kLossTable = std::to_array<LossRow>({
+    {LossClass::data, "data", Severity::lost, "The content is not there, or not the same.",
+     "Copy the entry again; with \"compare\" the two can be held against each other."},
+    {LossClass::name_changed, "name-changed", Severity::changed,
+     "The volume does not take the name, and the entry stands under another one.",
+     "Rename it at the source, or choose a volume that takes every name."},
+    {LossClass::name_clash, "name-clash", Severity::lost,
+     "Two names of the source become one at the destination, which does not tell them apart.",
+     "Rename one of them at the source."},
+    {LossClass::name_too_long, "name-too-long", Severity::lost,
+     "The name, or that of a companion that its metadata need, is longer than the volume takes.",
+     "Shorten the name at the source."},
+    {LossClass::file_too_large, "file-too-large", Severity::lost, "The volume takes no file of this size.",
+     "Choose a volume with larger files (FAT ends at 4 GiB less a byte)."},
+    {LossClass::owner, "owner", Severity::changed, "The copy belongs to another user.",
+     "Copy as root, onto a volume that keeps owners."},
+    {LossClass::group, "group", Severity::changed, "The copy belongs to another group.",
+     "Copy as root or as a member of the group, onto a volume that keeps owners."},
+    {LossClass::mode, "mode", Severity::changed,
+     "The permissions, or the set-user-id, set-group-id or sticky bit, are not those of the source.",
+     "Copy as root, onto a volume that keeps permissions."},
+    {LossClass::acl_access, "acl-access", Severity::lost, "The access ACL is not that of the source.",
+     "Choose a volume that keeps ACLs, mounted with them."},
+    {LossClass::acl_default, "acl-default", Severity::lost,
+     "The ACL that new entries of a directory inherit is not that of the source.",
+     "Choose a volume that keeps ACLs, mounted with them."},
+    {LossClass::acl_windows, "acl-windows", Severity::lost, "The Windows ACL is not that of the source.",
+     "Copy as root, onto a volume that keeps \"security.\" attributes."},
+    {LossClass::dos_attributes, "dos-attributes", Severity::lost,
+     "Hidden, system or archive is not what it is at the source.",
+     "Choose a volume that keeps DOS attributes or \"user.\" attributes."},
+    {LossClass::creation_time, "creation-time", Severity::lost, "The creation time is not that of the source.",
+     "Choose a volume that keeps \"user.\" attributes, in which it is kept."},
+    {LossClass::modification_time, "modification-time", Severity::changed,
+     "The modification time is not that of the source, or coarser than both volumes keep it.",
+     "Copy as the owner or as root."},
+    {LossClass::attribute, "attribute", Severity::lost, "A \"user.\" attribute is not that of the source.",
+     "Choose a volume that keeps \"user.\" attributes of its size."},
+    {LossClass::system_attribute, "system-attribute", Severity::lost,
+     "A \"security.\", \"trusted.\" or \"system.\" attribute is not that of the source.",
+     "Copy as root, onto a volume that keeps such attributes."},
+    {LossClass::stream, "stream", Severity::lost, "A named stream of the store is not that of the source.",
+     "Free some room, or choose a volume whose stores take streams of its size."},
+    {LossClass::finder_info, "finder-info", Severity::lost, "The Finder Info is not that of the source.",
+     "Choose a volume that keeps stores."},
+    {LossClass::resource_fork, "resource-fork", Severity::lost, "The resource fork is not that of the source.",
+     "Choose a volume that keeps stores."},
+    {LossClass::mac_attributes, "mac-attributes", Severity::lost,
+     "Attributes that a Mac set on its own volume are not at the destination.",
+     "Copy the entry with a Mac, or keep the volume."},
+    {LossClass::locked, "locked", Severity::changed, "Clients see the one locked and the other not.",
+     "Lock or unlock the copy."},
+    {LossClass::symbolic_link, "symbolic-link", Severity::lost, "The link is not there, or leads somewhere else.",
+     "Choose a volume that keeps symbolic links."},
+    {LossClass::hard_link, "hard-link", Severity::costs_more,
+     "Names of one file have become files of their own, which take room each.",
+     "Copy all names of the file at once, onto a volume that keeps hard links."},
+    {LossClass::hole, "hole", Severity::costs_more, "Holes of the file were filled, and take room.",
+     "Choose a volume that keeps sparse files."},
+    {LossClass::special_file, "special-file", Severity::lost,
+     "A device, pipe or socket is not at the destination, or is another one.", "Make it anew at the destination."},
+    {LossClass::unreadable, "unreadable", Severity::lost,
+     "Something could not be read, so that nobody can tell whether it arrived.",
+     "Read the reason, and repair the store or ask for the rights."},
+    {LossClass::not_carried, "not-carried", Severity::lost,
+     "It belongs to the system or to nobody's store, and stays where it is.", "Copy it by hand if it is needed."},
+});
+
+constexpr const LossRow &loss_row(LossClass cls) {
+    return kLossTable[static_cast<size_t>(cls)];
+}
+// Nothing: there is no class of that name.
+std::optional<LossClass> loss_class(std::string_view name);
+// "lost", "changed", "costs-more".
+const char *severity_name(Severity severity);
+
+struct Loss {
+    LossClass cls;
+    std::string detail; // for people: what exactly, "attribute user.note: only at the first"
+    bool operator==(const Loss &) const = default;
+};
+
+} // namespace engine
