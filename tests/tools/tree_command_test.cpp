@@ -442,8 +442,9 @@ TEST_F(Relocate, KeepsTheSourceWhereThatIsAskedOrSomethingWouldBeLost) {
     ASSERT_EQ(0, ::mkfifo((from + "/sub/pipe").c_str(), 0600));
     const ToolResult result = runTool({"relocate", "-y", from, to});
     EXPECT_EQ(1, result.status);
-    EXPECT_TRUE(mentions(result.err, from + "/sub/pipe: is a named pipe, which cannot be copied\n"));
-    EXPECT_TRUE(mentions(result.err, "1 entry is not in it, so " + from + " stays as it is\n"));
+    EXPECT_TRUE(mentions(result.err, from + "/sub/pipe: not in the copy as it is in the source: "));
+    EXPECT_TRUE(mentions(result.err, "(special-file)\n"));
+    EXPECT_TRUE(mentions(result.err, "so " + from + " stays as it is\n"));
     expectWholeTree(from);
 }
 
@@ -451,7 +452,7 @@ TEST_F(Relocate, SaysWhatItDoesAndNeedsConsent) {
     makeDirectory(to);
     const ToolResult script = runTool({"relocate", from, to}, {.input = "y\n"});
     EXPECT_EQ(2, script.status);
-    EXPECT_TRUE(mentions(script.err, "  2. " + to + " IS REMOVED WITH EVERYTHING IN IT.\n"));
+    EXPECT_TRUE(mentions(script.err, "  3. What stands at " + to + " now IS REMOVED WITH EVERYTHING IN IT.\n"));
     EXPECT_TRUE(mentions(script.err, "-y goes ahead without asking\n"));
     expectWholeTree(from);
     kit::ToolOnTerminal denied({"relocate", from, to});
@@ -467,18 +468,23 @@ TEST_F(Relocate, SaysWhatItDoesAndNeedsConsent) {
 }
 
 TEST_F(Relocate, PlacesThatWouldDestroyTheSourceAreRefused) {
-    makeDirectory(scratch / "@tmp");
-    makeDirectory(scratch / "@tmp/share");
     for (const auto &[source, destination] : {std::pair(from, from),
                                               {from, from + "/sub/new"},
                                               {from + "/sub", from},
-                                              {scratch / "@tmp/share", to},
                                               {from + "/one", to},
+                                              {from, scratch / "@tmp"},
                                               {from, scratch / "none/to"}}) {
         EXPECT_EQ(2, runTool({"relocate", "-y", source, destination}).status) << source << " " << destination;
     }
     expectWholeTree(from);
-    EXPECT_TRUE(kit::exists(scratch / "@tmp/share"));
+}
+
+TEST_F(Relocate, WhatLiesInATmpDirectoryBesideItStays) {
+    makeDirectory(scratch / "@tmp");
+    kit::writeFile(scratch / "@tmp/other", "x");
+    EXPECT_EQ(0, runTool({"relocate", "-y", from, to}).status);
+    expectWholeTree(to);
+    EXPECT_EQ("x", kit::readFile(scratch / "@tmp/other"));
 }
 
 } // namespace

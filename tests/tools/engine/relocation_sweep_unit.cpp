@@ -1,0 +1,121 @@
+// A relocation that is killed before each of its system calls, or has each of them fail once, and is run again: nothing
+// is lost at any moment, and the second run finishes it. A sample of the points; with VEXO_FULL in the environment all.
+#include "tests/faults/system_calls.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/engine/relocation_scene.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+namespace {
+
+using engine::RelocationEnd;
+using faults::Plan;
+using relocation::Record;
+using relocation::Scene;
+
+constexpr size_t kSample = 40;
+
+class RelocationSweep : public testing::TestWithParam<const char *> {
+  protected:
+    void SetUp() override {
+        if (const std::string reason = faults::unavailable(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+        try {
+            m_source.emplace(kit::Volume::tmpfs(8 << 20));
+            m_destination.emplace(kit::Volume::loop(GetParam(), uint64_t{320} << 20));
+        } catch (const kit::Unavailable &missing) {
+            GTEST_SKIP() << missing.reason;
+        }
+        m_end =
+            static_cast<int *>(::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(MAP_FAILED, static_cast<void *>(m_end));
+    }
+
+    Scene scene() const { return {m_source->path(), m_destination->path()}; }
+    faults::Outcome supervised(const Scene &scene, const Plan &plan) {
+        *m_end = -1;
+        return faults::supervise(plan, [&](faults::Window &window) {
+            Record record;
+            window.open();
+            const RelocationEnd end = relocation::run(scene.from(), scene.to(), record).end;
+            window.close();
+            *m_end = static_cast<int>(end);
+        });
+    }
+    // Every so many points, beginning with another one for each kind of sweep.
+    static size_t step(size_t points) {
+        return std::getenv("VEXO_FULL") != nullptr ? 1 : std::max<size_t>(1, points / kSample);
+    }
+    void expectFinishedAgain(const Scene &scene, const std::string &point) {
+        Record record;
+        const engine::RelocationResult result = relocation::run(scene.from(), scene.to(), record);
+        // It was done but for the private place.
+        const bool wasDone =
+            !kit::exists(scene.from()) && result.problem.reason.find("No such file") != std::string::npos;
+        EXPECT_TRUE(wasDone || result.end == RelocationEnd::done)
+            << point << ": again: " << static_cast<int>(result.end) << " " << result.problem.reason << "\n"
+            << relocation::text(record);
+        EXPECT_EQ("", scene.unfinished()) << point << ", again\n" << relocation::text(record);
+    }
+
+    std::optional<kit::Volume> m_source, m_destination;
+    int *m_end = nullptr;
+};
+
+TEST_P(RelocationSweep, KilledAnywhereNothingIsLostAndTheSecondRunFinishes) {
+    const size_t points = supervised(scene(), {}).calls.size();
+    ASSERT_GT(points, 100u);
+    size_t runs = 0;
+    for (size_t at = 0; at < points; at += step(points)) {
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, {Plan::Action::kill, at, 0});
+        const std::string point =
+            "killed before call " + std::to_string(at) + " " +
+            (outcome.calls.empty() ? "" : faults::nameOf(outcome.calls.back()) + " " + outcome.calls.back().path);
+        ++runs;
+        EXPECT_EQ("", now.lost()) << point;
+        expectFinishedAgain(now, point);
+    }
+    std::cout << runs << " of " << points << " points\n";
+}
+
+TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) {
+    const std::vector<faults::SystemCall> calls = supervised(scene(), {}).calls;
+    std::vector<Plan> plans;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        for (const int error : faults::plausibleErrors(calls[at])) {
+            plans.push_back({Plan::Action::fail, at, error, calls[at].number});
+        }
+    }
+    ASSERT_GT(plans.size(), 100u);
+    size_t runs = 0;
+    for (size_t index = 3; index < plans.size(); index += step(plans.size())) {
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, plans[index]);
+        const faults::SystemCall &call = calls[plans[index].at];
+        const std::string point = faults::nameOf(call) + " " + call.path + " (call " + std::to_string(plans[index].at) +
+                                  "): " + std::strerror(plans[index].error);
+        ++runs;
+        EXPECT_EQ("", now.lost()) << point;
+        EXPECT_TRUE(WIFEXITED(outcome.status)) << point;
+        if (*m_end == static_cast<int>(RelocationEnd::done)) {
+            EXPECT_EQ("", now.unfinished()) << point;
+        } else {
+            expectFinishedAgain(now, point);
+        }
+    }
+    std::cout << runs << " of " << plans.size() << " points\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(To, RelocationSweep, testing::Values("ext4", "xfs"),
+                         [](const testing::TestParamInfo<const char *> &kind) { return kind.param; });
+
+} // namespace
