@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <sys/mman.h>
@@ -21,6 +22,7 @@ using relocation::Record;
 using relocation::Scene;
 
 constexpr size_t kSample = 40;
+constexpr int kThrown = -2;
 
 class RelocationSweep : public testing::TestWithParam<const char *> {
   protected:
@@ -43,11 +45,16 @@ class RelocationSweep : public testing::TestWithParam<const char *> {
     faults::Outcome supervised(const Scene &scene, const Plan &plan) {
         *m_end = -1;
         return faults::supervise(plan, [&](faults::Window &window) {
-            Record record;
-            window.open();
-            const RelocationEnd end = relocation::run(scene.from(), scene.to(), record).end;
-            window.close();
-            *m_end = static_cast<int>(end);
+            try { // what is thrown here would go on in the test
+                Record record;
+                window.open();
+                const RelocationEnd end = relocation::run(scene.from(), scene.to(), record).end;
+                window.close();
+                *m_end = static_cast<int>(end);
+            } catch (const std::exception &) {
+                window.close();
+                *m_end = kThrown;
+            }
         });
     }
     // Every so many points, beginning with another one for each kind of sweep.
@@ -106,6 +113,7 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
         ++runs;
         EXPECT_EQ("", now.lost()) << point;
         EXPECT_TRUE(WIFEXITED(outcome.status)) << point;
+        EXPECT_NE(kThrown, *m_end) << point;
         if (*m_end == static_cast<int>(RelocationEnd::done)) {
             EXPECT_EQ("", now.unfinished()) << point;
         } else {

@@ -313,12 +313,17 @@ std::optional<bool> Proof::holds(int fd) const {
 
 void Proof::renew(int fd) {
     struct stat now {};
-    const auto found = ::fstat(fd, &now) == 0 && now.st_nlink > 0 ? m_seen.find(now.st_ino) : m_seen.end();
-    if (found != m_seen.end()) {
-        Seen expected = found->second;
-        expected.changed = now.st_ctim;
-        found->second = expected.is(now) ? expected : found->second;
+    const auto found = ::fstat(fd, &now) == 0 ? m_seen.find(now.st_ino) : m_seen.end();
+    if (found == m_seen.end()) {
+        return;
     }
+    if (now.st_nlink == 0) {
+        m_seen.erase(found); // a new file may get the number
+        return;
+    }
+    Seen expected = found->second;
+    expected.changed = now.st_ctim;
+    found->second = expected.is(now) ? expected : found->second;
 }
 
 Proof::Seen::Seen(const struct stat &found, bool isProven)

@@ -53,7 +53,7 @@ class Proof {
 
     // Whether the entry, by descriptor, still is what was proven. Nothing: it was not there then.
     std::optional<bool> holds(int fd) const;
-    // It is something else since, by our own doing: one of its names was removed.
+    // One of its names was removed, by our own doing.
     void renew(int fd);
 
   private:

@@ -52,18 +52,14 @@ void check_source(const RelocationRequest &request, const PrivatePlace &place) {
 // A volume that is mounted somewhere in the two trees would be copied as if it was part of the one, or hidden with the
 // other.
 void check_mounts(const RelocationRequest &request, bool destinationExists) {
-    try {
-        const auto inSource = mount_in(request.source, !request.keepSource);
-        const auto inDestination = destinationExists ? mount_in(request.destination, true) : std::nullopt;
-        for (const auto &place : {inSource, inDestination}) {
-            if (place) {
-                throw InvalidRequest(fmt::format("{}: a volume is mounted there; unmount it first, or relocate what is "
-                                                 "in it",
-                                                 displayed(*place)));
-            }
+    const auto inSource = mount_in(request.source, !request.keepSource);
+    const auto inDestination = destinationExists ? mount_in(request.destination, true) : std::nullopt;
+    for (const auto &place : {inSource, inDestination}) {
+        if (place) {
+            throw InvalidRequest(fmt::format("{}: a volume is mounted there; unmount it first, or relocate what is "
+                                             "in it",
+                                             displayed(*place)));
         }
-    } catch (const Failure &failure) {
-        throw InvalidRequest(failure.what());
     }
 }
 
@@ -450,9 +446,7 @@ void Relocating::fail(const Problem &problem) {
     m_result.noteStays = true;
 }
 
-} // namespace
-
-RelocationPlan plan_relocation(const RelocationRequest &request) {
+RelocationPlan planned(const RelocationRequest &request) {
     PrivatePlace place(request.destination);
     RelocationPlan plan{.request = request, .staging = place.path()};
     const auto note = note_in(place);
@@ -474,6 +468,16 @@ RelocationPlan plan_relocation(const RelocationRequest &request) {
     plan.destinationExists = there.has_value();
     check_mounts(request, plan.destinationExists);
     return plan;
+}
+
+} // namespace
+
+RelocationPlan plan_relocation(const RelocationRequest &request) {
+    try {
+        return planned(request);
+    } catch (const Failure &failure) {
+        throw InvalidRequest(failure.what());
+    }
 }
 
 RelocationResult relocate(const RelocationPlan &plan, RelocationObserver &observer) {
