@@ -3,6 +3,7 @@
 
 #include "support/dos_attributes.h"
 #include "support/fd.h"
+#include "support/open_without_waiting.h"
 #include "support/report.h"
 
 #include <cerrno>
@@ -14,7 +15,7 @@ int VEXOBackupCleanFileArchiveBit(const char *path) {
     if (path == nullptr) {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
-    const Fd file(::open(path, O_RDONLY));
+    const Fd file(open_without_waiting(path, O_RDONLY));
     if (!file) {
         VEXO_LOG_ERROR(VEXO_HERE, "open() failed!! szFile=[%s], errno=[%d/%m]", path, errno);
         return fail(Error::open, VEXO_HERE);

@@ -444,16 +444,29 @@ int VEXOFileOpCopyFile(const char *src, const char *dst, uint32_t flags, VEXOCop
  * except where the entry vanished meanwhile: 0x0600; to VEXOFileOpCopyDir a vanished file is a failure like others,
  * 0x8000). Nothing is rolled back. A tree that the cancel callback stops is a 0: it holds what was copied by then.
  *
- * A destination inside the source is not copied into itself: its top directory is passed over.
+ * A destination inside the source is not copied into itself: its top directory is passed over. It is known by its
+ * inode, on type 12 by its resolved path. A tree that is moved onto itself, by another name, stays.
  *
- * A level of the tree takes one open descriptor, and little stack: a tree may be as deep as a path of 4095 bytes. A
- * file takes up to four more while it is copied.
+ * Slashes behind `src` and `dst` are not part of the names. A destination whose last component is "." or "..", or that
+ * is
+ * "/", has no name that a store could belong to: 0x0D00, and nothing is touched; so has the source of a move. To copy
+ * from "DIR/." is to copy from "DIR".
+ *
+ * A new directory gets the source's full mode; set-user-id and set-group-id only where its owner has been set.
+ *
+ * A walk holds at most 16 directories of the source and one of the destination open, and a file takes up to four more
+ * descriptors while it is copied. Of the directories further up it keeps in memory what it has not read yet, the name
+ * and two bytes an entry, and opens them again on the way back: one that is another by then is not gone on with
+ * (0x8000). Running out of descriptors or memory fails the entry. A level takes little stack: a tree may be as deep as
+ * a path of 4095 bytes. An entry whose path would be longer, at the source or the destination, fails with 0xC300; the
+ * report names it by the first 4095 bytes of its source path.
  *
  * Codes of the directories, beside those of the files: 0x0D00 null argument; 0x0600 a volume's type cannot be read, or
  * the destination's parent is missing; 0x0300 permission; 0x0700 the source is missing; 0x6C00 EIO or ENXIO; 0x1100 the
  * storage is gone; 0x8400 read-only destination; 0x2900 no space; 0x2400 quota; 0xC300 name or path too long; 0xA000
- * the destination is there and no directory; 0x2700 a stat failed; 0x8000 anything else. errReport hears of a source
- * that cannot be opened and of a destination that cannot be made.
+ * the destination is there and no directory; 0x2700 a stat failed; 0x0200 out of memory; 0x8000 anything else.
+ * errReport hears of a source that cannot be opened or read to its end, of a destination that cannot be made, of one
+ * that cannot be finished for want of descriptors, and of an entry whose path is too long.
  *
  *     VEXOCopyOpt options = {0};
  *     options.ownerMode = 1;
@@ -474,14 +487,17 @@ int VEXOCopyDirectoryExI(const char *src, const char *dst, VEXOCopyOpt *opt, int
 /* The same by a flag word, the one of VEXOFileOpCopyFile and: 0x80 stop on error; 0x200 carry everything in "@eaDir";
  * 0x800 relocate, which copies the tree into "@tmp" beside the destination, empties the destination, moves the copy
  * into place with /bin/mv and then removes the source, unless 0x4 is set, which here keeps it. `args` may be null;
- * types and size limit that it does not tell are looked up and written into it. Clears the umask while it runs. While a
- * relocation runs the record's isCancel slot is the library's own, which asks the caller's.
+ * types and size limit that it does not tell are looked up and written into it, and the types hold for the whole tree.
+ * Clears the umask while it runs. A relocation asks isCancel once more before it commits.
  *
  * A relocation that fails leaves the source as it was and removes the staged copy: 0x3C00 the staging directory cannot
- * be made; 0x3900 a tree cannot be emptied; 0x3B00 copying failed; 0x0D00 source, destination and staging directory
- * hold one another, or the destination has no name of its own (nothing is touched); 0x3A00 the final move failed (the
- * destination is empty then); 0xA600 cancelled, with the destination as it was. What the copy passed over (see above)
- * goes with the source: to be sure, keep the source and compare. */
+ * be made; 0x3900 a tree cannot be emptied; 0x3B00 copying failed, or a path in the staging directory would be too
+ * long; 0x0D00 source, destination and staging directory hold one another, by path, link or mount, or one has no name
+ * of its own (nothing is touched), or the source was exchanged meanwhile (the destination stays); 0x3A00 the final move
+ * failed (the destination is empty then); 0xA600 cancelled, with the destination as it was. Where the source is not
+ * known to be whole any more, because it is another directory or lacks what was staged of it, the staged copy stays,
+ * and a log line names it. What the copy passed over (see above) goes with the source: to be sure, keep the source and
+ * compare. */
 int VEXOFileOpCopyDir(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args);
 
 /* Relocates a shared folder to another volume as VEXOFileOpCopyDir does, with `opt` for the copy, except that it

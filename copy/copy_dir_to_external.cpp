@@ -28,62 +28,25 @@ int ask_and_note() {
 int copy_to_staging(void *data, const char *src, const char *staged, bool *cancelled) {
     const auto *opt = static_cast<const VEXOCopyOpt *>(data);
     if (opt == nullptr) {
-        return copy_directory_anywhere(src, staged, nullptr, nullptr, 0, cancelled);
+        return copy_directory_anywhere(src, staged, nullptr, nullptr, kStagingFlag, cancelled);
     }
     VEXOCopyOpt watched = *opt;
     watched.move = 0;
     if (opt->isCancel == nullptr) {
-        return copy_directory_anywhere(src, staged, &watched, nullptr, 0, cancelled);
+        return copy_directory_anywhere(src, staged, &watched, nullptr, kStagingFlag, cancelled);
     }
     watched.isCancel = ask_and_note;
     CancelWatch watch{opt->isCancel, cancelled};
     CancelWatch *const outer = watching; // a callback may start another relocation
     watching = &watch;
-    const int result = copy_directory_anywhere(src, staged, &watched, nullptr, 0, cancelled);
+    const int result = copy_directory_anywhere(src, staged, &watched, nullptr, kStagingFlag, cancelled);
     watching = outer;
     return result;
-}
-
-void log_event(RelocationEvent event, Place place, const char *first, const char *second) {
-    switch (event) {
-    case RelocationEvent::bad_arguments:
-        VEXO_LOG_ERROR(place, "Parameters error.");
-        break;
-    case RelocationEvent::staging_not_made:
-        VEXO_LOG_ERROR(place, "Failed to mkdir = %s, vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::staging_not_cleaned:
-    case RelocationEvent::destination_not_cleaned:
-        VEXO_LOG_ERROR(place, "Failed to clean share at path : %s, vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_copied:
-        VEXO_LOG_ERROR(place, "Failed to copy share to other volume:%s, szDestPath:%s, vexoerr=[0x%04X]", first, second,
-                       VLIBCErrGet());
-        break;
-    case RelocationEvent::stage_failed:
-        VEXO_LOG_ERROR(place, "Failed to Copy share's data to @tmp: oldpath = %s , newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_moved:
-        VEXO_LOG_ERROR(place, "Failed to change share to other volume:%s, szDestPath:%s, vexoerr=[0x%04X]", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::source_not_removed: // without the blank that the next one has: both texts are searched for
-        VEXO_LOG_ERROR(place, "Failed to remove the dir which path =%s and type = [0]", first);
-        break;
-    case RelocationEvent::staged_not_removed:
-        VEXO_LOG_ERROR(place, "Failed to remove the dir which path = %s and type = [0]", first);
-        break;
-    case RelocationEvent::commit_failed:
-        VEXO_LOG_ERROR(place, "Failed to move share's data from @tmp: oldpath = %s , newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
-    }
 }
 
 } // namespace
 
 int VEXOCopyDirToExternal(const char *src, const char *dst, int keepSource, VEXOCopyOpt *opt) {
-    const RelocationRequest request{keepSource != 0, true, {copy_to_staging, opt}, log_event, VEXO_SOURCE};
+    const RelocationRequest request{keepSource != 0, true, {copy_to_staging, opt}, RelocationTexts::share, VEXO_SOURCE};
     return relocate(src, dst, request);
 }

@@ -25,13 +25,12 @@ struct Records {
     VEXOCopyArgsEx *ex = nullptr;
     VEXOCopyTHRArgs *thr = nullptr;
     const WalkedDirectory *directory = nullptr;
-    const char *dst = nullptr;              // as the caller gave it
-    const struct stat *srcStatus = nullptr; // of the open source, from the engine
+    const char *dst = nullptr; // as the caller gave it
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
     const Records &given = *static_cast<const Records *>(data);
-    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr, given.srcStatus);
+    return _VEXOCopyFileFd(*srcFd, *dstFd, size, given.opt, given.optR, given.ex, given.thr);
 }
 
 int is_too_large(void *, const char *dst, int type, uint64_t size) {
@@ -78,7 +77,6 @@ int run_engine(const char *src, const char *dst, Records given, Mode mode, int32
         take_policy(request, *given.optR);
     }
     given.dst = dst;
-    request.srcStatus = &given.srcStatus;
     request.clone = mode == Mode::clone;
     request.asCaller = mode == Mode::as_caller;
 

@@ -87,6 +87,7 @@ int copy_directory(const char *src, const char *dst, int srcKind, int dstKind, V
     TreeRequest request{};
     request.srcKind = srcKind;
     request.dstKind = dstKind;
+    request.pathsMustFit = (flags & kStagingFlag) != 0;
     if (opt != nullptr) {
         request.move = opt->move != 0;
         request.replaces = opt->overwrite == 1;

@@ -8,13 +8,13 @@
 using namespace vexo;
 
 int _VEXOCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyOpt *opt, VEXOCopyOptR * /*optR*/, VEXOCopyArgsEx *ex,
-                    VEXOCopyTHRArgs *thr, const struct stat *srcStatus) {
+                    VEXOCopyTHRArgs *thr) {
     const TransferCallbacks callbacks = {
         .progress = opt != nullptr ? progress_of(opt) : progress_of(thr),
         .isCancel = opt != nullptr ? cancel_of(opt) : cancel_of(thr),
         .getReadSize = read_size_of(ex).or_else(read_size_of(thr)),
     };
-    return transfer(srcFd, dstFd, size, callbacks, kDescriptorCopySource, srcStatus);
+    return transfer(srcFd, dstFd, size, callbacks, kDescriptorCopySource);
 }
 
 int VEXOCopyFileFdEx(int srcFd, int dstFd, int64_t size, VEXOCopyBareProgressFn progress,

@@ -3,10 +3,10 @@
 
 #include "support/fd.h"
 #include "support/guards.h"
+#include "support/open_without_waiting.h"
 #include "support/report.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace vexo;
@@ -29,13 +29,6 @@ int look_at(int fd, const char *path, struct stat *st, VLIBCStat *xst) {
         }
     }
     return 0;
-}
-
-// A FIFO without its other end must not hold the copy up. A file under another process's lease says so instead of
-// waiting for it: that is waited for, as only regular files can be leased.
-int open_without_waiting(const char *path, int flags, mode_t mode) {
-    const int fd = ::open(path, flags | O_NONBLOCK, mode);
-    return fd < 0 && errno == EWOULDBLOCK ? ::open(path, flags, mode) : fd;
 }
 
 } // namespace

@@ -19,13 +19,11 @@ struct Caller {
     uint32_t flags;
     VEXOCopyArgs *args;
     const WalkedDirectory *directory;
-    const char *dst;                        // as it was asked for
-    const struct stat *srcStatus = nullptr; // of the open source, from the engine
+    const char *dst; // as it was asked for
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
-    const Caller &caller = *static_cast<const Caller *>(data);
-    return copy_fileop_data(*srcFd, *dstFd, size, caller.args, caller.srcStatus);
+    return VEXOFileOpCopyFileFd(*srcFd, *dstFd, size, static_cast<VEXOCopyArgs *>(data));
 }
 
 int is_too_large(void *data, const char *dst, int type, uint64_t size) {
@@ -79,9 +77,8 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
     request.rename = rename_of(args);
     request.isTooLarge = {is_too_large, args};
     Caller caller = {flags, args, directory, dst};
-    request.srcStatus = &caller.srcStatus;
     const auto moveData = read_write_data_of(args);
-    request.moveData = moveData.or_else({copy_data, &caller});
+    request.moveData = moveData.or_else({copy_data, args});
     request.moveDataIsOurs = !moveData;
     if ((flags & kFileOpNoMetadata) == 0) {
         request.renameMetadata = {rename_metadata, nullptr};

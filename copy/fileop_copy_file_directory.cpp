@@ -54,11 +54,14 @@ int nothing_to_copy(void * /*data*/, const char * /*src*/, const char * /*dst*/)
 }
 
 // The tree itself, however it was asked for.
-int copy_directory(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args, bool *cancelled) {
+int copy_directory(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args, bool staging,
+                   bool *cancelled) {
     Caller caller{flags, args};
     TreeRequest request{};
     request.srcKind = args->fsTypeSrc;
     request.dstKind = args->fsTypeDst;
+    request.srcKindHolds = true;
+    request.pathsMustFit = staging;
     request.move = (flags & kFileOpMove) != 0;
     request.replaces = (flags & kFileOpFailIfExists) == 0 && (flags & kFileOpReplace) != 0;
     request.stopOnError = (flags & kFileOpStopOnError) != 0;
@@ -116,78 +119,63 @@ int complete_record(const char *src, const char *dst, VEXOCopyArgs *args) {
     return 0;
 }
 
-// Stands in the record's cancel slot for a scope and notes whether the caller ever wanted to stop: a copy that was
-// cancelled inside its last file is a success to the walk, but nothing to commit.
-class CancelWatch {
+// The record that a staging copy works with, in the place of the caller's: it notes whether the caller ever wanted to
+// stop (a copy that was cancelled inside its last file is a success to the walk, but nothing to commit). The caller's
+// callbacks are handed the caller's record, and find it as it is.
+class WatchedRecord {
   public:
-    CancelWatch(VEXOCopyArgs *args, bool *cancelled)
-        : m_args(args), m_isCancel(args->isCancel), m_data(args->isCancelArg), m_cancelled(cancelled) {
-        if (m_isCancel != nullptr) {
-            args->isCancel = ask;
-            args->isCancelArg = this;
+    WatchedRecord(VEXOCopyArgs *caller, bool *cancelled) : m_record(*caller), m_caller(caller), m_cancelled(cancelled) {
+        if (caller->isCancel != nullptr) {
+            m_record.isCancel = ask;
+            m_record.isCancelArg = this;
+        }
+        if (caller->copyFile != nullptr) {
+            m_record.copyFile = copy_file;
+            m_record.copyFileArg = this;
+        }
+        if (caller->readWriteData != nullptr) {
+            m_record.readWriteData = read_write_data;
+            m_record.readWriteDataArg = this;
         }
     }
-    CancelWatch(const CancelWatch &) = delete;
-    CancelWatch &operator=(const CancelWatch &) = delete;
-    ~CancelWatch() {
-        m_args->isCancel = m_isCancel;
-        m_args->isCancelArg = m_data;
-    }
+    WatchedRecord(const WatchedRecord &) = delete;
+    WatchedRecord &operator=(const WatchedRecord &) = delete;
+    ~WatchedRecord() = default;
+
+    VEXOCopyArgs *get() { return &m_record; }
 
   private:
+    static const WatchedRecord &of(void *data) { return *static_cast<const WatchedRecord *>(data); }
     static int ask(void *data) {
-        const auto &watch = *static_cast<const CancelWatch *>(data);
-        const int answer = watch.m_isCancel(watch.m_data);
+        const WatchedRecord &watch = of(data);
+        const VEXOCopyArgs &caller = *watch.m_caller;
+        const int answer = caller.isCancel == nullptr ? 0 : caller.isCancel(caller.isCancelArg);
         *watch.m_cancelled = *watch.m_cancelled || answer != 0;
         return answer;
     }
+    static int copy_file(void *data, const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *) {
+        VEXOCopyArgs *caller = of(data).m_caller;
+        return caller->copyFile(caller->copyFileArg, src, dst, flags, caller);
+    }
+    static int read_write_data(void *data, const char *src, const char *dst, int *srcFd, int *dstFd, int64_t size,
+                               VEXOCopyArgs *) {
+        VEXOCopyArgs *caller = of(data).m_caller;
+        return caller->readWriteData(caller->readWriteDataArg, src, dst, srcFd, dstFd, size, caller);
+    }
 
-    VEXOCopyArgs *m_args;
-    VEXOCopyIsCancelFn m_isCancel;
-    void *m_data;
+    VEXOCopyArgs m_record;
+    VEXOCopyArgs *m_caller;
     bool *m_cancelled;
 };
 
+// What the caller's own callbacks copy asks the caller's own cancel callback, unseen: it is asked once more at the end.
 int copy_to_staging(void *data, const char *src, const char *staged, bool *cancelled) {
-    auto *args = static_cast<VEXOCopyArgs *>(data);
-    const CancelWatch watch(args, cancelled);
-    return copy_directory(src, staged, 0, args, cancelled);
-}
-
-void log_event(RelocationEvent event, Place place, const char *first, const char *second) {
-    switch (event) {
-    case RelocationEvent::bad_arguments: // the line of the failed stage says it
-        break;
-    case RelocationEvent::staging_not_made:
-        VEXO_LOG_ERROR(place, "Failed to mkdir = [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::staging_not_cleaned:
-        VEXO_LOG_ERROR(place, "Failed to clean share at path : [%s], vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::destination_not_cleaned:
-        VEXO_LOG_ERROR(place, "Failed to clean share at path : %s, vexoerr=[0x%04X]", first, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_copied:
-        VEXO_LOG_ERROR(place, "Failed to copy share to other volume:[%s],szDestPath: [%s], vexoerr=[0x%04X]", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::stage_failed:
-        VEXO_LOG_ERROR(place, "Failed to Copy share's data to @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::not_moved:
-        VEXO_LOG_ERROR(place, "Failed to change share to other volume:%s, szDestPath:%s, vexoerr=[0x%04X]", first,
-                       second, VLIBCErrGet());
-        break;
-    case RelocationEvent::source_not_removed:
-    case RelocationEvent::staged_not_removed:
-        VEXO_LOG_ERROR(place, "Failed to remove the dir, path = [%s].", first);
-        break;
-    case RelocationEvent::commit_failed:
-        VEXO_LOG_ERROR(place, "Failed to move share's data from @tmp: oldpath = %s, newpath = %s, errno=0x%X\n", first,
-                       second, VLIBCErrGet());
-        break;
+    WatchedRecord watched(static_cast<VEXOCopyArgs *>(data), cancelled);
+    const int result = copy_directory(src, staged, 0, watched.get(), true, cancelled);
+    if (result == 0 && watched.get()->isCancel != nullptr && !*cancelled) {
+        (void)watched.get()->isCancel(watched.get()->isCancelArg);
     }
+    return result;
 }
 
 int run(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
@@ -197,9 +185,10 @@ int run(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
     const UmaskGuard mask(0);
     if ((flags & kFileOpRelocate) == 0) {
         bool cancelled = false;
-        return copy_directory(src, dst, flags, args, &cancelled);
+        return copy_directory(src, dst, flags, args, false, &cancelled);
     }
-    const RelocationRequest request{(flags & kFileOpMove) != 0, false, {copy_to_staging, args}, log_event, VEXO_SOURCE};
+    const RelocationRequest request{
+        (flags & kFileOpMove) != 0, false, {copy_to_staging, args}, RelocationTexts::file_operation, VEXO_SOURCE};
     return relocate(src, dst, request);
 }
 

@@ -1,5 +1,5 @@
 // Descriptor copy whose callbacks come from the record of the file operations.
-#include "copy/engine/fileop_copy.h"
+#include "copy/copy.h"
 
 #include "copy/engine/callbacks.h"
 #include "support/report.h"
@@ -7,12 +7,8 @@
 
 using namespace vexo;
 
-int vexo::copy_fileop_data(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args, const struct stat *srcStatus) {
+int VEXOFileOpCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args) {
     const TransferCallbacks callbacks = {
         .progress = progress_of(args), .isCancel = cancel_of(args), .getReadSize = read_size_of(args)};
-    return transfer(srcFd, dstFd, size, callbacks, VEXO_SOURCE, srcStatus);
-}
-
-int VEXOFileOpCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyArgs *args) {
-    return copy_fileop_data(srcFd, dstFd, size, args, nullptr);
+    return transfer(srcFd, dstFd, size, callbacks, VEXO_SOURCE);
 }

@@ -89,8 +89,9 @@ int VEXOEAIsHiddenName(const char *name);
 int VEXOEAHiddenDirGet(VLIBCSzList **list);
 
 /* Whether `path` is an AppleDouble file that belongs to a file beside it: 0 it is; -1 it cannot be told (0x0D00 for a
- * null or empty path, 0x0200); -2 its name does not begin with "._"; -3 it cannot be read or does not begin with the
- * AppleDouble magic; -4 there is nothing beside it that it belongs to. The answers below -1 set no error. */
+ * null or empty path, 0x0200; 0x2700 what it belongs to cannot be looked at); -2 its name does not begin with "._"; -3
+ * it is no regular file, cannot be read (errno tells why, and is 0 otherwise) or does not begin with the AppleDouble
+ * magic; -4 there is nothing beside it that it belongs to. The answers below -1 set no error. */
 int VEXOEACheckADFile(const char *path);
 
 /* ---- The stream file ----------------------------------------------------------------------------------------------
@@ -104,14 +105,18 @@ int VEXOEACheckADFile(const char *path);
  *  2. The lock is fcntl's, on the whole file and between processes: F_RDLCK (0) shared, F_WRLCK (1) exclusive, F_UNLCK
  *     (2). It is never waited for; a caller that gets 0x0400 decides itself whether to try again. As such locks go, it
  *     is lost when the process closes any descriptor of the file, or another handle on it.
- *  3. Attribute names are byte strings of 1 to 254 bytes, values have at most 2 GiB - 1 bytes, and a file has at most
- *     65535 attributes. Where a file has a name twice, the last record counts.
+ *  3. Attribute names are byte strings of at most 254 bytes, an empty one among them; values have at most 2 GiB - 1
+ *     bytes, and a file has at most 65535 attributes. Where a file has a name twice, the last record counts.
  *  4. A change rewrites header, records and values and moves the resource fork. What can refuse it is asked before the
  *     first byte is written: 0x0D00 for sums that do not fit the format's 32-bit fields, 0x0A00 for a file that is not
- *     what its numbers say, 0x0200 for memory, 0x0B00 for a volume without room. Such a refusal leaves file and handle
- *     as they were. After a failure to write (0x0B00, 0x2600, 0x2A00) the handle may no longer match the file: close
- * it.
- *  5. All functions fail with 0x0D00 for a null handle or name or a handle without a descriptor.
+ *     what its numbers say, 0x0200 for memory, 0x0B00 for a volume without room or a file size limit. Such a refusal
+ *     leaves file and handle as they were. A failure to write (0x0B00, 0x2600, 0x2A00) is undone, so that file and
+ *     handle are then as they were too, an empty file empty. Where the volume refuses that as well, the file is
+ *     damaged and the handle no longer matches it: close it.
+ *  5. A file that lost its last bytes is changed all the same where the change has no use for them: the value that is
+ *     missing is removed, written over or cut before the place where it ends. What would have to read them fails with
+ *     0x0A00. A resource fork that ends early is moved as far as it is there.
+ *  6. All functions fail with 0x0D00 for a null handle or name or a handle without a descriptor.
  *
  * Example: store a comment.
  *
@@ -185,14 +190,18 @@ int VEXOEASRead(VEXOEAS *, const char *name, void *buf, uint32_t size, uint32_t 
  * when `size` is 0, so that callers can ask whether it exists. One that is missing, with flag 2: -1 with errno ENOENT
  * and 0x2000.
  *
- * Returns `size`. Needs the write lock. -1 with 0x0300, 0x0D00 (also: null data with a size, a name that is empty or
- * has more than 254 bytes, more than 65535 attributes, a size over 2 GiB - 1), 0x0200, 0x0A00, 0x2600, 0x0B00, 0x2A00.
+ * Returns `size`. Needs the write lock. -1 with 0x0300, 0x0D00 (also: null data with a size, a name of more than 254
+ * bytes, more than 65535 attributes, a size over 2 GiB - 1), 0x0200, 0x0A00, 0x2600, 0x0B00, 0x2A00. An empty name is
+ * not refused: what another stream holds under it can be carried over.
  */
 int VEXOEASWrite(VEXOEAS *, const char *name, const void *data, uint32_t size, uint32_t offset, int flags);
 
 /* Gives a value a new length; new bytes are zeros. The attribute becomes the last one. Deliberately the resource fork
- * is not moved and the file not shortened, though the header then says that the fork follows the values: truncate a
- * stream with a resource fork only to write the value anew. Needs the write lock. -1 with 0x0300, 0x2000, 0x0D00,
+ * is not moved and the file not shortened, though the header then says that the fork follows the values. In a stream
+ * that has a fork (EASGetRForkLocation tells) any other length than the present one therefore destroys it: a greater
+ * one writes zeros over its beginning, and after a smaller one the next write or removal, that of the same value among
+ * them, moves bytes that are not the fork's. There, VEXOEASRemove and then VEXOEASWrite give a value a new content, and
+ * a write behind its end makes it longer: both move the fork. Needs the write lock. -1 with 0x0300, 0x2000, 0x0D00,
  * 0x0200, 0x0A00, 0x2600, 0x0B00. */
 int VEXOEASTruncate(VEXOEAS *, const char *name, uint32_t length);
 
@@ -234,8 +243,9 @@ int EASWriteToFd(int srcFd, int dstFd);
 int EASGetAttrCount(int fd);
 
 /* Moves `length` bytes of resource fork inside the file; the places may overlap. The file is extended where needed and
- * never cut; a fork that ends early is moved as far as it goes. -1 with 0x0A00, 0x0B00 (each with a log line), 0x2600,
- * 0x2A00. */
+ * never cut; a fork that ends early is moved as far as it goes. What a failing move had moved is put back. -1 with
+ * 0x0A00, 0x0B00 (each with a log line; towards the end also 0x0A00 without one, for a length over that of the file),
+ * 0x2600, 0x2A00. */
 int EASMoveRFork(VEXOEAS *, uint32_t newOffset, uint32_t oldOffset, uint32_t length);
 
 /* Which of the header's two entries is the Finder Info: 0 or 1; -1 with 0x0A00 when neither is. */
@@ -359,6 +369,12 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list);
  * the archive attribute of the file, whose metadata are about to change; a volume that has no such attribute is
  * tolerated.
  *
+ * "@eaDir" may be written by everybody. So no link is followed from there on, nothing is waited for, and what is no
+ * regular file is not opened: ELOOP for a link, EINVAL for anything else, EMLINK for a file with other names that not
+ * everybody may use as asked, ENOTDIR where "@eaDir" or the file's directory in it is none. The same holds for all that
+ * works on companions. A path whose last component is empty, "." or ".." names nothing that could have any: there is
+ * none (ENOENT), and what would make, change or remove one fails with 0x0D00 and touches nothing.
+ *
  * Example: change an attribute in the stream file of `path`.
  *
  *     int fd = VEXOEAOpen(1, path, "VexoEAStream", O_RDWR | O_CREAT, 0);
@@ -375,15 +391,18 @@ int VEXOEAXattrEnum(const char *path, VLIBCSzList **list);
  * it, which is then given the hidden attribute on FAT and exFAT (a failure is logged, the file stays open). `oflag` as
  * for open(); files are made with mode 0777 less the umask. Returns a descriptor that the caller closes, or -1 with
  * errno.
- * Codes: 0x0D00 null argument (ENOENT) or unknown kind; those of VEXOEAPath. A failing open() sets errno alone. */
+ * Codes: 0x0D00 null argument (ENOENT), unknown kind, or a path that names no entry, for writing (EINVAL); those of
+ * VEXOEAPath. A failing open() sets errno alone. */
 int VEXOEAOpen(int nameMode, const char *path, const char *stream, int oflag, int kind);
 /* Opens a companion in "@eaDir"; `nameMode` and `stream` as for VEXOEAPathNoADFS. With O_CREAT the directories on the
  * way are made first. Result and codes as for VEXOEAOpen, and those of VEXOEAMKDir. */
 int VEXOEAOpenNoADFS(int nameMode, const char *path, const char *stream, int oflag);
 /* Makes the directory `eaDirPath`, with `parentToo` first the one that holds it: mode 0777 whatever the umask, hidden
- * from Mac clients on type 7, with the platform's ACL for such directories. One that exists is left as it is.
- * Codes: 0x0D00 null path, or no parent in it; 0x3C00 it cannot be made, or the process cannot become root; 0x2A00 mode
- * or Finder Info could not be set; 0x0100 out of memory. Runs as effective user root: callers serialise. */
+ * from Mac clients on type 7, with the platform's ACL for such directories, which is set by way of "/proc/self/fd". One
+ * that exists is left as it is.
+ * Codes: 0x0D00 null path, one that ends in "." or "..", or no parent in it; 0x3C00 it cannot be made, or the process
+ * cannot become root; 0x2A00 mode or Finder Info could not be set; 0x0100 out of memory. Runs as effective user root:
+ * callers serialise. */
 int VEXOEAMKDir(int parentToo, const char *eaDirPath);
 /* Sets the archive attribute of a file, for the next backup to take it along. Returns what the platform's call returns:
  * 0, or -1 with errno (ENOSYS: it has no such call). No code, no log line. */
@@ -439,10 +458,11 @@ int VEXOEAFixErrorAD(const char *path);
  */
 
 /* Moves everything that belongs to a file renamed from `oldPath` to `newPath`; across volumes with /bin/mv. What stood
- * under the new name is replaced. The archive bit of the new path is set (a failure of that is a debug line). Returns
- * 0, or minus the number of items that could not be moved (the others were): 0x2800, or what making "@eaDir" raised. -1
- * also for a null path (0x0D00) and a volume whose type cannot be told. A "._" file is moved where that is possible,
- * and never a failure. errno and the last error are those of the move. May switch the effective user to root and back.
+ * under the new name is replaced, but across volumes nothing but a regular file. The archive bit of the new path is set
+ * (a failure of that is a debug line). Returns 0, or minus the number of items that could not be moved (the others
+ * were): 0x2800, or what making "@eaDir" raised. -1 also for a null path or one that names no entry (0x0D00) and a
+ * volume whose type cannot be told. A "._" file is moved where that is possible, and never a failure. errno and the
+ * last error are those of the move. May switch the effective user to root and back.
  */
 int VEXOEARename(const char *oldPath, const char *newPath, int fsKind, int reserved);
 
@@ -450,8 +470,8 @@ int VEXOEARename(const char *oldPath, const char *newPath, int fsKind, int reser
 int VEXOEARenameByStream(const char *oldPath, const char *newPath, int fsKind, const char *streamName);
 
 /* Removes everything that belongs to `path`, which may be gone already. With -1 the volume of its parent directory is
- * asked. 0, or -1: 0x0D00 null path; 0x2A00 the volume's type cannot be told; 0x3900 something would not go (the rest
- * is gone); 0xC300 name too long. */
+ * asked. 0, or -1: 0x0D00 null path, or one that names no entry; 0x2A00 the volume's type cannot be told; 0x3900
+ * something would not go (the rest is gone); 0xC300 name too long. */
 int VEXOEARemove(const char *path, int fsKind);
 
 /* The same, but the attribute stream stays when the resource stream is gone. Not to run at the same time as
@@ -459,8 +479,8 @@ int VEXOEARemove(const char *path, int fsKind);
 int VEXOEARemoveWithoutEAStream(const char *path, int fsKind);
 
 /* `which` 0: removes the file's own directory in "@eaDir" with everything in it. 1: removes its two stream files, and
- * the
- * "@eaDir" when that leaves it empty. 0, also when there is nothing to remove, or -1 with 0x3900 or 0xC300. */
+ * the "@eaDir" when that leaves it empty. 0, also when there is nothing to remove, or -1 with 0x3900 (something would
+ * not go, or cannot be looked at), 0xC300 or 0x0D00. */
 int EARemove(int which, const char *path);
 
 /* Removes the "@eaDir" that `path` names or lies in, when it holds nothing, or a ".cover" file only. 0: it is gone (or
@@ -480,10 +500,13 @@ void VEXOEARemoveDanglingEADir(const char *dirPath);
  * directory goes when it is empty. With the resource its locked and hidden flags are carried into the file itself, as
  * far as that is possible; an upgrade never unlocks a file.
  *
- * Returns 0 converted; 1 the current store is there already; 2 there is nothing old; -1 failed: 0x0D00 null argument or
- * another name; 0x0900 open; 0x2800 rename; 0x3900 the old directory cannot be removed. Codes of what was passed over
- * remain in the last error of a 0: 0x0100, 0x0900, 0x0A00, 0x2A00, and 0x4000 for a resource that is not AppleDouble
- * version 2. A name too long for a "._" file is a 0 with 0xC300. */
+ * Returns 0 converted; 1 the current store is there already; 2 there is nothing old; -1 failed: 0x0D00 null argument,
+ * another name or a path that names no entry; 0x0900 open; 0x0A00 the "._" file cannot be read; 0x2800 rename, also
+ * with /bin/mv; 0x2A00 a store, or 0x2700 what the "._" file belongs to, cannot be looked at; 0x3900 the old directory
+ * cannot be removed. The last error of a 0 tells of the last file alone: where that one was passed over its code
+ * remains (0x0100, 0x0900, 0x0A00, 0x0B00, 0x2A00, and 0x4000 for a resource that is not AppleDouble version 2); an
+ * attribute that was converted after it leaves 0x2000. What is still in the old directory tells of all of them. A name
+ * too long for a "._" file is a 0 with 0xC300. */
 int VEXOEAUpgrade(const char *path, const char *streamName);
 
 #pragma GCC visibility pop

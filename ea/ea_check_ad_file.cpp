@@ -1,16 +1,20 @@
 // Whether a "._" file is what it looks like: an AppleDouble file with the file it belongs to beside it.
 #include "ea/ea.h"
 
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
+#include "ea/names/entry.h"
 #include "support/big_endian.h"
 #include "support/heap.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
 
+#include <cerrno>
 #include <cstdint>
-#include <cstdio>
+#include <fcntl.h>
 #include <libgen.h>
 #include <string_view>
-#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace vexo;
 
@@ -21,23 +25,28 @@ constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
 enum Answer : int { genuine = 0, no_path = -1, other_name = -2, other_content = -3, no_companion = -4 };
 
+// errno tells one that could not be read (not 0) from one that holds something else.
 bool begins_with_magic(const char *path) {
-    std::FILE *file = std::fopen(path, "r");
-    if (file == nullptr) {
-        return false;
-    }
+    const Fd file = open_store_file(path, O_RDONLY);
     uint8_t word[sizeof(uint32_t)];
-    const size_t got = std::fread(word, 1, sizeof word, file);
-    std::fclose(file);
-    return got == sizeof word && big_endian::load(word, sizeof word) == kAppleDoubleMagic;
+    const ssize_t got = file ? ::read(file.get(), word, sizeof word) : -1;
+    errno = got < 0 ? errno : 0;
+    return got == ssize_t{sizeof word} && big_endian::load(word, sizeof word) == kAppleDoubleMagic;
 }
 
-// A dangling link counts: it is an entry that the AppleDouble file belongs to.
-bool has_companion(const char *directory, std::string_view base) {
+// A dangling link counts: it is an entry that the AppleDouble file belongs to. Of one that cannot be looked at nobody
+// knows, and what is taken for an orphan may be removed.
+int answer_of_companion(const char *directory, std::string_view base) {
     PathBuffer companion;
     companion.join(directory, base);
+    if (!names_entry(base) || companion.overflowed()) {
+        return no_companion;
+    }
     struct stat status {};
-    return !base.empty() && !companion.overflowed() && ::lstat(companion.c_str(), &status) == 0;
+    if (look_in_store(companion.c_str(), status) == 0) {
+        return genuine;
+    }
+    return says_absent(errno) || errno == ENAMETOOLONG ? no_companion : fail(Error::stat, VEXO_HERE);
 }
 
 } // namespace
@@ -63,5 +72,5 @@ int VEXOEACheckADFile(const char *path) {
     if (!begins_with_magic(path)) {
         return other_content;
     }
-    return has_companion(directory, base.substr(kPrefix.size())) ? genuine : no_companion;
+    return answer_of_companion(directory, base.substr(kPrefix.size()));
 }

@@ -3,15 +3,21 @@
 
 #include "ea/carry/job.h"
 #include "ea/carry/known.h"
+#include "ea/carry/routines.h"
+#include "ea/carry/store_directory.h"
+#include "ea/carry/stream_files.h"
 #include "ea/double/metadata_attribute.h"
+#include "ea/names/entry.h"
 #include "platform/sdk.h"
 #include "support/dos_attributes.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
+#include "support/text.h"
 
 #include <cerrno>
 #include <string_view>
+#include <sys/stat.h>
 
 using namespace vexo;
 
@@ -104,6 +110,37 @@ bool has_nothing_stored(const EaCopyJob &job) {
            errno == ENODATA;
 }
 
+std::string_view last_component(std::string_view path) {
+    return behind(path, path.rfind('/') + 1); // npos + 1 is 0
+}
+
+bool is_one_directory(const char *srcEntry, const char *dstEntry) {
+    struct stat one;
+    struct stat other;
+    const auto look = [](std::string_view path, struct stat &out) {
+        path.remove_suffix(last_component(path).size());
+        const PathBuffer directory(path.empty() ? "." : path);
+        return !directory.overflowed() && ::stat(directory.c_str(), &out) == 0;
+    };
+    return look(srcEntry, one) && look(dstEntry, other) && is_one_file(one, other);
+}
+
+// Whether both paths lead to one entry of one directory: then all that belongs to it is there. Two names of one file
+// may still have stores of their own, and a store may have two names; that is found out store by store. On type 12
+// inodes prove nothing.
+bool is_one_place(const EaCopyJob &job) {
+    const std::string_view src = job.src;
+    if (src == job.dst) {
+        return true;
+    }
+    const KeepErrno keep;
+    struct stat one;
+    struct stat other;
+    return job.srcCode != 12 && job.dstCode != 12 && last_component(src) == last_component(job.dst) &&
+           job.source().status(one) == 0 && job.destination().status(other) == 0 && is_one_file(one, other) &&
+           is_one_directory(job.src, job.dst);
+}
+
 int run(EaCopyJob &job) {
     if (look_up_source_kind(job, kEntryName, VEXO_SOURCE) < 0) {
         return -1;
@@ -113,11 +150,15 @@ int run(EaCopyJob &job) {
         return -1;
     }
     job.nothingStored = has_nothing_stored(job);
+    if (!job.nothingStored && is_one_place(job)) {
+        return 0;
+    }
     if (internal) {
+        job.streamsStay = true;
         return finish(job);
     }
     if (job.srcKind() == StoreKind::other) {
-        return -1;
+        return fail(Error::other, VEXO_HERE);
     }
     if (job.dstKind() == StoreKind::other) {
         return carry_lock(job);
@@ -133,13 +174,30 @@ int run(EaCopyJob &job) {
     return carry_lock(job) < 0 ? -1 : finish(job);
 }
 
+// Every failure has a last error, a stale one of the caller's is none; what a success does not set stays as it was.
+int run_with_error(EaCopyJob &job) {
+    const uint32_t code = VLIBCErrGet();
+    const char *const file = VLIBCErrorGetFile();
+    const uint32_t line = VLIBCErrorGetLine();
+    set_error(Error::none, VEXO_HERE);
+    const int result = run(job);
+    if (last_error() != Error::none) {
+        return result;
+    }
+    if (result < 0) {
+        return fail(Error::other, VEXO_HERE);
+    }
+    VLIBCErrSetEx(code, file, line);
+    return result;
+}
+
 } // namespace
 
 int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, int fullDir, int srcKind, int dstKind,
                   VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, StoreSeen seen) {
     const char *const src = source.path();
     const char *const dst = destination.path();
-    if (src == nullptr || dst == nullptr || *src == '\0' || *dst == '\0') {
+    if (src == nullptr || dst == nullptr || !names_entry(src) || !names_entry(dst)) {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
     CopyFileCallback copyFile;
@@ -155,7 +213,7 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
     EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, seen};
     job.srcFd = source.fd();
     job.dstFd = destination.fd();
-    return run(job);
+    return run_with_error(job);
 }
 
 int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,

@@ -3,7 +3,8 @@
 
 #include "ea/double/format.h"
 #include "ea/double/resource_path.h"
-#include "support/fd.h"
+#include "ea/files/store_file.h"
+#include "ea/names/entry.h"
 
 #include <array>
 #include <cerrno>
@@ -17,7 +18,10 @@ int vexo::read_resource_header(const FileRef &file, VEXOEAAdouble *adouble) {
     if (!make_resource_path(file, resource, VEXO_HERE)) {
         return -1;
     }
-    const Fd opened(::open(resource.c_str(), O_RDONLY));
+    if (!names_entry(file.path())) {
+        return 1;
+    }
+    const Fd opened = open_store_file(resource.c_str(), O_RDONLY);
     if (!opened) {
         if (errno == ENOENT) {
             return 1;

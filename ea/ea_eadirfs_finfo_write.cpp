@@ -3,6 +3,8 @@
 
 #include "ea/double/format.h"
 #include "ea/double/resource_path.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
 #include "ea/names/store.h"
 #include "ea/stream/handle.h"
 #include "support/fd.h"
@@ -18,11 +20,6 @@ using namespace vexo;
 namespace {
 
 static_assert(sizeof(VEXOEASHeader::finderInfo) == adouble::kFinderInfoSize);
-
-bool is_empty(int fd) {
-    struct stat file {};
-    return ::fstat(fd, &file) == 0 && file.st_size == 0;
-}
 
 int write_at(int fd, off_t at, std::span<const uint8_t> bytes) {
     if (::lseek(fd, at, SEEK_SET) < 0) {
@@ -66,12 +63,16 @@ bool is_locked(int fd) {
 }
 
 // Best effort, and nothing happens where the size cannot be told: a file that the failed call made, or found and left,
-// without a byte in it is of no use to anybody.
+// without a byte in it is of no use to anybody. What else may stand at its path by now is none of ours.
 void remove_if_empty(int fd, const char *path) {
     const KeepErrors keep;
+    struct stat file {};
+    struct stat there {};
     PathBuffer resource;
-    if (is_empty(fd) && !is_locked(fd) && make_resource_path(path, resource, VEXO_HERE)) {
-        (void)::unlink(resource.c_str());
+    if (::fstat(fd, &file) == 0 && file.st_size == 0 && !is_locked(fd) &&
+        make_resource_path(path, resource, VEXO_HERE) && look_in_store(resource.c_str(), there) == 0 &&
+        there.st_dev == file.st_dev && there.st_ino == file.st_ino) {
+        (void)unlink_store_file(resource.c_str());
     }
 }
 

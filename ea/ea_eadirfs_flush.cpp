@@ -3,13 +3,14 @@
 
 #include "ea/double/format.h"
 #include "ea/double/resource_path.h"
-#include "ea/names/companion.h"
-#include "support/fd.h"
+#include "ea/files/store_file.h"
+#include "ea/names/entry.h"
 #include "support/guards.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <utility>
 
 using namespace vexo;
 
@@ -17,9 +18,9 @@ namespace {
 
 // Opens the resource file as it is, or makes it; `created` tells which. The directory must be there.
 Fd open_or_create(const char *resource, bool &created) {
-    Fd file(::open(resource, O_RDWR));
+    Fd file = open_store_file(resource, O_RDWR);
     created = !file && errno == ENOENT;
-    return created ? Fd(::open(resource, O_RDWR | O_CREAT, kCompanionMode)) : Fd(file.release());
+    return created ? open_store_file(resource, O_RDWR | O_CREAT) : std::move(file);
 }
 
 bool write_all(int fd, const void *buf, size_t size) {
@@ -41,6 +42,9 @@ int VEXOEAEADirAdoubleFlush(const void *buf, int len, const char *path) {
     if (!make_resource_path(path, resource, VEXO_HERE)) {
         return -1;
     }
+    if (!names_entry(path)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
     bool created = false;
     Fd file = open_or_create(resource.c_str(), created);
     if (!file) {
@@ -53,7 +57,7 @@ int VEXOEAEADirAdoubleFlush(const void *buf, int len, const char *path) {
         const KeepErrors keep;
         file.reset();
         if (created) {
-            (void)::unlink(resource.c_str());
+            (void)unlink_store_file(resource.c_str());
         }
         return -1;
     }

@@ -5,6 +5,7 @@
 #include "ea/double/format.h"
 #include "ea/double/metadata_attribute.h"
 #include "ea/double/resource_path.h"
+#include "ea/names/entry.h"
 #include "ea/names/store.h"
 #include "ea/stream/handle.h"
 #include "platform/sdk.h"
@@ -144,7 +145,8 @@ int EACheckNeedSync(const char *path) {
     if (!make_resource_path(path, resource, VEXO_HERE)) {
         return -1;
     }
-    const std::optional<int> answer = answer_of_resource_file(resource.c_str(), *flushTime);
+    const std::optional<int> answer =
+        names_entry(path) ? answer_of_resource_file(resource.c_str(), *flushTime) : std::optional(1);
     return answer ? *answer : answer_of_file(path, *flushTime);
 }
 
@@ -153,6 +155,10 @@ int VEXOEAFileEAFSFinfoEASync(const char *path, int checkFs) {
         return 0;
     }
     if (path == nullptr) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    if (!names_entry(path)) {
+        errno = EINVAL;
         return fail(Error::invalid_argument, VEXO_HERE);
     }
     FinderInfo info{};

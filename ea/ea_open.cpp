@@ -2,6 +2,7 @@
 // the volume can hide it.
 #include "ea/ea.h"
 
+#include "ea/files/store_file.h"
 #include "ea/names/companion.h"
 #include "platform/sdk.h"
 #include "support/dos_attributes.h"
@@ -58,10 +59,13 @@ int open_apple_double(int nameMode, const char *path, const char *stream, int of
     if (VEXOEAPath(nameMode, path, stream, companion.fill(), PathBuffer::kSize, 1) < 0) {
         return -1;
     }
+    if (!can_have_companion(path, oflag, VEXO_SOURCE)) {
+        return -1;
+    }
     // Without O_CREAT first: an existing file is opened, whatever creating flags such as O_EXCL would make of it.
-    int fd = ::open(companion.c_str(), oflag & ~O_CREAT, kCompanionMode);
+    int fd = open_store_file_for_caller(companion.c_str(), oflag & ~O_CREAT);
     if (fd < 0 && errno == ENOENT) {
-        fd = ::open(companion.c_str(), oflag, kCompanionMode);
+        fd = open_store_file_for_caller(companion.c_str(), oflag);
     }
     archive_after_open(path, fd, oflag, VEXO_SOURCE);
     if (fd > 0) {

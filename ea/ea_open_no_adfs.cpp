@@ -1,6 +1,7 @@
 // Opens a companion of a file in its "@eaDir", making the directory where the companion may be created.
 #include "ea/ea.h"
 
+#include "ea/files/store_file.h"
 #include "ea/names/companion.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -32,10 +33,13 @@ int VEXOEAOpenNoADFS(int nameMode, const char *path, const char *stream, int ofl
     if (VEXOEAPath(nameMode, path, stream, companion.fill(), PathBuffer::kSize, 0) < 0) {
         return -1;
     }
+    if (!can_have_companion(path, oflag, VEXO_SOURCE)) {
+        return -1;
+    }
     if ((oflag & O_CREAT) != 0 && make_directory(nameMode, path) < 0) {
         return -1;
     }
-    const int fd = ::open(companion.c_str(), oflag, kCompanionMode);
+    const int fd = open_store_file_for_caller(companion.c_str(), oflag);
     archive_after_open(path, fd, oflag, VEXO_SOURCE);
     return fd;
 }

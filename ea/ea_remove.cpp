@@ -3,6 +3,9 @@
 #include "ea/ea.h"
 
 #include "ea/files/remove_tree.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
+#include "ea/names/entry.h"
 #include "ea/names/store.h"
 #include "platform/sdk.h"
 #include "support/dir.h"
@@ -34,7 +37,7 @@ class KeepEaStream {
 };
 
 // A cover beside nothing else does not make an "@eaDir" worth keeping.
-constexpr std::string_view kCover = ".cover";
+constexpr char kCover[] = ".cover";
 
 bool exists(const char *path) {
     struct stat status;
@@ -87,7 +90,7 @@ int remove_apple_double(const char *path) {
         // A name that leaves no room for the prefix cannot have such a file.
         return last_error() == Error::name_too_long ? 0 : -1;
     }
-    if (::unlink(companion.c_str()) != 0 && errno != ENOENT) {
+    if (unlink_store_file(companion.c_str()) != 0 && errno != ENOENT) {
         return fail(Error::remove, VEXO_HERE);
     }
     const KeepErrors keep;
@@ -110,7 +113,7 @@ bool unlink_stream(const char *path, const char *name, PathBuffer &stream) {
     if (VEXOEAPath(kCurrentLayout, path, name, stream.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
         return false;
     }
-    return ::unlink(stream.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+    return unlink_store_file(stream.c_str()) == 0 || says_absent(errno);
 }
 
 // Leaves the path of the last stream it looked at.
@@ -131,16 +134,16 @@ int unlink_streams(const char *path, PathBuffer &stream) {
 }
 
 // Whether nothing in the directory speaks against its removal.
-bool holds_only_cover(Dir &directory, const char *path) {
+bool holds_only_cover(Dir &directory) {
     errno = 0;
     while (const dirent *entry = directory.read()) {
         const std::string_view name = entry->d_name;
         if (name == "." || name == "..") {
             continue;
         }
-        PathBuffer cover;
         struct stat status;
-        if (name != kCover || ::lstat(cover.join(path, name).c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        if (name != kCover || ::fstatat(::dirfd(directory.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(status.st_mode)) {
             return false;
         }
         errno = 0;
@@ -158,11 +161,14 @@ int VEXOEARemove(const char *path, int fsKind) {
         return -1;
     }
     const StoreKind kind = store_kind(fsKind);
-    if (kind == StoreKind::apple_double) {
-        return remove_apple_double(path);
-    }
     // The native kind keeps it in the file, the others keep nothing.
-    return kind == StoreKind::ea_directory || kind == StoreKind::file_ea ? remove_streams_and_directory(path) : 0;
+    if (kind == StoreKind::native_xattr || kind == StoreKind::other) {
+        return 0;
+    }
+    if (!names_entry(path)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    return kind == StoreKind::apple_double ? remove_apple_double(path) : remove_streams_and_directory(path);
 }
 
 int VEXOEARemoveWithoutEAStream(const char *path, int fsKind) {
@@ -175,15 +181,21 @@ int EARemove(int which, const char *path) {
     if (VEXOEADirPath(which, path, directory.fill(), PathBuffer::kUsable) < 0) {
         return -1;
     }
+    if (!names_entry(path)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
     PathBuffer stream;
-    if (exists(directory.c_str())) {
-        if (which == kPerFileDirectory && remove_tree<__FILE__>(directory.c_str()) < 0) {
+    struct stat status;
+    if (look_in_store(directory.c_str(), status) == 0) {
+        if (which == kPerFileDirectory && remove_tree(directory.c_str(), VEXO_SOURCE) < 0) {
             VEXO_LOG_ERROR(VEXO_HERE, "Failed to rm -rf %s. %m", directory.c_str());
-            return -1;
+            return fail(Error::remove, VEXO_HERE);
         }
         if (which == kSharedDirectory && unlink_streams(path, stream) < 0) {
             return -1;
         }
+    } else if (!says_absent(errno)) { // what cannot be looked at may be there
+        return fail(Error::remove, VEXO_HERE);
     }
     if (last_component(path) != kEaDirectoryName && stream.c_str()[0] != '\0') {
         const KeepErrno keep;
@@ -201,7 +213,7 @@ int EARemoveEADir(const char *path) {
         return -1;
     }
     const PathBuffer directory({path, static_cast<size_t>(found - path) + sizeof kEaDirectoryName - 1});
-    Dir stream(directory.c_str());
+    Dir stream = Dir::of(open_store_directory(directory.c_str()));
     if (!stream) {
         if (errno == ENOENT) {
             return 0;
@@ -209,11 +221,10 @@ int EARemoveEADir(const char *path) {
         VEXO_LOG_ERROR(VEXO_HERE, "Failed to opendir %s, reason=%m.\n", directory.c_str());
         return -1;
     }
-    if (!holds_only_cover(stream, directory.c_str())) {
+    if (!holds_only_cover(stream)) {
         return -1;
     }
-    PathBuffer cover;
-    ::unlink(cover.join(directory.view(), kCover).c_str());
+    (void)::unlinkat(::dirfd(stream.get()), kCover, 0);
     stream.close();
-    return ::remove(directory.c_str()) == 0 ? 0 : -1;
+    return remove_store_directory(directory.c_str());
 }

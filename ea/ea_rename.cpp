@@ -2,6 +2,8 @@
 // "._" file.
 #include "ea/ea.h"
 
+#include "ea/files/store_entry.h"
+#include "ea/names/entry.h"
 #include "ea/names/store.h"
 #include "platform/sdk.h"
 #include "support/guards.h"
@@ -20,17 +22,17 @@ namespace {
 
 bool missing(const char *path) {
     struct stat status;
-    return ::lstat(path, &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+    return look_in_store(path, status) != 0 && says_absent(errno);
 }
 
 // Whether a file stands at `path`, and is another than the one at `other`.
 bool occupied_by_another(const char *path, const char *other) {
     struct stat there;
     struct stat own;
-    if (::lstat(path, &there) != 0) {
+    if (look_in_store(path, there) != 0) {
         return false;
     }
-    return ::lstat(other, &own) != 0 || there.st_dev != own.st_dev || there.st_ino != own.st_ino;
+    return look_in_store(other, own) != 0 || there.st_dev != own.st_dev || there.st_ino != own.st_ino;
 }
 
 int make_parent(const PathBuffer &path) {
@@ -40,7 +42,7 @@ int make_parent(const PathBuffer &path) {
     }
     const PathBuffer parent(path.view().substr(0, slash));
     struct stat status;
-    if (::stat(parent.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    if (look_in_store(parent.c_str(), status) != 0 || !S_ISDIR(status.st_mode)) {
         return VEXOEAMKDir(0, parent.c_str());
     }
     const KeepErrors keep; // who may not make one can still use the one that is there
@@ -48,12 +50,19 @@ int make_parent(const PathBuffer &path) {
     return 0;
 }
 
+// "mv" puts what it moves into a directory that stands in its place, and follows a link to one. Leaves errno alone.
+bool mv_would_put_it_there(const char *to) {
+    const KeepErrno keep;
+    struct stat there;
+    return look_in_store(to, there) == 0 ? S_ISREG(there.st_mode) : says_absent(errno);
+}
+
 // Another process may have taken the item away meanwhile: then there is nothing left to move.
 int rename_across_devices(const char *from, const char *to) {
-    if (::rename(from, to) == 0 || errno == ENOENT) {
+    if (rename_in_store(from, to) == 0 || errno == ENOENT) {
         return 0;
     }
-    if (errno != EXDEV) {
+    if (errno != EXDEV || !mv_would_put_it_there(to)) {
         return fail(Error::rename_ea, VEXO_HERE);
     }
     const KeepErrno keep;
@@ -120,7 +129,7 @@ void move_apple_double(const char *oldPath, const char *newPath) {
     if (occupied_by_another(to.c_str(), from.c_str()) && ::remove(to.c_str()) != 0) {
         return;
     }
-    if (::rename(from.c_str(), to.c_str()) == 0) {
+    if (rename_in_store(from.c_str(), to.c_str()) == 0) {
         (void)move_directory(oldPath, newPath);
     }
 }
@@ -156,11 +165,14 @@ int VEXOEARename(const char *oldPath, const char *newPath, int fsKind, int /*res
     if (!kind) {
         return -1;
     }
-    if (store_kind(*kind) == StoreKind::apple_double) {
-        move_apple_double(oldPath, newPath);
+    if (store_kind(*kind) == StoreKind::other) {
         return 0;
     }
-    if (!keeps_streams(store_kind(*kind))) {
+    if (!names_entry(oldPath) || !names_entry(newPath)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    if (store_kind(*kind) == StoreKind::apple_double) {
+        move_apple_double(oldPath, newPath);
         return 0;
     }
     // Each item goes whatever became of the one before.
@@ -179,7 +191,11 @@ int VEXOEARenameByStream(const char *oldPath, const char *newPath, int fsKind, c
     if (!kind) {
         return -1;
     }
-    const int result = keeps_streams(store_kind(*kind)) ? move_stream(oldPath, newPath, streamName) : 0;
+    const bool movesStream = keeps_streams(store_kind(*kind));
+    if (movesStream && (!names_entry(oldPath) || !names_entry(newPath))) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    const int result = movesStream ? move_stream(oldPath, newPath, streamName) : 0;
     set_archive(newPath);
     return result;
 }

@@ -15,24 +15,29 @@ namespace {
 
 int remove_entry(VEXOEAS &eas, uint32_t index) {
     eas::Change change(eas, VEXO_SOURCE);
-    if (change.check_values() != 0) {
+    if (change.check_layout() != 0) {
         return -1;
     }
-    const uint64_t end = uint64_t{eas.header.dataStart} - eas::record_size(eas.records[index].nameLength) +
-                         eas.header.dataLength - eas.records[index].length;
-    if (change.prepare(end, eas::Change::Fork::moves) != 0) {
+    const VEXOEASRecord &record = eas.records[index];
+    const eas::Change::Unneeded value{record.offset, uint64_t{record.offset} + record.length};
+    const uint64_t length = eas.header.dataLength - record.length;
+    const uint64_t end = uint64_t{eas.header.dataStart} - eas::record_size(record.nameLength) + length;
+    if (change.prepare(end, eas::Change::Fork::moves, value) != 0) {
         return -1;
     }
-    HeapBuffer values = HeapBuffer::uninitialised(eas.header.dataLength);
+    HeapBuffer values = HeapBuffer::uninitialised(length);
     if (!values) {
         return fail(Error::out_of_memory, VEXO_HERE);
     }
-    if (change.take_out(index, values.data(), eas::Change::Then::gone) != 0 ||
-        change.commit({values.data(), eas.header.dataLength}, Error::write) != 0) {
+    if (change.gather(index, value, values.data()) != 0 || change.reserve() != 0) {
         return -1;
     }
-    const VEXOEASEntry &fork = eas.header.entries[1];
-    if (::ftruncate(eas.fd, static_cast<off_t>(uint64_t{fork.offset} + fork.length)) != 0) {
+    change.move_to_end(index);
+    change.drop_last();
+    if (change.commit({values.data(), length}, Error::write) != 0) {
+        return -1;
+    }
+    if (::ftruncate(eas.fd, static_cast<off_t>(change.file_end())) != 0) {
         return fail(Error::file_operation, VEXO_HERE);
     }
     return 0;

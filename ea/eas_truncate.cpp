@@ -13,35 +13,33 @@ using namespace vexo;
 
 namespace {
 
-// The resource fork stays where it is and the file keeps its length, on purpose: callers truncate to 0 before they
-// write a value anew, and only that write moves the fork.
+// The resource fork stays where it is and the file keeps its length, on purpose: no stream that is written here has a
+// fork, and without one a value is cut without the file being written twice.
 int change_length(VEXOEAS &eas, uint32_t index, uint32_t length) {
     eas::Change change(eas, VEXO_SOURCE);
-    if (change.check_values() != 0) {
+    if (change.check_layout() != 0) {
         return -1;
     }
-    const uint32_t before = eas.records[index].length;
-    const uint64_t total = uint64_t{eas.header.dataLength} - before + length;
-    if (change.prepare(eas.header.dataStart + total, eas::Change::Fork::stays) != 0) {
+    const uint64_t value = eas.records[index].offset;
+    const uint64_t before = eas.records[index].length;
+    const uint64_t others = eas.header.dataLength - before;
+    const uint64_t kept = std::min<uint64_t>(before, length);
+    const eas::Change::Unneeded cut{value + kept, value + before};
+    if (change.prepare(eas.header.dataStart + others + length, eas::Change::Fork::stays, cut) != 0) {
         return -1;
     }
-    const uint64_t loaded = eas.header.dataLength;
-    HeapBuffer values = HeapBuffer::uninitialised(std::max(loaded, total) + 1);
+    HeapBuffer values = HeapBuffer::uninitialised(others + length + 1);
     if (!values) {
         return fail(Error::out_of_memory, VEXO_HERE);
     }
-    if (change.take_out(index, values.data(), eas::Change::Then::last) != 0) {
+    std::memset(values.data() + others + kept, 0, length - kept);
+    if (change.gather(index, cut, values.data()) != 0 || change.reserve() != 0) {
         return -1;
     }
-    if (total > loaded) {
-        std::memset(values.data() + loaded, 0, total - loaded);
-    }
+    change.move_to_end(index);
     eas.records[eas.header.attrCount - 1].length = length;
-    eas.header.dataLength = static_cast<uint32_t>(total);
-    if (VEXOEASWriteHeader(&eas) != 0) {
-        return -1;
-    }
-    return change.write_values({values.data(), total}, Error::seek);
+    eas.header.dataLength = static_cast<uint32_t>(others + length);
+    return change.commit({values.data(), others + length}, Error::seek);
 }
 
 } // namespace

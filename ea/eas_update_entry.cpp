@@ -12,14 +12,21 @@ int VEXOEASUpdateEntry(VEXOEAS *eas, int index, void *buf, uint32_t bufLen, int 
         return fail(Error::invalid_argument, VEXO_HERE);
     }
     eas::Change change(*eas, VEXO_SOURCE);
-    if (change.check_values() != 0) {
+    if (change.check_layout() != 0) {
         return -1;
     }
-    const uint32_t needed = eas->header.dataLength - (remove != 0 ? eas->records[index].length : 0);
-    if (bufLen < needed) {
+    const VEXOEASRecord &record = eas->records[index];
+    if (bufLen < eas->header.dataLength - (remove != 0 ? record.length : 0)) {
         return fail(Error::out_of_memory_ea, VEXO_HERE);
     }
-    using Then = eas::Change::Then;
-    return change.take_out(static_cast<uint32_t>(index), static_cast<uint8_t *>(buf),
-                           remove != 0 ? Then::gone : Then::last);
+    const auto at = static_cast<uint32_t>(index);
+    const uint64_t valueEnd = uint64_t{record.offset} + record.length;
+    if (change.gather(at, {remove != 0 ? record.offset : valueEnd, valueEnd}, static_cast<uint8_t *>(buf)) != 0) {
+        return -1;
+    }
+    change.move_to_end(at);
+    if (remove != 0) {
+        change.drop_last();
+    }
+    return 0;
 }

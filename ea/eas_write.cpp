@@ -63,8 +63,8 @@ int write_new(VEXOEAS &eas, const char *name, const Piece &piece) {
     const auto nameLength = static_cast<uint8_t>(std::strlen(name) + 1);
     const uint64_t start = eas.header.attrCount == 0 ? eas::kHeaderSize : eas.header.dataStart;
     const uint64_t length = eas.header.dataLength + piece.end();
-    if (change.check_values() != 0 ||
-        change.prepare(start + eas::record_size(nameLength) + length, eas::Change::Fork::moves) != 0) {
+    const uint64_t end = start + eas::record_size(nameLength) + length;
+    if (change.check_layout() != 0 || change.prepare(end, eas::Change::Fork::moves, {}) != 0) {
         return -1;
     }
     if (eas.capacity <= eas.header.attrCount && VEXOEASAllocEntry(&eas, 0) != 0) {
@@ -75,37 +75,40 @@ int write_new(VEXOEAS &eas, const char *name, const Piece &piece) {
     if (!copy || !values) {
         return fail(Error::out_of_memory, VEXO_HERE);
     }
-    if (change.read_values(values.data()) != 0) {
-        return -1;
-    }
     uint8_t *value = values.data() + eas.header.dataLength;
     std::memset(value, 0, piece.offset);
     put(piece, value);
+    if (change.gather(values.data()) != 0 || change.reserve() != 0) {
+        return -1;
+    }
     append(eas, std::move(copy), nameLength, static_cast<uint32_t>(piece.end()));
     return change.commit({values.data(), length}, Error::seek);
 }
 
 int write_existing(VEXOEAS &eas, uint32_t index, const Piece &piece) {
     eas::Change change(eas, VEXO_SOURCE);
-    if (change.check_values() != 0) {
+    if (change.check_layout() != 0) {
         return -1;
     }
+    const uint64_t at = eas.records[index].offset;
     const uint64_t before = eas.records[index].length;
     const uint64_t after = std::max(before, piece.end()); // a write never shortens a value
     const uint64_t length = eas.header.dataLength - before + after;
-    if (change.prepare(eas.header.dataStart + length, eas::Change::Fork::moves) != 0) {
+    const eas::Change::Unneeded over{at + std::min(before, piece.offset), at + std::min(before, piece.end())};
+    if (change.prepare(eas.header.dataStart + length, eas::Change::Fork::moves, over) != 0) {
         return -1;
     }
     HeapBuffer values = HeapBuffer::uninitialised(length + 1);
     if (!values) {
         return fail(Error::out_of_memory, VEXO_HERE);
     }
-    if (change.take_out(index, values.data(), eas::Change::Then::last) != 0) {
-        return -1;
-    }
     uint8_t *value = values.data() + (length - after);
     std::memset(value + before, 0, after - before);
+    if (change.gather(index, over, values.data()) != 0 || change.reserve() != 0) {
+        return -1;
+    }
     put(piece, value);
+    change.move_to_end(index);
     eas.records[eas.header.attrCount - 1].length = static_cast<uint32_t>(after);
     eas.header.dataLength = static_cast<uint32_t>(length);
     return change.commit({values.data(), length}, Error::seek);

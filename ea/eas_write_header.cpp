@@ -39,12 +39,12 @@ class RecordWriter {
 int set_sizes(VEXOEASHeader &header) {
     const uint64_t end = uint64_t{header.dataStart} + header.dataLength;
     VEXOEASEntry &finderInfo = header.entries[0];
-    if (finderInfo.id == eas::kFinderInfoId) {
-        finderInfo.offset = eas::kFinderInfoOffset; // where this header has it, wherever it was read from
-    }
-    if (end > UINT32_MAX || end < finderInfo.offset) {
+    // Where this header has it, wherever it was read from.
+    const uint32_t offset = finderInfo.id == eas::kFinderInfoId ? eas::kFinderInfoOffset : finderInfo.offset;
+    if (end > UINT32_MAX || end < offset) {
         return fail(Error::invalid_argument, VEXO_HERE);
     }
+    finderInfo.offset = offset;
     header.totalSize = static_cast<uint32_t>(end);
     header.entries[1].offset = header.totalSize;
     finderInfo.length = header.totalSize - finderInfo.offset;

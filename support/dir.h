@@ -15,7 +15,10 @@ class Dir {
     explicit Dir(const char *path) : m_stream(::opendir(path)) {}
     // A link at the end of the path is not followed: ENOTDIR or ELOOP.
     static Dir of_no_link(const char *path) {
-        Fd fd(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        return of(Fd(::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+    }
+    // Of a directory that is open, or of none: empty, with errno as it is.
+    static Dir of(Fd fd) {
         Dir directory(fd ? ::fdopendir(fd.get()) : nullptr);
         if (directory) {
             (void)fd.release(); // the stream's now

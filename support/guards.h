@@ -1,10 +1,12 @@
-// Owners of what a call changes in the process and puts back: umask, effective user, errno and the last error.
+// Owners of what a call changes in the process and puts back: umask, effective user, signal mask, errno and the last
+// error.
 #pragma once
 
 #include "platform/core.h"
 #include "support/keep_errno.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -22,6 +24,28 @@ class UmaskGuard {
 
   private:
     mode_t m_before;
+};
+
+// No signal interrupts this thread for a scope; they arrive at its end. errno stays. Those that end a process for good
+// (SIGKILL) arrive at once.
+class SignalsHeld {
+  public:
+    SignalsHeld() {
+        sigset_t all;
+        ::sigfillset(&all);
+        m_held = ::pthread_sigmask(SIG_SETMASK, &all, &m_before) == 0;
+    }
+    SignalsHeld(const SignalsHeld &) = delete;
+    SignalsHeld &operator=(const SignalsHeld &) = delete;
+    ~SignalsHeld() {
+        if (m_held) {
+            ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+        }
+    }
+
+  private:
+    sigset_t m_before;
+    bool m_held;
 };
 
 // A period as the effective user root. Process-wide: callers serialise. Says nothing: become_root() and restore() leave

@@ -48,6 +48,13 @@ class PathBuffer {
         m_overflowed = false;
     }
 
+    // Slashes behind a name. Those that are the whole path stay.
+    void trim_slashes() {
+        while (m_length > 1 && m_text[m_length - 1] == '/') {
+            cut(m_length - 1);
+        }
+    }
+
     const char *c_str() const { return m_text; }
     std::string_view view() const { return {m_text, m_length}; }
     size_t length() const { return m_length; }

@@ -1,7 +1,9 @@
 #include "transfer/transfer.h"
 
 #include "support/errno_table.h"
+#include "support/guards.h"
 #include "support/heap.h"
+#include "support/own_volume.h"
 #include "support/report.h"
 #include "transfer/write_file.h"
 
@@ -11,12 +13,19 @@
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace vexo {
 namespace {
 
 constexpr int64_t kLargestBlock = int64_t{8} * 1024 * 1024;
+// Blocks up to this size are read and written: the kernel would not move them in less time than it takes to find out
+// whether it may.
+constexpr int64_t kSmallBlock = int64_t{64} * 1024;
+// So far every volume holds a file, and beyond it the kernel refuses a move with a number that says nothing of the
+// side.
+constexpr int64_t kFarthestMove = int64_t{1} << 41;
 
 // EFAULT shares its code with refused permissions: callers know it so.
 constexpr ErrnoRow kReadErrors[] = {
@@ -36,9 +45,31 @@ bool is_sparse(const struct stat &status) {
     return status.st_blocks < status.st_size / 512;
 }
 
-bool is_sparse(int fd) {
-    struct stat status = {};
-    return ::fstat(fd, &status) == 0 && is_sparse(status);
+// Nothing was moved, and nothing will be: the kernel does not do this for the two files. 0 is the same for one block.
+bool is_refusal(int number) {
+    return number == EINVAL || number == ENOSYS || number == EOPNOTSUPP;
+}
+
+bool is_on_own_volume(int fd) {
+    struct statfs volume = {};
+    return ::fstatfs(fd, &volume) == 0 && is_own_volume(volume);
+}
+
+// Whether the kernel may move blocks without showing them to us. Only between two regular files on volumes of its own:
+//   * a program or a server behind a volume tells a failure once, also that of an earlier block, and what the kernel
+//   has
+//     moved behind it is lost to us,
+//   * a pipe or socket would get the source's pages themselves, with what is written there later,
+//   * ranges of one file may overlap,
+//   * what is appended goes elsewhere than it was read for.
+bool may_move_in_kernel(int srcFd, const struct stat &src, int dstFd) {
+    struct stat dst = {};
+    if (!S_ISREG(src.st_mode) || ::fstat(dstFd, &dst) != 0 || !S_ISREG(dst.st_mode) ||
+        (src.st_dev == dst.st_dev && src.st_ino == dst.st_ino)) {
+        return false;
+    }
+    const int flags = ::fcntl(dstFd, F_GETFL);
+    return flags >= 0 && (flags & O_APPEND) == 0 && is_on_own_volume(srcFd) && is_on_own_volume(dstFd);
 }
 
 class Transfer {
@@ -46,7 +77,7 @@ class Transfer {
     Transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source)
         : m_srcFd(srcFd), m_dstFd(dstFd), m_size(size), m_callbacks(callbacks), m_source(source) {}
 
-    int run(const struct stat *srcStatus);
+    int run();
 
   private:
     int copy_extents();
@@ -54,7 +85,9 @@ class Transfer {
     int skip_gap();
     int copy_extent();
     int copy_block(int64_t remaining);
-    int64_t move_in_kernel(int64_t wanted) const;
+    bool asks_kernel(int64_t wanted);
+    int move_in_kernel(int64_t wanted, int64_t &moved);
+    int move_failed(int64_t remaining, int number);
     int read_and_write(int64_t wanted, int64_t &moved);
     int64_t next_read_size();
     int find_next_data();
@@ -68,7 +101,10 @@ class Transfer {
     const TransferCallbacks &m_callbacks;
     const char *m_source; // the front door's name
 
+    struct stat m_srcStatus = {}; // as it was when the copy began; all zero where it could not be had
     bool m_sparse = false;
+    bool m_knowsKernelMoves = false; // whether the next is decided
+    bool m_kernelMoves = false;
     HeapBuffer m_buffer;
     int64_t m_readSize = kLargestBlock;
     int64_t m_lastBytes = 0; // of the last read
@@ -81,11 +117,14 @@ class Transfer {
     bool m_stoodStill = false;       // the last extent had neither a gap nor data
 };
 
-int Transfer::run(const struct stat *srcStatus) {
+int Transfer::run() {
     if (m_srcFd < 0 || m_dstFd < 0) {
         return fail(Error::invalid_argument, VEXO_AT(m_source));
     }
-    m_sparse = srcStatus != nullptr ? is_sparse(*srcStatus) : is_sparse(m_srcFd);
+    if (::fstat(m_srcFd, &m_srcStatus) != 0) {
+        m_srcStatus = {};
+    }
+    m_sparse = is_sparse(m_srcStatus);
     // No read is longer than what there is to copy, so a small file does not pay for the largest block; and nothing is
     // cleared, as only bytes that a read has filled are ever written. Blocks that the kernel moves do not touch it, but
     // a copy that could not fall back on reading must not begin.
@@ -180,8 +219,11 @@ int Transfer::copy_block(int64_t remaining) {
         return fail(Error::cancelled, VEXO_AT(m_source));
     }
     const int64_t wanted = std::min(next_read_size(), remaining);
-    int64_t moved = move_in_kernel(wanted);
-    if (moved < wanted && read_and_write(wanted - moved, moved) < 0) {
+    int64_t moved = 0;
+    if (asks_kernel(wanted) && move_in_kernel(wanted, moved) < 0) {
+        return -1;
+    }
+    if (moved == 0 && read_and_write(wanted, moved) < 0) {
         return -1;
     }
     m_offset += moved;
@@ -192,29 +234,47 @@ int Transfer::copy_block(int64_t remaining) {
     return 0;
 }
 
-// As much of the block as the kernel moves without showing it to us, which saves a pass over the bytes. Whatever ends
-// it early (a pair of files it does not serve, the end of the source, a full disk) is left to the read and the write
-// that follow: they meet the same, and they can tell which side it was. Never copy_file_range, which shares extents
-// where the volume can: sharing is the caller's choice.
-int64_t Transfer::move_in_kernel(int64_t wanted) const {
-    int64_t moved = 0;
+bool Transfer::asks_kernel(int64_t wanted) {
+    if (wanted <= kSmallBlock || m_offset + wanted > kFarthestMove) {
+        return false;
+    }
+    if (!m_knowsKernelMoves) {
+        m_knowsKernelMoves = true;
+        m_kernelMoves = may_move_in_kernel(m_srcFd, m_srcStatus, m_dstFd);
+    }
+    return m_kernelMoves;
+}
+
+// The block, moved by the kernel without showing it to us, which saves a pass over the bytes. Nothing moved: it is to
+// be read and written. Less than the block: the source ended, and the next block meets that. Never copy_file_range,
+// which shares extents where the volume can: sharing is the caller's choice.
+int Transfer::move_in_kernel(int64_t wanted, int64_t &moved) {
+    // A write to such a file is never interrupted, but sendfile is, wherever a caller has a handler without SA_RESTART:
+    // a timer or a child that ends would fail the copy.
+    const SignalsHeld whole;
     while (moved < wanted) {
         const ssize_t sent = ::sendfile(m_dstFd, m_srcFd, nullptr, static_cast<size_t>(wanted - moved));
-        if (sent <= 0) {
+        if (sent < 0) {
+            const int number = errno;
+            m_kernelMoves = false;
+            return moved == 0 && is_refusal(number) ? 0 : move_failed(wanted - moved, number);
+        }
+        if (sent == 0) {
             break;
         }
         moved += sent;
     }
-    return moved;
+    return 0;
 }
 
-// One read and its write, added to what the kernel has `moved` of the block. A source that ends or fails behind that
-// makes the block a short one, as a read of the whole block would have been; the next block meets the reason.
+// A failure is told once, so nothing is written again. Which side it was is told by reading what could not be moved.
+int Transfer::move_failed(int64_t remaining, int number) {
+    return ::read(m_srcFd, m_buffer.data(), static_cast<size_t>(remaining)) < 0 ? read_failed(errno)
+                                                                                : write_failed(number);
+}
+
 int Transfer::read_and_write(int64_t wanted, int64_t &moved) {
     const ssize_t got = ::read(m_srcFd, m_buffer.data(), static_cast<size_t>(wanted));
-    if (got <= 0 && moved > 0) {
-        return 0;
-    }
     if (got < 0) {
         return read_failed(errno);
     }
@@ -228,7 +288,7 @@ int Transfer::read_and_write(int64_t wanted, int64_t &moved) {
     if (written != got) {
         return fail(Error::short_write, VEXO_AT(m_source));
     }
-    moved += written;
+    moved = written;
     return 0;
 }
 
@@ -277,9 +337,8 @@ int Transfer::write_failed(int number) const {
 
 } // namespace
 
-int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source,
-             const struct stat *srcStatus) {
-    return Transfer(srcFd, dstFd, size, callbacks, source).run(srcStatus);
+int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source) {
+    return Transfer(srcFd, dstFd, size, callbacks, source).run();
 }
 
 } // namespace vexo

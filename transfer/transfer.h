@@ -5,7 +5,6 @@
 #include "support/callback.h"
 
 #include <cstdint>
-#include <sys/stat.h>
 
 namespace vexo {
 
@@ -21,9 +20,8 @@ struct TransferCallbacks {
 
 // Copies `size` bytes. Opens and closes nothing; `dstFd` is left behind the last byte written. 0, or -1 reported under
 // the name `source`, with what was written before the failure left in the destination.
-// `srcStatus`: the status of the open source, where it has been asked for already.
-int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source,
-             const struct stat *srcStatus = nullptr);
+// Whether the source is sparse is asked when the copy begins: an earlier look may be of another file by then.
+int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source);
 
 // The name under which a transfer without records of its own reports: that of the descriptor copy's front door.
 inline constexpr char kDescriptorCopySource[] = "copy/copy_file_copy_fd.c";

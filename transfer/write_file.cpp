@@ -6,8 +6,12 @@
 namespace vexo {
 
 int write_file(int fd, const void *bytes, int64_t length) {
+    if (length < 1) {
+        return static_cast<int>(length);
+    }
     const auto *from = static_cast<const char *>(bytes);
-    for (int64_t done = 0; done < length;) {
+    int64_t done = 0;
+    while (done < length) {
         // A write that a signal interrupts fails like any other: the caller decides whether to begin anew.
         const ssize_t written = ::write(fd, from + done, static_cast<size_t>(length - done));
         if (written < 0) {
@@ -15,7 +19,7 @@ int write_file(int fd, const void *bytes, int64_t length) {
         }
         done += written;
     }
-    return static_cast<int>(length);
+    return static_cast<int>(done);
 }
 
 } // namespace vexo

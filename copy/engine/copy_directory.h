@@ -8,6 +8,8 @@ namespace vexo {
 
 // Clones the files of a tree (VEXOFileReflinkCopy) where it is set.
 inline constexpr uint32_t kCloneFlag = 0x400;
+// A tree that a relocation stages: an entry whose paths are too long ends it.
+inline constexpr uint32_t kStagingFlag = 0x800;
 
 // Types of the two volumes, looked up for a directory copy.
 struct DirectoryKinds {

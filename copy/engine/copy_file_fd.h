@@ -9,4 +9,4 @@
 // from `ex` where it has one, else from `thr`. Any of the records may be null; `optR` has no callbacks and is not read.
 // 0, or -1 reported.
 int _VEXOCopyFileFd(int srcFd, int dstFd, int64_t size, VEXOCopyOpt *opt, VEXOCopyOptR *optR, VEXOCopyArgsEx *ex,
-                    VEXOCopyTHRArgs *thr, const struct stat *srcStatus = nullptr);
+                    VEXOCopyTHRArgs *thr);

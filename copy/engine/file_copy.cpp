@@ -140,8 +140,38 @@ FileCopy::Next FileCopy::abandon_destination() {
     return cancelled ? Next::success : Next::failure;
 }
 
+// Attributes are set by those who may write the file, which the owner of a read-only one may not: for this scope it
+// may. Says nothing, and leaves the mode to whoever changes it meanwhile.
+class FileCopy::WritableByOwner {
+  public:
+    WritableByOwner(const FileRef &file, mode_t modeOfSource) : m_file(file) {
+        const KeepErrno keep;
+        struct stat status;
+        if ((modeOfSource & S_IWUSR) == 0 && ::geteuid() != 0 && file.status(status) == 0 && S_ISREG(status.st_mode) &&
+            (status.st_mode & S_IWUSR) == 0) {
+            m_before = status.st_mode & ALLPERMS;
+            m_changed = file.change_mode(m_before | S_IWUSR) == 0;
+        }
+    }
+    WritableByOwner(const WritableByOwner &) = delete;
+    WritableByOwner &operator=(const WritableByOwner &) = delete;
+    ~WritableByOwner() {
+        const KeepErrno keep;
+        struct stat status;
+        if (m_changed && m_file.status(status) == 0 && (status.st_mode & ALLPERMS) == (m_before | S_IWUSR)) {
+            (void)m_file.change_mode(m_before);
+        }
+    }
+
+  private:
+    FileRef m_file;
+    mode_t m_before = 0;
+    bool m_changed = false;
+};
+
 void FileCopy::copy_metadata() {
     if (m_request.copyMetadata) {
+        const WritableByOwner writable(destination(), m_srcStat.st.st_mode);
         (void)m_request.copyMetadata(source(), destination(), source_type(), destination_type());
     }
 }

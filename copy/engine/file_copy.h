@@ -57,9 +57,6 @@ struct FileCopyRequest {
     // Not null: the source's type need not be looked up where the source turns out to be on this volume. A move looks
     // it up all the same, as it does not open the source first.
     const WalkedDirectory *directory = nullptr;
-    // Not null: gets the status of the source when it is open, for the move of the data. Valid as long as the copy
-    // runs.
-    const struct stat **srcStatus = nullptr;
 
     // Empty: not supplied.
     Callback<void(int64_t bytes, int64_t offset)> progress = {};

@@ -74,9 +74,6 @@ FileCopy::Next FileCopy::open_source() {
         return Next::failure;
     }
     if (opened) {
-        if (m_request.srcStatus != nullptr) {
-            *m_request.srcStatus = &m_srcStat.st;
-        }
         return Next::step;
     }
     if (const std::optional<Error> error = find_error(kSourceOpenErrors, errno)) {
@@ -116,6 +113,7 @@ FileCopy::Next FileCopy::recognise_same_file() {
     }
     m_dstExisted = true;
     m_dstWasSpecial = !S_ISREG(existing.st_mode);
+    m_dstWasPipe = S_ISFIFO(existing.st_mode);
     // There the inode number proves nothing.
     const bool same = is_type(destination_type(), FsType::remote)
                           ? resolve_alike(m_request.src, m_dst)
@@ -165,6 +163,7 @@ FileCopy::Next FileCopy::settle_conflict() {
     m_renamedOnce = true;
     m_dstExisted = false;
     m_dstWasSpecial = false;
+    m_dstWasPipe = false;
     return Next::step;
 }
 
@@ -175,7 +174,7 @@ FileCopy::Next FileCopy::refuse_destination(int flags) {
         const KeepErrors keep;
         remove_destination();
     }
-    const bool nobodyReads = m_dstWasSpecial && errno == ENXIO; // a pipe, which is not waited for
+    const bool nobodyReads = m_dstWasPipe && errno == ENXIO; // it is not waited for
     const std::optional<Error> error = find_error(kDestinationOpenErrors, errno);
     if (error && !nobodyReads) {
         return refuse(*error, VEXO_AT(m_request.source));

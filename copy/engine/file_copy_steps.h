@@ -59,6 +59,7 @@ class FileCopy {
     void set_times();
     void set_times_as_current_user();
     void copy_acl();
+    class WritableByOwner;
     void copy_metadata();
 
     void remove_destination();
@@ -91,9 +92,10 @@ class FileCopy {
     bool m_madeInTree = false;    // create_destination() made the destination
     bool m_dstExisted = false;    // before it was opened
     bool m_dstWasSpecial = false; // it existed, and was no regular file
-    bool m_renamedOnce = false;   // the rename callback gave a name
-    bool m_removeSource = false;  // a move that copied
-    bool m_ownerPending = false;  // asCaller: an owner was to be set and was not
+    bool m_dstWasPipe = false;
+    bool m_renamedOnce = false;  // the rename callback gave a name
+    bool m_removeSource = false; // a move that copied
+    bool m_ownerPending = false; // asCaller: an owner was to be set and was not
 };
 
 } // namespace vexo

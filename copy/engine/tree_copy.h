@@ -13,6 +13,8 @@ namespace vexo {
 struct TreeRequest {
     int32_t srcKind;
     int32_t dstKind;
+    bool srcKindHolds; // for every file of the tree: it is not asked for again
+    bool pathsMustFit; // an entry whose paths are too long ends the tree
     bool move;
     bool replaces; // the conflict mode is 1: a moved source goes even where its destination was there already
     bool stopOnError;
@@ -34,7 +36,8 @@ struct TreeRequest {
 };
 
 // 0: every level was finished, whatever entries were passed over; negative: failed, reported. `cancelled` becomes true
-// when the cancel callback stopped a level, which is a 0 too.
+// when the cancel callback stopped a level, which is a 0 too. However deep the tree is, no more than 16 directories of
+// the source are open at a time, and one of the destination.
 int copy_tree(const char *src, const char *dst, const TreeRequest &request, bool *cancelled);
 
 } // namespace vexo

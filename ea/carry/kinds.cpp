@@ -14,7 +14,7 @@ namespace {
 
 int type_unknown(const char *path, const char *entry, const char *source) {
     VEXO_LOG_ERROR_IN(VEXO_AT(source), entry, "Failed to get fs type of %s.\n", path);
-    return -1;
+    return fail(Error::other, VEXO_AT(source));
 }
 
 } // namespace
@@ -35,7 +35,7 @@ int look_up_destination_kind(EaCopyJob &job, const char *entry, const char *sour
     if (slash == std::string_view::npos) {
         VEXO_LOG_ERROR_IN(VEXO_AT(source), entry, "Failed to strrchr '/' of %s, reason=%s.\n", job.dst,
                           ::strerror(errno));
-        return -1;
+        return fail(Error::other, VEXO_AT(source));
     }
     const PathBuffer parent(path.substr(0, slash == 0 ? 1 : slash));
     if (parent.overflowed()) {

@@ -1,7 +1,9 @@
 // Carrying the locked state of a file: write permission on some volumes, a flag of the platform and a bit of the AFP
 // attribute word on others.
-#include "ea/carry/job.h"
+#include "ea/carry/routines.h"
 
+#include "ea/carry/store_directory.h"
+#include "ea/carry/two_entries.h"
 #include "ea/double/metadata_attribute.h"
 #include "ea/double/resource_path.h"
 #include "ea/ea.h"
@@ -45,7 +47,7 @@ uint8_t *afp_word(VEXOEAAdouble &metadata) {
 int locked_by_mode(const FileRef &file) {
     struct stat status;
     if (file.status(status) != 0) {
-        return errno == ENOENT ? kSourceGone : -1;
+        return errno == ENOENT ? kSourceGone : fail(Error::other, VEXO_AT(kLockSource));
     }
     return (status.st_mode & kWriteBits) == 0 ? 1 : 0;
 }
@@ -86,7 +88,7 @@ int read_lock(const EaCopyJob &job) {
 int set_mode(const FileRef &file, bool locked) {
     struct stat status;
     if (file.status(status) != 0) {
-        return -1;
+        return fail(Error::other, VEXO_AT(kLockSource));
     }
     const uid_t user = ::geteuid();
     if (user != 0 && user != status.st_uid) {
@@ -98,7 +100,9 @@ int set_mode(const FileRef &file, bool locked) {
 }
 
 int set_flag(const FileRef &file, bool locked) {
-    return command_attribute(file, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0 ? -1 : 0;
+    return command_attribute(file, locked ? AttributeCommand::lock : AttributeCommand::unlock) < 0
+               ? fail(Error::file_operation, VEXO_AT(kLockSource))
+               : 0;
 }
 
 // Sets or clears the bit in a header that was read. false: there is nothing to write back.
@@ -171,6 +175,7 @@ int carry(EaCopyJob &job) {
         return -1;
     }
     if (job.srcKind() == StoreKind::other) {
+        set_error(Error::other, VEXO_AT(kLockSource));
         return kUnknownSource;
     }
     if (job.dstKind() == StoreKind::other) {

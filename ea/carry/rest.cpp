@@ -1,9 +1,14 @@
 // The last stage of carrying what belongs to a file: the other entries of its own directory in "@eaDir" (pictures and
 // the like that other services keep there), and what a move leaves behind.
-#include "ea/carry/job.h"
+#include "ea/carry/routines.h"
 
+#include "ea/carry/store_directory.h"
+#include "ea/carry/stream_files.h"
 #include "ea/ea.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
 #include "support/dir.h"
+#include "support/fd.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -17,11 +22,8 @@
 namespace vexo {
 namespace {
 
-constexpr mode_t kStoreMode = 0777;
-
-bool is_directory(const char *path) {
-    struct stat status;
-    return ::stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+bool is_directory(const char *path, struct stat &status) {
+    return look_in_store(path, status) == 0 && S_ISDIR(status.st_mode);
 }
 
 // What became of an entry.
@@ -32,34 +34,36 @@ Outcome copy_failed(const char *from, const char *to) {
     return Outcome::failed;
 }
 
-Outcome make_accessible(const char *to) {
-    if (::chmod(to, kStoreMode) != 0) {
+Outcome opened_to_all(int result, const char *to) {
+    if (result != 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to chmod %s. %m", to);
     }
     return Outcome::carried;
 }
 
 Outcome carry_by_callback(const EaCopyJob &job, const char *from, const char *to) {
-    if (job.copyFile(from, to) < 0) {
+    const int copied = copy_by_caller(job, from, to);
+    if (copied < 0) {
         return copy_failed(from, to);
     }
-    if (::chmod(to, kStoreMode) != 0) {
+    if (copied != kOneFile && set_store_mode(to) != 0) {
         if (job.copyFileOfFileOperation) {
             VEXO_LOG_DEBUG(VEXO_EA_COPY_HERE, "Fail to chmod %s. (%m)", to);
         } else {
             VEXO_LOG_DEBUG(VEXO_EA_COPY_HERE, "Failed to chmod %s", to);
         }
     }
-    return Outcome::carried;
+    return copied == kOneFile ? Outcome::left_alone : Outcome::carried;
 }
 
 Outcome carry_across_devices(const char *from, const char *to) {
-    if (copy_store_file(from, to) != 0) {
+    Fd made;
+    if (copy_store_file(from, to, &made) != 0) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to mv %s to %s. %m", from, to);
         return Outcome::left_alone;
     }
-    ::unlink(from); // what is still there then is removed and reported like every carried entry
-    return make_accessible(to);
+    (void)unlink_store_file(from); // what is still there then is removed and reported like every carried entry
+    return opened_to_all(::fchmod(made.get(), kStoreMode), to);
 }
 
 Outcome carry_entry(const EaCopyJob &job, const char *from, const char *to) {
@@ -67,12 +71,17 @@ Outcome carry_entry(const EaCopyJob &job, const char *from, const char *to) {
         return carry_by_callback(job, from, to);
     }
     if (job.move) {
-        if (::rename(from, to) == 0) {
-            return make_accessible(to);
+        if (rename_in_store(from, to) == 0) {
+            return opened_to_all(set_store_mode(to), to);
         }
         return errno == EXDEV ? carry_across_devices(from, to) : copy_failed(from, to);
     }
-    return copy_store_file(from, to) < 0 ? copy_failed(from, to) : make_accessible(to);
+    Fd made;
+    const int copied = copy_store_file(from, to, &made);
+    if (copied < 0) {
+        return copy_failed(from, to);
+    }
+    return made ? opened_to_all(::fchmod(made.get(), kStoreMode), to) : Outcome::carried;
 }
 
 bool is_regular(const dirent &entry, const char *path) {
@@ -80,7 +89,7 @@ bool is_regular(const dirent &entry, const char *path) {
         return entry.d_type == DT_REG;
     }
     struct stat status;
-    return ::lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+    return look_in_store(path, status) == 0 && S_ISREG(status.st_mode);
 }
 
 // false: an entry was left alone or not seen, so the directory that holds it stays.
@@ -125,6 +134,15 @@ void remove_source_directory(const EaCopyJob &job, const char *directory) {
     (void)EARemoveEADir(directory);
 }
 
+// Whether the directory is also the one that `path` has: then nothing in it needs to go anywhere.
+bool is_directory_of(const char *path, const struct stat &directory) {
+    const KeepErrors keep;
+    PathBuffer own;
+    struct stat there;
+    return VEXOEADirPath(kPerFileDirectory, path, own.fill(), PathBuffer::kUsable) == 0 &&
+           is_directory(own.c_str(), there) && is_one_file(directory, there);
+}
+
 int carry_directory(const EaCopyJob &job) {
     if (job.nothingStored) {
         return 0;
@@ -134,11 +152,15 @@ int carry_directory(const EaCopyJob &job) {
     if (VEXOEADirPath(kPerFileDirectory, job.src, from.fill(), PathBuffer::kUsable) < 0) {
         return -1;
     }
-    if (!is_directory(from.c_str())) {
+    struct stat own;
+    if (!is_directory(from.c_str(), own)) {
         if (job.move && !job.keepsSourceDirectory()) {
             const KeepErrors keep;
             (void)EARemoveEADir(from.c_str());
         }
+        return 0;
+    }
+    if (is_directory_of(job.dst, own)) {
         return 0;
     }
     if (prepare_ea_directory(kPerFileDirectory, job.dst, to) < 0) {
@@ -147,8 +169,9 @@ int carry_directory(const EaCopyJob &job) {
         }
         return -1;
     }
-    Dir directory(from.c_str());
+    Dir directory = Dir::of(open_store_directory(from.c_str()));
     if (!directory) {
+        set_error(Error::open, VEXO_EA_COPY_HERE);
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to opendir %s, reason = %m.", from.c_str());
         return -1;
     }
@@ -175,14 +198,14 @@ int leave_ea_directory(const EaCopyJob &job) {
         PathBuffer stream;
         PathBuffer directory;
         if (VEXOEAPath(kCurrentLayout, job.src, kEaStream, stream.fill(), PathBuffer::kUsable, kStreamCompanion) == 0) {
-            ::unlink(stream.c_str());
+            (void)unlink_store_file(stream.c_str());
         }
         if (!job.fullDirectory &&
             VEXOEADirPath(kPerFileDirectory, job.src, directory.fill(), PathBuffer::kUsable) == 0) {
             (void)remove_source_tree(directory.c_str());
         }
     }
-    if (::unlink(resource.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+    if (unlink_store_file(resource.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
         set_error(Error::file_operation, VEXO_EA_COPY_HERE);
     }
     if (job.fullDirectory) {
@@ -198,6 +221,10 @@ int leave_ea_directory(const EaCopyJob &job) {
 } // namespace
 
 int carry_rest(const EaCopyJob &job) {
+    if (job.streamsStay) { // what belongs to them is still there, and so is whatever else a move would leave behind
+        const bool both = job.srcKind() != StoreKind::apple_double && job.dstKind() != StoreKind::apple_double;
+        return both || job.fullDirectory ? carry_directory(job) : 0;
+    }
     const bool appleDouble = job.srcKind() == StoreKind::apple_double || job.dstKind() == StoreKind::apple_double;
     if (!appleDouble) {
         return carry_directory(job);

@@ -1,12 +1,14 @@
 #include "ea/double/resource_fork.h"
 
-#include "support/stdio_file.h"
+#include "ea/files/positioned.h"
+#include "ea/files/store_file.h"
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace vexo {
 namespace {
@@ -92,26 +94,27 @@ void ResourceForkAccess::restore() {
 namespace {
 
 int read_fork(const ResourceForkAccess &access, void *value, size_t length, const char *source) {
-    const StdioFile fork(access.fork_path(), "rb");
+    const Fd fork = open_store_file(access.fork_path(), O_RDONLY);
     if (!fork) {
         VEXO_LOG_ERROR(VEXO_AT(source), "Fail to open(%s). %m", access.fork_path());
         return -1;
     }
-    if (std::fread(value, 1, length, fork.get()) != length) {
+    if (!read_at(fork.get(), value, length, 0)) {
         VEXO_LOG_ERROR(VEXO_AT(source), "Fail to read(%s). %m", access.fork_path());
         return -1;
     }
     return static_cast<int>(length);
 }
 
-// What the stream still buffers reaches the fork at the close, so that only then the fork is written.
+// A volume may tell only at the close what it could not write.
 int write_fork(const ResourceForkAccess &access, const void *value, size_t size, const char *source) {
-    StdioFile fork(access.fork_path(), "w+b");
+    constexpr mode_t kForkMode = 0666;
+    Fd fork = open_store_file(access.fork_path(), O_RDWR | O_CREAT | O_TRUNC, kForkMode);
     if (!fork) {
         VEXO_LOG_ERROR(VEXO_AT(source), "Fail to open(%s). %m", access.fork_path());
         return -1;
     }
-    if (std::fwrite(value, 1, size, fork.get()) != size || !fork.close()) {
+    if (!write_at(fork.get(), value, size, 0) || ::close(fork.release()) != 0) {
         VEXO_LOG_ERROR(VEXO_AT(source), "Fail to write(%s). %m", access.fork_path());
         return -1;
     }

@@ -1,35 +1,18 @@
-// Removing a tree, as "rm -rf" does: depth first, links not followed, one log line for what would not go.
+// Removing a tree, as "rm -rf" does: depth first, links not followed, one log line for what would not go. A directory
+// that is exchanged for a link meanwhile leads nowhere, and however deep a tree is, two descriptors do.
 #pragma once
 
 #include "support/report.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <ftw.h>
-
 namespace vexo {
 
-// The walk's callback has no room for data, so the name it logs under is part of its type.
-template <SourceName Source>
-int remove_tree_entry(const char *path, const struct stat * /*stat*/, int /*type*/, struct FTW * /*where*/) {
-    if (path == nullptr) {
-        VEXO_LOG_ERROR(VEXO_AT(sourceName<Source>.text), "Invalid paramter in unlink_cb");
-        return -1;
-    }
-    const int result = ::remove(path);
-    if (result != 0) {
-        VEXO_LOG_ERROR(VEXO_AT(sourceName<Source>.text), "Fail to remove (%s) (%d)(%s)", path, errno,
-                       ::strerror(errno));
-    }
-    return result;
-}
+// The first entry that would not go ends it: -1 with errno, after a line under the name of `source`; the caller says
+// that the tree could not be removed. 0: all of it is gone.
+int remove_tree(const char *path, const char *source);
 
-// 0, or -1 with errno when something would not go; the caller says that the tree could not be removed.
 template <SourceName Source>
 int remove_tree(const char *path) {
-    constexpr int kDescriptors = 64;
-    return ::nftw(path, remove_tree_entry<Source>, kDescriptors, FTW_PHYS | FTW_DEPTH) == 0 ? 0 : -1;
+    return remove_tree(path, sourceName<Source>.text);
 }
 
 } // namespace vexo

@@ -8,6 +8,7 @@
 
 #include "support/fd.h"
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace vexo {
@@ -18,9 +19,21 @@ inline constexpr mode_t kStoreMode = 0777;
 // Opens a store file by its path, with `flags` as open() takes them. What O_TRUNC asks for is done once the file is
 // known to be what it should be.
 Fd open_store_file(const char *path, int flags, mode_t mode = kStoreMode);
+// The same by its name in a directory that is open.
+Fd open_store_file_in(int directory, const char *name, int flags, mode_t mode = kStoreMode);
+
+// The same for a caller of ours, who gets what open() gives: a descriptor with the flags that were asked for, or -1.
+int open_store_file_for_caller(const char *path, int flags);
 
 // Opens a store directory ("@eaDir" or "@eaDir/<base>") to look at it and to change its mode. O_RDONLY.
 Fd open_store_directory(const char *path);
+
+// What open_store_file() would say of what stands there, without opening it, for a function of somebody else's that
+// will open it by its path. 0 with `status`, or -1.
+int check_store_file(const char *path, int flags, struct stat &status);
+
+// Opens a store file to everybody (kStoreMode), by way of a descriptor. 0 or -1.
+int set_store_mode(const char *path);
 
 // Whether a regular file stands at the path of a store file, no link followed on the way. Leaves errno alone.
 bool is_store_file(const char *path);

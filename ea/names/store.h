@@ -49,6 +49,7 @@ inline constexpr char kEaStream[] = "VexoEAStream";
 inline constexpr int kCurrentLayout = 1;
 inline constexpr int kOlderLayout = 0;
 inline constexpr int kStreamCompanion = 0;
+inline constexpr int kAppleDoubleCompanion = 1;
 inline constexpr int kSharedDirectory = 1;
 inline constexpr int kPerFileDirectory = 0;
 

@@ -57,7 +57,11 @@ bool write_all(int fd, const void *from, size_t size) {
     const auto *at = static_cast<const uint8_t *>(from);
     while (size > 0) {
         const size_t part = size < kLargestTransfer ? size : kLargestTransfer;
-        if (::write(fd, at, part) != static_cast<ssize_t>(part)) {
+        const ssize_t written = ::write(fd, at, part);
+        if (written >= 0 && written != static_cast<ssize_t>(part)) {
+            errno = ENOSPC; // a write that ends early says nothing else
+        }
+        if (written != static_cast<ssize_t>(part)) {
             return false;
         }
         at += part;

@@ -11,7 +11,7 @@
 
 namespace vexo::eas {
 
-// These say nothing; errno is the system's where a call failed.
+// These say nothing; errno is the system's where a call failed, and ENOSPC after a short write.
 bool seek_to(int fd, uint64_t offset);
 // All of it, or it has failed: a file that ends early is a short read.
 bool read_all(int fd, void *to, size_t size);

@@ -2,9 +2,12 @@
 #include "backup/backup.h"
 
 #include "tests/kit/behaviour.h"
+#include "tests/kit/child.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -57,6 +60,17 @@ TEST_F(ArchiveBit, FileVariantTakesADirectory) {
     kit::Faults::failAlways("VLIBCKernelAttrFcntl", EINVAL);
     EXPECT_EQ(0, VEXOBackupCleanFileArchiveBit(scratch.path().c_str()));
     EXPECT_EQ(1, kit::Faults::count("VLIBCKernelAttrFcntl"));
+}
+
+TEST_F(ArchiveBit, PipeIsNotWaitedFor) {
+    const std::string path = scratch / "pipe";
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0644));
+    kit::Faults::failAlways("VLIBCKernelAttrFcntl", EINVAL);
+    EXPECT_TRUE(kit::holdsInChild([&path] {
+        ::alarm(20); // ends one that waits
+        EXPECT_EQ(0, VEXOBackupCleanFileArchiveBit(path.c_str()));
+        EXPECT_EQ(1, kit::Faults::count("VLIBCKernelAttrFcntl"));
+    }));
 }
 
 TEST_F(ArchiveBit, DirectoryVariantDoesNotRecurse) {

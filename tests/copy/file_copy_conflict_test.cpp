@@ -1,6 +1,10 @@
 // A destination that exists: replaced, left, refused, or given another name.
 #include "tests/copy/file_copy_support.h"
 
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+
 namespace file_copy {
 namespace {
 
@@ -288,6 +292,31 @@ TEST_P(FileCopyConflict, PipeThatNobodyReadsIsRefusedWithoutWaiting) {
     request.overwrite = 1;
     expectFailed(copy(), 0x8000);
     EXPECT_TRUE(S_ISFIFO(kit::statOf(request.dst).st_mode));
+    expectSourceIntact();
+}
+
+TEST_P(FileCopyConflict, SocketIsToldAsAMissingDevice) {
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(request.dst.size(), sizeof address.sun_path);
+    request.dst.copy(address.sun_path, request.dst.size());
+    ASSERT_EQ(0, ::bind(socket, reinterpret_cast<sockaddr *>(&address), sizeof address));
+    ::close(socket);
+    request.overwrite = 1;
+    expectFailed(copy(), 0x6C00);
+    EXPECT_TRUE(S_ISSOCK(kit::statOf(request.dst).st_mode));
+    EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
+    expectSourceIntact();
+}
+
+TEST_P(FileCopyConflict, DeviceWithoutADriverIsToldAsThat) {
+    KIT_NEEDS_ROOT("to make a device");
+    ASSERT_EQ(0, ::mknod(request.dst.c_str(), S_IFCHR | 0644, makedev(511, 255)));
+    request.overwrite = 1;
+    expectFailed(copy(), 0x6C00);
+    EXPECT_TRUE(S_ISCHR(kit::statOf(request.dst).st_mode));
+    EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
     expectSourceIntact();
 }
 

@@ -82,6 +82,20 @@ TEST_P(FileCopyData, HolesStayHoles) {
     EXPECT_LT(kit::statOf(request.dst).st_blocks * 512, size);
 }
 
+// The destination is opened between the look at the source and the data.
+TEST_P(FileCopyData, SourceThatBecameSparseMeanwhileKeepsItsHoles) {
+    sourceIs(kit::pattern(192 * 1024));
+    kit::Faults::add({.function = "open", .path = request.dst, .before = [this] {
+                          const int fd = ::open(request.src.c_str(), O_WRONLY | O_CLOEXEC);
+                          ASSERT_EQ(0,
+                                    ::fallocate(fd, FALLOC_FL_KEEP_SIZE | FALLOC_FL_PUNCH_HOLE, 64 * 1024, 64 * 1024));
+                          ::close(fd);
+                      }});
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(kit::readFile(request.src), kit::readFile(request.dst));
+    EXPECT_EQ(kit::statOf(request.src).st_blocks, kit::statOf(request.dst).st_blocks);
+}
+
 TEST_P(FileCopyData, TrailingHoleKeepsTheLength) {
     kit::writeSparse(request.src, 3 << 20, {{0, 4096}});
     content = kit::readFile(request.src);

@@ -3,6 +3,8 @@
 #include "tests/copy/file_copy_support.h"
 #include "tests/kit/child.h"
 
+#include <filesystem>
+
 namespace file_copy {
 namespace {
 
@@ -35,6 +37,29 @@ TEST_P(FileCopyMetadata, CopyBringsTheStoreAndKeepsTheSources) {
     EXPECT_EQ("picture", kit::readFile(to + "/@eaDir/target.bin/thumb.jpg"));
     EXPECT_EQ(stream, kit::readFile(streamOf(from, "source.bin")));
     EXPECT_EQ("picture", kit::readFile(from + "/@eaDir/source.bin/thumb.jpg"));
+}
+
+// Whoever may not write a file may not set its attributes, not even its owner.
+TEST_P(FileCopyMetadata, ReadOnlyFileOfAUserBringsItsAttributes) {
+    KIT_NEEDS_ROOT("to become another user");
+    std::filesystem::remove_all(from + "/@eaDir");
+    for (const mode_t mode : {0444U, 0400U, 0555U, 0644U}) {
+        ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+        ASSERT_EQ(0, ::chmod(from.c_str(), 0777));
+        ASSERT_EQ(0, ::chmod(to.c_str(), 0777));
+        ASSERT_EQ(0, ::chown(request.src.c_str(), kNobody, kNobody));
+        kit::setAttribute(request.src, "user.own", "value");
+        ASSERT_EQ(0, ::chmod(request.src.c_str(), mode));
+        ::unlink(request.dst.c_str());
+        EXPECT_TRUE(kit::holdsInChild([&] {
+            processMayChange();
+            ASSERT_EQ(0, ::setresgid(kNobody, kNobody, kNobody));
+            ASSERT_EQ(0, ::setresuid(kNobody, kNobody, kNobody));
+            (void)copy();
+        }));
+        EXPECT_EQ("value", kit::attribute(request.dst, "user.own")) << mode;
+        EXPECT_EQ(mode, kit::statOf(request.dst).st_mode & 07777);
+    }
 }
 
 TEST_P(FileCopyMetadata, CopyHasTheArchiveBit) {

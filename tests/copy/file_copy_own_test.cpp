@@ -304,6 +304,7 @@ TEST_F(FileCopyOwn, FileOperationWritesTypesBack) {
 }
 
 TEST_F(FileCopyOwn, SmallCopyAsksForNothingTwice) {
+    kit::writeFile(source, "small");
     kit::Faults::record(true);
     constexpr int kKeepsNothing = 4; // beside a file: the store has its own costs
     ASSERT_EQ(0, VEXOCopyFileExI(source.c_str(), target.c_str(), &options, kKeepsNothing, kKeepsNothing, 1, nullptr));
@@ -316,6 +317,8 @@ TEST_F(FileCopyOwn, SmallCopyAsksForNothingTwice) {
     EXPECT_EQ(0, kit::Faults::count("realpath"));
     EXPECT_EQ(0, kit::Faults::count("ioctl"));
     EXPECT_EQ(0, kit::Faults::count("fstatfs"));
+    EXPECT_EQ(0, kit::Faults::count("sendfile"));
+    EXPECT_EQ(1, kit::Faults::count("write"));
 }
 
 // Whatever fails: the source is whole unless the move is done, the destination is whole or absent, a failure is

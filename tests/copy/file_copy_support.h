@@ -73,6 +73,7 @@ using Progress = std::pair<int64_t, int64_t>;
 // Empty functions are null slots. Reports and progress are kept in any case.
 struct Callbacks {
     std::function<void(int64_t, int64_t)> onProgress;
+    std::function<void()> onReport;
     std::function<int()> isCancel;
     std::function<int(const char *, char *, int)> rename;
     std::function<int64_t(int64_t, int64_t)> getReadSize;
@@ -93,12 +94,18 @@ struct Callbacks {
             onProgress(bytes, offset);
         }
     }
+    void addReport(const char *path, uint32_t code) {
+        reports.push_back({path, code});
+        if (onReport) {
+            onReport();
+        }
+    }
 };
 
 // The callbacks as the records hold them.
 struct Bare {
     static void progress(int64_t bytes, int64_t offset) { Callbacks::current()->addProgress(bytes, offset); }
-    static void errReport(const char *path, uint32_t code) { Callbacks::current()->reports.push_back({path, code}); }
+    static void errReport(const char *path, uint32_t code) { Callbacks::current()->addReport(path, code); }
     static int isCancel() { return Callbacks::current()->isCancel(); }
     static int rename(const char *dst, char *out, int size) { return Callbacks::current()->rename(dst, out, size); }
     static int64_t getReadSize(int64_t last, int64_t offset) { return Callbacks::current()->getReadSize(last, offset); }
@@ -109,9 +116,7 @@ struct Bare {
 };
 struct WithData {
     static void progress(void *data, int64_t bytes, int64_t offset) { Callbacks::of(data).addProgress(bytes, offset); }
-    static void errReport(void *data, const char *path, uint32_t code) {
-        Callbacks::of(data).reports.push_back({path, code});
-    }
+    static void errReport(void *data, const char *path, uint32_t code) { Callbacks::of(data).addReport(path, code); }
     static int isCancel(void *data) { return Callbacks::of(data).isCancel(); }
     static int rename(void *data, const char *dst, char *out, int size) {
         return Callbacks::of(data).rename(dst, out, size);
@@ -235,6 +240,27 @@ inline std::string reason(int number) {
     return "(" + std::to_string(number) + ")" + std::strerror(number);
 }
 
+// Log lines of one source.
+inline int linesOf(const std::string &source, int priority) {
+    int found = 0;
+    for (const kit::LogLine &line : kit::Log::lines()) {
+        found += line.source == source && line.priority == priority ? 1 : 0;
+    }
+    return found;
+}
+inline void expectLogged(const std::string &source, int priority, const std::string &body, int times = 1) {
+    int found = 0;
+    for (const kit::LogLine &line : kit::Log::lines()) {
+        found += line.source == source && line.priority == priority && line.body == body ? 1 : 0;
+    }
+    EXPECT_EQ(times, found) << "wanted: " << priority << " " << source << ":… " << body << "\n" << kit::Log::all();
+}
+// How often a recorded call was made with exactly this path (or command line).
+inline long callsOf(const std::string &function, const std::string &path) {
+    const std::vector<std::string> calls = kit::Faults::recorded();
+    return std::count(calls.begin(), calls.end(), function + "(" + path + ")");
+}
+
 // Another effective user for a scope; the process stays able to become root again.
 class AsUser {
   public:
@@ -297,27 +323,8 @@ class Scene : public kit::Behaviour {
     }
     void expectNotReported() const { EXPECT_EQ(std::vector<Report>(), callbacks.reports); }
 
-    static int linesOf(const std::string &source, int priority) {
-        int found = 0;
-        for (const kit::LogLine &line : kit::Log::lines()) {
-            found += line.source == source && line.priority == priority ? 1 : 0;
-        }
-        return found;
-    }
-    static void expectLogged(const std::string &source, int priority, const std::string &body, int times = 1) {
-        int found = 0;
-        for (const kit::LogLine &line : kit::Log::lines()) {
-            found += line.source == source && line.priority == priority && line.body == body ? 1 : 0;
-        }
-        EXPECT_EQ(times, found) << "wanted: " << priority << " " << source << ":… " << body << "\n" << kit::Log::all();
-    }
     static void expectNoErrorLogged(const std::string &source) {
         EXPECT_EQ(0, linesOf(source, LOG_ERR)) << kit::Log::all();
-    }
-    // How often a recorded call was made with exactly this path.
-    static long callsOf(const std::string &function, const std::string &path) {
-        const std::vector<std::string> calls = kit::Faults::recorded();
-        return std::count(calls.begin(), calls.end(), function + "(" + path + ")");
     }
     // The first of the recorded calls with that name and path; -1 when there is none.
     static long placeOf(const std::string &function, const std::string &path) {

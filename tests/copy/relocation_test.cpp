@@ -2,6 +2,7 @@
 #include "tests/copy/tree_support.h"
 
 #include <csignal>
+#include <sys/mount.h>
 
 namespace tree {
 namespace {
@@ -214,15 +215,83 @@ TEST_P(Relocation, CancelledStagingCommitsNothing) {
     }
 }
 
-TEST_F(Scene, RelocationGivesTheRecordItsOwnCancelCallbackBack) {
-    VEXOCopyArgs args = argsOf(request, callbacks);
-    args.isCancel = [](void *) { return 0; };
-    args.isCancelArg = this;
-    const auto function = args.isCancel;
-    EXPECT_EQ(0, VLIBCErrGet());
-    EXPECT_EQ(0, VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), kRelocate, &args));
-    EXPECT_EQ(function, args.isCancel);
-    EXPECT_EQ(this, args.isCancelArg);
+// Callbacks that are handed a record are handed their caller's, as it is.
+struct SeenRecord {
+    VEXOCopyArgs args{}, before{};
+    int copied = 0, asked = 0;
+    void check(const VEXOCopyArgs *record) const {
+        EXPECT_EQ(&args, record);
+        EXPECT_EQ(before.isCancel, record->isCancel);
+        EXPECT_EQ(before.isCancelArg, record->isCancelArg);
+        EXPECT_EQ(before.copyFile, record->copyFile);
+        EXPECT_EQ(before.copyFileArg, record->copyFileArg);
+        EXPECT_EQ(before.readWriteData, record->readWriteData);
+        EXPECT_EQ(before.readWriteDataArg, record->readWriteDataArg);
+    }
+    static SeenRecord &of(void *data) { return *static_cast<SeenRecord *>(data); }
+};
+
+TEST_F(Scene, RelocationShowsCallbacksTheRecordAsItIs) {
+    for (const bool wholeFiles : {true, false}) {
+        SeenRecord seen;
+        request.src = from + (wholeFiles ? "/files" : "/data");
+        makeDirectory(request.src);
+        putFile("one");
+        putFile("two");
+        seen.args.fsTypeSrc = seen.args.fsTypeDst = -1;
+        seen.args.isCancel = [](void *data) {
+            SeenRecord::of(data).check(&SeenRecord::of(data).args);
+            ++SeenRecord::of(data).asked;
+            return 0;
+        };
+        seen.args.isCancelArg = &seen;
+        if (wholeFiles) {
+            seen.args.copyFile = [](void *data, const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *args) {
+                SeenRecord::of(data).check(args);
+                ++SeenRecord::of(data).copied;
+                VEXOCopyArgs plain{};
+                plain.fsTypeSrc = plain.fsTypeDst = -1;
+                return VEXOFileOpCopyFile(src, dst, flags, &plain);
+            };
+            seen.args.copyFileArg = &seen;
+        } else {
+            seen.args.readWriteData = [](void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size,
+                                         VEXOCopyArgs *args) {
+                SeenRecord::of(data).check(args);
+                ++SeenRecord::of(data).copied;
+                return VEXOFileOpCopyFileFd(*srcFd, *dstFd, size, args);
+            };
+            seen.args.readWriteDataArg = &seen;
+        }
+        seen.before = seen.args;
+        EXPECT_EQ(0, VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), kRelocate, &seen.args));
+        seen.check(&seen.args);
+        EXPECT_EQ(2, seen.copied);
+        EXPECT_GT(seen.asked, 0);
+        EXPECT_EQ("data", kit::readFile(dst("two")));
+        EXPECT_FALSE(kit::exists(request.src));
+        EXPECT_EQ(0, std::system(("rm -r " + request.dst).c_str())); // NOLINT(concurrency-mt-unsafe): one thread
+    }
+}
+
+TEST_P(Relocation, CancelThatComesAfterTheLastFileCommitsNothing) {
+    fillDestination();
+    bool late = false;
+    callbacks.isCancel = [&] { return late ? 1 : 0; };
+    callbacks.copyFile = [&](const std::string &, const std::string &dst) {
+        late = true;
+        kit::writeFile(dst, "x");
+        return 0;
+    };
+    if (isExternal()) {
+        return; // which has no such callback
+    }
+    request.src = from + "/single";
+    makeDirectory(request.src);
+    putFile("only");
+    EXPECT_FAILS(relocate(), 0xA600);
+    EXPECT_EQ("data", kit::readFile(src("only")));
+    EXPECT_EQ("old", kit::readFile(dst("old")));
 }
 
 TEST_P(Relocation, SourceAndDestinationThatHoldEachOtherAreRefused) {
@@ -236,6 +305,141 @@ TEST_P(Relocation, SourceAndDestinationThatHoldEachOtherAreRefused) {
     ASSERT_EQ(0, ::rename(request.src.c_str(), (to + "/@tmp").c_str())); // the source is the staging directory
     request.src = to + "/@tmp";
     EXPECT_FAILS(relocate(), 0x0D00);
+    expectSourceIntact();
+}
+
+// By another name the three are the same directories still.
+TEST_P(Relocation, LinksAndMountsOfTheSourceAreRefusedAsDestination) {
+    KIT_REQUIRE(other, kit::Volume::tmpfs(1 << 20));
+    processAsNow();
+    const auto refused = [&](const std::string &what) {
+        SCOPED_TRACE(what);
+        EXPECT_FAILS(relocate(), 0x0D00);
+    };
+    const auto mounted = [&](const std::string &what, const std::string &directory, const std::string &at) {
+        ASSERT_EQ(0, ::mount(directory.c_str(), at.c_str(), nullptr, MS_BIND, nullptr)) << at;
+        refused(what);
+        EXPECT_EQ(0, ::umount2(at.c_str(), MNT_DETACH));
+        SCOPED_TRACE(what);
+        expectSourceIntact();
+        EXPECT_FALSE(kit::exists(staged));
+    };
+    ASSERT_EQ(0, ::symlink(request.src.c_str(), request.dst.c_str()));
+    refused("a link to the source");
+    expectSourceIntact();
+    ASSERT_EQ(0, ::unlink(request.dst.c_str()));
+    ASSERT_EQ(0, ::symlink(src("sub").c_str(), request.dst.c_str()));
+    refused("a link into the source");
+    ASSERT_EQ(0, ::unlink(request.dst.c_str()));
+    fillDestination();
+    makeDirectory(dst("below"));
+    makeDirectory(dst("below/point"));
+    mounted("the source mounted as the destination", request.src, request.dst);
+    mounted("the source mounted in the destination", request.src, dst("below/point"));
+    mounted("a part of the source mounted in the destination", src("sub/deep"), dst("below/point"));
+    mounted("what holds the source mounted in the destination", from, dst("below/point"));
+    mounted("a part of the source as the destination", src("sub"), request.dst);
+    mounted("what holds the source as the destination", from, request.dst);
+    mounted("the destination mounted in the source", to, src("empty"));
+    makeDirectory(staging);
+    mounted("the source mounted as the staging directory", request.src, staging);
+    makeDirectory(staging + "/point");
+    mounted("a part of the source mounted in the staging directory", src("sub"), staging + "/point");
+    EXPECT_EQ("old", kit::readFile(dst("old")));
+    ASSERT_EQ(0, ::rmdir((staging + "/point").c_str()));
+    // What has nothing to do with the source is no obstacle.
+    makeDirectory(src("sub/volume"));
+    ASSERT_EQ(0, ::mount(other.path().c_str(), src("sub/volume").c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(0, relocate(true)) << kit::Log::all();
+    EXPECT_TRUE(kit::exists(dst("sub/volume")));
+    EXPECT_EQ(0, ::umount(src("sub/volume").c_str()));
+}
+
+TEST_P(Relocation, WhatCannotBeLookedAtIsNotKnownToBeApart) {
+    fillDestination();
+    for (const std::string &path : {request.src, request.dst, to}) {
+        for (const int skip : {0, 3}) { // the second: before the commit
+            kit::Faults::reset();
+            kit::Faults::add({.function = "realpath", .error = EIO, .path = path, .skip = skip, .times = 0});
+            EXPECT_FAILS(relocate(), 0x0D00);
+            kit::Faults::reset();
+            expectSourceIntact();
+            EXPECT_EQ("old", kit::readFile(dst("old")));
+        }
+    }
+    kit::Faults::failAlways("open", EMFILE, "/proc/self/mountinfo");
+    EXPECT_FAILS(relocate(), 0x0D00);
+    kit::Faults::failAlways("open", ENOENT, "/proc/self/mountinfo");
+    kit::Faults::reset();
+    EXPECT_EQ(0, relocate());
+    expectRelocated();
+}
+
+TEST_P(Relocation, DestinationThatIsTheStagingDirectoryIsRefused) {
+    request.dst = staging;
+    EXPECT_FAILS(relocate(), 0x0D00);
+    expectSourceIntact();
+    EXPECT_FALSE(kit::exists(staging));
+}
+
+TEST_P(Relocation, SourceThatIsExchangedMeanwhileCommitsNothingAndKeepsTheCopy) {
+    fillDestination();
+    bool exchanged = false;
+    callbacks.isCancel = [&] {
+        if (!exchanged) {
+            exchanged = true;
+            EXPECT_EQ(0, ::rename(request.src.c_str(), (from + "/away").c_str()));
+            EXPECT_EQ(0, ::rename((from + "/other").c_str(), request.src.c_str()));
+        }
+        return 0;
+    };
+    makeDirectory(from + "/other");
+    kit::writeFile(from + "/other/mine", "mine");
+    EXPECT_EQ(-1, relocate());
+    EXPECT_EQ("old", kit::readFile(dst("old")));
+    EXPECT_EQ("mine", kit::readFile(src("mine")));
+    EXPECT_TRUE(kit::exists(staged));
+    expectLine("the source [" + request.src + "] is not known to be whole, kept its copy [" + staged + "]");
+}
+
+// A server may show the source under a name that says nothing of it, and emptying that empties the source.
+TEST_P(Relocation, StagedCopyStaysWhereTheSourceIsNoLongerWhole) {
+    for (const bool removed : {true, false}) {
+        SCOPED_TRACE(removed);
+        fillDestination();
+        kit::Faults::add({.function = "VLIBCExec",
+                          .result = 1,
+                          .path = removed ? "/bin/rm -Rf " + request.dst : "/bin/mv",
+                          .before = [&] { EXPECT_EQ(0, ::unlink(src("sub/deep/c").c_str())); },
+                          .answers = true});
+        EXPECT_FAILS(relocate(), removed ? 0x3900 : 0x3A00);
+        kit::Faults::reset();
+        EXPECT_TRUE(kit::exists(staged + "/sub/deep/c"));
+        expectLine("the source [" + request.src + "] is not known to be whole, kept its copy [" + staged + "]");
+        kit::writeFile(src("sub/deep/c"), "");
+        kit::Log::reset();
+        EXPECT_EQ(0, std::system(("rm -rf " + request.dst).c_str())); // NOLINT(concurrency-mt-unsafe): one thread
+    }
+}
+
+TEST_P(Relocation, SlashesBehindTheNamesMakeNoDifference) {
+    putStore(to, "share", "old");
+    makeDirectory(request.dst);
+    request.src += "/";
+    request.dst += "//";
+    EXPECT_EQ(0, relocate());
+    request.dst = to + "/share";
+    expectRelocated();
+    EXPECT_EQ("(no store)", storeOf(to, "share"));
+    EXPECT_FALSE(kit::exists(from + "/tree"));
+}
+
+TEST_P(Relocation, SourceWithoutANameOfItsOwnIsRefused) {
+    for (const std::string &source : {request.src + "/.", src("sub/.."), std::string("/")}) {
+        request.src = source;
+        EXPECT_FAILS(relocate(), 0x0D00);
+    }
+    request.src = from + "/tree";
     expectSourceIntact();
 }
 

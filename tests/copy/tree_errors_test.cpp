@@ -98,7 +98,7 @@ TREE_ROWS(TreeStatAgain, Row{EACCES, 0x0300}, Row{ENOENT, 0x0700}, Row{EIO, 0x27
 }
 
 TREE_ROWS(TreeOpenDestination, Row{EACCES, 0x0300}, Row{ENOENT, 0x0600}, Row{EIO, 0x6C00}, Row{ENXIO, 0x6C00},
-          Row{EHOSTDOWN, 0x1100}, Row{EMFILE, 0x8000}) {
+          Row{EHOSTDOWN, 0x1100}, Row{EPERM, 0x8000}) {
     kit::Faults::failAlways("opendir", row().number, request.dst);
     EXPECT_EQ(0, copy());
     EXPECT_EQ(row().code, VLIBCErrGet());
@@ -107,6 +107,22 @@ TREE_ROWS(TreeOpenDestination, Row{EACCES, 0x0300}, Row{ENOENT, 0x0600}, Row{EIO
 
 class TreeErrors : public BothFamilies {};
 INSTANTIATE_TEST_SUITE_P(, TreeErrors, kFamilies, familyName);
+
+// Another attempt could finish the directory, so it stays where it was.
+TEST_P(TreeErrors, DirectoryThatCannotBeFinishedForWantOfDescriptorsHasFailed) {
+    for (const int number : {EMFILE, ENFILE}) {
+        kit::Faults::reset();
+        acrossVolumes();
+        kit::Faults::failAlways("opendir", number, request.dst);
+        request.move = true;
+        request.overwrite = 1;
+        EXPECT_FAILS(copy(), 0x8000);
+        expectReported(request.dst, 0x8000);
+        EXPECT_TRUE(kit::exists(request.src));
+        callbacks.reports.clear();
+        ::rmdir(request.dst.c_str());
+    }
+}
 
 TEST_P(TreeErrors, AfterTheWalkTheLastEntrysFailureIsTheResult) {
     ASSERT_EQ(0, ::mkfifo(src("pipe").c_str(), 0644));

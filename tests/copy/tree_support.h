@@ -20,7 +20,16 @@
 namespace tree {
 
 using file_copy::AsUser;
+using file_copy::callsOf;
+using file_copy::expectLogged;
+using file_copy::kCopyAcl;
+using file_copy::kFailIfExists;
+using file_copy::kKeepOwner;
+using file_copy::kMove;
 using file_copy::kNobody;
+using file_copy::kNoEa;
+using file_copy::kReplace;
+using file_copy::linesOf;
 using file_copy::Progress;
 using file_copy::reason;
 using file_copy::Report;
@@ -40,49 +49,26 @@ inline std::string sourceOf(Family family) {
     return family == Family::opt ? "copy/copy_file_copy_directory.c" : "copy/fileop_copy_file_directory.c";
 }
 
+// The flags beside those of a single file.
 enum Flag : uint32_t {
-    kFailIfExists = 0x1,
-    kReplace = 0x2,
-    kMove = 0x4,
-    kKeepOwner = 0x8,
-    kCopyAcl = 0x20,
     kStopOnError = 0x80,
-    kNoEa = 0x100,
-    kEaSkipDirectory = 0x200,
     kRelocate = 0x800,
 };
 
-struct Tree {
-    std::string src, dst;
-    int overwrite = 0;
-    bool move = false, stopOnError = false, keepOwner = false, copyAcl = false, cleanArchive = false;
-    uint32_t uid = 0, gid = 0;
+struct Tree : file_copy::Request {
+    bool stopOnError = false;
 };
 
-// Empty functions are null slots. Reports and progress are kept in any case.
-struct TreeCallbacks {
-    std::function<int()> isCancel;
+// Empty functions are null slots.
+struct TreeCallbacks : file_copy::Callbacks {
     std::function<int64_t(const std::string &, const std::string &)> dirSize;
     std::function<int(const std::string &, std::string &)> name; // the second is the name at the destination
     std::function<int(const std::string &, const std::string &)> copyFile;
 
-    std::function<void()> onReport;
-
-    std::vector<Report> reports;
-    std::vector<Progress> progress;
     std::string srcCodePage, destCodePage; // what the records hold; the names' callback checks that it gets them
 
-    void note(const char *path, uint32_t code) {
-        reports.push_back({path, code});
-        if (onReport) {
-            onReport();
-        }
-    }
-    static TreeCallbacks *&current() {
-        static TreeCallbacks *instance = nullptr;
-        return instance;
-    }
-    static TreeCallbacks &of(void *data) { return *static_cast<TreeCallbacks *>(data); }
+    static TreeCallbacks &bare() { return static_cast<TreeCallbacks &>(*Callbacks::current()); }
+    static TreeCallbacks &of(void *data) { return static_cast<TreeCallbacks &>(Callbacks::of(data)); }
     int giveName(const char *entry, char *out, int size) {
         EXPECT_EQ(4096, size);
         std::string given;
@@ -92,29 +78,20 @@ struct TreeCallbacks {
     }
 };
 
+// The slots that only trees have.
 struct BareSlots {
-    static void progress(int64_t bytes, int64_t offset) {
-        TreeCallbacks::current()->progress.emplace_back(bytes, offset);
-    }
-    static void errReport(const char *path, uint32_t code) { TreeCallbacks::current()->note(path, code); }
-    static int isCancel() { return TreeCallbacks::current()->isCancel(); }
-    static int64_t dirSize(const char *src, const char *dst) { return TreeCallbacks::current()->dirSize(src, dst); }
+    static int64_t dirSize(const char *src, const char *dst) { return TreeCallbacks::bare().dirSize(src, dst); }
     static int name(const char *entry, const char *srcCodePage, const char *destCodePage, char *out, int size) {
-        TreeCallbacks &now = *TreeCallbacks::current();
+        TreeCallbacks &now = TreeCallbacks::bare();
         EXPECT_EQ(now.srcCodePage, srcCodePage);
         EXPECT_EQ(now.destCodePage, destCodePage);
         return now.giveName(entry, out, size);
     }
     static int copyFile(const char *src, const char *dst, VEXOCopyOpt *, int, int, int, VEXOCopyArgsEx *) {
-        return TreeCallbacks::current()->copyFile(src, dst);
+        return TreeCallbacks::bare().copyFile(src, dst);
     }
 };
 struct DataSlots {
-    static void progress(void *data, int64_t bytes, int64_t offset) {
-        TreeCallbacks::of(data).progress.emplace_back(bytes, offset);
-    }
-    static void errReport(void *data, const char *path, uint32_t code) { TreeCallbacks::of(data).note(path, code); }
-    static int isCancel(void *data) { return TreeCallbacks::of(data).isCancel(); }
     static int64_t dirSize(void *data, const char *src, const char *dst) {
         return TreeCallbacks::of(data).dirSize(src, dst);
     }
@@ -127,22 +104,12 @@ struct DataSlots {
 };
 
 inline VEXOCopyOpt optionsOf(const Tree &tree, const TreeCallbacks &callbacks) {
-    VEXOCopyOpt opt{};
-    opt.overwrite = tree.overwrite;
-    opt.move = tree.move ? 1 : 0;
+    VEXOCopyOpt opt = file_copy::optionsOf(tree, callbacks);
     opt.stopOnError = tree.stopOnError ? 1 : 0;
-    opt.ownerMode = tree.keepOwner ? 1 : 0;
-    opt.copyAcl = tree.copyAcl ? 1 : 0;
-    opt.cleanArchive = tree.cleanArchive ? 1 : 0;
-    opt.uid = tree.uid;
-    opt.gid = tree.gid;
-    opt.progress = BareSlots::progress;
-    opt.errReport = BareSlots::errReport;
-    opt.isCancel = callbacks.isCancel ? BareSlots::isCancel : nullptr;
     return opt;
 }
 inline VEXOCopyArgsEx exOf(const TreeCallbacks &callbacks) {
-    VEXOCopyArgsEx ex{};
+    VEXOCopyArgsEx ex = file_copy::exOf(callbacks);
     ex.getDirSize = callbacks.dirSize ? BareSlots::dirSize : nullptr;
     ex.getDstFileName = callbacks.name ? BareSlots::name : nullptr;
     ex.copyFile = callbacks.copyFile ? BareSlots::copyFile : nullptr;
@@ -151,23 +118,10 @@ inline VEXOCopyArgsEx exOf(const TreeCallbacks &callbacks) {
     return ex;
 }
 inline uint32_t flagsOf(const Tree &tree) {
-    const uint32_t conflict = tree.overwrite == -1 ? kFailIfExists : tree.overwrite == 1 ? kReplace : 0U;
-    return conflict | (tree.move ? kMove : 0U) | (tree.keepOwner ? kKeepOwner : 0U) | (tree.copyAcl ? kCopyAcl : 0U) |
-           (tree.stopOnError ? kStopOnError : 0U);
+    return file_copy::flagsOf(tree) | (tree.stopOnError ? kStopOnError : 0U);
 }
 inline VEXOCopyArgs argsOf(const Tree &tree, TreeCallbacks &callbacks) {
-    VEXOCopyArgs args{};
-    args.fsTypeSrc = -1;
-    args.fsTypeDst = -1;
-    args.uid = tree.uid;
-    args.gid = tree.gid;
-    args.cleanArchive = tree.cleanArchive ? 1 : 0;
-    args.progress = DataSlots::progress;
-    args.progressArg = &callbacks;
-    args.errReport = DataSlots::errReport;
-    args.errReportArg = &callbacks;
-    args.isCancel = callbacks.isCancel ? DataSlots::isCancel : nullptr;
-    args.isCancelArg = &callbacks;
+    VEXOCopyArgs args = file_copy::argsOf(tree, callbacks);
     args.getDirSize = callbacks.dirSize ? DataSlots::dirSize : nullptr;
     args.getDirSizeArg = &callbacks;
     args.getDstFileName = callbacks.name ? DataSlots::name : nullptr;
@@ -185,27 +139,6 @@ inline int run(Family family, const Tree &tree, TreeCallbacks &callbacks) {
     }
     VEXOCopyArgs args = argsOf(tree, callbacks);
     return VEXOFileOpCopyDir(tree.src.c_str(), tree.dst.c_str(), flagsOf(tree), &args);
-}
-
-// Log lines of one source.
-inline int linesOf(const std::string &source, int priority) {
-    int found = 0;
-    for (const kit::LogLine &line : kit::Log::lines()) {
-        found += line.source == source && line.priority == priority ? 1 : 0;
-    }
-    return found;
-}
-inline void expectLogged(const std::string &source, int priority, const std::string &body, int times = 1) {
-    int found = 0;
-    for (const kit::LogLine &line : kit::Log::lines()) {
-        found += line.source == source && line.priority == priority && line.body == body ? 1 : 0;
-    }
-    EXPECT_EQ(times, found) << "wanted: " << priority << " " << source << ":… " << body << "\n" << kit::Log::all();
-}
-// How often a recorded call was made with exactly this path (or command line).
-inline long callsOf(const std::string &function, const std::string &path) {
-    const std::vector<std::string> calls = kit::Faults::recorded();
-    return std::count(calls.begin(), calls.end(), function + "(" + path + ")");
 }
 
 inline void makeDirectory(const std::string &path, mode_t mode = 0755) {

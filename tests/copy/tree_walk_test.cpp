@@ -1,6 +1,8 @@
 // The walk of a directory copy: which entries are copied, how, and what happens when they fail or change meanwhile.
 #include "tests/copy/tree_support.h"
 
+#include <sys/mount.h>
+
 #include <sys/socket.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
@@ -621,6 +623,180 @@ TEST_P(TreeWalk, MoveBelowItselfIsRefused) {
     EXPECT_FAILS(copy(), 0x8000);
     EXPECT_EQ("", before.differenceTo(sourceNow(), {"accessed"}));
     expectLine("rename [" + request.src + "] to [" + request.dst + "] fail reason[" + reason(EINVAL) + "]");
+}
+
+// ---- What a directory is
+// ---------------------------------------------------------------------------------------------
+
+TEST_P(TreeWalk, NewDirectoriesGetSetIdBitsWithTheirOwner) {
+    TREE_NEEDS_ROOT();
+    for (const mode_t mode : {02755U, 04711U, 07777U, 01777U}) {
+        putDirectory("mode" + std::to_string(mode));
+        ASSERT_EQ(0, ::chmod(src("mode" + std::to_string(mode)).c_str(), mode));
+    }
+    putDirectory("merged");
+    ASSERT_EQ(0, ::chmod(src("merged").c_str(), 06755));
+    makeDirectory(request.dst);
+    makeDirectory(dst("merged"));
+    for (const bool keepOwner : {false, true}) {
+        request.keepOwner = keepOwner;
+        request.dst = to + (keepOwner ? "/kept" : "/given");
+        makeDirectory(request.dst);
+        makeDirectory(dst("merged"));
+        EXPECT_EQ(0, copy());
+        for (const mode_t mode : {02755U, 04711U, 07777U, 01777U}) {
+            EXPECT_EQ(mode, kit::statOf(dst("mode" + std::to_string(mode))).st_mode & 07777U);
+        }
+        EXPECT_EQ(0755U, kit::statOf(dst("merged")).st_mode & 07777U) << "its own";
+    }
+}
+
+TEST_P(TreeWalk, SetIdBitsStayAwayWhereTheOwnerIsNotSet) {
+    TREE_NEEDS_ROOT();
+    ASSERT_EQ(0, ::chmod(request.src.c_str(), 06755));
+    kit::Faults::failAlways("fchown", EPERM, request.dst);
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(0755U, kit::statOf(request.dst).st_mode & 07777U);
+    kit::Faults::reset();
+    kit::PlatformDouble::setType(to, 12); // which keeps no owners
+    request.dst = to + "/remote";
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ(0755U, kit::statOf(request.dst).st_mode & 07777U);
+}
+
+TEST_P(TreeWalk, SetIdBitsThatCannotBeSetAreLogged) {
+    TREE_NEEDS_ROOT();
+    ASSERT_EQ(0, ::chmod(request.src.c_str(), 02755));
+    kit::Faults::failAlways("fchmod", EROFS, request.dst);
+    EXPECT_EQ(0, copy());
+    expectLine("failed to fchmod destination to mode=2755, errno=30/" + std::string(std::strerror(EROFS)));
+}
+
+// ---- One directory under two names, and paths without a name
+// ---------------------------------------------------------
+
+TEST_P(TreeWalk, RemoteDestinationInTheSourceIsKnownByItsPath) {
+    kit::PlatformDouble::setType(scratch.path(), 12);
+    putSample();
+    ASSERT_EQ(0, ::unlink(src("sub/link").c_str())); // which the volume does not hold
+    ASSERT_EQ(0, ::symlink(request.src.c_str(), (from + "/link").c_str()));
+    for (const std::string &inside : {src("sub/inside"), from + "/link/sub/linked", from + "/./tree/sub/dotted"}) {
+        request.dst = inside;
+        EXPECT_EQ(0, copy());
+        EXPECT_TRUE(kit::exists(dst("sub/b")));
+        EXPECT_FALSE(kit::exists(dst("sub/" + inside.substr(inside.rfind('/') + 1)))) << "the copy is not copied";
+    }
+}
+
+TEST_P(TreeWalk, MoveOntoItselfByAnotherNameRemovesNothing) {
+    KIT_REQUIRE(other, kit::Volume::tmpfs(1 << 20));
+    processAsNow();
+    putSample();
+    ASSERT_EQ(0, ::unlink(src("sub/link").c_str())); // which would be made anew
+    putStore(src("empty"), "", "mine");
+    for (const int type : {1, 12}) {
+        kit::PlatformDouble::setType(scratch.path(), type);
+        makeDirectory(request.dst);
+        const kit::Fingerprint before = kit::Fingerprint::of(request.src);
+        request.move = true;
+        request.overwrite = 1;
+        if (type == 1) {
+            ASSERT_EQ(0, ::mount(request.src.c_str(), request.dst.c_str(), nullptr, MS_BIND, nullptr));
+        } else {
+            ASSERT_EQ(0, ::rmdir(request.dst.c_str()));
+            ASSERT_EQ(0, ::symlink(request.src.c_str(), request.dst.c_str()));
+            acrossVolumes();
+        }
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(request.src),
+                                          {"owner", "accessed", "modified", "created", "attributes"}));
+        EXPECT_TRUE(kit::exists(src("empty/@eaDir")));
+        if (type == 1) {
+            ASSERT_EQ(0, ::umount(request.dst.c_str()));
+            ASSERT_EQ(0, ::rmdir(request.dst.c_str()));
+        }
+    }
+}
+
+TEST_P(TreeWalk, DestinationWithoutANameOfItsOwnIsRefused) {
+    putSample();
+    makeDirectory(request.dst);
+    kit::writeFile(to + "/a", "the neighbour's");
+    putStore(to, "copy", "its own");
+    putStore(request.dst, "", "its own");
+    const kit::Fingerprint before = kit::Fingerprint::of(to);
+    const std::string directory = request.dst;
+    request.overwrite = 1;
+    for (const bool move : {false, true}) {
+        request.move = move;
+        for (const char *name : {"/.", "/..", "/./", "/.//", "/../"}) {
+            request.dst = directory + name;
+            EXPECT_FAILS(copy(), 0x0D00);
+        }
+        request.dst = "/";
+        EXPECT_FAILS(copy(), 0x0D00);
+    }
+    expectNotReported();
+    EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(to), {"accessed"}));
+    EXPECT_TRUE(kit::exists(src("sub/b")));
+}
+
+TEST_P(TreeWalk, MoveOfASourceWithoutANameOfItsOwnIsRefused) {
+    putSample();
+    const std::string directory = request.src;
+    request.move = true;
+    for (const char *name : {"/.", "/sub/..", "/./"}) {
+        request.src = directory + name;
+        EXPECT_FAILS(copy(), 0x0D00);
+        EXPECT_FALSE(kit::exists(request.dst));
+    }
+}
+
+TEST_P(TreeWalk, SlashesAndDotsBehindTheNamesAreNotPartOfThem) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    putSample();
+    putStore(from, "tree", "mine");
+    const std::string source = request.src;
+    int number = 0;
+    for (const char *name : {"/", "//", "/.", "/././/"}) {
+        request.src = source + name;
+        const std::string copied = "copy" + std::to_string(++number);
+        request.dst = to + "/" + copied + "/";
+        EXPECT_EQ(0, copy());
+        EXPECT_EQ("mine", storeOf(to, copied)) << name;
+        EXPECT_TRUE(kit::exists(to + "/" + copied + "/sub/b"));
+    }
+    request.src = source + "/";
+    request.dst = to + "/moved//";
+    request.move = true;
+    EXPECT_EQ(0, copy());
+    EXPECT_EQ("mine", storeOf(to, "moved"));
+    EXPECT_FALSE(kit::exists(source));
+}
+
+TEST_P(TreeWalk, LinkWithASlashBehindItIsNotMoved) {
+    putSample();
+    ASSERT_EQ(0, ::symlink(request.src.c_str(), (from + "/link").c_str()));
+    request.src = from + "/link/";
+    request.move = true;
+    EXPECT_EQ(-1, copy());
+    EXPECT_TRUE(kit::exists(from + "/link"));
+    EXPECT_FALSE(kit::exists(request.dst));
+}
+
+// The record holds the types: nobody asks for them again.
+TEST_F(Scene, FileOperationAsksForNoTypeThatItsRecordHolds) {
+    putSample();
+    kit::Faults::record(true);
+    VEXOCopyArgs args = argsOf(request, callbacks);
+    EXPECT_EQ(0, VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), kNoEa, &args));
+    EXPECT_EQ(2, kit::Faults::count("VEXOGetFSType")) << "one of either volume";
+    kit::Faults::reset();
+    kit::Faults::record(true);
+    request.dst += "-again";
+    EXPECT_EQ(0, VEXOFileOpCopyDir(request.src.c_str(), request.dst.c_str(), kNoEa, &args));
+    EXPECT_EQ(0, kit::Faults::count("VEXOGetFSType"));
+    EXPECT_EQ(kit::pattern(70000, 2), kit::readFile(dst("sub/b")));
 }
 
 } // namespace

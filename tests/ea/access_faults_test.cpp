@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::array kCalls = {
     "open",
-    "fopen",
     "read",
     "write",
     "lseek",
@@ -23,6 +22,7 @@ constexpr std::array kCalls = {
     "stat",
     "fcntl",
     "chmod",
+    "fchmod",
     "mkdir",
     "seteuid",
     "ftruncate",

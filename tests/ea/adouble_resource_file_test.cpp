@@ -300,7 +300,7 @@ TEST_F(ResourceFile, EmptyFileThatSomebodyIsAboutToWriteStays) {
 }
 
 TEST_F(ResourceFile, EmptyFileThatCannotBeLockedIsRemoved) {
-    kit::Faults::fail("fcntl", ENOLCK);
+    kit::Faults::fail("fcntl", ENOLCK, {}, 2); // the first two give the descriptor its flags
     EXPECT_FAILS(VEXOEAEADirFSFInfoWrite(path.c_str(), info.data()), 0x0400);
     EXPECT_FALSE(kit::exists(resource));
 }

@@ -1,6 +1,5 @@
 // The AppleDouble conversion, with the results and modes that the copies do not show.
-#include "ea/carry/job.h"
-#include "ea/files/remove_tree.h"
+#include "ea/carry/conversion.h"
 #include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 
@@ -198,12 +197,6 @@ TEST_F(Convert, MemoryForTheEntriesMayRunOut) {
     }
     EXPECT_FAILS(convert(), 0x0100);
     EXPECT_FALSE(kit::exists(to));
-}
-
-TEST(RemoveTree, EntryWithoutAPathIsRefused) {
-    kit::Log::reset();
-    EXPECT_EQ(-1, vexo::remove_tree_entry<vexo::kEaCopySource>(nullptr, nullptr, 0, nullptr));
-    EXPECT_EQ(1, kit::Log::count(LOG_ERR, "Invalid paramter in unlink_cb")) << kit::Log::all();
 }
 
 TEST_F(Convert, ShortTransfersGoOn) {

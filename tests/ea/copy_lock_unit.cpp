@@ -1,5 +1,5 @@
 // The copy of the locked state by itself, with the arguments that no other step of a copy gives it.
-#include "ea/carry/job.h"
+#include "ea/carry/routines.h"
 #include "tests/ea/store_copy.h"
 
 #include <cerrno>

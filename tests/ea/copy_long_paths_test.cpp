@@ -127,18 +127,6 @@ TEST_F(LongPaths, EntryWithoutRoomForItsNameStays) {
 }
 
 // Below such a folder nothing is converted, so that the removal of what would have been comes first.
-TEST_F(LongPaths, MovedResourceInAnInternalFolderHasNoPath) {
-    KIT_REQUIRE(volume, kit::Volume::tmpfs(8 << 20));
-    processAsNow();
-    const std::string folder = volume / "@internal@";
-    ::mkdir(folder.c_str(), 0755);
-    from = {kit::makeDeepDirectory(folder, kNoStreams - 2), "f"};
-    kit::writeFile(from.path(), "data");
-    to = {scratch.path(), "f"};
-    EXPECT_FAILS(copy(true, kEaDirectory, kAppleDouble), 0xC300);
-    EXPECT_EQ(std::vector<std::string>{"Fail to generate path of " + from.path() + "."}, reports());
-}
-
 TEST_F(LongPaths, DestinationWhoseDirectoryHasNoPathFails) {
     prepare(kEaDirectory, kEaDirectory);
     const std::string path(kNoPath, '/');

@@ -155,6 +155,25 @@ TEST_F(CopyRoutines, InternalFolderCarriesTheRestAlone) {
     }
 }
 
+// Nothing is converted there, so that a move takes nothing away that was not carried.
+TEST_F(CopyRoutines, MoveOutOfAnInternalFolderLeavesWhatIsNotCarried) {
+    for (const int code : {1, 6, 10}) {
+        for (const bool full : {false, true}) {
+            KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+            processAsNow();
+            const std::string folder = volume / "@internal@";
+            ::mkdir(folder.c_str(), 0755);
+            prepare(code, kAppleDouble, some(), folder);
+            EXPECT_EQ(0, copy(true, code, kAppleDouble, full));
+            EXPECT_FALSE(kit::exists(to.dotFile()));
+            Items left = some();
+            left.extras = full ? std::map<std::string, std::string>() : some().extras;
+            EXPECT_EQ(left, read(from, kEaDirectory)) << code << full;
+            EXPECT_EQ(full ? some().extras : Items().extras, read(to, kEaDirectory).extras);
+        }
+    }
+}
+
 TEST_F(CopyRoutines, FolderBelowAnotherIsNoInternalFolder) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     processAsNow();
@@ -380,16 +399,16 @@ TEST_F(CopyRoutines, MoveKeepsADirectoryThatCannotBeReadToItsEnd) {
 TEST_F(CopyRoutines, FailedChmodOfAnEntryIsOnlyALine) {
     prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false});
     const std::string entry = to.own() + "/thumb.jpg";
-    kit::Faults::fail("chmod", EPERM, entry);
+    kit::Faults::fail("fchmod", EPERM, entry);
     EXPECT_EQ(0, copy());
     EXPECT_TRUE(logged("Failed to chmod " + entry + ". Operation not permitted"));
-    kit::Faults::fail("chmod", EPERM, entry);
+    kit::Faults::fail("fchmod", EPERM, entry);
     EXPECT_EQ(0, VEXOEACopyEx(from.path().c_str(), to.path().c_str(), 0, 0, -1, -1, 0, 0, runBare));
     EXPECT_EQ(1, kit::Log::count(LOG_DEBUG, "Failed to chmod " + entry));
     VEXOCopyArgs arguments{};
     arguments.copyEA = runWithData;
     arguments.copyEAArg = &fileOp;
-    kit::Faults::fail("chmod", EPERM, entry);
+    kit::Faults::fail("fchmod", EPERM, entry);
     EXPECT_EQ(0,
               VEXOEACopyInternal(from.path().c_str(), to.path().c_str(), 0, 0, -1, -1, nullptr, nullptr, &arguments));
     EXPECT_EQ(1, kit::Log::count(LOG_DEBUG, "Fail to chmod " + entry + ". (Operation not permitted)"));
@@ -464,8 +483,10 @@ TEST_F(CopyRoutines, SourceThatVanishesBeforeItsRemovalIsNoFailure) {
 TEST_F(CopyRoutines, StreamThatMayNotBeLookedAtStaysWhereItIs) {
     for (const int error : {EPERM, ENOENT, EACCES}) {
         prepare(kEaDirectory, kEaDirectory, {"", kit::pattern(300), {}, {}, false}, newRoot());
-        kit::Faults::fail("stat", error, from.resource());
+        kit::Faults::add({.function = "open", .error = error, .path = from.resource(), .times = 2});
+        kit::Faults::fail("lstat", error, from.resource());
         EXPECT_EQ(0, copy(true)) << error;
+        kit::Faults::reset();
         EXPECT_EQ(std::vector<std::string>{}, reports());
         EXPECT_TRUE(kit::exists(from.resource()));
         EXPECT_FALSE(kit::exists(to.resource()));
@@ -485,8 +506,8 @@ TEST_F(CopyRoutines, OwnDirectoryOfTheDestinationThatCannotGoFails) {
     for (const bool move : {false, true}) {
         prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false}, newRoot());
         build(to, kEaDirectory, {"", "", {}, {{"old", "x"}}, false});
-        kit::Faults::fail("remove", EBUSY, to.own() + "/old");
-        EXPECT_EQ(-1, copy(move));
+        kit::Faults::fail("unlink", EBUSY, to.own() + "/old");
+        EXPECT_FAILS(copy(move), 0x3900);
         EXPECT_EQ((std::vector<std::string>{"Fail to remove (" + to.own() + "/old) (16)(Device or resource busy)",
                                             "Failed to rm -rf " + to.own() + ". Device or resource busy",
                                             "Failed to rm -rf " + to.own() + ".\n"}),
@@ -498,7 +519,7 @@ TEST_F(CopyRoutines, OwnDirectoryOfTheDestinationThatCannotGoFails) {
 TEST_F(CopyRoutines, OwnDirectoryThatCannotBeReadFails) {
     prepare(kEaDirectory, kEaDirectory);
     kit::Faults::fail("opendir", EMFILE, from.own());
-    EXPECT_EQ(-1, copy(true));
+    EXPECT_FAILS(copy(true), 0x0900);
     EXPECT_EQ(std::vector<std::string>{"Failed to opendir " + from.own() + ", reason = Too many open files."},
               reports());
     EXPECT_EQ(some().extras, read(from, kEaDirectory).extras);
@@ -506,7 +527,7 @@ TEST_F(CopyRoutines, OwnDirectoryThatCannotBeReadFails) {
 
 TEST_F(CopyRoutines, OwnDirectoryOfTheSourceThatCannotGoIsOnlyALine) {
     prepare(kEaDirectory, kEaDirectory);
-    kit::Faults::fail("remove", EBUSY, from.own());
+    kit::Faults::fail("rmdir", EBUSY, from.own());
     EXPECT_EQ(0, copy(true));
     EXPECT_EQ((std::vector<std::string>{"Fail to remove (" + from.own() + ") (16)(Device or resource busy)",
                                         "Failed to rm -rf " + from.own() + ". Device or resource busy"}),
@@ -569,7 +590,7 @@ TEST_F(CopyRoutines, MetadataThatCannotBeWrittenBackFail) {
     EXPECT_TRUE(logged("]Failed file sync [" + from.path() + "]->[" + to.path() + "]. Too many open files"));
     EXPECT_EQ(kit::pattern(32), read(from, kFileEa).finderInfo);
     kit::setAttribute(from.path(), "user.vexo.filea.flushtime", std::string(8, '\0'));
-    kit::Faults::fail("stat", EIO, from.resource());
+    kit::Faults::fail("lstat", EIO, from.resource());
     kit::Log::reset();
     EXPECT_EQ(-1, copy(true));
     EXPECT_TRUE(logged("]Failed file sync [" + from.path() + "]->[" + to.path() + "]. Input/output error"));

@@ -94,7 +94,7 @@ TEST_F(FixErrorAd, FailedStepsLeaveTheirCodes) {
         int skip;
         uint32_t code;
     };
-    for (const Row &row : {Row{"open", file.resource(), 2, 0x0900}, Row{"open", file.stream(), 0, 0x0900},
+    for (const Row &row : {Row{"open", file.resource(), 0, 0x0900}, Row{"open", file.stream(), 0, 0x0900},
                            Row{"rename", "", 0, 0x2800}}) {
         ::unlink(file.stream().c_str());
         kit::writeFile(file.resource(), wrong);

@@ -438,6 +438,16 @@ TEST_F(CheckADFile, NullAndEmptyPaths) {
     EXPECT_FAILS(VEXOEACheckADFile(""), 0x0D00);
 }
 
+// What is taken for an orphan may be removed.
+TEST_F(CheckADFile, CompanionThatCannotBeLookedAtIsNotAbsent) {
+    kit::writeFile(scratch / "._x", std::string("\x00\x05\x16\x07", 4));
+    kit::writeFile(scratch / "x", "");
+    kit::Faults::fail("lstat", EIO);
+    EXPECT_FAILS(VEXOEACheckADFile((scratch / "._x").c_str()), 0x2700);
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ(0, VEXOEACheckADFile((scratch / "._x").c_str()));
+}
+
 TEST_F(CheckADFile, OtherNames) {
     kit::writeFile(scratch / "x", magic);
     EXPECT_EQ(-2, VEXOEACheckADFile((scratch / "x").c_str()));

@@ -186,6 +186,31 @@ TEST_F(EaRemove, FailingDirectoryStillLosesTheStreams) {
         << kit::Log::all();
 }
 
+TEST_F(EaRemove, DirectoryThatCannotGoHasACode) {
+    makeStore();
+    kit::Faults::failAlways("remove", EBUSY, "thumb.jpg");
+    EXPECT_FAILS(EARemove(0, path.c_str()), 0x3900);
+    EXPECT_EQ(EBUSY, errno);
+    VLIBCErrSetEx(0, "", 0);
+    EXPECT_FAILS(VEXOEARemove(path.c_str(), kEaDirectory), 0x3900);
+}
+
+TEST_F(EaRemove, StoreThatCannotBeLookedAtIsNotAbsent) {
+    for (const int number : {EACCES, EIO}) {
+        makeStore();
+        kit::Faults::failAlways("lstat", number, "@eaDir");
+        for (const int which : {0, 1}) {
+            VLIBCErrSetEx(0, "", 0);
+            EXPECT_FAILS(EARemove(which, path.c_str()), 0x3900);
+            EXPECT_EQ(number, errno);
+        }
+        kit::Faults::reset();
+        EXPECT_EQ(3u, kit::namesIn(scratch / "@eaDir").size());
+    }
+    kit::Faults::failAlways("lstat", ENOTDIR, "@eaDir");
+    EXPECT_EQ(0, EARemove(0, path.c_str()));
+}
+
 TEST_F(EaRemove, StreamNameTooLongHasItsOwnCode) {
     makeStore();
     kit::Faults::failAlways("unlink", ENAMETOOLONG, "@VexoEAStream");

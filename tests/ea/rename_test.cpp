@@ -183,17 +183,31 @@ TEST_F(EaRename, FailingMvKeepsTheItemsAndErrno) {
     KIT_NEEDS_TO_MAKE_STORES();
     makeStore("from", "a.txt");
     kit::Faults::failAlways("rename", EXDEV);
-    kit::Faults::failAlways("VLIBCExec", 0);
-    ::mkdir((scratch / "to/@eaDir").c_str(), 0777);
-    ::mkdir((scratch / "to/@eaDir/b.txt@VexoResource").c_str(), 0777); // mv refuses a directory in the way
-    kit::writeFile(scratch / "to/@eaDir/b.txt@VexoResource/a.txt@VexoResource", "");
-    ::mkdir((scratch / "to/@eaDir/b.txt@VexoResource/a.txt@VexoResource.d").c_str(), 0777);
-    ASSERT_EQ(0, ::unlink((scratch / "to/@eaDir/b.txt@VexoResource/a.txt@VexoResource").c_str()));
-    ::mkdir((scratch / "to/@eaDir/b.txt@VexoResource/a.txt@VexoResource").c_str(), 0777);
+    kit::Faults::add({.function = "VLIBCExec", .result = 1, .answers = true});
     EXPECT_EQ(-1, VEXOEARenameByStream(oldPath.c_str(), newPath.c_str(), kEaDirectory, "VexoResource"));
     EXPECT_EQ(EXDEV, errno);
     EXPECT_EQ(0x2800u, VLIBCErrGet());
     EXPECT_EQ("resource", kit::readFile(scratch / "from/@eaDir/a.txt@VexoResource"));
+}
+
+// What rename() refuses on one volume "mv" would make something else of.
+TEST_F(EaRename, AcrossDevicesADirectoryInTheWayStaysEmpty) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    processAsNow();
+    makeStore("from", "a.txt");
+    ::mkdir((scratch / "outside").c_str(), 0777);
+    newPath = volume / "b.txt";
+    kit::writeFile(newPath, "data");
+    ::mkdir((volume / "@eaDir").c_str(), 0777);
+    ::mkdir((volume / "@eaDir/b.txt@VexoResource").c_str(), 0777);
+    ASSERT_EQ(0, ::symlink((scratch / "outside").c_str(), (volume / "@eaDir/b.txt@VexoEAStream").c_str()));
+    EXPECT_EQ(-2, rename(kEaDirectory));
+    EXPECT_EQ(0x2800u, VLIBCErrGet());
+    EXPECT_TRUE(kit::namesIn(volume / "@eaDir/b.txt@VexoResource").empty());
+    EXPECT_TRUE(kit::namesIn(scratch / "outside").empty());
+    EXPECT_EQ("resource", kit::readFile(scratch / "from/@eaDir/a.txt@VexoResource"));
+    EXPECT_EQ("attributes", kit::readFile(scratch / "from/@eaDir/a.txt@VexoEAStream"));
+    EXPECT_EQ("picture", kit::readFile(volume / "@eaDir/b.txt/thumb.jpg")) << "the others go";
 }
 
 TEST_F(EaRename, AppleDoubleFileMovesWithItsDirectory) {

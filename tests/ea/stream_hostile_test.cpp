@@ -137,10 +137,18 @@ TEST_F(HostileStream, LengthsThatAgreeButAreNotThere) {
     EXPECT_FAILS(VEXOEASRead(eas, "b", buffer, sizeof buffer, 0), 0x0A00);
     EXPECT_FAILS(VEXOEASRead(eas, "b", buffer, 0, 0), 0x0D00); // the result could not tell it
     EXPECT_FAILS(VEXOEASRead(eas, "b", buffer, 8, 0xfffffe00u), 0x0A00);
-    EXPECT_FAILS(VEXOEASTruncate(eas, "b", 1), 0x0A00);
-    EXPECT_FAILS(VEXOEASUpdateEntry(eas, 1, buffer, sizeof buffer, 1), 0x0A00);
+    EXPECT_FAILS(VEXOEASTruncate(eas, "b", 0xf0000000u), 0x0A00);
     EXPECT_EQ(0, VEXOEASClose(eas));
     EXPECT_EQ(file, content());
+    eas = open(); // without that value it is a stream like any other
+    EXPECT_EQ(0, VEXOEASRemove(eas, "b"));
+    EXPECT_EQ(0, VEXOEASClose(eas));
+    EXPECT_EQ((stream::Attributes{{"a", "AAAA"}}), attributes());
+    put(file);
+    eas = open();
+    EXPECT_EQ(0, VEXOEASTruncate(eas, "b", 1));
+    EXPECT_EQ("B", read(eas, "b"));
+    EXPECT_EQ(0, VEXOEASClose(eas));
 }
 
 TEST_F(HostileStream, ValuesThatOverlap) {
@@ -158,15 +166,100 @@ TEST_F(HostileStream, AttributeCountThatHidesValues) {
     EXPECT_EQ(with(118, 0, 2), content());
 }
 
+// Nothing is extended for such a length, and what is there of the fork goes where it belongs.
 TEST_F(HostileStream, ForkLongerThanItsFile) {
-    for (const uint32_t length : {163u, 0x7fffffffu, 0xffffffffu}) {
-        refusesToChange(with(46, length, 4), 0x0A00, "fork of " + std::to_string(length));
+    for (const uint32_t length : {200u, 0x7fffffffu, 0xffffffffu}) {
         put(with(46, length, 4));
         VEXOEAS *eas = open();
         EXPECT_FAILS(EASMoveRFork(eas, 200, 158, length), 0x0A00);
-        EXPECT_EQ(0, VEXOEASClose(eas));
         EXPECT_EQ(with(46, length, 4), content());
+        EXPECT_EQ(5, write(eas, "new", "value"));
+        EXPECT_EQ(stream::bytes({{"a", "AAAA"}, {"b", "BB"}, {"new", "value"}}, length) + "FORK", content());
+        EXPECT_EQ(0, VEXOEASRemove(eas, "a"));
+        EXPECT_EQ(stream::bytes({{"b", "BB"}, {"new", "value"}}, length) + "FORK", content());
+        EXPECT_EQ(3, write(eas, "b", "BBB"));
+        EXPECT_EQ(stream::bytes({{"new", "value"}, {"b", "BBB"}}, length) + "FORK", content());
+        EXPECT_EQ(0, VEXOEASClose(eas));
     }
+}
+
+TEST_F(HostileStream, ForkThatIsCutShort) {
+    const std::string fork = kit::pattern(50000);
+    const std::string head = stream::bytes({{"a", "AAAA"}, {"b", "BB"}}, 50000);
+    for (const size_t there : {size_t{0}, size_t{1}, size_t{20000}, size_t{49999}}) {
+        // As long as the file: it is extended with zeros, and that is all that can be done. Longer: it stays cut.
+        put(head + fork.substr(0, there));
+        VEXOEAS *eas = open();
+        EXPECT_EQ(2, write(eas, "b", "bb")) << there;
+        EXPECT_EQ(stream::bytes({{"a", "AAAA"}, {"b", "bb"}}, 50000) + fork.substr(0, there), content());
+        EXPECT_EQ(5, write(eas, "new", "value")) << there;
+        EXPECT_EQ(0, VEXOEASRemove(eas, "a")) << there;
+        EXPECT_EQ(0, VEXOEASTruncate(eas, "b", 1)) << there;
+        EXPECT_EQ(5, write(eas, "b", "value")) << there;
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ((stream::Attributes{{"new", "value"}, {"b", "value"}}), attributes());
+    }
+}
+
+TEST_F(HostileStream, LastBytesThatAreMissingAndNotNeeded) {
+    const stream::Attributes all = {{"a", "AAAA"}, {"b", "0123456789"}};
+    const std::string whole = stream::bytes(all);
+    for (size_t missing = 1; missing <= 10; ++missing) {
+        const auto cut = [&] {
+            put(whole.substr(0, whole.size() - missing));
+            return open();
+        };
+        VEXOEAS *eas = cut();
+        EXPECT_EQ(0, VEXOEASRemove(eas, "b")) << missing;
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ(stream::bytes({{"a", "AAAA"}}), content());
+        eas = cut();
+        EXPECT_EQ(10, write(eas, "b", "abcdefghij")) << missing;
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ(stream::bytes({{"a", "AAAA"}, {"b", "abcdefghij"}}), content());
+        eas = cut();
+        EXPECT_EQ(0, VEXOEASTruncate(eas, "b", 0)) << missing;
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ((stream::Attributes{{"a", "AAAA"}, {"b", ""}}), attributes());
+        eas = cut();
+        EXPECT_EQ(0, VEXOEASTruncate(eas, "b", static_cast<uint32_t>(10 - missing))) << missing;
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ((stream::Attributes{{"a", "AAAA"}, {"b", whole.substr(whole.size() - 10, 10 - missing)}}),
+                  attributes());
+        eas = cut();
+        EXPECT_EQ(static_cast<int>(missing),
+                  write(eas, "b", std::string(missing, 'x'), static_cast<uint32_t>(10 - missing)));
+        EXPECT_EQ(0, VEXOEASClose(eas));
+        EXPECT_EQ(whole.substr(0, whole.size() - missing) + std::string(missing, 'x'), content());
+    }
+}
+
+TEST_F(HostileStream, LastBytesThatAreMissingAndNeeded) {
+    const std::string whole = stream::bytes({{"a", "AAAA"}, {"b", "0123456789"}});
+    const std::string cut = whole.substr(0, whole.size() - 3);
+    put(cut);
+    VEXOEAS *eas = open();
+    char buffer[16] = {};
+    EXPECT_FAILS(VEXOEASRead(eas, "b", buffer, 10, 0), 0x0A00);
+    EXPECT_EQ(7, VEXOEASRead(eas, "b", buffer, 7, 0)); // what is there can be had
+    EXPECT_STREQ("0123456", buffer);
+    EXPECT_FAILS(write(eas, "new", "value"), 0x0A00);
+    EXPECT_FAILS(write(eas, "a", "A"), 0x0A00);
+    EXPECT_FAILS(write(eas, "b", "0123456"), 0x0A00);
+    EXPECT_FAILS(write(eas, "b", "9", 9), 0x0A00);
+    EXPECT_FAILS(VEXOEASRemove(eas, "a"), 0x0A00);
+    EXPECT_FAILS(VEXOEASTruncate(eas, "a", 0), 0x0A00);
+    EXPECT_FAILS(VEXOEASTruncate(eas, "b", 8), 0x0A00);
+    EXPECT_FAILS(VEXOEASTruncate(eas, "b", 11), 0x0A00);
+    EXPECT_EQ(0, VEXOEASClose(eas));
+    EXPECT_EQ(cut, content());
+}
+
+// A gap of 3 GiB before values of no bytes, in a file of 160: it is not made for a single byte.
+TEST_F(HostileStream, RoomBeforeTheValuesThatIsNotThere) {
+    std::string file = stream::bytes({{"a", ""}});
+    file.replace(96, 4, stream::number(0xc0000000u, 4)).replace(120, 4, stream::number(0xc0000000u, 4));
+    refusesToChange(file, 0x0A00, "a gap of 3 GiB");
 }
 
 TEST_F(HostileStream, ForkPlaceThatWraps) {

@@ -184,7 +184,7 @@ TEST_F(Upgrade, UnreadableFilesStayAndTheOthersGoOn) {
         int skip;
         uint32_t code;
     };
-    for (const Row &row : {Row{"stat", 0, 0x2A00}, Row{"open", 0, 0x0900}, Row{"pread", 0, 0x0A00}}) {
+    for (const Row &row : {Row{"lstat", 1, 0x2A00}, Row{"open", 0, 0x0900}, Row{"pread", 0, 0x0A00}}) {
         makeOld({{"a", "1"}, {"b", "2"}});
         VLIBCErrSetEx(0, "", 0);
         kit::Faults::fail(row.function, EIO, file.own() + "/a", row.skip);
@@ -246,8 +246,8 @@ TEST_F(Upgrade, PathTooLongIsLoggedAndPassedOver) {
 // Each attribute is in the stream or still a file of its own, whatever call fails.
 TEST_F(Upgrade, LosesNothingWhenAStepFails) {
     const std::map<std::string, std::string> files = {{"a", "1"}, {"b", kit::pattern(5000)}, {"c", "3"}, {"d", "4"}};
-    for (const char *function : {"write", "pwrite", "lseek", "read", "pread", "open", "stat", "fstat", "ftruncate",
-                                 "fcntl", "unlink", "remove", "rmdir", "readdir"}) {
+    for (const char *function : {"write", "pwrite", "lseek", "read", "pread", "open", "lstat", "stat", "fstat",
+                                 "ftruncate", "fcntl", "unlink", "remove", "rmdir", "readdir"}) {
         for (int skip = 0; skip < 200; ++skip) {
             makeOld(files);
             kit::Faults::fail(function, ENOSPC, {}, skip);
@@ -421,8 +421,9 @@ TEST_F(Upgrade, StreamThatCannotBeFlushedKeepsTheFiles) {
 
 TEST_F(Upgrade, SpoiltStreamThatCannotBeCutKeepsTheFiles) {
     makeOld({{"a", "1"}, {"b", "2"}});
-    kit::Faults::fail("write", ENOSPC, "@VexoEAStream", 1);
-    kit::Faults::fail("ftruncate", EIO, "@VexoEAStream");
+    kit::Faults::fail("write", ENOSPC, "@VexoEAStream", 2);
+    kit::Faults::failAlways("ftruncate", EIO, "@VexoEAStream");
+    kit::Faults::failAlways("fallocate", EOPNOTSUPP);
     EXPECT_FAILS(upgrade(), 0x2A00);
     EXPECT_EQ((std::vector<std::string>{"a", "b"}), kit::namesIn(file.own()));
     EXPECT_FALSE(kit::exists(file.stream()));
@@ -461,8 +462,107 @@ TEST_F(Upgrade, DirectoryAmongTheAttributesLeavesItsCode) {
 TEST_F(Upgrade, MvThatCannotRunFails) {
     makeOld({{"VEXO:Other", "bytes"}});
     kit::Faults::fail("VLIBCExec", EAGAIN);
-    EXPECT_EQ(-1, upgrade("VEXO:Other"));
+    EXPECT_FAILS(upgrade("VEXO:Other"), 0x2800);
+    EXPECT_EQ(EAGAIN, errno);
     EXPECT_EQ("bytes", kit::readFile(file.own() + "/VEXO:Other"));
+}
+
+TEST_F(Upgrade, CleanUpLeavesTheErrnoOfTheFailure) {
+    makeOld({{"colour", "green"}});
+    kit::Faults::fail("open", EROFS, "@VexoEAStream");
+    EXPECT_FAILS(upgrade(), 0x0900);
+    EXPECT_EQ(EROFS, errno);
+}
+
+// It may be the newer of the two.
+TEST_F(Upgrade, AppleDoubleFileThatCannotBeLookedAtIsNotAbsent) {
+    struct Row {
+        const char *function;
+        int error;
+        uint32_t code;
+    };
+    for (const Row &row : {Row{"lstat", EIO, 0x2A00}, Row{"lstat", EACCES, 0x2A00}, Row{"open", EIO, 0x0A00},
+                           Row{"open", EACCES, 0x0A00}, Row{"read", EIO, 0x0A00}}) {
+        makeOld({{"colour", "green"}});
+        kit::writeFile(file.dotFile(), stream::bytes({{"from", "double"}}));
+        VLIBCErrSetEx(0, "", 0);
+        kit::Faults::fail(row.function, row.error, "/._file");
+        EXPECT_FAILS(upgrade(), row.code);
+        EXPECT_EQ(row.error, errno) << row.function;
+        kit::Faults::reset();
+        EXPECT_EQ("green", kit::readFile(file.own() + "/colour"));
+        EXPECT_TRUE(kit::exists(file.dotFile()));
+        EXPECT_FALSE(kit::exists(file.stream()));
+    }
+    kit::Faults::fail("lstat", EIO, scratch / "file"); // the file that it belongs to
+    EXPECT_FAILS(upgrade(), 0x2700);
+}
+
+TEST_F(Upgrade, CurrentStoreThatCannotBeLookedAtIsNotAbsent) {
+    makeOld({{"colour", "green"}, {"VEXO:Resource", resource(0, 0)}, {"VEXO:Other", "bytes"}});
+    kit::writeFile(file.stream(), "whatever");
+    kit::Faults::failAlways("lstat", EIO, "@");
+    for (const char *stream : {"VexoEAStream", "VexoResource", "VEXO:Other"}) {
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_FAILS(upgrade(stream), 0x2A00);
+        EXPECT_EQ(EIO, errno);
+    }
+    kit::Faults::reset();
+    EXPECT_EQ("whatever", kit::readFile(file.stream()));
+    EXPECT_EQ(3u, kit::namesIn(file.own()).size());
+}
+
+// Each value that does not fit has the stream built anew only once, however many there are: also on a volume that
+// cannot reserve, where a write that fails has spoilt it.
+TEST_F(Upgrade, FullVolumeIsTriedOnce) {
+    for (const bool reserves : {true, false}) {
+        SCOPED_TRACE(reserves ? "reserving" : "not reserving");
+        KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
+        processAsNow();
+        file = {volume.path(), "file"};
+        kit::writeFile(file.path(), "data");
+        std::map<std::string, std::string> files;
+        for (int at = 0; at < 300; ++at) {
+            files["attribute" + std::to_string(at)] = kit::pattern(8000, static_cast<unsigned char>(at));
+        }
+        makeOld(files);
+        kit::Faults::failAlways("open", 0, file.own() + "/attribute");
+        if (!reserves) {
+            kit::Faults::failAlways("fallocate", EOPNOTSUPP);
+        }
+        EXPECT_EQ(0, upgrade());
+        EXPECT_GT(kit::Faults::count("open"), 300);
+        EXPECT_LT(kit::Faults::count("open"), 1000) << "each file is read once or twice";
+        kit::Faults::reset();
+        const auto there = converted();
+        EXPECT_GT(there.size(), 50u);
+        EXPECT_LT(there.size(), 300u);
+        for (const auto &[key, value] : files) {
+            const bool inStream = there.contains(key) && there.at(key) == value;
+            EXPECT_TRUE(inStream != (content(file.own() + "/" + key) == value)) << key;
+        }
+    }
+}
+
+// What is small enough is not left behind with what is not.
+TEST_F(Upgrade, SmallAttributesGoWhereALargeOneDoesNotFit) {
+    for (const bool reserves : {true, false}) {
+        KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
+        processAsNow();
+        file = {volume.path(), "file"};
+        kit::writeFile(file.path(), "data");
+        std::map<std::string, std::string> files = {{"large", kit::pattern(3000000)}};
+        for (int at = 0; at < 20; ++at) {
+            files["small" + std::to_string(at)] = "value";
+        }
+        makeOld(files);
+        if (!reserves) {
+            kit::Faults::failAlways("fallocate", EOPNOTSUPP);
+        }
+        EXPECT_EQ(0, upgrade());
+        EXPECT_EQ(20u, converted().size());
+        EXPECT_EQ(std::vector<std::string>{"large"}, kit::namesIn(file.own()));
+    }
 }
 
 TEST_F(Upgrade, StreamNameWithoutAColonIsTheCurrentOne) {

@@ -35,7 +35,8 @@ void prepareFile(Scene &scene, const Case &c) {
         scene.destinationOn(*otherVolume());
     }
     const std::string dst = scene.to("g");
-    scene.file("f", dst);
+    // Small ones are read and written, large ones moved by the kernel.
+    scene.file("f", dst, c.overwrite ? 300'000 : 20'000);
     ::mkdir(scene.from("@eaDir").c_str(), 0777);
     kit::writeFile(scene.from("@eaDir/f@VexoEAStream"),
                    stream::bytes({{"first", scene.piece("stream attribute", 300)}, {"second", "two"}}));

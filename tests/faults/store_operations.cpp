@@ -61,10 +61,9 @@ const std::set<uint32_t> kCopyCodes = {0,      0x0100, 0x0200, 0x0300, 0x0400, 0
                                        0x0A00, 0x0B00, 0x2000, 0x2400, 0x2600, 0x2700, 0x2900, 0x2A00,
                                        0x3B00, 0x3C00, 0x6C00, 0x8000, 0xAA00, 0xC300};
 
-// A change rewrites the stream file in place.
+// A change rewrites the stream file in place; one that fails is undone, one that is killed is not.
 std::string keptOfChange(const Finding &finding, const Report &) {
-    if (isCall(finding.fault, {"write", "lseek", "kill"}) &&
-        (finding.check == "metadata lost" || finding.check == "again succeeds")) {
+    if (isCall(finding.fault, {"kill"}) && (finding.check == "metadata lost" || finding.check == "again succeeds")) {
         return "stream-change-is-not-atomic";
     }
     return {};
@@ -113,7 +112,8 @@ Operation copy(const std::string &name, int srcKind, int dstKind, bool move) {
 // A move gives up what it cannot carry of the file's own directory.
 std::string keptOfDirectoryMove(const Finding &finding, const Report &report) {
     const Fault &fault = finding.fault;
-    const bool isDestination = isCall(fault, {"mkdir", "chmod"}) && isBelow(fault, "/to/@eaDir");
+    const bool isDestination =
+        isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdir", "mkdirat", "openat"}) && isBelow(fault, "/to/@eaDir"));
     const bool isItself = isCall(fault, {"openat", "rename"}) && isAt(fault, "/thumbnail");
     const bool isItsCopy = isCall(fault, {"read", "write", "allocation"});
     if (finding.check == "metadata lost" && finding.detail == kThumbnail && (isDestination || isItself || isItsCopy)) {
@@ -224,7 +224,7 @@ void addRemovals(std::vector<Operation> &all) {
 
 void addDirectoryRemovals(std::vector<Operation> &all) {
     const std::set<uint32_t> none = {0};
-    Operation directory = onStore("RemoveDirectory", kFileEa, Keeps::source, none,
+    Operation directory = onStore("RemoveDirectory", kFileEa, Keeps::source, {0x3900},
                                   [](Scene &scene) { return EARemove(0, scene.from("f").c_str()); });
     directory.prepare = [](Scene &scene) {
         putStore(scene, kFileEa);
@@ -255,8 +255,8 @@ void addDirectoryRemovals(std::vector<Operation> &all) {
 }
 
 void addUpgrades(std::vector<Operation> &all) {
-    const std::set<uint32_t> codes = {0x0100, 0x0200, 0x0900, 0x0A00, 0x0B00, 0x2800, 0x2A00,
-                                      0x3900, 0x3C00, 0x4000, 0xC300, 0x0400, 0x2600};
+    const std::set<uint32_t> codes = {0x0100, 0x0200, 0x0900, 0x0A00, 0x0B00, 0x2700, 0x2800,
+                                      0x2A00, 0x3900, 0x3C00, 0x4000, 0xC300, 0x0400, 0x2600};
     Operation attributes = onStore("UpgradeAttributes", kEaDirectory, Keeps::either, codes,
                                    [](Scene &scene) { return VEXOEAUpgrade(scene.from("f").c_str(), kStream); });
     attributes.prepare = [](Scene &scene) {
@@ -282,7 +282,6 @@ void addUpgrades(std::vector<Operation> &all) {
     all.push_back(resource);
     Operation other = attributes;
     other.name = "UpgradeOther";
-    other.codes.insert(0); // only errno tells why /bin/mv could not be run
     other.run = [](Scene &scene) { return VEXOEAUpgrade(scene.from("f").c_str(), "VEXO:Preview"); };
     other.prepare = [](Scene &scene) {
         kit::writeFile(scene.from("f"), "data");
@@ -401,7 +400,7 @@ void addStreamParts(std::vector<Operation> &all) {
         return VEXOEASLockGet(eas, &lock);
     }));
     all.push_back(onStream("StreamCount", F_RDLCK, [](VEXOEAS *eas) { return EASGetAttrCount(eas->fd); }));
-    Operation check = onStore("CheckDouble", kFat, Keeps::source, {0, 0x0200},
+    Operation check = onStore("CheckDouble", kFat, Keeps::source, {0, 0x0200, 0x2700},
                               [](Scene &scene) { return VEXOEACheckADFile(scene.from("._f").c_str()); });
     all.push_back(check);
     Operation archive = onStore("SetArchiveBit", kFileEa, Keeps::source, {0},

@@ -14,7 +14,8 @@ namespace {
 const std::set<uint32_t> kTreeCodes = {0x0200, 0x0300, 0x0600, 0x0700, 0x0800, 0x0900, 0x0A00, 0x1100, 0x2400,
                                        0x2600, 0x2700, 0x2900, 0x2A00, 0x3B00, 0x6C00, 0x8000, 0x8400, 0xA000,
                                        0xA200, 0xA300, 0xA400, 0xA600, 0xAA00, 0xC300, 0xFA00};
-const std::set<uint32_t> kRelocationCodes = {0x0200, 0x3900, 0x3A00, 0x3B00, 0x3C00, 0xA600, 0xC300, 0x0600, 0x2900};
+const std::set<uint32_t> kRelocationCodes = {0x0200, 0x0D00, 0x3900, 0x3A00, 0x3B00,
+                                             0x3C00, 0xA600, 0xC300, 0x0600, 0x2900};
 
 void hear(const char *, uint32_t) {
     ++reportsHeard;
@@ -49,7 +50,7 @@ bool isOfAnEntry(const Fault &fault) {
 // What makes the copy of a file's store fail.
 bool isOfAStore(const Fault &fault) {
     return isCall(fault, {"allocation", "close"}) || (isCall(fault, {"getxattr"}) && isAt(fault, "/tree/a")) ||
-           (isCall(fault, {"mkdir", "chmod"}) && isAt(fault, "/tree/@eaDir")) ||
+           isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdirat", "openat"}) && isAt(fault, "/tree/@eaDir")) ||
            (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "/tree/@eaDir/a@VexoEAStream"));
 }
 

@@ -113,7 +113,7 @@ void Faults::add(FaultRule rule) {
 bool watchesReadOrWrite() {
     for (const ActiveRule &active : state().rules) {
         const std::string &function = active.rule.function;
-        if (function == "read" || function == "write" || function == "VEXOWriteFileFd") {
+        if (function == "read" || function == "write") {
             return true;
         }
     }
@@ -363,6 +363,77 @@ extern "C" int open(const char *path, int flags, ...) {
     }
     static auto *const real = kit::next<int(const char *, int, ...)>("open");
     return real(path, flags, mode);
+}
+
+// The calls that take a directory and a name: rules for the call on a path see them, with the whole path.
+namespace kit {
+namespace {
+FaultAnswer askFaultsIn(const char *function, int directory, const char *name) {
+    if (directory == AT_FDCWD || *name == '/') {
+        return askFaults(function, name, -1);
+    }
+    std::string path;
+    {
+        const Inside guard;
+        path = pathOf(nullptr, directory) + "/" + name;
+    }
+    return askFaults(function, path.c_str(), -1);
+}
+} // namespace
+} // namespace kit
+
+extern "C" int openat(int directory, const char *name, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & (O_CREAT | O_TMPFILE)) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    if (const kit::FaultAnswer answer = kit::askFaultsIn("open", directory, name); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    if ((flags & O_DIRECTORY) != 0 && (flags & O_PATH) == 0 && kit::askFaultsIn("opendir", directory, name).decided) {
+        return -1;
+    }
+    static auto *const real = kit::next<int(int, const char *, int, ...)>("openat");
+    return real(directory, name, flags, mode);
+}
+
+extern "C" int fstatat(int directory, const char *name, struct stat *out, int flags) noexcept {
+    const char *const function = (flags & AT_SYMLINK_NOFOLLOW) != 0 ? "lstat" : "stat";
+    if (const kit::FaultAnswer answer = kit::askFaultsIn(function, directory, name); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *, struct stat *, int)>("fstatat");
+    return real(directory, name, out, flags);
+}
+
+extern "C" int unlinkat(int directory, const char *name, int flags) noexcept {
+    // "remove" is either of the two.
+    for (const char *function : {(flags & AT_REMOVEDIR) != 0 ? "rmdir" : "unlink", "remove"}) {
+        if (const kit::FaultAnswer answer = kit::askFaultsIn(function, directory, name); answer.decided) {
+            return static_cast<int>(answer.result);
+        }
+    }
+    static auto *const real = kit::next<int(int, const char *, int)>("unlinkat");
+    return real(directory, name, flags);
+}
+
+extern "C" int renameat(int fromDirectory, const char *from, int toDirectory, const char *to) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsIn("rename", fromDirectory, from); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *, int, const char *)>("renameat");
+    return real(fromDirectory, from, toDirectory, to);
+}
+
+extern "C" int mkdirat(int directory, const char *name, mode_t mode) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaultsIn("mkdir", directory, name); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const real = kit::next<int(int, const char *, mode_t)>("mkdirat");
+    return real(directory, name, mode);
 }
 
 extern "C" int stat(const char *path, struct stat *out) noexcept {

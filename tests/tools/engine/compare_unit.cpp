@@ -5,6 +5,7 @@
 #include "ea/ea.h"
 #include "platform/core.h"
 #include "tests/kit/behaviour.h"
+#include "tests/kit/child.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
@@ -16,6 +17,7 @@
 #include <functional>
 #include <set>
 #include <sys/acl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
@@ -454,6 +456,26 @@ TEST_F(Compare, HolesOnBothSidesAreSkippedAndWhatIsBehindThemIsSeen) {
     ASSERT_EQ(1, ::pwrite(file.get(), "x", 1, size - 5));
     EXPECT_EQ("data: data differ from byte 1099511627771 on\n",
               text_of(compared(scratch / "f", scratch / "g", {.data = true, .times = false})));
+}
+
+// A walk compares many of these.
+TEST_F(Compare, PlainFilesAreComparedWithoutOpeningThem) {
+    for (const char *name : {"f", "g"}) {
+        kit::writeFile(scratch / name, "data");
+        set_times(scratch / name);
+        set_creation(scratch / name, 1'500'000'000);
+    }
+    EXPECT_TRUE(kit::holdsInChild([&] {
+        const engine::Descriptor directory(::open(scratch.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        const engine::VolumeFacts volume = engine::volume_facts(directory.get(), kFileEa);
+        const rlimit none{0, 64};
+        const Side a{directory.get(), "f", volume}, b{directory.get(), "g", volume};
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &none));
+        EXPECT_EQ("", text_of(engine::compare_entries(a, b)));
+        EXPECT_EQ(Names{"unreadable"}, names_of(engine::compare_entries(a, b, {.data = true})));
+        const rlimit some{64, 64}; // what the end of the child needs
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &some));
+    }));
 }
 
 TEST_F(Compare, StoppedComparisonIsNotEqual) {

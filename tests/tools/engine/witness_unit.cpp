@@ -5,7 +5,9 @@
 #include "tools/engine/walk/descriptor.h"
 
 #include <cerrno>
+#include <ctime>
 #include <fcntl.h>
+#include <tuple>
 
 namespace {
 
@@ -17,8 +19,7 @@ class WitnessOf : public kit::Behaviour {
         kit::Behaviour::SetUp();
         kit::writeFile(file(), "data");
         m_directory = std::make_unique<engine::Descriptor>(::open(scratch.path().c_str(), O_PATH | O_CLOEXEC));
-        // Long ago, so that every change shows.
-        const timespec times[] = {{1, 0}, {1, 0}};
+        const timespec times[] = {{1, 0}, {1, 0}}; // long ago, so that every write shows
         ASSERT_EQ(0, ::utimensat(AT_FDCWD, file().c_str(), times, 0));
     }
     void TearDown() override {
@@ -49,6 +50,20 @@ TEST_F(WitnessOf, WriteInPlaceOfTheSameLengthShows) {
     EXPECT_FALSE(before.unchanged(directory(), "f"));
     EXPECT_FALSE(before.unchanged(open.get()));
     EXPECT_EQ(0, errno);
+}
+
+TEST_F(WitnessOf, WriteWhoseTimeWasSetBackShows) {
+    const Witness before = seen();
+    // A change time is one of a coarse clock: within one tick of it two changes cannot be told apart.
+    timespec now{};
+    do {
+        ASSERT_EQ(0, ::clock_gettime(CLOCK_REALTIME_COARSE, &now));
+    } while (std::tie(now.tv_sec, now.tv_nsec) <=
+             std::tie(before.seen().st_ctim.tv_sec, before.seen().st_ctim.tv_nsec));
+    kit::writeFile(file(), "Data");
+    const timespec times[] = {{1, 0}, {1, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, file().c_str(), times, 0));
+    EXPECT_FALSE(before.unchanged(directory(), "f"));
 }
 
 TEST_F(WitnessOf, FileThatWasReplacedOrIsGoneIsNotTheSame) {

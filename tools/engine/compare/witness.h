@@ -7,7 +7,9 @@
 
 namespace engine {
 
-// What an entry was at one moment: device, inode, type, size, modification time, change time.
+// What an entry was at one moment: device, inode, type, size, modification time, change time. The change time, which
+// nobody can set back, is one of the kernel's coarse clock: where a change of the same length follows another within a
+// tick of it (milliseconds), before and after the look, it does not show.
 class Witness {
   public:
     explicit Witness(const struct stat &seen) : m_seen(seen) {}

@@ -1,16 +1,18 @@
-// AppleDouble files: converting one into the form of two entries, and the routines from and to volumes that keep what
-// belongs to a file in one beside it.
-#include "ea/carry/job.h"
+#include "ea/carry/conversion.h"
 
+#include "ea/carry/job.h"
+#include "ea/carry/stream_files.h"
+#include "ea/carry/two_entries.h"
 #include "ea/ea.h"
+#include "ea/files/positioned.h"
+#include "ea/files/store_entry.h"
+#include "ea/files/store_file.h"
 #include "ea/stream/handle.h"
 #include "support/big_endian.h"
 #include "support/fd.h"
 #include "support/guards.h"
 #include "support/heap.h"
-#include "support/path_buffer.h"
 #include "support/report.h"
-#include "transfer/fat_name.h"
 
 #include <array>
 #include <cerrno>
@@ -24,23 +26,12 @@
 namespace vexo {
 namespace {
 
-// The layout that is written: header, two entry descriptors, Finder Info, resource fork.
-//
-//      0  magic, version, filler, entry count
-//     26  id 9, offset 50, length 32
-//     38  id 2, offset 82, length of the fork
-//     50  Finder Info
-//     82  the fork
-constexpr size_t kHeaderSize = 26;
-constexpr size_t kCountOffset = 24;
-constexpr size_t kDescriptorSize = 12;
-constexpr size_t kFinderInfoOffset = kHeaderSize + 2 * kDescriptorSize;
-constexpr size_t kForkOffset = kFinderInfoOffset + kFinderInfoSize;
-static_assert(kFinderInfoOffset == 50 && kForkOffset == 82);
-
-constexpr uint32_t kMagic = 0x00051607;
+using adouble::kCountAt;
+using adouble::kEntrySize;
+using adouble::kFixedSize;
+using adouble::kMagic;
 constexpr uint32_t kVersion1 = 0x00010000;
-constexpr uint32_t kVersion2 = 0x00020000;
+constexpr uint32_t kVersion2 = adouble::kVersion;
 
 // What a conversion answers.
 constexpr int kOpenFailed = -2;
@@ -85,7 +76,7 @@ struct Source {
     const char *path;
     int fd;
     uint64_t size;
-    std::array<uint8_t, kHeaderSize> header;
+    std::array<uint8_t, kFixedSize> header;
     Entry finderInfo;
     Entry fork;
 };
@@ -97,9 +88,9 @@ int read_failed(const Source &source) {
 }
 
 int read_entries(Source &source) {
-    const size_t count = big_endian::load(source.header.data() + kCountOffset, 2);
-    const size_t size = count * kDescriptorSize;
-    if (size > source.size - kHeaderSize) {
+    const size_t count = big_endian::load(source.header.data() + kCountAt, 2);
+    const size_t size = count * kEntrySize;
+    if (size > source.size - kFixedSize) {
         errno = 0;
         return read_failed(source);
     }
@@ -107,7 +98,7 @@ int read_entries(Source &source) {
     if (!table) {
         return fail(Error::out_of_memory_ea, VEXO_EA_COPY_HERE);
     }
-    if (!read_at(source.fd, table.data(), size, kHeaderSize)) {
+    if (!read_at(source.fd, table.data(), size, kFixedSize)) {
         return read_failed(source);
     }
     BigEndianReader reader({table.data(), size});
@@ -196,7 +187,7 @@ int convert_version_2(Source &source, const char *to) {
     }
     std::array<uint8_t, kForkOffset> head;
     BigEndianWriter writer(head);
-    writer.bytes(source.header.data(), kCountOffset);
+    writer.bytes(source.header.data(), kCountAt);
     writer.u16(2);
     writer.u32(kFinderInfoEntry);
     writer.u32(kFinderInfoOffset);
@@ -206,12 +197,12 @@ int convert_version_2(Source &source, const char *to) {
     writer.u32(static_cast<uint32_t>(source.fork.length));
     writer.bytes(finderInfo.data(), finderInfo.size());
 
-    const Fd destination(::open(to, O_WRONLY | O_CREAT | O_CLOEXEC, 0777));
+    const Fd destination = open_store_file(to, O_WRONLY | O_CREAT);
     if (!destination) {
         VEXO_LOG_ERROR_IN(VEXO_EA_COPY_HERE, kConverterName, "failed to open %s, reason=%s.\n", to, ::strerror(errno));
         set_error(Error::open, VEXO_EA_COPY_HERE);
         const KeepErrno keep;
-        ::unlink(to);
+        (void)unlink_store_file(to);
         return kOpenFailed;
     }
     if (!write_at(destination.get(), head.data(), head.size(), 0)) {
@@ -228,11 +219,8 @@ int convert_version_2(Source &source, const char *to) {
 
 int convert_content(const char *from, const char *to) {
     struct stat status;
-    if (::stat(from, &status) != 0 && errno == ENOENT) {
-        return 0;
-    }
-    const Fd fd(::open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    const Fd fd = open_store_file(from, O_RDONLY);
+    if (!fd || ::fstat(fd.get(), &status) != 0) {
         if (!fd && errno == ENOENT) {
             return 0;
         }
@@ -243,8 +231,12 @@ int convert_content(const char *from, const char *to) {
     if (status.st_size == 0) {
         return 0;
     }
+    struct stat there;
+    if (look_in_store(to, there) == 0 && is_one_file(status, there)) {
+        return kOneFile;
+    }
     Source source{from, fd.get(), static_cast<uint64_t>(status.st_size), {}, {}, {}};
-    if (!read_at(fd.get(), source.header.data(), kHeaderSize, 0)) {
+    if (!read_at(fd.get(), source.header.data(), kFixedSize, 0)) {
         VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "failed to read %s, reason=%s.\n", from, ::strerror(errno));
         return fail(Error::read, VEXO_EA_COPY_HERE);
     }
@@ -259,10 +251,6 @@ int convert_content(const char *from, const char *to) {
         return fail(Error::read, VEXO_EA_COPY_HERE);
     }
     return convert_version_2(source, to);
-}
-
-int double_path(const char *path, PathBuffer &out) {
-    return VEXOEAADPath(path, out.fill(), PathBuffer::kUsable);
 }
 
 // Takes the values out of the destination that are longer than those to come in their place. 0 or -1.
@@ -281,107 +269,30 @@ int make_way(int from, int to) {
     return 0;
 }
 
-// The attributes in the AppleDouble file `from`, as the attribute stream of the destination. One without any makes
-// none.
-int move_attributes_to_stream(const char *from, const char *dst) {
-    const Fd source(::open(from, O_RDONLY | O_CLOEXEC));
-    if (!source) {
-        return errno == ENOENT ? 0 : fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    const int count = EASGetAttrCount(source.get());
-    if (count <= 0) {
-        return count;
-    }
-    const Fd stream(VEXOEAOpen(kCurrentLayout, dst, kEaStream, O_RDWR | O_CREAT, kStreamCompanion));
-    if (!stream) {
-        return fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    return write_attributes(source.get(), stream.get());
-}
-
-// The attribute stream of the source, into the AppleDouble file `to`.
-int append_stream(const char *src, const char *to) {
-    const Fd stream(VEXOEAOpen(kCurrentLayout, src, kEaStream, O_RDONLY, kStreamCompanion));
-    if (!stream) {
-        return errno == ENOENT ? 0 : fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    const int count = EASGetAttrCount(stream.get());
-    if (count <= 0) {
-        return count;
-    }
-    Fd destination(::open(to, O_RDWR | O_CLOEXEC));
-    if (!destination && errno == ENOENT) {
-        destination.reset(::open(to, O_RDWR | O_CREAT | O_CLOEXEC, 0777));
-    }
-    if (!destination) {
-        return fail(Error::open, VEXO_EA_COPY_HERE);
-    }
-    return write_attributes(stream.get(), destination.get());
-}
-
-bool exists(const char *path) {
-    return ::access(path, F_OK) == 0;
-}
-
-// The place of the destination's AppleDouble file, on a volume that may reserve characters.
-int destination_double_path(const char *dst, PathBuffer &out) {
-    PathBuffer plain;
-    if (VEXOEAADPath(dst, plain.fill(), PathBuffer::kSize) < 0) {
-        if (last_error() != Error::name_too_long) {
-            return -1;
-        }
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "filename too long: [%s].", dst);
-        return kNameTooLong;
-    }
-    return replace_fat_reserved(plain.c_str(), out.fill(), PathBuffer::kSize);
-}
-
-int convert_resource_to_double(const EaCopyJob &job, const char *to) {
-    PathBuffer from;
-    if (VEXOEAPath(kCurrentLayout, job.src, kResourceStream, from.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
-        return -1;
-    }
-    const int converted = convert_apple_double(from.c_str(), to, ConvertMode::checked);
-    if (converted < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.", from.c_str(), to, converted);
-        return converted;
-    }
-    return 0;
-}
-
 } // namespace
 
-bool read_at(int fd, void *to, size_t size, uint64_t offset) {
-    auto *at = static_cast<uint8_t *>(to);
-    while (size > 0) {
-        errno = 0;
-        const ssize_t got = ::pread(fd, at, size, static_cast<off_t>(offset));
-        if (got <= 0) {
-            return false;
-        }
-        at += got;
-        size -= static_cast<size_t>(got);
-        offset += static_cast<uint64_t>(got);
+int attribute_count(int fd) {
+    constexpr size_t kMostEntries = 13;
+    std::array<uint8_t, kFixedSize + kMostEntries * kEntrySize> bytes{};
+    const ssize_t size = ::pread(fd, bytes.data(), bytes.size(), 0);
+    if (size < 0) {
+        return fail(Error::read, VEXO_EA_COPY_HERE);
     }
-    return true;
-}
-
-bool write_at(int fd, const void *from, size_t size, uint64_t offset) {
-    const auto *at = static_cast<const uint8_t *>(from);
-    while (size > 0) {
-        const ssize_t written = ::pwrite(fd, at, size, static_cast<off_t>(offset));
-        if (written <= 0) {
-            errno = written == 0 ? EIO : errno;
-            return false;
-        }
-        at += written;
-        size -= static_cast<size_t>(written);
-        offset += static_cast<uint64_t>(written);
+    bool hasFinderInfo = size == 0; // nothing is written yet
+    const uint64_t count = big_endian::load(bytes.data() + kCountAt, 2);
+    for (size_t at = 0; at < count && at < kMostEntries; ++at) {
+        hasFinderInfo =
+            hasFinderInfo || big_endian::load(bytes.data() + kFixedSize + at * kEntrySize, 4) == kFinderInfoEntry;
     }
-    return true;
+    return hasFinderInfo ? EASGetAttrCount(fd) : 0;
 }
 
 int write_attributes(int from, int to) {
+    struct stat one;
+    struct stat other;
+    if (::fstat(from, &one) == 0 && ::fstat(to, &other) == 0 && is_one_file(one, other)) {
+        return 0; // under two names: they are all there
+    }
     return make_way(from, to) == 0 && EASWriteToFd(from, to) == 0 ? 0 : -1;
 }
 
@@ -393,95 +304,10 @@ int convert_apple_double(const char *from, const char *to, ConvertMode mode) {
         }
     }
     if (mode == ConvertMode::as_is || mode == ConvertMode::checked_as_is) {
-        return copy_store_file(from, to) < 0 ? -1 : 0;
+        const int copied = copy_store_file(from, to);
+        return copied == kNothingToCopy ? 0 : copied;
     }
     return convert_content(from, to);
-}
-
-int copy_adfs_to_adfs(const EaCopyJob &job) {
-    PathBuffer from;
-    PathBuffer to;
-    if (double_path(job.src, from) < 0 || double_path(job.dst, to) < 0) {
-        if (last_error() != Error::name_too_long) {
-            return -1;
-        }
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "filename too long: [%s].", job.src);
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "filename too long: [%s].", job.dst);
-        return kNameTooLong;
-    }
-    const int copied = copy_store_file(from.c_str(), to.c_str());
-    if (copied < 0) {
-        VEXO_LOG_ERROR_IN(VEXO_EA_COPY_HERE, "EACopyADFStoADFS", "Failed to cp -f %s.\n", from.c_str());
-        return -1;
-    }
-    if (job.move && copied == 0 && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
-        set_error(Error::file_operation, VEXO_EA_COPY_HERE);
-        VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to remove [%s]. %m", from.c_str());
-        return -1;
-    }
-    return 0;
-}
-
-int copy_adfs_to_ea_directory(const EaCopyJob &job) {
-    PathBuffer from;
-    if (double_path(job.src, from) < 0) {
-        if (last_error() == Error::name_too_long) {
-            VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "filename too long: [%s].", job.src);
-            return kNameTooLong;
-        }
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path.[0x%04X %s:%d]", VLIBCErrGet(), VLIBCErrorGetFile(),
-                       static_cast<int>(VLIBCErrorGetLine()));
-        return -1;
-    }
-    if (!exists(from.c_str())) { // most files have none: no "@eaDir" is made for them
-        return 0;
-    }
-    PathBuffer to;
-    if (prepare_ea_directory(kSharedDirectory, job.dst, to) < 0) {
-        return -1;
-    }
-    if (VEXOEAPath(kCurrentLayout, job.dst, kResourceStream, to.fill(), PathBuffer::kUsable, kStreamCompanion) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Fail to generate path.[0x%04X %s:%d]", VLIBCErrGet(), VLIBCErrorGetFile(),
-                       static_cast<int>(VLIBCErrorGetLine()));
-        return -1;
-    }
-    const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::plain);
-    if (converted < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.\n", from.c_str(), to.c_str(),
-                       converted);
-        return converted;
-    }
-    if (move_attributes_to_stream(from.c_str(), job.dst) < 0) {
-        return -1;
-    }
-    if (job.move && ::unlink(from.c_str()) != 0 && errno != ENOENT) {
-        return fail(Error::file_operation, VEXO_EA_COPY_HERE);
-    }
-    return 0;
-}
-
-int copy_adfs_to_file_ea(const EaCopyJob &job) {
-    const int result = copy_adfs_to_ea_directory(job);
-    return result != 0 ? result : sync_destination(job);
-}
-
-int copy_ea_directory_to_adfs(const EaCopyJob &job) {
-    PathBuffer to;
-    const int named = destination_double_path(job.dst, to);
-    if (named < 0) {
-        return named;
-    }
-    const int resource = convert_resource_to_double(job, to.c_str());
-    if (resource < 0) {
-        return resource;
-    }
-    if (append_stream(job.src, to.c_str()) < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.", job.src, to.c_str(), -1);
-        return -1;
-    }
-    // Only now: the attributes were put in front of the fork, and had that failed half way, the source's would be the
-    // only one.
-    return job.move ? unlink_source_stream(job, kResourceStream, kStreamCompanion) : 0;
 }
 
 } // namespace vexo
