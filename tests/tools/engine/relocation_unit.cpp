@@ -133,7 +133,7 @@ TEST_F(Relocations, KeepTheSourceWhereThatIsAskedOrSomethingDoesNotArrive) {
     EXPECT_EQ("", m_scene->privatePlace());
 }
 
-TEST_F(Relocations, FileChangedInPlaceMeanwhileKeepsTheSource) {
+TEST_F(Relocations, FileChangedInPlaceMeanwhileEndsItWithEverythingAsItWas) {
     const struct stat before = kit::statOf(from("big"));
     Meddler record;
     record.whenCopied = [&] { // of the same size, with the same times
@@ -143,7 +143,10 @@ TEST_F(Relocations, FileChangedInPlaceMeanwhileKeepsTheSource) {
         ::futimens(fd, times);
         ::close(fd);
     };
-    EXPECT_EQ(RelocationEnd::incomplete, run(record).end);
+    EXPECT_EQ(RelocationEnd::not_copied, run(record).end);
+    EXPECT_TRUE(kit::exists(to("in/old")));
+    EXPECT_FALSE(kit::exists(to("one")));
+    EXPECT_EQ("", m_scene->privatePlace());
     EXPECT_TRUE(mentions(record, "from/big: not in the copy as it is in the source: ")) << relocation::text(record);
     EXPECT_EQ("NEW", kit::readFile(from("big")).substr(1000, 3));
 }

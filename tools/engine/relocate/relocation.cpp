@@ -19,10 +19,12 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -145,6 +147,13 @@ class Staging : public TransferObserver {
     RelocationObserver &m_observer;
 };
 
+// Content that is not in the copy, or that nobody can tell of: what stands at the destination is not given up for that.
+bool is_grave(LossClass cls) {
+    constexpr LossClass grave[] = {LossClass::data, LossClass::unreadable, LossClass::name_clash,
+                                   LossClass::file_too_large, LossClass::symbolic_link};
+    return std::ranges::find(grave, cls) != std::end(grave);
+}
+
 class Relocating {
   public:
     Relocating(const RelocationPlan &plan, RelocationObserver &observer)
@@ -228,6 +237,7 @@ class Relocating {
     void fail(const Problem &problem);
     void tell(const std::string &path, const Loss &loss) {
         ++m_result.missing;
+        m_grave += is_grave(loss.cls) ? 1 : 0;
         m_observer.failed(path, {fmt::format("not in the copy as it is in the source: {} ({})", loss.detail,
                                              loss_row(loss.cls).name)});
     }
@@ -239,6 +249,7 @@ class Relocating {
     TreeTop m_tree;
     Proof m_proof;
     Note m_note = {};
+    int m_grave = 0;        // losses with which no copy takes anybody's place
     bool m_entered = false; // the lock is held
     bool m_noted = false;   // a note is there
     RelocationResult m_result = {};
@@ -319,6 +330,10 @@ bool Relocating::stage() {
                                  {m_place.directory(), kCopyName, destination_type(), m_place.inside(kCopyName)});
     if (m_observer.stopped()) {
         discard(RelocationEnd::cancelled);
+        return false;
+    }
+    if (m_grave > 0) {
+        discard(RelocationEnd::not_copied, {"not all content is in the copy, so that it was not put in place"});
         return false;
     }
     m_note.copyIs = Identity::of(*staged);
