@@ -1,5 +1,6 @@
 // Relocations: what they bring, what they refuse, and what they leave where they cannot go on.
 #include "tests/kit/behaviour.h"
+#include "tests/kit/child.h"
 #include "tests/kit/volumes.h"
 #include "tests/tools/engine/relocation_scene.h"
 #include "tools/engine/relocate/note.h"
@@ -346,6 +347,42 @@ TEST_F(Relocations, PlacePlantedBySomebodyElseIsNotEntered) {
     ASSERT_EQ(0, ::symlink("/tmp", place.c_str()));
     EXPECT_EQ(RelocationEnd::unfinished, run(record).end);
     expectUntouched();
+}
+
+TEST_F(Relocations, UserWithoutRightsRelocatesReadOnlyDirectories) {
+    KIT_NEEDS_ROOT("to become another user");
+    constexpr uid_t user = 1000;
+    const std::string home = *m_destination / "home";
+    ASSERT_EQ(0, ::mkdir(home.c_str(), 0755));
+    ASSERT_EQ(0, ::chown(home.c_str(), user, user));
+    EXPECT_TRUE(kit::holdsInChild([&] {
+        ASSERT_EQ(0, ::setgid(user));
+        ASSERT_EQ(0, ::setuid(user));
+        for (const char *name : {"/tree", "/tree/in", "/old"}) {
+            ASSERT_EQ(0, ::mkdir((home + name).c_str(), 0755));
+        }
+        kit::writeFile(home + "/tree/in/file", "text", 0444);
+        kit::writeFile(home + "/old/file", "x", 0444);
+        for (const char *name : {"/tree", "/tree/in", "/old"}) {
+            ASSERT_EQ(0, ::chmod((home + name).c_str(), 0555));
+        }
+        Record kept;
+        EXPECT_EQ(RelocationEnd::done, relocation::run(home + "/tree", home + "/old", kept, true).end)
+            << relocation::text(kept);
+        EXPECT_EQ(0555u, kit::statOf(home + "/old").st_mode & 07777);
+        EXPECT_EQ("text", kit::readFile(home + "/old/in/file"));
+        // Without the right to remove from it the source stays, and that is told.
+        Record record;
+        EXPECT_EQ(RelocationEnd::source_remains, relocation::run(home + "/tree", home + "/old", record).end);
+        EXPECT_TRUE(mentions(record, "/tree/in/file: ")) << relocation::text(record);
+        for (const char *name : {"/tree", "/tree/in"}) {
+            ASSERT_EQ(0, ::chmod((home + name).c_str(), 0755));
+        }
+        Record again;
+        EXPECT_EQ(RelocationEnd::source_remains, relocation::run(home + "/tree", home + "/old", again).end);
+        EXPECT_TRUE(mentions(again, "(mode)")) << relocation::text(again);
+        EXPECT_EQ("text", kit::readFile(home + "/tree/in/file"));
+    }));
 }
 
 TEST_F(Relocations, FullVolumeLeavesEverythingAsItWas) {

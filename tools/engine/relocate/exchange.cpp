@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace engine {
@@ -23,6 +24,30 @@ bool is_old(const Note &note, const std::optional<struct stat> &found) {
 bool is_unknown_to_the_volume(int number) {
     return number == EINVAL || number == ENOSYS || number == EOPNOTSUPP;
 }
+
+// To another parent only a directory that is written to can be renamed, unless by root. What stands aside may keep it.
+class WritableWhile {
+  public:
+    WritableWhile(int parent, const std::string &name) : m_directory(open_directory(parent, name)) {
+        struct stat found {};
+        if (::geteuid() != 0 && ::fstat(m_directory.get(), &found) == 0 && (found.st_mode & S_IWUSR) == 0 &&
+            ::fchmod(m_directory.get(), (found.st_mode & kModeBits) | S_IWUSR) == 0) {
+            m_mode = found.st_mode & kModeBits;
+        }
+    }
+    WritableWhile(const WritableWhile &) = delete;
+    WritableWhile &operator=(const WritableWhile &) = delete;
+    ~WritableWhile() {
+        if (m_mode) {
+            (void)::fchmod(m_directory.get(), *m_mode);
+        }
+    }
+
+  private:
+    static constexpr mode_t kModeBits = 07777;
+    Descriptor m_directory;
+    std::optional<mode_t> m_mode = {};
+};
 
 class Exchange {
   public:
@@ -117,7 +142,10 @@ std::string old_name(const PrivatePlace &place, const Note &note) {
 }
 
 void put_in_place(const PrivatePlace &place, const Note &note) {
-    Exchange(place, note).run();
+    {
+        const WritableWhile copy(place.directory(), kCopyName), old(place.parent(), place.base());
+        Exchange(place, note).run();
+    }
     if (!is_placed(place, note)) {
         throw Failure(fmt::format("{} was changed meanwhile", displayed(note.destination)));
     }

@@ -15,9 +15,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace engine {
 namespace {
+
+constexpr mode_t kModeBits = 07777;
 
 std::string name_at(const VolumeFacts &there, const std::string &name) {
     return volume_traits(there.type).fatNames ? base_name(fat_name("/" + name)) : name;
@@ -44,6 +47,20 @@ bool counts_against(const Loss &loss, const VolumeFacts &there) {
            (loss.cls != LossClass::owner && loss.cls != LossClass::group && loss.cls != LossClass::mode);
 }
 
+namespace {
+
+// Who is not root needs to write to what keeps a creation time, also where that is read-only.
+void set_times(const std::string &path, mode_t mode, const timespec *times) {
+    if (VLIBCFileUTime(path.c_str(), 3, times) == 0 || ::geteuid() == 0 || (mode & S_IWUSR) != 0 ||
+        ::chmod(path.c_str(), (mode & kModeBits) | S_IWUSR) != 0) {
+        return;
+    }
+    (void)VLIBCFileUTime(path.c_str(), 3, times);
+    (void)::chmod(path.c_str(), mode & kModeBits);
+}
+
+} // namespace
+
 void give_times(const Side &from, const Side &to) {
     VLIBCStat found{};
     if (VLIBCFileLStat(from.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found) != 0) {
@@ -57,7 +74,7 @@ void give_times(const Side &from, const Side &to) {
         return;
     }
     if (S_ISREG(there.st_mode) || S_ISDIR(there.st_mode)) {
-        (void)VLIBCFileUTime(fmt::format("/proc/self/fd/{}", entry.get()).c_str(), 3, times);
+        set_times(fmt::format("/proc/self/fd/{}", entry.get()), there.st_mode, times);
     } else {
         (void)::utimensat(to.directory, to.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
     }

@@ -353,6 +353,12 @@ void Relocating::carry_top_store(const struct stat &found) {
         (void)VEXOEARemove(to.c_str(), type);
         (void)VEXOEACopyInternal(from.c_str(), to.c_str(), 0, 0, m_tree.type, type, nullptr, nullptr, nullptr);
     }
+    // A stop while it was renamed may have left a read-only one writable.
+    const Descriptor top = open_directory(m_place.parent(), m_place.base());
+    struct stat now {};
+    if (::geteuid() != 0 && ::fstat(top.get(), &now) == 0 && now.st_mode == (found.st_mode | S_IWUSR)) {
+        (void)::fchmod(top.get(), found.st_mode & 07777);
+    }
     const VolumeFacts there = volume_facts(m_place.parent(), type);
     give_times({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
                {m_place.parent(), m_place.base(), there});
