@@ -138,6 +138,9 @@ std::string Scene::unfinished() const {
     wrong += kit::attribute(m_to + "/big", "user.note") == "kept" ? "" : "an attribute is lost; ";
     wrong += privatePlace().empty() ? "" : "something is left beside it; ";
     for (const std::string &name : kit::namesIn(m_sourceVolume)) {
+        if (name == "@eaDir" && kit::namesIn(m_sourceVolume + "/@eaDir").empty()) {
+            continue; // it is its neighbours' too
+        }
         wrong += m_sourceVolume + "/" + name + " is left; ";
     }
     return wrong;
