@@ -442,8 +442,9 @@ TEST_F(Relocate, KeepsTheSourceWhereThatIsAskedOrSomethingWouldBeLost) {
     ASSERT_EQ(0, ::mkfifo((from + "/sub/pipe").c_str(), 0600));
     const ToolResult result = runTool({"relocate", "-y", from, to});
     EXPECT_EQ(1, result.status);
-    EXPECT_TRUE(mentions(result.err, from + "/sub/pipe: is a named pipe, which cannot be copied\n"));
-    EXPECT_TRUE(mentions(result.err, "1 entry is not in it, so " + from + " stays as it is\n"));
+    EXPECT_TRUE(mentions(result.err, from + "/sub/pipe: not in the copy as it is in the source: "));
+    EXPECT_TRUE(mentions(result.err, "(special-file)\n"));
+    EXPECT_TRUE(mentions(result.err, "so " + from + " stays as it is\n"));
     expectWholeTree(from);
 }
 
@@ -451,7 +452,7 @@ TEST_F(Relocate, SaysWhatItDoesAndNeedsConsent) {
     makeDirectory(to);
     const ToolResult script = runTool({"relocate", from, to}, {.input = "y\n"});
     EXPECT_EQ(2, script.status);
-    EXPECT_TRUE(mentions(script.err, "  2. " + to + " IS REMOVED WITH EVERYTHING IN IT.\n"));
+    EXPECT_TRUE(mentions(script.err, "  3. What stands at " + to + " now IS REMOVED WITH EVERYTHING IN IT.\n"));
     EXPECT_TRUE(mentions(script.err, "-y goes ahead without asking\n"));
     expectWholeTree(from);
     kit::ToolOnTerminal denied({"relocate", from, to});
@@ -467,18 +468,71 @@ TEST_F(Relocate, SaysWhatItDoesAndNeedsConsent) {
 }
 
 TEST_F(Relocate, PlacesThatWouldDestroyTheSourceAreRefused) {
-    makeDirectory(scratch / "@tmp");
-    makeDirectory(scratch / "@tmp/share");
     for (const auto &[source, destination] : {std::pair(from, from),
                                               {from, from + "/sub/new"},
                                               {from + "/sub", from},
-                                              {scratch / "@tmp/share", to},
                                               {from + "/one", to},
+                                              {from, scratch / "@tmp"},
                                               {from, scratch / "none/to"}}) {
         EXPECT_EQ(2, runTool({"relocate", "-y", source, destination}).status) << source << " " << destination;
     }
     expectWholeTree(from);
-    EXPECT_TRUE(kit::exists(scratch / "@tmp/share"));
+}
+
+TEST_F(Relocate, EndsWithTheNumberOfTheSignalThatStopsIt) {
+    std::optional<kit::SlowFile> slow;
+    try {
+        slow.emplace(64 << 20);
+    } catch (const kit::Unavailable &missing) {
+        GTEST_SKIP() << missing.reason;
+    }
+    makeDirectory(to);
+    kit::writeFile(to + "/old", "x");
+    const std::string path = slow->path(), directory = path.substr(0, path.rfind('/'));
+    // A volume of its own, which can only be kept.
+    EXPECT_EQ(2, runTool({"relocate", "-y", directory, to}).status);
+    slow->allow(9 << 20);
+    kit::ToolOnTerminal tool({"relocate", "-y", "--json", "--keep-source", directory, to});
+    ASSERT_TRUE(slow->waitedFor());
+    tool.send(SIGTERM);
+    ASSERT_TRUE(tool.takes(SIGTERM));
+    slow->allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(143, result.status);
+    EXPECT_TRUE(mentions(result.out, "stopped; " + directory + " is as it was")) << result.out;
+    EXPECT_TRUE(mentions(result.out, "\"status\":\"failed\"")) << result.out;
+    EXPECT_TRUE(mentions(result.out, "\"in_place\":false,\"cancelled\":true,\"exit_status\":143")) << result.out;
+    EXPECT_EQ("x", kit::readFile(to + "/old"));
+    EXPECT_EQ((std::vector<std::string>{"from", "to"}), kit::namesIn(scratch.path()));
+}
+
+TEST_F(Relocate, SaysWhatASecondRunGoesOnFrom) {
+    makeDirectory(to);
+    kit::writeFile(to + "/old", "x");
+    if (std::system(("chattr +i " + to + "/old 2>/dev/null").c_str()) != 0) {
+        GTEST_SKIP() << "not root, or a volume without immutable files";
+    }
+    const ToolResult result = runTool({"relocate", "-y", from, to});
+    EXPECT_EQ(1, result.status);
+    expectWholeTree(to);
+    EXPECT_TRUE(mentions(result.err, "what is left of the old one is in " + scratch.path() + "/.vexofileop-"));
+    EXPECT_TRUE(mentions(result.err, "the same command again goes on from here")) << result.err;
+    const ToolResult explained = runTool({"relocate", from, to});
+    EXPECT_TRUE(mentions(explained.err, "was stopped when the copy was in place") ||
+                mentions(explained.err, "was stopped while the source was removed"))
+        << explained.err;
+    EXPECT_EQ(0, std::system(("chattr -i " + scratch.path() + "/.vexofileop-*/old/old").c_str()));
+    EXPECT_EQ(0, runTool({"relocate", "-y", from, to}).status);
+    expectWholeTree(to);
+    EXPECT_EQ((std::vector<std::string>{"to"}), kit::namesIn(scratch.path()));
+}
+
+TEST_F(Relocate, WhatLiesInATmpDirectoryBesideItStays) {
+    makeDirectory(scratch / "@tmp");
+    kit::writeFile(scratch / "@tmp/other", "x");
+    EXPECT_EQ(0, runTool({"relocate", "-y", from, to}).status);
+    expectWholeTree(to);
+    EXPECT_EQ("x", kit::readFile(scratch / "@tmp/other"));
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // The engine as a program sees it that is no command: options in, events and results out. This program is linked
 // without a line of the commands.
 #include "tests/kit/behaviour.h"
-#include "tools/engine/relocate/relocation.h"
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/transfer/transfer.h"
@@ -124,41 +123,6 @@ TEST_F(Requests, SlashAtTheEndAsksForADirectory) {
     TreeRemoval({.force = true}, record).run(scratch / "two/");
     ASSERT_EQ(1u, record.said.size());
     EXPECT_TRUE(kit::exists(scratch / "two"));
-}
-
-class RelocationRecord : public RelocationObserver {
-  public:
-    bool stopped() const override { return false; }
-    void progress(int64_t bytes) override { done += bytes; }
-    void copied() override { copyEnded = true; }
-    void failed(const std::string &path, const Problem &problem) override {
-        said.push_back(path + ": " + problem.reason);
-    }
-
-    Lines said;
-    int64_t done = 0;
-    bool copyEnded = false;
-};
-
-TEST_F(Requests, RelocationIsPlannedWithoutATraceAndThenDone) {
-    const RelocationPlan plan = plan_relocation({.source = scratch / "from", .destination = scratch / "to"});
-    EXPECT_EQ(scratch / "@tmp", plan.staging);
-    EXPECT_FALSE(plan.stagingExists);
-    EXPECT_FALSE(plan.destinationExists);
-    EXPECT_EQ((Lines{"from", "two"}), kit::namesIn(scratch.path()));
-    RelocationRecord record;
-    const RelocationResult result = relocate(plan, record);
-    EXPECT_EQ(RelocationEnd::done, result.end);
-    EXPECT_TRUE(record.copyEnded);
-    EXPECT_EQ(1, record.done);
-    EXPECT_EQ(Lines{}, record.said);
-    EXPECT_EQ((Lines{"to", "two"}), kit::namesIn(scratch.path()));
-}
-
-TEST_F(Requests, RelocationThatWouldRemoveItsSourceIsNoRequest) {
-    EXPECT_THROW(plan_relocation({.source = scratch / "from", .destination = scratch.path()}), InvalidRequest);
-    EXPECT_THROW(plan_relocation({.source = scratch / "from", .destination = scratch / "from/in"}), InvalidRequest);
-    EXPECT_THROW(plan_relocation({.source = scratch / "two", .destination = scratch / "to"}), InvalidRequest);
 }
 
 } // namespace

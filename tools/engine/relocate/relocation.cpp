@@ -1,160 +1,508 @@
 #include "tools/engine/relocate/relocation.h"
 
-#include "copy/copy.h"
+#include "ea/ea.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
-#include "tools/engine/check/tree_comparison.h"
-#include "tools/engine/remove/tree_removal.h"
-#include "tools/engine/report/error_table.h"
+#include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/relocate/exchange.h"
+#include "tools/engine/relocate/mounts.h"
+#include "tools/engine/relocate/note.h"
+#include "tools/engine/relocate/private_place.h"
+#include "tools/engine/relocate/proof.h"
+#include "tools/engine/relocate/removal.h"
+#include "tools/engine/report/failure.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/transfer/option_callbacks.h"
+#include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace engine {
 namespace {
 
-constexpr uint32_t kLastStep = 0x3A00; // the rename to the destination, when that has been removed
-
-void check_source(const RelocationPlan &plan) {
-    const std::string &source = plan.request.source, &destination = plan.request.destination;
+void check_source(const RelocationRequest &request, const PrivatePlace &place) {
+    const std::string &source = request.source, &destination = request.destination;
     const auto from = look(source);
     if (!from || !S_ISDIR(from->st_mode)) {
         throw InvalidRequest(fmt::format("{}: {}", displayed(source), from ? "not a directory" : std::strerror(errno)));
     }
+    if (const std::string name = base_name(source); name.empty() || name == "." || name == "..") {
+        throw InvalidRequest(fmt::format("{}: give the directory by its own name", displayed(source)));
+    }
     if (lies_in(destination, source)) {
         throw InvalidRequest(fmt::format("{}: lies in the source", displayed(destination)));
     }
-    // What stands at the destination, and in the staging directory, is removed.
-    for (const std::string &emptied : {destination, plan.staging}) {
-        if (exists(emptied) && lies_in(source, emptied)) {
+    for (const std::string &replaced : {destination, place.path()}) {
+        if (exists(replaced) && lies_in(source, replaced)) {
             throw InvalidRequest(
-                fmt::format("{}: lies in {}, which a relocation empties", displayed(source), displayed(emptied)));
+                fmt::format("{}: lies in {}, which a relocation replaces", displayed(source), displayed(replaced)));
         }
     }
 }
 
-void check_destination(const std::string &destination) {
-    if (const auto there = look(destination); there && !S_ISDIR(there->st_mode)) {
-        throw InvalidRequest(fmt::format("{}: exists and is not a directory", displayed(destination)));
-    }
-    const auto parent = look_through(parent_of(destination));
-    if (!parent || !S_ISDIR(parent->st_mode)) {
-        throw InvalidRequest(fmt::format("{}: no such directory", displayed(parent_of(destination))));
-    }
-    const std::string name = base_name(destination);
-    if (name == "." || name == ".." || name.empty() || name == "@tmp") {
-        throw InvalidRequest(
-            fmt::format("{}: give the full path that the directory is to have", displayed(destination)));
+// A volume that is mounted somewhere in the two trees would be copied as if it was part of the one, or hidden with the
+// other.
+void check_mounts(const RelocationRequest &request, bool destinationExists) {
+    const auto inSource = mount_in(request.source, !request.keepSource);
+    const auto inDestination = destinationExists ? mount_in(request.destination, true) : std::nullopt;
+    for (const auto &place : {inSource, inDestination}) {
+        if (place) {
+            throw InvalidRequest(fmt::format("{}: a volume is mounted there; unmount it first, or relocate what is "
+                                             "in it",
+                                             displayed(*place)));
+        }
     }
 }
 
-class Copying : public OptionCallbacks {
-  public:
-    Copying(VEXOCopyOpt &options, RelocationObserver &observer) : OptionCallbacks(options), m_observer(observer) {}
+[[noreturn]] void cannot_know(const PrivatePlace &place, const std::string &what) {
+    std::string names;
+    for (const std::string &name : names_in(place.path()).value_or(std::vector<std::string>())) {
+        names += (names.empty() ? "" : ", ") + displayed(name);
+    }
+    throw InvalidRequest(
+        fmt::format("{}; an earlier relocation was stopped and left {} ({}). Nothing is done: see what "
+                    "stands there (\"copy\" is the copy of its source, \"old\" what stood at the "
+                    "destination), and take that directory away",
+                    what, displayed(place.path()), names.empty() ? "empty" : names));
+}
 
-    void on_progress(int64_t bytes, int64_t) override { m_observer.progress(bytes); }
-    void on_failure(const char *path, uint32_t code) override { m_observer.failed(path, problem_of(code)); }
-    bool on_poll() override { return m_observer.stopped(); }
+// Whether what the note says still is so, as far as that is needed to go on.
+void check_note(const RelocationRequest &request, const PrivatePlace &place, const Note &note) {
+    const auto source = look(request.source);
+    const std::string from = displayed(note.source), to = displayed(note.destination);
+    if (base_name(note.destination) != place.base() ||
+        (note.source != request.source && (!source || !note.is(note.sourceIs, *source)))) {
+        cannot_know(place, fmt::format("a relocation of {} to {} is not finished", from, to));
+    }
+    if (note.phase == Note::Phase::staging) {
+        if (!source) {
+            cannot_know(place, fmt::format("{} is gone", from));
+        }
+        return; // begun anew
+    }
+    if (source && !note.is(note.sourceIs, *source)) {
+        cannot_know(place, fmt::format("{} is not the directory any more that was copied", from));
+    }
+    if (note.phase == Note::Phase::staged && !is_placed(place, note) && !can_be_placed(place, note) &&
+        (!source || !old_name(place, note).empty())) {
+        cannot_know(place, fmt::format("{} is not what it was", to));
+    }
+    if (note.phase > Note::Phase::staged && !is_placed(place, note)) {
+        cannot_know(place, fmt::format("the copy of {} does not stand at {} any more", from, to));
+    }
+    if (note.phase == Note::Phase::removing && request.keepSource && source) {
+        cannot_know(place, fmt::format("{} is being removed, and some of it is gone; go on without keeping it", from));
+    }
+}
+
+std::optional<Note> note_in(const PrivatePlace &place) {
+    if (!place.exists()) {
+        return std::nullopt;
+    }
+    try {
+        auto note = read_note(place.directory());
+        if (!note && (place.look_inside(kCopyName) || place.look_inside(kOldName))) {
+            throw Failure("the note is missing");
+        }
+        return note;
+    } catch (const Failure &failure) {
+        cannot_know(place, failure.what());
+    }
+}
+
+// The copying alone. Its first failure ends it; what cannot be copied at all is left for the comparison to tell.
+class Staging : public TransferObserver {
+  public:
+    explicit Staging(RelocationObserver &observer) : m_observer(observer) {}
+
+    bool stopped() const override { return failed || m_observer.stopped(); }
+    void tree(const std::string &) override {}
+    void arrived(int, int64_t) override {}
+    void progress(int64_t bytes, bool) override { m_observer.progress(bytes); }
+    bool may_replace(const std::string &) override { return false; }
+    void entry(EntryKind kind, const std::string &source, const Outcome &outcome) override {
+        if (outcome.status != Status::failed || kind == EntryKind::other || stopped()) {
+            return;
+        }
+        failed = true;
+        problem = outcome.problem.value_or(Problem{"was not copied"});
+        m_observer.failed(source, problem);
+    }
+
+    bool failed = false;
+    Problem problem = {};
 
   private:
     RelocationObserver &m_observer;
 };
 
-// Only what could not be removed is told.
-class RemovingSource : public RemovalObserver {
+// Content that is not in the copy, or that nobody can tell of: what stands at the destination is not given up for that.
+bool is_grave(LossClass cls) {
+    constexpr LossClass grave[] = {LossClass::data, LossClass::unreadable, LossClass::name_clash,
+                                   LossClass::file_too_large, LossClass::symbolic_link};
+    return std::ranges::find(grave, cls) != std::end(grave);
+}
+
+class Relocating {
   public:
-    explicit RemovingSource(RelocationObserver &observer) : m_observer(observer) {}
+    Relocating(const RelocationPlan &plan, RelocationObserver &observer)
+        : m_request(plan.request), m_observer(observer), m_place(plan.request.destination),
+          m_sourceParent(::open(parent_of(plan.request.source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+          m_tree{m_sourceParent.get(), base_name(plan.request.source),
+                 VEXOGetFSType(parent_of(plan.request.source).c_str(), 0), plan.request.source},
+          m_proof(observer, [this](const std::string &path, const Loss &loss) { tell(path, loss); }) {}
 
-    bool stopped() const override { return m_observer.stopped(); }
-    bool may_remove(const std::string &, RemovalQuestion) override { return true; }
-    void entry(const std::string &path, mode_t, Status status, const Problem *problem) override {
-        removed += status == Status::done ? 1 : 0;
-        if (problem != nullptr) {
-            m_observer.failed(path, *problem);
-            anyFailed = true;
+    RelocationResult run() {
+        try {
+            if (!m_place.enter()) {
+                m_result.end = RelocationEnd::not_copied;
+                m_result.problem = {"another relocation to it is under way"};
+                return m_result;
+            }
+            m_entered = true;
+            begin();
+        } catch (const Failure &failure) {
+            fail({failure.what()});
         }
+        return m_result;
     }
-
-    bool anyFailed = false;
-    int removed = 0;
 
   private:
+    void begin() {
+        auto note = note_in(m_place);
+        if (note) {
+            check_note(m_request, m_place, *note);
+            m_note = *note;
+            m_noted = true;
+        }
+        const bool whole =
+            note && note->phase != Note::Phase::staging &&
+            (note->phase != Note::Phase::staged || is_placed(m_place, m_note) || can_be_placed(m_place, m_note));
+        m_result.resumed = whole;
+        if (!whole && !stage()) {
+            return;
+        }
+        if (m_note.phase == Note::Phase::staged) {
+            if (!is_placed(m_place, m_note)) {
+                put_in_place(m_place, m_note);
+            }
+            m_result.inPlace = true;
+            m_place.sync();
+            enter_phase(Note::Phase::placed);
+        }
+        m_result.inPlace = true;
+        finish();
+    }
+
+    TreeTop copy_at_destination() const {
+        return {m_place.parent(), m_place.base(), destination_type(), m_request.destination};
+    }
+    int destination_type() const { return VEXOGetFSType(parent_of(m_place.path()).c_str(), 0); }
+    std::optional<struct stat> source() const {
+        struct stat found {};
+        const bool there = m_sourceParent.get() >= 0 &&
+                           ::fstatat(m_sourceParent.get(), m_tree.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0;
+        return there && m_note.is(m_note.sourceIs, found) ? std::optional(found) : std::nullopt;
+    }
+    void enter_phase(Note::Phase phase) {
+        m_note.phase = phase;
+        write_note(m_place.directory(), m_note);
+        m_noted = true;
+    }
+
+    // The copy, whole and compared, in the private place. False: as it was, and told.
+    bool stage();
+    bool copy_tree();
+    // Everything in the place but its lock. False: something would not go, and the note stays with it.
+    bool clear(bool withNote);
+    void discard(RelocationEnd end, const Problem &problem = {});
+    void finish();
+    void carry_top_store(const struct stat &found);
+    void compare_top();
+    bool remove_old();
+    bool remove_source();
+    bool remove_top_store();
+    void conclude(bool oldGone, bool sourceRemains);
+    void fail(const Problem &problem);
+    void tell(const std::string &path, const Loss &loss) {
+        ++m_result.missing;
+        m_grave += is_grave(loss.cls) ? 1 : 0;
+        m_observer.failed(path, {fmt::format("not in the copy as it is in the source: {} ({})", loss.detail,
+                                             loss_row(loss.cls).name)});
+    }
+
+    const RelocationRequest &m_request;
     RelocationObserver &m_observer;
+    PrivatePlace m_place;
+    Descriptor m_sourceParent;
+    TreeTop m_tree;
+    Proof m_proof;
+    Note m_note = {};
+    int m_grave = 0;        // losses with which no copy takes anybody's place
+    bool m_entered = false; // the lock is held
+    bool m_noted = false;   // a note is there
+    RelocationResult m_result = {};
 };
 
-// The source is always kept by the library and removed here, after the comparison: what its copy passes over would
-// otherwise go with it. Of its two relocations this one carries owners and ACLs; that of VEXOFileOpCopyDir copies with
-// none of its flags.
-RelocationResult copy_into_place(const RelocationPlan &plan, RelocationObserver &observer) {
-    const std::string &source = plan.request.source, &destination = plan.request.destination;
-    const auto before = look_through(source);
-    VEXOCopyOpt options{};
-    options.stopOnError = 1;
-    options.ownerMode = 1;
-    options.copyAcl = 1;
-    int result = -1;
-    uint32_t code = 0;
-    {
-        const Copying copying(options, observer);
-        VLIBCErrSetEx(0, "", 0);
-        result = VEXOCopyDirToExternal(source.c_str(), destination.c_str(), 1, &options);
-        code = VLIBCErrGet();
+bool Relocating::clear(bool withNote) {
+    bool gone = true;
+    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", m_place.directory()));
+    for (const std::string &name : names.value_or(std::vector<std::string>())) {
+        if (name != "lock" && !is_note_name(name)) {
+            gone = remove_private(
+                       m_place.directory(), name, joined(m_place.path(), name), nullptr,
+                       [this](const std::string &path, const Problem &problem) { m_observer.failed(path, problem); }) &&
+                   gone;
+        }
     }
-    observer.copied();
-    ::rmdir(plan.staging.c_str()); // Where nothing else is in it.
-    if (result == 0) {
-        // The library opens a share to everybody.
-        ::chmod(destination.c_str(), before ? before->st_mode & 07777 : 0);
-        return {};
+    gone = gone && names.has_value();
+    if (gone && withNote) {
+        remove_note(m_place.directory());
+        m_noted = false;
     }
-    return observer.stopped() ? RelocationResult{.end = RelocationEnd::cancelled}
-                              : RelocationResult{.end = RelocationEnd::not_copied,
-                                                 .problem = problem_of(code),
-                                                 .destinationLost = code == kLastStep};
+    return gone;
+}
+
+void Relocating::discard(RelocationEnd end, const Problem &problem) {
+    m_result.end = end;
+    m_result.problem = problem;
+    if (m_entered && clear(true) && !m_place.leave()) {
+        m_observer.failed(m_place.path(), problem_of_errno(errno));
+    }
+    m_result.noteStays = m_noted;
+}
+
+bool Relocating::copy_tree() {
+    Staging staging(m_observer);
+    Transfer({.links = true, .trees = true, .countsAlone = true}, staging)
+        .run(m_request.source, m_place.inside(kCopyName));
+    m_observer.copied();
+    if (staging.failed || m_observer.stopped()) {
+        discard(staging.failed ? RelocationEnd::not_copied : RelocationEnd::cancelled, staging.problem);
+        return false;
+    }
+    // Whatever a write could not tell, and from here on a reboot loses nothing of it.
+    if (::syncfs(m_place.directory()) != 0) {
+        throw_errno("the copy cannot be made durable");
+    }
+    return true;
+}
+
+bool Relocating::stage() {
+    const auto from = look(m_request.source);
+    if (!from || !S_ISDIR(from->st_mode)) {
+        throw Failure("the source was changed meanwhile");
+    }
+    m_note = Note{.source = m_request.source, .destination = m_request.destination, .sourceIs = Identity::of(*from)};
+    enter_phase(Note::Phase::staging);
+    if (!clear(false)) {
+        throw Failure(fmt::format("{} cannot be emptied", displayed(m_place.path())));
+    }
+    const auto there = m_place.look_at_destination();
+    if (there && !S_ISDIR(there->st_mode)) {
+        throw Failure("the destination is no directory any more");
+    }
+    m_note.oldIs = there ? std::optional(Identity::of(*there)) : std::nullopt;
+    m_proof.remember(m_tree);
+    if (m_observer.stopped()) {
+        discard(RelocationEnd::cancelled);
+        return false;
+    }
+    if (!copy_tree()) {
+        return false;
+    }
+    const auto staged = m_place.look_inside(kCopyName);
+    if (!staged || !S_ISDIR(staged->st_mode)) {
+        throw Failure("the copy is not where it was made");
+    }
+    (void)m_proof.compare_staged(m_tree,
+                                 {m_place.directory(), kCopyName, destination_type(), m_place.inside(kCopyName)});
+    if (m_observer.stopped()) {
+        discard(RelocationEnd::cancelled);
+        return false;
+    }
+    if (m_grave > 0) {
+        discard(RelocationEnd::not_copied, {"not all content is in the copy, so that it was not put in place"});
+        return false;
+    }
+    m_note.copyIs = Identity::of(*staged);
+    enter_phase(Note::Phase::staged);
+    return true;
+}
+
+// What is kept for the directory itself lies beside it, and does not follow a rename.
+void Relocating::carry_top_store(const struct stat &found) {
+    const std::string from = fmt::format("/proc/self/fd/{}/{}", m_sourceParent.get(), m_tree.name);
+    const std::string to = m_place.destination();
+    const int type = destination_type();
+    if (store_kind(type) == StoreKind::none || !m_note.is(m_note.sourceIs, found)) {
+        return;
+    }
+    if (store_kind(type) != StoreKind::native) {
+        (void)VEXOEARemove(to.c_str(), type);
+        (void)VEXOEACopyInternal(from.c_str(), to.c_str(), 0, 0, m_tree.type, type, nullptr, nullptr, nullptr);
+    }
+    // A stop while it was renamed may have left a read-only one writable.
+    const Descriptor top = open_directory(m_place.parent(), m_place.base());
+    struct stat now {};
+    if (::geteuid() != 0 && ::fstat(top.get(), &now) == 0 && now.st_mode == (found.st_mode | S_IWUSR)) {
+        (void)::fchmod(top.get(), found.st_mode & 07777);
+    }
+    const VolumeFacts there = volume_facts(m_place.parent(), type);
+    give_times({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
+               {m_place.parent(), m_place.base(), there});
+}
+
+// The rest was compared before it was put in place.
+void Relocating::compare_top() {
+    const VolumeFacts there = volume_facts(m_place.parent(), destination_type());
+    for (const Loss &loss : compare_entries({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
+                                            {m_place.parent(), m_place.base(), there}, {.data = true})) {
+        if (counts_against(loss, there)) {
+            tell(m_tree.path, loss);
+        }
+    }
+}
+
+bool Relocating::remove_old() {
+    const std::string name = old_name(m_place, m_note);
+    if (name.empty()) {
+        return true;
+    }
+    const bool gone =
+        remove_private(m_place.directory(), name, joined(m_place.path(), name), &m_observer,
+                       [this](const std::string &path, const Problem &problem) { m_observer.failed(path, problem); });
+    m_result.aside = gone ? "" : joined(m_place.path(), name);
+    return gone;
+}
+
+bool Relocating::remove_source() {
+    const TreeTop copy = copy_at_destination();
+    SourceRemoval removal(m_observer, m_proof, copy, [this](const std::string &path, const Problem &problem) {
+        m_observer.failed(path, problem);
+    });
+    const bool gone = removal.run(m_tree);
+    m_result.removed = removal.removed();
+    return gone;
+}
+
+// Also after a run that was stopped between the directory and what was kept for it. False: told.
+bool Relocating::remove_top_store() {
+    const std::string path = fmt::format("/proc/self/fd/{}/{}", m_sourceParent.get(), m_tree.name);
+    if (m_sourceParent.get() < 0 || exists(path)) {
+        return true; // somebody else's by now
+    }
+    (void)VEXOEARemove(path.c_str(), m_tree.type);
+    if (!store_parts(path, m_tree.type).any()) {
+        return true;
+    }
+    m_observer.failed(m_tree.path, {"removed, but not all of its extended metadata"});
+    return false;
+}
+
+void Relocating::finish() {
+    const auto from = source();
+    const bool begun = m_note.phase == Note::Phase::removing;
+    if (from && !begun) {
+        carry_top_store(*from);
+    }
+    if (from && m_result.resumed) {
+        const int64_t since = m_note.since;
+        (void)(begun ? m_proof.compare_rest(m_tree, copy_at_destination(), since)
+                     : m_proof.compare(m_tree, copy_at_destination()));
+    } else if (from && m_result.missing == 0) {
+        compare_top();
+    }
+    const bool oldGone = !m_observer.stopped() && remove_old();
+    bool sourceRemains = begun && from;
+    if (m_result.missing == 0 && !m_request.keepSource && !m_observer.stopped()) {
+        if (from && !begun) {
+            enter_phase(Note::Phase::removing);
+        }
+        sourceRemains = from && !remove_source();
+        sourceRemains = sourceRemains || (m_note.phase == Note::Phase::removing && !remove_top_store());
+    }
+    conclude(oldGone, sourceRemains);
+}
+
+void Relocating::conclude(bool oldGone, bool sourceRemains) {
+    const bool stopped = m_observer.stopped() && (!oldGone || sourceRemains || (source() && !m_request.keepSource));
+    m_result.end = sourceRemains || stopped ? RelocationEnd::source_remains
+                   : m_result.missing > 0   ? RelocationEnd::incomplete
+                   : !oldGone               ? RelocationEnd::old_remains
+                                            : RelocationEnd::done;
+    if (oldGone && !sourceRemains && !stopped && (!clear(true) || !m_place.leave())) {
+        m_result.end = RelocationEnd::unfinished;
+        m_result.problem = {fmt::format("in place; {} could not be removed", displayed(m_place.path()))};
+    }
+    m_result.noteStays = m_noted;
+}
+
+// Before the copy is in place everything is as it was, and the copy goes; after that a further run goes on.
+void Relocating::fail(const Problem &problem) {
+    if (!m_result.inPlace && !m_result.resumed && m_note.phase != Note::Phase::placed) {
+        try {
+            if (is_placed(m_place, m_note) || !old_name(m_place, m_note).empty()) {
+                throw Failure("half of it was done");
+            }
+            discard(RelocationEnd::not_copied, problem);
+            return;
+        } catch (const Failure &failure) {
+            m_observer.failed(m_place.path(), {failure.what()});
+        }
+    }
+    m_result.end = RelocationEnd::unfinished;
+    m_result.problem = problem;
+    m_result.noteStays = true;
+}
+
+RelocationPlan planned(const RelocationRequest &request) {
+    PrivatePlace place(request.destination);
+    RelocationPlan plan{.request = request, .staging = place.path()};
+    const auto note = note_in(place);
+    if (note) {
+        check_note(request, place, *note);
+        plan.stoppedAt = note->phase == Note::Phase::staging ? "" : phase_text(note->phase);
+    }
+    if (!plan.stoppedAt.empty()) {
+        return plan;
+    }
+    const auto there = place.look_at_destination();
+    if (!note && place.exists() && !exists(request.source) && place.enter()) {
+        (void)place.leave(); // a relocation that was done but for this
+    }
+    check_source(request, place);
+    if (there && !S_ISDIR(there->st_mode)) {
+        throw InvalidRequest(fmt::format("{}: exists and is not a directory", displayed(request.destination)));
+    }
+    plan.destinationExists = there.has_value();
+    check_mounts(request, plan.destinationExists);
+    return plan;
 }
 
 } // namespace
 
 RelocationPlan plan_relocation(const RelocationRequest &request) {
-    RelocationPlan plan{.request = request, .staging = joined(parent_of(request.destination), "@tmp")};
-    check_source(plan);
-    check_destination(request.destination);
-    plan.stagingExists = exists(plan.staging);
-    plan.destinationExists = exists(request.destination);
-    return plan;
+    try {
+        return planned(request);
+    } catch (const Failure &failure) {
+        throw InvalidRequest(failure.what());
+    }
 }
 
 RelocationResult relocate(const RelocationPlan &plan, RelocationObserver &observer) {
-    const std::string &source = plan.request.source;
-    RelocationResult result = copy_into_place(plan, observer);
-    if (result.end != RelocationEnd::done) {
-        return result;
-    }
-    result.missing =
-        compare_trees(source, plan.request.destination, VEXOGetFSType(source.c_str(), 0),
-                      [&](const std::string &path, const std::string &why) { observer.failed(path, {why}); });
-    if (result.missing > 0) {
-        result.end = RelocationEnd::incomplete;
-        return result;
-    }
-    if (!plan.request.keepSource) {
-        RemovingSource removing(observer);
-        TreeRemoval({.recursive = true, .force = true}, removing).run(source);
-        if (removing.anyFailed || observer.stopped()) {
-            result.end = RelocationEnd::source_remains;
-            result.removed = removing.removed;
-        }
-    }
-    return result;
+    return Relocating(plan, observer).run();
 }
 
 } // namespace engine

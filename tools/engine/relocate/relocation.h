@@ -1,4 +1,6 @@
-// Brings a whole directory to another place: copied, put there at once, compared, and only then removed where it was.
+// Brings a whole directory to another place: copied beside it, compared, put there at once, and only then removed where
+// it was, entry by entry. Nothing is emptied before what takes its place stands, and a run that was stopped is finished
+// by a second one with the same arguments, from the note that the first has left (see note.h).
 #pragma once
 
 #include "tools/engine/report/observer.h"
@@ -17,12 +19,13 @@ struct RelocationRequest {
 // What a relocation is going to do, for whoever has to agree to it.
 struct RelocationPlan {
     RelocationRequest request;
-    std::string staging;            // the directory that the tree is copied into first
-    bool stagingExists = false;     // and is emptied
-    bool destinationExists = false; // and is removed with everything in it
+    std::string staging;            // the private directory that the tree is copied into first
+    bool destinationExists = false; // and is removed with everything in it, once the copy stands
+    std::string stoppedAt = {};     // an earlier run is finished: where that was stopped, for people
 };
 
-// Changes nothing. Throws InvalidRequest for what cannot be done, or would remove what is to be kept.
+// Changes nothing but what an earlier run left empty. Throws InvalidRequest for what cannot be done, would remove what
+// is to be kept, or cannot be known.
 RelocationPlan plan_relocation(const RelocationRequest &request);
 
 class RelocationObserver : public Observer {
@@ -37,20 +40,26 @@ class RelocationObserver : public Observer {
 
 enum class RelocationEnd {
     done,
-    cancelled,     // on request, with everything as it was
-    not_copied,    // with the source as it was
-    incomplete,    // the copy is in place without some entries; the source stays
-    source_remains // the copy is in place with everything; the source could not be removed entirely
+    cancelled,      // on request, with everything as it was
+    not_copied,     // with everything as it was
+    unfinished,     // it cannot be known or done what comes next; `problem` says what stands where
+    incomplete,     // the copy is in place without some of it; the source stays
+    source_remains, // the copy is in place with everything; the source is not removed entirely
+    old_remains,    // the copy is in place with everything; what stood there before is not removed entirely
 };
 
 struct RelocationResult {
     RelocationEnd end = RelocationEnd::done;
-    Problem problem = {};         // of not_copied
-    bool destinationLost = false; // of not_copied: what stood at the destination is gone
-    int missing = 0;              // of incomplete: entries
-    int removed = 0;              // of source_remains: entries
+    Problem problem = {};   // of not_copied and unfinished
+    int missing = 0;        // losses that were told
+    int removed = 0;        // entries of the source
+    bool resumed = false;   // an earlier run was finished
+    bool inPlace = false;   // the copy stands at the destination
+    bool noteStays = false; // a further run with the same arguments goes on from here
+    std::string aside = {}; // where what is left of the old destination stands; empty: nowhere
 };
 
+// Throws InvalidRequest for what has changed since it was planned.
 RelocationResult relocate(const RelocationPlan &plan, RelocationObserver &observer);
 
 } // namespace engine

@@ -30,14 +30,20 @@ std::string explanation(const engine::RelocationPlan &plan) {
     std::string text = fmt::format("{} goes to {} in these steps:\n", from, to);
     int number = 0;
     const auto step = [&](const std::string &what) { text += fmt::format("  {}. {}\n", ++number, what); };
-    step(fmt::format("The tree is copied into {}.{}", engine::displayed(plan.staging),
-                     plan.stagingExists ? " WHAT IS IN THERE NOW IS REMOVED." : ""));
-    if (plan.destinationExists) {
-        step(fmt::format("{} IS REMOVED WITH EVERYTHING IN IT.", to));
+    if (!plan.stoppedAt.empty()) {
+        text = fmt::format("{} was going to {} and was stopped {}; that is finished now:\n", from, to, plan.stoppedAt);
+        step(fmt::format("The copy takes its place at {}, if it does not stand there yet.", to));
+        step(fmt::format("What stood there before, now in {}, IS REMOVED.", engine::displayed(plan.staging)));
+    } else {
+        step(fmt::format("The tree is copied into {} and compared with the source.", engine::displayed(plan.staging)));
+        step(fmt::format("The copy is renamed to {}.", to));
+        if (plan.destinationExists) {
+            step(fmt::format("What stands at {} now IS REMOVED WITH EVERYTHING IN IT.", to));
+        }
     }
-    step(fmt::format("The copy is renamed to {} and compared with the source.", to));
-    step(plan.request.keepSource ? fmt::format("{} stays.", from)
-                                 : fmt::format("{} is removed, if the copy has everything.", from));
+    step(plan.request.keepSource
+             ? fmt::format("{} stays.", from)
+             : fmt::format("{} is removed, if the copy has everything, entry by entry as it was compared.", from));
     text.pop_back();
     return text;
 }
@@ -87,40 +93,65 @@ class Relocation : private engine::RelocationObserver {
     // The exit status of what came of it, with what there is to say.
     int told(const engine::RelocationResult &result) {
         const std::string source = engine::displayed(m_plan.request.source);
+        const std::string both = fmt::format("{} -> {}", source, engine::displayed(m_plan.request.destination));
+        const bool signalled = stop_signal() != 0;
+        m_inPlace = result.inPlace;
         switch (result.end) {
         case engine::RelocationEnd::done:
             return exitAll;
         case engine::RelocationEnd::cancelled:
             m_console.message(fmt::format("stopped; {} is as it was", source));
-            return exitSignal + stop_signal();
+            break;
         case engine::RelocationEnd::not_copied:
-            m_console.message(fmt::format("{} -> {}: {} ({}); {} is as it was{}", source,
-                                          engine::displayed(m_plan.request.destination), result.problem.reason,
-                                          engine::code_text(result.problem.code), source,
-                                          result.destinationLost ? ", what stood at the destination is gone" : ""));
-            return stop_signal() != 0 ? exitSignal + stop_signal() : static_cast<int>(exitNone);
+            m_console.message(problem_text(both, result.problem) + fmt::format("; {} is as it was", source));
+            break;
+        case engine::RelocationEnd::unfinished:
+            m_console.message(problem_text(both, result.problem));
+            break;
         case engine::RelocationEnd::incomplete:
-            m_console.message(fmt::format("the copy is in place; {} {} in it, so {} stays as it is", result.missing,
-                                          result.missing == 1 ? "entry is not" : "entries are not", source));
-            return exitSome;
+            m_console.message(
+                fmt::format("the copy is in place; {} {} not in it as in the source, so {} stays as it is",
+                            result.missing, result.missing == 1 ? "thing is" : "things are", source));
+            break;
         case engine::RelocationEnd::source_remains:
-            if (stop_signal() != 0) {
+            if (signalled) {
                 m_console.message(fmt::format("stopped; {} removed", result.removed));
             }
-            m_console.message(fmt::format("the copy is in place; {} could not be removed entirely", source));
-            return exitSome;
+            m_console.message(fmt::format("the copy is in place; {} {} removed entirely", source,
+                                          signalled ? "is not" : "could not be"));
+            break;
+        case engine::RelocationEnd::old_remains:
+            m_console.message("the copy is in place; what stood there before could not be removed entirely");
+            break;
         }
-        return exitNone;
+        tell_rest(result);
+        if (signalled) {
+            return exitSignal + stop_signal();
+        }
+        return result.inPlace ? exitSome : exitNone;
+    }
+
+    // What a second run, or somebody by hand, has to know.
+    void tell_rest(const engine::RelocationResult &result) {
+        if (!result.aside.empty()) {
+            m_console.message(fmt::format("what is left of the old one is in {}", engine::displayed(result.aside)));
+        }
+        if (result.noteStays) {
+            m_console.message(fmt::format("the same command again goes on from here, by the note in {}",
+                                          engine::displayed(m_plan.staging)));
+        }
     }
 
     std::string summary_line(int status) const {
         Json line;
         line.add_text("event", "summary");
         line.add_text("operation", "relocate");
-        line.add_text("status", status == exitAll ? "done" : status == exitSome ? "partly" : "failed");
+        line.add_text("status", status == exitAll ? "done" : m_inPlace ? "partly" : "failed");
         line.add_name("source", m_plan.request.source);
         line.add_name("destination", m_plan.request.destination);
         line.add_flag("source_kept", engine::exists(m_plan.request.source));
+        line.add_flag("in_place", m_inPlace || status == exitAll);
+        line.add_flag("cancelled", stop_signal() != 0);
         line.add_number("exit_status", status);
         return line.line();
     }
@@ -129,6 +160,7 @@ class Relocation : private engine::RelocationObserver {
     engine::RelocationPlan m_plan;
     Console m_console;
     int64_t m_bytes = 0;
+    bool m_inPlace = false;
 };
 
 } // namespace
@@ -141,12 +173,16 @@ void add_relocate_command(const Command &program, int &status) {
     command.add_flag("--json", options->json, "a JSON object that tells what came of it");
     command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
     const Option operands = command.add_operands("SRC", "SRC DST");
-    command.set_footer("\nThe tree is copied into \"@tmp\" beside DST, which is emptied first; then DST is\n"
-                       "REMOVED with everything in it and the copy takes its place. SRC is removed only\n"
-                       "when everything in it arrived. DST is the new path itself, not a directory to\n"
-                       "put SRC into. Owners, ACLs and extended metadata go along; the first entry that\n"
-                       "fails ends it, with SRC and DST as they were.\n"
-                       "Exit status: 0 done; 1 in place, but not all of it; 2 nothing done.\n"
+    command.set_footer("\nThe tree is copied into a private directory beside DST and compared with SRC in\n"
+                       "all that belongs to it; then the copy takes the place of DST at once, and what\n"
+                       "stood there is REMOVED with everything in it. SRC is removed only when everything\n"
+                       "arrived, entry by entry, each if it still is what was compared; what came or\n"
+                       "changed meanwhile stays. DST is the new path itself, not a directory to put SRC\n"
+                       "into. The first entry that cannot be copied ends it, with SRC and DST as they\n"
+                       "were. A directory in which a volume is mounted is refused. A run that was stopped\n"
+                       "is finished by the same command again.\n"
+                       "Exit status: 0 done; 1 in place, but something was lost on the way or remains;\n"
+                       "2 nothing done; 128 and the number of the signal that stopped it.\n"
                        "Example:\n"
                        "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
     command.set_work([&status, options, operands] {

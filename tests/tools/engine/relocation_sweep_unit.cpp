@@ -1,0 +1,184 @@
+// A relocation that is killed before each of its system calls, or has each of them fail once, and is run again: nothing
+// is lost at any moment, and the second run finishes it. A sample of the points; with VEXO_FULL in the environment all.
+#include "tests/faults/system_calls.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/engine/relocation_scene.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <gtest/gtest.h>
+#include <iostream>
+#include <stdexcept>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+namespace {
+
+using engine::RelocationEnd;
+using faults::Plan;
+using relocation::Record;
+using relocation::Scene;
+
+constexpr size_t kSample = 40;
+constexpr int kThrown = -2;
+
+class RelocationSweep : public testing::TestWithParam<const char *> {
+  protected:
+    void SetUp() override {
+        if (const std::string reason = faults::unavailable(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+        try {
+            m_source.emplace(kit::Volume::tmpfs(8 << 20));
+            m_destination.emplace(kit::Volume::loop(GetParam(), uint64_t{320} << 20));
+        } catch (const kit::Unavailable &missing) {
+            GTEST_SKIP() << missing.reason;
+        }
+        m_end =
+            static_cast<int *>(::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        ASSERT_NE(MAP_FAILED, static_cast<void *>(m_end));
+    }
+
+    Scene scene() const { return {m_source->path(), m_destination->path()}; }
+    faults::Outcome supervised(const Scene &scene, const Plan &plan) {
+        *m_end = -1;
+        return faults::supervise(plan, [&](faults::Window &window) {
+            try { // what is thrown here would go on in the test
+                Record record;
+                window.open();
+                const RelocationEnd end = relocation::run(scene.from(), scene.to(), record).end;
+                window.close();
+                *m_end = static_cast<int>(end);
+            } catch (const std::exception &) {
+                window.close();
+                *m_end = kThrown;
+            }
+        });
+    }
+    // Every so many points, beginning with another one for each kind of sweep.
+    static size_t step(size_t points) {
+        return std::getenv("VEXO_FULL") != nullptr ? 1 : std::max<size_t>(1, points / kSample);
+    }
+    void expectFinishedAgain(const Scene &scene, const std::string &point) {
+        Record record;
+        const engine::RelocationResult result = relocation::run(scene.from(), scene.to(), record);
+        // It was done but for the private place.
+        const bool wasDone =
+            !kit::exists(scene.from()) && result.problem.reason.find("No such file") != std::string::npos;
+        EXPECT_TRUE(wasDone || result.end == RelocationEnd::done)
+            << point << ": again: " << static_cast<int>(result.end) << " " << result.problem.reason << "\n"
+            << relocation::text(record);
+        EXPECT_EQ("", scene.unfinished()) << point << ", again\n" << relocation::text(record);
+    }
+
+    static bool isExchange(const faults::SystemCall &call) {
+        return call.number == SYS_renameat2 && call.arguments[4] == RENAME_EXCHANGE;
+    }
+    // A scene after a run in which that happened to the exchange of the two names. Not every run makes as many calls
+    // before it.
+    Scene atTheExchange(Plan::Action action) {
+        for (;;) {
+            const std::vector<faults::SystemCall> calls = supervised(scene(), {}).calls;
+            const auto exchange = std::ranges::find_if(calls, isExchange);
+            if (exchange == calls.end()) {
+                throw std::runtime_error("no names are exchanged");
+            }
+            const auto at = static_cast<size_t>(exchange - calls.begin());
+            Scene now = scene();
+            const faults::Outcome outcome = supervised(now, {action, at, EINVAL, SYS_renameat2});
+            // A call before which the process was killed may still be made.
+            const bool kept = action == Plan::Action::fail || kit::exists(now.to() + "/in/old");
+            if (outcome.reached && kept && isExchange(outcome.calls[at])) {
+                return now;
+            }
+        }
+    }
+
+    std::optional<kit::Volume> m_source, m_destination;
+    int *m_end = nullptr;
+};
+
+TEST_P(RelocationSweep, KilledAnywhereNothingIsLostAndTheSecondRunFinishes) {
+    const size_t points = supervised(scene(), {}).calls.size();
+    ASSERT_GT(points, 100u);
+    size_t runs = 0;
+    for (size_t at = 0; at < points; at += step(points)) {
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, {Plan::Action::kill, at, 0});
+        const std::string point =
+            "killed before call " + std::to_string(at) + " " +
+            (outcome.calls.empty() ? "" : faults::nameOf(outcome.calls.back()) + " " + outcome.calls.back().path);
+        ++runs;
+        EXPECT_EQ("", now.lost()) << point;
+        expectFinishedAgain(now, point);
+    }
+    std::cout << runs << " of " << points << " points\n";
+}
+
+TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) {
+    const std::vector<faults::SystemCall> calls = supervised(scene(), {}).calls;
+    std::vector<Plan> plans;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        for (const int error : faults::plausibleErrors(calls[at])) {
+            plans.push_back({Plan::Action::fail, at, error, calls[at].number});
+        }
+    }
+    ASSERT_GT(plans.size(), 100u);
+    size_t runs = 0;
+    for (size_t index = 3; index < plans.size(); index += step(plans.size())) {
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, plans[index]);
+        const faults::SystemCall &call = calls[plans[index].at];
+        const std::string point = faults::nameOf(call) + " " + call.path + " (call " + std::to_string(plans[index].at) +
+                                  "): " + std::strerror(plans[index].error);
+        ++runs;
+        EXPECT_EQ("", now.lost()) << point;
+        EXPECT_TRUE(WIFEXITED(outcome.status)) << point;
+        EXPECT_NE(kThrown, *m_end) << point;
+        if (*m_end == static_cast<int>(RelocationEnd::done)) {
+            EXPECT_EQ("", now.unfinished()) << point;
+        } else {
+            expectFinishedAgain(now, point);
+        }
+    }
+    std::cout << runs << " of " << plans.size() << " points\n";
+}
+
+// Not every volume exchanges two names: there the old one is renamed first, and a stop may fall between the two.
+TEST_P(RelocationSweep, WithoutAnExchangeOfNamesTheOldOneIsRenamedFirst) {
+    const Scene whole = atTheExchange(Plan::Action::fail);
+    EXPECT_EQ(static_cast<int>(RelocationEnd::done), *m_end);
+    EXPECT_EQ("", whole.unfinished());
+    for (int renamed = 0; renamed <= 2; ++renamed) {
+        const Scene now = atTheExchange(Plan::Action::kill);
+        const std::string place = now.privatePlace();
+        ASSERT_NE("", place);
+        ASSERT_TRUE(renamed < 1 || ::rename(now.to().c_str(), (place + "/old").c_str()) == 0);
+        ASSERT_TRUE(renamed < 2 || ::rename((place + "/copy").c_str(), now.to().c_str()) == 0);
+        EXPECT_EQ("", now.lost());
+        expectFinishedAgain(now, std::to_string(renamed) + " renamed");
+    }
+    // Between the two somebody else has taken the name: nobody's directory is given up for it.
+    const Scene taken = atTheExchange(Plan::Action::kill);
+    ASSERT_EQ(0, ::rename(taken.to().c_str(), (taken.privatePlace() + "/old").c_str()));
+    ASSERT_EQ(0, ::mkdir(taken.to().c_str(), 0755));
+    kit::writeFile(taken.to() + "/theirs", "x");
+    Record record;
+    const engine::RelocationResult refused = relocation::run(taken.from(), taken.to(), record);
+    EXPECT_EQ(RelocationEnd::unfinished, refused.end);
+    EXPECT_NE(std::string::npos, refused.problem.reason.find("is not what it was")) << refused.problem.reason;
+    EXPECT_EQ("x", kit::readFile(taken.to() + "/theirs"));
+    EXPECT_EQ("", taken.lost());
+}
+
+INSTANTIATE_TEST_SUITE_P(To, RelocationSweep, testing::Values("ext4", "xfs"),
+                         [](const testing::TestParamInfo<const char *> &kind) { return kind.param; });
+
+} // namespace

@@ -1,0 +1,98 @@
+// Whether a copy has everything that a tree has, and what each entry of the tree was when that was found out.
+#pragma once
+
+#include "tools/engine/compare/side.h"
+#include "tools/engine/losses/loss.h"
+#include "tools/engine/relocate/listing.h"
+#include "tools/engine/report/observer.h"
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace engine {
+
+// A directory by its parent and name; the parent stays the caller's.
+struct TreeTop {
+    int parent;
+    std::string name;
+    int type = -1;    // of the volume
+    std::string path; // for people
+};
+
+// Whether a source has to stay for it. What a volume without owners and permissions holds for nobody is no reason:
+// every copy to it lacks that.
+bool counts_against(const Loss &loss, const VolumeFacts &there);
+
+// Gives an entry all times of another one. What cannot be given is for a comparison to tell.
+void give_times(const Side &from, const Side &to);
+
+class Proof {
+  public:
+    using Told = std::function<void(const std::string &path, const Loss &loss)>;
+    // The observer and the callback outlive this.
+    Proof(const Observer &observer, Told told) : m_observer(observer), m_told(std::move(told)) {}
+
+    // Remembers what each entry of the tree is, before it is copied. Throws Failure for what cannot be read, and for a
+    // volume that is mounted in it.
+    void remember(const TreeTop &tree);
+
+    // Compares everything, tells what the copy lacks, and counts those entries. Content is read of entries that are not
+    // what was remembered; of the others the same size is the same content. What was there and was compared is proven.
+    int compare(const TreeTop &tree, const TreeTop &copy);
+    // The same for a copy that nobody else can reach yet: what came too late for its times gets them again.
+    int compare_staged(const TreeTop &tree, const TreeTop &copy);
+    // For a tree of which a part has been removed already, from `since` on: times of directories have changed, and a
+    // store may have lost its entry.
+    int compare_rest(const TreeTop &tree, const TreeTop &copy, int64_t since);
+
+    // Whether the entry, by descriptor, still is what was proven. Nothing: it was not there then.
+    std::optional<bool> holds(int fd) const;
+    // One of its names was removed, by our own doing.
+    void renew(int fd);
+
+  private:
+    // An entry at one moment: what a Witness looks at, in less room, since there is one for each entry of the tree.
+    struct Seen {
+        mode_t mode;
+        bool proven; // else only remembered
+        off_t size;
+        timespec modified, changed;
+        Seen(const struct stat &found, bool isProven);
+        bool is(const struct stat &now) const;
+    };
+    using Fresh = std::vector<struct stat>;
+    struct Level;
+
+    void remember_directory(int directory, dev_t device, StoreKind kind, const std::string &path);
+    int compare_directory(const Level &level);
+    int compare_entry(const Level &level, const Listing &listing, const Listing::Item &item,
+                      std::map<ino_t, ino_t> &arrived);
+    int compare_own_directory(const Level &level, const Listing &listing, const Listing::Part &part,
+                              const std::string &path);
+    int compare_plain(int source, int copy, const std::string &path);
+    int compare_stranger(const Level &level, const Listing &listing, const Listing::Part &part);
+    bool is_rest(const Level &level, const Listing &listing, const Listing::Part &part) const;
+    int lose(const std::string &path, const Loss &loss) {
+        m_told(path, loss);
+        return 1;
+    }
+    std::vector<Loss> losses_of(const Side &source, const Side &copy, bool known, bool times) const;
+    // Adds the entry as it is now; whether it still is what was remembered.
+    bool look(int directory, const std::string &name, Fresh &fresh) const;
+    void prove(const Fresh &fresh);
+
+    const Observer &m_observer;
+    Told m_told;
+    std::unordered_map<ino_t, Seen> m_seen; // the tree lies on one volume
+    std::optional<int64_t> m_since;
+    bool m_staged = false;
+    dev_t m_device = 0;
+};
+
+} // namespace engine
