@@ -197,6 +197,57 @@ TEST_F(SafeCopy, WhatIsLeftOverOfStoppedCommandsIsNeitherCopiedNorKept) {
     EXPECT_TRUE(kit::namesIn(scratch / "out/tree").empty());
 }
 
+TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {
+    directory("tree");
+    directory("tree/sub");
+    directory("tree/sub/@EADIR");
+    kit::writeFile(scratch / "tree/file", "f");
+    kit::writeFile(scratch / "tree/sub/@EADIR/mine", "m");
+    for (const char *how : {"-r", "-rv"}) {
+        const ToolResult result = runTool({"copy", how, scratch / "tree", scratch / how});
+        EXPECT_EQ(1, result.status);
+        EXPECT_TRUE(mentions(result.err, "tree/sub/@EADIR: the name")) << result.err;
+    }
+}
+
+TEST_F(SafeMove, WhatTheOtherVolumeDoesNotTakeKeepsTheSource) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    kit::setAttribute(from, "user.note", "n");
+    const ToolResult result = runTool({"move", from, volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "copied without user.note; the source stays")) << result.err;
+    EXPECT_EQ("new", kit::readFile(from));
+    EXPECT_EQ("new", kit::readFile(volume / "from"));
+    const ToolResult copied = runTool({"copy", "-f", from, volume.path()});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "copied without user.note\n")) << copied.err;
+}
+
+TEST_F(SafeMove, DirectoryThatCannotBeFinishedKeepsItsSource) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    directory("tree");
+    kit::setAttribute(scratch / "tree", "user.note", "n");
+    kit::writeFile(scratch / "tree/file", "f");
+    const ToolResult result = runTool({"move", scratch / "tree", volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("n", kit::attribute(scratch / "tree", "user.note"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+}
+
+TEST_F(SafeMove, WhatIsNobodysStoreStaysWithItsDirectory) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    directory("tree");
+    directory("tree/@eaDir");
+    kit::writeFile(scratch / "tree/file", "f");
+    kit::writeFile(scratch / "tree/@eaDir/renamed away@VexoEAStream", "s");
+    kit::writeFile(scratch / "tree/@eaDir/unknown", "u");
+    const ToolResult result = runTool({"move", scratch / "tree", volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("s", kit::readFile(scratch / "tree/@eaDir/renamed away@VexoEAStream"));
+    EXPECT_EQ("u", kit::readFile(scratch / "tree/@eaDir/unknown"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+}
+
 TEST_F(SafeMove, SecondTreeOfOneNameIsRefused) {
     directory("a");
     directory("b");

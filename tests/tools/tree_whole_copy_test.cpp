@@ -357,15 +357,27 @@ class ChangingTree : public WholeCopy {
         return tool.finish();
     }
 
+    // Where the copy of "sub" stands until it is whole.
+    std::string underWay() const {
+        for (const std::string &name : kit::namesIn(to)) {
+            if (name == "sub" || name.starts_with(".vexofileop-")) {
+                return to + "/" + name;
+            }
+        }
+        ADD_FAILURE() << "nothing is under way";
+        return to;
+    }
+
     static constexpr int kFiles = 20;
     std::optional<kit::SlowFile> slow;
 };
 
 TEST_F(ChangingTree, FilesRemovedFromTheDestinationAreCopiedAgain) {
     const ToolResult result = copyWhile([&] {
-        for (const std::string &name : kit::namesIn(to + "/sub")) {
+        const std::string copy = underWay();
+        for (const std::string &name : kit::namesIn(copy)) {
             if (name != "slow") {
-                EXPECT_EQ(0, ::unlink((to + "/sub/" + name).c_str()));
+                EXPECT_EQ(0, ::unlink((copy + "/" + name).c_str()));
             }
         }
     });
@@ -396,11 +408,12 @@ TEST_F(ChangingTree, FilesThatVanishOrAppearInTheSource) {
 TEST_F(ChangingTree, FilesThatOthersPutInTheWayStayAndAreNamed) {
     std::vector<std::string> planted;
     const ToolResult result = copyWhile([&] {
+        const std::string copy = underWay();
         for (int number = 0; number < kFiles; ++number) {
-            const std::string path = to + "/sub/file" + std::to_string(number);
-            if (!kit::exists(path)) {
-                kit::writeFile(path, "foreign");
-                planted.push_back(path);
+            const std::string name = "/file" + std::to_string(number);
+            if (!kit::exists(copy + name)) {
+                kit::writeFile(copy + name, "foreign");
+                planted.push_back(to + "/sub" + name);
             }
         }
     });

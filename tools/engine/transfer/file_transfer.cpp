@@ -328,7 +328,8 @@ void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
     const int everything = m_options.operation == Operation::move ? 1 : 0;
     (void)VEXOEACopyInternal(attempt.from.below(attempt.sourceName).c_str(), attempt.to.below(name).c_str(), 0,
                              everything, attempt.sourceType, attempt.to.type(), nullptr, nullptr, nullptr);
-    attempt.missingAttributes = copy_system_attributes(attempt.opened(), attempt.to.below(name));
+    attempt.missingAttributes = copy_system_attributes(attempt.opened(), attempt.to.below(name),
+                                                       keep_attributes_alike(attempt.sourceType, attempt.to.type()));
 }
 
 // What the copy lacks of its source, as far as that can be told without reading data.
@@ -395,7 +396,8 @@ std::optional<Problem> FileTransfer::left_behind(const std::string &source, cons
     Attempt attempt{{source, destination, from, to, base_name(source), base_name(destination)}, m_observer, {}};
     attempt.store = store_parts(source, from.type());
     attempt.macAttributes = from.keeps_mac() && has_mac_attributes(source);
-    attempt.missingAttributes = copy_system_attributes(source, destination);
+    attempt.missingAttributes =
+        copy_system_attributes(source, destination, keep_attributes_alike(from.type(), to.type()));
     compare(attempt, attempt.name);
     return attempt.lost.empty() ? std::nullopt : std::optional(Problem{"copied without " + attempt.lost});
 }

@@ -200,7 +200,9 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
         return left(Status::skipped, is_private_name(name) ? "skipped, left over from a command that was stopped"
                                                            : "skipped, belongs to the system");
     case NameKind::stray:
-        return left(Status::failed, "names that begin with \"._\" are kept for metadata; left where it is");
+        return left(Status::failed, name.starts_with("._")
+                                        ? "names that begin with \"._\" are kept for metadata; left where it is"
+                                        : "the name \"@eaDir\" is kept for metadata in every case; left where it is");
     default:
         break;
     }
@@ -315,7 +317,9 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     if (parts_missing(store, destination.held(), m_destinationType)) {
         lose("its extended metadata");
     }
-    if (const std::string missing = copy_system_attributes(from, to); !missing.empty()) {
+    if (const std::string missing =
+            copy_system_attributes(from, to, keep_attributes_alike(m_sourceType, m_destinationType));
+        !missing.empty()) {
         lose(missing);
     }
     // Copying an ACL sets the permissions alone. FAT has its modes from the mount.
