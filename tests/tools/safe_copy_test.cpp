@@ -223,6 +223,28 @@ TEST_F(SafeMove, WhatTheOtherVolumeDoesNotTakeKeepsTheSource) {
     EXPECT_TRUE(mentions(copied.err, "copied without user.note\n")) << copied.err;
 }
 
+TEST_F(SafeMove, StreamsThatDoNotFitKeepTheSource) {
+    NEEDS_ROOT();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 10));
+    ::mkdir((scratch / "@eaDir").c_str(), 0777);
+    kit::writeFile(scratch / "value", kit::pattern(40'000));
+    kit::writeFile(scratch / "more", kit::pattern(400'000));
+    ASSERT_EQ(0, runTool({"ea", "set", from, "first", "--from", scratch / "value"}).status);
+    ASSERT_EQ(0, runTool({"ea", "set", from, "second", "--from", scratch / "more"}).status);
+    const std::string store = kit::readFile(storeOf("from"));
+    for (const int code : {-1, 0}) { // "@eaDir", and a "._" file
+        if (code >= 0) {
+            ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=" + std::to_string(code)).c_str(), 1);
+        }
+        const ToolResult result = runTool({"move", "-f", from, volume / "file"});
+        ::unsetenv("VEXOFILEOP_FSTYPES");
+        EXPECT_EQ(1, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, "the source stays")) << result.err;
+        EXPECT_EQ("new", kit::readFile(from));
+        EXPECT_EQ(store, kit::readFile(storeOf("from")));
+    }
+}
+
 TEST_F(SafeMove, DirectoryThatCannotBeFinishedKeepsItsSource) {
     KIT_REQUIRE(volume, kit::Volume::plain());
     directory("tree");

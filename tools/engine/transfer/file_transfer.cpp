@@ -3,7 +3,9 @@
 #include "copy/copy.h"
 #include "ea/ea.h"
 #include "platform/sdk.h"
+#include "tools/engine/report/failure.h"
 #include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/store/store.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/file_attempt.h"
 #include "tools/engine/transfer/link_transfer.h"
@@ -16,6 +18,7 @@
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/rename.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -57,6 +60,28 @@ bool is_really_empty(const std::string &path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     char byte = 0;
     return file.get() < 0 || ::read(file.get(), &byte, 1) <= 0;
+}
+
+// Whether the stores of two files have the same: the stream where it is copied as it is, else what can be read of both.
+bool has_same_store(const std::string &source, int sourceType, const std::string &destination, int destinationType) {
+    const auto in_directory = [](StoreKind kind) {
+        return kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
+    };
+    try {
+        if (in_directory(store_kind(sourceType)) && in_directory(store_kind(destinationType))) {
+            const auto stream = look(Store(source).stream_path("VexoEAStream"));
+            const auto copy = look(Store(destination).stream_path("VexoEAStream"));
+            return !stream || (copy && stream->st_size == copy->st_size);
+        }
+        const Store::Metadata from = Store(source).metadata(), to = Store(destination).metadata();
+        return from.finderInfo == to.finderInfo && from.fork == to.fork &&
+               std::ranges::all_of(from.attributes, [&](const auto &attribute) {
+                   const auto there = to.attributes.find(attribute.first);
+                   return there != to.attributes.end() && there->second == attribute.second;
+               });
+    } catch (const Failure &) {
+        return false; // what cannot be read cannot be believed either
+    }
 }
 
 bool may_write(int directory, const char *name, int mode) {
@@ -340,6 +365,9 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     if (parts_missing(attempt.store, attempt.to.below(name), attempt.to.type())) {
         attempt.lose(fmt::format("the extended metadata that is kept beside it{}",
                                  ::geteuid() == 0 ? "" : ", since making its directory needs root"));
+    } else if (attempt.store.any() && !has_same_store(attempt.source, attempt.sourceType,
+                                                      joined(attempt.to.path(), name), attempt.to.type())) {
+        attempt.lose("some of the extended metadata that is kept beside it");
     }
     if (attempt.macAttributes) {
         attempt.lose("the attributes that a Mac has set");
@@ -394,6 +422,7 @@ void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
 std::optional<Problem> FileTransfer::left_behind(const std::string &source, const std::string &destination) {
     const HeldDirectory &from = directory_of(m_from, source), &to = directory_of(m_to, destination);
     Attempt attempt{{source, destination, from, to, base_name(source), base_name(destination)}, m_observer, {}};
+    attempt.sourceType = from.type();
     attempt.store = store_parts(source, from.type());
     attempt.macAttributes = from.keeps_mac() && has_mac_attributes(source);
     attempt.missingAttributes =
