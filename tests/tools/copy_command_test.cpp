@@ -218,10 +218,11 @@ TEST_F(CopyCommand, LinkAsSourceIsFollowedAndALinkToNothingIsNot) {
     const ToolResult source = runTool({"copy", scratch / "dangling", scratch / "x"});
     EXPECT_EQ("vexofileop: " + (scratch / "dangling") + ": is a symbolic link that leads nowhere (0x0700)\n",
               source.err);
-    // Neither replaced nor written through.
-    for (const char *policy : {"-v", "-f"}) {
-        EXPECT_EQ(2, runTool({"copy", policy, from, scratch / "dangling"}).status);
-    }
+    // As a destination it is never written through, and replaced where that is asked for.
+    EXPECT_EQ(2, runTool({"copy", "-v", from, scratch / "dangling"}).status);
+    EXPECT_TRUE(S_ISLNK(kit::statOf(scratch / "dangling").st_mode));
+    EXPECT_EQ(0, runTool({"copy", "-f", from, scratch / "dangling"}).status);
+    EXPECT_TRUE(S_ISREG(kit::statOf(scratch / "dangling").st_mode));
     EXPECT_FALSE(kit::exists(scratch / "nowhere"));
 }
 

@@ -4,6 +4,7 @@
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <strings.h>
 
@@ -15,7 +16,12 @@ bool is_store_name(const std::string &name) {
 
 NameKind name_kind(const std::string &directory, const std::string &name, int volumeType) {
     if (VEXOEAIsHiddenDir(name.c_str()) == 1) {
-        return is_store_name(name) ? NameKind::store : NameKind::system;
+        // Of another case it holds stores where cases are one, and is a user's own where they are not.
+        const bool store = name == "@eaDir" || (is_store_name(name) && volume_traits(volumeType).fatNames);
+        return store ? NameKind::store : is_store_name(name) ? NameKind::stray : NameKind::system;
+    }
+    if (is_private_name(name)) {
+        return NameKind::system;
     }
     if (!name.starts_with("._")) {
         return NameKind::ordinary;

@@ -9,8 +9,8 @@ enum class NameKind {
     ordinary,
     store,     // "@eaDir": what it holds belongs to the entries beside it
     companion, // "._name" of an entry `name` on a volume that keeps metadata so
-    stray,     // "._name" of anything else
-    system,    // "@tmp", "@sharebin": of the appliance
+    stray,     // "._name" of anything else; "@EADIR" where that is another name than "@eaDir"
+    system,    // "@tmp", "@sharebin": of the appliance; and what a command has under way, or has left unfinished
 };
 // What a name in `directory`, on a volume of the type `volumeType`, is to a copy of the tree.
 NameKind name_kind(const std::string &directory, const std::string &name, int volumeType);

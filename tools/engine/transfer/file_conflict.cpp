@@ -2,6 +2,7 @@
 
 #include "copy/copy.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/paths.h"
 
 #include <climits>
 #include <fmt/format.h>
@@ -11,24 +12,20 @@ namespace {
 
 constexpr uint32_t kNoFreeName = 0x0800, kIsDirectory = 0xA200, kExists = 0xA300;
 
-// Whether the existing destination may be replaced at all.
+// Whether the existing destination may be replaced at all. A link is replaced as one, wherever it leads.
 std::optional<Problem> check_destination(const FileAttempt &attempt, const TransferOptions &options,
                                          const WrittenFiles &written) {
-    const bool link = attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
-    const auto there = link ? look(attempt.destination) : look_through(attempt.destination);
+    const auto there = attempt.to.look(attempt.name);
     if (there && S_ISDIR(there->st_mode)) {
         return problem_of(kIsDirectory);
     }
     if (options.conflict == Conflict::fail) {
         return problem_of(kExists);
     }
-    if (!there) {
-        return Problem{"the destination is a symbolic link that leads nowhere; not replaced", kExists};
-    }
-    if (!S_ISREG(there->st_mode) && !(link && S_ISLNK(there->st_mode))) {
+    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
         return Problem{fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists};
     }
-    if (written.contains({there->st_dev, there->st_ino})) {
+    if (there && written.contains({there->st_dev, there->st_ino})) {
         return Problem{"the destination was just written by this command; not replaced", kExists};
     }
     return std::nullopt;
@@ -58,16 +55,6 @@ std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptio
     }
 }
 
-std::optional<Problem> choose_free_name(FileAttempt &attempt) {
-    char name[PATH_MAX] = "";
-    // The generator follows links: a name that is a link to nothing is not free either.
-    if (Default_GenerateNewName(attempt.destination.c_str(), name, sizeof name) != 0 || look(name)) {
-        return problem_of(kNoFreeName);
-    }
-    attempt.destination = name;
-    return std::nullopt;
-}
-
 } // namespace
 
 Problem same_file() {
@@ -82,19 +69,30 @@ Outcome failure(const std::string &destination, Problem problem) {
     return outcome;
 }
 
+std::optional<Problem> choose_free_name(FileAttempt &attempt) {
+    char path[PATH_MAX] = "";
+    // The generator follows links: a name that is a link to nothing is not free either.
+    if (Default_GenerateNewName(attempt.to.below(attempt.name).c_str(), path, sizeof path) != 0 ||
+        attempt.to.look(base_name(path))) {
+        return problem_of(kNoFreeName);
+    }
+    attempt.name = base_name(path);
+    attempt.destination = joined(parent_of(attempt.destination), attempt.name);
+    return std::nullopt;
+}
+
 std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
                                         TransferObserver &observer, const WrittenFiles &written) {
     // Two links that lead to one file are two all the same; a link and that file are not to replace one another.
-    const bool itself =
-        same(attempt.entry, look(attempt.destination)) ||
-        same(attempt.content, attempt.asItIs ? look(attempt.destination) : look_through(attempt.destination));
+    const auto there = attempt.to.look(attempt.name);
+    const bool itself = same(attempt.entry, there) ||
+                        same(attempt.content, attempt.asItIs ? there : attempt.to.look_through(attempt.name));
     const bool move = options.operation == Operation::move;
     if (options.conflict == Conflict::keep_both) {
         if (itself && move) {
             return failure(attempt.destination, same_file());
         }
-        // A move and a link ask no rename callback, and a copy of a file beside itself never gets that far.
-        const auto problem = itself || move || attempt.asItIs ? choose_free_name(attempt) : std::nullopt;
+        const auto problem = choose_free_name(attempt);
         return problem ? std::optional(failure(attempt.destination, *problem)) : std::nullopt;
     }
     if (itself) {

@@ -1,6 +1,7 @@
 // A file whose destination exists: what becomes of the two.
 #pragma once
 
+#include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -15,7 +16,9 @@ namespace engine {
 
 // One file on its way.
 struct FileAttempt {
-    std::string source, destination;
+    std::string source, destination;         // as people know them
+    const HeldDirectory &from, &to;          // where they lie
+    std::string sourceName, name;            // in there
     std::optional<struct stat> entry = {};   // the source's own entry: a symbolic link is a link
     std::optional<struct stat> content = {}; // what it leads to
     bool asItIs = false;                     // the entry itself is moved or made anew; no file is opened
@@ -28,6 +31,9 @@ using WrittenFiles = std::set<std::pair<dev_t, ino_t>>;
 // `replace` as they are now. What `written` has is never replaced.
 std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
                                         TransferObserver &observer, const WrittenFiles &written);
+
+// Of those that the destination's name can be made into. Somebody may take it before it is used.
+std::optional<Problem> choose_free_name(FileAttempt &attempt);
 
 Outcome failure(const std::string &destination, Problem problem);
 Problem same_file();

@@ -1,12 +1,18 @@
-// Copies or moves one file through the library and finds out what really became of it.
+// Copies or moves one file and finds out what really became of it.
+//
+// The bytes are the library's work. What is made stands under a private name until it is whole, and then takes its own
+// at once: what stood there is as it was until that moment, and a file that has its name is all there. A move to
+// another volume removes its source last, when the copy was compared with it and it still is what was copied.
 #pragma once
 
 #include "tools/engine/transfer/file_conflict.h"
+#include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -15,8 +21,10 @@ namespace engine {
 
 // What the caller knows of the two directories that a transfer goes from and to.
 struct Surroundings {
-    bool sourceWithoutStore = false; // no "@eaDir" beside the source
-    bool destinationNew = false;     // this run has made it, so that what stands there is an exception
+    bool sourceWithoutStore = false;     // no "@eaDir" beside the source
+    bool destinationNew = false;         // this run has made it, so that what stands there is an exception
+    const HeldDirectory *from = nullptr; // nothing: opened by the path
+    const HeldDirectory *to = nullptr;
 };
 
 class FileTransfer {
@@ -33,33 +41,36 @@ class FileTransfer {
     std::optional<Problem> left_behind(const std::string &source, const std::string &destination);
     // It is not replaced by a later one of this run.
     void remember(const std::string &destination);
+    // Before the first file goes into a directory that was there before: what earlier runs have left in it is finished
+    // or removed, once a directory.
+    void tidy(const HeldDirectory &directory);
 
   private:
     struct Attempt; // one file's state, shared with the library's callbacks
 
     // The directory that the last file lay in: mostly the next one lies beside it.
-    struct Directory {
-        std::string path = {};
-        dev_t device = 0;
-        int type = -1;    // of its volume
-        bool mac = false; // whether that keeps attributes of Macs
-    };
-    static const Directory &directory_of(Directory &last, const std::string &path);
+    static const HeldDirectory &directory_of(HeldDirectory &last, const std::string &path);
 
     std::optional<Problem> check_source(Attempt &attempt) const;
-    std::optional<Problem> check_mac_attributes(Attempt &attempt);
+    std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
     Outcome transfer(Attempt &attempt);
-    Outcome arrived(const Attempt &attempt, bool ownerLost);
-    std::optional<Problem> carry_as_it_is(Attempt &attempt) const;
-    std::optional<Problem> call_library(Attempt &attempt);
-    std::optional<Problem> missing_parts(const Attempt &attempt, const std::string &destination);
-    std::optional<Problem> missing_metadata(const Attempt &attempt, const std::string &destination);
-    uint32_t flags_for(const Attempt &attempt) const;
+    Outcome rename(Attempt &attempt);
+    Outcome copy(Attempt &attempt);
+    Outcome place_copy(Attempt &attempt);
+    Outcome write_in_place(Attempt &attempt);
+    Outcome arrived(Attempt &attempt);
+    std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
+    std::optional<Problem> call_library(Attempt &attempt, const std::string &name, bool replace);
+    void carry_metadata(Attempt &attempt, const std::string &name);
+    static void remove_source(Attempt &attempt, Outcome &outcome);
+    static void compare(Attempt &attempt, const std::string &name);
+    static bool shares_volume(const Attempt &attempt);
 
     TransferOptions m_options;
     TransferObserver &m_observer;
-    Directory m_from, m_to;
+    HeldDirectory m_from, m_to;
     WrittenFiles m_written; // destinations of this run
+    std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 
 } // namespace engine

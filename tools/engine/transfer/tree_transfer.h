@@ -8,14 +8,17 @@
 // directories where nothing can be in the way, and looks afterwards at what is there (whole_tree_copy.cpp): what has
 // arrived is counted, and everything else goes through the walk, which names it. The directory that holds such a tree
 // stays closed to everybody else until that is over, so that nobody can put a link in the way of what is still done in
-// it.
+// it. At the source nobody else can exchange a directory either, or it is walked through: the walk enters directories
+// by descriptor and follows no link, which the library's own does not.
 #pragma once
 
 #include "platform/core.h"
 #include "tools/engine/transfer/file_transfer.h"
+#include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/tree_call.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/paths.h"
 
 #include <optional>
 #include <set>
@@ -36,25 +39,38 @@ class TreeTransfer {
     void run(const std::string &source, const std::string &destination);
 
   private:
+    // An entry of a directory that is held.
+    struct Place {
+        const HeldDirectory &in;
+        std::string name;
+        std::string path() const { return joined(in.path(), name); }
+        std::string held() const { return in.below(name); } // for calls that take a path
+    };
     // One directory on its way.
     struct Level {
         std::string source, destination;
         VLIBCStat status = {};  // of the source, before anything is done to it
         struct stat there = {}; // the destination
-        bool made = false;      // the destination was not there before
-        bool hasStore = false;  // the source holds an "@eaDir"
+        HeldDirectory from = {}, to = {};
+        std::string held = {}; // what the library was told of the source
+        bool made = false;     // the destination was not there before
+        bool hasStore = false; // the source holds an "@eaDir"
         bool macAttributes = false;
         Outcome outcome = {};
     };
 
     // Each answers whether nothing of it stayed behind.
-    bool directory(const std::string &source, std::string destination);
+    bool directory(const Place &source, Place destination);
     bool entry(const Level &level, const std::string &name);
-    bool rename_whole(const std::string &source, const std::string &destination, bool &done);
-    bool make_destination(Level &level);
-    bool existing_destination(Level &level);
-    void finish(Level &level);
-    bool remove_source(Level &level);
+    bool rename_whole(const Place &source, const Place &destination, bool &done);
+    // Around what is done with the entries of a directory. False: the one above has been moved away.
+    void descend(const Place &source, const Place &destination);
+    bool ascend(const Level &level, const Place &source, const Place &destination);
+    bool open_source(Level &level, const Place &source);
+    bool make_destination(Level &level, const Place &destination);
+    bool existing_destination(Level &level, const Place &destination);
+    void finish(Level &level, const Place &source, const Place &destination);
+    bool remove_source(Level &level, const Place &source);
     bool failed(const std::string &source, const std::string &destination, Problem problem);
     void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
         m_observer.entry(kind, source, outcome);
@@ -67,16 +83,18 @@ class TreeTransfer {
         std::vector<std::string> files, links, directories; // arrived
         std::vector<std::string> rest;                      // for the walk
     };
-    bool may_be_whole(const Level &level, const struct stat &found);
+    bool may_be_whole(const Level &level, const std::string &name, const struct stat &found);
     bool carries_all(const Level &level);
-    void copy_whole(const std::string &source, const std::string &destination);
-    void check(const std::string &source, const std::string &destination, const TreeCall &call);
+    bool is_ours_all_down(int parent, const std::string &name);
+    bool is_ours_all_down(Descriptor &directory, int depth);
+    void copy_whole(const Place &source, const Place &destination);
+    void check(const Place &source, const Place &destination, const std::string &held, const TreeCall &call);
     std::optional<Found> compare(Level &level, const TreeCall &call);
     void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;
     void check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown);
-    void check_link(const std::string &source, const std::string &destination);
+    void check_link(const Level &level, const std::string &name);
     void copy_rest(const Level &level, const Found &found);
-    void check_directory(Level &level, bool entriesMade);
+    void check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade);
     bool is_finished(const Level &level) const;
 
     bool m_move;
@@ -86,10 +104,12 @@ class TreeTransfer {
     int m_sourceType = -1, m_destinationType = -1; // of the two volumes
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
-    bool m_sourceKeepsMac = false;            // the source's volume may hold what no copy carries
-    std::set<std::pair<dev_t, ino_t>> m_made; // directories of this run
-    std::set<dev_t> m_carryAll, m_carryLess;  // volumes that were asked whether they carry everything
+    bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
+    std::set<std::pair<dev_t, ino_t>> m_made;   // directories of this run
+    std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
+    std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;
+    int m_depth = 0;
 };
 
 } // namespace engine

@@ -6,9 +6,12 @@
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/link_transfer.h"
+#include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/tree_transfer.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -48,9 +51,9 @@ bool keeps_names_apart(const char *directory) {
                                  (flags & FS_CASEFOLD_FL) == 0);
 }
 
-// Whether files of the directory may have "user." attributes at all.
-bool keeps_attributes(const std::string &directory) {
-    return ::lgetxattr(directory.c_str(), "user.netatalk.Metadata", nullptr, 0) >= 0 || errno != EOPNOTSUPP;
+// Whether the file has attributes that the library may not have carried.
+bool has_attributes(const std::string &path) {
+    return ::llistxattr(path.c_str(), nullptr, 0) > 0;
 }
 
 // The parts of stores among the names in the "@eaDir" of a directory, sorted; nothing: it cannot be listed.
@@ -71,6 +74,12 @@ bool has_same_parts(const std::string &source, const std::string &destination) {
     return parts && copies && std::ranges::includes(*copies, *parts);
 }
 
+// Whether only this user, or root, makes and exchanges entries of a directory.
+bool is_ours(const struct stat &directory) {
+    constexpr mode_t others = S_IWGRP | S_IWOTH;
+    return (directory.st_uid == ::geteuid() || directory.st_uid == 0) && (directory.st_mode & others) == 0;
+}
+
 int64_t size_of(const std::string &path) {
     struct stat found {};
     return ::lstat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? found.st_size : 0;
@@ -78,10 +87,50 @@ int64_t size_of(const std::string &path) {
 
 } // namespace
 
-// A directory is handed over when nobody else can reach its destination and nothing stands there yet.
-bool TreeTransfer::may_be_whole(const Level &level, const struct stat &found) {
+// A directory is handed over when nobody else can reach its destination, nothing stands there yet, and nobody else can
+// exchange anything in it.
+bool TreeTransfer::may_be_whole(const Level &level, const std::string &name, const struct stat &found) {
     return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees &&
-           !m_sourceKeepsMac && carries_all(level);
+           !m_sourceKeepsMac && carries_all(level) && is_ours(level.status.st) &&
+           is_ours_all_down(level.from.fd(), name);
+}
+
+// The same of a directory with all those in it. An "@eaDir", which is everybody's by design, is not asked: what the
+// library takes from there it opens without following a link. One that has failed once is not looked through again.
+bool TreeTransfer::is_ours_all_down(int parent, const std::string &name) {
+    Descriptor directory = open_directory(parent, name);
+    return is_ours_all_down(directory, 0);
+}
+
+bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
+    constexpr int mostHeld = 6;
+    struct stat here {
+    }, again{};
+    if (directory.get() < 0 || ::fstat(directory.get(), &here) != 0 || !is_ours(here) ||
+        m_shared.contains({here.st_dev, here.st_ino})) {
+        return false;
+    }
+    const auto entries = entries_in(directory.get());
+    const auto below = [&](const std::string &name) {
+        Descriptor child = open_directory(directory.get(), name);
+        if (depth >= mostHeld) {
+            directory = Descriptor(-1);
+        }
+        bool ours = is_ours_all_down(child, depth + 1);
+        if (ours && directory.get() < 0) { // the way back, for which the child is still open
+            directory = open_directory(child.get(), "..");
+            ours = directory.get() >= 0 && ::fstat(directory.get(), &again) == 0 && same(here, again);
+        }
+        return ours;
+    };
+    const bool ours = entries && std::ranges::all_of(*entries, [&](const Entry &entry) {
+                          return !is_private_name(entry.name) &&
+                                 (entry.type != DT_DIR || is_store_name(entry.name) || below(entry.name));
+                      });
+    if (!ours) {
+        m_shared.insert({here.st_dev, here.st_ino});
+    }
+    return ours;
 }
 
 // Whether the destination's volume takes everything that a source can have, asked once a volume.
@@ -96,43 +145,58 @@ bool TreeTransfer::carries_all(const Level &level) {
     return m_carryAll.contains(device);
 }
 
-void TreeTransfer::copy_whole(const std::string &source, const std::string &destination) {
+// Under a private name, so that nobody takes for whole what is not.
+void TreeTransfer::copy_whole(const Place &source, const Place &destination) {
     if (m_observer.stopped()) {
         return;
     }
-    const TreeCall call = call_tree_copy(source, destination, m_observer);
+    const Place made{destination.in, next_private_name()};
+    const TreeCall call = call_tree_copy(source.held(), made.held(), m_observer);
+    if (destination.in.look(made.name) && !place({destination.in, made.name, destination.name})) {
+        failed(source.path(), destination.path(), problem_of_errno(errno));
+        discard(destination.in, made.name);
+        return;
+    }
     if (call.all_arrived()) {
         m_observer.arrived(0, call.bytes);
     }
     m_checking = true; // What did not arrive is copied one by one.
-    check(source, destination, call);
+    check(source, destination, source.held(), call);
     m_checking = false;
 }
 
 // One level of the tree that the library has copied.
-void TreeTransfer::check(const std::string &source, const std::string &destination, const TreeCall &call) {
-    Level level{source, destination};
-    level.outcome.destination = destination;
+void TreeTransfer::check(const Place &source, const Place &destination, const std::string &held, const TreeCall &call) {
+    Level level{source.path(), destination.path()};
+    level.outcome.destination = level.destination;
     level.made = true;
-    if (::lstat(destination.c_str(), &level.there) != 0 || !S_ISDIR(level.there.st_mode)) {
+    level.to = HeldDirectory(destination.in, destination.name);
+    if (!level.to.is_open() || ::fstat(level.to.fd(), &level.there) != 0) {
         directory(source, destination);
         return;
     }
     m_made.insert({level.there.st_dev, level.there.st_ino});
+    level.from = HeldDirectory(source.in, source.name);
+    level.held = held;
     const auto found = compare(level, call);
     if (!found) {
         return;
     }
+    descend(source, destination);
     check_files(level, found->files, call.all_arrived());
     for (const std::string &name : found->links) {
-        check_link(joined(source, name), joined(destination, name));
+        check_link(level, name);
     }
     for (const std::string &name : found->directories) {
-        check(joined(source, name), joined(destination, name), call);
+        check({level.from, name}, {level.to, name}, joined(held, name), call);
     }
     copy_rest(level, *found);
-    check_directory(level, !found->rest.empty());
-    tell(EntryKind::directory, source, level.outcome);
+    if (!ascend(level, source, destination)) {
+        failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
+        return;
+    }
+    check_directory(level, source, destination, !found->rest.empty());
+    tell(EntryKind::directory, level.source, level.outcome);
 }
 
 // Nothing: the source cannot be read, which has been told.
@@ -143,17 +207,18 @@ std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const Tre
         failed(level.source, level.destination, std::move(problem));
         return std::nullopt;
     };
-    if (VLIBCFileStat(level.source.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
+    if (!level.from.is_open() ||
+        VLIBCFileStat(level.from.itself().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
                       &level.status) != 0) {
         return unreadable();
     }
-    auto entries = entries_in(level.source);
+    auto entries = entries_in(level.from.fd());
     if (!entries) {
         return unreadable();
     }
     Types types;
     // One that cannot be read shows nothing, and the walk meets what is there.
-    for (Entry &copy : entries_in(level.destination).value_or(std::vector<Entry>())) {
+    for (Entry &copy : entries_in(level.to.fd()).value_or(std::vector<Entry>())) {
         types.insert({std::move(copy.name), copy.type});
     }
     Found found;
@@ -174,7 +239,7 @@ void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, con
     const auto copy = types.find(entry.name);
     const bool arrived =
         kind == NameKind::ordinary && copy != types.end() && copy->second == entry.type &&
-        (call.refused.empty() || entry.type == DT_DIR || !call.refused.contains(joined(level.source, entry.name)));
+        (call.refused.empty() || entry.type == DT_DIR || !call.refused.contains(joined(level.held, entry.name)));
     std::vector<std::string> &names = !arrived               ? found.rest
                                       : entry.type == DT_REG ? found.files
                                       : entry.type == DT_LNK ? found.links
@@ -187,14 +252,13 @@ void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, con
 void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown) {
     const bool other = level.status.st.st_dev != m_sourceDevice; // another volume, of whatever type
     const bool stores = level.hasStore && !has_same_parts(level.source, level.destination);
-    const bool attributes = keeps_attributes(level.source);
     int files = 0;
     int64_t bytes = 0;
     for (const std::string &name : names) {
         const std::string source = joined(level.source, name);
         Outcome outcome;
         outcome.bytes = bytesKnown ? 0 : size_of(source);
-        if (other || stores || (attributes && has_metadata_attribute(source))) {
+        if (other || stores || has_attributes(source)) {
             outcome.destination = joined(level.destination, name);
             outcome.warning = m_files.left_behind(source, outcome.destination);
         }
@@ -209,12 +273,12 @@ void TreeTransfer::check_files(const Level &level, const std::vector<std::string
 }
 
 // The library makes links, and leaves owner and times of a link to chance.
-void TreeTransfer::check_link(const std::string &source, const std::string &destination) {
-    struct stat found {};
+void TreeTransfer::check_link(const Level &level, const std::string &name) {
+    const auto found = level.from.look(name);
     Outcome outcome;
-    outcome.destination = destination;
-    outcome.ownerLost = ::lstat(source.c_str(), &found) == 0 && !finish_link(found, destination);
-    tell(EntryKind::link, source, outcome);
+    outcome.destination = joined(level.destination, name);
+    outcome.ownerLost = found && !finish_link(*found, level.to.fd(), name);
+    tell(EntryKind::link, joined(level.source, name), outcome);
 }
 
 // What has not arrived, with its reason, by the engine's own walk.
@@ -233,21 +297,21 @@ void TreeTransfer::copy_rest(const Level &level, const Found &found) {
     }
 }
 
-void TreeTransfer::check_directory(Level &level, bool entriesMade) {
-    const char *const source = level.source.c_str(), *const destination = level.destination.c_str();
+void TreeTransfer::check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade) {
+    const std::string from = level.from.itself(), to = level.to.itself();
     const bool finished = is_finished(level);
     if (finished) {
         level.status.st.st_atim = level.there.st_atim; // as it was before the library read the source
     }
-    if (!finished || entriesMade || VEXOACLCopy(source, destination) != 0 ||
-        parts_missing(store_parts(level.source, m_sourceType), level.destination, m_destinationType)) {
-        finish(level);
+    if (!finished || entriesMade || VEXOACLCopy(from.c_str(), to.c_str()) != 0 || has_attributes(from) ||
+        parts_missing(store_parts(source.held(), m_sourceType), destination.held(), m_destinationType)) {
+        finish(level, source, destination);
         return;
     }
     // A new directory never gets these bits from its mode alone.
     constexpr mode_t special = kAllModeBits & ~kPermissions;
     if (((level.there.st_mode ^ level.status.st.st_mode) & special) != 0) {
-        (void)::chmod(destination, level.status.st.st_mode & kAllModeBits);
+        (void)::chmod(to.c_str(), level.status.st.st_mode & kAllModeBits);
     }
 }
 

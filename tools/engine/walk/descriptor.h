@@ -13,6 +13,11 @@ class Descriptor {
     explicit Descriptor(int fd) : m_fd(fd) {}
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
+    Descriptor(Descriptor &&other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
     ~Descriptor();
     int get() const { return m_fd; }
     void swap(Descriptor &other) { std::swap(m_fd, other.m_fd); }

@@ -23,8 +23,8 @@ struct CloseDirectory {
 
 // Calls `task` with the open directory and each entry. False, with errno, when not all could be read.
 template <typename Task>
-bool visit(const std::string &directory, int flags, const Task &task) {
-    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | flags);
+bool visit(int parent, const char *directory, int flags, const Task &task) {
+    const int fd = ::openat(parent, directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | flags);
     if (fd < 0) {
         return false;
     }
@@ -95,20 +95,26 @@ bool passes_through(const std::string &from, const struct stat &wanted) {
 
 std::optional<std::vector<std::string>> names_in(const std::string &directory) {
     std::vector<std::string> names;
-    const bool read = visit(directory, 0, [&](int, const dirent &entry) { names.emplace_back(entry.d_name); });
-    return read ? std::optional(std::move(names)) : std::nullopt;
+    const auto add = [&](int, const dirent &entry) { names.emplace_back(entry.d_name); };
+    return visit(AT_FDCWD, directory.c_str(), 0, add) ? std::optional(std::move(names)) : std::nullopt;
 }
 
-std::optional<std::vector<Entry>> entries_in(const std::string &directory) {
+std::optional<std::vector<std::string>> names_in(int directory) {
+    std::vector<std::string> names;
+    const auto add = [&](int, const dirent &entry) { names.emplace_back(entry.d_name); };
+    return visit(directory, ".", 0, add) ? std::optional(std::move(names)) : std::nullopt;
+}
+
+std::optional<std::vector<Entry>> entries_in(int directory) {
     std::vector<Entry> entries;
     const auto add = [&](int fd, const dirent &entry) {
         entries.push_back({entry.d_name, entry.d_type == DT_UNKNOWN ? type_of(fd, entry.d_name) : entry.d_type});
     };
     // A look that leaves no trace is for the owner and for root.
-    bool read = visit(directory, O_NOATIME, add);
+    bool read = visit(directory, ".", O_NOATIME, add);
     if (!read && errno == EPERM) {
         entries.clear();
-        read = visit(directory, 0, add);
+        read = visit(directory, ".", 0, add);
     }
     return read ? std::optional(std::move(entries)) : std::nullopt;
 }

@@ -12,13 +12,15 @@ namespace engine {
 // The names in a directory, without "." and ".."; nothing, with errno, when it cannot be read. A symbolic link is not
 // followed. No descriptor stays open, so that the depth of a tree costs none.
 std::optional<std::vector<std::string>> names_in(const std::string &directory);
+// Of one that is open, for whatever purpose (O_PATH too).
+std::optional<std::vector<std::string>> names_in(int directory);
 
-// The same with what each entry is: DT_REG, DT_DIR …; DT_UNKNOWN for one that is gone again.
+// The same of an open one, with what each entry is: DT_REG, DT_DIR …; DT_UNKNOWN for one that is gone again.
 struct Entry {
     std::string name;
     unsigned char type;
 };
-std::optional<std::vector<Entry>> entries_in(const std::string &directory);
+std::optional<std::vector<Entry>> entries_in(int directory);
 
 // What a tree holds for somebody who copies it: regular files and links, and the bytes of the files.
 struct Totals {

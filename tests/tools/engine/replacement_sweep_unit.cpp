@@ -1,0 +1,142 @@
+// A file that is replaced, with each system call on the way killed or refused: at every moment there is the old file
+// with its store or the new one with its own, and whoever comes next finishes or removes what was left.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/scratch.h"
+#include "tools/engine/transfer/transfer.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace engine;
+
+class Silent : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
+        good = good && outcome.status == Status::done && !outcome.warning;
+    }
+    void arrived(int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+
+    bool good = true;
+};
+
+bool replace(const std::string &source, const std::string &destination) {
+    Silent observer;
+    Transfer({.conflict = Conflict::replace}, observer).run(source, destination);
+    return observer.good;
+}
+
+class ReplacementSweep : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    struct Scene {
+        Scene() {
+            for (const char *name : {"from", "to"}) {
+                EXPECT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
+                EXPECT_EQ(0, ::mkdir((scratch / name + "/@eaDir").c_str(), 0777));
+            }
+            kit::writeFile(source, "new");
+            kit::writeFile(sourceStore, stream::bytes({{"comment", "new"}}));
+            kit::writeFile(destination, "old");
+            kit::writeFile(destinationStore, stream::bytes({{"comment", "old"}, {"other", "old"}}));
+            kit::writeFile(destinationResource, "old resource");
+        }
+        bool isOld() const {
+            return kit::readFile(destination) == "old" &&
+                   kit::readFile(destinationStore) == stream::bytes({{"comment", "old"}, {"other", "old"}}) &&
+                   kit::readFile(destinationResource) == "old resource";
+        }
+        bool isNew() const {
+            return kit::readFile(destination) == "new" &&
+                   kit::readFile(destinationStore) == stream::bytes({{"comment", "new"}}) &&
+                   !kit::exists(destinationResource);
+        }
+        kit::ScratchDirectory scratch;
+        const std::string source = scratch / "from/file", sourceStore = scratch / "from/@eaDir/file@VexoEAStream",
+                          destination = scratch / "to/file", destinationStore = scratch / "to/@eaDir/file@VexoEAStream",
+                          destinationResource = scratch / "to/@eaDir/file@VexoResource";
+    };
+    // Another file goes into the same directory.
+    static void comesNext(const Scene &scene) {
+        kit::writeFile(scene.scratch / "other", "o");
+        EXPECT_TRUE(replace(scene.scratch / "other", scene.scratch / "to/other"));
+    }
+    static size_t callsOf() {
+        const Scene scene;
+        const faults::Outcome watched = faults::supervise({}, [&](faults::Window &window) {
+            window.open();
+            (void)replace(scene.source, scene.destination);
+            window.close();
+        });
+        EXPECT_TRUE(scene.isNew());
+        return watched.calls.size();
+    }
+};
+
+TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
+    const size_t calls = callsOf();
+    ASSERT_LT(50u, calls);
+    int finished = 0;
+    for (size_t at = 0; at < calls; ++at) {
+        const Scene scene;
+        const faults::Outcome outcome =
+            faults::supervise({.action = faults::Plan::Action::kill, .at = at}, [&](faults::Window &window) {
+                window.open();
+                (void)replace(scene.source, scene.destination);
+                window.close();
+            });
+        ASSERT_TRUE(outcome.reached) << at;
+        const std::string content = kit::readFile(scene.destination);
+        EXPECT_TRUE(content == "old" ? scene.isOld() : content == "new") << at;
+        comesNext(scene);
+        EXPECT_TRUE(content == "old" ? scene.isOld() : scene.isNew()) << at;
+        EXPECT_EQ((std::vector<std::string>{"@eaDir", "file", "other"}), kit::namesIn(scene.scratch / "to")) << at;
+        for (const std::string &name : kit::namesIn(scene.scratch / "to/@eaDir")) {
+            EXPECT_FALSE(name.starts_with(".vexofileop-")) << at << ": " << name;
+        }
+        finished += content == "new" ? 1 : 0;
+        EXPECT_TRUE(replace(scene.source, scene.destination)) << at;
+        EXPECT_TRUE(scene.isNew()) << at;
+    }
+    EXPECT_LT(3, finished);
+}
+
+TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
+    const size_t calls = callsOf();
+    for (size_t at = 0; at < calls; ++at) {
+        for (const int error : {EIO, ENOSPC, EACCES}) {
+            const Scene scene;
+            const std::string told = scene.scratch / "told";
+            (void)faults::supervise({.action = faults::Plan::Action::fail, .at = at, .error = error},
+                                    [&](faults::Window &window) {
+                                        window.open();
+                                        const bool good = replace(scene.source, scene.destination);
+                                        window.close();
+                                        kit::writeFile(told, good ? "good" : "bad");
+                                    });
+            if (kit::readFile(told) == "good") {
+                EXPECT_TRUE(scene.isNew()) << at << " of " << calls << ", error " << error;
+            } else {
+                EXPECT_TRUE(kit::readFile(scene.destination) == "old" ? scene.isOld() : true) << at << " " << error;
+                EXPECT_FALSE(kit::readFile(scene.destination).empty()) << at << " " << error;
+            }
+        }
+    }
+}
+
+} // namespace

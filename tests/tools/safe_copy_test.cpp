@@ -1,0 +1,310 @@
+// vexofileop copy and move, where something is in the way, fails or is stopped: what stood there stays until the new
+// one is whole, and what cannot be carried is told.
+#include "tests/ea/stream_bytes.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+class SafeCopy : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        kit::writeFile(from, "new");
+        kit::writeFile(to, "old");
+    }
+    void directory(const std::string &name) const { ASSERT_EQ(0, ::mkdir((scratch / name).c_str(), 0755)); }
+    void giveStore(const std::string &name, const std::string &content) const {
+        ::mkdir((scratch / "@eaDir").c_str(), 0777);
+        kit::writeFile(storeOf(name), content);
+    }
+    std::string storeOf(const std::string &name) const { return scratch / ("@eaDir/" + name + "@VexoEAStream"); }
+    static bool isRoot() { return ::geteuid() == 0; }
+
+    kit::ScratchDirectory scratch;
+    const std::string from = scratch / "from", to = scratch / "to";
+};
+using SafeMove = SafeCopy;
+
+#define NEEDS_ROOT()                                                                                                   \
+    if (!isRoot()) {                                                                                                   \
+        GTEST_SKIP() << "needs root";                                                                                  \
+    }
+
+TEST_F(SafeCopy, FailedReplacementLeavesTheOldFileAndItsStore) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    kit::writeFile(scratch / "big", kit::pattern(3 << 20));
+    kit::writeFile(volume / "file", "old");
+    ASSERT_EQ(0, ::mkdir((volume / "@eaDir").c_str(), 0777));
+    kit::writeFile(volume / "@eaDir/file@VexoEAStream", "stream");
+    EXPECT_EQ(2, runTool({"copy", "-f", scratch / "big", volume / "file"}).status);
+    EXPECT_EQ("old", kit::readFile(volume / "file"));
+    EXPECT_EQ("stream", kit::readFile(volume / "@eaDir/file@VexoEAStream"));
+    EXPECT_EQ((std::vector<std::string>{"@eaDir", "file"}), kit::namesIn(volume.path()));
+}
+
+TEST_F(SafeCopy, ReplacedFileKeepsNothingOfTheOldOne) {
+    giveStore("to", "old stream");
+    kit::setAttribute(to, "user.old", "x");
+    ASSERT_EQ(0, ::link(to.c_str(), (scratch / "hard").c_str()));
+    EXPECT_EQ(0, runTool({"copy", "-f", from, to}).status);
+    EXPECT_EQ("new", kit::readFile(to));
+    EXPECT_FALSE(kit::exists(storeOf("to")));
+    EXPECT_EQ("", kit::attribute(to, "user.old"));
+    EXPECT_EQ("old", kit::readFile(scratch / "hard"));
+    EXPECT_EQ("x", kit::attribute(scratch / "hard", "user.old"));
+}
+
+TEST_F(SafeMove, ReplacedFileKeepsNothingOfTheOldOne) {
+    giveStore("to", "old stream");
+    EXPECT_EQ(0, runTool({"move", "-f", from, to}).status);
+    EXPECT_EQ("new", kit::readFile(to));
+    EXPECT_FALSE(kit::exists(storeOf("to")));
+}
+
+TEST_F(SafeCopy, NewFileDoesNotTakeTheStoreThatAnotherOneLeft) {
+    giveStore("fresh", "orphan");
+    giveStore("second", "orphan");
+    EXPECT_EQ(0, runTool({"copy", from, scratch / "fresh"}).status);
+    EXPECT_FALSE(kit::exists(storeOf("fresh")));
+    EXPECT_EQ(0, runTool({"move", from, scratch / "second"}).status);
+    EXPECT_FALSE(kit::exists(storeOf("second")));
+}
+
+TEST_F(SafeCopy, StoreOfTheNewFileTakesThePlaceOfTheOldOne) {
+    NEEDS_ROOT();
+    giveStore("from", stream::bytes({{"comment", "new"}}));
+    giveStore("to", stream::bytes({{"comment", "old"}, {"other", "old"}}));
+    EXPECT_EQ(0, runTool({"copy", "-f", from, to}).status);
+    EXPECT_EQ(kit::readFile(storeOf("from")), kit::readFile(storeOf("to")));
+    EXPECT_EQ((std::vector<std::string>{"from@VexoEAStream", "to@VexoEAStream"}), kit::namesIn(scratch / "@eaDir"));
+    EXPECT_EQ((std::vector<std::string>{"@eaDir", "from", "to"}), kit::namesIn(scratch.path()));
+}
+
+TEST_F(SafeCopy, SetIdBitsArriveOnReplacedFilesAndMergedDirectories) {
+    directory("tree");
+    directory("out");
+    directory("out/tree");
+    ASSERT_EQ(0, ::chmod(from.c_str(), 06755));
+    ASSERT_EQ(0, ::chmod((scratch / "tree").c_str(), 02775));
+    EXPECT_EQ(0, runTool({"copy", "-f", from, to}).status);
+    EXPECT_EQ(06755u, kit::statOf(to).st_mode & 07777);
+    EXPECT_EQ(0, runTool({"copy", "-r", scratch / "tree", scratch / "out"}).status);
+    EXPECT_EQ(02775u, kit::statOf(scratch / "out/tree").st_mode & 07777);
+}
+
+TEST_F(SafeCopy, LinksBelowTheDestinationAreReplaced) {
+    directory("tree");
+    directory("out");
+    directory("out/tree");
+    kit::writeFile(scratch / "tree/file", "new");
+    ASSERT_EQ(0, ::symlink("../../to", (scratch / "out/tree/file").c_str()));
+    EXPECT_EQ(0, runTool({"copy", "-rf", scratch / "tree", scratch / "out"}).status);
+    EXPECT_EQ("old", kit::readFile(to));
+    EXPECT_TRUE(S_ISREG(kit::statOf(scratch / "out/tree/file").st_mode));
+    ASSERT_EQ(0, ::symlink("to", (scratch / "link").c_str()));
+    EXPECT_EQ(0, runTool({"move", "-f", from, scratch / "link"}).status);
+    EXPECT_EQ("old", kit::readFile(to));
+    EXPECT_EQ("new", kit::readFile(scratch / "link"));
+}
+
+TEST_F(SafeCopy, OwnReadOnlyFileIsReplaced) {
+    ASSERT_EQ(0, ::chmod(to.c_str(), 0444));
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+    ASSERT_EQ(0, ::chmod(from.c_str(), 0644));
+    if (isRoot()) {
+        ASSERT_EQ(0, ::chown(to.c_str(), 1234, 1234));
+    }
+    EXPECT_NE(2, runTool({"copy", "-f", from, to}, {.user = isRoot() ? uid_t{1234} : 0}).status);
+    EXPECT_EQ("new", kit::readFile(to));
+}
+
+TEST_F(SafeCopy, WhereNothingCanBeMadeTheFileIsWrittenInPlaceAndThatIsTold) {
+    NEEDS_ROOT();
+    directory("closed");
+    const std::string file = scratch / "closed/file";
+    kit::writeFile(file, "old and longer", 0666);
+    ASSERT_EQ(0, ::chmod(file.c_str(), 0666));
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+    const auto inode = kit::statOf(file).st_ino;
+    const ToolResult result = runTool({"copy", "-f", from, file}, {.user = 1234});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "written in place")) << result.err;
+    EXPECT_EQ("new", kit::readFile(file));
+    EXPECT_EQ(inode, kit::statOf(file).st_ino);
+}
+
+TEST_F(SafeCopy, AttributesOfTheSystemGoAlong) {
+    NEEDS_ROOT();
+    constexpr unsigned char capability[20] = {1, 0, 0, 2, 0, 4};
+    if (::setxattr(from.c_str(), "security.capability", capability, sizeof capability, 0) != 0 ||
+        ::setxattr(from.c_str(), "trusted.note", "t", 1, 0) != 0) {
+        GTEST_SKIP() << "this volume or this root cannot set such attributes";
+    }
+    directory("tree");
+    directory("tree/sub");
+    ASSERT_EQ(0, ::rename(from.c_str(), (scratch / "tree/sub/file").c_str()));
+    ASSERT_EQ(0, ::setxattr((scratch / "tree/sub").c_str(), "trusted.note", "d", 1, 0));
+    for (const char *how : {"-r", "-rv"}) {
+        const std::string out = scratch / how;
+        EXPECT_EQ(0, runTool({"copy", how, scratch / "tree", out}).status);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(capability), sizeof capability),
+                  kit::attribute(out + "/sub/file", "security.capability"));
+        EXPECT_EQ("t", kit::attribute(out + "/sub/file", "trusted.note"));
+        EXPECT_EQ("d", kit::attribute(out + "/sub", "trusted.note"));
+    }
+}
+
+TEST_F(SafeCopy, FilesThatSayTheyAreEmptyAreRefused) {
+    const ToolResult result = runTool({"copy", "-f", "/proc/self/status", to});
+    EXPECT_EQ(2, result.status);
+    EXPECT_TRUE(mentions(result.err, "says that it is empty, and is not")) << result.err;
+    EXPECT_EQ("old", kit::readFile(to));
+}
+
+TEST_F(SafeCopy, WhatIsLeftOverOfStoppedCommandsIsNeitherCopiedNorKept) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+    const std::string left = ".vexofileop-" + std::to_string(child) + "-1";
+    directory("tree");
+    directory("out");
+    kit::writeFile(scratch / "tree/" + left, "half");
+    kit::writeFile(scratch / "out/" + left, "half");
+    const ToolResult result = runTool({"copy", "-r", scratch / "tree", scratch / "out"});
+    EXPECT_TRUE(mentions(result.out + result.err, "1 skipped")) << result.out << result.err;
+    EXPECT_EQ((std::vector<std::string>{"tree"}), kit::namesIn(scratch / "out"));
+    EXPECT_TRUE(kit::namesIn(scratch / "out/tree").empty());
+}
+
+TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {
+    directory("tree");
+    directory("tree/sub");
+    directory("tree/sub/@EADIR");
+    kit::writeFile(scratch / "tree/file", "f");
+    kit::writeFile(scratch / "tree/sub/@EADIR/mine", "m");
+    for (const char *how : {"-r", "-rv"}) {
+        const ToolResult result = runTool({"copy", how, scratch / "tree", scratch / how});
+        EXPECT_EQ(1, result.status);
+        EXPECT_TRUE(mentions(result.err, "tree/sub/@EADIR: the name")) << result.err;
+    }
+}
+
+TEST_F(SafeMove, WhatTheOtherVolumeDoesNotTakeKeepsTheSource) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    kit::setAttribute(from, "user.note", "n");
+    const ToolResult result = runTool({"move", from, volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "copied without user.note; the source stays")) << result.err;
+    EXPECT_EQ("new", kit::readFile(from));
+    EXPECT_EQ("new", kit::readFile(volume / "from"));
+    const ToolResult copied = runTool({"copy", "-f", from, volume.path()});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "copied without user.note\n")) << copied.err;
+}
+
+TEST_F(SafeMove, StreamsThatDoNotFitKeepTheSource) {
+    NEEDS_ROOT();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 10));
+    ::mkdir((scratch / "@eaDir").c_str(), 0777);
+    kit::writeFile(scratch / "value", kit::pattern(40'000));
+    kit::writeFile(scratch / "more", kit::pattern(400'000));
+    ASSERT_EQ(0, runTool({"ea", "set", from, "first", "--from", scratch / "value"}).status);
+    ASSERT_EQ(0, runTool({"ea", "set", from, "second", "--from", scratch / "more"}).status);
+    const std::string store = kit::readFile(storeOf("from"));
+    for (const int code : {-1, 0}) { // "@eaDir", and a "._" file
+        if (code >= 0) {
+            ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=" + std::to_string(code)).c_str(), 1);
+        }
+        const ToolResult result = runTool({"move", "-f", from, volume / "file"});
+        ::unsetenv("VEXOFILEOP_FSTYPES");
+        EXPECT_EQ(1, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, "the source stays")) << result.err;
+        EXPECT_EQ("new", kit::readFile(from));
+        EXPECT_EQ(store, kit::readFile(storeOf("from")));
+    }
+}
+
+TEST_F(SafeMove, DirectoryThatCannotBeFinishedKeepsItsSource) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    directory("tree");
+    kit::setAttribute(scratch / "tree", "user.note", "n");
+    kit::writeFile(scratch / "tree/file", "f");
+    const ToolResult result = runTool({"move", scratch / "tree", volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("n", kit::attribute(scratch / "tree", "user.note"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+}
+
+TEST_F(SafeMove, WhatIsNobodysStoreStaysWithItsDirectory) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    directory("tree");
+    directory("tree/@eaDir");
+    kit::writeFile(scratch / "tree/file", "f");
+    kit::writeFile(scratch / "tree/@eaDir/renamed away@VexoEAStream", "s");
+    kit::writeFile(scratch / "tree/@eaDir/unknown", "u");
+    const ToolResult result = runTool({"move", scratch / "tree", volume.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("s", kit::readFile(scratch / "tree/@eaDir/renamed away@VexoEAStream"));
+    EXPECT_EQ("u", kit::readFile(scratch / "tree/@eaDir/unknown"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+}
+
+TEST_F(SafeMove, SecondTreeOfOneNameIsRefused) {
+    directory("a");
+    directory("b");
+    directory("out");
+    for (const char *tree : {"a/docs", "b/docs"}) {
+        directory(tree);
+        kit::writeFile(scratch / tree + "/file", tree);
+    }
+    const ToolResult result = runTool({"move", "-f", scratch / "a/docs", scratch / "b/docs", scratch / "out"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "just written by this command")) << result.err;
+    EXPECT_EQ("a/docs", kit::readFile(scratch / "out/docs/file"));
+    EXPECT_EQ("b/docs", kit::readFile(scratch / "b/docs/file"));
+}
+
+TEST_F(SafeMove, TwoAtOnceIntoOneNameLoseNothing) {
+    for (const char *policy : {"--keep-both", "-v"}) {
+        directory(policy);
+        const std::string at = scratch / policy;
+        for (int round = 0; round < 30; ++round) {
+            const std::string name = at + "/n" + std::to_string(round);
+            kit::writeFile(at + "/a", "a");
+            kit::writeFile(at + "/b", "b");
+            std::thread other([&] { runTool({"move", policy, at + "/a", name}); });
+            runTool({"move", policy, at + "/b", name});
+            other.join();
+            std::string contents;
+            for (const std::string &file : kit::namesIn(at)) {
+                contents += kit::readFile(at + "/" + file);
+                ASSERT_EQ(0, ::unlink((at + "/" + file).c_str()));
+            }
+            std::ranges::sort(contents);
+            EXPECT_EQ("ab", contents) << policy;
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,42 @@
+// The last step of a copy: what was made under a private name gets its own, with what is kept beside it.
+//
+// A volume renames a file at once; its store is renamed after it, in steps of its own. So that neither of the two is
+// ever half of each, a note beside the file tells what is meant while that lasts, and whoever comes after a kill
+// finishes it: until the file itself has its name nothing of what stood there is touched.
+#pragma once
+
+#include "tools/engine/report/problem.h"
+#include "tools/engine/transfer/held_directory.h"
+
+#include <optional>
+#include <string>
+
+namespace engine {
+
+// Whether anything is kept beside an entry, of which there may be none.
+bool has_store(const HeldDirectory &directory, const std::string &name);
+
+struct Placement {
+    const HeldDirectory &directory;
+    std::string made;      // the private name
+    std::string name;      // the one that it is to have
+    bool replace = false;  // what stands there goes, with its store
+    bool withStore = true; // something may be kept beside it, or beside what stood there
+};
+
+// Nothing, with errno, when the entry has not got its name; it is then as it was, and so is what stood there: EEXIST is
+// told by the kernel. Else what could not be done for its store, with an empty reason where there is nothing to say.
+std::optional<Problem> place(const Placement &placement);
+
+// For an entry that was renamed: what is kept for it goes along, and what an old one of its new name had goes. What
+// could not be done; an empty reason: nothing.
+Problem follow_store(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
+                     const std::string &name);
+
+// Removes what was made, with its store.
+void discard(const HeldDirectory &directory, const std::string &made);
+
+// Finishes or removes what processes that are gone have left in the directory.
+void clear_left_overs(const HeldDirectory &directory);
+
+} // namespace engine
