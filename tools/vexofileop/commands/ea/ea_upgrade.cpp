@@ -84,8 +84,8 @@ void add_ea_upgrade_command(const Command &ea, int &status) {
     command.add_flag("-r,--recursive", options->recursive, "every file and directory of a tree");
     command.add_flag("--dry-run", options->dryRun, "only list what would be converted");
     const PathOperands paths(command, "PATH", "PATH...");
-    command.set_footer("\nOne that was stopped goes on where it was. An attribute that the current layout has\n"
-                       "with another value stays where it is, and is told.\n"
+    command.set_footer("\nOne that was stopped goes on where it was. An attribute that the current layout\n"
+                       "has with another value stays where it is, and is told.\n"
                        "Example:\n  vexofileop ea upgrade -r --dry-run /volume1/photos");
     command.set_work([&status, options, paths] {
         PathWork work;
