@@ -19,7 +19,7 @@ constexpr char kStore[] = "@eaDir";
 using Names = std::map<std::string, unsigned char>;
 
 Names names_of(int directory) {
-    const auto entries = entries_in(fmt::format("/proc/self/fd/{}/.", directory));
+    const auto entries = entries_in(directory);
     if (!entries) {
         throw_errno("cannot be read");
     }

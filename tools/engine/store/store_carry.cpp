@@ -174,13 +174,23 @@ void check_directory_arrived(const std::string &source, const std::string &desti
         VEXOEADirPath(0, destination.c_str(), to, sizeof to - 1) != 0) {
         return;
     }
-    for (const Entry &entry : entries_in(from).value_or(std::vector<Entry>())) {
+    constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Descriptor ours(::open(from, directoryFlags));
+    if (ours.get() < 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        return;
+    }
+    const Descriptor theirs(::open(to, directoryFlags));
+    const auto entries = ours.get() < 0 ? std::nullopt : entries_in(ours.get());
+    if (!entries) {
+        throw_missing("what is in the file's directory");
+    }
+    for (const Entry &entry : *entries) {
         if (entry.type != DT_REG) {
             throw_missing(displayed(entry.name) + " in the file's directory");
         }
         constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-        const Descriptor one(::open(joined(from, entry.name).c_str(), flags));
-        const Descriptor other(::open(joined(to, entry.name).c_str(), flags));
+        const Descriptor one(::openat(ours.get(), entry.name.c_str(), flags));
+        const Descriptor other(::openat(theirs.get(), entry.name.c_str(), flags));
         if (one.get() < 0 || other.get() < 0 || !same_bytes(one.get(), 0, other.get(), 0, UINT64_MAX)) {
             throw_missing(displayed(entry.name) + " in the file's directory");
         }
