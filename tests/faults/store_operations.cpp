@@ -76,7 +76,7 @@ bool isOnTheWay(const Fault &fault, const std::string &side, const std::string &
 
 // One of these files, by its name or open.
 bool isOfThumbnail(const Fault &fault) {
-    return (isCall(fault, {"openat", "newfstatat", "renameat"}) && fault.path == kThumbnail) ||
+    return (isCall(fault, {"openat", "newfstatat", "renameat"}) && isAt(fault, kThumbnail)) ||
            (isCall(fault, {"newfstatat"}) && fault.path.empty());
 }
 
@@ -126,8 +126,9 @@ Operation copy(const std::string &name, int srcKind, int dstKind, bool move) {
 std::string keptOfDirectoryMove(const Finding &finding, const Report &report) {
     const Fault &fault = finding.fault;
     const bool isWant = fault.error == EMFILE || fault.error == ENOMEM;
-    const bool isDestination =
-        isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdirat"}) && fault.path == "g") || isOnTheWay(fault, "/to", "g");
+    const bool isDestination = isCall(fault, {"fchmod"}) ||
+                               (isCall(fault, {"mkdirat"}) && (fault.path == "g" || isAt(fault, "/to/@eaDir"))) ||
+                               isOnTheWay(fault, "/to", "g");
     const bool isItself = isOfThumbnail(fault) || isOnTheWay(fault, "/from", "f");
     const bool isItsCopy = isCall(fault, {"read", "write", "allocation"});
     if (finding.check == "metadata lost" && finding.detail == kThumbnail && !isWant &&
