@@ -422,17 +422,18 @@ int EASetSmbArchive(const char *path);
  *     VEXOEACopy(src, dst, 0, 0, -1, -1, 0, 0);
  *
  * What cannot be carried stays at the source, with a move too: an attribute over 65536 bytes on the way to a volume of
- * native attributes, an entry that could not be written. Three things a move gives up on purpose: an entry of the
+ * native attributes, an entry that could not be written, and what lies in the directory in "@eaDir" where a descriptor
+ * or memory was wanting on the way (EMFILE, ENFILE, ENOMEM). Three things a move gives up on purpose: an entry of the
  * directory in "@eaDir" whose copy failed for another reason than a full cross-device copy; anything in that directory
  * that is no regular file; and all of it when the destination's directory cannot be made.
  *
  * Returns 0, or -1: 0x0D00 null or empty path; 0x0100 out of memory, or an attribute passed over as too large (then the
  * result is 0); 0x0900 a store could not be opened; 0x0A00 it could not be read, or is malformed; 0x0B00 it could not
- * be written; 0x2A00 something could not be removed or made accessible, or an AppleDouble entry is missing; 0xC300 a
- * name is too long; those of VEXOCopyFileFd, VEXOEASOpen, VEXOEASWrite, VEXOEAXattrGet and VEXOEAMKDir. Where only
- * errno tells why (a file that cannot be opened for copying, an attribute that cannot be read) the code is left as it
- * was. A volume that supports no attributes (EOPNOTSUPP) is a -1 without a log line. May switch the effective user to
- * root and back. */
+ * be written; 0x2A00 something could not be removed or made accessible, or an AppleDouble entry is missing; 0x3900 the
+ * directory that `dst` had in "@eaDir" could not be removed; 0xC300 a name is too long; those of VEXOCopyFileFd,
+ * VEXOEASOpen, VEXOEASWrite, VEXOEAXattrGet and VEXOEAMKDir. Where only errno tells why (a file that cannot be opened
+ * for copying, an attribute that cannot be read) the code is left as it was. A volume that supports no attributes
+ * (EOPNOTSUPP) is a -1 without a log line. May switch the effective user to root and back. */
 int VEXOEACopy(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int, int);
 /* The same, with `copyEA` in place of the copy of each file of the store (null: the built-in one). */
 int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int, int,

@@ -1,6 +1,8 @@
 // Owner of a file descriptor.
 #pragma once
 
+#include "support/keep_errno.h"
+
 #include <unistd.h>
 
 namespace vexo {
@@ -30,8 +32,11 @@ class Fd {
         m_fd = -1;
         return fd;
     }
+    // What the close says is nobody's business here, and what was said before it stays: who asks for it closes what
+    // release() gives.
     void reset(int fd = -1) {
         if (m_fd >= 0) {
+            const KeepErrno keep;
             ::close(m_fd);
         }
         m_fd = fd;

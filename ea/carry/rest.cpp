@@ -29,9 +29,16 @@ bool is_directory(const char *path, struct stat &status) {
 // What became of an entry.
 enum class Outcome { carried, failed, left_alone };
 
+// The way into a store takes descriptors and memory. That the process has none for the moment says nothing of the entry
+// or its volume, so that no move gives up anything for it.
+bool lacks_resources(int number) {
+    return number == EMFILE || number == ENFILE || number == ENOMEM;
+}
+
 Outcome copy_failed(const char *from, const char *to) {
+    const int number = errno;
     VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to cp -f %s to %s. %m", from, to);
-    return Outcome::failed;
+    return lacks_resources(number) ? Outcome::left_alone : Outcome::failed;
 }
 
 Outcome opened_to_all(int result, const char *to) {
@@ -164,7 +171,7 @@ int carry_directory(const EaCopyJob &job) {
         return 0;
     }
     if (prepare_ea_directory(kPerFileDirectory, job.dst, to) < 0) {
-        if (job.move) {
+        if (job.move && !lacks_resources(errno)) {
             remove_source_directory(job, from.c_str());
         }
         return -1;

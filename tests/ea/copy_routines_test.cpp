@@ -389,6 +389,54 @@ TEST_F(CopyRoutines, FailedCopyOfAnEntryIsLoggedAndAMoveDropsIt) {
     EXPECT_FALSE(kit::exists(from.eaDirectory()));
 }
 
+// The way to an entry takes descriptors and memory. What is wanting there says nothing of the entry.
+TEST_F(CopyRoutines, MoveGivesUpNothingForWantOfDescriptorsOrMemory) {
+    for (const int number : {EMFILE, ENFILE, ENOMEM}) {
+        prepare(kEaDirectory, kEaDirectory, some(), newRoot());
+        kit::Faults::fail("rename", number);
+        EXPECT_EQ(0, copy(true));
+        EXPECT_TRUE(logged("Failed to cp -f " + from.own() + "/thumb.jpg to " + to.own() + "/thumb.jpg. "));
+        EXPECT_EQ(some().extras, read(from, kEaDirectory).extras) << number;
+
+        prepare(kEaDirectory, kEaDirectory, some(), newRoot());
+        kit::Faults::fail("opendir", number, to.own()); // once it is made
+        EXPECT_EQ(-1, copy(true));
+        EXPECT_EQ(some().extras, read(from, kEaDirectory).extras) << number;
+    }
+}
+
+TEST_F(CopyRoutines, CallbackThatWantsDescriptorsGivesUpNothing) {
+    prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false});
+    VEXOCopyArgsEx options{};
+    options.copyEA = [](const char *, const char *) {
+        errno = EMFILE;
+        return -1;
+    };
+    EXPECT_EQ(0, VEXOEACopyInternal(from.path().c_str(), to.path().c_str(), 1, 0, -1, -1, &options, nullptr, nullptr));
+    EXPECT_EQ(some().extras, read(from, kEaDirectory).extras);
+}
+
+// Nothing stands where the directory is to be made, though a look cannot tell.
+TEST_F(CopyRoutines, LookThatFailsOnceKeepsNothingFromBeingCarried) {
+    for (const bool move : {false, true}) {
+        prepare(kEaDirectory, kEaDirectory, some(), newRoot());
+        kit::Faults::fail("lstat", EIO, to.own(), 1); // the first asks whether it is the source
+        EXPECT_EQ(0, copy(move)) << kit::Log::all();
+        EXPECT_EQ(some().extras, read(to, kEaDirectory).extras);
+    }
+}
+
+// What a close says on the way out hides nothing of what was found before it.
+TEST_F(CopyRoutines, FailingCloseGivesUpNothing) {
+    for (int skip = 0; skip < 40; ++skip) {
+        prepare(kEaDirectory, kEaDirectory, {"", "", {}, some().extras, false}, newRoot());
+        kit::Faults::fail("close", EIO, {}, skip);
+        EXPECT_EQ(0, copy(true)) << skip << kit::Log::all();
+        kit::Faults::reset();
+        EXPECT_EQ(some().extras, read(to, kEaDirectory).extras) << skip;
+    }
+}
+
 TEST_F(CopyRoutines, MoveKeepsADirectoryThatCannotBeReadToItsEnd) {
     prepare(kEaDirectory, kEaDirectory);
     kit::Faults::failAlways("readdir", EIO, from.own());

@@ -59,7 +59,7 @@ void putStore(Scene &scene, int kind) {
 // Its own, those of the transfer, of the streams and of the attributes; where only errno tells why, none.
 const std::set<uint32_t> kCopyCodes = {0,      0x0100, 0x0200, 0x0300, 0x0400, 0x0600, 0x0700, 0x0900,
                                        0x0A00, 0x0B00, 0x2000, 0x2400, 0x2600, 0x2700, 0x2900, 0x2A00,
-                                       0x3B00, 0x3C00, 0x6C00, 0x8000, 0xAA00, 0xC300};
+                                       0x3900, 0x3B00, 0x3C00, 0x6C00, 0x8000, 0xAA00, 0xC300};
 
 // A change rewrites the stream file in place; one that fails is undone, one that is killed is not.
 std::string keptOfChange(const Finding &finding, const Report &) {
@@ -69,6 +69,17 @@ std::string keptOfChange(const Finding &finding, const Report &) {
     return {};
 }
 
+// The way to what lies in the own directory of f or g, which is gone from "@eaDir" on by names alone.
+bool isOnTheWay(const Fault &fault, const std::string &side, const std::string &name) {
+    return isCall(fault, {"openat"}) && (isAt(fault, side + "/@eaDir") || fault.path == name);
+}
+
+// One of these files, by its name or open.
+bool isOfThumbnail(const Fault &fault) {
+    return (isCall(fault, {"openat", "newfstatat", "renameat"}) && isAt(fault, kThumbnail)) ||
+           (isCall(fault, {"newfstatat"}) && fault.path.empty());
+}
+
 // What cannot be asked for is taken to be none; what lies in the file's own directory is no reason to fail.
 std::string keptOfCopy(const Finding &finding, const Report &report) {
     const Fault &fault = finding.fault;
@@ -76,10 +87,11 @@ std::string keptOfCopy(const Finding &finding, const Report &report) {
         return {};
     }
     if (finding.detail == kThumbnail) {
-        const bool isItsDirectory = isCall(fault, {"newfstatat"}) && isAt(fault, "/@eaDir/f");
-        const bool isItself = isCall(fault, {"openat", "newfstatat", "rename"}) && isAt(fault, "/thumbnail");
+        const bool isItsDirectory = isCall(fault, {"newfstatat"}) && fault.path == "f";
+        const bool isItsWay = isOnTheWay(fault, "/from", "f") || isOnTheWay(fault, "/to", "g");
         const bool isItsCopy = isCall(fault, {"getdents", "read", "write", "allocation"});
-        return isItsDirectory || isItself || isItsCopy ? "store-copy-passes-over-attributes" : "";
+        return isItsDirectory || isItsWay || isOfThumbnail(fault) || isItsCopy ? "store-copy-passes-over-attributes"
+                                                                               : "";
     }
     const bool isStore = isAt(fault, "/f@VexoResource") || isAt(fault, "/f@VexoEAStream") || isAt(fault, "/._f");
     const bool isAsked = isCall(fault, {"access"}) || (isCall(fault, {"newfstatat"}) && fault.error == EACCES);
@@ -109,14 +121,18 @@ Operation copy(const std::string &name, int srcKind, int dstKind, bool move) {
     return made;
 }
 
-// A move gives up what it cannot carry of the file's own directory.
+// A move gives up what it cannot carry of the file's own directory, but nothing for want of descriptors or memory on
+// the way there.
 std::string keptOfDirectoryMove(const Finding &finding, const Report &report) {
     const Fault &fault = finding.fault;
-    const bool isDestination =
-        isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdir", "mkdirat", "openat"}) && isBelow(fault, "/to/@eaDir"));
-    const bool isItself = isCall(fault, {"openat", "rename"}) && isAt(fault, "/thumbnail");
+    const bool isWant = fault.error == EMFILE || fault.error == ENOMEM;
+    const bool isDestination = isCall(fault, {"fchmod"}) ||
+                               (isCall(fault, {"mkdirat"}) && (fault.path == "g" || isAt(fault, "/to/@eaDir"))) ||
+                               isOnTheWay(fault, "/to", "g");
+    const bool isItself = isOfThumbnail(fault) || isOnTheWay(fault, "/from", "f");
     const bool isItsCopy = isCall(fault, {"read", "write", "allocation"});
-    if (finding.check == "metadata lost" && finding.detail == kThumbnail && (isDestination || isItself || isItsCopy)) {
+    if (finding.check == "metadata lost" && finding.detail == kThumbnail && !isWant &&
+        (isDestination || isItself || isItsCopy)) {
         return "move-gives-up-the-own-directory";
     }
     return keptOfCopy(finding, report);

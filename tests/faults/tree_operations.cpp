@@ -40,18 +40,25 @@ void prepareTree(Scene &scene, bool across) {
     kit::PlatformDouble::setType(scene.to(), 2);
 }
 
+// What makes the data of a file fail, or those of its store: small ones are read and written, by descriptors.
+bool isOfData(const Fault &fault) {
+    return isCall(fault, {"read", "write"});
+}
+
 // What makes an entry of a tree fail.
 bool isOfAnEntry(const Fault &fault) {
-    return isCall(fault, {"allocation", "close", "getdents"}) ||
+    return isCall(fault, {"allocation", "close", "getdents"}) || isOfData(fault) ||
            (isCall(fault, {"mkdir", "rename", "ioctl"}) && fault.error != EXDEV) ||
            (isCall(fault, {"openat", "newfstatat", "statx"}) && !isBelow(fault, "@eaDir"));
 }
 
-// What makes the copy of a file's store fail.
+// What makes the copy of a file's store fail: the way to its stream, and what is done with the open one.
 bool isOfAStore(const Fault &fault) {
+    const bool isOpen = isCall(fault, {"newfstatat"}) && fault.path.empty();
     return isCall(fault, {"allocation", "close"}) || (isCall(fault, {"getxattr"}) && isAt(fault, "/tree/a")) ||
-           isCall(fault, {"fchmod"}) || (isCall(fault, {"mkdirat", "openat"}) && isAt(fault, "/tree/@eaDir")) ||
-           (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "/tree/@eaDir/a@VexoEAStream"));
+           isCall(fault, {"fgetxattr", "fchmod"}) || isOfData(fault) || isOpen ||
+           (isCall(fault, {"mkdirat", "openat"}) && isAt(fault, "/tree/@eaDir")) ||
+           (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "a@VexoEAStream"));
 }
 
 std::string keptOf(const Finding &finding, const Report &report) {
@@ -74,6 +81,12 @@ std::string keptOf(const Finding &finding, const Report &report) {
         return "moved-but-not-looked-up";
     }
     return {};
+}
+
+// One that stops on errors goes on past an entry that had an I/O error, whose code is that of one that vanished.
+std::string keptOfStopping(const Finding &finding, const Report &report) {
+    const bool ended = finding.check == "success is complete" && isOfData(finding.fault) && finding.fault.error != EIO;
+    return ended ? std::string() : keptOf(finding, report);
 }
 
 std::string keptOfRelocation(const Finding &finding, const Report &report) {
@@ -157,6 +170,7 @@ std::vector<Operation> treeOperations() {
     all.push_back(withOptions("TreeCopy", false, false, nothingElse));
     all.push_back(
         withOptions("TreeCopyStopsOnError", false, false, [](VEXOCopyOpt &options) { options.stopOnError = 1; }));
+    all.back().kept = keptOfStopping;
     all.push_back(withOptions("TreeMove", true, false, nothingElse));
     all.push_back(withOptions("TreeMoveAcross", true, true, nothingElse));
     all.push_back(

@@ -52,6 +52,7 @@ class Copy {
     void dosAttributes();
     void times();
     void acl();
+    void store();
 
     Next fail(uint32_t code) {
         setError(code, m_call.source());
@@ -356,6 +357,26 @@ void Copy::acl() {
     }
 }
 
+// Only who may write a file sets its attributes: the owner of a read-only one may while its store is carried.
+void Copy::store() {
+    const auto carry = [&] {
+        VEXOEACopyInternal(m_src.c_str(), m_dst.c_str(), m_call.eaMove, m_call.eaFlags, *m_call.srcType,
+                           *m_call.dstType, m_call.ex, m_call.thr, m_call.args);
+    };
+    struct stat status = {};
+    if (isRoot() || (m_srcStat.st.st_mode & 0200) != 0 || ::stat(m_dst.c_str(), &status) != 0 ||
+        !S_ISREG(status.st_mode) || (status.st_mode & 0200) != 0) {
+        carry();
+        return;
+    }
+    const mode_t mode = status.st_mode & 07777;
+    const bool changed = ::chmod(m_dst.c_str(), mode | 0200) == 0;
+    carry();
+    if (changed && ::stat(m_dst.c_str(), &status) == 0 && (status.st_mode & 07777) == (mode | 0200)) {
+        ::chmod(m_dst.c_str(), mode);
+    }
+}
+
 // From the open destination to its close. A failure leaves no destination; a cancelled copy is then a success.
 Copy::Next Copy::fill() {
     Next next = clone();
@@ -409,8 +430,7 @@ Copy::Next Copy::perform() {
     times();
     acl();
     if (m_call.carriesStore) {
-        VEXOEACopyInternal(m_src.c_str(), m_dst.c_str(), m_call.eaMove, m_call.eaFlags, *m_call.srcType,
-                           *m_call.dstType, m_call.ex, m_call.thr, m_call.args);
+        store();
     }
     m_removeSource = m_call.move;
     return Next::success;
