@@ -3,6 +3,7 @@
 //
 // Without VEXO_FULL in the environment a sample of the points is taken; with it all of them.
 #include "ea/ea.h"
+#include "tests/ea/adouble_bytes.h"
 #include "tests/ea/stream_bytes.h"
 #include "tests/faults/system_calls.h"
 #include "tests/kit/behaviour.h"
@@ -39,6 +40,11 @@ struct Content {
     std::string finderInfo, fork;
     bool sound = false;
 };
+
+// A resource file beside the stream, which no change of that touches.
+std::string resourceBytes() {
+    return adouble_bytes::header({{9, 50, 32}, {2, 82, 4}}, 82) + "fork";
+}
 
 Content contentOf(const std::string &path) {
     Content content;
@@ -92,7 +98,7 @@ class Scene {
         kit::writeFile(store(), stream::bytes(attributes, static_cast<uint32_t>(kFork.size()), kFinderInfo) + kFork,
                        0640);
         if (one.kind != 0) {
-            kit::writeFile(resource(), "a resource file of its own");
+            kit::writeFile(resource(), resourceBytes());
         }
         kit::setAttribute(store(), "user.mark", "of the store file");
         if (isCopy()) {
@@ -155,9 +161,7 @@ class Scene {
         if (isCopy() && !mayBeGone && kit::readFile(sourceStore()) != bytesOfSource()) {
             return "the source's store is another";
         }
-        return m_case.kind == 0 || kit::readFile(resource()) == "a resource file of its own"
-                   ? ""
-                   : "the resource file is another";
+        return m_case.kind == 0 || kit::readFile(resource()) == resourceBytes() ? "" : "the resource file is another";
     }
     bool hasPrivateNames() const {
         const auto all = std::filesystem::recursive_directory_iterator(m_directory);

@@ -322,15 +322,16 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         !missing.empty()) {
         lose(missing);
     }
+    // While its owner may still write to it: the creation time may be kept in an attribute.
+    const timespec times[] = {status.st_atim, status.st_mtim, level.status.createTime};
+    if (VLIBCFileUTime(to.c_str(), 3, times) != 0 && errno != EOPNOTSUPP) {
+        lose("its times");
+    }
     // Copying an ACL sets the permissions alone. FAT has its modes from the mount.
     struct stat there {};
     if (::fstat(fd, &there) == 0 && ((there.st_mode ^ status.st_mode) & 07777) != 0 &&
         ::fchmod(fd, status.st_mode & 07777) != 0 && m_destinationTraits.owners) {
         lose("its mode");
-    }
-    const timespec times[] = {status.st_atim, status.st_mtim, level.status.createTime};
-    if (VLIBCFileUTime(to.c_str(), 3, times) != 0 && errno != EOPNOTSUPP) {
-        lose("its times");
     }
     if (!lost.empty()) {
         level.outcome.warning = Problem{fmt::format("the directory is there, but without {}", lost)};
