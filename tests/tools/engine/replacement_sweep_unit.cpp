@@ -76,7 +76,7 @@ class ReplacementSweep : public ::testing::Test {
         kit::writeFile(scene.scratch / "other", "o");
         EXPECT_TRUE(replace(scene.scratch / "other", scene.scratch / "to/other"));
     }
-    static size_t callsOf() {
+    static std::vector<faults::SystemCall> callsOf() {
         const Scene scene;
         const faults::Outcome watched = faults::supervise({}, [&](faults::Window &window) {
             window.open();
@@ -84,12 +84,12 @@ class ReplacementSweep : public ::testing::Test {
             window.close();
         });
         EXPECT_TRUE(scene.isNew());
-        return watched.calls.size();
+        return watched.calls;
     }
 };
 
 TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
-    const size_t calls = callsOf();
+    const size_t calls = callsOf().size();
     ASSERT_LT(50u, calls);
     int finished = 0;
     for (size_t at = 0; at < calls; ++at) {
@@ -117,23 +117,59 @@ TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
 }
 
 TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
-    const size_t calls = callsOf();
-    for (size_t at = 0; at < calls; ++at) {
-        for (const int error : {EIO, ENOSPC, EACCES}) {
+    const auto calls = callsOf();
+    int refused = 0;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        for (const int error : faults::plausibleErrors(calls[at])) {
             const Scene scene;
             const std::string told = scene.scratch / "told";
-            (void)faults::supervise({.action = faults::Plan::Action::fail, .at = at, .error = error},
-                                    [&](faults::Window &window) {
-                                        window.open();
-                                        const bool good = replace(scene.source, scene.destination);
-                                        window.close();
-                                        kit::writeFile(told, good ? "good" : "bad");
-                                    });
-            if (kit::readFile(told) == "good") {
-                EXPECT_TRUE(scene.isNew()) << at << " of " << calls << ", error " << error;
+            const faults::Outcome outcome = faults::supervise(
+                {faults::Plan::Action::fail, at, error, calls[at].number}, [&](faults::Window &window) {
+                    window.open();
+                    const bool good = replace(scene.source, scene.destination);
+                    window.close();
+                    kit::writeFile(told, good ? "good" : "bad");
+                });
+            refused += outcome.reached ? 1 : 0;
+            const std::string where =
+                faults::nameOf(calls[at]) + " " + calls[at].path + ", error " + std::to_string(error);
+            if (error == ENOENT) { // of something that is there: nobody can guard against a file system that says so
+                EXPECT_FALSE(kit::readFile(scene.destination).empty()) << where;
+            } else if (kit::readFile(told) == "good") {
+                EXPECT_TRUE(scene.isNew()) << where;
+            } else if (kit::readFile(scene.destination) == "old") {
+                EXPECT_TRUE(scene.isOld()) << where;
             } else {
-                EXPECT_TRUE(kit::readFile(scene.destination) == "old" ? scene.isOld() : true) << at << " " << error;
-                EXPECT_FALSE(kit::readFile(scene.destination).empty()) << at << " " << error;
+                EXPECT_EQ("new", kit::readFile(scene.destination)) << where;
+            }
+        }
+    }
+    EXPECT_LT(50, refused);
+}
+
+// Whoever looks before he renames may see what was not there yet. Each call in turn says so.
+TEST_F(ReplacementSweep, LookThatSawNothingReplacesNothing) {
+    const auto without_policy = [](const Scene &scene, Operation operation) {
+        Silent observer;
+        Transfer({.operation = operation}, observer).run(scene.source, scene.destination);
+    };
+    const auto supervised = [&](const Scene &scene, Operation operation, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            without_policy(scene, operation);
+            window.close();
+        });
+    };
+    for (const Operation operation : {Operation::copy, Operation::move}) {
+        const auto calls = supervised(Scene(), operation, {}).calls;
+        ASSERT_LT(5u, calls.size());
+        // A look that fails lets it go on for as long as it would without anything there.
+        for (size_t at = 0; at < calls.size(); ++at) {
+            for (const int error : {ENOENT, EINVAL}) {
+                const Scene scene;
+                (void)supervised(scene, operation, {faults::Plan::Action::fail, at, error, calls[at].number});
+                EXPECT_TRUE(scene.isOld()) << at << ", error " << error;
+                EXPECT_EQ("new", kit::readFile(scene.source)) << at << ", error " << error;
             }
         }
     }

@@ -24,7 +24,13 @@ HeldDirectory::HeldDirectory(const HeldDirectory &parent, const std::string &nam
 // The type by the path, since an override of types goes by the text of paths.
 void HeldDirectory::ask() {
     struct stat found {};
-    if (!is_open() || ::fstat(fd(), &found) != 0) {
+    if (!is_open()) {
+        return;
+    }
+    if (::fstat(fd(), &found) != 0) {
+        const int number = errno;
+        let_go();
+        errno = number;
         return;
     }
     m_device = found.st_dev;

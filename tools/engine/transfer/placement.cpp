@@ -29,9 +29,10 @@ struct Note {
     std::string name = {};
 };
 
+// What cannot be looked at is there: who goes on to rename or remove it is told why that fails.
 bool lies_there(const std::string &path) {
     struct stat found {};
-    return ::lstat(path.c_str(), &found) == 0;
+    return ::lstat(path.c_str(), &found) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool lies_there(int result, const char *place) {
@@ -98,13 +99,19 @@ bool rename_parts(const HeldDirectory &directory, const std::string &before, con
     return rename_part(stores.get(), before.c_str(), now.c_str());
 }
 
+// Looks again afterwards: what the library could not look at it takes for nothing to remove.
+bool clear_store(const HeldDirectory &directory, const std::string &name) {
+    return !has_store(directory, name) ||
+           (VEXOEARemove(directory.below(name).c_str(), directory.type()) == 0 && !has_store(directory, name));
+}
+
 // The steps behind a file that has its name. Each can be done again.
 std::optional<Problem> finish_store(const HeldDirectory &directory, const std::string &made, const std::string &name) {
     const std::string note = made + std::string(kOldStoreGoes), next = made + std::string(kNewStoreFollows);
     const auto failed = [](const char *what) { return Problem{what, VLIBCErrGet()}; };
     if (lies_there(directory.below(note))) {
         // Only where there is something: a removal marks the entry as changed.
-        if (has_store(directory, name) && VEXOEARemove(directory.below(name).c_str(), directory.type()) != 0) {
+        if (!clear_store(directory, name)) {
             return failed("it is there, but what was kept beside an old file of its name could not be removed");
         }
         if (::renameat(directory.fd(), note.c_str(), directory.fd(), next.c_str()) != 0) {
@@ -177,7 +184,7 @@ std::optional<Problem> place(const Placement &placement) {
 
 Problem follow_store(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
                      const std::string &name) {
-    if (has_store(to, name) && VEXOEARemove(to.below(name).c_str(), to.type()) != 0) {
+    if (!clear_store(to, name)) {
         return {"moved, but what was kept beside an old file of its name could not be removed", VLIBCErrGet()};
     }
     return VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0) == 0
