@@ -175,8 +175,8 @@ void StoreContents::read_stream() {
     // Of a name that comes twice the last record counts.
     std::ranges::reverse(m_attributes);
     std::ranges::stable_sort(m_attributes, {}, &Attribute::name);
-    const auto doubles = std::ranges::unique(m_attributes, {}, &Attribute::name);
-    m_attributes.erase(doubles.begin(), doubles.end());
+    const auto same = [](const Attribute &one, const Attribute &other) { return one.name == other.name; };
+    m_attributes.erase(std::unique(m_attributes.begin(), m_attributes.end(), same), m_attributes.end());
 }
 
 void StoreContents::take_afp(const AppleDouble &header, std::string_view bytes) {

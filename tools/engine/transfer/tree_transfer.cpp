@@ -322,7 +322,10 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         !missing.empty()) {
         lose(missing);
     }
-    // While its owner may still write to it: the creation time may be kept in an attribute.
+    // While its owner may write to it: the creation time may be kept in an attribute.
+    if ((status.st_mode & S_IWUSR) == 0) {
+        (void)::fchmod(fd, (status.st_mode | S_IWUSR) & 07777);
+    }
     const timespec times[] = {status.st_atim, status.st_mtim, level.status.createTime};
     if (VLIBCFileUTime(to.c_str(), 3, times) != 0 && errno != EOPNOTSUPP) {
         lose("its times");
