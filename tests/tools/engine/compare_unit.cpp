@@ -6,6 +6,7 @@
 #include "platform/core.h"
 #include "tests/kit/behaviour.h"
 #include "tests/kit/child.h"
+#include "tests/kit/sanitized.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
@@ -460,6 +461,7 @@ TEST_F(Compare, HolesOnBothSidesAreSkippedAndWhatIsBehindThemIsSeen) {
 
 // A walk compares many of these.
 TEST_F(Compare, PlainFilesAreComparedWithoutOpeningThem) {
+    KIT_NOT_SANITIZED();
     for (const char *name : {"f", "g"}) {
         kit::writeFile(scratch / name, "data");
         set_times(scratch / name);

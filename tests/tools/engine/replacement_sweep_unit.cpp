@@ -2,6 +2,7 @@
 // with its store or the new one with its own, and whoever comes next finishes or removes what was left.
 #include "tests/ea/stream_bytes.h"
 #include "tests/faults/system_calls.h"
+#include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tools/engine/transfer/transfer.h"
 
@@ -89,6 +90,7 @@ class ReplacementSweep : public ::testing::Test {
 };
 
 TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
+    KIT_NOT_SANITIZED();
     const size_t calls = callsOf().size();
     ASSERT_LT(50u, calls);
     int finished = 0;
@@ -117,6 +119,7 @@ TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
 }
 
 TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
+    KIT_NOT_SANITIZED();
     const auto calls = callsOf();
     int refused = 0;
     for (size_t at = 0; at < calls.size(); ++at) {
