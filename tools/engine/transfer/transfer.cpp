@@ -1,5 +1,8 @@
 #include "tools/engine/transfer/transfer.h"
 
+#include "tools/engine/select/entry_choice.h"
+#include "tools/engine/walk/paths.h"
+
 #include <sys/stat.h>
 
 namespace engine {
@@ -17,10 +20,20 @@ bool Transfer::is_tree(const std::string &source) const {
     return m_options.trees && S_ISDIR(mode_at(source));
 }
 
-void Transfer::run(const std::string &source, const std::string &destination) {
+// What cannot be looked at is for the transfer to tell.
+bool Transfer::is_selected(const std::string &source) const {
+    struct stat found {};
+    return m_options.selection.takes_everything() || ::lstat(source.c_str(), &found) != 0 ||
+           is_meant(m_options.selection, base_name(source), source, found);
+}
+
+void Transfer::run(const std::string &source, const std::string &destination, bool named) {
+    if (named && !is_selected(source)) {
+        return;
+    }
     if (is_tree(source)) {
         m_observer.tree(source);
-        m_trees.run(source, destination);
+        m_trees.run(source, destination, named);
         return;
     }
     const bool asItIs = m_options.links || m_options.operation == Operation::move;

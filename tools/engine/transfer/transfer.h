@@ -18,12 +18,15 @@ class Transfer {
 
     // Both paths absolute; a slash at the end of the source asks for a directory. What one request has written no later
     // one replaces.
-    void run(const std::string &source, const std::string &destination);
+    // `named`: the selection sees the source's own name at the start of each path, and may leave the whole of it out.
+    void run(const std::string &source, const std::string &destination, bool named = true);
 
     // Whether the source is carried as a tree.
     bool is_tree(const std::string &source) const;
 
   private:
+    bool is_selected(const std::string &source) const;
+
     TransferOptions m_options;
     TransferObserver &m_observer;
     FileTransfer m_files;

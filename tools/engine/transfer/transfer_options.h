@@ -1,6 +1,8 @@
 // What is asked of a copy or a move.
 #pragma once
 
+#include "tools/engine/select/selection.h"
+
 namespace engine {
 
 enum class Operation { copy, move };
@@ -16,6 +18,7 @@ struct TransferOptions {
     bool trees = false; // directories are carried too, with everything in them
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
+    Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is
 };
 
 } // namespace engine

@@ -4,6 +4,7 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
+#include "tools/engine/select/entry_choice.h"
 #include "tools/engine/store/mac_attributes.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/store/store_parts.h"
@@ -64,7 +65,7 @@ void copy_dos_attributes(int fd, uint32_t attributes) {
 
 } // namespace
 
-void TreeTransfer::run(const std::string &source, const std::string &destination) {
+void TreeTransfer::run(const std::string &source, const std::string &destination, bool named) {
     if (lies_in(destination, source)) {
         const bool move = m_move;
         failed(source, destination, {fmt::format("a directory cannot be {} into itself", move ? "moved" : "copied")});
@@ -82,6 +83,7 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
         const std::unique_ptr<char, decltype(&std::free)> real(::realpath(source.c_str(), nullptr), &std::free);
         from = real == nullptr ? source : real.get();
     }
+    m_top = named ? from.rfind('/') + 1 : from.size() + (from.ends_with('/') ? 0 : 1);
     struct stat top {};
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
@@ -116,7 +118,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         destination.name = base_name(fat_name(destination.path()));
     }
     bool done = false;
-    if (m_move && (!rename_whole(source, destination, done) || done)) {
+    if (m_move && !m_selective && (!rename_whole(source, destination, done) || done)) {
         return done;
     }
     Level level{source.path(), destination.path()};
@@ -124,7 +126,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     if (!open_source(level, source)) {
         return false;
     }
-    const auto names = names_in(level.from.fd());
+    auto names = names_in(level.from.fd());
     if (!names) {
         Problem problem = problem_of_errno(errno);
         problem.withSource = true;
@@ -134,14 +136,19 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     level.hasStore = std::ranges::any_of(*names, is_store_name);
-    bool complete = true;
+    const size_t leftOut = m_leftOut;
+    if (m_selection.oneFileSystem && level.status.st.st_dev != m_sourceDevice) {
+        m_leftOut += names->size();
+        names->clear();
+    }
+    bool complete = leftOut == m_leftOut;
     descend(source, destination);
     for (const std::string &name : *names) {
         if (m_observer.stopped()) {
             complete = false;
             break;
         }
-        complete = entry(level, name) && complete;
+        complete = is_selected(level, name) && entry(level, name) && complete;
     }
     if (!ascend(level, source, destination)) {
         return failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
@@ -150,12 +157,28 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     const bool finished = level.outcome.status == Status::done && !level.outcome.warning;
     if (m_move && complete && finished) {
         complete = remove_source(level, source);
-    } else if (m_move && level.outcome.status == Status::done) {
+    } else if (m_move && level.outcome.status == Status::done && (leftOut == m_leftOut || m_observer.stopped())) {
         level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
         level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
     }
     tell(EntryKind::directory, level.source, level.outcome);
     return complete && level.outcome.status == Status::done;
+}
+
+// What belongs to an entry goes with that one.
+bool TreeTransfer::is_selected(const Level &level, const std::string &name) {
+    if (!m_selective) {
+        return true;
+    }
+    const NameKind kind = name_kind(level.from.itself(), name, m_sourceType);
+    const auto found = level.from.look(name);
+    const std::string path = joined(level.source, name);
+    if (kind == NameKind::store || kind == NameKind::companion || !found ||
+        is_meant(m_selection, std::string_view(path).substr(m_top), level.from.below(name), *found)) {
+        return true;
+    }
+    ++m_leftOut;
+    return false;
 }
 
 void TreeTransfer::descend(const Place &source, const Place &destination) {

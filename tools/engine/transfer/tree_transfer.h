@@ -32,11 +32,14 @@ class TreeTransfer {
   public:
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
-        : m_move(options.operation == Operation::move), m_whole(options.countsAlone && !options.clone && !m_move),
-          m_files(files), m_observer(observer) {}
+        : m_move(options.operation == Operation::move), m_selection(options.selection),
+          m_selective(!m_selection.takes_everything()),
+          m_whole(options.countsAlone && !options.clone && !m_move && !m_selective), m_files(files),
+          m_observer(observer) {}
 
-    // Both paths absolute; the source is a directory. An existing directory at the destination is merged into.
-    void run(const std::string &source, const std::string &destination);
+    // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. `named`:
+    // the selection sees the source's own name at the start of each path.
+    void run(const std::string &source, const std::string &destination, bool named = true);
 
   private:
     // An entry of a directory that is held.
@@ -62,6 +65,7 @@ class TreeTransfer {
     // Each answers whether nothing of it stayed behind.
     bool directory(const Place &source, Place destination);
     bool entry(const Level &level, const std::string &name);
+    bool is_selected(const Level &level, const std::string &name);
     bool rename_whole(const Place &source, const Place &destination, bool &done);
     // Around what is done with the entries of a directory. False: the one above has been moved away.
     void descend(const Place &source, const Place &destination);
@@ -98,6 +102,8 @@ class TreeTransfer {
     bool is_finished(const Level &level) const;
 
     bool m_move;
+    Selection m_selection;
+    bool m_selective; // something may be left out
     bool m_whole;
     FileTransfer &m_files;
     TransferObserver &m_observer;
@@ -110,6 +116,8 @@ class TreeTransfer {
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;
     int m_depth = 0;
+    size_t m_top = 0;     // of each source path so much comes before what the selection sees
+    size_t m_leftOut = 0; // entries
 };
 
 } // namespace engine

@@ -44,7 +44,7 @@ std::vector<Errand> plan_errands(const std::vector<std::string> &sources, const 
         std::string place = contents ? target
                             : into   ? (target == "/" ? "" : target) + "/" + engine::base_name(source)
                                      : target;
-        errands.push_back({slash ? source + "/" : source, std::move(place)});
+        errands.push_back({slash ? source + "/" : source, std::move(place), names_contents(given)});
     }
     return errands;
 }

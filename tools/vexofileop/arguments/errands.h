@@ -13,6 +13,7 @@ bool names_contents(std::string_view given);
 // Where sources go: one pair of absolute paths for each.
 struct Errand {
     std::string source, destination;
+    bool contents = false; // "photos/.": what the directory holds is meant, not the directory
 };
 // The habits of cp and mv: a destination that is a directory, or is written with a slash at its end, means into it, and
 // several sources need one; "." and "photos/." mean what the directory holds, and ".." is refused. Throws UsageError.

@@ -46,23 +46,41 @@ std::string without_marks(std::string text) {
     return text;
 }
 
+constexpr const char *kRare = "More options"; // the group of what --help leaves to --help-all
+
 // How --help looks: one line for each option, what an option takes behind its name, examples at the end.
 class HelpFormatter : public CLI::Formatter {
   public:
     HelpFormatter() { column_width(25); }
+    std::string make_group(std::string group, bool operands, std::vector<const CLI::Option *> options) const override;
     std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
     std::string make_usage(const CLI::App *app, std::string name) const override;
     std::string make_positionals(const CLI::App *) const override { return {}; }
     std::string make_option_opts(const CLI::Option *option) const override;
+
+  private:
+    mutable bool m_all = false; // what the formatter's callers say to its first function only
 };
 
 std::string HelpFormatter::make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const {
+    m_all = mode == CLI::AppFormatMode::All;
     std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
     // CLI11 separates every section with an empty line or two; a screen has room for one.
     for (size_t at; (at = text.find("\n\n\n")) != std::string::npos;) {
         text.erase(at, 1);
     }
+    if (const size_t at = text.find("\n\n  --help-all"); at != std::string::npos) {
+        text.erase(at, 1);
+    }
     return text;
+}
+
+std::string HelpFormatter::make_group(std::string group, bool operands,
+                                      std::vector<const CLI::Option *> options) const {
+    if (group == kRare && !m_all) {
+        return options.size() > 1 ? "  --help-all             print more options\n" : "";
+    }
+    return CLI::Formatter::make_group(std::move(group), operands, std::move(options));
 }
 
 std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) const {
@@ -81,6 +99,11 @@ std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) con
 
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
     return option->get_option_text().empty() ? "" : " " + option->get_option_text();
+}
+
+// A command does not take it over with its group.
+void add_help_all(CLI::App &app) {
+    app.set_help_all_flag("--help-all", "print all options and exit")->group(kRare);
 }
 
 } // namespace
@@ -107,8 +130,20 @@ void Option::excludes(const Option &other) const {
     m_option->excludes(other.m_option);
 }
 
+Command Command::rare() const {
+    Command same = *this;
+    same.m_rare = true;
+    return same;
+}
+
+CLI::Option &Command::grouped(CLI::Option &option) const {
+    return m_rare ? *option.group(kRare) : option;
+}
+
 Command Command::add_command(const char *name, const char *text) const {
-    return Command(*m_app->add_subcommand(name, text));
+    CLI::App &command = *m_app->add_subcommand(name, text);
+    add_help_all(command);
+    return Command(command);
 }
 
 void Command::require_command() const {
@@ -116,20 +151,25 @@ void Command::require_command() const {
 }
 
 Option Command::add_flag(const char *names, const char *text) const {
-    return Option(*m_app->add_flag(names)->description(text));
+    return Option(grouped(*m_app->add_flag(names)->description(text)));
 }
 
 void Command::add_flag(const char *names, bool &value, const char *text) const {
-    m_app->add_flag(names, value, text);
+    grouped(*m_app->add_flag(names, value, text));
 }
 
 Option Command::add_value(const char *name, const char *valueName, const char *text) const {
-    return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName));
+    return Option(grouped(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName)));
+}
+
+Option Command::add_values(const char *name, const char *valueName, const char *text) const {
+    CLI::Option &option = *m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName);
+    return Option(grouped(*option.expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)));
 }
 
 void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,
                          const char *text) const {
-    m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName);
+    grouped(*m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName));
 }
 
 Option Command::add_operands(const char *name, const char *usage) const {
@@ -155,6 +195,7 @@ std::vector<Option> Command::given_options() const {
 Parser::Parser(const Program &program) : m_app(std::make_unique<CLI::App>(program.description, program.name)) {
     m_app->formatter(std::make_shared<HelpFormatter>());
     m_app->set_help_flag("-h,--help", "print this help and exit");
+    add_help_all(*m_app);
     m_app->set_version_flag("--version", program.version, "print the version and exit");
     m_app->require_subcommand(1);
     m_app->footer(program.footer);
@@ -172,6 +213,8 @@ std::optional<std::string> Parser::run(int argc, const char *const *argv) const 
         return std::nullopt;
     } catch (const CLI::CallForHelp &) {
         return m_app->help();
+    } catch (const CLI::CallForAllHelp &) {
+        return m_app->help("", CLI::AppFormatMode::All);
     } catch (const CLI::CallForVersion &version) {
         return std::string(version.what()) + "\n";
     } catch (const CLI::ParseError &error) {

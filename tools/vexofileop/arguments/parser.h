@@ -37,6 +37,9 @@ class Command {
   public:
     explicit Command(CLI::App &app) : m_app(&app) {}
 
+    // The same one: options that are added through this are shown by --help-all and the manual page, not by --help,
+    // which has to fit a screen.
+    Command rare() const;
     Command add_command(const char *name, const char *text) const;
     // One of its commands has to be named.
     void require_command() const;
@@ -44,6 +47,8 @@ class Command {
     void add_flag(const char *names, bool &value, const char *text) const;
     // The help calls the value `valueName`.
     Option add_value(const char *name, const char *valueName, const char *text) const;
+    // The same for one that may be given any number of times.
+    Option add_values(const char *name, const char *valueName, const char *text) const;
     void add_number(const char *name, const char *valueName, int &value, int least, int most, const char *text) const;
     // Any number of them, which the usage line of the help calls `usage`.
     Option add_operands(const char *name, const char *usage) const;
@@ -55,7 +60,10 @@ class Command {
     std::vector<Option> given_options() const;
 
   private:
+    CLI::Option &grouped(CLI::Option &option) const;
+
     CLI::App *m_app;
+    bool m_rare = false;
 };
 
 class Parser {

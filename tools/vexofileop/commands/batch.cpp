@@ -49,7 +49,7 @@ int Batch::run(const std::vector<Errand> &errands) {
         if (stopped()) {
             break;
         }
-        m_transfer.run(errand.source, errand.destination);
+        m_transfer.run(errand.source, errand.destination, !errand.contents);
     }
     m_console.clear_progress();
     return finish(errands.size());

@@ -2,6 +2,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
@@ -83,16 +84,18 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
         command.add_flag("-r,-R,--recursive", options.transfer.trees, "directories too; links in them stay links");
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
-    command.add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
+    command.rare().add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
-    command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
+    command.rare().add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
+    const SelectionOptions selection(command);
     const PathOperands operands(command, "FILE", "FILE... DEST");
     command.set_footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
                                                    : "Examples:\n"
                                                      "  vexofileop move draft.txt final.txt\n"
                                                      "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, operands] {
+    command.set_work([command, &status, batch, policies, selection, operands] {
+        batch->transfer.selection = selection.chosen();
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
         status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
