@@ -60,7 +60,8 @@ class Removal : private engine::RemovalObserver {
     bool may_remove(const std::string &path, engine::RemovalQuestion question) override {
         const char *const what = question == engine::RemovalQuestion::entry            ? "remove"
                                  : question == engine::RemovalQuestion::into_directory ? "go into the directory"
-                                                                                       : "remove the directory";
+                                 : question == engine::RemovalQuestion::directory      ? "remove the directory"
+                                                                                       : "remove what is left of";
         return !m_options.ask || m_console.confirm(fmt::format("{} {}?", what, engine::displayed(path)));
     }
 
@@ -86,7 +87,9 @@ class Removal : private engine::RemovalObserver {
         line.add_text("operation", "remove");
         line.add_text("status", word_of(status));
         line.add_name("path", path);
-        if (problem != nullptr) {
+        if (problem != nullptr && status == engine::Status::done) {
+            line.add_to_list("warnings", problem_object(*problem));
+        } else if (problem != nullptr) {
             line.add_object("error", problem_object(*problem, kRecursion));
         }
         return line.line();
@@ -136,6 +139,7 @@ void add_remove_command(const Command &program, int &status) {
     command.add_flag("-r,-R,--recursive", options->removal.recursive, "directories too, with everything in them");
     const Option force = command.add_flag("-f,--force", "what does not exist is no failure; never ask");
     const Option ask = command.add_flag("-i,--interactive", "ask before each removal");
+    command.add_flag("-d,--dir", options->removal.emptyDirectories, "empty directories too");
     command.add_flag("--stop-on-error", options->stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options->verbose, "name what is removed");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
