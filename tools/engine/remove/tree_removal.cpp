@@ -82,8 +82,7 @@ void TreeRemoval::run(const std::string &given) {
         return;
     }
     if (slash && !S_ISDIR(found->st_mode)) {
-        failed(found->st_mode, {fmt::format("is {}, not a directory; give it without the slash",
-                                            S_ISREG(found->st_mode) ? "a file" : kind_of(found->st_mode))});
+        failed(found->st_mode, problem_of_slash(found->st_mode));
         return;
     }
     m_levels.front().entries = {{name, static_cast<unsigned char>(IFTODT(found->st_mode))}};

@@ -11,6 +11,11 @@ mode_t mode_at(const std::string &path) {
     return ::lstat(path.c_str(), &found) == 0 ? found.st_mode : 0;
 }
 
+// "photos/." without its dot: what cannot be entered is told by the directory's name.
+std::string without_dot(const std::string &source) {
+    return source.ends_with("/.") ? source.substr(0, source.size() - 2) : source;
+}
+
 } // namespace
 
 bool Transfer::is_tree(const std::string &source) const {
@@ -25,7 +30,8 @@ void Transfer::run(const std::string &source, const std::string &destination) {
     }
     const bool asItIs = m_options.links || m_options.operation == Operation::move;
     const EntryKind kind = asItIs && S_ISLNK(mode_at(source)) ? EntryKind::link : EntryKind::file;
-    m_observer.entry(kind, source, m_files.run(source, destination));
+    const std::string name = without_dot(source);
+    m_observer.entry(kind, name, m_files.run(name, destination));
 }
 
 } // namespace engine

@@ -16,8 +16,8 @@ class Transfer {
     Transfer(const TransferOptions &options, TransferObserver &observer)
         : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {}
 
-    // Both paths absolute; a slash at the end of the source asks for a directory. What one request has written no later
-    // one replaces.
+    // Both paths absolute; a slash at the end of the source asks for a directory, and a slash and a dot for what that
+    // holds: several of those may go into one directory. What one request has written no later one replaces.
     void run(const std::string &source, const std::string &destination);
 
     // Whether the source is carried as a tree.

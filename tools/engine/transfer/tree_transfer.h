@@ -77,6 +77,7 @@ class TreeTransfer {
     }
 
     // What the library is to copy, and has copied, as a whole.
+    using Made = std::set<std::pair<dev_t, ino_t>>;
     using Types = std::unordered_map<std::string, unsigned char>;
     // Names of one directory, by what becomes of them.
     struct Found {
@@ -105,7 +106,7 @@ class TreeTransfer {
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
-    std::set<std::pair<dev_t, ino_t>> m_made;   // directories of this run
+    Made m_made;                                // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;
