@@ -2,7 +2,8 @@
 //
 // The environment variable VEXOFILEOP_FSTYPES ("PATH=CODE:PATH=CODE…") is asked first, but not in a program that runs
 // with more rights than its user; then the file /etc/vexofileop/fstypes (lines "PATH CODE", "#" begins a comment). In
-// each the longest path counts that holds the one asked for, by the text of both.
+// each the longest path counts that holds the one asked for, by the text of both; a path that says ".." somewhere, or
+// that does not begin at the root, is resolved for that, as the kernel takes it.
 //
 // This is called for every file of a tree that is copied. Where there is no override it costs a statfs and an open that
 // finds nothing; the file is short where there is one, and reading it each time spares the callers a cache to share
@@ -13,6 +14,7 @@
 #include "support/fs_type.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <linux/magic.h>
@@ -66,6 +68,32 @@ std::optional<int> code_in(std::string_view text) {
     return code;
 }
 
+// The path that was asked for, in the words of overrides. Nothing is resolved where there are none.
+class AskedPath {
+  public:
+    explicit AskedPath(const char *path) : m_text(path) {}
+
+    std::string_view text() {
+        if (!m_resolved && needs_resolving(m_text)) {
+            const char *const real = ::realpath(m_text, m_buffer);
+            m_text = real == nullptr ? m_text : real; // one that is too long stays as it is
+        }
+        m_resolved = true;
+        return m_text;
+    }
+
+  private:
+    // Whether it does not tell where it leads.
+    static bool needs_resolving(std::string_view path) {
+        return !path.starts_with('/') || path.ends_with("/..") || path.find("/../") != std::string_view::npos ||
+               path.starts_with("/proc/self/fd/"); // of a directory that somebody holds open
+    }
+
+    const char *m_text;
+    bool m_resolved = false;
+    char m_buffer[PATH_MAX];
+};
+
 // The override with the longest path so far.
 class Choice {
   public:
@@ -90,10 +118,13 @@ class Choice {
     std::optional<int> m_code;
 };
 
-std::optional<int> from_environment(std::string_view path) {
+std::optional<int> from_environment(AskedPath &path) {
     const char *setting = ::secure_getenv(kOverrideVariable);
-    Choice choice(path);
-    std::string_view rest = setting == nullptr ? std::string_view() : setting;
+    if (setting == nullptr) {
+        return std::nullopt;
+    }
+    Choice choice(path.text());
+    std::string_view rest = setting;
     while (!rest.empty()) {
         const std::string_view row = rest.substr(0, rest.find(':'));
         rest.remove_prefix(row.size() < rest.size() ? row.size() + 1 : row.size());
@@ -106,10 +137,13 @@ std::optional<int> from_environment(std::string_view path) {
 
 // The code is what follows the last blank of the line, so that paths may hold blanks. A file that cannot be read
 // overrides nothing.
-std::optional<int> from_file(std::string_view path) {
+std::optional<int> from_file(AskedPath &path) {
     const HeapBuffer text = read_text_file(kOverrideFile);
-    Choice choice(path);
-    std::string_view rest = text ? view_of(text) : std::string_view();
+    if (!text) {
+        return std::nullopt;
+    }
+    Choice choice(path.text());
+    std::string_view rest = view_of(text);
     while (!rest.empty()) {
         const std::string_view line = trim(take_line(rest));
         const size_t blank = line.find_last_of(" \t");
@@ -136,10 +170,11 @@ int VEXOGetFSType(const char *path, int flag) {
     if (::statfs(path, &volume) != 0) {
         return -1;
     }
-    if (const auto code = from_environment(path)) {
+    AskedPath asked(path);
+    if (const auto code = from_environment(asked)) {
         return *code;
     }
-    if (const auto code = from_file(path)) {
+    if (const auto code = from_file(asked)) {
         return *code;
     }
     return static_cast<int>(type_of(static_cast<uint32_t>(volume.f_type)));

@@ -251,6 +251,8 @@ class Supervisor {
         m_outcome.reached = true;
         if (m_plan.action == Plan::Action::kill) {
             ::kill(m_child, SIGKILL);
+        } else if (m_plan.action == Plan::Action::meet) {
+            m_plan.meeting();
         } else {
             response.flags = 0;
             response.error = -m_plan.error;

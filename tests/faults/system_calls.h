@@ -27,10 +27,12 @@ std::string nameOf(const SystemCall &call);
 std::vector<int> plausibleErrors(const SystemCall &call);
 
 struct Plan {
-    enum class Action { watch, fail, kill } action = Action::watch;
+    enum class Action { watch, fail, kill, meet } action = Action::watch;
     size_t at = 0; // the call, counted from 0 while the window is open
     int error = 0;
     int number = -1; // of the call that is to be there; where another one is, nothing is done to it
+    // What somebody else does just before the call, which then goes on.
+    std::function<void()> meeting = {};
 };
 
 // What the child's body opens while the operation under test runs: calls outside are neither counted nor touched.

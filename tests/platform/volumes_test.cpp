@@ -69,6 +69,30 @@ TEST_F(FsType, TheEnvironmentOverridesByWholeComponents) {
     EXPECT_EQ(12, typeOf(scratch.path()));
 }
 
+TEST_F(FsType, OverridesHoldForPathsThatGoUpAndForWhatIsOpen) {
+    for (const char *name : {"a", "a/b", "c", "c/d"}) {
+        ASSERT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
+    }
+    ASSERT_EQ(0, ::symlink((scratch / "a/b").c_str(), (scratch / "c/link").c_str()));
+    const int real = typeOf(scratch.path());
+    ::setenv("VEXOFILEOP_FSTYPES", ((scratch / "a") + "=18").c_str(), 1);
+    EXPECT_EQ(18, typeOf(scratch / "c/../a"));
+    EXPECT_EQ(18, typeOf(scratch / "c/d/../../a/b"));
+    EXPECT_EQ(real, typeOf(scratch / "a/.."));
+    EXPECT_EQ(real, typeOf(scratch / "a/../c"));
+    EXPECT_EQ(18, typeOf(scratch / "c/link/..")); // as the kernel goes, not by the text
+    const int open = ::open((scratch / "a/b").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    EXPECT_EQ(18, typeOf("/proc/self/fd/" + std::to_string(open)));
+    EXPECT_EQ(18, typeOf("/proc/self/fd/" + std::to_string(open) + "/."));
+    ::close(open);
+    const int here = ::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(0, ::chdir((scratch / "a").c_str()));
+    EXPECT_EQ(18, typeOf("b"));
+    EXPECT_EQ(real, typeOf("../c"));
+    ASSERT_EQ(0, ::fchdir(here));
+    ::close(here);
+}
+
 TEST_F(FsType, TheFileOverridesAndTheEnvironmentIsFirst) {
     KIT_REQUIRE(etc, kit::Volume::overlay("/etc"));
     processAsNow();

@@ -158,7 +158,7 @@ TEST_F(CopyTree, PoliciesHoldForFilesAndLinksInside) {
 
     const ToolResult skipped = runTool({"copy", "-rn", from, to});
     EXPECT_EQ(0, skipped.status);
-    EXPECT_TRUE(mentions(skipped.err, from + "/one -> " + to + "/from/one: skipped, destination exists\n"));
+    EXPECT_EQ("vexofileop: 3 skipped, for the destination exists; -v names them\n", skipped.err);
     EXPECT_TRUE(mentions(skipped.out, "3 skipped, 0 failed"));
     EXPECT_EQ("elsewhere", linkTarget(to + "/from/link"));
 
@@ -409,6 +409,29 @@ TEST_F(RemoveTree, AsksBeforeEachAndKeepsWhatIsDenied) {
     EXPECT_EQ("22", kit::readFile(from + "/sub/two"));
     EXPECT_FALSE(kit::exists(from + "/one"));
     EXPECT_TRUE(mentions(result.out, "1 removed, 1 kept, 0 failed"));
+}
+
+TEST_F(RemoveTree, EmptyDirectoryGoesWithItsOption) {
+    makeDirectory(from + "/empty");
+    giveStore(from + "/empty");
+    giveStore(from + "/empty/gone long ago");
+    const ToolResult result = runTool({"remove", "-d", from + "/empty", from + "/sub", from + "/one"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("vexofileop: " + from + "/sub: is not empty; -r removes it with everything in it\n", result.err);
+    EXPECT_EQ((std::vector<std::string>{"link", "sub"}), kit::namesIn(from));
+}
+
+TEST_F(RemoveTree, WhatIsKeptForAFileThatIsGoneGoes) {
+    giveStore(scratch / "gone");
+    const ToolResult kept = runTool({"remove", "-i", scratch / "gone"}, {.input = "n\n"});
+    EXPECT_TRUE(mentions(kept.err, "remove what is left of " + (scratch / "gone") + "? [y/N] "));
+    EXPECT_TRUE(kit::exists(storeOf(scratch / "gone")));
+    const ToolResult result = runTool({"remove", "--json", scratch / "gone"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("vexofileop: " + (scratch / "gone") + ": was gone already; what was kept beside it is removed\n",
+              result.err);
+    EXPECT_TRUE(mentions(result.out, "\"status\":\"done\",\"path\":\"" + (scratch / "gone") + "\",\"warnings\":[{"));
+    EXPECT_FALSE(kit::exists(scratch / "@eaDir"));
 }
 
 TEST_F(RemoveTree, JsonTellsEachEntryAndASummary) {

@@ -3,165 +3,393 @@
 #include "ea/ea.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
+#include "tools/engine/store/apple_double.h"
 #include "tools/engine/store/store_names.h"
-#include "tools/engine/walk/descriptor.h"
-#include "tools/engine/walk/directory.h"
+#include "tools/engine/transfer/placement.h"
+#include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace engine {
 namespace {
 
+constexpr size_t kMostHeld = 6;                  // directories that stay open in the depth
+constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
+constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
+constexpr uint32_t kAppleDoubleMagic = 0x00051607;
+
 bool is_refused(const std::string &path) {
     const std::string name = base_name(path);
     return name.empty() || name == "..";
 }
 
-} // namespace
+std::string path_of(int fd, const std::string &name) {
+    return fmt::format("/proc/self/fd/{}/{}", fd, name);
+}
 
-struct TreeRemoval::Entry {
-    int parent; // descriptor of the directory that holds it
-    std::string name;
-    std::string path; // for people and for the store
-    int type;         // of the volume
-    mode_t mode = 0;
-    bool metadata = false; // belongs to another entry: neither asked about nor counted
-};
+bool is_directory(const Entry &entry) {
+    return entry.type == DT_DIR;
+}
+
+// Whether anything may be kept beside the entries of a directory.
+bool may_keep(const std::vector<Entry> &entries, int type) {
+    const bool doubles = store_kind(type) == StoreKind::apple_double;
+    return std::ranges::any_of(entries, [doubles](const Entry &entry) {
+        return is_store_name(entry.name) || (doubles && entry.name.starts_with("._"));
+    });
+}
+
+// What the kernel says of an entry that is no longer of the kind that it was listed as.
+Problem problem_of_entry(int number) {
+    const bool another = number == ENOTDIR || number == ELOOP || number == EISDIR;
+    return another ? Problem{"was replaced by something else meanwhile; not removed"} : problem_of_errno(number);
+}
+
+} // namespace
 
 void TreeRemoval::run(const std::string &given) {
     const bool slash = given.size() > 1 && given.ends_with('/');
     const bool itself = given.ends_with("/.");
-    std::string path = given.substr(0, given.size() - (itself ? 2 : slash ? 1 : 0));
-    path = path.empty() ? "/" : path;
-    Entry entry{AT_FDCWD, base_name(path), path, -1};
-    if (itself || is_refused(path)) {
-        failed(entry, {"refused; \"/\", \".\" and \"..\" are never removed"});
+    m_path = given.substr(0, given.size() - (itself ? 2 : slash ? 1 : 0));
+    if (itself || is_refused(m_path)) {
+        m_path = m_path.empty() ? "/" : m_path;
+        failed(0, {"refused; \"/\", \".\" and \"..\" are never removed"});
         return;
     }
-    // Open while entries are removed: they are reached through it, so that nobody can put a link into the path
-    // meanwhile.
-    const Descriptor parent = open_directory(AT_FDCWD, parent_of(path) + "/.");
-    struct stat found {};
-    if (parent.get() < 0 || ::fstatat(parent.get(), entry.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (!m_options.force || (errno != ENOENT && errno != ENOTDIR)) {
-            failed(entry, problem_of_errno(errno));
+    const std::string name = base_name(m_path);
+    const auto found = open_parent(parent_of(m_path), name) ? m_parent.look(name) : std::nullopt;
+    if (!found) {
+        const int number = errno;
+        if (number == ENOENT && m_parent.is_open() && has_rest(name)) {
+            remove_rest(name);
+            return;
+        }
+        if (number == ENOENT && m_parent.is_open() && m_levels.front().hasStores) {
+            (void)EARemoveEADir(m_parent.below("@eaDir").c_str()); // where the last thing in it was this one's
+        }
+        if (!m_options.force || (number != ENOENT && number != ENOTDIR)) {
+            failed(0, problem_of_errno(number));
         }
         return;
     }
-    if (slash && !S_ISDIR(found.st_mode)) {
-        failed(entry, {fmt::format("is {}, not a directory; give it without the slash",
-                                   S_ISREG(found.st_mode) ? "a file" : kind_of(found.st_mode))});
+    if (slash && !S_ISDIR(found->st_mode)) {
+        failed(found->st_mode, problem_of_slash(found->st_mode));
         return;
     }
-    entry.parent = parent.get();
-    entry.mode = found.st_mode;
-    entry.type = VEXOGetFSType(parent_of(path).c_str(), 0);
-    remove(entry);
+    m_levels.front().entries = {{name, static_cast<unsigned char>(IFTODT(found->st_mode))}};
+    m_levels.front().next = 0;
+    walk();
 }
 
-// Whether it is gone.
-bool TreeRemoval::remove(const Entry &entry) {
-    if (S_ISDIR(entry.mode)) {
-        return remove_directory(entry);
-    }
-    return confirmed(entry, RemovalQuestion::entry) && unlink(entry, 0);
-}
-
-bool TreeRemoval::remove_directory(const Entry &entry) {
-    if (!m_options.recursive) {
-        return failed(entry, problem_of_directory());
-    }
-    const Descriptor directory = open_directory(entry.parent, entry.name);
-    if (directory.get() < 0) {
-        return failed(entry, problem_of_errno(errno));
-    }
-    if (!confirmed(entry, RemovalQuestion::into_directory)) {
-        return false;
-    }
-    if (!empty(entry, directory.get())) {
-        return false; // said of the entry that stays
-    }
-    return confirmed(entry, RemovalQuestion::directory) && unlink(entry, AT_REMOVEDIR);
-}
-
-bool TreeRemoval::empty(const Entry &entry, int fd) {
-    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", fd));
-    if (!names) {
-        return failed(entry, problem_of_errno(errno));
-    }
-    const int type = VEXOGetFSType(entry.path.c_str(), 0);
-    bool complete = true;
-    for (const std::string &name : *names) {
-        const NameKind kind = name_kind(entry.path, name, type);
-        if (!entry.metadata && (kind == NameKind::store || kind == NameKind::companion)) {
-            continue; // goes with what it belongs to
+// Open while entries are removed: they are reached through it, so that nobody can put a link into the path meanwhile.
+// False, with errno: it cannot be.
+bool TreeRemoval::open_parent(const std::string &path, const std::string &name) {
+    if (!m_parent.is(path)) {
+        m_levels.clear();
+        m_parent = HeldDirectory(path);
+        struct stat found {};
+        Level parent{.pathLength = path == "/" ? 0 : path.size(), .type = m_parent.type()};
+        if (m_parent.is_open()) {
+            parent.directory = Descriptor(::openat(m_parent.fd(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
         }
-        if (m_observer.stopped()) {
+        if (parent.directory.get() < 0 || ::fstat(parent.directory.get(), &found) != 0) {
+            const int number = errno;
+            m_parent = HeldDirectory();
+            errno = number;
             return false;
         }
-        Entry inner{fd, name, joined(entry.path, name), type};
-        inner.metadata = entry.metadata;
-        struct stat found {};
-        if (::fstatat(fd, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            complete = errno == ENOENT ? complete : failed(inner, problem_of_errno(errno));
-            continue;
+        parent.device = found.st_dev;
+        parent.inode = found.st_ino;
+        // Where that takes no time: who removes the files of a large directory one by one should not list it each time.
+        if (found.st_size <= kQuicklyListed && !is_private_name(name) &&
+            m_tidied.insert({found.st_dev, found.st_ino}).second) {
+            clear_left_overs(m_parent);
         }
-        inner.mode = found.st_mode;
-        complete = remove(inner) && complete;
+        m_levels.push_back(std::move(parent));
     }
-    return complete && (entry.metadata || remove_metadata(entry, fd));
-}
-
-// What is left when all entries are gone: a store, or metadata, of entries that were removed by somebody else.
-bool TreeRemoval::remove_metadata(const Entry &entry, int fd) {
-    VEXOEARemoveDanglingEADir(entry.path.c_str());
-    bool complete = true;
-    for (const std::string &name :
-         names_in(fmt::format("/proc/self/fd/{}/.", fd)).value_or(std::vector<std::string>())) {
-        struct stat found {};
-        const NameKind kind = name_kind(entry.path, name, entry.type);
-        const bool belongs = kind == NameKind::store || name.starts_with("._");
-        if (belongs && ::fstatat(fd, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
-            complete = remove({fd, name, joined(entry.path, name), entry.type, found.st_mode, true}) && complete;
-        }
-    }
-    return complete;
-}
-
-bool TreeRemoval::unlink(const Entry &entry, int flags) {
-    if (::unlinkat(entry.parent, entry.name.c_str(), flags) != 0 && errno != ENOENT) {
-        return failed(entry,
-                      errno == ENOTEMPTY ? Problem{"something was put into it meanwhile"} : problem_of_errno(errno));
-    }
-    if (entry.metadata) {
-        return true;
-    }
-    VLIBCErrSetEx(0, "", 0);
-    if (VEXOEARemove(entry.path.c_str(), entry.type) != 0) {
-        failed(entry, {"removed, but not all of its extended metadata", VLIBCErrGet()});
-        return true;
-    }
-    m_observer.entry(entry.path, entry.mode, Status::done, nullptr);
+    // What cannot be looked at may be there.
+    m_levels.front().hasStores =
+        store_kind(m_parent.type()) == StoreKind::apple_double || m_parent.look("@eaDir") || errno != ENOENT;
     return true;
 }
 
-bool TreeRemoval::confirmed(const Entry &entry, RemovalQuestion question) {
-    if (entry.metadata || m_observer.may_remove(entry.path, question)) {
+void TreeRemoval::walk() {
+    while (m_levels.size() > 1 || m_levels.back().next < m_levels.back().entries.size()) {
+        const Level &level = m_levels.back();
+        if (level.next < level.entries.size() && !m_observer.stopped()) {
+            remove_next();
+        } else if (m_levels.size() > 1) {
+            leave();
+        } else {
+            break;
+        }
+    }
+}
+
+void TreeRemoval::remove_next() {
+    Level &level = m_levels.back();
+    const Entry entry = std::move(level.entries[level.next++]);
+    m_path.resize(level.pathLength);
+    m_path += '/';
+    m_path += entry.name;
+    if (m_levels.size() > 1 && !level.entries_belong()) {
+        const NameKind kind = name_kind(path_of(level.directory.get(), "."), entry.name, level.type);
+        if (kind == NameKind::store || kind == NameKind::companion) {
+            return; // goes with what it belongs to
+        }
+    }
+    if (is_directory(entry)) {
+        enter(entry);
+    } else if (confirmed(DTTOIF(entry.type), RemovalQuestion::entry)) {
+        unlink(entry);
+    }
+}
+
+void TreeRemoval::enter(const Entry &entry) {
+    const bool belongs = m_levels.back().entries_belong();
+    if (!m_options.recursive && !m_options.emptyDirectories) {
+        failed(S_IFDIR, problem_of_directory());
+        return;
+    }
+    Level level{.name = entry.name, .pathLength = m_path.size(), .belongs = belongs};
+    level.directory = open_directory(m_levels.back().directory.get(), entry.name);
+    struct stat found {};
+    if (level.directory.get() < 0 || ::fstat(level.directory.get(), &found) != 0) {
+        if (errno != ENOENT) {
+            failed(S_IFDIR, problem_of_entry(errno));
+        }
+        return;
+    }
+    level.device = found.st_dev;
+    level.inode = found.st_ino;
+    if (m_options.recursive && !confirmed(S_IFDIR, RemovalQuestion::into_directory)) {
+        return;
+    }
+    auto entries = entries_in(level.directory.get());
+    if (!entries) {
+        failed(S_IFDIR, problem_of_errno(errno));
+        return;
+    }
+    level.entries = std::move(*entries);
+    if (!m_options.recursive && !belongs &&
+        !std::ranges::all_of(level.entries, [](const Entry &inner) { return inner.name == "@eaDir"; })) {
+        failed(S_IFDIR, {.reason = "is not empty", .needsRecursion = true});
+        return;
+    }
+    if (!belongs) {
+        level.type = type_of_directory(level.directory.get(), level.device);
+        level.hasStores = may_keep(level.entries, level.type);
+    }
+    m_levels.push_back(std::move(level));
+    let_go();
+}
+
+// Up from a directory of which nothing is left to look at.
+void TreeRemoval::leave() {
+    Level &level = m_levels.back();
+    m_path.resize(level.pathLength);
+    level.complete = level.complete && !m_observer.stopped();
+    const bool first = !level.belongs && !level.restOnly;
+    if (first && level.complete) {
+        level.complete = confirmed(S_IFDIR, RemovalQuestion::directory);
+        if (level.complete && level.hasStores && list_rest(level)) {
+            return;
+        }
+    }
+    const bool held = hold(m_levels.size() - 2);
+    if (held && level.complete && !finish(level)) {
+        return;
+    }
+    const bool complete = level.complete;
+    m_levels.pop_back();
+    Level &above = m_levels.back();
+    above.complete = above.complete && complete && held;
+    if (!held) {
+        m_path.resize(above.pathLength);
+        above.entries.clear();
+        above.next = 0;
+        failed(S_IFDIR, {"was moved away meanwhile; what is left in it stays"});
+    }
+}
+
+// The directory itself, with what is kept for it. False: something turned up in it that belongs to nobody, and goes
+// first.
+bool TreeRemoval::finish(Level &emptied) {
+    const Level &above = m_levels[m_levels.size() - 2];
+    if (::unlinkat(above.directory.get(), emptied.name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+        const int number = errno;
+        const bool filled = number == ENOTEMPTY || number == EEXIST;
+        if (filled && !emptied.belongs && !emptied.restOnly && list_rest(emptied)) {
+            return false;
+        }
+        failed(S_IFDIR, filled ? Problem{"something was put into it meanwhile"} : problem_of_entry(number));
+        emptied.complete = false;
         return true;
     }
-    m_observer.entry(entry.path, entry.mode, Status::skipped, nullptr);
+    gone(above, emptied.name, S_IFDIR);
+    return true;
+}
+
+// What is left when all entries are gone: a store, or metadata, of entries that were removed by somebody else. False:
+// nothing.
+bool TreeRemoval::list_rest(Level &emptied) {
+    emptied.restOnly = true;
+    emptied.next = 0;
+    emptied.entries = entries_in(emptied.directory.get()).value_or(std::vector<Entry>());
+    std::erase_if(emptied.entries, [&](const Entry &entry) {
+        return !entry.name.starts_with("._") &&
+               name_kind(path_of(emptied.directory.get(), "."), entry.name, emptied.type) != NameKind::store;
+    });
+    return !emptied.entries.empty();
+}
+
+void TreeRemoval::let_go() {
+    if (m_levels.size() > kMostHeld + 1) { // but never the first
+        m_levels[m_levels.size() - 1 - kMostHeld].directory = Descriptor(-1);
+    }
+}
+
+// From the directory below it by "..", which is another one by now where somebody has moved one of the two.
+bool TreeRemoval::hold(size_t at) {
+    Level &level = m_levels[at];
+    if (level.directory.get() >= 0) {
+        return true;
+    }
+    const int below = m_levels[at + 1].directory.get();
+    Descriptor above(below < 0 ? -1 : ::openat(below, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat found {};
+    if (above.get() >= 0 && ::fstat(above.get(), &found) == 0 && found.st_dev == level.device &&
+        found.st_ino == level.inode) {
+        level.directory = std::move(above);
+        return true;
+    }
+    return hold_from_above(at);
+}
+
+// The way down from one that is open, where each has to be the one that it was.
+bool TreeRemoval::hold_from_above(size_t at) {
+    size_t from = at;
+    while (m_levels[from].directory.get() < 0) {
+        --from;
+    }
+    Descriptor current(-1);
+    for (size_t next = from + 1; next <= at; ++next) {
+        const int parent = current.get() < 0 ? m_levels[from].directory.get() : current.get();
+        Descriptor opened = open_directory(parent, m_levels[next].name);
+        struct stat found {};
+        if (opened.get() < 0 || ::fstat(opened.get(), &found) != 0 || found.st_dev != m_levels[next].device ||
+            found.st_ino != m_levels[next].inode) {
+            return false;
+        }
+        current = std::move(opened);
+    }
+    m_levels[at].directory = std::move(current);
+    return true;
+}
+
+void TreeRemoval::unlink(const Entry &entry) {
+    const Level &level = m_levels.back();
+    if (::unlinkat(level.directory.get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) {
+        failed(DTTOIF(entry.type), problem_of_entry(errno));
+        return;
+    }
+    gone(level, entry.name, DTTOIF(entry.type));
+}
+
+// An entry of `level` that was removed: what is kept for it goes too.
+void TreeRemoval::gone(const Level &level, const std::string &name, mode_t mode) {
+    if (level.entries_belong()) {
+        return;
+    }
+    const auto left = level.hasStores ? remove_store(level, name) : std::nullopt;
+    m_observer.entry(m_path, mode, left ? Status::failed : Status::done, left ? &*left : nullptr);
+}
+
+// Not by VEXOEARemove(), which marks for the next backup whatever stands under the name by then.
+std::optional<Problem> TreeRemoval::remove_store(const Level &level, const std::string &name) const {
+    const StoreKind kind = level.type < 0 ? StoreKind::ea_directory : store_kind(level.type);
+    if (kind == StoreKind::native || kind == StoreKind::none) {
+        return std::nullopt;
+    }
+    const std::string path = path_of(level.directory.get(), name);
+    constexpr const char *incomplete = "removed, but not all of its extended metadata";
+    bool complete = true;
+    VLIBCErrSetEx(0, "", 0);
+    if (kind == StoreKind::apple_double) {
+        char place[PATH_MAX] = "";
+        if (VEXOEAADPath(path.c_str(), place, sizeof place) == 0 &&
+            ::unlinkat(level.directory.get(), base_name(place).c_str(), 0) != 0 && errno != ENOENT) {
+            return Problem{incomplete, problem_of_errno(errno).code};
+        }
+    } else {
+        complete = EARemove(kOfTheStreams, path.c_str()) == 0;
+    }
+    complete = EARemove(kOfTheFile, path.c_str()) == 0 && complete;
+    return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
+}
+
+// Whether an entry that is gone has left what was kept beside it. Of a "._" file the name alone does not say so.
+bool TreeRemoval::has_rest(const std::string &name) const {
+    if (!has_store(m_parent, name)) {
+        return false;
+    }
+    if (store_kind(m_parent.type()) != StoreKind::apple_double) {
+        return true;
+    }
+    const Descriptor file(
+        ::openat(m_parent.fd(), ("._" + name).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    char bytes[4] = "";
+    struct stat found {};
+    return file.get() >= 0 && ::fstat(file.get(), &found) == 0 && S_ISREG(found.st_mode) &&
+           ::read(file.get(), bytes, sizeof bytes) == sizeof bytes &&
+           parse_apple_double({bytes, sizeof bytes}, sizeof bytes).magic == kAppleDoubleMagic;
+}
+
+void TreeRemoval::remove_rest(const std::string &name) {
+    if (!confirmed(0, RemovalQuestion::rest)) {
+        return;
+    }
+    if (const auto left = remove_store(m_levels.front(), name)) {
+        failed(0, {"is gone already, but not all of what was kept beside it", left->code});
+        return;
+    }
+    const Problem said{"was gone already; what was kept beside it is removed"};
+    m_observer.entry(m_path, 0, Status::done, &said);
+}
+
+// By the path, since an override of types goes by the text of paths, where that is not too long.
+int TreeRemoval::type_of_directory(int fd, dev_t device) const {
+    const int type = m_path.size() < PATH_MAX ? VEXOGetFSType(m_path.c_str(), 0) : -1;
+    return type >= 0                          ? type
+           : device == m_levels.back().device ? m_levels.back().type
+                                              : VEXOGetFSType(path_of(fd, ".").c_str(), 0);
+}
+
+bool TreeRemoval::confirmed(mode_t mode, RemovalQuestion question) {
+    Level &level = m_levels.back();
+    const bool belongs = question == RemovalQuestion::directory ? level.belongs : level.entries_belong();
+    if (belongs || m_observer.may_remove(m_path, question)) {
+        return true;
+    }
+    level.complete = false;
+    m_observer.entry(m_path, mode, Status::skipped, nullptr);
     return false;
 }
 
-bool TreeRemoval::failed(const Entry &entry, const Problem &problem) {
-    m_observer.entry(entry.path, entry.mode, Status::failed, &problem);
-    return false;
+void TreeRemoval::failed(mode_t mode, const Problem &problem) {
+    if (!m_levels.empty()) {
+        m_levels.back().complete = false;
+    }
+    m_observer.entry(m_path, mode, Status::failed, &problem);
 }
 
 } // namespace engine

@@ -1,27 +1,39 @@
 // Removes files and trees with the store of extended metadata beside them, and tells of each entry what became of it.
+//
+// Directories are entered by descriptor, no link is followed, and a few descriptors do, however deep a tree is and
+// however long its paths are. An entry goes before what is kept beside it; the same request again finishes what a run
+// that was stopped between the two has left.
 #pragma once
 
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/outcome.h"
+#include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/directory.h"
 
+#include <optional>
+#include <set>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 namespace engine {
 
 struct RemovalOptions {
-    bool recursive = false; // directories too, with everything in them
-    bool force = false;     // what does not exist is no failure
+    bool recursive = false;        // directories too, with everything in them
+    bool emptyDirectories = false; // directories too that hold nothing but what belongs to nobody any more
+    bool force = false;            // what does not exist is no failure
 };
 
-enum class RemovalQuestion { entry, into_directory, directory };
+enum class RemovalQuestion { entry, into_directory, directory, rest };
 
 class RemovalObserver : public Observer {
   public:
-    // What became of an entry: done, skipped for it was to stay, or failed with a problem. `mode`: of the entry; 0
-    // where it could not be looked at.
+    // What became of an entry: done, with a problem where there is something to add, skipped for it was to stay, or
+    // failed with a problem. `mode`: its type alone; 0 where it could not be looked at.
     virtual void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) = 0;
-    // Asked before each step that removes or leads into something.
+    // Asked before each step that removes or leads into something; `rest` is what an entry that is gone has left.
     virtual bool may_remove(const std::string &path, RemovalQuestion question) = 0;
 };
 
@@ -34,18 +46,49 @@ class TreeRemoval {
     void run(const std::string &path);
 
   private:
-    struct Entry;
+    // A directory that is being emptied. The first one holds what was asked for, and stays.
+    struct Level {
+        Descriptor directory = Descriptor(-1); // -1: let go
+        dev_t device = 0;
+        ino_t inode = 0;
+        std::string name = {}; // in the one above
+        size_t pathLength = 0; // of m_path, without the names below it
+        int type = -1;         // of its volume
+        bool belongs = false;  // to another entry: neither asked about nor counted
+        bool hasStores = true; // something may be kept beside its entries
+        bool restOnly = false; // its own entries are gone
+        bool complete = true;
+        std::vector<Entry> entries = {};
+        size_t next = 0;
 
-    bool remove(const Entry &entry);
-    bool remove_directory(const Entry &entry);
-    bool empty(const Entry &entry, int fd);
-    bool remove_metadata(const Entry &entry, int fd);
-    bool unlink(const Entry &entry, int flags);
-    bool confirmed(const Entry &entry, RemovalQuestion question);
-    bool failed(const Entry &entry, const Problem &problem);
+        bool entries_belong() const { return belongs || restOnly; }
+    };
+
+    bool open_parent(const std::string &path, const std::string &name);
+    void walk();
+    void remove_next();
+    void enter(const Entry &entry);
+    void leave();
+    bool finish(Level &emptied);
+    bool list_rest(Level &emptied);
+    void let_go();
+    bool hold(size_t at);
+    bool hold_from_above(size_t at);
+    void unlink(const Entry &entry);
+    void gone(const Level &level, const std::string &name, mode_t mode);
+    std::optional<Problem> remove_store(const Level &level, const std::string &name) const;
+    bool has_rest(const std::string &name) const;
+    void remove_rest(const std::string &name);
+    int type_of_directory(int fd, dev_t device) const;
+    bool confirmed(mode_t mode, RemovalQuestion question);
+    void failed(mode_t mode, const Problem &problem);
 
     RemovalOptions m_options;
     RemovalObserver &m_observer;
+    HeldDirectory m_parent = {}; // of what was asked for
+    std::vector<Level> m_levels = {};
+    std::string m_path = {};                         // of what is being removed: for people
+    std::set<std::pair<dev_t, ino_t>> m_tidied = {}; // directories without what killed commands have left
 };
 
 } // namespace engine

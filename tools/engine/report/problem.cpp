@@ -40,6 +40,11 @@ Problem problem_of_directory() {
     return {.reason = "is a directory", .needsRecursion = true};
 }
 
+Problem problem_of_slash(mode_t mode) {
+    const char *const kind = S_ISREG(mode) ? "a file" : kind_of(mode);
+    return {std::string("is ") + kind + ", not a directory; give it without the slash"};
+}
+
 const char *kind_of(mode_t mode) {
     switch (mode & S_IFMT) {
     case S_IFDIR:

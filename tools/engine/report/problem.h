@@ -20,6 +20,8 @@ Problem problem_of(uint32_t code);
 Problem problem_of_errno(int number);
 // A directory that the request does not reach into.
 Problem problem_of_directory();
+// An entry that is none, where a slash behind its name asks for a directory.
+Problem problem_of_slash(mode_t mode);
 // "a named pipe": an entry that is no regular file.
 const char *kind_of(mode_t mode);
 

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/limits.h>
 #include <memory>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -112,6 +113,11 @@ std::string Store::get(const std::string &name) const {
         throw_last_error("cannot read it");
     }
     return value;
+}
+
+// The kernel takes no larger one as an attribute of the file, but for a fork, which is none to it.
+uint64_t Store::largest_value(const std::string &name) const {
+    return m_kind == StoreKind::native && name != kResourceForkName ? XATTR_SIZE_MAX : kLargestValue;
 }
 
 void Store::set(const std::string &name, const std::string &value, Existing existing) const {

@@ -36,6 +36,8 @@ class Store {
     // On native attributes the resource fork is one of them.
     std::vector<Attribute> list() const;
     std::string get(const std::string &name) const;
+    // The most bytes that the value of this attribute can have here.
+    uint64_t largest_value(const std::string &name) const;
     enum class Existing { either, must_not, must };
     // All of it or nothing, whatever stops it: nothing else that is kept for the file changes.
     void set(const std::string &name, const std::string &value, Existing existing) const;

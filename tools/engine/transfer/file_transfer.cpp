@@ -25,14 +25,16 @@
 #include <fmt/format.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace engine {
 namespace {
 
-constexpr uint32_t kOutOfMemory = 0x0200, kDestinationMissing = 0x0600, kMissing = 0x0700, kExists = 0xA300,
-                   kOwnerLost = 0xFA00;
-constexpr int kMostNames = 1000; // that somebody else was quicker to take
+constexpr uint32_t kOutOfMemory = 0x0200, kDestinationMissing = 0x0600, kMissing = 0x0700, kNoSpace = 0x2900,
+                   kExists = 0xA300, kOwnerLost = 0xFA00;
+constexpr int kNotAskedForRoom = 12; // a type of volume, to the library
+constexpr int kMostNames = 1000;     // that somebody else was quicker to take
 
 // The flag word of VEXOFileOpCopyFile.
 namespace flag {
@@ -82,6 +84,30 @@ bool has_same_store(const std::string &source, int sourceType, const std::string
     } catch (const Failure &) {
         return false; // what cannot be read cannot be believed either
     }
+}
+
+// Whether a file with holes, for whose length there is no room, finds room for what it has.
+bool fits_without_holes(const struct stat &file, const HeldDirectory &to) {
+    constexpr uint64_t blockSize = 512;
+    struct statfs volume {};
+    const auto bytes = static_cast<uint64_t>(file.st_blocks) * blockSize;
+    return bytes < static_cast<uint64_t>(file.st_size) && ::statfs(to.itself().c_str(), &volume) == 0 &&
+           volume.f_bsize > 0 && bytes / static_cast<uint64_t>(volume.f_bsize) < volume.f_bavail;
+}
+
+// A file that this process has just made, given to its source's owner.
+bool give_owner(int directory, const std::string &name, const struct stat &source) {
+    const Descriptor file(::openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat made {};
+    if (file.get() < 0 || ::fstat(file.get(), &made) != 0 || !S_ISREG(made.st_mode) || made.st_nlink != 1) {
+        return false;
+    }
+    if (made.st_uid == source.st_uid && made.st_gid == source.st_gid) {
+        return true;
+    }
+    constexpr mode_t all = 07777;
+    return made.st_uid == ::geteuid() && ::fchown(file.get(), source.st_uid, source.st_gid) == 0 &&
+           ((source.st_mode & (S_ISUID | S_ISGID)) == 0 || ::fchmod(file.get(), source.st_mode & all) == 0);
 }
 
 bool may_write(int directory, const char *name, int mode) {
@@ -146,7 +172,10 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         attempt.entry = direct ? attempt.from.look(attempt.sourceName) : look(attempt.source);
     }
     if (!attempt.entry) {
-        return of_source(problem_of_errno(errno));
+        const int number = errno;
+        const auto there =
+            attempt.source.ends_with('/') ? look(attempt.source.substr(0, attempt.source.size() - 1)) : std::nullopt;
+        return of_source(there && number == ENOTDIR ? problem_of_slash(there->st_mode) : problem_of_errno(number));
     }
     attempt.content = S_ISLNK(attempt.entry->st_mode) ? attempt.from.look_through(attempt.sourceName) : attempt.entry;
     attempt.asItIs = move ? !S_ISREG(attempt.entry->st_mode) : m_options.links && S_ISLNK(attempt.entry->st_mode);
@@ -344,6 +373,17 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
         return std::nullopt;
     }
     const Problem problem = problem_of(VLIBCErrGet());
+    // The library asks for room for the whole length. It asks no volume of this type, and gives no owners there.
+    if (problem.code == kNoSpace && !replace && fits_without_holes(*attempt.content, attempt.to)) {
+        record->fsTypeDst = kNotAskedForRoom;
+        VLIBCErrSetEx(0, "", 0);
+        if (VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get()) != 0) {
+            return problem_of(VLIBCErrGet());
+        }
+        attempt.ownerLost =
+            volume_traits(attempt.to.type()).owners && !give_owner(attempt.to.fd(), name, *attempt.content);
+        return std::nullopt;
+    }
     attempt.ownerLost = problem.code == kOwnerLost;
     return attempt.ownerLost ? std::nullopt : std::optional(problem);
 }

@@ -14,6 +14,11 @@ mode_t mode_at(const std::string &path) {
     return ::lstat(path.c_str(), &found) == 0 ? found.st_mode : 0;
 }
 
+// "photos/." without its dot: what cannot be entered is told by the directory's name.
+std::string without_dot(const std::string &source) {
+    return source.ends_with("/.") ? source.substr(0, source.size() - 2) : source;
+}
+
 } // namespace
 
 bool Transfer::is_tree(const std::string &source) const {
@@ -23,22 +28,23 @@ bool Transfer::is_tree(const std::string &source) const {
 // What cannot be looked at is for the transfer to tell.
 bool Transfer::is_selected(const std::string &source) const {
     struct stat found {};
-    return m_options.selection.takes_everything() || ::lstat(source.c_str(), &found) != 0 ||
+    return m_options.selection.takes_everything() || source.ends_with("/.") || ::lstat(source.c_str(), &found) != 0 ||
            is_meant(m_options.selection, base_name(source), source, found);
 }
 
-void Transfer::run(const std::string &source, const std::string &destination, bool named) {
-    if (named && !is_selected(source)) {
+void Transfer::run(const std::string &source, const std::string &destination) {
+    if (!is_selected(source)) {
         return;
     }
     if (is_tree(source)) {
         m_observer.tree(source);
-        m_trees.run(source, destination, named);
+        m_trees.run(source, destination);
         return;
     }
     const bool asItIs = m_options.links || m_options.operation == Operation::move;
     const EntryKind kind = asItIs && S_ISLNK(mode_at(source)) ? EntryKind::link : EntryKind::file;
-    m_observer.entry(kind, source, m_files.run(source, destination));
+    const std::string name = without_dot(source);
+    m_observer.entry(kind, name, m_files.run(name, destination));
 }
 
 } // namespace engine

@@ -16,10 +16,10 @@ class Transfer {
     Transfer(const TransferOptions &options, TransferObserver &observer)
         : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {}
 
-    // Both paths absolute; a slash at the end of the source asks for a directory. What one request has written no later
-    // one replaces.
-    // `named`: the selection sees the source's own name at the start of each path, and may leave the whole of it out.
-    void run(const std::string &source, const std::string &destination, bool named = true);
+    // Both paths absolute; a slash at the end of the source asks for a directory, and a slash and a dot for what that
+    // holds: several of those may go into one directory. What one request has written no later one replaces. The
+    // selection sees a source's own name at the start of each path, but not that of one with the dot.
+    void run(const std::string &source, const std::string &destination);
 
     // Whether the source is carried as a tree.
     bool is_tree(const std::string &source) const;

@@ -65,7 +65,9 @@ void copy_dos_attributes(int fd, uint32_t attributes) {
 
 } // namespace
 
-void TreeTransfer::run(const std::string &source, const std::string &destination, bool named) {
+void TreeTransfer::run(const std::string &given, const std::string &destination) {
+    const bool contents = given.ends_with("/.");
+    const std::string source = given == "/." ? "/" : given.substr(0, given.size() - (contents ? 2 : 0));
     if (lies_in(destination, source)) {
         const bool move = m_move;
         failed(source, destination, {fmt::format("a directory cannot be {} into itself", move ? "moved" : "copied")});
@@ -73,17 +75,19 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     }
     // A slash at the end asks for what a link leads to.
     std::string from = source;
-    if (source.ends_with('/')) {
-        struct stat found {};
-        const std::string name = source.substr(0, source.size() - 1);
-        if (m_move && ::lstat(name.c_str(), &found) == 0 && S_ISLNK(found.st_mode)) {
+    struct stat found {};
+    const bool slash = source.size() > 1 && source.ends_with('/');
+    const std::string name = source.substr(0, source.size() - (slash ? 1 : 0));
+    const bool link = ::lstat(name.c_str(), &found) == 0 && S_ISLNK(found.st_mode);
+    if (slash || (contents && link)) {
+        if (m_move && link) {
             failed(source, destination, {"is a symbolic link; to move the link give it without the slash", 0, true});
             return;
         }
         const std::unique_ptr<char, decltype(&std::free)> real(::realpath(source.c_str(), nullptr), &std::free);
         from = real == nullptr ? source : real.get();
     }
-    m_top = named ? from.rfind('/') + 1 : from.size() + (from.ends_with('/') ? 0 : 1);
+    m_top = !contents ? from.rfind('/') + 1 : from.size() + (from.ends_with('/') ? 0 : 1);
     struct stat top {};
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
@@ -98,7 +102,13 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     m_destinationType = toParent.type();
     m_destinationTraits = volume_traits(m_destinationType);
     const auto name_of = [](const std::string &path) { return path == "/" ? "." : base_name(path); };
+    // What another directory has brought there is merged with this one's.
+    Made before;
+    if (contents) {
+        before.swap(m_made);
+    }
     directory({fromParent, name_of(from)}, {toParent, name_of(destination)});
+    m_made.merge(before);
 }
 
 bool TreeTransfer::failed(const std::string &source, const std::string &destination, Problem problem) {

@@ -37,9 +37,9 @@ class TreeTransfer {
           m_whole(options.countsAlone && !options.clone && !m_move && !m_selective), m_files(files),
           m_observer(observer) {}
 
-    // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. `named`:
-    // the selection sees the source's own name at the start of each path.
-    void run(const std::string &source, const std::string &destination, bool named = true);
+    // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
+    // selection sees the source's own name at the start of each path, but not that of "photos/.".
+    void run(const std::string &source, const std::string &destination);
 
   private:
     // An entry of a directory that is held.
@@ -81,6 +81,7 @@ class TreeTransfer {
     }
 
     // What the library is to copy, and has copied, as a whole.
+    using Made = std::set<std::pair<dev_t, ino_t>>;
     using Types = std::unordered_map<std::string, unsigned char>;
     // Names of one directory, by what becomes of them.
     struct Found {
@@ -111,7 +112,7 @@ class TreeTransfer {
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
-    std::set<std::pair<dev_t, ino_t>> m_made;   // directories of this run
+    Made m_made;                                // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;

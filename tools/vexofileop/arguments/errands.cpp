@@ -15,22 +15,34 @@ bool is_directory(const std::string &path) {
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
+// Throws UsageError where the destination cannot be what it has to be.
+void check_destination(const std::string &target, bool slash, size_t sources, Target kind) {
+    const bool there = is_directory(target);
+    if (kind == Target::new_name && sources > 1) {
+        throw UsageError("with -T there is one file and its new name");
+    }
+    if (there || (kind != Target::directory && sources == 1 && !slash)) {
+        return;
+    }
+    struct stat found {};
+    const bool other = ::stat(target.c_str(), &found) == 0;
+    throw UsageError(engine::displayed(target) + (kind != Target::directory && sources > 1
+                                                      ? ": several files need a directory as their destination"
+                                                  : other ? ": is not a directory"
+                                                          : ": no such directory"));
+}
+
 } // namespace
 
 bool names_contents(std::string_view given) {
     return given == "." || given.ends_with("/.");
 }
 
-std::vector<Errand> plan_errands(const std::vector<std::string> &sources, const std::string &destination) {
+std::vector<Errand> plan_errands(const std::vector<std::string> &sources, const std::string &destination, Target kind) {
     const std::string target = engine::absolute_path(destination);
-    const bool into = is_directory(target);
-    if (!into && sources.size() > 1) {
-        throw UsageError(
-            fmt::format("{}: several files need a directory as their destination", engine::displayed(target)));
-    }
-    if (!into && (destination.ends_with('/') || destination.ends_with("/."))) {
-        throw UsageError(fmt::format("{}: no such directory", engine::displayed(target)));
-    }
+    const bool asDirectory = destination.ends_with('/') || destination.ends_with("/.");
+    check_destination(target, asDirectory, sources.size(), kind);
+    const bool into = kind != Target::new_name && is_directory(target);
     std::vector<Errand> errands;
     for (const std::string &given : sources) {
         const std::string source = engine::absolute_path(given);
@@ -44,7 +56,7 @@ std::vector<Errand> plan_errands(const std::vector<std::string> &sources, const 
         std::string place = contents ? target
                             : into   ? (target == "/" ? "" : target) + "/" + engine::base_name(source)
                                      : target;
-        errands.push_back({slash ? source + "/" : source, std::move(place), names_contents(given)});
+        errands.push_back({contents ? engine::joined(source, ".") : slash ? source + "/" : source, std::move(place)});
     }
     return errands;
 }

@@ -5,6 +5,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/vexofileop/terminal/signals.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -22,6 +23,9 @@ bool read_all(int fd, uint64_t most, std::string &bytes) {
     char buffer[65536];
     while (bytes.size() <= most && wait_readable(fd)) {
         const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EAGAIN) {
+            continue; // somebody else was quicker
+        }
         if (got <= 0) {
             return got == 0;
         }
@@ -35,7 +39,8 @@ bool read_all(int fd, uint64_t most, std::string &bytes) {
 std::string read_input(const std::string &path, uint64_t most) {
     const bool standard = path == "-";
     const std::string what = standard ? "standard input" : engine::displayed(path);
-    const engine::Descriptor opened(standard ? -1 : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Opening a pipe would wait for its writer, which no signal ends; wait_readable() waits for it just as well.
+    const engine::Descriptor opened(standard ? -1 : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const int fd = standard ? STDIN_FILENO : opened.get();
     struct stat found {};
     if (fd >= 0 && ::fstat(fd, &found) == 0 && S_ISREG(found.st_mode) && static_cast<uint64_t>(found.st_size) > most) {

@@ -1,12 +1,14 @@
 #include "tools/vexofileop/arguments/parser.h"
 
 #include "tools/engine/report/names.h"
+#include "tools/vexofileop/arguments/near_commands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
+#include <fmt/format.h>
 #include <string_view>
 
 namespace tool {
@@ -44,6 +46,33 @@ std::vector<std::string> arguments_of(int argc, const char *const *argv) {
 std::string without_marks(std::string text) {
     std::erase(text, kMark.front());
     return text;
+}
+
+// Throws UsageError for a word in place of a command that there is none of.
+void refuse_unknown_command(const CLI::App &program) {
+    const CLI::App *at = &program;
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().front();
+    }
+    const std::vector<std::string> words = at->remaining(true);
+    const auto commands = at->get_subcommands([](const CLI::App *) { return true; });
+    if (commands.empty() || words.empty() || words.front().starts_with('-')) {
+        return;
+    }
+    std::vector<std::string> names;
+    for (const CLI::App *const command : commands) {
+        names.push_back(command->get_name());
+    }
+    for (const CLI::App *const command : commands) {
+        for (const CLI::App *const below : command->get_subcommands([](const CLI::App *) { return true; })) {
+            names.push_back(command->get_name() + " " + below->get_name());
+        }
+    }
+    const std::string word = without_marks(words.front());
+    const std::vector<std::string> near = near_commands(word, names);
+    throw UsageError(fmt::format("unknown command \"{}\"{}{}{}", engine::displayed(word),
+                                 near.empty() ? "" : "; did you mean \"", fmt::join(near, "\" or \""),
+                                 near.empty() ? "" : "\"?"));
 }
 
 constexpr const char *kRare = "More options"; // the group of what --help leaves to --help-all
@@ -218,6 +247,7 @@ std::optional<std::string> Parser::run(int argc, const char *const *argv) const 
     } catch (const CLI::CallForVersion &version) {
         return std::string(version.what()) + "\n";
     } catch (const CLI::ParseError &error) {
+        refuse_unknown_command(*m_app);
         throw UsageError(engine::displayed(without_marks(error.what())));
     }
 }

@@ -49,7 +49,7 @@ int Batch::run(const std::vector<Errand> &errands) {
         if (stopped()) {
             break;
         }
-        m_transfer.run(errand.source, errand.destination, !errand.contents);
+        m_transfer.run(errand.source, errand.destination);
     }
     m_console.clear_progress();
     return finish(errands.size());
@@ -61,7 +61,7 @@ bool Batch::stopped() const {
 
 // A tree is counted before it is copied only where somebody sees the bar.
 void Batch::begin(const std::vector<Errand> &errands) {
-    if (m_options.noProgress || m_options.json || !Console::can_show_progress()) {
+    if (m_options.noProgress || m_options.quiet || m_options.json || !Console::can_show_progress()) {
         return;
     }
     engine::Totals totals;
@@ -124,8 +124,8 @@ void Batch::report_problems(const std::string &source, const engine::Outcome &ou
     if (outcome.problem) {
         m_console.message(
             problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
-    } else if (outcome.status == engine::Status::skipped && m_treeSeen && !m_options.verbose && !m_options.json) {
-        m_console.message(both + ": skipped, destination exists");
+    } else if (outcome.status == engine::Status::skipped && m_treeSeen) {
+        ++m_passedOver;
     }
     if (outcome.warning) {
         m_console.message(problem_text(both, *outcome.warning));
@@ -181,13 +181,25 @@ int Batch::finish(size_t planned) {
     tell_stop(planned);
     if (m_options.json) {
         m_console.line(summary_line(planned, status));
-    } else if (m_treeSeen) {
+    } else if (m_treeSeen && !m_options.quiet) {
+        tell_passed_over();
         m_console.line(counts_line());
+    }
+    if (m_console.is_unanswered() && status == exitAll) {
+        status = exitSome;
     }
     if (!m_console.check_output() && status == exitAll) {
         status = exitSome;
     }
     return status;
+}
+
+// One line, however many they are: each has one with -v.
+void Batch::tell_passed_over() {
+    if (m_passedOver > 0 && !m_options.verbose) {
+        m_console.message(fmt::format("{} skipped, for the destination exists; -v names {}", m_passedOver,
+                                      m_passedOver == 1 ? "it" : "them"));
+    }
 }
 
 void Batch::tell_stop(size_t planned) {

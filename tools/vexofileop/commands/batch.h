@@ -13,7 +13,7 @@ namespace tool {
 struct BatchOptions {
     engine::TransferOptions transfer;
     bool stopOnError = false;
-    bool verbose = false, json = false, noProgress = false;
+    bool verbose = false, json = false, quiet = false, noProgress = false;
 };
 
 const char *word_of(engine::Operation operation); // "copy"
@@ -44,6 +44,7 @@ class Batch : private engine::TransferObserver {
     std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     int finish(size_t planned);
     void tell_stop(size_t planned);
+    void tell_passed_over();
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
     void advance(int64_t bytes);
@@ -56,6 +57,7 @@ class Batch : private engine::TransferObserver {
     int m_cloned = 0;
     bool m_treeSeen = false;
     bool m_failed = false;
+    int m_passedOver = 0;      // for something stands there, which the caller wants to stay
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended
     int64_t m_filesBehind = 0; // the same, counted
     int64_t m_filesBegun = 0;  // those, or of a tree that the library copies those that it has begun

@@ -43,15 +43,43 @@ std::vector<Policy> add_policies(const Command &command) {
     };
 }
 
-// The last operand is where the files go. A list has any number of them, so that it needs a directory.
-std::vector<Errand> planned(const PathOperands &operands, engine::Operation operation, engine::Conflict conflict) {
-    std::vector<std::string> sources = operands.given();
-    if (sources.empty() || (sources.size() == 1 && !operands.has_list())) {
-        throw UsageError(sources.empty() ? "no file and no destination given" : "no destination given");
+// Where the files go: -t and -T.
+struct TargetOptions {
+    explicit TargetOptions(const Command &command)
+        : directory(command.rare().add_value("-t,--target-directory", "DIR", "all of them go into this directory")),
+          newName(command.rare().add_flag("-T,--no-target-directory",
+                                          "DEST is the new name, also where it is a directory")) {
+        directory.excludes(newName);
     }
-    std::string destination = std::move(sources.back());
-    sources.pop_back();
+    Target kind() const {
+        return directory.given() ? Target::directory : newName.given() ? Target::new_name : Target::as_it_is;
+    }
+    Option directory, newName;
+};
+
+// The last operand is where the files go, where no option says so. A list has any number of them, so that it needs a
+// directory.
+std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &target, engine::Operation operation,
+                            engine::Conflict conflict) {
+    std::vector<std::string> sources = operands.given();
+    const Target kind = target.kind();
+    const bool last = kind != Target::directory;
+    if (sources.size() < (operands.has_list() ? 0U : 1U) + (last ? 1U : 0U)) {
+        throw UsageError(!last             ? "no file given"
+                         : sources.empty() ? "no file and no destination given"
+                                           : "no destination given");
+    }
+    std::string destination = last ? sources.back() : target.directory.values().front();
+    if (destination.empty()) {
+        throw UsageError("an empty path was given");
+    }
+    if (last) {
+        sources.pop_back();
+    }
     if (operands.has_list()) {
+        if (kind == Target::new_name) {
+            throw UsageError("a list of files needs a directory to go into, and -T names none");
+        }
         destination += destination.ends_with('/') ? "" : "/";
         if (conflict == engine::Conflict::ask && operands.has_list_on_stdin()) {
             throw UsageError("-i reads its answers from stdin, which is the list here");
@@ -64,7 +92,7 @@ std::vector<Errand> planned(const PathOperands &operands, engine::Operation oper
             throw UsageError(fmt::format("{}: give the directory by its name", engine::displayed(source)));
         }
     }
-    return plan_errands(sources, destination);
+    return plan_errands(sources, destination, kind);
 }
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
@@ -81,11 +109,16 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
     options.transfer.trees = !copy;
     const std::vector<Policy> policies = add_policies(command);
     if (copy) {
-        command.add_flag("-r,-R,--recursive", options.transfer.trees, "directories too; links in them stay links");
+        command.add_flag("-r,-R,-a,--recursive,--archive", options.transfer.trees,
+                         "directories too; links in them stay links");
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
+    command.rare().add_flag(copy ? "-p,--preserve" : "-r,-R,-a,-p", copy ? "accepted: everything goes along anyway"
+                                                                         : "accepted: this is what a move does anyway");
+    const auto target = std::make_shared<TargetOptions>(command);
     command.rare().add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
+    command.add_flag("-q,--quiet", options.quiet, "say nothing but what fails; no progress line");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     command.rare().add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
     const SelectionOptions selection(command);
@@ -94,11 +127,11 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                                                    : "Examples:\n"
                                                      "  vexofileop move draft.txt final.txt\n"
                                                      "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, selection, operands] {
+    command.set_work([command, &status, batch, policies, target, selection, operands] {
         batch->transfer.selection = selection.chosen();
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
-        status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
+        status = Batch(*batch).run(planned(operands, *target, batch->transfer.operation, batch->transfer.conflict));
     });
 }
 

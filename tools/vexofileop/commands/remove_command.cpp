@@ -24,7 +24,7 @@ constexpr const char *kRecursion = "-r removes it with everything in it";
 
 struct Options {
     engine::RemovalOptions removal;
-    bool ask = false, stopOnError = false, verbose = false, json = false;
+    bool ask = false, stopOnError = false, verbose = false, quiet = false, json = false;
 };
 
 // As the engine takes it: a slash or a dot at the end of a path stays.
@@ -60,7 +60,8 @@ class Removal : private engine::RemovalObserver {
     bool may_remove(const std::string &path, engine::RemovalQuestion question) override {
         const char *const what = question == engine::RemovalQuestion::entry            ? "remove"
                                  : question == engine::RemovalQuestion::into_directory ? "go into the directory"
-                                                                                       : "remove the directory";
+                                 : question == engine::RemovalQuestion::directory      ? "remove the directory"
+                                                                                       : "remove what is left of";
         return !m_options.ask || m_console.confirm(fmt::format("{} {}?", what, engine::displayed(path)));
     }
 
@@ -86,7 +87,9 @@ class Removal : private engine::RemovalObserver {
         line.add_text("operation", "remove");
         line.add_text("status", word_of(status));
         line.add_name("path", path);
-        if (problem != nullptr) {
+        if (problem != nullptr && status == engine::Status::done) {
+            line.add_to_list("warnings", problem_object(*problem));
+        } else if (problem != nullptr) {
             line.add_object("error", problem_object(*problem, kRecursion));
         }
         return line.line();
@@ -101,8 +104,11 @@ class Removal : private engine::RemovalObserver {
         }
         if (m_options.json) {
             m_console.line(summary_line(status));
-        } else if (m_options.removal.recursive) {
+        } else if (m_options.removal.recursive && !m_options.quiet) {
             m_console.line(fmt::format("{} removed, {} kept, {} failed", m_done, m_kept, m_failed));
+        }
+        if (m_console.is_unanswered() && status == exitAll) {
+            status = exitSome;
         }
         if (!m_console.check_output() && status == exitAll) {
             status = exitSome;
@@ -136,8 +142,10 @@ void add_remove_command(const Command &program, int &status) {
     command.add_flag("-r,-R,--recursive", options->removal.recursive, "directories too, with everything in them");
     const Option force = command.add_flag("-f,--force", "what does not exist is no failure; never ask");
     const Option ask = command.add_flag("-i,--interactive", "ask before each removal");
+    command.add_flag("-d,--dir", options->removal.emptyDirectories, "empty directories too");
     command.add_flag("--stop-on-error", options->stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options->verbose, "name what is removed");
+    command.add_flag("-q,--quiet", options->quiet, "say nothing but what fails");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
     const PathOperands operands(command, "FILE", "FILE...");
     command.set_footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"

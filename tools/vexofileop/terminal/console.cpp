@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
+#include <optional>
+#include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -39,13 +41,16 @@ int terminal_width() {
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
 }
 
-// A line of stdin, read byte by byte so that what follows stays for the next question or program.
-std::string read_answer() {
+// A line of stdin, read byte by byte so that what follows stays for the next question or program. Nothing: there is
+// none.
+std::optional<std::string> read_answer() {
     std::string answer;
-    for (char byte = 0; wait_readable(STDIN_FILENO) && ::read(STDIN_FILENO, &byte, 1) == 1 && byte != '\n';) {
-        answer += byte;
+    for (char byte = 0; wait_readable(STDIN_FILENO) && ::read(STDIN_FILENO, &byte, 1) == 1; answer += byte) {
+        if (byte == '\n') {
+            return answer;
+        }
     }
-    return answer;
+    return answer.empty() ? std::nullopt : std::optional(answer);
 }
 
 } // namespace
@@ -66,13 +71,20 @@ void Console::line(std::string_view text) {
 }
 
 bool Console::confirm(std::string_view question) {
-    clear_progress();
-    write_error(fmt::format("vexofileop: {} [y/N] ", question));
-    const std::string answer = read_answer();
-    if (stop_signal() != 0) {
-        write_error("\n");
+    if (m_unanswered) {
         return false;
     }
+    clear_progress();
+    write_error(fmt::format("vexofileop: {} [y/N] ", question));
+    const auto given = read_answer();
+    if (stop_signal() != 0 || !given) {
+        write_error("\n");
+    }
+    if (stop_signal() == 0 && !given) {
+        m_unanswered = true;
+        message("no answer can be read; what would have to be asked about stays as it is");
+    }
+    const std::string answer = stop_signal() == 0 ? given.value_or("") : "";
     return answer.starts_with('y') || answer.starts_with('Y');
 }
 

@@ -23,8 +23,10 @@ class Console {
     // "TEXT" on stdout.
     void line(std::string_view text);
     // "vexofileop: QUESTION [y/N] " on stderr, and the answer from stdin: true for one that begins with y or Y. The end
-    // of the input and a stop signal are a no.
+    // of the input and a stop signal are a no; after the end of the input, which is told, nothing is asked any more.
     bool confirm(std::string_view question);
+    // Whether a question found no answer.
+    bool is_unanswered() const { return m_unanswered; }
     // Whether all that line() said arrived. A message tells when it did not; a reader that went away is no failure.
     bool check_output();
 
@@ -39,7 +41,8 @@ class Console {
 
   private:
     using Clock = std::chrono::steady_clock;
-    int m_outputError = 0;   // errno of the first write to stdout that failed
+    int m_outputError = 0; // errno of the first write to stdout that failed
+    bool m_unanswered = false;
     bool m_progress = false; // wanted
     bool m_drawn = false;    // on the screen
     int64_t m_total = 0, m_totalFiles = 0;

@@ -125,16 +125,19 @@ class SetCommand {
         }
         PathWork work;
         work.one(given[0], [&](const std::string &path) {
-            const std::string value = m_from.given() ? input() : elsewhere ? *bytes : given[2];
-            engine::Store(path).set(given[1], value, existing());
+            const engine::Store store(path);
+            const std::string value = m_from.given() ? input(store.largest_value(given[1]))
+                                      : elsewhere    ? *bytes
+                                                     : given[2];
+            store.set(given[1], value, existing());
         });
         return work.finish();
     }
 
   private:
-    std::string input() const {
+    std::string input(uint64_t most) const {
         try {
-            std::string value = read_input(m_from.values().front(), engine::kLargestValue);
+            std::string value = read_input(m_from.values().front(), most);
             if (stop_signal() != 0) {
                 throw engine::Failure("stopped before all of the value was there");
             }
