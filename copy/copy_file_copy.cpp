@@ -25,7 +25,6 @@ struct Records {
     VEXOCopyArgsEx *ex = nullptr;
     VEXOCopyTHRArgs *thr = nullptr;
     const WalkedDirectory *directory = nullptr;
-    const char *dst = nullptr; // as the caller gave it
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
@@ -41,12 +40,12 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
     return VEXOEARename(src, dst, srcType, 0);
 }
 
-int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType) {
+int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType,
+                  const KnownOfFile &known) {
     const Records &given = *static_cast<const Records *>(data);
     const int move = given.opt == nullptr ? 0 : static_cast<int>(given.opt->move);
     const int eaFlags = given.opt == nullptr ? 0 : static_cast<int>(given.opt->eaFlags);
-    return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr,
-                   store_seen(given.directory, given.dst, dst.path()));
+    return copy_ea(src, dst, move, eaFlags, srcType, dstType, given.ex, given.thr, nullptr, known);
 }
 
 template <typename Options>
@@ -76,7 +75,6 @@ int run_engine(const char *src, const char *dst, Records given, Mode mode, int32
     } else if (given.optR != nullptr) {
         take_policy(request, *given.optR);
     }
-    given.dst = dst;
     request.clone = mode == Mode::clone;
     request.asCaller = mode == Mode::as_caller;
 

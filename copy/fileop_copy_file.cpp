@@ -18,8 +18,6 @@ namespace {
 struct Caller {
     uint32_t flags;
     VEXOCopyArgs *args;
-    const WalkedDirectory *directory;
-    const char *dst; // as it was asked for
 };
 
 int copy_data(void *data, const char *, const char *, int *srcFd, int *dstFd, int64_t size) {
@@ -34,11 +32,11 @@ int rename_metadata(void *, const char *src, const char *dst, int srcType) {
     return VEXOEARename(src, dst, srcType, 0);
 }
 
-int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType) {
+int copy_metadata(void *data, const FileRef &src, const FileRef &dst, int srcType, int dstType,
+                  const KnownOfFile &known) {
     const Caller &caller = *static_cast<const Caller *>(data);
     return copy_ea(src, dst, (caller.flags & kFileOpMove) != 0 ? 1 : 0, (caller.flags & kFileOpWholeEaDir) != 0 ? 1 : 0,
-                   srcType, dstType, nullptr, nullptr, caller.args,
-                   store_seen(caller.directory, caller.dst, dst.path()));
+                   srcType, dstType, nullptr, nullptr, caller.args, known);
 }
 
 Overwrite overwrite_of(uint32_t flags) {
@@ -76,7 +74,7 @@ int run_engine(const char *src, const char *dst, uint32_t flags, VEXOCopyArgs *a
     request.keepSource = request.isCancel;
     request.rename = rename_of(args);
     request.isTooLarge = {is_too_large, args};
-    Caller caller = {flags, args, directory, dst};
+    Caller caller = {flags, args};
     const auto moveData = read_write_data_of(args);
     request.moveData = moveData.or_else({copy_data, args});
     request.moveDataIsOurs = !moveData;

@@ -85,17 +85,23 @@ Converted convert(const EaCopyJob &job) {
 }
 
 int carry_lock(const EaCopyJob &job) {
-    return copy_lock(job) < 0 ? -1 : 0;
+    return !job.recordSet && copy_lock(job) < 0 ? -1 : 0;
 }
 
 int finish(const EaCopyJob &job) {
     if (carry_rest(job) < 0) {
         return -1;
     }
-    if (command_attribute(job.destination(), AttributeCommand::set_archive) < 0) {
+    if (!job.recordSet && command_attribute(job.destination(), AttributeCommand::set_archive) < 0) {
         VEXO_LOG_ERROR(VEXO_HERE, "Failed to set %s smb archive. %m", job.dst);
     }
     return 0;
+}
+
+bool lacks_metadata(const EaCopyJob &job) {
+    const KeepErrno keep;
+    return job.names != nullptr ? !job.names->has(kMetadataAttribute)
+                                : job.source().get_attribute(kMetadataAttribute, nullptr, 0) < 0 && errno == ENODATA;
 }
 
 // On a volume with a metadata attribute an "@eaDir" may be made of that, so that both have to be absent; it is asked
@@ -104,10 +110,8 @@ bool has_nothing_stored(const EaCopyJob &job) {
     if (job.srcKind() == StoreKind::ea_directory) {
         return has_no_ea_directory(job.src, job.seen);
     }
-    const KeepErrno keep;
     return job.srcKind() == StoreKind::file_ea && job.seen == StoreSeen::neither &&
-           has_no_ea_directory(job.src, job.seen) && job.source().get_attribute(kMetadataAttribute, nullptr, 0) < 0 &&
-           errno == ENODATA;
+           has_no_ea_directory(job.src, job.seen) && lacks_metadata(job);
 }
 
 std::string_view last_component(std::string_view path) {
@@ -191,10 +195,23 @@ int run_with_error(EaCopyJob &job) {
     return result;
 }
 
+// Kinds that keep the locked state where the archive bit is.
+bool keeps_lock_as_flag(StoreKind kind) {
+    return kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
+}
+
 } // namespace
 
+bool vexo::is_plain_file(const char *src, const char *dst, int srcKind, int dstKind, StoreSeen seen,
+                         const AttributeNames &names) {
+    return seen == StoreSeen::neither && keeps_lock_as_flag(store_kind(srcKind)) &&
+           keeps_lock_as_flag(store_kind(dstKind)) && !names.has(kMetadataAttribute) &&
+           has_no_ea_directory(src, seen) && has_no_ea_directory(dst, seen) && !names_internal_folder(src);
+}
+
 int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, int fullDir, int srcKind, int dstKind,
-                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp, StoreSeen seen) {
+                  VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp,
+                  const KnownOfFile &known) {
     const char *const src = source.path();
     const char *const dst = destination.path();
     if (src == nullptr || dst == nullptr || !names_entry(src) || !names_entry(dst)) {
@@ -210,7 +227,9 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
     if (ofFileOperation) {
         copyFile = {fileOp->copyEA, fileOp->copyEAArg};
     }
-    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, seen};
+    EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, known.seen};
+    job.names = known.names;
+    job.recordSet = known.recordSet;
     job.srcFd = source.fd();
     job.dstFd = destination.fd();
     return run_with_error(job);
@@ -218,7 +237,7 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
 
 int VEXOEACopyInternal(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind,
                        VEXOCopyArgsEx *options, VEXOCopyTHRArgs *copyEngine, VEXOCopyArgs *fileOp) {
-    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, StoreSeen::unknown);
+    return copy_ea(src, dst, move, fullDir, srcKind, dstKind, options, copyEngine, fileOp, {});
 }
 
 int VEXOEACopyEx(const char *src, const char *dst, int move, int fullDir, int srcKind, int dstKind, int /*spare*/,

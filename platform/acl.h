@@ -2,6 +2,9 @@
 #ifndef VEXOFILEOP_PLATFORM_ACL_H
 #define VEXOFILEOP_PLATFORM_ACL_H
 
+#include <stddef.h>
+#include <sys/types.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,6 +19,10 @@ int VEXOACLArchiveCopy(const char *src, const char *dst);
  * reading, `dstFd` may be open for writing only. */
 int VEXOACLFCopy(int srcFd, int dstFd);
 int VEXOACLArchiveFCopy(int srcFd, int dstFd);
+/* Optional and weak too: the two together, one after the other, where `dstFd` is a file that the library has just made
+ * with the permissions of `srcMode`, the mode of the source, and `names` are the source's attributes as listxattr gave
+ * them, `size` bytes, on a volume that lists all of them. */
+int VEXOACLFCopyToNew(int srcFd, int dstFd, mode_t srcMode, const char *names, size_t size);
 /* Makes `path` inherit the ACL of the directory that holds it. */
 int VEXOACLEnforceInherit(const char *path);
 /* Gives an "@eaDir" directory the ACL that such directories have. */

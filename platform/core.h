@@ -100,6 +100,25 @@ int VLIBCKernelAttrCall(const char *path, int command);
 int VLIBCFileFUTime(int fd, int count, const struct timespec *times);
 int VLIBCKernelAttrFCall(int fd, int command);
 
+/* Optional and weak too, for a platform that keeps DOS attributes and creation times in an attribute of the file, its
+ * record. Where they are not defined, every "user." attribute is copied as any other.
+ *
+ * VLIBCFileIsRecord: 1 when the attribute of that name is the platform's record, else 0.
+ *
+ * VLIBCFileRecordCarry: what the copy of that attribute comes to, after the DOS attributes and the times of `dst` have
+ * been set. What the record of `dst` says stays; what it does not say, and bits that VLIBCStat has no place for, it
+ * gets from that of `src`. Each file is an open descriptor, or a path where the descriptor is negative. Returns 0, or
+ * -1 with errno.
+ *
+ * VLIBCFileFComplete: what VLIBCFileFUTime, VLIBCKernelAttrFcntl and VLIBCKernelAttrFCall say one after the other, at
+ * once, for a file that the library has just made: access, modification and creation time, and the attributes of the
+ * mask `attributes` (VLIBC_ATTR_*). `srcFd` is the file whose record is carried along, or negative. Returns 0 when all
+ * of it is set; -1 with errno when not, and then the library calls the functions one by one. A platform that defines it
+ * allows the library to take the locked state of the source from the extended stat that was made when it was opened. */
+int VLIBCFileIsRecord(const char *name);
+int VLIBCFileRecordCarry(const char *src, int srcFd, const char *dst, int dstFd);
+int VLIBCFileFComplete(int srcFd, int dstFd, const struct timespec *times, uint32_t attributes);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

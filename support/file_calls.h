@@ -8,7 +8,11 @@
 
 #pragma weak VLIBCFileFUTime
 #pragma weak VEXOACLFCopy
+#pragma weak VLIBCFileIsRecord
+#pragma weak VLIBCFileRecordCarry
+#pragma weak VLIBCFileFComplete
 #pragma weak VEXOACLArchiveFCopy
+#pragma weak VEXOACLFCopyToNew
 
 namespace vexo {
 
@@ -20,6 +24,15 @@ inline int extended_status(const FileRef &file, uint32_t fields, VLIBCStat *out)
 inline int set_times(const FileRef &file, const timespec (&times)[3]) {
     return file.is_open() && VLIBCFileFUTime != nullptr ? VLIBCFileFUTime(file.fd(), 3, times)
                                                         : VLIBCFileUTime(file.path(), 3, times);
+}
+
+// Whether an attribute is where the platform keeps DOS attributes and creation times. They have steps of their own, so
+// that the attribute is not copied as those of the users are: it would take back what those steps have set.
+inline bool is_record(const char *name) {
+    return VLIBCFileIsRecord != nullptr && VLIBCFileRecordCarry != nullptr && VLIBCFileIsRecord(name) != 0;
+}
+inline int carry_record(const FileRef &src, const FileRef &dst) {
+    return VLIBCFileRecordCarry(src.path(), src.fd(), dst.path(), dst.fd());
 }
 
 // Neither is a directory where both are open.

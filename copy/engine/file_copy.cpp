@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace vexo {
@@ -56,12 +55,22 @@ FileCopy::Next FileCopy::perform() {
             return next;
         }
     }
-    // Nothing from here on fails the copy: the data have arrived.
-    set_times(); // after the data and the owner, which would change them
+    // Nothing of what follows fails the copy: the data have arrived.
+    list_source_attributes();
+    m_recordSet = set_record_at_once();
+    if (!m_recordSet) {
+        if (m_dstFd) {
+            set_dos_attributes();
+        }
+        set_times(); // after the data and the owner, which would change them
+    }
     if (m_request.copyAcl) {
         copy_acl();
     }
     copy_metadata();
+    if (close_destination() == Next::failure) { // of a file that stayed open
+        return abandon_destination();
+    }
     m_removeSource = m_request.move;
     return Next::success;
 }
@@ -76,6 +85,9 @@ FileCopy::Next FileCopy::fill_destination() {
         return abandon_destination();
     }
     give_owner();
+    if (stays_open()) {
+        return Next::step;
+    }
     set_dos_attributes();
     return close_destination() == Next::failure ? abandon_destination() : Next::step;
 }
@@ -107,19 +119,14 @@ FileCopy::Next FileCopy::transfer_data() {
 }
 
 // A destination that this copy has made in a tree is nobody else's: the steps after the data may work on the open file.
-// Volumes that write late say what they could not at the first close, which comes next; those that set times at the
-// last one are left out.
-void FileCopy::keep_destination() {
-    if (m_madeInTree && m_request.moveDataIsOurs && m_request.directory->timesStay) {
-        const KeepErrno keep;
-        m_keptDstFd.reset(::fcntl(m_dstFd.get(), F_DUPFD_CLOEXEC, 0));
-    }
+// Only on the kernel's own volumes, which neither set times when a file is closed nor have anything left to say then.
+bool FileCopy::stays_open() const {
+    return m_madeInTree && m_request.moveDataIsOurs && m_request.directory->timesStay;
 }
 
 // Closed before the times are set and before a moved source goes: network and cloud volumes write late, and this is
-// where they say that they could not.
+// where they say that they could not. What stays open is asked all the same, at its end.
 FileCopy::Next FileCopy::close_destination() {
-    keep_destination();
     if (!m_dstFd || ::close(m_dstFd.release()) == 0) {
         return Next::step;
     }
@@ -172,7 +179,8 @@ class FileCopy::WritableByOwner {
 void FileCopy::copy_metadata() {
     if (m_request.copyMetadata) {
         const WritableByOwner writable(destination(), m_srcStat.st.st_mode);
-        (void)m_request.copyMetadata(source(), destination(), source_type(), destination_type());
+        const KnownOfFile known = {store_seen(), m_names.known() ? &m_names : nullptr, m_recordSet};
+        (void)m_request.copyMetadata(source(), destination(), source_type(), destination_type(), known);
     }
 }
 

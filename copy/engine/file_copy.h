@@ -33,6 +33,7 @@ struct WalkedDirectory {
     int32_t type; // of the volume
     StoreSeen stores;
     bool timesStay; // the destination's volume sets no times when a file is closed
+    bool listsAll;  // the volume of `device` lists every attribute that a file has
 };
 
 // What happens to an existing destination; any other value leaves it, except that a move by rename replaces it.
@@ -72,13 +73,9 @@ struct FileCopyRequest {
 
     // Carry the extended-attribute store along, after a rename and after a copy. Empty: it stays where it is.
     Callback<int(const char *src, const char *dst, int srcType)> renameMetadata = {};
-    Callback<int(const FileRef &src, const FileRef &dst, int srcType, int dstType)> copyMetadata = {};
+    Callback<int(const FileRef &src, const FileRef &dst, int srcType, int dstType, const KnownOfFile &)> copyMetadata =
+        {};
 };
-
-// What is known of the stores. A destination that got another name may lie in another directory.
-inline StoreSeen store_seen(const WalkedDirectory *directory, const char *asked, const char *dst) {
-    return directory != nullptr && dst == asked ? directory->stores : StoreSeen::unknown;
-}
 
 // Copies or moves one file. Returns 0 (also when the destination was left as it is, is the source itself, or the copy
 // was cancelled), or -1 with the last error set and reported once through errReport.

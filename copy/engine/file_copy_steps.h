@@ -47,7 +47,7 @@ class FileCopy {
     Next fill_destination();
     Next share_extents();
     Next transfer_data();
-    void keep_destination();
+    bool stays_open() const;
     Next close_destination();
     Next abandon_destination();
 
@@ -56,6 +56,8 @@ class FileCopy {
     void give_chosen_owner();
     void restore_set_id_bits();
     void set_dos_attributes();
+    void list_source_attributes();
+    bool set_record_at_once();
     void set_times();
     void set_times_as_current_user();
     void copy_acl();
@@ -67,8 +69,13 @@ class FileCopy {
     void report_failure();
 
     // What the steps after the data work on.
-    FileRef source() const { return {m_request.src, m_keptDstFd ? m_srcFd.get() : -1}; }
-    FileRef destination() const { return {m_dst, m_keptDstFd.get()}; }
+    FileRef source() const { return {m_request.src, m_dstFd ? m_srcFd.get() : -1}; }
+    FileRef destination() const { return {m_dst, m_dstFd.get()}; }
+    // What the walk knows of the stores. A destination that got another name may lie in another directory.
+    StoreSeen store_seen() const {
+        return m_request.directory != nullptr && m_dst == m_request.dst ? m_request.directory->stores
+                                                                        : StoreSeen::unknown;
+    }
 
     int32_t source_type() const { return *m_request.srcType; }
     int32_t destination_type() const { return *m_request.dstType; }
@@ -86,8 +93,9 @@ class FileCopy {
     PathBuffer m_renamedDst;
     VLIBCStat m_srcStat = {}; // filled when the source is opened
     Fd m_srcFd;
-    Fd m_dstFd;
-    Fd m_keptDstFd;               // of a destination that is closed
+    Fd m_dstFd;                   // after the data: only of a destination that stays open
+    AttributeNames m_names;       // of the source, where they need not be asked for one by one
+    bool m_recordSet = false;     // set_record_at_once() did what later steps need not
     bool m_typeAssumed = false;   // the source's, from the directory that holds it
     bool m_madeInTree = false;    // create_destination() made the destination
     bool m_dstExisted = false;    // before it was opened

@@ -10,8 +10,9 @@
 namespace vexo {
 namespace {
 
-// Volumes that are not this kernel's own, such as those of a server, may set a file's times when it is closed.
-bool keeps_times(const char *directory) {
+// Volumes that are not this kernel's own, such as those of a server, may set a file's times when it is closed, and may
+// leave out attributes when they list them.
+bool on_own_volume(const char *directory) {
     struct statfs volume {};
     return ::statfs(directory, &volume) == 0 && is_own_volume(volume);
 }
@@ -38,7 +39,8 @@ void TreeWalk::look_up_directory(Level &level) {
     const KeepErrors keep;
     const int type = m_request.srcKindHolds ? m_request.srcKind : VEXOGetFSType(src(), 0);
     if (type >= 0) {
-        level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores(), keeps_times(dst())};
+        const bool listsAll = !m_request.move && on_own_volume(src());
+        level.known = WalkedDirectory{level.status.st.st_dev, type, look_for_stores(), on_own_volume(dst()), listsAll};
     }
 }
 

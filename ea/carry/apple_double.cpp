@@ -136,14 +136,9 @@ int copy_adfs_to_ea_directory(const EaCopyJob &job) {
                        static_cast<int>(VLIBCErrorGetLine()));
         return -1;
     }
-    const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::plain);
-    if (converted < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.\n", from.c_str(), to.c_str(),
-                       converted);
-        return converted;
-    }
-    if (converted == kOneFile) {
-        return 0;
+    const int converted = convert_or_log(from.c_str(), to.c_str(), ConvertMode::plain);
+    if (converted != 0) {
+        return converted == kOneFile ? 0 : converted;
     }
     if (move_attributes_to_stream(from.c_str(), job.dst) < 0) {
         return -1;

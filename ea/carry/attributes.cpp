@@ -3,6 +3,7 @@
 #include "ea/double/resource_fork.h"
 #include "ea/ea.h"
 #include "ea/files/xattr_list.h"
+#include "support/file_calls.h"
 #include "support/guards.h"
 #include "support/report.h"
 
@@ -86,7 +87,21 @@ int get_fork(const EaCopyJob &job, HeapBuffer &fork) {
     return get_attribute_or_log(job, kResourceForkName, fork);
 }
 
-int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix) {
+namespace {
+
+int copy_attribute(const FileRef &src, const FileRef &dst, const char *name, HeapBuffer &value) {
+    const int size = read_attribute(src, name, value);
+    return size < 0 ? -1 : set_attribute(dst, name, value.data(), size);
+}
+
+// What the steps before have set in the record of the destination is not taken back.
+int copy_record(const FileRef &src, const FileRef &dst) {
+    return carry_record(src, dst) < 0 ? fail(Error::write, VEXO_EA_COPY_HERE) : 0;
+}
+
+} // namespace
+
+int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix, bool recordSet) {
     NameList names;
     if (list_attributes(src, names) < 0) {
         return -1;
@@ -99,8 +114,11 @@ int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix) 
         if (!std::string_view(name).starts_with(prefix)) {
             continue;
         }
-        const int size = read_attribute(src, name, value);
-        if (size < 0 || set_attribute(dst, name, value.data(), size) < 0) {
+        const bool record = is_record(name);
+        if (record && recordSet) {
+            continue;
+        }
+        if ((record ? copy_record(src, dst) : copy_attribute(src, dst, name, value)) < 0) {
             number = result == 0 ? errno : number;
             result = -1;
         }
@@ -112,8 +130,15 @@ int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix) 
 }
 
 void copy_user_attributes(const EaCopyJob &job) {
+    constexpr std::string_view kPrefix = "user.";
+    const auto isToCopy = [&](std::string_view name) {
+        return name.starts_with(kPrefix) && !(job.recordSet && is_record(name.data()));
+    };
+    if (job.names != nullptr && !job.names->any(isToCopy)) {
+        return;
+    }
     const KeepErrors keep;
-    if (copy_attributes(job.source(), job.destination(), "user.") < 0) {
+    if (copy_attributes(job.source(), job.destination(), kPrefix.data(), job.recordSet) < 0) {
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to copy user extended attributes [%s]->[%s]. %m", job.src,
                             job.dst);
     }

@@ -47,8 +47,9 @@ int get_fork(const EaCopyJob &job, HeapBuffer &fork);
 // 0, or -1 with the error and errno.
 int set_attribute(const FileRef &file, const char *name, const void *value, int size);
 
-// Copies the attributes whose names begin with `prefix` (empty: all). What fails is passed over; -1 at the end then.
-int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix);
+// Copies the attributes whose names begin with `prefix` (empty: all). What fails is passed over; -1 at the end then. Of
+// the platform's record the destination gets what has not been set for it yet; `recordSet`: nothing.
+int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix, bool recordSet = false);
 // The attributes of the users. Best effort: what the volume refuses stays behind with a line in the log.
 void copy_user_attributes(const EaCopyJob &job);
 

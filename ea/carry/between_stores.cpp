@@ -34,14 +34,9 @@ int convert_resource_for_file_ea(const EaCopyJob &job) {
         select_resource(to, job.dst) < 0) {
         return -1;
     }
-    const int converted = convert_apple_double(from.c_str(), to.c_str(), ConvertMode::checked);
-    if (converted < 0) {
-        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.\n", from.c_str(), to.c_str(),
-                       converted);
-        return converted;
-    }
-    if (converted == kOneFile) {
-        return 0;
+    const int converted = convert_or_log(from.c_str(), to.c_str(), ConvertMode::checked);
+    if (converted != 0) {
+        return converted == kOneFile ? 0 : converted;
     }
     if (job.move && unlink_store_file(from.c_str()) != 0 && errno != ENOENT) {
         set_error(Error::file_operation, VEXO_EA_COPY_HERE);

@@ -296,6 +296,14 @@ int write_attributes(int from, int to) {
     return make_way(from, to) == 0 && EASWriteToFd(from, to) == 0 ? 0 : -1;
 }
 
+int convert_or_log(const char *from, const char *to, ConvertMode mode) {
+    const int converted = convert_apple_double(from, to, mode);
+    if (converted < 0) {
+        VEXO_LOG_ERROR(VEXO_EA_COPY_HERE, "Failed to copy %s to %s, reason = %d.\n", from, to, converted);
+    }
+    return converted;
+}
+
 int convert_apple_double(const char *from, const char *to, ConvertMode mode) {
     if (mode == ConvertMode::checked || mode == ConvertMode::checked_as_is) {
         const int refused = check_destination_name(to);

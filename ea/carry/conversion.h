@@ -9,6 +9,9 @@ namespace vexo {
 enum class ConvertMode { checked = 0, plain = 1, as_is = 2, checked_as_is = 3 };
 int convert_apple_double(const char *from, const char *to, ConvertMode mode);
 
+// The same for the routines of a copy, which log a failure.
+int convert_or_log(const char *from, const char *to, ConvertMode mode);
+
 // How many attributes an AppleDouble file holds: none where it has no entry for Finder Info, behind which they would
 // lie. -1 with the error.
 int attribute_count(int fd);

@@ -32,8 +32,10 @@ struct EaCopyJob {
     CopyFileCallback copyFile;    // in place of the copy of one file of the store
     bool copyFileOfFileOperation; // it came from a file-operation record, whose log lines differ
     StoreSeen seen = StoreSeen::unknown;
-    bool streamsStay = false;   // nothing was converted: the names on the way are passed over
-    bool nothingStored = false; // the source has no "@eaDir" and, where it could, no metadata attribute
+    bool streamsStay = false;              // nothing was converted: the names on the way are passed over
+    bool nothingStored = false;            // the source has no "@eaDir" and, where it could, no metadata attribute
+    const AttributeNames *names = nullptr; // of the source, where they are known
+    bool recordSet = false;                // locked state and archive bit are set, and the platform's record carried
 
     int srcFd = -1; // where the files are open
     int dstFd = -1;

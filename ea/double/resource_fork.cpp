@@ -35,7 +35,7 @@ bool ResourceForkAccess::open(StatFailure failure) {
     }
     m_fork.join(m_path, kPseudoFile);
     if ((file.st_mode & S_IXUSR) == 0) {
-        lend_execution(file.st_mode & kPermissions);
+        lend_execution(file);
     }
     return true;
 }
@@ -62,14 +62,17 @@ void ResourceForkAccess::report_stat(StatFailure failure) const {
 }
 
 // Neither failure ends the operation: the fork may be within reach all the same, and if it is not, that is told next.
-void ResourceForkAccess::lend_execution(mode_t mode) {
+// Whose file stands at the path meanwhile does not matter: the one that was looked at is lent the permission, and gives
+// it back.
+void ResourceForkAccess::lend_execution(const struct stat &file) {
     const uid_t before = ::geteuid();
     if (!m_root.become_root()) {
         VEXO_LOG_ERROR(VEXO_AT(m_source), "Fail to seteuid(0). %m");
     }
     m_lent = ::geteuid() != before;
-    m_mode = mode;
-    if (::chmod(m_path, mode | S_IXUSR) == 0) {
+    m_mode = file.st_mode & kPermissions;
+    m_file = HeldFile(m_path, file);
+    if (m_file && m_file.change_mode(m_mode | S_IXUSR) == 0) {
         m_lent = true;
     } else {
         VEXO_LOG_ERROR(VEXO_AT(m_source), "Fail to chmod. %m");
@@ -83,7 +86,7 @@ void ResourceForkAccess::restore() {
     }
     m_lent = false;
     const KeepErrno keep;
-    if (::chmod(m_path, m_mode) != 0) {
+    if (m_file && m_file.change_mode(m_mode) != 0) {
         VEXO_LOG_ERROR(VEXO_AT(m_source), "Fail to chmod. %m");
     }
     if (!m_root.restore()) {

@@ -5,6 +5,7 @@
 // function that runs them.
 #pragma once
 
+#include "ea/files/held_file.h"
 #include "support/guards.h"
 #include "support/path_buffer.h"
 #include "support/report.h"
@@ -44,12 +45,13 @@ class ResourceForkAccess {
 
   private:
     void report_stat(StatFailure failure) const;
-    void lend_execution(mode_t mode);
+    void lend_execution(const struct stat &file);
     void restore();
 
     const char *m_path;
     const char *m_source;
     RootPeriod m_root;
+    HeldFile m_file; // while it is lent the permission
     mode_t m_mode = 0;
     bool m_lent = false;
     off_t m_length = 0;

@@ -1,5 +1,6 @@
 // What an AppleDouble resource says of the file itself.
 #include "ea/double/format.h"
+#include "ea/files/held_file.h"
 #include "ea/files/positioned.h"
 #include "ea/files/store_file.h"
 #include "ea/upgrade/upgrade.h"
@@ -96,6 +97,10 @@ bool read_flags(const char *resource, FileFlags *flags) {
     return true;
 }
 
+bool is_one_file(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 // A file that is read-only already stays so: an upgrade never unlocks.
 mode_t upgraded_mode(mode_t mode, bool locked) {
     constexpr mode_t kWriteBits = 0222;
@@ -106,18 +111,24 @@ mode_t upgraded_mode(mode_t mode, bool locked) {
     return locked ? mode & ~kWriteBits : mode | kWriteBits;
 }
 
+// A link has no flags, and the file that it leads to has not got this store: whoever may put one there could have any
+// file made writable for everybody. What stands there is looked at once, and nothing is done to another.
 void apply_flags(const char *path, const FileFlags &flags) {
     VLIBCStat status;
+    struct stat entry;
     if (VLIBCFileStat(path, VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) != 0) {
         set_error(Error::stat, VEXO_UPGRADE_HERE);
         return;
     }
-    if (::chmod(path, upgraded_mode(status.st.st_mode, flags.locked)) != 0) {
+    const bool looked = ::lstat(path, &entry) == 0;
+    const HeldFile file = looked ? HeldFile(path, entry) : HeldFile();
+    if (!file || !is_one_file(entry, status.st) || file.change_mode(upgraded_mode(entry.st_mode, flags.locked)) != 0) {
         set_error(Error::file_operation, VEXO_UPGRADE_HERE);
         return;
     }
     const bool hidden = (status.attributes & VLIBC_ATTR_HIDDEN) != 0 || flags.hidden;
-    if (command_attribute(path, hidden ? AttributeCommand::set_hidden : AttributeCommand::clear_hidden) < 0) {
+    if (command_attribute({path, file.fd()}, hidden ? AttributeCommand::set_hidden : AttributeCommand::clear_hidden) <
+        0) {
         set_error(Error::file_operation, VEXO_UPGRADE_HERE);
     }
 }

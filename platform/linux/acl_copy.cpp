@@ -3,6 +3,7 @@
 #include "platform/acl.h"
 
 #include "platform/linux/acl_support.h"
+#include "support/attribute_names.h"
 #include "support/heap.h"
 
 #include <array>
@@ -31,8 +32,9 @@ bool same_permissions(const struct stat &one, const struct stat &other) {
     return (one.st_mode & kPermissions) == (other.st_mode & kPermissions);
 }
 
-// Where the kernel shows an access ACL.
+// Where the kernel shows the ACLs.
 constexpr char kAccessName[] = "system.posix_acl_access";
+constexpr char kDefaultName[] = "system.posix_acl_default";
 
 // A file without an ACL of its own, or a volume that has none: its mode is its ACL.
 bool has_mode_only(ssize_t size) {
@@ -55,10 +57,15 @@ int copy_access_acl(const FileRef &src, const FileRef &dst, const struct stat &f
     return acl ? give_access_acl(dst, acl) : -1;
 }
 
+// A directory that was just made mostly has no default ACL either: looking costs less than a removal, which changes the
+// directory whatever it finds.
 int copy_default_acl(const char *src, const char *dst) {
     const Acl acl = read_acl(src, ACL_TYPE_DEFAULT);
     if (!acl && errno != EOPNOTSUPP) {
         return -1;
+    }
+    if (acl.empty() && ::getxattr(dst, kDefaultName, nullptr, 0) < 0 && errno == ENODATA) {
+        return 0;
     }
     return give_default_acl(dst, acl);
 }
@@ -131,6 +138,24 @@ int copy_archive(const FileRef &src, const FileRef &dst) {
     return dst.set_attribute(kArchiveName, value.data(), value.size(), 0);
 }
 
+bool lists_acl(const AttributeNames &names) {
+    return !names.known() || names.has(kAccessName) || names.has(kArchiveName);
+}
+
+// Whether the mode is all that both say, and the same: a new file has got more from the directory's default ACL only,
+// and shows that in its own list.
+bool have_modes_only(int dstFd, mode_t srcMode, const AttributeNames &source) {
+    if (lists_acl(source)) {
+        return false;
+    }
+    AttributeNames here;
+    here.list(FileRef::descriptor(dstFd));
+    struct stat from {
+    }, to{};
+    from.st_mode = srcMode;
+    return !lists_acl(here) && ::fstat(dstFd, &to) == 0 && same_permissions(from, to);
+}
+
 } // namespace
 } // namespace vexo
 
@@ -151,4 +176,14 @@ int VEXOACLFCopy(int srcFd, int dstFd) {
 int VEXOACLArchiveFCopy(int srcFd, int dstFd) {
     return srcFd < 0 || dstFd < 0 ? refuse(EBADF)
                                   : copy_archive(FileRef::descriptor(srcFd), FileRef::descriptor(dstFd));
+}
+
+int VEXOACLFCopyToNew(int srcFd, int dstFd, mode_t srcMode, const char *names, size_t size) {
+    if (srcFd < 0 || dstFd < 0 || names == nullptr) {
+        return refuse(names == nullptr ? EFAULT : EBADF);
+    }
+    if (have_modes_only(dstFd, srcMode, {names, size})) {
+        return 0;
+    }
+    return VEXOACLFCopy(srcFd, dstFd) == 0 && VEXOACLArchiveFCopy(srcFd, dstFd) == 0 ? 0 : -1;
 }

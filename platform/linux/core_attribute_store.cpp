@@ -118,11 +118,15 @@ int AttributeFile::change(uint32_t set, uint32_t clear) const {
     if (after == before) {
         return 0;
     }
-    struct stat found {};
-    if (status(found) != 0) {
-        return -1;
+    uint32_t kind = 0; // attributes that are there say themselves whether they are a directory's
+    if (!record.attributes) {
+        struct stat found {};
+        if (status(found) != 0) {
+            return -1;
+        }
+        kind = S_ISDIR(found.st_mode) ? kDosDirectory : 0;
     }
-    record.attributes = after | (S_ISDIR(found.st_mode) ? kDosDirectory : 0);
+    record.attributes = after | kind;
     return store(record);
 }
 
@@ -143,6 +147,23 @@ int AttributeFile::store_creation_time(uint64_t dosTime) const {
     }
     record.creationTime = dosTime;
     return store(record);
+}
+
+int AttributeFile::take_from(const AttributeFile &source) const {
+    DosRecord from;
+    DosRecord here;
+    if (source.load(from) != 0) {
+        return errno == EOPNOTSUPP ? 0 : -1;
+    }
+    if ((!from.attributes && !from.creationTime)) {
+        return 0;
+    }
+    if (load(here) != 0) {
+        return -1;
+    }
+    const DosRecord before = here;
+    here.add(from);
+    return here == before ? 0 : store(here);
 }
 
 } // namespace vexo

@@ -8,6 +8,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/xattr.h>
 
 namespace vexo {
 
@@ -26,11 +27,16 @@ class AttributeFile {
     int change(uint32_t set, uint32_t clear) const;
     // Stores the creation time; as above.
     int store_creation_time(uint64_t dosTime) const;
+    // Stores the record of a file that has none yet; -1 with EEXIST where there is one.
+    int store_first(const DosRecord &record) const { return store(record, XATTR_CREATE); }
+    // Adds what the record of `source` has and this file's has not, and the bits that the platform has no word for.
+    int take_from(const AttributeFile &source) const;
+    // What is stored, where the volume can tell: 0, or -1 with errno.
+    int load(DosRecord &record) const;
 
   private:
     AttributeFile(int fd, const char *path, bool follow) : m_fd(fd), m_path(path), m_follow(follow) {}
 
-    int load(DosRecord &record) const;
     int store(const DosRecord &record, int flags = 0) const;
     int status(struct stat &out) const;
     bool on_fat() const;

@@ -92,6 +92,17 @@ bool is_time(uint64_t dosTime) {
     return dosTime != 0 && dosTime <= static_cast<uint64_t>(INT64_MAX);
 }
 
+// The attributes that the platform has a bit for.
+struct WordRow {
+    uint32_t dos, platform;
+};
+constexpr WordRow kWordRows[] = {
+    {kDosArchive, VLIBC_ATTR_ARCHIVE},
+    {kDosHidden, VLIBC_ATTR_HIDDEN},
+    {kDosSystem, VLIBC_ATTR_SYSTEM},
+    {kDosReadOnly, VLIBC_ATTR_LOCKED},
+};
+
 void put(uint8_t *to, uint64_t value, size_t width) {
     for (size_t at = 0; at < width; ++at) {
         to[at] = static_cast<uint8_t>(value >> (8 * at));
@@ -144,20 +155,31 @@ std::array<uint8_t, kDosRecordSize> encode_dos_record(const DosRecord &record) {
 }
 
 uint32_t platform_word(uint32_t dosAttributes) {
-    struct Row {
-        uint32_t dos, platform;
-    };
-    constexpr Row kRows[] = {
-        {kDosArchive, VLIBC_ATTR_ARCHIVE},
-        {kDosHidden, VLIBC_ATTR_HIDDEN},
-        {kDosSystem, VLIBC_ATTR_SYSTEM},
-        {kDosReadOnly, VLIBC_ATTR_LOCKED},
-    };
     uint32_t word = 0;
-    for (const Row &row : kRows) {
+    for (const WordRow &row : kWordRows) {
         word |= (dosAttributes & row.dos) != 0 ? row.platform : 0;
     }
     return word;
+}
+
+uint32_t dos_of_platform_word(uint32_t word) {
+    uint32_t attributes = 0;
+    for (const WordRow &row : kWordRows) {
+        attributes |= (word & row.platform) != 0 ? row.dos : 0;
+    }
+    return attributes;
+}
+
+void DosRecord::add(const DosRecord &from) {
+    constexpr uint32_t kSetBySteps = kDosArchive | kDosHidden | kDosSystem | kDosReadOnly;
+    if (!attributes) {
+        attributes = from.attributes;
+    } else if (from.attributes) {
+        attributes = *attributes | (*from.attributes & ~kSetBySteps);
+    }
+    if (!creationTime) {
+        creationTime = from.creationTime;
+    }
 }
 
 timespec time_of_dos(uint64_t dosTime) {

@@ -36,6 +36,11 @@ inline constexpr uint32_t kDosArchive = 0x20;
 struct DosRecord {
     std::optional<uint32_t> attributes;
     std::optional<uint64_t> creationTime; // 100 ns since 1601; never 0 nor beyond INT64_MAX, which mean "none"
+
+    bool operator==(const DosRecord &) const = default;
+    // What a copy of the file with the record `from` gets beside what has been set for it: a field that is not there,
+    // and of attributes that are there the bits that the platform word has no place for.
+    void add(const DosRecord &from);
 };
 
 // What the bytes say. A value that is cut short, of an unknown version or otherwise no such record gives an empty one:
@@ -45,6 +50,7 @@ std::array<uint8_t, kDosRecordSize> encode_dos_record(const DosRecord &record);
 
 // The platform word of VLIBCStat and back; bits without a counterpart are left out.
 uint32_t platform_word(uint32_t dosAttributes);
+uint32_t dos_of_platform_word(uint32_t word);
 
 timespec time_of_dos(uint64_t dosTime);
 // Nothing where the format cannot hold the time (before 1601, or some 29000 years later).

@@ -41,7 +41,8 @@ class FileCopyEngine : public kit::Behaviour {
                                    return -1;
                                },
                                nullptr};
-        made.copyMetadata = {[](void *, const vexo::FileRef &src, const vexo::FileRef &dst, int from, int to) {
+        made.copyMetadata = {[](void *, const vexo::FileRef &src, const vexo::FileRef &dst, int from, int to,
+                                const vexo::KnownOfFile &) {
                                  const std::string sourceThere = kit::exists(src.path()) ? "with" : "without";
                                  steps.push_back("copy metadata " + std::string(src.path()) + " " + dst.path() + " " +
                                                  std::to_string(from) + " " + std::to_string(to) + " " + sourceThere +

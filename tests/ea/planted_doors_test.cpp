@@ -177,6 +177,19 @@ class PlantedDoors : public kit::Behaviour {
         return scene.file.directory.substr(0, scene.file.directory.rfind('/'));
     }
 
+    // Once, before a call whose path has that text: the directory goes away, and a link to what is outside takes its
+    // place.
+    void exchangeBefore(const char *call, const std::string &path, const std::string &directory,
+                        const planted::Outside &outside, bool &exchanged) {
+        kit::Faults::add({.function = call, .path = path, .before = [&, directory] {
+                              if (!exchanged) {
+                                  exchanged = true;
+                                  EXPECT_EQ(0, ::rename(directory.c_str(), (scratch / "away").c_str()));
+                                  EXPECT_EQ(0, ::symlink(outside.directory().c_str(), directory.c_str()));
+                              }
+                          }});
+    }
+
   private:
     int m_scenes = 0;
 };
@@ -247,15 +260,8 @@ TEST_F(PlantedDoors, DirectoryThatIsExchangedWhileItIsMadeIsNotOpenedToAll) {
     planted::Outside outside(scratch / "outside", store());
     outside.remember();
     bool exchanged = false;
-    const auto exchange = [&] {
-        if (!exchanged) {
-            exchanged = true;
-            EXPECT_EQ(0, ::rename(directory.c_str(), (scratch / "away").c_str()));
-            EXPECT_EQ(0, ::symlink(outside.directory().c_str(), directory.c_str()));
-        }
-    };
     for (const char *call : {"open", "chmod"}) {
-        kit::Faults::add({.function = call, .path = directory, .before = exchange});
+        exchangeBefore(call, directory, directory, outside, exchanged);
     }
     EXPECT_FAILS(VEXOEAMKDir(0, directory.c_str()), 0x2A00);
     EXPECT_TRUE(exchanged);
@@ -273,15 +279,8 @@ TEST_F(PlantedDoors, DirectoryThatIsExchangedWhileItIsRemovedLeadsNowhere) {
     planted::Outside outside(scratch / "outside", store());
     outside.remember();
     bool exchanged = false;
-    const auto exchange = [&] {
-        if (!exchanged) {
-            exchanged = true;
-            EXPECT_EQ(0, ::rename(inner.c_str(), (scratch / "away").c_str()));
-            EXPECT_EQ(0, ::symlink(outside.directory().c_str(), inner.c_str()));
-        }
-    };
     for (const char *call : {"unlink", "remove"}) {
-        kit::Faults::add({.function = call, .path = inner + "/", .before = exchange});
+        exchangeBefore(call, inner + "/", inner, outside, exchanged);
     }
     EXPECT_FAILS(EARemove(0, scene.path()), 0x3900);
     EXPECT_TRUE(exchanged);

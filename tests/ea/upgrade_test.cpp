@@ -437,7 +437,7 @@ TEST_F(Upgrade, FlagsThatCannotBeCarriedLeaveTheirCodes) {
         mode_t after;
     };
     for (const Row &row : {Row{"open", file.resource(), 0x0900, 0644}, Row{"VLIBCFileStat", "", 0x2700, 0644},
-                           Row{"chmod", file.path(), 0x2A00, 0644}, Row{"VLIBCKernelAttrCall", "", 0x2A00, 0444}}) {
+                           Row{"fchmod", file.path(), 0x2A00, 0644}, Row{"VLIBCKernelAttrCall", "", 0x2A00, 0444}}) {
         makeOld({{"VEXO:Resource", resource(0x0021, 0)}});
         ::chmod(file.path().c_str(), 0644);
         VLIBCErrSetEx(0, "", 0);
@@ -448,6 +448,35 @@ TEST_F(Upgrade, FlagsThatCannotBeCarriedLeaveTheirCodes) {
         EXPECT_FALSE(hidden()) << row.function;
         EXPECT_FALSE(kit::exists(file.own())) << row.function;
         ::unlink(file.resource().c_str());
+    }
+}
+
+// Whoever may put a link beside an "@eaDir" may put a store into it, too.
+TEST_F(Upgrade, FlagsAreNotForWhatALinkLeadsTo) {
+    const std::string victim = file.path() + "-victim";
+    kit::writeFile(victim, "secret");
+    for (const bool meanwhile : {false, true}) {
+        makeOld({{"VEXO:Resource", resource(0x0001, 0)}}); // hidden, not locked
+        ::chmod(victim.c_str(), 0600);
+        const auto exchange = [&] {
+            if (::unlink(file.path().c_str()) == 0) {
+                EXPECT_EQ(0, ::symlink(victim.c_str(), file.path().c_str()));
+            }
+        };
+        if (meanwhile) {
+            kit::Faults::add({.function = "open", .path = file.path(), .before = exchange});
+        } else {
+            exchange();
+        }
+        VLIBCErrSetEx(0, "", 0);
+        EXPECT_EQ(0, upgrade("VexoResource"));
+        EXPECT_EQ(0x2A00u, VLIBCErrGet());
+        EXPECT_EQ(0600u, kit::statOf(victim).st_mode & 07777);
+        EXPECT_EQ("", kit::attribute(victim, "user.DOSATTRIB"));
+        kit::Faults::reset();
+        ::unlink(file.resource().c_str());
+        ::unlink(file.path().c_str());
+        kit::writeFile(file.path(), "x");
     }
 }
 

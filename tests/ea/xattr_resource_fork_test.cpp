@@ -214,7 +214,8 @@ TEST_F(ResourceFork, ForkThatDoesNotOpen) {
 
 TEST_F(ResourceFork, ForkThatShrinksMeanwhileIsAShortRead) {
     make("0123456789");
-    kit::Faults::add({.function = "open", .before = [&] { ASSERT_EQ(0, ::truncate(fork.c_str(), 3)); }});
+    kit::Faults::add(
+        {.function = "open", .path = "rsrc", .before = [&] { ASSERT_EQ(0, ::truncate(fork.c_str(), 3)); }});
     EXPECT_FAILS(VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer), 0);
     ASSERT_EQ(1u, kit::Log::lines().size()) << kit::Log::all();
     EXPECT_EQ(LOG_ERR, kit::Log::lines()[0].priority);
@@ -277,16 +278,16 @@ TEST_F(ResourceFork, RemoveEmptiesTheFork) {
 
 TEST_F(ResourceFork, RemoveLeavesAnEmptyForkAlone) {
     make("");
-    kit::Faults::failAlways("open", EIO);
+    kit::Faults::failAlways("open", EIO, "rsrc");
     EXPECT_EQ(0, VEXOEAXattrRemove(path.c_str(), kFork));
     EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
 }
 
 TEST_F(ResourceFork, ModeThatAllowsIsNotTouched) {
     make("data", 0744);
-    kit::Faults::failAlways("chmod", EIO);
+    kit::Faults::failAlways("fchmod", EIO);
     EXPECT_EQ(4, VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer));
-    EXPECT_EQ(0, kit::Faults::count("chmod"));
+    EXPECT_EQ(0, kit::Faults::count("fchmod"));
     EXPECT_EQ(0, kit::Faults::count("seteuid"));
 }
 
@@ -299,7 +300,7 @@ TEST_F(ResourceFork, SpecialModeBitsAreRestored) {
 TEST_F(ResourceFork, OwnerIsLentExecutionForTheOperation) {
     make("data");
     mode_t during = 0;
-    kit::Faults::add({.function = "open", .before = [&] { during = mode(); }});
+    kit::Faults::add({.function = "open", .path = "rsrc", .before = [&] { during = mode(); }});
     EXPECT_EQ(4, VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer));
     EXPECT_EQ(0744u, during);
     EXPECT_EQ(0644u, mode());
@@ -351,16 +352,45 @@ TEST_F(ResourceFork, RefusedRootIsLoggedAndTheOperationGoesOn) {
 
 TEST_F(ResourceFork, RefusedChmodIsLoggedAndTheOperationGoesOn) {
     make("data"); // root passes through the double without the permission
-    kit::Faults::fail("chmod", EPERM);
+    kit::Faults::fail("fchmod", EPERM);
     EXPECT_EQ(4, VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer));
     expectLine("Fail to chmod. Operation not permitted", kGet);
     EXPECT_EQ(1u, kit::Log::lines().size());
     EXPECT_EQ(0644u, mode());
 }
 
+// Somebody puts a link in the file's place, between the look and the permission, and while it is lent.
+TEST_F(ResourceFork, ExchangedFileIsNotTheOneThatIsLentThePermission) {
+    const std::string victim = scratch / "victim";
+    const std::string away = scratch / "away";
+    for (const char *const call : {"open", "fchmod", "chmod"}) {
+        make("data", 0640);
+        kit::writeFile(victim, "secret", 0600);
+        bool exchanged = false;
+        kit::Faults::add({.function = call, .before = [&] {
+                              if (!exchanged) {
+                                  exchanged = true;
+                                  EXPECT_EQ(0, ::rename(path.c_str(), away.c_str()));
+                                  EXPECT_EQ(0, ::symlink(victim.c_str(), path.c_str()));
+                              }
+                          }});
+        (void)VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer);
+        EXPECT_EQ(std::string(call) != "chmod", exchanged); // no mode is changed by a path
+        EXPECT_EQ(0600u, kit::statOf(victim).st_mode & 07777) << call;
+        EXPECT_EQ(0640u, kit::statOf(exchanged ? away : path).st_mode & 07777) << call;
+        kit::Faults::reset();
+        if (exchanged) {
+            EXPECT_EQ(0, ::unlink(path.c_str()));
+        }
+        std::filesystem::remove_all(away);
+        std::filesystem::remove_all(path);
+        kit::ForkDouble::reset();
+    }
+}
+
 TEST_F(ResourceFork, ModeThatCannotBeGivenBackIsLogged) {
     make("data");
-    kit::Faults::fail("chmod", EROFS, path, 1);
+    kit::Faults::fail("fchmod", EROFS, path, 1);
     EXPECT_EQ(4, VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer));
     expectLine("Fail to chmod. Read-only file system", kGet);
     EXPECT_EQ(0744u, mode());
@@ -378,7 +408,7 @@ TEST_F(ResourceFork, UserThatCannotBeGivenBackIsLogged) {
 
 TEST_F(ResourceFork, CleanUpDoesNotSpeakOverTheCause) {
     make("0123456789");
-    kit::Faults::fail("chmod", EROFS, path, 1);
+    kit::Faults::fail("fchmod", EROFS, path, 1);
     EXPECT_FAILS(VEXOEAXattrGet(path.c_str(), kFork, buffer, 4), 0xBF00);
     EXPECT_EQ(ERANGE, errno);
 }

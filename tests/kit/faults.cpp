@@ -110,14 +110,18 @@ void Faults::add(FaultRule rule) {
     state().active = true;
 }
 
-bool watchesReadOrWrite() {
+bool watches(const char *function) {
+    const Inside guard;
     for (const ActiveRule &active : state().rules) {
-        const std::string &function = active.rule.function;
-        if (function == "read" || function == "write") {
+        if (active.rule.function == function) {
             return true;
         }
     }
     return false;
+}
+
+bool watchesReadOrWrite() {
+    return watches("read") || watches("write");
 }
 
 void Faults::fail(const std::string &function, int error, const std::string &path, int skip) {

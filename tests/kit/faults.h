@@ -72,6 +72,8 @@ struct FaultAnswer {
 FaultAnswer askFaults(const char *function, const char *path, int fd);
 // For "fgetxattr" and its like, which rules for "getxattr" see too.
 FaultAnswer askFaultsOfFile(const char *function, int fd);
+// Whether there is a rule for that function.
+bool watches(const char *function);
 // Whether there is a rule for read or write: sendfile is refused then (EINVAL), so that the bytes go
 // where the rule sees them.
 bool watchesReadOrWrite();

@@ -3,6 +3,7 @@
 
 #include "tests/model/file_model.h"
 #include "tests/model/harness.h"
+#include "tests/model/policy.h"
 
 #include <cerrno>
 #include <cstring>
@@ -244,16 +245,8 @@ Answers &of(void *data) {
 }
 
 VEXOCopyOpt optionsOf(const Scene &scene) {
-    VEXOCopyOpt opt = {};
-    opt.overwrite = scene.overwrite;
-    opt.move = scene.move;
-    opt.ownerMode = scene.ownerMode;
-    opt.copyAcl = scene.copyAcl;
+    VEXOCopyOpt opt = policyOf(scene);
     opt.enforceInherit = scene.enforceInherit;
-    opt.cleanArchive = scene.cleanArchive;
-    opt.uid = scene.uid;
-    opt.gid = scene.gid;
-    opt.eaFlags = scene.eaFlags;
     if (scene.progress) {
         opt.progress = [](int64_t bytes, int64_t offset) { bare->progress(bytes, offset); };
     }

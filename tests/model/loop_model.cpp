@@ -21,44 +21,41 @@ int fails(uint32_t code, const std::string &source) {
     return -1;
 }
 
-int readFails(int number, const std::string &source) {
+// What either side can fail with.
+uint32_t codeOfEither(int number) {
     switch (number) {
     case EIO:
     case EBADF:
-        return fails(0x0600, source);
+        return 0x0600;
     case ENXIO:
-        return fails(0x6C00, source);
+        return 0x6C00;
     case EFAULT:
-        return fails(0x0300, source);
+        return 0x0300;
     case EHOSTDOWN:
-        return fails(0x1100, source);
+        return 0x1100;
     default:
-        logLine(LOG_ERR, source, "Unable to readfile, errno=%d(%s)", number, std::strerror(number));
-        return fails(0x8000, source);
+        return 0;
     }
 }
 
-int writeFails(int number, const std::string &source) {
-    switch (number) {
-    case EIO:
-    case EBADF:
-        return fails(0x0600, source);
-    case ENXIO:
-        return fails(0x6C00, source);
-    case EFAULT:
-        return fails(0x0300, source);
-    case EFBIG:
-        return fails(0xAA00, source);
-    case ENOSPC:
-        return fails(0x2900, source);
-    case EHOSTDOWN:
-        return fails(0x1100, source);
-    case EDQUOT:
-        return fails(0x2400, source);
-    default:
-        logLine(LOG_ERR, source, "Unable to writefile, errno=%d(%s)", number, std::strerror(number));
-        return fails(0x8000, source);
+int readFails(int number, const std::string &source) {
+    if (const uint32_t code = codeOfEither(number); code != 0) {
+        return fails(code, source);
     }
+    logLine(LOG_ERR, source, "Unable to readfile, errno=%d(%s)", number, std::strerror(number));
+    return fails(0x8000, source);
+}
+
+int writeFails(int number, const std::string &source) {
+    const uint32_t code = number == EFBIG    ? 0xAA00
+                          : number == ENOSPC ? 0x2900
+                          : number == EDQUOT ? 0x2400
+                                             : codeOfEither(number);
+    if (code != 0) {
+        return fails(code, source);
+    }
+    logLine(LOG_ERR, source, "Unable to writefile, errno=%d(%s)", number, std::strerror(number));
+    return fails(0x8000, source);
 }
 
 // The blocks of one extent; the offset goes on.

@@ -2,6 +2,7 @@
 #include "copy/copy.h"
 
 #include "tests/model/harness.h"
+#include "tests/model/policy.h"
 #include "tests/model/tree_model.h"
 
 #include <algorithm>
@@ -189,17 +190,9 @@ struct Answers {
 Answers *bare = nullptr;
 
 VEXOCopyOpt optOf(const Scene &scene) {
-    VEXOCopyOpt opt = {};
-    opt.overwrite = scene.overwrite;
-    opt.move = scene.move;
+    VEXOCopyOpt opt = policyOf(scene);
     opt.stopOnError = scene.stop;
-    opt.ownerMode = scene.ownerMode;
-    opt.copyAcl = scene.copyAcl;
-    opt.cleanArchive = scene.cleanArchive;
-    opt.eaFlags = scene.eaFlags;
     opt.eaCopy = scene.eaCopy;
-    opt.uid = scene.uid;
-    opt.gid = scene.gid;
     if (scene.progress) {
         opt.progress = [](int64_t bytes, int64_t offset) {
             note("progress " + std::to_string(bytes) + " " + std::to_string(offset));

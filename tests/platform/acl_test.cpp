@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <optional>
 #include <string>
@@ -171,6 +172,70 @@ TEST_F(Acls, TheArchivedOneOfOpenFilesIsCopiedOrTakenAway) {
     ASSERT_EQ(0, ::removexattr(src.c_str(), "security.NTACL"));
     EXPECT_EQ(0, VEXOACLArchiveFCopy(from.get(), to.get()));
     EXPECT_EQ("", kit::attribute(dst, "security.NTACL"));
+}
+
+TEST_F(Acls, ANewFileTakesBothWhereTheListNamesThem) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root for security attributes";
+    }
+    struct Row {
+        bool access, archive, handedOn;
+        mode_t mode;
+    };
+    for (const Row &row :
+         {Row{false, false, false, 0644}, Row{true, false, false, 0640}, Row{false, true, false, 0644},
+          Row{true, true, true, 0640}, Row{false, false, true, 0644}, Row{false, false, false, 0600}}) {
+        ASSERT_EQ(0, ::unlink(src.c_str()));
+        ASSERT_EQ(0, ::unlink(dst.c_str()));
+        kit::writeFile(src, "x");
+        kit::writeFile(dst, "x");
+        ASSERT_EQ(0, ::chmod(src.c_str(), row.mode));
+        if (row.access) {
+            give(src, kRich);
+        }
+        if (row.archive) {
+            kit::setAttribute(src, "security.NTACL", "acl");
+        }
+        if (row.handedOn) { // by the directory's default ACL
+            give(dst, kRich);
+        }
+        const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+        const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+        char names[256];
+        const ssize_t size = ::flistxattr(from.get(), names, sizeof names);
+        EXPECT_EQ(0,
+                  VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, names, static_cast<size_t>(size)));
+        EXPECT_EQ(of(src), of(dst)) << row.access << row.archive << row.handedOn << std::oct << row.mode;
+        EXPECT_EQ(row.archive ? "acl" : "", kit::attribute(dst, "security.NTACL"));
+    }
+    EXPECT_EQ(-1, VEXOACLFCopyToNew(-1, 0, 0644, "", 0));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, VEXOACLFCopyToNew(0, 0, 0644, nullptr, 0));
+    EXPECT_EQ(EFAULT, errno);
+}
+
+// What the list says decides; a source that got an ACL since it was listed was copied a moment before.
+TEST_F(Acls, ANewFileOfAPlainOneCostsTwoLooks) {
+    const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+    kit::Faults::record(true);
+    EXPECT_EQ(0, VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, "", 0));
+    EXPECT_EQ(1, kit::Faults::count("flistxattr"));
+    EXPECT_EQ(0, kit::Faults::count("fgetxattr"));
+    EXPECT_EQ(0, kit::Faults::count("fsetxattr"));
+    kit::Faults::reset();
+    kit::Faults::fail("flistxattr", EIO, dst); // then it is looked at the long way
+    EXPECT_EQ(0, VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, "", 0));
+}
+
+TEST_F(Acls, ADirectoryWithoutADefaultIsNotTakenOneAway) {
+    const std::string other = scratch / "other";
+    ASSERT_EQ(0, ::mkdir(other.c_str(), 0755));
+    const timespec changed = kit::statOf(other).st_ctim;
+    ASSERT_EQ(0, VEXOACLCopy(directory.c_str(), other.c_str()));
+    const timespec after = kit::statOf(other).st_ctim;
+    EXPECT_EQ(0, std::memcmp(&changed, &after, sizeof changed));
+    EXPECT_EQ("", of(other, ACL_TYPE_DEFAULT));
 }
 
 TEST_F(Acls, MissingFilesFail) {

@@ -295,6 +295,105 @@ TEST_F(DosAttributes, OpenFilesTakeTheSame) {
     EXPECT_EQ(0x2u, word(file));
 }
 
+// All that a copy says of a new file, in one write.
+TEST_F(DosAttributes, ANewFileIsCompletedAtOnce) {
+    const timespec times[3] = {{1000000001, 123456789}, {1000000002, 987654321}, {kNewYear, 0}};
+    const vexo::Fd open(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(open);
+    EXPECT_EQ(0, VLIBCFileFComplete(-1, open.get(), times, VLIBC_ATTR_ARCHIVE | VLIBC_ATTR_LOCKED));
+    EXPECT_EQ(bytes({0, 0, 5, 0, 5, 0, 0, 0, 0x11, 0, 0, 0, 0x21, 0, 0, 0}) + kNewYearBytes,
+              kit::attribute(file, kName));
+    EXPECT_EQ(1000000001, kit::statOf(file).st_atim.tv_sec);
+    EXPECT_EQ(987654321, kit::statOf(file).st_mtim.tv_nsec);
+}
+
+TEST_F(DosAttributes, ACompletedFileGetsWhatOnlyTheSourcesRecordHas) {
+    const timespec times[3] = {{1000000001, 0}, {1000000002, 0}, {kNewYear, 0}};
+    const std::string source = scratch / "source";
+    kit::writeFile(source, "x");
+    // Read-only, hidden and offline: the first two are said by the caller, who does not say them.
+    kit::setAttribute(source, kName,
+                      bytes({0, 0, 5, 0, 5, 0, 0, 0, 1, 0, 0, 0, 3, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    const vexo::Fd from(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(0, VLIBCFileFComplete(from.get(), to.get(), times, VLIBC_ATTR_ARCHIVE));
+    EXPECT_EQ(bytes({0, 0, 5, 0, 5, 0, 0, 0, 0x11, 0, 0, 0, 0x20, 0x10, 0, 0}) + kNewYearBytes,
+              kit::attribute(file, kName));
+}
+
+TEST_F(DosAttributes, WhatCannotBeCompletedAtOnceIsRefused) {
+    const timespec times[3] = {{1, 0}, {2, 0}, {kNewYear, 0}};
+    const vexo::Fd open(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, -1, times, 0));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), nullptr, 0));
+    EXPECT_EQ(EFAULT, errno);
+    const timespec before1601[3] = {{1, 0}, {2, 0}, {-20'000'000'000, 0}};
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), before1601, 0));
+    EXPECT_EQ(EINVAL, errno);
+    kit::Faults::fail("fgetxattr", EIO, file);
+    EXPECT_EQ(-1, VLIBCFileFComplete(open.get(), open.get(), times, 0)); // the source's record cannot be read
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ("", kit::attribute(file, kName));
+    ASSERT_EQ(0, VLIBCKernelAttrCall(file.c_str(), 515));
+    const std::string there = kit::attribute(file, kName);
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), times, VLIBC_ATTR_ARCHIVE)); // not new
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ(there, kit::attribute(file, kName));
+}
+
+TEST_F(DosAttributes, TheRecordIsTheAttributeOfThatNameAlone) {
+    EXPECT_EQ(1, VLIBCFileIsRecord(kName));
+    EXPECT_EQ(0, VLIBCFileIsRecord("user.DOSATTRIB2"));
+    EXPECT_EQ(0, VLIBCFileIsRecord("user.dosattrib"));
+    EXPECT_EQ(0, VLIBCFileIsRecord(""));
+    EXPECT_EQ(0, VLIBCFileIsRecord(nullptr));
+}
+
+// By paths and by descriptors.
+TEST_F(DosAttributes, ACarriedRecordAddsAndTakesNothingBack) {
+    const auto record = [](int valid, int low, int high, const std::string &time) {
+        return bytes({0, 0, 5, 0, 5, 0, 0, 0, valid, 0, 0, 0, low, high, 0, 0}) + time;
+    };
+    const std::string none(8, '\0');
+    const std::string otherTime = bytes({0, 0x80, 0x35, 0x0c, 0xd1, 0xdf, 0xd5, 0x01});
+    struct Row {
+        std::string source, before, after;
+    };
+    const Row rows[] = {
+        {record(1, 0x20, 0, none), record(0x10, 0, 0, kNewYearBytes), record(0x11, 0x20, 0, kNewYearBytes)},
+        {record(0x10, 0, 0, otherTime), record(1, 2, 0, none), record(0x11, 2, 0, otherTime)},
+        {record(0x11, 0x23, 0x10, otherTime), record(0x11, 4, 0x20, kNewYearBytes),
+         record(0x11, 4, 0x30, kNewYearBytes)},
+        {record(0x11, 0x23, 0x10, otherTime), "", record(0x11, 0x23, 0x10, otherTime)},
+        {"", record(1, 2, 0, none), record(1, 2, 0, none)},
+        {"garbage", record(1, 2, 0, none), record(1, 2, 0, none)},
+        {"", "", ""},
+    };
+    for (const Row &row : rows) {
+        for (const bool open : {false, true}) {
+            const std::string source = scratch / "source";
+            const std::string copy = scratch / "copy";
+            for (const auto &[path, value] : {std::pair(source, row.source), std::pair(copy, row.before)}) {
+                ::unlink(path.c_str());
+                kit::writeFile(path, "x");
+                if (!value.empty()) {
+                    kit::setAttribute(path, kName, value);
+                }
+            }
+            const vexo::Fd from(open ? ::open(source.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+            const vexo::Fd to(open ? ::open(copy.c_str(), O_WRONLY | O_CLOEXEC) : -1);
+            EXPECT_EQ(0, VLIBCFileRecordCarry(source.c_str(), from.get(), copy.c_str(), to.get()));
+            EXPECT_EQ(row.after, kit::attribute(copy, kName)) << (&row - rows) << open;
+            EXPECT_EQ(row.source, kit::attribute(source, kName));
+        }
+    }
+    EXPECT_EQ(-1, VLIBCFileRecordCarry(nullptr, -1, file.c_str(), -1));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_EQ(-1, VLIBCFileRecordCarry((scratch / "none").c_str(), -1, file.c_str(), -1));
+    EXPECT_EQ(ENOENT, errno);
+}
+
 TEST_F(DosAttributes, OpenFilesThatAreNoneAreRefused) {
     const timespec times[3] = {{1, 0}, {2, 0}, {3, 0}};
     EXPECT_EQ(-1, VLIBCFileFUTime(-1, 3, times));
