@@ -127,6 +127,10 @@ Option Command::add_value(const char *name, const char *valueName, const char *t
     return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName));
 }
 
+Option Command::add_values(const char *name, const char *valueName, const char *text) const {
+    return Option(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName)->take_all());
+}
+
 void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,
                          const char *text) const {
     m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName);

@@ -44,6 +44,8 @@ class Command {
     void add_flag(const char *names, bool &value, const char *text) const;
     // The help calls the value `valueName`.
     Option add_value(const char *name, const char *valueName, const char *text) const;
+    // The same, which may be given several times.
+    Option add_values(const char *name, const char *valueName, const char *text) const;
     void add_number(const char *name, const char *valueName, int &value, int least, int most, const char *text) const;
     // Any number of them, which the usage line of the help calls `usage`.
     Option add_operands(const char *name, const char *usage) const;
