@@ -1,6 +1,7 @@
 // vexofileop copy and vexofileop move.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
@@ -68,7 +69,8 @@ std::vector<Errand> planned(const PathOperands &operands, engine::Operation oper
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
                                "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
-                               "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
+                               "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
+                               "2 none or wrong usage; 130 after Ctrl-C.\n";
 
 void add_transfer_command(const Command &program, int &status, engine::Operation operation) {
     const bool copy = operation == engine::Operation::copy;
@@ -83,8 +85,10 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
         command.add_flag("-r,-R,--recursive", options.transfer.trees, "directories too; links in them stay links");
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
+    const Option accept = add_accept_option(command);
+    command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
     command.add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
-    command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
+    command.add_flag("-v,--verbose", options.verbose, "say what is done, and all that is not carried");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
     const PathOperands operands(command, "FILE", "FILE... DEST");
@@ -92,7 +96,8 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                                                    : "Examples:\n"
                                                      "  vexofileop move draft.txt final.txt\n"
                                                      "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, operands] {
+    command.set_work([command, &status, batch, policies, operands, accept] {
+        batch->transfer.accepted = loss_set_of(accept, "--accept");
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
         status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
