@@ -81,6 +81,13 @@ void drain(int out, int err, std::string &outText, std::string &errText) {
     }
 }
 
+// Whoever started the tests in the background of a script has left SIGINT and SIGQUIT ignored, which the tool respects.
+void resetSignals() {
+    for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGTERM}) {
+        std::signal(number, SIG_DFL);
+    }
+}
+
 void becomeChild(const ToolSetting &setting, Pipe &input, Pipe &out, Pipe &err) {
     ::dup2(input.end[0], STDIN_FILENO);
     ::dup2(err.end[1], STDERR_FILENO);
@@ -101,7 +108,7 @@ ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
     Pipe input, out, err;
     const pid_t pid = ::fork();
     if (pid == 0) {
-        std::signal(SIGPIPE, SIG_DFL);
+        resetSignals();
         if (setting.outputGone) {
             out.close(0);
         }
@@ -136,6 +143,7 @@ ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const st
         throw std::runtime_error("forkpty");
     }
     if (m_pid == 0) {
+        resetSignals();
         ::setenv("TERM", term.c_str(), 1);
         execute(arguments);
     }

@@ -65,6 +65,43 @@ TEST(Losses, EveryClassSaysWhatItMeansAndWhatHelps) {
     }
 }
 
+TEST(Losses, EveryClassCanBeCounted) {
+    for (const engine::LossRow &row : engine::kLossTable) {
+        EXPECT_NE(std::string(row.one), row.several) << row.name;
+        EXPECT_GT(std::string(row.one).size(), 8U) << row.name;
+    }
+}
+
+TEST(Losses, GroupsAreSetsOfClasses) {
+    const auto all = engine::loss_set("all"), acl = engine::loss_set("acl"), fat = engine::loss_set("fat");
+    ASSERT_TRUE(all && acl && fat);
+    for (const engine::LossRow &row : engine::kLossTable) {
+        const std::string name = row.name;
+        EXPECT_EQ(name != "data", all->contains(row.cls)) << name;
+        EXPECT_EQ(name.starts_with("acl-"), acl->contains(row.cls)) << name;
+        const bool anyFat =
+            name == "owner" || name == "group" || name == "mode" || name.starts_with("acl-") || name == "creation-time";
+        EXPECT_EQ(anyFat, fat->contains(row.cls)) << name;
+        EXPECT_EQ(engine::LossSet().add(row.cls), engine::loss_set(name)) << name;
+    }
+    EXPECT_FALSE(engine::loss_set("acls"));
+    EXPECT_FALSE(engine::loss_set(""));
+    EXPECT_EQ("all, acl, fat", engine::loss_group_names());
+}
+
+TEST(Losses, WhatIsAcceptedOrCostsRoomAloneFailsNothing) {
+    const engine::LossSet owner = *engine::loss_set("owner");
+    EXPECT_FALSE(engine::fails({LossClass::owner, ""}, owner));
+    EXPECT_TRUE(engine::fails({LossClass::group, ""}, owner));
+    EXPECT_TRUE(engine::fails({LossClass::owner, ""}, {}));
+    EXPECT_FALSE(engine::fails({LossClass::hole, ""}, {}));
+    EXPECT_FALSE(engine::fails({LossClass::data, ""}, *engine::loss_set("data")));
+    EXPECT_TRUE(engine::keeps_source({LossClass::data, ""}, *engine::loss_set("data")));
+    EXPECT_FALSE(engine::keeps_source({LossClass::owner, ""}, owner));
+    EXPECT_FALSE(engine::keeps_source({LossClass::hole, ""}, {}));
+    EXPECT_FALSE(engine::fails({LossClass::hard_link, ""}, {}));
+}
+
 TEST(Losses, OnlyWhatIsWholeCostsMore) {
     for (const engine::LossRow &row : engine::kLossTable) {
         const bool whole = row.cls == LossClass::hole || row.cls == LossClass::hard_link;

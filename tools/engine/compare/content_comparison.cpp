@@ -119,8 +119,7 @@ void compare_content(const EntryView &one, const EntryView &other, Findings &fin
 
 void compare_holes(const EntryView &one, const EntryView &other, Findings &findings) {
     const struct stat &status = one.status().st;
-    constexpr int64_t block = 512;
-    if (status.st_blocks * block >= status.st_size || other.status().st.st_blocks <= status.st_blocks) {
+    if (!one.may_have_holes() || other.status().st.st_blocks <= status.st_blocks) {
         return;
     }
     findings.attempt("holes", [&] {

@@ -73,7 +73,8 @@ class EntryComparison {
         m_one.list();
         m_other.list();
         const bool holdsMore = m_one.may_hold_more() || m_other.may_hold_more();
-        return holdsMore || (S_ISREG(m_one.type()) && (m_findings.options.data || m_findings.options.costs));
+        return holdsMore || (S_ISREG(m_one.type()) &&
+                             (m_findings.options.data || (m_findings.options.costs && m_one.may_have_holes())));
     }
     void compare_own() {
         const struct stat &first = m_one.status().st, &second = m_other.status().st;
@@ -123,6 +124,9 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
         one = std::make_unique<EntryView>(a);
         which = "the second";
         other = std::make_unique<EntryView>(b);
+        if (options.before != nullptr) {
+            one->take_times(*options.before);
+        }
     } catch (const Failure &failure) {
         if (one != nullptr && errno == ENOENT) {
             findings.add(class_of_type(one->type()), "is not at the second");

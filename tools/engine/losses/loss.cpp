@@ -1,6 +1,7 @@
 #include "tools/engine/losses/loss.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace engine {
 namespace {
@@ -14,6 +15,23 @@ constexpr bool in_order() {
     return kLossTable.size() == static_cast<size_t>(LossClass::not_carried) + 1;
 }
 static_assert(in_order(), "loss_row() takes the class for the row's index");
+static_assert(kLossTable.size() <= 32, "LossSet has a bit for each");
+
+struct Group {
+    const char *name;
+    bool (*has)(LossClass);
+};
+constexpr Group kGroups[] = {
+    {"all", [](LossClass cls) { return cls != LossClass::data; }},
+    {"acl",
+     [](LossClass cls) {
+         return cls == LossClass::acl_access || cls == LossClass::acl_default || cls == LossClass::acl_windows;
+     }},
+    {"fat",
+     [](LossClass cls) {
+         return (cls >= LossClass::owner && cls <= LossClass::acl_windows) || cls == LossClass::creation_time;
+     }},
+};
 
 } // namespace
 
@@ -21,6 +39,32 @@ std::optional<LossClass> loss_class(std::string_view name) {
     const auto *const row =
         std::ranges::find(kLossTable, name, [](const LossRow &one) { return std::string_view(one.name); });
     return row == kLossTable.end() ? std::nullopt : std::optional(row->cls);
+}
+
+std::optional<LossSet> loss_set(std::string_view name) {
+    if (const auto cls = loss_class(name)) {
+        return LossSet().add(*cls);
+    }
+    const auto *const group =
+        std::ranges::find(kGroups, name, [](const Group &one) { return std::string_view(one.name); });
+    if (group == std::end(kGroups)) {
+        return std::nullopt;
+    }
+    LossSet set;
+    for (const LossRow &row : kLossTable) {
+        if (group->has(row.cls)) {
+            set.add(row.cls);
+        }
+    }
+    return set;
+}
+
+std::string loss_group_names() {
+    std::string names;
+    for (const Group &group : kGroups) {
+        names += (names.empty() ? "" : ", ") + std::string(group.name);
+    }
+    return names;
 }
 
 const char *severity_name(Severity severity) {

@@ -1,6 +1,7 @@
 // vexofileop copy and vexofileop move.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -97,7 +98,8 @@ std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &t
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
                                "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
-                               "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
+                               "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
+                               "2 none or wrong usage; 130 after Ctrl-C.\n";
 
 void add_transfer_command(const Command &program, int &status, engine::Operation operation) {
     const bool copy = operation == engine::Operation::copy;
@@ -113,11 +115,13 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                          "directories too; links in them stay links");
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
+    const Option accept = add_accept_option(command);
+    command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
     command.rare().add_flag(copy ? "-p,--preserve" : "-r,-R,-a,-p", copy ? "accepted: everything goes along anyway"
                                                                          : "accepted: this is what a move does anyway");
     const auto target = std::make_shared<TargetOptions>(command);
     command.rare().add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
-    command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
+    command.add_flag("-v,--verbose", options.verbose, "say what is done, and all that is not carried");
     command.add_flag("-q,--quiet", options.quiet, "say nothing but what fails; no progress line");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     command.rare().add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
@@ -127,8 +131,9 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                                                    : "Examples:\n"
                                                      "  vexofileop move draft.txt final.txt\n"
                                                      "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, target, selection, operands] {
+    command.set_work([command, &status, batch, policies, target, selection, operands, accept] {
         batch->transfer.selection = selection.chosen();
+        batch->transfer.accepted = loss_set_of(accept, "--accept");
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
         status = Batch(*batch).run(planned(operands, *target, batch->transfer.operation, batch->transfer.conflict));
