@@ -236,6 +236,32 @@ TEST_F(Losses, WhatALinkLeadsToHasItsStoreBesideIt) {
     EXPECT_EQ("x", runTool({"ea", "get", scratch / "copy", "note"}).out);
 }
 
+// ---- --report
+
+TEST_F(Losses, ReportTellsWhatWasDoneAndLost) {
+    ASSERT_EQ(0, ::mkfifo((tree + "/<pipe>").c_str(), 0600));
+    const std::string page = scratch / "report.html", json = scratch / "report.json";
+    EXPECT_EQ(1, runTool({"copy", "-r", "--report", page, tree, scratch / "one"}).status);
+    const std::string html = kit::readFile(page);
+    EXPECT_TRUE(mentions(html, "<title>1 copied, 7 B</title>")) << html;
+    EXPECT_TRUE(mentions(html, "<title>1 skipped, 0 B</title>")) << html;
+    EXPECT_TRUE(mentions(html, tree + "/&lt;pipe&gt;</code>")) << html;
+    EXPECT_FALSE(mentions(html, "<pipe>")) << html;
+    EXPECT_EQ(1, runTool({"relocate", "-y", "--report", json, tree, scratch / "two"}).status);
+    EXPECT_TRUE(mentions(kit::readFile(json), R"("class":"special-file")")) << kit::readFile(json);
+}
+
+TEST_F(Losses, ReportThatCannotBeWrittenFailsAndLosesNothing) {
+    const ToolResult result = runTool({"copy", "--report", scratch / "none/report.html", file, scratch / "copy"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "none/report.html: the report cannot be written: ")) << result.err;
+    EXPECT_EQ("content", kit::readFile(scratch / "copy"));
+    const ToolResult suffix = runTool({"copy", "--report", scratch / "report.txt", file, scratch / "second"});
+    EXPECT_EQ(2, suffix.status);
+    EXPECT_TRUE(mentions(suffix.err, "ends neither in .html nor in .json")) << suffix.err;
+    EXPECT_FALSE(kit::exists(scratch / "second"));
+}
+
 // ---- --verify
 
 TEST_F(Losses, VerifyReadsWhatWasWritten) {
