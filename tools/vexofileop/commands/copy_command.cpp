@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
@@ -116,6 +117,7 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
     const Option accept = add_accept_option(command);
+    const Option report = add_report_option(command);
     command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
     command.rare().add_flag(copy ? "-p,--preserve" : "-r,-R,-a,-p", copy ? "accepted: everything goes along anyway"
                                                                          : "accepted: this is what a move does anyway");
@@ -131,8 +133,9 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                                                    : "Examples:\n"
                                                      "  vexofileop move draft.txt final.txt\n"
                                                      "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, target, selection, operands, accept] {
+    command.set_work([command, &status, batch, policies, target, selection, operands, accept, report] {
         batch->transfer.selection = selection.chosen();
+        batch->report = report_path_of(report);
         batch->transfer.accepted = loss_set_of(accept, "--accept");
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
