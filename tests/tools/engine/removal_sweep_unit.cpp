@@ -8,12 +8,14 @@
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tools/engine/remove/tree_removal.h"
+#include "tools/engine/store/private_file.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -257,6 +259,31 @@ TEST_F(RemovalSweep, PlantedLinksAndPipesInPlaceOfStoresGoThemselves) {
     EXPECT_TRUE(removes(tree));
     EXPECT_FALSE(kit::exists(tree));
     EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(scene.elsewhere()), {"accessed"}));
+}
+
+TEST_F(RemovalSweep, WhatAKilledChangeOfItsStoreHasLeftGoes) {
+    const kit::ScratchDirectory scratch;
+    kit::writeFile(scratch / "file", "x");
+    kit::writeFile(scratch / "other", "x");
+    give_store(scratch.path(), "file");
+    const std::string standIn = private_name_for("file");
+    kit::writeFile(scratch / standIn, "");
+    give_store(scratch.path(), standIn);
+    for (const char *store : {"file@VexoEAStream", "file@VexoResource", "other@VexoEAStream"}) {
+        kit::writeFile(scratch / "@eaDir" + "/" + private_name_for(store), "half");
+    }
+    const int used =
+        ::open((scratch / "@eaDir/" + private_name_for("file@VexoResource")).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(used, LOCK_EX | LOCK_NB)); // as who works on it
+    EXPECT_TRUE(removes(scratch / "file"));
+    std::vector<std::string> left = {private_name_for("file@VexoResource"), private_name_for("other@VexoEAStream")};
+    std::ranges::sort(left);
+    EXPECT_EQ(left, kit::namesIn(scratch / "@eaDir"));
+    EXPECT_EQ((std::vector<std::string>{"@eaDir", "other"}), kit::namesIn(scratch.path()));
+    ::close(used);
+    EXPECT_FALSE(removes(scratch / "file")) << "it is gone";
+    EXPECT_TRUE(removes(scratch / "other"));
+    EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scratch.path()));
 }
 
 TEST_F(RemovalSweep, WhatAKilledCopyHasLeftBesideItGoes) {

@@ -4,6 +4,7 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/store/apple_double.h"
+#include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/volume_traits.h"
@@ -16,6 +17,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +27,7 @@ namespace {
 constexpr size_t kMostHeld = 6;                  // directories that stay open in the depth
 constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
 constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
+constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
 constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
 bool is_refused(const std::string &path) {
@@ -36,8 +39,19 @@ std::string path_of(int fd, const std::string &name) {
     return fmt::format("/proc/self/fd/{}/{}", fd, name);
 }
 
+// The name in "@eaDir" of a stream of an entry; empty where the library gives none.
+std::string stream_name(const std::string &path, const char *stream) {
+    char place[PATH_MAX] = "";
+    return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
+}
+
 bool is_directory(const Entry &entry) {
     return entry.type == DT_DIR;
+}
+
+// An "@eaDir" in which nothing is left but a cover goes.
+void clear_stores(int directory) {
+    (void)EARemoveEADir(path_of(directory, "@eaDir").c_str());
 }
 
 // Whether anything may be kept beside the entries of a directory.
@@ -73,8 +87,8 @@ void TreeRemoval::run(const std::string &given) {
             remove_rest(name);
             return;
         }
-        if (number == ENOENT && m_parent.is_open() && m_levels.front().hasStores) {
-            (void)EARemoveEADir(m_parent.below("@eaDir").c_str()); // where the last thing in it was this one's
+        if (number == ENOENT && m_parent.is_open()) {
+            remove_unfinished(m_levels.front(), name);
         }
         if (!m_options.force || (number != ENOENT && number != ENOTDIR)) {
             failed(0, problem_of_errno(number));
@@ -209,6 +223,9 @@ void TreeRemoval::leave() {
     if (held && level.complete && !finish(level)) {
         return;
     }
+    if (level.hasStores && !level.belongs && !level.complete) {
+        clear_stores(level.directory.get());
+    }
     const bool complete = level.complete;
     m_levels.pop_back();
     Level &above = m_levels.back();
@@ -224,7 +241,7 @@ void TreeRemoval::leave() {
 // The directory itself, with what is kept for it. False: something turned up in it that belongs to nobody, and goes
 // first.
 bool TreeRemoval::finish(Level &emptied) {
-    const Level &above = m_levels[m_levels.size() - 2];
+    Level &above = m_levels[m_levels.size() - 2];
     if (::unlinkat(above.directory.get(), emptied.name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
         const int number = errno;
         const bool filled = number == ENOTEMPTY || number == EEXIST;
@@ -254,7 +271,9 @@ bool TreeRemoval::list_rest(Level &emptied) {
 
 void TreeRemoval::let_go() {
     if (m_levels.size() > kMostHeld + 1) { // but never the first
-        m_levels[m_levels.size() - 1 - kMostHeld].directory = Descriptor(-1);
+        Level &level = m_levels[m_levels.size() - 1 - kMostHeld];
+        level.directory = Descriptor(-1);
+        level.stores = Descriptor(-1);
     }
 }
 
@@ -297,7 +316,7 @@ bool TreeRemoval::hold_from_above(size_t at) {
 }
 
 void TreeRemoval::unlink(const Entry &entry) {
-    const Level &level = m_levels.back();
+    Level &level = m_levels.back();
     if (::unlinkat(level.directory.get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) {
         failed(DTTOIF(entry.type), problem_of_entry(errno));
         return;
@@ -306,23 +325,59 @@ void TreeRemoval::unlink(const Entry &entry) {
 }
 
 // An entry of `level` that was removed: what is kept for it goes too.
-void TreeRemoval::gone(const Level &level, const std::string &name, mode_t mode) {
+void TreeRemoval::gone(Level &level, const std::string &name, mode_t mode) {
     if (level.entries_belong()) {
         return;
     }
     const auto left = level.hasStores ? remove_store(level, name) : std::nullopt;
+    if (&level == &m_levels.front()) {
+        remove_unfinished(level, name);
+    }
     m_observer.entry(m_path, mode, left ? Status::failed : Status::done, left ? &*left : nullptr);
 }
 
+// What was made of the store of an entry that was asked for, under a private name, when a command that is no more was
+// killed. With the last of it the "@eaDir" goes.
+void TreeRemoval::remove_unfinished(Level &level, const std::string &name) {
+    const auto remove = [](int directory, const std::string &unfinished) {
+        const Descriptor file(::openat(directory, unfinished.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        const bool there = file.get() >= 0 || errno != ENOENT;
+        const bool used = file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        return there && !used && ::unlinkat(directory, unfinished.c_str(), 0) == 0;
+    };
+    const std::string standIn = private_name_for(name);
+    if (remove(level.directory.get(), standIn)) {
+        (void)remove_store(level, standIn);
+    }
+    (void)remove(level.directory.get(), private_name_for("._" + name));
+    if (level.hasStores && open_stores(level)) {
+        for (const char *stream : kStreams) {
+            if (const std::string part = stream_name(path_of(level.directory.get(), name), stream); !part.empty()) {
+                (void)remove(level.stores.get(), private_name_for(part));
+            }
+        }
+        clear_stores(level.directory.get());
+        level.stores = Descriptor(-1); // the next request may find another one
+    }
+}
+
+// False, with errno: there is none, or a link or whatever else is in its place.
+bool TreeRemoval::open_stores(Level &level) {
+    if (level.stores.get() < 0) {
+        level.stores =
+            Descriptor(::openat(level.directory.get(), "@eaDir", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    return level.stores.get() >= 0;
+}
+
 // Not by VEXOEARemove(), which marks for the next backup whatever stands under the name by then.
-std::optional<Problem> TreeRemoval::remove_store(const Level &level, const std::string &name) const {
+std::optional<Problem> TreeRemoval::remove_store(Level &level, const std::string &name) {
     const StoreKind kind = level.type < 0 ? StoreKind::ea_directory : store_kind(level.type);
     if (kind == StoreKind::native || kind == StoreKind::none) {
         return std::nullopt;
     }
     const std::string path = path_of(level.directory.get(), name);
     constexpr const char *incomplete = "removed, but not all of its extended metadata";
-    bool complete = true;
     VLIBCErrSetEx(0, "", 0);
     if (kind == StoreKind::apple_double) {
         char place[PATH_MAX] = "";
@@ -330,11 +385,27 @@ std::optional<Problem> TreeRemoval::remove_store(const Level &level, const std::
             ::unlinkat(level.directory.get(), base_name(place).c_str(), 0) != 0 && errno != ENOENT) {
             return Problem{incomplete, problem_of_errno(errno).code};
         }
-    } else {
-        complete = EARemove(kOfTheStreams, path.c_str()) == 0;
     }
-    complete = EARemove(kOfTheFile, path.c_str()) == 0 && complete;
+    if (!open_stores(level) && errno == ENOENT) {
+        return std::nullopt;
+    }
+    bool complete = kind == StoreKind::apple_double || remove_streams(level, path);
+    // Of most there is none. One that holds anything, and whatever else stands there, is the library's.
+    if (level.stores.get() < 0 ||
+        (::unlinkat(level.stores.get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)) {
+        complete = EARemove(kOfTheFile, path.c_str()) == 0 && complete;
+    }
     return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
+}
+
+bool TreeRemoval::remove_streams(Level &level, const std::string &path) {
+    for (const char *stream : kStreams) {
+        const std::string name = level.stores.get() < 0 ? std::string() : stream_name(path, stream);
+        if (name.empty() || (::unlinkat(level.stores.get(), name.c_str(), 0) != 0 && errno != ENOENT)) {
+            return EARemove(kOfTheStreams, path.c_str()) == 0; // which tells why
+        }
+    }
+    return true;
 }
 
 // Whether an entry that is gone has left what was kept beside it. Of a "._" file the name alone does not say so.
@@ -358,7 +429,9 @@ void TreeRemoval::remove_rest(const std::string &name) {
     if (!confirmed(0, RemovalQuestion::rest)) {
         return;
     }
-    if (const auto left = remove_store(m_levels.front(), name)) {
+    const auto left = remove_store(m_levels.front(), name);
+    remove_unfinished(m_levels.front(), name);
+    if (left) {
         failed(0, {"is gone already, but not all of what was kept beside it", left->code});
         return;
     }

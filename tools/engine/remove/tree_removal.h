@@ -49,6 +49,7 @@ class TreeRemoval {
     // A directory that is being emptied. The first one holds what was asked for, and stays.
     struct Level {
         Descriptor directory = Descriptor(-1); // -1: let go
+        Descriptor stores = Descriptor(-1);    // its "@eaDir", once that was needed
         dev_t device = 0;
         ino_t inode = 0;
         std::string name = {}; // in the one above
@@ -75,8 +76,11 @@ class TreeRemoval {
     bool hold(size_t at);
     bool hold_from_above(size_t at);
     void unlink(const Entry &entry);
-    void gone(const Level &level, const std::string &name, mode_t mode);
-    std::optional<Problem> remove_store(const Level &level, const std::string &name) const;
+    void gone(Level &level, const std::string &name, mode_t mode);
+    static std::optional<Problem> remove_store(Level &level, const std::string &name);
+    static bool open_stores(Level &level);
+    static bool remove_streams(Level &level, const std::string &path);
+    static void remove_unfinished(Level &level, const std::string &name);
     bool has_rest(const std::string &name) const;
     void remove_rest(const std::string &name);
     int type_of_directory(int fd, dev_t device) const;
