@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -220,6 +221,21 @@ TEST_F(RemovalSweep, LinkInPlaceOfADirectoryLeadsNowhere) {
                 supervised(scene, {.action = faults::Plan::Action::meet, .at = at, .meeting = exchange}).reached);
             EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(scene.elsewhere()), {"accessed"}))
                 << place << " at " << at;
+        }
+    }
+}
+
+TEST_F(RemovalSweep, WhatSomebodyElseRemovesMeanwhileIsNoFailure) {
+    KIT_NOT_SANITIZED();
+    const auto all = calls();
+    for (const char *place : {"in/tree/sub", "in/tree/@eaDir", "in/tree/one"}) {
+        for (size_t at = 0; at < all.size(); at += step()) {
+            const Scene scene;
+            const auto remove = [&] { std::filesystem::remove_all(scene.scratch / place); };
+            ASSERT_TRUE(supervised(scene, {.action = faults::Plan::Action::meet, .at = at, .meeting = remove}).reached);
+            const std::string where = std::string(place) + " before " + faults::nameOf(all[at]) + " " + all[at].path;
+            EXPECT_EQ("good", kit::readFile(scene.scratch / "told")) << where;
+            EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scene.scratch / "in")) << where;
         }
     }
 }

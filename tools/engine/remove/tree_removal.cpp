@@ -8,6 +8,7 @@
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -157,8 +158,9 @@ void TreeRemoval::remove_next() {
     m_path += entry.name;
     if (m_levels.size() > 1 && !level.entries_belong()) {
         const NameKind kind = name_kind(path_of(level.directory.get(), "."), entry.name, level.type);
-        if (kind == NameKind::store || kind == NameKind::companion) {
-            return; // goes with what it belongs to
+        const bool went = kind == NameKind::stray && !exists(path_of(level.directory.get(), entry.name));
+        if (kind == NameKind::store || kind == NameKind::companion || went) {
+            return; // goes with what it belongs to, or has gone with it
         }
     }
     if (is_directory(entry)) {
@@ -178,8 +180,9 @@ void TreeRemoval::enter(const Entry &entry) {
     level.directory = open_directory(m_levels.back().directory.get(), entry.name);
     struct stat found {};
     if (level.directory.get() < 0 || ::fstat(level.directory.get(), &found) != 0) {
-        if (errno != ENOENT) {
-            failed(S_IFDIR, problem_of_entry(errno));
+        const int number = errno;
+        if (number != ENOENT && !(number == EACCES && remove_unread(entry))) {
+            failed(S_IFDIR, problem_of_entry(number));
         }
         return;
     }
@@ -189,6 +192,9 @@ void TreeRemoval::enter(const Entry &entry) {
         return;
     }
     auto entries = entries_in(level.directory.get());
+    if (!entries && errno == ENOENT) {
+        return; // removed by somebody else
+    }
     if (!entries) {
         failed(S_IFDIR, problem_of_errno(errno));
         return;
@@ -205,6 +211,19 @@ void TreeRemoval::enter(const Entry &entry) {
     }
     m_levels.push_back(std::move(level));
     let_go();
+}
+
+// A directory that may not be looked into goes where it is empty. False: it is not, or may not go.
+bool TreeRemoval::remove_unread(const Entry &entry) {
+    Level &level = m_levels.back();
+    if (!confirmed(S_IFDIR, RemovalQuestion::entry)) {
+        return true; // said so
+    }
+    if (::unlinkat(level.directory.get(), entry.name.c_str(), AT_REMOVEDIR) != 0) {
+        return false;
+    }
+    gone(level, entry.name, S_IFDIR);
+    return true;
 }
 
 // Up from a directory of which nothing is left to look at.
@@ -317,7 +336,11 @@ bool TreeRemoval::hold_from_above(size_t at) {
 
 void TreeRemoval::unlink(const Entry &entry) {
     Level &level = m_levels.back();
-    if (::unlinkat(level.directory.get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) {
+    const int result = ::unlinkat(level.directory.get(), entry.name.c_str(), 0);
+    if (result != 0 && errno == ENOENT && m_levels.size() > 1) {
+        return; // by somebody else, meanwhile
+    }
+    if (result != 0 && errno != ENOENT) {
         failed(DTTOIF(entry.type), problem_of_entry(errno));
         return;
     }
@@ -390,10 +413,15 @@ std::optional<Problem> TreeRemoval::remove_store(Level &level, const std::string
         return std::nullopt;
     }
     bool complete = kind == StoreKind::apple_double || remove_streams(level, path);
-    // Of most there is none. One that holds anything, and whatever else stands there, is the library's.
-    if (level.stores.get() < 0 ||
-        (::unlinkat(level.stores.get(), name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)) {
-        complete = EARemove(kOfTheFile, path.c_str()) == 0 && complete;
+    // Of most there is none. One that holds anything, and whatever else stands there, is the library's, to which one
+    // that somebody else removes at the same time is a failure.
+    const int stores = level.stores.get();
+    if (stores < 0 || (::unlinkat(stores, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)) {
+        struct stat left {};
+        complete =
+            (EARemove(kOfTheFile, path.c_str()) == 0 ||
+             (stores >= 0 && ::fstatat(stores, name.c_str(), &left, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)) &&
+            complete;
     }
     return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
 }

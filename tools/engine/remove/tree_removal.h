@@ -69,6 +69,7 @@ class TreeRemoval {
     void walk();
     void remove_next();
     void enter(const Entry &entry);
+    bool remove_unread(const Entry &entry);
     void leave();
     bool finish(Level &emptied);
     bool list_rest(Level &emptied);
