@@ -288,6 +288,27 @@ TEST_F(EaCommand, CopyKeepsTheForkAndFinderInfoThatOnlyTheDestinationHas) {
     EXPECT_EQ(bytesOf("PICTgimp", "a fork"), kit::readFile(resource("other"))) << "the fork is the source's";
 }
 
+TEST_F(EaCommand, CopyToAMalformedStoreNamesItAndDoesNothing) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    const std::string other = scratch / "other", resource = scratch / "@eaDir/other@VexoResource";
+    setKind(2);
+    kit::writeFile(other, "x");
+    ASSERT_EQ(0, ea({"set", file, "one", "1"}).status);
+    ASSERT_EQ(0, ea({"set", other, "two", "2"}).status);
+    kit::writeFile(resource, "garbage");
+    const ToolResult result = ea({"copy", file, other});
+    EXPECT_EQ(2, result.status);
+    EXPECT_NE(std::string::npos, result.err.find(file + ": nothing was done; the destination " + other +
+                                                 ": the resource file is malformed"))
+        << result.err;
+    EXPECT_EQ("garbage", kit::readFile(resource));
+    EXPECT_EQ("         1  two\n", ea({"list", other}).out);
+    // Of the source it is said without another name.
+    ASSERT_EQ(0, ::rename(resource.c_str(),
+                          (scratch / "@eaDir/" + file.substr(file.rfind('/') + 1) + "@VexoResource").c_str()));
+    EXPECT_NE(std::string::npos, ea({"copy", file, other}).err.find(file + ": the resource file is malformed"));
+}
+
 TEST_F(EaCommand, RenameToAnotherKindOfVolumeIsRefused) {
     const std::string other = scratch / "fat";
     ASSERT_EQ(0, ::mkdir(other.c_str(), 0755));

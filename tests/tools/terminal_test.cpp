@@ -279,10 +279,12 @@ TEST_F(Question, NoAndReturnLeaveItAndAreASuccess) {
     EXPECT_EQ("old", kit::readFile(target()));
 }
 
-TEST_F(Question, EndOfInputIsANo) {
+TEST_F(Question, EndOfInputIsNoAnswerAndNoSuccess) {
     asked();
     tool().type("\x04");
-    EXPECT_EQ(0, tool().finish().status);
+    const ToolResult result = tool().finish();
+    EXPECT_EQ(1, result.status);
+    EXPECT_NE(std::string::npos, result.out.find("no answer can be read; what would have to be asked about stays"));
     EXPECT_EQ("old", kit::readFile(target()));
 }
 

@@ -417,6 +417,31 @@ TEST_F(RemoveTree, AsksBeforeEachAndKeepsWhatIsDenied) {
     EXPECT_TRUE(mentions(result.out, "1 removed, 1 kept, 0 failed"));
 }
 
+TEST_F(RemoveTree, CompanionsGoWithTheirFilesAndAreNotCounted) {
+    ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
+    for (const char *name : {"/a", "/._a", "/b", "/._b", "/._of nobody"}) {
+        kit::writeFile(from + name, "x");
+    }
+    const ToolResult asked = runTool({"remove", "-ri", from + "/sub"}, {.input = "y\ny\ny\n"});
+    const ToolResult result = runTool({"remove", "-r", from});
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ("2 removed, 0 kept, 0 failed\n", asked.out);
+    EXPECT_EQ("6 removed, 0 kept, 0 failed\n", result.out) << result.err; // the tree, one, link, a, b, "._of nobody"
+    EXPECT_FALSE(kit::exists(from));
+}
+
+TEST_F(RemoveTree, EmptyDirectoryThatMayNotBeReadGoes) {
+    ASSERT_EQ(0, ::chmod(from.c_str(), 0777));
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+    makeDirectory(from + "/closed", 0);
+    const ToolResult result = runTool({"remove", "-r", from + "/closed"}, {.user = ::geteuid() == 0 ? 65534U : 0U});
+    if (result.status >= 125) {
+        GTEST_SKIP() << "the program cannot be reached by another user here";
+    }
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_FALSE(kit::exists(from + "/closed"));
+}
+
 TEST_F(RemoveTree, EmptyDirectoryGoesWithItsOption) {
     makeDirectory(from + "/empty");
     giveStore(from + "/empty");

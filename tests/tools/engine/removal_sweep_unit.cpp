@@ -8,12 +8,15 @@
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tools/engine/remove/tree_removal.h"
+#include "tools/engine/store/private_file.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -158,24 +161,27 @@ class RemovalSweep : public ::testing::Test {
         EXPECT_EQ("good", kit::readFile(scene.scratch / "told"));
         return all;
     }
+    // Not every run makes the same number of calls.
+    void count(const faults::Outcome &outcome) { reached += outcome.reached ? 1 : 0; }
+
+    int reached = 0;
 };
 
 TEST_F(RemovalSweep, KilledAnywhereTheSameAgainRemovesWhatIsLeft) {
     KIT_NOT_SANITIZED();
-    const size_t count = calls().size();
-    ASSERT_LT(40u, count);
-    for (size_t at = 0; at < count; ++at) {
+    const size_t all = calls().size();
+    for (size_t at = 0; at < all; at += std::min<size_t>(step(), 4)) {
         const Scene scene;
-        ASSERT_TRUE(supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) << at;
+        count(supervised(scene, {.action = faults::Plan::Action::kill, .at = at}));
         EXPECT_TRUE(removes(scene.scratch / "in/file", true)) << at;
         EXPECT_TRUE(removes(scene.scratch / "in/tree", true)) << at;
         EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scene.scratch / "in")) << at;
     }
+    EXPECT_LT(40, reached);
 }
 
 TEST_F(RemovalSweep, RefusedAnywhereNothingStaysUnderASuccess) {
     KIT_NOT_SANITIZED();
-    int refused = 0;
     const auto all = calls();
     for (size_t at = 0; at < all.size(); at += std::min<size_t>(step(), 4)) {
         for (const int error : faults::plausibleErrors(all[at])) {
@@ -184,7 +190,7 @@ TEST_F(RemovalSweep, RefusedAnywhereNothingStaysUnderASuccess) {
             }
             const Scene scene;
             const auto outcome = supervised(scene, {faults::Plan::Action::fail, at, error, all[at].number});
-            refused += outcome.reached ? 1 : 0;
+            count(outcome);
             if (kit::readFile(scene.scratch / "told") == "good") {
                 const std::string where =
                     faults::nameOf(all[at]) + " " + all[at].path + ", error " + std::to_string(error);
@@ -194,16 +200,16 @@ TEST_F(RemovalSweep, RefusedAnywhereNothingStaysUnderASuccess) {
             }
         }
     }
-    EXPECT_LT(50, refused);
+    EXPECT_LT(50, reached);
 }
 
 TEST_F(RemovalSweep, LinkInPlaceOfADirectoryLeadsNowhere) {
     KIT_NOT_SANITIZED();
-    const size_t count = calls().size();
+    const size_t all = calls().size();
     size_t first = 0;
     for (const char *place : {"in/tree/sub", "in/tree", "in/@eaDir", "in/tree/@eaDir", "in/tree/sub/@eaDir",
                               "in/tree/@eaDir/one", "in/tree/one", "in/file"}) {
-        for (size_t at = first++ * 3 % step(); at < count; at += step()) {
+        for (size_t at = first++ * 3 % step(); at < all; at += step()) {
             const Scene scene;
             const std::string named = scene.scratch / place, aside = scene.scratch / "aside";
             const std::string target = std::string(place).ends_with("@eaDir")  ? scene.elsewhere() + "/@eaDir"
@@ -214,12 +220,28 @@ TEST_F(RemovalSweep, LinkInPlaceOfADirectoryLeadsNowhere) {
                 (void)::rename(named.c_str(), aside.c_str()); // gone already where it has been removed
                 (void)::symlink(target.c_str(), named.c_str());
             };
-            ASSERT_TRUE(
-                supervised(scene, {.action = faults::Plan::Action::meet, .at = at, .meeting = exchange}).reached);
+            count(supervised(scene, {.action = faults::Plan::Action::meet, .at = at, .meeting = exchange}));
             EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(scene.elsewhere()), {"accessed"}))
                 << place << " at " << at;
         }
     }
+    EXPECT_LT(80, reached);
+}
+
+TEST_F(RemovalSweep, WhatSomebodyElseRemovesMeanwhileIsNoFailure) {
+    KIT_NOT_SANITIZED();
+    const auto all = calls();
+    for (const char *place : {"in/tree/sub", "in/tree/@eaDir", "in/tree/one"}) {
+        for (size_t at = 0; at < all.size(); at += step()) {
+            const Scene scene;
+            const auto remove = [&] { std::filesystem::remove_all(scene.scratch / place); };
+            count(supervised(scene, {.action = faults::Plan::Action::meet, .at = at, .meeting = remove}));
+            const std::string where = std::string(place) + " before " + faults::nameOf(all[at]) + " " + all[at].path;
+            EXPECT_EQ("good", kit::readFile(scene.scratch / "told")) << where;
+            EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scene.scratch / "in")) << where;
+        }
+    }
+    EXPECT_LT(30, reached);
 }
 
 // ---- What was left
@@ -257,6 +279,31 @@ TEST_F(RemovalSweep, PlantedLinksAndPipesInPlaceOfStoresGoThemselves) {
     EXPECT_TRUE(removes(tree));
     EXPECT_FALSE(kit::exists(tree));
     EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(scene.elsewhere()), {"accessed"}));
+}
+
+TEST_F(RemovalSweep, WhatAKilledChangeOfItsStoreHasLeftGoes) {
+    const kit::ScratchDirectory scratch;
+    kit::writeFile(scratch / "file", "x");
+    kit::writeFile(scratch / "other", "x");
+    give_store(scratch.path(), "file");
+    const std::string standIn = private_name_for("file");
+    kit::writeFile(scratch / standIn, "");
+    give_store(scratch.path(), standIn);
+    for (const char *store : {"file@VexoEAStream", "file@VexoResource", "other@VexoEAStream"}) {
+        kit::writeFile(scratch / "@eaDir" + "/" + private_name_for(store), "half");
+    }
+    const int used =
+        ::open((scratch / "@eaDir/" + private_name_for("file@VexoResource")).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(used, LOCK_EX | LOCK_NB)); // as who works on it
+    EXPECT_TRUE(removes(scratch / "file"));
+    std::vector<std::string> left = {private_name_for("file@VexoResource"), private_name_for("other@VexoEAStream")};
+    std::ranges::sort(left);
+    EXPECT_EQ(left, kit::namesIn(scratch / "@eaDir"));
+    EXPECT_EQ((std::vector<std::string>{"@eaDir", "other"}), kit::namesIn(scratch.path()));
+    ::close(used);
+    EXPECT_FALSE(removes(scratch / "file")) << "it is gone";
+    EXPECT_TRUE(removes(scratch / "other"));
+    EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scratch.path()));
 }
 
 TEST_F(RemovalSweep, WhatAKilledCopyHasLeftBesideItGoes) {

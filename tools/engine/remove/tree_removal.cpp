@@ -4,9 +4,11 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/store/apple_double.h"
+#include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -16,15 +18,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace engine {
 namespace {
 
-constexpr size_t kMostHeld = 6;                  // directories that stay open in the depth
 constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
 constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
+constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
 constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
 bool is_refused(const std::string &path) {
@@ -32,12 +35,19 @@ bool is_refused(const std::string &path) {
     return name.empty() || name == "..";
 }
 
-std::string path_of(int fd, const std::string &name) {
-    return fmt::format("/proc/self/fd/{}/{}", fd, name);
+// The name in "@eaDir" of a stream of an entry; empty where the library gives none.
+std::string stream_name(const std::string &path, const char *stream) {
+    char place[PATH_MAX] = "";
+    return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
 }
 
 bool is_directory(const Entry &entry) {
     return entry.type == DT_DIR;
+}
+
+// An "@eaDir" in which nothing is left but a cover goes.
+void clear_stores(const DirectoryChain &way) {
+    (void)EARemoveEADir(way.path_of("@eaDir").c_str());
 }
 
 // Whether anything may be kept beside the entries of a directory.
@@ -73,8 +83,8 @@ void TreeRemoval::run(const std::string &given) {
             remove_rest(name);
             return;
         }
-        if (number == ENOENT && m_parent.is_open() && m_levels.front().hasStores) {
-            (void)EARemoveEADir(m_parent.below("@eaDir").c_str()); // where the last thing in it was this one's
+        if (number == ENOENT && m_parent.is_open()) {
+            remove_unfinished(name);
         }
         if (!m_options.force || (number != ENOENT && number != ENOTDIR)) {
             failed(0, problem_of_errno(number));
@@ -96,19 +106,15 @@ bool TreeRemoval::open_parent(const std::string &path, const std::string &name) 
     if (!m_parent.is(path)) {
         m_levels.clear();
         m_parent = HeldDirectory(path);
-        struct stat found {};
         Level parent{.pathLength = path == "/" ? 0 : path.size(), .type = m_parent.type()};
-        if (m_parent.is_open()) {
-            parent.directory = Descriptor(::openat(m_parent.fd(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        }
-        if (parent.directory.get() < 0 || ::fstat(parent.directory.get(), &found) != 0) {
+        Descriptor top(m_parent.is_open() ? ::openat(m_parent.fd(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
+        struct stat found {};
+        if (top.get() < 0 || ::fstat(top.get(), &found) != 0 || !m_way.start(std::move(top))) {
             const int number = errno;
             m_parent = HeldDirectory();
             errno = number;
             return false;
         }
-        parent.device = found.st_dev;
-        parent.inode = found.st_ino;
         // Where that takes no time: who removes the files of a large directory one by one should not list it each time.
         if (found.st_size <= kQuicklyListed && !is_private_name(name) &&
             m_tidied.insert({found.st_dev, found.st_ino}).second) {
@@ -142,9 +148,10 @@ void TreeRemoval::remove_next() {
     m_path += '/';
     m_path += entry.name;
     if (m_levels.size() > 1 && !level.entries_belong()) {
-        const NameKind kind = name_kind(path_of(level.directory.get(), "."), entry.name, level.type);
-        if (kind == NameKind::store || kind == NameKind::companion) {
-            return; // goes with what it belongs to
+        const NameKind kind = name_kind(m_way.path_of("."), entry.name, level.type);
+        const bool went = kind == NameKind::stray && !exists(m_way.path_of(entry.name));
+        if (kind == NameKind::store || kind == NameKind::companion || went) {
+            return; // goes with what it belongs to, or has gone with it
         }
     }
     if (is_directory(entry)) {
@@ -160,37 +167,54 @@ void TreeRemoval::enter(const Entry &entry) {
         failed(S_IFDIR, problem_of_directory());
         return;
     }
-    Level level{.name = entry.name, .pathLength = m_path.size(), .belongs = belongs};
-    level.directory = open_directory(m_levels.back().directory.get(), entry.name);
-    struct stat found {};
-    if (level.directory.get() < 0 || ::fstat(level.directory.get(), &found) != 0) {
-        if (errno != ENOENT) {
-            failed(S_IFDIR, problem_of_entry(errno));
+    Descriptor directory = open_directory(m_way.lowest(), entry.name);
+    if (directory.get() < 0) {
+        const int number = errno;
+        if (number != ENOENT && !(number == EACCES && remove_unread(entry))) {
+            failed(S_IFDIR, problem_of_entry(number));
         }
         return;
     }
-    level.device = found.st_dev;
-    level.inode = found.st_ino;
     if (m_options.recursive && !confirmed(S_IFDIR, RemovalQuestion::into_directory)) {
         return;
     }
-    auto entries = entries_in(level.directory.get());
+    auto entries = entries_in(directory.get());
+    if (!entries && errno == ENOENT) {
+        return; // removed by somebody else
+    }
     if (!entries) {
         failed(S_IFDIR, problem_of_errno(errno));
         return;
     }
-    level.entries = std::move(*entries);
     if (!m_options.recursive && !belongs &&
-        !std::ranges::all_of(level.entries, [](const Entry &inner) { return inner.name == "@eaDir"; })) {
+        !std::ranges::all_of(*entries, [](const Entry &inner) { return inner.name == "@eaDir"; })) {
         failed(S_IFDIR, {.reason = "is not empty", .needsRecursion = true});
         return;
     }
+    if (!m_way.descend(std::move(directory), entry.name)) {
+        failed(S_IFDIR, problem_of_errno(errno));
+        return;
+    }
+    Level level{.name = entry.name, .pathLength = m_path.size(), .belongs = belongs};
+    level.entries = std::move(*entries);
     if (!belongs) {
-        level.type = type_of_directory(level.directory.get(), level.device);
+        level.type = type_of_directory();
         level.hasStores = may_keep(level.entries, level.type);
     }
+    m_levels.back().stores = Descriptor(-1);
     m_levels.push_back(std::move(level));
-    let_go();
+}
+
+// A directory that may not be looked into goes where it is empty. False: it is not, or may not go.
+bool TreeRemoval::remove_unread(const Entry &entry) {
+    if (!confirmed(S_IFDIR, RemovalQuestion::entry)) {
+        return true; // said so
+    }
+    if (::unlinkat(m_way.lowest(), entry.name.c_str(), AT_REMOVEDIR) != 0) {
+        return false;
+    }
+    gone(entry.name, S_IFDIR);
+    return true;
 }
 
 // Up from a directory of which nothing is left to look at.
@@ -205,14 +229,23 @@ void TreeRemoval::leave() {
             return;
         }
     }
-    const bool held = hold(m_levels.size() - 2);
-    if (held && level.complete && !finish(level)) {
+    const bool held = m_way.hold_above();
+    const Finished finished = held && level.complete ? finish() : Finished::failed;
+    if (finished == Finished::not_yet) {
         return;
     }
-    const bool complete = level.complete;
+    if (level.hasStores && !level.belongs && finished == Finished::failed) {
+        clear_stores(m_way);
+    }
+    const std::string name = std::move(level.name);
     m_levels.pop_back();
+    m_way.ascend();
     Level &above = m_levels.back();
-    above.complete = above.complete && complete && held;
+    if (finished == Finished::removed) {
+        gone(name, S_IFDIR);
+        return;
+    }
+    above.complete = false;
     if (!held) {
         m_path.resize(above.pathLength);
         above.entries.clear();
@@ -221,22 +254,19 @@ void TreeRemoval::leave() {
     }
 }
 
-// The directory itself, with what is kept for it. False: something turned up in it that belongs to nobody, and goes
-// first.
-bool TreeRemoval::finish(Level &emptied) {
-    const Level &above = m_levels[m_levels.size() - 2];
-    if (::unlinkat(above.directory.get(), emptied.name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-        const int number = errno;
-        const bool filled = number == ENOTEMPTY || number == EEXIST;
-        if (filled && !emptied.belongs && !emptied.restOnly && list_rest(emptied)) {
-            return false;
-        }
-        failed(S_IFDIR, filled ? Problem{"something was put into it meanwhile"} : problem_of_entry(number));
-        emptied.complete = false;
-        return true;
+// The directory itself, once nothing of its own is in it.
+TreeRemoval::Finished TreeRemoval::finish() {
+    Level &emptied = m_levels.back();
+    if (::unlinkat(m_way.fd(m_way.size() - 2), emptied.name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
+        return Finished::removed;
     }
-    gone(above, emptied.name, S_IFDIR);
-    return true;
+    const int number = errno;
+    const bool filled = number == ENOTEMPTY || number == EEXIST;
+    if (filled && !emptied.belongs && !emptied.restOnly && list_rest(emptied)) {
+        return Finished::not_yet;
+    }
+    failed(S_IFDIR, filled ? Problem{"something was put into it meanwhile"} : problem_of_entry(number));
+    return Finished::failed;
 }
 
 // What is left when all entries are gone: a store, or metadata, of entries that were removed by somebody else. False:
@@ -244,97 +274,117 @@ bool TreeRemoval::finish(Level &emptied) {
 bool TreeRemoval::list_rest(Level &emptied) {
     emptied.restOnly = true;
     emptied.next = 0;
-    emptied.entries = entries_in(emptied.directory.get()).value_or(std::vector<Entry>());
+    emptied.entries = entries_in(m_way.lowest()).value_or(std::vector<Entry>());
     std::erase_if(emptied.entries, [&](const Entry &entry) {
         return !entry.name.starts_with("._") &&
-               name_kind(path_of(emptied.directory.get(), "."), entry.name, emptied.type) != NameKind::store;
+               name_kind(m_way.path_of("."), entry.name, emptied.type) != NameKind::store;
     });
     return !emptied.entries.empty();
 }
 
-void TreeRemoval::let_go() {
-    if (m_levels.size() > kMostHeld + 1) { // but never the first
-        m_levels[m_levels.size() - 1 - kMostHeld].directory = Descriptor(-1);
-    }
-}
-
-// From the directory below it by "..", which is another one by now where somebody has moved one of the two.
-bool TreeRemoval::hold(size_t at) {
-    Level &level = m_levels[at];
-    if (level.directory.get() >= 0) {
-        return true;
-    }
-    const int below = m_levels[at + 1].directory.get();
-    Descriptor above(below < 0 ? -1 : ::openat(below, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat found {};
-    if (above.get() >= 0 && ::fstat(above.get(), &found) == 0 && found.st_dev == level.device &&
-        found.st_ino == level.inode) {
-        level.directory = std::move(above);
-        return true;
-    }
-    return hold_from_above(at);
-}
-
-// The way down from one that is open, where each has to be the one that it was.
-bool TreeRemoval::hold_from_above(size_t at) {
-    size_t from = at;
-    while (m_levels[from].directory.get() < 0) {
-        --from;
-    }
-    Descriptor current(-1);
-    for (size_t next = from + 1; next <= at; ++next) {
-        const int parent = current.get() < 0 ? m_levels[from].directory.get() : current.get();
-        Descriptor opened = open_directory(parent, m_levels[next].name);
-        struct stat found {};
-        if (opened.get() < 0 || ::fstat(opened.get(), &found) != 0 || found.st_dev != m_levels[next].device ||
-            found.st_ino != m_levels[next].inode) {
-            return false;
-        }
-        current = std::move(opened);
-    }
-    m_levels[at].directory = std::move(current);
-    return true;
-}
-
 void TreeRemoval::unlink(const Entry &entry) {
-    const Level &level = m_levels.back();
-    if (::unlinkat(level.directory.get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) {
+    const int result = ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
+    if (result != 0 && errno == ENOENT && m_levels.size() > 1) {
+        return; // by somebody else, meanwhile
+    }
+    if (result != 0 && errno != ENOENT) {
         failed(DTTOIF(entry.type), problem_of_entry(errno));
         return;
     }
-    gone(level, entry.name, DTTOIF(entry.type));
+    gone(entry.name, DTTOIF(entry.type));
 }
 
-// An entry of `level` that was removed: what is kept for it goes too.
-void TreeRemoval::gone(const Level &level, const std::string &name, mode_t mode) {
+// An entry of the lowest level that was removed: what is kept for it goes too.
+void TreeRemoval::gone(const std::string &name, mode_t mode) {
+    const Level &level = m_levels.back();
     if (level.entries_belong()) {
         return;
     }
-    const auto left = level.hasStores ? remove_store(level, name) : std::nullopt;
+    const auto left = level.hasStores ? remove_store(name) : std::nullopt;
+    if (m_levels.size() == 1) {
+        remove_unfinished(name);
+    }
     m_observer.entry(m_path, mode, left ? Status::failed : Status::done, left ? &*left : nullptr);
 }
 
+// What was made of the store of an entry that was asked for, under a private name, when a command that is no more was
+// killed. With the last of it the "@eaDir" goes.
+void TreeRemoval::remove_unfinished(const std::string &name) {
+    Level &level = m_levels.back();
+    const auto remove = [](int directory, const std::string &unfinished) {
+        const Descriptor file(::openat(directory, unfinished.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        const bool there = file.get() >= 0 || errno != ENOENT;
+        const bool used = file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        return there && !used && ::unlinkat(directory, unfinished.c_str(), 0) == 0;
+    };
+    const std::string standIn = private_name_for(name);
+    if (remove(m_way.lowest(), standIn)) {
+        (void)remove_store(standIn);
+    }
+    (void)remove(m_way.lowest(), private_name_for("._" + name));
+    if (level.hasStores && open_stores()) {
+        for (const char *stream : kStreams) {
+            if (const std::string part = stream_name(m_way.path_of(name), stream); !part.empty()) {
+                (void)remove(level.stores.get(), private_name_for(part));
+            }
+        }
+        clear_stores(m_way);
+        level.stores = Descriptor(-1); // the next request may find another one
+    }
+}
+
+// False, with errno: there is none, or a link or whatever else is in its place.
+bool TreeRemoval::open_stores() {
+    Level &level = m_levels.back();
+    if (level.stores.get() < 0) {
+        level.stores = Descriptor(::openat(m_way.lowest(), "@eaDir", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    return level.stores.get() >= 0;
+}
+
 // Not by VEXOEARemove(), which marks for the next backup whatever stands under the name by then.
-std::optional<Problem> TreeRemoval::remove_store(const Level &level, const std::string &name) const {
+std::optional<Problem> TreeRemoval::remove_store(const std::string &name) {
+    const Level &level = m_levels.back();
     const StoreKind kind = level.type < 0 ? StoreKind::ea_directory : store_kind(level.type);
     if (kind == StoreKind::native || kind == StoreKind::none) {
         return std::nullopt;
     }
-    const std::string path = path_of(level.directory.get(), name);
+    const std::string path = m_way.path_of(name);
     constexpr const char *incomplete = "removed, but not all of its extended metadata";
-    bool complete = true;
     VLIBCErrSetEx(0, "", 0);
     if (kind == StoreKind::apple_double) {
         char place[PATH_MAX] = "";
         if (VEXOEAADPath(path.c_str(), place, sizeof place) == 0 &&
-            ::unlinkat(level.directory.get(), base_name(place).c_str(), 0) != 0 && errno != ENOENT) {
+            ::unlinkat(m_way.lowest(), base_name(place).c_str(), 0) != 0 && errno != ENOENT) {
             return Problem{incomplete, problem_of_errno(errno).code};
         }
-    } else {
-        complete = EARemove(kOfTheStreams, path.c_str()) == 0;
     }
-    complete = EARemove(kOfTheFile, path.c_str()) == 0 && complete;
+    if (!open_stores() && errno == ENOENT) {
+        return std::nullopt;
+    }
+    bool complete = kind == StoreKind::apple_double || remove_streams(path);
+    // Of most there is none. One that holds anything, and whatever else stands there, is the library's, to which one
+    // that somebody else removes at the same time is a failure.
+    const int stores = level.stores.get();
+    if (stores < 0 || (::unlinkat(stores, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)) {
+        struct stat left {};
+        complete =
+            (EARemove(kOfTheFile, path.c_str()) == 0 ||
+             (stores >= 0 && ::fstatat(stores, name.c_str(), &left, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)) &&
+            complete;
+    }
     return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
+}
+
+bool TreeRemoval::remove_streams(const std::string &path) {
+    const Level &level = m_levels.back();
+    for (const char *stream : kStreams) {
+        const std::string name = level.stores.get() < 0 ? std::string() : stream_name(path, stream);
+        if (name.empty() || (::unlinkat(level.stores.get(), name.c_str(), 0) != 0 && errno != ENOENT)) {
+            return EARemove(kOfTheStreams, path.c_str()) == 0; // which tells why
+        }
+    }
+    return true;
 }
 
 // Whether an entry that is gone has left what was kept beside it. Of a "._" file the name alone does not say so.
@@ -358,7 +408,9 @@ void TreeRemoval::remove_rest(const std::string &name) {
     if (!confirmed(0, RemovalQuestion::rest)) {
         return;
     }
-    if (const auto left = remove_store(m_levels.front(), name)) {
+    const auto left = remove_store(name);
+    remove_unfinished(name);
+    if (left) {
         failed(0, {"is gone already, but not all of what was kept beside it", left->code});
         return;
     }
@@ -367,11 +419,12 @@ void TreeRemoval::remove_rest(const std::string &name) {
 }
 
 // By the path, since an override of types goes by the text of paths, where that is not too long.
-int TreeRemoval::type_of_directory(int fd, dev_t device) const {
+int TreeRemoval::type_of_directory() const {
     const int type = m_path.size() < PATH_MAX ? VEXOGetFSType(m_path.c_str(), 0) : -1;
-    return type >= 0                          ? type
-           : device == m_levels.back().device ? m_levels.back().type
-                                              : VEXOGetFSType(path_of(fd, ".").c_str(), 0);
+    const size_t lowest = m_way.size() - 1;
+    return type >= 0                                          ? type
+           : m_way.device(lowest) == m_way.device(lowest - 1) ? m_levels.back().type
+                                                              : VEXOGetFSType(m_way.path_of(".").c_str(), 0);
 }
 
 bool TreeRemoval::confirmed(mode_t mode, RemovalQuestion question) {

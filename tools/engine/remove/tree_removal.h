@@ -10,6 +10,7 @@
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/directory_chain.h"
 
 #include <optional>
 #include <set>
@@ -48,15 +49,13 @@ class TreeRemoval {
   private:
     // A directory that is being emptied. The first one holds what was asked for, and stays.
     struct Level {
-        Descriptor directory = Descriptor(-1); // -1: let go
-        dev_t device = 0;
-        ino_t inode = 0;
-        std::string name = {}; // in the one above
-        size_t pathLength = 0; // of m_path, without the names below it
-        int type = -1;         // of its volume
-        bool belongs = false;  // to another entry: neither asked about nor counted
-        bool hasStores = true; // something may be kept beside its entries
-        bool restOnly = false; // its own entries are gone
+        std::string name = {};              // in the one above
+        Descriptor stores = Descriptor(-1); // its "@eaDir", once that was needed
+        size_t pathLength = 0;              // of m_path, without the names below it
+        int type = -1;                      // of its volume
+        bool belongs = false;               // to another entry: neither asked about nor counted
+        bool hasStores = true;              // something may be kept beside its entries
+        bool restOnly = false;              // its own entries are gone
         bool complete = true;
         std::vector<Entry> entries = {};
         size_t next = 0;
@@ -68,18 +67,20 @@ class TreeRemoval {
     void walk();
     void remove_next();
     void enter(const Entry &entry);
+    bool remove_unread(const Entry &entry);
     void leave();
-    bool finish(Level &emptied);
+    enum class Finished { removed, failed, not_yet };
+    Finished finish();
     bool list_rest(Level &emptied);
-    void let_go();
-    bool hold(size_t at);
-    bool hold_from_above(size_t at);
     void unlink(const Entry &entry);
-    void gone(const Level &level, const std::string &name, mode_t mode);
-    std::optional<Problem> remove_store(const Level &level, const std::string &name) const;
+    void gone(const std::string &name, mode_t mode);
+    std::optional<Problem> remove_store(const std::string &name);
+    bool open_stores();
+    bool remove_streams(const std::string &path);
+    void remove_unfinished(const std::string &name);
     bool has_rest(const std::string &name) const;
     void remove_rest(const std::string &name);
-    int type_of_directory(int fd, dev_t device) const;
+    int type_of_directory() const;
     bool confirmed(mode_t mode, RemovalQuestion question);
     void failed(mode_t mode, const Problem &problem);
 
@@ -87,6 +88,7 @@ class TreeRemoval {
     RemovalObserver &m_observer;
     HeldDirectory m_parent = {}; // of what was asked for
     std::vector<Level> m_levels = {};
+    DirectoryChain m_way = {};                       // to the lowest level
     std::string m_path = {};                         // of what is being removed: for people
     std::set<std::pair<dev_t, ino_t>> m_tidied = {}; // directories without what killed commands have left
 };

@@ -219,6 +219,15 @@ void check_arrived(const Store &source, const std::string &destination) {
     }
 }
 
+// What cannot be read there might be replaced, although somebody could still repair it.
+void check_readable(const std::string &destination) {
+    try {
+        (void)Store(destination).metadata();
+    } catch (const Failure &failure) {
+        throw Failure(fmt::format("nothing was done; the destination {}: {}", displayed(destination), failure.what()));
+    }
+}
+
 void carry(const std::string &from, const std::string &to, bool move, bool fullDirectory) {
     check(VEXOEACopy(from.c_str(), to.c_str(), move ? 1 : 0, fullDirectory ? 1 : 0, kAskForKind, kAskForKind, 0, 0),
           "cannot be carried");
@@ -259,6 +268,7 @@ void carry_to_files(const std::string &source, const std::string &destination, i
                     bool fullDirectory) {
     const Store from(source);
     const StoreKind kind = store_kind(type);
+    check_readable(destination);
     {
         const StandIn standIn(destination, type);
         // What the library sets there is set on top of what the destination has.

@@ -8,12 +8,17 @@
 #include "tools/engine/store/old_attributes.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/directory_chain.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
 #include <string_view>
 
 namespace engine {
@@ -48,6 +53,74 @@ UpgradeResult upgrade_attributes(const std::string &path) {
         return {Upgraded::failed, failure.what()};
     }
 }
+
+// The entries of a tree, directories before what is in them.
+class TreeWalk {
+  public:
+    TreeWalk(std::string path, const UpgradeWalk &walk) : m_path(std::move(path)), m_walk(walk) {}
+
+    void run() {
+        Descriptor top = open_directory(AT_FDCWD, m_path);
+        auto entries = top.get() < 0 ? std::nullopt : entries_in(top.get());
+        if (!entries || !m_way.start(std::move(top))) {
+            m_walk.unreadable(m_path);
+            return;
+        }
+        m_levels.push_back({std::move(*entries), m_path.size()});
+        while (!m_levels.empty() && !m_walk.stopped()) {
+            Level &level = m_levels.back();
+            m_path.resize(level.pathLength);
+            if (level.next < level.entries.size()) {
+                visit(level.entries[level.next++]);
+            } else {
+                leave();
+            }
+        }
+    }
+
+  private:
+    struct Level {
+        std::vector<Entry> entries;
+        size_t pathLength;
+        size_t next = 0;
+    };
+
+    void visit(const Entry &entry) {
+        if ((entry.type != DT_REG && entry.type != DT_DIR) || VEXOEAIsHiddenDirName(entry.name.c_str()) > 0) {
+            return;
+        }
+        const std::string name = entry.name; // which goes when a level is added
+        m_path = joined(m_path, name);
+        m_walk.visit(m_path, m_way.path_of(name));
+        if (entry.type != DT_DIR) {
+            return;
+        }
+        Descriptor directory = open_directory(m_way.lowest(), name);
+        auto entries = directory.get() < 0 ? std::nullopt : entries_in(directory.get());
+        if (entries && m_way.descend(std::move(directory), name)) {
+            m_levels.push_back({std::move(*entries), m_path.size()});
+        } else if (errno != ENOENT) {
+            m_walk.unreadable(m_path);
+        }
+    }
+
+    void leave() {
+        const bool held = m_levels.size() == 1 || m_way.hold_above();
+        m_levels.pop_back();
+        m_way.ascend();
+        if (!held) {
+            m_path.resize(m_levels.back().pathLength);
+            m_levels.back().next = m_levels.back().entries.size();
+            errno = ESTALE; // somebody has moved it
+            m_walk.unreadable(m_path);
+        }
+    }
+
+    std::string m_path;
+    const UpgradeWalk &m_walk;
+    std::vector<Level> m_levels;
+    DirectoryChain m_way;
+};
 
 } // namespace
 
@@ -101,21 +174,9 @@ void finish_upgrade(const std::string &path) {
 }
 
 void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk) {
-    walk.visit(path);
-    if (kind_at(path) != S_IFDIR || walk.stopped()) {
-        return;
-    }
-    const auto names = names_in(path);
-    if (!names) {
-        walk.unreadable(path);
-        return;
-    }
-    for (const std::string &name : *names) {
-        const std::string inner = joined(path, name);
-        const mode_t kind = kind_at(inner);
-        if ((kind == S_IFREG || kind == S_IFDIR) && VEXOEAIsHiddenDirName(name.c_str()) <= 0) {
-            walk_for_upgrade(inner, walk);
-        }
+    walk.visit(path, path);
+    if (kind_at(path) == S_IFDIR && !walk.stopped()) {
+        TreeWalk(path, walk).run();
     }
 }
 

@@ -24,9 +24,12 @@ UpgradeResult upgrade_store(const std::string &path, const std::string &store);
 void finish_upgrade(const std::string &path);
 
 // Calls `visit` for `path` and for every file and directory below it that can have a store, and `unreadable`, with
-// errno, for a directory that cannot be listed. Ends early when `stopped` says so.
+// errno, for a directory that cannot be listed. Ends early when `stopped` says so. `held` is the same entry by the
+// directory that holds it, which stays open: whoever works on that is not led out of the tree when somebody puts a link
+// in place of a directory.
 struct UpgradeWalk {
-    std::function<void(const std::string &path)> visit, unreadable;
+    std::function<void(const std::string &path, const std::string &held)> visit;
+    std::function<void(const std::string &path)> unreadable;
     std::function<bool()> stopped;
 };
 void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk);

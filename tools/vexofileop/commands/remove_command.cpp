@@ -148,8 +148,9 @@ void add_remove_command(const Command &program, int &status) {
     command.add_flag("-q,--quiet", options->quiet, "say nothing but what fails");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
     const PathOperands operands(command, "FILE", "FILE...");
-    command.set_footer("\nExtended metadata kept beside a file goes with it. Links are removed, never\n"
-                       "followed. \"/\", \".\" and \"..\" are refused. Of -f and -i the last one holds.\n"
+    command.set_footer("\nExtended metadata kept beside a file goes with it, also where that is gone.\n"
+                       "Links are removed, never followed. \"/\", \".\" and \"..\" are refused. Of -f and\n"
+                       "-i the last one holds.\n"
                        "Exit status: 0 all removed, 1 some failed, 2 none removed or wrong usage.\n"
                        "Examples:\n"
                        "  vexofileop remove -r /volume1/photo/old\n"

@@ -15,8 +15,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 #include <new>
 #include <unistd.h>
@@ -84,21 +86,38 @@ void write_value(const std::string &value) {
     }
 }
 
-void add_get(const Command &ea, int &status) {
-    const Command command = ea.add_command("get", "Print the value of an attribute");
-    const Option operands = command.add_operands("FILE", "FILE NAME");
-    command.set_footer("\nThe bytes as they are; on a terminal a dump of what is no text.\n"
-                       "Example:\n"
-                       "  vexofileop ea get photo.jpg com.example.note > note");
-    command.set_work([&status, operands] {
+// A command that works on attributes of one file by their names.
+struct WorkByName {
+    const char *name, *text, *usage, *footer;
+    size_t mostNames;
+};
+
+void add_by_name(const Command &ea, int &status, const WorkByName &work,
+                 const std::function<void(const std::string &path, const std::string &name)> &task) {
+    const Command command = ea.add_command(work.name, work.text);
+    const Option operands = command.add_operands("FILE", work.usage);
+    command.set_footer(work.footer);
+    command.set_work([&status, operands, task, most = work.mostNames] {
         const std::vector<std::string> given = operands.values();
-        if (given.size() != 2) {
+        if (given.size() < 2 || given.size() - 1 > most) {
             throw UsageError("a file and a name are needed");
         }
-        PathWork work;
-        work.one(given[0], [&](const std::string &path) { write_value(engine::Store(path).get(given[1])); });
-        status = work.finish();
+        PathWork each;
+        for (size_t at = 1; at < given.size(); ++at) {
+            each.one(given[0], [&](const std::string &path) { task(path, given[at]); });
+        }
+        status = each.finish();
     });
+}
+
+void add_get(const Command &ea, int &status) {
+    add_by_name(ea, status,
+                {"get", "Print the value of an attribute", "FILE NAME",
+                 "\nThe bytes as they are; on a terminal a dump of what is no text.\n"
+                 "Example:\n"
+                 "  vexofileop ea get photo.jpg com.example.note > note",
+                 1},
+                [](const std::string &path, const std::string &name) { write_value(engine::Store(path).get(name)); });
 }
 
 class SetCommand {
@@ -163,28 +182,19 @@ void add_set(const Command &ea, int &status) {
 }
 
 void add_rm(const Command &ea, int &status) {
-    const Command command = ea.add_command("rm", "Remove attributes");
-    const Option operands = command.add_operands("FILE", "FILE NAME...");
-    command.set_footer("\nThe store goes with the last thing in it. To remove everything: ea remove.\n"
-                       "Example:\n"
-                       "  vexofileop ea rm photo.jpg com.example.note");
-    command.set_work([&status, operands] {
-        const std::vector<std::string> given = operands.values();
-        if (given.size() < 2) {
-            throw UsageError("a file and a name are needed");
-        }
-        PathWork work;
-        for (size_t at = 1; at < given.size(); ++at) {
-            work.one(given[0], [&](const std::string &path) {
-                try {
-                    engine::Store(path).remove(given[at]);
-                } catch (const engine::Failure &failure) {
-                    throw engine::Failure(fmt::format("{}: {}", engine::displayed(given[at]), failure.what()));
-                }
-            });
-        }
-        status = work.finish();
-    });
+    add_by_name(ea, status,
+                {"rm", "Remove attributes", "FILE NAME...",
+                 "\nThe store goes with the last thing in it. To remove everything: ea remove.\n"
+                 "Example:\n"
+                 "  vexofileop ea rm photo.jpg com.example.note",
+                 SIZE_MAX},
+                [](const std::string &path, const std::string &name) {
+                    try {
+                        engine::Store(path).remove(name);
+                    } catch (const engine::Failure &failure) {
+                        throw engine::Failure(fmt::format("{}: {}", engine::displayed(name), failure.what()));
+                    }
+                });
 }
 
 } // namespace

@@ -8,10 +8,24 @@
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/path_work.h"
 
+#include <functional>
 #include <memory>
 
 namespace tool {
 namespace {
+
+// Two files, of which one is what the messages are about.
+void run_on_two(const Option &operands, int &status, const char *needed, bool secondIsSubject,
+                const std::function<void(const std::string &one, const std::string &other)> &task) {
+    const std::vector<std::string> given = operands.values();
+    if (given.size() != 2) {
+        throw UsageError(needed);
+    }
+    const std::string one = engine::absolute_path(given[0]), other = engine::absolute_path(given[1]);
+    PathWork work;
+    work.one(secondIsSubject ? other : one, [&](const std::string &) { task(one, other); });
+    status = work.finish();
+}
 
 void add_copy(const Command &ea, int &status) {
     const auto move = std::make_shared<bool>(false);
@@ -25,14 +39,9 @@ void add_copy(const Command &ea, int &status) {
                        "Example:\n"
                        "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
     command.set_work([&status, move, full, files] {
-        const std::vector<std::string> given = files.values();
-        if (given.size() != 2) {
-            throw UsageError("a source and a destination are needed");
-        }
-        const std::string to = engine::absolute_path(given[1]);
-        PathWork work;
-        work.one(given[0], [&](const std::string &path) { engine::carry_store(path, to, *move, *full); });
-        status = work.finish();
+        run_on_two(
+            files, status, "a source and a destination are needed", false,
+            [&](const std::string &from, const std::string &to) { engine::carry_store(from, to, *move, *full); });
     });
 }
 
@@ -46,14 +55,7 @@ void add_rename(const Command &ea, int &status) {
                        "Example:\n"
                        "  mv a.jpg b.jpg && vexofileop ea rename a.jpg b.jpg");
     command.set_work([&status, files] {
-        const std::vector<std::string> given = files.values();
-        if (given.size() != 2) {
-            throw UsageError("the old and the new name are needed");
-        }
-        const std::string from = engine::absolute_path(given[0]);
-        PathWork work;
-        work.one(given[1], [&](const std::string &path) { engine::rename_store(from, path); });
-        status = work.finish();
+        run_on_two(files, status, "the old and the new name are needed", true, engine::rename_store);
     });
 }
 

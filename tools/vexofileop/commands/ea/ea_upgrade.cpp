@@ -19,16 +19,17 @@ class Upgrade {
   public:
     Upgrade(PathWork &work, bool dryRun) : m_work(work), m_dryRun(dryRun) {}
 
-    void file(const std::string &path) {
-        m_work.one(path, [this](const std::string &one) {
-            engine::check_there(one);
-            convert(one);
+    // `held`: the same by another path, for what is done with it.
+    void file(const std::string &path, const std::string &held) {
+        m_work.one(path, [&](const std::string &one) {
+            engine::check_there(held);
+            convert(one, held);
         });
     }
 
     void tree(const std::string &path) {
         engine::walk_for_upgrade(
-            path, {.visit = [this](const std::string &inner) { file(inner); },
+            path, {.visit = [this](const std::string &inner, const std::string &held) { file(inner, held); },
                    .unreadable =
                        [this](const std::string &directory) {
                            m_work.one(directory, [](const std::string &) { engine::throw_errno("cannot be read"); });
@@ -41,27 +42,27 @@ class Upgrade {
         m_work.console().line(fmt::format("{}: {} {}", engine::displayed(path), engine::displayed(store), what));
     }
 
-    void convert(const std::string &path) {
+    void convert(const std::string &path, const std::string &held) {
         std::string failure;
-        for (const std::string &store : engine::old_stores(path)) {
+        for (const std::string &store : engine::old_stores(held)) {
             if (m_dryRun) {
                 say(path, store, "would be converted");
                 continue;
             }
-            const std::string reason = convert(path, store);
+            const std::string reason = convert_store(path, held, store);
             failure = reason.empty() ? failure : fmt::format("{}: {}", engine::displayed(store), reason);
         }
         if (!failure.empty()) {
             throw engine::Failure(failure);
         }
         if (!m_dryRun) {
-            engine::finish_upgrade(path);
+            engine::finish_upgrade(held);
         }
     }
 
     // Why it was not converted with everything; empty: it was, or is there already.
-    std::string convert(const std::string &path, const std::string &store) {
-        const engine::UpgradeResult result = engine::upgrade_store(path, store);
+    std::string convert_store(const std::string &path, const std::string &held, const std::string &store) {
+        const engine::UpgradeResult result = engine::upgrade_store(held, store);
         if (result.what != engine::Upgraded::failed) {
             say(path, store,
                 result.what == engine::Upgraded::converted ? "converted" : "is there in the current layout already");
@@ -94,7 +95,8 @@ void add_ea_upgrade_command(const Command &ea, int &status) {
             if (options->recursive) {
                 upgrade.tree(engine::absolute_path(given));
             } else {
-                upgrade.file(given);
+                const std::string path = engine::absolute_path(given);
+                upgrade.file(path, path);
             }
         }
         status = work.finish();
