@@ -15,36 +15,45 @@
 namespace engine {
 namespace {
 
-constexpr size_t kBlock = size_t{256} << 10;
+constexpr size_t kBlock = size_t{256} << 10, kLeastBlock = 4096;
 
 // A file open for reading, and where its data are.
 class Content {
   public:
     Content(const EntryView &entry, const char *which) : m_which(which) {
         constexpr int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
-        // A look that leaves no trace is for the owner and for root.
-        Descriptor opened(::open(entry.file().c_str(), flags | O_NOATIME));
-        if (opened.get() < 0 && errno == EPERM) {
-            Descriptor again(::open(entry.file().c_str(), flags));
-            opened.swap(again);
+        m_file = entry.readable();
+        if (m_file < 0) {
+            // A look that leaves no trace is for the owner and for root.
+            m_opened = Descriptor(::open(entry.file().c_str(), flags | O_NOATIME));
+            if (m_opened.get() < 0 && errno == EPERM) {
+                m_opened = Descriptor(::open(entry.file().c_str(), flags));
+            }
+            m_file = m_opened.get();
         }
-        if (opened.get() < 0) {
+        if (m_file < 0) {
             fail();
         }
-        (void)::posix_fadvise(opened.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-        m_file.swap(opened);
-        m_buffer = std::make_unique<char[]>(kBlock);
+        const struct stat &status = entry.status().st;
+        m_size = status.st_size;
+        // A byte more than a short file has: what came meanwhile shows.
+        m_block = static_cast<size_t>(std::clamp<off_t>(m_size + 1, kLeastBlock, kBlock));
+        if (status.st_size > static_cast<off_t>(kBlock)) {
+            (void)::posix_fadvise(m_file, 0, 0, POSIX_FADV_SEQUENTIAL);
+        }
+        constexpr int64_t block = 512;
+        m_end = status.st_blocks * block >= status.st_size ? status.st_size : 0; // no holes
     }
     // The first byte from `from` on that is not in a hole, at most `end`. Without the means to tell, `from`.
     off_t next_data(off_t from, off_t end) {
         if (from >= m_end) {
-            const off_t start = ::lseek(m_file.get(), from, SEEK_DATA);
+            const off_t start = ::lseek(m_file, from, SEEK_DATA);
             if (start < 0) {
                 m_start = errno == ENXIO ? end : from;
                 m_end = end;
             } else {
                 m_start = start;
-                const off_t hole = ::lseek(m_file.get(), start, SEEK_HOLE);
+                const off_t hole = ::lseek(m_file, start, SEEK_HOLE);
                 m_end = hole < 0 ? end : hole;
             }
         }
@@ -52,10 +61,12 @@ class Content {
     }
     // Up to `size` bytes; fewer at the end of the file only.
     size_t read(off_t offset, size_t size) {
+        if (m_buffer == nullptr) {
+            m_buffer = std::make_unique_for_overwrite<char[]>(m_block);
+        }
         size_t done = 0;
         while (done < size) {
-            const ssize_t got =
-                ::pread(m_file.get(), m_buffer.get() + done, size - done, offset + static_cast<off_t>(done));
+            const ssize_t got = ::pread(m_file, m_buffer.get() + done, size - done, offset + static_cast<off_t>(done));
             if (got < 0 && errno != EINTR) {
                 fail();
             }
@@ -63,9 +74,13 @@ class Content {
                 break;
             }
             done += got > 0 ? static_cast<size_t>(got) : 0;
+            if (m_size > 0 && offset + static_cast<off_t>(done) == m_size) {
+                break; // where more was asked for: the end
+            }
         }
         return done;
     }
+    size_t block() const { return m_block; }
     const char *bytes() const { return m_buffer.get(); }
 
     int64_t data_bytes(off_t size) {
@@ -80,8 +95,11 @@ class Content {
     [[noreturn]] void fail() const { throw_errno(fmt::format("the {} cannot be read", m_which)); }
 
     const char *m_which;
-    Descriptor m_file{-1};
+    Descriptor m_opened{-1};
+    int m_file = -1; // it, or the entry's
     std::unique_ptr<char[]> m_buffer;
+    size_t m_block = kBlock;      // bytes in the buffer
+    off_t m_size = 0;             // as the status has it
     off_t m_start = 0, m_end = 0; // of the data that were found last
 };
 
@@ -91,6 +109,7 @@ void compare_content(const EntryView &one, const EntryView &other, Findings &fin
     findings.attempt("data", [&] {
         Content first(one, "first"), second(other, "second");
         const off_t size = one.status().st.st_size;
+        const size_t block = std::min(first.block(), second.block());
         off_t at = 0;
         for (;;) {
             if (findings.stopped()) {
@@ -100,8 +119,8 @@ void compare_content(const EntryView &one, const EntryView &other, Findings &fin
                 at = std::min(first.next_data(at, size), second.next_data(at, size));
             }
             // Behind the end too: one of them may have grown, or does not tell its size.
-            const size_t got = first.read(at, kBlock);
-            const size_t there = second.read(at, kBlock);
+            const size_t got = first.read(at, block);
+            const size_t there = second.read(at, block);
             if (got != there || std::memcmp(first.bytes(), second.bytes(), got) != 0) {
                 const size_t common = std::min(got, there);
                 const auto place = std::mismatch(first.bytes(), first.bytes() + common, second.bytes());
@@ -110,7 +129,10 @@ void compare_content(const EntryView &one, const EntryView &other, Findings &fin
                 return;
             }
             at += static_cast<off_t>(got);
-            if (got < kBlock) {
+            if (findings.options.progress) {
+                findings.options.progress(static_cast<int64_t>(got));
+            }
+            if (got < block) {
                 return;
             }
         }

@@ -3,8 +3,8 @@
 
 #include "tools/engine/compare/side.h"
 #include "tools/engine/losses/loss.h"
-#include "tools/engine/relocate/listing.h"
 #include "tools/engine/report/observer.h"
+#include "tools/engine/store/listing.h"
 
 #include <functional>
 #include <map>

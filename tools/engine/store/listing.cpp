@@ -1,4 +1,4 @@
-#include "tools/engine/relocate/listing.h"
+#include "tools/engine/store/listing.h"
 
 #include "ea/ea.h"
 #include "tools/engine/report/failure.h"
