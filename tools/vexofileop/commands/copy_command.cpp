@@ -1,10 +1,11 @@
-// vexofileop copy and vexofileop move.
+// vexofileop copy and vexofileop move, and the plans of both.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/plan_run.h"
 
 #include <fmt/format.h>
 #include <memory>
@@ -70,10 +71,27 @@ constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and ex
                                "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
                                "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
 
-void add_transfer_command(const Command &program, int &status, engine::Operation operation) {
-    const bool copy = operation == engine::Operation::copy;
+constexpr const char *kPlanNotes =
+    "\nNothing is done: each entry that is not simply new is told (-v: all), then what would\n"
+    "be lost, by class, what room is needed and is there, and the status of the run, which\n"
+    "is that of the plan too. What a volume takes is tried in a private directory of the\n"
+    "destination, which is removed again, where its times can be put back; else, and with\n"
+    "--no-probe, it is what the system says of the volume. -i counts as a yes.\n";
+
+int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
+    const PlanRunOptions options{
+        {.transfer = batch.transfer, .probe = probe}, batch.stopOnError, batch.verbose, batch.json};
+    return PlanRun(options).run(errands);
+}
+
+enum class Act { run, plan };
+
+void add_transfer_command(const Command &program, int &status, engine::Operation operation, Act act) {
+    const bool copy = operation == engine::Operation::copy, run = act == Act::run;
     const Command command = program.add_command(
-        word_of(operation), copy ? "Copy files and trees with all that is theirs" : "Move or rename files and trees");
+        word_of(operation), !run   ? (copy ? "Tell what a copy would do" : "Tell what a move would do")
+                            : copy ? "Copy files and trees with all that is theirs"
+                                   : "Move or rename files and trees");
     const auto batch = std::make_shared<BatchOptions>();
     BatchOptions &options = *batch;
     options.transfer.operation = operation;
@@ -86,27 +104,46 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
     command.add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
     command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
-    command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
+    const auto plan = std::make_shared<bool>(!run), noProbe = std::make_shared<bool>(false);
+    if (run) {
+        command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
+        command.add_flag("--dry-run", *plan, "do nothing; tell what would be done, as \"plan\" does");
+    } else {
+        command.add_flag("--no-probe", *noProbe, "make nothing at the destination to find out what it takes");
+    }
     const PathOperands operands(command, "FILE", "FILE... DEST");
-    command.set_footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
-                                                   : "Examples:\n"
-                                                     "  vexofileop move draft.txt final.txt\n"
-                                                     "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, operands] {
+    const std::string notes = run ? kNotes : kPlanNotes;
+    if (!run) {
+        command.set_footer(notes + "Example:\n  vexofileop plan " + word_of(operation) + " photos /volume2/backup");
+    } else {
+        command.set_footer(notes + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
+                                         : "Examples:\n"
+                                           "  vexofileop move draft.txt final.txt\n"
+                                           "  vexofileop move --keep-both *.jpg /volume2/photo"));
+    }
+    command.set_work([command, &status, batch, plan, noProbe, policies, operands] {
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
-        status = Batch(*batch).run(planned(operands, batch->transfer.operation, batch->transfer.conflict));
+        const std::vector<Errand> errands = planned(operands, batch->transfer.operation, batch->transfer.conflict);
+        status = *plan ? planned_status(*batch, !*noProbe, errands) : Batch(*batch).run(errands);
     });
 }
 
 } // namespace
 
 void add_copy_command(const Command &program, int &status) {
-    add_transfer_command(program, status, engine::Operation::copy);
+    add_transfer_command(program, status, engine::Operation::copy, Act::run);
 }
 
 void add_move_command(const Command &program, int &status) {
-    add_transfer_command(program, status, engine::Operation::move);
+    add_transfer_command(program, status, engine::Operation::move, Act::run);
+}
+
+void add_plan_command(const Command &program, int &status) {
+    const Command command = program.add_command("plan", "Tell beforehand what a copy or a move would do and lose");
+    command.require_command();
+    add_transfer_command(command, status, engine::Operation::copy, Act::plan);
+    add_transfer_command(command, status, engine::Operation::move, Act::plan);
 }
 
 } // namespace tool
