@@ -36,6 +36,13 @@ std::string textIn(const JsonObject &object, const char *name) {
     return json_object_object_get_ex(object.get(), name, &member) ? json_object_get_string(member) : "(absent)";
 }
 
+std::string compactIn(const JsonObject &object, const char *name) {
+    json_object *member = nullptr;
+    return json_object_object_get_ex(object.get(), name, &member)
+               ? json_object_to_json_string_ext(member, JSON_C_TO_STRING_PLAIN)
+               : "(absent)";
+}
+
 class CopyCommand : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -301,26 +308,53 @@ TEST_F(CopyCommand, OutputThatCannotBeWrittenIsTold) {
     EXPECT_EQ("new", kit::readFile(to));
 }
 
-TEST_F(CopyCommand, OwnerThatCouldNotBeKeptIsToldToThoseWhoAsk) {
+TEST_F(CopyCommand, OwnerThatCouldNotBeKeptIsTold) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to become another user";
     }
     constexpr uid_t nobody = 65534;
     ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
     ASSERT_EQ(0, ::chmod(into.c_str(), 0777));
-    const ToolResult quiet = runTool({"copy", from, into}, {.user = nobody});
-    if (quiet.status >= 125) {
+    const ToolResult told = runTool({"copy", from, into}, {.user = nobody});
+    if (told.status >= 125) {
         GTEST_SKIP() << "the program cannot be reached by another user here";
     }
-    EXPECT_EQ(0, quiet.status);
-    EXPECT_EQ("", quiet.err);
+    const std::string both = from + " -> " + into;
+    EXPECT_EQ(1, told.status);
+    EXPECT_EQ("vexofileop: 1 owner not kept: " + both + "/from: owner differs: 0 and 65534 (owner)\n" +
+                  "vexofileop: 1 group not kept: " + both + "/from: group differs: 0 and 65534 (group)\n",
+              told.err);
     EXPECT_EQ(nobody, kit::statOf(into + "/from").st_uid);
-    const ToolResult verbose = runTool({"copy", "-v", from, into + "/second"}, {.user = nobody});
-    EXPECT_EQ(0, verbose.status);
-    EXPECT_EQ("vexofileop: " + into + "/second: copied, but the owner could not be kept (0xFA00)\n", verbose.err);
-    const auto lines = parsedLines(runTool({"copy", "--json", from, into + "/third"}, {.user = nobody}).out);
+    const ToolResult verbose = runTool({"copy", "-v", "--accept", "owner", from, into + "/second"}, {.user = nobody});
+    EXPECT_EQ(1, verbose.status);
+    EXPECT_EQ(both + "/second\n" + both + "/second: owner differs: 0 and 65534 (owner)\n" + both +
+                  "/second: group differs: 0 and 65534 (group)\n",
+              verbose.out);
+    const ToolResult accepted =
+        runTool({"copy", "--json", "--accept", "owner", "--accept=acl,group", from, into + "/third"}, {.user = nobody});
+    EXPECT_EQ(0, accepted.status);
+    const auto lines = parsedLines(accepted.out);
+    ASSERT_EQ(4u, lines.size()) << accepted.out;
     EXPECT_EQ("done", textIn(lines.at(0), "status"));
-    EXPECT_NE(std::string::npos, textIn(lines.at(0), "warnings").find("0xFA00"));
+    EXPECT_EQ("loss", textIn(lines.at(1), "event"));
+    EXPECT_EQ("owner", textIn(lines.at(1), "class"));
+    EXPECT_EQ("changed", textIn(lines.at(1), "severity"));
+    EXPECT_EQ(from, textIn(lines.at(1), "source"));
+    EXPECT_EQ(into + "/third", textIn(lines.at(1), "destination"));
+    EXPECT_EQ("owner differs: 0 and 65534", textIn(lines.at(1), "detail"));
+    EXPECT_EQ(R"([{"class":"owner","severity":"changed","count":1,"accepted":true},)"
+              R"({"class":"group","severity":"changed","count":1,"accepted":true}])",
+              compactIn(lines.at(3), "losses"));
+}
+
+TEST_F(CopyCommand, UnknownClassesAreRefusedWithTheKnownOnes) {
+    for (const char *command : {"copy", "move", "relocate"}) {
+        const ToolResult result = runTool({command, "--accept", "owners", from, to});
+        EXPECT_EQ(2, result.status);
+        EXPECT_NE(std::string::npos, result.err.find("--accept: \"owners\" is no class of losses; they are all, acl"))
+            << result.err;
+        EXPECT_FALSE(kit::exists(to));
+    }
 }
 
 TEST_F(CopyCommand, UnreadableSourceIsRefused) {
@@ -476,7 +510,15 @@ TEST(ExplainCommand, TellsWhatACodeMeans) {
     EXPECT_EQ(2, unknown.status);
     EXPECT_EQ("vexofileop: 0x1234: no such error code\n", unknown.err);
     const std::string all = runTool({"explain"}).out;
-    EXPECT_EQ(39, std::count(all.begin(), all.end(), '\n'));
+    EXPECT_EQ(39 + 27, std::count(all.begin(), all.end(), '\n'));
+    const ToolResult loss = runTool({"explain", "acl-access", "0xA400"});
+    EXPECT_EQ(0, loss.status);
+    EXPECT_EQ(0u, loss.out.find("acl-access  access ACLs not kept (lost)\n  Meaning: The access ACL is not that of the "
+                                "source.\n  What helps: "))
+        << loss.out;
+    const ToolResult neither = runTool({"explain", "owners"});
+    EXPECT_EQ(2, neither.status);
+    EXPECT_NE(std::string::npos, neither.err.find("owners: neither an error code")) << neither.err;
 }
 
 TEST(ArchiveCommand, ClearsTheBitOfFilesAndDirectories) {

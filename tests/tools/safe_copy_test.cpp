@@ -215,12 +215,19 @@ TEST_F(SafeMove, WhatTheOtherVolumeDoesNotTakeKeepsTheSource) {
     kit::setAttribute(from, "user.note", "n");
     const ToolResult result = runTool({"move", from, volume.path()});
     EXPECT_EQ(1, result.status);
-    EXPECT_TRUE(mentions(result.err, "copied without user.note; the source stays")) << result.err;
+    const std::string told = "1 attribute not kept: " + from + " -> " + (volume / "from") +
+                             ": attribute user.note: only at the first, 1 bytes (attribute)\n";
+    EXPECT_TRUE(mentions(result.err, told + "vexofileop: the source stays for that; --accept attribute moves it\n"))
+        << result.err;
     EXPECT_EQ("new", kit::readFile(from));
     EXPECT_EQ("new", kit::readFile(volume / "from"));
     const ToolResult copied = runTool({"copy", "-f", from, volume.path()});
     EXPECT_EQ(1, copied.status);
-    EXPECT_TRUE(mentions(copied.err, "copied without user.note\n")) << copied.err;
+    EXPECT_TRUE(mentions(copied.err, told)) << copied.err;
+    const ToolResult accepted = runTool({"move", "-f", "--accept", "attribute,fat", from, volume.path()});
+    EXPECT_EQ(0, accepted.status) << accepted.err;
+    EXPECT_TRUE(mentions(accepted.err, "1 attribute not kept, as accepted: ")) << accepted.err;
+    EXPECT_FALSE(kit::exists(from));
 }
 
 TEST_F(SafeMove, StreamsThatDoNotFitKeepTheSource) {
@@ -239,6 +246,7 @@ TEST_F(SafeMove, StreamsThatDoNotFitKeepTheSource) {
         const ToolResult result = runTool({"move", "-f", from, volume / "file"});
         ::unsetenv("VEXOFILEOP_FSTYPES");
         EXPECT_EQ(1, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, " (stream)\n")) << result.err;
         EXPECT_TRUE(mentions(result.err, "the source stays")) << result.err;
         EXPECT_EQ("new", kit::readFile(from));
         EXPECT_EQ(store, kit::readFile(storeOf("from")));

@@ -183,9 +183,9 @@ TEST_F(WholeCopy, WhatTheLibraryPassesOverIsNamed) {
     ASSERT_EQ(0, ::mkfifo((sub + "/below/pipe").c_str(), 0600));
     const ToolResult result = copyBothWays();
     EXPECT_EQ(1, result.status);
-    EXPECT_TRUE(mentions(result.err, "/below/pipe: is a named pipe, which cannot be copied\n"));
-    EXPECT_TRUE(mentions(result.err, "/@tmp: skipped, belongs to the system\n"));
-    EXPECT_EQ("1 file and 3 directories copied (1 B), 1 skipped, 2 failed, 0 cloned\n", result.out);
+    EXPECT_TRUE(mentions(result.err, "/below/pipe: is a named pipe, which cannot be copied (special-file)\n"));
+    EXPECT_TRUE(mentions(result.err, "/@tmp: skipped, belongs to the system (not-carried)\n"));
+    EXPECT_EQ("1 file and 3 directories copied (1 B), 2 skipped, 1 failed, 0 cloned\n", result.out);
 }
 
 TEST_F(WholeCopy, PartsOfStoresThatCannotArriveAreTold) {
@@ -197,8 +197,10 @@ TEST_F(WholeCopy, PartsOfStoresThatCannotArriveAreTold) {
     makeDirectory(sub + "/@eaDir/lost@VexoEAStream");
     const ToolResult result = copyBothWays();
     EXPECT_EQ(1, result.status);
-    EXPECT_EQ("vexofileop: " + sub + "/lost -> " + to +
-                  "/sub/lost: copied without the extended metadata that is kept beside it\n",
+    EXPECT_EQ("vexofileop: 1 entry with something that could not be read: " + sub + "/lost -> " + to +
+                  "/sub/lost: the store of the first: lost@VexoEAStream is no regular file (unreadable)\n"
+                  "vexofileop: 1 thing of nobody left where it was: " +
+                  sub + " -> " + to + "/sub: @eaDir/lost@VexoEAStream belongs to no entry (not-carried)\n",
               result.err);
     EXPECT_EQ("3 files and 2 directories copied (13 B), 0 skipped, 0 failed, 0 cloned\n", result.out);
     EXPECT_EQ(stream::bytes({{"comment", "kept"}}), kit::readFile(to + "/sub/@eaDir/kept@VexoEAStream"));

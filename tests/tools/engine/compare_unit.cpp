@@ -488,11 +488,13 @@ TEST_F(Compare, StoppedComparisonIsNotEqual) {
 }
 
 TEST_F(Compare, NamesThatAreNoneAreRefused) {
-    for (const char *name : {"", ".", "..", "a/b"}) {
-        const engine::Descriptor directory(::open(scratch.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const engine::Descriptor directory(::open(scratch.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (const char *name : {"", "..", "a/b"}) {
         const Side side{directory.get(), name, {}};
-        EXPECT_EQ(Names{"unreadable"}, names_of(engine::compare_entries(side, side)));
+        EXPECT_EQ(Names{"unreadable"}, names_of(engine::compare_entries(side, side))) << name;
     }
+    const Side itself{directory.get(), ".", {}};
+    EXPECT_EQ(Names{}, names_of(engine::compare_entries(itself, itself)));
 }
 
 TEST_F(Compare, CommentOfTheMetadataAttributeIsCompared) {

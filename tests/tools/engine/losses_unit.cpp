@@ -77,7 +77,7 @@ TEST(Losses, GroupsAreSetsOfClasses) {
     ASSERT_TRUE(all && acl && fat);
     for (const engine::LossRow &row : engine::kLossTable) {
         const std::string name = row.name;
-        EXPECT_TRUE(all->contains(row.cls)) << name;
+        EXPECT_EQ(name != "data", all->contains(row.cls)) << name;
         EXPECT_EQ(name.starts_with("acl-"), acl->contains(row.cls)) << name;
         const bool anyFat =
             name == "owner" || name == "group" || name == "mode" || name.starts_with("acl-") || name == "creation-time";
@@ -95,6 +95,10 @@ TEST(Losses, WhatIsAcceptedOrCostsRoomAloneFailsNothing) {
     EXPECT_TRUE(engine::fails({LossClass::group, ""}, owner));
     EXPECT_TRUE(engine::fails({LossClass::owner, ""}, {}));
     EXPECT_FALSE(engine::fails({LossClass::hole, ""}, {}));
+    EXPECT_FALSE(engine::fails({LossClass::data, ""}, *engine::loss_set("data")));
+    EXPECT_TRUE(engine::keeps_source({LossClass::data, ""}, *engine::loss_set("data")));
+    EXPECT_FALSE(engine::keeps_source({LossClass::owner, ""}, owner));
+    EXPECT_FALSE(engine::keeps_source({LossClass::hole, ""}, {}));
     EXPECT_FALSE(engine::fails({LossClass::hard_link, ""}, {}));
 }
 

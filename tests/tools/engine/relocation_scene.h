@@ -20,6 +20,10 @@ class Record : public engine::RelocationObserver {
         said.push_back(path + ": " + problem.reason);
     }
 
+    void lost(const std::string &source, const std::string &, const engine::Loss &loss) override {
+        said.push_back(source + ": " + loss.detail + " (" + engine::loss_row(loss.cls).name + ")");
+    }
+
     std::vector<std::string> said;
     int64_t done = 0;
     bool copyEnded = false, stop = false;

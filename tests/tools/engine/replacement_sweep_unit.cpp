@@ -20,9 +20,9 @@ class Silent : public TransferObserver {
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
     void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        good = good && outcome.status == Status::done && !outcome.warning;
+        good = good && outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
     }
-    void arrived(int, int64_t) override {}
+    void arrived(const std::string &, int, int64_t) override {}
     void progress(int64_t, bool) override {}
     bool may_replace(const std::string &) override { return true; }
 

@@ -32,7 +32,9 @@ class TransferRecord : public TransferObserver {
         said.push_back(std::to_string(static_cast<int>(outcome.status)) + " " + source);
         last = outcome;
     }
-    void arrived(int files, int64_t) override { said.push_back(std::to_string(files) + " arrived"); }
+    void arrived(const std::string &, int files, int64_t) override {
+        said.push_back(std::to_string(files) + " arrived");
+    }
     void progress(int64_t bytes, bool) override { done += bytes; }
     bool may_replace(const std::string &) override { return replace; }
 

@@ -83,10 +83,14 @@ class Content {
     size_t block() const { return m_block; }
     const char *bytes() const { return m_buffer.get(); }
 
-    int64_t data_bytes(off_t size) {
+    // In blocks of `grain` bytes, each of which is data as soon as a byte of it is.
+    int64_t data_bytes(off_t size, off_t grain) {
         int64_t sum = 0;
+        off_t counted = 0; // up to here
         for (off_t at = next_data(0, size); at < size; at = next_data(m_end, size)) {
-            sum += std::min(m_end, size) - at;
+            const off_t start = std::max(at / grain * grain, counted);
+            counted = std::max(counted, std::min((m_end + grain - 1) / grain * grain, size));
+            sum += std::max<off_t>(counted - start, 0);
         }
         return sum;
     }
@@ -141,13 +145,19 @@ void compare_content(const EntryView &one, const EntryView &other, Findings &fin
 
 void compare_holes(const EntryView &one, const EntryView &other, Findings &findings) {
     const struct stat &status = one.status().st;
-    constexpr int64_t block = 512;
-    if (status.st_blocks * block >= status.st_size || other.status().st.st_blocks <= status.st_blocks) {
+    if (!one.may_have_holes() || other.status().st.st_blocks <= status.st_blocks) {
         return;
     }
     findings.attempt("holes", [&] {
-        const int64_t first = Content(one, "first").data_bytes(status.st_size);
-        const int64_t second = Content(other, "second").data_bytes(status.st_size);
+        // A volume of larger blocks has filled nothing for that.
+        const off_t grain = std::max<off_t>(other.status().st.st_blksize, 512);
+        const int64_t first = Content(one, "first").data_bytes(status.st_size, grain);
+        int64_t second = Content(other, "second").data_bytes(status.st_size, grain);
+        if (second >= status.st_size && other.may_have_holes()) {
+            // It does not tell where its holes are. What it takes may come in pieces larger than a block.
+            constexpr int64_t block = 512, piece = int64_t{64} << 10;
+            second = std::max<int64_t>(other.status().st.st_blocks * block - piece, 0);
+        }
         if (second > first) {
             findings.add(LossClass::hole, fmt::format("holes were filled: {} bytes more", second - first));
         }

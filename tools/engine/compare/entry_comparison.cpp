@@ -75,11 +75,7 @@ class EntryComparison {
         m_one.list();
         m_other.list();
         const bool holdsMore = m_one.may_hold_more() || m_other.may_hold_more();
-        constexpr int64_t block = 512;
-        const struct stat &status = m_one.status().st;
-        const bool holes =
-            S_ISREG(m_one.type()) && m_findings.options.costs && status.st_blocks * block < status.st_size;
-        return holdsMore || holes;
+        return holdsMore || (S_ISREG(m_one.type()) && m_findings.options.costs && m_one.may_have_holes());
     }
     void compare_own() {
         const struct stat &first = m_one.status().st, &second = m_other.status().st;
@@ -129,6 +125,9 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
         one = std::make_unique<EntryView>(a);
         which = "the second";
         other = std::make_unique<EntryView>(b);
+        if (options.before != nullptr) {
+            one->take_times(*options.before);
+        }
     } catch (const Failure &failure) {
         if (one != nullptr && errno == ENOENT) {
             findings.add(class_of_type(one->type()), "is not at the second");

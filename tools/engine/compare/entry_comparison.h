@@ -1,6 +1,7 @@
 // What an entry has that another has not, whatever the two volumes keep it in.
 #pragma once
 
+#include "platform/core.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/losses/loss.h"
 
@@ -14,6 +15,8 @@ struct CompareOptions {
     bool data = false;  // content, and values of any length, are read; else sizes and short values decide
     bool times = true;  // modification and creation time
     bool costs = false; // what only takes more room: holes that were filled, links that became files
+    // The source as it was before its times were touched: those of its status count then. Null: as it is.
+    const VLIBCStat *before = nullptr;
     std::function<bool()> stopped = {}; // asked while data are read; an end by it is a loss of the class "unreadable"
     std::function<void(int64_t bytes)> progress = {}; // so many more bytes of the content of `a` are done
 };

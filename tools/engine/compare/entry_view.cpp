@@ -48,7 +48,7 @@ std::optional<std::string> grown(const Call &call) {
 
 EntryView::EntryView(const Side &side) : m_side(side) {
     constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
-    if (side.name.empty() || side.name == "." || side.name == ".." || side.name.find('/') != std::string::npos) {
+    if (side.name.empty() || side.name == ".." || side.name.find('/') != std::string::npos) {
         errno = EINVAL;
         throw Failure("it has no name in a directory");
     }
@@ -61,6 +61,13 @@ EntryView::EntryView(const Side &side) : m_side(side) {
             throw;
         }
     }
+}
+
+void EntryView::take_times(const VLIBCStat &before) {
+    m_status.st.st_mtim = before.st.st_mtim;
+    m_status.st.st_ctim = before.st.st_ctim;
+    m_status.st.st_atim = before.st.st_atim;
+    m_status.createTime = before.createTime;
 }
 
 bool EntryView::is_representation(const std::string &name) const {

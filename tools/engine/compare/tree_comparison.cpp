@@ -161,7 +161,7 @@ class TreeComparison {
     // Whether the two were compared under other names. A file that was one and is two is told.
     bool is_known_link(const std::string &path, const struct stat &first, const std::string &otherPath,
                        const struct stat &second) {
-        if (first.st_nlink < 2 || S_ISDIR(first.st_mode)) {
+        if (first.st_nlink < 2 || !S_ISREG(first.st_mode) || !S_ISREG(second.st_mode)) {
             return false;
         }
         const auto [known, isNew] = m_links.try_emplace(inode_of(first), Linked{path, {}});
@@ -234,12 +234,10 @@ class TreeComparison {
     }
 
     void entry(Level &level, const Listing::Item &item) {
-        const std::string path = joined(level.one.path, item.name);
         if (is_private_name(item.name)) {
-            lose(path, joined(level.other.path, item.name), LossClass::not_carried,
-                 "left over from a command that was stopped");
-            return;
+            return; // of a command that was stopped: nothing that is not somewhere else as well
         }
+        const std::string path = joined(level.one.path, item.name);
         const NameMatch::Found found = level.names.find(item.name);
         const std::string otherPath = joined(level.other.path, found.name);
         if (found.tooLong) {

@@ -22,7 +22,7 @@ struct Group {
     bool (*has)(LossClass);
 };
 constexpr Group kGroups[] = {
-    {"all", [](LossClass) { return true; }},
+    {"all", [](LossClass cls) { return cls != LossClass::data; }},
     {"acl",
      [](LossClass cls) {
          return cls == LossClass::acl_access || cls == LossClass::acl_default || cls == LossClass::acl_windows;

@@ -161,8 +161,9 @@ class LossSet {
     uint32_t m_bits = 0;
 };
 
-// A class by its name, or a group: "all"; "acl", the three kinds; "fat", what any FAT volume costs, since it keeps
-// neither owners nor permissions, and a creation time that nobody can set. Nothing: there is none of that name.
+// A class by its name, or a group: "all", but for content that is not there ("data"); "acl", the three kinds; "fat",
+// what any FAT volume costs, since it keeps neither owners nor permissions, and a creation time that nobody can set.
+// Nothing: there is none of that name.
 std::optional<LossSet> loss_set(std::string_view name);
 // The groups, for messages: "all, acl, fat".
 std::string loss_group_names();
@@ -176,6 +177,11 @@ struct Loss {
 // Whether a run in which this is lost has failed: not when it was accepted, and not for room alone.
 constexpr bool fails(const Loss &loss, LossSet accepted) {
     return !accepted.contains(loss.cls) && loss_row(loss.cls).severity != Severity::costs_more;
+}
+
+// Whether a source has to stay for it: also where it was accepted that content is not there.
+constexpr bool keeps_source(const Loss &loss, LossSet accepted) {
+    return fails(loss, accepted) || loss.cls == LossClass::data;
 }
 
 } // namespace engine

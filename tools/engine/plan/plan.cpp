@@ -92,7 +92,7 @@ class Planner::Walk {
 // True: nothing of it stays behind.
 bool Planner::Walk::tell(PlannedEntry planned) {
     const bool fails =
-        std::ranges::any_of(planned.losses, [&](const Loss &loss) { return engine::fails(loss, m_options.accepted); });
+        std::ranges::any_of(planned.losses, [&](const Loss &loss) { return engine::fails(loss, m_transfer.accepted); });
     const bool done = planned.deed != Deed::fail && planned.deed != Deed::skip;
     planned.sourceStays = planned.sourceStays || (moves() && done && planned.deed != Deed::rename && fails);
     m_observer.entry(planned);
@@ -101,7 +101,7 @@ bool Planner::Walk::tell(PlannedEntry planned) {
 
 bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses) {
     const bool accepted = !losses.empty() && std::ranges::none_of(losses, [&](const Loss &loss) {
-        return engine::fails(loss, m_options.accepted);
+        return engine::fails(loss, m_transfer.accepted);
     });
     // In a tree, what a volume cannot hold is counted, and no failure of each.
     const bool counted =
@@ -434,7 +434,9 @@ bool Planner::Walk::hard_linked(const struct stat &found, PlannedEntry &planned)
     if (!S_ISREG(found.st_mode) || found.st_nlink < 2 || m_linked.insert({found.st_dev, found.st_ino}).second) {
         return false;
     }
-    planned.losses.push_back({LossClass::hard_link, fmt::format("becomes a file of its own: {} bytes", found.st_size)});
+    planned.losses.push_back(
+        {LossClass::hard_link,
+         fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
     return true;
 }
 

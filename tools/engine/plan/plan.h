@@ -58,7 +58,6 @@ struct VolumePlan {
 
 struct PlanOptions {
     TransferOptions transfer;
-    LossSet accepted = {};
     bool probe = true; // something may be made in directories of the destination, and is removed again
 };
 

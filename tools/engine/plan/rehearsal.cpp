@@ -8,6 +8,8 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
@@ -21,8 +23,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#pragma weak VLIBCKernelAttrFcntl
-
 namespace engine {
 namespace {
 
@@ -31,21 +31,6 @@ constexpr mode_t kModeBits = 07777;
 constexpr int64_t kBlock = 512;
 // Between these all volumes that keep a time at all keep it.
 constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
-
-int request_attribute(int fd, int command) {
-    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
-}
-void give_dos_attributes(int fd, uint32_t attributes) {
-    constexpr struct {
-        uint32_t bit;
-        int command;
-    } rows[] = {{VLIBC_ATTR_ARCHIVE, 0x202}, {VLIBC_ATTR_HIDDEN, 0x203}, {VLIBC_ATTR_SYSTEM, 0x204}};
-    for (const auto &row : rows) {
-        if ((attributes & row.bit) != 0) {
-            (void)request_attribute(fd, row.command);
-        }
-    }
-}
 
 bool is_plain(const timespec &time) {
     return time.tv_sec > kFirstPlainTime && time.tv_sec < kLastPlainTime;
@@ -212,7 +197,7 @@ void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) co
     (void)VEXOACLArchiveCopy(from.c_str(), to.c_str());
     copy_attributes(from, fd, {"user."});
     if (::geteuid() == 0) {
-        copy_attributes(from, fd, {"security.", "trusted."});
+        copy_system_attributes(from, to);
     }
     give_dos_attributes(fd, status.attributes | (file ? uint32_t{VLIBC_ATTR_ARCHIVE} : 0));
     const timespec times[] = {status.st.st_atim, status.st.st_mtim, status.createTime};
@@ -264,7 +249,7 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         bare.volume.store = StoreKind::none;
     }
     const bool stores = takes_stores(source);
-    for (Loss &loss : compare_entries(stores ? bare : source, copy)) {
+    for (Loss &loss : complete_copy(stores ? bare : source, copy)) {
         if (loss.cls != LossClass::data && !(stores && is_of_store(loss.cls))) {
             losses.push_back(std::move(loss));
         }

@@ -1,10 +1,10 @@
 #include "tools/engine/relocate/proof.h"
 
-#include "platform/core.h"
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/transfer/completion.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
@@ -19,8 +19,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 std::string name_at(const VolumeFacts &there, const std::string &name) {
     return volume_traits(there.type).fatNames ? base_name(fat_name("/" + name)) : name;
@@ -41,44 +39,6 @@ dev_t device_of(int fd) {
 }
 
 } // namespace
-
-bool counts_against(const Loss &loss, const VolumeFacts &there) {
-    return there.owners ||
-           (loss.cls != LossClass::owner && loss.cls != LossClass::group && loss.cls != LossClass::mode);
-}
-
-namespace {
-
-// Who is not root needs to write to what keeps a creation time, also where that is read-only.
-void set_times(const std::string &path, mode_t mode, const timespec *times) {
-    if (VLIBCFileUTime(path.c_str(), 3, times) == 0 || ::geteuid() == 0 || (mode & S_IWUSR) != 0 ||
-        ::chmod(path.c_str(), (mode & kModeBits) | S_IWUSR) != 0) {
-        return;
-    }
-    (void)VLIBCFileUTime(path.c_str(), 3, times);
-    (void)::chmod(path.c_str(), mode & kModeBits);
-}
-
-} // namespace
-
-void give_times(const Side &from, const Side &to) {
-    VLIBCStat found{};
-    if (VLIBCFileLStat(from.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found) != 0) {
-        return;
-    }
-    const timespec times[] = {found.st.st_atim, found.st.st_mtim, found.createTime};
-    // By descriptor: the path of the library's call would follow a link.
-    const Descriptor entry(::openat(to.directory, to.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    struct stat there {};
-    if (entry.get() < 0 || ::fstat(entry.get(), &there) != 0) {
-        return;
-    }
-    if (S_ISREG(there.st_mode) || S_ISDIR(there.st_mode)) {
-        set_times(fmt::format("/proc/self/fd/{}", entry.get()), there.st_mode, times);
-    } else {
-        (void)::utimensat(to.directory, to.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
-    }
-}
 
 struct Proof::Level {
     int source, copy; // open directories
@@ -145,17 +105,9 @@ int Proof::compare_staged(const TreeTop &tree, const TreeTop &copy) {
 }
 
 std::vector<Loss> Proof::losses_of(const Side &source, const Side &copy, bool known, bool times) const {
-    const CompareOptions options{.data = !known, .times = times, .stopped = [this] { return m_observer.stopped(); }};
-    std::vector<Loss> losses = compare_entries(source, copy, options);
-    const auto late = [](const Loss &loss) {
-        return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
-    };
-    if (m_staged && std::ranges::any_of(losses, late)) {
-        give_times(source, copy);
-        losses = compare_entries(source, copy, options);
-    }
-    std::erase_if(losses, [&](const Loss &loss) { return !counts_against(loss, copy.volume); });
-    return losses;
+    const CompareOptions options{
+        .data = !known, .times = times, .costs = true, .stopped = [this] { return m_observer.stopped(); }};
+    return m_staged ? complete_copy(source, copy, options) : compare_entries(source, copy, options);
 }
 
 int Proof::compare(const TreeTop &tree, const TreeTop &copy) {
@@ -234,7 +186,7 @@ int Proof::compare_entry(const Level &level, const Listing &listing, const Listi
     }
     int count = 0;
     for (const Loss &loss : losses) {
-        count = lose(path, loss);
+        count += lose(path, loss);
     }
     for (const Listing::Part &part : item.parts) {
         if (part.inStore && part.name == item.name && count == 0) {
@@ -280,8 +232,12 @@ int Proof::compare_plain(int source, int copy, const std::string &path) {
         const auto losses = copy < 0 ? std::vector<Loss>{{LossClass::not_carried, "is not in the copy"}}
                                      : compare_entries({source, name, volume_facts(source, -1)},
                                                        {copy, name, volume_facts(copy, -1)}, {.data = true});
-        if (!losses.empty()) {
-            count += lose(inner, losses.front());
+        int lost = 0;
+        for (const Loss &loss : losses) {
+            lost += lose(inner, loss);
+        }
+        count += lost;
+        if (lost > 0) {
             continue;
         }
         prove(fresh);

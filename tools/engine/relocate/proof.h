@@ -25,16 +25,10 @@ struct TreeTop {
     std::string path; // for people
 };
 
-// Whether a source has to stay for it. What a volume without owners and permissions holds for nobody is no reason:
-// every copy to it lacks that.
-bool counts_against(const Loss &loss, const VolumeFacts &there);
-
-// Gives an entry all times of another one. What cannot be given is for a comparison to tell.
-void give_times(const Side &from, const Side &to);
-
 class Proof {
   public:
-    using Told = std::function<void(const std::string &path, const Loss &loss)>;
+    // Whether the source has to stay for it.
+    using Told = std::function<bool(const std::string &path, const Loss &loss)>;
     // The observer and the callback outlive this.
     Proof(const Observer &observer, Told told) : m_observer(observer), m_told(std::move(told)) {}
 
@@ -42,10 +36,11 @@ class Proof {
     // volume that is mounted in it.
     void remember(const TreeTop &tree);
 
-    // Compares everything, tells what the copy lacks, and counts those entries. Content is read of entries that are not
-    // what was remembered; of the others the same size is the same content. What was there and was compared is proven.
+    // Compares everything, tells what the copy lacks, and counts the losses for which the source has to stay. Content
+    // is read of entries that are not what was remembered; of the others the same size is the same content. What was
+    // there and was compared is proven.
     int compare(const TreeTop &tree, const TreeTop &copy);
-    // The same for a copy that nobody else can reach yet: what came too late for its times gets them again.
+    // The same for a copy that nobody else can reach yet: what can come late is given to it.
     int compare_staged(const TreeTop &tree, const TreeTop &copy);
     // For a tree of which a part has been removed already, from `since` on: times of directories have changed, and a
     // store may have lost its entry.
@@ -78,10 +73,7 @@ class Proof {
     int compare_plain(int source, int copy, const std::string &path);
     int compare_stranger(const Level &level, const Listing &listing, const Listing::Part &part);
     bool is_rest(const Level &level, const Listing &listing, const Listing::Part &part) const;
-    int lose(const std::string &path, const Loss &loss) {
-        m_told(path, loss);
-        return 1;
-    }
+    int lose(const std::string &path, const Loss &loss) { return m_told(path, loss) ? 1 : 0; }
     std::vector<Loss> losses_of(const Side &source, const Side &copy, bool known, bool times) const;
     // Adds the entry as it is now; whether it still is what was remembered.
     bool look(int directory, const std::string &name, Fresh &fresh) const;

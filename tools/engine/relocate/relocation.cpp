@@ -14,6 +14,7 @@
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
@@ -128,7 +129,7 @@ class Staging : public TransferObserver {
 
     bool stopped() const override { return failed || m_observer.stopped(); }
     void tree(const std::string &) override {}
-    void arrived(int, int64_t) override {}
+    void arrived(const std::string &, int, int64_t) override {}
     void progress(int64_t bytes, bool) override { m_observer.progress(bytes); }
     bool may_replace(const std::string &) override { return false; }
     void entry(EntryKind kind, const std::string &source, const Outcome &outcome) override {
@@ -161,7 +162,7 @@ class Relocating {
           m_sourceParent(::open(parent_of(plan.request.source).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
           m_tree{m_sourceParent.get(), base_name(plan.request.source),
                  VEXOGetFSType(parent_of(plan.request.source).c_str(), 0), plan.request.source},
-          m_proof(observer, [this](const std::string &path, const Loss &loss) { tell(path, loss); }) {}
+          m_proof(observer, [this](const std::string &path, const Loss &loss) { return tell(path, loss); }) {}
 
     RelocationResult run() {
         try {
@@ -235,11 +236,19 @@ class Relocating {
     bool remove_top_store();
     void conclude(bool oldGone, bool sourceRemains);
     void fail(const Problem &problem);
-    void tell(const std::string &path, const Loss &loss) {
-        ++m_result.missing;
-        m_grave += is_grave(loss.cls) ? 1 : 0;
-        m_observer.failed(path, {fmt::format("not in the copy as it is in the source: {} ({})", loss.detail,
-                                             loss_row(loss.cls).name)});
+    // Whether the source has to stay for it.
+    bool tell(const std::string &path, const Loss &loss) {
+        if (path == m_tree.path) { // which is compared again in its place
+            if (std::ranges::find(m_lostOfTop, loss) != m_lostOfTop.end()) {
+                return keeps_source(loss, m_request.accepted);
+            }
+            m_lostOfTop.push_back(loss);
+        }
+        const bool stays = keeps_source(loss, m_request.accepted);
+        m_result.missing += stays ? 1 : 0;
+        m_grave += stays && is_grave(loss.cls) ? 1 : 0;
+        m_observer.lost(path, m_request.destination + path.substr(m_request.source.size()), loss);
+        return stays;
     }
 
     const RelocationRequest &m_request;
@@ -249,6 +258,7 @@ class Relocating {
     TreeTop m_tree;
     Proof m_proof;
     Note m_note = {};
+    std::vector<Loss> m_lostOfTop = {};
     int m_grave = 0;        // losses with which no copy takes anybody's place
     bool m_entered = false; // the lock is held
     bool m_noted = false;   // a note is there
@@ -285,7 +295,7 @@ void Relocating::discard(RelocationEnd end, const Problem &problem) {
 
 bool Relocating::copy_tree() {
     Staging staging(m_observer);
-    Transfer({.links = true, .trees = true, .countsAlone = true}, staging)
+    Transfer({.links = true, .trees = true, .countsAlone = true, .compared = false}, staging)
         .run(m_request.source, m_place.inside(kCopyName));
     m_observer.copied();
     if (staging.failed || m_observer.stopped()) {
@@ -369,9 +379,7 @@ void Relocating::compare_top() {
     const VolumeFacts there = volume_facts(m_place.parent(), destination_type());
     for (const Loss &loss : compare_entries({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
                                             {m_place.parent(), m_place.base(), there}, {.data = true})) {
-        if (counts_against(loss, there)) {
-            tell(m_tree.path, loss);
-        }
+        tell(m_tree.path, loss);
     }
 }
 

@@ -3,6 +3,7 @@
 // by a second one with the same arguments, from the note that the first has left (see note.h).
 #pragma once
 
+#include "tools/engine/losses/loss.h"
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/problem.h"
 
@@ -14,6 +15,7 @@ namespace engine {
 struct RelocationRequest {
     std::string source, destination; // absolute; the destination is the new path itself
     bool keepSource = false;
+    LossSet accepted = {}; // what may be lost: the source goes all the same
 };
 
 // What a relocation is going to do, for whoever has to agree to it.
@@ -34,8 +36,10 @@ class RelocationObserver : public Observer {
     virtual void progress(int64_t bytes) = 0;
     // The copying is over, however it ended.
     virtual void copied() = 0;
-    // An entry that could not be copied, or that the copy lacks, or that could not be removed.
+    // An entry that could not be copied, or could not be removed.
     virtual void failed(const std::string &path, const Problem &problem) = 0;
+    // What the copy lacks of an entry of the source, or has not as it was.
+    virtual void lost(const std::string &source, const std::string &destination, const Loss &loss) = 0;
 };
 
 enum class RelocationEnd {
@@ -51,7 +55,7 @@ enum class RelocationEnd {
 struct RelocationResult {
     RelocationEnd end = RelocationEnd::done;
     Problem problem = {};   // of not_copied and unfinished
-    int missing = 0;        // losses that were told
+    int missing = 0;        // losses that were told and not accepted
     int removed = 0;        // entries of the source
     bool resumed = false;   // an earlier run was finished
     bool inPlace = false;   // the copy stands at the destination

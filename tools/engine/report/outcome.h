@@ -1,12 +1,15 @@
 // What became of one entry.
 #pragma once
 
+#include "tools/engine/losses/loss.h"
 #include "tools/engine/report/problem.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace engine {
 
@@ -27,9 +30,19 @@ struct Outcome {
     std::string destination; // where the file is now, which may be another name than asked for
     int64_t bytes = 0;       // size of the file
     bool cloned = false;
-    bool ownerLost = false;         // the copy belongs to somebody else than the source
-    std::optional<Problem> warning; // done, but not with everything
-    std::optional<Problem> problem; // failed, and cancelled where that needs words
+    bool sourceStays = false;       // of a move that is done: it is at both places
+    std::vector<Loss> losses;       // what the destination has not got, or not as it was
+    std::optional<Problem> warning; // done, but not as it should be
+    std::optional<Problem> problem; // failed, and skipped or cancelled where that needs words
 };
+
+// Whether anything was lost of it for which its source has to stay.
+inline bool keeps_source(const Outcome &outcome, LossSet accepted) {
+    return std::ranges::any_of(outcome.losses, [&](const Loss &loss) { return keeps_source(loss, accepted); });
+}
+// Whether anything of it was lost that was not accepted.
+inline bool has_failing_loss(const Outcome &outcome, LossSet accepted) {
+    return std::ranges::any_of(outcome.losses, [&](const Loss &loss) { return fails(loss, accepted); });
+}
 
 } // namespace engine

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <string_view>
-#include <sys/vfs.h>
 #include <sys/xattr.h>
 
 namespace engine {
@@ -28,12 +27,7 @@ bool has_finder_info(const char *path) {
 
 } // namespace
 
-bool keeps_mac_attributes(const std::string &directory) {
-    struct statfs volume {};
-    if (::statfs(directory.c_str(), &volume) != 0) {
-        return false;
-    }
-    const auto magic = static_cast<uint32_t>(volume.f_type);
+bool keeps_mac_attributes(uint32_t magic) {
     return magic == kHfsPlus || magic == kHfsx;
 }
 

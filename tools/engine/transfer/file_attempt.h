@@ -1,15 +1,18 @@
 // What FileTransfer knows of one file while it carries it.
 #pragma once
 
+#include "tools/engine/losses/loss.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/file_transfer.h"
+#include "tools/engine/transfer/store_witness.h"
 #include "tools/engine/walk/descriptor.h"
 
 #include <fmt/format.h>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace engine {
 
@@ -20,20 +23,24 @@ struct FileTransfer::Attempt : FileAttempt {
     Descriptor file = Descriptor(-1);       // the source, for paths only
     std::string made = {};                  // the private name of the copy
     std::optional<struct stat> result = {}; // what has arrived
-    StoreParts store = {};                  // what is kept for the source
-    std::string missingAttributes = {};     // names of those that could not be set
-    bool macAttributes = false;             // which no copy carries
-    bool ownerLost = false;                 // it belongs to somebody else than its source
-    bool changed = false;                   // while it was copied
-    bool stopAnswered = false;              // the library was told to stop
+    HeldDirectory real = {};                // where the source lies that a link led to, under `realName`
+    std::string realName = {};
+    StoreParts store = {};                 // what is kept for the source
+    std::optional<StoreWitness> kept = {}; // of a move: what that was when it was copied
+    std::vector<Loss> losses = {};         // what the copy has not got
+    bool special = false;                  // the source is no file, link or directory
+    bool changed = false;                  // while it was copied
+    bool stopAnswered = false;             // the library was told to stop
     bool progressSeen = false;
-    std::string lost = {}; // what the copy has not got
-    Problem told = {};     // what is to be said of it
+    Problem told = {}; // what is to be said of it
 
     // The source, whatever has become of its name.
     std::string opened() const { return fmt::format("/proc/self/fd/{}", file.get()); }
 
-    void lose(const std::string &what) { lost += (lost.empty() ? "" : " and ") + what; }
+    // The source where it lies, whatever link led there.
+    const HeldDirectory &where() const { return real.is_open() ? real : from; }
+    const std::string &what() const { return real.is_open() ? realName : sourceName; }
+
     void note(Problem problem) {
         if (told.reason.empty()) {
             told = std::move(problem);

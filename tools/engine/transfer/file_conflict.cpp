@@ -14,7 +14,7 @@ constexpr uint32_t kNoFreeName = 0x0800, kIsDirectory = 0xA200, kExists = 0xA300
 
 // Whether the existing destination may be replaced at all. A link is replaced as one, wherever it leads.
 std::optional<Problem> check_destination(const FileAttempt &attempt, const TransferOptions &options,
-                                         const WrittenFiles &written) {
+                                         const WrittenEntries &written) {
     const auto there = attempt.to.look(attempt.name);
     if (there && S_ISDIR(there->st_mode)) {
         return problem_of(kIsDirectory);
@@ -25,7 +25,7 @@ std::optional<Problem> check_destination(const FileAttempt &attempt, const Trans
     if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
         return Problem{fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists};
     }
-    if (there && written.contains({there->st_dev, there->st_ino})) {
+    if (there && written.contains(*there)) {
         return Problem{"the destination was just written by this command; not replaced", kExists};
     }
     return std::nullopt;
@@ -69,6 +69,13 @@ Outcome failure(const std::string &destination, Problem problem) {
     return outcome;
 }
 
+Outcome clash(const std::string &destination) {
+    const std::string reason = "another name of the source has become the same one";
+    Outcome outcome = failure(destination, {reason + "; not replaced", kExists});
+    outcome.losses.push_back({LossClass::name_clash, reason});
+    return outcome;
+}
+
 std::optional<Problem> choose_free_name(FileAttempt &attempt) {
     char path[PATH_MAX] = "";
     // The generator follows links: a name that is a link to nothing is not free either.
@@ -82,7 +89,7 @@ std::optional<Problem> choose_free_name(FileAttempt &attempt) {
 }
 
 std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
-                                        TransferObserver &observer, const WrittenFiles &written) {
+                                        TransferObserver &observer, const WrittenEntries &written) {
     // Two links that lead to one file are two all the same; a link and that file are not to replace one another.
     const auto there = attempt.to.look(attempt.name);
     const bool itself = same(attempt.entry, there) ||
@@ -97,6 +104,9 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
     }
     if (itself) {
         return failure(attempt.destination, same_file());
+    }
+    if (there && written.is_clash(*there, attempt.sourceName)) {
+        return clash(attempt.destination);
     }
     if (options.conflict != Conflict::skip) {
         if (auto problem = check_destination(attempt, options, written)) {

@@ -5,8 +5,9 @@
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
+#include <functional>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -25,17 +26,33 @@ struct FileAttempt {
     bool replace = false;                    // what stands at the destination goes
 };
 
-using WrittenFiles = std::set<std::pair<dev_t, ino_t>>;
+// What a run has made, each with the name that it has at the source.
+class WrittenEntries {
+  public:
+    void add(const struct stat &made, const std::string &sourceName) {
+        m_names.emplace(std::pair(made.st_dev, made.st_ino), std::hash<std::string>()(sourceName));
+    }
+    bool contains(const struct stat &there) const { return m_names.contains({there.st_dev, there.st_ino}); }
+    // Under another name than this: two of the source that become one here.
+    bool is_clash(const struct stat &there, const std::string &sourceName) const {
+        const auto found = m_names.find({there.st_dev, there.st_ino});
+        return found != m_names.end() && found->second != std::hash<std::string>()(sourceName);
+    }
+
+  private:
+    std::map<std::pair<dev_t, ino_t>, size_t> m_names;
+};
 
 // For a destination that exists: an outcome where that is the end of it. Nothing: go on, with the destination and
 // `replace` as they are now. What `written` has is never replaced.
 std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOptions &options,
-                                        TransferObserver &observer, const WrittenFiles &written);
+                                        TransferObserver &observer, const WrittenEntries &written);
 
 // Of those that the destination's name can be made into. Somebody may take it before it is used.
 std::optional<Problem> choose_free_name(FileAttempt &attempt);
 
 Outcome failure(const std::string &destination, Problem problem);
+Outcome clash(const std::string &destination);
 Problem same_file();
 
 } // namespace engine

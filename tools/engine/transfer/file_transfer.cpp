@@ -3,14 +3,15 @@
 #include "copy/copy.h"
 #include "ea/ea.h"
 #include "platform/sdk.h"
+#include "tools/engine/compare/witness.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
 #include "tools/engine/store/mac_attributes.h"
-#include "tools/engine/store/store.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/file_attempt.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/placement.h"
-#include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/look.h"
@@ -20,7 +21,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
@@ -31,7 +33,7 @@ namespace engine {
 namespace {
 
 constexpr uint32_t kOutOfMemory = 0x0200, kDestinationMissing = 0x0600, kMissing = 0x0700, kExists = 0xA300,
-                   kOwnerLost = 0xFA00;
+                   kFileTooLarge = 0xAA00, kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
 constexpr int kMostNames = 1000; // that somebody else was quicker to take
 
 // The flag word of VEXOFileOpCopyFile.
@@ -55,6 +57,12 @@ bool is_untouched(const struct stat &left, const struct stat &right) {
            left.st_ctim.tv_sec == right.st_ctim.tv_sec && left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
 }
 
+bool can_be_read(const std::string &path) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    char byte = 0;
+    return file.get() >= 0 && ::read(file.get(), &byte, 1) >= 0;
+}
+
 // Files of the kernel say that they are empty, and are not.
 bool is_really_empty(const std::string &path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -62,26 +70,11 @@ bool is_really_empty(const std::string &path) {
     return file.get() < 0 || ::read(file.get(), &byte, 1) <= 0;
 }
 
-// Whether the stores of two files have the same: the stream where it is copied as it is, else what can be read of both.
-bool has_same_store(const std::string &source, int sourceType, const std::string &destination, int destinationType) {
-    const auto in_directory = [](StoreKind kind) {
-        return kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
-    };
-    try {
-        if (in_directory(store_kind(sourceType)) && in_directory(store_kind(destinationType))) {
-            const auto stream = look(Store(source).stream_path("VexoEAStream"));
-            const auto copy = look(Store(destination).stream_path("VexoEAStream"));
-            return !stream || (copy && stream->st_size == copy->st_size);
-        }
-        const Store::Metadata from = Store(source).metadata(), to = Store(destination).metadata();
-        return from.finderInfo == to.finderInfo && from.fork == to.fork &&
-               std::ranges::all_of(from.attributes, [&](const auto &attribute) {
-                   const auto there = to.attributes.find(attribute.first);
-                   return there != to.attributes.end() && there->second == attribute.second;
-               });
-    } catch (const Failure &) {
-        return false; // what cannot be read cannot be believed either
-    }
+// What a failure is called among the losses.
+std::optional<LossClass> class_of(const Problem &problem) {
+    return problem.code == kNameTooLong    ? std::optional(LossClass::name_too_long)
+           : problem.code == kFileTooLarge ? std::optional(LossClass::file_too_large)
+                                           : std::nullopt;
 }
 
 bool may_write(int directory, const char *name, int mode) {
@@ -106,17 +99,49 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
     const int number = errno;
     const std::string fixed = volume_traits(to.type()).fatNames ? fat_name(destination) : destination;
     Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around};
-    if (auto problem = check_source(attempt)) {
-        return failure(destination, *problem);
+    if (base_name(fixed) != base_name(destination)) {
+        attempt.losses.push_back(
+            {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});
     }
-    if (!openDestination) {
-        return failure(destination, number == ENOENT ? problem_of(kDestinationMissing) : problem_of_errno(number));
+    Outcome outcome = attempted(attempt, destination, openDestination ? 0 : number);
+    if (outcome.status == Status::failed && outcome.losses.empty()) {
+        if (const auto cls = class_of(*outcome.problem)) {
+            outcome.losses.push_back({*cls, outcome.problem->reason});
+        } else if (attempt.file.get() >= 0 && !attempt.stopAnswered && !can_be_read(attempt.opened())) {
+            outcome.losses.push_back({LossClass::unreadable, outcome.problem->reason});
+        }
+    }
+    return settled(std::move(outcome));
+}
+
+Outcome FileTransfer::settled(Outcome outcome) const {
+    if (outcome.status == Status::failed && !outcome.losses.empty() && accepts(outcome)) {
+        outcome.status = Status::skipped;
+    }
+    return outcome;
+}
+
+Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination, int destinationError) {
+    const HeldDirectory &from = attempt.from, &to = attempt.to;
+    const Surroundings &around = attempt.around;
+    if (auto problem = check_source(attempt)) {
+        Outcome outcome = failure(destination, *problem);
+        if (attempt.special) {
+            outcome.losses.push_back({LossClass::special_file, problem->reason});
+        }
+        return outcome;
+    }
+    if (destinationError != 0) {
+        return failure(destination, destinationError == ENOENT ? problem_of(kDestinationMissing)
+                                                               : problem_of_errno(destinationError));
     }
     attempt.sourceType =
         attempt.entry->st_dev == from.device() ? from.type() : VEXOGetFSType(from.below(attempt.sourceName).c_str(), 0);
     attempt.store = store_parts(from.below(attempt.sourceName), attempt.sourceType, around.sourceWithoutStore);
     if (auto problem = check_mac_attributes(attempt)) {
-        return failure(destination, *problem);
+        Outcome outcome = failure(destination, *problem);
+        outcome.losses.push_back({LossClass::mac_attributes, problem->reason});
+        return outcome;
     }
     if (!around.destinationNew) {
         tidy(to);
@@ -163,6 +188,7 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         return of_source(problem_of_directory());
     }
     if (copy && !S_ISREG(mode)) {
+        attempt.special = true;
         return of_source({fmt::format("is {}, which cannot be copied", kind_of(mode))});
     }
     return std::nullopt;
@@ -170,9 +196,9 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
 
 // A move to another volume removes the source, and with it what only that can hold.
 std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) const {
-    attempt.macAttributes = attempt.from.keeps_mac() && has_mac_attributes(attempt.from.below(attempt.sourceName));
-    if (!attempt.macAttributes || m_options.operation == Operation::copy ||
-        attempt.to.device() == attempt.from.device()) {
+    if (m_options.operation == Operation::copy || m_options.accepted.contains(LossClass::mac_attributes) ||
+        attempt.to.device() == attempt.from.device() || !attempt.from.keeps_mac() ||
+        !has_mac_attributes(attempt.from.below(attempt.sourceName))) {
         return std::nullopt;
     }
     return of_source(
@@ -220,20 +246,24 @@ Outcome FileTransfer::rename(Attempt &attempt) {
 Outcome FileTransfer::copy(Attempt &attempt) {
     if (m_options.operation == Operation::move && !S_ISREG(attempt.entry->st_mode) &&
         !S_ISLNK(attempt.entry->st_mode)) {
-        return failure(attempt.destination,
-                       {fmt::format("{} cannot be moved to another volume", kind_of(attempt.entry->st_mode))});
+        Outcome outcome =
+            failure(attempt.destination,
+                    {fmt::format("{} cannot be moved to another volume", kind_of(attempt.entry->st_mode))});
+        outcome.losses.push_back({LossClass::special_file, outcome.problem->reason});
+        return outcome;
     }
     // What stands there may be written where its directory may not.
     const auto old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     if (old && S_ISREG(old->st_mode) && !attempt.asItIs && !may_write(attempt.to.fd(), ".", W_OK | X_OK) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        return write_in_place(attempt);
+        return m_options.verify ? failure(attempt.destination, {"nothing can be made in its directory, where a copy "
+                                                                "would stand until it is verified; not replaced"})
+                                : write_in_place(attempt);
     }
     std::optional<Problem> problem;
     for (int i = 0; i < kMostNames; ++i) {
         attempt.made = next_private_name();
-        problem = attempt.asItIs ? make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made,
-                                             attempt.ownerLost)
+        problem = attempt.asItIs ? make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made)
                                  : make_file(attempt, attempt.made, false);
         if (!problem || problem->code != kExists || !attempt.to.look(attempt.made)) {
             break;
@@ -246,11 +276,31 @@ Outcome FileTransfer::copy(Attempt &attempt) {
         outcome.destination = attempt.destination;
         return outcome;
     }
-    return problem ? failure(attempt.destination, *problem) : place_copy(attempt);
+    if (problem) {
+        Outcome outcome = failure(attempt.destination, *problem);
+        if (attempt.asItIs && !volume_traits(attempt.to.type()).links) {
+            outcome.losses.push_back({LossClass::symbolic_link, problem->reason});
+        }
+        return outcome;
+    }
+    return place_copy(attempt);
 }
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {
     compare(attempt, attempt.made);
+    if (auto problem = verify(attempt, attempt.made)) {
+        discard(attempt.to, attempt.made);
+        Outcome outcome = failure(attempt.destination, *problem);
+        outcome.losses.push_back({LossClass::data, problem->reason});
+        return outcome;
+    }
+    if (attempt.stopAnswered) {
+        discard(attempt.to, attempt.made);
+        Outcome outcome;
+        outcome.status = Status::cancelled;
+        outcome.destination = attempt.destination;
+        return outcome;
+    }
     attempt.result = attempt.to.look(attempt.made);
     const bool stores = attempt.store.any() || !attempt.around.destinationNew || !attempt.around.sourceWithoutStore;
     for (int i = 0; i < kMostNames; ++i) {
@@ -297,6 +347,9 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
         return of_source({"was exchanged for something else meanwhile; not copied"});
     }
     attempt.content = before;
+    if (follow && S_ISLNK(attempt.entry->st_mode)) {
+        find_real_place(attempt);
+    }
     if (auto problem = call_library(attempt, name, replace)) {
         return problem;
     }
@@ -344,37 +397,90 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
         return std::nullopt;
     }
     const Problem problem = problem_of(VLIBCErrGet());
-    attempt.ownerLost = problem.code == kOwnerLost;
-    return attempt.ownerLost ? std::nullopt : std::optional(problem);
+    return problem.code == kOwnerLost ? std::nullopt : std::optional(problem);
 }
 
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
     const int everything = m_options.operation == Operation::move ? 1 : 0;
-    (void)VEXOEACopyInternal(attempt.from.below(attempt.sourceName).c_str(), attempt.to.below(name).c_str(), 0,
+    (void)VEXOEACopyInternal(attempt.where().below(attempt.what()).c_str(), attempt.to.below(name).c_str(), 0,
                              everything, attempt.sourceType, attempt.to.type(), nullptr, nullptr, nullptr);
-    attempt.missingAttributes = copy_system_attributes(attempt.opened(), attempt.to.below(name),
-                                                       keep_attributes_alike(attempt.sourceType, attempt.to.type()));
+    if (m_options.operation == Operation::move) {
+        attempt.kept.emplace(attempt.from, attempt.sourceName);
+    }
+}
+
+// What belongs to a file lies beside it, not beside a link to it.
+void FileTransfer::find_real_place(Attempt &attempt) {
+    char path[PATH_MAX] = "";
+    if (::readlink(attempt.opened().c_str(), path, sizeof path - 1) <= 0) {
+        return;
+    }
+    HeldDirectory directory(parent_of(path));
+    if (!directory.is_open() || !same(directory.look(base_name(path)), attempt.content)) {
+        return;
+    }
+    attempt.real = std::move(directory);
+    attempt.realName = base_name(path);
+    attempt.sourceType = attempt.real.type();
+    attempt.store = store_parts(attempt.real.below(attempt.realName), attempt.sourceType);
+}
+
+CompareOptions FileTransfer::compare_options(bool data) const {
+    return {.data = data, .costs = true, .stopped = [this] { return m_observer.stopped(); }};
 }
 
 // What the copy lacks of its source, as far as that can be told without reading data.
 void FileTransfer::compare(Attempt &attempt, const std::string &name) {
-    if (attempt.asItIs) {
+    if (!m_options.compared) {
         return;
     }
-    if (parts_missing(attempt.store, attempt.to.below(name), attempt.to.type())) {
-        attempt.lose(fmt::format("the extended metadata that is kept beside it{}",
-                                 ::geteuid() == 0 ? "" : ", since making its directory needs root"));
-    } else if (attempt.store.any() && !has_same_store(attempt.source, attempt.sourceType,
-                                                      joined(attempt.to.path(), name), attempt.to.type())) {
-        attempt.lose("some of the extended metadata that is kept beside it");
+    const bool followed = !attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
+    if (followed && !attempt.real.is_open()) {
+        attempt.losses.push_back(
+            {LossClass::unreadable, "the directory of the file cannot be found, nor what is kept there for it"});
+        return;
     }
-    if (attempt.macAttributes) {
-        attempt.lose("the attributes that a Mac has set");
+    const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
+    for (Loss &loss : complete_copy(source, attempt.to.side_now(name), compare_options(false))) {
+        attempt.losses.push_back(std::move(loss));
     }
-    if (!attempt.missingAttributes.empty()) {
-        attempt.lose(attempt.missingAttributes);
+    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.losses);
+}
+
+// Of a file of several names each becomes one of its own: that is told from the second one on. Of the last name that
+// is moved nothing shows that there were more, and names that are no part of the run are nobody's loss.
+void FileTransfer::count_names(const struct stat &file, std::vector<Loss> &losses) {
+    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
+    const std::pair inode{file.st_dev, file.st_ino};
+    if (S_ISREG(file.st_mode) && (file.st_nlink > 1 || m_linked.contains(inode)) && !m_linked.insert(inode).second) {
+        losses.push_back(
+            {LossClass::hard_link,
+             fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", file.st_size)});
     }
+}
+
+// Against what the volume holds, as far as the kernel lets go of what it has in memory. What was found without reading
+// is no matter here.
+std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string &name) const {
+    if (!m_options.verify || attempt.asItIs) {
+        return std::nullopt;
+    }
+    const Descriptor made(::openat(attempt.to.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (made.get() < 0 || ::fsync(made.get()) != 0) {
+        return Problem{fmt::format("could not be written out to be verified: {}", std::strerror(errno))};
+    }
+    (void)::posix_fadvise(made.get(), 0, 0, POSIX_FADV_DONTNEED);
+    const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
+    for (const Loss &loss : compare_entries(source, attempt.to.side_now(name), compare_options(true))) {
+        if (std::ranges::find(attempt.losses, loss) == attempt.losses.end()) {
+            attempt.stopAnswered = attempt.stopAnswered || m_observer.stopped();
+            return attempt.stopAnswered
+                       ? std::nullopt
+                       : std::optional(Problem{"is not what its source is, once read back: " + loss.detail});
+        }
+    }
+    return std::nullopt;
 }
 
 // Tells of an entry that has its name.
@@ -383,16 +489,18 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     Outcome outcome;
     outcome.destination = attempt.destination;
     if (attempt.result) {
-        m_written.insert({attempt.result->st_dev, attempt.result->st_ino});
+        m_written.add(*attempt.result, attempt.sourceName);
     }
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
-    outcome.ownerLost = attempt.ownerLost;
     outcome.cloned = m_options.clone && !attempt.progressSeen && outcome.bytes > 0;
-    if (!attempt.lost.empty()) {
-        attempt.note({fmt::format("copied without {}{}", attempt.lost, move ? "; the source stays" : "")});
-    } else if (attempt.changed) {
-        attempt.note({move ? "changed while it was copied; the source stays" : "changed while it was copied"});
-    } else if (move && !attempt.made.empty()) {
+    outcome.losses = attempt.losses;
+    const bool across = move && !attempt.made.empty();
+    if (attempt.changed) {
+        attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
+        outcome.sourceStays = across;
+    } else if (across && keeps_source(outcome)) {
+        outcome.sourceStays = true;
+    } else if (across) {
         remove_source(attempt, outcome);
     }
     if (!attempt.told.reason.empty()) {
@@ -402,15 +510,17 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
 }
 
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
-void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
-    const auto now = attempt.from.look(attempt.sourceName);
-    const struct stat &copied = attempt.asItIs ? *attempt.entry : *attempt.content;
-    if (!now || !is_untouched(copied, *now)) {
+void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) const {
+    const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
+    if ((attempt.kept && !attempt.kept->unchanged(attempt.from, attempt.sourceName)) ||
+        !copied.unchanged(attempt.from.fd(), attempt.sourceName)) {
         attempt.note({"copied, but the source was changed or exchanged meanwhile, and stays"});
+        outcome.sourceStays = true;
         return;
     }
     if (::unlinkat(attempt.from.fd(), attempt.sourceName.c_str(), 0) != 0) {
         outcome = failure(outcome.destination, {"copied, but the source could not be removed and is still there"});
+        outcome.losses = attempt.losses;
         return;
     }
     if (has_store(attempt.from, attempt.sourceName) &&
@@ -419,21 +529,21 @@ void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
     }
 }
 
-std::optional<Problem> FileTransfer::left_behind(const std::string &source, const std::string &destination) {
-    const HeldDirectory &from = directory_of(m_from, source), &to = directory_of(m_to, destination);
-    Attempt attempt{{source, destination, from, to, base_name(source), base_name(destination)}, m_observer, {}};
-    attempt.sourceType = from.type();
-    attempt.store = store_parts(source, from.type());
-    attempt.macAttributes = from.keeps_mac() && has_mac_attributes(source);
-    attempt.missingAttributes =
-        copy_system_attributes(source, destination, keep_attributes_alike(from.type(), to.type()));
-    compare(attempt, attempt.name);
-    return attempt.lost.empty() ? std::nullopt : std::optional(Problem{"copied without " + attempt.lost});
+std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name) {
+    std::vector<Loss> losses;
+    if (m_options.compared) {
+        losses = complete_copy(from.side(name), to.side(name), compare_options(false));
+    }
+    const auto linked = [](const Loss &loss) { return loss.cls == LossClass::hard_link; };
+    if (const auto found = std::ranges::any_of(losses, linked) ? from.look(name) : std::nullopt) {
+        count_names(*found, losses);
+    }
+    return losses;
 }
 
-void FileTransfer::remember(const std::string &destination) {
-    if (const auto there = look(destination)) {
-        m_written.insert({there->st_dev, there->st_ino});
+void FileTransfer::remember(const HeldDirectory &to, const std::string &name) {
+    if (const auto there = to.look(name)) {
+        m_written.add(*there, name);
     }
 }
 

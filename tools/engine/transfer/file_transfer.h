@@ -1,10 +1,12 @@
 // Copies or moves one file and finds out what really became of it.
 //
 // The bytes are the library's work. What is made stands under a private name until it is whole, and then takes its own
-// at once: what stood there is as it was until that moment, and a file that has its name is all there. A move to
-// another volume removes its source last, when the copy was compared with it and it still is what was copied.
+// at once: what stood there is as it was until that moment, and a file that has its name is all there. It is compared
+// with its source before that, without reading data unless that was asked for. A move to another volume removes its
+// source last, if nothing is lost that was not accepted, and it still is what was copied.
 #pragma once
 
+#include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/transfer_observer.h"
@@ -16,6 +18,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <vector>
 
 namespace engine {
 
@@ -37,10 +40,15 @@ class FileTransfer {
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
                 Surroundings around = {});
 
-    // For a file that the library has copied without this: what the copy could not take along.
-    std::optional<Problem> left_behind(const std::string &source, const std::string &destination);
+    // What became of an entry that the library has made without this: what can come late is given to it.
+    std::vector<Loss> losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
     // It is not replaced by a later one of this run.
-    void remember(const std::string &destination);
+    void remember(const HeldDirectory &to, const std::string &name);
+    bool compares() const { return m_options.compared; }
+    bool keeps_source(const Outcome &outcome) const { return engine::keeps_source(outcome, m_options.accepted); }
+    bool accepts(const Outcome &outcome) const { return !has_failing_loss(outcome, m_options.accepted); }
+    // One that failed with nothing but losses that are accepted has not failed.
+    Outcome settled(Outcome outcome) const;
     // Before the first file goes into a directory that was there before: what earlier runs have left in it is finished
     // or removed, once a directory.
     void tidy(const HeldDirectory &directory);
@@ -53,7 +61,7 @@ class FileTransfer {
 
     std::optional<Problem> check_source(Attempt &attempt) const;
     std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
-    Outcome transfer(Attempt &attempt);
+    Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     Outcome rename(Attempt &attempt);
     Outcome copy(Attempt &attempt);
     Outcome place_copy(Attempt &attempt);
@@ -62,14 +70,19 @@ class FileTransfer {
     std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
     std::optional<Problem> call_library(Attempt &attempt, const std::string &name, bool replace);
     void carry_metadata(Attempt &attempt, const std::string &name);
-    static void remove_source(Attempt &attempt, Outcome &outcome);
-    static void compare(Attempt &attempt, const std::string &name);
+    void remove_source(Attempt &attempt, Outcome &outcome) const;
+    void compare(Attempt &attempt, const std::string &name);
+    void count_names(const struct stat &file, std::vector<Loss> &losses);
+    std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
+    CompareOptions compare_options(bool data) const;
+    static void find_real_place(Attempt &attempt);
     static bool shares_volume(const Attempt &attempt);
 
     TransferOptions m_options;
     TransferObserver &m_observer;
     HeldDirectory m_from, m_to;
-    WrittenFiles m_written; // destinations of this run
+    WrittenEntries m_written;                   // destinations of this run
+    std::set<std::pair<dev_t, ino_t>> m_linked; // files of several names, one of which went before
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

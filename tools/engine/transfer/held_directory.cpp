@@ -39,7 +39,28 @@ void HeldDirectory::ask() {
     if (m_type < 0) {
         m_type = VEXOGetFSType(itself().c_str(), 0); // the path may be too long
     }
-    m_mac = keeps_mac_attributes(itself());
+    m_facts = volume_facts(fd(), m_type);
+}
+
+bool HeldDirectory::keeps_mac() const {
+    return keeps_mac_attributes(m_facts.magic);
+}
+
+Side HeldDirectory::side(const std::string &name, int type) const {
+    Side side{fd(), name, m_facts};
+    if (type >= 0 && type != m_type) {
+        side.volume = volume_facts(fd(), type);
+    }
+    if (name == ".") {
+        side.volume.store = StoreKind::none; // of the root directory, beside which nothing lies
+    }
+    return side;
+}
+
+Side HeldDirectory::side_now(const std::string &name, int type) const {
+    Side now = side(name, type);
+    now.volume.noDirectory = now.volume.noDirectory && !look("@eaDir") && errno == ENOENT;
+    return now;
 }
 
 void HeldDirectory::let_go() const {

@@ -2,6 +2,7 @@
 // descriptor.
 #pragma once
 
+#include "tools/engine/compare/side.h"
 #include "tools/engine/walk/descriptor.h"
 
 #include <optional>
@@ -24,7 +25,13 @@ class HeldDirectory {
     const std::string &path() const { return m_path; }
     dev_t device() const { return m_device; }
     int type() const { return m_type; } // of its volume, the platform's code
-    bool keeps_mac() const { return m_mac; }
+    bool keeps_mac() const;
+    const VolumeFacts &facts() const { return m_facts; }
+
+    // An entry for a comparison. `type`: of its volume, where another one is mounted on the entry. Without an "@eaDir"
+    // as far as it was known when the directory was opened; side_now() looks again.
+    Side side(const std::string &name, int type = -1) const;
+    Side side_now(const std::string &name, int type = -1) const;
 
     // For calls that take a path: of an entry, where a link is for the call to follow or not; and of the directory.
     std::string below(const std::string &name) const;
@@ -49,7 +56,7 @@ class HeldDirectory {
     dev_t m_device = 0;
     ino_t m_inode = 0;
     int m_type = -1;
-    bool m_mac = false;
+    VolumeFacts m_facts = {};
 };
 
 } // namespace engine

@@ -10,7 +10,7 @@
 namespace engine {
 
 std::optional<Problem> make_link(const HeldDirectory &from, const std::string &source, const struct stat &entry,
-                                 const HeldDirectory &to, const std::string &made, bool &ownerLost) {
+                                 const HeldDirectory &to, const std::string &made) {
     if (!volume_traits(to.type()).links) {
         return Problem{.reason = "is a symbolic link, which the destination's volume cannot hold", .withSource = true};
     }
@@ -19,15 +19,14 @@ std::optional<Problem> make_link(const HeldDirectory &from, const std::string &s
         ::symlinkat(target, to.fd(), made.c_str()) != 0) {
         return problem_of_errno(errno);
     }
-    ownerLost = !finish_link(entry, to.fd(), made);
+    finish_link(entry, to.fd(), made);
     return std::nullopt;
 }
 
-bool finish_link(const struct stat &source, int directory, const std::string &name) {
-    const bool owned = ::fchownat(directory, name.c_str(), source.st_uid, source.st_gid, AT_SYMLINK_NOFOLLOW) == 0;
+void finish_link(const struct stat &source, int directory, const std::string &name) {
+    (void)!::fchownat(directory, name.c_str(), source.st_uid, source.st_gid, AT_SYMLINK_NOFOLLOW);
     const timespec times[] = {source.st_atim, source.st_mtim};
     ::utimensat(directory, name.c_str(), times, AT_SYMLINK_NOFOLLOW); // Not every volume keeps a link's times.
-    return owned;
 }
 
 } // namespace engine

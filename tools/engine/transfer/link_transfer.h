@@ -11,12 +11,12 @@
 
 namespace engine {
 
-// Makes the link `made` with the target of the source as it is written, its owner and times. `ownerLost` becomes true
-// where it belongs to somebody else than its source. EEXIST as a problem: something stands under that name.
+// Makes the link `made` with the target of the source as it is written, its owner and times, as far as they go. EEXIST
+// as a problem: something stands under that name.
 std::optional<Problem> make_link(const HeldDirectory &from, const std::string &source, const struct stat &entry,
-                                 const HeldDirectory &to, const std::string &made, bool &ownerLost);
+                                 const HeldDirectory &to, const std::string &made);
 
-// Gives a new link what the source has: its owner, for which the result says whether it went, and times.
-bool finish_link(const struct stat &source, int directory, const std::string &name);
+// Gives a new link what the source has: its owner and times, as far as they go.
+void finish_link(const struct stat &source, int directory, const std::string &name);
 
 } // namespace engine

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <string_view>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 namespace engine {
 namespace {
@@ -16,12 +15,6 @@ constexpr std::array<std::string_view, 4> kOfTheSystem = {"security.selinux", "s
 bool is_carried(std::string_view name) {
     return (name.starts_with("security.") || name.starts_with("trusted.")) &&
            std::ranges::none_of(kOfTheSystem, [&](std::string_view label) { return name.starts_with(label); });
-}
-
-// What the system keeps in attributes for itself is not held against anybody: each volume has its own way with it.
-bool is_compared(std::string_view name) {
-    return (name.starts_with("user.") && name != "user.DOSATTRIB" && name != "user.netatalk.Metadata") ||
-           name == "system.posix_acl_access" || name == "system.posix_acl_default";
 }
 
 // Grows with what is asked for: most files have a few short names, or none.
@@ -45,34 +38,25 @@ bool read_attribute(const std::string &path, const char *name, std::string &valu
     return read_all(value, [&](char *at, size_t size) { return ::getxattr(path.c_str(), name, at, size); });
 }
 
-bool copy_attribute(const std::string &source, const std::string &destination, const char *name) {
+void copy_attribute(const std::string &source, const std::string &destination, const char *name) {
     std::string value;
-    return read_attribute(source, name, value) &&
-           ::setxattr(destination.c_str(), name, value.data(), value.size(), 0) == 0;
-}
-
-bool has_same(const std::string &source, const std::string &destination, const char *name) {
-    std::string value, copied;
-    return read_attribute(source, name, value) && read_attribute(destination, name, copied) && value == copied;
+    if (read_attribute(source, name, value)) {
+        (void)::setxattr(destination.c_str(), name, value.data(), value.size(), 0);
+    }
 }
 
 } // namespace
 
-std::string copy_system_attributes(const std::string &source, const std::string &destination, bool compared) {
-    std::string names, missing;
+void copy_system_attributes(const std::string &source, const std::string &destination) {
+    std::string names;
     if (!read_all(names, [&](char *at, size_t size) { return ::listxattr(source.c_str(), at, size); })) {
-        return missing;
+        return;
     }
-    const bool root = ::geteuid() == 0;
     for (size_t at = 0; at < names.size(); at += std::string_view(&names[at]).size() + 1) {
-        const char *const name = &names[at];
-        const bool lost = (root && is_carried(name) && !copy_attribute(source, destination, name)) ||
-                          (compared && is_compared(name) && !has_same(source, destination, name));
-        if (lost) {
-            missing += (missing.empty() ? "" : ", ") + std::string(name);
+        if (is_carried(&names[at])) {
+            copy_attribute(source, destination, &names[at]);
         }
     }
-    return missing;
 }
 
 } // namespace engine

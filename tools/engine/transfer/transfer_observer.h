@@ -15,8 +15,9 @@ class TransferObserver : public Observer {
     virtual void tree(const std::string &source) = 0;
     // What became of an entry.
     virtual void entry(EntryKind kind, const std::string &source, const Outcome &outcome) = 0;
-    // So many files and links arrived, of which there is nothing to say; of `bytes` together.
-    virtual void arrived(int files, int64_t bytes) = 0;
+    // So many files and links arrived in a directory of the destination, of which there is nothing to say; of `bytes`
+    // together.
+    virtual void arrived(const std::string &directory, int files, int64_t bytes) = 0;
     // So many more bytes are done; `newFile`: the first of a file in a tree.
     virtual void progress(int64_t bytes, bool newFile) = 0;
     // For Conflict::ask: whether what stands at the destination goes.

@@ -1,6 +1,8 @@
 // What is asked of a copy or a move.
 #pragma once
 
+#include "tools/engine/losses/loss.h"
+
 namespace engine {
 
 enum class Operation { copy, move };
@@ -16,6 +18,10 @@ struct TransferOptions {
     bool trees = false; // directories are carried too, with everything in them
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
+    LossSet accepted = {}; // what may be lost: a source goes all the same, and an entry has not failed
+    bool verify = false;   // each file is read back from its volume and compared before it gets its name
+    // Whether files that arrive are compared with their sources; else the caller does that, and it is no move.
+    bool compared = true;
 };
 
 } // namespace engine

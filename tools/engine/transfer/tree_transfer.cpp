@@ -4,11 +4,13 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
-#include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/compare/witness.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
-#include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/placement.h"
-#include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
@@ -28,12 +30,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#pragma weak VLIBCKernelAttrFcntl
-
 namespace engine {
 namespace {
 
 constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kExists = 0xA300;
+constexpr mode_t kModeBits = 07777;
 
 Problem problem_of_making(int number) {
     return number == ENOENT  ? problem_of(kDestinationMissing)
@@ -43,23 +44,6 @@ Problem problem_of_making(int number) {
 
 EntryKind kind_of_entry(const std::optional<struct stat> &found) {
     return found ? entry_kind(found->st_mode) : EntryKind::other;
-}
-
-// The appliance kernel's interface, or what the platform has in its place.
-int request_attribute(int fd, int command) {
-    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
-}
-
-void copy_dos_attributes(int fd, uint32_t attributes) {
-    constexpr struct {
-        uint32_t bit;
-        int command;
-    } rows[] = {{VLIBC_ATTR_ARCHIVE, 0x202}, {VLIBC_ATTR_HIDDEN, 0x203}, {VLIBC_ATTR_SYSTEM, 0x204}};
-    for (const auto &row : rows) {
-        if ((attributes & row.bit) != 0) {
-            (void)request_attribute(fd, row.command); // A volume without such bits loses them, as with files.
-        }
-    }
 }
 
 } // namespace
@@ -86,8 +70,8 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
     m_sourceTraits = volume_traits(m_sourceType);
-    m_sourceKeepsMac = keeps_mac_attributes(from);
     const HeldDirectory fromParent(parent_of(from)), toParent(parent_of(destination));
+    m_sourceKeepsMac = HeldDirectory(from).keeps_mac();
     if (!toParent.is_open()) {
         failed(source, destination, problem_of_making(errno));
         return;
@@ -99,12 +83,14 @@ void TreeTransfer::run(const std::string &source, const std::string &destination
     directory({fromParent, name_of(from)}, {toParent, name_of(destination)});
 }
 
-bool TreeTransfer::failed(const std::string &source, const std::string &destination, Problem problem) {
+bool TreeTransfer::failed(const std::string &source, const std::string &destination, Problem problem,
+                          std::vector<Loss> losses) {
     Outcome outcome;
     outcome.status = Status::failed;
     outcome.destination = destination;
     outcome.problem = std::move(problem);
-    tell(EntryKind::directory, source, outcome);
+    outcome.losses = std::move(losses);
+    tell(EntryKind::directory, source, m_files.settled(std::move(outcome)));
     return false;
 }
 
@@ -112,25 +98,28 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     if (m_observer.stopped()) {
         return false;
     }
+    Level level{source.path()};
     if (m_destinationTraits.fatNames) {
-        destination.name = base_name(fat_name(destination.path()));
+        const std::string asked = std::exchange(destination.name, base_name(fat_name(destination.path())));
+        if (asked != destination.name) {
+            level.outcome.losses.push_back(
+                {LossClass::name_changed, fmt::format("is {} in the copy", displayed(destination.name))});
+        }
     }
     bool done = false;
     if (m_move && (!rename_whole(source, destination, done) || done)) {
         return done;
     }
-    Level level{source.path(), destination.path()};
+    level.destination = destination.path();
     level.outcome.destination = level.destination;
     if (!open_source(level, source)) {
         return false;
     }
     const auto names = names_in(level.from.fd());
     if (!names) {
-        Problem problem = problem_of_errno(errno);
-        problem.withSource = true;
-        return failed(level.source, level.destination, std::move(problem));
+        return unreadable(level);
     }
-    if (!make_destination(level, destination)) {
+    if (!make_destination(level, source, destination)) {
         return false;
     }
     level.hasStore = std::ranges::any_of(*names, is_store_name);
@@ -147,9 +136,13 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
     }
     finish(level, source, destination);
-    const bool finished = level.outcome.status == Status::done && !level.outcome.warning;
+    const bool finished =
+        level.outcome.status == Status::done && !level.outcome.warning && !m_files.keeps_source(level.outcome);
     if (m_move && complete && finished) {
         complete = remove_source(level, source);
+    } else if (m_move && !finished && level.outcome.status == Status::done) {
+        level.outcome.sourceStays = true;
+        complete = false;
     } else if (m_move && level.outcome.status == Status::done) {
         level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
         level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
@@ -177,32 +170,45 @@ bool TreeTransfer::open_source(Level &level, const Place &source) {
     if (!level.from.is_open() ||
         VLIBCFileStat(level.from.itself().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
                       &level.status) != 0) {
-        return failed(level.source, level.destination, problem_of_errno(errno));
+        return unreadable(level);
     }
     return true;
 }
 
+bool TreeTransfer::unreadable(const Level &level) {
+    Problem problem = problem_of_errno(errno);
+    problem.withSource = true;
+    const std::string reason = problem.reason;
+    return failed(level.source, level.destination, std::move(problem), {{LossClass::unreadable, reason}});
+}
+
+bool TreeTransfer::left(const Level &level, const std::string &name, Status status, const char *why, bool lost) {
+    Outcome outcome;
+    outcome.status = status;
+    outcome.destination = joined(level.destination, name);
+    outcome.problem = Problem{why, 0, true};
+    if (lost) {
+        outcome.losses.push_back({LossClass::not_carried, why});
+    }
+    tell(EntryKind::other, joined(level.source, name), m_files.settled(std::move(outcome)));
+    return false;
+}
+
 bool TreeTransfer::entry(const Level &level, const std::string &name) {
     const std::string source = joined(level.source, name), destination = joined(level.destination, name);
-    const auto left = [&](Status status, const char *why) {
-        Outcome outcome;
-        outcome.status = status;
-        outcome.destination = destination;
-        outcome.problem = Problem{why, 0, true};
-        tell(EntryKind::other, source, outcome);
-        return false;
-    };
     switch (name_kind(level.from.itself(), name, m_sourceType)) {
     case NameKind::store:
     case NameKind::companion:
         return true; // goes with the entry that it belongs to
     case NameKind::system:
-        return left(Status::skipped, is_private_name(name) ? "skipped, left over from a command that was stopped"
-                                                           : "skipped, belongs to the system");
+        return is_private_name(name)
+                   ? left(level, name, Status::skipped, "skipped, left over from a command that was stopped", false)
+                   : left(level, name, Status::skipped, "skipped, belongs to the system", true);
     case NameKind::stray:
-        return left(Status::failed, name.starts_with("._")
-                                        ? "names that begin with \"._\" are kept for metadata; left where it is"
-                                        : "the name \"@eaDir\" is kept for metadata in every case; left where it is");
+        return left(level, name, Status::failed,
+                    name.starts_with("._") ? "names that begin with \"._\" are kept for metadata; left where it is"
+                                           : "the name \"@eaDir\" is kept for metadata in every case; left where it is",
+                    true);
     default:
         break;
     }
@@ -218,9 +224,14 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     }
     const Surroundings around{
         .sourceWithoutStore = !level.hasStore, .destinationNew = level.made, .from = &level.from, .to = &level.to};
-    const Outcome outcome = m_files.run(source, destination, found, around);
+    Outcome outcome = m_files.run(source, destination, found, around);
+    // What a volume cannot hold is counted, and no failure of each.
+    const bool counted =
+        outcome.status == Status::failed && !outcome.losses.empty() &&
+        (outcome.losses.back().cls == LossClass::special_file || outcome.losses.back().cls == LossClass::symbolic_link);
+    outcome.status = counted ? Status::skipped : outcome.status;
     tell(kind, source, outcome);
-    return outcome.status == Status::done && !outcome.warning;
+    return outcome.status == Status::done && !outcome.warning && !outcome.sourceStays;
 }
 
 // The whole tree at once, where that is possible. False: failed, and told. `done` is false too when it is to be copied.
@@ -235,7 +246,7 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     }
     done = true;
     if (const auto there = destination.in.look(destination.name)) {
-        m_made.insert({there->st_dev, there->st_ino});
+        m_made.add(*there, source.name);
     }
     Outcome outcome;
     outcome.destination = destination.path();
@@ -246,20 +257,20 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     return true;
 }
 
-bool TreeTransfer::make_destination(Level &level, const Place &destination) {
+bool TreeTransfer::make_destination(Level &level, const Place &source, const Place &destination) {
     // Nobody else gets in before the directory has its own mode; and a read-only one can be filled first.
     level.made = ::mkdirat(destination.in.fd(), destination.name.c_str(), 0700) == 0;
     if (!level.made && errno != EEXIST) {
         return failed(level.source, level.destination, problem_of_making(errno));
     }
-    if (!level.made && !existing_destination(level, destination)) {
+    if (!level.made && !existing_destination(level, source, destination)) {
         return false;
     }
     level.to = HeldDirectory(destination.in, destination.name);
     if (!level.to.is_open() || ::fstat(level.to.fd(), &level.there) != 0) {
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
-    m_made.insert({level.there.st_dev, level.there.st_ino});
+    m_made.add(level.there, source.name);
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
@@ -268,7 +279,7 @@ bool TreeTransfer::make_destination(Level &level, const Place &destination) {
     return true;
 }
 
-bool TreeTransfer::existing_destination(Level &level, const Place &destination) {
+bool TreeTransfer::existing_destination(Level &level, const Place &source, const Place &destination) {
     const auto there = destination.in.look(destination.name);
     if (!there) {
         return failed(level.source, level.destination, problem_of_errno(errno));
@@ -283,14 +294,18 @@ bool TreeTransfer::existing_destination(Level &level, const Place &destination) 
         return failed(level.source, level.destination, {"source and destination are the same directory"});
     }
     // Two names that a FAT volume makes one of, or two sources of one name.
-    return !m_made.contains({there->st_dev, there->st_ino}) ||
+    std::vector<Loss> losses;
+    if (m_made.is_clash(*there, source.name)) {
+        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+    }
+    return !m_made.contains(*there) ||
            failed(level.source, level.destination,
-                  {"the destination was just written by this command; not merged", kExists});
+                  {"the destination was just written by this command; not merged", kExists}, std::move(losses));
 }
 
 // What the destination gets once its entries are there: an entry made later would change its times again.
 void TreeTransfer::finish(Level &level, const Place &source, const Place &destination) {
-    const std::string from = level.from.itself(), to = level.to.itself();
+    const std::string to = level.to.itself();
     const struct stat &status = level.status.st;
     const Descriptor opened = open_directory(level.to.fd(), ".");
     const int fd = opened.get();
@@ -299,45 +314,49 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         level.outcome.problem = problem_of_errno(errno);
         return;
     }
-    std::string lost;
-    const auto lose = [&lost](const std::string &what) { lost += (lost.empty() ? "" : " and ") + what; };
-    copy_dos_attributes(fd, level.status.attributes);
-    level.outcome.ownerLost = m_destinationTraits.owners && ::fchown(fd, status.st_uid, status.st_gid) != 0;
-    level.macAttributes = level.from.keeps_mac() && has_mac_attributes(from);
-    if (level.macAttributes) {
-        lose("the attributes that a Mac has set");
-    }
-    if (VEXOACLCopy(from.c_str(), to.c_str()) < 0) {
-        lose("its ACL");
-    }
-    (void)VEXOACLArchiveCopy(from.c_str(), to.c_str()); // for root alone
-    const StoreParts store = store_parts(source.held(), m_sourceType);
+    give_dos_attributes(fd, level.status.attributes);
+    (void)!::fchown(fd, status.st_uid, status.st_gid);
+    (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
+    (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
     (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move ? 1 : 0, m_sourceType,
                              m_destinationType, nullptr, nullptr, nullptr);
-    if (parts_missing(store, destination.held(), m_destinationType)) {
-        lose("its extended metadata");
-    }
-    if (const std::string missing =
-            copy_system_attributes(from, to, keep_attributes_alike(m_sourceType, m_destinationType));
-        !missing.empty()) {
-        lose(missing);
-    }
     // While its owner may write to it: the creation time may be kept in an attribute.
     if ((status.st_mode & S_IWUSR) == 0) {
-        (void)::fchmod(fd, (status.st_mode | S_IWUSR) & 07777);
+        (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
     }
     const timespec times[] = {status.st_atim, status.st_mtim, level.status.createTime};
-    if (VLIBCFileUTime(to.c_str(), 3, times) != 0 && errno != EOPNOTSUPP) {
-        lose("its times");
-    }
-    // Copying an ACL sets the permissions alone. FAT has its modes from the mount.
+    (void)VLIBCFileUTime(to.c_str(), 3, times);
+    // Copying an ACL sets the permissions alone.
     struct stat there {};
-    if (::fstat(fd, &there) == 0 && ((there.st_mode ^ status.st_mode) & 07777) != 0 &&
-        ::fchmod(fd, status.st_mode & 07777) != 0 && m_destinationTraits.owners) {
-        lose("its mode");
+    if (::fstat(fd, &there) == 0 && ((there.st_mode ^ status.st_mode) & kModeBits) != 0) {
+        (void)::fchmod(fd, status.st_mode & kModeBits);
     }
-    if (!lost.empty()) {
-        level.outcome.warning = Problem{fmt::format("the directory is there, but without {}", lost)};
+    compare_level(level, source, destination);
+}
+
+// The times are those from before anything was taken out of the source.
+void TreeTransfer::compare_level(Level &level, const Place &source, const Place &destination) {
+    const CompareOptions options{.before = &level.status, .stopped = [this] { return m_observer.stopped(); }};
+    for (Loss &loss : complete_copy(source.in.side_now(source.name, m_sourceType),
+                                    destination.in.side_now(destination.name), options)) {
+        level.outcome.losses.push_back(std::move(loss));
+    }
+    if (level.hasStore) {
+        add_strangers(level);
+    }
+}
+
+// What lies in "@eaDir" and belongs to none of the entries. What has another name than its entry needs stays, too.
+void TreeTransfer::add_strangers(Level &level) const {
+    const auto lose = [&](LossClass cls, const std::string &what) { level.outcome.losses.push_back({cls, what}); };
+    try {
+        for (const Listing::Part &part : list_directory(level.from.fd(), store_kind(m_sourceType)).strangers) {
+            if (part.inStore) {
+                lose(LossClass::not_carried, fmt::format("{} belongs to no entry", displayed(part_text(part))));
+            }
+        }
+    } catch (const Failure &failure) {
+        lose(LossClass::unreadable, failure.what());
     }
 }
 

@@ -32,8 +32,9 @@ class TreeTransfer {
   public:
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
-        : m_move(options.operation == Operation::move), m_whole(options.countsAlone && !options.clone && !m_move),
-          m_files(files), m_observer(observer) {}
+        : m_move(options.operation == Operation::move),
+          m_whole(options.countsAlone && !options.clone && !options.verify && !m_move), m_files(files),
+          m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into.
     void run(const std::string &source, const std::string &destination);
@@ -48,14 +49,13 @@ class TreeTransfer {
     };
     // One directory on its way.
     struct Level {
-        std::string source, destination;
+        std::string source, destination = {};
         VLIBCStat status = {};  // of the source, before anything is done to it
         struct stat there = {}; // the destination
         HeldDirectory from = {}, to = {};
         std::string held = {}; // what the library was told of the source
         bool made = false;     // the destination was not there before
         bool hasStore = false; // the source holds an "@eaDir"
-        bool macAttributes = false;
         Outcome outcome = {};
     };
 
@@ -67,11 +67,16 @@ class TreeTransfer {
     void descend(const Place &source, const Place &destination);
     bool ascend(const Level &level, const Place &source, const Place &destination);
     bool open_source(Level &level, const Place &source);
-    bool make_destination(Level &level, const Place &destination);
-    bool existing_destination(Level &level, const Place &destination);
+    bool make_destination(Level &level, const Place &source, const Place &destination);
+    bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
+    void compare_level(Level &level, const Place &source, const Place &destination);
+    void add_strangers(Level &level) const;
+    bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
+    bool unreadable(const Level &level);
     bool remove_source(Level &level, const Place &source);
-    bool failed(const std::string &source, const std::string &destination, Problem problem);
+    bool failed(const std::string &source, const std::string &destination, Problem problem,
+                std::vector<Loss> losses = {});
     void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
         m_observer.entry(kind, source, outcome);
     }
@@ -105,7 +110,7 @@ class TreeTransfer {
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
-    std::set<std::pair<dev_t, ino_t>> m_made;   // directories of this run
+    WrittenEntries m_made;                      // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;

@@ -2,9 +2,8 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
-#include "tools/engine/store/mac_attributes.h"
+#include "tools/engine/compare/plain_files.h"
 #include "tools/engine/store/store_names.h"
-#include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/tree_transfer.h"
@@ -22,7 +21,6 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace engine {
@@ -51,38 +49,15 @@ bool keeps_names_apart(const char *directory) {
                                  (flags & FS_CASEFOLD_FL) == 0);
 }
 
-// Whether the file has attributes that the library may not have carried.
-bool has_attributes(const std::string &path) {
-    return ::llistxattr(path.c_str(), nullptr, 0) > 0;
-}
-
-// The parts of stores among the names in the "@eaDir" of a directory, sorted; nothing: it cannot be listed.
-std::optional<std::vector<std::string>> parts_in(const std::string &directory) {
-    auto names = names_in(joined(directory, "@eaDir"));
-    if (names) {
-        std::erase_if(*names, [](const std::string &name) {
-            return !name.ends_with("@VexoEAStream") && !name.ends_with("@VexoResource");
-        });
-        std::ranges::sort(*names);
-    }
-    return names;
-}
-
-// Whether every part is there under the same name, so that no file needs to be asked for its own.
-bool has_same_parts(const std::string &source, const std::string &destination) {
-    const auto parts = parts_in(source), copies = parts_in(destination);
-    return parts && copies && std::ranges::includes(*copies, *parts);
-}
-
 // Whether only this user, or root, makes and exchanges entries of a directory.
 bool is_ours(const struct stat &directory) {
     constexpr mode_t others = S_IWGRP | S_IWOTH;
     return (directory.st_uid == ::geteuid() || directory.st_uid == 0) && (directory.st_mode & others) == 0;
 }
 
-int64_t size_of(const std::string &path) {
-    struct stat found {};
-    return ::lstat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? found.st_size : 0;
+int64_t size_of(const HeldDirectory &directory, const std::string &name) {
+    const auto found = directory.look(name);
+    return found && S_ISREG(found->st_mode) ? found->st_size : 0;
 }
 
 } // namespace
@@ -158,7 +133,7 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination) {
         return;
     }
     if (call.all_arrived()) {
-        m_observer.arrived(0, call.bytes);
+        m_observer.arrived(destination.path(), 0, call.bytes);
     }
     m_checking = true; // What did not arrive is copied one by one.
     check(source, destination, source.held(), call);
@@ -175,7 +150,7 @@ void TreeTransfer::check(const Place &source, const Place &destination, const st
         directory(source, destination);
         return;
     }
-    m_made.insert({level.there.st_dev, level.there.st_ino});
+    m_made.add(level.there, source.name);
     level.from = HeldDirectory(source.in, source.name);
     level.held = held;
     const auto found = compare(level, call);
@@ -201,20 +176,16 @@ void TreeTransfer::check(const Place &source, const Place &destination, const st
 
 // Nothing: the source cannot be read, which has been told.
 std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const TreeCall &call) {
-    const auto unreadable = [&] {
-        Problem problem = problem_of_errno(errno);
-        problem.withSource = true;
-        failed(level.source, level.destination, std::move(problem));
-        return std::nullopt;
-    };
     if (!level.from.is_open() ||
         VLIBCFileStat(level.from.itself().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
                       &level.status) != 0) {
-        return unreadable();
+        (void)unreadable(level);
+        return std::nullopt;
     }
     auto entries = entries_in(level.from.fd());
     if (!entries) {
-        return unreadable();
+        (void)unreadable(level);
+        return std::nullopt;
     }
     Types types;
     // One that cannot be read shows nothing, and the walk meets what is there.
@@ -248,36 +219,39 @@ void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, con
     names.push_back(std::move(entry.name));
 }
 
-// Files are there; what may not be is what is kept for them.
+// Files are there, in all likelihood with everything.
 void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown) {
-    const bool other = level.status.st.st_dev != m_sourceDevice; // another volume, of whatever type
-    const bool stores = level.hasStore && !has_same_parts(level.source, level.destination);
-    int files = 0;
+    const DirectoryPair pair{level.from.fd(), level.to.fd(), level.from.facts(), level.to.facts()};
+    const std::vector<std::string> rest =
+        m_files.compares() ? files_to_compare(pair, names) : std::vector<std::string>();
+    auto files = static_cast<int>(names.size() - rest.size());
     int64_t bytes = 0;
-    for (const std::string &name : names) {
-        const std::string source = joined(level.source, name);
-        Outcome outcome;
-        outcome.bytes = bytesKnown ? 0 : size_of(source);
-        if (other || stores || has_attributes(source)) {
-            outcome.destination = joined(level.destination, name);
-            outcome.warning = m_files.left_behind(source, outcome.destination);
-        }
-        if (outcome.warning) {
-            tell(EntryKind::file, source, outcome);
-        } else {
-            ++files;
-            bytes += outcome.bytes;
-        }
+    for (const std::string &name : bytesKnown ? std::vector<std::string>() : names) {
+        bytes += size_of(level.from, name);
     }
-    m_observer.arrived(files, bytes);
+    for (const std::string &name : rest) {
+        Outcome outcome;
+        outcome.losses = m_files.losses_of(level.from, level.to, name);
+        if (outcome.losses.empty()) {
+            ++files;
+            continue;
+        }
+        outcome.bytes = bytesKnown ? 0 : size_of(level.from, name);
+        bytes -= outcome.bytes;
+        outcome.destination = joined(level.destination, name);
+        tell(EntryKind::file, joined(level.source, name), outcome);
+    }
+    m_observer.arrived(level.destination, files, bytes);
 }
 
 // The library makes links, and leaves owner and times of a link to chance.
 void TreeTransfer::check_link(const Level &level, const std::string &name) {
-    const auto found = level.from.look(name);
+    if (const auto found = level.from.look(name)) {
+        finish_link(*found, level.to.fd(), name);
+    }
     Outcome outcome;
     outcome.destination = joined(level.destination, name);
-    outcome.ownerLost = found && !finish_link(*found, level.to.fd(), name);
+    outcome.losses = m_files.losses_of(level.from, level.to, name);
     tell(EntryKind::link, joined(level.source, name), outcome);
 }
 
@@ -287,7 +261,7 @@ void TreeTransfer::copy_rest(const Level &level, const Found &found) {
         return;
     }
     for (const std::string &name : found.files) {
-        m_files.remember(joined(level.destination, name));
+        m_files.remember(level.to, name);
     }
     for (const std::string &name : found.rest) {
         if (m_observer.stopped()) {
@@ -298,20 +272,24 @@ void TreeTransfer::copy_rest(const Level &level, const Found &found) {
 }
 
 void TreeTransfer::check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade) {
-    const std::string from = level.from.itself(), to = level.to.itself();
     const bool finished = is_finished(level);
     if (finished) {
         level.status.st.st_atim = level.there.st_atim; // as it was before the library read the source
     }
-    if (!finished || entriesMade || VEXOACLCopy(from.c_str(), to.c_str()) != 0 || has_attributes(from) ||
-        parts_missing(store_parts(source.held(), m_sourceType), destination.held(), m_destinationType)) {
+    if (!finished || entriesMade || VEXOACLCopy(level.from.itself().c_str(), level.to.itself().c_str()) != 0) {
         finish(level, source, destination);
         return;
     }
     // A new directory never gets these bits from its mode alone.
     constexpr mode_t special = kAllModeBits & ~kPermissions;
     if (((level.there.st_mode ^ level.status.st.st_mode) & special) != 0) {
-        (void)::chmod(to.c_str(), level.status.st.st_mode & kAllModeBits);
+        (void)::chmod(level.to.itself().c_str(), level.status.st.st_mode & kAllModeBits);
+    }
+    compare_level(level, source, destination);
+    if (std::ranges::any_of(level.outcome.losses,
+                            [](const Loss &loss) { return loss.cls != LossClass::not_carried; })) {
+        level.outcome.losses.clear();
+        finish(level, source, destination);
     }
 }
 

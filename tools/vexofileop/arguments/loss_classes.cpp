@@ -20,6 +20,10 @@ std::string known_names() {
 
 } // namespace
 
+Option add_accept_option(const Command &command) {
+    return command.add_values("--accept", "CLASS,...", "what may be lost without a failure: owner, acl, fat");
+}
+
 engine::LossSet loss_set_of(const std::string &names, const char *option) {
     engine::LossSet set;
     for (std::string_view rest = names;;) {

@@ -8,6 +8,9 @@
 
 namespace tool {
 
+// The option --accept.
+Option add_accept_option(const Command &command);
+
 // "owner,mode,acl": classes and groups, separated by commas. Throws UsageError, which names the known ones; `option` is
 // where it was given: "--accept".
 engine::LossSet loss_set_of(const std::string &names, const char *option);

@@ -5,6 +5,7 @@
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/output/loss_json.h"
 #include "tools/vexofileop/terminal/progress_bar.h"
 #include "tools/vexofileop/terminal/signals.h"
 
@@ -16,7 +17,6 @@
 namespace tool {
 namespace {
 
-constexpr uint32_t kOwnerLost = 0xFA00;
 constexpr const char *kRecursion = "-r copies it with everything in it";
 
 std::string arrow(const std::string &source, const std::string &destination) {
@@ -41,7 +41,8 @@ const char *word_of(engine::Operation operation) {
     return operation == engine::Operation::copy ? "copy" : "move";
 }
 
-Batch::Batch(const BatchOptions &options) : m_options(options), m_transfer(transfer_options(options), *this) {}
+Batch::Batch(const BatchOptions &options)
+    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     begin(errands);
@@ -94,11 +95,12 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
         m_bytes = std::max(m_bytes, m_behind);
     }
     report(kind, source, outcome);
+    report_losses(source, outcome);
     advance(0);
 }
 
 // So many files and links of which nothing is to be said.
-void Batch::arrived(int files, int64_t bytes) {
+void Batch::arrived(const std::string &, int files, int64_t bytes) {
     m_entries[engine::Status::done] += files;
     m_copied += bytes;
     m_behind += bytes;
@@ -117,21 +119,46 @@ void Batch::report(engine::EntryKind kind, const std::string &source, const engi
 }
 
 void Batch::report_problems(const std::string &source, const engine::Outcome &outcome) {
-    if (outcome.status == engine::Status::done && !outcome.problem && !outcome.warning && !outcome.ownerLost) {
+    if (outcome.status == engine::Status::done && !outcome.problem && !outcome.warning) {
         return;
     }
     const std::string both = arrow(source, outcome.destination);
-    if (outcome.problem) {
+    // Of what was skipped for a loss the receipt tells.
+    const bool counted = outcome.status == engine::Status::skipped && !outcome.losses.empty();
+    if (outcome.problem && !counted) {
         m_console.message(
             problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
-    } else if (outcome.status == engine::Status::skipped && m_treeSeen && !m_options.verbose && !m_options.json) {
+    } else if (outcome.status == engine::Status::skipped && !counted && m_treeSeen && !m_options.verbose &&
+               !m_options.json) {
         m_console.message(both + ": skipped, destination exists");
     }
     if (outcome.warning) {
         m_console.message(problem_text(both, *outcome.warning));
     }
-    if (outcome.ownerLost && (m_options.verbose || ::geteuid() == 0)) {
-        m_console.message(problem_text(engine::displayed(outcome.destination), engine::problem_of(kOwnerLost)));
+}
+
+void Batch::report_losses(const std::string &source, const engine::Outcome &outcome) {
+    const bool told = outcome.status == engine::Status::failed && outcome.problem;
+    for (const engine::Loss &loss : outcome.losses) {
+        m_failed = m_receipt.add(source, outcome.destination, loss, told) || m_failed;
+        if (m_options.json) {
+            m_console.line(loss_event(source, outcome.destination, loss).line());
+        } else if (m_options.verbose && !told) {
+            m_console.line(loss_text(source, outcome.destination, loss));
+        }
+    }
+    m_staying += outcome.sourceStays && !outcome.warning ? 1 : 0;
+}
+
+void Batch::tell_receipt() {
+    for (const std::string &line : m_receipt.lines()) {
+        m_console.message(line);
+    }
+    if (m_staying > 0) {
+        const std::string classes = m_receipt.failing();
+        m_console.message(
+            (m_staying == 1 ? "the source stays for that" : fmt::format("{} sources stay for that", m_staying)) +
+            (classes.empty() ? "" : fmt::format("; --accept {} moves {}", classes, m_staying == 1 ? "it" : "them")));
     }
 }
 
@@ -165,8 +192,8 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     if (outcome.warning) {
         entry.add_to_list("warnings", problem_object(*outcome.warning));
     }
-    if (outcome.ownerLost) {
-        entry.add_to_list("warnings", problem_object(engine::problem_of(kOwnerLost)));
+    if (outcome.sourceStays) {
+        entry.add_flag("source_kept", true);
     }
     return entry.line();
 }
@@ -179,6 +206,9 @@ int Batch::finish(size_t planned) {
     // What a stop left undone is told by its own status.
     int status = stop_signal() != 0 ? exitSignal + stop_signal() : exit_status(succeeded, m_failed ? 1 : 0);
     tell_stop(planned);
+    if (!m_options.json) {
+        tell_receipt();
+    }
     if (m_options.json) {
         m_console.line(summary_line(planned, status));
     } else if (m_treeSeen) {
@@ -226,6 +256,7 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
     summary.add_number("cloned", m_cloned);
     summary.add_number("bytes", m_copied);
+    m_receipt.add_to(summary);
     summary.add_flag("cancelled", stop_signal() != 0);
     summary.add_number("exit_status", status);
     return summary.line();

@@ -3,6 +3,7 @@
 
 #include "tools/engine/transfer/transfer.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <string>
@@ -34,12 +35,14 @@ class Batch : private engine::TransferObserver {
     void begin(const std::vector<Errand> &errands);
     void tree(const std::string &source) override;
     void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
-    void arrived(int files, int64_t bytes) override;
+    void arrived(const std::string &directory, int files, int64_t bytes) override;
     void progress(int64_t bytes, bool newFile) override;
     bool may_replace(const std::string &path) override;
     bool stopped() const override;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);
+    void report_losses(const std::string &source, const engine::Outcome &outcome);
+    void tell_receipt();
     void verbose_line(const std::string &source, const engine::Outcome &outcome);
     std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     int finish(size_t planned);
@@ -53,7 +56,9 @@ class Batch : private engine::TransferObserver {
     Console m_console;
     engine::Transfer m_transfer;
     Counts m_entries, m_directories;
+    Receipt m_receipt;
     int m_cloned = 0;
+    int m_staying = 0; // sources of a move, for what was lost of them
     bool m_treeSeen = false;
     bool m_failed = false;
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended

@@ -54,6 +54,9 @@ Wanted wanted_of(const Option &option, const char *name) {
             if (one != kExtra) {
                 wanted.classes.add(loss_set_of(one, name));
             }
+            if (one == "all") { // which spares content where losses are accepted
+                wanted.classes.add(engine::LossClass::data);
+            }
             if (one.size() == rest.size()) {
                 break;
             }

@@ -1,6 +1,7 @@
 // vexofileop copy and vexofileop move, and the plans of both.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
@@ -69,14 +70,14 @@ std::vector<Errand> planned(const PathOperands &operands, engine::Operation oper
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
                                "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
-                               "Exit status: 0 all done, 1 some, 2 none or wrong usage; 130 after Ctrl-C.\n";
+                               "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
+                               "2 none or wrong usage; 130 after Ctrl-C.\n";
 
-constexpr const char *kPlanNotes =
-    "\nNothing is done: each entry that is not simply new is told (-v: all), then what would\n"
-    "be lost, by class, what room is needed and is there, and the status of the run, which\n"
-    "is that of the plan too. What a volume takes is tried in a private directory of the\n"
-    "destination, which is removed again, where its times can be put back; else, and with\n"
-    "--no-probe, it is what the system says of the volume. -i counts as a yes.\n";
+constexpr const char *kPlanNotes = "\nNothing is done. Entries that are not simply new are told (-v: all), then what\n"
+                                   "would be lost, by class, the room that is needed and is there, and the status\n"
+                                   "of the run, which is that of the plan too. What a volume takes is tried in a\n"
+                                   "private directory of the destination, removed again, where its times can be\n"
+                                   "put back; else, or with --no-probe, the system is believed. -i means yes.\n";
 
 int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
     const PlanRunOptions options{
@@ -101,27 +102,33 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
         command.add_flag("-r,-R,--recursive", options.transfer.trees, "directories too; links in them stay links");
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
+    const Option accept = add_accept_option(command);
+    if (run) {
+        command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
+    }
     command.add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
-    command.add_flag("-v,--verbose", options.verbose, "say what is done, and when an owner was not kept");
+    command.add_flag("-v,--verbose", options.verbose, "say what is done, and all that is not carried");
     command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
     const auto plan = std::make_shared<bool>(!run), noProbe = std::make_shared<bool>(false);
     if (run) {
         command.add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
         command.add_flag("--dry-run", *plan, "do nothing; tell what would be done, as \"plan\" does");
     } else {
-        command.add_flag("--no-probe", *noProbe, "make nothing at the destination to find out what it takes");
+        command.add_flag("--no-probe", *noProbe, "make nothing at the destination; believe the system");
     }
     const PathOperands operands(command, "FILE", "FILE... DEST");
     const std::string notes = run ? kNotes : kPlanNotes;
     if (!run) {
-        command.set_footer(notes + "Example:\n  vexofileop plan " + word_of(operation) + " photos /volume2/backup");
+        command.set_footer(notes + "Example:\n  vexofileop plan " + word_of(operation) + (copy ? " -r" : "") +
+                           " photos /volume2/backup");
     } else {
         command.set_footer(notes + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
                                          : "Examples:\n"
                                            "  vexofileop move draft.txt final.txt\n"
                                            "  vexofileop move --keep-both *.jpg /volume2/photo"));
     }
-    command.set_work([command, &status, batch, plan, noProbe, policies, operands] {
+    command.set_work([command, &status, batch, plan, noProbe, policies, operands, accept] {
+        batch->transfer.accepted = loss_set_of(accept, "--accept");
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;
         const std::vector<Errand> errands = planned(operands, batch->transfer.operation, batch->transfer.conflict);
@@ -140,8 +147,9 @@ void add_move_command(const Command &program, int &status) {
 }
 
 void add_plan_command(const Command &program, int &status) {
-    const Command command = program.add_command("plan", "Tell beforehand what a copy or a move would do and lose");
+    const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
     command.require_command();
+    command.set_footer("\nExample:\n  vexofileop plan copy -r photos /volume2/backup");
     add_transfer_command(command, status, engine::Operation::copy, Act::plan);
     add_transfer_command(command, status, engine::Operation::move, Act::plan);
 }

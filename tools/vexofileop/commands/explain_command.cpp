@@ -1,4 +1,5 @@
-// vexofileop explain: what an error code means.
+// vexofileop explain: what an error code means, or a class of losses.
+#include "tools/engine/losses/loss.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -11,6 +12,7 @@
 #include <fmt/format.h>
 #include <iterator>
 #include <optional>
+#include <variant>
 
 namespace tool {
 namespace {
@@ -29,6 +31,9 @@ std::optional<uint32_t> code_from(std::string_view text) {
 void list_all(Console &console) {
     for (const engine::ErrorInfo &row : engine::error_table()) {
         console.line(fmt::format("{}  {}", engine::code_text(row.code), row.reason));
+    }
+    for (const engine::LossRow &row : engine::kLossTable) {
+        console.line(fmt::format("{}  {}", row.name, row.several));
     }
 }
 
@@ -51,7 +56,8 @@ std::string paragraph(std::string_view label, std::string_view text) {
 uint32_t code_of(const std::string &text) {
     const std::optional<uint32_t> code = code_from(text);
     if (!code) {
-        throw UsageError(fmt::format("{}: not an error code; they look like 0xA400", engine::displayed(text)));
+        throw UsageError(fmt::format("{}: neither an error code, which looks like 0xA400, nor a class of losses",
+                                     engine::displayed(text)));
     }
     return *code;
 }
@@ -68,15 +74,30 @@ bool explain(Console &console, uint32_t code) {
     return true;
 }
 
+bool explain(Console &console, engine::LossClass cls) {
+    const engine::LossRow &row = engine::loss_row(cls);
+    console.line(fmt::format("{}  {} ({})", row.name, row.several, engine::severity_name(row.severity)));
+    console.line(paragraph("Meaning", row.meaning));
+    console.line(paragraph("What helps", row.help));
+    return true;
+}
+
+using Subject = std::variant<uint32_t, engine::LossClass>;
+
+Subject subject_of(const std::string &text) {
+    const auto cls = engine::loss_class(text);
+    return cls ? Subject(*cls) : Subject(code_of(text));
+}
+
 int explain_all(const std::vector<std::string> &given) {
-    std::vector<uint32_t> codes;
-    std::ranges::transform(given, std::back_inserter(codes), code_of);
+    std::vector<Subject> subjects;
+    std::ranges::transform(given, std::back_inserter(subjects), subject_of);
     Console console;
     int known = 0, unknown = 0;
-    for (const uint32_t code : codes) {
-        ++(explain(console, code) ? known : unknown);
+    for (const Subject &subject : subjects) {
+        ++(std::visit([&](const auto one) { return explain(console, one); }, subject) ? known : unknown);
     }
-    if (codes.empty()) {
+    if (subjects.empty()) {
         list_all(console);
     }
     const bool written = console.check_output();
@@ -86,11 +107,12 @@ int explain_all(const std::vector<std::string> &given) {
 } // namespace
 
 void add_explain_command(const Command &program, int &status) {
-    const Command command = program.add_command("explain", "Tell what an error code means and what helps");
-    const Option codes = command.add_operands("CODE", "[CODE...]");
-    command.set_footer("\nWithout a code all of them are listed.\n"
-                       "Example:\n"
-                       "  vexofileop explain 0xA400");
+    const Command command = program.add_command("explain", "Tell what a code or a class of losses means");
+    const Option codes = command.add_operands("CODE", "[CODE|CLASS...]");
+    command.set_footer("\nWithout one all of them are listed.\n"
+                       "Examples:\n"
+                       "  vexofileop explain 0xA400\n"
+                       "  vexofileop explain acl-access");
     command.set_work([&status, codes] { status = explain_all(codes.values()); });
 }
 

@@ -20,7 +20,7 @@ struct PlanRunOptions {
 class PlanRun : private engine::PlanObserver {
   public:
     explicit PlanRun(const PlanRunOptions &options)
-        : m_options(options), m_receipt(options.plan.accepted), m_planner(options.plan, *this) {}
+        : m_options(options), m_receipt(options.plan.transfer.accepted), m_planner(options.plan, *this) {}
     // The exit status that the run would have.
     int run(const std::vector<Errand> &errands);
 

@@ -5,11 +5,14 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/output/loss_json.h"
+#include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 
@@ -22,7 +25,7 @@ namespace tool {
 namespace {
 
 struct Options {
-    bool keepSource = false, yes = false, noProgress = false, json = false;
+    bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false;
 };
 
 std::string explanation(const engine::RelocationPlan &plan) {
@@ -51,7 +54,7 @@ std::string explanation(const engine::RelocationPlan &plan) {
 class Relocation : private engine::RelocationObserver {
   public:
     Relocation(const Options &options, engine::RelocationRequest request)
-        : m_options(options), m_plan(engine::plan_relocation(request)) {}
+        : m_options(options), m_plan(engine::plan_relocation(request)), m_receipt(request.accepted) {}
 
     int run() {
         if (!agreed()) {
@@ -90,12 +93,29 @@ class Relocation : private engine::RelocationObserver {
         m_console.message(problem_text(engine::displayed(path), problem));
     }
 
+    void lost(const std::string &source, const std::string &destination, const engine::Loss &loss) override {
+        m_receipt.add(source, destination, loss);
+        if (m_options.json) {
+            m_console.line(loss_event(source, destination, loss).line());
+        } else if (m_options.verbose) {
+            m_console.line(loss_text(source, destination, loss));
+        }
+    }
+    void tell_receipt() {
+        if (!m_options.json) {
+            for (const std::string &line : m_receipt.lines()) {
+                m_console.message(line);
+            }
+        }
+    }
+
     // The exit status of what came of it, with what there is to say.
     int told(const engine::RelocationResult &result) {
         const std::string source = engine::displayed(m_plan.request.source);
         const std::string both = fmt::format("{} -> {}", source, engine::displayed(m_plan.request.destination));
         const bool signalled = stop_signal() != 0;
         m_inPlace = result.inPlace;
+        tell_receipt();
         switch (result.end) {
         case engine::RelocationEnd::done:
             return exitAll;
@@ -111,7 +131,8 @@ class Relocation : private engine::RelocationObserver {
         case engine::RelocationEnd::incomplete:
             m_console.message(
                 fmt::format("the copy is in place; {} {} not in it as in the source, so {} stays as it is",
-                            result.missing, result.missing == 1 ? "thing is" : "things are", source));
+                            result.missing, result.missing == 1 ? "thing is" : "things are", source) +
+                (!m_receipt.failing().empty() ? fmt::format("; --accept {} removes it", m_receipt.failing()) : ""));
             break;
         case engine::RelocationEnd::source_remains:
             if (signalled) {
@@ -151,6 +172,7 @@ class Relocation : private engine::RelocationObserver {
         line.add_name("destination", m_plan.request.destination);
         line.add_flag("source_kept", engine::exists(m_plan.request.source));
         line.add_flag("in_place", m_inPlace || status == exitAll);
+        m_receipt.add_to(line);
         line.add_flag("cancelled", stop_signal() != 0);
         line.add_number("exit_status", status);
         return line.line();
@@ -159,6 +181,7 @@ class Relocation : private engine::RelocationObserver {
     const Options &m_options;
     engine::RelocationPlan m_plan;
     Console m_console;
+    Receipt m_receipt;
     int64_t m_bytes = 0;
     bool m_inPlace = false;
 };
@@ -170,7 +193,9 @@ void add_relocate_command(const Command &program, int &status) {
     const auto options = std::make_shared<Options>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
-    command.add_flag("--json", options->json, "a JSON object that tells what came of it");
+    const Option accept = add_accept_option(command);
+    command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
+    command.add_flag("--json", options->json, "one JSON object per line: losses, then what came of it");
     command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
     const Option operands = command.add_operands("SRC", "SRC DST");
     command.set_footer("\nThe tree is copied into a private directory beside DST and compared with SRC in\n"
@@ -185,14 +210,15 @@ void add_relocate_command(const Command &program, int &status) {
                        "2 nothing done; 128 and the number of the signal that stopped it.\n"
                        "Example:\n"
                        "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
-    command.set_work([&status, options, operands] {
+    command.set_work([&status, options, operands, accept] {
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");
         }
         status = Relocation(*options, {.source = engine::absolute_path(paths[0]),
                                        .destination = engine::absolute_path(paths[1]),
-                                       .keepSource = options->keepSource})
+                                       .keepSource = options->keepSource,
+                                       .accepted = loss_set_of(accept, "--accept")})
                      .run();
     });
 }

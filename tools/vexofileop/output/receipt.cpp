@@ -12,9 +12,11 @@ std::string loss_text(const std::string &source, const std::string &destination,
                        engine::loss_row(loss.cls).name);
 }
 
-bool Receipt::add(const std::string &source, const std::string &destination, const engine::Loss &loss) {
+bool Receipt::add(const std::string &source, const std::string &destination, const engine::Loss &loss, bool told) {
     Count &count = m_counts[static_cast<size_t>(loss.cls)];
-    if (count.number++ == 0) {
+    ++count.number;
+    count.told += told ? 1 : 0;
+    if (!told && count.number - count.told == 1) {
         count.source = source;
         count.destination = destination;
         count.detail = loss.detail;
@@ -32,7 +34,7 @@ std::vector<std::string> Receipt::lines() const {
     std::vector<std::string> lines;
     for (const engine::LossRow &row : engine::kLossTable) {
         const Count &count = m_counts[static_cast<size_t>(row.cls)];
-        if (count.number == 0) {
+        if (count.number == count.told) {
             continue;
         }
         const char *const remark = m_accepted.contains(row.cls)                   ? ", as accepted"
@@ -43,6 +45,16 @@ std::vector<std::string> Receipt::lines() const {
                                     loss_text(count.source, count.destination, {row.cls, count.detail})));
     }
     return lines;
+}
+
+std::string Receipt::failing() const {
+    std::string names;
+    for (const engine::LossRow &row : engine::kLossTable) {
+        if (count(row.cls) > 0 && row.cls != engine::LossClass::data && engine::fails({row.cls, ""}, m_accepted)) {
+            names += (names.empty() ? "" : ",") + std::string(row.name);
+        }
+    }
+    return names;
 }
 
 void Receipt::add_to(Json &summary, const char *name) const {

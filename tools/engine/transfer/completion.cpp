@@ -1,0 +1,118 @@
+#include "tools/engine/transfer/completion.h"
+
+#include "platform/core.h"
+#include "tools/engine/transfer/system_attributes.h"
+#include "tools/engine/walk/descriptor.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#pragma weak VLIBCKernelAttrFcntl
+
+namespace engine {
+namespace {
+
+constexpr mode_t kModeBits = 07777;
+
+// The appliance kernel's interface, or what the platform has in its place.
+int request_attribute(int fd, int command) {
+    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
+}
+
+// Who is not root needs to write to what keeps a creation time, also where that is read-only.
+void set_times(const std::string &path, mode_t mode, const timespec *times) {
+    if (VLIBCFileUTime(path.c_str(), 3, times) == 0 || ::geteuid() == 0 || (mode & S_IWUSR) != 0 ||
+        ::chmod(path.c_str(), (mode & kModeBits) | S_IWUSR) != 0) {
+        return;
+    }
+    (void)VLIBCFileUTime(path.c_str(), 3, times);
+    (void)::chmod(path.c_str(), mode & kModeBits);
+}
+
+// An entry that stays the one it is; a link is not followed.
+struct Held {
+    explicit Held(const Side &side)
+        : entry(::openat(side.directory, side.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) {
+        if (entry.get() >= 0 && ::fstat(entry.get(), &status) == 0) {
+            path = fmt::format("/proc/self/fd/{}", entry.get());
+        }
+    }
+    bool keeps_more() const { return !path.empty() && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)); }
+
+    Descriptor entry;
+    struct stat status {};
+    std::string path = {}; // empty: it is not there
+};
+
+void set_archive(const Side &copy) {
+    VLIBCStat found{};
+    if (VLIBCFileLStat(copy.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &found) != 0 ||
+        !S_ISREG(found.st.st_mode) || (found.attributes & VLIBC_ATTR_ARCHIVE) != 0) {
+        return;
+    }
+    const Descriptor file(::openat(copy.directory, copy.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() >= 0) {
+        give_dos_attributes(file.get(), VLIBC_ATTR_ARCHIVE);
+    }
+}
+
+bool is_time(const Loss &loss) {
+    return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
+}
+
+bool is_of_the_system(const Loss &loss) {
+    return loss.cls == LossClass::system_attribute || loss.cls == LossClass::acl_windows;
+}
+
+} // namespace
+
+void give_dos_attributes(int fd, uint32_t attributes) {
+    constexpr struct {
+        uint32_t bit;
+        int command;
+    } rows[] = {{VLIBC_ATTR_ARCHIVE, 0x202}, {VLIBC_ATTR_HIDDEN, 0x203}, {VLIBC_ATTR_SYSTEM, 0x204}};
+    for (const auto &row : rows) {
+        if ((attributes & row.bit) != 0) {
+            (void)request_attribute(fd, row.command);
+        }
+    }
+}
+
+void give_times(const Side &from, const Side &to, const VLIBCStat *before) {
+    VLIBCStat found{};
+    if (before == nullptr &&
+        VLIBCFileLStat(from.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found) != 0) {
+        return;
+    }
+    const VLIBCStat &source = before != nullptr ? *before : found;
+    const timespec times[] = {source.st.st_atim, source.st.st_mtim, source.createTime};
+    // By descriptor: the path of the library's call would follow a link.
+    const Held there(to);
+    if (there.keeps_more()) {
+        set_times(there.path, there.status.st_mode, times);
+    } else if (!there.path.empty()) {
+        (void)::utimensat(to.directory, to.name.c_str(), times, AT_SYMLINK_NOFOLLOW);
+    }
+}
+
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options) {
+    std::vector<Loss> losses = compare_entries(source, copy, options);
+    const bool late = options.times && std::ranges::any_of(losses, is_time);
+    const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);
+    if (!late && !ofTheSystem) {
+        return losses;
+    }
+    if (const Held from(source), to(copy); ofTheSystem && from.keeps_more() && to.keeps_more()) {
+        copy_system_attributes(from.path, to.path);
+    }
+    if (late) {
+        set_archive(copy);
+        give_times(source, copy, options.before);
+    }
+    return compare_entries(source, copy, options);
+}
+
+} // namespace engine

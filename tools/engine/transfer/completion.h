@@ -1,0 +1,23 @@
+// The last look at a copy: what it lacks of its source, once everything was given to it that can still be given.
+#pragma once
+
+#include "tools/engine/compare/entry_comparison.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace engine {
+
+// The DOS attributes of an open file or directory. A volume without such bits loses them, as a comparison tells.
+void give_dos_attributes(int fd, uint32_t attributes);
+
+// Gives an entry all times of another one, or those of an earlier look at that. What cannot be given is for a
+// comparison to tell.
+void give_times(const Side &from, const Side &to, const VLIBCStat *before = nullptr);
+
+// Compares, and gives to the copy what it has not got and may come late: attributes that only root sets and the library
+// leaves where they are; times, which a platform may keep in an attribute that came after them, with the archive
+// attribute that every copy has. The result is of a second comparison then.
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options = {});
+
+} // namespace engine
