@@ -143,7 +143,7 @@ class Differences : public engine::ComparisonObserver {
     void loss(const std::string &first, const std::string &, const Loss &loss) override { m_view.add(first, loss); }
     void extra(const std::string &, engine::EntryKind) override {}
     void same(const std::string &, const std::string &) override {}
-    void compared(engine::EntryKind, int64_t) override {}
+    void compared(const std::string &, engine::EntryKind, int64_t) override {}
     void progress(int64_t) override {}
 
   private:

@@ -273,6 +273,19 @@ TEST_F(CompareCommand, ClassesAreChosen) {
     EXPECT_NE(std::string::npos, wrong.err.find("\"no-such\" is no class of losses")) << wrong.err;
 }
 
+TEST_F(CompareCommand, AReportHasItAll) {
+    copy();
+    ASSERT_EQ(0, ::chmod((other + "/inner/deep").c_str(), 0600));
+    kit::writeFile(other + "/inner/more", "");
+    EXPECT_EQ(1, compare({"--report", scratch / "report.json"}).status);
+    const std::string report = kit::readFile(scratch / "report.json");
+    EXPECT_NE(std::string::npos, report.find("\"compare\"")) << report;
+    EXPECT_NE(std::string::npos, report.find("\"mode\"")) << report;
+    EXPECT_NE(std::string::npos, report.find("inner/more")) << report;
+    EXPECT_NE(std::string::npos, report.find("\"different\":{\"entries\":2,")) << report; // and the directory's time
+    EXPECT_EQ(2, compare({"--report", scratch / "no/report.json"}).status);
+}
+
 TEST_F(CompareCommand, QuietlyTheStatusTells) {
     copy();
     setTimes(other + "/file", 5);

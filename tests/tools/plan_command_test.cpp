@@ -276,6 +276,18 @@ TEST_F(PlanCommand, NamesThatTheVolumeChangesAreTold) {
     EXPECT_TRUE(mentions(result.out, "(symbolic-link)")) << result.out;
 }
 
+TEST_F(PlanCommand, AReportHasItAll) {
+    ASSERT_EQ(0, ::mkfifo((one + "/pipe").c_str(), 0600));
+    EXPECT_EQ(1, runTool({"plan", "copy", "-r", "--report", scratch / "plan.json", one, into}).status);
+    const std::string report = kit::readFile(scratch / "plan.json");
+    EXPECT_TRUE(mentions(report, "\"plan copy\"")) << report;
+    EXPECT_TRUE(mentions(report, "special-file")) << report;
+    EXPECT_TRUE(mentions(report, "\"copied\":{\"entries\":3,")) << report;
+    const ToolResult unwritten = runTool({"plan", "copy", "--report", scratch / "no/plan.json", one + "/file", into});
+    EXPECT_EQ(1, unwritten.status);
+    EXPECT_TRUE(mentions(unwritten.out, "1 new")) << unwritten.out;
+}
+
 TEST_F(PlanCommand, WhatCannotBeReadIsTold) {
     KIT_NEEDS_ROOT("to become another user");
     ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));

@@ -102,7 +102,10 @@ TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
                 (void)replace(scene.source, scene.destination);
                 window.close();
             });
-        ASSERT_TRUE(outcome.reached) << at;
+        if (!outcome.reached) {
+            EXPECT_GT(at + 4, calls); // a call or two depend on what the process has kept
+            break;
+        }
         const std::string content = kit::readFile(scene.destination);
         EXPECT_TRUE(content == "old" ? scene.isOld() : content == "new") << at;
         comesNext(scene);
@@ -148,6 +151,26 @@ TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
         }
     }
     EXPECT_LT(50, refused);
+}
+
+// What -n passes over afterwards is whole: what was half done has not got the name.
+TEST_F(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) {
+    KIT_NOT_SANITIZED();
+    const size_t calls = callsOf().size();
+    for (size_t at = 0; at < calls; at += 5) {
+        const Scene scene;
+        const std::string fresh = scene.scratch / "to/fresh";
+        (void)faults::supervise({.action = faults::Plan::Action::kill, .at = at}, [&](faults::Window &window) {
+            window.open();
+            (void)replace(scene.source, fresh);
+            window.close();
+        });
+        Silent observer;
+        Transfer({.conflict = Conflict::skip}, observer).run(scene.source, fresh);
+        EXPECT_EQ("new", kit::readFile(fresh)) << at;
+        EXPECT_EQ(stream::bytes({{"comment", "new"}}), kit::readFile(scene.scratch / "to/@eaDir/fresh@VexoEAStream"))
+            << at;
+    }
 }
 
 // Whoever looks before he renames may see what was not there yet. Each call in turn says so.

@@ -154,7 +154,7 @@ class TreeComparison {
                 m_observer.loss(path, otherPath, loss);
             }
         }
-        m_observer.compared(entry_kind(mode), bytes);
+        m_observer.compared(path, entry_kind(mode), bytes);
         return directories;
     }
 
@@ -243,13 +243,13 @@ class TreeComparison {
         if (found.tooLong) {
             lose(path, otherPath, LossClass::name_too_long,
                  fmt::format("{} bytes are more than the volume takes", item.name.size()));
-            m_observer.compared(entry_kind(DTTOIF(item.type)), 0);
+            m_observer.compared(path, entry_kind(DTTOIF(item.type)), 0);
             return;
         }
         if (found.clash) {
             lose(path, otherPath, LossClass::name_clash,
                  fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash))));
-            m_observer.compared(entry_kind(DTTOIF(item.type)), 0);
+            m_observer.compared(path, entry_kind(DTTOIF(item.type)), 0);
             return;
         }
         const Side one{level.one.fd(), item.name, level.one.facts},
@@ -279,7 +279,7 @@ class TreeComparison {
         }
         lose(path, otherPath, LossClass::file_too_large,
              fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit));
-        m_observer.compared(EntryKind::file, 0);
+        m_observer.compared(path, EntryKind::file, 0);
         return true;
     }
 

@@ -25,8 +25,8 @@ class ComparisonObserver : public Observer {
     virtual void extra(const std::string &second, EntryKind kind) = 0;
     // The two are one thing under two names: nothing is compared.
     virtual void same(const std::string &first, const std::string &second) = 0;
-    // An entry of the first was compared; bytes of a regular file.
-    virtual void compared(EntryKind kind, int64_t bytes) = 0;
+    // An entry of the first was compared, and what it lacks has been told; bytes of a regular file.
+    virtual void compared(const std::string &first, EntryKind kind, int64_t bytes) = 0;
     // So many more bytes of content are read.
     virtual void progress(int64_t bytes) = 0;
 };

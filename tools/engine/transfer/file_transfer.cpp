@@ -17,7 +17,6 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
-#include "tools/engine/walk/rename.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -125,6 +124,9 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     const HeldDirectory &from = attempt.from, &to = attempt.to;
     const Surroundings &around = attempt.around;
     if (auto problem = check_source(attempt)) {
+        if (!attempt.entry && destinationError == 0) {
+            tidy(to); // an earlier run may have moved it, and been stopped before its store followed
+        }
         Outcome outcome = failure(destination, *problem);
         if (attempt.special) {
             outcome.losses.push_back({LossClass::special_file, problem->reason});
@@ -214,20 +216,17 @@ void FileTransfer::tidy(const HeldDirectory &directory) {
 
 // Within a volume, at once.
 Outcome FileTransfer::rename(Attempt &attempt) {
-    const int from = attempt.from.fd(), to = attempt.to.fd();
+    const bool regular = S_ISREG(attempt.entry->st_mode);
     for (int i = 0; i < kMostNames; ++i) {
-        const bool done = attempt.replace ? ::renameat(from, attempt.sourceName.c_str(), to, attempt.name.c_str()) == 0
-                                          : rename_without_replacing(from, attempt.sourceName, to, attempt.name);
-        if (done) {
-            const bool regular = S_ISREG(attempt.entry->st_mode);
+        // A link only with a store: the renaming marks the file that it leads to as changed.
+        auto left = rename_with_store({attempt.from, attempt.sourceName, attempt.to, attempt.name, attempt.replace,
+                                       regular || attempt.store.any()});
+        if (left) {
             attempt.result = attempt.entry;
             if (regular) {
                 m_observer.progress(attempt.entry->st_size, false);
             }
-            // A link only with a store: the renaming marks the file that it leads to as changed.
-            if (regular || attempt.store.any()) {
-                attempt.note(follow_store(attempt.from, attempt.sourceName, attempt.to, attempt.name));
-            }
+            attempt.note(std::move(*left));
             return arrived(attempt);
         }
         if (errno == EXDEV) {

@@ -24,10 +24,19 @@ namespace {
 // A note of a placement, by what is done next once the file has its name: the old store goes, then the new one follows.
 constexpr std::string_view kOldStoreGoes = ".clear", kNewStoreFollows = ".store";
 
+constexpr char kNotFound[] = "it is there, but what is kept for it could not be found where it was";
+
 struct Note {
-    ino_t inode = 0; // of the file that is placed: where it is tells how far things are
+    ino_t inode = 0; // of the entry that is placed: where it is tells how far things are
     std::string name = {};
+    // Of one that comes from a directory of its own, by the path of that, which still has to be the same: there its
+    // store is, under the name that it had. Empty: it was made here, under the name of the note.
+    std::string fromPath = {};
+    dev_t fromDevice = 0;
+    ino_t fromInode = 0;
+    std::string before = {};
 };
+constexpr size_t kLongestNote = PATH_MAX + 2 * NAME_MAX + 128;
 
 // What cannot be looked at is there: who goes on to rename or remove it is told why that fails.
 bool lies_there(const std::string &path) {
@@ -45,32 +54,64 @@ bool write_note(const HeldDirectory &directory, const std::string &path, const N
     if (file.get() < 0) {
         return false;
     }
-    const std::string text = fmt::format("{}\n{}", note.inode, note.name);
+    std::string text = fmt::format("{}\n{}", note.inode, note.name);
+    if (!note.before.empty()) { // no name has a NUL
+        const char nul = '\0';
+        text += fmt::format("{}{}\n{}\n{}{}{}", nul, note.fromDevice, note.fromInode, note.fromPath, nul, note.before);
+    }
     errno = ENOSPC; // of a write that ends early
     return ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+bool is_plain(std::string_view name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+           name.find('\0') == std::string_view::npos;
+}
+
+// A number with a line feed behind it, taken off.
+template <typename Number>
+bool take_number(std::string_view &text, Number &number) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const auto used = static_cast<size_t>(end - text.data());
+    if (error != std::errc() || used >= text.size() || text[used] != '\n') {
+        return false;
+    }
+    text.remove_prefix(used + 1);
+    return true;
+}
+
+std::optional<Note> parse_note(std::string_view text) {
+    Note note;
+    if (!take_number(text, note.inode)) {
+        return std::nullopt;
+    }
+    const size_t end = text.find('\0');
+    note.name = text.substr(0, end);
+    if (!is_plain(note.name) || end == std::string_view::npos) {
+        return is_plain(note.name) ? std::optional(note) : std::nullopt;
+    }
+    text.remove_prefix(end + 1);
+    if (!take_number(text, note.fromDevice) || !take_number(text, note.fromInode)) {
+        return std::nullopt;
+    }
+    const size_t path = text.find('\0');
+    note.fromPath = text.substr(0, path);
+    note.before = path == std::string_view::npos ? std::string_view() : text.substr(path + 1);
+    return is_plain(note.before) ? std::optional(note) : std::nullopt;
 }
 
 // Only one that we have written ourselves: in a directory of somebody else a name proves nothing.
 std::optional<Note> read_note(const HeldDirectory &directory, const std::string &path) {
     const Descriptor file(::openat(directory.fd(), path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat found {};
-    char text[NAME_MAX + 32];
+    char text[kLongestNote];
     if (file.get() < 0 || ::fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode) || found.st_nlink != 1 ||
         found.st_uid != ::geteuid()) {
         return std::nullopt;
     }
     const ssize_t size = ::read(file.get(), text, sizeof text);
     const std::string_view all(text, size < 0 ? 0 : static_cast<size_t>(size));
-    Note note;
-    const auto [end, error] = std::from_chars(all.data(), all.data() + all.size(), note.inode);
-    const auto used = static_cast<size_t>(end - all.data());
-    if (error != std::errc() || used >= all.size() || all[used] != '\n') {
-        return std::nullopt;
-    }
-    note.name = all.substr(used + 1);
-    const bool plain = !note.name.empty() && note.name != "." && note.name != ".." &&
-                       note.name.find('/') == std::string::npos && note.name.find('\0') == std::string::npos;
-    return plain ? std::optional(note) : std::nullopt;
+    return parse_note(all);
 }
 
 // A part of a store that has no other place than its file's new name asks for. One that is not there is none.
@@ -105,20 +146,49 @@ bool clear_store(const HeldDirectory &directory, const std::string &name) {
            (VEXOEARemove(directory.below(name).c_str(), directory.type()) == 0 && !has_store(directory, name));
 }
 
-// The steps behind a file that has its name. Each can be done again.
-std::optional<Problem> finish_store(const HeldDirectory &directory, const std::string &made, const std::string &name) {
-    const std::string note = made + std::string(kOldStoreGoes), next = made + std::string(kNewStoreFollows);
-    const auto failed = [](const char *what) { return Problem{what, VLIBCErrGet()}; };
-    if (lies_there(directory.below(note))) {
+Problem failed_with(const char *what) {
+    return {what, VLIBCErrGet()};
+}
+
+// Marks the entry as changed, too, whatever is kept for it.
+std::optional<Problem> follow(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
+                              const std::string &name) {
+    if (VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0) != 0) {
+        return failed_with("moved, but its extended metadata could not follow");
+    }
+    return std::nullopt;
+}
+
+// What is kept for an entry follows it from another directory, unless another entry has its old name by now.
+std::optional<Problem> follow(const HeldDirectory &to, const Note &note, const HeldDirectory &from) {
+    struct stat found {};
+    const bool same = from.is_open() && ::fstat(from.fd(), &found) == 0 && found.st_dev == note.fromDevice &&
+                      found.st_ino == note.fromInode;
+    if (!same || from.look(note.before) || errno != ENOENT) {
+        return Problem{kNotFound};
+    }
+    return follow(from, note.before, to, note.name);
+}
+
+// The steps behind an entry that has its name. Each can be done again.
+Problem finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
+                     const HeldDirectory *from) {
+    const std::string clear = made + std::string(kOldStoreGoes), next = made + std::string(kNewStoreFollows);
+    if (lies_there(directory.below(clear))) {
         // Only where there is something: a removal marks the entry as changed.
-        if (!clear_store(directory, name)) {
-            return failed("it is there, but what was kept beside an old file of its name could not be removed");
+        if (!clear_store(directory, note.name)) {
+            return failed_with("it is there, but what was kept beside an old file of its name could not be removed");
         }
-        if (::renameat(directory.fd(), note.c_str(), directory.fd(), next.c_str()) != 0) {
+        if (::renameat(directory.fd(), clear.c_str(), directory.fd(), next.c_str()) != 0) {
             return problem_of_errno(errno);
         }
     }
-    if (!rename_parts(directory, made, name)) {
+    if (!note.before.empty()) {
+        const HeldDirectory opened = from == nullptr ? HeldDirectory(note.fromPath) : HeldDirectory();
+        if (auto problem = follow(directory, note, from != nullptr ? *from : opened)) {
+            return *problem;
+        }
+    } else if (!rename_parts(directory, made, note.name)) {
         return problem_of_errno(errno);
     }
     // Asked twice, since a note that stays is read by whoever comes next.
@@ -139,7 +209,9 @@ void clear_note(const HeldDirectory &directory, const std::string &path) {
     const auto note = read_note(directory, path);
     const auto there = note ? directory.look(note->name) : std::nullopt;
     if (there && there->st_ino == note->inode && !directory.look(made)) {
-        (void)finish_store(directory, made, note->name);
+        if (finish_store(directory, made, *note, nullptr).reason == kNotFound) {
+            ::unlinkat(directory.fd(), (made + std::string(kNewStoreFollows)).c_str(), 0); // nobody will find it
+        }
     } else {
         ::unlinkat(directory.fd(), path.c_str(), 0);
         discard(directory, made);
@@ -176,23 +248,54 @@ std::optional<Problem> place(const Placement &placement) {
     }
     const std::string note = placement.made + std::string(kOldStoreGoes);
     const auto made = directory.look(placement.made);
-    if (!made || !write_note(directory, note, {made->st_ino, placement.name}) || !rename_made(placement)) {
+    const Note text{.inode = made ? made->st_ino : 0, .name = placement.name};
+    if (!made || !write_note(directory, note, text) || !rename_made(placement)) {
         const int number = errno;
         ::unlinkat(directory.fd(), note.c_str(), 0);
         errno = number;
         return std::nullopt;
     }
-    return finish_store(directory, placement.made, placement.name);
+    return finish_store(directory, placement.made, text, nullptr);
 }
 
-Problem follow_store(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
-                     const std::string &name) {
-    if (!clear_store(to, name)) {
-        return {"moved, but what was kept beside an old file of its name could not be removed", VLIBCErrGet()};
+std::optional<Problem> rename_with_store(const Renaming &renaming) {
+    const HeldDirectory &from = renaming.from, &to = renaming.to;
+    const auto rename = [&] {
+        return renaming.replace ? ::renameat(from.fd(), renaming.before.c_str(), to.fd(), renaming.name.c_str()) == 0
+                                : rename_without_replacing(from.fd(), renaming.before, to.fd(), renaming.name);
+    };
+    if (!renaming.withStore || (!has_store(from, renaming.before) && !has_store(to, renaming.name))) {
+        return !rename() ? std::nullopt
+               : renaming.withStore
+                   ? std::optional(follow(from, renaming.before, to, renaming.name).value_or(Problem{}))
+                   : std::optional(Problem{});
     }
-    return VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0) == 0
-               ? Problem{}
-               : Problem{"moved, but its extended metadata could not follow", VLIBCErrGet()};
+    struct stat directory {};
+    const auto entry = from.look(renaming.before);
+    if (!entry || ::fstat(from.fd(), &directory) != 0) {
+        return std::nullopt;
+    }
+    const Note note{entry->st_ino, renaming.name, from.path(), directory.st_dev, directory.st_ino, renaming.before};
+    const std::string made = next_private_name(), path = made + std::string(kOldStoreGoes);
+    // Without room for a note nothing but a kill can part the two.
+    const bool noted = write_note(to, path, note);
+    if (!noted && errno != ENOSPC && errno != EDQUOT) {
+        return std::nullopt;
+    }
+    if (!rename()) {
+        const int number = errno;
+        ::unlinkat(to.fd(), path.c_str(), 0);
+        errno = number;
+        return std::nullopt;
+    }
+    if (noted) {
+        return finish_store(to, made, note, &from);
+    }
+    ::unlinkat(to.fd(), path.c_str(), 0); // half of one
+    if (!clear_store(to, renaming.name)) {
+        return failed_with("moved, but what was kept beside an old file of its name could not be removed");
+    }
+    return follow(to, note, from).value_or(Problem{});
 }
 
 void discard(const HeldDirectory &directory, const std::string &made) {

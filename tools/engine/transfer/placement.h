@@ -28,10 +28,20 @@ struct Placement {
 // told by the kernel. Else what could not be done for its store, with an empty reason where there is nothing to say.
 std::optional<Problem> place(const Placement &placement);
 
-// For an entry that was renamed: what is kept for it goes along, and what an old one of its new name had goes. What
-// could not be done; an empty reason: nothing.
-Problem follow_store(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
-                     const std::string &name);
+// A renaming within one volume, with what is kept for the entry: it lies beside it, and a note in the new directory
+// tells where, from before the entry has its new name until all of it has followed.
+struct Renaming {
+    const HeldDirectory &from;
+    std::string before;
+    const HeldDirectory &to;
+    std::string name;
+    bool replace = false;  // what stands there goes, with its store
+    bool withStore = true; // something may be kept for it
+};
+
+// Nothing, with errno, when the entry has not got its new name. Else what could not be done for its store, with an
+// empty reason where there is nothing to say.
+std::optional<Problem> rename_with_store(const Renaming &renaming);
 
 // Removes what was made, with its store.
 void discard(const HeldDirectory &directory, const std::string &made);

@@ -16,7 +16,6 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
-#include "tools/engine/walk/rename.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -239,7 +238,8 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     if (destination.in.look(destination.name) || m_sourceType != m_destinationType) {
         return true; // merged into, or refused by name; and metadata of another form are converted by a copy
     }
-    if (!rename_without_replacing(source.in.fd(), source.name, destination.in.fd(), destination.name)) {
+    auto left = rename_with_store({source.in, source.name, destination.in, destination.name});
+    if (!left) {
         constexpr int copied[] = {EXDEV, EEXIST, EBUSY, ENOTEMPTY};
         return std::ranges::find(copied, errno) != std::end(copied) ||
                failed(source.path(), destination.path(), problem_of_making(errno));
@@ -250,8 +250,8 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     }
     Outcome outcome;
     outcome.destination = destination.path();
-    if (Problem left = follow_store(source.in, source.name, destination.in, destination.name); !left.reason.empty()) {
-        outcome.warning = std::move(left);
+    if (!left->reason.empty()) {
+        outcome.warning = std::move(*left);
     }
     tell(EntryKind::directory, source.path(), outcome);
     return true;

@@ -1,5 +1,6 @@
 #include "tools/vexofileop/commands/batch.h"
 
+#include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/vexofileop/commands/exit_status.h"
@@ -42,7 +43,8 @@ const char *word_of(engine::Operation operation) {
 }
 
 Batch::Batch(const BatchOptions &options)
-    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted) {}
+    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
+      m_report(word_of(options.transfer.operation), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     begin(errands);
@@ -50,6 +52,7 @@ int Batch::run(const std::vector<Errand> &errands) {
         if (stopped()) {
             break;
         }
+        m_report.begin(errand.source, errand.destination);
         m_transfer.run(errand.source, errand.destination);
     }
     m_console.clear_progress();
@@ -96,11 +99,13 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     }
     report(kind, source, outcome);
     report_losses(source, outcome);
+    note_for_report(kind, source, outcome);
     advance(0);
 }
 
 // So many files and links of which nothing is to be said.
 void Batch::arrived(const std::string &, int files, int64_t bytes) {
+    m_report.count(copies() ? Fate::copied : Fate::moved, files, bytes);
     m_entries[engine::Status::done] += files;
     m_copied += bytes;
     m_behind += bytes;
@@ -148,6 +153,41 @@ void Batch::report_losses(const std::string &source, const engine::Outcome &outc
         }
     }
     m_staying += outcome.sourceStays && !outcome.warning ? 1 : 0;
+}
+
+void Batch::note_for_report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+    if (m_options.report.empty()) {
+        return;
+    }
+    const Fate fate = outcome.status == engine::Status::skipped ? Fate::skipped
+                      : outcome.status != engine::Status::done  ? Fate::failed
+                      : outcome.cloned                          ? Fate::cloned
+                      : copies() || outcome.sourceStays         ? Fate::copied
+                                                                : Fate::moved;
+    if (kind != engine::EntryKind::directory || fate == Fate::failed) {
+        m_report.count(fate, 1, outcome.status == engine::Status::done ? outcome.bytes : 0);
+    }
+    for (const auto &told : {outcome.problem, outcome.warning}) {
+        if (told && (outcome.status != engine::Status::skipped || outcome.losses.empty())) {
+            m_report.problem(source, outcome.destination, told->reason);
+        }
+    }
+    for (const engine::Loss &loss : outcome.losses) {
+        m_report.loss(source, outcome.destination, loss);
+    }
+}
+
+bool Batch::write_report(int status) {
+    if (m_options.report.empty()) {
+        return true;
+    }
+    try {
+        m_report.write(m_options.report, status);
+        return true;
+    } catch (const engine::Failure &failure) {
+        m_console.message(failure.what());
+        return false;
+    }
 }
 
 void Batch::tell_receipt() {
@@ -208,6 +248,9 @@ int Batch::finish(size_t planned) {
     tell_stop(planned);
     if (!m_options.json) {
         tell_receipt();
+    }
+    if (!write_report(status) && status == exitAll) {
+        status = exitSome;
     }
     if (m_options.json) {
         m_console.line(summary_line(planned, status));

@@ -4,6 +4,7 @@
 #include "tools/engine/transfer/transfer.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/output/receipt.h"
+#include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <string>
@@ -15,6 +16,7 @@ struct BatchOptions {
     engine::TransferOptions transfer;
     bool stopOnError = false;
     bool verbose = false, json = false, noProgress = false;
+    std::string report = {}; // the file that tells it all; empty: none
 };
 
 const char *word_of(engine::Operation operation); // "copy"
@@ -43,6 +45,8 @@ class Batch : private engine::TransferObserver {
     void report_problems(const std::string &source, const engine::Outcome &outcome);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
     void tell_receipt();
+    void note_for_report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
+    bool write_report(int status);
     void verbose_line(const std::string &source, const engine::Outcome &outcome);
     std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     int finish(size_t planned);
@@ -57,6 +61,7 @@ class Batch : private engine::TransferObserver {
     engine::Transfer m_transfer;
     Counts m_entries, m_directories;
     Receipt m_receipt;
+    Report m_report;
     int m_cloned = 0;
     int m_staying = 0; // sources of a move, for what was lost of them
     bool m_treeSeen = false;

@@ -5,6 +5,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
@@ -12,6 +13,7 @@
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
 #include "tools/vexofileop/output/receipt.h"
+#include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 
@@ -42,6 +44,7 @@ struct Wanted {
 struct Options {
     engine::TreeComparisonOptions comparison;
     Wanted only, ignored{.all = false};
+    std::string report = {}; // the file that it is written to; empty: none
     bool quiet = false, json = false, noProgress = false;
 };
 
@@ -73,6 +76,7 @@ class Comparison : private engine::ComparisonObserver {
 
     int run() {
         engine::raise_descriptor_limit();
+        m_report.begin(m_first, m_second);
         if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
             const auto totals = engine::totals_of(m_first, [] { return stop_signal() != 0; });
             m_console.start_progress(m_options.comparison.data ? totals.bytes : 0, totals.files);
@@ -100,6 +104,10 @@ class Comparison : private engine::ComparisonObserver {
             return;
         }
         (void)m_receipt.add(first, second, loss);
+        if (!m_options.report.empty()) {
+            m_report.loss(first, second, loss);
+        }
+        m_lastDifferent = first;
         m_different = m_different || !unreadable;
         m_trouble = m_trouble || unreadable;
         if (m_options.json) {
@@ -115,6 +123,9 @@ class Comparison : private engine::ComparisonObserver {
         }
         ++m_extra;
         m_different = true;
+        if (!m_options.report.empty()) {
+            m_report.problem("", second, "only at the second");
+        }
         if (m_options.json) {
             Json event;
             event.add_text("event", "extra");
@@ -142,7 +153,8 @@ class Comparison : private engine::ComparisonObserver {
         }
     }
 
-    void compared(engine::EntryKind kind, int64_t bytes) override {
+    void compared(const std::string &first, engine::EntryKind kind, int64_t bytes) override {
+        m_report.count(m_lastDifferent == first ? Fate::different : Fate::same, 1, bytes);
         (kind == engine::EntryKind::directory ? m_directories : m_files) += 1;
         m_bytes += bytes;
         progress(0);
@@ -157,6 +169,14 @@ class Comparison : private engine::ComparisonObserver {
         if (stopped()) {
             m_console.message(fmt::format("stopped; {} files compared", m_files));
             status = exitSignal + stop_signal();
+        }
+        if (!m_options.report.empty()) {
+            try {
+                m_report.write(m_options.report, status);
+            } catch (const engine::Failure &failure) {
+                m_console.message(failure.what());
+                status = exitTrouble;
+            }
         }
         if (m_options.json) {
             m_console.line(summary_line(status));
@@ -185,6 +205,8 @@ class Comparison : private engine::ComparisonObserver {
     std::string m_first, m_second;
     Console m_console;
     Receipt m_receipt;
+    Report m_report{"compare"};
+    std::string m_lastDifferent = {};
     bool m_different = false, m_trouble = false;
     int64_t m_files = 0, m_directories = 0, m_bytes = 0, m_read = 0, m_extra = 0, m_same = 0;
 };
@@ -207,6 +229,7 @@ void add_compare_command(const Command &program, int &status) {
     const Option ignored = command.add_values("--ignore", "CLASS,...", "all but these");
     command.add_flag("-q,--quiet", options->quiet, "no line for a difference; the status tells");
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
+    const Option report = add_report_option(command);
     command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
     const Option operands = command.add_operands("A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"
@@ -217,7 +240,8 @@ void add_compare_command(const Command &program, int &status) {
                        "Exit status: 0 the same, 1 different, 2 not all could be compared.\n"
                        "Example:\n"
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
-    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, operands] {
+    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, operands] {
+        options->report = report_path_of(report);
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the two files or directories that are to be compared");

@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
@@ -81,7 +82,7 @@ constexpr const char *kPlanNotes = "\nNothing is done. Entries that are not simp
 
 int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
     const PlanRunOptions options{
-        {.transfer = batch.transfer, .probe = probe}, batch.stopOnError, batch.verbose, batch.json};
+        {.transfer = batch.transfer, .probe = probe}, batch.report, batch.stopOnError, batch.verbose, batch.json};
     return PlanRun(options).run(errands);
 }
 
@@ -103,6 +104,7 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
         command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
     }
     const Option accept = add_accept_option(command);
+    const Option report = add_report_option(command);
     if (run) {
         command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
     }
@@ -127,7 +129,8 @@ void add_transfer_command(const Command &program, int &status, engine::Operation
                                            "  vexofileop move draft.txt final.txt\n"
                                            "  vexofileop move --keep-both *.jpg /volume2/photo"));
     }
-    command.set_work([command, &status, batch, plan, noProbe, policies, operands, accept] {
+    command.set_work([command, &status, batch, plan, noProbe, policies, operands, accept, report] {
+        batch->report = report_path_of(report);
         batch->transfer.accepted = loss_set_of(accept, "--accept");
         batch->transfer.conflict = chosen_policy(command, policies);
         batch->transfer.links = batch->transfer.trees;

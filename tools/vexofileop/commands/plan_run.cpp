@@ -1,8 +1,8 @@
 #include "tools/vexofileop/commands/plan_run.h"
 
+#include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
-#include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
@@ -43,6 +43,7 @@ int PlanRun::run(const std::vector<Errand> &errands) {
         if (stopped()) {
             break;
         }
+        m_report.begin(errand.source, errand.destination);
         m_planner.run(errand.source, errand.destination);
     }
     return finish();
@@ -62,6 +63,7 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     m_bytes += done ? planned.bytes : 0;
     m_staying += planned.sourceStays ? 1 : 0;
     say(planned);
+    report(planned);
     for (const engine::Loss &loss : planned.losses) {
         m_failed = m_receipt.add(planned.source, planned.destination, loss) || m_failed;
         if (m_options.json) {
@@ -69,6 +71,41 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
         } else if (m_options.verbose) {
             m_console.line("  " + loss_text(planned.source, planned.destination, loss));
         }
+    }
+}
+
+void PlanRun::report(const engine::PlannedEntry &planned) {
+    if (m_options.report.empty()) {
+        return;
+    }
+    const bool moves = m_options.plan.transfer.operation == engine::Operation::move;
+    const Fate fate = planned.deed == engine::Deed::fail   ? Fate::failed
+                      : planned.deed == engine::Deed::skip ? Fate::skipped
+                      : planned.cloned                     ? Fate::cloned
+                      : moves                              ? Fate::moved
+                                                           : Fate::copied;
+    if (planned.kind != engine::EntryKind::directory || fate == Fate::failed) {
+        m_report.count(fate, 1, planned.bytes);
+    }
+    if (planned.deed == engine::Deed::fail && planned.problem) {
+        m_report.problem(planned.source, planned.destination, planned.problem->reason);
+    }
+    for (const engine::Loss &loss : planned.losses) {
+        m_report.loss(planned.source, planned.destination, loss);
+    }
+}
+
+// A report that cannot be written is told, and the plan has been told all the same.
+int PlanRun::written(int status) {
+    if (m_options.report.empty()) {
+        return status;
+    }
+    try {
+        m_report.write(m_options.report, status);
+        return status;
+    } catch (const engine::Failure &failure) {
+        m_console.message(failure.what());
+        return status == exitAll ? exitSome : status;
     }
 }
 
@@ -158,6 +195,7 @@ int PlanRun::finish() {
     for (const engine::VolumePlan &volume : m_planner.volumes()) {
         tell_room(volume);
     }
+    status = written(status);
     m_console.line(summary_line(status));
     if (!m_console.check_output() && status == exitAll) {
         status = exitSome;

@@ -4,7 +4,9 @@
 
 #include "tools/engine/plan/plan.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/output/receipt.h"
+#include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 
 #include <string>
@@ -14,13 +16,15 @@ namespace tool {
 
 struct PlanRunOptions {
     engine::PlanOptions plan;
+    std::string report = {}; // the file that it is written to; empty: none
     bool stopOnError = false, verbose = false, json = false;
 };
 
 class PlanRun : private engine::PlanObserver {
   public:
     explicit PlanRun(const PlanRunOptions &options)
-        : m_options(options), m_receipt(options.plan.transfer.accepted), m_planner(options.plan, *this) {}
+        : m_options(options), m_receipt(options.plan.transfer.accepted), m_planner(options.plan, *this),
+          m_report(std::string("plan ") + word_of(options.plan.transfer.operation), options.plan.transfer.accepted) {}
     // The exit status that the run would have.
     int run(const std::vector<Errand> &errands);
 
@@ -29,6 +33,8 @@ class PlanRun : private engine::PlanObserver {
     void tree(const std::string &) override {}
     void entry(const engine::PlannedEntry &planned) override;
     std::string entry_line(const engine::PlannedEntry &planned) const;
+    void report(const engine::PlannedEntry &planned);
+    int written(int status);
     void say(const engine::PlannedEntry &planned);
     void tell_room(const engine::VolumePlan &volume);
     int finish();
@@ -38,6 +44,7 @@ class PlanRun : private engine::PlanObserver {
     Console m_console;
     Receipt m_receipt;
     engine::Planner m_planner;
+    Report m_report;
     int64_t m_deeds[6] = {}; // by Deed, of all entries
     int64_t m_directories = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
     int m_succeeded = 0, m_directoriesDone = 0;

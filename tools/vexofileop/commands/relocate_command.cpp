@@ -1,11 +1,13 @@
 // vexofileop relocate: a whole directory to another place, put there at once or not at all.
 #include "tools/engine/relocate/relocation.h"
 #include "tools/engine/report/error_table.h"
+#include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
@@ -13,6 +15,7 @@
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
 #include "tools/vexofileop/output/receipt.h"
+#include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 
@@ -26,6 +29,7 @@ namespace {
 
 struct Options {
     bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false;
+    std::string report = {};
 };
 
 std::string explanation(const engine::RelocationPlan &plan) {
@@ -54,7 +58,10 @@ std::string explanation(const engine::RelocationPlan &plan) {
 class Relocation : private engine::RelocationObserver {
   public:
     Relocation(const Options &options, engine::RelocationRequest request)
-        : m_options(options), m_plan(engine::plan_relocation(request)), m_receipt(request.accepted) {}
+        : m_options(options), m_plan(engine::plan_relocation(request)), m_receipt(request.accepted),
+          m_report("relocate", request.accepted) {
+        m_report.begin(request.source, request.destination);
+    }
 
     int run() {
         if (!agreed()) {
@@ -64,7 +71,10 @@ class Relocation : private engine::RelocationObserver {
         if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
             m_console.start_progress(engine::totals_of(m_plan.request.source, [] { return stop_signal() != 0; }).bytes);
         }
-        const int status = told(engine::relocate(m_plan, *this));
+        int status = told(engine::relocate(m_plan, *this));
+        if (!write_report(status) && status == exitAll) {
+            status = exitSome;
+        }
         if (m_options.json) {
             m_console.line(summary_line(status));
         }
@@ -90,15 +100,33 @@ class Relocation : private engine::RelocationObserver {
     }
     void copied() override { m_console.clear_progress(); }
     void failed(const std::string &path, const engine::Problem &problem) override {
+        m_report.problem(path, m_plan.request.destination, problem.reason);
         m_console.message(problem_text(engine::displayed(path), problem));
     }
 
     void lost(const std::string &source, const std::string &destination, const engine::Loss &loss) override {
         m_receipt.add(source, destination, loss);
+        m_report.loss(source, destination, loss);
         if (m_options.json) {
             m_console.line(loss_event(source, destination, loss).line());
         } else if (m_options.verbose) {
             m_console.line(loss_text(source, destination, loss));
+        }
+    }
+    bool write_report(int status) {
+        if (m_options.report.empty()) {
+            return true;
+        }
+        const Fate fate = !m_inPlace && status != exitAll ? Fate::failed
+                          : m_plan.request.keepSource     ? Fate::copied
+                                                          : Fate::moved;
+        m_report.count(fate, 1, m_bytes);
+        try {
+            m_report.write(m_options.report, status);
+            return true;
+        } catch (const engine::Failure &failure) {
+            m_console.message(failure.what());
+            return false;
         }
     }
     void tell_receipt() {
@@ -182,6 +210,7 @@ class Relocation : private engine::RelocationObserver {
     engine::RelocationPlan m_plan;
     Console m_console;
     Receipt m_receipt;
+    Report m_report;
     int64_t m_bytes = 0;
     bool m_inPlace = false;
 };
@@ -194,6 +223,7 @@ void add_relocate_command(const Command &program, int &status) {
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     const Option accept = add_accept_option(command);
+    const Option report = add_report_option(command);
     command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
     command.add_flag("--json", options->json, "one JSON object per line: losses, then what came of it");
     command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
@@ -201,16 +231,15 @@ void add_relocate_command(const Command &program, int &status) {
     command.set_footer("\nThe tree is copied into a private directory beside DST and compared with SRC in\n"
                        "all that belongs to it; then the copy takes the place of DST at once, and what\n"
                        "stood there is REMOVED with everything in it. SRC is removed only when all\n"
-                       "arrived, entry by entry, each if it still is what was compared; what came or\n"
-                       "changed meanwhile stays. DST is the new path itself, not a directory to put SRC\n"
-                       "into. The first entry that cannot be copied ends it, with SRC and DST as they\n"
-                       "were. A directory in which a volume is mounted is refused. A run that was\n"
-                       "stopped is finished by the same command again.\n"
+                       "arrived, each entry if it still is what was compared. DST is the new path\n"
+                       "itself. The first entry that cannot be copied ends it, with both as they were;\n"
+                       "a volume mounted in one is refused. A stopped one is finished by the same.\n"
                        "Exit status: 0 done; 1 in place, but something was lost on the way or remains;\n"
                        "2 nothing done; 128 and the number of the signal that stopped it.\n"
                        "Example:\n"
                        "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
-    command.set_work([&status, options, operands, accept] {
+    command.set_work([&status, options, operands, accept, report] {
+        options->report = report_path_of(report);
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");

@@ -1,0 +1,290 @@
+// vexofileop copy and move onto volumes that do not keep everything: nothing is lost under status 0, each loss has its
+// class, and a move keeps what would be lost.
+#include "platform/core.h"
+#include "tests/ea/stream_bytes.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/acl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+timespec creationOf(const std::string &path) {
+    VLIBCStat found{};
+    EXPECT_EQ(0, VLIBCFileStat(path.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found)) << path;
+    return found.createTime;
+}
+
+int64_t unitsOf(const timespec &time) { // in which a record keeps it
+    return time.tv_sec * 10'000'000 + time.tv_nsec / 100;
+}
+
+class Losses : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        KIT_NEEDS_ROOT("to mount volumes, and for what only root sets");
+        ASSERT_EQ(0, ::mkdir(tree.c_str(), 0755));
+        kit::writeFile(file, "content");
+    }
+    // A move of the tree to the volume, which keeps the file for a loss of the class; a copy that tells it; and,
+    // accepted, a move that goes.
+    void expectKept(const kit::Volume &volume, const std::string &cls, const std::string &others = "fat") const {
+        const std::string told = " (" + cls + ")\n";
+        for (const char *how : {"-r", "-rv"}) {
+            const ToolResult copied = runTool({"copy", how, "--accept", others, tree, volume / how});
+            EXPECT_EQ(1, copied.status) << copied.err;
+            EXPECT_TRUE(mentions(copied.err, told)) << copied.err;
+        }
+        const ToolResult moved = runTool({"move", "--accept", others, tree, volume.path()});
+        EXPECT_EQ(1, moved.status) << moved.err;
+        EXPECT_TRUE(mentions(moved.err, told)) << moved.err;
+        EXPECT_EQ("content", kit::readFile(file)) << moved.err;
+        const ToolResult accepted = runTool({"move", "-f", "--accept", others + "," + cls, tree, volume.path()});
+        EXPECT_EQ(0, accepted.status) << accepted.err;
+        EXPECT_TRUE(mentions(accepted.err, "as accepted: ")) << accepted.err;
+        EXPECT_FALSE(kit::exists(tree)) << accepted.err;
+    }
+
+    kit::ScratchDirectory scratch;
+    const std::string tree = scratch / "tree", file = tree + "/file";
+};
+
+// The archive attribute alone is what changing an attribute leaves: a record without a creation time.
+TEST_F(Losses, CreationTimeSurvivesARecordThatHasNone) {
+    ASSERT_EQ(0, runTool({"ea", "set", file, "note", "x"}).status);
+    const timespec created = creationOf(file);
+    for (const char *how : {"-r", "-rv"}) {
+        const std::string to = scratch / how;
+        const ToolResult result = runTool({"copy", how, tree, to});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ(unitsOf(created), unitsOf(creationOf(to + "/file"))) << how;
+    }
+    const ToolResult single = runTool({"copy", file, scratch / "single"});
+    EXPECT_EQ(0, single.status) << single.err;
+    EXPECT_EQ(unitsOf(created), unitsOf(creationOf(scratch / "single")));
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ToolResult moved = runTool({"move", tree, volume / "there"});
+    EXPECT_EQ(0, moved.status) << moved.err;
+    EXPECT_EQ(unitsOf(created), unitsOf(creationOf(volume / "there/file")));
+    EXPECT_FALSE(kit::exists(tree));
+}
+
+TEST_F(Losses, AttributesOfTheSystem) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    constexpr unsigned char capability[20] = {1, 0, 0, 2, 0, 4};
+    if (::setxattr(file.c_str(), "security.capability", capability, sizeof capability, 0) != 0) {
+        GTEST_SKIP() << "this volume or this root cannot set such attributes";
+    }
+    expectKept(volume, "system-attribute");
+}
+
+TEST_F(Losses, AttributesOfTheSystemGoAlongToAVolumeThatKeepsThem) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    if (::setxattr(file.c_str(), "trusted.note", "t", 1, 0) != 0 ||
+        ::setxattr(tree.c_str(), "trusted.note", "d", 1, 0) != 0) {
+        GTEST_SKIP() << "this volume or this root cannot set such attributes";
+    }
+    const ToolResult result = runTool({"move", tree, volume.path()});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("t", kit::attribute(volume / "tree/file", "trusted.note"));
+    EXPECT_EQ("d", kit::attribute(volume / "tree", "trusted.note"));
+}
+
+TEST_F(Losses, AttributeThatIsTooLargeForTheOtherVolume) {
+    KIT_REQUIRE(large, kit::Volume::loop("xfs", 320 << 20));
+    KIT_REQUIRE(small, kit::Volume::loop("ext4", 16 << 20));
+    ASSERT_EQ(0, ::mkdir((large / "tree").c_str(), 0755));
+    kit::writeFile(large / "tree/file", "content");
+    kit::setAttribute(large / "tree/file", "user.large", std::string(30'000, 'l'));
+    const ToolResult result = runTool({"move", large / "tree", small.path()});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "attribute user.large: only at the first, 30000 bytes (attribute)\n"))
+        << result.err;
+    EXPECT_EQ("content", kit::readFile(large / "tree/file"));
+    const ToolResult copied = runTool({"copy", "-rf", large / "tree", small / "copy"});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "(attribute)\n")) << copied.err;
+}
+
+TEST_F(Losses, AttributesOfADirectory) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    kit::setAttribute(tree, "user.note", "n");
+    const ToolResult moved = runTool({"move", "--accept", "fat", tree, volume.path()});
+    EXPECT_EQ(1, moved.status);
+    EXPECT_TRUE(mentions(moved.err, "(attribute)\n")) << moved.err;
+    EXPECT_EQ("n", kit::attribute(tree, "user.note"));
+}
+
+TEST_F(Losses, AccessAclWhoseMaskWouldBecomeTheGroupsRights) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    acl_t acl = ::acl_from_text("u::rw-,u:1234:rw-,g::r--,m::rw-,o::---");
+    ASSERT_NE(nullptr, acl);
+    ASSERT_EQ(0, ::acl_set_file(file.c_str(), ACL_TYPE_ACCESS, acl));
+    ::acl_free(acl);
+    const ToolResult result = runTool({"copy", "--accept", "creation-time", file, volume / "file"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "1 access ACL not kept: ")) << result.err;
+    expectKept(volume, "acl-access", "owner,mode,creation-time");
+}
+
+TEST_F(Losses, WhatIsNobodysInTheStore) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkdir((tree + "/@eaDir").c_str(), 0777));
+    kit::writeFile(tree + "/@eaDir/renamed away@VexoEAStream", "s");
+    const ToolResult copied = runTool({"copy", "-r", tree, scratch / "copy"});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "@eaDir/renamed away@VexoEAStream belongs to no entry (not-carried)\n"))
+        << copied.err;
+    const ToolResult moved = runTool({"move", tree, volume.path()});
+    EXPECT_EQ(1, moved.status);
+    EXPECT_TRUE(mentions(moved.err, "@eaDir/renamed away@VexoEAStream belongs to no entry (not-carried)\n"))
+        << moved.err;
+    EXPECT_EQ("s", kit::readFile(tree + "/@eaDir/renamed away@VexoEAStream"));
+}
+
+// What other services keep for a file goes along with a move, all of it; a copy leaves it, and says so.
+TEST_F(Losses, FilesOfOtherServicesInTheStore) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    for (const char *directory : {"/@eaDir", "/@eaDir/file", "/@eaDir/file/deep"}) {
+        ASSERT_EQ(0, ::mkdir((tree + directory).c_str(), 0777));
+    }
+    kit::writeFile(tree + "/@eaDir/file/thumb", "thumb");
+    kit::writeFile(tree + "/@eaDir/file/deep/thumb", "deep thumb");
+    const ToolResult copied = runTool({"copy", "-r", tree, scratch / "copy"});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "(not-carried)\n")) << copied.err;
+    const ToolResult moved = runTool({"move", tree, volume.path()});
+    for (const char *name : {"thumb", "deep/thumb"}) {
+        const std::string there = volume / "tree/@eaDir/file/" + name, here = tree + "/@eaDir/file/" + name;
+        EXPECT_TRUE(kit::exists(there) || kit::exists(here)) << name << ": " << moved.err;
+        EXPECT_TRUE(moved.status == 1 || kit::exists(there)) << name << ": " << moved.err;
+    }
+}
+
+TEST_F(Losses, DirectoryThatIsCalledAlmostLikeTheStores) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkdir((tree + "/@EADIR").c_str(), 0755));
+    kit::writeFile(tree + "/@EADIR/mine", "m");
+    for (const char *command : {"move", "relocate"}) {
+        kit::writeFile(file, "content");
+        const std::string to = volume / command;
+        const ToolResult result =
+            std::string(command) == "move" ? runTool({"move", tree, to}) : runTool({"relocate", "-y", tree, to});
+        EXPECT_EQ(1, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, "@EADIR")) << result.err;
+        EXPECT_EQ("m", kit::readFile(tree + "/@EADIR/mine")) << command;
+    }
+}
+
+TEST_F(Losses, NamesThatChangeOrBecomeOne) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    kit::writeFile(tree + "/a?", "one");
+    kit::writeFile(tree + "/a*", "two");
+    ASSERT_EQ(0, ::unlink(file.c_str()));
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=0").c_str(), 1);
+    for (const char *policy : {"-r", "-rn", "-rf"}) {
+        const ToolResult result =
+            runTool({"copy", policy, "--accept", "fat", tree, volume / ("to" + std::string(policy))});
+        EXPECT_EQ(1, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, "1 name changed: ")) << result.err;
+        EXPECT_TRUE(mentions(result.err, "another name of the source has become the same one")) << result.err;
+        EXPECT_EQ(1U, kit::namesIn(volume / ("to" + std::string(policy))).size());
+    }
+    const ToolResult moved = runTool({"move", "--accept", "fat,name-changed", tree, volume.path()});
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(1, moved.status);
+    EXPECT_EQ(1U, kit::namesIn(tree).size()) << moved.err;
+}
+
+TEST_F(Losses, HolesAndHardLinksCostRoomAlone) {
+    ASSERT_EQ(0, ::link(file.c_str(), (tree + "/second").c_str()));
+    for (const char *how : {"-r", "-rv"}) {
+        const ToolResult result = runTool({"copy", how, tree, scratch / how});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_TRUE(mentions(result.err, "2 names that became files of their own, which takes more room, for example "))
+            << result.err;
+        EXPECT_TRUE(mentions(result.err, ": 2 names at the first, 1 at the second: 7 bytes (hard-link)\n"))
+            << result.err;
+    }
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ToolResult moved = runTool({"move", tree, volume.path()});
+    EXPECT_EQ(0, moved.status) << moved.err;
+    EXPECT_TRUE(mentions(moved.err, "2 names that became files of their own")) << moved.err;
+}
+
+TEST_F(Losses, WhatALinkLeadsToHasItsStoreBesideIt) {
+    ASSERT_EQ(0, runTool({"ea", "set", file, "note", "x"}).status);
+    ASSERT_EQ(0, ::symlink("tree/file", (scratch / "link").c_str()));
+    const ToolResult result = runTool({"copy", scratch / "link", scratch / "copy"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("x", runTool({"ea", "get", scratch / "copy", "note"}).out);
+}
+
+// ---- --report
+
+TEST_F(Losses, ReportTellsWhatWasDoneAndLost) {
+    ASSERT_EQ(0, ::mkfifo((tree + "/<pipe>").c_str(), 0600));
+    const std::string page = scratch / "report.html", json = scratch / "report.json";
+    EXPECT_EQ(1, runTool({"copy", "-r", "--report", page, tree, scratch / "one"}).status);
+    const std::string html = kit::readFile(page);
+    EXPECT_TRUE(mentions(html, "<title>1 copied, 7 B</title>")) << html;
+    EXPECT_TRUE(mentions(html, "<title>1 skipped, 0 B</title>")) << html;
+    EXPECT_TRUE(mentions(html, tree + "/&lt;pipe&gt;</code>")) << html;
+    EXPECT_FALSE(mentions(html, "<pipe>")) << html;
+    EXPECT_EQ(1, runTool({"relocate", "-y", "--report", json, tree, scratch / "two"}).status);
+    EXPECT_TRUE(mentions(kit::readFile(json), R"("class":"special-file")")) << kit::readFile(json);
+}
+
+TEST_F(Losses, ReportThatCannotBeWrittenFailsAndLosesNothing) {
+    const ToolResult result = runTool({"copy", "--report", scratch / "none/report.html", file, scratch / "copy"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "none/report.html: the report cannot be written: ")) << result.err;
+    EXPECT_EQ("content", kit::readFile(scratch / "copy"));
+    const ToolResult suffix = runTool({"copy", "--report", scratch / "report.txt", file, scratch / "second"});
+    EXPECT_EQ(2, suffix.status);
+    EXPECT_TRUE(mentions(suffix.err, "ends neither in .html nor in .json")) << suffix.err;
+    EXPECT_FALSE(kit::exists(scratch / "second"));
+}
+
+// ---- --verify
+
+TEST_F(Losses, VerifyReadsWhatWasWritten) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(8 << 20));
+    kit::writeFile(tree + "/large", kit::pattern(3 << 20));
+    kit::writeSparse(tree + "/sparse", 1 << 20, {{65536, 4096}});
+    const ToolResult copied = runTool({"copy", "-r", "--verify", tree, scratch / "copy"});
+    EXPECT_EQ(0, copied.status) << copied.err;
+    const ToolResult moved = runTool({"move", "--verify", tree, volume.path()});
+    EXPECT_EQ(0, moved.status) << moved.err;
+    EXPECT_EQ(kit::pattern(3 << 20), kit::readFile(volume / "tree/large"));
+    EXPECT_FALSE(kit::exists(tree));
+}
+
+TEST_F(Losses, VerifyWritesNothingWhereTheOldFileCouldNotComeBack) {
+    ASSERT_EQ(0, ::mkdir((scratch / "closed").c_str(), 0755));
+    kit::writeFile(scratch / "closed/file", "old");
+    ASSERT_EQ(0, ::chmod((scratch / "closed/file").c_str(), 0666));
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+    const ToolResult result = runTool({"copy", "-f", "--verify", file, scratch / "closed/file"}, {.user = 1234});
+    EXPECT_EQ(2, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.err, "until it is verified; not replaced")) << result.err;
+    EXPECT_EQ("old", kit::readFile(scratch / "closed/file"));
+}
+
+} // namespace
