@@ -52,11 +52,13 @@ class EntryComparison {
             return;
         }
         compare_own();
-        if (more()) {
-            m_one.pin();
-            m_other.pin();
+        // Whoever reads it all opens it first, and asks by descriptor from then on.
+        const bool read = S_ISREG(type) && m_sameSize && m_findings.options.data;
+        if (read || more()) {
+            m_one.pin(read);
+            m_other.pin(read);
             compare_attributes(m_one, m_other, m_findings);
-            if (S_ISREG(type) && m_sameSize && m_findings.options.data) {
+            if (read) {
                 compare_content(m_one, m_other, m_findings);
             }
             if (S_ISREG(type) && m_findings.options.costs) {
@@ -73,8 +75,7 @@ class EntryComparison {
         m_one.list();
         m_other.list();
         const bool holdsMore = m_one.may_hold_more() || m_other.may_hold_more();
-        return holdsMore || (S_ISREG(m_one.type()) &&
-                             (m_findings.options.data || (m_findings.options.costs && m_one.may_have_holes())));
+        return holdsMore || (S_ISREG(m_one.type()) && m_findings.options.costs && m_one.may_have_holes());
     }
     void compare_own() {
         const struct stat &first = m_one.status().st, &second = m_other.status().st;
@@ -116,7 +117,7 @@ class EntryComparison {
 
 } // namespace
 
-std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options) {
+std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options, const FirstLook &look) {
     Findings findings{options};
     const char *which = "the first";
     std::unique_ptr<EntryView> one, other;
@@ -135,8 +136,14 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
         }
         return findings.losses;
     }
-    findings.attempt("the entry", [&] { EntryComparison(*one, *other, findings).run(); });
+    if (!look || look(one->status().st, other->status().st)) {
+        findings.attempt("the entry", [&] { EntryComparison(*one, *other, findings).run(); });
+    }
     return findings.losses;
+}
+
+std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options) {
+    return compare_entries(a, b, options, {});
 }
 
 } // namespace engine

@@ -6,6 +6,7 @@
 #include "tools/engine/losses/loss.h"
 
 #include <functional>
+#include <sys/stat.h>
 #include <vector>
 
 namespace engine {
@@ -17,6 +18,7 @@ struct CompareOptions {
     // The source as it was before its times were touched: those of its status count then. Null: as it is.
     const VLIBCStat *before = nullptr;
     std::function<bool()> stopped = {}; // asked while data are read; an end by it is a loss of the class "unreadable"
+    std::function<void(int64_t bytes)> progress = {}; // so many more bytes of the content of `a` are done
 };
 
 // What differs between the source `a` and what stands at `b`; nothing: `b` has all of it. Directories are compared
@@ -33,5 +35,10 @@ struct CompareOptions {
 // stat and a list of attributes, and no descriptor. Of more than that the entries are opened (O_PATH) and asked by
 // descriptor, and it is told when they are no longer those that were looked at.
 std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options = {});
+
+// The same for a caller that wants to know what was seen at the first look, when both are there, and may end it by
+// false.
+using FirstLook = std::function<bool(const struct stat &a, const struct stat &b)>;
+std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options, const FirstLook &look);
 
 } // namespace engine

@@ -80,7 +80,9 @@ bool EntryView::is_representation(const std::string &name) const {
 std::vector<std::string> EntryView::all_names() const {
     const std::string named = m_side.path();
     const auto list = grown([&](char *bytes, size_t size) {
-        return m_file.empty() ? ::llistxattr(named.c_str(), bytes, size) : ::listxattr(m_file.c_str(), bytes, size);
+        return m_readable       ? ::flistxattr(m_pin.get(), bytes, size)
+               : m_file.empty() ? ::llistxattr(named.c_str(), bytes, size)
+                                : ::listxattr(m_file.c_str(), bytes, size);
     });
     std::vector<std::string> names;
     if (!list && errno != EOPNOTSUPP && errno != ENOSYS) {
@@ -126,8 +128,20 @@ bool EntryView::may_hold_more() const {
     }
 }
 
-void EntryView::pin() {
-    Descriptor opened(::openat(m_side.directory, m_side.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+void EntryView::pin(bool forReading) {
+    // Without waiting, should something else stand there now; and a look that leaves no trace is for the owner and for
+    // root.
+    constexpr int reading = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+    Descriptor opened(-1);
+    for (const int flags : {reading | O_NOATIME, reading, O_PATH | O_NOFOLLOW | O_CLOEXEC}) {
+        m_readable = (flags & O_PATH) == 0;
+        if (forReading || !m_readable) {
+            opened = Descriptor(::openat(m_side.directory, m_side.name.c_str(), flags));
+        }
+        if (opened.get() >= 0 || (errno != EPERM && errno != EACCES && forReading)) {
+            break;
+        }
+    }
     struct stat found {};
     if (opened.get() < 0 || ::fstat(opened.get(), &found) != 0) {
         throw_errno("cannot be opened");

@@ -36,8 +36,10 @@ class EntryView {
     bool may_hold_more() const;
 
     // Opens the entry, so that what is asked from here on is asked of this one. Lists anew. Throws Failure when it is
-    // no longer the one that was looked at.
-    void pin();
+    // no longer the one that was looked at. `forReading`: a regular file whose content is going to be read, too.
+    void pin(bool forReading = false);
+    // Open for reading, where it was asked for and may be; else below 0. Stays the entry's.
+    int readable() const { return m_readable ? m_pin.get() : -1; }
     // A path of what was pinned, for calls that take one.
     const std::string &file() const { return m_file; }
     // Nothing: it is gone. Throws Failure.
@@ -55,6 +57,7 @@ class EntryView {
     std::vector<std::string> m_names;
     bool m_metadata = false; // among its attributes is the one with the AppleDouble header
     Descriptor m_pin{-1};
+    bool m_readable = false;
     std::string m_file;
     std::unique_ptr<StoreContents> m_contents;
 };

@@ -71,6 +71,7 @@ VolumeFacts volume_facts(int directory, int type) {
     facts.magic = ::fstatfs(directory, &volume) == 0 ? static_cast<uint32_t>(volume.f_type) : 0;
     const auto *const row = std::ranges::find(kGrains, facts.magic, &GrainRow::magic);
     facts.timeGrain = row == std::end(kGrains) ? 0 : row->grain;
+    facts.largestFile = largest_file(directory, facts.type);
     struct stat found {};
     facts.noDirectory = ::fstatat(directory, "@eaDir", &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
     return facts;

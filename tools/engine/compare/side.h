@@ -16,6 +16,7 @@ struct VolumeFacts {
     uint32_t magic = 0;       // of the file system, by the kernel
     int64_t timeGrain = 1;    // nanoseconds between two modification times; 0: to be found out from an entry's times
     bool noDirectory = false; // a walk knows that there is no "@eaDir" beside the entries
+    uint64_t largestFile = 0; // a file of this size, and a larger one, is too large; 0: no limit is known
 };
 
 // Asks for the volume of an open directory. `type`: the code where the caller knows it; -1: asked for here, by the path

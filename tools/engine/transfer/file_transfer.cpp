@@ -484,16 +484,18 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     for (Loss &loss : complete_copy(source, attempt.to.side_now(name), compare_options(false))) {
         attempt.losses.push_back(std::move(loss));
     }
-    // Of the last name of a file that was moved by another one nothing shows that they were one.
-    const struct stat &file = *attempt.entry;
-    if (m_options.operation == Operation::copy || !S_ISREG(file.st_mode)) {
-        return;
-    }
-    if (file.st_nlink > 1) {
-        m_linked.insert({file.st_dev, file.st_ino});
-    } else if (m_linked.contains({file.st_dev, file.st_ino})) {
-        attempt.losses.push_back(
-            {LossClass::hard_link, fmt::format("another name of it was moved before: {} bytes", file.st_size)});
+    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.losses);
+}
+
+// Of a file of several names each becomes one of its own: that is told from the second one on. Of the last name that
+// is moved nothing shows that there were more, and names that are no part of the run are nobody's loss.
+void FileTransfer::count_names(const struct stat &file, std::vector<Loss> &losses) {
+    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
+    const std::pair inode{file.st_dev, file.st_ino};
+    if (S_ISREG(file.st_mode) && (file.st_nlink > 1 || m_linked.contains(inode)) && !m_linked.insert(inode).second) {
+        losses.push_back(
+            {LossClass::hard_link,
+             fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", file.st_size)});
     }
 }
 
@@ -566,10 +568,16 @@ void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) const {
     }
 }
 
-std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldDirectory &to,
-                                          const std::string &name) const {
-    return m_options.compared ? complete_copy(from.side(name), to.side(name), compare_options(false))
-                              : std::vector<Loss>();
+std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name) {
+    std::vector<Loss> losses;
+    if (m_options.compared) {
+        losses = complete_copy(from.side(name), to.side(name), compare_options(false));
+    }
+    const auto linked = [](const Loss &loss) { return loss.cls == LossClass::hard_link; };
+    if (const auto found = std::ranges::any_of(losses, linked) ? from.look(name) : std::nullopt) {
+        count_names(*found, losses);
+    }
+    return losses;
 }
 
 void FileTransfer::remember(const HeldDirectory &to, const std::string &name) {

@@ -41,7 +41,7 @@ class FileTransfer {
                 Surroundings around = {});
 
     // What became of an entry that the library has made without this: what can come late is given to it.
-    std::vector<Loss> losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name) const;
+    std::vector<Loss> losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
     // It is not replaced by a later one of this run.
     void remember(const HeldDirectory &to, const std::string &name);
     bool compares() const { return m_options.compared; }
@@ -72,6 +72,7 @@ class FileTransfer {
     void carry_metadata(Attempt &attempt, const std::string &name);
     void remove_source(Attempt &attempt, Outcome &outcome) const;
     void compare(Attempt &attempt, const std::string &name);
+    void count_names(const struct stat &file, std::vector<Loss> &losses);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
     CompareOptions compare_options(bool data) const;
     static void find_real_place(Attempt &attempt);
@@ -81,7 +82,7 @@ class FileTransfer {
     TransferObserver &m_observer;
     HeldDirectory m_from, m_to;
     WrittenEntries m_written;                   // destinations of this run
-    std::set<std::pair<dev_t, ino_t>> m_linked; // files of which a name was moved away
+    std::set<std::pair<dev_t, ino_t>> m_linked; // files of several names, one of which went before
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

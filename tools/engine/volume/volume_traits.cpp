@@ -1,7 +1,10 @@
 #include "tools/engine/volume/volume_traits.h"
 
+#include "copy/copy.h"
+
 #include <algorithm>
 #include <iterator>
+#include <string>
 
 namespace engine {
 namespace {
@@ -30,6 +33,10 @@ constexpr Row kRows[] = {
 VolumeTraits volume_traits(int typeCode) {
     const auto *const row = std::ranges::find(kRows, typeCode, &Row::typeCode);
     return row == std::end(kRows) ? VolumeTraits{} : row->traits;
+}
+
+uint64_t largest_file(int directory, int typeCode) {
+    return _VEXOCopyFsFileSizeLimitGet(("/proc/self/fd/" + std::to_string(directory) + "/.").c_str(), typeCode);
 }
 
 const char *kind_text(StoreKind kind) {

@@ -1,6 +1,8 @@
 // What volumes do with what belongs to a file, by their type codes. The one place of the engine that knows the codes.
 #pragma once
 
+#include <cstdint>
+
 namespace engine {
 
 // The ways in which volumes keep what belongs to a file.
@@ -13,6 +15,9 @@ struct VolumeTraits {
     bool fatNames = false;   // names change as the FAT family has it
     bool wholeTrees = false; // names stay as they are, links are taken, and stores lie in "@eaDir"
 };
+
+// The size from which on a file is too large for the volume of an open directory; 0: no limit is known.
+uint64_t largest_file(int directory, int typeCode);
 
 // Of a type that nobody knows: nothing beside a file, no links, owners.
 VolumeTraits volume_traits(int typeCode);

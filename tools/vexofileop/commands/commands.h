@@ -11,6 +11,8 @@ using AddCommand = void (*)(const Command &program, int &status);
 
 void add_copy_command(const Command &program, int &status);
 void add_move_command(const Command &program, int &status);
+void add_compare_command(const Command &program, int &status);
+void add_plan_command(const Command &program, int &status);
 void add_remove_command(const Command &program, int &status);
 void add_relocate_command(const Command &program, int &status);
 void add_reflink_command(const Command &program, int &status);

@@ -1,4 +1,4 @@
-// vexofileop copy and vexofileop move.
+// vexofileop copy and vexofileop move, and the plans of both.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
@@ -8,6 +8,7 @@
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
+#include "tools/vexofileop/commands/plan_run.h"
 
 #include <fmt/format.h>
 #include <memory>
@@ -102,55 +103,126 @@ constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and ex
                                "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
                                "2 none or wrong usage; 130 after Ctrl-C.\n";
 
-void add_transfer_command(const Command &program, int &status, engine::Operation operation) {
+constexpr const char *kPlanNotes = "\nNothing is done. Entries that are not simply new are told (-v: all), then what\n"
+                                   "would be lost, by class, the room that is needed and is there, and the status\n"
+                                   "of the run, which is that of the plan too. What a volume takes is tried in a\n"
+                                   "private directory of the destination, removed again, where its times can be\n"
+                                   "put back; else, or with --no-probe, the system is believed. -i means yes.\n";
+
+int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
+    const PlanRunOptions options{
+        {.transfer = batch.transfer, .probe = probe}, batch.report, batch.stopOnError, batch.verbose, batch.json};
+    return PlanRun(options).run(errands);
+}
+
+enum class Act { run, plan };
+
+std::string footer(engine::Operation operation, Act act) {
     const bool copy = operation == engine::Operation::copy;
-    const Command command = program.add_command(
-        word_of(operation), copy ? "Copy files and trees with all that is theirs" : "Move or rename files and trees");
-    const auto batch = std::make_shared<BatchOptions>();
-    BatchOptions &options = *batch;
-    options.transfer.operation = operation;
-    options.transfer.trees = !copy;
-    const std::vector<Policy> policies = add_policies(command);
-    if (copy) {
-        command.add_flag("-r,-R,-a,--recursive,--archive", options.transfer.trees,
-                         "directories too; links in them stay links");
-        command.add_flag("--clone", options.transfer.clone, "share the data on btrfs; copy it where that fails");
+    if (act == Act::plan) {
+        return std::string(kPlanNotes) + "Example:\n  vexofileop plan " + word_of(operation) + (copy ? " -r" : "") +
+               " photos /volume2/backup";
     }
-    const Option accept = add_accept_option(command);
-    const Option report = add_report_option(command);
-    command.add_flag("--verify", options.transfer.verify, "read each file back and compare it with its source");
-    command.rare().add_flag(copy ? "-p,--preserve" : "-r,-R,-a,-p", copy ? "accepted: everything goes along anyway"
-                                                                         : "accepted: this is what a move does anyway");
-    const auto target = std::make_shared<TargetOptions>(command);
-    command.rare().add_flag("--stop-on-error", options.stopOnError, "end at the first entry that fails");
-    command.add_flag("-v,--verbose", options.verbose, "say what is done, and all that is not carried");
-    command.add_flag("-q,--quiet", options.quiet, "say nothing but what fails; no progress line");
-    command.add_flag("--json", options.json, "one JSON object per line: each entry, then a summary");
-    command.rare().add_flag("--no-progress", options.noProgress, "no progress line on a terminal");
-    const SelectionOptions selection(command);
-    const PathOperands operands(command, "FILE", "FILE... DEST");
-    command.set_footer(std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
-                                                   : "Examples:\n"
-                                                     "  vexofileop move draft.txt final.txt\n"
-                                                     "  vexofileop move --keep-both *.jpg /volume2/photo"));
-    command.set_work([command, &status, batch, policies, target, selection, operands, accept, report] {
-        batch->transfer.selection = selection.chosen();
-        batch->report = report_path_of(report);
-        batch->transfer.accepted = loss_set_of(accept, "--accept");
-        batch->transfer.conflict = chosen_policy(command, policies);
-        batch->transfer.links = batch->transfer.trees;
-        status = Batch(*batch).run(planned(operands, *target, batch->transfer.operation, batch->transfer.conflict));
-    });
+    return std::string(kNotes) + (copy ? "Example:\n  vexofileop copy -rn film.mkv photos /volume2/backup"
+                                       : "Examples:\n"
+                                         "  vexofileop move draft.txt final.txt\n"
+                                         "  vexofileop move --keep-both *.jpg /volume2/photo");
+}
+
+const char *line_of(engine::Operation operation, Act act) {
+    const bool copy = operation == engine::Operation::copy;
+    return act == Act::plan ? (copy ? "Tell what a copy would do" : "Tell what a move would do")
+           : copy           ? "Copy files and trees with all that is theirs"
+                            : "Move or rename files and trees";
+}
+
+// What the command line of a copy, a move or a plan of one has.
+class TransferArguments {
+  public:
+    TransferArguments(const Command &command, engine::Operation operation, Act act)
+        : m_command(command), m_plan(act == Act::plan), m_policies(add_policies(command)),
+          m_accept(add_accept_option(command)), m_report(add_report_option(command)), m_target(command),
+          m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
+        m_options.transfer.operation = operation;
+        m_options.transfer.trees = operation == engine::Operation::move;
+        add_ways(act);
+        add_output(act);
+    }
+
+    int run() {
+        engine::TransferOptions &transfer = m_options.transfer;
+        m_options.report = report_path_of(m_report);
+        transfer.selection = m_selection.chosen();
+        transfer.accepted = loss_set_of(m_accept, "--accept");
+        transfer.conflict = chosen_policy(m_command, m_policies);
+        transfer.links = transfer.trees;
+        const std::vector<Errand> errands = planned(m_operands, m_target, transfer.operation, transfer.conflict);
+        return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
+    }
+
+  private:
+    void add_ways(Act act) {
+        if (m_options.transfer.operation == engine::Operation::copy) {
+            m_command.add_flag("-r,-a,--recursive", m_options.transfer.trees,
+                               "directories too; links in them stay links");
+            m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "the same");
+            m_command.rare().add_flag("--clone", m_options.transfer.clone,
+                                      "share the data on btrfs; copy it where that fails");
+            m_command.rare().add_flag("-p,--preserve", "accepted: everything goes along anyway");
+        } else {
+            m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
+        }
+        m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
+        if (act == Act::run) {
+            m_command.add_flag("--dry-run", m_plan, "do nothing; tell what would be done, as \"plan\" does");
+            m_command.add_flag("--verify", m_options.transfer.verify,
+                               "read each file back and compare it with its source");
+        } else {
+            m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");
+        }
+    }
+    void add_output(Act act) {
+        m_command.add_flag("-v,--verbose", m_options.verbose, "say what is done, and all that is not carried");
+        m_command.add_flag("--json", m_options.json, "one JSON object per line: each entry, then a summary");
+        if (act == Act::run) {
+            m_command.rare().add_flag("-q,--quiet", m_options.quiet, "say nothing but what fails; no progress line");
+            m_command.rare().add_flag("--no-progress", m_options.noProgress, "no progress line on a terminal");
+        }
+    }
+
+    Command m_command;
+    BatchOptions m_options;
+    bool m_plan, m_noProbe = false;
+    std::vector<Policy> m_policies;
+    Option m_accept, m_report;
+    TargetOptions m_target;
+    SelectionOptions m_selection;
+    PathOperands m_operands;
+};
+
+void add_transfer_command(const Command &program, int &status, engine::Operation operation, Act act) {
+    const Command command = program.add_command(word_of(operation), line_of(operation, act));
+    const auto arguments = std::make_shared<TransferArguments>(command, operation, act);
+    command.set_footer(footer(operation, act));
+    command.set_work([&status, arguments] { status = arguments->run(); });
 }
 
 } // namespace
 
 void add_copy_command(const Command &program, int &status) {
-    add_transfer_command(program, status, engine::Operation::copy);
+    add_transfer_command(program, status, engine::Operation::copy, Act::run);
 }
 
 void add_move_command(const Command &program, int &status) {
-    add_transfer_command(program, status, engine::Operation::move);
+    add_transfer_command(program, status, engine::Operation::move, Act::run);
+}
+
+void add_plan_command(const Command &program, int &status) {
+    const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
+    command.require_command();
+    command.set_footer("\nExample:\n  vexofileop plan copy -r photos /volume2/backup");
+    add_transfer_command(command, status, engine::Operation::copy, Act::plan);
+    add_transfer_command(command, status, engine::Operation::move, Act::plan);
 }
 
 } // namespace tool

@@ -1,0 +1,190 @@
+#include "tests/agreement/random_tree.h"
+
+#include "platform/core.h"
+#include "platform/sdk.h"
+#include "tests/kit/scratch.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/store/store.h"
+#include "tools/engine/walk/look.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/acl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <vector>
+
+namespace agreement {
+namespace {
+
+constexpr const char *kNames[] = {"plain",
+                                  "with blank",
+                                  "odd\nname",
+                                  "gr\xc3\xbc\xc3\x9f",
+                                  "not\xff"
+                                  "utf8",
+                                  ".hidden",
+                                  "a?b*c",
+                                  "long",
+                                  "sparse",
+                                  "more.tar.gz"};
+
+class Grower {
+  public:
+    Grower(uint32_t seed, bool older) : m_random(seed), m_older(older) {}
+
+    void directory(const std::string &path, int depth) {
+        ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+        const size_t entries = below(depth == 0 ? 7 : 4) + (depth == 0 ? 1 : 0);
+        for (size_t number = 0; number < entries; ++number) {
+            std::string name = kNames[below(std::size(kNames))];
+            name += std::to_string(number) + (name == "long" ? std::string(230, 'n') : "");
+            // What stands there already has some of the names, and they are not always what they are here.
+            if (m_older && below(2) == 0) {
+                name += "x";
+            }
+            entry(path + "/" + name, depth);
+        }
+        if (!m_older && below(6) == 0) {
+            ASSERT_EQ(0, ::mkdir((path + "/@tmp").c_str(), 0755));
+        }
+        if (!m_older && below(6) == 0) {
+            kit::writeFile(path + "/._stray", "stray");
+        }
+        if (!m_older && below(6) == 0 && engine::exists(path + "/@eaDir")) {
+            kit::writeFile(path + "/@eaDir/nobody@VexoEAStream", "nobody's");
+        }
+        belongings(path, true);
+    }
+
+  private:
+    size_t below(size_t end) { return std::uniform_int_distribution<size_t>(0, end - 1)(m_random); }
+
+    void entry(const std::string &path, int depth) {
+        switch (below(12)) {
+        case 0:
+        case 1:
+            if (depth < 2) {
+                directory(path, depth + 1);
+                return;
+            }
+            break;
+        case 2:
+            ASSERT_EQ(0, ::symlink(below(2) == 0 ? "plain0" : "nowhere/at all", path.c_str()));
+            owners(path);
+            times(path);
+            return;
+        case 3:
+            if (!m_older) {
+                ASSERT_EQ(0, ::mkfifo(path.c_str(), 0640));
+            }
+            return;
+        case 4:
+            if (!m_older && !m_files.empty()) {
+                ASSERT_EQ(0, ::link(m_files[below(m_files.size())].c_str(), path.c_str()));
+                return;
+            }
+            break;
+        case 5:
+            kit::writeSparse(path, 1 << 20, {{1 << 19, 5000}}, static_cast<uint32_t>(below(100)));
+            belongings(path, false);
+            return;
+        default:
+            break;
+        }
+        kit::writeFile(path, kit::pattern(below(9000), static_cast<uint32_t>(below(1000))));
+        belongings(path, false);
+        m_files.push_back(path);
+    }
+
+    void owners(const std::string &path) {
+        constexpr uid_t users[] = {0, 0, 7, 65534};
+        ASSERT_EQ(0, ::lchown(path.c_str(), users[below(4)], users[below(4)]));
+    }
+    // Of a directory last: its entries change them. A creation time goes where the volume keeps one.
+    void times(const std::string &path) {
+        const auto moment = [this] {
+            return timespec{static_cast<time_t>(1'000'000'000 + below(700'000'000)),
+                            static_cast<long>(below(10'000'000)) * 100};
+        };
+        const timespec all[] = {moment(), moment(), moment()};
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), all, AT_SYMLINK_NOFOLLOW));
+        if (!S_ISLNK(kit::statOf(path).st_mode)) {
+            (void)VLIBCFileUTime(path.c_str(), 3, all);
+        }
+    }
+
+    // What the volume refuses is not there, on any volume of a pair.
+    void attribute(const std::string &path, const char *name, size_t size) {
+        const std::string value = kit::pattern(size, static_cast<uint32_t>(below(100)));
+        (void)::lsetxattr(path.c_str(), name, value.data(), value.size(), 0);
+    }
+    static void acl(const std::string &path, acl_type_t type, const char *text) {
+        acl_t parsed = ::acl_from_text(text);
+        (void)::acl_set_file(path.c_str(), type, parsed);
+        ::acl_free(parsed);
+    }
+
+    void belongings(const std::string &path, bool directory) {
+        constexpr mode_t modes[] = {0644, 0600, 0755, 0440, 04755, 02750, 01777, 0666};
+        owners(path);
+        ASSERT_EQ(0, ::chmod(path.c_str(), modes[below(std::size(modes))]));
+        if (below(3) == 0) {
+            attribute(path, "user.note", below(40));
+        }
+        if (below(6) == 0) {
+            attribute(path, "user.long", 1000 + below(1500));
+        }
+        if (below(6) == 0) {
+            attribute(path, below(2) == 0 ? "trusted.word" : "security.word", 8);
+        }
+        if (below(8) == 0) {
+            attribute(path, "security.NTACL", 64);
+        }
+        if (below(4) == 0) {
+            acl(path, ACL_TYPE_ACCESS, "u::rwx,u:7:rw-,g::r--,m::rw-,o::---");
+        }
+        if (directory && below(4) == 0) {
+            acl(path, ACL_TYPE_DEFAULT, "u::rwx,u:9:r-x,g::r-x,m::r-x,o::---");
+        }
+        if (!m_older || !directory) { // a store that only the destination of a merge has stays there
+            store(path, directory);
+        }
+        if (below(4) == 0) {
+            const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            constexpr int setHidden = 0x203;
+            (void)VLIBCKernelAttrFcntl(fd, setHidden);
+            ::close(fd);
+        }
+        times(path);
+    }
+
+    void store(const std::string &path, bool directory) {
+        if (below(4) != 0 || directory) {
+            return;
+        }
+        try {
+            const engine::Store store(path);
+            store.set("com.example.stream", kit::pattern(10 + below(3000), 5), engine::Store::Existing::either);
+            if (below(2) == 0) {
+                store.set("user.in store", "short", engine::Store::Existing::either);
+            }
+        } catch (const engine::Failure &) {
+            return; // no room beside a very long name
+        }
+    }
+
+    std::mt19937 m_random;
+    bool m_older;
+    std::vector<std::string> m_files;
+};
+
+} // namespace
+
+void make_tree(const std::string &top, uint32_t seed, bool older) {
+    Grower(seed, older).directory(top, 0);
+}
+
+} // namespace agreement

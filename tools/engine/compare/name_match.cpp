@@ -1,0 +1,73 @@
+#include "tools/engine/compare/name_match.h"
+
+#include "tools/engine/volume/fat_name.h"
+#include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/paths.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+namespace engine {
+
+std::string name_on(int type, const std::string &name) {
+    return volume_traits(type).fatNames ? base_name(fat_name("/" + name)) : name;
+}
+
+NameMatch::NameMatch(int directory, int type, const Listing &there, const Listing &names)
+    : m_directory(directory), m_type(type) {
+    for (const Listing::Item &item : there.items) {
+        m_listed.push_back(item.name);
+    }
+    std::ranges::sort(m_listed);
+    for (const Listing::Item &item : names.items) {
+        if (std::ranges::binary_search(m_listed, item.name)) {
+            m_takenBy.emplace(item.name, item.name);
+        }
+    }
+}
+
+NameMatch::Found NameMatch::find(const std::string &name) {
+    const auto itself = m_takenBy.find(name);
+    Found found{itself != m_takenBy.end() && itself->second == name ? name : name_on(m_type, name)};
+    found.there = std::ranges::binary_search(m_listed, found.name);
+    if (!found.there) {
+        // The volume may know it by another one: where letter cases, or forms of letters, are one to it.
+        struct stat there {};
+        found.there = ::fstatat(m_directory, found.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
+        found.tooLong = !found.there && errno == ENAMETOOLONG;
+        if (!found.there) {
+            return found;
+        }
+        found.name = listed_name(found.name);
+    }
+    const auto [taken, isNew] = m_takenBy.try_emplace(found.name, name);
+    if (!isNew && taken->second != name) {
+        found.clash = taken->second;
+    }
+    return found;
+}
+
+// The listed name of the entry that the volume finds as `wanted`. Of several names of one file the nearest.
+std::string NameMatch::listed_name(const std::string &wanted) const {
+    struct stat there {
+    }, other{};
+    if (::fstatat(m_directory, wanted.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
+        return wanted;
+    }
+    std::string found = wanted;
+    for (const std::string &name : m_listed) {
+        if (::fstatat(m_directory, name.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0 && other.st_dev == there.st_dev &&
+            other.st_ino == there.st_ino) {
+            found = name;
+            if (::strcasecmp(name.c_str(), wanted.c_str()) == 0) {
+                break;
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace engine

@@ -1,0 +1,41 @@
+// Which entry of a directory is the one that a name of another volume has become.
+#pragma once
+
+#include "tools/engine/store/listing.h"
+
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace engine {
+
+class NameMatch {
+  public:
+    // `directory`, on a volume of the type `type`, is open and stays the caller's; `there` is what lies in it. Entries
+    // that are there under the very name of one of `names` are for that one.
+    NameMatch(int directory, int type, const Listing &there, const Listing &names);
+
+    struct Found {
+        std::string name;                      // as the directory lists it; where it is not there, as it would be
+        bool there = false, tooLong = false;   // too long for the volume
+        std::optional<std::string> clash = {}; // the name that has become this entry before
+    };
+    // Takes the entry for `name`.
+    Found find(const std::string &name);
+    bool is_taken(const std::string &listed) const { return m_takenBy.contains(listed); }
+    void forget() { m_listed.clear(), m_takenBy.clear(); }
+
+  private:
+    std::string listed_name(const std::string &wanted) const;
+
+    int m_directory;
+    int m_type;
+    std::vector<std::string> m_listed; // sorted
+    std::unordered_map<std::string, std::string> m_takenBy;
+};
+
+// What a volume of that type makes of a name.
+std::string name_on(int type, const std::string &name);
+
+} // namespace engine

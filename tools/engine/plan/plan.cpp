@@ -1,0 +1,562 @@
+#include "tools/engine/plan/plan.h"
+
+#include "tools/engine/compare/name_match.h"
+#include "tools/engine/plan/destination.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/listing.h"
+#include "tools/engine/store/store_names.h"
+#include "tools/engine/transfer/file_conflict.h"
+#include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
+
+#include "tools/engine/report/failure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <set>
+#include <unistd.h>
+#include <utility>
+
+namespace engine {
+namespace {
+
+constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kIsDirectory = 0xA200,
+                   kExists = 0xA300;
+constexpr int kMostHeld = 6;
+
+Problem of_source(Problem problem) {
+    problem.withSource = true;
+    return problem;
+}
+
+Problem just_written(const char *what) {
+    return {fmt::format("the destination was just written by this command; not {}", what), kExists};
+}
+
+} // namespace
+
+class Planner::Walk {
+  public:
+    Walk(const PlanOptions &options, PlanObserver &observer)
+        : m_options(options), m_transfer(options.transfer), m_observer(observer),
+          m_asked(options.probe, options.transfer.operation == Operation::move) {}
+
+    void run(const std::string &source, const std::string &destination);
+    const std::vector<VolumePlan> &volumes();
+
+  private:
+    struct Source {
+        const HeldDirectory &in;
+        std::string name, path;
+        const VolumeFacts &facts; // of the directory
+        Side side() const { return {in.fd(), name, facts}; }
+    };
+    bool moves() const { return m_transfer.operation == Operation::move; }
+    bool tell(PlannedEntry planned);
+    bool fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses = {});
+
+    Destination &destination_of(const std::string &path);
+    bool may_make_in(const Destination &to, PlannedEntry &planned, int &number);
+
+    bool tree(const Source &source, Destination &to, std::string name);
+    bool entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers);
+    bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to);
+    bool left(const std::string &path, const Destination &to, const std::string &name, NameKind kind);
+    bool file(const Source &source, Destination &to, std::string name);
+    bool placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
+                PlannedEntry planned, bool asItIs);
+    bool resolve(const Source &source, const struct stat &entry, const struct stat &content, bool asItIs,
+                 Destination &to, std::string &name, PlannedEntry &planned, bool &done);
+    std::optional<Problem> choose_free_name(const Destination &to, std::string &name) const;
+    void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
+                   PlannedEntry &planned);
+    static Room room_of_store(const Source &source, int64_t block);
+    bool hard_linked(const struct stat &found, PlannedEntry &planned);
+
+    const PlanOptions &m_options;
+    const TransferOptions &m_transfer;
+    PlanObserver &m_observer;
+    AskedVolumes m_asked;
+    std::map<std::string, Destination> m_destinations; // that requests name
+    std::set<std::pair<dev_t, ino_t>> m_linked;        // files of several names, one of which has been planned
+    std::vector<VolumePlan> m_volumes;
+    int m_depth = 0;
+};
+
+// True: nothing of it stays behind.
+bool Planner::Walk::tell(PlannedEntry planned) {
+    const bool fails =
+        std::ranges::any_of(planned.losses, [&](const Loss &loss) { return engine::fails(loss, m_transfer.accepted); });
+    const bool done = planned.deed != Deed::fail && planned.deed != Deed::skip;
+    planned.sourceStays = planned.sourceStays || (moves() && done && planned.deed != Deed::rename && fails);
+    m_observer.entry(planned);
+    return done && !planned.sourceStays;
+}
+
+bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses) {
+    const bool accepted = !losses.empty() && std::ranges::none_of(losses, [&](const Loss &loss) {
+        return engine::fails(loss, m_transfer.accepted);
+    });
+    // In a tree, what a volume cannot hold is counted, and no failure of each.
+    const bool counted =
+        m_depth > 0 && !losses.empty() &&
+        (losses.back().cls == LossClass::special_file || losses.back().cls == LossClass::symbolic_link);
+    planned.deed = accepted || counted ? Deed::skip : Deed::fail;
+    planned.problem = std::move(problem);
+    std::ranges::move(losses, std::back_inserter(planned.losses));
+    return tell(std::move(planned));
+}
+
+Destination &Planner::Walk::destination_of(const std::string &path) {
+    auto [found, isNew] = m_destinations.try_emplace(path);
+    if (isNew) {
+        found->second.path = path;
+        found->second.there = HeldDirectory(path);
+        if (found->second.is_there()) {
+            found->second.volume = &m_asked.of(found->second.there);
+        }
+    }
+    return found->second;
+}
+
+// Whether this user may make anything there.
+bool Planner::Walk::may_make_in(const Destination &to, PlannedEntry &planned, int &number) {
+    if (to.is_there() && ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        number = errno;
+        return fail(planned, number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+    }
+    number = 0;
+    return true;
+}
+
+void Planner::Walk::run(const std::string &source, const std::string &destination) {
+    const auto top = look(source.ends_with('/') && source != "/" ? source.substr(0, source.size() - 1) : source);
+    const bool isTree = m_transfer.trees && look(source) && S_ISDIR(look(source)->st_mode);
+    PlannedEntry planned{.source = source, .destination = destination};
+    std::string from = source;
+    if (isTree) {
+        m_observer.tree(source);
+        planned.kind = EntryKind::directory;
+        if (lies_in(destination, source)) {
+            fail(planned, {fmt::format("a directory cannot be {} into itself", moves() ? "moved" : "copied")});
+            return;
+        }
+        if (source.ends_with('/')) {
+            if (moves() && top && S_ISLNK(top->st_mode)) {
+                fail(planned, {"is a symbolic link; to move the link give it without the slash", 0, true});
+                return;
+            }
+            const std::unique_ptr<char, decltype(&std::free)> real(::realpath(source.c_str(), nullptr), &std::free);
+            from = real == nullptr ? source : real.get();
+        }
+    }
+    const HeldDirectory parent(parent_of(from));
+    Destination &to = destination_of(parent_of(destination));
+    if (!to.is_there()) {
+        errno = 0;
+        const HeldDirectory again(to.path);
+        fail(planned, errno == ENOENT ? problem_of(kDestinationMissing) : problem_of_errno(errno));
+        return;
+    }
+    const auto name_of = [](const std::string &path) { return path == "/" ? "." : base_name(path); };
+    const VolumeFacts facts = volume_facts(parent.fd(), parent.type());
+    const Source what{parent, name_of(from), from, facts};
+    if (isTree) {
+        (void)tree(what, to, name_of(destination));
+    } else {
+        (void)file(what, to, name_of(destination));
+    }
+}
+
+bool Planner::Walk::left(const std::string &path, const Destination &to, const std::string &name, NameKind kind) {
+    PlannedEntry planned{.source = path, .destination = joined(to.path, name), .deed = Deed::skip};
+    if (kind == NameKind::system && is_private_name(name)) {
+        planned.problem = Problem{"skipped, left over from a command that was stopped", 0, true};
+        return tell(std::move(planned));
+    }
+    if (kind == NameKind::system) {
+        planned.problem = Problem{"skipped, belongs to the system", 0, true};
+        planned.losses.push_back({LossClass::not_carried, planned.problem->reason});
+        return tell(std::move(planned));
+    }
+    const char *const why = name.starts_with("._")
+                                ? "names that begin with \"._\" are kept for metadata; left where it is"
+                                : "the name \"@eaDir\" is kept for metadata in every case; left where it is";
+    return fail(std::move(planned), {why, 0, true}, {{LossClass::not_carried, why}});
+}
+
+bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name,
+                          Destination &to) {
+    const NameKind kind = name_kind(from.itself(), name, from.type());
+    if (kind == NameKind::store || kind == NameKind::companion) {
+        return true; // goes with the entry that it belongs to
+    }
+    const std::string path = joined(from.path(), name);
+    if (kind != NameKind::ordinary) {
+        return left(path, to, name, kind);
+    }
+    const Source source{from, name, path, facts};
+    const auto found = from.look(name);
+    return found && S_ISDIR(found->st_mode) ? tree(source, to, name) : file(source, to, name);
+}
+
+// Everything in a directory that is carried into another one.
+bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers) {
+    const auto found = entries_in(from.fd());
+    if (!found) {
+        strangers.push_back({LossClass::unreadable, std::strerror(errno)});
+        return false;
+    }
+    const bool hasStore = std::ranges::any_of(*found, [](const Entry &one) { return is_store_name(one.name); });
+    if (hasStore) {
+        try {
+            for (const Listing::Part &part : list_directory(from.fd(), store_kind(from.type())).strangers) {
+                if (part.inStore) {
+                    strangers.push_back(
+                        {LossClass::not_carried, fmt::format("{} belongs to no entry", displayed(part_text(part)))});
+                }
+            }
+        } catch (const Failure &failure) {
+            strangers.push_back({LossClass::unreadable, failure.what()});
+        }
+    }
+    VolumeFacts facts = volume_facts(from.fd(), from.type());
+    facts.noDirectory = !hasStore;
+    bool complete = true;
+    for (const Entry &one : *found) {
+        if (m_observer.stopped()) {
+            return false;
+        }
+        complete = entry(from, facts, one.name, inner) && complete;
+    }
+    return complete;
+}
+
+bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
+    if (m_observer.stopped()) {
+        return false;
+    }
+    PlannedEntry planned{.kind = EntryKind::directory, .source = source.path};
+    Rehearsal &rehearsal = *to.volume->rehearsal;
+    if (const std::string fixed = name_on(rehearsal.volume().type, name); fixed != name) {
+        planned.losses.push_back({LossClass::name_changed, fmt::format("is {} in the copy", displayed(fixed))});
+        name = fixed;
+    }
+    planned.destination = joined(to.path, name);
+    const auto found = source.in.look(source.name);
+    HeldDirectory from(source.in, source.name);
+    if (!found || !from.is_open() || ::faccessat(from.fd(), ".", R_OK, AT_EACCESS) != 0) {
+        const Problem problem = of_source(problem_of_errno(errno));
+        return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
+    }
+    if (auto refusal = rehearsal.refusal_of(name)) {
+        return fail(std::move(planned), {refusal->detail}, {*refusal});
+    }
+    Destination inner{.path = planned.destination, .volume = to.volume};
+    const std::string key = rehearsal.key_of(name);
+    const auto there = to.is_there() ? to.there.look(name) : std::nullopt;
+    const auto [known, isNew] = to.planned.try_emplace(key, source.name);
+    if (!isNew) {
+        std::vector<Loss> losses;
+        if (known->second != source.name) {
+            losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+        }
+        return fail(std::move(planned), just_written("merged"), std::move(losses));
+    }
+    int number = 0;
+    if (!there && !may_make_in(to, planned, number)) {
+        return false;
+    }
+    struct stat top {
+    }, target{};
+    const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
+                           top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
+                           from.type() == to.there.type();
+    if (moves() && !there && oneVolume) {
+        planned.deed = Deed::rename;
+        return tell(std::move(planned));
+    }
+    if (there && !S_ISDIR(there->st_mode)) {
+        return fail(std::move(planned), {fmt::format("the destination is {}, not a directory",
+                                                     S_ISREG(there->st_mode) ? "a file" : kind_of(there->st_mode)),
+                                         kNotADirectory});
+    }
+    if (there && same(found, there)) {
+        return fail(std::move(planned), {"source and destination are the same directory"});
+    }
+    if (there) {
+        inner.there = HeldDirectory(to.there, name);
+        if (!inner.is_there()) {
+            return fail(std::move(planned), problem_of_errno(errno));
+        }
+        inner.volume = &m_asked.of(inner.there);
+    }
+    planned.deed = there ? Deed::merge : Deed::make;
+    const Side merged{to.is_there() ? to.there.fd() : -1, name, rehearsal.volume()};
+    for (Loss &loss : rehearsal.losses_of(source.side(), *found, there ? &merged : nullptr)) {
+        planned.losses.push_back(std::move(loss));
+    }
+    take_room(*to.volume, source, *found, there ? &*there : nullptr, planned);
+    if (planned.deed == Deed::fail) {
+        return tell(std::move(planned));
+    }
+    if (++m_depth > kMostHeld) {
+        source.in.let_go();
+        to.there.let_go();
+    }
+    std::vector<Loss> strangers;
+    const bool complete = entries(from, inner, strangers);
+    if (m_depth-- > kMostHeld &&
+        (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
+        return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
+    }
+    std::ranges::move(strangers, std::back_inserter(planned.losses));
+    if (moves() && !complete) {
+        planned.sourceStays = true;
+        planned.problem = Problem{"the source directory stays, with what was not moved", 0, true};
+    }
+    return tell(std::move(planned)) && complete;
+}
+
+// Which class has a file that is no file.
+bool Planner::Walk::file(const Source &source, Destination &to, std::string name) {
+    PlannedEntry planned{.kind = EntryKind::file, .source = source.path};
+    Rehearsal &rehearsal = *to.volume->rehearsal;
+    planned.destination = joined(to.path, name);
+    const auto found = source.name.empty() ? look(source.path) : source.in.look(source.name);
+    if (!found) {
+        return fail(std::move(planned), of_source(problem_of_errno(errno)));
+    }
+    const bool link = S_ISLNK(found->st_mode);
+    const bool asItIs = moves() ? !S_ISREG(found->st_mode) : m_transfer.links && link;
+    planned.kind = entry_kind(found->st_mode);
+    const auto content = link && !asItIs ? source.in.look_through(source.name) : found;
+    if (!content) {
+        return fail(std::move(planned),
+                    of_source(errno == ENOENT ? Problem{"is a symbolic link that leads nowhere", 0x0700}
+                                              : problem_of_errno(errno)));
+    }
+    planned.kind = link && !asItIs ? EntryKind::file : planned.kind;
+    if (S_ISDIR(moves() ? found->st_mode : content->st_mode)) {
+        return fail(std::move(planned), of_source(problem_of_directory()));
+    }
+    if (!moves() && !asItIs && !S_ISREG(content->st_mode)) {
+        const std::string reason = fmt::format("is {}, which cannot be copied", kind_of(content->st_mode));
+        return fail(std::move(planned), of_source({reason}), {{LossClass::special_file, reason}});
+    }
+    if (const std::string fixed = name_on(rehearsal.volume().type, name); fixed != name) {
+        planned.losses.push_back({LossClass::name_changed, fmt::format("is {} in the copy", displayed(fixed))});
+        name = fixed;
+        planned.destination = joined(to.path, name);
+    }
+    if (auto refusal = rehearsal.refusal_of(name)) {
+        return fail(std::move(planned), {refusal->detail}, {*refusal});
+    }
+    bool done = false;
+    const bool result = resolve(source, *found, *content, asItIs, to, name, planned, done);
+    return done ? result : placed(source, *content, to, name, std::move(planned), asItIs);
+}
+
+// What becomes of a destination that exists, or will by then. `done`: that is the end of it, and was told.
+bool Planner::Walk::resolve(const Source &source, const struct stat &entry, const struct stat &content, bool asItIs,
+                            Destination &to, std::string &name, PlannedEntry &planned, bool &done) {
+    Rehearsal &rehearsal = *to.volume->rehearsal;
+    const auto there = to.is_there() ? to.there.look(name) : std::nullopt;
+    const auto through = to.is_there() && !asItIs ? to.there.look_through(name) : there;
+    const auto known = to.planned.find(rehearsal.key_of(name));
+    const bool written = known != to.planned.end();
+    if (!there && !written) {
+        return true;
+    }
+    const bool itself = there && (same(entry, there) || same(content, through));
+    const Conflict conflict = m_transfer.conflict;
+    done = true;
+    if (conflict == Conflict::keep_both && !(itself && moves())) {
+        const auto problem = choose_free_name(to, name);
+        done = problem.has_value();
+        planned.destination = joined(to.path, name);
+        return done ? fail(planned, *problem) : true;
+    }
+    if (itself) {
+        return fail(planned, same_file());
+    }
+    if (written && known->second != source.name) {
+        return fail(planned, {"another name of the source has become the same one; not replaced", kExists},
+                    {{LossClass::name_clash, "another name of the source has become the same one"}});
+    }
+    if (conflict == Conflict::skip) {
+        planned.deed = Deed::skip;
+        return tell(planned);
+    }
+    if (there && S_ISDIR(there->st_mode)) {
+        return fail(planned, problem_of(kIsDirectory));
+    }
+    if (conflict == Conflict::fail) {
+        return fail(planned, problem_of(kExists));
+    }
+    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
+        return fail(planned, {fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists});
+    }
+    if (written) {
+        return fail(planned, just_written("replaced"));
+    }
+    done = false;
+    planned.deed = Deed::replace;
+    return true;
+}
+
+// As the library numbers names.
+std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, std::string &name) const {
+    constexpr int last = 98;
+    constexpr uint32_t kNoFreeName = 0x0800;
+    const size_t dot = name.rfind('.');
+    const bool extension = dot != std::string::npos && dot != 0;
+    const std::string stem = extension ? name.substr(0, dot) : name, rest = extension ? name.substr(dot) : "";
+    for (int number = 1; number <= last; ++number) {
+        const std::string candidate = fmt::format("{} ({}){}", stem, number, rest);
+        if (!to.planned.contains(to.volume->rehearsal->key_of(candidate)) &&
+            !(to.is_there() && to.there.look(candidate))) {
+            name = candidate;
+            return std::nullopt;
+        }
+    }
+    return problem_of(kNoFreeName);
+}
+
+// Of a file of several names each becomes one of its own; the second that is planned tells it.
+bool Planner::Walk::hard_linked(const struct stat &found, PlannedEntry &planned) {
+    if (!S_ISREG(found.st_mode) || found.st_nlink < 2 || m_linked.insert({found.st_dev, found.st_ino}).second) {
+        return false;
+    }
+    planned.losses.push_back(
+        {LossClass::hard_link,
+         fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
+    return true;
+}
+
+bool Planner::Walk::placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
+                           PlannedEntry planned, bool asItIs) {
+    AskedVolume &volume = *to.volume;
+    const auto old = to.is_there() ? to.there.look(name) : std::nullopt;
+    planned.bytes = S_ISREG(found.st_mode) && !asItIs ? found.st_size : 0;
+    int number = 0;
+    if (!(planned.deed == Deed::replace && old && S_ISREG(old->st_mode) && !asItIs && to.is_there() &&
+          ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0) &&
+        !may_make_in(to, planned, number)) {
+        return false;
+    }
+    const bool oneVolume = to.is_there() && source.in.device() == to.there.device() &&
+                           found.st_dev == to.there.device() && source.in.type() == to.there.type();
+    if (moves() && oneVolume) {
+        planned.deed = planned.deed == Deed::replace ? Deed::replace : Deed::rename;
+        to.planned.emplace(volume.rehearsal->key_of(name), source.name);
+        m_observer.entry(planned);
+        return true;
+    }
+    if (moves() && !S_ISREG(found.st_mode) && !S_ISLNK(found.st_mode)) {
+        const std::string reason = fmt::format("{} cannot be moved to another volume", kind_of(found.st_mode));
+        return fail(std::move(planned), {reason}, {{LossClass::special_file, reason}});
+    }
+    if (!asItIs && ::faccessat(source.in.fd(), source.name.c_str(), R_OK, AT_EACCESS) != 0) {
+        const Problem problem = of_source(problem_of_errno(errno));
+        return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
+    }
+    for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
+        const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link;
+        if (ends) {
+            return fail(std::move(planned), {loss.detail}, {loss});
+        }
+        planned.losses.push_back(std::move(loss));
+    }
+    const uint64_t limit = volume.rehearsal->volume().largestFile;
+    if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
+        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
+        return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
+    }
+    (void)hard_linked(found, planned);
+    planned.cloned = (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
+    take_room(volume, source, found, old ? &*old : nullptr, planned);
+    if (planned.deed == Deed::fail) {
+        return tell(std::move(planned));
+    }
+    to.planned.emplace(volume.rehearsal->key_of(name), source.name);
+    return tell(std::move(planned));
+}
+
+// What is replaced goes when the copy stands, and gives its room back then. A file for which there is no room fails.
+void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const struct stat &found,
+                              const struct stat *old, PlannedEntry &planned) {
+    UsedRoom &room = *volume.room;
+    const FreeRoom &free = room.free;
+    constexpr int64_t block = 512;
+    Room needed = room_of_store(source, free.block);
+    if (S_ISREG(found.st_mode) && !planned.cloned) {
+        needed.bytes += bytes_for(found, free.block, volume.rehearsal->keeps_holes());
+    } else if (S_ISDIR(found.st_mode) && old == nullptr) {
+        needed.bytes += free.block;
+    }
+    needed.inodes += S_ISDIR(found.st_mode) && old != nullptr ? 0 : 1;
+    const auto lacks = [](const std::optional<int64_t> &there, int64_t wanted) { return there && wanted > *there; };
+    const Room most{room.now.bytes + needed.bytes, room.now.inodes + needed.inodes};
+    room.most.bytes = std::max(room.most.bytes, most.bytes);
+    room.most.inodes = std::max(room.most.inodes, most.inodes);
+    const bool full = lacks(free.bytes, most.bytes) || lacks(free.inodes, most.inodes);
+    if (full || lacks(free.quotaBytes, most.bytes) || lacks(free.quotaInodes, most.inodes)) {
+        planned.deed = Deed::fail;
+        planned.problem = problem_of_errno(full ? ENOSPC : EDQUOT);
+        planned.losses.clear();
+        return;
+    }
+    room.now = most;
+    if (old != nullptr && !S_ISDIR(old->st_mode) && old->st_nlink < 2) {
+        room.now.bytes -= old->st_blocks * block;
+        room.now.inodes -= 1;
+    }
+}
+
+// Long names of what a store consists of are shortened; those are not many.
+Room Planner::Walk::room_of_store(const Source &source, int64_t block) {
+    Room room;
+    const bool beside = source.facts.store == StoreKind::apple_double;
+    if (source.facts.noDirectory && !beside) {
+        return room;
+    }
+    for (const std::string &part :
+         {"@eaDir/" + source.name + "@VexoEAStream", "@eaDir/" + source.name + "@VexoResource", "._" + source.name}) {
+        struct stat found {};
+        if ((beside || part.front() == '@') &&
+            ::fstatat(source.in.fd(), part.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(found.st_mode)) {
+            room.bytes += bytes_for(found, block, false);
+            room.inodes += 1;
+        }
+    }
+    return room;
+}
+
+const std::vector<VolumePlan> &Planner::Walk::volumes() {
+    m_volumes.clear();
+    for (const auto &[device, room] : m_asked.rooms()) {
+        m_volumes.push_back({room.directory, room.most, room.free, room.probed});
+    }
+    return m_volumes;
+}
+
+Planner::Planner(const PlanOptions &options, PlanObserver &observer)
+    : m_walk(std::make_unique<Walk>(options, observer)) {}
+Planner::~Planner() = default;
+
+void Planner::run(const std::string &source, const std::string &destination) {
+    m_walk->run(source, destination);
+}
+
+const std::vector<VolumePlan> &Planner::volumes() const {
+    return m_walk->volumes();
+}
+
+} // namespace engine

@@ -1,0 +1,81 @@
+// What a copy or a move is going to do, without doing it: every entry with what becomes of it, what it would lose, and
+// what room all of it needs.
+//
+// Of the two trees nothing changes, and no file of the source is read, so that its access times stay (those of
+// directories too where this user may look without leaving one: the owner and root). A link that is followed, as a copy
+// without trees does, has its access time from that.
+#pragma once
+
+#include "tools/engine/losses/loss.h"
+#include "tools/engine/plan/room.h"
+#include "tools/engine/report/observer.h"
+#include "tools/engine/report/outcome.h"
+#include "tools/engine/transfer/transfer_options.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace engine {
+
+enum class Deed {
+    make,    // a copy where nothing stands
+    replace, // a copy in the place of what stands there
+    merge,   // a directory into one that stands there
+    rename,  // a move within a volume, with everything in it
+    skip,
+    fail,
+};
+
+struct PlannedEntry {
+    EntryKind kind = EntryKind::other;
+    std::string source, destination = {}; // as people know them
+    Deed deed = Deed::make;
+    int64_t bytes = 0;
+    bool cloned = false;
+    bool sourceStays = false; // of a move: at both places
+    std::vector<Loss> losses = {};
+    std::optional<Problem> problem = {}; // of fail, and of skip where that needs words
+};
+
+class PlanObserver : public Observer {
+  public:
+    // The source is a directory that is carried with everything in it.
+    virtual void tree(const std::string &source) = 0;
+    virtual void entry(const PlannedEntry &planned) = 0;
+};
+
+// On one volume of a destination.
+struct VolumePlan {
+    std::string directory; // the one that was asked
+    Room needed = {};      // at most at one time
+    FreeRoom free = {};
+    bool probed = false;
+};
+
+struct PlanOptions {
+    TransferOptions transfer;
+    bool probe = true; // something may be made in directories of the destination, and is removed again
+};
+
+class Planner {
+  public:
+    // The observer outlives this. Conflict::ask is answered by yes.
+    Planner(const PlanOptions &options, PlanObserver &observer);
+    ~Planner();
+
+    // One request after the other, as for a Transfer: both paths absolute; a slash at the end of the source asks for a
+    // directory.
+    void run(const std::string &source, const std::string &destination);
+
+    const std::vector<VolumePlan> &volumes() const;
+
+  private:
+    class Walk;
+    std::unique_ptr<Walk> m_walk;
+};
+
+} // namespace engine

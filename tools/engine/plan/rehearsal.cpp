@@ -1,0 +1,378 @@
+#include "tools/engine/plan/rehearsal.h"
+
+#include "copy/copy.h"
+#include "platform/acl.h"
+#include "platform/core.h"
+#include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/plan/guess.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/system_attributes.h"
+#include "tools/engine/walk/private_name.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <iterator>
+#include <string_view>
+#include <sys/statvfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+constexpr char kEntry[] = "entry", kNames[] = "names";
+constexpr mode_t kModeBits = 07777;
+constexpr int64_t kBlock = 512;
+// Between these all volumes that keep a time at all keep it.
+constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
+
+bool is_plain(const timespec &time) {
+    return time.tv_sec > kFirstPlainTime && time.tv_sec < kLastPlainTime;
+}
+
+Descriptor open_entry(int directory, const std::string &name) {
+    return Descriptor(::openat(directory, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+}
+
+std::string path_of(int directory, const std::string &name) {
+    return fmt::format("/proc/self/fd/{}/{}", directory, name);
+}
+
+std::vector<std::string> attribute_names(const std::string &path) {
+    std::string list(size_t{64} << 10, '\0');
+    const ssize_t size = ::llistxattr(path.c_str(), list.data(), list.size());
+    std::vector<std::string> names;
+    for (std::string_view rest(list.data(), size < 0 ? 0 : static_cast<size_t>(size)); !rest.empty();) {
+        names.emplace_back(rest.substr(0, rest.find('\0')));
+        rest.remove_prefix(names.back().size() + 1);
+    }
+    return names;
+}
+
+void copy_attributes(const std::string &from, int to, const std::vector<std::string> &prefixes) {
+    for (const std::string &name : attribute_names(from)) {
+        if (std::ranges::none_of(prefixes, [&](const std::string &prefix) { return name.starts_with(prefix); })) {
+            continue;
+        }
+        std::string value(size_t{64} << 10, '\0');
+        const ssize_t size = ::lgetxattr(from.c_str(), name.c_str(), value.data(), value.size());
+        if (size >= 0) {
+            (void)::fsetxattr(to, name.c_str(), value.data(), static_cast<size_t>(size), 0);
+        }
+    }
+}
+
+bool is_of_store(LossClass cls) {
+    return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
+           cls == LossClass::mac_attributes || cls == LossClass::locked;
+}
+
+// A name that every volume takes.
+bool is_plain_name(const std::string &name) {
+    return name.back() != '.' && name.back() != ' ' && std::ranges::all_of(name, [](unsigned char letter) {
+               return letter > 0x20 && letter < 0x7f && std::strchr("\"*/:<>?\\|", letter) == nullptr;
+           });
+}
+
+} // namespace
+
+Rehearsal::Rehearsal(int directory, int type, bool probe, bool move)
+    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)), m_move(move) {
+    struct statvfs volume {};
+    if (::fstatvfs(directory, &volume) == 0) {
+        m_longestName = volume.f_namemax;
+    }
+    if (probe && !m_room.readOnly) {
+        m_place = ScratchPlace::in(directory);
+    }
+    find_out();
+}
+
+void Rehearsal::clear() const {
+    for (const char *const name : {kEntry, kNames}) {
+        (void)remove_left_over(m_place->fd(), name);
+    }
+}
+
+// What one look tells of all entries.
+void Rehearsal::find_out() {
+    if (m_place == nullptr) {
+        m_keepsHoles = !volume_traits(m_volume.type).fatNames;
+        m_folds = volume_traits(m_volume.type).fatNames;
+        return;
+    }
+    const int place = m_place->fd();
+    const Descriptor file(::openat(place, "Aa", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    struct stat found {};
+    constexpr off_t far = off_t{1} << 20;
+    m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
+                   ::fstat(file.get(), &found) == 0 && found.st_blocks * kBlock < far;
+    m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    constexpr timespec past{1'000'000'000, 123'456'700};
+    const timespec all[] = {past, past, past};
+    VLIBCStat kept{};
+    m_keepsTimes =
+        VLIBCFileUTime(path_of(place, "Aa").c_str(), 3, all) == 0 &&
+        VLIBCFileLStat(path_of(place, "Aa").c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &kept) == 0 &&
+        kept.st.st_mtim.tv_sec == past.tv_sec && kept.createTime.tv_sec == past.tv_sec;
+    (void)::unlinkat(place, "Aa", 0);
+}
+
+std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &found, const Side *merged) {
+    std::vector<Loss> losses;
+    if (S_ISLNK(found.st_mode)) {
+        return losses_of_link(source, found);
+    }
+    if (!probes()) {
+        losses = guess_losses(source, m_directory, m_volume, takes_stores(source));
+    } else if (const std::string key = merged == nullptr ? signature(source, found) : ""; key.empty()) {
+        losses = rehearse(source, found, merged);
+    } else if (const auto known = m_known.find(key); known != m_known.end()) {
+        losses = known->second;
+    } else {
+        losses = rehearse(source, found, merged);
+        m_known.emplace(key, losses);
+    }
+    add_holes(source, found, losses);
+    return losses;
+}
+
+// Empty: there may be more to it than to any other entry.
+std::string Rehearsal::signature(const Side &source, const struct stat &found) const {
+    VLIBCStat status{};
+    const std::string path = source.path();
+    if (!m_keepsTimes ||
+        VLIBCFileLStat(path.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME, &status) != 0 ||
+        !is_plain(status.st.st_mtim) || !is_plain(status.createTime)) {
+        return {};
+    }
+    const bool more = source.volume.store == StoreKind::apple_double || source.volume.store == StoreKind::native ||
+                      !source.volume.noDirectory;
+    if (more && (store_parts(path, source.volume.type, source.volume.noDirectory).any() ||
+                 ::faccessat(source.directory, ("@eaDir/" + source.name).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)) {
+        return {};
+    }
+    std::string text = fmt::format("{:o} {} {} {:x}", found.st_mode, found.st_uid, found.st_gid, status.attributes);
+    for (const std::string &name : attribute_names(path)) {
+        const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
+        if (name.starts_with("system.")) {
+            return {}; // what is in an ACL decides
+        }
+        // The record of DOS attributes has a time in it, and is compared as what it means.
+        text += name == "user.DOSATTRIB" ? " dos" : fmt::format(" {}={}", name, size);
+    }
+    return text;
+}
+
+bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
+    const int place = m_place->fd();
+    (void)remove_left_over(place, kEntry);
+    if (S_ISDIR(found.st_mode)) {
+        return ::mkdirat(place, kEntry, 0700) == 0;
+    }
+    const Descriptor file(::openat(place, kEntry, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (file.get() >= 0 && m_keepsHoles && ::ftruncate(file.get(), found.st_size) != 0 && errno == EFBIG) {
+        losses.push_back(
+            {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+    }
+    return file.get() >= 0;
+}
+
+// As the copy of an entry gets what belongs to it, beside its data and its store.
+void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) const {
+    const int place = m_place->fd();
+    const std::string from = source.path(), to = path_of(place, kEntry);
+    const Descriptor entry = open_entry(place, kEntry);
+    const int fd = entry.get();
+    if (m_volume.owners && ::fchown(fd, status.st.st_uid, status.st.st_gid) != 0) {
+        errno = 0; // as a comparison tells
+    }
+    (void)VEXOACLCopy(from.c_str(), to.c_str());
+    (void)VEXOACLArchiveCopy(from.c_str(), to.c_str());
+    copy_attributes(from, fd, {"user."});
+    if (::geteuid() == 0) {
+        copy_system_attributes(from, to);
+    }
+    give_dos_attributes(fd, status.attributes | (file ? uint32_t{VLIBC_ATTR_ARCHIVE} : 0));
+    const timespec times[] = {status.st.st_atim, status.st.st_mtim, status.createTime};
+    (void)VLIBCFileUTime(to.c_str(), 3, times);
+    (void)::fchmod(fd, status.st.st_mode & kModeBits);
+    struct stat now {};
+    if (::fstat(fd, &now) == 0 && now.st_mtim.tv_nsec != status.st.st_mtim.tv_nsec) {
+        (void)::futimens(fd, times);
+    }
+}
+
+// As the directory is that another one is going to be merged into.
+void Rehearsal::dress_as(const Side &merged) const {
+    const Descriptor entry = open_entry(m_place->fd(), kEntry);
+    copy_attributes(merged.path(), entry.get(), {"user.", "security.", "trusted.", "system.posix_acl_"});
+}
+
+// Whether a copy can have a store. Making "@eaDir" is root's.
+bool Rehearsal::takes_stores(const Side &source) const {
+    switch (m_volume.store) {
+    case StoreKind::none:
+        return false;
+    case StoreKind::native:
+    case StoreKind::apple_double:
+        return source.name.size() + 2 <= m_longestName;
+    default:
+        return ::geteuid() == 0 || ::faccessat(m_directory, "@eaDir", W_OK | X_OK, AT_EACCESS) == 0;
+    }
+}
+
+std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &found, const Side *merged) {
+    std::vector<Loss> losses;
+    VLIBCStat status{};
+    constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
+    if (!make(found, losses) || VLIBCFileLStat(source.path().c_str(), fields, &status) != 0) {
+        losses.push_back({LossClass::unreadable, fmt::format("cannot be tried: {}", std::strerror(errno))});
+        return losses;
+    }
+    if (merged != nullptr) {
+        dress_as(*merged);
+    }
+    dress(source, status, S_ISREG(found.st_mode));
+    VolumeFacts there = m_volume;
+    there.noDirectory = true; // nothing is kept for what stands there
+    const Side copy{m_place->fd(), kEntry, there};
+    Side bare = source; // without what is kept beside it
+    bare.volume.noDirectory = true;
+    if (bare.volume.store != StoreKind::file_ea) {
+        bare.volume.store = StoreKind::none;
+    }
+    const bool stores = takes_stores(source);
+    for (Loss &loss : complete_copy(stores ? bare : source, copy)) {
+        if (loss.cls != LossClass::data && !(stores && is_of_store(loss.cls))) {
+            losses.push_back(std::move(loss));
+        }
+    }
+    // A copy leaves there what only services keep in a directory of the entry's own.
+    if (stores && !m_move) {
+        for (Loss &loss : compare_entries(source, copy)) {
+            if (loss.cls == LossClass::not_carried) {
+                losses.push_back(std::move(loss));
+            }
+        }
+    }
+    (void)remove_left_over(m_place->fd(), kEntry);
+    return losses;
+}
+
+// A look at where a link leads would leave a trace.
+std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct stat &found) {
+    std::vector<Loss> losses;
+    if (!volume_traits(m_volume.type).links) {
+        losses.push_back({LossClass::symbolic_link, "is a symbolic link, which the destination's volume cannot hold"});
+        return losses;
+    }
+    for (const std::string &name : attribute_names(source.path())) {
+        if (name != "security.selinux") {
+            losses.push_back(
+                {LossClass::system_attribute, fmt::format("attribute {}: only at the first", displayed(name))});
+        }
+    }
+    uid_t user = found.st_uid;
+    gid_t group = found.st_gid;
+    struct stat made {};
+    if (probes()) {
+        const int place = m_place->fd();
+        (void)remove_left_over(place, kEntry);
+        if (::symlinkat("nowhere", place, kEntry) != 0) {
+            losses.push_back({LossClass::symbolic_link, std::strerror(errno)});
+            return losses;
+        }
+        const bool given = ::fchownat(place, kEntry, user, group, AT_SYMLINK_NOFOLLOW) == 0;
+        if (!given && ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0) {
+            user = made.st_uid;
+            group = made.st_gid;
+        }
+    } else if (::geteuid() != 0) {
+        user = ::geteuid();
+        group = user == found.st_uid ? group : ::getegid();
+    }
+    if (user != found.st_uid) {
+        losses.push_back({LossClass::owner, fmt::format("owner differs: {} and {}", found.st_uid, user)});
+    }
+    if (group != found.st_gid) {
+        losses.push_back({LossClass::group, fmt::format("group differs: {} and {}", found.st_gid, group)});
+    }
+    return losses;
+}
+
+void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const {
+    if (m_keepsHoles || !S_ISREG(found.st_mode) || found.st_blocks * kBlock >= found.st_size) {
+        return;
+    }
+    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+    const Descriptor file(::openat(source.directory, source.name.c_str(), flags));
+    int64_t data = 0;
+    for (off_t at = ::lseek(file.get(), 0, SEEK_DATA); at >= 0;) {
+        const off_t end = ::lseek(file.get(), at, SEEK_HOLE);
+        data += end > at ? end - at : 0;
+        at = end > at ? ::lseek(file.get(), end, SEEK_DATA) : -1;
+    }
+    if (data < found.st_size) {
+        losses.push_back({LossClass::hole, fmt::format("holes were filled: {} bytes more", found.st_size - data)});
+    }
+}
+
+std::optional<Loss> Rehearsal::refusal_of(const std::string &name) {
+    const auto tooLong = [&] {
+        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
+    };
+    if (name.size() > m_longestName) {
+        return tooLong();
+    }
+    const bool own = volume_traits(m_volume.type).wholeTrees;
+    if (!probes() || own || is_plain_name(name)) {
+        return std::nullopt;
+    }
+    const int place = m_place->fd();
+    (void)::mkdirat(place, kNames, 0700);
+    const Descriptor names = open_directory(place, kNames);
+    const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (made.get() >= 0 || (errno != EINVAL && errno != EILSEQ && errno != ENAMETOOLONG)) {
+        return std::nullopt;
+    }
+    return errno == ENAMETOOLONG
+               ? tooLong()
+               : Loss{LossClass::data, fmt::format("the volume refuses the name: {}", std::strerror(errno))};
+}
+
+std::string Rehearsal::key_of(const std::string &name) {
+    if (!m_folds) {
+        return name;
+    }
+    struct stat found {};
+    if (probes()) {
+        (void)::mkdirat(m_place->fd(), kNames, 0700);
+        const Descriptor names = open_directory(m_place->fd(), kNames);
+        const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        if (made.get() >= 0 && ::fstat(made.get(), &found) == 0) {
+            return std::to_string(found.st_ino);
+        }
+    }
+    std::string key = name;
+    std::ranges::transform(key, key.begin(), [](unsigned char letter) {
+        return static_cast<char>(letter >= 'A' && letter <= 'Z' ? letter + ('a' - 'A') : letter);
+    });
+    return key;
+}
+
+bool Rehearsal::can_clone(const Side &source) const {
+    struct stat found {
+    }, there{};
+    return ::fstatat(source.directory, source.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ::fstat(m_directory, &there) == 0 && found.st_dev == there.st_dev && found.st_size > 0 &&
+           m_volume.magic == 0x9123683e; // btrfs: nothing else is asked for a clone
+}
+
+} // namespace engine

@@ -1,0 +1,63 @@
+// What a copy in a directory would lack, found out without copying anything: what belongs to an entry is given to an
+// empty one under a private directory there, and the two are compared. Where that may not be made, from what the kernel
+// and the platform say of the volume.
+#pragma once
+
+#include "tools/engine/compare/entry_view.h"
+#include "tools/engine/compare/side.h"
+#include "tools/engine/losses/loss.h"
+#include "tools/engine/plan/room.h"
+#include "tools/engine/plan/scratch_place.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace engine {
+
+class Rehearsal {
+  public:
+    // `directory`, which is open, stays the caller's; it is that of the destination, or the nearest one above that is
+    // there. `probe`: something may be made in it, for as long as this lives.
+    Rehearsal(int directory, int type, bool probe, bool move);
+
+    bool probes() const { return m_place != nullptr; }
+    const FreeRoom &room() const { return m_room; }
+    bool keeps_holes() const { return m_keepsHoles; }
+    const VolumeFacts &volume() const { return m_volume; }
+
+    // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
+    std::vector<Loss> losses_of(const Side &source, const struct stat &found, const Side *merged = nullptr);
+    // The class that keeps a name from being used; nothing: the volume takes it.
+    std::optional<Loss> refusal_of(const std::string &name);
+    // Two names for which this is the same are one to the volume.
+    std::string key_of(const std::string &name);
+    bool can_clone(const Side &source) const;
+
+  private:
+    bool make(const struct stat &found, std::vector<Loss> &losses);
+    void dress(const Side &source, const VLIBCStat &status, bool file) const;
+    void dress_as(const Side &merged) const;
+    std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged);
+    std::vector<Loss> guess(const Side &source, const struct stat &found) const;
+    std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
+    void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
+    std::string signature(const Side &source, const struct stat &found) const;
+    bool takes_stores(const Side &source) const;
+    void find_out();
+    void clear() const;
+
+    int m_directory;
+    VolumeFacts m_volume;
+    FreeRoom m_room;
+    bool m_move;
+    std::unique_ptr<ScratchPlace> m_place;
+    bool m_keepsHoles = true, m_keepsTimes = false, m_folds = false;
+    size_t m_longestName = 255;
+    std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
+};
+
+} // namespace engine

@@ -1,0 +1,54 @@
+// A plan of copy or move: what is said of each entry, of what would be lost and of the room, and the status that the
+// run would have.
+#pragma once
+
+#include "tools/engine/plan/plan.h"
+#include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/commands/batch.h"
+#include "tools/vexofileop/output/receipt.h"
+#include "tools/vexofileop/output/report.h"
+#include "tools/vexofileop/terminal/console.h"
+
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct PlanRunOptions {
+    engine::PlanOptions plan;
+    std::string report = {}; // the file that it is written to; empty: none
+    bool stopOnError = false, verbose = false, json = false;
+};
+
+class PlanRun : private engine::PlanObserver {
+  public:
+    explicit PlanRun(const PlanRunOptions &options)
+        : m_options(options), m_receipt(options.plan.transfer.accepted), m_planner(options.plan, *this),
+          m_report(std::string("plan ") + word_of(options.plan.transfer.operation), options.plan.transfer.accepted) {}
+    // The exit status that the run would have.
+    int run(const std::vector<Errand> &errands);
+
+  private:
+    bool stopped() const override;
+    void tree(const std::string &) override {}
+    void entry(const engine::PlannedEntry &planned) override;
+    std::string entry_line(const engine::PlannedEntry &planned) const;
+    void report(const engine::PlannedEntry &planned);
+    int written(int status);
+    void say(const engine::PlannedEntry &planned);
+    void tell_room(const engine::VolumePlan &volume);
+    int finish();
+    std::string summary_line(int status) const;
+
+    const PlanRunOptions &m_options;
+    Console m_console;
+    Receipt m_receipt;
+    engine::Planner m_planner;
+    Report m_report;
+    int64_t m_deeds[6] = {}; // by Deed, of all entries
+    int64_t m_directories = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
+    int m_succeeded = 0, m_directoriesDone = 0;
+    bool m_failed = false, m_anyFailed = false;
+};
+
+} // namespace tool
