@@ -105,6 +105,7 @@ int copy_directory(const char *src, const char *dst, int srcKind, int dstKind, V
     request.dstName = destination_name_of(ex);
     request.copyFile = {copy_regular_file, &caller};
     request.copyMetadata = {copy_metadata, &caller};
+    request.carriesMetadata = true;
     request.renameMetadata = {rename_metadata, &caller};
     request.source = VEXO_SOURCE;
     return copy_tree(src, dst, request, cancelled);

@@ -79,6 +79,7 @@ int copy_directory(const char *src, const char *dst, uint32_t flags, VEXOCopyArg
     request.copyMetadata = {nothing_to_copy, nullptr};
     if ((flags & kFileOpNoMetadata) == 0) {
         request.copyMetadata = {copy_metadata, &caller};
+        request.carriesMetadata = true;
         request.renameMetadata = {rename_metadata, &caller};
     }
     request.source = VEXO_SOURCE;

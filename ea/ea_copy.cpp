@@ -204,7 +204,7 @@ bool keeps_lock_as_flag(StoreKind kind) {
 
 bool vexo::is_plain_file(const char *src, const char *dst, int srcKind, int dstKind, StoreSeen seen,
                          const AttributeNames &names) {
-    return seen == StoreSeen::neither && keeps_lock_as_flag(store_kind(srcKind)) &&
+    return seen != StoreSeen::source && keeps_lock_as_flag(store_kind(srcKind)) &&
            keeps_lock_as_flag(store_kind(dstKind)) && !names.has(kMetadataAttribute) &&
            has_no_ea_directory(src, seen) && has_no_ea_directory(dst, seen) && !names_internal_folder(src);
 }

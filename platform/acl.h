@@ -19,9 +19,10 @@ int VEXOACLArchiveCopy(const char *src, const char *dst);
  * reading, `dstFd` may be open for writing only. */
 int VEXOACLFCopy(int srcFd, int dstFd);
 int VEXOACLArchiveFCopy(int srcFd, int dstFd);
-/* Optional and weak too: the two together, one after the other, where `dstFd` is a file that the library has just made
- * with the permissions of `srcMode`, the mode of the source, and `names` are the source's attributes as listxattr gave
- * them, `size` bytes, on a volume that lists all of them. */
+/* Optional and weak too: the two together, one after the other, where `dstFd` is a file or directory that the library
+ * has just made with the permissions of `srcMode`, the mode of the source, and `names` are the source's attributes as
+ * listxattr gave them, `size` bytes, on a volume that lists all of them. For directories it may fail where there is
+ * anything to copy: the functions of the paths are called then. */
 int VEXOACLFCopyToNew(int srcFd, int dstFd, mode_t srcMode, const char *names, size_t size);
 /* Makes `path` inherit the ACL of the directory that holds it. */
 int VEXOACLEnforceInherit(const char *path);

@@ -111,13 +111,14 @@ int VLIBCKernelAttrFCall(int fd, int command);
  * -1 with errno.
  *
  * VLIBCFileFComplete: what VLIBCFileFUTime, VLIBCKernelAttrFcntl and VLIBCKernelAttrFCall say one after the other, at
- * once, for a file that the library has just made: access, modification and creation time, and the attributes of the
- * mask `attributes` (VLIBC_ATTR_*). `srcFd` is the file whose record is carried along, or negative. Returns 0 when all
- * of it is set; -1 with errno when not, and then the library calls the functions one by one. A platform that defines it
- * allows the library to take the locked state of the source from the extended stat that was made when it was opened. */
+ * once, for a file or directory that the library has just made: access, modification and creation time, and the
+ * attributes of the mask `attributes` (VLIBC_ATTR_*). `mode` tells which of the two it is, in the bits of S_IFMT.
+ * `srcFd` is the file whose record is carried along, or negative. Returns 0 when all of it is set; -1 with errno when
+ * not, and then the library calls the functions one by one. A platform that defines it allows the library to take the
+ * locked state of the source from the extended stat that was made when it was opened. */
 int VLIBCFileIsRecord(const char *name);
 int VLIBCFileRecordCarry(const char *src, int srcFd, const char *dst, int dstFd);
-int VLIBCFileFComplete(int srcFd, int dstFd, const struct timespec *times, uint32_t attributes);
+int VLIBCFileFComplete(int srcFd, int dstFd, mode_t mode, const struct timespec *times, uint32_t attributes);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -19,4 +19,9 @@ inline bool is_own_volume(const struct statfs &volume) {
     return false;
 }
 
+inline bool is_on_own_volume(int fd) {
+    struct statfs volume = {};
+    return ::fstatfs(fd, &volume) == 0 && is_own_volume(volume);
+}
+
 } // namespace vexo

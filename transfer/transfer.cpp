@@ -50,11 +50,6 @@ bool is_refusal(int number) {
     return number == EINVAL || number == ENOSYS || number == EOPNOTSUPP;
 }
 
-bool is_on_own_volume(int fd) {
-    struct statfs volume = {};
-    return ::fstatfs(fd, &volume) == 0 && is_own_volume(volume);
-}
-
 // Whether the kernel may move blocks without showing them to us. Only between two regular files on volumes of its own:
 //   * a program or a server behind a volume tells a failure once, also that of an earlier block, and what the kernel
 //   has

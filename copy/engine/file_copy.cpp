@@ -57,7 +57,7 @@ FileCopy::Next FileCopy::perform() {
     }
     // Nothing of what follows fails the copy: the data have arrived.
     list_source_attributes();
-    m_recordSet = set_record_at_once();
+    m_recordSet = set_record_now();
     if (!m_recordSet) {
         if (m_dstFd) {
             set_dos_attributes();

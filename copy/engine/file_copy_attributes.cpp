@@ -88,24 +88,10 @@ void FileCopy::list_source_attributes() {
     }
 }
 
-// Times, DOS attributes, locked state and archive bit of a new file that nothing else belongs to, where the platform
-// writes them in one step: true when it has. They are those of the source as it was when it was opened, like its owner
-// and its mode. Where anything is in the way the steps follow one by one, and say what it was.
-bool FileCopy::set_record_at_once() {
-    if (VLIBCFileFComplete == nullptr || !m_names.known() || m_request.asCaller || ::geteuid() != 0 ||
-        !is_plain_file(m_request.src, m_dst, source_type(), destination_type(), store_seen(), m_names)) {
-        return false;
-    }
-    uint32_t attributes = m_srcStat.attributes & (VLIBC_ATTR_ARCHIVE | VLIBC_ATTR_HIDDEN | VLIBC_ATTR_SYSTEM);
-    bool record = false;
-    if (m_request
-            .copyMetadata) { // whoever carries a file's metadata carries the lock, and marks it for the next backup
-        attributes |= VLIBC_ATTR_ARCHIVE | (m_srcStat.attributes & VLIBC_ATTR_LOCKED);
-        record = m_names.any([](std::string_view name) { return is_record(name.data()); });
-    }
-    const KeepErrors keep;
-    const timespec times[] = {m_srcStat.st.st_atim, m_srcStat.st.st_mtim, m_srcStat.createTime};
-    return VLIBCFileFComplete(record ? m_srcFd.get() : -1, m_dstFd.get(), times, attributes) == 0;
+// As the caller, whose rights may not do, it goes step by step. So does what a store may belong to.
+bool FileCopy::set_record_now() {
+    return m_names.known() && !m_request.asCaller && store_seen() == StoreSeen::neither &&
+           set_record_at_once(new_copy(), m_srcStat, static_cast<bool>(m_request.copyMetadata));
 }
 
 // As root unless the caller's own rights are asked for: the copy may belong to another user by now.
@@ -134,11 +120,7 @@ void FileCopy::set_times_as_current_user() {
 }
 
 void FileCopy::copy_acl() {
-    const bool asNew = m_names.known() && VEXOACLFCopyToNew != nullptr;
-    const int result = asNew ? VEXOACLFCopyToNew(m_srcFd.get(), m_dstFd.get(), m_srcStat.st.st_mode,
-                                                 m_names.text().data(), m_names.text().size())
-                       : vexo::copy_acl(source(), destination()) != 0 ? -1
-                                                                      : copy_archive_acl(source(), destination());
+    const int result = copy_acls_to_new(new_copy(), m_srcStat.st.st_mode);
     if (result != 0) {
         VEXO_LOG_ERROR(VEXO_AT(m_request.source), "Failed to copy ACL from [%s] to [%s]", m_request.src, m_dst);
     }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "copy/engine/file_copy.h"
+#include "copy/engine/new_copy.h"
 #include "platform/core.h"
 #include "support/errno_table.h"
 #include "support/error_codes.h"
@@ -57,7 +58,7 @@ class FileCopy {
     void restore_set_id_bits();
     void set_dos_attributes();
     void list_source_attributes();
-    bool set_record_at_once();
+    bool set_record_now();
     void set_times();
     void set_times_as_current_user();
     void copy_acl();
@@ -71,6 +72,9 @@ class FileCopy {
     // What the steps after the data work on.
     FileRef source() const { return {m_request.src, m_dstFd ? m_srcFd.get() : -1}; }
     FileRef destination() const { return {m_dst, m_dstFd.get()}; }
+    NewCopy new_copy() const {
+        return {source(), destination(), source_type(), destination_type(), m_names, store_seen()};
+    }
     // What the walk knows of the stores. A destination that got another name may lie in another directory.
     StoreSeen store_seen() const {
         return m_request.directory != nullptr && m_dst == m_request.dst ? m_request.directory->stores
@@ -95,7 +99,7 @@ class FileCopy {
     Fd m_srcFd;
     Fd m_dstFd;                   // after the data: only of a destination that stays open
     AttributeNames m_names;       // of the source, where they need not be asked for one by one
-    bool m_recordSet = false;     // set_record_at_once() did what later steps need not
+    bool m_recordSet = false;     // set_record_now() did what later steps need not
     bool m_typeAssumed = false;   // the source's, from the directory that holds it
     bool m_madeInTree = false;    // create_destination() made the destination
     bool m_dstExisted = false;    // before it was opened

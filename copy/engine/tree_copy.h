@@ -31,6 +31,7 @@ struct TreeRequest {
     // With what is known of the directory that holds the source; null: nothing.
     Callback<int(const char *, const char *, const WalkedDirectory *)> copyFile;
     Callback<int(const char *, const char *)> copyMetadata;   // of a directory, after its entries
+    bool carriesMetadata;                                     // that does something
     Callback<int(const char *, const char *)> renameMetadata; // after a move by rename
     const char *source;                                       // the front door's name in log lines
 };

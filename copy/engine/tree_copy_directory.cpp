@@ -4,7 +4,9 @@
 #include "copy/copy.h"
 #include "platform/acl.h"
 #include "support/dos_attributes.h"
+#include "support/file_calls.h"
 #include "support/fs_type.h"
+#include "support/own_volume.h"
 
 #include <cerrno>
 #include <cstring>
@@ -133,8 +135,12 @@ void TreeWalk::copy_attributes(int fd, const VLIBCStat &status) {
     }
 }
 
-void TreeWalk::copy_acl() {
-    if (m_request.copyAcl && (VEXOACLCopy(src(), dst()) < 0 || VEXOACLArchiveCopy(src(), dst()) < 0)) {
+void TreeWalk::copy_acl(const NewCopy &copy, mode_t mode) {
+    if (!m_request.copyAcl ||
+        (copy.names.known() && VEXOACLFCopyToNew != nullptr && copy_acls_to_new(copy, mode) == 0)) {
+        return;
+    }
+    if (VEXOACLCopy(src(), dst()) < 0 || VEXOACLArchiveCopy(src(), dst()) < 0) {
         VEXO_LOG_ERROR(here(__LINE__), "Failed to copy ACL from [%s] to [%s]", src(), dst());
     }
 }
@@ -178,6 +184,32 @@ void TreeWalk::set_times(const VLIBCStat &status) {
     }
 }
 
+// As of a file that was made: one list answers for what would be asked for by name. Only where this walk has made the
+// directory, and where both volumes are the kernel's own.
+void TreeWalk::list_source_attributes(const Level &level, int dstFd, AttributeNames &names) const {
+    if (!level.made || m_request.move) {
+        return;
+    }
+    const KeepErrors keep;
+    const bool own = level.known ? level.known->listsAll && level.known->timesStay
+                                 : is_on_own_volume(level.entries.fd()) && is_on_own_volume(dstFd);
+    if (own) {
+        names.list({src(), level.entries.fd()});
+    }
+}
+
+// A directory that not even a user's attribute belongs to: then there is nothing left to carry. Times are those from
+// before the walk, whose reading has changed them.
+bool TreeWalk::set_record_now(const NewCopy &copy, const VLIBCStat &before, const VLIBCStat &now) const {
+    const auto isUsers = [](std::string_view name) { return name.starts_with("user.") && !is_record(name.data()); };
+    if (!copy.names.known() || copy.names.any(isUsers)) {
+        return false;
+    }
+    VLIBCStat source = before;
+    source.attributes = now.attributes;
+    return set_record_at_once(copy, source, m_request.carriesMetadata);
+}
+
 // What the destination directory gets once its entries are there: an entry made later would change its times again.
 int TreeWalk::finish_directory(Level &level) {
     VLIBCStat status;
@@ -201,15 +233,30 @@ int TreeWalk::finish_directory(Level &level) {
         }
         return -1;
     }
-    const int fd = ::dirfd(destination.get());
-    copy_attributes(fd, status);
-    copy_acl();
-    (void)m_request.copyMetadata(src(), dst());
+    give_what_belongs(level, ::dirfd(destination.get()), status);
+    return 0;
+}
+
+// `status`: of the source, after the walk.
+void TreeWalk::give_what_belongs(const Level &level, int fd, const VLIBCStat &status) {
+    AttributeNames names;
+    list_source_attributes(level, fd, names);
+    const NewCopy copy = {{src(), level.entries.fd()}, {dst(), fd}, m_request.srcKind,
+                          m_request.dstKind,           names,       StoreSeen::unknown};
+    const bool recordSet = set_record_now(copy, level.status, status);
+    if (!recordSet) {
+        copy_attributes(fd, status);
+    }
+    copy_acl(copy, level.status.st.st_mode);
+    if (!recordSet) {
+        (void)m_request.copyMetadata(src(), dst());
+    }
     if (set_owner(fd, status) && level.made) {
         restore_set_id_bits(fd, level.status);
     }
-    set_times(level.status);
-    return 0;
+    if (!recordSet) {
+        set_times(level.status);
+    }
 }
 
 } // namespace vexo

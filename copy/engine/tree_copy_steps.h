@@ -7,6 +7,7 @@
 //   tree_copy_listing.h       the entries of one directory
 #pragma once
 
+#include "copy/engine/new_copy.h"
 #include "copy/engine/tree_copy.h"
 #include "copy/engine/tree_copy_listing.h"
 #include "platform/core.h"
@@ -100,8 +101,11 @@ class TreeWalk {
     int make_destination(Level &level);
     int merge_into_existing(Level &level);
     int finish_directory(Level &level);
+    void give_what_belongs(const Level &level, int fd, const VLIBCStat &status);
     void copy_attributes(int fd, const VLIBCStat &status);
-    void copy_acl();
+    void copy_acl(const NewCopy &copy, mode_t mode);
+    void list_source_attributes(const Level &level, int dstFd, AttributeNames &names) const;
+    bool set_record_now(const NewCopy &copy, const VLIBCStat &before, const VLIBCStat &now) const;
     bool set_owner(int fd, const VLIBCStat &status);
     void restore_set_id_bits(int fd, const VLIBCStat &status);
     void set_times(const VLIBCStat &status);

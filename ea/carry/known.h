@@ -25,8 +25,8 @@ struct KnownOfFile {
     bool recordSet = false;
 };
 
-// Whether what belongs to a file comes to its attributes, its locked state and the archive bit of the copy: it has no
-// store, nor has a file of the copy's name.
+// Whether what belongs to a file or directory comes to its attributes, its locked state and the archive bit of the
+// copy: it has no store, nor has one of the copy's name. Where that is unknown it is looked for.
 bool is_plain_file(const char *src, const char *dst, int srcKind, int dstKind, StoreSeen seen,
                    const AttributeNames &names);
 

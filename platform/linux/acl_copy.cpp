@@ -139,11 +139,11 @@ int copy_archive(const FileRef &src, const FileRef &dst) {
 }
 
 bool lists_acl(const AttributeNames &names) {
-    return !names.known() || names.has(kAccessName) || names.has(kArchiveName);
+    return !names.known() || names.has(kAccessName) || names.has(kDefaultName) || names.has(kArchiveName);
 }
 
-// Whether the mode is all that both say, and the same: a new file has got more from the directory's default ACL only,
-// and shows that in its own list.
+// Whether the mode is all that both say, and the same: a new file or directory has got more only from the default ACL
+// of the directory that it lies in, and shows that in its own list.
 bool have_modes_only(int dstFd, mode_t srcMode, const AttributeNames &source) {
     if (lists_acl(source)) {
         return false;

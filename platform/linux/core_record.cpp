@@ -36,11 +36,12 @@ int VLIBCFileRecordCarry(const char *src, int srcFd, const char *dst, int dstFd)
 
 // The record last, and only where there is none: should somebody have written one to the new file meanwhile, the
 // functions that change a record add to it. The times do not change with it.
-int VLIBCFileFComplete(int srcFd, int dstFd, const struct timespec *times, uint32_t attributes) {
+int VLIBCFileFComplete(int srcFd, int dstFd, mode_t mode, const struct timespec *times, uint32_t attributes) {
     if (dstFd < 0 || times == nullptr) {
         return refuse(dstFd < 0 ? EBADF : EFAULT);
     }
-    DosRecord record{dos_of_platform_word(attributes), dos_of_time(times[2])};
+    const uint32_t kind = S_ISDIR(mode) && attributes != 0 ? kDosDirectory : 0;
+    DosRecord record{dos_of_platform_word(attributes) | kind, dos_of_time(times[2])};
     DosRecord source;
     if (!record.creationTime) {
         return refuse(EINVAL);

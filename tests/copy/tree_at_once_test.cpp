@@ -94,7 +94,25 @@ class TreeAtOnce : public Scene, public ::testing::WithParamInterface<std::tuple
             ASSERT_EQ(0, ::chown(src(name).c_str(), 1234, 1235));
             ASSERT_EQ(0, ::chmod(src(name).c_str(), mode));
         }
+        putDirectories();
         setTimes();
+    }
+    void putDirectories() const {
+        for (const char *name :
+             {"plain directory", "hidden directory", "bits of others in a directory", "commented directory",
+              "directory acl", "directory default", "directory archived acl"}) {
+            putDirectory(name);
+        }
+        putDirectory("group directory", 02750);
+        putFile("plain directory/file");
+        ASSERT_EQ(0, VLIBCKernelAttrCall(src("hidden directory").c_str(), 515));
+        kit::setAttribute(src("bits of others in a directory"), kRecord, record(0x11, "\x12\x30\0\0"s, kSomeTime));
+        kit::setAttribute(src("commented directory"), "user.comment", "mine");
+        kit::setAttribute(src("directory acl"), "system.posix_acl_access", aclOf(7, 1234, 5, 5, 5, 0));
+        kit::setAttribute(src("directory default"), "system.posix_acl_default", aclOf(7, 1234, 5, 5, 5, 0));
+        kit::setAttribute(src("directory archived acl"), "security.NTACL", "a windows acl");
+        ASSERT_EQ(0, ::chown(src("group directory").c_str(), 1234, 1235));
+        ASSERT_EQ(0, ::chmod(src("group directory").c_str(), 02750));
     }
     void setTimes() const {
         const timespec times[] = {{1'000'000'001, 123'456'789}, {1'000'000'002, 987'654'321}};
@@ -133,7 +151,7 @@ class TreeAtOnce : public Scene, public ::testing::WithParamInterface<std::tuple
         looks["modified"] = time(status.st.st_mtim);
         looks["created"] = time({status.createTime.tv_sec, status.createTime.tv_nsec / 100 * 100}); // its unit
         looks["attributes"] = std::to_string(status.attributes);
-        looks["content"] = kit::readFile(path);
+        looks["content"] = S_ISDIR(status.st.st_mode) ? "" : kit::readFile(path);
         return looks;
     }
     void expectSame(const std::string &one, const std::string &other) {
@@ -157,6 +175,8 @@ class TreeAtOnce : public Scene, public ::testing::WithParamInterface<std::tuple
             return std::find(calls.begin(), calls.end(), call) != calls.end();
         };
         EXPECT_FALSE(asks("VLIBCFileUTime(" + dst("empty") + ")"));
+        EXPECT_FALSE(asks("VLIBCFileUTime(" + dst("plain directory") + ")"));
+        EXPECT_TRUE(asks("VLIBCFileUTime(" + dst("commented directory") + ")"));
         EXPECT_TRUE(asks("VLIBCFileUTime(" + dst("metadata") + ")")); // a store may belong to it
     }
 };

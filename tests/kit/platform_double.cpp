@@ -157,23 +157,35 @@ KIT_PLATFORM_OF_FILE(VEXOACLArchiveFCopy, VEXOACLArchiveCopy, (int srcFd, int ds
 #undef KIT_PLATFORM_OF_FILE
 
 // What says several things at once does not, where a test has one of them fail or change something.
-extern "C" int VLIBCFileFComplete(int srcFd, int dstFd, const struct timespec *times, uint32_t attributes) {
+extern "C" int VLIBCFileFComplete(int srcFd, int dstFd, mode_t mode, const struct timespec *times,
+                                  uint32_t attributes) {
     for (const char *said : {"VLIBCFileUTime", "VLIBCKernelAttrFcntl", "VLIBCKernelAttrCall", "VLIBCFileFStat"}) {
         if (kit::watches(said)) {
             errno = ENOSYS;
             return -1;
         }
     }
-    static auto *const actual = kit::real<int(int, int, const struct timespec *, uint32_t)>("VLIBCFileFComplete");
-    return actual(srcFd, dstFd, times, attributes);
+    static auto *const actual =
+        kit::real<int(int, int, mode_t, const struct timespec *, uint32_t)>("VLIBCFileFComplete");
+    return actual(srcFd, dstFd, mode, times, attributes);
 }
 
+// Counts as the two that it stands for, those of directories as well, which have functions of paths alone.
 extern "C" int VEXOACLFCopyToNew(int srcFd, int dstFd, mode_t srcMode, const char *names, size_t size) {
     if (kit::watches("VEXOACLCopy") || kit::watches("VEXOACLArchiveCopy")) {
+        if (S_ISDIR(srcMode)) {
+            errno = ENOSYS;
+            return -1;
+        }
         return VEXOACLFCopy(srcFd, dstFd) == 0 && VEXOACLArchiveFCopy(srcFd, dstFd) == 0 ? 0 : -1;
     }
     static auto *const actual = kit::real<int(int, int, mode_t, const char *, size_t)>("VEXOACLFCopyToNew");
-    return actual(srcFd, dstFd, srcMode, names, size);
+    const int result = actual(srcFd, dstFd, srcMode, names, size);
+    if (result == 0) {
+        (void)askFaults("VEXOACLCopy", nullptr, srcFd);
+        (void)askFaults("VEXOACLArchiveCopy", nullptr, srcFd);
+    }
+    return result;
 }
 
 // Rules and records see the whole command line: "/bin/rm -rf /path". Callers may end it by a plain 0, of which only the

@@ -300,7 +300,7 @@ TEST_F(DosAttributes, ANewFileIsCompletedAtOnce) {
     const timespec times[3] = {{1000000001, 123456789}, {1000000002, 987654321}, {kNewYear, 0}};
     const vexo::Fd open(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
     ASSERT_TRUE(open);
-    EXPECT_EQ(0, VLIBCFileFComplete(-1, open.get(), times, VLIBC_ATTR_ARCHIVE | VLIBC_ATTR_LOCKED));
+    EXPECT_EQ(0, VLIBCFileFComplete(-1, open.get(), S_IFREG, times, VLIBC_ATTR_ARCHIVE | VLIBC_ATTR_LOCKED));
     EXPECT_EQ(bytes({0, 0, 5, 0, 5, 0, 0, 0, 0x11, 0, 0, 0, 0x21, 0, 0, 0}) + kNewYearBytes,
               kit::attribute(file, kName));
     EXPECT_EQ(1000000001, kit::statOf(file).st_atim.tv_sec);
@@ -316,28 +316,37 @@ TEST_F(DosAttributes, ACompletedFileGetsWhatOnlyTheSourcesRecordHas) {
                       bytes({0, 0, 5, 0, 5, 0, 0, 0, 1, 0, 0, 0, 3, 0x10, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     const vexo::Fd from(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
     const vexo::Fd to(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
-    EXPECT_EQ(0, VLIBCFileFComplete(from.get(), to.get(), times, VLIBC_ATTR_ARCHIVE));
+    EXPECT_EQ(0, VLIBCFileFComplete(from.get(), to.get(), S_IFREG, times, VLIBC_ATTR_ARCHIVE));
     EXPECT_EQ(bytes({0, 0, 5, 0, 5, 0, 0, 0, 0x11, 0, 0, 0, 0x20, 0x10, 0, 0}) + kNewYearBytes,
               kit::attribute(file, kName));
+}
+
+TEST_F(DosAttributes, ACompletedDirectorysRecordSaysSo) {
+    const timespec times[3] = {{1, 0}, {2, 0}, {kNewYear, 0}};
+    const vexo::Fd open(::open(scratch.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_EQ(0, VLIBCFileFComplete(-1, open.get(), S_IFDIR | 0755, times, VLIBC_ATTR_ARCHIVE));
+    EXPECT_EQ(bytes({0, 0, 5, 0, 5, 0, 0, 0, 0x11, 0, 0, 0, 0x30, 0, 0, 0}) + kNewYearBytes,
+              kit::attribute(scratch.path(), kName));
+    EXPECT_EQ(2, kit::statOf(scratch.path()).st_mtim.tv_sec);
 }
 
 TEST_F(DosAttributes, WhatCannotBeCompletedAtOnceIsRefused) {
     const timespec times[3] = {{1, 0}, {2, 0}, {kNewYear, 0}};
     const vexo::Fd open(::open(file.c_str(), O_WRONLY | O_CLOEXEC));
-    EXPECT_EQ(-1, VLIBCFileFComplete(-1, -1, times, 0));
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, -1, S_IFREG, times, 0));
     EXPECT_EQ(EBADF, errno);
-    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), nullptr, 0));
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), S_IFREG, nullptr, 0));
     EXPECT_EQ(EFAULT, errno);
     const timespec before1601[3] = {{1, 0}, {2, 0}, {-20'000'000'000, 0}};
-    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), before1601, 0));
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), S_IFREG, before1601, 0));
     EXPECT_EQ(EINVAL, errno);
     kit::Faults::fail("fgetxattr", EIO, file);
-    EXPECT_EQ(-1, VLIBCFileFComplete(open.get(), open.get(), times, 0)); // the source's record cannot be read
+    EXPECT_EQ(-1, VLIBCFileFComplete(open.get(), open.get(), S_IFREG, times, 0)); // the source's record cannot be read
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ("", kit::attribute(file, kName));
     ASSERT_EQ(0, VLIBCKernelAttrCall(file.c_str(), 515));
     const std::string there = kit::attribute(file, kName);
-    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), times, VLIBC_ATTR_ARCHIVE)); // not new
+    EXPECT_EQ(-1, VLIBCFileFComplete(-1, open.get(), S_IFREG, times, VLIBC_ATTR_ARCHIVE)); // not new
     EXPECT_EQ(EEXIST, errno);
     EXPECT_EQ(there, kit::attribute(file, kName));
 }
