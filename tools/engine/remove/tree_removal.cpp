@@ -45,6 +45,10 @@ bool is_directory(const Entry &entry) {
     return entry.type == DT_DIR;
 }
 
+mode_t mode_of(const Entry &entry) {
+    return static_cast<mode_t>(DTTOIF(entry.type));
+}
+
 // An "@eaDir" in which nothing is left but a cover goes.
 void clear_stores(const DirectoryChain &way) {
     (void)EARemoveEADir(way.path_of("@eaDir").c_str());
@@ -156,7 +160,7 @@ void TreeRemoval::remove_next() {
     }
     if (is_directory(entry)) {
         enter(entry);
-    } else if (confirmed(DTTOIF(entry.type), RemovalQuestion::entry)) {
+    } else if (confirmed(mode_of(entry), RemovalQuestion::entry)) {
         unlink(entry);
     }
 }
@@ -288,10 +292,10 @@ void TreeRemoval::unlink(const Entry &entry) {
         return; // by somebody else, meanwhile
     }
     if (result != 0 && errno != ENOENT) {
-        failed(DTTOIF(entry.type), problem_of_entry(errno));
+        failed(mode_of(entry), problem_of_entry(errno));
         return;
     }
-    gone(entry.name, DTTOIF(entry.type));
+    gone(entry.name, mode_of(entry));
 }
 
 // An entry of the lowest level that was removed: what is kept for it goes too.

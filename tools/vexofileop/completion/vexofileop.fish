@@ -4,12 +4,17 @@
 function __vexofileop_words
     set -l section $argv[1]
     vexofileop $argv[2..-1] --help 2>/dev/null | awk -v section="$section:" '
+        # What is too long for its column has its text in the next line.
+        function flush() {
+            count = split(words, each, ","); for (i = 1; i <= count; i++) print each[i] "\t" text
+            words = ""
+        }
+        on && substr($0, 1, 25) ~ /^ +$/ { text = substr($0, 26); next }
+        { flush() }
         $0 == section { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
-        on && /^  [^ ]/ {
-            words = $1; $0 = substr($0, 26)
-            count = split(words, each, ","); for (i = 1; i <= count; i++) print each[i] "\t" $0
-        }'
+        on && /^  [^ ]/ { words = $1; text = substr($0, 26) }
+        END { flush() }'
 end
 
 # The commands named so far.
