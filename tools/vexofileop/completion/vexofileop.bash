@@ -21,6 +21,10 @@ _vexofileop() {
         grep -qxF -- "$word" <<<"$(_vexofileop_words Subcommands "${path[@]}")" || break
         path+=("$word")
     done
+    if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --accept ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "all acl fat $(vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v '^0x')" -- "$current")
+        return
+    fi
     if [[ $current == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_vexofileop_words Options "${path[@]}")" -- "$current")
         return
