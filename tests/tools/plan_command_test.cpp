@@ -276,6 +276,20 @@ TEST_F(PlanCommand, NamesThatTheVolumeChangesAreTold) {
     EXPECT_TRUE(mentions(result.out, "(symbolic-link)")) << result.out;
 }
 
+TEST_F(PlanCommand, ARelocationIsExplainedAndPlanned) {
+    ASSERT_EQ(0, ::mkdir((into + "/there").c_str(), 0755));
+    kit::writeFile(into + "/there/file", "older");
+    const ToolResult result = runTool({"relocate", "--dry-run", one, into + "/there"});
+    EXPECT_TRUE(mentions(result.out, "IS REMOVED WITH EVERYTHING IN IT")) << result.out;
+    EXPECT_TRUE(mentions(result.out, "5 new, 0 replaced, 0 merged")) << result.out;
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("older", kit::readFile(into + "/there/file"));
+    EXPECT_EQ("content", kit::readFile(one + "/file"));
+    ASSERT_EQ(0, ::mkfifo((one + "/pipe").c_str(), 0600));
+    EXPECT_EQ(1, runTool({"relocate", "--dry-run", one, into + "/there"}).status);
+    EXPECT_EQ(1, runTool({"relocate", "-y", one, into + "/there"}).status);
+}
+
 TEST_F(PlanCommand, AReportHasItAll) {
     ASSERT_EQ(0, ::mkfifo((one + "/pipe").c_str(), 0600));
     EXPECT_EQ(1, runTool({"plan", "copy", "-r", "--report", scratch / "plan.json", one, into}).status);

@@ -260,7 +260,8 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     }
     Destination inner{.path = planned.destination, .volume = to.volume};
     const std::string key = rehearsal.key_of(name);
-    const auto there = to.is_there() ? to.there.look(name) : std::nullopt;
+    const bool apart = m_options.fresh && m_depth == 0;
+    const auto there = to.is_there() && !apart ? to.there.look(name) : std::nullopt;
     const auto [known, isNew] = to.planned.try_emplace(key, source.name);
     if (!isNew) {
         std::vector<Loss> losses;

@@ -58,7 +58,8 @@ struct VolumePlan {
 
 struct PlanOptions {
     TransferOptions transfer;
-    bool probe = true; // something may be made in directories of the destination, and is removed again
+    bool fresh = false; // what stands at the destination of a tree goes as a whole, once a copy stands beside it
+    bool probe = true;  // something may be made in directories of the destination, and is removed again
 };
 
 class Planner {

@@ -202,7 +202,9 @@ void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) co
     give_dos_attributes(fd, status.attributes | (file ? uint32_t{VLIBC_ATTR_ARCHIVE} : 0));
     const timespec times[] = {status.st.st_atim, status.st.st_mtim, status.createTime};
     (void)VLIBCFileUTime(to.c_str(), 3, times);
-    (void)::fchmod(fd, status.st.st_mode & kModeBits);
+    // Where the mount gives the modes, the library gives a file what leaves all to that.
+    constexpr mode_t open = 0666;
+    (void)::fchmod(fd, file && !m_volume.owners ? open : status.st.st_mode & kModeBits);
     struct stat now {};
     if (::fstat(fd, &now) == 0 && now.st_mtim.tv_nsec != status.st.st_mtim.tv_nsec) {
         (void)::futimens(fd, times);

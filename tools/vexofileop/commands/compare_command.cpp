@@ -193,7 +193,7 @@ class Comparison : private engine::ComparisonObserver {
         summary.add_number("files", m_files);
         summary.add_number("directories", m_directories);
         summary.add_number("bytes", m_bytes);
-        summary.add_number("same", m_same);
+        summary.add_number("shared", m_same);
         summary.add_number("extra", m_extra);
         m_receipt.add_to(summary);
         summary.add_flag("cancelled", stopped());

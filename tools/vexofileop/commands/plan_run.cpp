@@ -184,6 +184,9 @@ int PlanRun::finish() {
     const bool signalled = stop_signal() != 0;
     const int succeeded = m_succeeded == 0 && !m_anyFailed ? m_directoriesDone : m_succeeded;
     int status = signalled ? exitSignal + stop_signal() : exit_status(succeeded, m_failed ? 1 : 0);
+    if (m_options.allOrNothing && !signalled && m_deeds[static_cast<size_t>(engine::Deed::fail)] > 0) {
+        status = exitNone;
+    }
     if (signalled) {
         m_console.message("stopped; the plan is not whole");
     }

@@ -18,6 +18,7 @@ struct PlanRunOptions {
     engine::PlanOptions plan;
     std::string report = {}; // the file that it is written to; empty: none
     bool stopOnError = false, verbose = false, json = false;
+    bool allOrNothing = false; // an entry that cannot be copied ends the run, with nothing done
 };
 
 class PlanRun : private engine::PlanObserver {

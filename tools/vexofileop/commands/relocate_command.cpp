@@ -11,6 +11,7 @@
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/commands/plan_run.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
@@ -28,7 +29,7 @@ namespace tool {
 namespace {
 
 struct Options {
-    bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false;
+    bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false, dryRun = false;
     std::string report = {};
 };
 
@@ -64,6 +65,9 @@ class Relocation : private engine::RelocationObserver {
     }
 
     int run() {
+        if (m_options.dryRun) {
+            return plan();
+        }
         if (!agreed()) {
             return exitNone;
         }
@@ -82,6 +86,20 @@ class Relocation : private engine::RelocationObserver {
     }
 
   private:
+    // The steps, and what a plan tells of the copy that they begin with.
+    int plan() {
+        if (!m_options.json) {
+            m_console.line(explanation(m_plan));
+        }
+        const PlanRunOptions options{
+            .plan = {.transfer = {.links = true, .trees = true, .accepted = m_plan.request.accepted}, .fresh = true},
+            .report = m_options.report,
+            .verbose = m_options.verbose,
+            .json = m_options.json,
+            .allOrNothing = true};
+        return PlanRun(options).run({{m_plan.request.source, m_plan.request.destination}});
+    }
+
     bool agreed() {
         if (m_options.yes) {
             return true;
@@ -222,6 +240,7 @@ void add_relocate_command(const Command &program, int &status) {
     const auto options = std::make_shared<Options>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
+    command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
     const Option accept = add_accept_option(command);
     const Option report = add_report_option(command);
     command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
