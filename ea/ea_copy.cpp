@@ -154,7 +154,8 @@ int run(EaCopyJob &job) {
         return -1;
     }
     job.nothingStored = has_nothing_stored(job);
-    if (!job.nothingStored && is_one_place(job)) {
+    // What is stored is proven to be two things when it comes to it, too; where nothing is, the caller's look will do.
+    if (!(job.nothingStored && job.apart) && is_one_place(job)) {
         return 0;
     }
     if (internal) {
@@ -229,6 +230,7 @@ int vexo::copy_ea(const FileRef &source, const FileRef &destination, int move, i
     }
     EaCopyJob job{src, dst, move != 0, fullDir != 0, srcKind, dstKind, copyFile, ofFileOperation, known.seen};
     job.names = known.names;
+    job.apart = known.apart;
     job.recordSet = known.recordSet;
     job.srcFd = source.fd();
     job.dstFd = destination.fd();

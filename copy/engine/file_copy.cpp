@@ -179,7 +179,8 @@ class FileCopy::WritableByOwner {
 void FileCopy::copy_metadata() {
     if (m_request.copyMetadata) {
         const WritableByOwner writable(destination(), m_srcStat.st.st_mode);
-        const KnownOfFile known = {store_seen(), m_names.known() ? &m_names : nullptr, m_recordSet};
+        // The same file ends the copy before anything is opened, but for remote volumes, where only paths tell.
+        const KnownOfFile known = {store_seen(), m_names.known() ? &m_names : nullptr, true, m_recordSet};
         (void)m_request.copyMetadata(source(), destination(), source_type(), destination_type(), known);
     }
 }

@@ -34,6 +34,7 @@ struct EaCopyJob {
     StoreSeen seen = StoreSeen::unknown;
     bool streamsStay = false;              // nothing was converted: the names on the way are passed over
     bool nothingStored = false;            // the source has no "@eaDir" and, where it could, no metadata attribute
+    bool apart = false;                    // two files, as the caller has seen
     const AttributeNames *names = nullptr; // of the source, where they are known
     bool recordSet = false;                // locked state and archive bit are set, and the platform's record carried
 

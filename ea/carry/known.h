@@ -21,6 +21,8 @@ struct KnownOfFile {
     StoreSeen seen = StoreSeen::unknown;
     // The source's attributes, on a volume that lists all of them; null where they are not known.
     const AttributeNames *names = nullptr;
+    // Source and destination have been seen to be two files.
+    bool apart = false;
     // The file is plain, and its copy has been given locked state, archive bit and what the platform's record says.
     bool recordSet = false;
 };

@@ -57,6 +57,24 @@ TEST_F(OneStore, DirectoryByALinkDoesNothing) {
     }
 }
 
+// Where nothing is stored, there is still the archive bit that a copy gets, and a lock.
+TEST_F(OneStore, FileWithoutAStoreIsLeftAloneAsWell) {
+    for (const int fromKind : {kEaDirectory, kFileEa}) {
+        for (const int toKind : {kEaDirectory, kFileEa}) {
+            for (const bool byLink : {false, true}) {
+                const std::string root = newRoot();
+                from = {root + "/from", "f"};
+                ::mkdir(from.directory.c_str(), 0777);
+                kit::writeFile(from.path(), "data");
+                ASSERT_EQ(0, ::symlink(from.directory.c_str(), (root + "/by").c_str()));
+                to = byLink ? Place{root + "/by", "f"} : from;
+                expectNothingDone(root, fromKind, toKind);
+                EXPECT_EQ("", kit::attribute(from.path(), "user.DOSATTRIB"));
+            }
+        }
+    }
+}
+
 TEST_F(OneStore, HardLinkedStreamsStay) {
     for (const int fromKind : {kEaDirectory, kFileEa}) {
         const std::string root = newRoot();
