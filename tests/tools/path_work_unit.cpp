@@ -1,6 +1,7 @@
 // Commands over several paths: counts, messages, and the end at a signal.
 #include "tools/vexofileop/commands/path_work.h"
 
+#include "tests/kit/child.h"
 #include "tools/engine/report/failure.h"
 #include "tools/vexofileop/terminal/signals.h"
 
@@ -30,17 +31,20 @@ TEST(PathWork, AllFailedIsTwo) {
     EXPECT_EQ(2, work.finish());
 }
 
+// In a child: that a signal came cannot be undone.
 TEST(PathWork, SignalLetsThePathUnderWayEndAndLeavesTheOthers) {
-    tool::watch_signals();
-    PathWork work;
-    int seen = 0;
-    work.each({"/a", "/b", "/c"}, [&](const std::string &) {
-        if (++seen == 2) {
-            std::raise(SIGTERM);
-        }
-    });
-    EXPECT_EQ(2, seen);
-    EXPECT_EQ(128 + SIGTERM, work.finish());
+    EXPECT_TRUE(kit::holdsInChild([] {
+        tool::watch_signals();
+        PathWork work;
+        int seen = 0;
+        work.each({"/a", "/b", "/c"}, [&](const std::string &) {
+            if (++seen == 2) {
+                std::raise(SIGTERM);
+            }
+        });
+        EXPECT_EQ(2, seen);
+        EXPECT_EQ(128 + SIGTERM, work.finish());
+    }));
 }
 
 } // namespace

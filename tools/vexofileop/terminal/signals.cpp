@@ -57,7 +57,9 @@ bool wait_readable(int fd, int milliseconds) {
         readable = result > 0 || (result < 0 && errno != EINTR);
     }
     ::sigprocmask(SIG_SETMASK, &before, nullptr);
-    return readable;
+    // A signal that came with the answer has set the flag by now. Ctrl-C empties a terminal's input, which for a moment
+    // looks as if there were some: whoever believed that would wait in read().
+    return readable && stopSignal == 0;
 }
 
 } // namespace tool
