@@ -60,6 +60,7 @@ void refuse_unknown_command(const CLI::App &program) {
         return;
     }
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const CLI::App *const command : commands) {
         names.push_back(command->get_name());
     }
