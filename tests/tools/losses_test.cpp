@@ -155,6 +155,10 @@ TEST_F(Losses, WhatIsNobodysInTheStore) {
     EXPECT_EQ(1, moved.status);
     EXPECT_TRUE(mentions(moved.err, "@eaDir/renamed away@VexoEAStream belongs to no entry (not-carried)\n"))
         << moved.err;
+    EXPECT_TRUE(moved.err.ends_with("vexofileop: the source stays for that\n")) << moved.err;
+    EXPECT_EQ("s", kit::readFile(tree + "/@eaDir/renamed away@VexoEAStream"));
+    // Whoever accepts it loses nothing either: nobody takes it away.
+    EXPECT_NE(0, runTool({"move", "-f", "--accept", "all", tree, volume.path()}).status);
     EXPECT_EQ("s", kit::readFile(tree + "/@eaDir/renamed away@VexoEAStream"));
 }
 
@@ -169,6 +173,8 @@ TEST_F(Losses, FilesOfOtherServicesInTheStore) {
     const ToolResult copied = runTool({"copy", "-r", tree, scratch / "copy"});
     EXPECT_EQ(1, copied.status);
     EXPECT_TRUE(mentions(copied.err, "(not-carried)\n")) << copied.err;
+    EXPECT_TRUE(mentions(runTool({"copy", "-rv", tree, scratch / "other"}).out,
+                         "only at the first: deep/thumb (10 bytes) (not-carried)\n"));
     const ToolResult moved = runTool({"move", tree, volume.path()});
     for (const char *name : {"thumb", "deep/thumb"}) {
         const std::string there = volume / "tree/@eaDir/file/" + name, here = tree + "/@eaDir/file/" + name;

@@ -151,7 +151,12 @@ void Batch::report_losses(const std::string &source, const engine::Outcome &outc
             m_console.line(loss_text(source, outcome.destination, loss));
         }
     }
-    m_staying += outcome.sourceStays && !outcome.warning ? 1 : 0;
+    if (outcome.sourceStays && !outcome.warning) {
+        ++m_staying;
+        for (const engine::Loss &loss : outcome.losses) {
+            m_stayingFor.add(loss.cls);
+        }
+    }
 }
 
 void Batch::note_for_report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
@@ -194,7 +199,7 @@ void Batch::tell_receipt() {
         m_console.message(line);
     }
     if (m_staying > 0) {
-        const std::string classes = m_receipt.failing();
+        const std::string classes = m_receipt.failing(m_stayingFor);
         m_console.message(
             (m_staying == 1 ? "the source stays for that" : fmt::format("{} sources stay for that", m_staying)) +
             (classes.empty() ? "" : fmt::format("; --accept {} moves {}", classes, m_staying == 1 ? "it" : "them")));

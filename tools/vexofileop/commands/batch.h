@@ -64,7 +64,8 @@ class Batch : private engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
-    int m_staying = 0; // sources of a move, for what was lost of them
+    int m_staying = 0;              // sources of a move, for what was lost of them
+    engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
     bool m_treeSeen = false;
     bool m_failed = false;
     int m_passedOver = 0;      // for something stands there, which the caller wants to stay

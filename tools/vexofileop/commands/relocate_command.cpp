@@ -178,7 +178,9 @@ class Relocation : private engine::RelocationObserver {
             m_console.message(
                 fmt::format("the copy is in place; {} {} not in it as in the source, so {} stays as it is",
                             result.missing, result.missing == 1 ? "thing is" : "things are", source) +
-                (!m_receipt.failing().empty() ? fmt::format("; --accept {} removes it", m_receipt.failing()) : ""));
+                (!m_receipt.failing(*engine::loss_set("all")).empty()
+                     ? fmt::format("; --accept {} removes it", m_receipt.failing(*engine::loss_set("all")))
+                     : ""));
             break;
         case engine::RelocationEnd::source_remains:
             if (signalled) {

@@ -47,10 +47,12 @@ std::vector<std::string> Receipt::lines() const {
     return lines;
 }
 
-std::string Receipt::failing() const {
+std::string Receipt::failing(engine::LossSet among) const {
     std::string names;
     for (const engine::LossRow &row : engine::kLossTable) {
-        if (count(row.cls) > 0 && row.cls != engine::LossClass::data && engine::fails({row.cls, ""}, m_accepted)) {
+        const bool helps =
+            among.contains(row.cls) && row.cls != engine::LossClass::data && row.cls != engine::LossClass::not_carried;
+        if (helps && count(row.cls) > 0 && engine::fails({row.cls, ""}, m_accepted)) {
             names += (names.empty() ? "" : ",") + std::string(row.name);
         }
     }

@@ -30,8 +30,9 @@ class Receipt {
     // one that was accepted, or that takes more room and no more, the line says so. None for a class of which all are
     // told.
     std::vector<std::string> lines() const;
-    // The classes for which the run has failed and need not, as --accept takes them: "owner,mode".
-    std::string failing() const;
+    // The classes of the set for which the run has failed and need not, as --accept takes them: "owner,mode". What lies
+    // where it was for nobody, and content that is not there, keep a source whoever accepts what.
+    std::string failing(engine::LossSet among) const;
     // Appends {"class":…,"severity":…,"count":…,"accepted":…} for each class to the list `name` of a summary, which is
     // left out where nothing was lost.
     void add_to(Json &summary, const char *name = "losses") const;
