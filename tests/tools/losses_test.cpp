@@ -169,6 +169,8 @@ TEST_F(Losses, FilesOfOtherServicesInTheStore) {
     const ToolResult copied = runTool({"copy", "-r", tree, scratch / "copy"});
     EXPECT_EQ(1, copied.status);
     EXPECT_TRUE(mentions(copied.err, "(not-carried)\n")) << copied.err;
+    EXPECT_TRUE(mentions(runTool({"copy", "-rv", tree, scratch / "other"}).out,
+                         "only at the first: deep/thumb (10 bytes) (not-carried)\n"));
     const ToolResult moved = runTool({"move", tree, volume.path()});
     for (const char *name : {"thumb", "deep/thumb"}) {
         const std::string there = volume / "tree/@eaDir/file/" + name, here = tree + "/@eaDir/file/" + name;

@@ -190,6 +190,31 @@ bool report_problems(EntryView &entry, const char *which, Findings &findings) {
     return !entry.contents().problems().empty();
 }
 
+// Of an open directory, with those in it, each by its path from the first on.
+void add_kept(const Descriptor &directory, const std::string &path, std::vector<std::string> &kept, int depth = 0) {
+    constexpr int deepest = 100; // no service goes further, and each level holds a descriptor
+    if (depth > deepest) {
+        throw Failure("too deep");
+    }
+    const auto names = directory.get() < 0 ? std::nullopt : names_in(directory.get());
+    if (!names) {
+        throw_errno("cannot be read");
+    }
+    for (const std::string &name : *names) {
+        struct stat found {};
+        if (::fstatat(directory.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue; // gone again
+        }
+        kept.push_back(fmt::format("{}{} ({})", path, displayed(name),
+                                   S_ISREG(found.st_mode)   ? fmt::format("{} bytes", found.st_size)
+                                   : S_ISDIR(found.st_mode) ? "a directory"
+                                                            : "no regular file"));
+        if (S_ISDIR(found.st_mode)) {
+            add_kept(open_directory(directory.get(), name), path + displayed(name) + "/", kept, depth + 1);
+        }
+    }
+}
+
 // What lies in a directory of the entry's own in "@eaDir": stores of the older layout, and what other services keep.
 std::vector<std::string> kept_beside(const EntryView &entry) {
     constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -205,19 +230,7 @@ std::vector<std::string> kept_beside(const EntryView &entry) {
         }
         return kept;
     }
-    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", own.get()));
-    if (!names) {
-        throw_errno("cannot be read");
-    }
-    for (const std::string &name : *names) {
-        struct stat found {};
-        if (::fstatat(own.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
-            kept.push_back(fmt::format("{} ({})", displayed(name),
-                                       S_ISREG(found.st_mode)   ? fmt::format("{} bytes", found.st_size)
-                                       : S_ISDIR(found.st_mode) ? "a directory"
-                                                                : "no regular file"));
-        }
-    }
+    add_kept(own, "", kept);
     std::ranges::sort(kept);
     return kept;
 }

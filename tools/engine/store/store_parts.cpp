@@ -26,10 +26,6 @@ bool keeps_apple_doubles(int type) {
 
 } // namespace
 
-bool has_metadata_attribute(const std::string &path) {
-    return ::lgetxattr(path.c_str(), kMetadataAttribute, nullptr, 0) > 0;
-}
-
 StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory) {
     char place[PATH_MAX] = "";
     const char *const name = path.c_str();
@@ -37,24 +33,13 @@ StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory
         return {.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place)};
     }
     StoreParts parts;
-    parts.attribute = has_metadata_attribute(path);
+    parts.attribute = ::lgetxattr(name, kMetadataAttribute, nullptr, 0) > 0;
     if (noDirectory || ::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
         return parts;
     }
     parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);
     parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place);
     return parts;
-}
-
-bool parts_missing(const StoreParts &before, const std::string &destination, int volumeType) {
-    if (!before.any() || store_kind(volumeType) == StoreKind::native) {
-        return false;
-    }
-    const StoreParts now = store_parts(destination, volumeType);
-    if (keeps_apple_doubles(volumeType) || before.appleDouble) {
-        return !now.any();
-    }
-    return (before.stream && !now.stream) || ((before.resource || before.attribute) && !now.resource && !now.attribute);
 }
 
 } // namespace engine

@@ -26,11 +26,6 @@ inline StoreKind store_kind(int typeCode) {
     return volume_traits(typeCode).store;
 }
 
-// Whether an attribute of a file at the one is the same attribute at the other: not where stores are kept in them.
-inline bool keep_attributes_alike(int one, int other) {
-    return (store_kind(one) == StoreKind::native) == (store_kind(other) == StoreKind::native);
-}
-
 // "\"@eaDir\"": where it is, for people.
 const char *kind_text(StoreKind kind);
 
