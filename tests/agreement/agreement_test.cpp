@@ -126,6 +126,8 @@ class Receipt : public engine::TransferObserver {
         const bool stays = outcome.problem && outcome.problem->reason.starts_with("the source directory stays");
         if (outcome.status != engine::Status::done && outcome.losses.empty() && !stays) {
             m_view.fail(source);
+            m_view.details +=
+                engine::displayed(source) + ": " + (outcome.problem ? outcome.problem->reason : "") + "\n";
         }
     }
     void arrived(const std::string &, int, int64_t) override {}
@@ -150,10 +152,11 @@ class Differences : public engine::ComparisonObserver {
     View &m_view;
 };
 
+// Room for all trees, of which none is taken until it is used.
 kit::Volume made(const std::string &kind, const std::string &scratch) {
     constexpr uint64_t mebibyte = 1 << 20;
     if (kind == "tmpfs") {
-        return kit::Volume::tmpfs(256 * mebibyte);
+        return kit::Volume::tmpfs(2048 * mebibyte);
     }
     if (kind == "ramfs") {
         return kit::Volume::plain();
@@ -162,7 +165,7 @@ kit::Volume made(const std::string &kind, const std::string &scratch) {
         (void)::mkdir(scratch.c_str(), 0755);
         return kit::Volume::overlay(scratch);
     }
-    return kit::Volume::loop(kind, (kind == "xfs" ? 320 : kind == "btrfs" ? 128 : 48) * mebibyte);
+    return kit::Volume::loop(kind, 1024 * mebibyte);
 }
 
 class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {
@@ -209,7 +212,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
             engine::compare_trees(reference, copy, {}, observer);
         }
         comparison.without(receipt.failed);
-        EXPECT_EQ(receipt.failed, forecast.failed) << where(seed);
+        EXPECT_EQ(receipt.failed, forecast.failed) << where(seed) << "\n" << receipt.details;
         EXPECT_EQ(receipt.text(), forecast.text()) << "receipt and forecast, " << where(seed) << "\n"
                                                    << receipt.details;
         EXPECT_EQ(receipt.text(), comparison.text()) << "receipt and comparison, " << where(seed) << "\n"

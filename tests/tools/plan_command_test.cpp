@@ -6,6 +6,7 @@
 #include "tests/tools/tool_process.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -274,6 +275,25 @@ TEST_F(PlanCommand, NamesThatTheVolumeChangesAreTold) {
         << result.out;
     EXPECT_TRUE(mentions(result.out, "(name-clash)")) << result.out;
     EXPECT_TRUE(mentions(result.out, "(symbolic-link)")) << result.out;
+}
+
+// More is said than a terminal takes that nobody reads: the plan is in the middle when the signal comes.
+TEST_F(PlanCommand, WhatWasMadeToTryGoesWhenItIsStopped) {
+    for (int number = 0; number < 500; ++number) {
+        kit::writeFile(one + "/" + std::string(200, 'n') + std::to_string(number), "");
+    }
+    kit::ToolOnTerminal tool({"plan", "copy", "-rv", one, into});
+    ASSERT_TRUE(tool.catches(SIGTERM));
+    constexpr int patience = 12'000;
+    for (int turn = 0; turn < patience && kit::namesIn(into).empty(); ++turn) {
+        ::usleep(10'000);
+    }
+    ASSERT_EQ(1U, kit::namesIn(into).size());
+    tool.send(SIGTERM);
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(128 + SIGTERM, result.status);
+    EXPECT_TRUE(mentions(result.out, "the plan is not whole"));
+    EXPECT_TRUE(kit::namesIn(into).empty());
 }
 
 TEST_F(PlanCommand, ARelocationIsExplainedAndPlanned) {

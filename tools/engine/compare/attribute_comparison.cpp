@@ -268,7 +268,7 @@ void compare_lock(EntryView &one, EntryView &other, Findings &findings) {
     constexpr mode_t write = S_IWUSR | S_IWGRP | S_IWOTH;
     const auto locked = [](EntryView &entry) {
         return is_locked(entry.status(), entry.volume().store,
-                         entry.file().empty() ? false : entry.contents().afp_locked());
+                         !entry.file().empty() && entry.may_hold_more() && entry.contents().afp_locked());
     };
     const bool first = locked(one), second = locked(other);
     // Where it is the permissions that lock the second, and the first has the same, nothing changed.

@@ -57,7 +57,9 @@ class EntryComparison {
         if (read || more()) {
             m_one.pin(read);
             m_other.pin(read);
-            compare_attributes(m_one, m_other, m_findings);
+            if (m_one.may_hold_more() || m_other.may_hold_more()) {
+                compare_attributes(m_one, m_other, m_findings);
+            }
             if (read) {
                 compare_content(m_one, m_other, m_findings);
             }
