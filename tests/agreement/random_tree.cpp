@@ -150,7 +150,7 @@ class Grower {
             acl(path, ACL_TYPE_DEFAULT, "u::rwx,u:9:r-x,g::r-x,m::r-x,o::---");
         }
         if (!m_older || !directory) { // a store that only the destination of a merge has stays there
-            store(path, directory);
+            store(path);
         }
         if (below(4) == 0) {
             const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -161,8 +161,8 @@ class Grower {
         times(path);
     }
 
-    void store(const std::string &path, bool directory) {
-        if (below(4) != 0 || directory) {
+    void store(const std::string &path) {
+        if (below(4) != 0) {
             return;
         }
         try {
