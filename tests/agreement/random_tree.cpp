@@ -150,7 +150,7 @@ class Grower {
             acl(path, ACL_TYPE_DEFAULT, "u::rwx,u:9:r-x,g::r-x,m::r-x,o::---");
         }
         if (!m_older || !directory) { // a store that only the destination of a merge has stays there
-            store(path, directory);
+            store(path);
         }
         if (below(4) == 0) {
             const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -161,8 +161,8 @@ class Grower {
         times(path);
     }
 
-    void store(const std::string &path, bool directory) {
-        if (below(4) != 0 || directory) {
+    void store(const std::string &path) {
+        if (below(4) != 0) {
             return;
         }
         try {
@@ -174,6 +174,23 @@ class Grower {
         } catch (const engine::Failure &) {
             return; // no room beside a very long name
         }
+        if (below(2) == 0) {
+            resource(path);
+        }
+    }
+
+    // Finder Info and a resource fork, as Mac clients leave them.
+    void resource(const std::string &path) {
+        const size_t slash = path.rfind('/');
+        const std::string place = path.substr(0, slash) + "/@eaDir/" + path.substr(slash + 1) + "@VexoResource";
+        constexpr unsigned char header[] = {0, 5, 0x16, 7,  0, 2, 0, 0, 0, 0, 0, 0,  0, 0, 0, 0, 0,
+                                            0, 0, 0,    0,  0, 0, 0, 0, 2, 0, 0, 0,  9, 0, 0, 0, 50,
+                                            0, 0, 0,    32, 0, 0, 0, 2, 0, 0, 0, 82, 0, 0, 0, 64};
+        static_assert(sizeof header == 50);
+        kit::writeFile(place,
+                       std::string(reinterpret_cast<const char *>(header), sizeof header) +
+                           kit::pattern(32 + 64, static_cast<uint32_t>(below(100))),
+                       0777);
     }
 
     std::mt19937 m_random;
