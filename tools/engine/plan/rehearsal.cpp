@@ -23,6 +23,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#pragma weak VLIBCFileIsRecord
+
 namespace engine {
 namespace {
 
@@ -55,9 +57,13 @@ std::vector<std::string> attribute_names(const std::string &path) {
     return names;
 }
 
-void copy_attributes(const std::string &from, int to, const std::vector<std::string> &prefixes) {
+// Attributes that are how the platform keeps DOS attributes and times. A copy has its own.
+enum class Records { left_out, taken };
+
+void copy_attributes(const std::string &from, int to, const std::vector<std::string> &prefixes, Records records) {
     for (const std::string &name : attribute_names(from)) {
-        if (std::ranges::none_of(prefixes, [&](const std::string &prefix) { return name.starts_with(prefix); })) {
+        if (std::ranges::none_of(prefixes, [&](const std::string &prefix) { return name.starts_with(prefix); }) ||
+            (records == Records::left_out && VLIBCFileIsRecord != nullptr && VLIBCFileIsRecord(name.c_str()) != 0)) {
             continue;
         }
         std::string value(size_t{64} << 10, '\0');
@@ -195,7 +201,7 @@ void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) co
     }
     (void)VEXOACLCopy(from.c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(from.c_str(), to.c_str());
-    copy_attributes(from, fd, {"user."});
+    copy_attributes(from, fd, {"user."}, Records::left_out);
     if (::geteuid() == 0) {
         copy_system_attributes(from, to);
     }
@@ -214,7 +220,8 @@ void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) co
 // As the directory is that another one is going to be merged into.
 void Rehearsal::dress_as(const Side &merged) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
-    copy_attributes(merged.path(), entry.get(), {"user.", "security.", "trusted.", "system.posix_acl_"});
+    copy_attributes(merged.path(), entry.get(), {"user.", "security.", "trusted.", "system.posix_acl_"},
+                    Records::taken);
 }
 
 // Whether a copy can have a store. Making "@eaDir" is root's.

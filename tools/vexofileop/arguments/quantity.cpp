@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cmath>
 #include <cstring>
 #include <fmt/format.h>
 #include <optional>
@@ -23,12 +22,22 @@ struct Unit {
 
 // A number, with decimals or not, and a unit behind it.
 std::optional<double> measured(std::string_view text, const Unit *units, size_t count) {
-    double number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
-    if (error != std::errc() || !(number >= 0)) {
+    // By hand: the standard library's reading of decimals would need one more library at each start.
+    const char *const last = text.data() + text.size();
+    uint64_t whole = 0;
+    auto [end, error] = std::from_chars(text.data(), last, whole);
+    if (error != std::errc()) {
         return std::nullopt;
     }
-    const std::string_view name(end, static_cast<size_t>(text.data() + text.size() - end));
+    auto number = static_cast<double>(whole);
+    if (end != last && *end == '.') {
+        double part = 1;
+        for (++end; end != last && *end >= '0' && *end <= '9'; ++end) {
+            part /= 10;
+            number += part * (*end - '0');
+        }
+    }
+    const std::string_view name(end, static_cast<size_t>(last - end));
     for (size_t at = 0; at < count; ++at) {
         if (name.size() == units[at].name.size() &&
             ::strncasecmp(name.data(), units[at].name.data(), name.size()) == 0) {
@@ -104,7 +113,7 @@ timespec parse_moment(const char *option, const std::string &text, const timespe
         throw UsageError(
             fmt::format("{}: {} is no time, as \"2026-01-31\", \"7d\" or \"./FILE\"", option, engine::displayed(text)));
     }
-    const double whole = std::floor(*seconds);
+    const double whole = static_cast<double>(static_cast<time_t>(*seconds));
     const auto parts = static_cast<long>((*seconds - whole) * 1e9);
     if (text.starts_with('@')) {
         return {static_cast<time_t>(whole), parts};

@@ -165,7 +165,7 @@ class TransferArguments {
         if (m_options.transfer.operation == engine::Operation::copy) {
             m_command.add_flag("-r,-a,--recursive", m_options.transfer.trees,
                                "directories too; links in them stay links");
-            m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "the same");
+            m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "directories too; the same as -r");
             m_command.rare().add_flag("--clone", m_options.transfer.clone,
                                       "share the data on btrfs; copy it where that fails");
             m_command.rare().add_flag("-p,--preserve", "accepted: everything goes along anyway");

@@ -1,11 +1,12 @@
 # Completion of vexofileop for bash. Commands and options are asked of the program, so they are always its own.
 
-# The words of a section of --help: _vexofileop_words Section command...
+# The words of a section of the help: _vexofileop_words Section command...
 _vexofileop_words() {
-    local section=$1
+    local section=$1 help=--help
     shift
-    vexofileop "$@" --help 2>/dev/null | awk -v section="$section:" '
-        $0 == section { on = 1; next }
+    [[ $section != Options ]] || help=--help-all
+    vexofileop "$@" $help 2>/dev/null | awk -v section="$section:" '
+        $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
         on && /^  [^ ]/ { count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
 }

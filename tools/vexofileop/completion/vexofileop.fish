@@ -1,9 +1,11 @@
 # Completion of vexofileop for fish. Commands and options are asked of the program, so they are always its own.
 
-# "word<tab>description" for each word of a section of --help: __vexofileop_words Section command...
+# "word<tab>description" for each word of a section of the help: __vexofileop_words Section command...
 function __vexofileop_words
     set -l section $argv[1]
-    vexofileop $argv[2..-1] --help 2>/dev/null | awk -v section="$section:" '
+    set -l help --help
+    test $section = Options; and set help --help-all
+    vexofileop $argv[2..-1] $help 2>/dev/null | awk -v section="$section:" '
         # What is too long for its column has its text in the next line.
         function flush() {
             count = split(words, each, ","); for (i = 1; i <= count; i++) print each[i] "\t" text
@@ -11,7 +13,7 @@ function __vexofileop_words
         }
         on && substr($0, 1, 25) ~ /^ +$/ { text = substr($0, 26); next }
         { flush() }
-        $0 == section { on = 1; next }
+        $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
         on && /^  [^ ]/ { words = $1; text = substr($0, 26) }
         END { flush() }'
