@@ -116,7 +116,16 @@ std::optional<Note> read_note(const HeldDirectory &directory, const std::string 
 
 // A part of a store that has no other place than its file's new name asks for. One that is not there is none.
 bool rename_part(int directory, const char *before, const char *now) {
-    return ::renameat(directory, base_name(before).c_str(), directory, base_name(now).c_str()) == 0 || errno == ENOENT;
+    const std::string part = base_name(before);
+    if (::renameat(directory, part.c_str(), directory, base_name(now).c_str()) == 0 || errno == ENOENT) {
+        return true;
+    }
+    // A refusal may come before the look whether it is there.
+    const int number = errno;
+    struct stat found {};
+    const bool missing = ::fstatat(directory, part.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+    errno = number;
+    return missing;
 }
 
 // What is kept beside an entry under its new name. The library's own renaming marks the entry as changed, too.
