@@ -118,6 +118,26 @@ TEST_F(Selecting, FilesWithTheArchiveBit) {
     expectCopied({"--archive-bit"}, "from/ from/sub/ from/sub/deep/");
 }
 
+// What a plan tells and a comparison sees is what is chosen.
+TEST_F(Selecting, PlansAndComparisonsChooseTheSame) {
+    const ToolResult plan = run({"plan", "copy", "-rv", "--exclude", "*.o", "--exclude", "/from/sub/deep"});
+    EXPECT_EQ(0, plan.status) << plan.err;
+    EXPECT_NE(std::string::npos, plan.out.find("c.txt")) << plan.out;
+    for (const char *const left : {"b.o", "d.o", "deep"}) {
+        EXPECT_EQ(std::string::npos, (plan.out + plan.err).find(left)) << plan.out;
+    }
+    expectCopied({"--exclude", "*.o"}, "from/ from/a.txt from/sub/ from/sub/c.txt from/sub/deep/ from/sub/deep/e.txt");
+    put(to + "/from/sub/more.o");
+    EXPECT_EQ(1, runTool({"compare", "--no-times", from, to + "/from"}).status);
+    const ToolResult same = runTool({"compare", "--no-times", "--exclude", "*.o", from, to + "/from"});
+    EXPECT_EQ(0, same.status) << same.out << same.err;
+    EXPECT_EQ(
+        0, runTool({"compare", "--no-times", "--exclude", "/from/sub", "--exclude", "b.o", from, to + "/from"}).status);
+    EXPECT_EQ(
+        0,
+        runTool({"compare", "--no-times", "--exclude", "/sub", "--exclude", "b.o", from + "/.", to + "/from"}).status);
+}
+
 // What was not chosen stays, and so do the directories that hold it, without a complaint.
 TEST_F(Selecting, AMoveLeavesTheRestWhereItIs) {
     const ToolResult result = run({"move", "--exclude", "c.txt"});

@@ -5,6 +5,7 @@
 #include "tools/engine/compare/side.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
@@ -92,6 +93,10 @@ struct Top {
     }
 };
 
+EntryKind kind_of_item(const Listing::Item &item) {
+    return entry_kind(static_cast<mode_t>(DTTOIF(item.type)));
+}
+
 Top top_of(const std::string &given) {
     try {
         return Top(given);
@@ -103,12 +108,15 @@ Top top_of(const std::string &given) {
 class TreeComparison {
   public:
     TreeComparison(const TreeComparisonOptions &options, ComparisonObserver &observer)
-        : m_options(options), m_observer(observer) {}
+        : m_options(options), m_observer(observer), m_selection(options.selection) {}
 
     void run(const Top &first, const Top &second) {
         const Side one{first.parent.get(), first.name, volume_facts(first.parent.get())};
         const Side other{second.parent.get(), second.name, volume_facts(second.parent.get())};
-        if (pair(one, first.path, other, second.path)) {
+        m_selection.begin(first.path, m_options.named);
+        struct stat found {};
+        m_device = ::fstatat(one.directory, one.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 ? found.st_dev : 0;
+        if (takes(one.directory, one.name, first.path) && pair(one, first.path, other, second.path)) {
             directories(first.parent.get(), first.name, first.path, second.parent.get(), second.name, second.path);
         }
     }
@@ -120,6 +128,13 @@ class TreeComparison {
         NameMatch names;
         std::vector<std::pair<std::string, std::string>> inner = {}; // directories of both, under their two names
     };
+
+    // `path`: of the first, also for an entry of the second. What cannot be looked at is told elsewhere.
+    bool takes(int directory, const std::string &name, const std::string &path) {
+        struct stat found {};
+        return m_selection.takes_everything() || ::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+               m_selection.takes(path, fmt::format("/proc/self/fd/{}/{}", directory, name), found);
+    }
 
     void lose(const std::string &first, const std::string &second, LossClass cls, std::string detail) {
         m_observer.loss(first, second, {cls, std::move(detail)});
@@ -198,7 +213,10 @@ class TreeComparison {
             above->one.let_go();
             above->other.let_go();
         }
-        entries(*level);
+        struct stat top {};
+        if (::fstat(level->one.fd(), &top) == 0 && m_selection.enters(top.st_dev, m_device)) {
+            entries(*level);
+        }
         for (const auto &[inner, there] : std::exchange(level->inner, {})) {
             if (m_observer.stopped() || level->one.fd() < 0) {
                 break;
@@ -240,16 +258,19 @@ class TreeComparison {
         const std::string path = joined(level.one.path, item.name);
         const NameMatch::Found found = level.names.find(item.name);
         const std::string otherPath = joined(level.other.path, found.name);
+        if (!takes(level.one.fd(), item.name, path)) {
+            return;
+        }
         if (found.tooLong) {
             lose(path, otherPath, LossClass::name_too_long,
                  fmt::format("{} bytes are more than the volume takes", item.name.size()));
-            m_observer.compared(path, entry_kind(DTTOIF(item.type)), 0);
+            m_observer.compared(path, kind_of_item(item), 0);
             return;
         }
         if (found.clash) {
             lose(path, otherPath, LossClass::name_clash,
                  fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash))));
-            m_observer.compared(path, entry_kind(DTTOIF(item.type)), 0);
+            m_observer.compared(path, kind_of_item(item), 0);
             return;
         }
         const Side one{level.one.fd(), item.name, level.one.facts},
@@ -340,14 +361,17 @@ class TreeComparison {
 
     // What belongs to the appliance's system is no user's, wherever it comes from.
     void extras(const Level &level) {
+        const auto meant = [&](const std::string &name) {
+            return takes(level.other.fd(), name, joined(level.one.path, name));
+        };
         for (const Listing::Item &item : level.there.items) {
-            if (!level.names.is_taken(item.name) && !is_private_name(item.name)) {
-                m_observer.extra(joined(level.other.path, item.name), entry_kind(DTTOIF(item.type)));
+            if (!level.names.is_taken(item.name) && !is_private_name(item.name) && meant(item.name)) {
+                m_observer.extra(joined(level.other.path, item.name), kind_of_item(item));
             }
         }
         for (const Listing::Part &part : level.there.strangers) {
             const bool both = std::ranges::find(level.listing.strangers, part) != level.listing.strangers.end();
-            if (!both && (part.inStore || !is_system_name(part.name))) {
+            if (!both && m_selection.takes_everything() && (part.inStore || !is_system_name(part.name))) {
                 m_observer.extra(joined(level.other.path, part_text(part)), EntryKind::other);
             }
         }
@@ -364,6 +388,8 @@ class TreeComparison {
 
     const TreeComparisonOptions &m_options;
     ComparisonObserver &m_observer;
+    TreeSelection m_selection;
+    dev_t m_device = 0; // of the first
     std::map<Inode, Linked> m_links;
     int m_depth = 0;
 };

@@ -5,6 +5,7 @@
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/outcome.h"
+#include "tools/engine/select/selection.h"
 
 #include <cstdint>
 #include <string>
@@ -12,8 +13,10 @@
 namespace engine {
 
 struct TreeComparisonOptions {
-    bool data = true;  // content is read; else sizes and short values decide
-    bool times = true; // modification and creation time
+    bool data = true;         // content is read; else sizes and short values decide
+    bool times = true;        // modification and creation time
+    Selection selection = {}; // the rest is passed over at both
+    bool named = true;        // the selection sees the first's own name at the start of each path of both
 };
 
 // Paths are as people know them.

@@ -3,6 +3,7 @@
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/plan/destination.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/file_conflict.h"
@@ -45,6 +46,7 @@ class Planner::Walk {
   public:
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
+          m_selection(options.transfer.selection),
           m_asked(options.probe, options.transfer.operation == Operation::move) {}
 
     void run(const std::string &source, const std::string &destination);
@@ -82,6 +84,8 @@ class Planner::Walk {
     const PlanOptions &m_options;
     const TransferOptions &m_transfer;
     PlanObserver &m_observer;
+    TreeSelection m_selection;
+    dev_t m_device = 0; // of the tree under way
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
     std::set<std::pair<dev_t, ino_t>> m_linked;        // files of several names, one of which has been planned
@@ -135,9 +139,16 @@ bool Planner::Walk::may_make_in(const Destination &to, PlannedEntry &planned, in
     return true;
 }
 
-void Planner::Walk::run(const std::string &source, const std::string &destination) {
+void Planner::Walk::run(const std::string &given, const std::string &destination) {
+    const bool contents = given.ends_with("/.");
+    const std::string source = given == "/." ? "/" : given.substr(0, given.size() - (contents ? 2 : 0));
     const auto top = look(source.ends_with('/') && source != "/" ? source.substr(0, source.size() - 1) : source);
-    const bool isTree = m_transfer.trees && look(source) && S_ISDIR(look(source)->st_mode);
+    const auto found = look(given);
+    const bool isTree = m_transfer.trees && found && S_ISDIR(found->st_mode);
+    m_selection.begin(source, true);
+    if (!contents && top && !m_selection.takes(source, source, *top)) {
+        return;
+    }
     PlannedEntry planned{.source = source, .destination = destination};
     std::string from = source;
     if (isTree) {
@@ -147,7 +158,7 @@ void Planner::Walk::run(const std::string &source, const std::string &destinatio
             fail(planned, {fmt::format("a directory cannot be {} into itself", moves() ? "moved" : "copied")});
             return;
         }
-        if (source.ends_with('/')) {
+        if (source.ends_with('/') || (contents && top && S_ISLNK(top->st_mode))) {
             if (moves() && top && S_ISLNK(top->st_mode)) {
                 fail(planned, {"is a symbolic link; to move the link give it without the slash", 0, true});
                 return;
@@ -156,6 +167,8 @@ void Planner::Walk::run(const std::string &source, const std::string &destinatio
             from = real == nullptr ? source : real.get();
         }
     }
+    m_selection.begin(from, !contents);
+    m_device = found ? found->st_dev : 0;
     const HeldDirectory parent(parent_of(from));
     Destination &to = destination_of(parent_of(destination));
     if (!to.is_there()) {
@@ -198,11 +211,14 @@ bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, c
         return true; // goes with the entry that it belongs to
     }
     const std::string path = joined(from.path(), name);
+    const auto found = from.look(name);
+    if (found && !m_selection.takes(path, from.below(name), *found)) {
+        return true; // counted
+    }
     if (kind != NameKind::ordinary) {
         return left(path, to, name, kind);
     }
     const Source source{from, name, path, facts};
-    const auto found = from.look(name);
     return found && S_ISDIR(found->st_mode) ? tree(source, to, name) : file(source, to, name);
 }
 
@@ -212,6 +228,11 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     if (!found) {
         strangers.push_back({LossClass::unreadable, std::strerror(errno)});
         return false;
+    }
+    struct stat directory {};
+    if (::fstat(from.fd(), &directory) == 0 && !m_selection.enters(directory.st_dev, m_device)) {
+        m_selection.leave_out(found->size());
+        return true;
     }
     const bool hasStore = std::ranges::any_of(*found, [](const Entry &one) { return is_store_name(one.name); });
     if (hasStore) {
@@ -279,7 +300,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
                            top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
                            from.type() == to.there.type();
-    if (moves() && !there && oneVolume) {
+    if (moves() && !there && oneVolume && m_selection.takes_everything()) {
         planned.deed = Deed::rename;
         return tell(std::move(planned));
     }
@@ -312,7 +333,8 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         to.there.let_go();
     }
     std::vector<Loss> strangers;
-    const bool complete = entries(from, inner, strangers);
+    const size_t leftOut = m_selection.left_out();
+    const bool complete = entries(from, inner, strangers) && leftOut == m_selection.left_out();
     if (m_depth-- > kMostHeld &&
         (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
         return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
@@ -320,7 +342,10 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     std::ranges::move(strangers, std::back_inserter(planned.losses));
     if (moves() && !complete) {
         planned.sourceStays = true;
-        planned.problem = Problem{"the source directory stays, with what was not moved", 0, true};
+        // What was not meant stays without a word.
+        planned.problem = leftOut != m_selection.left_out()
+                              ? std::optional<Problem>()
+                              : Problem{"the source directory stays, with what was not moved", 0, true};
     }
     return tell(std::move(planned)) && complete;
 }

@@ -1,7 +1,6 @@
 #include "tools/engine/transfer/transfer.h"
 
-#include "tools/engine/select/entry_choice.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/engine/select/tree_selection.h"
 
 #include <sys/stat.h>
 
@@ -25,15 +24,13 @@ bool Transfer::is_tree(const std::string &source) const {
     return m_options.trees && S_ISDIR(mode_at(source));
 }
 
-// What cannot be looked at is for the transfer to tell.
-bool Transfer::is_selected(const std::string &source) const {
-    struct stat found {};
-    return m_options.selection.takes_everything() || source.ends_with("/.") || ::lstat(source.c_str(), &found) != 0 ||
-           is_meant(m_options.selection, base_name(source), source, found);
-}
-
 void Transfer::run(const std::string &source, const std::string &destination) {
-    if (!is_selected(source)) {
+    TreeSelection selection(m_options.selection);
+    selection.begin(source, true);
+    // What cannot be looked at is for the transfer to tell; what a directory holds is not that directory.
+    struct stat found {};
+    if (!selection.takes_everything() && !source.ends_with("/.") && ::lstat(source.c_str(), &found) == 0 &&
+        !selection.takes(source, source, found)) {
         return;
     }
     if (is_tree(source)) {

@@ -25,8 +25,6 @@ class Transfer {
     bool is_tree(const std::string &source) const;
 
   private:
-    bool is_selected(const std::string &source) const;
-
     TransferOptions m_options;
     TransferObserver &m_observer;
     FileTransfer m_files;

@@ -7,7 +7,6 @@
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/select/entry_choice.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/completion.h"
@@ -70,7 +69,7 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
         const std::unique_ptr<char, decltype(&std::free)> real(::realpath(source.c_str(), nullptr), &std::free);
         from = real == nullptr ? source : real.get();
     }
-    m_top = !contents ? from.rfind('/') + 1 : from.size() + (from.ends_with('/') ? 0 : 1);
+    m_selection.begin(from, !contents);
     struct stat top {};
     m_sourceDevice = ::stat(from.c_str(), &top) == 0 ? top.st_dev : 0;
     m_sourceType = VEXOGetFSType(from.c_str(), 0);
@@ -118,7 +117,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         }
     }
     bool done = false;
-    if (m_move && !m_selective && (!rename_whole(source, destination, done) || done)) {
+    if (m_move && m_selection.takes_everything() && (!rename_whole(source, destination, done) || done)) {
         return done;
     }
     level.destination = destination.path();
@@ -134,12 +133,12 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     level.hasStore = std::ranges::any_of(*names, is_store_name);
-    const size_t leftOut = m_leftOut;
-    if (m_selection.oneFileSystem && level.status.st.st_dev != m_sourceDevice) {
-        m_leftOut += names->size();
+    const size_t leftOut = m_selection.left_out();
+    if (!m_selection.enters(level.status.st.st_dev, m_sourceDevice)) {
+        m_selection.leave_out(names->size());
         names->clear();
     }
-    bool complete = leftOut == m_leftOut;
+    bool complete = leftOut == m_selection.left_out();
     descend(source, destination);
     for (const std::string &name : *names) {
         if (m_observer.stopped()) {
@@ -159,7 +158,8 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     } else if (m_move && !finished && level.outcome.status == Status::done) {
         level.outcome.sourceStays = true;
         complete = false;
-    } else if (m_move && level.outcome.status == Status::done && (leftOut == m_leftOut || m_observer.stopped())) {
+    } else if (m_move && level.outcome.status == Status::done &&
+               (leftOut == m_selection.left_out() || m_observer.stopped())) {
         level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
         level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
     }
@@ -169,18 +169,13 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
 
 // What belongs to an entry goes with that one.
 bool TreeTransfer::is_selected(const Level &level, const std::string &name) {
-    if (!m_selective) {
+    if (m_selection.takes_everything()) {
         return true;
     }
     const NameKind kind = name_kind(level.from.itself(), name, m_sourceType);
     const auto found = level.from.look(name);
-    const std::string path = joined(level.source, name);
-    if (kind == NameKind::store || kind == NameKind::companion || !found ||
-        is_meant(m_selection, std::string_view(path).substr(m_top), level.from.below(name), *found)) {
-        return true;
-    }
-    ++m_leftOut;
-    return false;
+    return kind == NameKind::store || kind == NameKind::companion || !found ||
+           m_selection.takes(joined(level.source, name), level.from.below(name), *found);
 }
 
 void TreeTransfer::descend(const Place &source, const Place &destination) {

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "platform/core.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/transfer/file_transfer.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/tree_call.h"
@@ -33,9 +34,9 @@ class TreeTransfer {
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
         : m_move(options.operation == Operation::move), m_selection(options.selection),
-          m_selective(!m_selection.takes_everything()),
-          m_whole(options.countsAlone && !options.clone && !options.verify && !m_move && !m_selective), m_files(files),
-          m_observer(observer) {}
+          m_whole(options.countsAlone && !options.clone && !options.verify && !m_move &&
+                  m_selection.takes_everything()),
+          m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
     // selection sees the source's own name at the start of each path, but not that of "photos/.".
@@ -106,8 +107,7 @@ class TreeTransfer {
     bool is_finished(const Level &level) const;
 
     bool m_move;
-    Selection m_selection;
-    bool m_selective; // something may be left out
+    TreeSelection m_selection;
     bool m_whole;
     FileTransfer &m_files;
     TransferObserver &m_observer;
@@ -120,8 +120,6 @@ class TreeTransfer {
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
     bool m_checking = false;
     int m_depth = 0;
-    size_t m_top = 0;     // of each source path so much comes before what the selection sees
-    size_t m_leftOut = 0; // entries
 };
 
 } // namespace engine

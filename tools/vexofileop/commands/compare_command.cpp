@@ -4,8 +4,10 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/report_path.h"
+#include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
@@ -230,7 +232,8 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("-q,--quiet", options->quiet, "no line for a difference; the status tells");
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
-    command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    const SelectionOptions selection(command);
     const Option operands = command.add_operands("A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"
                        "content, names as the second volume takes them, owners, permissions, ACLs,\n"
@@ -240,13 +243,16 @@ void add_compare_command(const Command &program, int &status) {
                        "Exit status: 0 the same, 1 different, 2 not all could be compared.\n"
                        "Example:\n"
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
-    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, operands] {
+    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, selection, operands] {
         options->report = report_path_of(report);
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the two files or directories that are to be compared");
         }
-        options->comparison = {.data = !*metadataOnly, .times = !*noTimes};
+        options->comparison = {.data = !*metadataOnly,
+                               .times = !*noTimes,
+                               .selection = selection.chosen(),
+                               .named = !names_contents(paths[0])};
         if (only.given()) {
             options->only = wanted_of(only, "--only");
         }

@@ -1,0 +1,33 @@
+#include "tools/engine/select/tree_selection.h"
+
+#include "platform/core.h"
+
+namespace engine {
+namespace {
+
+bool is_archived(const std::string &held) {
+    VLIBCStat status{};
+    return VLIBCFileStat(held.c_str(), VLIBC_STAT_ATTRIBUTES, &status) != 0 ||
+           (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
+}
+
+} // namespace
+
+void TreeSelection::begin(const std::string &top, bool named) {
+    m_before = named ? top.rfind('/') + 1 : top.size() + (top.ends_with('/') ? 0 : 1);
+}
+
+bool TreeSelection::is_meant(std::string_view path, const std::string &held, const struct stat &entry) const {
+    return m_selection.takes_name(path, S_ISDIR(entry.st_mode)) && m_selection.takes(entry) &&
+           (!m_selection.archivedAlone || !S_ISREG(entry.st_mode) || is_archived(held));
+}
+
+bool TreeSelection::takes(const std::string &path, const std::string &held, const struct stat &entry) {
+    if (m_everything || path.size() <= m_before || is_meant(std::string_view(path).substr(m_before), held, entry)) {
+        return true;
+    }
+    ++m_leftOut;
+    return false;
+}
+
+} // namespace engine
