@@ -193,6 +193,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
         const engine::TransferOptions options{.operation = move ? Operation::move : Operation::copy,
                                               .conflict = Conflict::replace,
                                               .links = true,
+                                              .specials = seed / 4 % 2 == 1,
                                               .trees = true,
                                               .countsAlone = seed % 3 == 0};
         {

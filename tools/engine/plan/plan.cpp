@@ -6,6 +6,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/file_conflict.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -335,7 +336,8 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), of_source(problem_of_errno(errno)));
     }
     const bool link = S_ISLNK(found->st_mode);
-    const bool asItIs = moves() ? !S_ISREG(found->st_mode) : m_transfer.links && link;
+    const bool special = m_transfer.specials && is_special(found->st_mode);
+    const bool asItIs = moves() ? !S_ISREG(found->st_mode) : special || (m_transfer.links && link);
     planned.kind = entry_kind(found->st_mode);
     const auto content = link && !asItIs ? source.in.look_through(source.name) : found;
     if (!content) {
@@ -401,7 +403,8 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     if (conflict == Conflict::fail) {
         return fail(planned, problem_of(kExists));
     }
-    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
+    const bool special = m_transfer.specials && is_special(entry.st_mode);
+    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode) && !(special && is_special(there->st_mode))) {
         return fail(planned, {fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists});
     }
     if (written) {
@@ -460,7 +463,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         m_observer.entry(planned);
         return true;
     }
-    if (moves() && !S_ISREG(found.st_mode) && !S_ISLNK(found.st_mode)) {
+    if (moves() && !S_ISREG(found.st_mode) && !S_ISLNK(found.st_mode) && !m_transfer.specials) {
         const std::string reason = fmt::format("{} cannot be moved to another volume", kind_of(found.st_mode));
         return fail(std::move(planned), {reason}, {{LossClass::special_file, reason}});
     }
@@ -469,7 +472,8 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
     for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
-        const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link;
+        const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link ||
+                          loss.cls == LossClass::special_file;
         if (ends) {
             return fail(std::move(planned), {loss.detail}, {loss});
         }

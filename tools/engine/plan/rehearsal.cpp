@@ -9,6 +9,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -128,6 +129,9 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     std::vector<Loss> losses;
     if (S_ISLNK(found.st_mode)) {
         return losses_of_link(source, found);
+    }
+    if (is_special(found.st_mode)) {
+        return losses_of_special(source, found);
     }
     if (!probes()) {
         losses = guess_losses(source, m_directory, m_volume, takes_stores(source));
@@ -306,6 +310,30 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (group != found.st_gid) {
         losses.push_back({LossClass::group, fmt::format("group differs: {} and {}", found.st_gid, group)});
     }
+    return losses;
+}
+
+// Made as the copy would be, in the private directory.
+std::vector<Loss> Rehearsal::losses_of_special(const Side &source, const struct stat &found) {
+    if (!probes()) {
+        const bool device = S_ISCHR(found.st_mode) || S_ISBLK(found.st_mode);
+        if (volume_traits(m_volume.type).links && (!device || ::geteuid() == 0)) {
+            std::vector<Loss> losses = guess_losses(source, m_directory, m_volume, false);
+            std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::creation_time; });
+            return losses;
+        }
+        return {{LossClass::special_file, fmt::format("is {}, which cannot be made there", kind_of(found.st_mode))}};
+    }
+    const int place = m_place->fd();
+    (void)remove_left_over(place, kEntry);
+    if (auto refusal = make_special(source.directory, source.name, found, place, kEntry)) {
+        return refusal->losses.empty() ? std::vector<Loss>{{LossClass::unreadable, refusal->problem.reason}}
+                                       : std::move(refusal->losses);
+    }
+    VolumeFacts there = m_volume;
+    there.noDirectory = true;
+    std::vector<Loss> losses = complete_copy(source, Side{place, kEntry, there});
+    (void)remove_left_over(place, kEntry);
     return losses;
 }
 

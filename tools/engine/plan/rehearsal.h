@@ -44,6 +44,7 @@ class Rehearsal {
     std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged);
     std::vector<Loss> guess(const Side &source, const struct stat &found) const;
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
+    std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool takes_stores(const Side &source) const;

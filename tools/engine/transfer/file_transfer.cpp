@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/file_attempt.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/placement.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/look.h"
@@ -206,6 +207,7 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
     }
     attempt.content = S_ISLNK(attempt.entry->st_mode) ? attempt.from.look_through(attempt.sourceName) : attempt.entry;
     attempt.asItIs = move ? !S_ISREG(attempt.entry->st_mode) : m_options.links && S_ISLNK(attempt.entry->st_mode);
+    attempt.asItIs = attempt.asItIs || (m_options.specials && is_special(attempt.entry->st_mode));
     if (copy && attempt.asItIs) {
         return std::nullopt;
     }
@@ -273,7 +275,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
 
 Outcome FileTransfer::copy(Attempt &attempt) {
     if (m_options.operation == Operation::move && !S_ISREG(attempt.entry->st_mode) &&
-        !S_ISLNK(attempt.entry->st_mode)) {
+        !S_ISLNK(attempt.entry->st_mode) && !m_options.specials) {
         Outcome outcome =
             failure(attempt.destination,
                     {fmt::format("{} cannot be moved to another volume", kind_of(attempt.entry->st_mode))});
@@ -289,10 +291,10 @@ Outcome FileTransfer::copy(Attempt &attempt) {
                                 : write_in_place(attempt);
     }
     std::optional<Problem> problem;
+    std::vector<Loss> refused;
     for (int i = 0; i < kMostNames; ++i) {
         attempt.made = next_private_name();
-        problem = attempt.asItIs ? make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made)
-                                 : make_file(attempt, attempt.made, false);
+        problem = attempt.asItIs ? make_anew(attempt, refused) : make_file(attempt, attempt.made, false);
         if (!problem || problem->code != kExists || !attempt.to.look(attempt.made)) {
             break;
         }
@@ -306,12 +308,29 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     }
     if (problem) {
         Outcome outcome = failure(attempt.destination, *problem);
-        if (attempt.asItIs && !volume_traits(attempt.to.type()).links) {
-            outcome.losses.push_back({LossClass::symbolic_link, problem->reason});
-        }
+        outcome.losses = std::move(refused);
         return outcome;
     }
     return place_copy(attempt);
+}
+
+// A link or a special file, which nobody opens. What the volume cannot hold is a loss.
+std::optional<Problem> FileTransfer::make_anew(Attempt &attempt, std::vector<Loss> &losses) {
+    losses.clear();
+    if (is_special(attempt.entry->st_mode)) {
+        auto refusal =
+            make_special(attempt.from.fd(), attempt.sourceName, *attempt.entry, attempt.to.fd(), attempt.made);
+        if (!refusal) {
+            return std::nullopt;
+        }
+        losses = std::move(refusal->losses);
+        return refusal->problem;
+    }
+    auto problem = make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made);
+    if (problem && !volume_traits(attempt.to.type()).links) {
+        losses.push_back({LossClass::symbolic_link, problem->reason});
+    }
+    return problem;
 }
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {

@@ -67,6 +67,7 @@ class FileTransfer {
     Outcome place_copy(Attempt &attempt);
     Outcome write_in_place(Attempt &attempt);
     Outcome arrived(Attempt &attempt);
+    static std::optional<Problem> make_anew(Attempt &attempt, std::vector<Loss> &losses);
     std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
     std::optional<Problem> call_library(Attempt &attempt, const std::string &name, bool replace);
     void carry_metadata(Attempt &attempt, const std::string &name);

@@ -172,6 +172,8 @@ class TransferArguments {
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
         }
+        m_command.rare().add_flag("--specials", m_options.transfer.specials,
+                                  "make pipes, devices and sockets anew; else they are a loss");
         m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
         if (act == Act::run) {
             m_command.add_flag("--dry-run", m_plan, "do nothing; tell what would be done, as \"plan\" does");
