@@ -194,6 +194,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
                                               .conflict = Conflict::replace,
                                               .links = true,
                                               .specials = seed / 4 % 2 == 1,
+                                              .hardLinks = seed / 2 % 3 != 0,
                                               .trees = true,
                                               .countsAlone = seed % 3 == 0};
         {

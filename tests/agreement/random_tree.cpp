@@ -81,7 +81,7 @@ class Grower {
                 constexpr mode_t kinds[] = {S_IFIFO, S_IFSOCK, S_IFCHR};
                 constexpr dev_t null = 0x103;
                 constexpr timespec times[] = {{1'000'000'000, 0}, {1'100'000'000, 0}};
-                ASSERT_EQ(0, ::mknod(path.c_str(), kinds[path.size() % 3] | 0640, null));
+                ASSERT_EQ(0, ::mknod(path.c_str(), kinds[(path.size() - path.rfind('/')) % 3] | 0640, null));
                 ASSERT_EQ(0, ::lchown(path.c_str(), 7, 65534));
                 ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW));
             }

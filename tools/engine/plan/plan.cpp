@@ -20,7 +20,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <set>
 #include <unistd.h>
 #include <utility>
 
@@ -78,14 +77,15 @@ class Planner::Walk {
     void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
                    PlannedEntry &planned);
     static Room room_of_store(const Source &source, int64_t block);
-    bool hard_linked(const struct stat &found, PlannedEntry &planned);
+    void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned);
 
     const PlanOptions &m_options;
     const TransferOptions &m_transfer;
     PlanObserver &m_observer;
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
-    std::set<std::pair<dev_t, ino_t>> m_linked;        // files of several names, one of which has been planned
+    // Files of several names, one of which has been planned, with the volume that it goes to.
+    std::map<std::pair<dev_t, ino_t>, const UsedRoom *> m_linked;
     std::vector<VolumePlan> m_volumes;
     int m_depth = 0;
 };
@@ -433,15 +433,23 @@ std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, st
     return problem_of(kNoFreeName);
 }
 
-// Of a file of several names each becomes one of its own; the second that is planned tells it.
-bool Planner::Walk::hard_linked(const struct stat &found, PlannedEntry &planned) {
-    if (!S_ISREG(found.st_mode) || found.st_nlink < 2 || m_linked.insert({found.st_dev, found.st_ino}).second) {
-        return false;
+// From the second name on a file is linked, or becomes one of its own and tells it. What a link led to is no name of
+// it.
+void Planner::Walk::hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume,
+                                PlannedEntry &planned) {
+    if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
+        return;
+    }
+    const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, volume.room);
+    const auto entry = source.in.look(source.name);
+    planned.linked = !isNew && m_transfer.hardLinks && known->second == volume.room &&
+                     volume.rehearsal->keeps_hard_links() && entry && S_ISREG(entry->st_mode);
+    if (isNew || planned.linked) {
+        return;
     }
     planned.losses.push_back(
         {LossClass::hard_link,
          fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
-    return true;
 }
 
 bool Planner::Walk::placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
@@ -484,8 +492,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
-    (void)hard_linked(found, planned);
-    planned.cloned = (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
+    hard_linked(source, found, volume, planned);
+    planned.cloned =
+        !planned.linked && (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
     take_room(volume, source, found, old ? &*old : nullptr, planned);
     if (planned.deed == Deed::fail) {
         return tell(std::move(planned));
@@ -501,12 +510,12 @@ void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const s
     const FreeRoom &free = room.free;
     constexpr int64_t block = 512;
     Room needed = room_of_store(source, free.block);
-    if (S_ISREG(found.st_mode) && !planned.cloned) {
+    if (S_ISREG(found.st_mode) && !planned.cloned && !planned.linked) {
         needed.bytes += bytes_for(found, free.block, volume.rehearsal->keeps_holes());
     } else if (S_ISDIR(found.st_mode) && old == nullptr) {
         needed.bytes += free.block;
     }
-    needed.inodes += S_ISDIR(found.st_mode) && old != nullptr ? 0 : 1;
+    needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
     const auto lacks = [](const std::optional<int64_t> &there, int64_t wanted) { return there && wanted > *there; };
     const Room most{room.now.bytes + needed.bytes, room.now.inodes + needed.inodes};
     room.most.bytes = std::max(room.most.bytes, most.bytes);

@@ -105,6 +105,7 @@ void Rehearsal::clear() const {
 void Rehearsal::find_out() {
     if (m_place == nullptr) {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
+        m_keepsHardLinks = volume_traits(m_volume.type).links;
         m_folds = volume_traits(m_volume.type).fatNames;
         return;
     }
@@ -114,6 +115,8 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kBlock < far;
+    m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
+    (void)::unlinkat(place, "linked", 0);
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};

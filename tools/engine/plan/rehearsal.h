@@ -27,6 +27,7 @@ class Rehearsal {
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
     bool keeps_holes() const { return m_keepsHoles; }
+    bool keeps_hard_links() const { return m_keepsHardLinks; }
     const VolumeFacts &volume() const { return m_volume; }
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
@@ -56,7 +57,7 @@ class Rehearsal {
     FreeRoom m_room;
     bool m_move;
     std::unique_ptr<ScratchPlace> m_place;
-    bool m_keepsHoles = true, m_keepsTimes = false, m_folds = false;
+    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
     size_t m_longestName = 255;
     std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
 };
