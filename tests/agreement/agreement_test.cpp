@@ -196,6 +196,8 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
         const engine::TransferOptions options{.operation = move ? Operation::move : Operation::copy,
                                               .conflict = Conflict::replace,
                                               .links = true,
+                                              .specials = seed / 4 % 2 == 1,
+                                              .hardLinks = seed / 2 % 3 != 0,
                                               .trees = true,
                                               .countsAlone = seed % 3 == 0};
         {

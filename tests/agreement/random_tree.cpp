@@ -19,16 +19,8 @@
 namespace agreement {
 namespace {
 
-constexpr const char *kNames[] = {"plain",
-                                  "with blank",
-                                  "odd\nname",
-                                  "gr\xc3\xbc\xc3\x9f",
-                                  "not\xff-utf8",
-                                  ".hidden",
-                                  "a?b*c",
-                                  "long",
-                                  "sparse",
-                                  "more.tar.gz"};
+constexpr const char *kNames[] = {"plain", "with blank", "odd\nname", "gr\xc3\xbc\xc3\x9f", "not\xff-utf8", ".hidden",
+                                  "a?b*c", "long",       "sparse",    "more.tar.gz"};
 
 class Grower {
   public:
@@ -77,7 +69,12 @@ class Grower {
             return;
         case 3:
             if (!m_older) {
-                ASSERT_EQ(0, ::mkfifo(path.c_str(), 0640));
+                constexpr mode_t kinds[] = {S_IFIFO, S_IFSOCK, S_IFCHR};
+                constexpr dev_t null = 0x103;
+                constexpr timespec times[] = {{1'000'000'000, 0}, {1'100'000'000, 0}};
+                ASSERT_EQ(0, ::mknod(path.c_str(), kinds[(path.size() - path.rfind('/')) % 3] | 0640, null));
+                ASSERT_EQ(0, ::lchown(path.c_str(), 7, 65534));
+                ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW));
             }
             return;
         case 4:

@@ -14,6 +14,7 @@
 #include <optional>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -187,6 +188,89 @@ TEST_F(CopyTree, WhatCannotBeCopiedIsNamedAndTheRestArrives) {
     expectWholeTree(to);
 }
 
+// A pipe, a socket and, by root, a device, with owner, mode and time of their own.
+std::vector<std::string> makeSpecials(const std::string &directory) {
+    const timespec times[2] = {{1000, 0}, {2000, 0}};
+    std::vector<std::string> made{"pipe", "socket", "device"};
+    constexpr mode_t kinds[] = {S_IFIFO, S_IFSOCK, S_IFCHR};
+    made.resize(::geteuid() == 0 ? 3 : 2);
+    for (size_t at = 0; at < made.size(); ++at) {
+        const std::string path = directory + "/" + made[at];
+        EXPECT_EQ(0, ::mknod(path.c_str(), kinds[at] | 0600, ::makedev(1, 3)));
+        EXPECT_EQ(0, ::chmod(path.c_str(), 0642));
+        EXPECT_TRUE(::geteuid() != 0 || ::chown(path.c_str(), 7, 8) == 0);
+        EXPECT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
+    }
+    return made;
+}
+
+void expectSameSpecial(const struct stat &one, const struct stat &other) {
+    EXPECT_EQ(one.st_mode, other.st_mode);
+    EXPECT_EQ(one.st_uid, other.st_uid);
+    EXPECT_EQ(one.st_gid, other.st_gid);
+    EXPECT_EQ(one.st_mtim.tv_sec, other.st_mtim.tv_sec);
+    EXPECT_EQ(one.st_rdev, other.st_rdev);
+}
+
+TEST_F(CopyTree, SpecialFilesAreMadeAnewOnRequest) {
+    const std::vector<std::string> made = makeSpecials(from + "/sub");
+    for (const char *how : {"-r", "-rv", "-rf"}) {
+        const ToolResult planned = runTool({"plan", "copy", how, "--specials", from, to});
+        EXPECT_EQ(0, planned.status) << planned.out << planned.err;
+        const ToolResult result = runTool({"copy", how, "--specials", "-T", from, to});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ("", result.err);
+        expectWholeTree(to);
+        for (const std::string &name : made) {
+            expectSameSpecial(kit::statOf(from + "/sub/" + name), kit::statOf(to + "/sub/" + name));
+        }
+        EXPECT_EQ(0, runTool({"compare", from, to}).status);
+        EXPECT_EQ(made.size() + 1, kit::namesIn(to + "/sub").size());
+        if (how != std::string("-rv")) {
+            (void)runTool({"remove", "-rf", to});
+        }
+    }
+    EXPECT_EQ(0, runTool({"copy", "--specials", from + "/sub/pipe", scratch / "alone"}).status);
+    expectSameSpecial(kit::statOf(from + "/sub/pipe"), kit::statOf(scratch / "alone"));
+}
+
+TEST_F(CopyTree, SpecialFileIsReplacedByOneAloneAndReplacesNoneOfAnotherKind) {
+    makeDirectory(to);
+    ASSERT_EQ(0, ::mkfifo((from + "/pipe").c_str(), 0640));
+    ASSERT_EQ(0, ::mkfifo((to + "/pipe").c_str(), 0600));
+    const ino_t before = kit::statOf(to + "/pipe").st_ino;
+    EXPECT_EQ(1, runTool({"copy", "-r", "--specials", from + "/.", to}).status);
+    EXPECT_EQ(before, kit::statOf(to + "/pipe").st_ino);
+    EXPECT_EQ(0, runTool({"copy", "-rf", "--specials", from + "/.", to}).status);
+    EXPECT_EQ(0640U, kit::statOf(to + "/pipe").st_mode & 07777);
+    kit::writeFile(from + "/pipe2", "a file");
+    ASSERT_EQ(0, ::mkfifo((to + "/pipe2").c_str(), 0600));
+    const ToolResult result = runTool({"copy", "-rf", "--specials", from + "/.", to});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "the destination is a named pipe; not replaced")) << result.err;
+    EXPECT_TRUE(S_ISFIFO(kit::statOf(to + "/pipe2").st_mode));
+}
+
+TEST_F(CopyTree, DeviceThatThisUserCannotMakeIsALoss) {
+    KIT_NEEDS_ROOT("to make a device");
+    ASSERT_EQ(0, ::mknod((from + "/device").c_str(), S_IFCHR | 0644, ::makedev(1, 3)));
+    makeDirectory(to);
+    ASSERT_EQ(0, ::chmod(to.c_str(), 0777));
+    ASSERT_EQ(0, ::chmod((scratch / ".").c_str(), 0755));
+    const ToolResult planned =
+        runTool({"plan", "copy", "-r", "--specials", "--accept", "owner,group", from + "/.", to}, {.user = 65534});
+    const ToolResult result =
+        runTool({"copy", "-r", "--specials", "--accept", "owner,group", from + "/.", to}, {.user = 65534});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(1, planned.status);
+    const std::string line = "is a device, which cannot be made there: Operation not permitted (special-file)\n";
+    EXPECT_TRUE(mentions(result.err, "1 device, pipe or socket not kept: ")) << result.err;
+    EXPECT_TRUE(mentions(result.err, line)) << result.err;
+    EXPECT_TRUE(mentions(planned.out, "is a device, which cannot be made there")) << planned.out;
+    EXPECT_EQ("1", kit::readFile(to + "/one"));
+    EXPECT_FALSE(kit::exists(to + "/device"));
+}
+
 TEST_F(CopyTree, LinksThatTheVolumeCannotHoldAreNamedAndTheRestArrives) {
     makeDirectory(to);
     ::setenv("VEXOFILEOP_FSTYPES", (to + "=0").c_str(), 1);
@@ -343,6 +427,22 @@ TEST_F(MoveTree, AcrossVolumesWhatCannotGoStaysAndIsNamed) {
     EXPECT_TRUE(mentions(result.err, "a named pipe cannot be moved to another volume (special-file)\n"));
     EXPECT_TRUE(mentions(result.err, from + ": the source directory stays, with what was not moved\n"));
     EXPECT_EQ((std::vector<std::string>{"pipe"}), kit::namesIn(from));
+    expectWholeTree(*volume / "there");
+}
+
+TEST_F(MoveTree, AcrossVolumesSpecialFilesGoOnRequest) {
+    ANOTHER_VOLUME(volume);
+    const std::vector<std::string> made = makeSpecials(from);
+    std::vector<struct stat> before;
+    for (const std::string &name : made) {
+        before.push_back(kit::statOf(from + "/" + name));
+    }
+    const ToolResult result = runTool({"move", "--specials", from, *volume / "there"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_FALSE(kit::exists(from));
+    for (size_t at = 0; at < made.size(); ++at) {
+        expectSameSpecial(before[at], kit::statOf(*volume / "there/" + made[at]));
+    }
     expectWholeTree(*volume / "there");
 }
 

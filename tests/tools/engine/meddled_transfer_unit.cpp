@@ -11,6 +11,7 @@
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -242,6 +243,87 @@ TEST_P(MeddledTransfer, WhatIsNotWhatItsSourceIsOnceReadBackIsNeverPlaced) {
         }
     }
     EXPECT_LT(0, refused);
+}
+
+// Two names of one file, and somebody who does something once the first of them has arrived.
+class FirstName : public Meddler {
+  public:
+    explicit FirstName(std::function<void(const std::string &)> what) : Meddler(-1, [] {}), m_doing(std::move(what)) {}
+    void entry(EntryKind kind, const std::string &source, const Outcome &outcome) override {
+        Meddler::entry(kind, source, outcome);
+        if (kind == EntryKind::file && !std::exchange(m_done, true)) {
+            ::usleep(20'000); // the clock of change times is a coarse one
+            m_doing(outcome.destination);
+        }
+    }
+
+  private:
+    std::function<void(const std::string &)> m_doing;
+    bool m_done = false;
+};
+
+struct TwoNames {
+    explicit TwoNames(const std::string &path) : source(path + "/source") {
+        EXPECT_EQ(0, ::mkdir(source.c_str(), 0755));
+        kit::writeFile(source + "/a", "content");
+        EXPECT_EQ(0, ::link((source + "/a").c_str(), (source + "/b").c_str()));
+        EXPECT_EQ(0, ::link((source + "/a").c_str(), (path + "/third").c_str()));
+    }
+    static std::string other(const std::string &path) {
+        return path.substr(0, path.size() - 1) + (path.ends_with('a') ? "b" : "a");
+    }
+    const std::string source;
+};
+
+TEST_P(MeddledTransfer, CopyThatWasExchangedGetsNoOtherName) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const kit::ScratchDirectory scratch;
+    const TwoNames names(scratch.path());
+    std::string first;
+    FirstName observer([&](const std::string &path) {
+        first = path;
+        const struct stat old = kit::statOf(path);
+        const timespec times[] = {old.st_atim, old.st_mtim};
+        ASSERT_EQ(0, std::rename(path.c_str(), (volume / "aside").c_str()));
+        kit::writeFile(path, "strange");
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
+    });
+    Transfer(options(), observer).run(names.source, volume / "there");
+    EXPECT_EQ("strange", kit::readFile(first));
+    EXPECT_EQ("content", kit::readFile(TwoNames::other(first)));
+}
+
+TEST_P(MeddledTransfer, LinkInThePlaceOfACopyIsNotFollowed) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const kit::ScratchDirectory scratch;
+    const TwoNames names(scratch.path());
+    std::string first;
+    FirstName observer([&](const std::string &path) {
+        first = path;
+        ASSERT_EQ(0, std::rename(path.c_str(), (volume / "aside").c_str()));
+        ASSERT_EQ(0, ::symlink((volume / "aside").c_str(), path.c_str()));
+    });
+    Transfer(options(), observer).run(names.source, volume / "there");
+    EXPECT_EQ("content", kit::readFile(TwoNames::other(first)));
+    EXPECT_EQ(1U, kit::statOf(volume / "aside").st_nlink);
+}
+
+TEST_P(MeddledTransfer, FileThatChangedBetweenItsNamesIsCopiedAgain) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const kit::ScratchDirectory scratch;
+    const TwoNames names(scratch.path());
+    std::string first;
+    FirstName observer([&](const std::string &path) {
+        first = path;
+        const std::string third = scratch / "third";
+        const struct stat old = kit::statOf(third);
+        const timespec times[] = {old.st_atim, old.st_mtim};
+        kit::writeFile(third, "CHANGED"); // of the same length, and with its old time
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, third.c_str(), times, 0));
+    });
+    Transfer(options(), observer).run(names.source, volume / "there");
+    EXPECT_EQ("content", kit::readFile(first));
+    EXPECT_EQ("CHANGED", kit::readFile(TwoNames::other(first)));
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/file_conflict.h"
+#include "tools/engine/transfer/placement.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -79,7 +81,7 @@ class Planner::Walk {
     void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
                    PlannedEntry &planned);
     static Room room_of_store(const Source &source, int64_t block);
-    bool hard_linked(const struct stat &found, PlannedEntry &planned);
+    void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned);
 
     const PlanOptions &m_options;
     const TransferOptions &m_transfer;
@@ -88,7 +90,9 @@ class Planner::Walk {
     dev_t m_device = 0; // of the tree under way
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
-    std::set<std::pair<dev_t, ino_t>> m_linked;        // files of several names, one of which has been planned
+    // Files of several names, one of which has been planned, with the volume that it goes to.
+    std::map<std::pair<dev_t, ino_t>, const UsedRoom *> m_linked;
+    std::set<std::pair<dev_t, ino_t>> m_alone; // of those the ones whose first name no other becomes a link to
     std::vector<VolumePlan> m_volumes;
     int m_depth = 0;
 };
@@ -360,7 +364,8 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), of_source(problem_of_errno(errno)));
     }
     const bool link = S_ISLNK(found->st_mode);
-    const bool asItIs = moves() ? !S_ISREG(found->st_mode) : m_transfer.links && link;
+    const bool special = m_transfer.specials && is_special(found->st_mode);
+    const bool asItIs = moves() ? !S_ISREG(found->st_mode) : special || (m_transfer.links && link);
     planned.kind = entry_kind(found->st_mode);
     const auto content = link && !asItIs ? source.in.look_through(source.name) : found;
     if (!content) {
@@ -426,7 +431,8 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     if (conflict == Conflict::fail) {
         return fail(planned, problem_of(kExists));
     }
-    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
+    const bool special = m_transfer.specials && is_special(entry.st_mode);
+    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode) && !(special && is_special(there->st_mode))) {
         return fail(planned, {fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists});
     }
     if (written) {
@@ -455,15 +461,28 @@ std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, st
     return problem_of(kNoFreeName);
 }
 
-// Of a file of several names each becomes one of its own; the second that is planned tells it.
-bool Planner::Walk::hard_linked(const struct stat &found, PlannedEntry &planned) {
-    if (!S_ISREG(found.st_mode) || found.st_nlink < 2 || m_linked.insert({found.st_dev, found.st_ino}).second) {
-        return false;
+// From the second name on a file is linked, or becomes one of its own and tells it. What a link led to is no name of
+// it.
+void Planner::Walk::hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume,
+                                PlannedEntry &planned) {
+    if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
+        return;
+    }
+    const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, volume.room);
+    const auto entry = source.in.look(source.name);
+    const bool alone = gets_into_the_file(source.in, source.name, volume.rehearsal->volume().type);
+    if (isNew && alone) {
+        m_alone.insert(known->first);
+    }
+    planned.linked = !isNew && !alone && !m_alone.contains(known->first) && m_transfer.hardLinks &&
+                     known->second == volume.room && volume.rehearsal->keeps_hard_links() && entry &&
+                     S_ISREG(entry->st_mode);
+    if (isNew || planned.linked) {
+        return;
     }
     planned.losses.push_back(
         {LossClass::hard_link,
          fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
-    return true;
 }
 
 bool Planner::Walk::placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
@@ -485,7 +504,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         m_observer.entry(planned);
         return true;
     }
-    if (moves() && !S_ISREG(found.st_mode) && !S_ISLNK(found.st_mode)) {
+    if (moves() && !S_ISREG(found.st_mode) && !S_ISLNK(found.st_mode) && !m_transfer.specials) {
         const std::string reason = fmt::format("{} cannot be moved to another volume", kind_of(found.st_mode));
         return fail(std::move(planned), {reason}, {{LossClass::special_file, reason}});
     }
@@ -494,7 +513,8 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
     for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
-        const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link;
+        const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link ||
+                          loss.cls == LossClass::special_file;
         if (ends) {
             return fail(std::move(planned), {loss.detail}, {loss});
         }
@@ -505,8 +525,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
-    (void)hard_linked(found, planned);
-    planned.cloned = (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
+    hard_linked(source, found, volume, planned);
+    planned.cloned =
+        !planned.linked && (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
     take_room(volume, source, found, old ? &*old : nullptr, planned);
     if (planned.deed == Deed::fail) {
         return tell(std::move(planned));
@@ -522,12 +543,12 @@ void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const s
     const FreeRoom &free = room.free;
     constexpr int64_t block = 512;
     Room needed = room_of_store(source, free.block);
-    if (S_ISREG(found.st_mode) && !planned.cloned) {
+    if (S_ISREG(found.st_mode) && !planned.cloned && !planned.linked) {
         needed.bytes += bytes_for(found, free.block, volume.rehearsal->keeps_holes());
     } else if (S_ISDIR(found.st_mode) && old == nullptr) {
         needed.bytes += free.block;
     }
-    needed.inodes += S_ISDIR(found.st_mode) && old != nullptr ? 0 : 1;
+    needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
     const auto lacks = [](const std::optional<int64_t> &there, int64_t wanted) { return there && wanted > *there; };
     const Room most{room.now.bytes + needed.bytes, room.now.inodes + needed.inodes};
     room.most.bytes = std::max(room.most.bytes, most.bytes);

@@ -9,6 +9,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -110,6 +111,7 @@ void Rehearsal::clear() const {
 void Rehearsal::find_out() {
     if (m_place == nullptr) {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
+        m_keepsHardLinks = volume_traits(m_volume.type).links;
         m_folds = volume_traits(m_volume.type).fatNames;
         return;
     }
@@ -119,6 +121,8 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kBlock < far;
+    m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
+    (void)::unlinkat(place, "linked", 0);
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
@@ -134,6 +138,9 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     std::vector<Loss> losses;
     if (S_ISLNK(found.st_mode)) {
         return losses_of_link(source, found);
+    }
+    if (is_special(found.st_mode)) {
+        return losses_of_special(source, found);
     }
     if (!probes()) {
         losses = guess_losses(source, m_directory, m_volume, takes_stores(source));
@@ -313,6 +320,30 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (group != found.st_gid) {
         losses.push_back({LossClass::group, fmt::format("group differs: {} and {}", found.st_gid, group)});
     }
+    return losses;
+}
+
+// Made as the copy would be, in the private directory.
+std::vector<Loss> Rehearsal::losses_of_special(const Side &source, const struct stat &found) {
+    if (!probes()) {
+        const bool device = S_ISCHR(found.st_mode) || S_ISBLK(found.st_mode);
+        if (volume_traits(m_volume.type).links && (!device || ::geteuid() == 0)) {
+            std::vector<Loss> losses = guess_losses(source, m_directory, m_volume, false);
+            std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::creation_time; });
+            return losses;
+        }
+        return {{LossClass::special_file, fmt::format("is {}, which cannot be made there", kind_of(found.st_mode))}};
+    }
+    const int place = m_place->fd();
+    (void)remove_left_over(place, kEntry);
+    if (auto refusal = make_special(source.directory, source.name, found, place, kEntry)) {
+        return refusal->losses.empty() ? std::vector<Loss>{{LossClass::unreadable, refusal->problem.reason}}
+                                       : std::move(refusal->losses);
+    }
+    VolumeFacts there = m_volume;
+    there.noDirectory = true;
+    std::vector<Loss> losses = complete_copy(source, Side{place, kEntry, there});
+    (void)remove_left_over(place, kEntry);
     return losses;
 }
 

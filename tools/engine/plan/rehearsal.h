@@ -27,6 +27,7 @@ class Rehearsal {
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
     bool keeps_holes() const { return m_keepsHoles; }
+    bool keeps_hard_links() const { return m_keepsHardLinks; }
     const VolumeFacts &volume() const { return m_volume; }
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
@@ -44,6 +45,7 @@ class Rehearsal {
     std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged);
     std::vector<Loss> guess(const Side &source, const struct stat &found) const;
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
+    std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool takes_stores(const Side &source) const;
@@ -55,7 +57,7 @@ class Rehearsal {
     FreeRoom m_room;
     bool m_move;
     std::unique_ptr<ScratchPlace> m_place;
-    bool m_keepsHoles = true, m_keepsTimes = false, m_folds = false;
+    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
     size_t m_longestName = 255;
     std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
 };

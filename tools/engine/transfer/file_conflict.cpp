@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/file_conflict.h"
 
 #include "copy/copy.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
@@ -22,7 +23,8 @@ std::optional<Problem> check_destination(const FileAttempt &attempt, const Trans
     if (options.conflict == Conflict::fail) {
         return problem_of(kExists);
     }
-    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode)) {
+    const bool special = options.specials && is_special(attempt.entry->st_mode);
+    if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode) && !(special && is_special(there->st_mode))) {
         return Problem{fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists};
     }
     if (there && written.contains(*there)) {

@@ -30,18 +30,22 @@ struct FileAttempt {
 class WrittenEntries {
   public:
     void add(const struct stat &made, const std::string &sourceName) {
-        m_names.emplace(std::pair(made.st_dev, made.st_ino), std::hash<std::string>()(sourceName));
+        const size_t name = std::hash<std::string>()(sourceName);
+        const auto [known, isNew] = m_names.emplace(std::pair(made.st_dev, made.st_ino), name);
+        known->second = isNew || known->second == name ? name : kSeveral;
     }
     bool contains(const struct stat &there) const { return m_names.contains({there.st_dev, there.st_ino}); }
     // Under another name than this: two of the source that become one here.
     bool is_clash(const struct stat &there, const std::string &sourceName) const {
         const auto found = m_names.find({there.st_dev, there.st_ino});
-        return found != m_names.end() && found->second != std::hash<std::string>()(sourceName);
+        return found != m_names.end() && found->second != kSeveral &&
+               found->second != std::hash<std::string>()(sourceName);
     }
 
     void merge(WrittenEntries &other) { m_names.merge(other.m_names); }
 
   private:
+    static constexpr size_t kSeveral = 0; // hard links
     std::map<std::pair<dev_t, ino_t>, size_t> m_names;
 };
 

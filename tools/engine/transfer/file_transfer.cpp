@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/file_attempt.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/placement.h"
+#include "tools/engine/transfer/special_file.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/look.h"
@@ -206,6 +207,7 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
     }
     attempt.content = S_ISLNK(attempt.entry->st_mode) ? attempt.from.look_through(attempt.sourceName) : attempt.entry;
     attempt.asItIs = move ? !S_ISREG(attempt.entry->st_mode) : m_options.links && S_ISLNK(attempt.entry->st_mode);
+    attempt.asItIs = attempt.asItIs || (m_options.specials && is_special(attempt.entry->st_mode));
     if (copy && attempt.asItIs) {
         return std::nullopt;
     }
@@ -252,6 +254,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
                                        regular || attempt.store.any()});
         if (left) {
             attempt.result = attempt.entry;
+            attempt.renamed = true;
             if (regular) {
                 m_observer.progress(attempt.entry->st_size, false);
             }
@@ -273,7 +276,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
 
 Outcome FileTransfer::copy(Attempt &attempt) {
     if (m_options.operation == Operation::move && !S_ISREG(attempt.entry->st_mode) &&
-        !S_ISLNK(attempt.entry->st_mode)) {
+        !S_ISLNK(attempt.entry->st_mode) && !m_options.specials) {
         Outcome outcome =
             failure(attempt.destination,
                     {fmt::format("{} cannot be moved to another volume", kind_of(attempt.entry->st_mode))});
@@ -289,10 +292,10 @@ Outcome FileTransfer::copy(Attempt &attempt) {
                                 : write_in_place(attempt);
     }
     std::optional<Problem> problem;
+    std::vector<Loss> refused;
     for (int i = 0; i < kMostNames; ++i) {
         attempt.made = next_private_name();
-        problem = attempt.asItIs ? make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made)
-                                 : make_file(attempt, attempt.made, false);
+        problem = attempt.asItIs ? make_anew(attempt, refused) : link_or_make(attempt);
         if (!problem || problem->code != kExists || !attempt.to.look(attempt.made)) {
             break;
         }
@@ -306,12 +309,29 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     }
     if (problem) {
         Outcome outcome = failure(attempt.destination, *problem);
-        if (attempt.asItIs && !volume_traits(attempt.to.type()).links) {
-            outcome.losses.push_back({LossClass::symbolic_link, problem->reason});
-        }
+        outcome.losses = std::move(refused);
         return outcome;
     }
     return place_copy(attempt);
+}
+
+// A link or a special file, which nobody opens. What the volume cannot hold is a loss.
+std::optional<Problem> FileTransfer::make_anew(Attempt &attempt, std::vector<Loss> &losses) {
+    losses.clear();
+    if (is_special(attempt.entry->st_mode)) {
+        auto refusal =
+            make_special(attempt.from.fd(), attempt.sourceName, *attempt.entry, attempt.to.fd(), attempt.made);
+        if (!refusal) {
+            return std::nullopt;
+        }
+        losses = std::move(refusal->losses);
+        return refusal->problem;
+    }
+    auto problem = make_link(attempt.from, attempt.sourceName, *attempt.entry, attempt.to, attempt.made);
+    if (problem && !volume_traits(attempt.to.type()).links) {
+        losses.push_back({LossClass::symbolic_link, problem->reason});
+    }
+    return problem;
 }
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {
@@ -359,6 +379,42 @@ Outcome FileTransfer::write_in_place(Attempt &attempt) {
     attempt.result = attempt.to.look(attempt.name);
     attempt.note({"written in place, since nothing can be made in its directory"});
     return arrived(attempt);
+}
+
+// Of another name of a file that went before nothing is copied but what is kept for that name.
+std::optional<Problem> FileTransfer::link_or_make(Attempt &attempt) {
+    attempt.linked = false;
+    if (!m_options.hardLinks || !m_linked.contains(*attempt.entry) ||
+        gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type())) {
+        return make_file(attempt, attempt.made, false);
+    }
+    attempt.file = Descriptor(::openat(attempt.from.fd(), attempt.sourceName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat before {
+    }, after{};
+    if (attempt.file.get() < 0 || ::fstat(attempt.file.get(), &before) != 0 || !same(attempt.content, before) ||
+        !m_linked.link(before, attempt.to, attempt.made)) {
+        return attempt.file.get() >= 0 && errno == EEXIST ? problem_of_errno(EEXIST)
+                                                          : make_file(attempt, attempt.made, false);
+    }
+    attempt.linked = true;
+    if (attempt.store.any() || m_options.operation == Operation::move) {
+        carry_metadata(attempt, attempt.made);
+    }
+    attempt.changed = ::fstat(attempt.file.get(), &after) != 0 || !is_same_version(before, after);
+    attempt.content = after;
+    m_linked.touched(after);
+    m_observer.progress(after.st_size, false);
+    return std::nullopt;
+}
+
+// A copy that the library has made, with its store beside it, becomes a link to that of another name.
+bool FileTransfer::link_again(const struct stat &file, const HeldDirectory &to, const std::string &name) {
+    const std::string made = next_private_name();
+    if (!m_options.hardLinks || !m_linked.link(file, to, made)) {
+        return false;
+    }
+    const bool placed = ::renameat(to.fd(), made.c_str(), to.fd(), name.c_str()) == 0;
+    return placed || (::unlinkat(to.fd(), made.c_str(), 0), false);
 }
 
 // A file with everything that is kept for it, under whatever name.
@@ -484,15 +540,16 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     for (Loss &loss : complete_copy(source, attempt.to.side_now(name), compare_options(false))) {
         attempt.losses.push_back(std::move(loss));
     }
-    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.losses);
+    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);
 }
 
-// Of a file of several names each becomes one of its own: that is told from the second one on. Of the last name that
-// is moved nothing shows that there were more, and names that are no part of the run are nobody's loss.
-void FileTransfer::count_names(const struct stat &file, std::vector<Loss> &losses) {
+// Where names of one file become files of their own, that is told from the second one on. Of the last name that is
+// moved nothing shows that there were more, and names that are no part of the run are nobody's loss.
+void FileTransfer::count_names(const struct stat &file, bool linked, std::vector<Loss> &losses) {
     std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
-    const std::pair inode{file.st_dev, file.st_ino};
-    if (S_ISREG(file.st_mode) && (file.st_nlink > 1 || m_linked.contains(inode)) && !m_linked.insert(inode).second) {
+    const bool known = m_linked.contains(file);
+    m_linked.add(file);
+    if (known && !linked) {
         losses.push_back(
             {LossClass::hard_link,
              fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", file.st_size)});
@@ -502,7 +559,7 @@ void FileTransfer::count_names(const struct stat &file, std::vector<Loss> &losse
 // Against what the volume holds, as far as the kernel lets go of what it has in memory. What was found without reading
 // is no matter here.
 std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string &name) const {
-    if (!m_options.verify || attempt.asItIs) {
+    if (!m_options.verify || attempt.asItIs || attempt.linked) {
         return std::nullopt;
     }
     const Descriptor made(::openat(attempt.to.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -531,9 +588,15 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
         m_written.add(*attempt.result, attempt.sourceName);
     }
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
-    outcome.cloned = m_options.clone && !attempt.progressSeen && outcome.bytes > 0;
+    outcome.linked = attempt.linked;
+    outcome.cloned = m_options.clone && !attempt.progressSeen && !attempt.linked && outcome.bytes > 0;
     outcome.losses = attempt.losses;
-    const bool across = move && !attempt.made.empty();
+    if (m_options.hardLinks && !attempt.renamed && !attempt.changed && S_ISREG(attempt.entry->st_mode) &&
+        (attempt.content->st_nlink > 1 || m_linked.contains(*attempt.content))) {
+        m_linked.placed(*attempt.content, attempt.to, attempt.name,
+                        gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type()));
+    }
+    const bool across = move && !attempt.renamed;
     if (attempt.changed) {
         attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
         outcome.sourceStays = across;
@@ -549,7 +612,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
 }
 
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
-void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) const {
+void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
     const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
     if ((attempt.kept && !attempt.kept->unchanged(attempt.from, attempt.sourceName)) ||
         !copied.unchanged(attempt.from.fd(), attempt.sourceName)) {
@@ -561,6 +624,10 @@ void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) const {
         outcome = failure(outcome.destination, {"copied, but the source could not be removed and is still there"});
         outcome.losses = attempt.losses;
         return;
+    }
+    struct stat left {};
+    if (!attempt.asItIs && m_linked.contains(*attempt.content) && ::fstat(attempt.file.get(), &left) == 0) {
+        m_linked.touched(left);
     }
     if (has_store(attempt.from, attempt.sourceName) &&
         VEXOEARemove(attempt.from.below(attempt.sourceName).c_str(), attempt.sourceType) != 0) {
@@ -575,9 +642,23 @@ std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldD
     }
     const auto linked = [](const Loss &loss) { return loss.cls == LossClass::hard_link; };
     if (const auto found = std::ranges::any_of(losses, linked) ? from.look(name) : std::nullopt) {
-        count_names(*found, losses);
+        if (m_linked.contains(*found) && !gets_into_the_file(from, name, to.type()) && link_again(*found, to, name)) {
+            losses = complete_copy(from.side(name), to.side(name), compare_options(false));
+            count_names(*found, true, losses);
+        } else {
+            count_names(*found, false, losses);
+        }
+        m_linked.placed(*found, to, name, gets_into_the_file(from, name, to.type()));
     }
     return losses;
+}
+
+void FileTransfer::link_names(const HeldDirectory &from, const HeldDirectory &to, const std::string &name) {
+    const auto found = m_options.hardLinks ? from.look(name) : std::nullopt;
+    if (found && S_ISREG(found->st_mode) && found->st_nlink > 1) {
+        (void)(m_linked.contains(*found) && !gets_into_the_file(from, name, to.type()) && link_again(*found, to, name));
+        m_linked.placed(*found, to, name, gets_into_the_file(from, name, to.type()));
+    }
 }
 
 void FileTransfer::remember(const HeldDirectory &to, const std::string &name) {

@@ -9,6 +9,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/linked_files.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -40,11 +41,15 @@ class FileTransfer {
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
                 Surroundings around = {});
 
-    // What became of an entry that the library has made without this: what can come late is given to it.
+    // What became of an entry that the library has made without this: what can come late is given to it, and another
+    // name of a file that went before becomes a link.
     std::vector<Loss> losses_of(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
+    // The same of another name alone, without a comparison.
+    void link_names(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
     // It is not replaced by a later one of this run.
     void remember(const HeldDirectory &to, const std::string &name);
     bool compares() const { return m_options.compared; }
+    bool keeps_hard_links() const { return m_options.hardLinks; }
     bool keeps_source(const Outcome &outcome) const { return engine::keeps_source(outcome, m_options.accepted); }
     bool accepts(const Outcome &outcome) const { return !has_failing_loss(outcome, m_options.accepted); }
     // One that failed with nothing but losses that are accepted has not failed.
@@ -67,12 +72,15 @@ class FileTransfer {
     Outcome place_copy(Attempt &attempt);
     Outcome write_in_place(Attempt &attempt);
     Outcome arrived(Attempt &attempt);
+    static std::optional<Problem> make_anew(Attempt &attempt, std::vector<Loss> &losses);
+    std::optional<Problem> link_or_make(Attempt &attempt);
+    bool link_again(const struct stat &file, const HeldDirectory &to, const std::string &name);
     std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
     std::optional<Problem> call_library(Attempt &attempt, const std::string &name, bool replace);
     void carry_metadata(Attempt &attempt, const std::string &name);
-    void remove_source(Attempt &attempt, Outcome &outcome) const;
+    void remove_source(Attempt &attempt, Outcome &outcome);
     void compare(Attempt &attempt, const std::string &name);
-    void count_names(const struct stat &file, std::vector<Loss> &losses);
+    void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
     CompareOptions compare_options(bool data) const;
     static void find_real_place(Attempt &attempt);
@@ -81,8 +89,8 @@ class FileTransfer {
     TransferOptions m_options;
     TransferObserver &m_observer;
     HeldDirectory m_from, m_to;
-    WrittenEntries m_written;                   // destinations of this run
-    std::set<std::pair<dev_t, ino_t>> m_linked; // files of several names, one of which went before
+    WrittenEntries m_written; // destinations of this run
+    LinkedFiles m_linked;
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

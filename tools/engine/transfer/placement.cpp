@@ -250,6 +250,11 @@ bool has_store(const HeldDirectory &directory, const std::string &name) {
             lies_there(VEXOEADirPath(0, path.c_str(), place, sizeof place), place));
 }
 
+bool gets_into_the_file(const HeldDirectory &from, const std::string &name, int type) {
+    const auto in_file = [](StoreKind kind) { return kind == StoreKind::native || kind == StoreKind::file_ea; };
+    return in_file(store_kind(type)) && !in_file(store_kind(from.type())) && has_store(from, name);
+}
+
 std::optional<Problem> place(const Placement &placement) {
     const HeldDirectory &directory = placement.directory;
     if (!placement.withStore || (!has_store(directory, placement.made) && !has_store(directory, placement.name))) {

@@ -16,6 +16,10 @@ namespace engine {
 // Whether anything is kept beside an entry, of which there may be none.
 bool has_store(const HeldDirectory &directory, const std::string &name);
 
+// Whether what is kept for a name, in a store of its own, gets into the file itself on a volume of that type: then each
+// name of the file has it.
+bool gets_into_the_file(const HeldDirectory &from, const std::string &name, int type);
+
 struct Placement {
     const HeldDirectory &directory;
     std::string made;      // the private name

@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/transfer.h"
 
 #include "tools/engine/select/tree_selection.h"
+#include "tools/engine/transfer/special_file.h"
 
 #include <sys/stat.h>
 
@@ -39,7 +40,10 @@ void Transfer::run(const std::string &source, const std::string &destination) {
         return;
     }
     const bool asItIs = m_options.links || m_options.operation == Operation::move;
-    const EntryKind kind = asItIs && S_ISLNK(mode_at(source)) ? EntryKind::link : EntryKind::file;
+    const mode_t mode = mode_at(source);
+    const EntryKind kind = asItIs && S_ISLNK(mode)                  ? EntryKind::link
+                           : m_options.specials && is_special(mode) ? EntryKind::other
+                                                                    : EntryKind::file;
     const std::string name = without_dot(source);
     m_observer.entry(kind, name, m_files.run(name, destination));
 }

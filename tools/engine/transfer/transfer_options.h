@@ -15,8 +15,10 @@ struct TransferOptions {
     Operation operation = Operation::copy;
     Conflict conflict = Conflict::fail;
     bool clone = false;
-    bool links = false; // a copy of a symbolic link is a link; else it is followed. A move never follows one.
-    bool trees = false; // directories are carried too, with everything in them
+    bool links = false;    // a copy of a symbolic link is a link; else it is followed. A move never follows one.
+    bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost
+    bool hardLinks = true; // names of one file stay that, where the volume can
+    bool trees = false;    // directories are carried too, with everything in them
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
     Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is

@@ -94,6 +94,7 @@ class TreeTransfer {
     };
     bool may_be_whole(const Level &level, const std::string &name, const struct stat &found);
     bool carries_all(const Level &level);
+    bool has_linked_files(int directory, const std::vector<Entry> &entries) const;
     bool is_ours_all_down(int parent, const std::string &name);
     bool is_ours_all_down(Descriptor &directory, int depth);
     void copy_whole(const Place &source, const Place &destination);
@@ -117,7 +118,7 @@ class TreeTransfer {
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
     WrittenEntries m_made;                      // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
-    std::set<std::pair<dev_t, ino_t>> m_shared; // directories in which others may exchange something
+    std::set<std::pair<dev_t, ino_t>> m_shared; // directories to walk through: others may exchange something there
     bool m_checking = false;
     int m_depth = 0;
 };

@@ -70,6 +70,26 @@ bool TreeTransfer::may_be_whole(const Level &level, const std::string &name, con
            is_ours_all_down(level.from.fd(), name);
 }
 
+// Of files that have other names the library would copy each for itself. A look at a few is enough where whole trees
+// are linked with one another; one that hides behind them becomes a link afterwards.
+bool TreeTransfer::has_linked_files(int directory, const std::vector<Entry> &entries) const {
+    constexpr int mostAsked = 2;
+    int asked = 0;
+    for (const Entry &entry : entries) {
+        struct stat found {};
+        if (entry.type != DT_REG || !m_files.keeps_hard_links()) {
+            continue;
+        }
+        if (::fstatat(directory, entry.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_nlink > 1) {
+            return true;
+        }
+        if (++asked == mostAsked) {
+            break;
+        }
+    }
+    return false;
+}
+
 // The same of a directory with all those in it. An "@eaDir", which is everybody's by design, is not asked: what the
 // library takes from there it opens without following a link. One that has failed once is not looked through again.
 bool TreeTransfer::is_ours_all_down(int parent, const std::string &name) {
@@ -98,7 +118,8 @@ bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
         }
         return ours;
     };
-    const bool ours = entries && std::ranges::all_of(*entries, [&](const Entry &entry) {
+    const bool ours = entries && !has_linked_files(directory.get(), *entries) &&
+                      std::ranges::all_of(*entries, [&](const Entry &entry) {
                           return !is_private_name(entry.name) &&
                                  (entry.type != DT_DIR || is_store_name(entry.name) || below(entry.name));
                       });
@@ -224,6 +245,10 @@ void TreeTransfer::check_files(const Level &level, const std::vector<std::string
     const DirectoryPair pair{level.from.fd(), level.to.fd(), level.from.facts(), level.to.facts()};
     const std::vector<std::string> rest =
         m_files.compares() ? files_to_compare(pair, names) : std::vector<std::string>();
+    // Whoever compares by himself has links all the same.
+    for (const std::string &name : m_files.compares() ? std::vector<std::string>() : names) {
+        m_files.link_names(level.from, level.to, name);
+    }
     auto files = static_cast<int>(names.size() - rest.size());
     int64_t bytes = 0;
     for (const std::string &name : bytesKnown ? std::vector<std::string>() : names) {

@@ -208,10 +208,11 @@ void Batch::tell_receipt() {
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
     if (outcome.status == engine::Status::done) {
-        const bool fellBack = m_options.transfer.clone && !outcome.cloned && outcome.bytes > 0;
-        m_console.line(arrow(source, outcome.destination) + (outcome.cloned ? " (cloned)"
-                                                             : fellBack     ? " (copied, not cloned)"
-                                                                            : ""));
+        const bool fellBack = m_options.transfer.clone && !outcome.cloned && !outcome.linked && outcome.bytes > 0;
+        m_console.line(arrow(source, outcome.destination) + (outcome.cloned   ? " (cloned)"
+                                                             : outcome.linked ? " (linked)"
+                                                             : fellBack       ? " (copied, not cloned)"
+                                                                              : ""));
     } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
         m_console.line(arrow(source, outcome.destination) + " (skipped, destination exists)");
     }
@@ -229,6 +230,9 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     }
     if (m_options.transfer.clone && kind == engine::EntryKind::file) {
         entry.add_flag("cloned", outcome.cloned);
+    }
+    if (outcome.linked) {
+        entry.add_flag("linked", true);
     }
     if (outcome.problem) {
         entry.add_object("error", problem_object(*outcome.problem, kRecursion));

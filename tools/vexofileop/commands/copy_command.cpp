@@ -156,6 +156,7 @@ class TransferArguments {
         transfer.accepted = loss_set_of(m_accept, "--accept");
         transfer.conflict = chosen_policy(m_command, m_policies);
         transfer.links = transfer.trees;
+        transfer.hardLinks = !m_noHardLinks;
         const std::vector<Errand> errands = planned(m_operands, m_target, transfer.operation, transfer.conflict);
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
@@ -172,6 +173,9 @@ class TransferArguments {
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
         }
+        m_command.rare().add_flag("--specials", m_options.transfer.specials,
+                                  "make pipes, devices and sockets anew; else they are a loss");
+        m_command.rare().add_flag("--no-hard-links", m_noHardLinks, "names of one file become files of their own");
         m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
         if (act == Act::run) {
             m_command.add_flag("--dry-run", m_plan, "do nothing; tell what would be done, as \"plan\" does");
@@ -192,7 +196,7 @@ class TransferArguments {
 
     Command m_command;
     BatchOptions m_options;
-    bool m_plan, m_noProbe = false;
+    bool m_plan, m_noProbe = false, m_noHardLinks = false;
     std::vector<Policy> m_policies;
     Option m_accept, m_report;
     TargetOptions m_target;

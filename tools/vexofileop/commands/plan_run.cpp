@@ -125,7 +125,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     } else if (planned.deed == engine::Deed::skip) {
         text += ": destination exists";
     }
-    m_console.line(text + (planned.cloned ? " (cloned)" : ""));
+    m_console.line(text + (planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : ""));
 }
 
 std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
@@ -139,6 +139,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     if (planned.kind == engine::EntryKind::file) {
         event.add_number("bytes", planned.bytes);
         event.add_flag("cloned", planned.cloned);
+    }
+    if (planned.linked) {
+        event.add_flag("linked", true);
     }
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);

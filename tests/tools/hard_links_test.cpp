@@ -1,0 +1,199 @@
+// Names of one file, which stay that on their way: in a tree, across operands, over what stands there, and to another
+// volume. See tools/engine/transfer/linked_files.h.
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool areOne(const std::string &one, const std::string &other) {
+    return kit::statOf(one).st_ino == kit::statOf(other).st_ino && kit::statOf(one).st_dev == kit::statOf(other).st_dev;
+}
+
+class HardLinks : public ::testing::Test {
+  protected:
+    // "tree/one", "tree/in/two" and "tree/zz" are one file, "tree/alone" and others are not.
+    void SetUp() override {
+        for (const std::string &directory : {tree, tree + "/in", to}) {
+            ASSERT_EQ(0, ::mkdir(directory.c_str(), 0755));
+        }
+        for (const char *name : {"/one", "/alone", "/in/alone", "/in/lonely", "/in/single"}) {
+            kit::writeFile(tree + name, "content of " + std::string(name));
+        }
+        ASSERT_EQ(0, ::link((tree + "/one").c_str(), (tree + "/in/two").c_str()));
+        ASSERT_EQ(0, ::link((tree + "/one").c_str(), (tree + "/zz").c_str()));
+    }
+    void expectLinked(const std::string &at) const {
+        EXPECT_EQ("content of /one", kit::readFile(at + "/one"));
+        EXPECT_EQ(3U, kit::statOf(at + "/one").st_nlink);
+        EXPECT_TRUE(areOne(at + "/one", at + "/in/two"));
+        EXPECT_TRUE(areOne(at + "/one", at + "/zz"));
+        EXPECT_EQ(1U, kit::statOf(at + "/alone").st_nlink);
+        EXPECT_EQ("content of /alone", kit::readFile(at + "/alone"));
+    }
+    static void expectQuiet(const ToolResult &result) {
+        EXPECT_EQ(0, result.status);
+        EXPECT_EQ("", result.err);
+    }
+
+    kit::ScratchDirectory scratch;
+    const std::string tree = scratch / "tree", to = scratch / "to";
+};
+
+TEST_F(HardLinks, StayInATree) {
+    for (const char *how : {"-r", "-rv", "-rq"}) {
+        const std::string copy = to + "/" + how;
+        expectQuiet(runTool({"copy", how, "-T", tree, copy}));
+        expectLinked(copy);
+        EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+        EXPECT_EQ(1U, kit::namesIn(copy + "/in").size() - 3) << "nothing is left behind";
+    }
+}
+
+// The library copies the directories of such a tree as wholes, and each name for itself.
+TEST_F(HardLinks, StayWhereOnlyAFewOfManyFilesHaveThem) {
+    for (const char *directory : {"/in/a", "/in/b"}) {
+        ASSERT_EQ(0, ::mkdir((tree + directory).c_str(), 0755));
+        for (int number = 0; number < 40; ++number) {
+            kit::writeFile(tree + directory + "/file" + std::to_string(number), std::to_string(number));
+        }
+    }
+    const std::string linked = tree + "/in/a/file";
+    for (int number = 0; number < 40; number += 8) {
+        const std::string name = std::to_string(number);
+        ASSERT_EQ(0, ::link((linked + name).c_str(), (tree + "/in/b/of" + name).c_str()));
+    }
+    expectQuiet(runTool({"copy", "-r", "-T", tree, to + "/copy"}));
+    for (int number = 0; number < 40; number += 8) {
+        const std::string name = std::to_string(number);
+        EXPECT_TRUE(areOne(to + "/copy/in/a/file" + name, to + "/copy/in/b/of" + name)) << name;
+    }
+    EXPECT_EQ(45U, kit::namesIn(to + "/copy/in/b").size());
+    EXPECT_EQ(0, runTool({"compare", tree, to + "/copy"}).status);
+}
+
+TEST_F(HardLinks, StayAcrossOperands) {
+    expectQuiet(runTool({"copy", tree + "/one", tree + "/zz", to}));
+    EXPECT_TRUE(areOne(to + "/one", to + "/zz"));
+    ASSERT_EQ(0, ::mkdir((scratch / "more").c_str(), 0755));
+    ASSERT_EQ(0, ::link((tree + "/one").c_str(), (scratch / "more/name").c_str()));
+    ASSERT_EQ(0, ::mkdir((to + "/trees").c_str(), 0755));
+    expectQuiet(runTool({"copy", "-r", tree, scratch / "more", to + "/trees"}));
+    EXPECT_TRUE(areOne(to + "/trees/tree/one", to + "/trees/more/name"));
+    EXPECT_EQ(4U, kit::statOf(to + "/trees/tree/one").st_nlink);
+}
+
+TEST_F(HardLinks, StayOverWhatStandsThere) {
+    expectQuiet(runTool({"copy", "-r", "-T", "--accept", "hard-link", tree, to + "/copy"}));
+    const std::string copy = to + "/copy";
+    ASSERT_EQ(0, ::unlink((copy + "/zz").c_str()));
+    kit::writeFile(copy + "/zz", "a file of its own");
+    ASSERT_EQ(0, ::unlink((copy + "/alone").c_str()));
+    ASSERT_EQ(0, ::link((copy + "/one").c_str(), (copy + "/alone").c_str()));
+    expectQuiet(runTool({"copy", "-rf", "-T", tree, copy}));
+    expectLinked(copy);
+    EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+}
+
+TEST_F(HardLinks, EachNameKeepsItsStore) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/one", "note", "of one"}).status);
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/in/two", "note", "of two"}).status);
+    for (const char *how : {"-r", "-rv", "-rf"}) {
+        const std::string copy = to + "/copy";
+        if (how == std::string("-rv")) {
+            ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+        }
+        expectQuiet(runTool({"copy", how, "-T", tree, copy}));
+        expectLinked(copy);
+        EXPECT_EQ("of one", runTool({"ea", "get", copy + "/one", "note"}).out);
+        EXPECT_EQ("of two", runTool({"ea", "get", copy + "/in/two", "note"}).out);
+        EXPECT_NE(0, runTool({"ea", "get", copy + "/zz", "note"}).status);
+    }
+}
+
+TEST_F(HardLinks, StayOnTheWayToAnotherVolume) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ino_t elsewhere = kit::statOf(tree + "/one").st_ino;
+    ASSERT_EQ(0, ::link((tree + "/one").c_str(), (scratch / "elsewhere").c_str()));
+    expectQuiet(runTool({"move", tree, volume / "there"}));
+    expectLinked(volume / "there");
+    EXPECT_FALSE(kit::exists(tree));
+    EXPECT_EQ("content of /one", kit::readFile(scratch / "elsewhere"));
+    EXPECT_EQ(elsewhere, kit::statOf(scratch / "elsewhere").st_ino);
+}
+
+TEST_F(HardLinks, StayInARelocatedDirectory) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ToolResult result = runTool({"relocate", "-y", tree, volume / "there"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_FALSE(mentions(result.err, "hard-link")) << result.err;
+    expectLinked(volume / "there");
+}
+
+TEST_F(HardLinks, TakeTheRoomOfOneFile) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    kit::writeFile(tree + "/one", kit::pattern(300'000));
+    for (const char *how : {"-r", "-rv"}) {
+        const ToolResult planned = runTool({"plan", "copy", "-r", "-T", tree, volume / how});
+        EXPECT_EQ(0, planned.status) << planned.out;
+        const ToolResult result = runTool({"copy", how, "-T", tree, volume / how});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ(0, runTool({"compare", tree, volume / how}).status);
+        ASSERT_EQ(0, runTool({"remove", "-rf", volume / how}).status);
+    }
+    const ToolResult planned = runTool({"plan", "copy", "-r", "--no-hard-links", "-T", tree, volume / "copies"});
+    EXPECT_TRUE(mentions(planned.out, "2 names that became files of their own")) << planned.out;
+}
+
+TEST_F(HardLinks, AreTold) {
+    const ToolResult result = runTool({"copy", "-rv", "-T", tree, to + "/copy"});
+    EXPECT_TRUE(mentions(result.out, "/copy/zz (linked)\n") || mentions(result.out, "/copy/one (linked)\n"))
+        << result.out;
+    EXPECT_TRUE(mentions(runTool({"copy", "-r", "--json", "-T", tree, to + "/again"}).out, R"("linked":true)"));
+    EXPECT_TRUE(mentions(runTool({"plan", "copy", "-rv", "-T", tree, to + "/third"}).out, " (linked)\n"));
+    EXPECT_TRUE(mentions(runTool({"plan", "copy", "-r", "--json", "-T", tree, to + "/third"}).out, R"("linked":true)"));
+}
+
+TEST_F(HardLinks, BecomeFilesOnRequest) {
+    for (const char *how : {"-r", "-rv"}) {
+        const ToolResult result = runTool({"copy", how, "--no-hard-links", "-T", tree, to + "/" + how});
+        EXPECT_EQ(0, result.status);
+        EXPECT_TRUE(mentions(result.err, "2 names that became files of their own, which takes more room"))
+            << result.err;
+        EXPECT_EQ(1U, kit::statOf(to + "/" + how + "/one").st_nlink);
+        EXPECT_EQ("content of /one", kit::readFile(to + "/" + how + "/zz"));
+    }
+}
+
+// No link leads from one volume to another: there is a file of its own, which is told.
+TEST_F(HardLinks, EndAtTheEdgeOfAVolume) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkdir((to + "/in").c_str(), 0755));
+    ASSERT_EQ(0, ::mount(volume.path().c_str(), (to + "/in").c_str(), nullptr, MS_BIND, nullptr));
+    const ToolResult planned = runTool({"plan", "copy", "-rf", "-T", tree, to});
+    const ToolResult result = runTool({"copy", "-rf", "-T", tree, to});
+    ASSERT_EQ(0, ::umount2((to + "/in").c_str(), MNT_DETACH));
+    EXPECT_EQ(0, result.status);
+    EXPECT_TRUE(mentions(result.err, "1 name that became a file of its own")) << result.err;
+    EXPECT_TRUE(mentions(planned.out, "1 name that became a file of its own")) << planned.out;
+    EXPECT_TRUE(areOne(to + "/one", to + "/zz") != areOne(to + "/one", volume / "two"));
+    EXPECT_EQ("content of /one", kit::readFile(volume / "two"));
+}
+
+} // namespace

@@ -1,0 +1,97 @@
+#include "tools/engine/transfer/linked_files.h"
+
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/look.h"
+#include "tools/engine/walk/paths.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace engine {
+namespace {
+
+std::pair<dev_t, ino_t> inode_of(const struct stat &file) {
+    return {file.st_dev, file.st_ino};
+}
+
+// A link changes the change time of what has been made, and nothing else.
+bool is_still(const struct stat &made, const struct stat &now) {
+    return S_ISREG(now.st_mode) && same(made, now) && made.st_size == now.st_size && made.st_uid == now.st_uid &&
+           made.st_gid == now.st_gid && made.st_mode == now.st_mode && made.st_mtim.tv_sec == now.st_mtim.tv_sec &&
+           made.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
+}
+
+} // namespace
+
+bool LinkedFiles::contains(const struct stat &file) const {
+    return S_ISREG(file.st_mode) && m_files.contains(inode_of(file));
+}
+
+void LinkedFiles::add(const struct stat &file) {
+    if (S_ISREG(file.st_mode) && file.st_nlink > 1) {
+        m_files.try_emplace(inode_of(file));
+    }
+}
+
+const LinkedFiles::Made *LinkedFiles::find(const struct stat &file) const {
+    const auto found = m_files.find(inode_of(file));
+    const bool known = found != m_files.end() && S_ISREG(file.st_mode) && !found->second.path.empty() &&
+                       Witness(found->second.source).is(file);
+    return known ? &found->second : nullptr;
+}
+
+void LinkedFiles::placed(const struct stat &file, const HeldDirectory &to, const std::string &name, bool alone) {
+    add(file);
+    const auto found = m_files.find(inode_of(file));
+    const auto made = found == m_files.end() ? std::nullopt : to.look(name);
+    if (!made || !S_ISREG(made->st_mode)) {
+        return;
+    }
+    Made &known = found->second;
+    if (known.path.empty() || known.file.st_dev == made->st_dev || !Witness(known.source).is(file)) {
+        known = {file, *made, joined(to.path(), name), alone};
+    }
+}
+
+bool LinkedFiles::is_there(const struct stat &file, const std::optional<struct stat> &there) const {
+    const Made *const made = find(file);
+    return made != nullptr && there && is_still(made->file, *there);
+}
+
+bool LinkedFiles::link(const struct stat &file, const HeldDirectory &to, const std::string &made) const {
+    const Made *const known = find(file);
+    struct stat now {};
+    errno = ENOENT;
+    if (known == nullptr || known->alone) {
+        return false;
+    }
+    // By descriptor: whatever the path leads to by now, only that very file gets another name.
+    const Descriptor held(::open(known->path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (held.get() < 0 || ::fstat(held.get(), &now) != 0) {
+        return false;
+    }
+    if (!is_still(known->file, now)) {
+        errno = ESTALE;
+        return false;
+    }
+    const std::string path = fmt::format("/proc/self/fd/{}", held.get());
+    return ::linkat(AT_FDCWD, path.c_str(), to.fd(), made.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+void LinkedFiles::touched(const struct stat &now) {
+    const auto found = m_files.find(inode_of(now));
+    if (found == m_files.end()) {
+        return;
+    }
+    if (now.st_nlink == 0) {
+        m_files.erase(found); // its number is free for another file
+    } else if (found->second.source.st_size == now.st_size &&
+               found->second.source.st_mtim.tv_sec == now.st_mtim.tv_sec &&
+               found->second.source.st_mtim.tv_nsec == now.st_mtim.tv_nsec) {
+        found->second.source = now;
+    }
+}
+
+} // namespace engine

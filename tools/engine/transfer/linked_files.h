@@ -1,0 +1,50 @@
+// Files of several names: what a run has made of the first name, the others become links to.
+#pragma once
+
+#include "tools/engine/compare/witness.h"
+#include "tools/engine/transfer/held_directory.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
+
+namespace engine {
+
+// Keeps a record for each file of the source that has, or had, more than one name, however many they are.
+class LinkedFiles {
+  public:
+    // Whether a name of this file went before. A file of one name is known only when it has lost others to this run.
+    bool contains(const struct stat &file) const;
+    // Takes note of a file that has several.
+    void add(const struct stat &file);
+
+    // What a name has become, once it stands there. `file`: the source as it was copied, which has several or has been
+    // known to. What lies on another volume than the first one is not remembered in its place. `alone`: what is kept
+    // for this name at the source is kept in the file itself now, so that it cannot be another name's as well.
+    void placed(const struct stat &file, const HeldDirectory &to, const std::string &name, bool alone);
+
+    // Whether the file stands there already under this name as well: the one that this run has made.
+    bool is_there(const struct stat &file, const std::optional<struct stat> &there) const;
+
+    // Makes `made` a link to what this run has made of another name of the file: only where the file is as it was then,
+    // and what was made is still the same. False, with errno: it is to be copied, or EEXIST where the name is taken.
+    bool link(const struct stat &file, const HeldDirectory &to, const std::string &made) const;
+
+    // A name of the source went, or a store was brought up to date: that is no change of the file. `now`: as it is.
+    void touched(const struct stat &now);
+
+  private:
+    struct Made {
+        struct stat source = {}, file = {};
+        std::string path = {}; // empty: nothing has been made of it
+        bool alone = false;
+    };
+    const Made *find(const struct stat &file) const;
+
+    std::map<std::pair<dev_t, ino_t>, Made> m_files;
+};
+
+} // namespace engine
