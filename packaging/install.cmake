@@ -44,6 +44,10 @@ foreach(header IN ITEMS copy/copy.h ea/ea.h index/index.h backup/backup.h notify
 endforeach()
 install(DIRECTORY "${header_dir}/vexofileop" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT libvexofileop-dev)
 
+# Programs to begin with.
+install(DIRECTORY "${CMAKE_SOURCE_DIR}/docs/examples" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libvexofileop-dev"
+  COMPONENT libvexofileop-dev)
+
 # find_package(vexofileop)
 set(config_dir "${CMAKE_INSTALL_LIBDIR}/cmake/vexofileop")
 install(EXPORT vexofileop NAMESPACE vexofileop:: FILE vexofileopTargets.cmake DESTINATION "${config_dir}"
