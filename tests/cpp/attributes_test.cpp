@@ -122,11 +122,29 @@ TEST_P(CppAttributes, MovedStreamGoesOnAndTheOldOneLetsGo) {
 }
 
 TEST_P(CppAttributes, StreamThatIsMissingIsSaidSoAndNotMade) {
+    VLIBCErrSetEx(0x2900, "earlier.c", 1); // of a call before, which is not this one's
     const auto missing = Stream::open(file, Access::write);
     ASSERT_FALSE(missing);
     EXPECT_TRUE(missing.error().is_missing()) << missing.error().what();
+    EXPECT_EQ(Code::none, missing.error().code());
     EXPECT_EQ(ENOENT, missing.error().system_errno());
+    EXPECT_STREQ("", missing.error().source_file());
     EXPECT_EQ((std::vector<std::string>{"file"}), kit::namesIn(scratch.path()));
+}
+
+TEST_P(CppAttributes, StreamThatIsReplacedBeforeItsLockIsOpenedAgain) {
+    ASSERT_TRUE(stream().set("name", "old"));
+    const std::string place = GetParam() == 0 ? scratch / "._file" : scratch / "@eaDir/file@VexoEAStream";
+    std::filesystem::copy_file(place, scratch / "next");
+    bool replaced = false;
+    kit::Faults::add({.function = "fcntl", .path = place, .before = [&] {
+                          replaced = true;
+                          std::filesystem::rename(scratch / "next", place);
+                      }});
+    Stream open = stream(Access::write);
+    ASSERT_TRUE(replaced);
+    ASSERT_TRUE(open.set("name", "new"));
+    EXPECT_EQ("new", Attributes::of(file).value().get("name").value());
 }
 
 TEST_P(CppAttributes, WritingToAStreamOpenedForReadingIsRefused) {

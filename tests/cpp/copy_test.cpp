@@ -65,14 +65,6 @@ TEST_F(CppCopy, FailureHasCodeWordsPlaceAndPath) {
     EXPECT_EQ("old", kit::readFile(to));
 }
 
-TEST_F(CppCopy, FailureThatOnlyErrnoTellsNamesNoCodeOfAnEarlierOne) {
-    VLIBCErrSetEx(0x2900, "earlier.c", 1);
-    kit::Faults::failAlways("open", ENOMEM, from);
-    const auto copied = vexofileop::copy_file(scratch / "none", to);
-    ASSERT_FALSE(copied);
-    EXPECT_NE(Code::no_space, copied.error().code());
-}
-
 TEST_F(CppCopy, ValueThrowsTheSameError) {
     kit::writeFile(to, "old");
     try {
