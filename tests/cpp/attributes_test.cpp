@@ -319,6 +319,26 @@ TEST_P(CppFork, OneThatLiesInTheHeaderIsNotWritten) {
     EXPECT_EQ(bytes, kit::readFile(place()));
 }
 
+TEST_P(CppFork, WhatLayBehindItDoesNotComeToLight) {
+    const std::string before = header({{9, 50, 32}, {2, 82, 4}}) + std::string(32, '\0') + "fork";
+    put(before + "left over");
+    ASSERT_TRUE(fork(Access::write).truncate(8));
+    EXPECT_EQ(std::string("fork\0\0\0\0", 8), fork(Access::read).read_all().value());
+}
+
+TEST_P(CppFork, FileIsAsItWasWhereItCannotGrow) {
+    const std::string before = header({{9, 50, 32}, {2, 82, 4}}) + std::string(32, '\0') + "fork";
+    put(before);
+    for (int skip = 0; skip < 2; ++skip) { // its bytes, its length
+        kit::Faults::fail("pwrite", ENOSPC, {}, skip);
+        ResourceFork open = fork(Access::write);
+        open.seek(4);
+        EXPECT_EQ(Code::no_space, open.write("and more").error().code());
+        EXPECT_EQ(before, kit::readFile(place())) << skip;
+        kit::Faults::reset();
+    }
+}
+
 TEST_P(CppFork, OneThatLostItsEndIsNotFilledWithZeros) {
     const std::string bytes = header({{9, 50, 32}, {2, 82, 100}}) + std::string(32, '\0') + "only this";
     put(bytes);

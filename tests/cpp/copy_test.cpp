@@ -178,6 +178,19 @@ TEST_F(CppCopy, ExceptionOfACallbackStopsTheCopyAndArrives) {
     EXPECT_TRUE(vexofileop::copy_file(from, to)) << "nothing stays of it";
 }
 
+TEST_F(CppCopy, NothingOfTheCallersIsCalledAfterAnException) {
+    int asked = 0;
+    int told = 0;
+    const auto options = CopyOptions()
+                             .read_size(small)
+                             .cancel([&] { return ++asked < 0; })
+                             .progress([](const vexofileop::Progress &) { throw std::runtime_error("first"); })
+                             .on_failure([&](const vexofileop::Failure &) { ++told; });
+    EXPECT_THROW((void)vexofileop::copy_file(from, to, options), std::runtime_error);
+    EXPECT_EQ(1, asked);
+    EXPECT_EQ(0, told);
+}
+
 TEST_F(CppCopy, EveryCallbackMayThrow) {
     struct Mine {};
     kit::writeFile(scratch / "there", "x");
