@@ -55,6 +55,7 @@ class Batch : private engine::TransferObserver {
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
     void advance(int64_t bytes);
+    bool updates() const { return m_options.transfer.conflict == engine::Conflict::update; }
     bool copies() const { return m_options.transfer.operation == engine::Operation::copy; }
 
     const BatchOptions &m_options;
@@ -64,6 +65,7 @@ class Batch : private engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
+    int m_same = 0;    // already
     int m_staying = 0; // sources of a move, for what was lost of them
     bool m_treeSeen = false;
     bool m_failed = false;

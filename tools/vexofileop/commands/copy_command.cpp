@@ -35,14 +35,18 @@ engine::Conflict chosen_policy(const Command &command, const std::vector<Policy>
 }
 
 std::vector<Policy> add_policies(const Command &command) {
+    const auto rare = [&](const char *names, const char *text, engine::Conflict conflict) {
+        return Policy{command.rare().add_flag(names, text), conflict};
+    };
     const auto add = [&](const char *names, const char *text, engine::Conflict conflict) {
         return Policy{command.add_flag(names, text), conflict};
     };
     return {
         add("-f,--force", "replace a destination file that exists", engine::Conflict::replace),
+        add("-u,--update", "replace one that differs, pass over the same", engine::Conflict::update),
         add("-n,--no-clobber", "leave it as it is; counts as a success", engine::Conflict::skip),
         add("-i,--interactive", "ask before replacing it", engine::Conflict::ask),
-        add("--keep-both", "give the new file a free name: \"name (1).txt\"", engine::Conflict::keep_both),
+        rare("--keep-both", "give the new file a free name: \"name (1).txt\"", engine::Conflict::keep_both),
     };
 }
 
@@ -99,7 +103,7 @@ std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &t
 }
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
-                               "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
+                               "-u, -n, -i, --keep-both the last one holds; directories are merged into.\n"
                                "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
                                "2 none or wrong usage; 130 after Ctrl-C.\n";
 
@@ -157,6 +161,9 @@ class TransferArguments {
         transfer.conflict = chosen_policy(m_command, m_policies);
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
+        if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
+            throw UsageError("--checksum says how -u compares, and needs it");
+        }
         const std::vector<Errand> errands = planned(m_operands, m_target, transfer.operation, transfer.conflict);
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
@@ -175,6 +182,7 @@ class TransferArguments {
         }
         m_command.rare().add_flag("--specials", m_options.transfer.specials,
                                   "make pipes, devices and sockets anew; else they are a loss");
+        m_command.rare().add_flag("--checksum", m_options.transfer.checksum, "with -u: read what seems to be the same");
         m_command.rare().add_flag("--no-hard-links", m_noHardLinks, "names of one file become files of their own");
         m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
         if (act == Act::run) {

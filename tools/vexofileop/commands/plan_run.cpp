@@ -80,6 +80,7 @@ void PlanRun::report(const engine::PlannedEntry &planned) {
     }
     const bool moves = m_options.plan.transfer.operation == engine::Operation::move;
     const Fate fate = planned.deed == engine::Deed::fail   ? Fate::failed
+                      : planned.same                       ? Fate::same
                       : planned.deed == engine::Deed::skip ? Fate::skipped
                       : planned.cloned                     ? Fate::cloned
                       : moves                              ? Fate::moved
@@ -115,7 +116,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
         m_console.line(entry_line(planned));
         return;
     }
-    if (planned.deed == engine::Deed::make && !planned.problem && !m_options.verbose) {
+    if ((planned.deed == engine::Deed::make || planned.same) && !planned.problem && !m_options.verbose) {
         return;
     }
     std::string text = fmt::format("{}: {} -> {}", word_of(planned.deed), engine::displayed(planned.source),
@@ -123,7 +124,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     if (planned.problem) {
         text = problem_text(text, *planned.problem, kRecursion);
     } else if (planned.deed == engine::Deed::skip) {
-        text += ": destination exists";
+        text += planned.same ? ": the same already" : ": destination exists";
     }
     m_console.line(text + (planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : ""));
 }
@@ -139,6 +140,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     if (planned.kind == engine::EntryKind::file) {
         event.add_number("bytes", planned.bytes);
         event.add_flag("cloned", planned.cloned);
+    }
+    if (planned.same) {
+        event.add_flag("same", true);
     }
     if (planned.linked) {
         event.add_flag("linked", true);
