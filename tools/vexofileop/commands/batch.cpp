@@ -32,7 +32,7 @@ int64_t size_of(const std::string &path) {
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
-    transfer.countsAlone = !options.stopOnError && !options.verbose && !options.json;
+    transfer.countsAlone = !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
     return transfer;
 }
 
@@ -60,7 +60,8 @@ int Batch::run(const std::vector<Errand> &errands) {
 }
 
 bool Batch::stopped() const {
-    return stop_signal() != 0 || (m_options.stopOnError && m_failed);
+    return stop_signal() != 0 || (m_options.stopOnError && m_failed) ||
+           (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
 // A tree is counted before it is copied only where somebody sees the bar.
@@ -88,7 +89,9 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     ++counts[outcome.status];
     m_cloned += outcome.cloned ? 1 : 0;
     m_same += outcome.same ? 1 : 0;
-    m_failed = m_failed || outcome.status == engine::Status::failed || outcome.warning;
+    const bool failed = outcome.status == engine::Status::failed || outcome.warning;
+    m_failed = m_failed || failed;
+    m_errors += failed || engine::has_failing_loss(outcome, m_options.transfer.accepted) ? 1 : 0;
     if (kind != engine::EntryKind::directory) {
         // Also what was cloned, skipped or failed is behind us.
         m_copied += outcome.status == engine::Status::done ? outcome.bytes : 0;
@@ -288,7 +291,9 @@ void Batch::tell_stop(size_t planned) {
     const char *const verb = copies() ? "copied" : "moved";
     if (stop_signal() == 0) {
         if (stopped()) {
-            m_console.message("stopped at the first failure (--stop-on-error)");
+            m_console.message(m_options.stopOnError
+                                  ? "stopped at the first failure (--stop-on-error)"
+                                  : fmt::format("stopped after {} failures (--max-errors)", m_errors));
         }
     } else if (m_treeSeen) {
         m_console.message(fmt::format("stopped; {} files {}", m_entries[engine::Status::done], verb));

@@ -10,6 +10,8 @@
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/plan_run.h"
 
+#include <charconv>
+#include <cstdint>
 #include <fmt/format.h>
 #include <memory>
 #include <string>
@@ -114,8 +116,9 @@ constexpr const char *kPlanNotes = "\nNothing is done. Entries that are not simp
                                    "put back; else, or with --no-probe, the system is believed. -i means yes.\n";
 
 int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
-    const PlanRunOptions options{
+    PlanRunOptions options{
         {.transfer = batch.transfer, .probe = probe}, batch.report, batch.stopOnError, batch.verbose, batch.json};
+    options.mostErrors = batch.mostErrors;
     return PlanRun(options).run(errands);
 }
 
@@ -140,13 +143,28 @@ const char *line_of(engine::Operation operation, Act act) {
                             : "Move or rename files and trees";
 }
 
+// 0: not given.
+int64_t most_errors_of(const Option &option) {
+    if (!option.given()) {
+        return 0;
+    }
+    const std::string text = option.values().front();
+    int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < 1) {
+        throw UsageError(fmt::format("--max-errors {}: give a number, 1 or more", engine::displayed(text)));
+    }
+    return number;
+}
+
 // What the command line of a copy, a move or a plan of one has.
 class TransferArguments {
   public:
     TransferArguments(const Command &command, engine::Operation operation, Act act)
         : m_command(command), m_plan(act == Act::plan), m_policies(add_policies(command)),
-          m_accept(add_accept_option(command)), m_report(add_report_option(command)), m_target(command),
-          m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
+          m_accept(add_accept_option(command)), m_report(add_report_option(command)),
+          m_maxErrors(command.rare().add_value("--max-errors", "N", "end at the Nth entry that fails")),
+          m_target(command), m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
         m_options.transfer.operation = operation;
         m_options.transfer.trees = operation == engine::Operation::move;
         add_ways(act);
@@ -161,6 +179,7 @@ class TransferArguments {
         transfer.conflict = chosen_policy(m_command, m_policies);
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
+        m_options.mostErrors = most_errors_of(m_maxErrors);
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
@@ -206,7 +225,7 @@ class TransferArguments {
     BatchOptions m_options;
     bool m_plan, m_noProbe = false, m_noHardLinks = false;
     std::vector<Policy> m_policies;
-    Option m_accept, m_report;
+    Option m_accept, m_report, m_maxErrors;
     TargetOptions m_target;
     SelectionOptions m_selection;
     PathOperands m_operands;

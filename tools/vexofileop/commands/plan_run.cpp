@@ -34,7 +34,8 @@ std::string number_text(int64_t needed, const std::optional<int64_t> &free) {
 } // namespace
 
 bool PlanRun::stopped() const {
-    return stop_signal() != 0 || (m_options.stopOnError && m_failed);
+    return stop_signal() != 0 || (m_options.stopOnError && m_failed) ||
+           (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
 int PlanRun::run(const std::vector<Errand> &errands) {
@@ -59,6 +60,12 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     m_succeeded += !directory && !failed ? 1 : 0;
     m_anyFailed = m_anyFailed || (!directory && failed);
     m_failed = m_failed || failed;
+    m_errors += failed || std::ranges::any_of(planned.losses,
+                                              [&](const engine::Loss &loss) {
+                                                  return engine::fails(loss, m_options.plan.transfer.accepted);
+                                              })
+                    ? 1
+                    : 0;
     m_cloned += planned.cloned ? 1 : 0;
     m_bytes += done ? planned.bytes : 0;
     m_staying += planned.sourceStays ? 1 : 0;
