@@ -194,7 +194,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
         }
         View forecast(source), receipt(source), comparison(reference);
         const engine::TransferOptions options{.operation = move ? Operation::move : Operation::copy,
-                                              .conflict = Conflict::replace,
+                                              .conflict = seed % 8 == 6 ? Conflict::update : Conflict::replace,
                                               .links = true,
                                               .specials = seed / 4 % 2 == 1,
                                               .hardLinks = seed / 2 % 3 != 0,

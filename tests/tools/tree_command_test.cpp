@@ -286,6 +286,24 @@ TEST_F(CopyTree, LinksThatTheVolumeCannotHoldAreNamedAndTheRestArrives) {
     EXPECT_EQ("22", kit::readFile(to + "/from/sub/two"));
 }
 
+TEST_F(CopyTree, MaxErrorsEndsAtThatFailure) {
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    for (const char *name : {"one", "link", "sub"}) {
+        kit::writeFile(to + "/from/" + name, "in the way");
+    }
+    const ToolResult result = runTool({"copy", "-r", "--max-errors", "2", from, to});
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ(2, std::count(result.err.begin(), result.err.end(), '>')) << result.err;
+    EXPECT_TRUE(mentions(result.err, "vexofileop: stopped after 2 failures (--max-errors)\n")) << result.err;
+    const ToolResult planned = runTool({"plan", "copy", "-r", "--max-errors", "2", from, to});
+    EXPECT_TRUE(mentions(planned.out, " 2 failed ")) << planned.out;
+    EXPECT_FALSE(mentions(runTool({"copy", "-r", "--max-errors", "4", from, to}).err, "stopped"));
+    for (const char *wrong : {"0", "-1", "two", "", "2x"}) {
+        EXPECT_EQ(2, runTool({"copy", "-r", std::string("--max-errors=") + wrong, from, to}).status) << wrong;
+    }
+}
+
 TEST_F(CopyTree, StopOnErrorEndsAtTheFirstFailure) {
     makeDirectory(to);
     makeDirectory(to + "/from");

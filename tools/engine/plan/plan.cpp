@@ -1,5 +1,6 @@
 #include "tools/engine/plan/plan.h"
 
+#include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/plan/destination.h"
 #include "tools/engine/report/names.h"
@@ -22,7 +23,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <set>
+#include <memory>
 #include <unistd.h>
 #include <utility>
 
@@ -46,6 +47,13 @@ Problem just_written(const char *what) {
 
 class Planner::Walk {
   public:
+    // Where the first name of a file goes; what stands there already, of one that is the same.
+    struct PlannedLink {
+        const UsedRoom *room;
+        ino_t there = 0;
+        bool alone = false; // no other name becomes a link to it
+    };
+
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
           m_selection(options.transfer.selection),
@@ -77,6 +85,8 @@ class Planner::Walk {
                 PlannedEntry planned, bool asItIs);
     bool resolve(const Source &source, const struct stat &entry, const struct stat &content, bool asItIs,
                  Destination &to, std::string &name, PlannedEntry &planned, bool &done);
+    bool is_same(const Source &source, const struct stat &entry, const struct stat &content, Destination &to,
+                 const std::string &name, PlannedEntry &planned);
     std::optional<Problem> choose_free_name(const Destination &to, std::string &name) const;
     void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
                    PlannedEntry &planned);
@@ -91,8 +101,7 @@ class Planner::Walk {
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
     // Files of several names, one of which has been planned, with the volume that it goes to.
-    std::map<std::pair<dev_t, ino_t>, const UsedRoom *> m_linked;
-    std::set<std::pair<dev_t, ino_t>> m_alone; // of those the ones whose first name no other becomes a link to
+    std::map<std::pair<dev_t, ino_t>, PlannedLink> m_linked;
     std::vector<VolumePlan> m_volumes;
     int m_depth = 0;
 };
@@ -425,6 +434,9 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
         planned.deed = Deed::skip;
         return tell(planned);
     }
+    if (conflict == Conflict::update && there && !written && is_same(source, entry, content, to, name, planned)) {
+        return tell(planned) || moves();
+    }
     if (there && S_ISDIR(there->st_mode)) {
         return fail(planned, problem_of(kIsDirectory));
     }
@@ -440,6 +452,51 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     }
     done = false;
     planned.deed = Deed::replace;
+    return true;
+}
+
+// Whether what stands there is passed over. Before a move content is read, for which a plan is no time.
+bool Planner::Walk::is_same(const Source &source, const struct stat &entry, const struct stat &content, Destination &to,
+                            const std::string &name, PlannedEntry &planned) {
+    const bool oneVolume = source.in.device() == to.there.device() && content.st_dev == to.there.device() &&
+                           source.in.type() == to.there.type();
+    const auto there = to.there.look(name);
+    if (!there || (moves() && oneVolume)) {
+        return false;
+    }
+    const auto known = m_linked.find({entry.st_dev, entry.st_ino});
+    if (m_transfer.hardLinks && known != m_linked.end() && known->second.room == to.volume->room &&
+        to.volume->rehearsal->keeps_hard_links() && known->second.there != there->st_ino) {
+        return false;
+    }
+    HeldDirectory real;
+    Side from = source.side();
+    const bool asItIs = same(entry, content);
+    if (!asItIs) {
+        const std::unique_ptr<char, decltype(&std::free)> path(
+            ::realpath(source.in.below(source.name).c_str(), nullptr), &std::free);
+        real = HeldDirectory(path == nullptr ? "" : parent_of(path.get()));
+        if (!real.is_open()) {
+            return false;
+        }
+        from = real.side_now(base_name(path.get()));
+    }
+    std::vector<Loss> differences = compare_entries(
+        from, to.there.side_now(name),
+        {.data = m_transfer.checksum, .costs = true, .stopped = [this] { return m_observer.stopped(); }});
+    std::erase_if(differences, [](const Loss &one) { return one.cls == LossClass::hard_link; });
+    if (std::ranges::any_of(differences, [&](const Loss &one) { return is_to_update(one, m_transfer.accepted); })) {
+        return false;
+    }
+    std::ranges::move(differences, std::back_inserter(planned.losses));
+    hard_linked(source, content, *to.volume, planned);
+    if (const auto linked = m_linked.find({entry.st_dev, entry.st_ino}); linked != m_linked.end()) {
+        linked->second.there = there->st_ino;
+    }
+    planned.linked = false;
+    planned.deed = Deed::skip;
+    planned.same = true;
+    to.planned.emplace(to.volume->rehearsal->key_of(name), source.name);
     return true;
 }
 
@@ -468,14 +525,12 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
     if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
         return;
     }
-    const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, volume.room);
+    const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, PlannedLink{volume.room});
     const auto entry = source.in.look(source.name);
     const bool alone = gets_into_the_file(source.in, source.name, volume.rehearsal->volume().type);
-    if (isNew && alone) {
-        m_alone.insert(known->first);
-    }
-    planned.linked = !isNew && !alone && !m_alone.contains(known->first) && m_transfer.hardLinks &&
-                     known->second == volume.room && volume.rehearsal->keeps_hard_links() && entry &&
+    known->second.alone = known->second.alone || (isNew && alone);
+    planned.linked = !isNew && !alone && !known->second.alone && m_transfer.hardLinks &&
+                     known->second.room == volume.room && volume.rehearsal->keeps_hard_links() && entry &&
                      S_ISREG(entry->st_mode);
     if (isNew || planned.linked) {
         return;

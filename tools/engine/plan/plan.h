@@ -36,6 +36,7 @@ struct PlannedEntry {
     Deed deed = Deed::make;
     int64_t bytes = 0;
     bool cloned = false;
+    bool same = false;        // of skip: it stands there already
     bool linked = false;      // becomes another name of what an earlier one has become
     bool sourceStays = false; // of a move: at both places
     std::vector<Loss> losses = {};

@@ -38,6 +38,7 @@ std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptio
                                        TransferObserver &observer) {
     switch (options.conflict) {
     case Conflict::replace:
+    case Conflict::update:
         attempt.replace = true;
         return std::nullopt;
     case Conflict::ask:
@@ -61,6 +62,19 @@ std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptio
 
 Problem same_file() {
     return {"source and destination are the same file"};
+}
+
+bool is_to_update(const Loss &difference, LossSet accepted) {
+    switch (difference.cls) {
+    case LossClass::data:
+    case LossClass::modification_time:
+    case LossClass::symbolic_link:
+    case LossClass::special_file:
+    case LossClass::unreadable:
+        return true;
+    default:
+        return fails(difference, accepted);
+    }
 }
 
 Outcome failure(const std::string &destination, Problem problem) {

@@ -57,6 +57,10 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
 // Of those that the destination's name can be made into. Somebody may take it before it is used.
 std::optional<Problem> choose_free_name(FileAttempt &attempt);
 
+// Whether this difference is one for which Conflict::update replaces what stands there. What may be lost is none,
+// unless it tells of other content.
+bool is_to_update(const Loss &difference, LossSet accepted);
+
 Outcome failure(const std::string &destination, Problem problem);
 Outcome clash(const std::string &destination);
 Problem same_file();

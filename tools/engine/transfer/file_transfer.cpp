@@ -15,6 +15,7 @@
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
@@ -103,6 +104,13 @@ bool give_owner(int directory, const std::string &name, const struct stat &sourc
            ((source.st_mode & (S_ISUID | S_ISGID)) == 0 || ::fchmod(file.get(), source.st_mode & all) == 0);
 }
 
+// Exactly this one: a volume may take others for it.
+bool has_name(const HeldDirectory &directory, const std::string &name) {
+    const Descriptor opened = open_directory(directory.fd(), ".");
+    const auto names = names_in(opened.get());
+    return names && std::ranges::find(*names, name) != names->end();
+}
+
 bool may_write(int directory, const char *name, int mode) {
     return ::faccessat(directory, name, mode, AT_EACCESS) == 0;
 }
@@ -178,6 +186,9 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     // In a new directory the copy finds out itself what is in its way.
     if (!around.destinationNew || m_options.operation == Operation::move) {
         if (to.look(attempt.name)) {
+            if (auto outcome = pass_over(attempt)) {
+                return *outcome;
+            }
             if (auto outcome = resolve_conflict(attempt, m_options, m_observer, m_written)) {
                 return *outcome;
             }
@@ -186,6 +197,74 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
         }
     }
     return m_options.operation == Operation::move && shares_volume(attempt) ? rename(attempt) : copy(attempt);
+}
+
+// Nothing: what stands there is not the same, or it is for others to say. A source that is to go is read, and goes only
+// when its content is there too.
+std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
+    const bool move = m_options.operation == Operation::move;
+    const auto there = attempt.to.look(attempt.name);
+    if (m_options.conflict != Conflict::update || !there || same(attempt.entry, there) ||
+        same(attempt.content, there) || (move && shares_volume(attempt))) {
+        return std::nullopt;
+    }
+    const bool alone = gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type());
+    const bool linkable = m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && !alone;
+    const bool linked = linkable && m_linked.is_there(*attempt.entry, there) && has_name(attempt.to, attempt.name);
+    if (!linked && (m_written.contains(*there) || (linkable && m_linked.can_link(*attempt.entry, attempt.to)))) {
+        return std::nullopt;
+    }
+    auto differences = differences_of_same(attempt);
+    if (!differences) {
+        return std::nullopt;
+    }
+    attempt.losses.insert(attempt.losses.end(), differences->begin(), differences->end());
+    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, linked, attempt.losses);
+    attempt.result = there;
+    Outcome outcome;
+    if (move) {
+        outcome = arrived(attempt);
+    } else {
+        outcome.status = Status::skipped;
+        outcome.destination = attempt.destination;
+        outcome.losses = attempt.losses;
+        m_written.add(*there, attempt.sourceName);
+        if (m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && attempt.content->st_nlink > 1) {
+            m_linked.placed(*attempt.content, attempt.to, attempt.name, alone);
+        }
+    }
+    outcome.same = true;
+    m_observer.progress(attempt.asItIs ? 0 : attempt.content->st_size, false);
+    return outcome;
+}
+
+// Of what may differ; nothing: it is not the same.
+std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &attempt) {
+    const bool move = m_options.operation == Operation::move;
+    const bool follow = !attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
+    const auto &known = attempt.asItIs ? attempt.entry : attempt.content;
+    attempt.file = Descriptor(
+        ::openat(attempt.from.fd(), attempt.sourceName.c_str(), O_PATH | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
+    struct stat before {};
+    if (attempt.file.get() < 0 || ::fstat(attempt.file.get(), &before) != 0 || !same(known, before)) {
+        return std::nullopt;
+    }
+    (attempt.asItIs ? attempt.entry : attempt.content) = before;
+    if (follow) {
+        find_real_place(attempt);
+        if (!attempt.real.is_open()) {
+            return std::nullopt;
+        }
+    }
+    if (move) {
+        attempt.kept.emplace(attempt.from, attempt.sourceName);
+    }
+    std::vector<Loss> differences =
+        compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(attempt.name),
+                        compare_options(m_options.checksum || move));
+    const bool changed =
+        std::ranges::any_of(differences, [this](const Loss &one) { return is_to_update(one, m_options.accepted); });
+    return changed || m_observer.stopped() ? std::nullopt : std::optional(std::move(differences));
 }
 
 bool FileTransfer::shares_volume(const Attempt &attempt) {

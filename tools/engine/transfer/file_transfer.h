@@ -67,6 +67,8 @@ class FileTransfer {
     std::optional<Problem> check_source(Attempt &attempt) const;
     std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
+    std::optional<Outcome> pass_over(Attempt &attempt);
+    std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt);
     Outcome rename(Attempt &attempt);
     Outcome copy(Attempt &attempt);
     Outcome place_copy(Attempt &attempt);

@@ -60,6 +60,11 @@ bool LinkedFiles::is_there(const struct stat &file, const std::optional<struct s
     return made != nullptr && there && is_still(made->file, *there);
 }
 
+bool LinkedFiles::can_link(const struct stat &file, const HeldDirectory &to) const {
+    const Made *const made = find(file);
+    return made != nullptr && !made->alone && made->file.st_dev == to.device();
+}
+
 bool LinkedFiles::link(const struct stat &file, const HeldDirectory &to, const std::string &made) const {
     const Made *const known = find(file);
     struct stat now {};

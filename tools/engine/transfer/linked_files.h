@@ -29,6 +29,9 @@ class LinkedFiles {
     // Whether the file stands there already under this name as well: the one that this run has made.
     bool is_there(const struct stat &file, const std::optional<struct stat> &there) const;
 
+    // Whether another name could become one of what this run has made of the file, in that directory.
+    bool can_link(const struct stat &file, const HeldDirectory &to) const;
+
     // Makes `made` a link to what this run has made of another name of the file: only where the file is as it was then,
     // and what was made is still the same. False, with errno: it is to be copied, or EEXIST where the name is taken.
     bool link(const struct stat &file, const HeldDirectory &to, const std::string &made) const;

@@ -8,12 +8,13 @@ namespace engine {
 
 enum class Operation { copy, move };
 
-// What to do with a destination that exists.
-enum class Conflict { fail, replace, skip, ask, keep_both };
+// What to do with a destination that exists. `update`: it stays where it is the same already, else it is replaced.
+enum class Conflict { fail, replace, skip, ask, keep_both, update };
 
 struct TransferOptions {
     Operation operation = Operation::copy;
     Conflict conflict = Conflict::fail;
+    bool checksum = false; // Conflict::update: the same is only what has the same content
     bool clone = false;
     bool links = false;    // a copy of a symbolic link is a link; else it is followed. A move never follows one.
     bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost

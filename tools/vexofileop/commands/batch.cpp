@@ -32,7 +32,7 @@ int64_t size_of(const std::string &path) {
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
-    transfer.countsAlone = !options.stopOnError && !options.verbose && !options.json;
+    transfer.countsAlone = !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
     return transfer;
 }
 
@@ -60,7 +60,8 @@ int Batch::run(const std::vector<Errand> &errands) {
 }
 
 bool Batch::stopped() const {
-    return stop_signal() != 0 || (m_options.stopOnError && m_failed);
+    return stop_signal() != 0 || (m_options.stopOnError && m_failed) ||
+           (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
 // A tree is counted before it is copied only where somebody sees the bar.
@@ -87,7 +88,10 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     Counts &counts = kind == engine::EntryKind::directory ? m_directories : m_entries;
     ++counts[outcome.status];
     m_cloned += outcome.cloned ? 1 : 0;
-    m_failed = m_failed || outcome.status == engine::Status::failed || outcome.warning;
+    m_same += outcome.same ? 1 : 0;
+    const bool failed = outcome.status == engine::Status::failed || outcome.warning;
+    m_failed = m_failed || failed;
+    m_errors += failed || engine::has_failing_loss(outcome, m_options.transfer.accepted) ? 1 : 0;
     if (kind != engine::EntryKind::directory) {
         // Also what was cloned, skipped or failed is behind us.
         m_copied += outcome.status == engine::Status::done ? outcome.bytes : 0;
@@ -133,7 +137,7 @@ void Batch::report_problems(const std::string &source, const engine::Outcome &ou
     if (outcome.problem && !counted) {
         m_console.message(
             problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
-    } else if (outcome.status == engine::Status::skipped && !counted && m_treeSeen) {
+    } else if (outcome.status == engine::Status::skipped && !counted && !outcome.same && m_treeSeen) {
         ++m_passedOver;
     }
     if (outcome.warning) {
@@ -163,11 +167,12 @@ void Batch::note_for_report(engine::EntryKind kind, const std::string &source, c
     if (m_options.report.empty()) {
         return;
     }
-    const Fate fate = outcome.status == engine::Status::skipped ? Fate::skipped
-                      : outcome.status != engine::Status::done  ? Fate::failed
-                      : outcome.cloned                          ? Fate::cloned
-                      : copies() || outcome.sourceStays         ? Fate::copied
-                                                                : Fate::moved;
+    const Fate fate = outcome.same                                ? Fate::same
+                      : outcome.status == engine::Status::skipped ? Fate::skipped
+                      : outcome.status != engine::Status::done    ? Fate::failed
+                      : outcome.cloned                            ? Fate::cloned
+                      : copies() || outcome.sourceStays           ? Fate::copied
+                                                                  : Fate::moved;
     if (kind != engine::EntryKind::directory || fate == Fate::failed) {
         m_report.count(fate, 1, outcome.status == engine::Status::done ? outcome.bytes : 0);
     }
@@ -214,7 +219,8 @@ void Batch::verbose_line(const std::string &source, const engine::Outcome &outco
                                                              : fellBack       ? " (copied, not cloned)"
                                                                               : ""));
     } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
-        m_console.line(arrow(source, outcome.destination) + " (skipped, destination exists)");
+        m_console.line(arrow(source, outcome.destination) +
+                       (outcome.same ? " (the same already)" : " (skipped, destination exists)"));
     }
 }
 
@@ -230,6 +236,9 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     }
     if (m_options.transfer.clone && kind == engine::EntryKind::file) {
         entry.add_flag("cloned", outcome.cloned);
+    }
+    if (outcome.same) {
+        entry.add_flag("same", true);
     }
     if (outcome.linked) {
         entry.add_flag("linked", true);
@@ -287,7 +296,9 @@ void Batch::tell_stop(size_t planned) {
     const char *const verb = copies() ? "copied" : "moved";
     if (stop_signal() == 0) {
         if (stopped()) {
-            m_console.message("stopped at the first failure (--stop-on-error)");
+            m_console.message(m_options.stopOnError
+                                  ? "stopped at the first failure (--stop-on-error)"
+                                  : fmt::format("stopped after {} failures (--max-errors)", m_errors));
         }
     } else if (m_treeSeen) {
         m_console.message(fmt::format("stopped; {} files {}", m_entries[engine::Status::done], verb));
@@ -300,10 +311,11 @@ std::string Batch::counts_line() const {
     const auto counted = [](int number, const char *one, const char *several) {
         return fmt::format("{} {}", number, number == 1 ? one : several);
     };
-    return fmt::format("{} and {} {} ({}), {} skipped, {} failed{}",
+    const std::string same = updates() ? fmt::format(" ({} the same)", m_same) : "";
+    return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}",
                        counted(m_entries[engine::Status::done], "file", "files"),
                        counted(m_directories[engine::Status::done], "directory", "directories"),
-                       copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped],
+                       copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
                        copies() ? fmt::format(", {} cloned", m_cloned) : "");
 }
@@ -316,6 +328,9 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("directories", m_directories[engine::Status::done]);
     summary.add_number("done", m_entries[engine::Status::done]);
     summary.add_number("skipped", m_entries[engine::Status::skipped]);
+    if (updates()) {
+        summary.add_number("same", m_same);
+    }
     summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
     summary.add_number("cloned", m_cloned);
     summary.add_number("bytes", m_copied);

@@ -15,6 +15,7 @@ namespace tool {
 struct BatchOptions {
     engine::TransferOptions transfer;
     bool stopOnError = false;
+    int64_t mostErrors = 0; // entries that failed, or lost what was not accepted; 0: any number
     bool verbose = false, json = false, quiet = false, noProgress = false;
     std::string report = {}; // the file that tells it all; empty: none
 };
@@ -55,6 +56,7 @@ class Batch : private engine::TransferObserver {
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
     void advance(int64_t bytes);
+    bool updates() const { return m_options.transfer.conflict == engine::Conflict::update; }
     bool copies() const { return m_options.transfer.operation == engine::Operation::copy; }
 
     const BatchOptions &m_options;
@@ -64,6 +66,8 @@ class Batch : private engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
+    int m_same = 0; // already
+    int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
     bool m_treeSeen = false;

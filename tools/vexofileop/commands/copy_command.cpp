@@ -10,6 +10,8 @@
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/plan_run.h"
 
+#include <charconv>
+#include <cstdint>
 #include <fmt/format.h>
 #include <memory>
 #include <string>
@@ -35,14 +37,18 @@ engine::Conflict chosen_policy(const Command &command, const std::vector<Policy>
 }
 
 std::vector<Policy> add_policies(const Command &command) {
+    const auto rare = [&](const char *names, const char *text, engine::Conflict conflict) {
+        return Policy{command.rare().add_flag(names, text), conflict};
+    };
     const auto add = [&](const char *names, const char *text, engine::Conflict conflict) {
         return Policy{command.add_flag(names, text), conflict};
     };
     return {
         add("-f,--force", "replace a destination file that exists", engine::Conflict::replace),
+        add("-u,--update", "replace one that differs, pass over the same", engine::Conflict::update),
         add("-n,--no-clobber", "leave it as it is; counts as a success", engine::Conflict::skip),
         add("-i,--interactive", "ask before replacing it", engine::Conflict::ask),
-        add("--keep-both", "give the new file a free name: \"name (1).txt\"", engine::Conflict::keep_both),
+        rare("--keep-both", "give the new file a free name: \"name (1).txt\"", engine::Conflict::keep_both),
     };
 }
 
@@ -99,7 +105,7 @@ std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &t
 }
 
 constexpr const char *kNotes = "\nMode, owner, times, ACL, DOS attributes and extended metadata go along. Of -f,\n"
-                               "-n, -i, --keep-both the last one holds; a directory that exists is merged into.\n"
+                               "-u, -n, -i, --keep-both the last one holds; directories are merged into.\n"
                                "Exit status: 0 all done and nothing lost that --accept does not name, 1 some,\n"
                                "2 none or wrong usage; 130 after Ctrl-C.\n";
 
@@ -110,8 +116,9 @@ constexpr const char *kPlanNotes = "\nNothing is done. Entries that are not simp
                                    "put back; else, or with --no-probe, the system is believed. -i means yes.\n";
 
 int planned_status(const BatchOptions &batch, bool probe, const std::vector<Errand> &errands) {
-    const PlanRunOptions options{
+    PlanRunOptions options{
         {.transfer = batch.transfer, .probe = probe}, batch.report, batch.stopOnError, batch.verbose, batch.json};
+    options.mostErrors = batch.mostErrors;
     return PlanRun(options).run(errands);
 }
 
@@ -136,13 +143,28 @@ const char *line_of(engine::Operation operation, Act act) {
                             : "Move or rename files and trees";
 }
 
+// 0: not given.
+int64_t most_errors_of(const Option &option) {
+    if (!option.given()) {
+        return 0;
+    }
+    const std::string text = option.values().front();
+    int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < 1) {
+        throw UsageError(fmt::format("--max-errors {}: give a number, 1 or more", engine::displayed(text)));
+    }
+    return number;
+}
+
 // What the command line of a copy, a move or a plan of one has.
 class TransferArguments {
   public:
     TransferArguments(const Command &command, engine::Operation operation, Act act)
         : m_command(command), m_plan(act == Act::plan), m_policies(add_policies(command)),
-          m_accept(add_accept_option(command)), m_report(add_report_option(command)), m_target(command),
-          m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
+          m_accept(add_accept_option(command)), m_report(add_report_option(command)),
+          m_maxErrors(command.rare().add_value("--max-errors", "N", "end at the Nth entry that fails")),
+          m_target(command), m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
         m_options.transfer.operation = operation;
         m_options.transfer.trees = operation == engine::Operation::move;
         add_ways(act);
@@ -157,6 +179,10 @@ class TransferArguments {
         transfer.conflict = chosen_policy(m_command, m_policies);
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
+        m_options.mostErrors = most_errors_of(m_maxErrors);
+        if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
+            throw UsageError("--checksum says how -u compares, and needs it");
+        }
         const std::vector<Errand> errands = planned(m_operands, m_target, transfer.operation, transfer.conflict);
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
@@ -175,6 +201,7 @@ class TransferArguments {
         }
         m_command.rare().add_flag("--specials", m_options.transfer.specials,
                                   "make pipes, devices and sockets anew; else they are a loss");
+        m_command.rare().add_flag("--checksum", m_options.transfer.checksum, "with -u: read what seems to be the same");
         m_command.rare().add_flag("--no-hard-links", m_noHardLinks, "names of one file become files of their own");
         m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
         if (act == Act::run) {
@@ -198,7 +225,7 @@ class TransferArguments {
     BatchOptions m_options;
     bool m_plan, m_noProbe = false, m_noHardLinks = false;
     std::vector<Policy> m_policies;
-    Option m_accept, m_report;
+    Option m_accept, m_report, m_maxErrors;
     TargetOptions m_target;
     SelectionOptions m_selection;
     PathOperands m_operands;

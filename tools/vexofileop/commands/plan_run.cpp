@@ -34,7 +34,8 @@ std::string number_text(int64_t needed, const std::optional<int64_t> &free) {
 } // namespace
 
 bool PlanRun::stopped() const {
-    return stop_signal() != 0 || (m_options.stopOnError && m_failed);
+    return stop_signal() != 0 || (m_options.stopOnError && m_failed) ||
+           (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
 int PlanRun::run(const std::vector<Errand> &errands) {
@@ -59,6 +60,12 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     m_succeeded += !directory && !failed ? 1 : 0;
     m_anyFailed = m_anyFailed || (!directory && failed);
     m_failed = m_failed || failed;
+    m_errors += failed || std::ranges::any_of(planned.losses,
+                                              [&](const engine::Loss &loss) {
+                                                  return engine::fails(loss, m_options.plan.transfer.accepted);
+                                              })
+                    ? 1
+                    : 0;
     m_cloned += planned.cloned ? 1 : 0;
     m_bytes += done ? planned.bytes : 0;
     m_staying += planned.sourceStays ? 1 : 0;
@@ -80,6 +87,7 @@ void PlanRun::report(const engine::PlannedEntry &planned) {
     }
     const bool moves = m_options.plan.transfer.operation == engine::Operation::move;
     const Fate fate = planned.deed == engine::Deed::fail   ? Fate::failed
+                      : planned.same                       ? Fate::same
                       : planned.deed == engine::Deed::skip ? Fate::skipped
                       : planned.cloned                     ? Fate::cloned
                       : moves                              ? Fate::moved
@@ -115,7 +123,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
         m_console.line(entry_line(planned));
         return;
     }
-    if (planned.deed == engine::Deed::make && !planned.problem && !m_options.verbose) {
+    if ((planned.deed == engine::Deed::make || planned.same) && !planned.problem && !m_options.verbose) {
         return;
     }
     std::string text = fmt::format("{}: {} -> {}", word_of(planned.deed), engine::displayed(planned.source),
@@ -123,7 +131,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     if (planned.problem) {
         text = problem_text(text, *planned.problem, kRecursion);
     } else if (planned.deed == engine::Deed::skip) {
-        text += ": destination exists";
+        text += planned.same ? ": the same already" : ": destination exists";
     }
     m_console.line(text + (planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : ""));
 }
@@ -139,6 +147,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     if (planned.kind == engine::EntryKind::file) {
         event.add_number("bytes", planned.bytes);
         event.add_flag("cloned", planned.cloned);
+    }
+    if (planned.same) {
+        event.add_flag("same", true);
     }
     if (planned.linked) {
         event.add_flag("linked", true);

@@ -18,6 +18,7 @@ struct PlanRunOptions {
     engine::PlanOptions plan;
     std::string report = {}; // the file that it is written to; empty: none
     bool stopOnError = false, verbose = false, json = false;
+    int64_t mostErrors = 0;    // as for the run
     bool allOrNothing = false; // an entry that cannot be copied ends the run, with nothing done
 };
 
@@ -49,6 +50,7 @@ class PlanRun : private engine::PlanObserver {
     int64_t m_deeds[6] = {}; // by Deed, of all entries
     int64_t m_directories = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
     int m_succeeded = 0, m_directoriesDone = 0;
+    int64_t m_errors = 0;
     bool m_failed = false, m_anyFailed = false;
 };
 

@@ -1,0 +1,182 @@
+// A tree that is copied or moved with -u, killed before a system call: the same once more finishes it, and the end is
+// that of a run that nobody stopped. A sample of the calls; with VEXO_FULL in the environment all.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tools/engine/compare/tree_comparison.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/transfer/transfer.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace engine;
+
+class Told : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &source, const Outcome &outcome) override {
+        const bool done = outcome.status == Status::done || (outcome.status == Status::skipped && outcome.same);
+        if (!done || outcome.warning || !outcome.losses.empty()) {
+            const Problem none;
+            text += source + ": " +
+                    (outcome.problem   ? *outcome.problem
+                     : outcome.warning ? *outcome.warning
+                                       : none)
+                        .reason;
+            for (const Loss &loss : outcome.losses) {
+                text += "; " + loss.detail;
+            }
+            text += "\n";
+        }
+    }
+    void arrived(const std::string &, int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+
+    std::string text;
+};
+
+std::string update(Operation operation, const std::string &source, const std::string &destination) {
+    Told observer;
+    Transfer({.operation = operation,
+              .conflict = Conflict::update,
+              .links = true,
+              .specials = true,
+              .trees = true,
+              .countsAlone = true},
+             observer)
+        .run(source, destination);
+    return observer.text;
+}
+
+// Of a move that was stopped the source no longer tells when its directories were changed last, nor which names went
+// that were one file with others.
+class Differences : public ComparisonObserver {
+  public:
+    explicit Differences(Operation operation) : m_move(operation == Operation::move) {}
+    bool stopped() const override { return false; }
+    void loss(const std::string &first, const std::string &, const Loss &loss) override {
+        const bool unknown = loss.cls == LossClass::hard_link ||
+                             (loss.cls == LossClass::modification_time && S_ISDIR(kit::statOf(first).st_mode));
+        text += m_move && unknown ? "" : displayed(first) + ": " + loss.detail + "\n";
+    }
+    void extra(const std::string &first, EntryKind) override { text += displayed(first) + ": extra\n"; }
+    void same(const std::string &, const std::string &) override {}
+    void compared(const std::string &, EntryKind, int64_t) override {}
+    void progress(int64_t) override {}
+
+    std::string text;
+
+  private:
+    bool m_move;
+};
+
+// A tree, one that stands at the destination already, and the same that nobody touches.
+struct Scene {
+    explicit Scene(const std::string &volume) : destination(volume + "/" + base()) {
+        for (const char *name : {"", "/@eaDir", "/in", "/new"}) {
+            EXPECT_EQ(0, ::mkdir((source + name).c_str(), 0755));
+        }
+        for (const char *name : {"", "/@eaDir", "/in"}) {
+            EXPECT_EQ(0, ::mkdir((destination + name).c_str(), 0755));
+        }
+        for (const char *name : {"/file", "/in/deep", "/new/one", "/new/two", "/new/three"}) {
+            kit::writeFile(source + name, "content of " + std::string(name));
+        }
+        for (const std::string &name : {std::string("/in/again"), std::string("/new/zz")}) {
+            EXPECT_EQ(0, ::link((source + "/file").c_str(), (source + name).c_str()));
+        }
+        EXPECT_EQ(0, ::symlink("file", (source + "/link").c_str()));
+        EXPECT_EQ(0, ::mkfifo((source + "/pipe").c_str(), 0640));
+        kit::writeFile(source + "/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "new"}}));
+        kit::writeFile(destination + "/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "old"}}));
+        kit::writeFile(destination + "/@eaDir/file@VexoResource", "old resource");
+        kit::writeFile(destination + "/file", "old");
+        kit::writeFile(destination + "/in/again", "old, too");
+        EXPECT_EQ("", update(Operation::copy, source, reference));
+    }
+    std::string base() const { return scratch.path().substr(scratch.path().rfind('/') + 1); }
+    std::string difference(Operation operation) const {
+        Differences found(operation);
+        compare_trees(reference, destination, {.data = true}, found);
+        const bool linked =
+            kit::statOf(destination + "/file").st_ino == kit::statOf(destination + "/in/again").st_ino &&
+            kit::statOf(destination + "/file").st_ino == kit::statOf(destination + "/new/zz").st_ino;
+        return found.text + (linked || operation == Operation::move ? "" : "names of one file are several\n") +
+               left_in(destination);
+    }
+    static std::string left_in(const std::string &directory) {
+        std::string left;
+        for (const std::string &name : kit::namesIn(directory)) {
+            const std::string path = directory + "/" + name;
+            left += name.starts_with(".vexofileop-") ? path + " is left\n" : "";
+            left += S_ISDIR(kit::statOf(path).st_mode) ? left_in(path) : "";
+        }
+        return left;
+    }
+
+    kit::ScratchDirectory scratch;
+    const std::string source = scratch / "source", reference = scratch / "reference";
+    const std::string destination;
+};
+
+class UpdateSweep : public ::testing::TestWithParam<Operation> {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    static faults::Outcome supervised(const Scene &scene, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)update(GetParam(), scene.source, scene.destination);
+            window.close();
+        });
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Operations, UpdateSweep, ::testing::Values(Operation::copy, Operation::move),
+                         [](const auto &each) { return each.param == Operation::copy ? "Copy" : "Move"; });
+
+TEST_P(UpdateSweep, KilledAnywhereTheSameOnceMoreFinishesIt) {
+    KIT_NOT_SANITIZED();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const Scene whole(volume.path());
+    const size_t calls = supervised(whole, {}).calls.size();
+    ASSERT_LT(200U, calls);
+    ASSERT_EQ("", whole.difference(Operation::copy));
+    constexpr size_t sample = 60;
+    const size_t step =
+        std::getenv("VEXO_FULL") != nullptr ? 1 : std::max<size_t>(1, calls / sample); // NOLINT(concurrency-mt-unsafe)
+    for (size_t at = 1; at < calls; at += step) {
+        const Scene scene(volume.path());
+        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+            EXPECT_GT(at + 8, calls); // a few calls depend on what the process has kept
+            break;
+        }
+        // A store whose file has gone already is left to whoever knows what it belongs to, and told.
+        const std::string told = kit::exists(scene.source) ? update(GetParam(), scene.source, scene.destination) : "";
+        const bool left = GetParam() == Operation::move && told.ends_with("belongs to no entry\n");
+        EXPECT_TRUE(told.empty() || left) << at << ": " << told;
+        EXPECT_EQ("", scene.difference(GetParam())) << at;
+        EXPECT_EQ(GetParam() == Operation::copy || left, kit::exists(scene.source)) << at;
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+
+} // namespace
