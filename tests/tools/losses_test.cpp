@@ -18,6 +18,7 @@
 
 namespace {
 
+using kit::Arguments;
 using kit::runTool;
 using kit::ToolResult;
 
@@ -274,6 +275,23 @@ TEST_F(Losses, ReportThatCannotBeWrittenFailsAndLosesNothing) {
     EXPECT_FALSE(kit::exists(scratch / "second"));
 }
 
+// A store is a directory: anything else of that name is the user's.
+TEST_F(Losses, OwnFileThatIsCalledAsAStoreIsTold) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    kit::writeFile(tree + "/@eaDir", "mine");
+    for (const char *const command : {"plan", "copy", "move"}) {
+        Arguments arguments{command};
+        if (arguments.front() == "plan") {
+            arguments.emplace_back("copy");
+        }
+        arguments.insert(arguments.end(), {"-r", tree, volume / (std::string("to-") + command)});
+        const ToolResult result = runTool(arguments);
+        EXPECT_EQ(1, result.status) << command << result.out << result.err;
+        EXPECT_TRUE(mentions(result.out + result.err, "kept for metadata")) << command << result.out << result.err;
+        EXPECT_EQ("mine", kit::readFile(tree + "/@eaDir")) << command;
+    }
+}
+
 // ---- --verify
 
 TEST_F(Losses, VerifyReadsWhatWasWritten) {
@@ -286,6 +304,19 @@ TEST_F(Losses, VerifyReadsWhatWasWritten) {
     EXPECT_EQ(0, moved.status) << moved.err;
     EXPECT_EQ(kit::pattern(3 << 20), kit::readFile(volume / "tree/large"));
     EXPECT_FALSE(kit::exists(tree));
+}
+
+TEST_F(Losses, VerifyTakesFilesOfSeveralNames) {
+    ASSERT_EQ(0, ::link(file.c_str(), (tree + "/second").c_str()));
+    ASSERT_EQ(0, ::link(file.c_str(), (scratch / "elsewhere").c_str()));
+    for (const Arguments &more : {Arguments{}, Arguments{"--no-hard-links"}}) {
+        Arguments arguments{"copy", "-rf", "--verify"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        arguments.insert(arguments.end(), {tree, scratch / "copy"});
+        const ToolResult result = runTool(arguments);
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_FALSE(mentions(result.err, "read back")) << result.err;
+    }
 }
 
 TEST_F(Losses, VerifyWritesNothingWhereTheOldFileCouldNotComeBack) {

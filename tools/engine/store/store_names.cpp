@@ -7,6 +7,7 @@
 #include "tools/engine/walk/private_name.h"
 
 #include <strings.h>
+#include <sys/stat.h>
 
 namespace engine {
 
@@ -18,7 +19,12 @@ NameKind name_kind(const std::string &directory, const std::string &name, int vo
     if (VEXOEAIsHiddenDir(name.c_str()) == 1) {
         // Of another case it holds stores where cases are one, and is a user's own where they are not.
         const bool store = name == "@eaDir" || (is_store_name(name) && volume_traits(volumeType).fatNames);
-        return store ? NameKind::store : is_store_name(name) ? NameKind::stray : NameKind::system;
+        struct stat found {};
+        const bool other = store && ::lstat(joined(directory, name).c_str(), &found) == 0 && !S_ISDIR(found.st_mode);
+        return other                 ? NameKind::stray
+               : store               ? NameKind::store
+               : is_store_name(name) ? NameKind::stray
+                                     : NameKind::system;
     }
     if (is_private_name(name)) {
         return NameKind::system;

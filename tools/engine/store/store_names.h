@@ -9,7 +9,7 @@ enum class NameKind {
     ordinary,
     store,     // "@eaDir": what it holds belongs to the entries beside it
     companion, // "._name" of an entry `name` on a volume that keeps metadata so
-    stray,     // "._name" of anything else; "@EADIR" where that is another name than "@eaDir"
+    stray,     // "._name" of anything else; "@eaDir" that is no directory; "@EADIR" where that is another name
     system,    // "@tmp", "@sharebin": of the appliance; and what a command has under way, or has left unfinished
 };
 // What a name in `directory`, on a volume of the type `volumeType`, is to a copy of the tree.

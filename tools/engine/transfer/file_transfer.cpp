@@ -648,7 +648,8 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
     (void)::posix_fadvise(made.get(), 0, 0, POSIX_FADV_DONTNEED);
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     for (const Loss &loss : compare_entries(source, attempt.to.side_now(name), compare_options(true))) {
-        if (std::ranges::find(attempt.losses, loss) == attempt.losses.end()) {
+        // Other names than the one that is copied are told of by themselves.
+        if (loss.cls != LossClass::hard_link && std::ranges::find(attempt.losses, loss) == attempt.losses.end()) {
             attempt.stopAnswered = attempt.stopAnswered || m_observer.stopped();
             return attempt.stopAnswered
                        ? std::nullopt

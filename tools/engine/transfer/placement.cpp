@@ -198,7 +198,11 @@ Problem finish_store(const HeldDirectory &directory, const std::string &made, co
             return *problem;
         }
     } else if (!rename_parts(directory, made, note.name)) {
-        return problem_of_errno(errno);
+        // An error that is told only once may have hidden that there is nothing to rename.
+        const int number = errno;
+        if (has_store(directory, made)) {
+            return problem_of_errno(number);
+        }
     }
     // Asked twice, since a note that stays is read by whoever comes next.
     if (::unlinkat(directory.fd(), next.c_str(), 0) != 0) {
