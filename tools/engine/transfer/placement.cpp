@@ -180,8 +180,8 @@ std::optional<Problem> follow(const HeldDirectory &to, const Note &note, const H
 }
 
 // The steps behind an entry that has its name. Each can be done again.
-Problem finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
-                     const HeldDirectory *from) {
+Problem try_to_finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
+                            const HeldDirectory *from) {
     const std::string clear = made + std::string(kOldStoreGoes), next = made + std::string(kNewStoreFollows);
     if (lies_there(directory.below(clear))) {
         // Only where there is something: a removal marks the entry as changed.
@@ -198,17 +198,21 @@ Problem finish_store(const HeldDirectory &directory, const std::string &made, co
             return *problem;
         }
     } else if (!rename_parts(directory, made, note.name)) {
-        // An error that is told only once may have hidden that there is nothing to rename.
-        const int number = errno;
-        if (has_store(directory, made)) {
-            return problem_of_errno(number);
-        }
+        return problem_of_errno(errno);
     }
     // Asked twice, since a note that stays is read by whoever comes next.
     if (::unlinkat(directory.fd(), next.c_str(), 0) != 0) {
         ::unlinkat(directory.fd(), next.c_str(), 0);
     }
     return Problem{};
+}
+
+// Tried twice: an error may be one that is told only once, and a note that stays is work for whoever comes next.
+Problem finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
+                     const HeldDirectory *from) {
+    const Problem problem = try_to_finish_store(directory, made, note, from);
+    return problem.reason.empty() || problem.reason == kNotFound ? problem
+                                                                 : try_to_finish_store(directory, made, note, from);
 }
 
 bool rename_made(const Placement &placement) {
