@@ -275,6 +275,15 @@ TEST_F(Losses, ReportThatCannotBeWrittenFailsAndLosesNothing) {
     EXPECT_FALSE(kit::exists(scratch / "second"));
 }
 
+// A directory that others may enter is no command's, whatever it is called.
+TEST_F(Losses, OwnDirectoryThatIsCalledAsALeftOverStays) {
+    const std::string own = scratch / ".vexofileop-4194303-1";
+    ASSERT_EQ(0, ::mkdir(own.c_str(), 0755));
+    kit::writeFile(own + "/mine", "m");
+    EXPECT_EQ(0, runTool({"copy", file, scratch / "copy"}).status);
+    EXPECT_EQ("m", kit::readFile(own + "/mine"));
+}
+
 // A store is a directory: anything else of that name is the user's.
 TEST_F(Losses, OwnFileThatIsCalledAsAStoreIsTold) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));

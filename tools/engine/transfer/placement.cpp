@@ -221,6 +221,14 @@ bool rename_made(const Placement &placement) {
                              : rename_without_replacing(directory, placement.made, directory, placement.name);
 }
 
+// A command makes a directory of such a name for itself alone, whereas a file has its source's owner before it has its
+// name: a directory that anybody else may enter is somebody's own, whatever it is called.
+bool may_be_ours(const HeldDirectory &directory, const std::string &name) {
+    constexpr mode_t bits = 07777, closed = 0700;
+    const auto found = directory.look(name);
+    return found && (!S_ISDIR(found->st_mode) || (found->st_uid == ::geteuid() && (found->st_mode & bits) == closed));
+}
+
 void clear_note(const HeldDirectory &directory, const std::string &path) {
     const std::string made(without_suffix(path));
     const auto note = read_note(directory, path);
@@ -336,7 +344,7 @@ void clear_left_overs(const HeldDirectory &directory) {
         }
     }
     for (const std::string &name : names) {
-        if (without_suffix(name) == name) {
+        if (without_suffix(name) == name && may_be_ours(directory, name)) {
             discard(directory, name);
         }
     }
