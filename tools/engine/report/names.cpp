@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <fmt/format.h>
-#include <iterator>
 
 namespace engine {
 namespace {
@@ -43,10 +42,10 @@ void append_displayed(std::string &out, std::string_view bytes, const Utf8Charac
     }
     if (!character.valid || is_control(character.point)) {
         for (const char byte : bytes) {
-            fmt::format_to(std::back_inserter(out), "\\x{:02x}", static_cast<uint8_t>(byte));
+            out += fmt::format("\\x{:02x}", static_cast<uint8_t>(byte));
         }
     } else if (rearranges_display(character.point)) {
-        fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<uint32_t>(character.point));
+        out += fmt::format("\\u{:04x}", static_cast<uint32_t>(character.point));
     } else {
         out += bytes;
     }
