@@ -92,7 +92,7 @@ const std::map<int, CallKind> &kinds() {
         {SYS_lremovexattr, {"lremovexattr", 0, {EIO, EPERM, ENOSPC}}},
         {SYS_fremovexattr, {"fremovexattr", -1, {EIO, EPERM, ENOSPC}}},
         {SYS_ioctl, {"ioctl", -1, {EIO, EOPNOTSUPP, ENOSPC}}},
-        {SYS_flock, {"flock", -1, {EWOULDBLOCK}}},
+
         {SYS_getcwd, {"getcwd", -1, {ENOENT}}},
         {SYS_chdir, {"chdir", 0, {EIO, EACCES}}},
         {SYS_fchdir, {"fchdir", -1, {EIO}}},

@@ -48,6 +48,7 @@ struct FileTransfer::Attempt : FileAttempt {
             told = std::move(problem);
         } else if (!problem.reason.empty()) {
             told.reason += "; " + problem.reason;
+            told.replaced = told.replaced || problem.replaced;
         }
     }
 

@@ -350,7 +350,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
             return *outcome;
         }
     }
-    return failure(attempt.destination, problem_of_errno(errno));
+    return failure(attempt.destination, problem_of_placing(errno));
 }
 
 Outcome FileTransfer::copy(Attempt &attempt) {
@@ -444,7 +444,7 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
             return *outcome;
         }
     }
-    const Problem problem = problem_of_errno(errno);
+    const Problem problem = problem_of_placing(errno);
     discard(attempt.to, attempt.made);
     return failure(attempt.destination, problem);
 }
@@ -680,7 +680,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     if (attempt.changed) {
         attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
         outcome.sourceStays = across;
-    } else if (across && keeps_source(outcome)) {
+    } else if (across && (attempt.told.replaced || keeps_source(outcome))) {
         outcome.sourceStays = true;
     } else if (across) {
         remove_source(attempt, outcome);

@@ -3,10 +3,12 @@
 #include "ea/ea.h"
 #include "platform/core.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/directory_lock.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/rename.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -14,6 +16,10 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -100,8 +106,10 @@ std::optional<Note> parse_note(std::string_view text) {
     return is_plain(note.before) ? std::optional(note) : std::nullopt;
 }
 
-// Only one that we have written ourselves: in a directory of somebody else a name proves nothing.
-std::optional<Note> read_note(const HeldDirectory &directory, const std::string &path) {
+// Only one that we have written ourselves counts: in a directory of somebody else a name proves nothing. `ours`: it is
+// one of those, though there may be no more than half of it.
+std::optional<Note> read_note(const HeldDirectory &directory, const std::string &path, bool &ours) {
+    ours = false;
     const Descriptor file(::openat(directory.fd(), path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat found {};
     char text[kLongestNote];
@@ -109,6 +117,7 @@ std::optional<Note> read_note(const HeldDirectory &directory, const std::string 
         found.st_uid != ::geteuid()) {
         return std::nullopt;
     }
+    ours = true;
     const ssize_t size = ::read(file.get(), text, sizeof text);
     const std::string_view all(text, size < 0 ? 0 : static_cast<size_t>(size));
     return parse_note(all);
@@ -149,6 +158,25 @@ bool rename_parts(const HeldDirectory &directory, const std::string &before, con
     return rename_part(stores.get(), before.c_str(), now.c_str());
 }
 
+bool has_store_of(const HeldDirectory &directory, std::initializer_list<std::string> names) {
+    char place[PATH_MAX] = "";
+    const StoreKind kind = store_kind(directory.type());
+    const auto has_double = [&](const std::string &name) {
+        return lies_there(VEXOEAADPath(directory.below(name).c_str(), place, sizeof place), place);
+    };
+    const auto has_part = [&](const std::string &name) {
+        const std::string path = directory.below(name);
+        return lies_there(VEXOEAPathNoADFS(1, path.c_str(), "VexoEAStream", place, sizeof place), place) ||
+               lies_there(VEXOEAPathNoADFS(1, path.c_str(), "VexoResource", place, sizeof place), place) ||
+               lies_there(VEXOEADirPath(0, path.c_str(), place, sizeof place), place);
+    };
+    if (kind != StoreKind::apple_double && kind != StoreKind::ea_directory && kind != StoreKind::file_ea) {
+        return false;
+    }
+    return (kind == StoreKind::apple_double && std::ranges::any_of(names, has_double)) ||
+           (lies_there(directory.below("@eaDir")) && std::ranges::any_of(names, has_part));
+}
+
 // Looks again afterwards: what the library could not look at it takes for nothing to remove.
 bool clear_store(const HeldDirectory &directory, const std::string &name) {
     return !has_store(directory, name) ||
@@ -159,13 +187,22 @@ Problem failed_with(const char *what) {
     return {what, VLIBCErrGet()};
 }
 
-// Marks the entry as changed, too, whatever is kept for it.
+// Marks the entry as changed, too, whatever is kept for it. An "@eaDir" that is empty goes with whoever leaves it:
+// where that comes in between the library takes what is to follow for gone, and says nothing.
 std::optional<Problem> follow(const HeldDirectory &from, const std::string &before, const HeldDirectory &to,
                               const std::string &name) {
-    if (VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0) != 0) {
-        return failed_with("moved, but its extended metadata could not follow");
+    constexpr int tries = 8;
+    const bool itself = from.fd() == to.fd() && before == name;
+    for (int count = 0; count < tries; ++count) {
+        const int result = VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0);
+        if (result == 0 && (itself || !has_store(from, before))) {
+            return std::nullopt;
+        }
+        if (result != 0) {
+            break;
+        }
     }
-    return std::nullopt;
+    return failed_with("moved, but its extended metadata could not follow");
 }
 
 // What is kept for an entry follows it from another directory, unless another entry has its old name by now.
@@ -229,9 +266,21 @@ bool may_be_ours(const HeldDirectory &directory, const std::string &name) {
     return found && (!S_ISDIR(found->st_mode) || (found->st_uid == ::geteuid() && (found->st_mode & bits) == closed));
 }
 
-void clear_note(const HeldDirectory &directory, const std::string &path) {
+// False: the note stays, and so does what it tells of.
+bool clear_note(const HeldDirectory &directory, const std::string &path) {
     const std::string made(without_suffix(path));
-    const auto note = read_note(directory, path);
+    bool ours = false;
+    const auto known = read_note(directory, path, ours);
+    const HeldDirectory from = known && !known->before.empty() ? HeldDirectory(known->fromPath) : HeldDirectory();
+    const DirectoryLock lock(directory.fd(), from.is_open() ? from.fd() : -1);
+    if (lock.is_refused()) {
+        return false;
+    }
+    // Somebody else may have finished it until the lock was ours.
+    const auto note = read_note(directory, path, ours);
+    if (!ours) {
+        return false;
+    }
     const auto there = note ? directory.look(note->name) : std::nullopt;
     if (there && there->st_ino == note->inode && !directory.look(made)) {
         if (finish_store(directory, made, *note, nullptr).reason == kNotFound) {
@@ -241,29 +290,36 @@ void clear_note(const HeldDirectory &directory, const std::string &path) {
         ::unlinkat(directory.fd(), path.c_str(), 0);
         discard(directory, made);
     }
+    return true;
+}
+
+// What is said of an entry that has its name, once its store has it too. Where no lock could be had another command may
+// have put another one there between the two.
+Problem once_placed(const DirectoryLock &lock, const HeldDirectory &directory, const Note &note, Problem problem) {
+    const auto there = directory.look(note.name);
+    if (there && there->st_ino == note.inode) {
+        return problem;
+    }
+    // It brought no store, or it would have waited; what lies beside it now is ours.
+    if (lock.is_held() && there) {
+        (void)clear_store(directory, note.name);
+    }
+    return {.reason = "it was placed, but another command has replaced it meanwhile", .replaced = true};
+}
+
+// Of an entry without a store, for which no lock is taken: another one may have been placed since it was looked whether
+// there is any. Whose that is cannot be told, so it stays.
+Problem without_store(const HeldDirectory &directory, const std::string &name, bool replaced) {
+    return replaced && has_store(directory, name)
+               ? Problem{.reason = "it is there, but so is now what another command has placed beside it meanwhile",
+                         .replaced = true}
+               : Problem{};
 }
 
 } // namespace
 
 bool has_store(const HeldDirectory &directory, const std::string &name) {
-    char place[PATH_MAX] = "";
-    const std::string path = directory.below(name);
-    switch (store_kind(directory.type())) {
-    case StoreKind::apple_double:
-        if (lies_there(VEXOEAADPath(path.c_str(), place, sizeof place), place)) {
-            return true;
-        }
-        break;
-    case StoreKind::ea_directory:
-    case StoreKind::file_ea:
-        break;
-    default:
-        return false;
-    }
-    return lies_there(directory.below("@eaDir")) &&
-           (lies_there(VEXOEAPathNoADFS(1, path.c_str(), "VexoEAStream", place, sizeof place), place) ||
-            lies_there(VEXOEAPathNoADFS(1, path.c_str(), "VexoResource", place, sizeof place), place) ||
-            lies_there(VEXOEADirPath(0, path.c_str(), place, sizeof place), place));
+    return has_store_of(directory, {name});
 }
 
 bool gets_into_the_file(const HeldDirectory &from, const std::string &name, int type) {
@@ -273,8 +329,14 @@ bool gets_into_the_file(const HeldDirectory &from, const std::string &name, int 
 
 std::optional<Problem> place(const Placement &placement) {
     const HeldDirectory &directory = placement.directory;
-    if (!placement.withStore || (!has_store(directory, placement.made) && !has_store(directory, placement.name))) {
-        return rename_made(placement) ? std::optional(Problem{}) : std::nullopt;
+    if (!placement.withStore || !has_store_of(directory, {placement.made, placement.name})) {
+        return rename_made(placement)
+                   ? std::optional(without_store(directory, placement.name, placement.withStore && placement.replace))
+                   : std::nullopt;
+    }
+    const DirectoryLock lock(directory.fd());
+    if (lock.is_refused()) {
+        return std::nullopt;
     }
     const std::string note = placement.made + std::string(kOldStoreGoes);
     const auto made = directory.look(placement.made);
@@ -285,24 +347,44 @@ std::optional<Problem> place(const Placement &placement) {
         errno = number;
         return std::nullopt;
     }
-    return finish_store(directory, placement.made, text, nullptr);
+    return once_placed(lock, directory, text, finish_store(directory, placement.made, text, nullptr));
 }
+
+namespace {
+
+bool rename_entry(const Renaming &renaming) {
+    const HeldDirectory &from = renaming.from, &to = renaming.to;
+    return renaming.replace ? ::renameat(from.fd(), renaming.before.c_str(), to.fd(), renaming.name.c_str()) == 0
+                            : rename_without_replacing(from.fd(), renaming.before, to.fd(), renaming.name);
+}
+
+// What follows is nothing, from its own name to the same: that marks it as changed, and takes nothing that another
+// entry of its old name may have by now.
+std::optional<Problem> rename_without_store(const Renaming &renaming) {
+    if (!rename_entry(renaming)) {
+        return std::nullopt;
+    }
+    if (!renaming.withStore) {
+        return Problem{};
+    }
+    Problem problem = without_store(renaming.to, renaming.name, renaming.replace);
+    return problem.reason.empty()
+               ? follow(renaming.to, renaming.name, renaming.to, renaming.name).value_or(std::move(problem))
+               : problem;
+}
+
+} // namespace
 
 std::optional<Problem> rename_with_store(const Renaming &renaming) {
     const HeldDirectory &from = renaming.from, &to = renaming.to;
-    const auto rename = [&] {
-        return renaming.replace ? ::renameat(from.fd(), renaming.before.c_str(), to.fd(), renaming.name.c_str()) == 0
-                                : rename_without_replacing(from.fd(), renaming.before, to.fd(), renaming.name);
-    };
     if (!renaming.withStore || (!has_store(from, renaming.before) && !has_store(to, renaming.name))) {
-        return !rename() ? std::nullopt
-               : renaming.withStore
-                   ? std::optional(follow(from, renaming.before, to, renaming.name).value_or(Problem{}))
-                   : std::optional(Problem{});
+        return rename_without_store(renaming);
     }
+    const DirectoryLock lock(to.fd(), from.fd());
     struct stat directory {};
     const auto entry = from.look(renaming.before);
-    if (!entry || ::fstat(from.fd(), &directory) != 0) {
+    if (lock.is_refused() || !entry || ::fstat(from.fd(), &directory) != 0) {
+        errno = lock.is_refused() ? EWOULDBLOCK : errno;
         return std::nullopt;
     }
     const Note note{entry->st_ino, renaming.name, from.path(), directory.st_dev, directory.st_ino, renaming.before};
@@ -312,20 +394,26 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
     if (!noted && errno != ENOSPC && errno != EDQUOT) {
         return std::nullopt;
     }
-    if (!rename()) {
+    if (!rename_entry(renaming)) {
         const int number = errno;
         ::unlinkat(to.fd(), path.c_str(), 0);
         errno = number;
         return std::nullopt;
     }
     if (noted) {
-        return finish_store(to, made, note, &from);
+        return once_placed(lock, to, note, finish_store(to, made, note, &from));
     }
     ::unlinkat(to.fd(), path.c_str(), 0); // half of one
     if (!clear_store(to, renaming.name)) {
         return failed_with("moved, but what was kept beside an old file of its name could not be removed");
     }
-    return follow(to, note, from).value_or(Problem{});
+    return once_placed(lock, to, note, follow(to, note, from).value_or(Problem{}));
+}
+
+Problem problem_of_placing(int number) {
+    return number == EWOULDBLOCK
+               ? Problem{"another process holds the lock on its directory, and has not let go of it in time"}
+               : problem_of_errno(number);
 }
 
 void discard(const HeldDirectory &directory, const std::string &made) {
@@ -338,13 +426,14 @@ void discard(const HeldDirectory &directory, const std::string &made) {
 void clear_left_overs(const HeldDirectory &directory) {
     const auto names = left_overs_in(directory.fd());
     // What was not finished first: the file that a note tells of is gone from its private name then.
+    std::set<std::string, std::less<>> kept;
     for (const std::string &name : names) {
-        if (name.ends_with(kOldStoreGoes) || name.ends_with(kNewStoreFollows)) {
-            clear_note(directory, name);
+        if ((name.ends_with(kOldStoreGoes) || name.ends_with(kNewStoreFollows)) && !clear_note(directory, name)) {
+            kept.emplace(without_suffix(name));
         }
     }
     for (const std::string &name : names) {
-        if (without_suffix(name) == name && may_be_ours(directory, name)) {
+        if (without_suffix(name) == name && !kept.contains(name) && may_be_ours(directory, name)) {
             discard(directory, name);
         }
     }

@@ -2,7 +2,9 @@
 //
 // A volume renames a file at once; its store is renamed after it, in steps of its own. So that neither of the two is
 // ever half of each, a note beside the file tells what is meant while that lasts, and whoever comes after a kill
-// finishes it: until the file itself has its name nothing of what stood there is touched.
+// finishes it: until the file itself has its name nothing of what stood there is touched. While that lasts the
+// directory is locked, so that two commands do not mix what they bring to one name. Where nothing is kept beside either
+// there is no step of its own, and no lock.
 #pragma once
 
 #include "tools/engine/report/problem.h"
@@ -46,6 +48,9 @@ struct Renaming {
 // Nothing, with errno, when the entry has not got its new name. Else what could not be done for its store, with an
 // empty reason where there is nothing to say.
 std::optional<Problem> rename_with_store(const Renaming &renaming);
+
+// For an errno of these two, of which EWOULDBLOCK is a directory that somebody else has locked.
+Problem problem_of_placing(int number);
 
 // Removes what was made, with its store.
 void discard(const HeldDirectory &directory, const std::string &made);

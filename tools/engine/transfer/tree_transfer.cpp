@@ -270,7 +270,8 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     if (!left) {
         constexpr int copied[] = {EXDEV, EEXIST, EBUSY, ENOTEMPTY};
         return std::ranges::find(copied, errno) != std::end(copied) ||
-               failed(source.path(), destination.path(), problem_of_making(errno));
+               failed(source.path(), destination.path(),
+                      errno == EWOULDBLOCK ? problem_of_placing(errno) : problem_of_making(errno));
     }
     done = true;
     if (const auto there = destination.in.look(destination.name)) {

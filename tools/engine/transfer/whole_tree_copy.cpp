@@ -149,7 +149,7 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination) {
     const Place made{destination.in, next_private_name()};
     const TreeCall call = call_tree_copy(source.held(), made.held(), m_observer);
     if (destination.in.look(made.name) && !place({destination.in, made.name, destination.name})) {
-        failed(source.path(), destination.path(), problem_of_errno(errno));
+        failed(source.path(), destination.path(), problem_of_placing(errno));
         discard(destination.in, made.name);
         return;
     }

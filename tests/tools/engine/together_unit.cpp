@@ -1,0 +1,236 @@
+// Two commands that bring something to one name at the same time, the second at each system call of the first: the end
+// is one of both whole, the file and what is kept beside it.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tools/engine/transfer/transfer.h"
+#include "tools/engine/walk/directory_lock.h"
+
+#include <algorithm>
+#include <chrono>
+#include <gtest/gtest.h>
+#include <map>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace engine;
+using namespace std::chrono_literals;
+
+class Silent : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
+        good = good && outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
+        last = outcome;
+    }
+    void arrived(const std::string &, int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+
+    bool good = true;
+    Outcome last;
+};
+
+Outcome carry(Operation operation, const std::string &source, const std::string &destination) {
+    Silent observer;
+    Transfer({.operation = operation, .conflict = Conflict::replace, .trees = true}, observer).run(source, destination);
+    return observer.last;
+}
+
+bool is_good(const Outcome &outcome) {
+    return outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
+}
+
+struct Pair {
+    const char *name;
+    Operation first, second;
+    bool firstStore, secondStore;
+};
+
+struct Scene {
+    explicit Scene(const Pair &pair) {
+        for (const char *place : {"one", "two", "to"}) {
+            EXPECT_EQ(0, ::mkdir((scratch / place).c_str(), 0755));
+            EXPECT_EQ(0, ::mkdir((scratch / place + "/@eaDir").c_str(), 0777));
+        }
+        put("one", pair.firstStore);
+        put("two", pair.secondStore);
+        put("to", true);
+    }
+    void put(const std::string &place, bool stored) const {
+        kit::writeFile(scratch / (place + "/file"), place);
+        if (stored) {
+            kit::writeFile(store(place), stream::bytes({{"comment", place}}));
+        }
+    }
+    std::string store(const std::string &place) const { return scratch / (place + "/@eaDir/file@VexoEAStream"); }
+    std::string file(const std::string &place) const { return scratch / (place + "/file"); }
+    static std::string contentOf(const std::string &path) { return kit::exists(path) ? kit::readFile(path) : ""; }
+    bool isWhole(const std::string &place, bool stored) const {
+        return contentOf(file("to")) == place &&
+               contentOf(store("to")) == (stored ? stream::bytes({{"comment", place}}) : "");
+    }
+    bool isWhole(const Pair &pair) const {
+        return isWhole("one", pair.firstStore) || isWhole("two", pair.secondStore) || isWhole("to", true);
+    }
+    // For messages.
+    std::string state() const {
+        std::string text = contentOf(file("to")) + " with a store of " + std::to_string(contentOf(store("to")).size());
+        for (const char *place : {"one", "two"}) {
+            text += std::string(", ") + place + " " + contentOf(told(place)) + contentOf(told(place) + ".why");
+        }
+        return text;
+    }
+    std::string told(const std::string &place) const { return scratch / ("told." + place); }
+    void run(Operation operation, const std::string &place) const {
+        tell(place, carry(operation, file(place), file("to")));
+    }
+    void tell(const std::string &place, const Outcome &outcome) const {
+        kit::writeFile(told(place), is_good(outcome) ? "good" : "bad");
+        std::string why;
+        for (const auto &problem : {outcome.warning, outcome.problem}) {
+            why += problem ? ": " + problem->reason : "";
+        }
+        for (const Loss &loss : outcome.losses) {
+            why += ": " + loss.detail;
+        }
+        kit::writeFile(told(place) + ".why", why);
+    }
+    // Nothing of what was under way, and no note.
+    bool isTidy() const {
+        std::vector<std::string> names = kit::namesIn(scratch / "to");
+        const std::string stores = scratch / "to/@eaDir";
+        for (const std::string &name : kit::exists(stores) ? kit::namesIn(stores) : std::vector<std::string>()) {
+            names.push_back(name);
+        }
+        return std::ranges::none_of(names, [](const std::string &name) { return name.starts_with(".vexofileop-"); });
+    }
+    kit::ScratchDirectory scratch;
+};
+
+class Together : public ::testing::TestWithParam<Pair> {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    void TearDown() override { set_lock_patience(kLockPatience); }
+
+    static size_t callsOf() {
+        static std::map<std::string, size_t> known;
+        const auto [entry, isNew] = known.try_emplace(GetParam().name);
+        if (isNew) {
+            const Scene scene(GetParam());
+            entry->second = faults::supervise({}, [&](faults::Window &window) {
+                                window.open();
+                                (void)carry(GetParam().first, scene.file("one"), scene.file("to"));
+                                window.close();
+                            }).calls.size();
+        }
+        return entry->second;
+    }
+    // The first one, with somebody who meets it before the call.
+    static bool first(const Scene &scene, size_t at, const std::function<void()> &meeting) {
+        const faults::Plan plan{.action = faults::Plan::Action::meet, .at = at, .meeting = meeting};
+        return faults::supervise(plan,
+                                 [&](faults::Window &window) {
+                                     window.open();
+                                     const Outcome outcome =
+                                         carry(GetParam().first, scene.file("one"), scene.file("to"));
+                                     window.close();
+                                     scene.tell("one", outcome);
+                                 })
+            .reached;
+    }
+};
+constexpr Operation copies = Operation::copy, moves = Operation::move;
+INSTANTIATE_TEST_SUITE_P(Pairs, Together,
+                         ::testing::Values(Pair{"CopyAndCopy", copies, copies, true, true},
+                                           Pair{"MoveAndCopy", moves, copies, true, true},
+                                           Pair{"CopyAndMove", copies, moves, true, true},
+                                           Pair{"MoveAndMove", moves, moves, true, true},
+                                           Pair{"StoreAndNone", copies, copies, true, false},
+                                           Pair{"NoneAndStore", copies, copies, false, true},
+                                           Pair{"MovedNoneAndStore", moves, copies, false, true}),
+                         [](const auto &each) { return std::string(each.param.name); });
+
+// The second has done all that it can before the first goes on.
+TEST_P(Together, OneAtEachCallOfTheOtherEndsWithOneOfThemWhole) {
+    KIT_NOT_SANITIZED();
+    set_lock_patience(0ms);
+    int met = 0;
+    // Most of the first half is looking and copying.
+    for (size_t at = 0;; at += at < callsOf() / 2 ? 9U : 1U) {
+        const Scene scene(GetParam());
+        if (!first(scene, at, [&] { scene.run(GetParam().second, "two"); })) {
+            break;
+        }
+        ++met;
+        const bool failed = kit::readFile(scene.told("one")) == "bad" || kit::readFile(scene.told("two")) == "bad";
+        // Who has no store takes no lock, and tells when it came in between.
+        const bool both = GetParam().firstStore && GetParam().secondStore;
+        EXPECT_TRUE(scene.isWhole(GetParam()) || (failed && !both)) << at << ": " << scene.state();
+        EXPECT_TRUE(scene.isTidy()) << at;
+    }
+    EXPECT_LT(30, met);
+}
+
+TEST_P(Together, OneBesideTheOtherWaitsForIt) {
+    KIT_NOT_SANITIZED();
+    for (size_t at = 0;; at += at < callsOf() / 2 ? 40U : 9U) {
+        const Scene scene(GetParam());
+        pid_t second = -1;
+        const bool reached = first(scene, at, [&] {
+            second = ::fork();
+            if (second == 0) {
+                scene.run(GetParam().second, "two");
+                ::_exit(0);
+            }
+        });
+        if (!reached) {
+            break;
+        }
+        int status = 0;
+        EXPECT_EQ(second, ::waitpid(second, &status, 0));
+        const bool failed = kit::readFile(scene.told("one")) == "bad" || kit::readFile(scene.told("two")) == "bad";
+        EXPECT_TRUE(scene.isWhole(GetParam()) || failed) << at;
+        EXPECT_TRUE(scene.isTidy()) << at;
+    }
+}
+
+class LockedDirectory : public Together {};
+INSTANTIATE_TEST_SUITE_P(Operations, LockedDirectory,
+                         ::testing::Values(Pair{"Copy", copies, copies, true, true},
+                                           Pair{"Move", moves, moves, true, true}),
+                         [](const auto &each) { return std::string(each.param.name); });
+
+// Whoever may read a directory may hold its lock for as long as he likes.
+TEST_P(LockedDirectory, IsWaitedForAndThenTold) {
+    set_lock_patience(1ms);
+    const Scene scene(GetParam());
+    const Descriptor held = open_directory(AT_FDCWD, scene.scratch / "to");
+    ASSERT_EQ(0, ::flock(held.get(), LOCK_SH));
+    const Outcome outcome = carry(GetParam().first, scene.file("one"), scene.file("to"));
+    EXPECT_EQ(Status::failed, outcome.status);
+    ASSERT_TRUE(outcome.problem);
+    EXPECT_NE(std::string::npos, outcome.problem->reason.find("lock")) << outcome.problem->reason;
+    EXPECT_TRUE(scene.isWhole("to", true));
+    EXPECT_EQ("one", kit::readFile(scene.file("one")));
+    EXPECT_TRUE(scene.isTidy());
+    ASSERT_EQ(0, ::flock(held.get(), LOCK_UN));
+    scene.run(GetParam().first, "one");
+    EXPECT_TRUE(scene.isWhole("one", true)) << scene.state();
+    EXPECT_EQ("good", kit::readFile(scene.told("one"))) << scene.state();
+}
+
+} // namespace
