@@ -87,7 +87,7 @@ class Scene {
     explicit Scene(const Case &one, const std::string &directory = {})
         : m_case(one), m_directory(directory.empty() ? m_scratch.path() : directory) {
         ::setenv("VEXOFILEOP_FSTYPES", (m_directory + "=" + std::to_string(one.kind)).c_str(), 1);
-        kit::writeFile(file(), "data");
+        kit::writeFile(file(), "data", 0600);
         stream::Attributes attributes = {{"first", kit::pattern(300, 1)}, {"last", kit::pattern(500, 2)}};
         if (one.isThere) {
             attributes.insert(attributes.begin() + 1, {"the-one", kit::pattern(200, 3)});
@@ -137,6 +137,9 @@ class Scene {
     }
     // What is wrong; empty: nothing. `done`: the change has to be there.
     std::string wrong(bool done) const {
+        if ((kit::statOf(file()).st_mode & 07777) != 0600) {
+            return "the file has another mode"; // also for the moment in which it was stopped
+        }
         const Content now = contentOf(store());
         if (!now.sound) {
             return "the store cannot be read";

@@ -1,6 +1,7 @@
 #include "tools/engine/store/private_file.h"
 
 #include "tools/engine/report/failure.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -105,6 +106,52 @@ std::string private_name_for(const std::string &name) {
     return fmt::format(".vexofileop-ea-{:016x}", hash);
 }
 
+PrivateDirectory::PrivateDirectory(int parent, const std::string &name)
+    : m_parent(parent), m_name(private_name_for(name)), m_fd(-1) {
+    constexpr int tries = 8; // each is lost to another process only
+    for (int count = 0; count < tries && m_fd.get() < 0; ++count) {
+        make();
+    }
+    if (m_fd.get() < 0) {
+        throw Failure("another process is changing it");
+    }
+}
+
+void PrivateDirectory::make() {
+    const bool made = ::mkdirat(m_parent, m_name.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST) {
+        throw_errno("a directory for a copy of its store cannot be made");
+    }
+    Descriptor directory = open_directory(m_parent, m_name);
+    if (directory.get() < 0 && errno == ENOENT) {
+        return;
+    }
+    // Whoever works in such a directory has it locked. A volume without locks has nobody else at work on it either.
+    if (directory.get() >= 0 && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        throw Failure("another process is changing it");
+    }
+    struct stat found {};
+    if (made && directory.get() >= 0 && is_at(m_parent, m_name, directory.get()) &&
+        ::fstat(directory.get(), &found) == 0 && found.st_uid == ::geteuid()) {
+        m_fd.swap(directory);
+        return;
+    }
+    // What others may enter is somebody's own, whatever it is called.
+    if (!made && directory.get() >= 0 &&
+        (::fstat(directory.get(), &found) != 0 || found.st_uid != ::geteuid() || (found.st_mode & 077) != 0)) {
+        throw Failure(fmt::format("{} stands in the way beside it, which is no left-over of this command", m_name));
+    }
+    if (!made && !remove_left_over(m_parent, m_name) && errno != ENOENT) {
+        throw_errno("what an earlier run left cannot be removed");
+    }
+}
+
+PrivateDirectory::~PrivateDirectory() {
+    if (is_at(m_parent, m_name, m_fd.get())) {
+        (void)remove_left_over(m_parent, m_name); // the next run removes one that stays
+    }
+}
+
 PrivateFile::PrivateFile(int directory, const std::string &name, mode_t mode)
     : m_directory(directory), m_target(name), m_name(private_name_for(name)), m_fd(-1) {
     make(directory, m_name, mode, m_fd);
@@ -169,8 +216,19 @@ bool take_properties(int source, int to) {
 void take_properties_of_ours(int source, int to) {
     struct stat found {};
     const uid_t user = ::geteuid();
-    if (!take_properties(source, to) && (user == 0 || (::fstat(source, &found) == 0 && found.st_uid == user))) {
+    if (take_properties(source, to)) {
+        return;
+    }
+    if (::fstat(source, &found) != 0 || user == 0 || found.st_uid == user) {
         throw Failure("its store cannot be given its owner and rights: nothing was changed");
+    }
+    (void)::fchown(to, static_cast<uid_t>(-1), found.st_gid); // who is in the group may
+    give_mode(to, found.st_mode & 0777);
+}
+
+void give_mode(int fd, mode_t mode) {
+    if (::fchmod(fd, mode) != 0 && errno != EPERM) { // of a volume that knows no such rights
+        throw_errno("a copy of its store cannot be given its rights");
     }
 }
 

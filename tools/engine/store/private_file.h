@@ -36,11 +36,34 @@ class PrivateFile {
     bool m_placed = false;
 };
 
+// A new directory that only this user enters, under the private name for `name`. One that a killed run left is removed
+// first; where another process works in it, and where it cannot be made, this throws Failure. `parent` has to outlive
+// it.
+class PrivateDirectory {
+  public:
+    PrivateDirectory(int parent, const std::string &name);
+    PrivateDirectory(const PrivateDirectory &) = delete;
+    PrivateDirectory &operator=(const PrivateDirectory &) = delete;
+    ~PrivateDirectory(); // removes it with everything in it
+
+    int fd() const { return m_fd.get(); }
+
+  private:
+    void make();
+
+    int m_parent;
+    std::string m_name;
+    Descriptor m_fd;
+};
+
 // Gives an open file owner, mode, ACL and attributes of another; false where this process may not. Throws Failure.
 bool take_properties(int source, int to);
 
-// The same where what takes the place of somebody else's may be ours, open to all as the library makes it.
+// The same where what takes the place of somebody else's may be ours; the mode is that of the other in any case.
 void take_properties_of_ours(int source, int to);
+
+// Where the volume knows it. Throws Failure.
+void give_mode(int fd, mode_t mode);
 
 // Makes the open file `fd`, which is `name` in `directory`, durable and renames it there to `target`. `replace`: over
 // what is there; otherwise nothing may be there. Throws Failure.

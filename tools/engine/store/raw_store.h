@@ -1,6 +1,8 @@
 // The stores of a file as they lie there: places and bytes.
 #pragma once
 
+#include "tools/engine/walk/held_entry.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,7 +16,7 @@ struct RawStore {
     uint64_t size;     // of all of it
 };
 
-// The stores that a file has; for the path of a store itself, that one. Throws Failure.
-std::vector<RawStore> raw_stores_of(const std::string &path);
+// The stores that a file has; for a store itself, that one. Throws Failure.
+std::vector<RawStore> raw_stores_of(const HeldEntry &entry);
 
 } // namespace engine

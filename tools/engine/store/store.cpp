@@ -7,6 +7,7 @@
 #include "tools/engine/store/native_attributes.h"
 #include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/paths.h"
 
 #include <array>
 #include <cerrno>
@@ -67,12 +68,40 @@ class OpenStream {
     StreamHandle m_stream;
 };
 
+// By the path as it was given, since an override of types goes by the text of paths; one that is too long is asked for
+// by what is held.
+int type_of(const std::string &given, const std::string &held) {
+    forget_last_error();
+    int code = VEXOGetFSType(given.c_str(), 1);
+    if (code < 0) {
+        code = VEXOGetFSType(held.c_str(), 1);
+    }
+    check(code, "its volume cannot be looked at");
+    return code;
+}
+
 } // namespace
 
-Store::Store(std::string path) : m_path(std::move(path)) {
+int volume_type(const HeldEntry &entry) {
+    return type_of(entry.given(), entry.itself());
+}
+
+int volume_type_beside(const HeldEntry &entry) {
+    return type_of(parent_of(entry.given()), parent_of(entry.path()));
+}
+
+Store::Store(std::string path) : m_path(std::move(path)), m_file(m_path) {
     check_there(m_path);
     const int code = VEXOGetFSType(m_path.c_str(), 1);
     check(code, "its volume cannot be looked at");
+    take_type(code);
+}
+
+Store::Store(const HeldEntry &entry) : m_path(entry.path()), m_file(entry.itself()) {
+    take_type(volume_type(entry));
+}
+
+void Store::take_type(int code) {
     m_kind = store_kind(code);
     if (m_kind == StoreKind::none) {
         throw Failure(fmt::format("its volume (type {}) keeps nothing beside a file", code));
@@ -82,8 +111,8 @@ Store::Store(std::string path) : m_path(std::move(path)) {
 std::vector<Store::Attribute> Store::list() const {
     std::vector<Attribute> attributes;
     if (m_kind == StoreKind::native) {
-        for (const std::string &name : native_names(m_path)) {
-            attributes.push_back({name, native_size(m_path, name).value_or(0)});
+        for (const std::string &name : native_names(m_file)) {
+            attributes.push_back({name, native_size(m_file, name).value_or(0)});
         }
         return attributes;
     }
@@ -97,7 +126,7 @@ std::vector<Store::Attribute> Store::list() const {
 
 std::string Store::get(const std::string &name) const {
     if (m_kind == StoreKind::native) {
-        const auto value = native_value(m_path, name);
+        const auto value = native_value(m_file, name);
         return value ? *value : (throw_not_found(), std::string());
     }
     forget_last_error();
@@ -125,13 +154,13 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
         const int flags = existing == Existing::must_not ? XATTR_CREATE
                           : existing == Existing::must   ? XATTR_REPLACE
                                                          : 0;
-        set_native_value(m_path, name, value, flags);
+        set_native_value(m_file, name, value, flags);
         return;
     }
     if (value.size() > kLargestValue) {
         throw Failure("the value is too large");
     }
-    const StreamChange change(m_path, m_kind, existing != Existing::must);
+    const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
     const bool there = change.has(name);
     if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
         throw Failure(there ? "the attribute exists" : "there is no such attribute");
@@ -141,10 +170,10 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
 
 void Store::remove(const std::string &name) const {
     if (m_kind == StoreKind::native) {
-        remove_native(m_path, name);
+        remove_native(m_file, name);
         return;
     }
-    const StreamChange change(m_path, m_kind, false);
+    const StreamChange change(m_path, m_kind, false, m_file);
     if (!change.has(name)) {
         throw_not_found();
     }

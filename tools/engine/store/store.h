@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/held_entry.h"
 
 #include <cstdint>
 #include <map>
@@ -18,6 +19,11 @@ std::string metadata_attribute(const std::string &path);
 // the "._" file. Throws Failure for a path that is too long.
 std::string stream_path(const std::string &path, StoreKind kind, const char *stream);
 
+// The type of the volume that an entry, which is there, lies on; and that of its directory, beside which another volume
+// may be mounted on the entry. Both throw Failure.
+int volume_type(const HeldEntry &entry);
+int volume_type_beside(const HeldEntry &entry);
+
 // The most bytes that the value of an attribute can have.
 constexpr uint64_t kLargestValue = INT32_MAX;
 
@@ -25,6 +31,8 @@ class Store {
   public:
     // Looks at the volume. Throws Failure for a file that is not there and a volume that keeps nothing.
     explicit Store(std::string path);
+    // The same of one that is held, and there; `entry` has to outlive it.
+    explicit Store(const HeldEntry &entry);
 
     StoreKind kind() const { return m_kind; }
     const std::string &path() const { return m_path; }
@@ -56,8 +64,11 @@ class Store {
     Metadata metadata() const;
 
   private:
+    void take_type(int code);
+
     std::string m_path;
-    StoreKind m_kind;
+    std::string m_file; // the file itself, for what is kept in its attributes
+    StoreKind m_kind = StoreKind::none;
 };
 
 } // namespace engine

@@ -20,7 +20,7 @@ Store::Metadata Store::metadata() const {
     if (directory.get() < 0) {
         throw_errno("cannot open its directory");
     }
-    const StoreContents contents({directory.get(), base_name(m_path), m_path, m_kind});
+    const StoreContents contents({directory.get(), base_name(m_path), m_file, m_kind});
     if (!contents.problems().empty()) {
         throw Failure(contents.problems().front());
     }
@@ -29,7 +29,7 @@ Store::Metadata Store::metadata() const {
         all.attributes.emplace_hint(all.attributes.end(), attribute.name, contents.value(attribute));
     }
     VLIBCStat status{};
-    all.locked = VLIBCFileStat(m_path.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) == 0 &&
+    all.locked = VLIBCFileStat(m_file.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &status) == 0 &&
                  is_locked(status, m_kind, contents.afp_locked());
     return all;
 }

@@ -24,11 +24,6 @@
 namespace engine {
 namespace {
 
-mode_t kind_at(const std::string &path) {
-    const auto found = look(path);
-    return found ? found->st_mode & S_IFMT : 0;
-}
-
 constexpr char kEaStream[] = "VexoEAStream";
 
 // Whether the library has something to decide: beside the attribute files there is a "._" file, and the newer counts.
@@ -57,10 +52,10 @@ UpgradeResult upgrade_attributes(const std::string &path) {
 // The entries of a tree, directories before what is in them.
 class TreeWalk {
   public:
-    TreeWalk(std::string path, const UpgradeWalk &walk) : m_path(std::move(path)), m_walk(walk) {}
+    TreeWalk(const HeldEntry &top, const UpgradeWalk &walk) : m_path(top.given()), m_top(top), m_walk(walk) {}
 
     void run() {
-        Descriptor top = open_directory(AT_FDCWD, m_path);
+        Descriptor top(::open((m_top.itself() + "/.").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         auto entries = top.get() < 0 ? std::nullopt : entries_in(top.get());
         if (!entries || !m_way.start(std::move(top))) {
             m_walk.unreadable(m_path);
@@ -117,6 +112,7 @@ class TreeWalk {
     }
 
     std::string m_path;
+    const HeldEntry &m_top;
     const UpgradeWalk &m_walk;
     std::vector<Level> m_levels;
     DirectoryChain m_way;
@@ -173,10 +169,9 @@ void finish_upgrade(const std::string &path) {
     OldAttributes(path).remove_if_empty();
 }
 
-void walk_for_upgrade(const std::string &path, const UpgradeWalk &walk) {
-    walk.visit(path, path);
-    if (kind_at(path) == S_IFDIR && !walk.stopped()) {
-        TreeWalk(path, walk).run();
+void walk_for_upgrade(const HeldEntry &top, const UpgradeWalk &walk) {
+    if (S_ISDIR(top.status().st_mode) && !walk.stopped()) {
+        TreeWalk(top, walk).run();
     }
 }
 

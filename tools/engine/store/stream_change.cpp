@@ -197,9 +197,9 @@ bool holds_attributes_only(const VEXOEAS *stream) {
            std::equal(none.begin(), none.end(), stream->header.finderInfo);
 }
 
-StreamChange::StreamChange(std::string path, StoreKind kind, bool make)
-    : m_path(std::move(path)), m_kind(kind), m_place(stream_path(m_path, kind, kEaStream)), m_directory(-1),
-      m_file(-1) {
+StreamChange::StreamChange(std::string path, StoreKind kind, bool make, std::string file)
+    : m_path(std::move(path)), m_itself(file.empty() ? m_path : std::move(file)), m_kind(kind),
+      m_place(stream_path(m_path, kind, kEaStream)), m_directory(-1), m_file(-1) {
     forget_last_error();
     Descriptor directory = open_store_directory(m_place, kind, make);
     m_directory.swap(directory);
@@ -264,7 +264,7 @@ void StreamChange::remove_file() const {
 }
 
 void StreamChange::commit(const std::vector<StreamEdit> &edits) const {
-    (void)EASetSmbArchive(m_path.c_str()); // not every platform has such a flag
+    (void)EASetSmbArchive(m_itself.c_str()); // not every platform has such a flag
     if (would_be_empty(edits)) {
         remove_file();
         return;
@@ -302,8 +302,12 @@ void StreamChange::replace(const std::vector<StreamEdit> &edits, PrivateFile &co
         throw Failure("its store cannot be given its owner and rights: nothing was changed");
     }
     copy.put_in_place(m_stream != nullptr);
+    hide();
+}
+
+// Where the volume can hide a "._" file, which is the library's to know.
+void StreamChange::hide() const {
     if (m_kind == StoreKind::apple_double) {
-        // Hidden where the volume can hide it, which is the library's to know.
         const Descriptor hidden(VEXOEAOpen(kCurrentLayout, m_path.c_str(), kEaStream, O_RDONLY, 1));
     }
 }
@@ -344,17 +348,19 @@ void StreamChange::complete(int fd) const {
     }
 }
 
-void StreamChange::take_over(const std::string &name) const {
-    const Descriptor file(::openat(m_directory.get(), name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat found {};
-    if (file.get() < 0 || ::fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
-        throw_errno("what was to take the place of its store cannot be opened");
-    }
+void StreamChange::take_over(int brought, mode_t mode) const {
+    PrivateFile copy(m_directory.get(), base_name(m_place), 0600);
+    copy.fill_from(brought);
     if (m_stream) {
-        complete(file.get());
-        take_properties_of_ours(m_file.get(), file.get());
+        // Before what is the present one's is in it, and again, since writing takes some attributes away.
+        take_properties_of_ours(m_file.get(), copy.fd());
+        complete(copy.fd());
+        take_properties_of_ours(m_file.get(), copy.fd());
+    } else {
+        give_mode(copy.fd(), mode);
     }
-    put_in_place(m_directory.get(), file.get(), name, base_name(m_place), m_stream != nullptr);
+    copy.put_in_place(m_stream != nullptr);
+    hide();
 }
 
 // For who may write the file but not give a copy to its owner, or put none beside it. What cannot be written leaves the

@@ -37,8 +37,8 @@ class StreamChange {
   public:
     // Takes the lock of the file that is to be changed, and holds it. `make`: the directory of a file that is to be is
     // made. On a volume of native attributes there is none. Throws Failure, also where somebody else has the lock and
-    // where a link or anything else is in its place.
-    StreamChange(std::string path, StoreKind kind, bool make);
+    // where a link or anything else is in its place. `file`: the file itself by another path, for its archive flag.
+    StreamChange(std::string path, StoreKind kind, bool make, std::string file = {});
 
     bool exists() const { return m_stream != nullptr; }
     bool has(const std::string &name) const;
@@ -46,19 +46,21 @@ class StreamChange {
     std::optional<std::string> value(const std::string &name) const;
     // Puts the changed file in place, or removes one that would hold nothing. Throws Failure, and then nothing changed.
     void commit(const std::vector<StreamEdit> &edits) const;
-    // Puts the stream file `name` of the same directory, which is nobody else's, in place: with what only the present
-    // one has added to it, attributes by their names, Finder Info and fork. Throws Failure, and then nothing changed.
-    void take_over(const std::string &name) const;
+    // Puts a copy of the open stream file `brought` in place: with what only the present one has added to it,
+    // attributes by their names, Finder Info and fork. `mode` is for one that was not there. Throws Failure, and then
+    // nothing changed.
+    void take_over(int brought, mode_t mode) const;
 
   private:
     void complete(int fd) const;
     void lock();
     bool would_be_empty(const std::vector<StreamEdit> &edits) const;
     void remove_file() const;
+    void hide() const;
     void replace(const std::vector<StreamEdit> &edits, PrivateFile &copy) const;
     void change_in_place(const std::vector<StreamEdit> &edits) const;
 
-    std::string m_path;
+    std::string m_path, m_itself;
     StoreKind m_kind;
     std::string m_place;    // of the stream file
     Descriptor m_directory; // that it lies in

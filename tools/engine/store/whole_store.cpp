@@ -1,21 +1,23 @@
 #include "tools/engine/store/whole_store.h"
 
 #include "ea/ea.h"
-#include "platform/sdk.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/store.h"
 #include "tools/engine/store/store_carry.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/held_entry.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
+#include <array>
 #include <climits>
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace engine {
 namespace {
-
-constexpr int kAskForKind = -1;
 
 bool keeps_anything(const std::string &path, int type) {
     char directory[PATH_MAX] = "";
@@ -27,48 +29,49 @@ bool keeps_directories(StoreKind kind) {
     return kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
 }
 
-// Of the directory that holds the file.
-int volume_type(const std::string &path) {
-    forget_last_error();
-    const int type = VEXOGetFSType(parent_of(path).c_str(), 1);
-    check(type, "its volume cannot be looked at");
-    return type;
+HeldEntry held_destination(const std::string &path) {
+    try {
+        return HeldEntry(path);
+    } catch (const Failure &failure) {
+        throw Failure(fmt::format("the destination {}: {}", displayed(path), failure.what()));
+    }
+}
+
+// A path by a descriptor of this process, for programs that it starts.
+std::string for_others(const std::string &path) {
+    constexpr std::string_view own = "/proc/self/";
+    std::array<char, 32> process{};
+    const ssize_t length = ::readlink("/proc/self", process.data(), process.size() - 1);
+    return length <= 0 || !path.starts_with(own) ? path
+                                                 : fmt::format("/proc/{}/{}", process.data(), path.substr(own.size()));
 }
 
 } // namespace
 
 void carry_store(const std::string &source, const std::string &destination, bool move, bool fullDirectory) {
-    check_there(source);
-    if (!exists(destination)) {
-        throw_errno("the destination cannot be looked at");
-    }
-    if (same(look_through(source), look_through(destination))) {
+    const HeldEntry from(source);
+    const HeldEntry to = held_destination(destination);
+    if (from.status().st_dev == to.status().st_dev && from.status().st_ino == to.status().st_ino) {
         throw Failure("source and destination are one file");
     }
-    const int type = volume_type(destination);
-    const StoreKind kind = store_kind(type);
-    if (kind == StoreKind::none) {
+    const int type = volume_type(to);
+    if (store_kind(type) == StoreKind::none) {
         throw Failure(fmt::format("the destination's volume (type {}) keeps nothing beside a file", type));
     }
-    if (kind != StoreKind::native) {
-        carry_to_files(source, destination, type, move, fullDirectory);
-        return;
-    }
-    forget_last_error();
-    check(VEXOEACopy(source.c_str(), destination.c_str(), move ? 1 : 0, fullDirectory ? 1 : 0, kAskForKind, kAskForKind,
-                     0, 0),
-          "cannot be carried");
+    carry_store_apart(from, to, move, fullDirectory);
 }
 
 void rename_store(const std::string &before, const std::string &path) {
-    check_there(path);
+    const HeldEntry to(path);
     if (before == path) {
         return;
     }
-    const int typeBefore = volume_type(before);
+    const HeldEntry from(before, HeldEntry::Needs::name);
+    const int typeBefore = volume_type_beside(from);
+    const int type = volume_type_beside(to);
     const StoreKind kindBefore = store_kind(typeBefore);
-    const StoreKind kind = store_kind(volume_type(path));
-    if (!keeps_anything(before, typeBefore)) {
+    const StoreKind kind = store_kind(type);
+    if (!keeps_anything(from.path(), typeBefore)) {
         return;
     }
     if (kind != kindBefore && !(keeps_directories(kind) && keeps_directories(kindBefore))) {
@@ -76,30 +79,36 @@ void rename_store(const std::string &before, const std::string &path) {
                                   "name: nothing was done",
                                   kind_text(kindBefore), kind_text(kind)));
     }
-    check(VEXOEARename(before.c_str(), path.c_str(), kAskForKind, 0), "the metadata cannot be moved");
-    if (keeps_anything(before, typeBefore)) {
+    forget_last_error();
+    // To another volume the library has /bin/mv do it.
+    check(VEXOEARename(for_others(from.path()).c_str(), for_others(to.path()).c_str(), type, 0),
+          "the metadata cannot be moved");
+    if (keeps_anything(from.path(), typeBefore)) {
         throw Failure("not all of the metadata could be moved; the rest is where it was");
     }
 }
 
-bool is_part_of_file(const std::string &path) {
-    return store_kind(volume_type(path)) == StoreKind::native;
-}
-
 void remove_store(const std::string &path) {
-    const int type = volume_type(path);
-    if (!exists(path) && !keeps_anything(path, type)) {
+    const HeldEntry entry(path, HeldEntry::Needs::entry_or_nothing);
+    const int type = volume_type_beside(entry);
+    if (store_kind(type) == StoreKind::native) {
+        throw Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
+    }
+    if (!entry.is_there() && !keeps_anything(entry.path(), type)) {
         throw Failure("there is no such file, and nothing is kept for one");
     }
-    check(VEXOEARemove(path.c_str(), type), "the metadata cannot be removed");
+    forget_last_error();
+    entry.check_still();
+    check(VEXOEARemove(entry.path().c_str(), type), "the metadata cannot be removed");
 }
 
 void repair_store(const std::string &path) {
-    check_there(path);
-    if (!store_parts(path, VEXOGetFSType(path.c_str(), 1)).resource) {
+    const HeldEntry entry(path);
+    if (!store_parts(entry.path(), volume_type(entry)).resource) {
         return; // nothing that could be broken
     }
-    check(VEXOEAFixErrorAD(path.c_str()), "cannot be repaired");
+    forget_last_error();
+    check(VEXOEAFixErrorAD(entry.path().c_str()), "cannot be repaired");
 }
 
 } // namespace engine

@@ -3,6 +3,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/held_entry.h"
 #include "tools/vexofileop/arguments/input.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -27,7 +28,8 @@ namespace tool {
 namespace {
 
 void print_attributes(Console &console, const std::string &path, bool heading) {
-    const engine::Store store(path);
+    const engine::HeldEntry entry(path);
+    const engine::Store store(entry);
     if (heading) {
         console.line(engine::displayed(path) + ":");
     }
@@ -37,7 +39,8 @@ void print_attributes(Console &console, const std::string &path, bool heading) {
 }
 
 void print_json(Console &console, const std::string &path) {
-    const engine::Store store(path);
+    const engine::HeldEntry entry(path);
+    const engine::Store store(entry);
     Json out;
     out.add_name("path", path);
     out.add_text("kept_in", engine::kind_text(store.kind()));
@@ -117,7 +120,9 @@ void add_get(const Command &ea, int &status) {
                  "Example:\n"
                  "  vexofileop ea get photo.jpg com.example.note > note",
                  1},
-                [](const std::string &path, const std::string &name) { write_value(engine::Store(path).get(name)); });
+                [](const std::string &path, const std::string &name) {
+                    write_value(engine::Store(engine::HeldEntry(path)).get(name));
+                });
 }
 
 class SetCommand {
@@ -144,7 +149,8 @@ class SetCommand {
         }
         PathWork work;
         work.one(given[0], [&](const std::string &path) {
-            const engine::Store store(path);
+            const engine::HeldEntry entry(path);
+            const engine::Store store(entry);
             const std::string value = m_from.given() ? input(store.largest_value(given[1]))
                                       : elsewhere    ? *bytes
                                                      : given[2];
@@ -190,7 +196,7 @@ void add_rm(const Command &ea, int &status) {
                  SIZE_MAX},
                 [](const std::string &path, const std::string &name) {
                     try {
-                        engine::Store(path).remove(name);
+                        engine::Store(engine::HeldEntry(path)).remove(name);
                     } catch (const engine::Failure &failure) {
                         throw engine::Failure(fmt::format("{}: {}", engine::displayed(name), failure.what()));
                     }

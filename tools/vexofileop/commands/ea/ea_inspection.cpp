@@ -3,6 +3,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/walk/held_entry.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -20,7 +21,7 @@ namespace tool {
 namespace {
 
 void show(Console &console, const std::string &path) {
-    const std::vector<engine::RawStore> stores = engine::raw_stores_of(path);
+    const std::vector<engine::RawStore> stores = engine::raw_stores_of(engine::HeldEntry(path));
     console.line(engine::displayed(path) + (stores.empty() ? ": no extended metadata" : ":"));
     bool sound = true;
     for (const engine::RawStore &store : stores) {
@@ -37,7 +38,7 @@ void show_json(Console &console, const std::string &path) {
     bool sound = true;
     Json out;
     out.add_name("path", path);
-    for (const engine::RawStore &store : engine::raw_stores_of(path)) {
+    for (const engine::RawStore &store : engine::raw_stores_of(engine::HeldEntry(path))) {
         out.add_to_list("stores", store_json(store, &sound));
     }
     console.line(out.line());
@@ -88,7 +89,7 @@ void print_differences(Console &console, const std::vector<std::string> &found, 
 // Throws a Failure that names the file.
 engine::Store::Metadata metadata_of(const std::string &path) {
     try {
-        return engine::Store(path).metadata();
+        return engine::Store(engine::HeldEntry(path)).metadata();
     } catch (const engine::Failure &failure) {
         throw engine::Failure(fmt::format("{}: {}", engine::displayed(path), failure.what()));
     }

@@ -1,7 +1,6 @@
 // vexofileop ea copy, rename, remove and repair: what the library does with everything that a file has in its store.
 #include "tools/vexofileop/commands/ea/ea_commands.h"
 
-#include "tools/engine/report/failure.h"
 #include "tools/engine/store/whole_store.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/path_operands.h"
@@ -36,6 +35,8 @@ void add_copy(const Command &ea, int &status) {
     command.add_flag("--full-dir", *full, "with what else is in its \"@eaDir\", on FAT too");
     command.set_footer("\nBoth files exist already; their data stay as they are. What DST has of the same\n"
                        "name is replaced: attributes, Finder Info, the resource fork. The rest stays.\n"
+                       "A lock comes along, and none is taken away where a file is locked by its mode.\n"
+                       "--move leaves attributes that are the source file's own (as on HFS+).\n"
                        "Example:\n"
                        "  vexofileop ea copy photo.jpg /volume2/photo.jpg");
     command.set_work([&status, move, full, files] {
@@ -71,13 +72,6 @@ void add_for_each(const Command &ea, int &status, const char *name, const char *
     });
 }
 
-void remove_all(const std::string &path) {
-    if (engine::is_part_of_file(path)) {
-        throw engine::Failure("its volume keeps them as the file's own attributes; remove those by name (ea rm)");
-    }
-    engine::remove_store(path);
-}
-
 } // namespace
 
 void add_ea_store_commands(const Command &ea, int &status) {
@@ -87,7 +81,7 @@ void add_ea_store_commands(const Command &ea, int &status) {
                  "\nThe files themselves stay. For a file that is gone, what it left behind goes.\n"
                  "Example:\n"
                  "  vexofileop ea remove photo.jpg",
-                 remove_all);
+                 engine::remove_store);
     add_for_each(ea, status, "repair", "Repair resource files that hold attributes",
                  "\nThe attributes are moved into the attribute stream. A file without a resource\n"
                  "file has nothing to repair.\n"

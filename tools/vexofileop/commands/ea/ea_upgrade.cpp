@@ -4,7 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_upgrade.h"
-#include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/held_entry.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/commands/path_work.h"
 #include "tools/vexofileop/terminal/signals.h"
@@ -27,14 +27,29 @@ class Upgrade {
         });
     }
 
+    void single(const std::string &path) {
+        m_work.one(path, [&](const std::string &one) {
+            const engine::HeldEntry entry(one);
+            convert(one, entry.path());
+        });
+    }
+
     void tree(const std::string &path) {
+        std::unique_ptr<const engine::HeldEntry> entry;
+        m_work.one(path, [&](const std::string &one) {
+            entry = std::make_unique<engine::HeldEntry>(one);
+            convert(one, entry->path());
+        });
+        if (entry == nullptr) {
+            return;
+        }
         engine::walk_for_upgrade(
-            path, {.visit = [this](const std::string &inner, const std::string &held) { file(inner, held); },
-                   .unreadable =
-                       [this](const std::string &directory) {
-                           m_work.one(directory, [](const std::string &) { engine::throw_errno("cannot be read"); });
-                       },
-                   .stopped = [] { return stop_signal() != 0; }});
+            *entry, {.visit = [this](const std::string &inner, const std::string &held) { file(inner, held); },
+                     .unreadable =
+                         [this](const std::string &directory) {
+                             m_work.one(directory, [](const std::string &) { engine::throw_errno("cannot be read"); });
+                         },
+                     .stopped = [] { return stop_signal() != 0; }});
     }
 
   private:
@@ -93,10 +108,9 @@ void add_ea_upgrade_command(const Command &ea, int &status) {
         Upgrade upgrade(work, options->dryRun);
         for (const std::string &given : paths.all()) {
             if (options->recursive) {
-                upgrade.tree(engine::absolute_path(given));
+                upgrade.tree(given);
             } else {
-                const std::string path = engine::absolute_path(given);
-                upgrade.file(path, path);
+                upgrade.single(given);
             }
         }
         status = work.finish();
