@@ -24,6 +24,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
+#include <set>
 #include <unistd.h>
 #include <utility>
 
@@ -60,6 +61,7 @@ class Planner::Walk {
           m_asked(options.probe, options.transfer.operation == Operation::move) {}
 
     void run(const std::string &source, const std::string &destination);
+    void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
     const std::vector<VolumePlan> &volumes();
 
   private:
@@ -73,9 +75,25 @@ class Planner::Walk {
     bool tell(PlannedEntry planned);
     bool fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses = {});
 
+    bool begin_way(const std::string &base, const std::string &top);
+    bool step_down(const std::string &name, const NamesBelow &how, const std::string &wanted);
+    void leaf(const std::string &name, const NamesBelow &how, const std::string &wanted);
+    void missed(const std::string &wanted, Problem problem);
+
     Destination &destination_of(const std::string &path);
     bool may_make_in(const Destination &to, PlannedEntry &planned, int &number);
 
+    // A directory with what is to become of it.
+    struct Opened {
+        PlannedEntry planned = {};
+        HeldDirectory from = {};
+        Destination inner = {};
+        struct stat found = {};
+        std::optional<struct stat> there = {};
+        std::string name = {}; // at the destination
+    };
+    bool open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened, bool onTheWay);
+    bool merge_directory(const Source &source, Destination &to, Opened &opened);
     bool tree(const Source &source, Destination &to, std::string name);
     bool entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers);
     bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to);
@@ -104,6 +122,9 @@ class Planner::Walk {
     std::map<std::pair<dev_t, ino_t>, PlannedLink> m_linked;
     std::vector<VolumePlan> m_volumes;
     int m_depth = 0;
+    std::vector<std::unique_ptr<Opened>> m_way; // from the base of names down to the last one's directory
+    std::vector<std::string> m_wayNames;        // of all but the first
+    std::set<std::string> m_told;               // directories on the way
 };
 
 // True: nothing of it stays behind.
@@ -272,32 +293,37 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     return complete;
 }
 
-bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
-    if (m_observer.stopped()) {
-        return false;
-    }
-    PlannedEntry planned{.kind = EntryKind::directory, .source = source.path};
+// Looks at a directory and at what is to become of it. False: it fails, which was told. One that is on the way to a
+// name may be met again.
+bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened,
+                                      bool onTheWay) {
+    PlannedEntry &planned = opened.planned;
     Rehearsal &rehearsal = *to.volume->rehearsal;
+    planned.kind = EntryKind::directory;
+    planned.source = source.path;
     if (const std::string fixed = name_on(rehearsal.volume().type, name); fixed != name) {
         planned.losses.push_back({LossClass::name_changed, fmt::format("is {} in the copy", displayed(fixed))});
         name = fixed;
     }
     planned.destination = joined(to.path, name);
     const auto found = source.in.look(source.name);
-    HeldDirectory from(source.in, source.name);
-    if (!found || !from.is_open() || ::faccessat(from.fd(), ".", R_OK, AT_EACCESS) != 0) {
+    opened.from = HeldDirectory(source.in, source.name);
+    if (!found || !opened.from.is_open() || ::faccessat(opened.from.fd(), ".", R_OK, AT_EACCESS) != 0) {
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
     if (auto refusal = rehearsal.refusal_of(name)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
-    Destination inner{.path = planned.destination, .volume = to.volume};
+    opened.inner.path = planned.destination;
+    opened.inner.volume = to.volume;
+    opened.found = *found;
+    opened.name = name;
     const std::string key = rehearsal.key_of(name);
-    const bool apart = m_options.fresh && m_depth == 0;
-    const auto there = to.is_there() && !apart ? to.there.look(name) : std::nullopt;
+    const bool apart = m_options.fresh && m_depth == 0 && !onTheWay;
+    opened.there = to.is_there() && !apart ? to.there.look(name) : std::nullopt;
     const auto [known, isNew] = to.planned.try_emplace(key, source.name);
-    if (!isNew) {
+    if (!isNew && (!onTheWay || known->second != source.name)) {
         std::vector<Loss> losses;
         if (known->second != source.name) {
             losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
@@ -305,41 +331,60 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), just_written("merged"), std::move(losses));
     }
     int number = 0;
-    if (!there && !may_make_in(to, planned, number)) {
-        return false;
-    }
-    struct stat top {
-    }, target{};
-    const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
-                           top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
-                           from.type() == to.there.type();
-    if (moves() && !there && oneVolume && m_selection.takes_everything()) {
-        planned.deed = Deed::rename;
-        return tell(std::move(planned));
-    }
+    return opened.there || may_make_in(to, planned, number);
+}
+
+// What it loses and needs, once it is not just renamed. False: it fails, which was told.
+bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opened &opened) {
+    PlannedEntry &planned = opened.planned;
+    const auto &there = opened.there;
     if (there && !S_ISDIR(there->st_mode)) {
         return fail(std::move(planned), {fmt::format("the destination is {}, not a directory",
                                                      S_ISREG(there->st_mode) ? "a file" : kind_of(there->st_mode)),
                                          kNotADirectory});
     }
-    if (there && same(found, there)) {
+    if (there && same(opened.found, there)) {
         return fail(std::move(planned), {"source and destination are the same directory"});
     }
     if (there) {
-        inner.there = HeldDirectory(to.there, name);
-        if (!inner.is_there()) {
+        opened.inner.there = HeldDirectory(to.there, opened.name);
+        if (!opened.inner.is_there()) {
             return fail(std::move(planned), problem_of_errno(errno));
         }
-        inner.volume = &m_asked.of(inner.there);
+        opened.inner.volume = &m_asked.of(opened.inner.there);
     }
     planned.deed = there ? Deed::merge : Deed::make;
-    const Side merged{to.is_there() ? to.there.fd() : -1, name, rehearsal.volume()};
-    for (Loss &loss : rehearsal.losses_of(source.side(), *found, there ? &merged : nullptr)) {
+    Rehearsal &rehearsal = *to.volume->rehearsal;
+    const Side merged{to.is_there() ? to.there.fd() : -1, opened.name, rehearsal.volume()};
+    for (Loss &loss : rehearsal.losses_of(source.side(), opened.found, there ? &merged : nullptr)) {
         planned.losses.push_back(std::move(loss));
     }
-    take_room(*to.volume, source, *found, there ? &*there : nullptr, planned);
-    if (planned.deed == Deed::fail) {
+    take_room(*to.volume, source, opened.found, there ? &*there : nullptr, planned);
+    return planned.deed != Deed::fail || tell(std::move(planned));
+}
+
+bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
+    if (m_observer.stopped()) {
+        return false;
+    }
+    Opened opened;
+    if (!open_directory_of(source, to, std::move(name), opened, false)) {
+        return false;
+    }
+    PlannedEntry &planned = opened.planned;
+    HeldDirectory &from = opened.from;
+    Destination &inner = opened.inner;
+    struct stat top {
+    }, target{};
+    const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
+                           top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
+                           from.type() == to.there.type();
+    if (moves() && !opened.there && oneVolume && m_selection.takes_everything()) {
+        planned.deed = Deed::rename;
         return tell(std::move(planned));
+    }
+    if (!merge_directory(source, to, opened)) {
+        return false;
     }
     if (++m_depth > kMostHeld) {
         source.in.let_go();
@@ -641,6 +686,137 @@ Room Planner::Walk::room_of_store(const Source &source, int64_t block) {
     return room;
 }
 
+bool Planner::Walk::begin_way(const std::string &base, const std::string &top) {
+    if (!m_way.empty() && m_way.front()->planned.source == base && m_way.front()->inner.path == top) {
+        return true;
+    }
+    m_way.clear();
+    m_wayNames.clear();
+    auto opened = std::make_unique<Opened>();
+    opened->planned.source = base;
+    opened->from = HeldDirectory(base);
+    opened->inner.path = top;
+    opened->inner.there = opened->from.is_open() ? HeldDirectory(top) : HeldDirectory();
+    if (!opened->inner.is_there()) {
+        return false;
+    }
+    opened->inner.volume = &m_asked.of(opened->inner.there);
+    m_selection.begin(base, false);
+    m_way.push_back(std::move(opened));
+    return true;
+}
+
+void Planner::Walk::missed(const std::string &wanted, Problem problem) {
+    PlannedEntry planned{.source = joined(m_way.front()->planned.source, wanted),
+                         .destination = joined(m_way.front()->inner.path, wanted)};
+    const std::string reason = problem.reason;
+    fail(std::move(planned), of_source(std::move(problem)), {{LossClass::unreadable, reason}});
+}
+
+void Planner::Walk::run_below(const std::string &base, const std::string &top, const std::string &name,
+                              const NamesBelow &how) {
+    if (name.empty() && how.trees) {
+        run(joined(base, "."), top);
+        return;
+    }
+    if (!begin_way(base, top)) {
+        fail({.source = joined(base, name), .destination = joined(top, name)}, problem_of_errno(errno));
+        return;
+    }
+    const std::vector<std::string> parts = names_in_path(name);
+    const size_t above = name.empty() ? 0 : parts.size() - (how.alone && !how.trees ? 0 : 1);
+    size_t shared = 0;
+    while (shared < above && shared < m_wayNames.size() && m_wayNames[shared] == parts[shared]) {
+        ++shared;
+    }
+    m_way.resize(shared + 1);
+    m_wayNames.resize(shared);
+    for (size_t at = shared; at + 1 < parts.size(); ++at) {
+        if (!step_down(parts[at], how, name)) {
+            return;
+        }
+    }
+    if (shared < parts.size()) {
+        leaf(parts.back(), how, name);
+    }
+}
+
+// Into a directory on the way, as the run would go.
+bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, const std::string &wanted) {
+    Opened &above = *m_way.back();
+    VolumeFacts facts = volume_facts(above.from.fd(), above.from.type());
+    const NameKind kind = name_kind(above.from.itself(), name, above.from.type());
+    const std::string path = joined(above.planned.source, name);
+    auto found = above.from.look(name);
+    if (kind != NameKind::ordinary) {
+        return entry(above.from, facts, name, above.inner) && false;
+    }
+    if (found && !m_selection.takes(path, above.from.below(name), *found)) {
+        return false;
+    }
+    HeldDirectory parent;
+    Source source{above.from, name, path, facts};
+    std::unique_ptr<char, decltype(&std::free)> real(nullptr, &std::free);
+    if (found && S_ISLNK(found->st_mode)) {
+        if (!how.followed) {
+            missed(wanted, {fmt::format("lies behind the symbolic link {}, which is not followed", displayed(path))});
+            return false;
+        }
+        real.reset(::realpath(path.c_str(), nullptr));
+        found = real == nullptr ? std::nullopt : look(real.get());
+        parent = found ? HeldDirectory(parent_of(real.get())) : HeldDirectory();
+        facts = parent.is_open() ? volume_facts(parent.fd(), parent.type()) : facts;
+    }
+    if (!found || !S_ISDIR(found->st_mode)) {
+        missed(wanted, problem_of_errno(found ? ENOTDIR : errno));
+        return false;
+    }
+    const Source behind{parent, parent.is_open() ? base_name(real.get()) : "", path, facts};
+    const Source &taken = parent.is_open() ? behind : source;
+    auto opened = std::make_unique<Opened>();
+    UsedRoom &room = *above.inner.volume->room;
+    const Room before = room.now;
+    if (!open_directory_of(taken, above.inner, name, *opened, true) || !merge_directory(taken, above.inner, *opened)) {
+        return false;
+    }
+    if (m_told.insert(opened->inner.path).second) {
+        m_observer.entry(opened->planned);
+    } else {
+        room.now = before; // counted when the way led there first
+    }
+    opened->planned.source = path;
+    m_way.push_back(std::move(opened));
+    m_wayNames.push_back(name);
+    return true;
+}
+
+void Planner::Walk::leaf(const std::string &name, const NamesBelow &how, const std::string &wanted) {
+    Opened &level = *m_way.back();
+    const auto found = level.from.look(name);
+    if (!found) {
+        missed(wanted, problem_of_errno(errno));
+        return;
+    }
+    m_device = found->st_dev;
+    if (!S_ISDIR(found->st_mode) || how.trees) {
+        if (S_ISDIR(found->st_mode)) {
+            m_observer.tree(joined(level.planned.source, name));
+        }
+        VolumeFacts facts = volume_facts(level.from.fd(), level.from.type());
+        facts.noDirectory = !level.from.look("@eaDir");
+        (void)entry(level.from, facts, name, level.inner);
+        return;
+    }
+    if (how.alone) {
+        (void)step_down(name, how, wanted);
+        return;
+    }
+    fail({.kind = EntryKind::directory,
+          .source = joined(level.planned.source, name),
+          .destination = joined(level.inner.path, name)},
+         of_source(problem_of_directory()));
+}
+
 const std::vector<VolumePlan> &Planner::Walk::volumes() {
     m_volumes.clear();
     for (const auto &[device, room] : m_asked.rooms()) {
@@ -655,6 +831,11 @@ Planner::~Planner() = default;
 
 void Planner::run(const std::string &source, const std::string &destination) {
     m_walk->run(source, destination);
+}
+
+void Planner::run_below(const std::string &base, const std::string &top, const std::string &name,
+                        const NamesBelow &how) {
+    m_walk->run_below(base, top, name, how);
 }
 
 const std::vector<VolumePlan> &Planner::volumes() const {

@@ -74,6 +74,9 @@ class Planner {
     // directory.
     void run(const std::string &source, const std::string &destination);
 
+    // A name that is made anew below `top`, with the directories on its way, as by Transfer::run_below().
+    void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
+
     const std::vector<VolumePlan> &volumes() const;
 
   private:

@@ -2,6 +2,7 @@
 
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/paths.h"
 
 #include <sys/stat.h>
 
@@ -46,6 +47,14 @@ void Transfer::run(const std::string &source, const std::string &destination) {
                                                                     : EntryKind::file;
     const std::string name = without_dot(source);
     m_observer.entry(kind, name, m_files.run(name, destination));
+}
+
+void Transfer::run_below(const std::string &base, const std::string &top, const std::string &name,
+                         const NamesBelow &how) {
+    if (const std::string source = joined(base, name); how.alone || is_tree(source)) {
+        m_observer.tree(source);
+    }
+    m_trees.run_below(base, top, name, how);
 }
 
 } // namespace engine

@@ -29,4 +29,11 @@ struct TransferOptions {
     bool compared = true;
 };
 
+// How names are taken that are made anew below another directory.
+struct NamesBelow {
+    bool followed = false; // links on the way are, as in any path that people give; else nothing lies behind one
+    bool trees = false;    // directories go with everything in them
+    bool alone = false;    // else: directories go without that
+};
+
 } // namespace engine

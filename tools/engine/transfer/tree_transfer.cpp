@@ -51,8 +51,7 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     const bool contents = given.ends_with("/.");
     const std::string source = given == "/." ? "/" : given.substr(0, given.size() - (contents ? 2 : 0));
     if (lies_in(destination, source)) {
-        const bool move = m_move;
-        failed(source, destination, {fmt::format("a directory cannot be {} into itself", move ? "moved" : "copied")});
+        failed(source, destination, into_itself());
         return;
     }
     // A slash at the end asks for what a link leads to.
@@ -93,6 +92,10 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     m_made.merge(before);
 }
 
+Problem TreeTransfer::into_itself() const {
+    return {fmt::format("a directory cannot be {} into itself", m_move ? "moved" : "copied")};
+}
+
 bool TreeTransfer::failed(const std::string &source, const std::string &destination, Problem problem,
                           std::vector<Loss> losses) {
     Outcome outcome;
@@ -104,11 +107,7 @@ bool TreeTransfer::failed(const std::string &source, const std::string &destinat
     return false;
 }
 
-bool TreeTransfer::directory(const Place &source, Place destination) {
-    if (m_observer.stopped()) {
-        return false;
-    }
-    Level level{source.path()};
+void TreeTransfer::fix_name(Level &level, Place &destination) const {
     if (m_destinationTraits.fatNames) {
         const std::string asked = std::exchange(destination.name, base_name(fat_name(destination.path())));
         if (asked != destination.name) {
@@ -116,6 +115,14 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
                 {LossClass::name_changed, fmt::format("is {} in the copy", displayed(destination.name))});
         }
     }
+}
+
+bool TreeTransfer::directory(const Place &source, Place destination) {
+    if (m_observer.stopped()) {
+        return false;
+    }
+    Level level{source.path()};
+    fix_name(level, destination);
     bool done = false;
     if (m_move && m_selection.takes_everything() && (!rename_whole(source, destination, done) || done)) {
         return done;
@@ -222,7 +229,6 @@ bool TreeTransfer::left(const Level &level, const std::string &name, Status stat
 }
 
 bool TreeTransfer::entry(const Level &level, const std::string &name) {
-    const std::string source = joined(level.source, name), destination = joined(level.destination, name);
     switch (name_kind(level.from.itself(), name, m_sourceType)) {
     case NameKind::store:
     case NameKind::companion:
@@ -249,6 +255,13 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
         }
         return directory(below, made);
     }
+    return carry(level, name, found, kind);
+}
+
+// A file, a link or what is neither of them.
+bool TreeTransfer::carry(const Level &level, const std::string &name, const std::optional<struct stat> &found,
+                         EntryKind kind) {
+    const std::string source = joined(level.source, name), destination = joined(level.destination, name);
     const Surroundings around{
         .sourceWithoutStore = !level.hasStore, .destinationNew = level.made, .from = &level.from, .to = &level.to};
     Outcome outcome = m_files.run(source, destination, found, around);
@@ -299,7 +312,7 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     if (!level.to.is_open() || ::fstat(level.to.fd(), &level.there) != 0) {
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
-    m_made.add(level.there, source.name);
+    (level.onTheWay ? m_stepped : m_made).add(level.there, source.name);
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
@@ -324,10 +337,11 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     }
     // Two names that a FAT volume makes one of, or two sources of one name.
     std::vector<Loss> losses;
-    if (m_made.is_clash(*there, source.name)) {
+    if (m_made.is_clash(*there, source.name) || m_stepped.is_clash(*there, source.name)) {
         losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
     }
-    return !m_made.contains(*there) ||
+    const bool merged = losses.empty() && (level.onTheWay || !m_made.contains(*there));
+    return merged ||
            failed(level.source, level.destination,
                   {"the destination was just written by this command; not merged", kExists}, std::move(losses));
 }
@@ -347,8 +361,8 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move ? 1 : 0, m_sourceType,
-                             m_destinationType, nullptr, nullptr, nullptr);
+    (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move && !level.onTheWay ? 1 : 0,
+                             m_sourceType, m_destinationType, nullptr, nullptr, nullptr);
     // While its owner may write to it: the creation time may be kept in an attribute.
     if ((status.st_mode & S_IWUSR) == 0) {
         (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
@@ -370,7 +384,7 @@ void TreeTransfer::compare_level(Level &level, const Place &source, const Place 
                                     destination.in.side_now(destination.name), options)) {
         level.outcome.losses.push_back(std::move(loss));
     }
-    if (level.hasStore) {
+    if (level.hasStore && !level.onTheWay) {
         add_strangers(level);
     }
 }

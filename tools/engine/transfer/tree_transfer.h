@@ -21,6 +21,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -33,14 +34,20 @@ class TreeTransfer {
   public:
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
-        : m_move(options.operation == Operation::move), m_selection(options.selection),
-          m_whole(options.countsAlone && !options.clone && !options.verify && !m_move &&
-                  m_selection.takes_everything()),
+        : m_move(options.operation == Operation::move), m_links(options.links || m_move),
+          m_selection(options.selection), m_whole(options.countsAlone && !options.clone && !options.verify && !m_move &&
+                                                  m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
     // selection sees the source's own name at the start of each path, but not that of "photos/.".
     void run(const std::string &source, const std::string &destination);
+
+    // A name below `base` ("a/b/c"; the last one is no "." or "..") goes below `top`, both absolute, and the
+    // directories on its way are made anew, or merged into. Those get what they have at the source, their times last,
+    // once a name leads elsewhere, or by leave(). An empty name is the base itself.
+    void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
+    void leave();
 
   private:
     // An entry of a directory that is held.
@@ -59,12 +66,15 @@ class TreeTransfer {
         std::string held = {}; // what the library was told of the source
         bool made = false;     // the destination was not there before
         bool hasStore = false; // the source holds an "@eaDir"
+        bool onTheWay = false; // to a name below it: nothing of the source goes with it, and it stays
         Outcome outcome = {};
     };
 
     // Each answers whether nothing of it stayed behind.
     bool directory(const Place &source, Place destination);
     bool entry(const Level &level, const std::string &name);
+    bool carry(const Level &level, const std::string &name, const std::optional<struct stat> &found, EntryKind kind);
+    void fix_name(Level &level, Place &destination) const;
     bool is_selected(const Level &level, const std::string &name);
     bool rename_whole(const Place &source, const Place &destination, bool &done);
     // Around what is done with the entries of a directory. False: the one above has been moved away.
@@ -78,12 +88,29 @@ class TreeTransfer {
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
     bool unreadable(const Level &level);
+    Problem into_itself() const;
     bool remove_source(Level &level, const Place &source);
     bool failed(const std::string &source, const std::string &destination, Problem problem,
                 std::vector<Loss> losses = {});
     void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
         m_observer.entry(kind, source, outcome);
     }
+
+    // A directory on the way to a name, at both ends.
+    struct Step {
+        Level level;
+        std::string name, made; // in the directories above
+        HeldDirectory parent;   // where a link led to lies in this one, under `real`
+        std::string real;
+        bool aboveLetGo = false;
+    };
+    bool begin_way(const std::string &base, const std::string &top);
+    bool step_down(const std::string &name, const NamesBelow &how, const std::string &wanted);
+    bool open_step(Step &step, const NamesBelow &how) const;
+    void step_up();
+    void finish_base();
+    void leaf(const std::string &name, const NamesBelow &how, const std::string &wanted);
+    bool missed(const std::string &wanted, Problem problem);
 
     // What the library is to copy, and has copied, as a whole.
     using Types = std::unordered_map<std::string, unsigned char>;
@@ -107,7 +134,7 @@ class TreeTransfer {
     void check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade);
     bool is_finished(const Level &level) const;
 
-    bool m_move;
+    bool m_move, m_links;
     TreeSelection m_selection;
     bool m_whole;
     FileTransfer &m_files;
@@ -121,6 +148,11 @@ class TreeTransfer {
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories to walk through: others may exchange something there
     bool m_checking = false;
     int m_depth = 0;
+    std::vector<Step> m_way;                   // from the base of names down to the last one's directory
+    WrittenEntries m_stepped;                  // directories that were on the way
+    std::set<std::pair<dev_t, ino_t>> m_told;  // those of which something was told
+    std::map<std::string, VLIBCStat> m_before; // of a move: what they were before anything left them
+    bool m_baseListed = false;
 };
 
 } // namespace engine

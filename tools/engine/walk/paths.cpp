@@ -2,6 +2,7 @@
 
 #include "tools/engine/report/invalid_request.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -51,6 +52,18 @@ std::string parent_of(std::string_view path) {
 
 std::string joined(const std::string &directory, const std::string &name) {
     return directory == "/" ? "/" + name : directory + "/" + name;
+}
+
+std::vector<std::string> names_in_path(std::string_view path) {
+    std::vector<std::string> names;
+    while (!path.empty()) {
+        const size_t length = std::min(path.find('/'), path.size());
+        if (length > 0) {
+            names.emplace_back(path.substr(0, length));
+        }
+        path.remove_prefix(std::min(path.size(), length + 1));
+    }
+    return names;
 }
 
 } // namespace engine

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace engine {
 
@@ -16,5 +17,8 @@ std::string parent_of(std::string_view path);
 
 // `directory` and a name in it.
 std::string joined(const std::string &directory, const std::string &name);
+
+// The components of a path without doubled slashes.
+std::vector<std::string> names_in_path(std::string_view path);
 
 } // namespace engine

@@ -29,7 +29,7 @@ std::vector<std::string> lines_of(std::string_view text, char end) {
 PathOperands::PathOperands(const Command &command, const char *name, const char *usage)
     : m_operands(command.add_operands(name, usage)),
       m_list(command.rare().add_value("--files-from", "LIST", "paths from this file too, a line each; - is stdin")),
-      m_nul(command.rare().add_flag("-0,--null", "each path in LIST ends with NUL, not with a line feed")) {
+      m_nul(command.rare().add_flag("-0,--null,--from0", "each path in LIST ends with NUL, not with a line feed")) {
     m_nul.needs(m_list);
 }
 

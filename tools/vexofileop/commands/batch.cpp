@@ -3,6 +3,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
@@ -42,6 +43,10 @@ const char *word_of(engine::Operation operation) {
     return operation == engine::Operation::copy ? "copy" : "move";
 }
 
+engine::NamesBelow names_below(const RelativeNames &names, const engine::TransferOptions &transfer) {
+    return {.followed = names.followed, .trees = transfer.trees && !names.alone, .alone = names.alone};
+}
+
 Batch::Batch(const BatchOptions &options)
     : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
       m_report(word_of(options.transfer.operation), options.transfer.accepted) {}
@@ -53,10 +58,25 @@ int Batch::run(const std::vector<Errand> &errands) {
             break;
         }
         m_report.begin(errand.source, errand.destination);
-        m_transfer.run(errand.source, errand.destination);
+        if (errand.below) {
+            run_below(errand);
+        } else {
+            m_transfer.run(errand.source, errand.destination);
+        }
     }
+    m_transfer.leave();
     m_console.clear_progress();
-    return finish(errands.size());
+    return finish(number_of(errands));
+}
+
+void Batch::run_below(const Errand &errand) {
+    const engine::NamesBelow how = names_below(*errand.below, m_options.transfer);
+    for (const std::string &name : errand.below->names) {
+        if (stopped()) {
+            return;
+        }
+        m_transfer.run_below(errand.source, errand.destination, name, how);
+    }
 }
 
 bool Batch::stopped() const {
@@ -70,11 +90,20 @@ void Batch::begin(const std::vector<Errand> &errands) {
         return;
     }
     engine::Totals totals;
-    for (const Errand &errand : errands) {
-        if (m_transfer.is_tree(errand.source)) {
-            totals += engine::totals_of(errand.source, [] { return stop_signal() != 0; });
+    const auto add = [&](const std::string &source, bool alone) {
+        if (!alone && m_transfer.is_tree(source)) {
+            totals += engine::totals_of(source, [] { return stop_signal() != 0; });
         } else {
-            totals += {1, size_of(errand.source)};
+            totals += {1, size_of(source)};
+        }
+    };
+    for (const Errand &errand : errands) {
+        if (!errand.below) {
+            add(errand.source, false);
+            continue;
+        }
+        for (const std::string &name : errand.below->names) {
+            add(engine::joined(errand.source, name), errand.below->alone);
         }
     }
     m_console.start_progress(totals.bytes, totals.files > 1 ? totals.files : 0);

@@ -22,6 +22,8 @@ struct BatchOptions {
 
 const char *word_of(engine::Operation operation); // "copy"
 
+engine::NamesBelow names_below(const RelativeNames &names, const engine::TransferOptions &transfer);
+
 class Batch : private engine::TransferObserver {
   public:
     explicit Batch(const BatchOptions &options);
@@ -36,6 +38,7 @@ class Batch : private engine::TransferObserver {
     };
 
     void begin(const std::vector<Errand> &errands);
+    void run_below(const Errand &errand);
     void tree(const std::string &source) override;
     void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
     void arrived(const std::string &directory, int files, int64_t bytes) override;

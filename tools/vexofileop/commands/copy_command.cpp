@@ -10,6 +10,7 @@
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/plan_run.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <fmt/format.h>
@@ -66,10 +67,27 @@ struct TargetOptions {
     Option directory, newName;
 };
 
+// With --relative a list names what lies below the one directory that is given, if there is one.
+std::vector<Errand> relative_errands(const PathOperands &operands, std::vector<std::string> sources,
+                                     const std::string &destination, Target kind, bool trees) {
+    if (kind == Target::new_name) {
+        throw UsageError("--relative makes paths anew in a directory, and -T names none");
+    }
+    if (operands.has_list() && sources.size() > 1) {
+        throw UsageError("a list of relative names goes down from one directory; several are given");
+    }
+    const std::vector<std::string> names = operands.listed();
+    if (operands.has_list() && sources.size() == 1) {
+        return {plan_listed_errand(names, sources.front(), destination, trees)};
+    }
+    sources.insert(sources.end(), names.begin(), names.end());
+    return plan_relative_errands(sources, destination);
+}
+
 // The last operand is where the files go, where no option says so. A list has any number of them, so that it needs a
 // directory.
 std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &target, engine::Operation operation,
-                            engine::Conflict conflict) {
+                            engine::Conflict conflict, bool relative, bool trees) {
     std::vector<std::string> sources = operands.given();
     const Target kind = target.kind();
     const bool last = kind != Target::directory;
@@ -85,14 +103,17 @@ std::vector<Errand> planned(const PathOperands &operands, const TargetOptions &t
     if (last) {
         sources.pop_back();
     }
+    if (operands.has_list_on_stdin() && conflict == engine::Conflict::ask) {
+        throw UsageError("-i reads its answers from stdin, which is the list here");
+    }
+    if (relative) {
+        return relative_errands(operands, std::move(sources), destination, kind, trees);
+    }
     if (operands.has_list()) {
         if (kind == Target::new_name) {
             throw UsageError("a list of files needs a directory to go into, and -T names none");
         }
         destination += destination.ends_with('/') ? "" : "/";
-        if (conflict == engine::Conflict::ask && operands.has_list_on_stdin()) {
-            throw UsageError("-i reads its answers from stdin, which is the list here");
-        }
         const std::vector<std::string> more = operands.listed();
         sources.insert(sources.end(), more.begin(), more.end());
     }
@@ -183,11 +204,26 @@ class TransferArguments {
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
-        const std::vector<Errand> errands = planned(m_operands, m_target, transfer.operation, transfer.conflict);
+        // A list of what a directory holds names links as such.
+        const bool listed =
+            m_relative && m_operands.has_list() && m_operands.given().size() > (m_target.directory.given() ? 0 : 1);
+        transfer.links = transfer.links || listed;
+        const std::vector<Errand> errands =
+            planned(m_operands, m_target, transfer.operation, transfer.conflict, m_relative, transfer.trees);
+        check_names(errands);
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
 
   private:
+    // A move takes directories, and leaves none empty that it was to take things out of.
+    void check_names(const std::vector<Errand> &errands) const {
+        for (const Errand &errand : errands) {
+            if (m_options.transfer.operation == engine::Operation::move && errand.below &&
+                std::ranges::find(errand.below->names, "") != errand.below->names.end()) {
+                throw UsageError(fmt::format("{}: give the directory by its name", engine::displayed(errand.source)));
+            }
+        }
+    }
     void add_ways(Act act) {
         if (m_options.transfer.operation == engine::Operation::copy) {
             m_command.add_flag("-r,-a,--recursive", m_options.transfer.trees,
@@ -199,6 +235,8 @@ class TransferArguments {
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
         }
+        m_command.rare().add_flag("--relative", m_relative,
+                                  "make the whole path anew in DEST, or what follows \"/./\"");
         m_command.rare().add_flag("--specials", m_options.transfer.specials,
                                   "make pipes, devices and sockets anew; else they are a loss");
         m_command.rare().add_flag("--checksum", m_options.transfer.checksum, "with -u: read what seems to be the same");
@@ -223,7 +261,7 @@ class TransferArguments {
 
     Command m_command;
     BatchOptions m_options;
-    bool m_plan, m_noProbe = false, m_noHardLinks = false;
+    bool m_plan, m_noProbe = false, m_noHardLinks = false, m_relative = false;
     std::vector<Policy> m_policies;
     Option m_accept, m_report, m_maxErrors;
     TargetOptions m_target;

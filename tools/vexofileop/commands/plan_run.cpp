@@ -45,7 +45,14 @@ int PlanRun::run(const std::vector<Errand> &errands) {
             break;
         }
         m_report.begin(errand.source, errand.destination);
-        m_planner.run(errand.source, errand.destination);
+        if (!errand.below) {
+            m_planner.run(errand.source, errand.destination);
+            continue;
+        }
+        const engine::NamesBelow how = names_below(*errand.below, m_options.plan.transfer);
+        for (auto name = errand.below->names.begin(); name != errand.below->names.end() && !stopped(); ++name) {
+            m_planner.run_below(errand.source, errand.destination, *name, how);
+        }
     }
     return finish();
 }
