@@ -10,6 +10,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
@@ -346,8 +347,10 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move ? 1 : 0, m_sourceType,
-                             m_destinationType, nullptr, nullptr, nullptr);
+    if (auto problem = carry_beside(source.in.side_now(source.name, m_sourceType),
+                                    destination.in.side_now(destination.name, m_destinationType))) {
+        level.outcome.warning = std::move(*problem);
+    }
     // While its owner may write to it: the creation time may be kept in an attribute.
     if ((status.st_mode & S_IWUSR) == 0) {
         (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
