@@ -47,6 +47,9 @@ class Grower {
         if (!m_older && below(6) == 0 && engine::exists(path + "/@eaDir")) {
             kit::writeFile(path + "/@eaDir/nobody@VexoEAStream", "nobody's");
         }
+        if (below(6) == 0 && ::mkdir((path + "/@eaDir").c_str(), 0777) == 0) { // none so far, and nothing in it
+            plain(path + "/@eaDir");
+        }
         belongings(path, true);
     }
 

@@ -208,4 +208,97 @@ TEST_F(Kept, OfADirectoryThatIsMergedIntoStays) {
     EXPECT_EQ((std::vector<std::string>{"file", "inner"}), kit::namesIn(copy + "/@eaDir"));
 }
 
+// ---- an "@eaDir" that holds nothing, and may be anybody's
+
+class EmptyStore : public Kept {
+  protected:
+    void SetUp() override {
+        Kept::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        for (const char *directory : {"/inner/@eaDir", "/left", "/left/@eaDir"}) {
+            ASSERT_EQ(0, ::mkdir((tree + directory).c_str(), 0755));
+        }
+        kit::writeFile(tree + "/left/@eaDir/.cover", "c"); // which alone is nothing
+        for (const char *directory : {"/inner/@eaDir", "/left/@eaDir"}) {
+            kit::setAttribute(tree + directory, "user.note", "n");
+            ASSERT_EQ(0, ::chown((tree + directory).c_str(), 7, 8));
+            ASSERT_EQ(0, ::chmod((tree + directory).c_str(), 0750));
+            setTimes(tree + directory);
+        }
+        setTimes(tree + "/inner");
+        setTimes(tree + "/left");
+    }
+    static void expectStores(const std::string &from, const std::string &to) {
+        for (const char *path : {"/inner/@eaDir", "/left/@eaDir", "/inner", "/left"}) {
+            EXPECT_EQ(described(from + path), described(to + path)) << path;
+        }
+    }
+};
+
+TEST_F(EmptyStore, ArrivesAsItWas) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
+    for (const char *how : {"-r", "-rv"}) {
+        for (const std::string &to : {scratch / how, volume / how}) {
+            EXPECT_EQ(0, runTool({"plan", "copy", "-r", tree, to}).status);
+            expectNothingTold(runTool({"copy", how, tree, to}));
+            expectStores(tree, to);
+            const ToolResult compared = runTool({"compare", tree, to});
+            EXPECT_EQ(0, compared.status) << compared.out;
+        }
+    }
+    expectNothingTold(runTool({"move", tree, volume / "moved"}));
+    expectStores(scratch / "-r", volume / "moved");
+    EXPECT_FALSE(kit::exists(tree));
+    expectNothingTold(runTool({"relocate", "-y", volume / "moved", scratch / "relocated"}));
+    expectStores(scratch / "-r", scratch / "relocated");
+    EXPECT_FALSE(kit::exists(volume / "moved"));
+}
+
+TEST_F(EmptyStore, IsMissedByAComparison) {
+    const std::string copy = scratch / "copy";
+    ASSERT_EQ(0, runTool({"copy", "-r", tree, copy}).status);
+    ASSERT_EQ(0, ::rmdir((copy + "/inner/@eaDir").c_str()));
+    setTimes(copy + "/inner");
+    const ToolResult compared = runTool({"compare", tree, copy});
+    EXPECT_EQ(1, compared.status);
+    EXPECT_TRUE(mentions(compared.out, "kept in \"@eaDir\", only at the first: @eaDir (a directory) (not-carried)\n"))
+        << compared.out;
+    ASSERT_EQ(0, ::mkdir((copy + "/inner/@eaDir").c_str(), 0777));
+    setTimes(copy + "/inner");
+    EXPECT_TRUE(mentions(runTool({"compare", tree, copy}).out, "(owner)\n"));
+}
+
+// The store of what lies there stays as it is.
+TEST_F(EmptyStore, ChangesNothingOfAStoreThatHoldsSomething) {
+    const std::string copy = scratch / "copy", store = copy + "/inner/@eaDir";
+    for (const std::string &directory : {copy, copy + "/inner", store, store + "/theirs"}) {
+        ASSERT_EQ(0, ::mkdir(directory.c_str(), 0755));
+    }
+    kit::writeFile(copy + "/inner/theirs", "t");
+    kit::writeFile(store + "/theirs/thumb", "thumb");
+    const mode_t mode = kit::statOf(store).st_mode;
+    EXPECT_EQ(0, runTool({"plan", "copy", "-rT", tree, copy}).status);
+    expectNothingTold(runTool({"copy", "-rT", tree, copy}));
+    EXPECT_EQ(mode, kit::statOf(store).st_mode);
+    EXPECT_EQ("thumb", kit::readFile(store + "/theirs/thumb"));
+    const ToolResult compared = runTool({"compare", tree, copy});
+    EXPECT_EQ(copy + "/inner/theirs: only at the second (extra)\n", compared.out);
+}
+
+// It is told where it cannot stand.
+TEST_F(EmptyStore, IsToldWhereSomethingElseHasItsName) {
+    const std::string copy = scratch / "copy";
+    for (const std::string &directory : {copy, copy + "/inner"}) {
+        ASSERT_EQ(0, ::mkdir(directory.c_str(), 0755));
+    }
+    kit::writeFile(copy + "/inner/@eaDir", "theirs");
+    EXPECT_EQ(1, runTool({"plan", "copy", "-rT", tree, copy}).status);
+    const ToolResult copied = runTool({"copy", "-rT", tree, copy});
+    EXPECT_EQ(1, copied.status);
+    EXPECT_TRUE(mentions(copied.err, "(not-carried)\n")) << copied.err;
+    EXPECT_EQ("theirs", kit::readFile(copy + "/inner/@eaDir"));
+}
+
 } // namespace

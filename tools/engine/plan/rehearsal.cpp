@@ -122,7 +122,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
         m_known.emplace(key, losses);
     }
     add_holes(source, found, losses);
-    add_kept(source, losses);
+    add_kept(source, merged, losses);
     return losses;
 }
 

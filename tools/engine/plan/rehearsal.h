@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tools/engine/compare/entry_view.h"
+#include "tools/engine/compare/kept.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/plan/room.h"
@@ -49,7 +50,9 @@ class Rehearsal {
     std::string signature(const Side &source, const struct stat &found) const;
     bool takes_stores(const Side &source) const;
     bool can_make_stores() const;
-    void add_kept(const Side &source, std::vector<Loss> &losses);
+    void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
+    void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
+                         std::vector<Loss> &losses);
     void add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses, int depth = 0);
     bool add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
                         std::vector<Loss> &losses);

@@ -19,8 +19,12 @@ bool Rehearsal::can_make_stores() const {
     return ::geteuid() == 0 || ::faccessat(m_directory, "@eaDir", W_OK | X_OK, AT_EACCESS) == 0;
 }
 
-void Rehearsal::add_kept(const Side &source, std::vector<Loss> &losses) {
+void Rehearsal::add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses) {
     try {
+        const KeptPlace empty = kept_place(source, Kept::empty_store);
+        if (empty.there) {
+            add_empty_store(empty, source.volume, merged, losses);
+        }
         const KeptPlace own = source.volume.noDirectory || source.volume.store == StoreKind::none
                                   ? KeptPlace{}
                                   : kept_place(source, Kept::own);
@@ -30,6 +34,24 @@ void Rehearsal::add_kept(const Side &source, std::vector<Loss> &losses) {
         }
     } catch (const Failure &failure) {
         losses.push_back({LossClass::unreadable, fmt::format("what is kept in \"@eaDir\": {}", failure.what())});
+    }
+}
+
+// Where the directory that is merged into has one that holds something, that is the store of what lies there.
+void Rehearsal::add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
+                                std::vector<Loss> &losses) {
+    const KeptPlace there = merged == nullptr ? KeptPlace{} : kept_place(*merged, Kept::empty_store);
+    struct stat found {
+    }, other{};
+    const bool taken = there.parent.get() >= 0 && !there.there &&
+                       ::fstatat(there.parent.get(), there.name.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0;
+    if (::fstatat(empty.parent.get(), empty.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+        (taken && S_ISDIR(other.st_mode))) {
+        return;
+    }
+    const Side source{empty.parent.get(), empty.name, plain_facts(facts)};
+    if (taken || !add_kept_entry(source, found, empty.name, losses)) {
+        losses.push_back(kept_loss(found, empty.name));
     }
 }
 

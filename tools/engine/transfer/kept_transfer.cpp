@@ -202,8 +202,22 @@ void carry_own_directory(const Side &source, const Side &copy, bool data) {
 
 } // namespace
 
+void carry_empty_store(const Side &source, const Side &copy) {
+    const KeptPlace from = place_or_none(source, Kept::empty_store);
+    if (!from.there) {
+        return;
+    }
+    const KeptPlace to = place_or_none(copy, Kept::empty_store);
+    struct stat found {};
+    // One that holds something is as it was made for that.
+    if (to.there || (to.parent.get() >= 0 && ::fstatat(to.parent.get(), kStore, &found, AT_SYMLINK_NOFOLLOW) != 0)) {
+        KeptTransfer(source.volume, copy.volume, false).empty_directory(from.parent.get(), kStore, to.parent.get());
+    }
+}
+
 void carry_kept(const Side &source, const Side &copy, bool data) {
     carry_own_directory(source, copy, data);
+    carry_empty_store(source, copy);
 }
 
 std::optional<Problem> carry_beside(const Side &source, const Side &copy) {

@@ -18,4 +18,7 @@ std::optional<Problem> carry_beside(const Side &source, const Side &copy);
 // replaced, and what only the copy has stays. `data`: what is the same by size and times may differ all the same.
 void carry_kept(const Side &source, const Side &copy, bool data);
 
+// The "@eaDir" alone, while something may still be made in the directory.
+void carry_empty_store(const Side &source, const Side &copy);
+
 } // namespace engine

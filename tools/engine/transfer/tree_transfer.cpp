@@ -343,6 +343,7 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         level.outcome.problem = problem_of_errno(errno);
         return;
     }
+    carry_empty_store(source.in.side(source.name), destination.in.side(destination.name));
     give_dos_attributes(fd, level.status.attributes);
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
@@ -398,7 +399,9 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
         if (::unlinkat(source.in.fd(), source.name.c_str(), AT_REMOVEDIR) == 0) {
-            (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+            if (has_store(source.in, source.name)) { // or the library would remove an empty "@eaDir" beside it
+                (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+            }
             return true;
         }
     }
