@@ -47,6 +47,9 @@ class Grower {
         if (!m_older && below(6) == 0 && engine::exists(path + "/@eaDir")) {
             kit::writeFile(path + "/@eaDir/nobody@VexoEAStream", "nobody's");
         }
+        if (below(6) == 0 && ::mkdir((path + "/@eaDir").c_str(), 0777) == 0) { // none so far, and nothing in it
+            plain(path + "/@eaDir");
+        }
         belongings(path, true);
     }
 
@@ -147,6 +150,7 @@ class Grower {
         }
         if (!m_older || !directory) { // a store that only the destination of a merge has stays there
             store(path);
+            things(path);
         }
         if (below(4) == 0) {
             const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -173,6 +177,42 @@ class Grower {
         if (below(2) == 0) {
             resource(path);
         }
+    }
+
+    // What other services keep for it in a directory of its own.
+    void things(const std::string &path) {
+        const size_t slash = path.rfind('/');
+        const std::string store = path.substr(0, slash) + "/@eaDir", own = store + path.substr(slash);
+        if (below(5) != 0 || (!engine::exists(store) && ::mkdir(store.c_str(), 0777) != 0) ||
+            ::mkdir(own.c_str(), 0755) != 0) {
+            return;
+        }
+        if (below(2) == 0) {
+            ASSERT_EQ(0, ::mkdir((own + "/deep").c_str(), 0755));
+            thing(own + "/deep/index");
+            plain(own + "/deep");
+        }
+        if (below(4) == 0) {
+            ASSERT_EQ(0, ::mkfifo((own + "/queue").c_str(), 0600));
+        }
+        thing(own + "/thumb");
+        plain(own);
+    }
+    void thing(const std::string &path) {
+        kit::writeFile(path, kit::pattern(below(3000), static_cast<uint32_t>(below(1000))));
+        if (below(4) == 0) {
+            attribute(path, "user.note", below(40));
+        }
+        if (below(4) == 0) {
+            acl(path, ACL_TYPE_ACCESS, "u::rwx,u:7:rw-,g::r--,m::rw-,o::---");
+        }
+        plain(path);
+    }
+    void plain(const std::string &path) {
+        constexpr mode_t modes[] = {0600, 0755, 0770};
+        owners(path);
+        ASSERT_EQ(0, ::chmod(path.c_str(), modes[below(std::size(modes))]));
+        times(path);
     }
 
     // Finder Info and a resource fork, as Mac clients leave them.

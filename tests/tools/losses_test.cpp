@@ -163,27 +163,6 @@ TEST_F(Losses, WhatIsNobodysInTheStore) {
     EXPECT_EQ("s", kit::readFile(tree + "/@eaDir/renamed away@VexoEAStream"));
 }
 
-// What other services keep for a file goes along with a move, all of it; a copy leaves it, and says so.
-TEST_F(Losses, FilesOfOtherServicesInTheStore) {
-    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
-    for (const char *directory : {"/@eaDir", "/@eaDir/file", "/@eaDir/file/deep"}) {
-        ASSERT_EQ(0, ::mkdir((tree + directory).c_str(), 0777));
-    }
-    kit::writeFile(tree + "/@eaDir/file/thumb", "thumb");
-    kit::writeFile(tree + "/@eaDir/file/deep/thumb", "deep thumb");
-    const ToolResult copied = runTool({"copy", "-r", tree, scratch / "copy"});
-    EXPECT_EQ(1, copied.status);
-    EXPECT_TRUE(mentions(copied.err, "(not-carried)\n")) << copied.err;
-    EXPECT_TRUE(mentions(runTool({"copy", "-rv", tree, scratch / "other"}).out,
-                         "only at the first: deep/thumb (10 bytes) (not-carried)\n"));
-    const ToolResult moved = runTool({"move", tree, volume.path()});
-    for (const char *name : {"thumb", "deep/thumb"}) {
-        const std::string there = volume / "tree/@eaDir/file/" + name, here = tree + "/@eaDir/file/" + name;
-        EXPECT_TRUE(kit::exists(there) || kit::exists(here)) << name << ": " << moved.err;
-        EXPECT_TRUE(moved.status == 1 || kit::exists(there)) << name << ": " << moved.err;
-    }
-}
-
 TEST_F(Losses, DirectoryThatIsCalledAlmostLikeTheStores) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     ASSERT_EQ(0, ::mkdir((tree + "/@EADIR").c_str(), 0755));

@@ -5,11 +5,9 @@
 #include "tools/engine/compare/bytes.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
-#include "tools/engine/walk/directory.h"
 
 #include <algorithm>
 #include <compare>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -190,51 +188,6 @@ bool report_problems(EntryView &entry, const char *which, Findings &findings) {
     return !entry.contents().problems().empty();
 }
 
-// Of an open directory, with those in it, each by its path from the first on.
-void add_kept(const Descriptor &directory, const std::string &path, std::vector<std::string> &kept, int depth = 0) {
-    constexpr int deepest = 100; // no service goes further, and each level holds a descriptor
-    if (depth > deepest) {
-        throw Failure("too deep");
-    }
-    const auto names = directory.get() < 0 ? std::nullopt : names_in(directory.get());
-    if (!names) {
-        throw_errno("cannot be read");
-    }
-    for (const std::string &name : *names) {
-        struct stat found {};
-        if (::fstatat(directory.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            continue; // gone again
-        }
-        kept.push_back(fmt::format("{}{} ({})", path, displayed(name),
-                                   S_ISREG(found.st_mode)   ? fmt::format("{} bytes", found.st_size)
-                                   : S_ISDIR(found.st_mode) ? "a directory"
-                                                            : "no regular file"));
-        if (S_ISDIR(found.st_mode)) {
-            add_kept(open_directory(directory.get(), name), path + displayed(name) + "/", kept, depth + 1);
-        }
-    }
-}
-
-// What lies in a directory of the entry's own in "@eaDir": stores of the older layout, and what other services keep.
-std::vector<std::string> kept_beside(const EntryView &entry) {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    std::vector<std::string> kept;
-    if (entry.volume().noDirectory) {
-        return kept;
-    }
-    const Descriptor stores(::openat(entry.side().directory, "@eaDir", O_PATH | flags));
-    const Descriptor own(stores.get() < 0 ? -1 : ::openat(stores.get(), entry.side().name.c_str(), flags));
-    if (own.get() < 0) {
-        if (stores.get() >= 0 && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
-            throw_errno("cannot be read");
-        }
-        return kept;
-    }
-    add_kept(own, "", kept);
-    std::ranges::sort(kept);
-    return kept;
-}
-
 void compare_afp(const StoreContents &one, const StoreContents &other, Findings &findings) {
     const int first = one.afp_attributes() & ~StoreContents::kAfpLockedBits;
     const int second = other.afp_attributes() & ~StoreContents::kAfpLockedBits;
@@ -305,14 +258,7 @@ void compare_stores(EntryView &one, EntryView &other, Findings &findings) {
     }
     compare_forks(one, first, other, second, findings);
     compare_afp(first, second, findings);
-    findings.attempt("what is kept in \"@eaDir\"", [&] {
-        const std::vector<std::string> mine = kept_beside(one), theirs = kept_beside(other);
-        for (const std::string &item : mine) {
-            if (!std::ranges::binary_search(theirs, item)) {
-                findings.add(LossClass::not_carried, fmt::format("kept in \"@eaDir\", only at the first: {}", item));
-            }
-        }
-    });
+    compare_own_directories(one, other, findings);
 }
 
 } // namespace engine

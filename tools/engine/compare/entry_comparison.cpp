@@ -67,6 +67,9 @@ class EntryComparison {
                 compare_holes(m_one, m_other, m_findings);
             }
         }
+        if (S_ISDIR(type)) {
+            compare_empty_stores(m_one, m_other, m_findings);
+        }
         compare_permissions(m_one, m_other, m_findings);
         compare_locks(m_one, m_other, m_findings);
     }

@@ -14,6 +14,7 @@ namespace engine {
 struct CompareOptions {
     bool data = false;  // content, and values of any length, are read; else sizes and short values decide
     bool times = true;  // modification and creation time
+    bool begun = false; // some of `a` was removed already: times of directories in "@eaDir" say nothing
     bool costs = false; // what only takes more room: holes that were filled, links that became files
     // The source as it was before its times were touched: those of its status count then. Null: as it is.
     const VLIBCStat *before = nullptr;
@@ -24,6 +25,9 @@ struct CompareOptions {
 // What differs between the source `a` and what stands at `b`; nothing: `b` has all of it. Directories are compared
 // without what is in them. An entry that is missing at `b` is one loss, of "data", "symbolic-link" or "special-file";
 // one that is missing at `a`, and whatever cannot be read at either side, is "unreadable". Throws nothing.
+//
+// With an entry goes what other services keep for it in a directory of its own in "@eaDir", and with a directory an
+// "@eaDir" in it that holds nothing: what differs there is a loss of the entry.
 //
 // What a copy sets on purpose is no difference: the archive attribute that only `b` has. Where `a`'s volume has no
 // owners none can be lost. Access times are not compared; labels of security modules (SELinux, Smack, EVM) and settings

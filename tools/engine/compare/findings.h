@@ -36,6 +36,8 @@ void compare_times(const EntryView &one, const EntryView &other, Findings &findi
 void compare_dos_attributes(const EntryView &one, const EntryView &other, Findings &findings);
 void compare_attributes(EntryView &one, EntryView &other, Findings &findings); // pinned
 void compare_stores(EntryView &one, EntryView &other, Findings &findings);     // pinned
+void compare_own_directories(const EntryView &one, const EntryView &other, Findings &findings);
+void compare_empty_stores(const EntryView &one, const EntryView &other, Findings &findings); // of directories
 void compare_locks(EntryView &one, EntryView &other, Findings &findings);
 void compare_content(const EntryView &one, const EntryView &other, Findings &findings); // pinned
 void compare_holes(const EntryView &one, const EntryView &other, Findings &findings);   // pinned

@@ -282,7 +282,6 @@ class TreeComparison {
         if (found.there && found.name != item.name) {
             lose(path, otherPath, LossClass::name_changed, fmt::format("is {} at the second", displayed(found.name)));
         }
-        own_directory(level, item, found.name);
         if (walk) {
             level.inner.emplace_back(item.name, found.name);
         }
@@ -304,31 +303,14 @@ class TreeComparison {
         return true;
     }
 
-    // What other services keep in a directory of the entry's own in "@eaDir". By name and length that has been compared
-    // with the entry.
-    void own_directory(const Level &level, const Listing::Item &item, const std::string &there) {
-        const bool has = std::ranges::any_of(
-            item.parts, [&](const Listing::Part &part) { return part.inStore && part.name == item.name; });
-        if (has && m_options.data && level.there.store != nullptr) {
-            const std::string path = joined(joined(level.one.path, "@eaDir"), item.name);
-            plain(level.listing.store->get(), item.name, path, level.there.store->get(), there,
-                  joined(joined(level.other.path, "@eaDir"), there), true);
-        }
-    }
-
-    // Entries that are no user's: bytes and names. Whether they are the same; `tell`: what is not is told, but for what
-    // is missing.
-    bool plain(int parent, const std::string &name, const std::string &path, int otherParent, const std::string &other,
-               const std::string &otherPath, bool tell) {
+    // Whether entries that are no user's are the same in bytes and names.
+    bool plain(int parent, const std::string &name, int otherParent, const std::string &other) {
         const Side one{parent, name, volume_facts(parent)}, two{otherParent, other, volume_facts(otherParent)};
         bool alike = true;
         for (const Loss &loss : compare_entries(one, two, {.data = m_options.data, .times = false})) {
             const bool content = loss.cls == LossClass::data || loss.cls == LossClass::unreadable ||
                                  loss.cls == LossClass::symbolic_link || loss.cls == LossClass::special_file;
             alike = alike && !content;
-            if (tell && content) {
-                lose(path, otherPath, LossClass::not_carried, loss.detail);
-            }
         }
         const Descriptor from = open_directory(parent, name), to = open_directory(otherParent, other);
         if (!alike || from.get() < 0 || to.get() < 0) {
@@ -336,9 +318,7 @@ class TreeComparison {
         }
         for (const std::string &inner : names_in(from.get()).value_or(std::vector<std::string>())) {
             const bool there = ::faccessat(to.get(), inner.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-            alike = there &&
-                    plain(from.get(), inner, joined(path, inner), to.get(), inner, joined(otherPath, inner), tell) &&
-                    alike;
+            alike = there && plain(from.get(), inner, to.get(), inner) && alike;
         }
         return alike;
     }
@@ -350,7 +330,7 @@ class TreeComparison {
         const std::string path = joined(level.one.path, part_text(part));
         const std::string otherPath = joined(level.other.path, part_text(part));
         const int from = level.listing.place_of(part, level.one.fd());
-        if (place < 0 || !plain(from, part.name, path, place, part.name, otherPath, false)) {
+        if (place < 0 || !plain(from, part.name, place, part.name)) {
             lose(path, otherPath, LossClass::not_carried,
                  part.inStore                  ? "is kept for no entry, and stays where it is"
                  : part.name.starts_with("._") ? "has a name that is kept for metadata, and stays where it is"

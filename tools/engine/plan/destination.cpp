@@ -23,7 +23,7 @@ AskedVolume &AskedVolumes::of(const HeldDirectory &directory) {
     AskedVolume &asked = m_known[inherited(directory)];
     if (asked.rehearsal == nullptr) {
         asked.directory = HeldDirectory(directory, ".");
-        asked.rehearsal = std::make_unique<Rehearsal>(asked.directory.fd(), directory.type(), m_probe, m_move);
+        asked.rehearsal = std::make_unique<Rehearsal>(asked.directory.fd(), directory.type(), m_probe);
         const auto [room, isNew] = m_rooms.try_emplace(directory.device());
         asked.room = &room->second;
         if (isNew) {

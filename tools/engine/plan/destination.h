@@ -29,13 +29,13 @@ struct AskedVolume {
 
 class AskedVolumes {
   public:
-    AskedVolumes(bool probe, bool move) : m_probe(probe), m_move(move) {}
+    explicit AskedVolumes(bool probe) : m_probe(probe) {}
     // For entries in an open directory.
     AskedVolume &of(const HeldDirectory &directory);
     const std::map<dev_t, UsedRoom> &rooms() const { return m_rooms; }
 
   private:
-    bool m_probe, m_move;
+    bool m_probe;
     std::map<std::string, AskedVolume> m_known;
     std::map<dev_t, UsedRoom> m_rooms;
 };

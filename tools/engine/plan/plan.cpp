@@ -57,8 +57,7 @@ class Planner::Walk {
 
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
-          m_selection(options.transfer.selection),
-          m_asked(options.probe, options.transfer.operation == Operation::move) {}
+          m_selection(options.transfer.selection), m_asked(options.probe) {}
 
     void run(const std::string &source, const std::string &destination);
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);

@@ -1,16 +1,16 @@
 #include "tools/engine/plan/rehearsal.h"
 
 #include "copy/copy.h"
-#include "platform/acl.h"
 #include "platform/core.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/kept.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/transfer/belongings.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/special_file.h"
-#include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
@@ -24,13 +24,10 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#pragma weak VLIBCFileIsRecord
-
 namespace engine {
 namespace {
 
 constexpr char kEntry[] = "entry", kNames[] = "names";
-constexpr mode_t kModeBits = 07777;
 constexpr int64_t kBlock = 512;
 // Between these all volumes that keep a time at all keep it.
 constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
@@ -47,34 +44,6 @@ std::string path_of(int directory, const std::string &name) {
     return fmt::format("/proc/self/fd/{}/{}", directory, name);
 }
 
-std::vector<std::string> attribute_names(const std::string &path) {
-    std::string list(size_t{64} << 10, '\0');
-    const ssize_t size = ::llistxattr(path.c_str(), list.data(), list.size());
-    std::vector<std::string> names;
-    for (std::string_view rest(list.data(), size < 0 ? 0 : static_cast<size_t>(size)); !rest.empty();) {
-        names.emplace_back(rest.substr(0, rest.find('\0')));
-        rest.remove_prefix(names.back().size() + 1);
-    }
-    return names;
-}
-
-// Attributes that are how the platform keeps DOS attributes and times. A copy has its own.
-enum class Records { left_out, taken };
-
-void copy_attributes(const std::string &from, int to, const std::vector<std::string> &prefixes, Records records) {
-    for (const std::string &name : attribute_names(from)) {
-        if (std::ranges::none_of(prefixes, [&](const std::string &prefix) { return name.starts_with(prefix); }) ||
-            (records == Records::left_out && VLIBCFileIsRecord != nullptr && VLIBCFileIsRecord(name.c_str()) != 0)) {
-            continue;
-        }
-        std::string value(size_t{64} << 10, '\0');
-        const ssize_t size = ::lgetxattr(from.c_str(), name.c_str(), value.data(), value.size());
-        if (size >= 0) {
-            (void)::fsetxattr(to, name.c_str(), value.data(), static_cast<size_t>(size), 0);
-        }
-    }
-}
-
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
            cls == LossClass::mac_attributes || cls == LossClass::locked;
@@ -89,8 +58,8 @@ bool is_plain_name(const std::string &name) {
 
 } // namespace
 
-Rehearsal::Rehearsal(int directory, int type, bool probe, bool move)
-    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)), m_move(move) {
+Rehearsal::Rehearsal(int directory, int type, bool probe)
+    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)) {
     struct statvfs volume {};
     if (::fstatvfs(directory, &volume) == 0) {
         m_longestName = volume.f_namemax;
@@ -153,6 +122,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
         m_known.emplace(key, losses);
     }
     add_holes(source, found, losses);
+    add_kept(source, merged, losses);
     return losses;
 }
 
@@ -199,29 +169,8 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
 
 // As the copy of an entry gets what belongs to it, beside its data and its store.
 void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) const {
-    const int place = m_place->fd();
-    const std::string from = source.path(), to = path_of(place, kEntry);
-    const Descriptor entry = open_entry(place, kEntry);
-    const int fd = entry.get();
-    if (m_volume.owners && ::fchown(fd, status.st.st_uid, status.st.st_gid) != 0) {
-        errno = 0; // as a comparison tells
-    }
-    (void)VEXOACLCopy(from.c_str(), to.c_str());
-    (void)VEXOACLArchiveCopy(from.c_str(), to.c_str());
-    copy_attributes(from, fd, {"user."}, Records::left_out);
-    if (::geteuid() == 0) {
-        copy_system_attributes(from, to);
-    }
-    give_dos_attributes(fd, status.attributes | (file ? uint32_t{VLIBC_ATTR_ARCHIVE} : 0));
-    const timespec times[] = {status.st.st_atim, status.st.st_mtim, status.createTime};
-    (void)VLIBCFileUTime(to.c_str(), 3, times);
-    // Where the mount gives the modes, the library gives a file what leaves all to that.
-    constexpr mode_t open = 0666;
-    (void)::fchmod(fd, file && !m_volume.owners ? open : status.st.st_mode & kModeBits);
-    struct stat now {};
-    if (::fstat(fd, &now) == 0 && now.st_mtim.tv_nsec != status.st.st_mtim.tv_nsec) {
-        (void)::futimens(fd, times);
-    }
+    const Descriptor entry = open_entry(m_place->fd(), kEntry);
+    give_belongings(source.path(), status, entry.get(), m_volume.owners, file);
 }
 
 // As the directory is that another one is going to be merged into.
@@ -231,7 +180,7 @@ void Rehearsal::dress_as(const Side &merged) const {
                     Records::taken);
 }
 
-// Whether a copy can have a store. Making "@eaDir" is root's.
+// Whether a copy can have a store.
 bool Rehearsal::takes_stores(const Side &source) const {
     switch (m_volume.store) {
     case StoreKind::none:
@@ -240,11 +189,12 @@ bool Rehearsal::takes_stores(const Side &source) const {
     case StoreKind::apple_double:
         return source.name.size() + 2 <= m_longestName;
     default:
-        return ::geteuid() == 0 || ::faccessat(m_directory, "@eaDir", W_OK | X_OK, AT_EACCESS) == 0;
+        return can_make_stores();
     }
 }
 
-std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &found, const Side *merged) {
+// `plain`: one of those in "@eaDir", for which nothing is kept. What is kept for others is for add_kept() to tell.
+std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &found, const Side *merged, bool plain) {
     std::vector<Loss> losses;
     VLIBCStat status{};
     constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
@@ -256,7 +206,7 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         dress_as(*merged);
     }
     dress(source, status, S_ISREG(found.st_mode));
-    VolumeFacts there = m_volume;
+    VolumeFacts there = plain ? plain_facts(m_volume) : m_volume;
     there.noDirectory = true; // nothing is kept for what stands there
     const Side copy{m_place->fd(), kEntry, there};
     Side bare = source; // without what is kept beside it
@@ -264,18 +214,10 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
     if (bare.volume.store != StoreKind::file_ea) {
         bare.volume.store = StoreKind::none;
     }
-    const bool stores = takes_stores(source);
-    for (Loss &loss : complete_copy(stores ? bare : source, copy)) {
-        if (loss.cls != LossClass::data && !(stores && is_of_store(loss.cls))) {
+    const bool stores = !plain && takes_stores(source);
+    for (Loss &loss : complete_copy(stores ? bare : source, copy, {}, false)) {
+        if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !(stores && is_of_store(loss.cls))) {
             losses.push_back(std::move(loss));
-        }
-    }
-    // A copy leaves there what only services keep in a directory of the entry's own.
-    if (stores && !m_move) {
-        for (Loss &loss : compare_entries(source, copy)) {
-            if (loss.cls == LossClass::not_carried) {
-                losses.push_back(std::move(loss));
-            }
         }
     }
     (void)remove_left_over(m_place->fd(), kEntry);

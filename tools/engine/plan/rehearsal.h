@@ -4,6 +4,7 @@
 #pragma once
 
 #include "tools/engine/compare/entry_view.h"
+#include "tools/engine/compare/kept.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/plan/room.h"
@@ -22,7 +23,7 @@ class Rehearsal {
   public:
     // `directory`, which is open, stays the caller's; it is that of the destination, or the nearest one above that is
     // there. `probe`: something may be made in it, for as long as this lives.
-    Rehearsal(int directory, int type, bool probe, bool move);
+    Rehearsal(int directory, int type, bool probe);
 
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
@@ -42,20 +43,25 @@ class Rehearsal {
     bool make(const struct stat &found, std::vector<Loss> &losses);
     void dress(const Side &source, const VLIBCStat &status, bool file) const;
     void dress_as(const Side &merged) const;
-    std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged);
-    std::vector<Loss> guess(const Side &source, const struct stat &found) const;
+    std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged, bool plain = false);
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool takes_stores(const Side &source) const;
+    bool can_make_stores() const;
+    void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
+    void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
+                         std::vector<Loss> &losses);
+    void add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses, int depth = 0);
+    bool add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
+                        std::vector<Loss> &losses);
     void find_out();
     void clear() const;
 
     int m_directory;
     VolumeFacts m_volume;
     FreeRoom m_room;
-    bool m_move;
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
     size_t m_longestName = 255;

@@ -1,6 +1,7 @@
 #include "tools/engine/relocate/proof.h"
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/kept.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -106,7 +107,9 @@ int Proof::compare_staged(const TreeTop &tree, const TreeTop &copy) {
 
 std::vector<Loss> Proof::losses_of(const Side &source, const Side &copy, bool known, bool times) const {
     const CompareOptions options{
-        .data = !known, .times = times, .costs = true, .stopped = [this] { return m_observer.stopped(); }};
+        .data = !known, .times = times, .begun = m_since.has_value(), .costs = true, .stopped = [this] {
+            return m_observer.stopped();
+        }};
     return m_staged ? complete_copy(source, copy, options) : compare_entries(source, copy, options);
 }
 
@@ -230,8 +233,9 @@ int Proof::compare_plain(int source, int copy, const std::string &path) {
         Fresh fresh;
         (void)look(source, name, fresh);
         const auto losses = copy < 0 ? std::vector<Loss>{{LossClass::not_carried, "is not in the copy"}}
-                                     : compare_entries({source, name, volume_facts(source, -1)},
-                                                       {copy, name, volume_facts(copy, -1)}, {.data = true});
+                                     : compare_entries({source, name, plain_facts(volume_facts(source))},
+                                                       {copy, name, plain_facts(volume_facts(copy))},
+                                                       {.data = true, .times = !m_since});
         int lost = 0;
         for (const Loss &loss : losses) {
             lost += lose(inner, loss);

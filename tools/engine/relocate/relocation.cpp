@@ -15,6 +15,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
@@ -361,7 +362,8 @@ void Relocating::carry_top_store(const struct stat &found) {
     }
     if (store_kind(type) != StoreKind::native) {
         (void)VEXOEARemove(to.c_str(), type);
-        (void)VEXOEACopyInternal(from.c_str(), to.c_str(), 0, 0, m_tree.type, type, nullptr, nullptr, nullptr);
+        (void)carry_beside({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
+                           {m_place.parent(), m_place.base(), volume_facts(m_place.parent(), type)});
     }
     // A stop while it was renamed may have left a read-only one writable.
     const Descriptor top = open_directory(m_place.parent(), m_place.base());

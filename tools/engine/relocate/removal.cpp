@@ -39,9 +39,10 @@ bool SourceRemoval::remove_directory(int parent, const std::string &name, int co
     }
     const Descriptor copy = open_directory(copyParent, there);
     // Its times are those of what was put into it or taken from it.
-    if (!*proven && !compare_entries({parent, name, volume_facts(parent)},
-                                     {copyParent, there, volume_facts(copyParent, m_copy.type)}, {.times = false})
-                         .empty()) {
+    if (!*proven &&
+        !compare_entries({parent, name, volume_facts(parent)},
+                         {copyParent, there, volume_facts(copyParent, m_copy.type)}, {.times = false, .begun = true})
+             .empty()) {
         (void)empty(directory.get(), copy.get(), kind, path);
         return left(path, {"was changed meanwhile, and stays"});
     }

@@ -95,7 +95,7 @@ class Lister {
                 claim(m_stored.empty() ? std::string() : stream_name(m_directory, name, stream), DT_REG, parts);
             }
         }
-        if (m_kind != StoreKind::native && m_kind != StoreKind::none) {
+        if (m_kind != StoreKind::none) {
             claim(name, DT_DIR, parts);
         }
         return parts;

@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/completion.h"
 
 #include "platform/core.h"
+#include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
 
@@ -98,7 +99,10 @@ void give_times(const Side &from, const Side &to, const VLIBCStat *before) {
     }
 }
 
-std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options) {
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options, bool kept) {
+    if (kept) {
+        carry_kept(source, copy, false);
+    }
     std::vector<Loss> losses = compare_entries(source, copy, options);
     const bool late = options.times && std::ranges::any_of(losses, is_time);
     const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);

@@ -10,6 +10,7 @@
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/file_attempt.h"
+#include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/special_file.h"
@@ -576,9 +577,10 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
 
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
-    const int everything = m_options.operation == Operation::move ? 1 : 0;
-    (void)VEXOEACopyInternal(attempt.where().below(attempt.what()).c_str(), attempt.to.below(name).c_str(), 0,
-                             everything, attempt.sourceType, attempt.to.type(), nullptr, nullptr, nullptr);
+    if (auto problem =
+            carry_beside(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side(name))) {
+        attempt.note(std::move(*problem));
+    }
     if (m_options.operation == Operation::move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }

@@ -10,6 +10,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
@@ -357,12 +358,15 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         level.outcome.problem = problem_of_errno(errno);
         return;
     }
+    carry_empty_store(source.in.side(source.name), destination.in.side(destination.name));
     give_dos_attributes(fd, level.status.attributes);
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move && !level.onTheWay ? 1 : 0,
-                             m_sourceType, m_destinationType, nullptr, nullptr, nullptr);
+    if (auto problem = carry_beside(source.in.side_now(source.name, m_sourceType),
+                                    destination.in.side_now(destination.name, m_destinationType))) {
+        level.outcome.warning = std::move(*problem);
+    }
     // While its owner may write to it: the creation time may be kept in an attribute.
     if ((status.st_mode & S_IWUSR) == 0) {
         (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
@@ -410,7 +414,9 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
         if (::unlinkat(source.in.fd(), source.name.c_str(), AT_REMOVEDIR) == 0) {
-            (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+            if (has_store(source.in, source.name)) { // or the library would remove an empty "@eaDir" beside it
+                (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+            }
             return true;
         }
     }

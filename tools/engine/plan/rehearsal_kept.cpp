@@ -1,0 +1,107 @@
+// What becomes of what lies in "@eaDir" and is no part of a store.
+#include "tools/engine/compare/kept.h"
+#include "tools/engine/plan/guess.h"
+#include "tools/engine/plan/rehearsal.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace engine {
+
+// Whether an "@eaDir" can be made. That is root's.
+bool Rehearsal::can_make_stores() const {
+    return ::geteuid() == 0 || ::faccessat(m_directory, "@eaDir", W_OK | X_OK, AT_EACCESS) == 0;
+}
+
+void Rehearsal::add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses) {
+    try {
+        const KeptPlace empty = kept_place(source, Kept::empty_store);
+        if (empty.there) {
+            add_empty_store(empty, source.volume, merged, losses);
+        }
+        const KeptPlace own = source.volume.noDirectory || source.volume.store == StoreKind::none
+                                  ? KeptPlace{}
+                                  : kept_place(source, Kept::own);
+        if (own.there) {
+            const bool carried = m_volume.store != StoreKind::none && can_make_stores();
+            add_tree({own.parent.get(), own.name, plain_facts(source.volume)}, "", carried, losses);
+        }
+    } catch (const Failure &failure) {
+        losses.push_back({LossClass::unreadable, fmt::format("what is kept in \"@eaDir\": {}", failure.what())});
+    }
+}
+
+// Where the directory that is merged into has one that holds something, that is the store of what lies there.
+void Rehearsal::add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
+                                std::vector<Loss> &losses) {
+    const KeptPlace there = merged == nullptr ? KeptPlace{} : kept_place(*merged, Kept::empty_store);
+    struct stat found {
+    }, other{};
+    const bool taken = there.parent.get() >= 0 && !there.there &&
+                       ::fstatat(there.parent.get(), there.name.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0;
+    if (::fstatat(empty.parent.get(), empty.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+        (taken && S_ISDIR(other.st_mode))) {
+        return;
+    }
+    const Side source{empty.parent.get(), empty.name, plain_facts(facts)};
+    if (taken || !add_kept_entry(source, found, empty.name, losses)) {
+        losses.push_back(kept_loss(found, empty.name));
+    }
+}
+
+// Each entry goes along by itself.
+void Rehearsal::add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses,
+                         int depth) {
+    struct stat found {};
+    if (::fstatat(source.directory, source.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    if (depth > kDeepestKept) {
+        throw Failure("too deep");
+    }
+    const Descriptor inner = S_ISDIR(found.st_mode) ? open_directory(source.directory, source.name) : Descriptor(-1);
+    const auto names = S_ISDIR(found.st_mode) ? names_in(inner.get()) : std::vector<std::string>();
+    if (!names) {
+        throw_errno("cannot be read");
+    }
+    const bool top = depth == 0 && !names->empty();
+    if (!(carried && add_kept_entry(source, found, path, losses)) && !top) {
+        losses.push_back(kept_loss(found, path));
+    }
+    for (const std::string &name : *names) {
+        if (!is_private_name(name)) {
+            add_tree({inner.get(), name, source.volume}, path.empty() ? name : joined(path, name), carried, losses,
+                     depth + 1);
+        }
+    }
+}
+
+// False: it stays where it is.
+bool Rehearsal::add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
+                               std::vector<Loss> &losses) {
+    if ((!S_ISREG(found.st_mode) && !S_ISDIR(found.st_mode) && !S_ISLNK(found.st_mode)) ||
+        (!path.empty() && refusal_of(source.name))) {
+        return false;
+    }
+    const std::vector<Loss> lacks = S_ISLNK(found.st_mode) ? losses_of_link(source, found)
+                                    : !probes()            ? guess_losses(source, m_directory, m_volume, true)
+                                                           : rehearse(source, found, nullptr, true);
+    const auto ends = [](const Loss &loss) {
+        return loss.cls == LossClass::symbolic_link || loss.cls == LossClass::file_too_large;
+    };
+    if (std::ranges::any_of(lacks, ends)) {
+        return false;
+    }
+    for (const Loss &loss : lacks) {
+        losses.push_back(kept_loss(loss, path));
+    }
+    return true;
+}
+
+} // namespace engine
