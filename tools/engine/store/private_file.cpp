@@ -1,6 +1,7 @@
 #include "tools/engine/store/private_file.h"
 
 #include "tools/engine/report/failure.h"
+#include "tools/engine/walk/text_hash.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -98,11 +99,7 @@ bool take_attribute(int source, int to, const std::string &name) {
 } // namespace
 
 std::string private_name_for(const std::string &name) {
-    uint64_t hash = 0xcbf29ce484222325U; // FNV-1a: names are short, and a clash only makes one of two wait
-    for (const char byte : name) {
-        hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001b3U;
-    }
-    return fmt::format(".vexofileop-ea-{:016x}", hash);
+    return fmt::format(".vexofileop-ea-{:016x}", text_hash(name)); // a clash only makes one of two wait
 }
 
 PrivateFile::PrivateFile(int directory, const std::string &name, mode_t mode)

@@ -320,7 +320,9 @@ std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) cons
 void FileTransfer::tidy(const HeldDirectory &directory) {
     struct stat found {};
     if (::fstat(directory.fd(), &found) == 0 && m_tidied.insert({found.st_dev, found.st_ino}).second) {
-        clear_left_overs(directory);
+        if (const auto unknown = clear_left_overs(directory); !unknown.empty()) {
+            m_observer.stays(directory.path(), unknown);
+        }
     }
 }
 

@@ -259,7 +259,7 @@ bool rename_made(const Placement &placement) {
 }
 
 // A command makes a directory of such a name for itself alone, whereas a file has its source's owner before it has its
-// name: a directory that anybody else may enter is somebody's own, whatever it is called.
+// name: a directory that anybody else may enter is somebody's own, whatever it is called and whoever made that up.
 bool may_be_ours(const HeldDirectory &directory, const std::string &name) {
     constexpr mode_t bits = 07777, closed = 0700;
     const auto found = directory.look(name);
@@ -423,8 +423,8 @@ void discard(const HeldDirectory &directory, const std::string &made) {
     (void)remove_left_over(directory.fd(), made);
 }
 
-void clear_left_overs(const HeldDirectory &directory) {
-    const auto names = left_overs_in(directory.fd());
+std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
+    auto [names, unknown] = left_overs_in(directory.fd());
     // What was not finished first: the file that a note tells of is gone from its private name then.
     std::set<std::string, std::less<>> kept;
     for (const std::string &name : names) {
@@ -437,6 +437,7 @@ void clear_left_overs(const HeldDirectory &directory) {
             discard(directory, name);
         }
     }
+    return std::move(unknown);
 }
 
 } // namespace engine

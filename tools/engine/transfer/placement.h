@@ -12,6 +12,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace engine {
 
@@ -55,7 +56,8 @@ Problem problem_of_placing(int number);
 // Removes what was made, with its store.
 void discard(const HeldDirectory &directory, const std::string &made);
 
-// Finishes or removes what processes that are gone have left in the directory.
-void clear_left_overs(const HeldDirectory &directory);
+// Finishes or removes what processes that are gone have left in the directory. Answers what stays, since that could not
+// be proven of them.
+std::vector<std::string> clear_left_overs(const HeldDirectory &directory);
 
 } // namespace engine

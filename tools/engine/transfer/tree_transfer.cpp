@@ -228,7 +228,7 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     case NameKind::companion:
         return true; // goes with the entry that it belongs to
     case NameKind::system:
-        return is_private_name(name)
+        return is_left_over(name)
                    ? left(level, name, Status::skipped, "skipped, left over from a command that was stopped", false)
                    : left(level, name, Status::skipped, "skipped, belongs to the system", true);
     case NameKind::stray:

@@ -3,6 +3,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
@@ -338,6 +339,23 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_flag("cancelled", stop_signal() != 0);
     summary.add_number("exit_status", status);
     return summary.line();
+}
+
+void Batch::stays(const std::string &directory, const std::vector<std::string> &names) {
+    const std::string first = engine::joined(directory, names.front());
+    if (m_options.json) {
+        Json line;
+        line.add_text("event", "left_over");
+        line.add_name("path", first);
+        line.add_number("count", static_cast<int64_t>(names.size()));
+        m_console.line(line.line());
+        return;
+    }
+    const std::string more = names.size() > 1 ? fmt::format(" and {} more like it", names.size() - 1) : "";
+    m_console.message(
+        fmt::format("{}{}: left by a command of another machine or container, or of an earlier start, which "
+                    "may not be over; stays, and can be removed if it is",
+                    engine::displayed(first), more));
 }
 
 void Batch::advance(int64_t bytes) {
