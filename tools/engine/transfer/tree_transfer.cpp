@@ -126,6 +126,10 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     auto names = names_in(level.from.fd());
+    if (names && m_move && std::ranges::any_of(*names, is_left_over)) {
+        m_files.tidy(level.from); // of a move that was stopped: what is kept for entries that are gone goes too
+        names = names_in(level.from.fd());
+    }
     if (!names) {
         return unreadable(level);
     }
@@ -395,13 +399,15 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     const bool same = now && now->st_dev == level.status.st.st_dev && now->st_ino == level.status.st.st_ino;
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
-        if (::unlinkat(source.in.fd(), source.name.c_str(), AT_REMOVEDIR) == 0) {
-            (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+        if (auto left = remove_with_store(source.in, source.name, [] { return true; })) {
+            if (!left->reason.empty()) {
+                level.outcome.warning = std::move(*left);
+            }
             return true;
         }
     }
     level.outcome.status = Status::failed;
-    level.outcome.problem = same ? problem_of_errno(errno) : Problem{"it was exchanged for something else meanwhile"};
+    level.outcome.problem = same ? problem_of_placing(errno) : Problem{"it was exchanged for something else meanwhile"};
     level.outcome.problem->reason =
         "arrived, but the source directory could not be removed: " + level.outcome.problem->reason;
     return false;
