@@ -180,21 +180,43 @@ TEST_F(SafeCopy, FilesThatSayTheyAreEmptyAreRefused) {
     EXPECT_EQ("old", kit::readFile(to));
 }
 
-TEST_F(SafeCopy, WhatIsLeftOverOfStoppedCommandsIsNeitherCopiedNorKept) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(0);
-    }
-    ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
-    const std::string left = ".vexofileop-" + std::to_string(child) + "-1";
+// A user may call his files as he likes.
+TEST_F(SafeCopy, OwnFilesThatAreCalledAsLeftOversAreFilesLikeEveryOther) {
+    const std::string name = ".vexofileop-4194303-1";
     directory("tree");
+    directory("tree/" + name + ".d");
     directory("out");
-    kit::writeFile(scratch / "tree/" + left, "half");
-    kit::writeFile(scratch / "out/" + left, "half");
-    const ToolResult result = runTool({"copy", "-r", scratch / "tree", scratch / "out"});
-    EXPECT_TRUE(mentions(result.out + result.err, "1 skipped")) << result.out << result.err;
-    EXPECT_EQ((std::vector<std::string>{"tree"}), kit::namesIn(scratch / "out"));
-    EXPECT_TRUE(kit::namesIn(scratch / "out/tree").empty());
+    kit::writeFile(scratch / "tree/" + name, "mine");
+    kit::writeFile(scratch / "tree/" + name + ".d/file", "mine");
+    kit::writeFile(scratch / "out/" + name, "mine");
+    EXPECT_EQ(0, runTool({"copy", "-r", scratch / "tree", scratch / "out"}).status);
+    EXPECT_EQ("mine", kit::readFile(scratch / "out/" + name));
+    EXPECT_EQ("mine", kit::readFile(scratch / "out/tree/" + name));
+    EXPECT_EQ("mine", kit::readFile(scratch / "out/tree/" + name + ".d/file"));
+    EXPECT_EQ(0, runTool({"compare", scratch / "tree", scratch / "out/tree"}).status);
+    kit::writeFile(scratch / "out/tree/" + name, "else");
+    EXPECT_EQ(1, runTool({"compare", scratch / "tree", scratch / "out/tree"}).status);
+    EXPECT_EQ(0, runTool({"copy", scratch / "tree/" + name, scratch / "copy"}).status);
+    EXPECT_EQ("mine", kit::readFile(scratch / "copy"));
+    EXPECT_EQ(0, runTool({"copy", scratch / "out/" + name, scratch / "out/copy"}).status);
+    EXPECT_EQ("mine", kit::readFile(scratch / "out/copy"));
+    EXPECT_EQ(0, runTool({"relocate", "-y", scratch / "tree", scratch / "moved"}).status);
+    EXPECT_EQ("mine", kit::readFile(scratch / "moved/" + name));
+    EXPECT_EQ("mine", kit::readFile(scratch / "moved/" + name + ".d/file"));
+    EXPECT_EQ(0, runTool({"move", scratch / "moved/" + name, scratch / "single"}).status);
+    EXPECT_EQ("mine", kit::readFile(scratch / "single"));
+    EXPECT_EQ(0, runTool({"remove", scratch / "out/" + name}).status);
+    EXPECT_FALSE(kit::exists(scratch / "out/" + name));
+}
+
+TEST_F(SafeMove, OwnFilesThatAreCalledAsLeftOversGoToAnotherVolume) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    directory("tree");
+    kit::writeFile(scratch / "tree/.vexofileop-4194303-1", "mine");
+    const ToolResult result = runTool({"move", scratch / "tree", volume / "tree"});
+    EXPECT_EQ(0, result.status) << result.out << result.err;
+    EXPECT_EQ("mine", kit::readFile(volume / "tree/.vexofileop-4194303-1"));
+    EXPECT_FALSE(kit::exists(scratch / "tree"));
 }
 
 TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {

@@ -9,6 +9,7 @@
 #include "tests/kit/scratch.h"
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/store/private_file.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -308,13 +309,14 @@ TEST_F(RemovalSweep, WhatAKilledChangeOfItsStoreHasLeftGoes) {
 
 TEST_F(RemovalSweep, WhatAKilledCopyHasLeftBesideItGoes) {
     const kit::ScratchDirectory scratch;
-    const int dead = kit::inChild([] { return 0; }) == 0 ? 4'194'304 : 0; // above every process number
+    Maker dead = own_maker();
+    dead.process = 4'194'304; // above every process number
+    const std::string running = next_private_name();
     kit::writeFile(scratch / "file", "x");
-    kit::writeFile(scratch / (".vexofileop-" + std::to_string(dead) + "-1"), "half a copy");
-    kit::writeFile(scratch / (".vexofileop-" + std::to_string(::getpid()) + "-1"), "a copy under way");
+    kit::writeFile(scratch / private_name(dead, 1), "half a copy");
+    kit::writeFile(scratch / running, "a copy under way");
     EXPECT_TRUE(removes(scratch / "file"));
-    EXPECT_EQ(std::vector<std::string>{".vexofileop-" + std::to_string(::getpid()) + "-1"},
-              kit::namesIn(scratch.path()));
+    EXPECT_EQ(std::vector<std::string>{running}, kit::namesIn(scratch.path()));
 }
 
 } // namespace

@@ -4,17 +4,22 @@
 #include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/store/store.h"
 #include "tools/engine/transfer/transfer.h"
-#include "tools/engine/walk/directory_lock.h"
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/patience.h"
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -231,6 +236,105 @@ TEST_P(LockedDirectory, IsWaitedForAndThenTold) {
     scene.run(GetParam().first, "one");
     EXPECT_TRUE(scene.isWhole("one", true)) << scene.state();
     EXPECT_EQ("good", kit::readFile(scene.told("one"))) << scene.state();
+}
+
+// Two attributes of one file, which has a store before or gets it then.
+class ChangedTogether : public ::testing::TestWithParam<bool> {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+        file = scratch / "file";
+        kit::writeFile(file, "data");
+        calls = supervised({}, "none").calls.size();
+    }
+    void TearDown() override { set_lock_patience(kLockPatience); }
+    void begin() const {
+        std::filesystem::remove_all(scratch / "@eaDir");
+        if (GetParam()) {
+            Store(file).set("before", "b", Store::Existing::either);
+        }
+    }
+    // Nothing: it is set.
+    std::string set(const std::string &name) const {
+        try {
+            Store(file).set(name, "value of " + name, Store::Existing::either);
+        } catch (const Failure &failure) {
+            return failure.what();
+        }
+        return "";
+    }
+    bool has(const std::string &name) const {
+        for (const Store::Attribute &attribute : Store(file).list()) {
+            if (attribute.name == name) {
+                return Store(file).get(name) == (name == "before" ? "b" : "value of " + name);
+            }
+        }
+        return false;
+    }
+    faults::Outcome supervised(const faults::Plan &plan, const std::string &name) const {
+        begin();
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            const std::string told = set(name);
+            window.close();
+            kit::writeFile(scratch / "told", told);
+        });
+    }
+
+    kit::ScratchDirectory scratch;
+    std::string file;
+    size_t calls = 0;
+};
+INSTANTIATE_TEST_SUITE_P(Stores, ChangedTogether, ::testing::Bool(),
+                         [](const auto &each) { return each.param ? "There" : "New"; });
+
+TEST_P(ChangedTogether, BothAreSet) {
+    KIT_NOT_SANITIZED();
+    for (size_t at = 0; at < calls; at += 2) {
+        pid_t second = -1;
+        const auto meeting = [&] {
+            second = ::fork();
+            if (second == 0) {
+                const std::string told = set("two");
+                kit::writeFile(scratch / "told.two", told);
+                ::_exit(0);
+            }
+        };
+        if (!supervised({.action = faults::Plan::Action::meet, .at = at, .meeting = meeting}, "one").reached) {
+            break;
+        }
+        int status = 0;
+        EXPECT_EQ(second, ::waitpid(second, &status, 0));
+        EXPECT_EQ("", kit::readFile(scratch / "told")) << at;
+        EXPECT_EQ("", kit::readFile(scratch / "told.two")) << at;
+        EXPECT_TRUE(has("one") && has("two") && (!GetParam() || has("before"))) << at;
+    }
+}
+
+TEST_P(ChangedTogether, WhoGivesUpSaysWhy) {
+    KIT_NOT_SANITIZED();
+    set_lock_patience(0ms);
+    int refused = 0;
+    for (size_t at = 0; at < calls; ++at) {
+        std::string second;
+        const auto meeting = [&] { second = set("two"); };
+        if (!supervised({.action = faults::Plan::Action::meet, .at = at, .meeting = meeting}, "one").reached) {
+            break;
+        }
+        const std::string first = kit::readFile(scratch / "told");
+        for (const auto &[name, told] : {std::pair<std::string, std::string>{"one", first}, {"two", second}}) {
+            EXPECT_EQ(told.empty(), has(name)) << at << ": " << told;
+            EXPECT_TRUE(told.empty() || told.find("another process") != std::string::npos) << at << ": " << told;
+        }
+        EXPECT_TRUE(!GetParam() || has("before")) << at;
+        refused += second.empty() ? 0 : 1;
+    }
+    EXPECT_LT(3, refused);
 }
 
 } // namespace

@@ -252,7 +252,7 @@ class TreeComparison {
     }
 
     void entry(Level &level, const Listing::Item &item) {
-        if (is_private_name(item.name)) {
+        if (is_left_over(item.name)) {
             return; // of a command that was stopped: nothing that is not somewhere else as well
         }
         const std::string path = joined(level.one.path, item.name);
@@ -345,7 +345,7 @@ class TreeComparison {
             return takes(level.other.fd(), name, joined(level.one.path, name));
         };
         for (const Listing::Item &item : level.there.items) {
-            if (!level.names.is_taken(item.name) && !is_private_name(item.name) && meant(item.name)) {
+            if (!level.names.is_taken(item.name) && !is_left_over(item.name) && meant(item.name)) {
                 m_observer.extra(joined(level.other.path, item.name), kind_of_item(item));
             }
         }

@@ -222,7 +222,7 @@ void Planner::Walk::run(const std::string &given, const std::string &destination
 
 bool Planner::Walk::left(const std::string &path, const Destination &to, const std::string &name, NameKind kind) {
     PlannedEntry planned{.source = path, .destination = joined(to.path, name), .deed = Deed::skip};
-    if (kind == NameKind::system && is_private_name(name)) {
+    if (kind == NameKind::system && is_left_over(name)) {
         planned.problem = Problem{"skipped, left over from a command that was stopped", 0, true};
         return tell(std::move(planned));
     }

@@ -122,7 +122,7 @@ bool TreeRemoval::open_parent(const std::string &path, const std::string &name) 
         // Where that takes no time: who removes the files of a large directory one by one should not list it each time.
         if (found.st_size <= kQuicklyListed && !is_private_name(name) &&
             m_tidied.insert({found.st_dev, found.st_ino}).second) {
-            clear_left_overs(m_parent);
+            (void)clear_left_overs(m_parent);
         }
         m_levels.push_back(std::move(parent));
     }

@@ -12,6 +12,12 @@ class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Another process came in between, nothing was changed, and doing it all again may work.
+class Overtaken : public Failure {
+  public:
+    using Failure::Failure;
+};
+
 // "WHAT: " and the reason: the library's last error, else errno.
 [[noreturn]] void throw_last_error(const std::string &what);
 // The same for a negative result.

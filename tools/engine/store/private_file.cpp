@@ -1,7 +1,9 @@
 #include "tools/engine/store/private_file.h"
 
 #include "tools/engine/report/failure.h"
+#include "tools/engine/walk/patience.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/text_hash.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,35 +31,47 @@ bool is_at(int directory, const std::string &name, int fd) {
            there.st_dev == own.st_dev && there.st_ino == own.st_ino;
 }
 
-// What a killed run left: whoever works on such a file has it locked.
-void remove_stale(int directory, const std::string &name) {
+// What a killed run left: whoever works on such a file has it locked. False: somebody does.
+bool remove_stale(int directory, const std::string &name) {
     const Descriptor stale(::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (stale.get() < 0 && errno == ENOENT) {
-        return;
+        return true;
     }
     if (stale.get() >= 0 && ::flock(stale.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        throw Failure("another process is changing it");
+        return false;
+    }
+    if (stale.get() >= 0 && !is_at(directory, name, stale.get())) {
+        return true; // it was put in its place meanwhile, and this is the next one's
     }
     if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) {
         throw_errno("what an earlier run left cannot be removed");
     }
+    return true;
 }
 
 void make(int directory, const std::string &name, mode_t mode, Descriptor &made) {
-    constexpr int tries = 8; // each is lost to another process only
-    for (int count = 0; count < tries; ++count) {
+    Patience patience;
+    do {
         Descriptor file(::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
         if (file.get() < 0) {
+            if (errno == ENOENT) {
+                throw Overtaken("another process has removed the directory of its store meanwhile");
+            }
             if (errno != EEXIST) {
                 throw_errno("a copy of its store cannot be made");
             }
-            remove_stale(directory, name);
-        } else if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && is_at(directory, name, file.get())) {
+            if (!remove_stale(directory, name)) {
+                continue; // to the look at the clock
+            }
+            file =
+                Descriptor(::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+        }
+        if (file.get() >= 0 && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && is_at(directory, name, file.get())) {
             made.swap(file);
             return;
         }
-    }
-    throw Failure("another process is changing it");
+    } while (patience.wait());
+    throw Failure("another process is changing it, and did not end in time");
 }
 
 std::vector<std::string> attribute_names(int fd) {
@@ -99,21 +113,17 @@ bool take_attribute(int source, int to, const std::string &name) {
 } // namespace
 
 std::string private_name_for(const std::string &name) {
-    uint64_t hash = 0xcbf29ce484222325U; // FNV-1a: names are short, and a clash only makes one of two wait
-    for (const char byte : name) {
-        hash = (hash ^ static_cast<uint8_t>(byte)) * 0x100000001b3U;
-    }
-    return fmt::format(".vexofileop-ea-{:016x}", hash);
+    return fmt::format(".vexofileop-ea-{:016x}", text_hash(name)); // a clash only makes one of two wait
 }
 
 PrivateDirectory::PrivateDirectory(int parent, const std::string &name)
     : m_parent(parent), m_name(private_name_for(name)), m_fd(-1) {
-    constexpr int tries = 8; // each is lost to another process only
-    for (int count = 0; count < tries && m_fd.get() < 0; ++count) {
+    Patience patience;
+    do {
         make();
-    }
+    } while (m_fd.get() < 0 && patience.wait());
     if (m_fd.get() < 0) {
-        throw Failure("another process is changing it");
+        throw Failure("another process is changing it, and did not end in time");
     }
 }
 
@@ -128,7 +138,7 @@ void PrivateDirectory::make() {
     }
     // Whoever works in such a directory has it locked. A volume without locks has nobody else at work on it either.
     if (directory.get() >= 0 && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-        throw Failure("another process is changing it");
+        return;
     }
     struct stat found {};
     if (made && directory.get() >= 0 && is_at(m_parent, m_name, directory.get()) &&
@@ -251,6 +261,9 @@ void put_in_place(int directory, int fd, const std::string &name, const std::str
             errno = EEXIST;
             result = taken ? -1 : ::renameat(directory, name.c_str(), directory, target.c_str());
         }
+    }
+    if (result != 0 && !replace && errno == EEXIST) {
+        throw Overtaken("another process has given it a store meanwhile");
     }
     if (result != 0) {
         throw_errno("the changed store cannot be put in place");

@@ -16,7 +16,8 @@ std::string private_name_for(const std::string &name);
 class PrivateFile {
   public:
     // A new, empty file in the open directory. One that a killed run left is removed; where another process works on
-    // it, and where it cannot be made, this throws Failure. `directory` has to outlive it.
+    // it this waits. Throws Failure where that takes too long, and where it cannot be made. `directory` has to outlive
+    // it.
     PrivateFile(int directory, const std::string &name, mode_t mode);
     PrivateFile(const PrivateFile &) = delete;
     PrivateFile &operator=(const PrivateFile &) = delete;
@@ -66,7 +67,7 @@ void take_properties_of_ours(int source, int to);
 void give_mode(int fd, mode_t mode);
 
 // Makes the open file `fd`, which is `name` in `directory`, durable and renames it there to `target`. `replace`: over
-// what is there; otherwise nothing may be there. Throws Failure.
+// what is there; otherwise nothing may be there. Throws Failure, and Overtaken where there is.
 void put_in_place(int directory, int fd, const std::string &name, const std::string &target, bool replace);
 
 // Appends `size` bytes of an open file to another, at `to`. Throws Failure.

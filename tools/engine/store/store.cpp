@@ -8,11 +8,13 @@
 #include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/patience.h"
 
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <functional>
 #include <linux/limits.h>
 #include <memory>
 #include <sys/stat.h>
@@ -35,6 +37,20 @@ int companion(StoreKind kind) {
     throw Failure(fmt::format("{} ({})", reason_of(kNotFound), code_text(kNotFound)));
 }
 
+// A change that another process came in between of is made anew, on what that has left.
+void unless_overtaken(const std::function<void()> &change) {
+    for (Patience patience;;) {
+        try {
+            change();
+            return;
+        } catch (const Overtaken &) {
+            if (!patience.wait()) {
+                throw;
+            }
+        }
+    }
+}
+
 // An open attribute stream, locked for reading; false where there is none.
 class OpenStream {
   public:
@@ -48,10 +64,7 @@ class OpenStream {
                 return;
             }
             check(m_fd->get(), "cannot open the attributes");
-            m_stream.reset(VEXOEASOpen(m_fd->get(), F_RDLCK));
-            if (!m_stream) {
-                throw_last_error("cannot read the attributes");
-            }
+            m_stream = open_stream(m_fd->get(), F_RDLCK);
         } while (is_removed());
     }
     explicit operator bool() const { return m_stream != nullptr; }
@@ -160,12 +173,14 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
     if (value.size() > kLargestValue) {
         throw Failure("the value is too large");
     }
-    const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
-    const bool there = change.has(name);
-    if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
-        throw Failure(there ? "the attribute exists" : "there is no such attribute");
-    }
-    change.commit({{name, value}});
+    unless_overtaken([&] {
+        const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
+        const bool there = change.has(name);
+        if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
+            throw Failure(there ? "the attribute exists" : "there is no such attribute");
+        }
+        change.commit({{name, value}});
+    });
 }
 
 void Store::remove(const std::string &name) const {
@@ -173,11 +188,13 @@ void Store::remove(const std::string &name) const {
         remove_native(m_file, name);
         return;
     }
-    const StreamChange change(m_path, m_kind, false, m_file);
-    if (!change.has(name)) {
-        throw_not_found();
-    }
-    change.commit({{name, std::nullopt}});
+    unless_overtaken([&] {
+        const StreamChange change(m_path, m_kind, false, m_file);
+        if (!change.has(name)) {
+            throw_not_found();
+        }
+        change.commit({{name, std::nullopt}});
+    });
 }
 
 std::string Store::stream_path(const char *stream) const {

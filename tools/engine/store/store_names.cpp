@@ -26,7 +26,7 @@ NameKind name_kind(const std::string &directory, const std::string &name, int vo
                : is_store_name(name) ? NameKind::stray
                                      : NameKind::system;
     }
-    if (is_private_name(name)) {
+    if (is_left_over(name)) {
         return NameKind::system;
     }
     if (!name.starts_with("._")) {

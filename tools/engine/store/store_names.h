@@ -10,7 +10,7 @@ enum class NameKind {
     store,     // "@eaDir": what it holds belongs to the entries beside it
     companion, // "._name" of an entry `name` on a volume that keeps metadata so
     stray,     // "._name" of anything else; "@eaDir" that is no directory; "@EADIR" where that is another name
-    system,    // "@tmp", "@sharebin": of the appliance; and what a command has under way, or has left unfinished
+    system,    // "@tmp", "@sharebin": of the appliance; and what a command that is gone has left unfinished
 };
 // What a name in `directory`, on a volume of the type `volumeType`, is to a copy of the tree.
 NameKind name_kind(const std::string &directory, const std::string &name, int volumeType);

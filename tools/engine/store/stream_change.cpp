@@ -3,6 +3,7 @@
 #include "platform/core.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/patience.h"
 
 #include <algorithm>
 #include <array>
@@ -169,15 +170,25 @@ bool is_same_entry(int directory, const std::string &name, int fd) {
            there.st_dev == own.st_dev && there.st_ino == own.st_ino;
 }
 
-StreamHandle opened(int fd, int lock) {
-    StreamHandle stream(VEXOEASOpen(fd, lock));
-    if (!stream) {
-        throw_last_error("cannot read the attributes");
-    }
-    return stream;
-}
-
 } // namespace
+
+StreamHandle open_stream(int fd, int lock) {
+    constexpr uint32_t locked = 0x0400; // by somebody else
+    Patience patience;
+    for (;;) {
+        forget_last_error();
+        StreamHandle stream(VEXOEASOpen(fd, lock));
+        if (stream) {
+            return stream;
+        }
+        if (VLIBCErrGet() != locked) {
+            throw_last_error("cannot read the attributes");
+        }
+        if (!patience.wait()) {
+            throw_last_error("another process is using it, and did not end in time");
+        }
+    }
+}
 
 Descriptor open_store_directory(const std::string &place, StoreKind kind, bool make) {
     const std::string holder = parent_of(place);
@@ -224,7 +235,7 @@ void StreamChange::lock() {
             throw Failure("what is in the place of its store is no regular file");
         }
         m_file.swap(file);
-        m_stream = opened(m_file.get(), F_WRLCK);
+        m_stream = open_stream(m_file.get(), F_WRLCK);
         // One that was replaced or removed before the lock was there is not what anybody will read.
     } while (!is_same_entry(m_directory.get(), name, m_file.get()));
 }
@@ -289,9 +300,9 @@ void StreamChange::replace(const std::vector<StreamEdit> &edits, PrivateFile &co
     if (m_stream) {
         copy.fill_from(m_file.get());
     }
-    apply(opened(copy.fd(), F_WRLCK).get(), edits);
+    apply(open_stream(copy.fd(), F_WRLCK).get(), edits);
     {
-        const StreamHandle after = opened(copy.fd(), F_RDLCK);
+        const StreamHandle after = open_stream(copy.fd(), F_RDLCK);
         if (m_stream) {
             check_kept(m_stream.get(), after.get(), edits);
         }
@@ -318,7 +329,7 @@ void StreamChange::complete(int fd) const {
     bool takesFinderInfo = false;
     bool takesFork = false;
     {
-        const StreamHandle stream = opened(fd, F_WRLCK);
+        const StreamHandle stream = open_stream(fd, F_WRLCK);
         for (int at = 0; at < stream->header.attrCount; ++at) {
             brought.push_back({stream->records[at].name, std::nullopt});
         }
@@ -338,7 +349,7 @@ void StreamChange::complete(int fd) const {
             append_fork(stream.get(), m_stream.get());
         }
     }
-    const StreamHandle after = opened(fd, F_RDLCK);
+    const StreamHandle after = open_stream(fd, F_RDLCK);
     check_attributes_kept(m_stream.get(), after.get(), brought);
     if (takesFinderInfo) {
         check_finder_info_kept(m_stream.get(), after.get());

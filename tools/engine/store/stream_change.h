@@ -33,10 +33,13 @@ using StreamHandle = std::unique_ptr<VEXOEAS, CloseStream>;
 // keep there.
 bool holds_attributes_only(const VEXOEAS *stream);
 
+// Opens a stream file with a lock (F_RDLCK, F_WRLCK), for which it waits a while. Throws Failure.
+StreamHandle open_stream(int fd, int lock);
+
 class StreamChange {
   public:
     // Takes the lock of the file that is to be changed, and holds it. `make`: the directory of a file that is to be is
-    // made. On a volume of native attributes there is none. Throws Failure, also where somebody else has the lock and
+    // made. On a volume of native attributes there is none. Throws Failure, also where somebody else keeps the lock and
     // where a link or anything else is in its place. `file`: the file itself by another path, for its archive flag.
     StreamChange(std::string path, StoreKind kind, bool make, std::string file = {});
 

@@ -162,6 +162,9 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     if (auto problem = check_source(attempt)) {
         if (!attempt.entry && destinationError == 0) {
             tidy(to); // an earlier run may have moved it, and been stopped before its store followed
+            if (m_options.operation == Operation::move && from.is_open()) {
+                tidy(from); // or was removed
+            }
         }
         Outcome outcome = failure(destination, *problem);
         if (attempt.special) {
@@ -321,7 +324,9 @@ std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) cons
 void FileTransfer::tidy(const HeldDirectory &directory) {
     struct stat found {};
     if (::fstat(directory.fd(), &found) == 0 && m_tidied.insert({found.st_dev, found.st_ino}).second) {
-        clear_left_overs(directory);
+        if (const auto unknown = clear_left_overs(directory); !unknown.empty()) {
+            m_observer.stays(directory.path(), unknown);
+        }
     }
 }
 
@@ -696,24 +701,26 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
 void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
     const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
-    if ((attempt.kept && !attempt.kept->unchanged(attempt.from, attempt.sourceName)) ||
-        !copied.unchanged(attempt.from.fd(), attempt.sourceName)) {
+    auto left = remove_with_store(attempt.from, attempt.sourceName, [&] {
+        return (!attempt.kept || attempt.kept->unchanged(attempt.from, attempt.sourceName)) &&
+               copied.unchanged(attempt.from.fd(), attempt.sourceName);
+    });
+    if (!left && (errno == ESTALE || errno == ENOENT)) {
         attempt.note({"copied, but the source was changed or exchanged meanwhile, and stays"});
         outcome.sourceStays = true;
         return;
     }
-    if (::unlinkat(attempt.from.fd(), attempt.sourceName.c_str(), 0) != 0) {
-        outcome = failure(outcome.destination, {"copied, but the source could not be removed and is still there"});
+    if (!left) {
+        const std::string why = errno == EWOULDBLOCK ? ": " + problem_of_placing(errno).reason : "";
+        outcome =
+            failure(outcome.destination, {"copied, but the source could not be removed and is still there" + why});
         outcome.losses = attempt.losses;
         return;
     }
-    struct stat left {};
-    if (!attempt.asItIs && m_linked.contains(*attempt.content) && ::fstat(attempt.file.get(), &left) == 0) {
-        m_linked.touched(left);
-    }
-    if (has_store(attempt.from, attempt.sourceName) &&
-        VEXOEARemove(attempt.from.below(attempt.sourceName).c_str(), attempt.sourceType) != 0) {
-        attempt.note({"moved, but what was kept beside the source could not be removed", VLIBCErrGet()});
+    attempt.note(std::move(*left));
+    struct stat now {};
+    if (!attempt.asItIs && m_linked.contains(*attempt.content) && ::fstat(attempt.file.get(), &now) == 0) {
+        m_linked.touched(now);
     }
 }
 

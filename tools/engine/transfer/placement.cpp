@@ -29,6 +29,12 @@ namespace {
 
 // A note of a placement, by what is done next once the file has its name: the old store goes, then the new one follows.
 constexpr std::string_view kOldStoreGoes = ".clear", kNewStoreFollows = ".store";
+// Of an entry that goes: what is kept for it follows.
+constexpr std::string_view kEntryGoes = ".gone";
+
+bool is_note(std::string_view name) {
+    return name.ends_with(kOldStoreGoes) || name.ends_with(kNewStoreFollows) || name.ends_with(kEntryGoes);
+}
 
 constexpr char kNotFound[] = "it is there, but what is kept for it could not be found where it was";
 
@@ -259,7 +265,7 @@ bool rename_made(const Placement &placement) {
 }
 
 // A command makes a directory of such a name for itself alone, whereas a file has its source's owner before it has its
-// name: a directory that anybody else may enter is somebody's own, whatever it is called.
+// name: a directory that anybody else may enter is somebody's own, whatever it is called and whoever made that up.
 bool may_be_ours(const HeldDirectory &directory, const std::string &name) {
     constexpr mode_t bits = 07777, closed = 0700;
     const auto found = directory.look(name);
@@ -282,6 +288,10 @@ bool clear_note(const HeldDirectory &directory, const std::string &path) {
         return false;
     }
     const auto there = note ? directory.look(note->name) : std::nullopt;
+    if (path.ends_with(kEntryGoes)) {
+        const bool gone = note && !there && errno == ENOENT;
+        return (!gone || clear_store(directory, note->name)) && ::unlinkat(directory.fd(), path.c_str(), 0) == 0;
+    }
     if (there && there->st_ino == note->inode && !directory.look(made)) {
         if (finish_store(directory, made, *note, nullptr).reason == kNotFound) {
             ::unlinkat(directory.fd(), (made + std::string(kNewStoreFollows)).c_str(), 0); // nobody will find it
@@ -410,6 +420,31 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
     return once_placed(lock, to, note, follow(to, note, from).value_or(Problem{}));
 }
 
+std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name,
+                                         const std::function<bool()> &isMeant) {
+    const bool stored = has_store(directory, name);
+    const DirectoryLock lock(stored ? directory.fd() : -1);
+    const auto found = directory.look(name);
+    if (lock.is_refused() || !found || !isMeant()) {
+        errno = lock.is_refused() ? EWOULDBLOCK : found ? ESTALE : errno;
+        return std::nullopt;
+    }
+    const std::string note = next_private_name() + std::string(kEntryGoes);
+    // Where none can be written, as on a full volume, nothing but a kill can part the two.
+    const bool noted = stored && write_note(directory, note, {.inode = found->st_ino, .name = name});
+    const bool gone = ::unlinkat(directory.fd(), name.c_str(), S_ISDIR(found->st_mode) ? AT_REMOVEDIR : 0) == 0;
+    const int number = errno;
+    Problem problem;
+    if (gone && stored && !clear_store(directory, name)) {
+        problem = failed_with("moved, but what was kept beside the source could not be removed");
+    }
+    if (stored && (!noted || problem.reason.empty())) {
+        ::unlinkat(directory.fd(), note.c_str(), 0);
+    }
+    errno = number;
+    return gone ? std::optional(std::move(problem)) : std::nullopt;
+}
+
 Problem problem_of_placing(int number) {
     return number == EWOULDBLOCK
                ? Problem{"another process holds the lock on its directory, and has not let go of it in time"}
@@ -423,12 +458,12 @@ void discard(const HeldDirectory &directory, const std::string &made) {
     (void)remove_left_over(directory.fd(), made);
 }
 
-void clear_left_overs(const HeldDirectory &directory) {
-    const auto names = left_overs_in(directory.fd());
+std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
+    auto [names, unknown] = left_overs_in(directory.fd());
     // What was not finished first: the file that a note tells of is gone from its private name then.
     std::set<std::string, std::less<>> kept;
     for (const std::string &name : names) {
-        if ((name.ends_with(kOldStoreGoes) || name.ends_with(kNewStoreFollows)) && !clear_note(directory, name)) {
+        if (is_note(name) && !clear_note(directory, name)) {
             kept.emplace(without_suffix(name));
         }
     }
@@ -437,6 +472,7 @@ void clear_left_overs(const HeldDirectory &directory) {
             discard(directory, name);
         }
     }
+    return std::move(unknown);
 }
 
 } // namespace engine

@@ -10,8 +10,10 @@
 #include "tools/engine/report/problem.h"
 #include "tools/engine/transfer/held_directory.h"
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace engine {
 
@@ -49,13 +51,20 @@ struct Renaming {
 // empty reason where there is nothing to say.
 std::optional<Problem> rename_with_store(const Renaming &renaming);
 
-// For an errno of these two, of which EWOULDBLOCK is a directory that somebody else has locked.
+// Removes a source that was copied, with what is kept for it: a note tells of that from before the entry goes, and
+// whoever comes next finishes it. `isMeant` is asked last. Nothing, with errno, when the entry is still there, ESTALE
+// where `isMeant` said no. Else what could not be removed, with an empty reason where there is nothing to say.
+std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name,
+                                         const std::function<bool()> &isMeant);
+
+// For an errno of these three, of which EWOULDBLOCK is a directory that somebody else has locked.
 Problem problem_of_placing(int number);
 
 // Removes what was made, with its store.
 void discard(const HeldDirectory &directory, const std::string &made);
 
-// Finishes or removes what processes that are gone have left in the directory.
-void clear_left_overs(const HeldDirectory &directory);
+// Finishes or removes what processes that are gone have left in the directory. Answers what stays, since that could not
+// be proven of them.
+std::vector<std::string> clear_left_overs(const HeldDirectory &directory);
 
 } // namespace engine

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace engine {
 
@@ -18,6 +19,9 @@ class TransferObserver : public Observer {
     // So many files and links arrived in a directory of the destination, of which there is nothing to say; of `bytes`
     // together.
     virtual void arrived(const std::string &directory, int files, int64_t bytes) = 0;
+    // What stands in a directory of the destination under names of what is under way, by processes of which nobody can
+    // tell here whether they are over: those of another machine or container. Told once a directory.
+    virtual void stays(const std::string &, const std::vector<std::string> &) {}
     // So many more bytes are done; `newFile`: the first of a file in a tree.
     virtual void progress(int64_t bytes, bool newFile) = 0;
     // For Conflict::ask: whether what stands at the destination goes.

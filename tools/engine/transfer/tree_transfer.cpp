@@ -134,6 +134,10 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     auto names = names_in(level.from.fd());
+    if (names && m_move && std::ranges::any_of(*names, is_left_over)) {
+        m_files.tidy(level.from); // of a move that was stopped: what is kept for entries that are gone goes too
+        names = names_in(level.from.fd());
+    }
     if (!names) {
         return unreadable(level);
     }
@@ -235,7 +239,7 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     case NameKind::companion:
         return true; // goes with the entry that it belongs to
     case NameKind::system:
-        return is_private_name(name)
+        return is_left_over(name)
                    ? left(level, name, Status::skipped, "skipped, left over from a command that was stopped", false)
                    : left(level, name, Status::skipped, "skipped, belongs to the system", true);
     case NameKind::stray:
@@ -413,15 +417,15 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     const bool same = now && now->st_dev == level.status.st.st_dev && now->st_ino == level.status.st.st_ino;
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
-        if (::unlinkat(source.in.fd(), source.name.c_str(), AT_REMOVEDIR) == 0) {
-            if (has_store(source.in, source.name)) { // or the library would remove an empty "@eaDir" beside it
-                (void)VEXOEARemove(source.held().c_str(), m_sourceType);
+        if (auto left = remove_with_store(source.in, source.name, [] { return true; })) {
+            if (!left->reason.empty()) {
+                level.outcome.warning = std::move(*left);
             }
             return true;
         }
     }
     level.outcome.status = Status::failed;
-    level.outcome.problem = same ? problem_of_errno(errno) : Problem{"it was exchanged for something else meanwhile"};
+    level.outcome.problem = same ? problem_of_placing(errno) : Problem{"it was exchanged for something else meanwhile"};
     level.outcome.problem->reason =
         "arrived, but the source directory could not be removed: " + level.outcome.problem->reason;
     return false;

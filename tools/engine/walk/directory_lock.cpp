@@ -1,23 +1,20 @@
 #include "tools/engine/walk/directory_lock.h"
 
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/patience.h"
 
-#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <set>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <thread>
 #include <utility>
 
 namespace engine {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Inode = std::pair<dev_t, ino_t>;
-
-std::chrono::milliseconds patience = kLockPatience;
 
 // Where somebody did not let go: not each of a thousand files is to wait for him.
 std::set<Inode> &given_up() {
@@ -33,14 +30,10 @@ bool lock_now(int fd) {
     return result == 0;
 }
 
-// The kernel's own waiting has no end.
 bool lock_in_time(int fd, const Inode &directory) {
-    constexpr std::chrono::milliseconds shortest{1}, longest{50};
     bool locked = lock_now(fd);
-    const auto end = Clock::now() + (given_up().contains(directory) ? std::chrono::milliseconds(0) : patience);
-    for (auto pause = shortest; !locked && errno == EWOULDBLOCK && Clock::now() < end;
-         pause = std::min(2 * pause, longest)) {
-        std::this_thread::sleep_for(pause);
+    Patience patience(given_up().contains(directory) ? std::chrono::milliseconds(0) : lock_patience());
+    while (!locked && errno == EWOULDBLOCK && patience.wait()) {
         locked = lock_now(fd);
     }
     if (locked) {
@@ -53,11 +46,6 @@ bool lock_in_time(int fd, const Inode &directory) {
 }
 
 } // namespace
-
-void set_lock_patience(std::chrono::milliseconds longest) {
-    patience = longest;
-    given_up().clear();
-}
 
 DirectoryLock::DirectoryLock(int directory, int other) {
     struct stat one {

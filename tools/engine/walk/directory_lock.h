@@ -4,16 +4,9 @@
 
 #include "tools/engine/walk/descriptor.h"
 
-#include <chrono>
 #include <sys/stat.h>
 
 namespace engine {
-
-constexpr std::chrono::milliseconds kLockPatience{10'000};
-
-// How long this process waits for a lock that somebody else has, who may be anybody that can read the directory. One
-// that was waited for in vain is asked for once from then on, without waiting.
-void set_lock_patience(std::chrono::milliseconds patience);
 
 // The kernel's own (flock) on the directory itself: it ends with its owner, whatever becomes of that, and leaves
 // nothing behind. Of two directories always the same one comes first, so that nobody waits for one who waits for him.

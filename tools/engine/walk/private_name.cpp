@@ -7,10 +7,10 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <csignal>
 #include <cstdint>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,37 +19,25 @@ namespace {
 
 constexpr std::string_view kPrefix = ".vexofileop-";
 
-// Takes a number off the front; below 0: there is none, or one that no process has.
-int64_t take_number(std::string_view &text) {
-    int64_t number = -1;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || number <= 0 || number > INT32_MAX) {
-        return -1;
-    }
-    text.remove_prefix(static_cast<size_t>(end - text.data()));
-    return number;
-}
+struct Parts {
+    Maker maker;
+    std::string_view suffix;
+};
 
-// The process that has made the name; 0: it is not of the form that anybody may remove. `suffix` gets what is behind.
-pid_t maker_of(std::string_view name, std::string_view &suffix) {
+// Nothing: it is not of the form that anybody may remove.
+std::optional<Parts> parts_of(std::string_view name) {
     if (!is_private_name(name)) {
-        return 0;
+        return std::nullopt;
     }
     name.remove_prefix(kPrefix.size());
-    const int64_t process = take_number(name);
-    if (process < 0 || !name.starts_with('-')) {
-        return 0;
+    const auto maker = take_maker(name);
+    int32_t number = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (!maker || error != std::errc() || number <= 0) {
+        return std::nullopt;
     }
-    name.remove_prefix(1);
-    if (take_number(name) < 0 || !(name.empty() || name.front() == '.')) {
-        return 0;
-    }
-    suffix = name;
-    return static_cast<pid_t>(process);
-}
-
-bool is_running(pid_t process) {
-    return ::kill(process, 0) == 0 || errno != ESRCH;
+    name.remove_prefix(static_cast<size_t>(end - name.data()));
+    return name.empty() || name.front() == '.' ? std::optional(Parts{*maker, name}) : std::nullopt;
 }
 
 bool remove_tree(int parent, const std::string &name, dev_t device) {
@@ -78,33 +66,45 @@ bool remove_tree(int parent, const std::string &name, dev_t device) {
 
 } // namespace
 
+std::string private_name(const Maker &maker, int number) {
+    return fmt::format("{}{}-{}", kPrefix, text_of(maker), number);
+}
+
 std::string next_private_name() {
     static std::atomic<int> last = 0;
-    return fmt::format("{}{}-{}", kPrefix, ::getpid(), ++last);
+    return private_name(own_maker(), ++last);
 }
 
 bool is_private_name(std::string_view name) {
     return name.starts_with(kPrefix);
 }
 
+bool is_left_over(std::string_view name) {
+    const auto parts = parts_of(name);
+    return parts && state_of(parts->maker) == MakerState::gone;
+}
+
 std::string_view without_suffix(std::string_view privateName) {
-    std::string_view suffix;
-    if (maker_of(privateName, suffix) == 0) {
+    const auto parts = parts_of(privateName);
+    if (!parts) {
         return {};
     }
-    privateName.remove_suffix(suffix.size());
+    privateName.remove_suffix(parts->suffix.size());
     return privateName;
 }
 
-std::vector<std::string> left_overs_in(int directory) {
+LeftOvers left_overs_in(int directory) {
     auto names = names_in(directory).value_or(std::vector<std::string>());
-    std::erase_if(names, [](const std::string &name) {
-        std::string_view suffix;
-        const pid_t maker = maker_of(name, suffix);
-        return maker == 0 || is_running(maker);
-    });
     std::ranges::sort(names);
-    return names;
+    LeftOvers found;
+    for (std::string &name : names) {
+        const auto parts = parts_of(name);
+        const MakerState state = parts ? state_of(parts->maker) : MakerState::running;
+        if (state != MakerState::running) {
+            (state == MakerState::gone ? found.gone : found.unknown).push_back(std::move(name));
+        }
+    }
+    return found;
 }
 
 bool remove_left_over(int directory, const std::string &name) {

@@ -1,10 +1,12 @@
 // Names for what is under way: an entry stands under one in the directory that it is made for, and gets its own name
 // when it is whole. Who looks into such a directory after a kill knows what was not finished.
 //
-// Two forms. ".vexofileop-<pid>-<n>", with a suffix behind it or without, holds nothing that is not somewhere else as
-// well: once the process is gone anybody may remove it. Whatever else begins with ".vexofileop-" is a command's own,
-// and only that command knows what it is worth.
+// Two forms. ".vexofileop-<maker>-<n>", with a suffix behind it or without, holds nothing that is not somewhere else as
+// well, and says who has made it (maker.h): once it is proven that this process is gone anybody may remove it. Whatever
+// else begins with ".vexofileop-" is a command's own, and only that command knows what it is worth; or it is a user's.
 #pragma once
+
+#include "tools/engine/walk/maker.h"
 
 #include <string>
 #include <string_view>
@@ -16,16 +18,23 @@ namespace engine {
 // entry so that an existing one fails it, and take the next.
 std::string next_private_name();
 
-// Of either form: no entry for anybody to copy.
+std::string private_name(const Maker &maker, int number);
+
+// Of either form, or a user's own entry that is called so.
 bool is_private_name(std::string_view name);
 
-// The name without its suffix (".store" of ".vexofileop-7-1.store"); empty for one that is not of the first form.
+// Of the first form, and proven to be of a process that is gone: no entry for anybody to copy.
+bool is_left_over(std::string_view name);
+
+// The name without its suffix (".store"); empty for one that is not of the first form.
 std::string_view without_suffix(std::string_view privateName);
 
-// What processes that are gone have left in an open directory, in order; nothing where it cannot be listed. A process
-// is looked for by its number, so that what another machine is writing on a volume that both have mounted looks the
-// same: it loses its unfinished copy, says so, and keeps its source.
-std::vector<std::string> left_overs_in(int directory);
+// What stands in an open directory under names of the first form, in order; nothing where it cannot be listed.
+struct LeftOvers {
+    std::vector<std::string> gone;    // of processes that are
+    std::vector<std::string> unknown; // of which that cannot be proven: of another machine, or another container
+};
+LeftOvers left_overs_in(int directory);
 
 // Removes a file, a link or a directory with everything in it. No link is followed, and no mounted volume is entered.
 // False, with errno: it is still there, or some of it.

@@ -369,6 +369,23 @@ std::string Batch::summary_line(size_t planned, int status) const {
     return summary.line();
 }
 
+void Batch::stays(const std::string &directory, const std::vector<std::string> &names) {
+    const std::string first = engine::joined(directory, names.front());
+    if (m_options.json) {
+        Json line;
+        line.add_text("event", "left_over");
+        line.add_name("path", first);
+        line.add_number("count", static_cast<int64_t>(names.size()));
+        m_console.line(line.line());
+        return;
+    }
+    const std::string more = names.size() > 1 ? fmt::format(" and {} more like it", names.size() - 1) : "";
+    m_console.message(
+        fmt::format("{}{}: left by a command of another machine or container, or of an earlier start, which "
+                    "may not be over; stays, and can be removed if it is",
+                    engine::displayed(first), more));
+}
+
 void Batch::advance(int64_t bytes) {
     m_bytes += bytes;
     m_console.progress(m_bytes, std::max(m_filesBehind, m_filesBegun));

@@ -42,6 +42,7 @@ class Batch : private engine::TransferObserver {
     void tree(const std::string &source) override;
     void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
     void arrived(const std::string &directory, int files, int64_t bytes) override;
+    void stays(const std::string &directory, const std::vector<std::string> &names) override;
     void progress(int64_t bytes, bool newFile) override;
     bool may_replace(const std::string &path) override;
     bool stopped() const override;
