@@ -7,7 +7,9 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/volume/fat_name.h"
+#include "tools/engine/walk/descent.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/directory_chain.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -20,6 +22,8 @@
 
 namespace engine {
 namespace {
+
+constexpr char kMoved[] = "somebody has moved a directory on the way meanwhile";
 
 std::string name_at(const VolumeFacts &there, const std::string &name) {
     return volume_traits(there.type).fatNames ? base_name(fat_name("/" + name)) : name;
@@ -48,19 +52,42 @@ struct Proof::Level {
 };
 
 void Proof::remember(const TreeTop &tree) {
-    const Descriptor top = opened(tree.parent, tree.name, tree.path);
+    Descriptor top = opened(tree.parent, tree.name, tree.path);
     struct stat found {};
     if (::fstat(top.get(), &found) == 0) {
         m_seen.insert_or_assign(found.st_ino, Seen(found, false));
     }
-    remember_directory(top.get(), device_of(top.get()), store_kind(tree.type), tree.path);
+    const dev_t device = device_of(top.get());
+    DirectoryChain way;
+    Descent<std::string> descent(tree.path);
+    if (!way.start(std::move(top))) {
+        throw_errno(displayed(tree.path));
+    }
+    descent.enter(remember_level(way.lowest(), device, tree.path));
+    while (!descent.empty()) {
+        if (const std::string *const name = m_observer.stopped() ? nullptr : descent.next()) {
+            descent.path = joined(descent.path, *name);
+            if (!way.descend(opened(way.lowest(), *name, descent.path), *name)) {
+                throw_errno(displayed(descent.path));
+            }
+            descent.enter(remember_level(way.lowest(), device, descent.path));
+            continue;
+        }
+        if (!descent.is_at_top() && !way.hold_above()) {
+            throw Failure(fmt::format("{}: {}", displayed(descent.path), kMoved));
+        }
+        descent.leave();
+        way.ascend();
+    }
 }
 
-void Proof::remember_directory(int directory, dev_t device, StoreKind kind, const std::string &path) {
+// The directories in it.
+std::vector<std::string> Proof::remember_level(int directory, dev_t device, const std::string &path) {
     const auto names = names_in(fmt::format("/proc/self/fd/{}/.", directory));
     if (!names) {
         throw_errno(displayed(path));
     }
+    std::vector<std::string> directories;
     for (const std::string &name : *names) {
         struct stat found {};
         if (m_observer.stopped() || ::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -71,10 +98,10 @@ void Proof::remember_directory(int directory, dev_t device, StoreKind kind, cons
             throw Failure(fmt::format("{}: another volume is mounted there", displayed(joined(path, name))));
         }
         if (S_ISDIR(found.st_mode)) {
-            const Descriptor inner = opened(directory, name, joined(path, name));
-            remember_directory(inner.get(), device, kind, joined(path, name));
+            directories.push_back(name);
         }
     }
+    return directories;
 }
 
 bool Proof::look(int directory, const std::string &name, Fresh &fresh) const {
@@ -116,7 +143,7 @@ std::vector<Loss> Proof::losses_of(const Side &source, const Side &copy, bool kn
 int Proof::compare(const TreeTop &tree, const TreeTop &copy) {
     Level above{tree.parent, copy.parent, volume_facts(tree.parent, tree.type), volume_facts(copy.parent, copy.type),
                 ""};
-    const Descriptor top = opened(tree.parent, tree.name, tree.path);
+    Descriptor top = opened(tree.parent, tree.name, tree.path);
     m_device = device_of(top.get());
     Fresh fresh;
     const bool known = look(tree.parent, tree.name, fresh);
@@ -128,16 +155,59 @@ int Proof::compare(const TreeTop &tree, const TreeTop &copy) {
     if (count == 0) {
         prove(fresh);
     }
-    const Descriptor there = open_directory(copy.parent, copy.name);
+    Descriptor there = open_directory(copy.parent, copy.name);
     if (there.get() < 0) {
         return count + lose(tree.path, {LossClass::data, fmt::format("the copy: {}", std::strerror(errno))});
     }
-    return count + compare_directory({top.get(), there.get(), volume_facts(top.get(), tree.type),
-                                      volume_facts(there.get(), copy.type), tree.path});
+    return count +
+           walk(std::move(top), std::move(there), tree.path,
+                [&](int source, int target, const std::string &path, int &lost) {
+                    return compare_level(
+                        {source, target, volume_facts(source, tree.type), volume_facts(target, copy.type), path}, lost);
+                });
 }
 
-int Proof::compare_directory(const Level &level) {
+int Proof::walk(Descriptor source, Descriptor copy, const std::string &path, const CompareLevel &compare) {
     int count = 0;
+    DirectoryChain from, to;
+    Descent<Below> descent(path);
+    if (!from.start(std::move(source)) || !to.start(std::move(copy))) {
+        return lose(path, {LossClass::unreadable, std::strerror(errno)});
+    }
+    descent.enter(compare(from.lowest(), to.lowest(), path, count));
+    while (!descent.empty()) {
+        if (m_observer.stopped()) {
+            return count + 1;
+        }
+        const Below *const below = descent.next();
+        if (below == nullptr) {
+            if (!descent.is_at_top() && !(from.hold_above() && to.hold_above())) {
+                return count + 1 + lose(descent.path, {LossClass::unreadable, kMoved});
+            }
+            descent.leave();
+            from.ascend();
+            to.ascend();
+            continue;
+        }
+        const std::string inner = joined(descent.path, below->name);
+        Descriptor one = open_directory(from.lowest(), below->name);
+        Descriptor other = one.get() < 0 ? Descriptor(-1) : open_directory(to.lowest(), below->there);
+        if (one.get() < 0 || other.get() < 0) {
+            count += lose(inner, {LossClass::unreadable, std::strerror(errno)});
+        } else if (device_of(one.get()) != m_device) {
+            count += lose(inner, {LossClass::not_carried, "another volume is mounted there"});
+        } else if (!from.descend(std::move(one), below->name) || !to.descend(std::move(other), below->there)) {
+            return count + 1 + lose(inner, {LossClass::unreadable, std::strerror(errno)});
+        } else {
+            descent.path = inner;
+            descent.enter(compare(from.lowest(), to.lowest(), inner, count));
+        }
+    }
+    return count;
+}
+
+std::vector<Proof::Below> Proof::compare_level(const Level &level, int &count) {
+    std::vector<Below> below;
     try {
         const Listing listing = list_directory(level.source, level.sourceFacts.store);
         std::map<ino_t, ino_t> arrived;
@@ -147,9 +217,10 @@ int Proof::compare_directory(const Level &level) {
         }
         for (const Listing::Item &item : listing.items) {
             if (m_observer.stopped()) {
-                return count + 1;
+                ++count;
+                return {};
             }
-            count += compare_entry(level, listing, item, arrived);
+            count += compare_entry(level, listing, item, arrived, below);
         }
         if (listing.store != nullptr) {
             (void)look(level.source, "@eaDir", fresh);
@@ -161,11 +232,11 @@ int Proof::compare_directory(const Level &level) {
     } catch (const Failure &failure) {
         count += lose(level.path, {LossClass::unreadable, failure.what()});
     }
-    return count;
+    return below;
 }
 
 int Proof::compare_entry(const Level &level, const Listing &listing, const Listing::Item &item,
-                         std::map<ino_t, ino_t> &arrived) {
+                         std::map<ino_t, ino_t> &arrived, std::vector<Below> &below) {
     const std::string path = joined(level.path, item.name), there = name_at(level.copyFacts, item.name);
     Fresh fresh;
     bool known = look(level.source, item.name, fresh);
@@ -199,46 +270,60 @@ int Proof::compare_entry(const Level &level, const Listing &listing, const Listi
     if (count == 0) {
         prove(fresh);
     }
-    if (!directory || !S_ISDIR(copied.st_mode)) {
-        return count;
+    if (directory && S_ISDIR(copied.st_mode)) {
+        below.push_back({item.name, there});
     }
-    const Descriptor inner = opened(level.source, item.name, path), copy = opened(level.copy, there, path);
-    if (device_of(inner.get()) != m_device) {
-        return lose(path, {LossClass::not_carried, "another volume is mounted there"});
-    }
-    return count + compare_directory({inner.get(), copy.get(), volume_facts(inner.get(), level.sourceFacts.type),
-                                      volume_facts(copy.get(), level.copyFacts.type), path});
+    return count;
 }
 
 // What other services keep in a directory of the entry's own in "@eaDir".
 int Proof::compare_own_directory(const Level &level, const Listing &listing, const Listing::Part &part,
                                  const std::string &path) {
     const Descriptor store = open_directory(level.copy, "@eaDir");
-    const Descriptor source = open_directory(listing.store->get(), part.name);
-    const Descriptor copy = open_directory(store.get() < 0 ? -1 : store.get(), name_at(level.copyFacts, part.name));
+    Descriptor source = open_directory(listing.store->get(), part.name);
+    Descriptor copy = open_directory(store.get(), name_at(level.copyFacts, part.name));
     if (source.get() < 0) {
         return lose(path, {LossClass::unreadable, std::strerror(errno)});
     }
-    return compare_plain(source.get(), copy.get(), joined(joined(parent_of(path), "@eaDir"), part.name));
+    const std::string own = joined(joined(parent_of(path), "@eaDir"), part.name);
+    return copy.get() < 0 ? compare_without_copy(source.get(), own)
+                          : walk(std::move(source), std::move(copy), own,
+                                 [this](int from, int to, const std::string &inner, int &count) {
+                                     return compare_plain_level(from, to, inner, count);
+                                 });
 }
 
-int Proof::compare_plain(int source, int copy, const std::string &path) {
+// Directories in it are not proven, and stay.
+int Proof::compare_without_copy(int source, const std::string &path) {
     const auto names = names_in(fmt::format("/proc/self/fd/{}/.", source));
-    if (!names) {
-        return lose(path, {LossClass::unreadable, std::strerror(errno)});
-    }
-    int count = 0;
-    for (const std::string &name : *names) {
-        const std::string inner = joined(path, name);
+    int count = names ? 0 : lose(path, {LossClass::unreadable, std::strerror(errno)});
+    for (const std::string &name : names.value_or(std::vector<std::string>())) {
         Fresh fresh;
         (void)look(source, name, fresh);
-        const auto losses = copy < 0 ? std::vector<Loss>{{LossClass::not_carried, "is not in the copy"}}
-                                     : compare_entries({source, name, plain_facts(volume_facts(source))},
-                                                       {copy, name, plain_facts(volume_facts(copy))},
-                                                       {.data = true, .times = !m_since});
+        const int lost = lose(joined(path, name), {LossClass::not_carried, "is not in the copy"});
+        count += lost;
+        if (lost == 0 && !fresh.empty() && !S_ISDIR(fresh.front().st_mode)) {
+            prove(fresh);
+        }
+    }
+    return count;
+}
+
+std::vector<Proof::Below> Proof::compare_plain_level(int source, int copy, const std::string &path, int &count) {
+    std::vector<Below> below;
+    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", source));
+    if (!names) {
+        count += lose(path, {LossClass::unreadable, std::strerror(errno)});
+        return below;
+    }
+    for (const std::string &name : *names) {
+        Fresh fresh;
+        (void)look(source, name, fresh);
         int lost = 0;
-        for (const Loss &loss : losses) {
-            lost += lose(inner, loss);
+        for (const Loss &loss : compare_entries({source, name, plain_facts(volume_facts(source))},
+                                                {copy, name, plain_facts(volume_facts(copy))},
+                                                {.data = true, .times = !m_since})) {
+            lost += lose(joined(path, name), loss);
         }
         count += lost;
         if (lost > 0) {
@@ -246,11 +331,10 @@ int Proof::compare_plain(int source, int copy, const std::string &path) {
         }
         prove(fresh);
         if (!fresh.empty() && S_ISDIR(fresh.front().st_mode)) {
-            const Descriptor from = opened(source, name, inner), to = opened(copy, name, inner);
-            count += compare_plain(from.get(), to.get(), inner);
+            below.push_back({name, name});
         }
     }
-    return count;
+    return below;
 }
 
 int Proof::compare_stranger(const Level &level, const Listing &listing, const Listing::Part &part) {

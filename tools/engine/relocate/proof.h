@@ -5,6 +5,7 @@
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/report/observer.h"
 #include "tools/engine/store/listing.h"
+#include "tools/engine/walk/descriptor.h"
 
 #include <functional>
 #include <map>
@@ -64,13 +65,22 @@ class Proof {
     using Fresh = std::vector<struct stat>;
     struct Level;
 
-    void remember_directory(int directory, dev_t device, StoreKind kind, const std::string &path);
-    int compare_directory(const Level &level);
+    // A directory to go on with, by its names in both trees.
+    struct Below {
+        std::string name, there;
+    };
+    // What is compared in two directories; adds to `count`, and gives those below.
+    using CompareLevel = std::function<std::vector<Below>(int source, int copy, const std::string &path, int &count)>;
+
+    std::vector<std::string> remember_level(int directory, dev_t device, const std::string &path);
+    int walk(Descriptor source, Descriptor copy, const std::string &path, const CompareLevel &compare);
+    std::vector<Below> compare_level(const Level &level, int &count);
     int compare_entry(const Level &level, const Listing &listing, const Listing::Item &item,
-                      std::map<ino_t, ino_t> &arrived);
+                      std::map<ino_t, ino_t> &arrived, std::vector<Below> &below);
     int compare_own_directory(const Level &level, const Listing &listing, const Listing::Part &part,
                               const std::string &path);
-    int compare_plain(int source, int copy, const std::string &path);
+    int compare_without_copy(int source, const std::string &path);
+    std::vector<Below> compare_plain_level(int source, int copy, const std::string &path, int &count);
     int compare_stranger(const Level &level, const Listing &listing, const Listing::Part &part);
     bool is_rest(const Level &level, const Listing &listing, const Listing::Part &part) const;
     int lose(const std::string &path, const Loss &loss) { return m_told(path, loss) ? 1 : 0; }

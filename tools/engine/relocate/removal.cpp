@@ -1,14 +1,14 @@
 #include "tools/engine/relocate/removal.h"
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/relocate/bottom_up.h"
 #include "tools/engine/report/failure.h"
-#include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <memory>
 #include <unistd.h>
 
 namespace engine {
@@ -22,31 +22,55 @@ Problem problem_of_removal(int number) {
 } // namespace
 
 bool SourceRemoval::run(const TreeTop &tree) {
-    return remove_directory(tree.parent, tree.name, m_copy.parent, store_kind(tree.type), tree.path);
+    m_tree = tree;
+    m_path = tree.path;
+    m_kind = store_kind(tree.type);
+    const Entered entered = enter(tree.parent, tree.name, m_copy.parent, m_copy.name);
+    if (entered != Entered::yes) {
+        return entered == Entered::gone;
+    }
+    while (!m_levels.empty()) {
+        m_path.resize(m_levels.back().pathLength);
+        if (m_levels.back().next < m_levels.back().listing.items.size() && !m_observer.stopped()) {
+            remove_next();
+        } else if (!leave()) {
+            return false;
+        }
+    }
+    return m_gone;
 }
 
-bool SourceRemoval::remove_directory(int parent, const std::string &name, int copyParent, StoreKind kind,
-                                     const std::string &path) {
-    const bool top = copyParent == m_copy.parent;
-    const std::string there = top ? m_copy.name : name;
-    const Descriptor directory = open_directory(parent, name);
+SourceRemoval::Entered SourceRemoval::enter(int parent, const std::string &name, int copyParent,
+                                            const std::string &there) {
+    Descriptor directory = open_directory(parent, name);
     if (directory.get() < 0) {
-        return errno == ENOENT || left(path, problem_of_errno(errno));
+        return errno == ENOENT ? Entered::gone : stay(problem_of_errno(errno));
     }
     const auto proven = m_proof.holds(directory.get());
     if (!proven) {
-        return left(path, {"was put there meanwhile, and stays"});
+        return stay({"was put there meanwhile, and stays"});
     }
-    const Descriptor copy = open_directory(copyParent, there);
+    Descriptor copy = open_directory(copyParent, there);
     // Its times are those of what was put into it or taken from it.
-    if (!*proven &&
-        !compare_entries({parent, name, volume_facts(parent)},
-                         {copyParent, there, volume_facts(copyParent, m_copy.type)}, {.times = false, .begun = true})
-             .empty()) {
-        (void)empty(directory.get(), copy.get(), kind, path);
-        return left(path, {"was changed meanwhile, and stays"});
+    const bool changed = !*proven && !compare_entries({parent, name, volume_facts(parent)},
+                                                      {copyParent, there, volume_facts(copyParent, m_copy.type)},
+                                                      {.times = false, .begun = true})
+                                          .empty();
+    try {
+        Listing listing = list_directory(directory.get(), m_kind);
+        const bool first = m_levels.empty();
+        if (!(first ? m_from.start(std::move(directory)) : m_from.descend(std::move(directory), name))) {
+            throw_errno("cannot be looked at");
+        }
+        if (copy.get() >= 0 && m_to.size() + 1 == m_from.size()) {
+            (void)(first ? m_to.start(std::move(copy)) : m_to.descend(std::move(copy), name));
+        }
+        const bool hasStore = listing.store != nullptr;
+        m_levels.push_back({name, std::move(listing), hasStore, changed, m_path.size()});
+        return Entered::yes;
+    } catch (const Failure &failure) {
+        return stay({failure.what()});
     }
-    return empty(directory.get(), copy.get(), kind, path) && finish(parent, name, path);
 }
 
 bool SourceRemoval::finish(int parent, const std::string &name, const std::string &path) {
@@ -57,65 +81,106 @@ bool SourceRemoval::finish(int parent, const std::string &name, const std::strin
     return true;
 }
 
-bool SourceRemoval::empty(int directory, int copy, StoreKind kind, const std::string &path) {
-    bool complete = true;
-    try {
-        const Listing listing = list_directory(directory, kind);
-        for (const Listing::Item &item : listing.items) {
-            if (m_observer.stopped()) {
-                return false;
-            }
-            complete = remove_item(directory, copy, kind, listing, item, joined(path, item.name)) && complete;
-        }
-        for (const Listing::Part &part : listing.strangers) {
-            complete = unlink(listing.place_of(part, directory), part.name, joined(path, part_text(part))) && complete;
-        }
-        return complete && (listing.store == nullptr || empty_store(directory, listing, path));
-    } catch (const Failure &failure) {
-        return left(path, {failure.what()});
+void SourceRemoval::hold_store(Level &level) const {
+    if (level.hasStore && level.listing.store == nullptr) {
+        level.listing.store = std::make_unique<Descriptor>(open_directory(m_from.lowest(), "@eaDir"));
     }
-}
-
-bool SourceRemoval::empty_store(int directory, const Listing &listing, const std::string &path) {
-    const std::string store = joined(path, "@eaDir");
-    return (!listing.cover || unlink(listing.store->get(), ".cover", joined(store, ".cover"))) &&
-           finish(directory, "@eaDir", store);
 }
 
 // What other services keep for it goes first and its store last: a run that is stopped between the two leaves only what
 // is known to have had an entry.
-bool SourceRemoval::remove_item(int directory, int copy, StoreKind kind, const Listing &listing,
-                                const Listing::Item &item, const std::string &path) {
+void SourceRemoval::remove_next() {
+    const size_t at = m_levels.size() - 1;
+    Level &level = m_levels[at];
+    const Listing::Item item = level.listing.items[level.next++];
+    hold_store(level);
     for (const Listing::Part &part : item.parts) {
         if (part.inStore && part.name == item.name &&
-            !remove_plain(listing.store->get(), part.name, joined(joined(parent_of(path), "@eaDir"), part.name))) {
-            return false;
+            !remove_plain(level.listing.store->get(), part.name, joined(joined(m_path, "@eaDir"), part.name))) {
+            level.complete = false;
+            return;
         }
     }
-    const bool gone = item.type == DT_DIR ? remove_directory(directory, item.name, copy, kind, path)
-                                          : unlink(directory, item.name, path);
-    bool complete = gone;
+    m_path = joined(m_path, item.name);
+    if (item.type != DT_DIR) {
+        level.complete = unlink(m_from.lowest(), item.name, m_path) && remove_parts(level, item) && level.complete;
+        return;
+    }
+    level.listing.store.reset();
+    const Entered entered = enter(m_from.lowest(), item.name, copy(), item.name);
+    if (entered == Entered::stays || (entered == Entered::gone && !remove_parts(m_levels[at], item))) {
+        m_levels[at].complete = false;
+    }
+}
+
+// Of an entry that is gone.
+bool SourceRemoval::remove_parts(Level &level, const Listing::Item &item) {
+    bool complete = true;
+    hold_store(level);
     for (const Listing::Part &part : item.parts) {
-        if (gone && !(part.inStore && part.name == item.name)) {
-            complete = unlink(listing.place_of(part, directory), part.name, joined(parent_of(path), part_text(part))) &&
+        if (!(part.inStore && part.name == item.name)) {
+            complete = unlink(level.listing.place_of(part, m_from.lowest()), part.name,
+                              joined(parent_of(m_path), part_text(part))) &&
                        complete;
         }
     }
     return complete;
 }
 
+// The directory that was emptied, as far as that could be done. False: nothing more can be.
+bool SourceRemoval::leave() {
+    Level level = std::move(m_levels.back());
+    const bool top = m_levels.size() == 1;
+    bool complete = level.complete && level.next == level.listing.items.size();
+    if (level.next == level.listing.items.size()) {
+        hold_store(level);
+        for (const Listing::Part &part : level.listing.strangers) {
+            complete =
+                unlink(level.listing.place_of(part, m_from.lowest()), part.name, joined(m_path, part_text(part))) &&
+                complete;
+        }
+        complete = complete && (!level.hasStore || empty_store(m_from.lowest(), level.listing));
+        level.listing.store.reset();
+    }
+    if (!top && !m_from.hold_above()) {
+        return left(m_path, {"somebody has moved it meanwhile, and it stays"});
+    }
+    const int parent = top ? m_tree.parent : m_from.fd(m_from.size() - 2);
+    const bool gone = level.changed ? left(m_path, {"was changed meanwhile, and stays"})
+                                    : complete && finish(parent, level.name, m_path);
+    m_levels.pop_back();
+    if (top) {
+        m_gone = gone;
+        return true;
+    }
+    leave_copy();
+    m_from.ascend();
+    Level &above = m_levels.back();
+    above.complete = gone && remove_parts(above, above.listing.items[above.next - 1]) && above.complete;
+    return true;
+}
+
+void SourceRemoval::leave_copy() {
+    if (m_to.size() == m_from.size()) {
+        m_copyLost = m_copyLost || !m_to.hold_above();
+        m_to.ascend();
+    }
+}
+
+bool SourceRemoval::empty_store(int directory, const Listing &listing) {
+    const std::string store = joined(m_path, "@eaDir");
+    return (!listing.cover || unlink(listing.store->get(), ".cover", joined(store, ".cover"))) &&
+           finish(directory, "@eaDir", store);
+}
+
 bool SourceRemoval::remove_plain(int parent, const std::string &name, const std::string &path) {
-    const Descriptor directory = open_directory(parent, name);
-    if (directory.get() < 0) {
-        return errno == ENOTDIR || errno == ELOOP ? unlink(parent, name, path)
-                                                  : errno == ENOENT || left(path, problem_of_errno(errno));
-    }
-    bool complete = true;
-    for (const std::string &inner :
-         names_in(fmt::format("/proc/self/fd/{}/.", directory.get())).value_or(std::vector<std::string>())) {
-        complete = remove_plain(directory.get(), inner, joined(path, inner)) && complete;
-    }
-    return complete && finish(parent, name, path);
+    return remove_bottom_up(
+        parent, name, path,
+        {.enter = [](int, const std::string &, const struct stat &, const std::string &) { return true; },
+         .unlink = [this](int in, const std::string &entry, const std::string &at) { return unlink(in, entry, at); },
+         .finish = [this](int in, const std::string &entry, const std::string &at) { return finish(in, entry, at); },
+         .left = m_told,
+         .stopped = [] { return false; }});
 }
 
 bool SourceRemoval::unlink(int parent, const std::string &name, const std::string &path) {
@@ -135,65 +200,35 @@ bool SourceRemoval::unlink(int parent, const std::string &name, const std::strin
     return true;
 }
 
-namespace {
-
-class PrivateRemoval {
-  public:
-    PrivateRemoval(dev_t device, const Observer *observer, const NotRemoved &told)
-        : m_device(device), m_observer(observer), m_told(told) {}
-
-    bool run(int parent, const std::string &name, const std::string &path) {
-        struct stat found {};
-        if (::fstatat(parent, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            return errno == ENOENT || left(path, problem_of_errno(errno));
-        }
-        if (!S_ISDIR(found.st_mode)) {
-            return ::unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT || left(path, problem_of_errno(errno));
-        }
-        if (found.st_dev != m_device) {
-            return left(path, {"another volume is mounted there"});
-        }
-        if ((found.st_mode & S_IRWXU) != S_IRWXU && ::geteuid() != 0) {
-            (void)::fchmodat(parent, name.c_str(), S_IRWXU, 0); // nobody else can put a link there
-        }
-        return empty(parent, name, path) &&
-               (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0 || left(path, problem_of_errno(errno)));
-    }
-
-  private:
-    bool empty(int parent, const std::string &name, const std::string &path) {
-        const Descriptor directory = open_directory(parent, name);
-        const auto names =
-            directory.get() < 0 ? std::nullopt : names_in(fmt::format("/proc/self/fd/{}/.", directory.get()));
-        if (!names) {
-            return left(path, problem_of_errno(errno));
-        }
-        bool complete = true;
-        for (const std::string &inner : *names) {
-            if (m_observer != nullptr && m_observer->stopped()) {
-                return false;
-            }
-            complete = run(directory.get(), inner, joined(path, inner)) && complete;
-        }
-        return complete;
-    }
-    bool left(const std::string &path, const Problem &problem) const {
-        m_told(path, problem);
-        return false;
-    }
-
-    dev_t m_device;
-    const Observer *m_observer;
-    const NotRemoved &m_told;
-};
-
-} // namespace
-
 bool remove_private(int parent, const std::string &name, const std::string &path, const Observer *observer,
                     const NotRemoved &told) {
-    struct stat found {};
-    const dev_t device = ::fstat(parent, &found) == 0 ? found.st_dev : 0;
-    return PrivateRemoval(device, observer, told).run(parent, name, path);
+    struct stat holder {};
+    const dev_t device = ::fstat(parent, &holder) == 0 ? holder.st_dev : 0;
+    const auto removed = [&](int in, const std::string &entry, const std::string &at, int flags) {
+        const bool gone = ::unlinkat(in, entry.c_str(), flags) == 0 || (flags == 0 && errno == ENOENT);
+        if (!gone) {
+            told(at, problem_of_errno(errno));
+        }
+        return gone;
+    };
+    return remove_bottom_up(
+        parent, name, path,
+        {.enter =
+             [&](int in, const std::string &entry, const struct stat &found, const std::string &at) {
+                 if (found.st_dev != device) {
+                     told(at, {"another volume is mounted there"});
+                     return false;
+                 }
+                 if ((found.st_mode & S_IRWXU) != S_IRWXU && ::geteuid() != 0) {
+                     (void)::fchmodat(in, entry.c_str(), S_IRWXU, 0); // nobody else can put a link there
+                 }
+                 return true;
+             },
+         .unlink = [&](int in, const std::string &entry, const std::string &at) { return removed(in, entry, at, 0); },
+         .finish = [&](int in, const std::string &entry,
+                       const std::string &at) { return removed(in, entry, at, AT_REMOVEDIR); },
+         .left = told,
+         .stopped = [observer] { return observer != nullptr && observer->stopped(); }});
 }
 
 } // namespace engine

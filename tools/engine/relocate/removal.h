@@ -5,9 +5,11 @@
 #include "tools/engine/relocate/proof.h"
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/problem.h"
+#include "tools/engine/walk/directory_chain.h"
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace engine {
 
@@ -24,11 +26,26 @@ class SourceRemoval {
     int removed() const { return m_removed; }
 
   private:
-    bool empty(int directory, int copy, StoreKind kind, const std::string &path);
-    bool empty_store(int directory, const Listing &listing, const std::string &path);
-    bool remove_item(int directory, int copy, StoreKind kind, const Listing &listing, const Listing::Item &item,
-                     const std::string &path);
-    bool remove_directory(int parent, const std::string &name, int copyParent, StoreKind kind, const std::string &path);
+    enum class Entered { yes, gone, stays };
+    // A directory on the way.
+    struct Level {
+        std::string name;
+        Listing listing;
+        bool hasStore; // which is let go for what is below
+        bool changed;  // and so stays itself
+        size_t pathLength;
+        size_t next = 0;
+        bool complete = true;
+    };
+
+    Entered enter(int parent, const std::string &name, int copyParent, const std::string &there);
+    void remove_next();
+    bool leave();
+    void leave_copy();
+    int copy() const { return m_copyLost || m_to.size() != m_from.size() ? -1 : m_to.lowest(); }
+    void hold_store(Level &level) const;
+    bool remove_parts(Level &level, const Listing::Item &item);
+    bool empty_store(int directory, const Listing &listing);
     bool remove_plain(int parent, const std::string &name, const std::string &path);
     bool unlink(int parent, const std::string &name, const std::string &path);
     bool finish(int parent, const std::string &name, const std::string &path);
@@ -36,12 +53,24 @@ class SourceRemoval {
         m_told(path, problem);
         return false;
     }
+    Entered stay(const Problem &problem) {
+        m_told(m_path, problem);
+        return Entered::stays;
+    }
 
     const Observer &m_observer;
     Proof &m_proof;
     const TreeTop &m_copy;
     NotRemoved m_told;
     int m_removed = 0;
+
+    TreeTop m_tree = {};
+    StoreKind m_kind = StoreKind::none;
+    std::string m_path; // of the directory that is being emptied, and of the entry in it
+    DirectoryChain m_from, m_to;
+    bool m_copyLost = false; // somebody has moved one of its directories
+    std::vector<Level> m_levels;
+    bool m_gone = false;
 };
 
 // What stands under a name in a directory that nobody else can reach, with everything in it. Volumes that are mounted
