@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/filter.h>
+#include <linux/futex.h>
 #include <linux/seccomp.h>
 #include <map>
 #include <poll.h>
@@ -125,23 +127,43 @@ std::vector<int> openErrors(uint64_t flags) {
 }
 
 struct Shared {
+    std::atomic<int> ready;    // 1: the child's next call installs the filter
     std::atomic<int> listener; // the child's number of it, 0 until it is there
     volatile int open;
 };
+
+void wait(std::atomic<int> &word, int value, time_t seconds) {
+    const timespec most{seconds, 0};
+    ::syscall(SYS_futex, &word, FUTEX_WAIT, value, &most, nullptr, 0);
+}
+
+void wake(std::atomic<int> &word) {
+    ::syscall(SYS_futex, &word, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+}
 
 int seccomp(unsigned operation, unsigned flags, void *arguments) {
     return static_cast<int>(::syscall(SYS_seccomp, operation, flags, arguments));
 }
 
-// Every call but those that end the process asks the supervisor.
+// The sanitizer's own calls come and go from run to run, and it ends the process when it gets no memory. Its look for
+// leaks makes most of all the calls.
+#ifdef FAULTS_SANITIZED
+constexpr std::array kUnasked = {SYS_exit_group, SYS_rt_sigreturn, SYS_mmap,   SYS_munmap,     SYS_mremap,
+                                 SYS_madvise,    SYS_mprotect,     SYS_ptrace, SYS_sched_yield};
+#else
+constexpr std::array kUnasked = {SYS_exit_group, SYS_rt_sigreturn};
+#endif
+
+// Every call but those above asks the supervisor.
 int installFilter() {
-    std::array<sock_filter, 5> code = {
-        sock_filter{BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 2, 0, SYS_exit_group},
-        sock_filter{BPF_JMP | BPF_JEQ | BPF_K, 1, 0, SYS_rt_sigreturn},
-        sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF},
-        sock_filter{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-    };
+    std::array<sock_filter, kUnasked.size() + 3> code{};
+    code.front() = {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)};
+    for (size_t at = 0; at < kUnasked.size(); ++at) {
+        const auto allow = static_cast<uint8_t>(kUnasked.size() - at);
+        code[at + 1] = {BPF_JMP | BPF_JEQ | BPF_K, allow, 0, static_cast<uint32_t>(kUnasked[at])};
+    }
+    code[kUnasked.size() + 1] = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF};
+    code.back() = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW};
     sock_fprog program{static_cast<unsigned short>(code.size()), code.data()};
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     return seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
@@ -174,16 +196,6 @@ SystemCall callOf(const seccomp_notif &notice) {
     return call;
 }
 
-// The sanitizer's own calls come and go from run to run, and it ends the process when it gets no memory.
-bool isOfTheSanitizer([[maybe_unused]] int number) {
-#ifdef FAULTS_SANITIZED
-    return number == SYS_mmap || number == SYS_munmap || number == SYS_mremap || number == SYS_madvise ||
-           number == SYS_mprotect || number == SYS_sched_yield;
-#else
-    return false;
-#endif
-}
-
 class Supervisor {
   public:
     Supervisor(const Plan &plan, Shared *shared, pid_t child) : m_plan(plan), m_shared(shared), m_child(child) {}
@@ -200,9 +212,13 @@ class Supervisor {
     }
 
   private:
-    // The child cannot hand it over: its first call after installing the filter waits for us.
+    // The child cannot hand it over: its first call after installing the filter waits for us. Until it is about to do
+    // so this one sleeps, for a busy machine may let it wait long.
     int fetchListener() {
         while (m_shared->listener.load() == 0) {
+            if (m_shared->ready.load() == 0) {
+                wait(m_shared->ready, 0, 1);
+            }
             int status = 0;
             if (::waitpid(m_child, &status, WNOHANG | WNOWAIT) == m_child) {
                 return -1;
@@ -233,7 +249,7 @@ class Supervisor {
         seccomp_notif_resp response{};
         response.id = notice.id;
         response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-        if (m_shared->open != 0 && static_cast<pid_t>(notice.pid) == m_child && !isOfTheSanitizer(notice.data.nr)) {
+        if (m_shared->open != 0 && static_cast<pid_t>(notice.pid) == m_child) {
             decide(notice, response);
         }
         ::ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &response);
@@ -266,6 +282,8 @@ class Supervisor {
 };
 
 [[noreturn]] void runChild(Shared *shared, const std::function<void(Window &)> &body) {
+    shared->ready.store(1);
+    wake(shared->ready);
     const int listener = installFilter();
     if (listener < 0) {
         ::_exit(99);

@@ -16,14 +16,11 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolOnTerminal;
 using kit::ToolResult;
 using Names = std::vector<std::string>;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 class Habits : public ::testing::Test {
   protected:

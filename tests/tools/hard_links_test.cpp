@@ -14,12 +14,9 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 bool areOne(const std::string &one, const std::string &other) {
     return kit::statOf(one).st_ino == kit::statOf(other).st_ino && kit::statOf(one).st_dev == kit::statOf(other).st_dev;

@@ -19,12 +19,9 @@
 namespace {
 
 using kit::Arguments;
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 timespec creationOf(const std::string &path) {
     VLIBCStat found{};

@@ -22,12 +22,9 @@
 namespace {
 
 using kit::Arguments;
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 class PlanCommand : public ::testing::Test {
   protected:

@@ -18,12 +18,9 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 class SafeCopy : public ::testing::Test {
   protected:

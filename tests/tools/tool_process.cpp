@@ -134,6 +134,10 @@ ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
     return resultOf(status, outText, errText);
 }
 
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
 ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term) {
     winsize size{};
     size.ws_row = 24;

@@ -27,6 +27,9 @@ struct ToolSetting {
 // Runs it to its end with pipes for stdin, stdout and stderr.
 ToolResult runTool(const Arguments &arguments, const ToolSetting &setting = {});
 
+// Whether a text has a part.
+bool mentions(const std::string &text, const std::string &part);
+
 // The tool on a pseudo-terminal of its own. What it writes to stdout and stderr arrives on one screen.
 class ToolOnTerminal {
   public:

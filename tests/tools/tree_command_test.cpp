@@ -19,6 +19,7 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
 
@@ -33,10 +34,6 @@ void makeDirectory(const std::string &path, mode_t mode = 0755) {
 
 void makeLink(const std::string &target, const std::string &path) {
     ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str()));
-}
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
 }
 
 class Tree : public ::testing::Test {

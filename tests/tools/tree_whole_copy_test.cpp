@@ -24,15 +24,12 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
 
 void makeDirectory(const std::string &path, mode_t mode = 0755) {
     ASSERT_EQ(0, ::mkdir(path.c_str(), mode));
-}
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
 }
 
 std::string linkTarget(const std::string &path) {

@@ -14,12 +14,9 @@
 
 namespace {
 
+using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
-
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 void giveTime(const std::string &path, time_t seconds, long nanoseconds = 0) {
     const timespec times[] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
