@@ -11,11 +11,14 @@ enum class Operation { copy, move };
 // What to do with a destination that exists. `update`: it stays where it is the same already, else it is replaced.
 enum class Conflict { fail, replace, skip, ask, keep_both, update };
 
+// Whether copies share their data with their sources. `automatic`: where that can be and the appliance allows it.
+enum class Clone { never, automatic, always };
+
 struct TransferOptions {
     Operation operation = Operation::copy;
     Conflict conflict = Conflict::fail;
     bool checksum = false; // Conflict::update: the same is only what has the same content
-    bool clone = false;
+    Clone clone = Clone::never;
     bool links = false;    // a copy of a symbolic link is a link; else it is followed. A move never follows one.
     bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost
     bool hardLinks = true; // names of one file stay that, where the volume can
