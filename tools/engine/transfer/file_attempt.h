@@ -19,6 +19,7 @@ namespace engine {
 struct FileTransfer::Attempt : FileAttempt {
     TransferObserver &observer;
     Surroundings around;
+    Pace &pace;
     int sourceType = -1;
     Descriptor file = Descriptor(-1);       // the source, for paths only
     std::string made = {};                  // the private name of the copy
@@ -60,7 +61,9 @@ struct FileTransfer::Attempt : FileAttempt {
         auto &attempt = *static_cast<Attempt *>(data);
         attempt.progressSeen = true;
         attempt.observer.progress(bytes, false);
+        attempt.pace.done(bytes, attempt.observer);
     }
+    static int64_t on_read(void *data, int64_t, int64_t) { return static_cast<Attempt *>(data)->pace.block(); }
     static int on_poll(void *data) {
         auto &attempt = *static_cast<Attempt *>(data);
         attempt.stopAnswered = attempt.stopAnswered || attempt.observer.stopped();

@@ -133,7 +133,7 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
     const bool openDestination = to.is_open();
     const int number = errno;
     const std::string fixed = volume_traits(to.type()).fatNames ? fat_name(destination) : destination;
-    Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around};
+    Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around, m_pace};
     if (base_name(fixed) != base_name(destination)) {
         attempt.losses.push_back(
             {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});
@@ -563,6 +563,9 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
     }
     VEXOCopyArgsSetFnSetProgress(record.get(), &Attempt::on_progress, &attempt);
     VEXOCopyArgsSetFnIsCancel(record.get(), &Attempt::on_poll, &attempt);
+    if (m_pace.limits()) {
+        VEXOCopyArgsSetFnGetReadSize(record.get(), &Attempt::on_read, &attempt);
+    }
     VLIBCErrSetEx(0, "", 0);
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
     flags |= replace ? flag::replace : flag::failIfExists;

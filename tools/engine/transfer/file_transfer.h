@@ -11,6 +11,7 @@
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/linked_files.h"
+#include "tools/engine/transfer/pace.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -36,7 +37,8 @@ class FileTransfer {
   public:
     // The observer outlives this. It is told the progress, and asked.
     FileTransfer(const TransferOptions &options, TransferObserver &observer)
-        : m_options(options), m_observer(observer), m_clones(options) {}
+        : m_options(options), m_observer(observer), m_clones(options),
+          m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()) {}
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
@@ -97,6 +99,7 @@ class FileTransfer {
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
     ClonePolicy m_clones;
+    Pace m_pace;
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

@@ -3,6 +3,9 @@
 
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/select/selection.h"
+#include "tools/engine/transfer/clock.h"
+
+#include <cstdint>
 
 namespace engine {
 
@@ -25,9 +28,11 @@ struct TransferOptions {
     bool trees = false;    // directories are carried too, with everything in them
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
-    Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is
-    LossSet accepted = {};    // what may be lost: a source goes all the same, and an entry has not failed
-    bool verify = false;      // each file is read back from its volume and compared before it gets its name
+    Selection selection = {};   // the rest is passed over without a word; a move leaves it where it is
+    LossSet accepted = {};      // what may be lost: a source goes all the same, and an entry has not failed
+    bool verify = false;        // each file is read back from its volume and compared before it gets its name
+    int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number
+    Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine
     // Whether files that arrive are compared with their sources; else the caller does that, and it is no move.
     bool compared = true;
 };

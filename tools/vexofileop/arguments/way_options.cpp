@@ -1,6 +1,7 @@
 #include "tools/vexofileop/arguments/way_options.h"
 
 #include "tools/engine/report/names.h"
+#include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 
 #include <fmt/format.h>
@@ -39,6 +40,7 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
             ? Clone::automatic
             : one_of<Clone>(m_clone, "--clone",
                             {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.bytesPerSecond = m_rate.given() ? parse_rate("--bwlimit", m_rate.values().front()) : 0;
 }
 
 } // namespace tool
