@@ -387,24 +387,6 @@ TEST_F(CopyCommand, FullVolumeLeavesNoHalfFile) {
     EXPECT_TRUE(kit::namesIn(volume->path()).empty());
 }
 
-TEST_F(CopyCommand, CloneIsMadeOnBtrfsAndTheTruthToldElsewhere) {
-    const ToolResult elsewhere = runTool({"copy", "--clone", "-v", from, to});
-    EXPECT_EQ(0, elsewhere.status);
-    EXPECT_EQ("new", kit::readFile(to));
-    std::optional<kit::Volume> volume;
-    try {
-        volume.emplace(kit::Volume::loop("btrfs", 256 << 20));
-    } catch (const kit::Unavailable &missing) {
-        GTEST_SKIP() << missing.reason;
-    }
-    kit::writeFile(*volume / "a", kit::pattern(1 << 20));
-    const ToolResult result = runTool({"copy", "--clone", "-v", *volume / "a", *volume / "b"});
-    EXPECT_EQ(*volume / "a" + " -> " + (*volume / "b") + " (cloned)\n", result.out);
-    EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(*volume / "b"));
-    EXPECT_EQ(from + " -> " + (*volume / "c") + " (copied, not cloned)\n",
-              runTool({"copy", "--clone", "-v", from, *volume / "c"}).out);
-}
-
 TEST_F(MoveCommand, RenamesTheFile) {
     const ino_t inode = kit::statOf(from).st_ino;
     EXPECT_EQ(0, runTool({"move", from, to}).status);

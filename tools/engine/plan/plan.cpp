@@ -7,6 +7,7 @@
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
+#include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/special_file.h"
@@ -57,7 +58,7 @@ class Planner::Walk {
 
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
-          m_selection(options.transfer.selection), m_asked(options.probe) {}
+          m_selection(options.transfer.selection), m_clones(options.transfer), m_asked(options.probe) {}
 
     void run(const std::string &source, const std::string &destination);
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
@@ -114,6 +115,7 @@ class Planner::Walk {
     const TransferOptions &m_transfer;
     PlanObserver &m_observer;
     TreeSelection m_selection;
+    ClonePolicy m_clones;
     dev_t m_device = 0; // of the tree under way
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
@@ -625,8 +627,11 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
     hard_linked(source, found, volume, planned);
-    planned.cloned =
-        !planned.linked && (m_transfer.clone || moves()) && !asItIs && volume.rehearsal->can_clone(source.side());
+    const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);
+    planned.cloned = data && found.st_size > 0 && m_clones.wants(source.in, volume.directory);
+    if (data && m_clones.insists() && !m_clones.can(source.in, volume.directory)) {
+        return fail(std::move(planned), {kNotCloned});
+    }
     take_room(volume, source, found, old ? &*old : nullptr, planned);
     if (planned.deed == Deed::fail) {
         return tell(std::move(planned));

@@ -349,12 +349,4 @@ std::string Rehearsal::key_of(const std::string &name) {
     return key;
 }
 
-bool Rehearsal::can_clone(const Side &source) const {
-    struct stat found {
-    }, there{};
-    return ::fstatat(source.directory, source.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
-           ::fstat(m_directory, &there) == 0 && found.st_dev == there.st_dev && found.st_size > 0 &&
-           m_volume.magic == 0x9123683e; // btrfs: nothing else is asked for a clone
-}
-
 } // namespace engine

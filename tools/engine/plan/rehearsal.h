@@ -37,7 +37,6 @@ class Rehearsal {
     std::optional<Loss> refusal_of(const std::string &name);
     // Two names for which this is the same are one to the volume.
     std::string key_of(const std::string &name);
-    bool can_clone(const Side &source) const;
 
   private:
     bool make(const struct stat &found, std::vector<Loss> &losses);

@@ -19,6 +19,7 @@ namespace engine {
 struct FileTransfer::Attempt : FileAttempt {
     TransferObserver &observer;
     Surroundings around;
+    Pace &pace;
     int sourceType = -1;
     Descriptor file = Descriptor(-1);       // the source, for paths only
     std::string made = {};                  // the private name of the copy
@@ -33,7 +34,9 @@ struct FileTransfer::Attempt : FileAttempt {
     bool special = false;                  // the source is no file, link or directory
     bool changed = false;                  // while it was copied
     bool stopAnswered = false;             // the library was told to stop
-    bool progressSeen = false;
+    bool progressSeen = false;             // data were copied
+    bool cloneAsked = false;               // no data need to be
+    bool cloneOrNothing = false;
     Problem told = {}; // what is to be said of it
 
     // The source, whatever has become of its name.
@@ -42,6 +45,9 @@ struct FileTransfer::Attempt : FileAttempt {
     // The source where it lies, whatever link led there.
     const HeldDirectory &where() const { return real.is_open() ? real : from; }
     const std::string &what() const { return real.is_open() ? realName : sourceName; }
+
+    // Where it was to share its data.
+    bool is_copied_instead() const { return cloneOrNothing && progressSeen; }
 
     void note(Problem problem) {
         if (told.reason.empty()) {
@@ -56,11 +62,13 @@ struct FileTransfer::Attempt : FileAttempt {
         auto &attempt = *static_cast<Attempt *>(data);
         attempt.progressSeen = true;
         attempt.observer.progress(bytes, false);
+        attempt.pace.done(bytes, attempt.observer);
     }
+    static int64_t on_read(void *data, int64_t, int64_t) { return static_cast<Attempt *>(data)->pace.block(); }
     static int on_poll(void *data) {
         auto &attempt = *static_cast<Attempt *>(data);
         attempt.stopAnswered = attempt.stopAnswered || attempt.observer.stopped();
-        return attempt.stopAnswered ? 1 : 0;
+        return attempt.stopAnswered || attempt.is_copied_instead() ? 1 : 0;
     }
 };
 

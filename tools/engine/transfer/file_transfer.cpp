@@ -37,8 +37,9 @@ namespace {
 
 constexpr uint32_t kOutOfMemory = 0x0200, kDestinationMissing = 0x0600, kMissing = 0x0700, kNoSpace = 0x2900,
                    kExists = 0xA300, kFileTooLarge = 0xAA00, kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
-constexpr int kNotAskedForRoom = 12; // a type of volume, to the library
-constexpr int kMostNames = 1000;     // that somebody else was quicker to take
+constexpr int kExtended = 2, kBtrfs = 3; // types of volumes, to the library
+constexpr int kNotAskedForRoom = 12;     // a type of volume, to the library
+constexpr int kMostNames = 1000;         // that somebody else was quicker to take
 
 // The flag word of VEXOFileOpCopyFile.
 namespace flag {
@@ -133,7 +134,7 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
     const bool openDestination = to.is_open();
     const int number = errno;
     const std::string fixed = volume_traits(to.type()).fatNames ? fat_name(destination) : destination;
-    Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around};
+    Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around, m_pace};
     if (base_name(fixed) != base_name(destination)) {
         attempt.losses.push_back(
             {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});
@@ -372,9 +373,10 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     const auto old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     if (old && S_ISREG(old->st_mode) && !attempt.asItIs && !may_write(attempt.to.fd(), ".", W_OK | X_OK) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        return m_options.verify ? failure(attempt.destination, {"nothing can be made in its directory, where a copy "
-                                                                "would stand until it is verified; not replaced"})
-                                : write_in_place(attempt);
+        const bool apart = m_options.verify || m_clones.insists();
+        return apart ? failure(attempt.destination, {"nothing can be made in its directory, where a copy would stand "
+                                                     "until it is known to be as asked for; not replaced"})
+                     : write_in_place(attempt);
     }
     std::optional<Problem> problem;
     std::vector<Loss> refused;
@@ -555,14 +557,32 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
     }
     record->fsTypeSrc = attempt.sourceType;
     record->fsTypeDst = attempt.to.type();
+    attempt.progressSeen = false;
+    attempt.cloneAsked = m_clones.wants(attempt.where(), attempt.to);
+    attempt.cloneOrNothing = m_clones.insists();
+    if (attempt.cloneOrNothing && !attempt.cloneAsked) {
+        return Problem{kNotCloned};
+    }
+    if (attempt.cloneAsked && record->fsTypeSrc == kExtended && record->fsTypeDst == kExtended) {
+        // A file's own data are the same to the library on both kinds; only of this one it asks for a clone.
+        record->fsTypeSrc = record->fsTypeDst = kBtrfs;
+    }
     VEXOCopyArgsSetFnSetProgress(record.get(), &Attempt::on_progress, &attempt);
     VEXOCopyArgsSetFnIsCancel(record.get(), &Attempt::on_poll, &attempt);
+    if (m_pace.limits()) {
+        VEXOCopyArgsSetFnGetReadSize(record.get(), &Attempt::on_read, &attempt);
+    }
     VLIBCErrSetEx(0, "", 0);
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
     flags |= replace ? flag::replace : flag::failIfExists;
-    // Moved files share their extents wherever that can be.
-    flags |= m_options.clone || m_options.operation == Operation::move ? flag::clone : 0;
-    if (VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get()) == 0) {
+    flags |= attempt.cloneAsked ? flag::clone : 0;
+    const int result =
+        VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get());
+    if (attempt.is_copied_instead() && !attempt.stopAnswered) {
+        discard(attempt.to, name);
+        return Problem{kNotCloned};
+    }
+    if (result == 0) {
         return std::nullopt;
     }
     const Problem problem = problem_of(VLIBCErrGet());
@@ -676,7 +696,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     }
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
     outcome.linked = attempt.linked;
-    outcome.cloned = m_options.clone && !attempt.progressSeen && !attempt.linked && outcome.bytes > 0;
+    outcome.cloned = attempt.cloneAsked && !attempt.progressSeen && !attempt.linked && outcome.bytes > 0;
     outcome.losses = attempt.losses;
     if (m_options.hardLinks && !attempt.renamed && !attempt.changed && S_ISREG(attempt.entry->st_mode) &&
         (attempt.content->st_nlink > 1 || m_linked.contains(*attempt.content))) {

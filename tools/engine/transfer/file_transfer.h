@@ -7,9 +7,11 @@
 #pragma once
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/linked_files.h"
+#include "tools/engine/transfer/pace.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -35,7 +37,8 @@ class FileTransfer {
   public:
     // The observer outlives this. It is told the progress, and asked.
     FileTransfer(const TransferOptions &options, TransferObserver &observer)
-        : m_options(options), m_observer(observer) {}
+        : m_options(options), m_observer(observer), m_clones(options),
+          m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()) {}
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
@@ -49,6 +52,8 @@ class FileTransfer {
     // It is not replaced by a later one of this run.
     void remember(const HeldDirectory &to, const std::string &name);
     bool compares() const { return m_options.compared; }
+    // Whether files share their data with their copies, so that it takes this to copy them.
+    bool clones(const HeldDirectory &from, const HeldDirectory &to) { return m_clones.wants(from, to); }
     bool keeps_hard_links() const { return m_options.hardLinks; }
     bool keeps_source(const Outcome &outcome) const { return engine::keeps_source(outcome, m_options.accepted); }
     bool accepts(const Outcome &outcome) const { return !has_failing_loss(outcome, m_options.accepted); }
@@ -93,6 +98,8 @@ class FileTransfer {
     HeldDirectory m_from, m_to;
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
+    ClonePolicy m_clones;
+    Pace m_pace;
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

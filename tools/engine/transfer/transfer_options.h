@@ -3,6 +3,9 @@
 
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/select/selection.h"
+#include "tools/engine/transfer/clock.h"
+
+#include <cstdint>
 
 namespace engine {
 
@@ -11,20 +14,25 @@ enum class Operation { copy, move };
 // What to do with a destination that exists. `update`: it stays where it is the same already, else it is replaced.
 enum class Conflict { fail, replace, skip, ask, keep_both, update };
 
+// Whether copies share their data with their sources. `automatic`: where that can be and the appliance allows it.
+enum class Clone { never, automatic, always };
+
 struct TransferOptions {
     Operation operation = Operation::copy;
     Conflict conflict = Conflict::fail;
     bool checksum = false; // Conflict::update: the same is only what has the same content
-    bool clone = false;
+    Clone clone = Clone::never;
     bool links = false;    // a copy of a symbolic link is a link; else it is followed. A move never follows one.
     bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost
     bool hardLinks = true; // names of one file stay that, where the volume can
     bool trees = false;    // directories are carried too, with everything in them
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
-    Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is
-    LossSet accepted = {};    // what may be lost: a source goes all the same, and an entry has not failed
-    bool verify = false;      // each file is read back from its volume and compared before it gets its name
+    Selection selection = {};   // the rest is passed over without a word; a move leaves it where it is
+    LossSet accepted = {};      // what may be lost: a source goes all the same, and an entry has not failed
+    bool verify = false;        // each file is read back from its volume and compared before it gets its name
+    int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number
+    Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine
     // Whether files that arrive are compared with their sources; else the caller does that, and it is no move.
     bool compared = true;
 };

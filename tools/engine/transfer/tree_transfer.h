@@ -35,8 +35,8 @@ class TreeTransfer {
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
         : m_move(options.operation == Operation::move), m_links(options.links || m_move),
-          m_selection(options.selection), m_whole(options.countsAlone && !options.clone && !options.verify && !m_move &&
-                                                  m_selection.takes_everything()),
+          m_selection(options.selection), m_whole(options.countsAlone && options.clone != Clone::always &&
+                                                  !options.verify && !m_move && m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The

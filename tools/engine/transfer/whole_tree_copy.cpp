@@ -65,9 +65,9 @@ int64_t size_of(const HeldDirectory &directory, const std::string &name) {
 // A directory is handed over when nobody else can reach its destination, nothing stands there yet, and nobody else can
 // exchange anything in it.
 bool TreeTransfer::may_be_whole(const Level &level, const std::string &name, const struct stat &found) {
-    return m_whole && !m_checking && level.made && found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees &&
-           !m_sourceKeepsMac && carries_all(level) && is_ours(level.status.st) &&
-           is_ours_all_down(level.from.fd(), name);
+    return m_whole && !m_checking && level.made && !m_files.clones(level.from, level.to) &&
+           found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees && !m_sourceKeepsMac && carries_all(level) &&
+           is_ours(level.status.st) && is_ours_all_down(level.from.fd(), name);
 }
 
 // Of files that have other names the library would copy each for itself. A look at a few is enough where whole trees

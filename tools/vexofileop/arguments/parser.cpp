@@ -86,6 +86,7 @@ class HelpFormatter : public CLI::Formatter {
     std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
     std::string make_usage(const CLI::App *app, std::string name) const override;
     std::string make_positionals(const CLI::App *) const override { return {}; }
+    std::string make_option_name(const CLI::Option *option, bool operand) const override;
     std::string make_option_opts(const CLI::Option *option) const override;
 
   private:
@@ -127,8 +128,15 @@ std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) con
     return line + "\n";
 }
 
+// Without "{always}", which is CLI11's way to tell the value of the name alone.
+std::string HelpFormatter::make_option_name(const CLI::Option *option, bool operand) const {
+    const std::string name = CLI::Formatter::make_option_name(option, operand);
+    return name.substr(0, name.find('{'));
+}
+
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
-    return option->get_option_text().empty() ? "" : " " + option->get_option_text();
+    const std::string &text = option->get_option_text();
+    return text.empty() || text.front() == '[' ? text : " " + text;
 }
 
 // A command does not take it over with its group.
@@ -195,6 +203,13 @@ Option Command::add_value(const char *name, const char *valueName, const char *t
 Option Command::add_values(const char *name, const char *valueName, const char *text) const {
     CLI::Option &option = *m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName);
     return Option(grouped(*option.expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)));
+}
+
+Option Command::add_word(const char *name, const char *plain, const char *valueName, const char *text) const {
+    const std::string flag = fmt::format("{}{{{}}}", name, plain);
+    CLI::Option &option = *m_app->add_flag(flag)->description(text);
+    option.multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    return Option(grouped(*option.option_text(fmt::format("[={}]", valueName))));
 }
 
 void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,

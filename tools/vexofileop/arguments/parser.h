@@ -49,6 +49,8 @@ class Command {
     Option add_value(const char *name, const char *valueName, const char *text) const;
     // The same for one that may be given any number of times.
     Option add_values(const char *name, const char *valueName, const char *text) const;
+    // "NAME" or "NAME=VALUE", where `plain` is the value of the name alone. What follows it is no value.
+    Option add_word(const char *name, const char *plain, const char *valueName, const char *text) const;
     void add_number(const char *name, const char *valueName, int &value, int least, int most, const char *text) const;
     // Any number of them, which the usage line of the help calls `usage`.
     Option add_operands(const char *name, const char *usage) const;

@@ -4,6 +4,7 @@
 #include "tools/vexofileop/arguments/usage_error.h"
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -63,9 +64,8 @@ std::optional<time_t> date(const std::string &text) {
     return std::nullopt;
 }
 
-} // namespace
-
-int64_t parse_size(const char *option, const std::string &text) {
+// `what`: what the text is none of.
+int64_t parse_bytes(const char *option, const std::string &text, const char *what) {
     constexpr double kilo = 1024, thousand = 1000;
     static constexpr std::array<Unit, 17> units = {{{"", 1},
                                                     {"B", 1},
@@ -87,9 +87,25 @@ int64_t parse_size(const char *option, const std::string &text) {
     constexpr double most = 9e18; // below 2^63
     const auto size = measured(text, units.data(), units.size());
     if (!size || *size > most) {
-        throw UsageError(fmt::format("{}: {} is no size, as \"10K\" or \"1.5G\"", option, engine::displayed(text)));
+        throw UsageError(fmt::format("{}: {} is no {}", option, engine::displayed(text), what));
     }
     return static_cast<int64_t>(*size);
+}
+
+} // namespace
+
+int64_t parse_size(const char *option, const std::string &text) {
+    return parse_bytes(option, text, "size, as \"10K\" or \"1.5G\"");
+}
+
+int64_t parse_rate(const char *option, const std::string &text) {
+    const bool plain =
+        !text.empty() && (std::isdigit(static_cast<unsigned char>(text.back())) != 0 || text.back() == '.');
+    const int64_t rate = parse_bytes(option, plain ? text + "K" : text, "rate, as \"500\" (KiB a second) or \"1.5M\"");
+    if (rate == 0 && text.find_first_of("123456789") != std::string::npos) {
+        throw UsageError(fmt::format("{}: {} is less than a byte a second", option, engine::displayed(text)));
+    }
+    return rate;
 }
 
 timespec parse_moment(const char *option, const std::string &text, const timespec &now) {

@@ -242,10 +242,8 @@ void Batch::tell_receipt() {
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
     if (outcome.status == engine::Status::done) {
-        const bool fellBack = m_options.transfer.clone && !outcome.cloned && !outcome.linked && outcome.bytes > 0;
         m_console.line(arrow(source, outcome.destination) + (outcome.cloned   ? " (cloned)"
                                                              : outcome.linked ? " (linked)"
-                                                             : fellBack       ? " (copied, not cloned)"
                                                                               : ""));
     } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
         m_console.line(arrow(source, outcome.destination) +
@@ -263,7 +261,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     if (outcome.status == engine::Status::done && kind == engine::EntryKind::file) {
         entry.add_number("bytes", outcome.bytes);
     }
-    if (m_options.transfer.clone && kind == engine::EntryKind::file) {
+    if (kind == engine::EntryKind::file && (outcome.cloned || m_options.transfer.clone == engine::Clone::always)) {
         entry.add_flag("cloned", outcome.cloned);
     }
     if (outcome.same) {

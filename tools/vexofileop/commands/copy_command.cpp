@@ -6,6 +6,7 @@
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/arguments/way_options.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/plan_run.h"
@@ -185,7 +186,7 @@ class TransferArguments {
         : m_command(command), m_plan(act == Act::plan), m_policies(add_policies(command)),
           m_accept(add_accept_option(command)), m_report(add_report_option(command)),
           m_maxErrors(command.rare().add_value("--max-errors", "N", "end at the Nth entry that fails")),
-          m_target(command), m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
+          m_target(command), m_ways(command), m_selection(command), m_operands(command, "FILE", "FILE... DEST") {
         m_options.transfer.operation = operation;
         m_options.transfer.trees = operation == engine::Operation::move;
         add_ways(act);
@@ -200,6 +201,7 @@ class TransferArguments {
         transfer.conflict = chosen_policy(m_command, m_policies);
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
+        m_ways.apply(transfer);
         m_options.mostErrors = most_errors_of(m_maxErrors);
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
@@ -229,8 +231,6 @@ class TransferArguments {
             m_command.add_flag("-r,-a,--recursive", m_options.transfer.trees,
                                "directories too; links in them stay links");
             m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "directories too; the same as -r");
-            m_command.rare().add_flag("--clone", m_options.transfer.clone,
-                                      "share the data on btrfs; copy it where that fails");
             m_command.rare().add_flag("-p,--preserve", "accepted: everything goes along anyway");
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
@@ -265,6 +265,7 @@ class TransferArguments {
     std::vector<Policy> m_policies;
     Option m_accept, m_report, m_maxErrors;
     TargetOptions m_target;
+    WayOptions m_ways;
     SelectionOptions m_selection;
     PathOperands m_operands;
 };

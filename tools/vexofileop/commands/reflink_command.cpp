@@ -100,8 +100,8 @@ void add_check(const Command &reflink, int &status) {
 void add_reflink_command(const Command &program, int &status) {
     const Command command = program.add_command("reflink", "Clone copies: the switch, and what can be cloned");
     command.require_command();
-    command.set_footer("\nServices go by the switch, \"reflink_enable\" in /etc/vexoinfo.conf;\n"
-                       "\"copy --clone\" asks for a clone whatever it says.\n"
+    command.set_footer("\nServices go by the switch, \"reflink_enable\" in /etc/vexoinfo.conf, and\n"
+                       "so does \"copy\", but for its option --clone.\n"
                        "Example:\n"
                        "  vexofileop reflink status");
     const Command tell = command.add_command("status", "Print \"on\" or \"off\"");

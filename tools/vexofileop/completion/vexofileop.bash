@@ -8,7 +8,7 @@ _vexofileop_words() {
     vexofileop "$@" $help 2>/dev/null | awk -v section="$section:" '
         $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
-        on && /^  [^ ]/ { count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
+        on && /^  [^ ]/ { sub(/\[=.*/, "", $1); count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
 }
 
 _vexofileop() {

@@ -15,7 +15,7 @@ function __vexofileop_words
         { flush() }
         $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
-        on && /^  [^ ]/ { words = $1; text = substr($0, 26) }
+        on && /^  [^ ]/ { words = $1; sub(/\[=.*/, "", words); text = substr($0, 26) }
         END { flush() }'
 end
 

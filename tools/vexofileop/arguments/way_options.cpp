@@ -1,0 +1,46 @@
+#include "tools/vexofileop/arguments/way_options.h"
+
+#include "tools/engine/report/names.h"
+#include "tools/vexofileop/arguments/quantity.h"
+#include "tools/vexofileop/arguments/usage_error.h"
+
+#include <fmt/format.h>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tool {
+namespace {
+
+// The value of an option that has one of some words.
+template <typename Value>
+Value one_of(const Option &option, const char *name, std::initializer_list<std::pair<std::string_view, Value>> words) {
+    const std::string given = option.values().back();
+    std::string known;
+    for (const auto &[word, value] : words) {
+        if (word == given) {
+            return value;
+        }
+        known += (known.empty() ? "" : ", ") + std::string(word);
+    }
+    throw UsageError(fmt::format("{}={}: is none of {}", name, engine::displayed(given), known));
+}
+
+} // namespace
+
+WayOptions::WayOptions(const Command &command)
+    : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")) {
+}
+
+void WayOptions::apply(engine::TransferOptions &transfer) const {
+    using engine::Clone;
+    transfer.clone =
+        !m_clone.given()
+            ? Clone::automatic
+            : one_of<Clone>(m_clone, "--clone",
+                            {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.bytesPerSecond = m_rate.given() ? parse_rate("--bwlimit", m_rate.values().front()) : 0;
+}
+
+} // namespace tool
