@@ -24,10 +24,11 @@ struct NamedCommand {
 };
 
 constexpr NamedCommand kCommands[] = {
-    {"copy", add_copy_command},       {"move", add_move_command},       {"remove", add_remove_command},
-    {"compare", add_compare_command}, {"plan", add_plan_command},       {"relocate", add_relocate_command},
-    {"ea", add_ea_command},           {"reflink", add_reflink_command}, {"archive", add_archive_command},
-    {"index", add_index_command},     {"notify", add_notify_command},   {"explain", add_explain_command},
+    {"copy", add_copy_command},         {"move", add_move_command},       {"remove", add_remove_command},
+    {"mirror", add_mirror_command},     {"compare", add_compare_command}, {"plan", add_plan_command},
+    {"relocate", add_relocate_command}, {"ea", add_ea_command},           {"reflink", add_reflink_command},
+    {"archive", add_archive_command},   {"index", add_index_command},     {"notify", add_notify_command},
+    {"explain", add_explain_command},
 };
 
 // The command that the command line begins with is added alone: the options of all take longer to set up than a rename.
@@ -60,8 +61,7 @@ int run(int argc, char **argv) {
     const Parser parser({.name = "vexofileop",
                          .description = "Copies, moves and inspects files with everything that belongs to them.",
                          .version = "vexofileop " VEXOFILEOP_VERSION,
-                         .footer = "\nEach command explains itself: vexofileop copy --help\n"
-                                   "Example:\n"
+                         .footer = "\nExample (each command explains itself: vexofileop copy --help):\n"
                                    "  vexofileop copy film.mkv /volume2/video/"});
     int status = exitAll;
     add_commands(parser.program(), argc, argv, status);

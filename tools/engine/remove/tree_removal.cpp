@@ -9,6 +9,7 @@
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mount_table.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -99,7 +100,26 @@ void TreeRemoval::run(const std::string &given) {
         failed(found->st_mode, problem_of_slash(found->st_mode));
         return;
     }
-    m_levels.front().entries = {{name, static_cast<unsigned char>(IFTODT(found->st_mode))}};
+    remove_entry(name, found->st_mode);
+}
+
+void TreeRemoval::run(const HeldDirectory &directory, const std::string &name) {
+    m_path = joined(directory.path(), name);
+    m_parent = HeldDirectory();
+    const auto found =
+        hold_parent(directory.fd(), directory.path(), directory.type()) ? directory.look(name) : std::nullopt;
+    if (!found) {
+        if (errno != ENOENT) {
+            failed(0, problem_of_errno(errno));
+        }
+        return;
+    }
+    look_for_stores();
+    remove_entry(name, found->st_mode);
+}
+
+void TreeRemoval::remove_entry(const std::string &name, mode_t mode) {
+    m_levels.front().entries = {{name, static_cast<unsigned char>(IFTODT(mode))}};
     m_levels.front().next = 0;
     walk();
 }
@@ -108,12 +128,10 @@ void TreeRemoval::run(const std::string &given) {
 // False, with errno: it cannot be.
 bool TreeRemoval::open_parent(const std::string &path, const std::string &name) {
     if (!m_parent.is(path)) {
-        m_levels.clear();
         m_parent = HeldDirectory(path);
-        Level parent{.pathLength = path == "/" ? 0 : path.size(), .type = m_parent.type()};
-        Descriptor top(m_parent.is_open() ? ::openat(m_parent.fd(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC) : -1);
         struct stat found {};
-        if (top.get() < 0 || ::fstat(top.get(), &found) != 0 || !m_way.start(std::move(top))) {
+        if (!m_parent.is_open() || ::fstat(m_parent.fd(), &found) != 0 ||
+            !hold_parent(m_parent.fd(), path, m_parent.type())) {
             const int number = errno;
             m_parent = HeldDirectory();
             errno = number;
@@ -124,12 +142,29 @@ bool TreeRemoval::open_parent(const std::string &path, const std::string &name) 
             m_tidied.insert({found.st_dev, found.st_ino}).second) {
             (void)clear_left_overs(m_parent);
         }
-        m_levels.push_back(std::move(parent));
     }
-    // What cannot be looked at may be there.
-    m_levels.front().hasStores =
-        store_kind(m_parent.type()) == StoreKind::apple_double || m_parent.look("@eaDir") || errno != ENOENT;
+    look_for_stores();
     return true;
+}
+
+// False, with errno: it cannot be.
+bool TreeRemoval::hold_parent(int directory, const std::string &path, int type) {
+    m_levels.clear();
+    Descriptor top(::openat(directory, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (top.get() < 0 || !m_way.start(std::move(top))) {
+        return false;
+    }
+    m_levels.push_back(Level{.pathLength = path == "/" ? 0 : path.size(), .type = type});
+    return true;
+}
+
+// What cannot be looked at may be there.
+void TreeRemoval::look_for_stores() {
+    Level &level = m_levels.front();
+    struct stat found {};
+    level.stores = Descriptor(-1);
+    level.hasStores = store_kind(level.type) == StoreKind::apple_double ||
+                      ::fstatat(m_way.lowest(), "@eaDir", &found, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
 }
 
 void TreeRemoval::walk() {
@@ -179,6 +214,12 @@ void TreeRemoval::enter(const Entry &entry) {
         }
         return;
     }
+    if (m_options.mountsStay && is_mount(m_way.lowest(), directory.get())) {
+        static const Problem kMounted{"another volume is mounted there; stays"};
+        m_levels.back().complete = false;
+        m_observer.entry(m_path, S_IFDIR, Status::skipped, &kMounted);
+        return;
+    }
     if (m_options.recursive && !confirmed(S_IFDIR, RemovalQuestion::into_directory)) {
         return;
     }
@@ -214,7 +255,7 @@ bool TreeRemoval::remove_unread(const Entry &entry) {
     if (!confirmed(S_IFDIR, RemovalQuestion::entry)) {
         return true; // said so
     }
-    if (::unlinkat(m_way.lowest(), entry.name.c_str(), AT_REMOVEDIR) != 0) {
+    if (!m_options.rehearsal && ::unlinkat(m_way.lowest(), entry.name.c_str(), AT_REMOVEDIR) != 0) {
         return false;
     }
     gone(entry.name, S_IFDIR);
@@ -229,7 +270,7 @@ void TreeRemoval::leave() {
     const bool first = !level.belongs && !level.restOnly;
     if (first && level.complete) {
         level.complete = confirmed(S_IFDIR, RemovalQuestion::directory);
-        if (level.complete && level.hasStores && list_rest(level)) {
+        if (level.complete && level.hasStores && !m_options.rehearsal && list_rest(level)) {
             return;
         }
     }
@@ -238,7 +279,7 @@ void TreeRemoval::leave() {
     if (finished == Finished::not_yet) {
         return;
     }
-    if (level.hasStores && !level.belongs && finished == Finished::failed) {
+    if (level.hasStores && !level.belongs && finished == Finished::failed && !m_options.rehearsal) {
         clear_stores(m_way);
     }
     const std::string name = std::move(level.name);
@@ -261,7 +302,8 @@ void TreeRemoval::leave() {
 // The directory itself, once nothing of its own is in it.
 TreeRemoval::Finished TreeRemoval::finish() {
     Level &emptied = m_levels.back();
-    if (::unlinkat(m_way.fd(m_way.size() - 2), emptied.name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
+    if (m_options.rehearsal || ::unlinkat(m_way.fd(m_way.size() - 2), emptied.name.c_str(), AT_REMOVEDIR) == 0 ||
+        errno == ENOENT) {
         return Finished::removed;
     }
     const int number = errno;
@@ -287,7 +329,7 @@ bool TreeRemoval::list_rest(Level &emptied) {
 }
 
 void TreeRemoval::unlink(const Entry &entry) {
-    const int result = ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
+    const int result = m_options.rehearsal ? 0 : ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
     if (result != 0 && errno == ENOENT && m_levels.size() > 1) {
         return; // by somebody else, meanwhile
     }
@@ -304,8 +346,8 @@ void TreeRemoval::gone(const std::string &name, mode_t mode) {
     if (level.entries_belong()) {
         return;
     }
-    const auto left = level.hasStores ? remove_store(name) : std::nullopt;
-    if (m_levels.size() == 1) {
+    const auto left = level.hasStores && !m_options.rehearsal ? remove_store(name) : std::nullopt;
+    if (m_levels.size() == 1 && !m_options.rehearsal) {
         remove_unfinished(name);
     }
     m_observer.entry(m_path, mode, left ? Status::failed : Status::done, left ? &*left : nullptr);

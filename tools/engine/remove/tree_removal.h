@@ -25,6 +25,8 @@ struct RemovalOptions {
     bool recursive = false;        // directories too, with everything in them
     bool emptyDirectories = false; // directories too that hold nothing but what belongs to nobody any more
     bool force = false;            // what does not exist is no failure
+    bool mountsStay = false;       // a volume that is mounted in the tree stays, with the directories around it
+    bool rehearsal = false;        // nothing is removed: told is what would be
 };
 
 enum class RemovalQuestion { entry, into_directory, directory, rest };
@@ -45,6 +47,8 @@ class TreeRemoval {
 
     // An absolute path; a slash at its end asks for a directory. The root, and what ends in "." or "..", are refused.
     void run(const std::string &path);
+    // An entry of a directory that is held, and is told by its path. What killed commands have left there stays.
+    void run(const HeldDirectory &directory, const std::string &name);
 
   private:
     // A directory that is being emptied. The first one holds what was asked for, and stays.
@@ -64,6 +68,9 @@ class TreeRemoval {
     };
 
     bool open_parent(const std::string &path, const std::string &name);
+    bool hold_parent(int directory, const std::string &path, int type);
+    void look_for_stores();
+    void remove_entry(const std::string &name, mode_t mode);
     void walk();
     void remove_next();
     void enter(const Entry &entry);

@@ -26,6 +26,7 @@ struct TransferOptions {
     bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost
     bool hardLinks = true; // names of one file stay that, where the volume can
     bool trees = false;    // directories are carried too, with everything in them
+    bool exact = false;    // a directory that is merged into loses the attributes and the store that the source has not
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
     Selection selection = {};   // the rest is passed over without a word; a move leaves it where it is

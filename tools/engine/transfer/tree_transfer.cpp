@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/placement.h"
+#include "tools/engine/transfer/surplus_metadata.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
@@ -353,6 +354,22 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
 
 // What the destination gets once its entries are there: an entry made later would change its times again.
 void TreeTransfer::finish(Level &level, const Place &source, const Place &destination) {
+    const std::vector<Loss> before = level.outcome.losses;
+    if (!give_belongings(level, source, destination)) {
+        return;
+    }
+    compare_level(level, source, destination);
+    if (m_exact && !level.made && level.outcome.losses.size() > before.size() &&
+        drop_surplus(source.in.side_now(source.name, m_sourceType), destination.in.side_now(destination.name), level.to,
+                     destination.held()) &&
+        give_belongings(level, source, destination)) {
+        level.outcome.losses = before;
+        compare_level(level, source, destination);
+    }
+}
+
+// False: failed, and noted.
+bool TreeTransfer::give_belongings(Level &level, const Place &source, const Place &destination) {
     const std::string to = level.to.itself();
     const struct stat &status = level.status.st;
     const Descriptor opened = open_directory(level.to.fd(), ".");
@@ -360,7 +377,7 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     if (fd < 0) {
         level.outcome.status = Status::failed;
         level.outcome.problem = problem_of_errno(errno);
-        return;
+        return false;
     }
     carry_empty_store(source.in.side(source.name), destination.in.side(destination.name));
     give_dos_attributes(fd, level.status.attributes);
@@ -382,7 +399,7 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     if (::fstat(fd, &there) == 0 && ((there.st_mode ^ status.st_mode) & kModeBits) != 0) {
         (void)::fchmod(fd, status.st_mode & kModeBits);
     }
-    compare_level(level, source, destination);
+    return true;
 }
 
 // The times are those from before anything was taken out of the source.

@@ -34,7 +34,7 @@ class TreeTransfer {
   public:
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
-        : m_move(options.operation == Operation::move), m_links(options.links || m_move),
+        : m_move(options.operation == Operation::move), m_links(options.links || m_move), m_exact(options.exact),
           m_selection(options.selection), m_whole(options.countsAlone && options.clone != Clone::always &&
                                                   !options.verify && !m_move && m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
@@ -84,6 +84,7 @@ class TreeTransfer {
     bool make_destination(Level &level, const Place &source, const Place &destination);
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
+    bool give_belongings(Level &level, const Place &source, const Place &destination);
     void compare_level(Level &level, const Place &source, const Place &destination);
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
@@ -134,7 +135,7 @@ class TreeTransfer {
     void check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade);
     bool is_finished(const Level &level) const;
 
-    bool m_move, m_links;
+    bool m_move, m_links, m_exact;
     TreeSelection m_selection;
     bool m_whole;
     FileTransfer &m_files;

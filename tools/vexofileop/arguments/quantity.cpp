@@ -142,4 +142,13 @@ timespec parse_moment(const char *option, const std::string &text, const timespe
     return then;
 }
 
+int64_t parse_count(const char *option, const std::string &text, int64_t least) {
+    int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < least) {
+        throw UsageError(fmt::format("{} {}: give a number, {} or more", option, engine::displayed(text), least));
+    }
+    return number;
+}
+
 } // namespace tool

@@ -49,9 +49,14 @@ engine::NamesBelow names_below(const RelativeNames &names, const engine::Transfe
 
 Batch::Batch(const BatchOptions &options)
     : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
-      m_report(word_of(options.transfer.operation), options.transfer.accepted) {}
+      m_report(command(), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
+    copy(errands);
+    return finish(number_of(errands));
+}
+
+void Batch::copy(const std::vector<Errand> &errands) {
     begin(errands);
     for (const Errand &errand : errands) {
         if (stopped()) {
@@ -66,7 +71,6 @@ int Batch::run(const std::vector<Errand> &errands) {
     }
     m_transfer.leave();
     m_console.clear_progress();
-    return finish(number_of(errands));
 }
 
 void Batch::run_below(const Errand &errand) {
@@ -77,6 +81,10 @@ void Batch::run_below(const Errand &errand) {
         }
         m_transfer.run_below(errand.source, errand.destination, name, how);
     }
+}
+
+const char *Batch::command() const {
+    return m_options.command != nullptr ? m_options.command : word_of(m_options.transfer.operation);
 }
 
 bool Batch::stopped() const {
@@ -344,13 +352,14 @@ std::string Batch::counts_line() const {
                        counted(m_directories[engine::Status::done], "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
-                       copies() ? fmt::format(", {} cloned", m_cloned) : "");
+                       copies() ? fmt::format(", {} cloned", m_cloned) : "") +
+           more_counts();
 }
 
 std::string Batch::summary_line(size_t planned, int status) const {
     Json summary;
     summary.add_text("event", "summary");
-    summary.add_text("operation", word_of(m_options.transfer.operation));
+    summary.add_text("operation", command());
     summary.add_number("files", m_treeSeen ? m_filesBehind : static_cast<int64_t>(planned));
     summary.add_number("directories", m_directories[engine::Status::done]);
     summary.add_number("done", m_entries[engine::Status::done]);
@@ -361,6 +370,7 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
     summary.add_number("cloned", m_cloned);
     summary.add_number("bytes", m_copied);
+    add_more(summary);
     m_receipt.add_to(summary);
     summary.add_flag("cancelled", stop_signal() != 0);
     summary.add_number("exit_status", status);

@@ -17,25 +17,33 @@ struct BatchOptions {
     bool stopOnError = false;
     int64_t mostErrors = 0; // entries that failed, or lost what was not accepted; 0: any number
     bool verbose = false, json = false, quiet = false, noProgress = false;
-    std::string report = {}; // the file that tells it all; empty: none
+    std::string report = {};       // the file that tells it all; empty: none
+    const char *command = nullptr; // where it is another one than the operation's
 };
 
 const char *word_of(engine::Operation operation); // "copy"
 
 engine::NamesBelow names_below(const RelativeNames &names, const engine::TransferOptions &transfer);
 
-class Batch : private engine::TransferObserver {
+class Batch : protected engine::TransferObserver {
   public:
     explicit Batch(const BatchOptions &options);
     // The exit status.
     int run(const std::vector<Errand> &errands);
 
-  private:
+  protected:
     struct Counts {
         int of[4] = {}; // by Status
         int &operator[](engine::Status status) { return of[static_cast<size_t>(status)]; }
         int operator[](engine::Status status) const { return of[static_cast<size_t>(status)]; }
     };
+
+    // A run is these two, and what a command does beside.
+    void copy(const std::vector<Errand> &errands);
+    int finish(size_t planned);
+    // What a command has to add to the line and to the object at the end.
+    virtual std::string more_counts() const { return {}; }
+    virtual void add_more(Json &) const {}
 
     void begin(const std::vector<Errand> &errands);
     void run_below(const Errand &errand);
@@ -54,11 +62,11 @@ class Batch : private engine::TransferObserver {
     bool write_report(int status);
     void verbose_line(const std::string &source, const engine::Outcome &outcome);
     std::string entry_line(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
-    int finish(size_t planned);
     void tell_stop(size_t planned);
     void tell_passed_over();
     std::string counts_line() const;
     std::string summary_line(size_t planned, int status) const;
+    const char *command() const;
     void advance(int64_t bytes);
     bool updates() const { return m_options.transfer.conflict == engine::Conflict::update; }
     bool copies() const { return m_options.transfer.operation == engine::Operation::copy; }

@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -12,7 +13,6 @@
 #include "tools/vexofileop/commands/plan_run.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <fmt/format.h>
 #include <memory>
@@ -165,20 +165,6 @@ const char *line_of(engine::Operation operation, Act act) {
                             : "Move or rename files and trees";
 }
 
-// 0: not given.
-int64_t most_errors_of(const Option &option) {
-    if (!option.given()) {
-        return 0;
-    }
-    const std::string text = option.values().front();
-    int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < 1) {
-        throw UsageError(fmt::format("--max-errors {}: give a number, 1 or more", engine::displayed(text)));
-    }
-    return number;
-}
-
 // What the command line of a copy, a move or a plan of one has.
 class TransferArguments {
   public:
@@ -202,7 +188,7 @@ class TransferArguments {
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
         m_ways.apply(transfer);
-        m_options.mostErrors = most_errors_of(m_maxErrors);
+        m_options.mostErrors = m_maxErrors.given() ? parse_count("--max-errors", m_maxErrors.values().front(), 1) : 0;
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
@@ -293,6 +279,7 @@ void add_plan_command(const Command &program, int &status) {
     command.set_footer("\nExample:\n  vexofileop plan copy -r photos /volume2/backup");
     add_transfer_command(command, status, engine::Operation::copy, Act::plan);
     add_transfer_command(command, status, engine::Operation::move, Act::plan);
+    add_mirror_plan(command, status);
 }
 
 } // namespace tool

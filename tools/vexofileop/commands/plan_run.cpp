@@ -39,6 +39,11 @@ bool PlanRun::stopped() const {
 }
 
 int PlanRun::run(const std::vector<Errand> &errands) {
+    plan(errands);
+    return finish();
+}
+
+void PlanRun::plan(const std::vector<Errand> &errands) {
     engine::raise_descriptor_limit();
     for (const Errand &errand : errands) {
         if (stopped()) {
@@ -54,7 +59,6 @@ int PlanRun::run(const std::vector<Errand> &errands) {
             m_planner.run_below(errand.source, errand.destination, *name, how);
         }
     }
-    return finish();
 }
 
 void PlanRun::entry(const engine::PlannedEntry &planned) {
@@ -233,7 +237,7 @@ std::string PlanRun::summary_line(int status) const {
         Json summary;
         summary.add_text("event", "summary");
         summary.add_text("operation", "plan");
-        summary.add_text("plan", word_of(m_options.plan.transfer.operation));
+        summary.add_text("plan", command());
         for (const engine::Deed deed : {engine::Deed::make, engine::Deed::replace, engine::Deed::merge,
                                         engine::Deed::rename, engine::Deed::skip, engine::Deed::fail}) {
             summary.add_number(word_of(deed), number(deed));
@@ -242,6 +246,7 @@ std::string PlanRun::summary_line(int status) const {
         summary.add_number("cloned", m_cloned);
         summary.add_number("bytes", m_bytes);
         summary.add_number("sources_kept", m_staying);
+        add_more(summary);
         m_receipt.add_to(summary);
         summary.add_flag("cancelled", stop_signal() != 0);
         summary.add_number("exit_status", status);
@@ -257,7 +262,7 @@ std::string PlanRun::summary_line(int status) const {
     if (m_staying > 0) {
         text += fmt::format(", {} of the sources would stay", m_staying);
     }
-    return text + fmt::format("; nothing was done, the status would be {}", status);
+    return text + more_counts() + fmt::format("; nothing was done, the status would be {}", status);
 }
 
 } // namespace tool

@@ -18,19 +18,30 @@ struct PlanRunOptions {
     engine::PlanOptions plan;
     std::string report = {}; // the file that it is written to; empty: none
     bool stopOnError = false, verbose = false, json = false;
-    int64_t mostErrors = 0;    // as for the run
-    bool allOrNothing = false; // an entry that cannot be copied ends the run, with nothing done
+    int64_t mostErrors = 0;        // as for the run
+    bool allOrNothing = false;     // an entry that cannot be copied ends the run, with nothing done
+    const char *command = nullptr; // where it is another one than the operation's
 };
 
-class PlanRun : private engine::PlanObserver {
+class PlanRun : protected engine::PlanObserver {
   public:
     explicit PlanRun(const PlanRunOptions &options)
         : m_options(options), m_receipt(options.plan.transfer.accepted), m_planner(options.plan, *this),
-          m_report(std::string("plan ") + word_of(options.plan.transfer.operation), options.plan.transfer.accepted) {}
+          m_report(std::string("plan ") + command(), options.plan.transfer.accepted) {}
     // The exit status that the run would have.
     int run(const std::vector<Errand> &errands);
 
-  private:
+  protected:
+    // A run is these two, and what a command does beside.
+    void plan(const std::vector<Errand> &errands);
+    int finish();
+    // What a command has to add to the line and to the object at the end.
+    virtual std::string more_counts() const { return {}; }
+    virtual void add_more(Json &) const {}
+    const char *command() const {
+        return m_options.command != nullptr ? m_options.command : word_of(m_options.plan.transfer.operation);
+    }
+
     bool stopped() const override;
     void tree(const std::string &) override {}
     void entry(const engine::PlannedEntry &planned) override;
@@ -39,7 +50,6 @@ class PlanRun : private engine::PlanObserver {
     int written(int status);
     void say(const engine::PlannedEntry &planned);
     void tell_room(const engine::VolumePlan &volume);
-    int finish();
     std::string summary_line(int status) const;
 
     const PlanRunOptions &m_options;

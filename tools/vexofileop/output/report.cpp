@@ -24,13 +24,14 @@ struct FateRow {
     const char *word, *colour;
 };
 // In the order of the enumeration. The colours differ in lightness too, for who tells them apart by that.
-constexpr std::array<FateRow, 7> kFates = {{{"copied", "#2e7d32"},
+constexpr std::array<FateRow, 8> kFates = {{{"copied", "#2e7d32"},
                                             {"moved", "#1b5e20"},
                                             {"cloned", "#81c784"},
                                             {"same", "#a5d6a7"},
                                             {"skipped", "#bdbdbd"},
                                             {"different", "#f9a825"},
-                                            {"failed", "#b71c1c"}}};
+                                            {"failed", "#b71c1c"},
+                                            {"removed", "#4e342e"}}};
 constexpr size_t kMostWays = 40; // that the picture shows
 constexpr const char *kStyle = "body{font:15px/1.5 system-ui,sans-serif;margin:2em auto;max-width:60em;padding:0 1em;"
                                "color:#222;background:#fff}table{border-collapse:collapse}td,th{padding:.2em .8em;"

@@ -12,7 +12,7 @@
 namespace tool {
 
 // What became of an entry, for the picture.
-enum class Fate { copied, moved, cloned, same, skipped, different, failed };
+enum class Fate { copied, moved, cloned, same, skipped, different, failed, removed };
 
 class Report {
   public:
@@ -37,7 +37,7 @@ class Report {
     struct Count {
         int64_t entries = 0, bytes = 0;
     };
-    using Counts = std::array<Count, 7>;
+    using Counts = std::array<Count, 8>;
     struct Way {
         std::string source, destination;
         Counts counts = {};

@@ -1,0 +1,383 @@
+// vexofileop mirror: the destination becomes equal to the source, and nothing goes that should not.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+void makeDirectory(const std::string &path) {
+    ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+}
+
+class Mirror : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (const std::string &directory : {tree, tree + "/in", tree + "/kind", copy, copy + "/in", copy + "/gone",
+                                             copy + "/gone/deep", copy + "/was"}) {
+            makeDirectory(directory);
+        }
+        kit::writeFile(tree + "/one", "one");
+        kit::writeFile(tree + "/was", "was a directory");
+        kit::writeFile(tree + "/in/two", "two");
+        kit::writeFile(tree + "/kind/three", "three");
+        ASSERT_EQ(0, ::symlink("one", (tree + "/link").c_str()));
+        kit::writeFile(copy + "/one", "older");
+        kit::writeFile(copy + "/kind", "was a file");
+        kit::writeFile(copy + "/old", "old");
+        kit::writeFile(copy + "/in/old", "old");
+        kit::writeFile(copy + "/gone/deep/old", "old");
+        kit::writeFile(copy + "/was/old", "old");
+    }
+    ToolResult mirror(kit::Arguments options = {}) const {
+        options.insert(options.begin(), "mirror");
+        options.insert(options.end(), {tree, copy});
+        return runTool(options);
+    }
+    int compared() const { return runTool({"compare", tree, copy}).status; }
+
+    kit::ScratchDirectory scratch;
+    const std::string tree = scratch / "tree", copy = scratch / "copy";
+};
+
+TEST_F(Mirror, MakesTheDestinationEqualAndTheSecondRunDoesNothing) {
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("", result.err);
+    EXPECT_TRUE(mentions(result.out, "5 files and 3 directories copied (")) << result.out;
+    EXPECT_TRUE(mentions(result.out, ", 8 removed\n")) << result.out;
+    EXPECT_EQ(0, compared());
+    const ToolResult again = mirror();
+    EXPECT_EQ(0, again.status);
+    EXPECT_EQ("", again.err);
+    EXPECT_EQ("0 files and 3 directories copied (0 B), 5 skipped (5 the same), 0 failed, 0 cloned, 0 removed\n",
+              again.out);
+}
+
+TEST_F(Mirror, PlanTellsEveryRemovalAndDoesNothing) {
+    for (const kit::Arguments &command : {kit::Arguments{"plan", "mirror"}, kit::Arguments{"mirror", "--dry-run"}}) {
+        kit::Arguments all = command;
+        all.insert(all.end(), {tree, copy});
+        const ToolResult planned = runTool(all);
+        EXPECT_EQ(0, planned.status) << planned.err;
+        for (const char *name : {"/old", "/in/old", "/gone/deep/old", "/gone/deep", "/gone", "/was/old", "/was"}) {
+            EXPECT_TRUE(mentions(planned.out, "remove: " + copy + name + "\n")) << name << "\n" << planned.out;
+        }
+        EXPECT_TRUE(mentions(planned.out, "remove: " + copy + "/kind\n")) << planned.out;
+        EXPECT_TRUE(mentions(planned.out, ", 8 removed; nothing was done, the status would be 0\n")) << planned.out;
+    }
+    EXPECT_EQ("old", kit::readFile(copy + "/gone/deep/old"));
+    EXPECT_EQ("older", kit::readFile(copy + "/one"));
+}
+
+TEST_F(Mirror, NothingIsDoneWithoutAnAnswer) {
+    const ToolResult result = mirror();
+    EXPECT_EQ(2, result.status);
+    EXPECT_TRUE(mentions(result.err, copy + ": 8 entries that " + tree + " has not will be removed; go ahead? [y/N]"))
+        << result.err;
+    EXPECT_EQ("older", kit::readFile(copy + "/one"));
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+    EXPECT_EQ(0, runTool({"mirror", tree, copy}, {.input = "y\n"}).status);
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, EachRemovalIsAskedAbout) {
+    const ToolResult unanswered = mirror({"-i"});
+    EXPECT_EQ(1, unanswered.status);
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+    EXPECT_TRUE(kit::exists(copy + "/kind"));
+    const ToolResult result = runTool({"mirror", "-i", tree, copy}, {.input = "y\ny\ny\ny\ny\ny\ny\ny\n"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.err, "remove " + copy + "/gone?")) << result.err;
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, RemovesNothingWhereNotAllWasRead) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "root gives the user's files away";
+    }
+    ASSERT_EQ(0, ::chmod((tree + "/in/two").c_str(), 0));
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+    ASSERT_EQ(0, ::system(("chown -R 65534:65534 '" + scratch.path() + "'").c_str())); // NOLINT
+    const ToolResult result = runTool({"mirror", "-f", tree, copy}, {.user = 65534});
+    EXPECT_EQ(1, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.err, "nothing is removed, for not everything was copied\n")) << result.err;
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+    EXPECT_EQ("was a file", kit::readFile(copy + "/kind"));
+    EXPECT_EQ("one", kit::readFile(copy + "/one"));
+}
+
+TEST_F(Mirror, WhatStandsInTheWayStaysWhereItsSuccessorCannotBeRead) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "root gives the user's files away";
+    }
+    ASSERT_EQ(0, ::chmod((tree + "/kind/three").c_str(), 0));
+    ASSERT_EQ(0, ::system(("chown -R 65534:65534 '" + scratch.path() + "'").c_str())); // NOLINT
+    const ToolResult result = runTool({"mirror", "-f", tree, copy}, {.user = 65534});
+    EXPECT_EQ(1, result.status) << result.err;
+    EXPECT_EQ("was a file", kit::readFile(copy + "/kind"));
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+}
+
+TEST_F(Mirror, EmptySourceRemovesNothingUnlessToldSo) {
+    makeDirectory(scratch / "empty");
+    const ToolResult refused = runTool({"mirror", "-f", scratch / "empty", copy});
+    EXPECT_EQ(2, refused.status);
+    EXPECT_TRUE(mentions(refused.err, "the source is empty")) << refused.err;
+    EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
+    EXPECT_EQ(2, runTool({"mirror", "-f", "--exclude", "*", tree, copy, "--delete-excluded"}).status);
+    EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
+    EXPECT_EQ(0, runTool({"mirror", "-f", "--allow-empty", scratch / "empty", copy}).status);
+    EXPECT_EQ(std::vector<std::string>(), kit::namesIn(copy));
+}
+
+TEST_F(Mirror, NoMoreGoThanAllowed) {
+    const ToolResult planned = runTool({"plan", "mirror", "--max-delete", "5", tree, copy});
+    EXPECT_EQ(1, planned.status);
+    EXPECT_TRUE(mentions(planned.out, ", 5 removed; ")) << planned.out;
+    const ToolResult result = mirror({"-f", "--max-delete", "5"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, "3 entries were not removed, for --max-delete is 5\n")) << result.err;
+    EXPECT_TRUE(mentions(result.out, ", 5 removed\n")) << result.out;
+    EXPECT_EQ(0, mirror({"-f", "--max-delete", "3"}).status);
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, WhatIsLeftOutStays) {
+    kit::writeFile(tree + "/big", std::string(5000, 'b'));
+    kit::writeFile(copy + "/big", "small");
+    kit::writeFile(copy + "/note.o", "o");
+    kit::writeFile(copy + "/gone/note.o", "o");
+    makeDirectory(copy + "/keep");
+    kit::writeFile(copy + "/keep/inside", "kept");
+    const ToolResult result = mirror({"-f", "--exclude", "*.o", "--exclude", "/keep", "--max-size", "1K"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("small", kit::readFile(copy + "/big"));
+    EXPECT_EQ((std::vector<std::string>{"note.o"}), kit::namesIn(copy + "/gone"));
+    EXPECT_TRUE(kit::exists(copy + "/note.o"));
+    EXPECT_EQ("kept", kit::readFile(copy + "/keep/inside"));
+    EXPECT_EQ(0, mirror({"-f", "--exclude", "*.o", "--exclude", "/keep", "--delete-excluded"}).status);
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, OneDirectoryUnderTwoNamesIsRefused) {
+    ASSERT_EQ(0, ::symlink(tree.c_str(), (scratch / "name").c_str()));
+    for (const auto &[first, second] :
+         std::vector<std::pair<std::string, std::string>>{{tree, tree},
+                                                          {tree, tree + "/in"},
+                                                          {tree, tree + "/new/er"},
+                                                          {tree + "/in", tree},
+                                                          {tree, scratch / "name"},
+                                                          {scratch / "name", tree},
+                                                          {tree, scratch / "name" + "/in"}}) {
+        const ToolResult result = runTool({"mirror", "-f", first, second});
+        EXPECT_EQ(2, result.status) << first << " " << second;
+        EXPECT_TRUE(mentions(result.err, "are one directory, or one lies in the other")) << result.err;
+    }
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree + "/one", copy}).status);
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree, copy + "/one"}).status);
+    EXPECT_EQ("one", kit::readFile(tree + "/one"));
+}
+
+TEST_F(Mirror, FollowsNoLinkAtTheDestination) {
+    makeDirectory(scratch / "elsewhere");
+    kit::writeFile(scratch / "elsewhere/precious", "precious");
+    ASSERT_EQ(0, ::symlink((scratch / "elsewhere").c_str(), (copy + "/gone/way").c_str()));
+    ASSERT_EQ(0, ::rename((copy + "/in").c_str(), (copy + "/was/in").c_str()));
+    ASSERT_EQ(0, ::symlink((scratch / "elsewhere").c_str(), (copy + "/in").c_str()));
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ("precious", kit::readFile(scratch / "elsewhere/precious"));
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, NamesThatWereChangedBelongToTheirEntries) {
+    kit::writeFile(tree + "/who?.txt", "who");
+    ::setenv("VEXOFILEOP_FSTYPES", (copy + "=0").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    const ToolResult first = mirror({"-f", "--accept", "all"});
+    const ToolResult second = mirror({"-v", "--accept", "all"});
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(0, first.status) << first.err;
+    EXPECT_EQ("who", kit::readFile(copy + "/who-.txt"));
+    EXPECT_TRUE(mentions(second.out, ", 0 removed\n")) << second.out << second.err;
+    EXPECT_FALSE(kit::exists(copy + "/old"));
+}
+
+TEST_F(Mirror, WhatIsKeptForAFileGoesWithIt) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    for (const std::string &directory : {tree, copy, copy + "/gone"}) {
+        makeDirectory(directory + "/@eaDir");
+    }
+    kit::writeFile(tree + "/@eaDir/one@VexoEAStream", stream::bytes({{"comment", "stays"}}));
+    kit::writeFile(copy + "/@eaDir/old@VexoEAStream", stream::bytes({{"comment", "goes"}}));
+    kit::writeFile(copy + "/@eaDir/nobody@VexoEAStream", stream::bytes({{"comment", "goes, too"}}));
+    kit::writeFile(copy + "/gone/@eaDir/none@VexoEAStream", stream::bytes({{"comment", "goes, too"}}));
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ((std::vector<std::string>{"one@VexoEAStream"}), kit::namesIn(copy + "/@eaDir"));
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, TellsItAsJsonAndAsAReport) {
+    const ToolResult planned = runTool({"plan", "mirror", "--json", tree, copy});
+    EXPECT_TRUE(mentions(planned.out, R"({"event":"removal","kind":"directory","path":")" + copy + R"(/gone"})"))
+        << planned.out;
+    EXPECT_TRUE(mentions(planned.out, R"("plan":"mirror")")) << planned.out;
+    EXPECT_TRUE(mentions(planned.out, R"("remove":8)")) << planned.out;
+    const ToolResult result = mirror({"-f", "--json", "--report", scratch / "report.json"});
+    EXPECT_TRUE(mentions(result.out, R"("operation":"remove","status":"done","path":")" + copy + R"(/gone")"))
+        << result.out;
+    EXPECT_TRUE(mentions(result.out, R"("operation":"mirror")")) << result.out;
+    EXPECT_TRUE(mentions(result.out, R"("removed":8)")) << result.out;
+    EXPECT_TRUE(mentions(kit::readFile(scratch / "report.json"), R"("removed":{"entries":8,)"));
+}
+
+TEST_F(Mirror, RunThatWasCutShortRemovesNothing) {
+    if (::geteuid() == 0) {
+        ASSERT_EQ(0, ::mkfifo((tree + "/pipe").c_str(), 0600));
+    }
+    kit::writeFile(tree + "/._stray", "a name that is kept for metadata");
+    const ToolResult result = mirror({"-f", "--max-errors", "1"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+    EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
+}
+
+class MirrorOfMounts : public kit::Behaviour {};
+
+TEST_F(MirrorOfMounts, MountedVolumesStay) {
+    KIT_NEEDS_ROOT("to mount volumes");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const std::string tree = volume.path() + "/tree", copy = volume.path() + "/copy", other = volume.path() + "/other";
+    for (const std::string &directory :
+         {tree, tree + "/both", tree + "/sub", copy, copy + "/both", copy + "/only", copy + "/only/mounted", other}) {
+        makeDirectory(directory);
+    }
+    kit::writeFile(tree + "/file", "file");
+    kit::writeFile(tree + "/sub/file", "in a part of it");
+    kit::writeFile(other + "/precious", "precious");
+    for (const std::string &place : {copy + "/both", copy + "/only/mounted"}) {
+        ASSERT_EQ(0, ::mount(other.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
+    }
+    const ToolResult result = runTool({"mirror", "-f", tree, copy});
+    EXPECT_EQ(1, result.status) << result.err;
+    EXPECT_EQ("precious", kit::readFile(other + "/precious"));
+    EXPECT_TRUE(mentions(result.err, copy + "/only/mounted: another volume is mounted there; stays")) << result.err;
+    EXPECT_TRUE(mentions(result.err, copy + "/both: another volume is mounted there, with what the source has not"))
+        << result.err;
+    EXPECT_EQ("file", kit::readFile(copy + "/file"));
+    // A part of the source under another name.
+    ASSERT_EQ(0, ::umount2((copy + "/both").c_str(), MNT_DETACH));
+    ASSERT_EQ(0, ::mount((tree + "/sub").c_str(), (copy + "/both").c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree, copy + "/both"}).status);
+    EXPECT_EQ(2, runTool({"mirror", "-f", copy + "/both", tree}).status);
+    EXPECT_EQ("in a part of it", kit::readFile(tree + "/sub/file"));
+    for (const std::string &place : {copy + "/both", copy + "/only/mounted"}) {
+        ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+    }
+}
+
+// Trees of which every kind of step is needed; killed before a call, or with a call that fails.
+struct SweepScene {
+    SweepScene() {
+        for (const char *name : {"/tree", "/tree/in", "/tree/kind", "/tree/@eaDir", "/copy", "/copy/in", "/copy/gone",
+                                 "/copy/@eaDir", "/copy/was"}) {
+            EXPECT_EQ(0, ::mkdir((scratch.path() + name).c_str(), 0755));
+        }
+        for (const char *name : {"/tree/one", "/tree/was", "/tree/in/two", "/tree/kind/three"}) {
+            kit::writeFile(scratch.path() + name, "content of " + std::string(name));
+        }
+        for (const char *name : {"/copy/kind", "/copy/old", "/copy/in/old", "/copy/gone/old", "/copy/was/old"}) {
+            kit::writeFile(scratch.path() + name, "old");
+        }
+        kit::writeFile(scratch.path() + "/tree/@eaDir/one@VexoEAStream", stream::bytes({{"comment", "new"}}));
+        kit::writeFile(scratch.path() + "/copy/@eaDir/old@VexoEAStream", stream::bytes({{"comment", "old"}}));
+    }
+    kit::Arguments arguments() const { return {"mirror", "-f", scratch / "tree", scratch / "copy"}; }
+    std::string sourceNow() const {
+        std::string all;
+        for (const char *name : {"/tree/one", "/tree/was", "/tree/in/two", "/tree/kind/three"}) {
+            all += kit::readFile(scratch.path() + name) + "\n";
+        }
+        return all;
+    }
+    bool equal() const { return runTool({"compare", scratch / "tree", scratch / "copy"}).status == 0; }
+    kit::ScratchDirectory scratch;
+};
+
+faults::Outcome supervised(const SweepScene &scene, const faults::Plan &plan) {
+    return faults::supervise(plan, [&](faults::Window &window) {
+        std::vector<std::string> words = scene.arguments();
+        words.insert(words.begin(), VEXOFILEOP_TOOL);
+        std::vector<char *> pointers;
+        for (std::string &word : words) {
+            pointers.push_back(word.data());
+        }
+        pointers.push_back(nullptr);
+        window.open();
+        ::execv(VEXOFILEOP_TOOL, pointers.data());
+        ::_exit(127);
+    });
+}
+
+class MirrorSweep : public ::testing::TestWithParam<faults::Plan::Action> {};
+
+TEST_P(MirrorSweep, TheSameOnceMoreFinishesIt) {
+    KIT_NOT_SANITIZED();
+    if (const std::string why = ::geteuid() != 0 ? "only root makes stores" : faults::unavailable(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    const SweepScene whole;
+    const std::vector<faults::SystemCall> calls = supervised(whole, {}).calls;
+    ASSERT_TRUE(whole.equal());
+    const std::string source = whole.sourceNow();
+    constexpr size_t sample = 70;
+    const size_t step = std::getenv("VEXO_FULL") != nullptr // NOLINT(concurrency-mt-unsafe)
+                            ? 1
+                            : std::max<size_t>(1, calls.size() / sample);
+    for (size_t at = 1; at < calls.size(); at += step) {
+        const std::vector<int> errors = faults::plausibleErrors(calls[at]);
+        if (GetParam() == faults::Plan::Action::fail && errors.empty()) {
+            continue;
+        }
+        const SweepScene scene;
+        faults::Plan plan{.action = GetParam(), .at = at};
+        plan.error = errors.empty() ? 0 : errors.front();
+        plan.number = GetParam() == faults::Plan::Action::fail ? calls[at].number : -1;
+        const faults::Outcome outcome = supervised(scene, plan);
+        const std::string point = std::to_string(at) + " " + faults::nameOf(calls[at]);
+        EXPECT_FALSE(outcome.hung) << point;
+        EXPECT_EQ(source, scene.sourceNow()) << point;
+        // What was told to be done is done.
+        EXPECT_TRUE(outcome.status != 0 || scene.equal()) << point;
+        const ToolResult again = runTool(scene.arguments());
+        EXPECT_EQ(0, again.status) << point << "\n" << again.err;
+        EXPECT_TRUE(scene.equal()) << point << "\n" << again.err;
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Stops, MirrorSweep, ::testing::Values(faults::Plan::Action::kill, faults::Plan::Action::fail),
+                         [](const auto &each) {
+                             return each.param == faults::Plan::Action::kill ? "Killed" : "Failing";
+                         });
+
+} // namespace

@@ -1,0 +1,50 @@
+#include "tools/engine/mirror/overlap.h"
+
+#include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/mount_table.h"
+#include "tools/engine/walk/paths.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace engine {
+namespace {
+
+// Where something lies on its volume, wherever that is mounted.
+struct Place {
+    std::string device = {}, path = {}; // empty: it cannot be told
+};
+
+Place place_of(std::string path) {
+    struct statx found {};
+    while (::statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &found) != 0 && path != "/") {
+        path = parent_of(path);
+    }
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
+    const std::vector<Mount> mounts = mount_table();
+    const auto mount = std::ranges::find(mounts, found.stx_mnt_id, &Mount::id);
+    if (real == nullptr || mount == mounts.end() || (found.stx_mask & STATX_MNT_ID) == 0) {
+        return {};
+    }
+    const std::string below = std::string(real.get()).substr(mount->place == "/" ? 0 : mount->place.size());
+    return {mount->device, (mount->root == "/" ? "" : mount->root) + (below == "/" ? "" : below) + "/"};
+}
+
+} // namespace
+
+bool overlap(const std::string &one, const std::string &other) {
+    if (lies_in(one, other) || lies_in(other, one)) {
+        return true;
+    }
+    const Place left = place_of(one), right = place_of(other);
+    // What of the second is not there yet is going to lie in what is.
+    struct stat found {};
+    const bool there = ::stat(other.c_str(), &found) == 0;
+    return !left.device.empty() && left.device == right.device &&
+           (right.path.starts_with(left.path) || (there && left.path.starts_with(right.path)));
+}
+
+} // namespace engine

@@ -1,0 +1,84 @@
+// A mirror, and the plan of one: a copy that updates, and then the removal of what the source has not.
+#pragma once
+
+#include "tools/vexofileop/commands/batch.h"
+#include "tools/vexofileop/commands/plan_run.h"
+#include "tools/vexofileop/commands/surplus_run.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct MirrorOptions {
+    BatchOptions batch;
+    bool force = false, ask = false; // never, or before each removal; else once
+    bool leftOutToo = false;         // what a selection leaves out is removed, too
+    bool allowEmpty = false;         // of a source without entries, too
+    int64_t most = -1;               // that are removed; below 0: any number
+    bool probe = true;               // of a plan
+};
+
+// Two directories as a mirror takes them: absolute, and no symbolic links. Throws UsageError where the first is none,
+// or the two are one, or one lies in the other, by whatever names.
+struct MirrorPair {
+    MirrorPair(const std::string &first, const std::string &second);
+    std::string source, destination;
+    bool exists; // the destination
+};
+
+// What stands in the way of an entry, and goes before that can be copied.
+bool is_in_the_way(engine::EntryKind kind, const std::string &destination);
+
+class MirrorRun : private Batch {
+  public:
+    // The options outlive this.
+    MirrorRun(const MirrorOptions &options, const MirrorPair &pair)
+        : Batch(options.batch), m_mirror(options), m_pair(pair) {}
+    // The exit status.
+    int run();
+
+  private:
+    void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
+    void arrived(const std::string &directory, int files, int64_t bytes) override;
+    std::string more_counts() const override;
+    void add_more(Json &summary) const override;
+    SurplusRun::Options surplus_options(bool rehearsal);
+    bool may_begin();
+    void remove();
+    bool remove(SurplusRun &surplus);
+    bool copy_late();
+
+    const MirrorOptions &m_mirror;
+    const MirrorPair &m_pair;
+    std::vector<std::string> m_late = {}; // sources of which the place is to be cleared first
+    bool m_again = false;                 // they are being copied
+    bool m_incomplete = false;            // something was not copied, so that nothing goes
+    int64_t m_surplus = -1;               // that was there at the beginning; below 0: nobody has counted
+    int64_t m_removed = 0, m_left = 0;
+};
+
+class MirrorPlan : private PlanRun {
+  public:
+    // The options outlive this.
+    MirrorPlan(const PlanRunOptions &options, const MirrorOptions &mirror, const MirrorPair &pair)
+        : PlanRun(options), m_mirror(mirror), m_pair(pair) {}
+    int run();
+
+  private:
+    void entry(const engine::PlannedEntry &planned) override;
+    std::string more_counts() const override;
+    void add_more(Json &summary) const override;
+    void plan_late(const std::string &source, const std::string &destination);
+
+    const MirrorOptions &m_mirror;
+    const MirrorPair &m_pair;
+    std::vector<Errand> m_late = {};
+    std::string m_standIn = {}, m_meant = {}; // of a late one
+    bool m_incomplete = false;
+    int64_t m_removed = 0;
+};
+
+} // namespace tool
