@@ -10,6 +10,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
@@ -289,7 +290,12 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     // Nobody else gets in before the directory has its own mode; and a read-only one can be filled first.
     level.made = ::mkdirat(destination.in.fd(), destination.name.c_str(), 0700) == 0;
     if (!level.made && errno != EEXIST) {
-        return failed(level.source, level.destination, problem_of_making(errno));
+        const Problem problem = problem_of_making(errno);
+        std::vector<Loss> losses;
+        if (auto refusal = refusal_of_entry(destination.in.fd(), destination.name, S_IFDIR)) {
+            losses.push_back(std::move(*refusal));
+        }
+        return failed(level.source, level.destination, problem, std::move(losses));
     }
     if (!level.made && !existing_destination(level, source, destination)) {
         return false;
@@ -346,8 +352,7 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    (void)VEXOEACopyInternal(source.held().c_str(), destination.held().c_str(), 0, m_move ? 1 : 0, m_sourceType,
-                             m_destinationType, nullptr, nullptr, nullptr);
+    carry_store(source, destination);
     // While its owner may write to it: the creation time may be kept in an attribute.
     if ((status.st_mode & S_IWUSR) == 0) {
         (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
@@ -360,6 +365,26 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         (void)::fchmod(fd, status.st_mode & kModeBits);
     }
     compare_level(level, source, destination);
+}
+
+// The library takes it that reserved characters were replaced in the name wherever stores are "._" files. Where they
+// are not, the store gets to its place from under a name without any.
+void TreeTransfer::carry_store(const Place &source, const Place &destination) const {
+    const HeldDirectory &to = destination.in;
+    const auto carry = [&](const std::string &path) {
+        (void)VEXOEACopyInternal(source.held().c_str(), path.c_str(), 0, m_move ? 1 : 0, m_sourceType,
+                                 m_destinationType, nullptr, nullptr, nullptr);
+    };
+    const bool reserved = m_destinationTraits.store == StoreKind::apple_double && !m_destinationTraits.fatNames &&
+                          base_name(fat_name("/" + destination.name)) != destination.name;
+    const std::string made = next_private_name();
+    if (!reserved || ::mkdirat(to.fd(), made.c_str(), 0700) != 0) {
+        carry(destination.held());
+        return;
+    }
+    carry(to.below(made));
+    (void)::renameat(to.fd(), ("._" + made).c_str(), to.fd(), ("._" + destination.name).c_str());
+    (void)remove_left_over(to.fd(), made);
 }
 
 // The times are those from before anything was taken out of the source.

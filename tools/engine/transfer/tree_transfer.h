@@ -74,6 +74,7 @@ class TreeTransfer {
     bool make_destination(Level &level, const Place &source, const Place &destination);
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
+    void carry_store(const Place &source, const Place &destination) const;
     void compare_level(Level &level, const Place &source, const Place &destination);
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
