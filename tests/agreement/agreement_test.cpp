@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <set>
 #include <string>
 #include <sys/stat.h>
@@ -33,7 +34,7 @@ using engine::Operation;
 
 // By path below the top and class. Names of one file are all told under the same path: which of them comes first is
 // for each walk to say.
-using Told = std::multiset<std::pair<std::string, std::string>>;
+using Losses = std::multiset<std::pair<std::string, std::string>>;
 
 class View {
   public:
@@ -54,8 +55,11 @@ class View {
             }
         }
     }
-    void add(const std::string &source, const Loss &loss) {
+    void add(const std::string &source, const std::string &destination, const Loss &loss) {
         std::string path = source.substr(m_top.size());
+        if (loss.cls == LossClass::name_changed) {
+            changed[path] = destination;
+        }
         if (loss.cls == LossClass::hard_link) {
             const auto found = m_first.find(path);
             EXPECT_NE(m_first.end(), found) << engine::displayed(path) << ": " << loss.detail;
@@ -87,8 +91,9 @@ class View {
     }
     const std::string &top() const { return m_top; }
 
-    Told told = {};
+    Losses told = {};
     std::set<std::string> failed = {};
+    std::map<std::string, std::string> changed = {}; // where an entry stands whose name could not stay
 
   private:
     std::string m_top;
@@ -102,7 +107,7 @@ class Forecast : public engine::PlanObserver {
     void tree(const std::string &) override {}
     void entry(const engine::PlannedEntry &planned) override {
         for (const Loss &loss : planned.losses) {
-            m_view.add(planned.source, loss);
+            m_view.add(planned.source, planned.destination, loss);
         }
         const bool gone = planned.deed == engine::Deed::fail || planned.deed == engine::Deed::skip;
         if (gone && planned.losses.empty()) {
@@ -121,7 +126,7 @@ class Receipt : public engine::TransferObserver {
     void tree(const std::string &) override {}
     void entry(engine::EntryKind, const std::string &source, const engine::Outcome &outcome) override {
         for (const Loss &loss : outcome.losses) {
-            m_view.add(source, loss);
+            m_view.add(source, outcome.destination, loss);
         }
         const bool stays = outcome.problem && outcome.problem->reason.starts_with("the source directory stays");
         if (outcome.status != engine::Status::done && outcome.losses.empty() && !stays) {
@@ -142,7 +147,9 @@ class Differences : public engine::ComparisonObserver {
   public:
     explicit Differences(View &view) : m_view(view) {}
     bool stopped() const override { return false; }
-    void loss(const std::string &first, const std::string &, const Loss &loss) override { m_view.add(first, loss); }
+    void loss(const std::string &first, const std::string &second, const Loss &loss) override {
+        m_view.add(first, second, loss);
+    }
     void extra(const std::string &, engine::EntryKind) override {}
     void same(const std::string &, const std::string &) override {}
     void compared(const std::string &, engine::EntryKind, int64_t) override {}
@@ -152,23 +159,71 @@ class Differences : public engine::ComparisonObserver {
     View &m_view;
 };
 
+struct Kind {
+    const char *name;
+    const char *driver;   // what makes it, as kit::Volume knows it
+    bool partial = false; // refuses some of what a tree has
+    int type = -1;        // the platform is told that it is one of this type
+    bool large = false;   // refuses large files
+    const char *mountOptions = "";
+
+    friend void PrintTo(const Kind &kind, std::ostream *stream) { *stream << kind.name; }
+};
+// Those that every kernel of a build machine has; those of FUSE; those of another kernel.
+constexpr Kind kOwn[] = {{"tmpfs", "tmpfs"}, {"ramfs", "ramfs"}, {"ext4", "ext4"},
+                         {"xfs", "xfs"},     {"btrfs", "btrfs"}, {"overlay", "overlay"}};
+constexpr Kind kFuse[] = {{"bindfs", "bindfs"},
+                          {"ntfs3g", "ntfs-3g", true},
+                          {"ntfs3gAsNtfs", "ntfs-3g", true, 5},
+                          {"exfatFuse", "exfat-fuse", true},
+                          {"exfatFuseAsExfat", "exfat-fuse", true, 18}};
+constexpr Kind kForeign[] = {{"vfat", "vfat", true, -1, true, "iocharset=utf8"},
+                             {"exfat", "exfat", true, -1, false, "iocharset=utf8"},
+                             {"hfsplus", "hfsplus", true},
+                             {"ntfs3", "ntfs3", true}};
+
 // Room for all trees, of which none is taken until it is used.
-kit::Volume made(const std::string &kind, const std::string &scratch) {
+kit::Volume made(const Kind &kind, const std::string &scratch) {
     constexpr uint64_t mebibyte = 1 << 20;
-    if (kind == "tmpfs") {
+    const std::string driver = kind.driver;
+    if (driver == "tmpfs") {
         return kit::Volume::tmpfs(2048 * mebibyte);
     }
-    if (kind == "ramfs") {
+    if (driver == "ramfs") {
         return kit::Volume::plain();
     }
-    if (kind == "overlay") {
+    if (driver == "overlay" || driver == "bindfs") {
         (void)::mkdir(scratch.c_str(), 0755);
-        return kit::Volume::overlay(scratch);
+        return driver == "overlay" ? kit::Volume::overlay(scratch) : kit::Volume::mirror(scratch);
     }
-    return kit::Volume::loop(kind, 1024 * mebibyte);
+    if (driver == "ntfs-3g" || driver == "exfat-fuse") {
+        return kit::Volume::fuse(driver, 512 * mebibyte);
+    }
+    return kit::Volume::loop(driver, (kind.partial ? 256 : 1024) * mebibyte, driver == "ntfs3" ? "-F -Q" : "",
+                             kind.mountOptions);
 }
 
-class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<std::tuple<std::string, std::string>> {
+// What the platform is told of a volume, for as long as this lives.
+class ToldTypes {
+  public:
+    void add(const std::string &path, int type) {
+        if (type >= 0) {
+            m_text += (m_text.empty() ? "" : ":") + path + "=" + std::to_string(type);
+            ::setenv("VEXOFILEOP_FSTYPES", m_text.c_str(), 1); // NOLINT(concurrency-mt-unsafe): one thread
+        }
+    }
+    ToldTypes() = default;
+    ToldTypes(const ToldTypes &) = delete;
+    ToldTypes &operator=(const ToldTypes &) = delete;
+    ~ToldTypes() { ::unsetenv("VEXOFILEOP_FSTYPES"); } // NOLINT(concurrency-mt-unsafe)
+
+  private:
+    std::string m_text;
+};
+
+using Pair = std::pair<Kind, Kind>;
+
+class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pair> {
   protected:
     void SetUp() override {
         kit::Behaviour::SetUp();
@@ -180,34 +235,36 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
         const bool move = seed % 2 == 1, existing = seed / 2 % 2 == 1;
         const std::string name = "tree" + std::to_string(seed);
         const std::string source = from + "/" + name, kept = from + "/kept" + name, copy = to + "/" + name;
-        agreement::make_tree(source, seed);
+        const agreement::TreeOptions options{.partial = GetParam().first.partial,
+                                             .large = GetParam().second.large && seed % 3 == 0};
+        agreement::make_tree(source, seed, options);
         // A moved tree is gone afterwards: the same once more stands for it.
         const std::string &reference = move ? kept : source;
         if (move) {
-            agreement::make_tree(kept, seed);
+            agreement::make_tree(kept, seed, options);
         }
         if (existing) {
-            agreement::make_tree(copy, seed, true);
+            agreement::make_tree(copy, seed, {.older = true, .partial = GetParam().second.partial});
         }
         if (HasFatalFailure()) {
             return;
         }
         View forecast(source), receipt(source), comparison(reference);
-        const engine::TransferOptions options{.operation = move ? Operation::move : Operation::copy,
-                                              .conflict = seed % 8 == 6 ? Conflict::update : Conflict::replace,
-                                              .links = true,
-                                              .specials = seed / 4 % 2 == 1,
-                                              .hardLinks = seed / 2 % 3 != 0,
-                                              .trees = true,
-                                              .countsAlone = seed % 3 == 0};
+        const engine::TransferOptions transfer{.operation = move ? Operation::move : Operation::copy,
+                                               .conflict = seed % 8 == 6 ? Conflict::update : Conflict::replace,
+                                               .links = true,
+                                               .specials = seed / 4 % 2 == 1,
+                                               .hardLinks = seed / 2 % 3 != 0,
+                                               .trees = true,
+                                               .countsAlone = seed % 3 == 0};
         {
             Forecast observer(forecast);
-            const engine::PlanOptions plan{.transfer = options};
+            const engine::PlanOptions plan{.transfer = transfer};
             engine::Planner(plan, observer).run(source, copy);
         }
         {
             Receipt observer(receipt);
-            engine::Transfer(options, observer).run(source, copy);
+            engine::Transfer(transfer, observer).run(source, copy);
         }
         {
             Differences observer(comparison);
@@ -216,9 +273,11 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
         comparison.without(receipt.failed);
         EXPECT_EQ(receipt.failed, forecast.failed) << where(seed) << "\n" << receipt.details;
         EXPECT_EQ(receipt.text(), forecast.text()) << "receipt and forecast, " << where(seed) << "\n"
-                                                   << receipt.details;
+                                                   << receipt.details << "\nforecast:\n"
+                                                   << forecast.details;
         EXPECT_EQ(receipt.text(), comparison.text()) << "receipt and comparison, " << where(seed) << "\n"
-                                                     << receipt.details;
+                                                     << receipt.details << "\ncomparison:\n"
+                                                     << comparison.details;
         note(reference, copy, receipt);
     }
     static std::string where(uint32_t seed) {
@@ -230,12 +289,13 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<st
     void note(const std::string &reference, const std::string &copy, const View &receipt) {
         m_notes << reference << '\0' << copy << '\0';
         for (const auto &[path, cls] : receipt.told) {
-            m_notes << path << '\0' << cls << '\0';
+            const auto place = receipt.changed.find(path);
+            m_notes << path << '\0' << cls << '\0' << (place == receipt.changed.end() ? "" : place->second) << '\0';
         }
         for (const std::string &path : receipt.failed) {
-            m_notes << path << '\0' << "*" << '\0';
+            m_notes << path << '\0' << "*" << '\0' << '\0';
         }
-        m_notes << '\0' << '\0';
+        m_notes << '\0' << '\0' << '\0';
     }
     void looks_like_that() {
         m_notes.close();
@@ -251,6 +311,9 @@ TEST_P(Agreement, ForecastReceiptAndComparisonTellTheSame) {
     const auto &[fromKind, toKind] = GetParam();
     KIT_REQUIRE(from, made(fromKind, scratch / "one"));
     KIT_REQUIRE(to, made(toKind, scratch / "other"));
+    ToldTypes types;
+    types.add(from.path(), fromKind.type);
+    types.add(to.path(), toKind.type);
     for (const uint32_t seed : kit::seeds(9, 200)) {
         check(from.path(), to.path(), seed);
         if (HasFailure()) {
@@ -261,8 +324,34 @@ TEST_P(Agreement, ForecastReceiptAndComparisonTellTheSame) {
     processAsNow();
 }
 
-const std::string kKinds[] = {"tmpfs", "ramfs", "ext4", "xfs", "btrfs", "overlay"};
-INSTANTIATE_TEST_SUITE_P(Pairs, Agreement, ::testing::Combine(::testing::ValuesIn(kKinds), ::testing::ValuesIn(kKinds)),
-                         [](const auto &pair) { return std::get<0>(pair.param) + "To" + std::get<1>(pair.param); });
+// With volumes that are not the kernel's own a tree goes to and from two that are, and from one to another of its kind.
+std::vector<Pair> pairs(const std::vector<Kind> &kinds) {
+    std::vector<Pair> all;
+    for (const Kind &kind : kinds) {
+        for (const Kind &own : {kOwn[0], kOwn[2]}) {
+            all.emplace_back(kind, own);
+            all.emplace_back(own, kind);
+        }
+        all.emplace_back(kind, kind);
+    }
+    return all;
+}
+std::vector<Pair> own_pairs() {
+    std::vector<Pair> all;
+    for (const Kind &from : kOwn) {
+        for (const Kind &to : kOwn) {
+            all.emplace_back(from, to);
+        }
+    }
+    return all;
+}
+std::string name_of(const ::testing::TestParamInfo<Pair> &pair) {
+    return std::string(pair.param.first.name) + "To" + pair.param.second.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Pairs, Agreement, ::testing::ValuesIn(own_pairs()), name_of);
+INSTANTIATE_TEST_SUITE_P(Fuse, Agreement, ::testing::ValuesIn(pairs({std::begin(kFuse), std::end(kFuse)})), name_of);
+INSTANTIATE_TEST_SUITE_P(Foreign, Agreement, ::testing::ValuesIn(pairs({std::begin(kForeign), std::end(kForeign)})),
+                         name_of);
 
 } // namespace

@@ -7,6 +7,9 @@
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/look.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <random>
@@ -22,12 +25,29 @@ namespace {
 constexpr const char *kNames[] = {"plain", "with blank", "odd\nname", "gr\xc3\xbc\xc3\x9f", "not\xff-utf8", ".hidden",
                                   "a?b*c", "long",       "sparse",    "more.tar.gz"};
 
+// Nearly the same name: another for most volumes, and the same one, or one that becomes the same, for some.
+std::string twin_of(std::string name, size_t way) {
+    constexpr size_t ways = 3;
+    if (way % ways == 0) {
+        std::ranges::transform(name, name.begin(), [](char one) { return one >= 'a' && one <= 'z' ? one - 32 : one; });
+    } else if (way % ways == 1) {
+        std::ranges::replace(name, '?', '-');
+        std::ranges::replace(name, '*', '-');
+    } else {
+        name += way % 2 == 0 ? "." : " ";
+    }
+    return name;
+}
+
 class Grower {
   public:
-    Grower(uint32_t seed, bool older) : m_random(seed), m_older(older) {}
+    Grower(uint32_t seed, const TreeOptions &options)
+        : m_random(seed), m_older(options.older), m_partial(options.partial), m_large(options.large) {}
 
     void directory(const std::string &path, int depth) {
-        ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+        if (!may(::mkdir(path.c_str(), 0755))) {
+            return;
+        }
         const size_t entries = below(depth == 0 ? 7 : 4) + (depth == 0 ? 1 : 0);
         for (size_t number = 0; number < entries; ++number) {
             std::string name = kNames[below(std::size(kNames))];
@@ -37,6 +57,12 @@ class Grower {
                 name += "x";
             }
             entry(path + "/" + name, depth);
+            if (below(8) == 0) {
+                entry(path + "/" + twin_of(name, below(6)), depth + 1);
+            }
+        }
+        if (m_large && depth == 0) {
+            kit::writeSparse(path + "/large", (off_t{4} << 30) + 5, {{1 << 20, 9}});
         }
         if (!m_older && below(6) == 0) {
             ASSERT_EQ(0, ::mkdir((path + "/@tmp").c_str(), 0755));
@@ -54,6 +80,15 @@ class Grower {
     }
 
   private:
+    // Whether it was done. What a volume refuses is not in the tree where that may be.
+    bool may(int result) {
+        EXPECT_TRUE(result == 0 || m_partial || errno == EEXIST) << std::strerror(errno);
+        return result == 0;
+    }
+    bool make_file(const std::string &path) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        return may(fd < 0 ? -1 : ::close(fd));
+    }
     size_t below(size_t end) { return std::uniform_int_distribution<size_t>(0, end - 1)(m_random); }
 
     void entry(const std::string &path, int depth) {
@@ -66,32 +101,40 @@ class Grower {
             }
             break;
         case 2:
-            ASSERT_EQ(0, ::symlink(below(2) == 0 ? "plain0" : "nowhere/at all", path.c_str()));
-            owners(path);
-            times(path);
+            if (may(::symlink(below(2) == 0 ? "plain0" : "nowhere/at all", path.c_str()))) {
+                owners(path);
+                times(path);
+            }
             return;
         case 3:
             if (!m_older) {
                 constexpr mode_t kinds[] = {S_IFIFO, S_IFSOCK, S_IFCHR};
                 constexpr dev_t null = 0x103;
                 constexpr timespec times[] = {{1'000'000'000, 0}, {1'100'000'000, 0}};
-                ASSERT_EQ(0, ::mknod(path.c_str(), kinds[(path.size() - path.rfind('/')) % 3] | 0640, null));
-                ASSERT_EQ(0, ::lchown(path.c_str(), 7, 65534));
-                ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW));
+                if (may(::mknod(path.c_str(), kinds[(path.size() - path.rfind('/')) % 3] | 0640, null))) {
+                    may(::lchown(path.c_str(), 7, 65534));
+                    may(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW));
+                }
             }
             return;
         case 4:
             if (!m_older && !m_files.empty()) {
-                ASSERT_EQ(0, ::link(m_files[below(m_files.size())].c_str(), path.c_str()));
+                may(::link(m_files[below(m_files.size())].c_str(), path.c_str()));
                 return;
             }
             break;
         case 5:
+            if (!make_file(path)) {
+                return;
+            }
             kit::writeSparse(path, 1 << 20, {{1 << 19, 5000}}, static_cast<uint32_t>(below(100)));
             belongings(path, false);
             return;
         default:
             break;
+        }
+        if (!make_file(path)) {
+            return;
         }
         kit::writeFile(path, kit::pattern(below(9000), static_cast<uint32_t>(below(1000))));
         belongings(path, false);
@@ -100,7 +143,7 @@ class Grower {
 
     void owners(const std::string &path) {
         constexpr uid_t users[] = {0, 0, 7, 65534};
-        ASSERT_EQ(0, ::lchown(path.c_str(), users[below(4)], users[below(4)]));
+        may(::lchown(path.c_str(), users[below(4)], users[below(4)]));
     }
     // Of a directory last: its entries change them. A creation time goes where the volume keeps one.
     void times(const std::string &path) {
@@ -109,7 +152,7 @@ class Grower {
                             static_cast<long>(below(10'000'000)) * 100};
         };
         const timespec all[] = {moment(), moment(), moment()};
-        ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), all, AT_SYMLINK_NOFOLLOW));
+        may(::utimensat(AT_FDCWD, path.c_str(), all, AT_SYMLINK_NOFOLLOW));
         if (!S_ISLNK(kit::statOf(path).st_mode)) {
             (void)VLIBCFileUTime(path.c_str(), 3, all);
         }
@@ -129,7 +172,7 @@ class Grower {
     void belongings(const std::string &path, bool directory) {
         constexpr mode_t modes[] = {0644, 0600, 0755, 0440, 04755, 02750, 01777, 0666};
         owners(path);
-        ASSERT_EQ(0, ::chmod(path.c_str(), modes[below(std::size(modes))]));
+        may(::chmod(path.c_str(), modes[below(std::size(modes))]));
         if (below(3) == 0) {
             attribute(path, "user.note", below(40));
         }
@@ -165,16 +208,17 @@ class Grower {
         if (below(4) != 0) {
             return;
         }
+        const bool fork = below(2) == 0;
         try {
             const engine::Store store(path);
             store.set("com.example.stream", kit::pattern(10 + below(3000), 5), engine::Store::Existing::either);
-            if (below(2) == 0) {
+            if (fork) {
                 store.set("user.in store", "short", engine::Store::Existing::either);
             }
         } catch (const engine::Failure &) {
             return; // no room beside a very long name
         }
-        if (below(2) == 0) {
+        if (fork && kit::exists(path.substr(0, path.rfind('/')) + "/@eaDir")) {
             resource(path);
         }
     }
@@ -230,14 +274,14 @@ class Grower {
     }
 
     std::mt19937 m_random;
-    bool m_older;
+    bool m_older, m_partial, m_large;
     std::vector<std::string> m_files;
 };
 
 } // namespace
 
-void make_tree(const std::string &top, uint32_t seed, bool older) {
-    Grower(seed, older).directory(top, 0);
+void make_tree(const std::string &top, uint32_t seed, const TreeOptions &options) {
+    Grower(seed, options).directory(top, 0);
 }
 
 } // namespace agreement

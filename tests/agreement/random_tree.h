@@ -6,8 +6,14 @@
 
 namespace agreement {
 
-// Makes the directory `top`. The same seed makes the same tree, wherever; what the volume of `top` does not keep is not
-// in it. `older`: as what stands at a destination already, with some of the names of the tree of the same seed.
-void make_tree(const std::string &top, uint32_t seed, bool older = false);
+struct TreeOptions {
+    bool older = false; // as what stands at a destination already, with some of the names of the tree of the same seed
+    bool partial = false; // what the volume or this user may not have is left out; else all of it has to get there
+    bool large = false;   // a file that is too large for FAT, of which nearly all is a hole
+};
+
+// Makes the directory `top`. The same seed makes the same tree, wherever, but for what is left out; attributes that the
+// volume of `top` does not keep are never in it.
+void make_tree(const std::string &top, uint32_t seed, const TreeOptions &options = {});
 
 } // namespace agreement

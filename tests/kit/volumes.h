@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 namespace kit {
 
@@ -31,6 +32,10 @@ class Volume {
     // A file system made by mkfs.TYPE (ext4, btrfs, xfs) in a file of `bytes` bytes, mounted through a loop device.
     static Volume loop(const std::string &type, uint64_t bytes, const std::string &mkfsOptions = {},
                        const std::string &mountOptions = {});
+    // The same of a driver that is a program: "ntfs-3g" or "exfat-fuse".
+    static Volume fuse(const std::string &type, uint64_t bytes);
+    // A directory once more through a program (bindfs), which keeps nothing of its own.
+    static Volume mirror(const std::string &directory);
     // A writable layer over a directory of the machine (such as "/etc"), so that a test can put files there.
     static Volume overlay(const std::string &directory);
 
@@ -40,10 +45,11 @@ class Volume {
     void setReadOnly(bool on) const;
 
   private:
-    Volume(std::string path, std::string image, std::string made);
+    Volume(std::string path, std::string image, std::string made, pid_t driver = -1);
     std::string m_path;
     std::string m_image; // the loop file, or the overlay's upper directory's volume
     std::string m_made;  // the directory made for the mount
+    pid_t m_driver;      // the program that is the volume; -1: there is none
 };
 
 } // namespace kit

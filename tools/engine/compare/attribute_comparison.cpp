@@ -117,7 +117,7 @@ class AttributeComparison {
             }
         }
         try {
-            if (const auto size = size_of(m_first.entry, item)) {
+            if (const auto size = size_of(m_first.entry, item); size && !is_unlisted(m_second.entry, item)) {
                 m_findings.add(class_of(item), fmt::format("{} {}: only at the first, {} bytes", word(item),
                                                            displayed(item.name), *size));
             }
@@ -131,13 +131,32 @@ class AttributeComparison {
             return; // compared with that; or how another volume kept what was compared
         }
         try {
-            if (size_of(m_second.entry, item)) {
+            if (size_of(m_second.entry, item) && !is_unlisted(m_first.entry, item)) {
                 m_findings.add(class_of(item),
                                fmt::format("{} {}: only at the second", word(item), displayed(item.name)));
             }
         } catch (const Failure &failure) {
             unreadable(item, failure);
         }
+    }
+    // Some volumes keep system attributes that their lists do not have. What differs in one is told here.
+    bool is_unlisted(const EntryView &entry, const Item &item) {
+        const auto asked = [&](const EntryView &of) {
+            try {
+                return of.attribute(item.name);
+            } catch (const Failure &) {
+                return std::optional<std::string>(); // the volume has no such attributes
+            }
+        };
+        if (item.stored != nullptr || class_of(item) == LossClass::attribute || !asked(entry)) {
+            return false;
+        }
+        if (const auto first = asked(m_first.entry), second = asked(m_second.entry);
+            first && second && first != second) {
+            m_findings.add(class_of(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
+                                                       displayed(item.name), first->size(), second->size()));
+        }
+        return true;
     }
     // Nothing: it is gone again, or says nothing.
     static std::optional<uint64_t> size_of(const EntryView &entry, const Item &item) {

@@ -39,6 +39,11 @@ std::string target_of(const EntryView &entry) {
     return {target, static_cast<size_t>(length)};
 }
 
+// Also of a name that the volume does not take.
+bool cannot_be_there(int number) {
+    return number == ENOENT || number == EINVAL || number == EILSEQ;
+}
+
 class EntryComparison {
   public:
     EntryComparison(EntryView &one, EntryView &other, Findings &findings)
@@ -122,6 +127,11 @@ class EntryComparison {
 
 } // namespace
 
+LossClass class_of_clash(mode_t entry, mode_t there) {
+    const bool plain = S_ISREG(entry) || S_ISDIR(entry) || ((entry ^ there) & S_IFMT) == 0;
+    return plain ? LossClass::name_clash : class_of_type(entry);
+}
+
 std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options, const FirstLook &look) {
     Findings findings{options};
     const char *which = "the first";
@@ -134,7 +144,7 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
             one->take_times(*options.before);
         }
     } catch (const Failure &failure) {
-        if (one != nullptr && errno == ENOENT) {
+        if (one != nullptr && cannot_be_there(errno)) {
             findings.add(class_of_type(one->type()), "is not at the second");
         } else {
             findings.add(LossClass::unreadable, fmt::format("{} {}", which, failure.what()));

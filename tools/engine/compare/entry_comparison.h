@@ -45,4 +45,11 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
 using FirstLook = std::function<bool(const struct stat &a, const struct stat &b)>;
 std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options, const FirstLook &look);
 
+// Of an entry that finds another one under its name, which is not to be replaced: two names have become one, unless the
+// volume may just hold no entries of its type.
+LossClass class_of_clash(mode_t entry, mode_t there);
+
+// How many bytes of a file are data at most, where its volume does not tell where the holes are. Copies fill those.
+int64_t most_data(const struct stat &file, const VolumeFacts &volume);
+
 } // namespace engine

@@ -67,7 +67,7 @@ class KeptComparison {
         const bool both = second && S_ISDIR(second->st_mode);
         const Descriptor there = both ? open_directory(other, otherName) : Descriptor(-1);
         for (const std::string &inside : names) {
-            if (!is_private_name(inside)) { // of a command that was stopped
+            if (!is_left_over(inside)) { // of a command that was stopped
                 tree(inner.get(), inside, there.get(), inside, path.empty() ? inside : joined(path, inside), depth + 1);
             }
         }

@@ -57,7 +57,10 @@ std::string NameMatch::listed_name(const std::string &wanted) const {
     if (::fstatat(m_directory, wanted.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0) {
         return wanted;
     }
-    std::string found = wanted;
+    // Not every volume tells a file by its inode.
+    const auto alike = std::ranges::find_if(
+        m_listed, [&](const std::string &name) { return ::strcasecmp(name.c_str(), wanted.c_str()) == 0; });
+    std::string found = alike == m_listed.end() ? wanted : *alike;
     for (const std::string &name : m_listed) {
         if (::fstatat(m_directory, name.c_str(), &other, AT_SYMLINK_NOFOLLOW) == 0 && other.st_dev == there.st_dev &&
             other.st_ino == there.st_ino) {

@@ -268,7 +268,11 @@ class TreeComparison {
             return;
         }
         if (found.clash) {
-            lose(path, otherPath, LossClass::name_clash,
+            struct stat one {
+            }, other{};
+            (void)::fstatat(level.one.fd(), item.name.c_str(), &one, AT_SYMLINK_NOFOLLOW);
+            (void)::fstatat(level.other.fd(), found.name.c_str(), &other, AT_SYMLINK_NOFOLLOW);
+            lose(path, otherPath, class_of_clash(one.st_mode, other.st_mode),
                  fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash))));
             m_observer.compared(path, kind_of_item(item), 0);
             return;

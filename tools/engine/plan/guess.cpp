@@ -75,7 +75,7 @@ class Guess {
                          "the volume keeps no ACLs");
                 }
             } else if (name.starts_with("user.")) {
-                if (!user && !(m_stores && m_volume.store == StoreKind::apple_double)) {
+                if (!user) {
                     lose(LossClass::attribute, detail);
                 }
             } else if (name.starts_with("osx.")) {

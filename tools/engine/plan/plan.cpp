@@ -313,7 +313,7 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
-    if (auto refusal = rehearsal.refusal_of(name)) {
+    if (auto refusal = rehearsal.refusal_of(name, S_IFDIR)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
     opened.inner.path = planned.destination;
@@ -441,7 +441,7 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
         name = fixed;
         planned.destination = joined(to.path, name);
     }
-    if (auto refusal = rehearsal.refusal_of(name)) {
+    if (auto refusal = rehearsal.refusal_of(name, asItIs ? found->st_mode : content->st_mode)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
     bool done = false;
@@ -473,8 +473,11 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
         return fail(planned, same_file());
     }
     if (written && known->second != source.name) {
+        auto of_first = m_transfer.links ? source.in.look(known->second) : source.in.look_through(known->second);
+        of_first = of_first ? of_first : std::optional(content);
         return fail(planned, {"another name of the source has become the same one; not replaced", kExists},
-                    {{LossClass::name_clash, "another name of the source has become the same one"}});
+                    {{class_of_clash((asItIs ? entry : content).st_mode, (there ? there : of_first)->st_mode),
+                      "another name of the source has become the same one"}});
     }
     if (conflict == Conflict::skip) {
         planned.deed = Deed::skip;
@@ -574,10 +577,10 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
     const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, PlannedLink{volume.room});
     const auto entry = source.in.look(source.name);
     const bool alone = gets_into_the_file(source.in, source.name, volume.rehearsal->volume().type);
-    known->second.alone = known->second.alone || (isNew && alone);
     planned.linked = !isNew && !alone && !known->second.alone && m_transfer.hardLinks &&
                      known->second.room == volume.room && volume.rehearsal->keeps_hard_links() && entry &&
                      S_ISREG(entry->st_mode);
+    known->second.alone = alone; // a later name is linked to the last one
     if (isNew || planned.linked) {
         return;
     }

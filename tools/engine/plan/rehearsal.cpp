@@ -10,6 +10,7 @@
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/belongings.h"
 #include "tools/engine/transfer/completion.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -49,11 +50,10 @@ bool is_of_store(LossClass cls) {
            cls == LossClass::mac_attributes || cls == LossClass::locked;
 }
 
-// A name that every volume takes.
-bool is_plain_name(const std::string &name) {
-    return name.back() != '.' && name.back() != ' ' && std::ranges::all_of(name, [](unsigned char letter) {
-               return letter > 0x20 && letter < 0x7f && std::strchr("\"*/:<>?\\|", letter) == nullptr;
-           });
+// File systems of this kernel's own, which take every name.
+bool takes_every_name(uint32_t magic) {
+    constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
+    return std::ranges::find(own, magic) != std::end(own);
 }
 
 } // namespace
@@ -141,7 +141,9 @@ std::string Rehearsal::signature(const Side &source, const struct stat &found) c
                  ::faccessat(source.directory, ("@eaDir/" + source.name).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)) {
         return {};
     }
-    std::string text = fmt::format("{:o} {} {} {:x}", found.st_mode, found.st_uid, found.st_gid, status.attributes);
+    // Not every list has the Windows ACL.
+    std::string text = fmt::format("{:o} {} {} {:x} {}", found.st_mode, found.st_uid, found.st_gid, status.attributes,
+                                   ::lgetxattr(path.c_str(), "security.NTACL", nullptr, 0));
     for (const std::string &name : attribute_names(path)) {
         const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
         if (name.starts_with("system.")) {
@@ -247,8 +249,9 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
             losses.push_back({LossClass::symbolic_link, std::strerror(errno)});
             return losses;
         }
-        const bool given = ::fchownat(place, kEntry, user, group, AT_SYMLINK_NOFOLLOW) == 0;
-        if (!given && ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0) {
+        // Some volumes say that they have done it, and have not.
+        if ((::fchownat(place, kEntry, user, group, AT_SYMLINK_NOFOLLOW) == 0 || errno == EPERM) &&
+            ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0) {
             user = made.st_uid;
             group = made.st_gid;
         }
@@ -290,7 +293,7 @@ std::vector<Loss> Rehearsal::losses_of_special(const Side &source, const struct 
 }
 
 void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const {
-    if (m_keepsHoles || !S_ISREG(found.st_mode) || found.st_blocks * kBlock >= found.st_size) {
+    if (!S_ISREG(found.st_mode) || found.st_blocks * kBlock >= found.st_size) {
         return;
     }
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
@@ -301,32 +304,24 @@ void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vec
         data += end > at ? end - at : 0;
         at = end > at ? ::lseek(file.get(), end, SEEK_DATA) : -1;
     }
-    if (data < found.st_size) {
+    // Holes of which nobody tells where they are stay nowhere.
+    const bool told = data < found.st_size;
+    data = told ? data : most_data(found, source.volume);
+    if (data < found.st_size && !(told && m_keepsHoles)) {
         losses.push_back({LossClass::hole, fmt::format("holes were filled: {} bytes more", found.st_size - data)});
     }
 }
 
-std::optional<Loss> Rehearsal::refusal_of(const std::string &name) {
-    const auto tooLong = [&] {
-        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
-    };
+std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) {
     if (name.size() > m_longestName) {
-        return tooLong();
+        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
     }
-    const bool own = volume_traits(m_volume.type).wholeTrees;
-    if (!probes() || own || is_plain_name(name)) {
+    if (!probes() || takes_every_name(m_volume.magic)) {
         return std::nullopt;
     }
-    const int place = m_place->fd();
-    (void)::mkdirat(place, kNames, 0700);
-    const Descriptor names = open_directory(place, kNames);
-    const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    if (made.get() >= 0 || (errno != EINVAL && errno != EILSEQ && errno != ENAMETOOLONG)) {
-        return std::nullopt;
-    }
-    return errno == ENAMETOOLONG
-               ? tooLong()
-               : Loss{LossClass::data, fmt::format("the volume refuses the name: {}", std::strerror(errno))};
+    (void)::mkdirat(m_place->fd(), kNames, 0700);
+    const Descriptor names = open_directory(m_place->fd(), kNames);
+    return refusal_in_private(names.get(), name, type);
 }
 
 std::string Rehearsal::key_of(const std::string &name) {

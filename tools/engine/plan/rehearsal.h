@@ -33,8 +33,8 @@ class Rehearsal {
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
     std::vector<Loss> losses_of(const Side &source, const struct stat &found, const Side *merged = nullptr);
-    // The class that keeps a name from being used; nothing: the volume takes it.
-    std::optional<Loss> refusal_of(const std::string &name);
+    // The class that keeps a name from being used for an entry of this type; nothing: the volume takes it.
+    std::optional<Loss> refusal_of(const std::string &name, mode_t type);
     // Two names for which this is the same are one to the volume.
     std::string key_of(const std::string &name);
 

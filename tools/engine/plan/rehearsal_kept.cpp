@@ -75,7 +75,7 @@ void Rehearsal::add_tree(const Side &source, const std::string &path, bool carri
         losses.push_back(kept_loss(found, path));
     }
     for (const std::string &name : *names) {
-        if (!is_private_name(name)) {
+        if (!is_left_over(name)) {
             add_tree({inner.get(), name, source.volume}, path.empty() ? name : joined(path, name), carried, losses,
                      depth + 1);
         }
@@ -86,7 +86,7 @@ void Rehearsal::add_tree(const Side &source, const std::string &path, bool carri
 bool Rehearsal::add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
                                std::vector<Loss> &losses) {
     if ((!S_ISREG(found.st_mode) && !S_ISDIR(found.st_mode) && !S_ISLNK(found.st_mode)) ||
-        (!path.empty() && refusal_of(source.name))) {
+        (!path.empty() && refusal_of(source.name, found.st_mode & S_IFMT))) {
         return false;
     }
     const std::vector<Loss> lacks = S_ISLNK(found.st_mode) ? losses_of_link(source, found)

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #pragma weak VLIBCKernelAttrFcntl
@@ -60,6 +61,28 @@ void set_archive(const Side &copy) {
     }
 }
 
+bool has_acl(const std::string &path) {
+    return ::getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) >= 0;
+}
+
+// Not every volume gives a new file all bits that it is made with; and where permissions are what locks an entry, the
+// state of the lock comes after them. Who has another owner gets no set-id bits; and where an ACL could not go along,
+// its mask is nobody's right.
+void give_mode(const Held &from, const Held &to) {
+    constexpr mode_t rights = S_IRWXU | S_IRWXG | S_IRWXO;
+    const bool same = from.status.st_uid == to.status.st_uid && from.status.st_gid == to.status.st_gid;
+    mode_t mode = to.status.st_mode & kModeBits;
+    if (!has_acl(from.path) || has_acl(to.path)) {
+        mode = (mode & ~rights) | (from.status.st_mode & rights);
+    }
+    if (same) {
+        mode |= from.status.st_mode & kModeBits & ~rights;
+    }
+    if (mode != (to.status.st_mode & kModeBits)) {
+        (void)::chmod(to.path.c_str(), mode);
+    }
+}
+
 bool is_time(const Loss &loss) {
     return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
 }
@@ -106,11 +129,21 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     std::vector<Loss> losses = compare_entries(source, copy, options);
     const bool late = options.times && std::ranges::any_of(losses, is_time);
     const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);
-    if (!late && !ofTheSystem) {
+    const bool mode = std::ranges::find(losses, LossClass::mode, &Loss::cls) != losses.end();
+    const bool users = std::ranges::find(losses, LossClass::attribute, &Loss::cls) != losses.end();
+    if (!late && !ofTheSystem && !mode && !users) {
         return losses;
     }
-    if (const Held from(source), to(copy); ofTheSystem && from.keeps_more() && to.keeps_more()) {
-        copy_system_attributes(from.path, to.path);
+    if (const Held from(source), to(copy); from.keeps_more() && to.keeps_more()) {
+        if (ofTheSystem) {
+            copy_system_attributes(from.path, to.path);
+        }
+        if (users) {
+            copy_user_attributes(from.path, to.path);
+        }
+        if (mode) {
+            give_mode(from, to);
+        }
     }
     if (late) {
         set_archive(copy);

@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/file_conflict.h"
 
 #include "copy/copy.h"
+#include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -85,10 +86,10 @@ Outcome failure(const std::string &destination, Problem problem) {
     return outcome;
 }
 
-Outcome clash(const std::string &destination) {
+Outcome clash(const std::string &destination, mode_t entry, mode_t there) {
     const std::string reason = "another name of the source has become the same one";
     Outcome outcome = failure(destination, {reason + "; not replaced", kExists});
-    outcome.losses.push_back({LossClass::name_clash, reason});
+    outcome.losses.push_back({class_of_clash(entry, there), reason});
     return outcome;
 }
 
@@ -122,7 +123,7 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
         return failure(attempt.destination, same_file());
     }
     if (there && written.is_clash(*there, attempt.sourceName)) {
-        return clash(attempt.destination);
+        return clash(attempt.destination, (attempt.asItIs ? attempt.entry : attempt.content)->st_mode, there->st_mode);
     }
     if (options.conflict != Conflict::skip) {
         if (auto problem = check_destination(attempt, options, written)) {

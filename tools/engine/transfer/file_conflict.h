@@ -62,7 +62,8 @@ std::optional<Problem> choose_free_name(FileAttempt &attempt);
 bool is_to_update(const Loss &difference, LossSet accepted);
 
 Outcome failure(const std::string &destination, Problem problem);
-Outcome clash(const std::string &destination);
+// Two names that have become one. The types of the entry and of what stands there decide how that is called.
+Outcome clash(const std::string &destination, mode_t entry, mode_t there);
 Problem same_file();
 
 } // namespace engine

@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/file_attempt.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/link_transfer.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/volume/fat_name.h"
@@ -145,6 +146,11 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
             outcome.losses.push_back({*cls, outcome.problem->reason});
         } else if (attempt.file.get() >= 0 && !attempt.stopAnswered && !can_be_read(attempt.opened())) {
             outcome.losses.push_back({LossClass::unreadable, outcome.problem->reason});
+        } else if (const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
+                   meant && openDestination && !attempt.stopAnswered && !to.look(attempt.name)) {
+            if (auto refusal = refusal_of_entry(to.fd(), attempt.name, meant->st_mode)) {
+                outcome.losses.push_back(std::move(*refusal));
+            }
         }
     }
     return settled(std::move(outcome));

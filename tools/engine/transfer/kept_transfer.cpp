@@ -66,7 +66,7 @@ class KeptTransfer {
             return;
         }
         for (const std::string &inner : names_in(source.get()).value_or(std::vector<std::string>())) {
-            if (!is_private_name(inner)) {
+            if (!is_left_over(inner)) {
                 entry(source.get(), inner, copy.get(), depth);
             }
         }

@@ -1,10 +1,15 @@
 #include "tools/engine/transfer/system_attributes.h"
 
+#include "platform/core.h"
+#include "tools/engine/store/store.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
 #include <sys/xattr.h>
+
+#pragma weak VLIBCFileIsRecord
 
 namespace engine {
 namespace {
@@ -45,18 +50,31 @@ void copy_attribute(const std::string &source, const std::string &destination, c
     }
 }
 
-} // namespace
+bool is_users(std::string_view name) {
+    return name.starts_with("user.") && name != kMetadataName && !name.starts_with("user.vexo.") &&
+           (VLIBCFileIsRecord == nullptr || VLIBCFileIsRecord(name.data()) == 0);
+}
 
-void copy_system_attributes(const std::string &source, const std::string &destination) {
+void copy_those(const std::string &source, const std::string &destination, bool (*meant)(std::string_view)) {
     std::string names;
     if (!read_all(names, [&](char *at, size_t size) { return ::listxattr(source.c_str(), at, size); })) {
         return;
     }
     for (size_t at = 0; at < names.size(); at += std::string_view(&names[at]).size() + 1) {
-        if (is_carried(&names[at])) {
+        if (meant(&names[at])) {
             copy_attribute(source, destination, &names[at]);
         }
     }
+}
+
+} // namespace
+
+void copy_system_attributes(const std::string &source, const std::string &destination) {
+    copy_those(source, destination, is_carried);
+}
+
+void copy_user_attributes(const std::string &source, const std::string &destination) {
+    copy_those(source, destination, is_users);
 }
 
 } // namespace engine

@@ -1,4 +1,4 @@
-// Attributes that only root can set, which the library leaves where they are.
+// Attributes that the library leaves where they are.
 #pragma once
 
 #include <string>
@@ -9,5 +9,8 @@ namespace engine {
 // that the system gives to a file where it lies are left out. What does not go is for a comparison to tell. Links in
 // the last component are followed.
 void copy_system_attributes(const std::string &source, const std::string &destination);
+
+// The same of those of users ("user."), but for what is how a platform or a store keeps something else.
+void copy_user_attributes(const std::string &source, const std::string &destination);
 
 } // namespace engine

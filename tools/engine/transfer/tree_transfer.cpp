@@ -11,6 +11,7 @@
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/kept_transfer.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/surplus_metadata.h"
 #include "tools/engine/volume/fat_name.h"
@@ -309,7 +310,12 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     // Nobody else gets in before the directory has its own mode; and a read-only one can be filled first.
     level.made = ::mkdirat(destination.in.fd(), destination.name.c_str(), 0700) == 0;
     if (!level.made && errno != EEXIST) {
-        return failed(level.source, level.destination, problem_of_making(errno));
+        const Problem problem = problem_of_making(errno);
+        std::vector<Loss> losses;
+        if (auto refusal = refusal_of_entry(destination.in.fd(), destination.name, S_IFDIR)) {
+            losses.push_back(std::move(*refusal));
+        }
+        return failed(level.source, level.destination, problem, std::move(losses));
     }
     if (!level.made && !existing_destination(level, source, destination)) {
         return false;
@@ -384,8 +390,7 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    if (auto problem = carry_beside(source.in.side_now(source.name, m_sourceType),
-                                    destination.in.side_now(destination.name, m_destinationType))) {
+    if (auto problem = carry_store(source, destination)) {
         level.outcome.warning = std::move(*problem);
     }
     // While its owner may write to it: the creation time may be kept in an attribute.
@@ -400,6 +405,25 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
         (void)::fchmod(fd, status.st_mode & kModeBits);
     }
     return true;
+}
+
+// The library takes it that reserved characters were replaced in the name wherever stores are "._" files. Where they
+// are not, the store gets to its place from under a name without any.
+std::optional<Problem> TreeTransfer::carry_store(const Place &source, const Place &destination) const {
+    const HeldDirectory &to = destination.in;
+    const Side from = source.in.side_now(source.name, m_sourceType);
+    const bool reserved = m_destinationTraits.store == StoreKind::apple_double && !m_destinationTraits.fatNames &&
+                          base_name(fat_name("/" + destination.name)) != destination.name;
+    const std::string made = next_private_name();
+    if (!reserved || ::mkdirat(to.fd(), made.c_str(), 0700) != 0) {
+        return carry_beside(from, to.side_now(destination.name, m_destinationType));
+    }
+    (void)VEXOEACopyInternal(source.held().c_str(), to.below(made).c_str(), 0, 0, m_sourceType, m_destinationType,
+                             nullptr, nullptr, nullptr);
+    (void)::renameat(to.fd(), ("._" + made).c_str(), to.fd(), ("._" + destination.name).c_str());
+    (void)remove_left_over(to.fd(), made);
+    carry_kept(from, to.side_now(destination.name, m_destinationType), true);
+    return std::nullopt;
 }
 
 // The times are those from before anything was taken out of the source.

@@ -85,6 +85,7 @@ class TreeTransfer {
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
     bool give_belongings(Level &level, const Place &source, const Place &destination);
+    std::optional<Problem> carry_store(const Place &source, const Place &destination) const;
     void compare_level(Level &level, const Place &source, const Place &destination);
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);

@@ -1,0 +1,74 @@
+#include "tools/engine/transfer/name_refusal.h"
+
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/private_name.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <iterator>
+#include <sys/stat.h>
+
+namespace engine {
+namespace {
+
+// A name that every volume takes.
+bool is_plain_name(const std::string &name) {
+    constexpr size_t commonLength = 255;
+    return name.size() < commonLength && name.back() != '.' && name.back() != ' ' &&
+           std::ranges::all_of(name, [](unsigned char letter) {
+               return letter > 0x20 && letter < 0x7f && std::strchr("\"*/:<>?\\|", letter) == nullptr;
+           });
+}
+
+// What in a directory of our own can only be due to the name. Some drivers do not find a name that they do not take.
+bool is_of_name(int number) {
+    constexpr int numbers[] = {EINVAL, EILSEQ, ENAMETOOLONG, ENOENT, EPERM};
+    return std::ranges::find(numbers, number) != std::end(numbers);
+}
+
+} // namespace
+
+std::optional<Loss> refusal_in_private(int directory, const std::string &name, mode_t type) {
+    if (is_plain_name(name)) {
+        return std::nullopt;
+    }
+    const Descriptor made(::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    if (made.get() >= 0 || !is_of_name(errno)) {
+        return std::nullopt;
+    }
+    if (errno == ENAMETOOLONG) {
+        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
+    }
+    return Loss{S_ISLNK(type)                    ? LossClass::symbolic_link
+                : S_ISREG(type) || S_ISDIR(type) ? LossClass::data
+                                                 : LossClass::special_file,
+                fmt::format("the volume refuses the name: {}", std::strerror(errno))};
+}
+
+std::optional<Loss> refusal_of_link(int directory) {
+    if (::symlinkat("nowhere", directory, "link") == 0 || (errno != ENOSYS && errno != EPERM && errno != EOPNOTSUPP)) {
+        return std::nullopt;
+    }
+    return Loss{LossClass::symbolic_link, std::strerror(errno)};
+}
+
+std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mode_t type) {
+    const std::string place = next_private_name();
+    if ((is_plain_name(name) && !S_ISLNK(type)) || ::mkdirat(directory, place.c_str(), 0700) != 0) {
+        return std::nullopt;
+    }
+    std::optional<Loss> refusal;
+    if (const Descriptor opened = open_directory(directory, place); opened.get() >= 0) {
+        refusal = refusal_in_private(opened.get(), name, type);
+        if (!refusal && S_ISLNK(type)) {
+            refusal = refusal_of_link(opened.get());
+        }
+    }
+    (void)remove_left_over(directory, place);
+    return refusal;
+}
+
+} // namespace engine

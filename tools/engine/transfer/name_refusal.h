@@ -1,0 +1,23 @@
+// Which names, and whether links, a volume does not take, found out by asking it.
+#pragma once
+
+#include "tools/engine/losses/loss.h"
+
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+namespace engine {
+
+// What becomes of an entry of this name and type in a directory that is the caller's own, and empty; a file that was
+// made stays. Nothing: the volume takes the name, or something else is wrong.
+std::optional<Loss> refusal_in_private(int directory, const std::string &name, mode_t type);
+
+// In a private directory of the caller's, which stays: what becomes of symbolic links there.
+std::optional<Loss> refusal_of_link(int directory);
+
+// Both of any directory, which is open: asked in a private one, made in it and removed again. For entries that somebody
+// has tried to make without success.
+std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mode_t type);
+
+} // namespace engine
