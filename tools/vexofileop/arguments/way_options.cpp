@@ -30,8 +30,8 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 } // namespace
 
 WayOptions::WayOptions(const Command &command)
-    : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")) {
-}
+    : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
+      m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
