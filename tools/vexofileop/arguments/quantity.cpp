@@ -108,6 +108,15 @@ int64_t parse_rate(const char *option, const std::string &text) {
     return rate;
 }
 
+int parse_count(const char *option, const std::string &text, int least) {
+    int number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size() || number < least) {
+        throw UsageError(fmt::format("{} {}: give a number, {} or more", option, engine::displayed(text), least));
+    }
+    return number;
+}
+
 timespec parse_moment(const char *option, const std::string &text, const timespec &now) {
     static constexpr std::array<Unit, 5> units = {
         {{"s", 1}, {"m", 60}, {"h", 3600}, {"d", 24 * 3600}, {"w", 7 * 24 * 3600}}};

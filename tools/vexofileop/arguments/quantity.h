@@ -15,6 +15,9 @@ int64_t parse_size(const char *option, const std::string &text);
 // Throws UsageError that names the option.
 int64_t parse_rate(const char *option, const std::string &text);
 
+// A whole number, `least` or more. Throws UsageError that names the option.
+int parse_count(const char *option, const std::string &text, int least);
+
 // A moment: "2026-01-31", "2026-01-31 12:30" or with seconds, in local time; "@SECONDS" since 1970; an age, "90s",
 // "15m", "12h", "7d", "2w", back from `now`; with a slash the path of a file, whose modification time it is. Throws
 // UsageError that names the option.

@@ -31,7 +31,8 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 
 WayOptions::WayOptions(const Command &command)
     : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
-      m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")) {}
+      m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
+      m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
@@ -40,6 +41,7 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
             ? Clone::automatic
             : one_of<Clone>(m_clone, "--clone",
                             {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.retries = m_retries.given() ? parse_count("--retry", m_retries.values().front(), 0) : 0;
     transfer.bytesPerSecond = m_rate.given() ? parse_rate("--bwlimit", m_rate.values().front()) : 0;
 }
 

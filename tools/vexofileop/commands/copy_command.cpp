@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -12,7 +13,6 @@
 #include "tools/vexofileop/commands/plan_run.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdint>
 #include <fmt/format.h>
 #include <memory>
@@ -170,13 +170,7 @@ int64_t most_errors_of(const Option &option) {
     if (!option.given()) {
         return 0;
     }
-    const std::string text = option.values().front();
-    int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size() || number < 1) {
-        throw UsageError(fmt::format("--max-errors {}: give a number, 1 or more", engine::displayed(text)));
-    }
-    return number;
+    return parse_count("--max-errors", option.values().front(), 1);
 }
 
 // What the command line of a copy, a move or a plan of one has.
