@@ -28,12 +28,14 @@ Problem problem_of(uint32_t code) {
 }
 
 Problem problem_of_errno(int number) {
+    Problem problem{std::strerror(number), kOther};
     for (const ErrnoCode &row : kErrnoCodes) {
         if (row.number == number) {
-            return problem_of(row.code);
+            problem = problem_of(row.code);
         }
     }
-    return {std::strerror(number), kOther};
+    problem.number = number;
+    return problem;
 }
 
 Problem problem_of_directory() {

@@ -14,6 +14,7 @@ struct Problem {
     bool withSource = false;     // it is the source's, whatever the destination
     bool needsRecursion = false; // a directory, where the request was for files alone
     bool replaced = false;       // what was placed is not what stands there now
+    int number = 0;              // the kernel's, where it is known
 };
 
 Problem problem_of(uint32_t code);

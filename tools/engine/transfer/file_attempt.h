@@ -37,7 +37,10 @@ struct FileTransfer::Attempt : FileAttempt {
     bool progressSeen = false;             // data were copied
     bool cloneAsked = false;               // no data need to be
     bool cloneOrNothing = false;
-    Problem told = {}; // what is to be said of it
+    bool final = true;        // no other try comes after it
+    bool storeLocked = false; // somebody held what is kept for the source, or for the copy
+    bool begun = false;       // something was replaced, renamed or removed: it is not tried again
+    Problem told = {};        // what is to be said of it
 
     // The source, whatever has become of its name.
     std::string opened() const { return fmt::format("/proc/self/fd/{}", file.get()); }

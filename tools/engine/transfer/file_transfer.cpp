@@ -4,6 +4,7 @@
 #include "ea/ea.h"
 #include "platform/sdk.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/mac_attributes.h"
@@ -36,8 +37,9 @@
 namespace engine {
 namespace {
 
-constexpr uint32_t kOutOfMemory = 0x0200, kDestinationMissing = 0x0600, kMissing = 0x0700, kNoSpace = 0x2900,
-                   kExists = 0xA300, kFileTooLarge = 0xAA00, kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
+constexpr uint32_t kOutOfMemory = 0x0200, kLocked = 0x0400, kDestinationMissing = 0x0600, kMissing = 0x0700,
+                   kNoSpace = 0x2900, kExists = 0xA300, kFileTooLarge = 0xAA00, kNameTooLong = 0xC300,
+                   kOwnerLost = 0xFA00;
 constexpr int kExtended = 2, kBtrfs = 3; // types of volumes, to the library
 constexpr int kNotAskedForRoom = 12;     // a type of volume, to the library
 constexpr int kMostNames = 1000;         // that somebody else was quicker to take
@@ -74,6 +76,11 @@ bool is_really_empty(const std::string &path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     char byte = 0;
     return file.get() < 0 || ::read(file.get(), &byte, 1) <= 0;
+}
+
+// Something that could not be looked at, since somebody else has it: the code is in the words.
+bool is_locked(const Loss &loss) {
+    return loss.detail.find(code_text(kLocked)) != std::string::npos;
 }
 
 // What a failure is called among the losses.
@@ -130,6 +137,22 @@ const HeldDirectory &FileTransfer::directory_of(HeldDirectory &last, const std::
 
 Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry,
                           Surroundings around) {
+    for (int tries = 0;;) {
+        bool begun = false;
+        Outcome outcome = run_once(source, destination, entry, around, !m_patience.has_more(tries), begun);
+        if (begun || outcome.status != Status::failed || !outcome.problem ||
+            !m_patience.again(source, destination, *outcome.problem, tries)) {
+            return outcome;
+        }
+        // What was opened by its path may be another one by now.
+        m_from = HeldDirectory();
+        m_to = HeldDirectory();
+    }
+}
+
+Outcome FileTransfer::run_once(const std::string &source, const std::string &destination,
+                               const std::optional<struct stat> &entry, const Surroundings &around, bool final,
+                               bool &begun) {
     const HeldDirectory &from = around.from != nullptr ? *around.from : directory_of(m_from, source);
     const HeldDirectory &to = around.to != nullptr ? *around.to : directory_of(m_to, destination);
     const bool openDestination = to.is_open();
@@ -140,7 +163,9 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
         attempt.losses.push_back(
             {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});
     }
+    attempt.final = final;
     Outcome outcome = attempted(attempt, destination, openDestination ? 0 : number);
+    begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
         if (const auto cls = class_of(*outcome.problem)) {
             outcome.losses.push_back({*cls, outcome.problem->reason});
@@ -345,6 +370,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
         auto left = rename_with_store({attempt.from, attempt.sourceName, attempt.to, attempt.name, attempt.replace,
                                        regular || attempt.store.any()});
         if (left) {
+            attempt.begun = true;
             attempt.result = attempt.entry;
             attempt.renamed = true;
             if (regular) {
@@ -429,6 +455,11 @@ std::optional<Problem> FileTransfer::make_anew(Attempt &attempt, std::vector<Los
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {
     compare(attempt, attempt.made);
+    const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_locked);
+    if (locked && !attempt.final && !attempt.losses.empty()) {
+        discard(attempt.to, attempt.made);
+        return failure(attempt.destination, problem_of(kLocked));
+    }
     if (auto problem = verify(attempt, attempt.made)) {
         discard(attempt.to, attempt.made);
         Outcome outcome = failure(attempt.destination, *problem);
@@ -447,6 +478,7 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
     for (int i = 0; i < kMostNames; ++i) {
         auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace, stores});
         if (left) {
+            attempt.begun = true;
             attempt.note(std::move(*left));
             return arrived(attempt);
         }
@@ -465,6 +497,7 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
 
 // The old way: what fails from here on has cost the old content.
 Outcome FileTransfer::write_in_place(Attempt &attempt) {
+    attempt.begun = true;
     if (auto problem = make_file(attempt, attempt.name, true)) {
         return failure(attempt.destination, *problem);
     }
@@ -579,11 +612,13 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
         VEXOCopyArgsSetFnGetReadSize(record.get(), &Attempt::on_read, &attempt);
     }
     VLIBCErrSetEx(0, "", 0);
+    errno = 0;
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
     flags |= replace ? flag::replace : flag::failIfExists;
     flags |= attempt.cloneAsked ? flag::clone : 0;
     const int result =
         VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get());
+    const int number = errno;
     if (attempt.is_copied_instead() && !attempt.stopAnswered) {
         discard(attempt.to, name);
         return Problem{kNotCloned};
@@ -591,7 +626,8 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
     if (result == 0) {
         return std::nullopt;
     }
-    const Problem problem = problem_of(VLIBCErrGet());
+    Problem problem = problem_of(VLIBCErrGet());
+    problem.number = number;
     // The library asks for room for the whole length. It asks no volume of this type, and gives no owners there.
     if (problem.code == kNoSpace && !replace && fits_without_holes(*attempt.content, attempt.to)) {
         record->fsTypeDst = kNotAskedForRoom;
@@ -608,8 +644,8 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
 
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
-    if (auto problem =
-            carry_beside(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side(name))) {
+    const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
+    if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
     if (m_options.operation == Operation::move) {
@@ -727,10 +763,17 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
 void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
     const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
-    auto left = remove_with_store(attempt.from, attempt.sourceName, [&] {
-        return (!attempt.kept || attempt.kept->unchanged(attempt.from, attempt.sourceName)) &&
-               copied.unchanged(attempt.from.fd(), attempt.sourceName);
-    });
+    const auto remove = [&] {
+        return remove_with_store(attempt.from, attempt.sourceName, [&] {
+            return (!attempt.kept || attempt.kept->unchanged(attempt.from, attempt.sourceName)) &&
+                   copied.unchanged(attempt.from.fd(), attempt.sourceName);
+        });
+    };
+    auto left = remove();
+    for (int tries = 0; !left && errno != ESTALE &&
+                        m_patience.again(attempt.source, attempt.destination, problem_of_errno(errno), tries);) {
+        left = remove();
+    }
     if (!left && (errno == ESTALE || errno == ENOENT)) {
         attempt.note({"copied, but the source was changed or exchanged meanwhile, and stays"});
         outcome.sourceStays = true;

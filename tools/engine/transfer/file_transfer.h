@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/linked_files.h"
 #include "tools/engine/transfer/pace.h"
+#include "tools/engine/transfer/retry_policy.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -38,7 +39,8 @@ class FileTransfer {
     // The observer outlives this. It is told the progress, and asked.
     FileTransfer(const TransferOptions &options, TransferObserver &observer)
         : m_options(options), m_observer(observer), m_clones(options),
-          m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()) {}
+          m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()),
+          m_patience(options.retries, options.clock != nullptr ? *options.clock : machine_clock(), observer) {}
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
@@ -59,11 +61,15 @@ class FileTransfer {
     bool accepts(const Outcome &outcome) const { return !has_failing_loss(outcome, m_options.accepted); }
     // One that failed with nothing but losses that are accepted has not failed.
     Outcome settled(Outcome outcome) const;
+    // Whether what failed is to be tried once more; it waits for that.
+    RetryPolicy &patience() { return m_patience; }
     // Before the first file goes into a directory that was there before: what earlier runs have left in it is finished
     // or removed, once a directory.
     void tidy(const HeldDirectory &directory);
 
   private:
+    Outcome run_once(const std::string &source, const std::string &destination, const std::optional<struct stat> &entry,
+                     const Surroundings &around, bool final, bool &begun);
     struct Attempt; // one file's state, shared with the library's callbacks
 
     // The directory that the last file lay in: mostly the next one lies beside it.
@@ -100,6 +106,7 @@ class FileTransfer {
     LinkedFiles m_linked;
     ClonePolicy m_clones;
     Pace m_pace;
+    RetryPolicy m_patience;
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

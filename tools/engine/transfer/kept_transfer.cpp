@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
@@ -27,6 +28,7 @@ namespace engine {
 namespace {
 
 constexpr char kStore[] = "@eaDir";
+constexpr uint32_t kLocked = 0x0400;
 
 std::string path_of(int fd) {
     return fmt::format("/proc/self/fd/{}", fd);
@@ -220,10 +222,13 @@ void carry_kept(const Side &source, const Side &copy, bool data) {
     carry_empty_store(source, copy);
 }
 
-std::optional<Problem> carry_beside(const Side &source, const Side &copy) {
+std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool *locked) {
     const auto carry = [&](VEXOCopyArgs *record) {
-        (void)VEXOEACopyInternal(source.path().c_str(), copy.path().c_str(), 0, 0, source.volume.type, copy.volume.type,
-                                 nullptr, nullptr, record);
+        const int result = VEXOEACopyInternal(source.path().c_str(), copy.path().c_str(), 0, 0, source.volume.type,
+                                              copy.volume.type, nullptr, nullptr, record);
+        if (locked != nullptr) {
+            *locked = result != 0 && VLIBCErrGet() == kLocked;
+        }
     };
     const KeptPlace from = source.volume.noDirectory ? KeptPlace{} : place_or_none(source, Kept::own);
     if (!from.there) {

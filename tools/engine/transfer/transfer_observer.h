@@ -10,6 +10,14 @@
 
 namespace engine {
 
+// A try that failed, after which there is to be another one.
+struct Retry {
+    const std::string &source, &destination;
+    const Problem &problem;
+    int number, of; // which of them is next, and how many there are to be at most
+    int64_t pause;  // milliseconds before it
+};
+
 class TransferObserver : public Observer {
   public:
     // The source is a directory that is carried with everything in it. What becomes of its entries is told next.
@@ -24,6 +32,8 @@ class TransferObserver : public Observer {
     virtual void stays(const std::string &, const std::vector<std::string> &) {}
     // So many more bytes are done; `newFile`: the first of a file in a tree.
     virtual void progress(int64_t bytes, bool newFile) = 0;
+    // What failed is to be tried again.
+    virtual void retry(const Retry &) {}
     // For Conflict::ask: whether what stands at the destination goes.
     virtual bool may_replace(const std::string &destination) = 0;
 };

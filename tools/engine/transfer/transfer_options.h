@@ -33,6 +33,7 @@ struct TransferOptions {
     LossSet accepted = {};      // what may be lost: a source goes all the same, and an entry has not failed
     bool verify = false;        // each file is read back from its volume and compared before it gets its name
     int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number
+    int retries = 0;            // of an entry that failed for what may pass
     Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine
     // Whether files that arrive are compared with their sources; else the caller does that, and it is no move.
     bool compared = true;

@@ -136,6 +136,9 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     auto names = names_in(level.from.fd());
+    for (int tries = 0; !names && again(level, level.destination, tries);) {
+        names = names_in(level.from.fd());
+    }
     if (names && m_move && std::ranges::any_of(*names, is_left_over)) {
         m_files.tidy(level.from); // of a move that was stopped: what is kept for entries that are gone goes too
         names = names_in(level.from.fd());
@@ -207,13 +210,24 @@ bool TreeTransfer::ascend(const Level &level, const Place &source, const Place &
 }
 
 bool TreeTransfer::open_source(Level &level, const Place &source) {
-    level.from = HeldDirectory(source.in, source.name);
-    if (!level.from.is_open() ||
-        VLIBCFileStat(level.from.itself().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME,
-                      &level.status) != 0) {
-        return unreadable(level);
+    for (int tries = 0;;) {
+        level.from = HeldDirectory(source.in, source.name);
+        if (level.from.is_open() &&
+            VLIBCFileStat(level.from.itself().c_str(),
+                          VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME, &level.status) == 0) {
+            return true;
+        }
+        if (!again(level, level.destination, tries)) {
+            return unreadable(level);
+        }
     }
-    return true;
+}
+
+bool TreeTransfer::again(const Level &level, const std::string &destination, int &tries) {
+    const int number = errno;
+    const bool more = m_files.patience().again(level.source, destination, problem_of_errno(number), tries);
+    errno = number;
+    return more;
 }
 
 bool TreeTransfer::unreadable(const Level &level) {
@@ -287,6 +301,9 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
         return true; // merged into, or refused by name; and metadata of another form are converted by a copy
     }
     auto left = rename_with_store({source.in, source.name, destination.in, destination.name});
+    for (int tries = 0; !left && errno != EBUSY && again({source.path()}, destination.path(), tries);) {
+        left = rename_with_store({source.in, source.name, destination.in, destination.name});
+    }
     if (!left) {
         constexpr int copied[] = {EXDEV, EEXIST, EBUSY, ENOTEMPTY};
         return std::ranges::find(copied, errno) != std::end(copied) ||
@@ -308,7 +325,10 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
 
 bool TreeTransfer::make_destination(Level &level, const Place &source, const Place &destination) {
     // Nobody else gets in before the directory has its own mode; and a read-only one can be filled first.
-    level.made = ::mkdirat(destination.in.fd(), destination.name.c_str(), 0700) == 0;
+    int tries = 0;
+    do {
+        level.made = ::mkdirat(destination.in.fd(), destination.name.c_str(), 0700) == 0;
+    } while (!level.made && errno != EEXIST && again(level, level.destination, tries));
     if (!level.made && errno != EEXIST) {
         const Problem problem = problem_of_making(errno);
         std::vector<Loss> losses;

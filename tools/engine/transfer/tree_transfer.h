@@ -90,6 +90,8 @@ class TreeTransfer {
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
     bool unreadable(const Level &level);
+    // Whether to try once more what the kernel has just refused with errno, which stays what it is.
+    bool again(const Level &level, const std::string &destination, int &tries);
     Problem into_itself() const;
     bool remove_source(Level &level, const Place &source);
     bool failed(const std::string &source, const std::string &destination, Problem problem,

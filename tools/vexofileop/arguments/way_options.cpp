@@ -4,6 +4,9 @@
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <fmt/format.h>
 #include <initializer_list>
 #include <string>
@@ -30,8 +33,9 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 } // namespace
 
 WayOptions::WayOptions(const Command &command)
-    : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")) {
-}
+    : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
+      m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
+      m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
@@ -40,6 +44,10 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
             ? Clone::automatic
             : one_of<Clone>(m_clone, "--clone",
                             {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.retries =
+        m_retries.given()
+            ? static_cast<int>(std::min<int64_t>(parse_count("--retry", m_retries.values().front(), 0), INT_MAX))
+            : 0;
     transfer.bytesPerSecond = m_rate.given() ? parse_rate("--bwlimit", m_rate.values().front()) : 0;
 }
 

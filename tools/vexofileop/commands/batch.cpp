@@ -404,6 +404,25 @@ void Batch::progress(int64_t bytes, bool newFile) {
     advance(bytes);
 }
 
+void Batch::retry(const engine::Retry &retry) {
+    if (m_options.json) {
+        Json event;
+        event.add_text("event", "retry");
+        event.add_text("operation", word_of(m_options.transfer.operation));
+        event.add_name("source", retry.source);
+        event.add_name("destination", retry.destination);
+        event.add_number("retry", retry.number);
+        event.add_number("of", retry.of);
+        event.add_number("pause_ms", retry.pause);
+        event.add_object("error", problem_object(retry.problem));
+        m_console.line(event.line());
+    } else if (m_options.verbose) {
+        m_console.line(fmt::format("{}; retry {} of {} in {} ms",
+                                   problem_text(arrow(retry.source, retry.destination), retry.problem), retry.number,
+                                   retry.of, retry.pause));
+    }
+}
+
 bool Batch::may_replace(const std::string &path) {
     return m_console.confirm(fmt::format("replace {}?", engine::displayed(path)));
 }

@@ -53,6 +53,7 @@ class Batch : protected engine::TransferObserver {
     void stays(const std::string &directory, const std::vector<std::string> &names) override;
     void progress(int64_t bytes, bool newFile) override;
     bool may_replace(const std::string &path) override;
+    void retry(const engine::Retry &retry) override;
     bool stopped() const override;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);

@@ -1,0 +1,151 @@
+// --retry: what may pass is tried again, and nothing that is half done.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tools/engine/transfer/retry_policy.h"
+#include "tools/engine/transfer/transfer.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace engine;
+
+constexpr int64_t kSecond = 1'000'000'000;
+
+class TestClock : public Clock {
+  public:
+    int64_t now() override { return time; }
+    void sleep(int64_t nanoseconds) override { time += nanoseconds; }
+    int64_t time = kSecond;
+};
+
+class Watcher : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &, const Outcome &outcome) override { last = outcome; }
+    void arrived(const std::string &, int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+    void retry(const Retry &retry) override { pauses.push_back(retry.pause); }
+
+    Outcome last;
+    std::vector<int64_t> pauses;
+};
+
+TEST(PatienceWith, WhatMayPassAlone) {
+    for (const int number : {EBUSY, EAGAIN, ETXTBSY, ESTALE, EHOSTDOWN, EHOSTUNREACH, ETIMEDOUT}) {
+        EXPECT_TRUE(may_pass(problem_of_errno(number))) << number;
+    }
+    for (const int number : {EIO, ENOSPC, EACCES, ENOENT, EROFS, EDQUOT, ENXIO}) {
+        EXPECT_FALSE(may_pass(problem_of_errno(number))) << number;
+    }
+    EXPECT_TRUE(may_pass(problem_of(0x0400)));
+    EXPECT_FALSE(may_pass(Problem{"some reason"}));
+}
+
+TEST(PatienceWith, PausesThatGrow) {
+    TestClock clock;
+    Watcher watcher;
+    RetryPolicy patience(9, clock, watcher);
+    int tries = 0;
+    while (patience.again("from", "to", problem_of_errno(EBUSY), tries)) {
+    }
+    EXPECT_EQ((std::vector<int64_t>{500, 1000, 2000, 4000, 8000, 16000, 30000, 30000, 30000}), watcher.pauses);
+    EXPECT_EQ(kSecond + 121'500'000'000, clock.time);
+    EXPECT_FALSE(patience.again("from", "to", problem_of_errno(EIO), tries = 0));
+    EXPECT_FALSE(RetryPolicy(0, clock, watcher).again("from", "to", problem_of_errno(EBUSY), tries = 0));
+}
+
+class Retried : public kit::Behaviour {
+  protected:
+    void SetUp() override {
+        kit::Behaviour::SetUp();
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    struct Scene {
+        Scene() {
+            EXPECT_EQ(0, ::mkdir((scratch / "to").c_str(), 0755));
+            kit::writeFile(scratch / "file", "new");
+            kit::writeFile(scratch / "to/file", "old");
+        }
+        kit::ScratchDirectory scratch;
+    };
+    static faults::Outcome carry(const Scene &scene, int retries, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            TestClock clock;
+            Watcher watcher;
+            Transfer transfer({.conflict = Conflict::replace, .retries = retries, .clock = &clock}, watcher);
+            window.open();
+            transfer.run(scene.scratch / "file", scene.scratch / "to/file");
+            window.close();
+            ::_exit(watcher.last.status == Status::done ? 0 : 3);
+        });
+    }
+};
+
+TEST_F(Retried, EachCallThatIsRefusedOnceIsNoFailureOrLeavesTheOldFile) {
+    KIT_NOT_SANITIZED();
+    const Scene first;
+    const auto calls = carry(first, 2, {}).calls;
+    ASSERT_LT(10u, calls.size());
+    int failedBefore = 0;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        const faults::Plan plan{faults::Plan::Action::fail, at, EBUSY, calls[at].number};
+        const Scene without, with;
+        const faults::Outcome impatient = carry(without, 0, plan), patient = carry(with, 2, plan);
+        if (!impatient.reached || !patient.reached) {
+            break;
+        }
+        for (const Scene *scene : {&without, &with}) {
+            const std::string content = kit::readFile(scene->scratch / "to/file");
+            EXPECT_TRUE(content == "old" || content == "new") << at << content;
+            EXPECT_EQ("new", kit::readFile(scene->scratch / "file"));
+        }
+        failedBefore += impatient.status != 0 ? 1 : 0;
+        EXPECT_TRUE(patient.status == 0 || impatient.status != 0) << at << faults::nameOf(calls[at]);
+        if (patient.status == 0) {
+            EXPECT_EQ("new", kit::readFile(with.scratch / "to/file")) << at;
+        }
+    }
+    EXPECT_LT(3, failedBefore);
+}
+
+TEST_F(Retried, RefusedRenamingIsTriedAgain) {
+    KIT_NOT_SANITIZED();
+    const Scene first;
+    const auto calls = carry(first, 1, {}).calls;
+    size_t at = 0;
+    while (at < calls.size() && faults::nameOf(calls[at]).find("rename") == std::string::npos) {
+        ++at;
+    }
+    ASSERT_LT(at, calls.size());
+    for (const int error : {EBUSY, ESTALE, ETIMEDOUT}) {
+        const faults::Plan plan{faults::Plan::Action::fail, at, error, calls[at].number};
+        const Scene without, with;
+        const faults::Outcome refused = carry(without, 0, plan);
+        EXPECT_TRUE(refused.reached);
+        EXPECT_NE(0, refused.status) << faults::nameOf(calls[at]) << " " << calls[at].path;
+        EXPECT_EQ("old", kit::readFile(without.scratch / "to/file"));
+        EXPECT_EQ(0, carry(with, 1, plan).status);
+        EXPECT_EQ("new", kit::readFile(with.scratch / "to/file"));
+        EXPECT_EQ((std::vector<std::string>{"file"}), kit::namesIn(with.scratch / "to"));
+    }
+    const Scene lost;
+    const faults::Plan plan{faults::Plan::Action::fail, at, EIO, calls[at].number};
+    EXPECT_NE(0, carry(lost, 5, plan).status); // which does not pass
+    EXPECT_EQ("old", kit::readFile(lost.scratch / "to/file"));
+}
+
+} // namespace
