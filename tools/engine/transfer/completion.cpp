@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/completion.h"
 
 #include "platform/core.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
@@ -60,6 +61,23 @@ void set_archive(const Side &copy) {
     }
 }
 
+// The library makes a copy with the mode of its source, whose group's bits are an ACL's mask, also where the ACL itself
+// does not arrive. What it has made lies where nobody else gets in.
+void narrow_group(const Side &source, const Side &copy) {
+    const Held from(source), to(copy);
+    if (!from.keeps_more() || !to.keeps_more()) {
+        return;
+    }
+    const mode_t wanted = mode_for_copy(from.path, from.status.st_mode, to.path);
+    if (const mode_t excess = to.status.st_mode & ~wanted & S_IRWXG; excess != 0) {
+        (void)::chmod(to.path.c_str(), to.status.st_mode & kModeBits & ~excess);
+    }
+}
+
+bool is_mode(const Loss &loss) {
+    return loss.cls == LossClass::mode;
+}
+
 bool is_time(const Loss &loss) {
     return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
 }
@@ -106,8 +124,12 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     std::vector<Loss> losses = compare_entries(source, copy, options);
     const bool late = options.times && std::ranges::any_of(losses, is_time);
     const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);
-    if (!late && !ofTheSystem) {
+    const bool mode = copy.volume.owners && std::ranges::any_of(losses, is_mode);
+    if (!late && !ofTheSystem && !mode) {
         return losses;
+    }
+    if (mode) {
+        narrow_group(source, copy);
     }
     if (const Held from(source), to(copy); ofTheSystem && from.keeps_more() && to.keeps_more()) {
         copy_system_attributes(from.path, to.path);
