@@ -191,10 +191,8 @@ class Grower {
         if (directory && below(4) == 0) {
             acl(path, ACL_TYPE_DEFAULT, "u::rwx,u:9:r-x,g::r-x,m::r-x,o::---");
         }
-        if (!m_older || !directory) { // a store that only the destination of a merge has stays there
-            store(path);
-            things(path);
-        }
+        store(path);
+        things(path);
         if (below(4) == 0) {
             const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
             constexpr int setHidden = 0x203;

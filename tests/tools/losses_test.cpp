@@ -141,6 +141,57 @@ TEST_F(Losses, AccessAclWhoseMaskWouldBecomeTheGroupsRights) {
     expectKept(volume, "acl-access", "owner,mode,creation-time");
 }
 
+// Where the ACL cannot go the group has what the source gives it, whatever is accepted.
+TEST_F(Losses, GroupHasNoMoreThanTheSourceGivesWhereItsAclCannotGo) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    const auto give = [](const std::string &path, const char *text) {
+        acl_t acl = ::acl_from_text(text);
+        ASSERT_EQ(0, ::acl_set_file(path.c_str(), ACL_TYPE_ACCESS, acl));
+        ::acl_free(acl);
+    };
+    constexpr mode_t all = 07777;
+    ASSERT_EQ(0, ::mkdir((tree + "/sub").c_str(), 0755));
+    ASSERT_EQ(0, ::chmod((tree + "/sub").c_str(), 02755));
+    kit::writeFile(tree + "/sub/file", "f");
+    ASSERT_EQ(0, ::chmod((tree + "/sub/file").c_str(), 04755));
+    give(file, "u::rw-,u:1234:rw-,g::r--,m::rw-,o::---");
+    give(tree + "/sub/file", "u::rwx,u:1234:rwx,g::---,m::rwx,o::r--");
+    give(tree + "/sub", "u::rwx,u:1234:rwx,g::r-x,m::rwx,o::---");
+    const auto expectModes = [&](const std::string &to) {
+        EXPECT_EQ(mode_t{0640}, kit::statOf(to + "/file").st_mode & all) << to;
+        EXPECT_EQ(mode_t{04704}, kit::statOf(to + "/sub/file").st_mode & all) << to;
+        EXPECT_EQ(mode_t{02750}, kit::statOf(to + "/sub").st_mode & all) << to;
+    };
+    for (const char *accepted : {"creation-time", "creation-time,acl-access"}) {
+        const int status = mentions(accepted, "acl") ? 0 : 1;
+        const ToolResult planned = runTool({"plan", "copy", "-r", "--accept", accepted, tree, volume / "planned"});
+        EXPECT_EQ(status, planned.status) << planned.out;
+        EXPECT_FALSE(mentions(planned.out, "(mode)")) << planned.out;
+        for (const char *how : {"-r", "-rv"}) {
+            const std::string to = volume / (how + std::string(accepted));
+            const ToolResult copied = runTool({"copy", how, "--accept", accepted, tree, to});
+            EXPECT_EQ(status, copied.status) << copied.err;
+            EXPECT_TRUE(mentions(copied.err, "(acl-access)\n")) << copied.err;
+            EXPECT_FALSE(mentions(copied.err, "(mode)\n")) << copied.err;
+            expectModes(to);
+            EXPECT_FALSE(mentions(runTool({"compare", tree, to}).out, "(mode)\n"));
+            EXPECT_EQ(status, runTool({"copy", "-rf", "--accept", accepted, tree + "/.", to}).status);
+            expectModes(to);
+        }
+        const std::string single = volume / ("single" + std::string(accepted));
+        EXPECT_EQ(status, runTool({"copy", "--accept", accepted, file, single}).status);
+        EXPECT_EQ(mode_t{0640}, kit::statOf(single).st_mode & all);
+    }
+    ASSERT_EQ(0, runTool({"copy", "-r", tree, scratch / "again"}).status);
+    EXPECT_EQ(0,
+              runTool({"relocate", "-y", "--accept", "creation-time,acl-access", tree, volume / "relocated"}).status);
+    expectModes(volume / "relocated");
+    const ToolResult moved =
+        runTool({"move", "--accept", "creation-time,acl-access,dos-attributes", scratch / "again", volume / "moved"});
+    EXPECT_EQ(0, moved.status) << moved.err;
+    expectModes(volume / "moved");
+}
+
 TEST_F(Losses, WhatIsNobodysInTheStore) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     ASSERT_EQ(0, ::mkdir((tree + "/@eaDir").c_str(), 0777));

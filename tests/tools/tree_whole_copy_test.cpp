@@ -238,6 +238,36 @@ TEST_F(WholeCopy, MetadataAttributeThatCouldNotGoAlongIsTold) {
     EXPECT_EQ(linesOf(expected.err, volume / "other", "DEST"), linesOf(result.err, volume / "there", "DEST"));
 }
 
+// On a volume that keeps no creation time the access time of the copy may be that of the creation, or not any more:
+// that of the source is another one once the first of two runs has read it.
+TEST_F(WholeCopy, CreationTimeThatIsKeptByChanceIsNone) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    kit::writeFile(sub + "/file", "f");
+    const auto setTimes = [&](long later) {
+        for (const std::string &path : {sub + "/file", sub, from}) {
+            struct statx found {};
+            ASSERT_EQ(0, ::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &found));
+            if ((found.stx_mask & STATX_BTIME) == 0) {
+                GTEST_SKIP() << "the volume of scratch directories keeps no creation time";
+            }
+            const timespec created{found.stx_btime.tv_sec, static_cast<long>(found.stx_btime.tv_nsec)};
+            const timespec times[] = {{created.tv_sec + later, created.tv_nsec}, {created.tv_sec + 1, created.tv_nsec}};
+            ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
+        }
+    };
+    for (const char *how : {"-r", "-rv"}) {
+        for (const long later : {0L, 2L}) {
+            setTimes(later);
+            if (IsSkipped()) {
+                return;
+            }
+            const ToolResult result = runTool({"copy", how, from, volume / (how + std::to_string(later))});
+            EXPECT_EQ(1, result.status) << how << later;
+            EXPECT_TRUE(mentions(result.err, "3 creation times not kept")) << how << later << result.err;
+        }
+    }
+}
+
 TEST_F(WholeCopy, FilesThatFailAreNamedWithTheirReason) {
     kit::writeFile(sub + "/small", "s");
     kit::writeFile(sub + "/large", std::string(64 << 10, 'x'));

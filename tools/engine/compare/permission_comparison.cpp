@@ -1,5 +1,6 @@
 // Permissions, which are the mode or an ACL, and what new entries of a directory inherit.
 #include "tools/engine/compare/findings.h"
+#include "tools/engine/compare/granted_mode.h"
 
 #include <acl/libacl.h>
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <sys/acl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <type_traits>
 
 namespace engine {
@@ -92,7 +94,27 @@ void compare_rights(const EntryView &one, const EntryView &other, mode_t first, 
                                               mask ? ", where the mask of the ACL became the group's rights" : ""));
 }
 
+std::string access_attribute(const std::string &path) {
+    char value[4096];
+    const ssize_t size = ::getxattr(path.c_str(), kAccess, value, sizeof value);
+    return {value, size < 0 ? 0 : static_cast<size_t>(size)};
+}
+
 } // namespace
+
+mode_t granted_mode(const std::string &path, mode_t mode) {
+    if (::getxattr(path.c_str(), kAccess, nullptr, 0) <= 0) {
+        return mode;
+    }
+    const Acl acl(::acl_get_file(path.c_str(), ACL_TYPE_ACCESS));
+    const mode_t group = acl == nullptr ? 0 : rights_of(acl) & S_IRWXG;
+    return (mode & ~mode_t{S_IRWXG}) | group;
+}
+
+mode_t mode_for_copy(const std::string &from, mode_t mode, const std::string &to) {
+    const mode_t granted = granted_mode(from, mode);
+    return granted != mode && access_attribute(from) == access_attribute(to) ? mode : granted;
+}
 
 bool has_acls(const EntryView &entry) {
     return entry.has(kAccess) || entry.has(kDefault);

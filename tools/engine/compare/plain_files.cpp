@@ -67,8 +67,9 @@ bool is_plain(int directory, const VolumeFacts &facts) {
 std::vector<std::string> files_to_compare(const DirectoryPair &pair, const std::vector<std::string> &names) {
     const WorkingDirectory working;
     std::vector<std::optional<VLIBCStat>> seen(names.size());
-    if (names.empty() || !is_plain(pair.source, pair.sourceFacts) || !is_plain(pair.copy, pair.copyFacts) ||
-        !working.enter(pair.source)) {
+    // Where a creation time may be a guess a comparison of the entries says what that is worth.
+    if (names.empty() || !pair.copyFacts.creationTimes || !is_plain(pair.source, pair.sourceFacts) ||
+        !is_plain(pair.copy, pair.copyFacts) || !working.enter(pair.source)) {
         return names;
     }
     for (size_t at = 0; at < names.size(); ++at) {

@@ -73,6 +73,9 @@ VolumeFacts volume_facts(int directory, int type) {
     facts.timeGrain = row == std::end(kGrains) ? 0 : row->grain;
     facts.largestFile = largest_file(directory, facts.type);
     struct stat found {};
+    struct statx itself {};
+    facts.creationTimes =
+        ::statx(directory, "", AT_EMPTY_PATH, STATX_BTIME, &itself) == 0 && (itself.stx_mask & STATX_BTIME) != 0;
     facts.noDirectory = ::fstatat(directory, "@eaDir", &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
     return facts;
 }

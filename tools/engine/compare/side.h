@@ -12,11 +12,12 @@ namespace engine {
 struct VolumeFacts {
     int type = -1; // the platform's code; below 0: it cannot be told
     StoreKind store = StoreKind::none;
-    bool owners = true;       // entries have an owner, a group and permissions of their own
-    uint32_t magic = 0;       // of the file system, by the kernel
-    int64_t timeGrain = 1;    // nanoseconds between two modification times; 0: to be found out from an entry's times
-    bool noDirectory = false; // a walk knows that there is no "@eaDir" beside the entries
-    uint64_t largestFile = 0; // a file of this size, and a larger one, is too large; 0: no limit is known
+    bool owners = true;         // entries have an owner, a group and permissions of their own
+    uint32_t magic = 0;         // of the file system, by the kernel
+    int64_t timeGrain = 1;      // nanoseconds between two modification times; 0: to be found out from an entry's times
+    bool creationTimes = false; // the kernel has one of every entry; else it is the oldest of the others, or a record's
+    bool noDirectory = false;   // a walk knows that there is no "@eaDir" beside the entries
+    uint64_t largestFile = 0;   // a file of this size, and a larger one, is too large; 0: no limit is known
 };
 
 // Asks for the volume of an open directory. `type`: the code where the caller knows it; -1: asked for here, by the path

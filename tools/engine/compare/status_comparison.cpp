@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
-#include <fcntl.h>
 #include <fmt/format.h>
+#include <initializer_list>
 #include <sys/stat.h>
 
 namespace engine {
@@ -55,15 +55,21 @@ bool earlier(const timespec &one, const timespec &other) {
     return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
 }
 
+timespec oldest_of(std::initializer_list<timespec> times) {
+    return std::min(times, earlier);
+}
+
 // Where nobody stored a creation time and the volume keeps none, the platform gives the oldest time of the entry.
 bool is_guess(const EntryView &entry) {
     const struct stat &status = entry.status().st;
-    const timespec oldest = std::min({status.st_mtim, status.st_ctim, status.st_atim},
-                                     [](const timespec &one, const timespec &other) { return earlier(one, other); });
-    struct statx found {};
-    return within(oldest, entry.status().createTime, 1) &&
-           ::statx(entry.side().directory, entry.side().name.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &found) == 0 &&
-           (found.stx_mask & STATX_BTIME) == 0;
+    return !entry.volume().creationTimes &&
+           within(oldest_of({status.st_mtim, status.st_ctim, status.st_atim}), entry.status().createTime, 1);
+}
+
+// Of a copy. An access time that happens to be that of the creation is another one as soon as somebody reads it.
+timespec kept_creation(const EntryView &entry) {
+    const struct stat &status = entry.status().st;
+    return is_guess(entry) ? oldest_of({status.st_mtim, status.st_ctim}) : entry.status().createTime;
 }
 
 std::string flags_text(uint32_t attributes) {
@@ -99,7 +105,7 @@ void compare_times(const EntryView &one, const EntryView &other, Findings &findi
                                                                time_text(first.st_mtim), time_text(second.st_mtim)));
     }
     const bool keeps = S_ISREG(first.st_mode) || S_ISDIR(first.st_mode);
-    const timespec &created = one.status().createTime, &there = other.status().createTime;
+    const timespec created = one.status().createTime, there = kept_creation(other);
     if (keeps && !within(created, there, std::max(grain, kDosUnit)) && !is_guess(one)) {
         findings.add(LossClass::creation_time,
                      fmt::format("creation time differs: {} and {}", time_text(created), time_text(there)));

@@ -122,6 +122,9 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
         m_known.emplace(key, losses);
     }
     add_holes(source, found, losses);
+    if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
+        add_merged_store(source, *merged, losses);
+    }
     add_kept(source, merged, losses);
     return losses;
 }

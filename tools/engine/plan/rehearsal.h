@@ -50,6 +50,7 @@ class Rehearsal {
     bool takes_stores(const Side &source) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
+    void add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
                          std::vector<Loss> &losses);
     void add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses, int depth = 0);

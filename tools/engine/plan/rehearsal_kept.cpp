@@ -3,6 +3,8 @@
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/plan/rehearsal.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/store/store_parts.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
@@ -102,6 +104,39 @@ bool Rehearsal::add_kept_entry(const Side &source, const struct stat &found, con
         losses.push_back(kept_loss(loss, path));
     }
     return true;
+}
+
+// A part of a store that the source brings replaces that of the directory; one that it does not bring stays.
+void Rehearsal::add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
+    Side there = merged;
+    there.volume.noDirectory = false;
+    const StoreParts brought = store_parts(source.path(), source.volume.type, source.volume.noDirectory);
+    try {
+        EntryView one(source), other(there);
+        one.pin();
+        other.pin();
+        const StoreContents &stays = other.contents();
+        for (const StoreContents::Attribute &attribute : stays.attributes()) {
+            if (!brought.stream && !brought.appleDouble && !one.has(attribute.name.c_str())) {
+                const bool users = attribute.name.starts_with("user.");
+                losses.push_back({users ? LossClass::attribute : LossClass::stream,
+                                  fmt::format("{} {}: only at the second", users ? "attribute" : "stream",
+                                              displayed(attribute.name))});
+            }
+        }
+        if (brought.resource || brought.attribute || brought.appleDouble) {
+            return;
+        }
+        if (!stays.finder_info().empty()) {
+            losses.push_back({LossClass::finder_info, "Finder Info differs"});
+        }
+        if (stays.fork_size() > 0) {
+            losses.push_back(
+                {LossClass::resource_fork, fmt::format("resource fork differs: 0 and {} bytes", stays.fork_size())});
+        }
+    } catch (const Failure &failure) {
+        losses.push_back({LossClass::unreadable, failure.what()});
+    }
 }
 
 } // namespace engine

@@ -4,6 +4,7 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/relocate/exchange.h"
 #include "tools/engine/relocate/mounts.h"
 #include "tools/engine/relocate/note.h"
@@ -368,8 +369,9 @@ void Relocating::carry_top_store(const struct stat &found) {
     // A stop while it was renamed may have left a read-only one writable.
     const Descriptor top = open_directory(m_place.parent(), m_place.base());
     struct stat now {};
-    if (::geteuid() != 0 && ::fstat(top.get(), &now) == 0 && now.st_mode == (found.st_mode | S_IWUSR)) {
-        (void)::fchmod(top.get(), found.st_mode & 07777);
+    const mode_t wanted = mode_for_copy(from, found.st_mode & 07777, fmt::format("/proc/self/fd/{}", top.get()));
+    if (::geteuid() != 0 && ::fstat(top.get(), &now) == 0 && (now.st_mode & 07777) == (wanted | S_IWUSR)) {
+        (void)::fchmod(top.get(), wanted);
     }
     const VolumeFacts there = volume_facts(m_place.parent(), type);
     give_times({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},

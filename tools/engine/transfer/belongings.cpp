@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/belongings.h"
 
 #include "platform/acl.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/system_attributes.h"
 
@@ -66,7 +67,8 @@ void give_belongings(const std::string &from, const VLIBCStat &status, int to, b
     (void)VLIBCFileUTime(path.c_str(), 3, times);
     // Where the mount gives the modes, the library gives a file what leaves all to that.
     constexpr mode_t open = 0666;
-    (void)::fchmod(to, !S_ISDIR(status.st.st_mode) && !owners ? open : status.st.st_mode & kModeBits);
+    (void)::fchmod(
+        to, !S_ISDIR(status.st.st_mode) && !owners ? open : mode_for_copy(from, status.st.st_mode & kModeBits, path));
     struct stat now {};
     if (::fstat(to, &now) == 0 && now.st_mtim.tv_nsec != status.st.st_mtim.tv_nsec) {
         (void)::futimens(to, times);

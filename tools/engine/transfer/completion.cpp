@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/completion.h"
 
 #include "platform/core.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
@@ -61,20 +62,15 @@ void set_archive(const Side &copy) {
     }
 }
 
-bool has_acl(const std::string &path) {
-    return ::getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) >= 0;
-}
-
 // Not every volume gives a new file all bits that it is made with; and where permissions are what locks an entry, the
 // state of the lock comes after them. Who has another owner gets no set-id bits; and where an ACL could not go along,
-// its mask is nobody's right.
+// its mask is nobody's right: the library makes a copy with the mode of its source, whose group's bits are that mask.
+// What it has made lies where nobody else gets in.
 void give_mode(const Held &from, const Held &to) {
     constexpr mode_t rights = S_IRWXU | S_IRWXG | S_IRWXO;
     const bool same = from.status.st_uid == to.status.st_uid && from.status.st_gid == to.status.st_gid;
-    mode_t mode = to.status.st_mode & kModeBits;
-    if (!has_acl(from.path) || has_acl(to.path)) {
-        mode = (mode & ~rights) | (from.status.st_mode & rights);
-    }
+    mode_t mode = to.status.st_mode & kModeBits & ~rights;
+    mode |= mode_for_copy(from.path, from.status.st_mode, to.path) & rights;
     if (same) {
         mode |= from.status.st_mode & kModeBits & ~rights;
     }

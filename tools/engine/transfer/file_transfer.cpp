@@ -3,6 +3,7 @@
 #include "copy/copy.h"
 #include "ea/ea.h"
 #include "platform/sdk.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
@@ -22,6 +23,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/rename.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -560,7 +562,9 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
     if (follow && S_ISLNK(attempt.entry->st_mode)) {
         find_real_place(attempt);
     }
-    if (auto problem = call_library(attempt, name, replace)) {
+    auto problem = !replace && gives_group_more(attempt) ? make_closed(attempt, name)
+                                                         : call_library(attempt, attempt.to, name, replace);
+    if (problem) {
         return problem;
     }
     if (attempt.stopAnswered) {
@@ -585,17 +589,49 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
     return std::nullopt;
 }
 
+// The library makes a file with the mode of its source, and gives it an ACL later, where the volume takes one.
+bool FileTransfer::gives_group_more(const Attempt &attempt) {
+    const mode_t mode = attempt.content->st_mode;
+    return volume_traits(attempt.to.type()).owners && (mode & ~granted_mode(attempt.opened(), mode) & S_IRWXG) != 0;
+}
+
+// Where nobody else gets in, until the file gives its owning group what the source gives it.
+std::optional<Problem> FileTransfer::make_closed(Attempt &attempt, const std::string &name) {
+    constexpr mode_t closed = 0700, all = 07777;
+    const std::string room = next_private_name(), file = "file";
+    if (::mkdirat(attempt.to.fd(), room.c_str(), closed) != 0) {
+        return problem_of_errno(errno);
+    }
+    const HeldDirectory inside(attempt.to, room);
+    auto problem = inside.is_open() ? call_library(attempt, inside, file, false) : problem_of_errno(errno);
+    if (!problem && !attempt.stopAnswered) {
+        const Descriptor made(::openat(inside.fd(), file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        const std::string path = fmt::format("/proc/self/fd/{}", made.get());
+        struct stat there {};
+        const bool known = ::fstat(made.get(), &there) == 0 && S_ISREG(there.st_mode);
+        const mode_t wanted = known ? mode_for_copy(attempt.opened(), attempt.content->st_mode, path) : 0;
+        const mode_t excess = there.st_mode & ~wanted & S_IRWXG;
+        if (!known || (excess != 0 && ::chmod(path.c_str(), there.st_mode & all & ~excess) != 0) ||
+            !rename_without_replacing(inside.fd(), file, attempt.to.fd(), name)) {
+            problem = problem_of_errno(errno);
+        }
+    }
+    (void)remove_left_over(attempt.to.fd(), room);
+    return problem;
+}
+
 // Of the library's entry points this one has everything at once: callbacks with user data, the request for a clone, and
 // the flag that sets owner and times as this user does and tells when the owner was not kept. VEXOFileCopy_r makes no
 // clones, VEXOFileReflinkCopy has bare callbacks and tries to become root for the times.
-std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::string &name, bool replace) {
+std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDirectory &to, const std::string &name,
+                                                  bool replace) {
     // A new record for each file: it remembers the types of the two volumes, and the next file may lie on others.
     const std::unique_ptr<VEXOCopyArgs, decltype(&VEXOCopyArgsFree)> record(VEXOCopyArgsAlloc(), &VEXOCopyArgsFree);
     if (record == nullptr) {
         return problem_of(kOutOfMemory);
     }
     record->fsTypeSrc = attempt.sourceType;
-    record->fsTypeDst = attempt.to.type();
+    record->fsTypeDst = to.type();
     attempt.progressSeen = false;
     attempt.cloneAsked = m_clones.wants(attempt.where(), attempt.to);
     attempt.cloneOrNothing = m_clones.insists();
@@ -617,10 +653,10 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
     flags |= replace ? flag::replace : flag::failIfExists;
     flags |= attempt.cloneAsked ? flag::clone : 0;
     const int result =
-        VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get());
+        VEXOFileOpCopyFile(attempt.opened().c_str(), to.below(name).c_str(), flags, record.get());
     const int number = errno;
     if (attempt.is_copied_instead() && !attempt.stopAnswered) {
-        discard(attempt.to, name);
+        discard(to, name);
         return Problem{kNotCloned};
     }
     if (result == 0) {
@@ -629,14 +665,14 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const std::s
     Problem problem = problem_of(VLIBCErrGet());
     problem.number = number;
     // The library asks for room for the whole length. It asks no volume of this type, and gives no owners there.
-    if (problem.code == kNoSpace && !replace && fits_without_holes(*attempt.content, attempt.to)) {
+    if (problem.code == kNoSpace && !replace && fits_without_holes(*attempt.content, to)) {
         record->fsTypeDst = kNotAskedForRoom;
         VLIBCErrSetEx(0, "", 0);
-        if (VEXOFileOpCopyFile(attempt.opened().c_str(), attempt.to.below(name).c_str(), flags, record.get()) != 0) {
+        if (VEXOFileOpCopyFile(attempt.opened().c_str(), to.below(name).c_str(), flags, record.get()) != 0) {
             return problem_of(VLIBCErrGet());
         }
         // Where that fails the comparison tells it.
-        (void)(volume_traits(attempt.to.type()).owners && give_owner(attempt.to.fd(), name, *attempt.content));
+        (void)(volume_traits(to.type()).owners && give_owner(to.fd(), name, *attempt.content));
         return std::nullopt;
     }
     return problem.code == kOwnerLost ? std::nullopt : std::optional(problem);

@@ -1,6 +1,7 @@
 #include "tools/engine/transfer/special_file.h"
 
 #include "platform/acl.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
 
@@ -68,8 +69,9 @@ std::optional<SpecialRefusal> make_special(int from, const std::string &source, 
         copy_system_attributes(before, now);
     }
     struct stat there {};
-    if (::fstat(node.held.get(), &there) == 0 && ((there.st_mode ^ entry.st_mode) & kModeBits) != 0) {
-        (void)::chmod(now.c_str(), entry.st_mode & kModeBits);
+    const mode_t wanted = mode_for_copy(before, entry.st_mode & kModeBits, now);
+    if (::fstat(node.held.get(), &there) == 0 && (there.st_mode & kModeBits) != wanted) {
+        (void)::chmod(now.c_str(), wanted);
     }
     const timespec times[] = {entry.st_atim, entry.st_mtim};
     (void)::utimensat(AT_FDCWD, now.c_str(), times, 0);

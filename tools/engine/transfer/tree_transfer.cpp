@@ -4,6 +4,7 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -414,15 +415,16 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
         level.outcome.warning = std::move(*problem);
     }
     // While its owner may write to it: the creation time may be kept in an attribute.
+    const mode_t wanted = mode_for_copy(level.from.itself(), status.st_mode & kModeBits, to);
     if ((status.st_mode & S_IWUSR) == 0) {
-        (void)::fchmod(fd, (status.st_mode | S_IWUSR) & kModeBits);
+        (void)::fchmod(fd, wanted | S_IWUSR);
     }
     const timespec times[] = {status.st_atim, status.st_mtim, level.status.createTime};
     (void)VLIBCFileUTime(to.c_str(), 3, times);
     // Copying an ACL sets the permissions alone.
     struct stat there {};
-    if (::fstat(fd, &there) == 0 && ((there.st_mode ^ status.st_mode) & kModeBits) != 0) {
-        (void)::fchmod(fd, status.st_mode & kModeBits);
+    if (::fstat(fd, &there) == 0 && (there.st_mode & kModeBits) != wanted) {
+        (void)::fchmod(fd, wanted);
     }
     return true;
 }

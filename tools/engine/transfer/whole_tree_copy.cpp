@@ -2,6 +2,7 @@
 #include "platform/acl.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
+#include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/plain_files.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/link_transfer.h"
@@ -308,7 +309,8 @@ void TreeTransfer::check_directory(Level &level, const Place &source, const Plac
     // A new directory never gets these bits from its mode alone.
     constexpr mode_t special = kAllModeBits & ~kPermissions;
     if (((level.there.st_mode ^ level.status.st.st_mode) & special) != 0) {
-        (void)::chmod(level.to.itself().c_str(), level.status.st.st_mode & kAllModeBits);
+        const std::string to = level.to.itself();
+        (void)::chmod(to.c_str(), mode_for_copy(level.from.itself(), level.status.st.st_mode & kAllModeBits, to));
     }
     compare_level(level, source, destination);
     if (std::ranges::any_of(level.outcome.losses,

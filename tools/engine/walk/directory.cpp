@@ -46,6 +46,16 @@ bool visit(int parent, const char *directory, int flags, const Task &task) {
     return errno == 0;
 }
 
+// Of an open one. A look that leaves no trace is for the owner and for root.
+template <typename Found, typename Task>
+bool visit_without_trace(int directory, Found &found, const Task &task) {
+    if (visit(directory, ".", O_NOATIME, task)) {
+        return true;
+    }
+    found.clear();
+    return errno == EPERM && visit(directory, ".", 0, task);
+}
+
 // For a volume that does not tell it along with the name.
 unsigned char type_of(int directory, const char *name) {
     struct stat found {};
@@ -102,7 +112,7 @@ std::optional<std::vector<std::string>> names_in(const std::string &directory) {
 std::optional<std::vector<std::string>> names_in(int directory) {
     std::vector<std::string> names;
     const auto add = [&](int, const dirent &entry) { names.emplace_back(entry.d_name); };
-    return visit(directory, ".", 0, add) ? std::optional(std::move(names)) : std::nullopt;
+    return visit_without_trace(directory, names, add) ? std::optional(std::move(names)) : std::nullopt;
 }
 
 std::optional<std::vector<Entry>> entries_in(int directory) {
@@ -110,13 +120,7 @@ std::optional<std::vector<Entry>> entries_in(int directory) {
     const auto add = [&](int fd, const dirent &entry) {
         entries.push_back({entry.d_name, entry.d_type == DT_UNKNOWN ? type_of(fd, entry.d_name) : entry.d_type});
     };
-    // A look that leaves no trace is for the owner and for root.
-    bool read = visit(directory, ".", O_NOATIME, add);
-    if (!read && errno == EPERM) {
-        entries.clear();
-        read = visit(directory, ".", 0, add);
-    }
-    return read ? std::optional(std::move(entries)) : std::nullopt;
+    return visit_without_trace(directory, entries, add) ? std::optional(std::move(entries)) : std::nullopt;
 }
 
 Totals totals_of(const std::string &path, const std::function<bool()> &stopped) {
