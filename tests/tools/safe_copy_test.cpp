@@ -219,6 +219,31 @@ TEST_F(SafeMove, OwnFilesThatAreCalledAsLeftOversGoToAnotherVolume) {
     EXPECT_FALSE(kit::exists(scratch / "tree"));
 }
 
+// A mount point cannot be removed, and whoever asks for a tree may not know what is mounted in it.
+TEST_F(SafeMove, VolumeMountedBelowKeepsItsContent) {
+    NEEDS_ROOT();
+    directory("tree");
+    directory("tree/sub");
+    directory("tree/sub/mount");
+    kit::writeFile(scratch / "tree/file", "f");
+    KIT_REQUIRE(mounted, kit::Volume::tmpfs(1 << 20, scratch / "tree/sub/mount"));
+    kit::writeFile(mounted / "inside", "i");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ToolResult planned = runTool({"plan", "move", scratch / "tree", volume / "tree"});
+    EXPECT_EQ(1, planned.status) << planned.out << planned.err;
+    EXPECT_TRUE(mentions(planned.out + planned.err, "mounted volume below")) << planned.out << planned.err;
+    const ToolResult result = runTool({"move", scratch / "tree", volume / "tree"});
+    EXPECT_EQ(1, result.status) << result.out << result.err;
+    EXPECT_TRUE(mentions(result.err, "tree/sub/mount: mounted volume below")) << result.err;
+    EXPECT_EQ("i", kit::readFile(mounted / "inside"));
+    EXPECT_FALSE(kit::exists(volume / "tree/sub/mount"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+    EXPECT_FALSE(kit::exists(scratch / "tree/file"));
+    const ToolResult bounded = runTool({"move", "-x", scratch / "tree", volume / "bounded"});
+    EXPECT_FALSE(mentions(bounded.err, "mounted volume below")) << bounded.err;
+    EXPECT_EQ("i", kit::readFile(mounted / "inside"));
+}
+
 TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {
     directory("tree");
     directory("tree/sub");

@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -288,6 +289,10 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (!found || !from.is_open() || ::faccessat(from.fd(), ".", R_OK, AT_EACCESS) != 0) {
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
+    }
+    if (moves() && m_depth > 0 && is_mount_root(from.fd(), source.in.device()) &&
+        m_selection.enters(from.device(), m_device)) {
+        return fail(std::move(planned), problem_of_mount());
     }
     if (auto refusal = rehearsal.refusal_of(name)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});

@@ -5,7 +5,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/relocate/exchange.h"
-#include "tools/engine/relocate/mounts.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/relocate/note.h"
 #include "tools/engine/relocate/private_place.h"
 #include "tools/engine/relocate/proof.h"
