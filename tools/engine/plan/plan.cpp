@@ -558,6 +558,12 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const bool oneVolume = to.is_there() && source.in.device() == to.there.device() &&
                            found.st_dev == to.there.device() && source.in.type() == to.there.type();
+    if (planned.deed == Deed::replace && old && S_ISREG(old->st_mode)) {
+        planned.inPlace = !asItIs && !(moves() && oneVolume) &&
+                          ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
+                          (m_transfer.inPlace || ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0);
+        planned.oldNames = planned.inPlace ? 0 : static_cast<int64_t>(old->st_nlink) - 1;
+    }
     if (moves() && oneVolume) {
         planned.deed = planned.deed == Deed::replace ? Deed::replace : Deed::rename;
         to.planned.emplace(volume.rehearsal->key_of(name), source.name);

@@ -5,7 +5,6 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/relocate/exchange.h"
-#include "tools/engine/walk/mounts.h"
 #include "tools/engine/relocate/note.h"
 #include "tools/engine/relocate/private_place.h"
 #include "tools/engine/relocate/proof.h"
@@ -18,6 +17,7 @@
 #include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>

@@ -47,6 +47,7 @@ class Batch : private engine::TransferObserver {
     void report_problems(const std::string &source, const engine::Outcome &outcome);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
     void tell_receipt();
+    void tell_old_names();
     void note_for_report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     bool write_report(int status);
     void verbose_line(const std::string &source, const engine::Outcome &outcome);
@@ -67,7 +68,10 @@ class Batch : private engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
-    int m_same = 0; // already
+    int m_same = 0;     // already
+    int m_inPlace = 0;  // written so
+    int m_oldNamed = 0; // replaced, where the old file has other names; and the first of those
+    engine::Outcome m_firstOld;
     int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
