@@ -520,7 +520,11 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
 // What was replaced stays where it has other names. They are looked for where it lay, unless that takes long.
 void FileTransfer::tell_old_names(const Attempt &attempt, Outcome &outcome) {
     constexpr size_t mostEntries = 2'000, mostNames = 10;
-    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode) || attempt.old->st_nlink < 2) {
+    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode)) {
+        return;
+    }
+    outcome.old = {attempt.old->st_dev, attempt.old->st_ino};
+    if (attempt.old->st_nlink < 2) {
         return;
     }
     outcome.oldNames = static_cast<int64_t>(attempt.old->st_nlink) - 1;

@@ -92,8 +92,10 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     m_cloned += outcome.cloned ? 1 : 0;
     m_same += outcome.same ? 1 : 0;
     m_inPlace += outcome.inPlace ? 1 : 0;
-    if (outcome.oldNames > 0 && m_oldNamed++ == 0) {
-        m_firstOld = outcome;
+    if (outcome.oldNames > 0) {
+        m_oldNamed[outcome.old] = outcome;
+    } else {
+        m_oldNamed.erase(outcome.old);
     }
     const bool failed = outcome.status == engine::Status::failed || outcome.warning;
     m_failed = m_failed || failed;
@@ -224,19 +226,20 @@ void Batch::tell_old_names() {
         m_console.message(
             fmt::format("{} written in place", m_inPlace == 1 ? "1 file" : fmt::format("{} files", m_inPlace)));
     }
-    if (m_oldNamed == 0) {
+    if (m_oldNamed.empty()) {
         return;
     }
+    const engine::Outcome &first = m_oldNamed.begin()->second;
     std::string known;
-    for (const std::string &name : m_firstOld.oldNamesKnown) {
+    for (const std::string &name : first.oldNamesKnown) {
         known += (known.empty() ? ": " : ", ") + engine::displayed(name);
     }
-    const int64_t names = m_firstOld.oldNames;
+    const int64_t names = first.oldNames;
     m_console.message(
         fmt::format("{}: {} of the file that was replaced {} its content{}{}; --in-place changes them all",
-                    engine::displayed(m_firstOld.destination),
+                    engine::displayed(first.destination),
                     names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep",
-                    known, m_oldNamed > 1 ? fmt::format("; and so for {} more", m_oldNamed - 1) : ""));
+                    known, m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : ""));
 }
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {

@@ -7,7 +7,10 @@
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 
+#include <map>
 #include <string>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace tool {
@@ -68,10 +71,10 @@ class Batch : private engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
-    int m_same = 0;     // already
-    int m_inPlace = 0;  // written so
-    int m_oldNamed = 0; // replaced, where the old file has other names; and the first of those
-    engine::Outcome m_firstOld;
+    int m_same = 0;    // already
+    int m_inPlace = 0; // written so
+    // Old files of which other names are left, by what was told of them last: this run may replace those, too.
+    std::map<std::pair<dev_t, ino_t>, engine::Outcome> m_oldNamed;
     int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
