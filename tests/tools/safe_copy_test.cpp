@@ -216,6 +216,75 @@ TEST_F(SafeMove, OwnFilesThatAreCalledAsLeftOversGoToAnotherVolume) {
     EXPECT_FALSE(kit::exists(scratch / "tree"));
 }
 
+TEST_F(SafeCopy, OtherNamesOfAReplacedFileAreNamed) {
+    const std::string other = scratch / "other";
+    ASSERT_EQ(0, ::link(to.c_str(), other.c_str()));
+    const ToolResult planned = runTool({"plan", "copy", "-f", from, to});
+    EXPECT_TRUE(mentions(planned.out, "another name of the old file")) << planned.out;
+    const ToolResult result = runTool({"copy", "-f", from, to});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.err, "another name of the file that was replaced keeps its content: " + other))
+        << result.err;
+    EXPECT_EQ("new", kit::readFile(to));
+    EXPECT_EQ("old", kit::readFile(other));
+}
+
+TEST_F(SafeCopy, InPlaceNamesStayTogether) {
+    const std::string other = scratch / "other";
+    ASSERT_EQ(0, ::link(to.c_str(), other.c_str()));
+    EXPECT_EQ(2, runTool({"copy", "--in-place", from, to}).status);
+    EXPECT_TRUE(mentions(runTool({"plan", "copy", "-f", "--in-place", from, to}).out, "(in place)"));
+    const ToolResult result = runTool({"copy", "-f", "--in-place", from, to});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.err, "1 file written in place")) << result.err;
+    EXPECT_EQ("new", kit::readFile(to));
+    EXPECT_EQ("new", kit::readFile(other));
+    for (const char *place : {"a", "b"}) {
+        directory(place);
+        kit::writeFile(scratch / place + "/one", place);
+        ASSERT_EQ(0, ::link((scratch / place + "/one").c_str(), (scratch / place + "/two").c_str()));
+    }
+    const ToolResult tree = runTool({"copy", "-rf", "--in-place", scratch / "a/.", scratch / "b"});
+    EXPECT_EQ(0, tree.status) << tree.err;
+    EXPECT_EQ("a", kit::readFile(scratch / "b/one"));
+    EXPECT_EQ(kit::statOf(scratch / "b/one").st_ino, kit::statOf(scratch / "b/two").st_ino);
+}
+
+TEST_F(SafeCopy, InPlaceThatFailsSaysWhatItHasCost) {
+    const ToolResult result = runTool({"copy", "-f", "--in-place", "/proc/self/status", to});
+    EXPECT_EQ(2, result.status);
+    EXPECT_TRUE(mentions(result.err, "the old content is gone")) << result.err;
+    kit::writeFile(to, "old");
+    const ToolResult missing = runTool({"copy", "-f", "--in-place", scratch / "none", to});
+    EXPECT_FALSE(mentions(missing.err, "the old content is gone")) << missing.err;
+    EXPECT_EQ("old", kit::readFile(to));
+}
+
+// A mount point cannot be removed, and whoever asks for a tree may not know what is mounted in it.
+TEST_F(SafeMove, VolumeMountedBelowKeepsItsContent) {
+    NEEDS_ROOT();
+    directory("tree");
+    directory("tree/sub");
+    directory("tree/sub/mount");
+    kit::writeFile(scratch / "tree/file", "f");
+    KIT_REQUIRE(mounted, kit::Volume::tmpfs(1 << 20, scratch / "tree/sub/mount"));
+    kit::writeFile(mounted / "inside", "i");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const ToolResult planned = runTool({"plan", "move", scratch / "tree", volume / "tree"});
+    EXPECT_EQ(1, planned.status) << planned.out << planned.err;
+    EXPECT_TRUE(mentions(planned.out + planned.err, "mounted volume below")) << planned.out << planned.err;
+    const ToolResult result = runTool({"move", scratch / "tree", volume / "tree"});
+    EXPECT_EQ(1, result.status) << result.out << result.err;
+    EXPECT_TRUE(mentions(result.err, "tree/sub/mount: mounted volume below")) << result.err;
+    EXPECT_EQ("i", kit::readFile(mounted / "inside"));
+    EXPECT_FALSE(kit::exists(volume / "tree/sub/mount"));
+    EXPECT_EQ("f", kit::readFile(volume / "tree/file"));
+    EXPECT_FALSE(kit::exists(scratch / "tree/file"));
+    const ToolResult bounded = runTool({"move", "-x", scratch / "tree", volume / "bounded"});
+    EXPECT_FALSE(mentions(bounded.err, "mounted volume below")) << bounded.err;
+    EXPECT_EQ("i", kit::readFile(mounted / "inside"));
+}
+
 TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {
     directory("tree");
     directory("tree/sub");

@@ -13,6 +13,7 @@
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -313,6 +314,10 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
+    if (moves() && m_depth > 0 && is_mount_root(from.fd(), source.in.device()) &&
+        m_selection.enters(from.device(), m_device)) {
+        return fail(std::move(planned), problem_of_mount());
+    }
     if (auto refusal = rehearsal.refusal_of(name, S_IFDIR)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
@@ -602,6 +607,12 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const bool oneVolume = to.is_there() && source.in.device() == to.there.device() &&
                            found.st_dev == to.there.device() && source.in.type() == to.there.type();
+    if (planned.deed == Deed::replace && old && S_ISREG(old->st_mode)) {
+        planned.inPlace = !asItIs && !(moves() && oneVolume) &&
+                          ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
+                          (m_transfer.inPlace || ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0);
+        planned.oldNames = planned.inPlace ? 0 : static_cast<int64_t>(old->st_nlink) - 1;
+    }
     if (moves() && oneVolume) {
         planned.deed = planned.deed == Deed::replace ? Deed::replace : Deed::rename;
         to.planned.emplace(volume.rehearsal->key_of(name), source.name);

@@ -6,7 +6,6 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/relocate/exchange.h"
-#include "tools/engine/relocate/mounts.h"
 #include "tools/engine/relocate/note.h"
 #include "tools/engine/relocate/private_place.h"
 #include "tools/engine/relocate/proof.h"
@@ -20,6 +19,7 @@
 #include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>

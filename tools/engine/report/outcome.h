@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace engine {
@@ -30,8 +32,14 @@ struct Outcome {
     std::string destination; // where the file is now, which may be another name than asked for
     int64_t bytes = 0;       // size of the file
     bool cloned = false;
-    bool same = false;              // it stood there already
-    bool linked = false;            // another name of what an earlier one has become; nothing was copied
+    bool same = false;    // it stood there already
+    bool linked = false;  // another name of what an earlier one has become; nothing was copied
+    bool inPlace = false; // written into what stood there, which has kept its names
+    // Of what was replaced: which file it was, how many other names it had left then, which keep its content, and some
+    // of those, in the same directory.
+    std::pair<dev_t, ino_t> old = {};
+    int64_t oldNames = 0;
+    std::vector<std::string> oldNamesKnown;
     bool sourceStays = false;       // of a move that is done: it is at both places
     std::vector<Loss> losses;       // what the destination has not got, or not as it was
     std::optional<Problem> warning; // done, but not as it should be

@@ -47,6 +47,11 @@ Problem problem_of_slash(mode_t mode) {
     return {std::string("is ") + kind + ", not a directory; give it without the slash"};
 }
 
+Problem problem_of_mount() {
+    return {.reason = "mounted volume below; it stays with its content, of which nothing is copied",
+            .withSource = true};
+}
+
 const char *kind_of(mode_t mode) {
     switch (mode & S_IFMT) {
     case S_IFDIR:

@@ -24,6 +24,8 @@ Problem problem_of_errno(int number);
 Problem problem_of_directory();
 // An entry that is none, where a slash behind its name asks for a directory.
 Problem problem_of_slash(mode_t mode);
+// What a move does not empty, since the place where it is mounted cannot go.
+Problem problem_of_mount();
 // "a named pipe": an entry that is no regular file.
 const char *kind_of(mode_t mode);
 

@@ -29,6 +29,8 @@ struct FileTransfer::Attempt : FileAttempt {
     StoreParts store = {};                 // what is kept for the source
     std::optional<StoreWitness> kept = {}; // of a move: what that was when it was copied
     std::vector<Loss> losses = {};         // what the copy has not got
+    std::optional<struct stat> old = {};   // what stood there, and is replaced
+    bool inPlace = false;                  // that was written into
     bool linked = false;                   // to what another name of the source has become
     bool renamed = false;                  // within its volume
     bool special = false;                  // the source is no file, link or directory

@@ -227,6 +227,9 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
             if (auto outcome = pass_over(attempt)) {
                 return *outcome;
             }
+            if (auto outcome = keep_together(attempt)) {
+                return *outcome;
+            }
             if (auto outcome = resolve_conflict(attempt, m_options, m_observer, m_written)) {
                 return *outcome;
             }
@@ -367,6 +370,7 @@ void FileTransfer::tidy(const HeldDirectory &directory) {
 // Within a volume, at once.
 Outcome FileTransfer::rename(Attempt &attempt) {
     const bool regular = S_ISREG(attempt.entry->st_mode);
+    attempt.old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     for (int i = 0; i < kMostNames; ++i) {
         // A link only with a store: the renaming marks the file that it leads to as changed.
         auto left = rename_with_store({attempt.from, attempt.sourceName, attempt.to, attempt.name, attempt.replace,
@@ -404,13 +408,19 @@ Outcome FileTransfer::copy(Attempt &attempt) {
         return outcome;
     }
     // What stands there may be written where its directory may not.
-    const auto old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
-    if (old && S_ISREG(old->st_mode) && !attempt.asItIs && !may_write(attempt.to.fd(), ".", W_OK | X_OK) &&
+    attempt.old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
+    const auto &old = attempt.old;
+    const bool forced = old && !m_options.inPlace && !may_write(attempt.to.fd(), ".", W_OK | X_OK);
+    if (old && S_ISREG(old->st_mode) && !attempt.asItIs && (forced || m_options.inPlace) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        const bool apart = m_options.verify || m_clones.insists();
-        return apart ? failure(attempt.destination, {"nothing can be made in its directory, where a copy would stand "
-                                                     "until it is known to be as asked for; not replaced"})
-                     : write_in_place(attempt);
+        if (forced && (m_options.verify || m_clones.insists())) {
+            return failure(attempt.destination, {"nothing can be made in its directory, where a copy would stand until "
+                                                 "it is known to be as asked for; not replaced"});
+        }
+        if (forced) {
+            attempt.note({"written in place, since nothing can be made in its directory"});
+        }
+        return write_in_place(attempt, *old);
     }
     std::optional<Problem> problem;
     std::vector<Loss> refused;
@@ -497,16 +507,79 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
     return failure(attempt.destination, problem);
 }
 
-// The old way: what fails from here on has cost the old content.
-Outcome FileTransfer::write_in_place(Attempt &attempt) {
-    attempt.begun = true;
-    if (auto problem = make_file(attempt, attempt.name, true)) {
-        return failure(attempt.destination, *problem);
+// The old way: what fails from here on has cost the old content, and that is said.
+Outcome FileTransfer::write_in_place(Attempt &attempt, const struct stat &old) {
+    constexpr char gone[] = "; the old content is gone";
+    attempt.inPlace = attempt.begun = true;
+    auto problem = make_file(attempt, attempt.name, true);
+    if (problem || attempt.stopAnswered) {
+        const bool touched = !Witness(old).unchanged(attempt.to.fd(), attempt.name);
+        Outcome outcome =
+            failure(attempt.destination, problem.value_or(Problem{"stopped while it was written in place"}));
+        outcome.status = problem ? Status::failed : Status::cancelled;
+        outcome.problem->reason += touched ? gone : "";
+        return outcome;
+    }
+    compare(attempt, attempt.name);
+    problem = verify(attempt, attempt.name);
+    if (problem) {
+        Outcome outcome = failure(attempt.destination, {problem->reason + gone});
+        outcome.losses.push_back({LossClass::data, problem->reason});
+        return outcome;
+    }
+    attempt.result = attempt.to.look(attempt.name);
+    return arrived(attempt);
+}
+
+// Another name of what was written in place for another name of this file: it has that content already, and gets what
+// is kept for this name.
+std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
+    const auto there = attempt.to.look(attempt.name);
+    if (!m_options.inPlace || !m_options.hardLinks || m_options.conflict != Conflict::replace || attempt.asItIs ||
+        !S_ISREG(attempt.entry->st_mode) || !m_linked.is_there(*attempt.entry, there) ||
+        gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type())) {
+        return std::nullopt;
+    }
+    attempt.file = Descriptor(::openat(attempt.from.fd(), attempt.sourceName.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat before {};
+    if (attempt.file.get() < 0 || ::fstat(attempt.file.get(), &before) != 0 || !same(attempt.content, before)) {
+        return std::nullopt;
+    }
+    attempt.content = before;
+    attempt.linked = attempt.inPlace = true;
+    if (has_store(attempt.to, attempt.name)) {
+        (void)VEXOEARemove(attempt.to.below(attempt.name).c_str(), attempt.to.type());
+    }
+    if (attempt.store.any() || m_options.operation == Operation::move) {
+        carry_metadata(attempt, attempt.name);
     }
     compare(attempt, attempt.name);
     attempt.result = attempt.to.look(attempt.name);
-    attempt.note({"written in place, since nothing can be made in its directory"});
+    m_observer.progress(before.st_size, false);
     return arrived(attempt);
+}
+
+// What was replaced stays where it has other names. They are looked for where it lay, unless that takes long.
+void FileTransfer::tell_old_names(const Attempt &attempt, Outcome &outcome) {
+    constexpr size_t mostEntries = 2'000, mostNames = 10;
+    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode)) {
+        return;
+    }
+    outcome.old = {attempt.old->st_dev, attempt.old->st_ino};
+    if (attempt.old->st_nlink < 2) {
+        return;
+    }
+    outcome.oldNames = static_cast<int64_t>(attempt.old->st_nlink) - 1;
+    auto names = names_in(attempt.to.fd()).value_or(std::vector<std::string>());
+    if (names.size() > mostEntries) {
+        return;
+    }
+    std::ranges::sort(names);
+    for (const std::string &name : names) {
+        if (same(attempt.old, attempt.to.look(name)) && outcome.oldNamesKnown.size() < mostNames) {
+            outcome.oldNamesKnown.push_back(joined(attempt.to.path(), name));
+        }
+    }
 }
 
 // Of another name of a file that went before nothing is copied but what is kept for that name.
@@ -652,8 +725,7 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
     flags |= replace ? flag::replace : flag::failIfExists;
     flags |= attempt.cloneAsked ? flag::clone : 0;
-    const int result =
-        VEXOFileOpCopyFile(attempt.opened().c_str(), to.below(name).c_str(), flags, record.get());
+    const int result = VEXOFileOpCopyFile(attempt.opened().c_str(), to.below(name).c_str(), flags, record.get());
     const int number = errno;
     if (attempt.is_copied_instead() && !attempt.stopAnswered) {
         discard(to, name);
@@ -775,6 +847,8 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
     outcome.linked = attempt.linked;
     outcome.cloned = attempt.cloneAsked && !attempt.progressSeen && !attempt.linked && outcome.bytes > 0;
+    outcome.inPlace = attempt.inPlace;
+    tell_old_names(attempt, outcome);
     outcome.losses = attempt.losses;
     if (m_options.hardLinks && !attempt.renamed && !attempt.changed && S_ISREG(attempt.entry->st_mode) &&
         (attempt.content->st_nlink > 1 || m_linked.contains(*attempt.content))) {

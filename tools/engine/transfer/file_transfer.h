@@ -83,7 +83,9 @@ class FileTransfer {
     Outcome rename(Attempt &attempt);
     Outcome copy(Attempt &attempt);
     Outcome place_copy(Attempt &attempt);
-    Outcome write_in_place(Attempt &attempt);
+    Outcome write_in_place(Attempt &attempt, const struct stat &old);
+    std::optional<Outcome> keep_together(Attempt &attempt);
+    static void tell_old_names(const Attempt &attempt, Outcome &outcome);
     Outcome arrived(Attempt &attempt);
     static std::optional<Problem> make_anew(Attempt &attempt, std::vector<Loss> &losses);
     std::optional<Problem> link_or_make(Attempt &attempt);

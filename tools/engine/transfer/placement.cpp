@@ -4,6 +4,7 @@
 #include "platform/core.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/directory_lock.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/rename.h"
@@ -23,6 +24,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -304,17 +306,23 @@ bool clear_note(const HeldDirectory &directory, const std::string &path) {
 }
 
 // What is said of an entry that has its name, once its store has it too. Where no lock could be had another command may
-// have put another one there between the two.
-Problem once_placed(const DirectoryLock &lock, const HeldDirectory &directory, const Note &note, Problem problem) {
-    const auto there = directory.look(note.name);
-    if (there && there->st_ino == note.inode) {
+// have put another one there between the two. `placed`: open, since on some volumes a number changes with the name.
+Problem once_placed(const DirectoryLock &lock, const HeldDirectory &directory, const std::string &name,
+                    const Descriptor &placed, Problem problem) {
+    const auto there = directory.look(name);
+    struct stat own {};
+    if (placed.get() < 0 || ::fstat(placed.get(), &own) != 0 || same(own, there)) {
         return problem;
     }
     // It brought no store, or it would have waited; what lies beside it now is ours.
     if (lock.is_held() && there) {
-        (void)clear_store(directory, note.name);
+        (void)clear_store(directory, name);
     }
     return {.reason = "it was placed, but another command has replaced it meanwhile", .replaced = true};
+}
+
+Descriptor opened_entry(const HeldDirectory &directory, const std::string &name) {
+    return Descriptor(::openat(directory.fd(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
 
 // Of an entry without a store, for which no lock is taken: another one may have been placed since it was looked whether
@@ -350,6 +358,7 @@ std::optional<Problem> place(const Placement &placement) {
     }
     const std::string note = placement.made + std::string(kOldStoreGoes);
     const auto made = directory.look(placement.made);
+    const Descriptor entry = opened_entry(directory, placement.made);
     const Note text{.inode = made ? made->st_ino : 0, .name = placement.name};
     if (!made || !write_note(directory, note, text) || !rename_made(placement)) {
         const int number = errno;
@@ -357,7 +366,8 @@ std::optional<Problem> place(const Placement &placement) {
         errno = number;
         return std::nullopt;
     }
-    return once_placed(lock, directory, text, finish_store(directory, placement.made, text, nullptr));
+    Problem problem = finish_store(directory, placement.made, text, nullptr);
+    return once_placed(lock, directory, placement.name, entry, std::move(problem));
 }
 
 namespace {
@@ -397,6 +407,7 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
         errno = lock.is_refused() ? EWOULDBLOCK : errno;
         return std::nullopt;
     }
+    const Descriptor renamed = opened_entry(from, renaming.before);
     const Note note{entry->st_ino, renaming.name, from.path(), directory.st_dev, directory.st_ino, renaming.before};
     const std::string made = next_private_name(), path = made + std::string(kOldStoreGoes);
     // Without room for a note nothing but a kill can part the two.
@@ -411,13 +422,13 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
         return std::nullopt;
     }
     if (noted) {
-        return once_placed(lock, to, note, finish_store(to, made, note, &from));
+        return once_placed(lock, to, renaming.name, renamed, finish_store(to, made, note, &from));
     }
     ::unlinkat(to.fd(), path.c_str(), 0); // half of one
     if (!clear_store(to, renaming.name)) {
         return failed_with("moved, but what was kept beside an old file of its name could not be removed");
     }
-    return once_placed(lock, to, note, follow(to, note, from).value_or(Problem{}));
+    return once_placed(lock, to, renaming.name, renamed, follow(to, note, from).value_or(Problem{}));
 }
 
 std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name,

@@ -18,6 +18,7 @@
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -136,6 +137,11 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     if (!open_source(level, source)) {
         return false;
     }
+    if (m_move && m_depth == 0 && source.in.device() != destination.in.device()) {
+        tell_mounts(level.source, level.from.itself(), level.destination);
+    } else if (m_move && m_depth > 0 && is_mounted(level, source)) {
+        return false;
+    }
     auto names = names_in(level.from.fd());
     for (int tries = 0; !names && again(level, level.destination, tries);) {
         names = names_in(level.from.fd());
@@ -183,6 +189,46 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     }
     tell(EntryKind::directory, level.source, level.outcome);
     return complete && level.outcome.status == Status::done;
+}
+
+// Before anything is removed: whoever asks for a tree may not know what is mounted in it.
+void TreeTransfer::tell_mounts(const std::string &source, const std::string &real, const std::string &destination) {
+    TreeSelection selection = m_selection; // which counts what it leaves out
+    // With all the directories on the way.
+    const auto is_meant = [&](const std::string &place) {
+        for (size_t end = place.find('/', 1);; end = place.find('/', end + 1)) {
+            const std::string part = place.substr(0, end);
+            struct stat found {};
+            if (::lstat((real + part).c_str(), &found) == 0 && (!selection.takes(source + part, real + part, found) ||
+                                                                !selection.enters(found.st_dev, m_sourceDevice))) {
+                return false;
+            }
+            if (end == std::string::npos) {
+                return true;
+            }
+        }
+    };
+    try {
+        for (const std::string &place : mounts_below(real)) {
+            if (is_meant(place) && m_mounts.insert(source + place).second) {
+                failed(source + place, destination + place, problem_of_mount());
+            }
+        }
+    } catch (const Failure &) {
+        return; // each is met on the way
+    }
+}
+
+// One that stays, with what is in it. One at which the selection ends anyway is no matter.
+bool TreeTransfer::is_mounted(const Level &level, const Place &source) {
+    if (!is_mount_root(level.from.fd(), source.in.device()) ||
+        !m_selection.enters(level.status.st.st_dev, m_sourceDevice)) {
+        return false;
+    }
+    if (m_mounts.insert(level.source).second) {
+        failed(level.source, level.destination, problem_of_mount());
+    }
+    return true;
 }
 
 // What belongs to an entry goes with that one.
@@ -269,6 +315,9 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     }
     const auto found = level.from.look(name);
     const EntryKind kind = kind_of_entry(found);
+    if (kind != EntryKind::directory && m_mounts.contains(source)) {
+        return false;
+    }
     if (kind == EntryKind::directory) {
         const Place below{level.from, name}, made{level.to, name};
         if (may_be_whole(level, name, *found)) {

@@ -81,6 +81,8 @@ class TreeTransfer {
     void descend(const Place &source, const Place &destination);
     bool ascend(const Level &level, const Place &source, const Place &destination);
     bool open_source(Level &level, const Place &source);
+    bool is_mounted(const Level &level, const Place &source);
+    void tell_mounts(const std::string &source, const std::string &real, const std::string &destination);
     bool make_destination(Level &level, const Place &source, const Place &destination);
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
@@ -147,6 +149,7 @@ class TreeTransfer {
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
+    std::set<std::string> m_mounts;             // sources at which another volume is mounted, which was told
     WrittenEntries m_made;                      // directories of this run
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories to walk through: others may exchange something there

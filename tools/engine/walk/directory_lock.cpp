@@ -32,7 +32,9 @@ bool lock_now(int fd) {
 
 bool lock_in_time(int fd, const Inode &directory) {
     bool locked = lock_now(fd);
-    Patience patience(given_up().contains(directory) ? std::chrono::milliseconds(0) : lock_patience());
+    constexpr size_t mostWaited = 3; // nor is each of a thousand directories
+    Patience patience(given_up().contains(directory) || given_up().size() >= mostWaited ? std::chrono::milliseconds(0)
+                                                                                        : lock_patience());
     while (!locked && errno == EWOULDBLOCK && patience.wait()) {
         locked = lock_now(fd);
     }

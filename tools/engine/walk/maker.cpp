@@ -3,11 +3,13 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/text_hash.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <climits>
 #include <csignal>
+#include <cstddef>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/types.h>

@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -126,6 +127,12 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     ++counts[outcome.status];
     m_cloned += outcome.cloned ? 1 : 0;
     m_same += outcome.same ? 1 : 0;
+    m_inPlace += outcome.inPlace ? 1 : 0;
+    if (outcome.oldNames > 0) {
+        m_oldNamed[outcome.old] = outcome;
+    } else {
+        m_oldNamed.erase(outcome.old);
+    }
     const bool failed = outcome.status == engine::Status::failed || outcome.warning;
     m_failed = m_failed || failed;
     m_errors += failed || engine::has_failing_loss(outcome, m_options.transfer.accepted) ? 1 : 0;
@@ -240,6 +247,7 @@ void Batch::tell_receipt() {
     for (const std::string &line : m_receipt.lines()) {
         m_console.message(line);
     }
+    tell_old_names();
     if (m_staying > 0) {
         const std::string classes = m_receipt.failing(m_stayingFor);
         m_console.message(
@@ -248,11 +256,39 @@ void Batch::tell_receipt() {
     }
 }
 
+// Nobody who replaces a file thinks of its other names.
+void Batch::tell_old_names() {
+    if (m_inPlace > 0) {
+        m_console.message(
+            fmt::format("{} written in place", m_inPlace == 1 ? "1 file" : fmt::format("{} files", m_inPlace)));
+    }
+    if (m_oldNamed.empty()) {
+        return;
+    }
+    const engine::Outcome &first = m_oldNamed.begin()->second;
+    std::string known;
+    for (const std::string &name : first.oldNamesKnown) {
+        known += (known.empty() ? ": " : ", ") + engine::displayed(name);
+    }
+    const int64_t names = first.oldNames;
+    m_console.message(
+        fmt::format("{}: {} of the file that was replaced {} its content{}{}; --in-place changes them all",
+                    engine::displayed(first.destination),
+                    names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep",
+                    known, m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : ""));
+}
+
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
     if (outcome.status == engine::Status::done) {
-        m_console.line(arrow(source, outcome.destination) + (outcome.cloned   ? " (cloned)"
-                                                             : outcome.linked ? " (linked)"
-                                                                              : ""));
+        m_console.line(arrow(source, outcome.destination) +
+                       (outcome.cloned   ? " (cloned)"
+                        : outcome.linked ? " (linked)"
+                        : fellBack       ? " (copied, not cloned)"
+                                         : "") +
+                       (outcome.inPlace ? " (in place)" : "") +
+                       (outcome.oldNames > 0
+                            ? fmt::format(" (other names that keep the old content: {})", outcome.oldNames)
+                            : ""));
     } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
         m_console.line(arrow(source, outcome.destination) +
                        (outcome.same ? " (the same already)" : " (skipped, destination exists)"));
@@ -277,6 +313,17 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     }
     if (outcome.linked) {
         entry.add_flag("linked", true);
+    }
+    if (outcome.inPlace) {
+        entry.add_flag("in_place", true);
+    }
+    if (outcome.oldNames > 0) {
+        entry.add_number("old_names", outcome.oldNames);
+    }
+    for (const std::string &name : outcome.oldNamesKnown) {
+        Json known;
+        known.add_name("path", name);
+        entry.add_to_list("old_names_known", std::move(known));
     }
     if (outcome.problem) {
         entry.add_object("error", problem_object(*outcome.problem, kRecursion));

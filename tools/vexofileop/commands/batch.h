@@ -7,7 +7,10 @@
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 
+#include <map>
 #include <string>
+#include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace tool {
@@ -59,6 +62,7 @@ class Batch : protected engine::TransferObserver {
     void report_problems(const std::string &source, const engine::Outcome &outcome);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
     void tell_receipt();
+    void tell_old_names();
     void note_for_report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     bool write_report(int status);
     void verbose_line(const std::string &source, const engine::Outcome &outcome);
@@ -79,7 +83,10 @@ class Batch : protected engine::TransferObserver {
     Receipt m_receipt;
     Report m_report;
     int m_cloned = 0;
-    int m_same = 0; // already
+    int m_same = 0;    // already
+    int m_inPlace = 0; // written so
+    // Old files of which other names are left, by what was told of them last: this run may replace those, too.
+    std::map<std::pair<dev_t, ino_t>, engine::Outcome> m_oldNamed;
     int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then

@@ -192,6 +192,13 @@ class TransferArguments {
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
+        if (transfer.inPlace && transfer.conflict != engine::Conflict::replace &&
+            transfer.conflict != engine::Conflict::update && transfer.conflict != engine::Conflict::ask) {
+            throw UsageError("--in-place says how -f, -i and -u replace, and needs one of them");
+        }
+        if (transfer.inPlace && transfer.clone == engine::Clone::always) {
+            throw UsageError("--clone=always shares the source's data, and --in-place writes into old ones");
+        }
         // A list of what a directory holds names links as such.
         const bool listed =
             m_relative && m_operands.has_list() && m_operands.given().size() > (m_target.directory.given() ? 0 : 1);
@@ -226,6 +233,8 @@ class TransferArguments {
         m_command.rare().add_flag("--specials", m_options.transfer.specials,
                                   "make pipes, devices and sockets anew; else they are a loss");
         m_command.rare().add_flag("--checksum", m_options.transfer.checksum, "with -u: read what seems to be the same");
+        m_command.rare().add_flag("--in-place", m_options.transfer.inPlace,
+                                  "with -f: write into the old file, which keeps its names");
         m_command.rare().add_flag("--no-hard-links", m_noHardLinks, "names of one file become files of their own");
         m_command.rare().add_flag("--stop-on-error", m_options.stopOnError, "end at the first entry that fails");
         if (act == Act::run) {

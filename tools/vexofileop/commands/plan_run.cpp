@@ -144,7 +144,13 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     } else if (planned.deed == engine::Deed::skip) {
         text += planned.same ? ": the same already" : ": destination exists";
     }
-    m_console.line(text + (planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : ""));
+    text += planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : "";
+    text += planned.inPlace ? " (in place)" : "";
+    m_console.line(text + (planned.oldNames > 0
+                               ? fmt::format(" ({} of the old file keep its content)",
+                                             planned.oldNames == 1 ? "another name"
+                                                                   : fmt::format("{} other names", planned.oldNames))
+                               : ""));
 }
 
 std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
@@ -164,6 +170,12 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     }
     if (planned.linked) {
         event.add_flag("linked", true);
+    }
+    if (planned.inPlace) {
+        event.add_flag("in_place", true);
+    }
+    if (planned.oldNames > 0) {
+        event.add_number("old_names", planned.oldNames);
     }
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);
