@@ -6,8 +6,8 @@ namespace tool {
 void add_ea_command(const Command &program, int &status) {
     const Command command = program.add_command("ea", "Extended metadata: attributes, Finder Info, forks");
     command.require_command();
-    command.set_footer("\nNo symbolic link is followed that is named as a file, as with getfattr -h: name the\n"
-                       "file itself. Links on the way to it are followed.\n"
+    command.set_footer("\nNo symbolic link is followed that is named as a file, as with getfattr -h: name\n"
+                       "the file itself. Links on the way to it are followed.\n"
                        "Each command explains itself: vexofileop ea set --help\n"
                        "Example:\n"
                        "  vexofileop ea list photo.jpg");
