@@ -49,7 +49,7 @@ void make(int directory, const std::string &name, mode_t mode, Descriptor &made)
         Descriptor file(::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
         if (file.get() < 0) {
             if (errno != EEXIST) {
-                throw_errno("a copy of its store cannot be made");
+                throw_errno_in(directory, "a copy of its store cannot be made");
             }
             remove_stale(directory, name);
         } else if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && is_at(directory, name, file.get())) {
@@ -120,7 +120,7 @@ PrivateDirectory::PrivateDirectory(int parent, const std::string &name)
 void PrivateDirectory::make() {
     const bool made = ::mkdirat(m_parent, m_name.c_str(), 0700) == 0;
     if (!made && errno != EEXIST) {
-        throw_errno("a directory for a copy of its store cannot be made");
+        throw_errno_in(m_parent, "a directory for a copy of its store cannot be made");
     }
     Descriptor directory = open_directory(m_parent, m_name);
     if (directory.get() < 0 && errno == ENOENT) {
