@@ -94,8 +94,10 @@ TEST_F(Habits, VolumeWithoutInodesIsSaidToLackThose) {
 
 TEST_F(Habits, SlashBehindAFileIsNamedByPlansAndMetadataCommands) {
     EXPECT_TRUE(mentions(run({"plan", "copy", "file/", "into"}).out, "is a file, not a directory"));
-    for (const kit::Arguments &words_of :
-         {kit::Arguments{"ea", "list", "file/"}, {"ea", "set", "file/", "note", "1"}, {"archive", "clear", "file/"}}) {
+    for (const kit::Arguments &words_of : {kit::Arguments{"ea", "list", "file/"},
+                                           {"ea", "set", "file/", "note", "1"},
+                                           {"archive", "clear", "file/"},
+                                           {"compare", "file/", "file"}}) {
         const ToolResult result = run(words_of);
         EXPECT_EQ(2, result.status) << words_of[1];
         EXPECT_TRUE(mentions(result.err, "is a file, not a directory; give it without the slash")) << result.err;
