@@ -492,12 +492,19 @@ TEST(ExplainCommand, TellsWhatACodeMeans) {
     EXPECT_EQ(2, unknown.status);
     EXPECT_EQ("vexofileop: 0x1234: no such error code\n", unknown.err);
     const std::string all = runTool({"explain"}).out;
-    EXPECT_EQ(39 + 27, std::count(all.begin(), all.end(), '\n'));
+    EXPECT_EQ(39 + 27 + 3, std::count(all.begin(), all.end(), '\n'));
     const ToolResult loss = runTool({"explain", "acl-access", "0xA400"});
     EXPECT_EQ(0, loss.status);
     EXPECT_EQ(0u, loss.out.find("acl-access  access ACLs not kept (lost)\n  Meaning: The access ACL is not that of the "
                                 "source.\n  What helps: "))
         << loss.out;
+    const ToolResult group = runTool({"explain", "acl", "fat", "all"});
+    EXPECT_EQ(0, group.status) << group.err;
+    EXPECT_EQ(0u, group.out.find("acl  the three kinds of ACL (group)\n"
+                                 "  Meaning: It stands for acl-access, acl-default and acl-windows.\n"
+                                 "fat  what any FAT volume costs (group)\n"
+                                 "  Meaning: It stands for owner, group, mode, "))
+        << group.out;
     const ToolResult neither = runTool({"explain", "owners"});
     EXPECT_EQ(2, neither.status);
     EXPECT_NE(std::string::npos, neither.err.find("owners: neither an error code")) << neither.err;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <optional>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,7 +59,47 @@ TEST_F(Habits, CommandThatThereIsNoneOfIsNamedAndTheNearOneOffered) {
     EXPECT_EQ("vexofileop: unknown command \"so\\nmething\"\nTry 'vexofileop --help'.\n", said({"so\nmething"}));
 }
 
+// ---- A volume that has room, but takes no more files
+
+TEST_F(Habits, VolumeWithoutInodesIsSaidToLackThose) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(8 << 20));
+    ASSERT_EQ(0, ::mount(nullptr, volume.path().c_str(), nullptr, MS_REMOUNT, "nr_inodes=4"));
+    const std::string words = "no inode left on the volume, which has room but takes no more files";
+    kit::writeFile(volume / "photo", "x");
+    ASSERT_EQ(0, ::mkdir((volume / "taken").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((volume / "too").c_str(), 0755));
+    for (const kit::Arguments &words_of :
+         {kit::Arguments{"copy", "file", volume / "file"}, {"copy", "-r", "a", volume / "a"}}) {
+        const ToolResult result = run(words_of);
+        EXPECT_EQ(2, result.status);
+        EXPECT_TRUE(mentions(result.err, words + " (0x2900)")) << result.err;
+    }
+    EXPECT_TRUE(mentions(run({"plan", "copy", "file", volume / "file"}).out, words));
+    const ToolResult relocated = run({"relocate", "-y", "a", volume / "a"});
+    EXPECT_EQ(2, relocated.status);
+    EXPECT_TRUE(mentions(relocated.err, words) && mentions(relocated.err, "is as it was")) << relocated.err;
+    EXPECT_FALSE(mentions(relocated.err, "goes on from here")) << relocated.err;
+    EXPECT_EQ(3U, kit::namesIn(volume.path()).size());
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=0").c_str(), 1);
+    const ToolResult set = run({"ea", "set", volume / "photo", "note", "1"});
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(2, set.status);
+    EXPECT_TRUE(mentions(set.err, words)) << set.err;
+}
+
 // ---- A slash behind a name
+
+TEST_F(Habits, SlashBehindAFileIsNamedByPlansAndMetadataCommands) {
+    EXPECT_TRUE(mentions(run({"plan", "copy", "file/", "into"}).out, "is a file, not a directory"));
+    for (const kit::Arguments &words_of : {kit::Arguments{"ea", "list", "file/"},
+                                           {"ea", "set", "file/", "note", "1"},
+                                           {"archive", "clear", "file/"},
+                                           {"compare", "file/", "file"}}) {
+        const ToolResult result = run(words_of);
+        EXPECT_EQ(2, result.status) << words_of[1];
+        EXPECT_TRUE(mentions(result.err, "is a file, not a directory; give it without the slash")) << result.err;
+    }
+}
 
 TEST_F(Habits, SlashBehindAFileSaysThatItIsNoDirectory) {
     for (const char *command : {"copy", "move"}) {

@@ -5,6 +5,7 @@
 #include "tools/engine/compare/side.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/report/problem.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/walk/descriptor.h"
@@ -77,7 +78,8 @@ struct Top {
         if (given.ends_with('/') || base_name(given) == "..") {
             const std::unique_ptr<char, decltype(&std::free)> real(::realpath(given.c_str(), nullptr), &std::free);
             if (real == nullptr) {
-                throw Failure(std::strerror(errno));
+                const int number = errno;
+                throw Failure(number == ENOTDIR ? problem_of_look(given, number).reason : std::strerror(number));
             }
             path = real.get();
         }

@@ -17,17 +17,16 @@ constexpr bool in_order() {
 static_assert(in_order(), "loss_row() takes the class for the row's index");
 static_assert(kLossTable.size() <= 32, "LossSet has a bit for each");
 
-struct Group {
-    const char *name;
+struct Group : LossGroup {
     bool (*has)(LossClass);
 };
 constexpr Group kGroups[] = {
-    {"all", [](LossClass cls) { return cls != LossClass::data; }},
-    {"acl",
+    {{"all", "every class but data"}, [](LossClass cls) { return cls != LossClass::data; }},
+    {{"acl", "the three kinds of ACL"},
      [](LossClass cls) {
          return cls == LossClass::acl_access || cls == LossClass::acl_default || cls == LossClass::acl_windows;
      }},
-    {"fat",
+    {{"fat", "what any FAT volume costs"},
      [](LossClass cls) {
          return (cls >= LossClass::owner && cls <= LossClass::acl_windows) || cls == LossClass::creation_time;
      }},
@@ -57,6 +56,20 @@ std::optional<LossSet> loss_set(std::string_view name) {
         }
     }
     return set;
+}
+
+const LossGroup *loss_group(std::string_view name) {
+    const auto *const group =
+        std::ranges::find(kGroups, name, [](const Group &one) { return std::string_view(one.name); });
+    return group == std::end(kGroups) ? nullptr : group;
+}
+
+std::vector<const LossGroup *> loss_groups() {
+    std::vector<const LossGroup *> all;
+    for (const Group &group : kGroups) {
+        all.push_back(&group);
+    }
+    return all;
 }
 
 std::string loss_group_names() {

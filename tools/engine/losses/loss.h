@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace engine {
 
@@ -167,6 +168,12 @@ class LossSet {
 std::optional<LossSet> loss_set(std::string_view name);
 // The groups, for messages: "all, acl, fat".
 std::string loss_group_names();
+// What a group is, as a part of a sentence: "what any FAT volume costs"; null: there is no such group.
+struct LossGroup {
+    const char *name, *text;
+};
+const LossGroup *loss_group(std::string_view name);
+std::vector<const LossGroup *> loss_groups();
 
 struct Loss {
     LossClass cls;

@@ -421,7 +421,7 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
     planned.destination = joined(to.path, name);
     const auto found = source.name.empty() ? look(source.path) : source.in.look(source.name);
     if (!found) {
-        return fail(std::move(planned), of_source(problem_of_errno(errno)));
+        return fail(std::move(planned), of_source(problem_of_look(source.path, errno)));
     }
     const bool link = S_ISLNK(found->st_mode);
     const bool special = m_transfer.specials && is_special(found->st_mode);
@@ -674,7 +674,9 @@ void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const s
     const bool full = lacks(free.bytes, most.bytes) || lacks(free.inodes, most.inodes);
     if (full || lacks(free.quotaBytes, most.bytes) || lacks(free.quotaInodes, most.inodes)) {
         planned.deed = Deed::fail;
-        planned.problem = problem_of_errno(full ? ENOSPC : EDQUOT);
+        planned.problem = !full                           ? problem_of_errno(EDQUOT)
+                          : lacks(free.bytes, most.bytes) ? problem_of_errno(ENOSPC)
+                                                          : problem_of_no_inode();
         planned.losses.clear();
         return;
     }

@@ -179,7 +179,7 @@ void write_note(int directory, Note &note) {
     text += fmt::format("sum {:016x}\n", checksum(text));
     const Descriptor file(::openat(directory, kNewName, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (file.get() < 0) {
-        throw_errno("the note cannot be made");
+        throw_errno_in(directory, "the note cannot be made");
     }
     write_all(file.get(), text);
     if (::fsync(file.get()) != 0 || ::renameat(directory, kNewName, directory, kName) != 0 || ::fsync(directory) != 0) {

@@ -92,7 +92,7 @@ std::optional<struct stat> PrivatePlace::look_at(int directory, const std::strin
 bool PrivatePlace::enter() {
     if (!exists()) {
         if (::mkdirat(parent(), m_name.c_str(), 0700) != 0 && errno != EEXIST) {
-            throw_errno(fmt::format("cannot make {}", displayed(m_path)));
+            throw_errno_in(parent(), fmt::format("cannot make {}", displayed(m_path)));
         }
         struct stat found {};
         if (!open_there() || ::fstat(directory(), &found) != 0 || !is_ours(found)) {
@@ -101,7 +101,10 @@ bool PrivatePlace::enter() {
     }
     Descriptor(::openat(directory(), kLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)).swap(m_lock);
     if (m_lock.get() < 0) {
-        throw_errno(fmt::format("cannot lock {}", displayed(m_path)));
+        const int number = errno;
+        (void)::unlinkat(parent(), m_name.c_str(), AT_REMOVEDIR); // one that holds nothing is nobody's
+        errno = number;
+        throw_errno_in(parent(), fmt::format("cannot lock {}", displayed(m_path)));
     }
     if (::flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK) {

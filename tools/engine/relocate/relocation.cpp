@@ -140,6 +140,7 @@ class Staging : public TransferObserver {
         }
         failed = true;
         problem = outcome.problem.value_or(Problem{"was not copied"});
+        name_what_is_full(problem, outcome.destination);
         m_observer.failed(source, problem);
     }
 
@@ -463,6 +464,11 @@ void Relocating::conclude(bool oldGone, bool sourceRemains) {
 
 // Before the copy is in place everything is as it was, and the copy goes; after that a further run goes on.
 void Relocating::fail(const Problem &problem) {
+    if (!m_entered) {
+        m_result.end = RelocationEnd::not_copied;
+        m_result.problem = problem;
+        return;
+    }
     if (!m_result.inPlace && !m_result.resumed && m_note.phase != Note::Phase::placed) {
         try {
             if (is_placed(m_place, m_note) || !old_name(m_place, m_note).empty()) {

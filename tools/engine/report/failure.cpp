@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/report/error_table.h"
+#include "tools/engine/report/problem.h"
 
 #include <cerrno>
 #include <cstring>
@@ -25,6 +26,15 @@ void check(int result, const std::string &what) {
 
 void throw_errno(const std::string &what) {
     throw Failure(fmt::format("{}: {}", what, std::strerror(errno)));
+}
+
+void throw_errno_in(int directory, const std::string &what) {
+    const int number = errno;
+    if (number == ENOSPC && lacks_inodes(directory)) {
+        throw Failure(fmt::format("{}: {}", what, problem_of_no_inode().reason));
+    }
+    errno = number;
+    throw_errno(what);
 }
 
 void forget_last_error() {

@@ -24,6 +24,8 @@ class Overtaken : public Failure {
 void check(int result, const std::string &what);
 // "WHAT: " and what errno says.
 [[noreturn]] void throw_errno(const std::string &what);
+// The same of something that could not be made in an open directory, whose volume may be full in two ways.
+[[noreturn]] void throw_errno_in(int directory, const std::string &what);
 // Before a call of which the last error is asked: a call that fails without one leaves what was there.
 void forget_last_error();
 

@@ -5,19 +5,21 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 namespace engine {
 namespace {
 
-constexpr uint32_t kMissing = 0x0700, kOther = 0x8000, kExists = 0xA300;
+constexpr char kNoInode[] = "no inode left on the volume, which has room but takes no more files";
+constexpr uint32_t kNoSpace = 0x2900, kMissing = 0x0700, kOther = 0x8000, kExists = 0xA300;
 
 struct ErrnoCode {
     int number;
     uint32_t code;
 };
 constexpr ErrnoCode kErrnoCodes[] = {
-    {ENOENT, kMissing}, {ENOTDIR, kMissing},    {EACCES, 0x0300},  {EPERM, 0x0300},  {EROFS, 0x0300},
-    {EISDIR, 0xA200},   {ENAMETOOLONG, 0xC300}, {ENOSPC, 0x2900},  {EDQUOT, 0x2400}, {EIO, 0x6C00},
+    {ENOENT, kMissing}, {ENOTDIR, kMissing},    {EACCES, 0x0300},   {EPERM, 0x0300},  {EROFS, 0x0300},
+    {EISDIR, 0xA200},   {ENAMETOOLONG, 0xC300}, {ENOSPC, kNoSpace}, {EDQUOT, 0x2400}, {EIO, 0x6C00},
     {ENXIO, 0x6C00},    {EHOSTDOWN, 0x1100},    {EEXIST, kExists},
 };
 
@@ -38,6 +40,44 @@ Problem problem_of_errno(int number) {
     return problem;
 }
 
+Problem problem_of_no_inode() {
+    return {kNoInode, kNoSpace};
+}
+
+namespace {
+
+// A few may have become free again with what had to be taken back. A file system without a table of them says 0 of 0.
+bool lacks_inodes(const struct statvfs &volume) {
+    constexpr fsfilcnt_t few = 2;
+    constexpr fsblkcnt_t someBlocks = 16;
+    return volume.f_files > 0 && volume.f_ffree <= few && volume.f_bfree > someBlocks;
+}
+
+} // namespace
+
+bool lacks_inodes(int directory) {
+    struct statvfs volume {};
+    return ::fstatvfs(directory, &volume) == 0 && lacks_inodes(volume);
+}
+
+// What was to be made is not there, and neither may be the directory for it.
+void name_what_is_full(Problem &problem, const std::string &place) {
+    if (problem.code != kNoSpace || problem.withSource) {
+        return;
+    }
+    struct statvfs volume {};
+    std::string directory = place;
+    int result = -1;
+    for (size_t slash = directory.rfind('/'); result != 0 && slash != std::string::npos && slash > 0;
+         slash = directory.rfind('/')) {
+        directory.resize(slash);
+        result = ::statvfs(directory.c_str(), &volume);
+    }
+    if (result == 0 && lacks_inodes(volume)) {
+        problem.reason = kNoInode;
+    }
+}
+
 Problem problem_of_directory() {
     return {.reason = "is a directory", .needsRecursion = true};
 }
@@ -50,6 +90,13 @@ Problem problem_of_slash(mode_t mode) {
 Problem problem_of_mount() {
     return {.reason = "mounted volume below; it stays with its content, of which nothing is copied",
             .withSource = true};
+}
+
+Problem problem_of_look(const std::string &path, int number) {
+    struct stat found {};
+    const bool slash = number == ENOTDIR && path.size() > 1 && path.ends_with('/') &&
+                       ::lstat(path.substr(0, path.size() - 1).c_str(), &found) == 0;
+    return slash ? problem_of_slash(found.st_mode) : problem_of_errno(number);
 }
 
 const char *kind_of(mode_t mode) {

@@ -20,12 +20,20 @@ struct Problem {
 Problem problem_of(uint32_t code);
 // For what the engine itself was refused by the kernel.
 Problem problem_of_errno(int number);
+// A volume that has room, but none for the name and the place of one more file.
+Problem problem_of_no_inode();
+// Whether that is what a full volume is full of, by an open directory of it.
+bool lacks_inodes(int directory);
+// Says so of what failed for want of room, by the path of what was to be made; anything else stays as it is.
+void name_what_is_full(Problem &problem, const std::string &place);
 // A directory that the request does not reach into.
 Problem problem_of_directory();
 // An entry that is none, where a slash behind its name asks for a directory.
 Problem problem_of_slash(mode_t mode);
 // What a move does not empty, since the place where it is mounted cannot go.
 Problem problem_of_mount();
+// Of a path that cannot be looked at, with `number` for errno: that it is such an entry, else what errno says.
+Problem problem_of_look(const std::string &path, int number);
 // "a named pipe": an entry that is no regular file.
 const char *kind_of(mode_t mode);
 

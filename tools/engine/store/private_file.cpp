@@ -58,7 +58,7 @@ void make(int directory, const std::string &name, mode_t mode, Descriptor &made)
                 throw Overtaken("another process has removed the directory of its store meanwhile");
             }
             if (errno != EEXIST) {
-                throw_errno("a copy of its store cannot be made");
+                throw_errno_in(directory, "a copy of its store cannot be made");
             }
             if (!remove_stale(directory, name)) {
                 continue; // to the look at the clock
@@ -130,7 +130,7 @@ PrivateDirectory::PrivateDirectory(int parent, const std::string &name)
 void PrivateDirectory::make() {
     const bool made = ::mkdirat(m_parent, m_name.c_str(), 0700) == 0;
     if (!made && errno != EEXIST) {
-        throw_errno("a directory for a copy of its store cannot be made");
+        throw_errno_in(m_parent, "a directory for a copy of its store cannot be made");
     }
     Descriptor directory = open_directory(m_parent, m_name);
     if (directory.get() < 0 && errno == ENOENT) {

@@ -16,7 +16,7 @@ StandIn::StandIn(const HeldEntry &destination, StoreKind kind)
     const Descriptor made(::openat(m_directory.fd(), destination.name().c_str(), flags, 0600));
     const bool inDirectory = kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
     if (made.get() < 0 || (inDirectory && ::mkdirat(m_directory.fd(), "@eaDir", 0700) != 0)) {
-        throw_errno("a copy of its store cannot be made");
+        throw_errno_in(m_directory.fd(), "a copy of its store cannot be made");
     }
     m_entry = std::make_unique<HeldEntry>(fmt::format("/proc/self/fd/{}/{}", m_directory.fd(), destination.name()));
 }

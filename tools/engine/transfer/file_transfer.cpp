@@ -320,10 +320,7 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         attempt.entry = direct ? attempt.from.look(attempt.sourceName) : look(attempt.source);
     }
     if (!attempt.entry) {
-        const int number = errno;
-        const auto there =
-            attempt.source.ends_with('/') ? look(attempt.source.substr(0, attempt.source.size() - 1)) : std::nullopt;
-        return of_source(there && number == ENOTDIR ? problem_of_slash(there->st_mode) : problem_of_errno(number));
+        return of_source(problem_of_look(attempt.source, errno));
     }
     attempt.content = S_ISLNK(attempt.entry->st_mode) ? attempt.from.look_through(attempt.sourceName) : attempt.entry;
     attempt.asItIs = move ? !S_ISREG(attempt.entry->st_mode) : m_options.links && S_ISLNK(attempt.entry->st_mode);

@@ -5,6 +5,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/vexofileop/terminal/signals.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -14,8 +15,16 @@
 namespace tool {
 namespace {
 
-[[noreturn]] void throw_too_long(const std::string &what, uint64_t most) {
-    throw engine::Failure(fmt::format("{} has more than {} bytes", what, most));
+// How much an input may have, and why no more.
+struct Limit {
+    uint64_t most;
+    bool forWantOfSize;
+};
+
+[[noreturn]] void throw_too_long(const std::string &what, const Limit &limit) {
+    throw engine::Failure(
+        fmt::format("{} has more than {} bytes{}", what, limit.most,
+                    limit.forWantOfSize ? ", and does not say how many; write them into a file first" : ""));
 }
 
 // Appends what a descriptor has, up to one byte more than `most`. False: it cannot be read, with errno.
@@ -36,22 +45,25 @@ bool read_all(int fd, uint64_t most, std::string &bytes) {
 
 } // namespace
 
-std::string read_input(const std::string &path, uint64_t most) {
+std::string read_input(const std::string &path, uint64_t most, uint64_t mostWithoutSize) {
     const bool standard = path == "-";
     const std::string what = standard ? "standard input" : engine::displayed(path);
     // Opening a pipe would wait for its writer, which no signal ends; wait_readable() waits for it just as well.
     const engine::Descriptor opened(standard ? -1 : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     const int fd = standard ? STDIN_FILENO : opened.get();
     struct stat found {};
-    if (fd >= 0 && ::fstat(fd, &found) == 0 && S_ISREG(found.st_mode) && static_cast<uint64_t>(found.st_size) > most) {
-        throw_too_long(what, most);
+    // Files of the kernel's say that they are empty.
+    const bool sized = fd >= 0 && ::fstat(fd, &found) == 0 && S_ISREG(found.st_mode) && found.st_size > 0;
+    const Limit limit{sized ? most : std::min(most, mostWithoutSize), !sized && mostWithoutSize < most};
+    if (sized && static_cast<uint64_t>(found.st_size) > most) {
+        throw_too_long(what, limit);
     }
     std::string bytes;
-    if (fd < 0 || !read_all(fd, most, bytes)) {
+    if (fd < 0 || !read_all(fd, limit.most, bytes)) {
         engine::throw_errno(fmt::format("cannot read {}", what));
     }
-    if (bytes.size() > most) {
-        throw_too_long(what, most);
+    if (bytes.size() > limit.most) {
+        throw_too_long(what, limit);
     }
     return bytes;
 }

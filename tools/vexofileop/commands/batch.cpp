@@ -122,7 +122,11 @@ void Batch::tree(const std::string &) {
     m_treeSeen = true;
 }
 
-void Batch::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+void Batch::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &told) {
+    engine::Outcome outcome = told;
+    if (outcome.problem) {
+        engine::name_what_is_full(*outcome.problem, outcome.destination);
+    }
     Counts &counts = kind == engine::EntryKind::directory ? m_directories : m_entries;
     ++counts[outcome.status];
     m_cloned += outcome.cloned ? 1 : 0;

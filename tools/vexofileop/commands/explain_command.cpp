@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <iterator>
 #include <optional>
 #include <variant>
@@ -35,6 +36,9 @@ void list_all(Console &console) {
     for (const engine::LossRow &row : engine::kLossTable) {
         console.line(fmt::format("{}  {}", row.name, row.several));
     }
+    for (const engine::LossGroup *const group : engine::loss_groups()) {
+        console.line(fmt::format("{}  {}", group->name, group->text));
+    }
 }
 
 // "LABEL: TEXT" in lines of at most 79 columns, the later ones indented, without the last line feed.
@@ -56,8 +60,9 @@ std::string paragraph(std::string_view label, std::string_view text) {
 uint32_t code_of(const std::string &text) {
     const std::optional<uint32_t> code = code_from(text);
     if (!code) {
-        throw UsageError(fmt::format("{}: neither an error code, which looks like 0xA400, nor a class of losses",
-                                     engine::displayed(text)));
+        throw UsageError(fmt::format("{}: neither an error code, which looks like 0xA400, nor a class of losses, "
+                                     "nor a group of them ({})",
+                                     engine::displayed(text), engine::loss_group_names()));
     }
     return *code;
 }
@@ -82,9 +87,32 @@ bool explain(Console &console, engine::LossClass cls) {
     return true;
 }
 
-using Subject = std::variant<uint32_t, engine::LossClass>;
+// "a, b and c": the classes of a group.
+std::string classes_of(const engine::LossGroup &group) {
+    const auto set = engine::loss_set(group.name);
+    std::vector<std::string> names;
+    for (const engine::LossRow &row : engine::kLossTable) {
+        if (set->contains(row.cls)) {
+            names.emplace_back(row.name);
+        }
+    }
+    const std::string last = names.back();
+    names.pop_back();
+    return fmt::format("{} and {}", fmt::join(names, ", "), last);
+}
+
+bool explain(Console &console, const engine::LossGroup *group) {
+    console.line(fmt::format("{}  {} (group)", group->name, group->text));
+    console.line(paragraph("Meaning", fmt::format("It stands for {}.", classes_of(*group))));
+    return true;
+}
+
+using Subject = std::variant<uint32_t, engine::LossClass, const engine::LossGroup *>;
 
 Subject subject_of(const std::string &text) {
+    if (const engine::LossGroup *const group = engine::loss_group(text)) {
+        return group;
+    }
     const auto cls = engine::loss_class(text);
     return cls ? Subject(*cls) : Subject(code_of(text));
 }
@@ -108,8 +136,9 @@ int explain_all(const std::vector<std::string> &given) {
 
 void add_explain_command(const Command &program, int &status) {
     const Command command = program.add_command("explain", "Tell what a code or a class of losses means");
-    const Option codes = command.add_operands("CODE", "[CODE|CLASS...]");
-    command.set_footer("\nWithout one all of them are listed.\n"
+    const Option codes = command.add_operands("CODE", "[CODE|CLASS|GROUP...]");
+    command.set_footer("\nWithout one all of them are listed. A group is what --accept takes for several\n"
+                       "classes at once.\n"
                        "Examples:\n"
                        "  vexofileop explain 0xA400\n"
                        "  vexofileop explain acl-access");

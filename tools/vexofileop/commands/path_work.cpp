@@ -2,12 +2,14 @@
 
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/report/problem.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/signals.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 namespace tool {
 
@@ -23,6 +25,11 @@ void PathWork::one(const std::string &given, const Task &task) {
     }
     const std::string path = engine::absolute_path(given);
     try {
+        // What is no directory has no slash behind its name, which an absolute path has lost.
+        if (struct stat found{}; given.size() > 1 && given.ends_with('/') && ::lstat(path.c_str(), &found) == 0 &&
+                                 !S_ISDIR(found.st_mode) && !S_ISLNK(found.st_mode)) {
+            throw engine::Failure(engine::problem_of_slash(found.st_mode).reason);
+        }
         task(path);
         ++m_done;
     } catch (const engine::Failure &failure) {

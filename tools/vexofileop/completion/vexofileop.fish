@@ -34,7 +34,6 @@ end
 function __vexofileop_complete
     set -l path (__vexofileop_path)
     if test (commandline -opc)[-1] = --accept
-        printf '%s\n' all acl fat
         vexofileop explain 2>/dev/null | string match -v -r '^0x' | string replace '  ' \t
         return
     end

@@ -19,9 +19,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <fmt/format.h>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
+#include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tool {
@@ -125,6 +128,37 @@ void add_get(const Command &ea, int &status) {
                 });
 }
 
+// What the kernel could give; it gives more than it has, and ends somebody for that.
+uint64_t free_memory() {
+    std::ifstream table("/proc/meminfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream words(line);
+        std::string name;
+        uint64_t kilobytes = 0;
+        if (words >> name >> kilobytes && name == "MemAvailable:") {
+            return kilobytes << 10;
+        }
+    }
+    return UINT64_MAX;
+}
+
+// A change of a store holds its values several times.
+void check_room(const std::string &path, uint64_t most) {
+    constexpr uint64_t times = 4;
+    struct stat found {};
+    if (path == "-" || ::stat(path.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        return;
+    }
+    const auto size = static_cast<uint64_t>(found.st_size);
+    const uint64_t there = size <= kMostWithoutSize || size > most ? UINT64_MAX : free_memory();
+    if (size * times > there) {
+        throw engine::Failure(
+            fmt::format("{} has {} bytes, and setting a value takes {} times as much memory, of which "
+                        "{} bytes are free: nothing was done",
+                        engine::displayed(path), size, times, there));
+    }
+}
+
 class SetCommand {
   public:
     explicit SetCommand(const Command &command)
@@ -162,7 +196,8 @@ class SetCommand {
   private:
     std::string input(uint64_t most) const {
         try {
-            std::string value = read_input(m_from.values().front(), most);
+            check_room(m_from.values().front(), most);
+            std::string value = read_input(m_from.values().front(), most, kMostWithoutSize);
             if (stop_signal() != 0) {
                 throw engine::Failure("stopped before all of the value was there");
             }
@@ -182,7 +217,8 @@ class SetCommand {
 void add_set(const Command &ea, int &status) {
     const Command command = ea.add_command("set", "Set an attribute");
     const SetCommand set(command);
-    command.set_footer("\nExamples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
+    command.set_footer("\nOf a pipe or device no more than 64 MiB are taken.\n"
+                       "Examples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
                        "  vexofileop ea set photo.jpg com.example.icon --from icon.png");
     command.set_work([&status, set] { status = set.run(); });
 }
