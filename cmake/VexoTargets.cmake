@@ -1,8 +1,12 @@
 # What every target of the tree is compiled with, and what the libraries are compiled and linked with on top.
 
+# What a file declares in a function may well be called as something of a file that it is compiled together with.
+set(unity $<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>)
+set(shadow $<IF:${unity},$<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>,-Wshadow>)
+
 add_library(vexo_warnings INTERFACE)
 target_compile_options(vexo_warnings INTERFACE
-  -Wall -Wextra $<$<BOOL:${VEXOFILEOP_WERROR}>:-Werror> -Wshadow -Wformat=2 -Wcast-align -Wundef -Wpointer-arith -Wwrite-strings
+  -Wall -Wextra $<$<BOOL:${VEXOFILEOP_WERROR}>:-Werror> ${shadow} -Wformat=2 -Wcast-align -Wundef -Wpointer-arith -Wwrite-strings
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual>)
 
 add_library(vexo_build INTERFACE)

@@ -24,11 +24,15 @@ class TreeDepth : public BothFamilies {
         }
         return path;
     }
+    // Short enough that paths name far more levels than there are descriptors, and so long that not every call walks
+    // thousands of them.
+    static constexpr const char *kLevel = "level";
+    static constexpr size_t kLevelLength = 6; // with its slash
     static void makeLevels(const std::string &top, int levels) {
         int at = ::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         for (int level = 0; level < levels; ++level) {
-            EXPECT_EQ(0, ::mkdirat(at, "d", 0755));
-            const int below = ::openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            EXPECT_EQ(0, ::mkdirat(at, kLevel, 0755));
+            const int below = ::openat(at, kLevel, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
             ::close(at);
             at = below;
         }
@@ -38,7 +42,7 @@ class TreeDepth : public BothFamilies {
         int levels = 0;
         int at = ::open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         for (;;) {
-            const int below = ::openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            const int below = ::openat(at, kLevel, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
             ::close(at);
             if (below < 0) {
                 return levels;
@@ -103,12 +107,12 @@ TEST_P(TreeDepth, LongestPathsAreCopiedOnAnOrdinaryStack) {
     }));
 }
 
-// What paths can name of 3,000 levels arrives with 64 descriptors; the first level that they cannot is told.
-TEST_P(TreeDepth, ThreeThousandLevelsNeedFewDescriptors) {
-    makeLevels(request.src, 3000);
+// What paths can name of 1,000 levels arrives with 64 descriptors; the first level that they cannot is told.
+TEST_P(TreeDepth, ThousandLevelsNeedFewDescriptors) {
+    makeLevels(request.src, 1000);
     request.dst = to + "/copied-tree"; // longer than the source's
-    const auto nameable = static_cast<int>((4095 - request.dst.size()) / 2);
-    ASSERT_LT(nameable, 3000);
+    const auto nameable = static_cast<int>((4095 - request.dst.size()) / kLevelLength);
+    ASSERT_LT(nameable, 1000);
     EXPECT_TRUE(kit::holdsInChild([&] {
         const rlimit limit{64, 64};
         ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
@@ -116,7 +120,7 @@ TEST_P(TreeDepth, ThreeThousandLevelsNeedFewDescriptors) {
         EXPECT_EQ(nameable, levelsOf(request.dst));
         std::string path = request.src;
         for (int level = 0; level <= nameable; ++level) {
-            path += "/d";
+            path += std::string("/") + kLevel;
         }
         expectReported(path, 0xC300);
     }));

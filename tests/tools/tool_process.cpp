@@ -9,6 +9,7 @@
 #include <fstream>
 #include <poll.h>
 #include <pty.h>
+#include <spawn.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -31,17 +32,29 @@ bool eventually(const std::function<bool()> &condition) {
     return false;
 }
 
-[[noreturn]] void execute(const Arguments &arguments) {
-    std::vector<char *> pointers;
-    std::string program = VEXOFILEOP_TOOL;
-    pointers.push_back(program.data());
-    for (const std::string &argument : arguments) {
-        pointers.push_back(const_cast<char *>(argument.c_str()));
+// The tool with its arguments, as execv() takes them.
+class CommandLine {
+  public:
+    explicit CommandLine(const Arguments &arguments) {
+        m_pointers.push_back(m_program.data());
+        for (const std::string &argument : arguments) {
+            m_pointers.push_back(const_cast<char *>(argument.c_str()));
+        }
+        m_pointers.push_back(nullptr);
     }
-    pointers.push_back(nullptr);
-    ::execv(program.c_str(), pointers.data());
-    ::_exit(126);
-}
+
+    const char *program() const { return m_program.c_str(); }
+    char *const *pointers() const { return m_pointers.data(); }
+
+    [[noreturn]] void execute() const {
+        ::execv(program(), pointers());
+        ::_exit(126);
+    }
+
+  private:
+    std::string m_program = VEXOFILEOP_TOOL;
+    std::vector<char *> m_pointers;
+};
 
 ToolResult resultOf(int waitStatus, std::string out, std::string err) {
     const bool killed = WIFSIGNALED(waitStatus);
@@ -82,23 +95,72 @@ void drain(int out, int err, std::string &outText, std::string &errText) {
 }
 
 // Whoever started the tests in the background of a script has left SIGINT and SIGQUIT ignored, which the tool respects.
+constexpr std::array kResetSignals = {SIGPIPE, SIGINT, SIGQUIT, SIGTERM};
+
 void resetSignals() {
-    for (const int number : {SIGPIPE, SIGINT, SIGQUIT, SIGTERM}) {
+    for (const int number : kResetSignals) {
         std::signal(number, SIG_DFL);
     }
 }
 
-void becomeChild(const ToolSetting &setting, Pipe &input, Pipe &out, Pipe &err) {
+// In a child that becomes another user.
+[[noreturn]] void becomeTool(const CommandLine &command, const ToolSetting &setting, const Pipe &input, const Pipe &out,
+                             const Pipe &err) {
+    resetSignals();
     ::dup2(input.end[0], STDIN_FILENO);
     ::dup2(err.end[1], STDERR_FILENO);
     ::dup2(out.end[1], STDOUT_FILENO);
     if (!setting.outputTo.empty()) {
         ::dup2(::open(setting.outputTo.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666), STDOUT_FILENO);
     }
-    if (::chdir(setting.directory.c_str()) != 0 ||
-        (setting.user != 0 && (::setgid(setting.user) != 0 || ::setuid(setting.user) != 0))) {
+    if (::chdir(setting.directory.c_str()) != 0 || ::setgid(setting.user) != 0 || ::setuid(setting.user) != 0) {
         ::_exit(125);
     }
+    command.execute();
+}
+
+// What a sanitized process has of pages is much: a fork copies the tables of them, this does not.
+pid_t spawnTool(const CommandLine &command, const ToolSetting &setting, const Pipe &input, const Pipe &out,
+                const Pipe &err) {
+    posix_spawn_file_actions_t files;
+    ::posix_spawn_file_actions_init(&files);
+    ::posix_spawn_file_actions_adddup2(&files, input.end[0], STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&files, err.end[1], STDERR_FILENO);
+    if (setting.outputTo.empty()) {
+        ::posix_spawn_file_actions_adddup2(&files, out.end[1], STDOUT_FILENO);
+    } else {
+        ::posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, setting.outputTo.c_str(), O_WRONLY | O_CREAT, 0666);
+    }
+    ::posix_spawn_file_actions_addchdir_np(&files, setting.directory.c_str());
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t reset;
+    sigemptyset(&reset);
+    for (const int number : kResetSignals) {
+        sigaddset(&reset, number);
+    }
+    ::posix_spawnattr_setsigdefault(&attributes, &reset);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    pid_t pid = -1;
+    const int failure = ::posix_spawn(&pid, command.program(), &files, &attributes, command.pointers(), environ);
+    ::posix_spawn_file_actions_destroy(&files);
+    ::posix_spawnattr_destroy(&attributes);
+    if (failure != 0) {
+        throw std::runtime_error("the tool does not start");
+    }
+    return pid;
+}
+
+pid_t startTool(const CommandLine &command, const ToolSetting &setting, const Pipe &input, const Pipe &out,
+                const Pipe &err) {
+    if (setting.user == 0) {
+        return spawnTool(command, setting, input, out, err);
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        becomeTool(command, setting, input, out, err);
+    }
+    return pid;
 }
 
 } // namespace
@@ -106,21 +168,13 @@ void becomeChild(const ToolSetting &setting, Pipe &input, Pipe &out, Pipe &err) 
 ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
     std::signal(SIGPIPE, SIG_IGN); // The tool may end without having read its input.
     Pipe input, out, err;
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        resetSignals();
-        if (setting.outputGone) {
-            out.close(0);
-        }
-        becomeChild(setting, input, out, err);
-        execute(arguments);
-    }
-    input.close(0);
-    out.close(1);
-    err.close(1);
     if (setting.outputGone) {
         out.close(0);
     }
+    const pid_t pid = startTool(CommandLine(arguments), setting, input, out, err);
+    input.close(0);
+    out.close(1);
+    err.close(1);
     (void)!::write(input.end[1], setting.input.data(), setting.input.size());
     input.close(1);
     std::string outText, errText;
@@ -149,7 +203,7 @@ ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const st
     if (m_pid == 0) {
         resetSignals();
         ::setenv("TERM", term.c_str(), 1);
-        execute(arguments);
+        CommandLine(arguments).execute();
     }
 }
 
