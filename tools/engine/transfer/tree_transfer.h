@@ -34,9 +34,10 @@ class TreeTransfer {
   public:
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
-        : m_move(options.operation == Operation::move), m_links(options.links || m_move),
-          m_selection(options.selection), m_whole(options.countsAlone && options.clone != Clone::always &&
-                                                  !options.verify && !m_move && m_selection.takes_everything()),
+        : m_move(options.operation == Operation::move), m_links(options.links || m_move), m_sync(options.sync),
+          m_selection(options.selection),
+          m_whole(options.countsAlone && options.clone != Clone::always && options.sync != Sync::file &&
+                  options.bytesPerSecond == 0 && !options.verify && !m_move && m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
@@ -84,6 +85,7 @@ class TreeTransfer {
     bool make_destination(Level &level, const Place &source, const Place &destination);
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
+    void write_out_level(Level &level, const Place &destination) const;
     void compare_level(Level &level, const Place &source, const Place &destination);
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
@@ -137,6 +139,7 @@ class TreeTransfer {
     bool is_finished(const Level &level) const;
 
     bool m_move, m_links;
+    Sync m_sync;
     TreeSelection m_selection;
     bool m_whole;
     FileTransfer &m_files;
