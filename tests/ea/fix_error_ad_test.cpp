@@ -88,14 +88,14 @@ TEST_F(FixErrorAd, PathWithoutRoomForTheTemporaryFileFails) {
 }
 
 TEST_F(FixErrorAd, FailedStepsLeaveTheirCodes) {
-    struct Row {
+    struct FailedStep {
         const char *function;
         std::string path;
         int skip;
         uint32_t code;
     };
-    for (const Row &row : {Row{"open", file.resource(), 0, 0x0900}, Row{"open", file.stream(), 0, 0x0900},
-                           Row{"rename", "", 0, 0x2800}}) {
+    for (const FailedStep &row : {FailedStep{"open", file.resource(), 0, 0x0900},
+                                  FailedStep{"open", file.stream(), 0, 0x0900}, FailedStep{"rename", "", 0, 0x2800}}) {
         ::unlink(file.stream().c_str());
         kit::writeFile(file.resource(), wrong);
         VLIBCErrSetEx(0, "", 0);

@@ -17,7 +17,7 @@ namespace {
 
 using namespace engine;
 
-class Silent : public TransferObserver {
+class GroupWatcher : public TransferObserver {
   public:
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
@@ -94,7 +94,7 @@ TEST_P(GroupRights, AreNeverMoreThanTheSourceGives) {
         const faults::Outcome outcome = faults::supervise(
             {.action = at == 0 ? faults::Plan::Action::watch : faults::Plan::Action::kill, .at = at - 1},
             [&](faults::Window &window) {
-                Silent observer;
+                GroupWatcher observer;
                 window.open();
                 Transfer(options, observer).run(tree ? from : from + "/file", to + "/copy");
                 window.close();

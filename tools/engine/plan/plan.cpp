@@ -314,8 +314,8 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
-    if (moves() && m_depth > 0 && is_mount_root(from.fd(), source.in.device()) &&
-        m_selection.enters(from.device(), m_device)) {
+    if (moves() && m_depth > 0 && is_mount_root(opened.from.fd(), source.in.device()) &&
+        m_selection.enters(opened.from.device(), m_device)) {
         return fail(std::move(planned), problem_of_mount());
     }
     if (auto refusal = rehearsal.refusal_of(name, S_IFDIR)) {

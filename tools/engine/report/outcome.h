@@ -32,6 +32,7 @@ struct Outcome {
     std::string destination; // where the file is now, which may be another name than asked for
     int64_t bytes = 0;       // size of the file
     bool cloned = false;
+    bool synced = false;  // it is on the disk, as far as the kernel knows
     bool same = false;    // it stood there already
     bool linked = false;  // another name of what an earlier one has become; nothing was copied
     bool inPlace = false; // written into what stood there, which has kept its names

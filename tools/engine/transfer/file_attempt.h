@@ -1,6 +1,7 @@
 // What FileTransfer knows of one file while it carries it.
 #pragma once
 
+#include "copy/copy.h"
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/file_conflict.h"
@@ -8,6 +9,7 @@
 #include "tools/engine/transfer/store_witness.h"
 #include "tools/engine/walk/descriptor.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
 #include <string>
@@ -22,6 +24,7 @@ struct FileTransfer::Attempt : FileAttempt {
     Pace &pace;
     int sourceType = -1;
     Descriptor file = Descriptor(-1);       // the source, for paths only
+    Descriptor written = Descriptor(-1);    // the copy, from before anything was written to it
     std::string made = {};                  // the private name of the copy
     std::optional<struct stat> result = {}; // what has arrived
     HeldDirectory real = {};                // where the source lies that a link led to, under `realName`
@@ -70,6 +73,11 @@ struct FileTransfer::Attempt : FileAttempt {
         attempt.pace.done(bytes, attempt.observer);
     }
     static int64_t on_read(void *data, int64_t, int64_t) { return static_cast<Attempt *>(data)->pace.block(); }
+    // The data, with a descriptor of the copy that hears of an error which is told once, whoever asks.
+    static int on_data(void *data, const char *, const char *, int *from, int *to, int64_t size, VEXOCopyArgs *record) {
+        static_cast<Attempt *>(data)->written = Descriptor(::fcntl(*to, F_DUPFD_CLOEXEC, 0));
+        return VEXOFileOpCopyFileFd(*from, *to, size, record);
+    }
     static int on_poll(void *data) {
         auto &attempt = *static_cast<Attempt *>(data);
         attempt.stopAnswered = attempt.stopAnswered || attempt.observer.stopped();

@@ -166,6 +166,7 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
             {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});
     }
     attempt.final = final;
+    begins_in(to);
     Outcome outcome = attempted(attempt, destination, openDestination ? 0 : number);
     begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
@@ -482,6 +483,12 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
         outcome.destination = attempt.destination;
         return outcome;
     }
+    if (m_options.sync == Sync::file) {
+        if (auto problem = write_out_file(attempt.to, attempt.made, attempt.written.get())) {
+            discard(attempt.to, attempt.made);
+            return failure(attempt.destination, *problem);
+        }
+    }
     attempt.result = attempt.to.look(attempt.made);
     const bool stores = attempt.store.any() || !attempt.around.destinationNew || !attempt.around.sourceWithoutStore;
     for (int i = 0; i < kMostNames; ++i) {
@@ -717,6 +724,9 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
     if (m_pace.limits()) {
         VEXOCopyArgsSetFnGetReadSize(record.get(), &Attempt::on_read, &attempt);
     }
+    if (m_options.sync == Sync::file) {
+        VEXOCopyArgsSetFnReadWriteData(record.get(), &Attempt::on_data, &attempt);
+    }
     VLIBCErrSetEx(0, "", 0);
     errno = 0;
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
@@ -833,6 +843,24 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
     return std::nullopt;
 }
 
+// An entry that has its name. In a tree that is copied the directories follow with their own ends; before a source goes
+// they are asked for each file.
+std::optional<Problem> FileTransfer::write_out(const Attempt &attempt) const {
+    const bool move = m_options.operation == Operation::move;
+    if (m_options.sync == Sync::volume && move && !attempt.renamed) {
+        return m_volumes.write_out(attempt.to);
+    }
+    if (m_options.sync != Sync::file) {
+        return std::nullopt;
+    }
+    auto problem =
+        attempt.renamed ? std::optional<Problem>() : write_out_file(attempt.to, attempt.name, attempt.written.get());
+    if (!problem && (move || attempt.around.to == nullptr)) {
+        problem = write_out_directory(attempt.to);
+    }
+    return !problem && attempt.renamed ? write_out_directory(attempt.from) : problem;
+}
+
 // Tells of an entry that has its name.
 Outcome FileTransfer::arrived(Attempt &attempt) {
     const bool move = m_options.operation == Operation::move;
@@ -853,6 +881,14 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
                         gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type()));
     }
     const bool across = move && !attempt.renamed;
+    if (auto problem = write_out(attempt)) {
+        problem->reason = "arrived, but " + problem->reason;
+        outcome.status = Status::failed;
+        outcome.problem = std::move(problem);
+        outcome.sourceStays = across;
+        return outcome;
+    }
+    outcome.synced = m_options.sync == Sync::file;
     if (attempt.changed) {
         attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
         outcome.sourceStays = across;

@@ -15,6 +15,7 @@
 #include "tools/engine/transfer/retry_policy.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
+#include "tools/engine/transfer/write_out.h"
 
 #include <cstdint>
 #include <optional>
@@ -63,6 +64,15 @@ class FileTransfer {
     Outcome settled(Outcome outcome) const;
     // Whether what failed is to be tried once more; it waits for that.
     RetryPolicy &patience() { return m_patience; }
+    // Something is going to be made there.
+    void begins_in(const HeldDirectory &to) {
+        if (m_options.sync == Sync::volume) {
+            m_volumes.begin(to);
+        }
+    }
+    // Before a source goes that was a directory, and at the end of a run.
+    std::optional<Problem> write_out_volume(const HeldDirectory &to) const { return m_volumes.write_out(to); }
+    void write_out_volumes() { m_volumes.write_out(m_observer); }
     // Before the first file goes into a directory that was there before: what earlier runs have left in it is finished
     // or removed, once a directory.
     void tidy(const HeldDirectory &directory);
@@ -101,6 +111,7 @@ class FileTransfer {
     void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
     CompareOptions compare_options(bool data) const;
+    std::optional<Problem> write_out(const Attempt &attempt) const;
     static void find_real_place(Attempt &attempt);
     static bool shares_volume(const Attempt &attempt);
 
@@ -112,6 +123,7 @@ class FileTransfer {
     ClonePolicy m_clones;
     Pace m_pace;
     RetryPolicy m_patience;
+    VolumesToWriteOut m_volumes;
     std::set<std::pair<dev_t, ino_t>> m_tidied;
 };
 

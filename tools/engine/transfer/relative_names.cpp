@@ -94,6 +94,7 @@ bool TreeTransfer::begin_way(const std::string &base, const std::string &top) {
     }
     level.hasStore = level.from.look("@eaDir").has_value();
     m_selection.begin(base, false);
+    m_files.begins_in(level.to);
     m_files.tidy(level.to);
     m_way.push_back(std::move(step));
     return true;
@@ -256,6 +257,12 @@ void TreeTransfer::leave() {
     }
     if (!m_way.empty() && std::exchange(m_baseListed, false)) {
         finish_base();
+    }
+    if (!m_way.empty() && m_sync == Sync::file) {
+        const Level &base = m_way.front().level;
+        if (auto problem = write_out_directory(base.to)) {
+            failed(base.source, base.destination, std::move(*problem));
+        }
     }
     m_way.clear();
 }

@@ -49,6 +49,11 @@ void Transfer::run(const std::string &source, const std::string &destination) {
     m_observer.entry(kind, name, m_files.run(name, destination));
 }
 
+void Transfer::leave() {
+    m_trees.leave();
+    m_files.write_out_volumes();
+}
+
 void Transfer::run_below(const std::string &base, const std::string &top, const std::string &name,
                          const NamesBelow &how) {
     if (const std::string source = joined(base, name); how.alone || is_tree(source)) {

@@ -5,6 +5,7 @@
 #include "tools/engine/report/outcome.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ class TransferObserver : public Observer {
     virtual void stays(const std::string &, const std::vector<std::string> &) {}
     // So many more bytes are done; `newFile`: the first of a file in a tree.
     virtual void progress(int64_t bytes, bool newFile) = 0;
+    // The volume of a directory is being written out as a whole, and what came of it.
+    virtual void writing_out(const std::string &) {}
+    virtual void written_out(const std::string &, const std::optional<Problem> &) {}
     // What failed is to be tried again.
     virtual void retry(const Retry &) {}
     // For Conflict::ask: whether what stands at the destination goes.

@@ -17,6 +17,10 @@ enum class Conflict { fail, replace, skip, ask, keep_both, update };
 // Whether copies share their data with their sources. `automatic`: where that can be and the appliance allows it.
 enum class Clone { never, automatic, always };
 
+// What is on the disk before a run ends and before a source goes: `file`: each file with what is kept for it, and each
+// directory; `volume`: the volumes that were written to, as a whole.
+enum class Sync { none, file, volume };
+
 struct TransferOptions {
     Operation operation = Operation::copy;
     Conflict conflict = Conflict::fail;
@@ -32,9 +36,10 @@ struct TransferOptions {
     bool exact = false;    // a directory that is merged into loses the attributes and the store that the source has not
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
-    Selection selection = {};   // the rest is passed over without a word; a move leaves it where it is
-    LossSet accepted = {};      // what may be lost: a source goes all the same, and an entry has not failed
-    bool verify = false;        // each file is read back from its volume and compared before it gets its name
+    Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is
+    LossSet accepted = {};    // what may be lost: a source goes all the same, and an entry has not failed
+    bool verify = false;      // each file is read back from its volume and compared before it gets its name
+    Sync sync = Sync::none;
     int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number
     int retries = 0;            // of an entry that failed for what may pass
     Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine

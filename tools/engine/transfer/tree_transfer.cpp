@@ -84,6 +84,7 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
         failed(source, destination, problem_of_making(errno));
         return;
     }
+    m_files.begins_in(toParent);
     m_files.tidy(toParent);
     m_destinationType = toParent.type();
     m_destinationTraits = volume_traits(m_destinationType);
@@ -175,6 +176,12 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
     }
     finish(level, source, destination);
+    if (m_move && complete && m_sync == Sync::volume && level.outcome.status == Status::done) {
+        if (auto problem = m_files.write_out_volume(level.to)) {
+            level.outcome.status = Status::failed;
+            level.outcome.problem = std::move(problem);
+        }
+    }
     const bool finished =
         level.outcome.status == Status::done && !level.outcome.warning && !m_files.keeps_source(level.outcome);
     if (m_move && complete && finished) {
@@ -315,7 +322,7 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     }
     const auto found = level.from.look(name);
     const EntryKind kind = kind_of_entry(found);
-    if (kind != EntryKind::directory && m_mounts.contains(source)) {
+    if (kind != EntryKind::directory && m_mounts.contains(joined(level.source, name))) {
         return false;
     }
     if (kind == EntryKind::directory) {
@@ -369,6 +376,12 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     if (!left->reason.empty()) {
         outcome.warning = std::move(*left);
     }
+    if (m_sync == Sync::file) {
+        auto problem = write_out_directory(destination.in);
+        problem = problem ? problem : write_out_directory(source.in);
+        outcome.status = problem ? Status::failed : Status::done;
+        outcome.problem = std::move(problem);
+    }
     tell(EntryKind::directory, source.path(), outcome);
     return true;
 }
@@ -393,6 +406,12 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     level.to = HeldDirectory(destination.in, destination.name);
     if (!level.to.is_open() || ::fstat(level.to.fd(), &level.there) != 0) {
         return failed(level.source, level.destination, problem_of_errno(errno));
+    }
+    m_files.begins_in(level.to);
+    const auto unwritten =
+        level.made && m_sync == Sync::file ? write_out_directory(destination.in) : std::optional<Problem>();
+    if (unwritten) {
+        return failed(level.source, level.destination, *unwritten);
     }
     (level.onTheWay ? m_stepped : m_made).add(level.there, source.name);
     if (!level.made) {
@@ -442,6 +461,7 @@ void TreeTransfer::finish(Level &level, const Place &source, const Place &destin
         level.outcome.losses = before;
         compare_level(level, source, destination);
     }
+    write_out_level(level, destination);
 }
 
 // False: failed, and noted.
@@ -495,6 +515,20 @@ std::optional<Problem> TreeTransfer::carry_store(const Place &source, const Plac
     (void)remove_left_over(to.fd(), made);
     carry_kept(from, to.side_now(destination.name, m_destinationType), true);
     return std::nullopt;
+}
+
+void TreeTransfer::write_out_level(Level &level, const Place &destination) const {
+    if (m_sync != Sync::file) {
+        return;
+    }
+    auto problem = write_out_store(destination.in, destination.name);
+    if (!problem) {
+        problem = write_out_directory(level.to);
+    }
+    if (problem) {
+        level.outcome.status = Status::failed;
+        level.outcome.problem = std::move(problem);
+    }
 }
 
 // The times are those from before anything was taken out of the source.

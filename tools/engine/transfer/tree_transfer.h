@@ -35,8 +35,9 @@ class TreeTransfer {
     // `files` carries the files and links; it and the observer outlive this.
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
         : m_move(options.operation == Operation::move), m_links(options.links || m_move), m_exact(options.exact),
-          m_selection(options.selection), m_whole(options.countsAlone && options.clone != Clone::always &&
-                                                  !options.verify && !m_move && m_selection.takes_everything()),
+          m_sync(options.sync), m_selection(options.selection),
+          m_whole(options.countsAlone && options.clone != Clone::always && options.sync != Sync::file &&
+                  options.bytesPerSecond == 0 && !options.verify && !m_move && m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
 
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
@@ -88,6 +89,7 @@ class TreeTransfer {
     void finish(Level &level, const Place &source, const Place &destination);
     bool give_belongings(Level &level, const Place &source, const Place &destination);
     std::optional<Problem> carry_store(const Place &source, const Place &destination) const;
+    void write_out_level(Level &level, const Place &destination) const;
     void compare_level(Level &level, const Place &source, const Place &destination);
     void add_strangers(Level &level) const;
     bool left(const Level &level, const std::string &name, Status status, const char *why, bool lost);
@@ -141,6 +143,7 @@ class TreeTransfer {
     bool is_finished(const Level &level) const;
 
     bool m_move, m_links, m_exact;
+    Sync m_sync;
     TreeSelection m_selection;
     bool m_whole;
     FileTransfer &m_files;

@@ -35,7 +35,8 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 WayOptions::WayOptions(const Command &command)
     : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
       m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
-      m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")) {}
+      m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")),
+      m_sync(command.rare().add_word("--sync", "file", "HOW", "have it on disk at the end: by file, or by volume")) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
@@ -44,6 +45,10 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
             ? Clone::automatic
             : one_of<Clone>(m_clone, "--clone",
                             {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.sync =
+        !m_sync.given()
+            ? engine::Sync::none
+            : one_of<engine::Sync>(m_sync, "--sync", {{"file", engine::Sync::file}, {"volume", engine::Sync::volume}});
     transfer.retries =
         m_retries.given()
             ? static_cast<int>(std::min<int64_t>(parse_count("--retry", m_retries.values().front(), 0), INT_MAX))

@@ -14,7 +14,7 @@ class WayOptions {
     void apply(engine::TransferOptions &transfer) const;
 
   private:
-    Option m_clone, m_rate, m_retries;
+    Option m_clone, m_rate, m_retries, m_sync;
 };
 
 } // namespace tool

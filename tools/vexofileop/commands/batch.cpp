@@ -287,7 +287,6 @@ void Batch::verbose_line(const std::string &source, const engine::Outcome &outco
         m_console.line(arrow(source, outcome.destination) +
                        (outcome.cloned   ? " (cloned)"
                         : outcome.linked ? " (linked)"
-                        : fellBack       ? " (copied, not cloned)"
                                          : "") +
                        (outcome.inPlace ? " (in place)" : "") +
                        (outcome.oldNames > 0
@@ -311,6 +310,9 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     }
     if (kind == engine::EntryKind::file && (outcome.cloned || m_options.transfer.clone == engine::Clone::always)) {
         entry.add_flag("cloned", outcome.cloned);
+    }
+    if (outcome.synced) {
+        entry.add_flag("synced", true);
     }
     if (outcome.same) {
         entry.add_flag("same", true);
@@ -472,6 +474,40 @@ void Batch::retry(const engine::Retry &retry) {
                                    problem_text(arrow(retry.source, retry.destination), retry.problem), retry.number,
                                    retry.of, retry.pause));
     }
+}
+
+// A phase of its own: it may take long, and nothing is copied meanwhile.
+void Batch::writing_out(const std::string &directory) {
+    m_console.clear_progress();
+    if (m_options.json) {
+        tell_write_out(directory, "begun", nullptr);
+    } else if (m_options.verbose || (Console::can_show_progress() && !m_options.quiet && !m_options.noProgress)) {
+        m_console.message(fmt::format("writing out the volume of {}", engine::displayed(directory)));
+    }
+}
+
+void Batch::written_out(const std::string &directory, const std::optional<engine::Problem> &problem) {
+    if (problem) {
+        m_failed = true;
+        ++m_errors;
+        m_console.message(problem_text(fmt::format("the volume of {}", engine::displayed(directory)), *problem));
+        m_report.problem("", directory, problem->reason);
+    }
+    if (m_options.json) {
+        tell_write_out(directory, problem ? "failed" : "done", problem ? &*problem : nullptr);
+    }
+}
+
+void Batch::tell_write_out(const std::string &directory, const char *status, const engine::Problem *problem) {
+    Json event;
+    event.add_text("event", "sync");
+    event.add_text("operation", word_of(m_options.transfer.operation));
+    event.add_text("status", status);
+    event.add_name("directory", directory);
+    if (problem != nullptr) {
+        event.add_object("error", problem_object(*problem));
+    }
+    m_console.line(event.line());
 }
 
 bool Batch::may_replace(const std::string &path) {

@@ -57,6 +57,9 @@ class Batch : protected engine::TransferObserver {
     void progress(int64_t bytes, bool newFile) override;
     bool may_replace(const std::string &path) override;
     void retry(const engine::Retry &retry) override;
+    void writing_out(const std::string &directory) override;
+    void written_out(const std::string &directory, const std::optional<engine::Problem> &problem) override;
+    void tell_write_out(const std::string &directory, const char *status, const engine::Problem *problem);
     bool stopped() const override;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);

@@ -4,6 +4,7 @@
 #include "tests/kit/behaviour.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tests/tools/engine/manual_clock.h"
 #include "tools/engine/transfer/retry_policy.h"
 #include "tools/engine/transfer/transfer.h"
 
@@ -19,16 +20,10 @@ namespace {
 
 using namespace engine;
 
-constexpr int64_t kSecond = 1'000'000'000;
+using kit::kSecond;
+using kit::ManualClock;
 
-class TestClock : public Clock {
-  public:
-    int64_t now() override { return time; }
-    void sleep(int64_t nanoseconds) override { time += nanoseconds; }
-    int64_t time = kSecond;
-};
-
-class Watcher : public TransferObserver {
+class RetryWatcher : public TransferObserver {
   public:
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
@@ -54,14 +49,14 @@ TEST(PatienceWith, WhatMayPassAlone) {
 }
 
 TEST(PatienceWith, PausesThatGrow) {
-    TestClock clock;
-    Watcher watcher;
+    ManualClock clock;
+    RetryWatcher watcher;
     RetryPolicy patience(9, clock, watcher);
     int tries = 0;
     while (patience.again("from", "to", problem_of_errno(EBUSY), tries)) {
     }
     EXPECT_EQ((std::vector<int64_t>{500, 1000, 2000, 4000, 8000, 16000, 30000, 30000, 30000}), watcher.pauses);
-    EXPECT_EQ(kSecond + 121'500'000'000, clock.time);
+    EXPECT_EQ(77 * kSecond + 121'500'000'000, clock.time);
     EXPECT_FALSE(patience.again("from", "to", problem_of_errno(EIO), tries = 0));
     EXPECT_FALSE(RetryPolicy(0, clock, watcher).again("from", "to", problem_of_errno(EBUSY), tries = 0));
 }
@@ -84,8 +79,8 @@ class Retried : public kit::Behaviour {
     };
     static faults::Outcome carry(const Scene &scene, int retries, const faults::Plan &plan) {
         return faults::supervise(plan, [&](faults::Window &window) {
-            TestClock clock;
-            Watcher watcher;
+            ManualClock clock;
+            RetryWatcher watcher;
             Transfer transfer({.conflict = Conflict::replace, .retries = retries, .clock = &clock}, watcher);
             window.open();
             transfer.run(scene.scratch / "file", scene.scratch / "to/file");

@@ -1,0 +1,188 @@
+// --sync: what was made is on the disk before the run ends and before a source goes, and what cannot be is a failure.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tools/engine/transfer/transfer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace engine;
+
+class Watcher : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
+        good = good && outcome.status == Status::done && !outcome.sourceStays;
+    }
+    void arrived(const std::string &, int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+    void written_out(const std::string &, const std::optional<Problem> &problem) override {
+        ++volumes;
+        good = good && !problem;
+    }
+
+    bool good = true;
+    int volumes = 0;
+};
+
+// A tree with a store, that goes to another volume.
+struct WrittenScene {
+    WrittenScene() : volume(kit::Volume::tmpfs(16 << 20)) {
+        for (const char *name : {"tree", "tree/in", "tree/@eaDir"}) {
+            EXPECT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
+        }
+        kit::writeFile(scratch / "tree/file", "file");
+        kit::writeFile(scratch / "tree/in/other", "other");
+        kit::writeFile(scratch / "tree/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "file"}}));
+    }
+    bool isThere() const {
+        return kit::exists(volume / "to/file") && kit::readFile(volume / "to/file") == "file" &&
+               kit::exists(volume / "to/in/other") && kit::readFile(volume / "to/in/other") == "other";
+    }
+    kit::ScratchDirectory scratch;
+    kit::Volume volume;
+};
+
+constexpr int kGood = 0, kBad = 3;
+
+class WriteOut : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+        try {
+            (void)kit::Volume::tmpfs(1 << 20);
+        } catch (const kit::Unavailable &missing) {
+            GTEST_SKIP() << missing.reason;
+        }
+    }
+    static faults::Outcome carry(const WrittenScene &scene, const TransferOptions &options,
+                                 const faults::Plan &plan = {}) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            Watcher watcher;
+            Transfer transfer(options, watcher);
+            window.open();
+            transfer.run(scene.scratch / "tree", scene.volume / "to");
+            transfer.leave();
+            window.close();
+            ::_exit(watcher.good ? kGood : kBad);
+        });
+    }
+    static TransferOptions options(Operation operation, Sync sync) {
+        return {.operation = operation, .links = true, .trees = true, .countsAlone = true, .sync = sync};
+    }
+    static std::vector<size_t> placesOf(const faults::Outcome &outcome, std::initializer_list<int> numbers) {
+        std::vector<size_t> places;
+        for (size_t at = 0; at < outcome.calls.size(); ++at) {
+            if (std::ranges::find(numbers, outcome.calls[at].number) != numbers.end()) {
+                places.push_back(at);
+            }
+        }
+        return places;
+    }
+    static bool hasFailed(const faults::Outcome &outcome) {
+        return WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == kBad;
+    }
+    static bool hasDone(const faults::Outcome &outcome) {
+        return WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == kGood;
+    }
+};
+
+TEST_F(WriteOut, NothingIsWrittenOutWhereNobodyAsks) {
+    for (const Operation operation : {Operation::copy, Operation::move}) {
+        const WrittenScene scene;
+        const faults::Outcome watched = carry(scene, options(operation, Sync::none));
+        EXPECT_TRUE(hasDone(watched));
+        EXPECT_TRUE(placesOf(watched, {SYS_fsync, SYS_fdatasync, SYS_syncfs, SYS_sync}).empty());
+    }
+}
+
+TEST_F(WriteOut, EachFileIsBeforeItHasItsNameAndEachDirectoryBeforeTheEnd) {
+    const WrittenScene scene;
+    const faults::Outcome watched = carry(scene, options(Operation::copy, Sync::file));
+    EXPECT_TRUE(hasDone(watched));
+    EXPECT_TRUE(scene.isThere());
+    const auto written = placesOf(watched, {SYS_fsync}), named = placesOf(watched, {SYS_renameat, SYS_renameat2});
+    ASSERT_FALSE(named.empty());
+    ASSERT_FALSE(written.empty());
+    EXPECT_LT(written.front(), named.front());
+    EXPECT_GT(written.back(), named.back());
+    EXPECT_LE(7u, written.size()); // two files, a stream and its directory, three directories
+}
+
+TEST_F(WriteOut, SourceGoesOnlyAfterThat) {
+    for (const Sync sync : {Sync::file, Sync::volume}) {
+        const WrittenScene scene;
+        const faults::Outcome watched = carry(scene, options(Operation::move, sync));
+        EXPECT_TRUE(hasDone(watched));
+        EXPECT_TRUE(scene.isThere());
+        EXPECT_FALSE(kit::exists(scene.scratch / "tree"));
+        const auto written = placesOf(watched, {sync == Sync::file ? SYS_fsync : SYS_syncfs});
+        for (const size_t gone : placesOf(watched, {SYS_unlinkat, SYS_unlink, SYS_rmdir})) {
+            if (watched.calls[gone].path.find(".vexofileop-") != std::string::npos) {
+                continue; // what was under way
+            }
+            const auto before = std::ranges::lower_bound(written, gone);
+            ASSERT_NE(written.begin(), before) << faults::nameOf(watched.calls[gone]);
+            const auto named = placesOf(watched, {SYS_renameat, SYS_renameat2});
+            const auto lastNamed = std::ranges::lower_bound(named, gone);
+            EXPECT_TRUE(lastNamed == named.begin() || *(before - 1) > *(lastNamed - 1)) << gone;
+        }
+    }
+}
+
+TEST_F(WriteOut, VolumeIsWrittenOutAtTheEndOfACopy) {
+    const WrittenScene scene;
+    const faults::Outcome watched = carry(scene, options(Operation::copy, Sync::volume));
+    EXPECT_TRUE(hasDone(watched));
+    const auto written = placesOf(watched, {SYS_syncfs}), opened = placesOf(watched, {SYS_mkdirat});
+    ASSERT_EQ(1u, written.size());
+    ASSERT_FALSE(opened.empty());
+    EXPECT_GT(written.front(), opened.back());
+}
+
+// The kernel tells an error once.
+TEST_F(WriteOut, EachErrorFailsTheRunAndKeepsWhatItIsAbout) {
+    KIT_NOT_SANITIZED();
+    for (const Operation operation : {Operation::copy, Operation::move}) {
+        for (const Sync sync : {Sync::file, Sync::volume}) {
+            const int number = sync == Sync::file ? SYS_fsync : SYS_syncfs;
+            const WrittenScene first;
+            const auto places = placesOf(carry(first, options(operation, sync)), {number});
+            ASSERT_FALSE(places.empty());
+            for (const size_t at : places) {
+                const WrittenScene scene;
+                const faults::Outcome failed =
+                    carry(scene, options(operation, sync),
+                          {.action = faults::Plan::Action::fail, .at = at, .error = EIO, .number = number});
+                ASSERT_TRUE(failed.reached);
+                EXPECT_TRUE(hasFailed(failed)) << at;
+                const bool atSource = kit::exists(scene.scratch / "tree/file");
+                EXPECT_TRUE(atSource || (kit::exists(scene.volume / "to/file") &&
+                                         kit::readFile(scene.volume / "to/file") == "file"));
+                EXPECT_TRUE(operation == Operation::move || atSource);
+                // At the end all of it has been written out before.
+                EXPECT_TRUE(kit::exists(scene.scratch / "tree") || (sync == Sync::volume && at == places.back())) << at;
+            }
+        }
+    }
+}
+
+} // namespace
