@@ -38,6 +38,7 @@ struct PlannedEntry {
     bool cloned = false;
     bool same = false;        // of skip: it stands there already
     bool linked = false;      // becomes another name of what an earlier one has become
+    std::string backup = {};  // where what it replaces is kept; empty: nowhere
     bool sourceStays = false; // of a move: at both places
     std::vector<Loss> losses = {};
     std::optional<Problem> problem = {}; // of fail, and of skip where that needs words

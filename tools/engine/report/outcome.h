@@ -33,6 +33,7 @@ struct Outcome {
     bool synced = false;            // it is on the disk, as far as the kernel knows
     bool same = false;              // it stood there already
     bool linked = false;            // another name of what an earlier one has become; nothing was copied
+    std::string backup = {};        // where what it replaced is kept; empty: nowhere
     bool sourceStays = false;       // of a move that is done: it is at both places
     std::vector<Loss> losses;       // what the destination has not got, or not as it was
     std::optional<Problem> warning; // done, but not as it should be

@@ -72,7 +72,7 @@ class Batch : private engine::TransferObserver {
     Counts m_entries, m_directories;
     Receipt m_receipt;
     Report m_report;
-    int m_cloned = 0;
+    int m_cloned = 0, m_backups = 0;
     int m_same = 0; // already
     int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them

@@ -140,6 +140,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     } else if (planned.deed == engine::Deed::skip) {
         text += planned.same ? ": the same already" : ": destination exists";
     }
+    text += planned.backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(planned.backup));
     m_console.line(text + (planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : ""));
 }
 
@@ -160,6 +161,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     }
     if (planned.linked) {
         event.add_flag("linked", true);
+    }
+    if (!planned.backup.empty()) {
+        event.add_name("backup", planned.backup);
     }
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);
