@@ -431,10 +431,14 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     const auto old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     if (old && S_ISREG(old->st_mode) && !attempt.asItIs && !may_write(attempt.to.fd(), ".", W_OK | X_OK) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        const bool apart = m_options.verify || m_clones.insists() || m_backups.wanted();
-        return apart ? failure(attempt.destination, {"nothing can be made in its directory, where a copy would stand "
-                                                     "until it is known to be as asked for; not replaced"})
-                     : write_in_place(attempt);
+        const char *const apart = m_options.verify     ? "a copy would stand until it is verified"
+                                  : m_clones.insists() ? "a clone would stand until it is one"
+                                  : m_backups.wanted() ? "its backup would stand"
+                                                       : nullptr;
+        return apart != nullptr
+                   ? failure(attempt.destination,
+                             {fmt::format("nothing can be made in its directory, where {}; not replaced", apart)})
+                   : write_in_place(attempt);
     }
     std::optional<Problem> problem;
     std::vector<Loss> refused;
