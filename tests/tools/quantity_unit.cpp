@@ -68,14 +68,14 @@ TEST(Quantity, MomentsAreDatesAgesAndFiles) {
 }
 
 TEST(Rates, AreInKibibytesWithoutAUnit) {
-    EXPECT_EQ(500 * 1024, parse_rate("--bwlimit", "500"));
-    EXPECT_EQ(1536, parse_rate("--bwlimit", "1.5"));
-    EXPECT_EQ(3 << 19, parse_rate("--bwlimit", "1.5m"));
-    EXPECT_EQ(1'000'000, parse_rate("--bwlimit", "1MB"));
-    EXPECT_EQ(700, parse_rate("--bwlimit", "700B"));
-    EXPECT_EQ(0, parse_rate("--bwlimit", "0"));
+    EXPECT_EQ(500 * 1024, tool::parse_rate("--bwlimit", "500"));
+    EXPECT_EQ(1536, tool::parse_rate("--bwlimit", "1.5"));
+    EXPECT_EQ(3 << 19, tool::parse_rate("--bwlimit", "1.5m"));
+    EXPECT_EQ(1'000'000, tool::parse_rate("--bwlimit", "1MB"));
+    EXPECT_EQ(700, tool::parse_rate("--bwlimit", "700B"));
+    EXPECT_EQ(0, tool::parse_rate("--bwlimit", "0"));
     for (const char *wrong : {"", "fast", "-1", "1.5X", "99999P", "0.0001"}) {
-        EXPECT_THROW((void)parse_rate("--bwlimit", wrong), UsageError) << wrong;
+        EXPECT_THROW((void)tool::parse_rate("--bwlimit", wrong), tool::UsageError) << wrong;
     }
 }
 

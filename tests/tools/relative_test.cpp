@@ -215,6 +215,20 @@ TEST_F(Relative, DeepWayCostsFewDescriptors) {
     EXPECT_EQ(0, run({"compare", "base/d", "into/d"}).status);
 }
 
+TEST_F(Relative, ComparisonGoesByTheSameList) {
+    const std::string list = "a/b/one\ne/link\n";
+    ASSERT_EQ(0, run({"copy", "--relative", "--files-from", "-", "base", "into"}, list).status);
+    EXPECT_EQ(1, run({"compare", "base", "into"}).status);
+    const ToolResult same = run({"compare", "--files-from", "-", "base", "into"}, list);
+    EXPECT_EQ(0, same.status) << same.out;
+    EXPECT_EQ("", same.out);
+    const ToolResult missing = run({"compare", "--files-from", "-", "base", "into"}, list + "top\n");
+    EXPECT_EQ(1, missing.status);
+    EXPECT_TRUE(mentions(missing.out, "/base/top -> ")) << missing.out;
+    EXPECT_EQ(2, run({"compare", "--files-from", "-", "base", "into"}, "none\na/b/one\n").status);
+    EXPECT_EQ(2, run({"compare", "--files-from", "-", "base", "into"}, "../base/top\n").status);
+}
+
 // What rsync makes of the same list.
 TEST_F(Relative, ListMakesWhatRsyncMakes) {
     if (std::system("command -v rsync >/dev/null") != 0) {

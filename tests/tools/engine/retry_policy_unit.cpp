@@ -37,7 +37,7 @@ class RetryWatcher : public TransferObserver {
     std::vector<int64_t> pauses;
 };
 
-TEST(PatienceWith, WhatMayPassAlone) {
+TEST(RetryPolicyOf, WhatMayPassAlone) {
     for (const int number : {EBUSY, EAGAIN, ETXTBSY, ESTALE, EHOSTDOWN, EHOSTUNREACH, ETIMEDOUT}) {
         EXPECT_TRUE(may_pass(problem_of_errno(number))) << number;
     }
@@ -48,7 +48,7 @@ TEST(PatienceWith, WhatMayPassAlone) {
     EXPECT_FALSE(may_pass(Problem{"some reason"}));
 }
 
-TEST(PatienceWith, PausesThatGrow) {
+TEST(RetryPolicyOf, PausesThatGrow) {
     ManualClock clock;
     RetryWatcher watcher;
     RetryPolicy patience(9, clock, watcher);

@@ -7,6 +7,7 @@
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store_names.h"
+#include "tools/engine/transfer/backup.h"
 #include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/placement.h"
@@ -59,7 +60,8 @@ class Planner::Walk {
 
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
-          m_selection(options.transfer.selection), m_clones(options.transfer), m_asked(options.probe) {}
+          m_selection(options.transfer.selection), m_clones(options.transfer), m_backups(options.transfer.backup),
+          m_asked(options.probe) {}
 
     void run(const std::string &source, const std::string &destination);
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
@@ -106,6 +108,8 @@ class Planner::Walk {
                  Destination &to, std::string &name, PlannedEntry &planned, bool &done);
     bool is_same(const Source &source, const struct stat &entry, const struct stat &content, Destination &to,
                  const std::string &name, PlannedEntry &planned);
+    std::optional<Problem> backup_refusal(const struct stat &entry, Destination &to, const std::string &name,
+                                          PlannedEntry &planned);
     std::optional<Problem> choose_free_name(const Destination &to, std::string &name) const;
     void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
                    PlannedEntry &planned);
@@ -117,6 +121,7 @@ class Planner::Walk {
     PlanObserver &m_observer;
     TreeSelection m_selection;
     ClonePolicy m_clones;
+    Backups m_backups;
     dev_t m_device = 0; // of the tree under way
     AskedVolumes m_asked;
     std::map<std::string, Destination> m_destinations; // that requests name
@@ -177,6 +182,7 @@ bool Planner::Walk::may_make_in(const Destination &to, PlannedEntry &planned, in
 
 void Planner::Walk::run(const std::string &given, const std::string &destination) {
     const bool contents = given.ends_with("/.");
+    m_backups.begin(contents ? destination : parent_of(destination));
     const std::string source = given == "/." ? "/" : given.substr(0, given.size() - (contents ? 2 : 0));
     const auto top = look(source.ends_with('/') && source != "/" ? source.substr(0, source.size() - 1) : source);
     const auto found = look(given);
@@ -504,9 +510,27 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     if (written) {
         return fail(planned, just_written("replaced"));
     }
+    if (there && m_backups.wanted()) {
+        if (auto refusal = backup_refusal(entry, to, name, planned)) {
+            return fail(planned, *refusal);
+        }
+    }
     done = false;
     planned.deed = Deed::replace;
     return true;
+}
+
+// What stands there is kept, under the name that the plan tells.
+std::optional<Problem> Planner::Walk::backup_refusal(const struct stat &entry, Destination &to, const std::string &name,
+                                                     PlannedEntry &planned) {
+    const std::string destination = joined(to.path, name);
+    planned.backup = m_backups.place_of(destination);
+    const bool beside = m_backups.directory_for(to.path).empty();
+    if (beside && to.planned.contains(to.volume->rehearsal->key_of(base_name(planned.backup)))) {
+        return Problem{fmt::format("what stands there cannot be kept as a backup: {} was just written by this command",
+                                   displayed(planned.backup))};
+    }
+    return m_backups.refusal(to.there, destination, entry, nullptr);
 }
 
 // Whether what stands there is passed over. Before a move content is read, for which a plan is no time.
@@ -681,7 +705,7 @@ void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const s
         return;
     }
     room.now = most;
-    if (old != nullptr && !S_ISDIR(old->st_mode) && old->st_nlink < 2) {
+    if (old != nullptr && !S_ISDIR(old->st_mode) && old->st_nlink < 2 && planned.backup.empty()) {
         room.now.bytes -= old->st_blocks * block;
         room.now.inodes -= 1;
     }
@@ -722,6 +746,7 @@ bool Planner::Walk::begin_way(const std::string &base, const std::string &top) {
     }
     opened->inner.volume = &m_asked.of(opened->inner.there);
     m_selection.begin(base, false);
+    m_backups.begin(top);
     m_way.push_back(std::move(opened));
     return true;
 }

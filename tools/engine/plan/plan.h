@@ -40,6 +40,7 @@ struct PlannedEntry {
     bool linked = false;      // becomes another name of what an earlier one has become
     bool inPlace = false;     // of replace: what stands there is written into
     int64_t oldNames = 0;     // of replace: other names of what stands there, which keep its content
+    std::string backup = {};  // where what it replaces is kept; empty: nowhere
     bool sourceStays = false; // of a move: at both places
     std::vector<Loss> losses = {};
     std::optional<Problem> problem = {}; // of fail, and of skip where that needs words

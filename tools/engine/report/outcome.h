@@ -41,6 +41,7 @@ struct Outcome {
     std::pair<dev_t, ino_t> old = {};
     int64_t oldNames = 0;
     std::vector<std::string> oldNamesKnown;
+    std::string backup = {};        // where what it replaced is kept; empty: nowhere
     bool sourceStays = false;       // of a move that is done: it is at both places
     std::vector<Loss> losses;       // what the destination has not got, or not as it was
     std::optional<Problem> warning; // done, but not as it should be

@@ -43,6 +43,7 @@ struct FileTransfer::Attempt : FileAttempt {
     bool cloneAsked = false;               // no data need to be
     bool cloneOrNothing = false;
     bool final = true;        // no other try comes after it
+    bool backedUp = false;    // what stood there has another name now
     bool storeLocked = false; // somebody held what is kept for the source, or for the copy
     bool begun = false;       // something was replaced, renamed or removed: it is not tried again
     Problem told = {};        // what is to be said of it

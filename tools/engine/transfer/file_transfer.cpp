@@ -362,6 +362,10 @@ void FileTransfer::tidy(const HeldDirectory &directory) {
         if (const auto unknown = clear_left_overs(directory); !unknown.empty()) {
             m_observer.stays(directory.path(), unknown);
         }
+        const std::string backups = m_backups.directory_for(directory.path());
+        if (const HeldDirectory held = backups.empty() ? HeldDirectory() : HeldDirectory(backups); held.is_open()) {
+            tidy(held); // what was kept there may not have all of its store yet
+        }
     }
 }
 
@@ -370,9 +374,12 @@ Outcome FileTransfer::rename(Attempt &attempt) {
     const bool regular = S_ISREG(attempt.entry->st_mode);
     attempt.old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     for (int i = 0; i < kMostNames; ++i) {
+        if (auto problem = back_up(attempt)) {
+            return failure(attempt.destination, *problem);
+        }
         // A link only with a store: the renaming marks the file that it leads to as changed.
-        auto left = rename_with_store({attempt.from, attempt.sourceName, attempt.to, attempt.name, attempt.replace,
-                                       regular || attempt.store.any()});
+        auto left = rename_with_store({attempt.from, attempt.sourceName, attempt.to, attempt.name,
+                                       attempt.replace && !attempt.backedUp, regular || attempt.store.any()});
         if (left) {
             attempt.begun = true;
             attempt.result = attempt.entry;
@@ -393,7 +400,37 @@ Outcome FileTransfer::rename(Attempt &attempt) {
             return *outcome;
         }
     }
-    return failure(attempt.destination, problem_of_placing(errno));
+    return not_placed(attempt, errno);
+}
+
+// What stood there, before another one takes its name.
+std::optional<Problem> FileTransfer::back_up(Attempt &attempt) {
+    if (!m_backups.wanted() || !attempt.replace || attempt.backedUp) {
+        return std::nullopt;
+    }
+    if (!attempt.to.look(attempt.name)) {
+        return errno == ENOENT ? std::nullopt : std::optional(problem_of_errno(errno));
+    }
+    for (const auto &source : {attempt.entry, attempt.content}) {
+        if (auto problem = m_backups.refusal(attempt.to, attempt.destination, source, &m_written)) {
+            return problem;
+        }
+    }
+    auto problem = m_backups.keep(attempt.to, attempt.destination, attempt.name);
+    attempt.backedUp = attempt.begun = !problem;
+    return problem;
+}
+
+// An entry that has not got its name: what stood there gets it back.
+Outcome FileTransfer::not_placed(Attempt &attempt, int number) {
+    Problem problem = problem_of_placing(number);
+    if (attempt.backedUp) {
+        attempt.begun = !m_backups.put_back(attempt.to, attempt.destination, attempt.name);
+        problem.reason += !attempt.begun ? ""
+                                         : fmt::format("; what stood there is {} now",
+                                                       displayed(m_backups.place_of(attempt.destination)));
+    }
+    return failure(attempt.destination, std::move(problem));
 }
 
 Outcome FileTransfer::copy(Attempt &attempt) {
@@ -411,9 +448,13 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     const bool forced = old && !m_options.inPlace && !may_write(attempt.to.fd(), ".", W_OK | X_OK);
     if (old && S_ISREG(old->st_mode) && !attempt.asItIs && (forced || m_options.inPlace) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        if (forced && (m_options.verify || m_clones.insists())) {
-            return failure(attempt.destination, {"nothing can be made in its directory, where a copy would stand until "
-                                                 "it is known to be as asked for; not replaced"});
+        const char *const apart = m_options.verify     ? "a copy would stand until it is verified"
+                                  : m_clones.insists() ? "a clone would stand until it is one"
+                                  : m_backups.wanted() ? "its backup would stand"
+                                                       : nullptr;
+        if (forced && apart != nullptr) {
+            return failure(attempt.destination,
+                           {fmt::format("nothing can be made in its directory, where {}; not replaced", apart)});
         }
         if (forced) {
             attempt.note({"written in place, since nothing can be made in its directory"});
@@ -492,7 +533,11 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
     attempt.result = attempt.to.look(attempt.made);
     const bool stores = attempt.store.any() || !attempt.around.destinationNew || !attempt.around.sourceWithoutStore;
     for (int i = 0; i < kMostNames; ++i) {
-        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace, stores});
+        if (auto problem = back_up(attempt)) {
+            discard(attempt.to, attempt.made);
+            return failure(attempt.destination, *problem);
+        }
+        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace && !attempt.backedUp, stores});
         if (left) {
             attempt.begun = true;
             attempt.note(std::move(*left));
@@ -506,9 +551,9 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
             return *outcome;
         }
     }
-    const Problem problem = problem_of_placing(errno);
+    const int number = errno;
     discard(attempt.to, attempt.made);
-    return failure(attempt.destination, problem);
+    return not_placed(attempt, number);
 }
 
 // The old way: what fails from here on has cost the old content, and that is said.
@@ -855,6 +900,10 @@ std::optional<Problem> FileTransfer::write_out(const Attempt &attempt) const {
     }
     auto problem =
         attempt.renamed ? std::optional<Problem>() : write_out_file(attempt.to, attempt.name, attempt.written.get());
+    if (const std::string backups = attempt.backedUp ? m_backups.directory_for(parent_of(attempt.destination)) : "";
+        !problem && !backups.empty()) {
+        problem = write_out_directory(HeldDirectory(backups));
+    }
     if (!problem && (move || attempt.around.to == nullptr)) {
         problem = write_out_directory(attempt.to);
     }
@@ -871,6 +920,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     }
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
     outcome.linked = attempt.linked;
+    outcome.backup = attempt.backedUp ? m_backups.place_of(attempt.destination) : "";
     outcome.cloned = attempt.cloneAsked && !attempt.progressSeen && !attempt.linked && outcome.bytes > 0;
     outcome.inPlace = attempt.inPlace;
     tell_old_names(attempt, outcome);

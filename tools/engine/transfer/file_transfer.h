@@ -7,6 +7,7 @@
 #pragma once
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/transfer/backup.h"
 #include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
@@ -39,7 +40,7 @@ class FileTransfer {
   public:
     // The observer outlives this. It is told the progress, and asked.
     FileTransfer(const TransferOptions &options, TransferObserver &observer)
-        : m_options(options), m_observer(observer), m_clones(options),
+        : m_options(options), m_observer(observer), m_clones(options), m_backups(options.backup),
           m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()),
           m_patience(options.retries, options.clock != nullptr ? *options.clock : machine_clock(), observer) {}
 
@@ -64,6 +65,8 @@ class FileTransfer {
     Outcome settled(Outcome outcome) const;
     // Whether what failed is to be tried once more; it waits for that.
     RetryPolicy &patience() { return m_patience; }
+    // Where the paths of destinations go down from, for backups.
+    void goes_below(const std::string &top) { m_backups.begin(top); }
     // Something is going to be made there.
     void begins_in(const HeldDirectory &to) {
         if (m_options.sync == Sync::volume) {
@@ -111,6 +114,8 @@ class FileTransfer {
     void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
     CompareOptions compare_options(bool data) const;
+    std::optional<Problem> back_up(Attempt &attempt);
+    Outcome not_placed(Attempt &attempt, int number);
     std::optional<Problem> write_out(const Attempt &attempt) const;
     static void find_real_place(Attempt &attempt);
     static bool shares_volume(const Attempt &attempt);
@@ -121,6 +126,7 @@ class FileTransfer {
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
     ClonePolicy m_clones;
+    Backups m_backups;
     Pace m_pace;
     RetryPolicy m_patience;
     VolumesToWriteOut m_volumes;

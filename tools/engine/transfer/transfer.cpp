@@ -27,6 +27,7 @@ bool Transfer::is_tree(const std::string &source) const {
 }
 
 void Transfer::run(const std::string &source, const std::string &destination) {
+    m_files.goes_below(source.ends_with("/.") ? destination : parent_of(destination));
     TreeSelection selection(m_options.selection);
     selection.begin(source, true);
     // What cannot be looked at is for the transfer to tell; what a directory holds is not that directory.
@@ -56,6 +57,7 @@ void Transfer::leave() {
 
 void Transfer::run_below(const std::string &base, const std::string &top, const std::string &name,
                          const NamesBelow &how) {
+    m_files.goes_below(top);
     if (const std::string source = joined(base, name); how.alone || is_tree(source)) {
         m_observer.tree(source);
     }

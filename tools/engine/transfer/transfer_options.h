@@ -6,6 +6,7 @@
 #include "tools/engine/transfer/clock.h"
 
 #include <cstdint>
+#include <string>
 
 namespace engine {
 
@@ -20,6 +21,14 @@ enum class Clone { never, automatic, always };
 // What is on the disk before a run ends and before a source goes: `file`: each file with what is kept for it, and each
 // directory; `volume`: the volumes that were written to, as a whole.
 enum class Sync { none, file, volume };
+
+// What is replaced is kept, with its store: beside what replaces it, under its name with the suffix; or below a
+// directory, which a relative path means in that of the destination, where it lies as it lay below that.
+struct BackupOptions {
+    bool wanted = false;
+    std::string suffix = {};
+    std::string directory = {};
+};
 
 struct TransferOptions {
     Operation operation = Operation::copy;
@@ -40,6 +49,7 @@ struct TransferOptions {
     LossSet accepted = {};    // what may be lost: a source goes all the same, and an entry has not failed
     bool verify = false;      // each file is read back from its volume and compared before it gets its name
     Sync sync = Sync::none;
+    BackupOptions backup = {};
     int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number
     int retries = 0;            // of an entry that failed for what may pass
     Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine

@@ -1,6 +1,7 @@
 #include "tools/vexofileop/arguments/way_options.h"
 
 #include "tools/engine/report/names.h"
+#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 
@@ -15,6 +16,16 @@
 
 namespace tool {
 namespace {
+
+constexpr char kSuffix[] = "~";
+
+// Relative ones stay that.
+std::string backup_directory(const std::string &given) {
+    if (given.empty()) {
+        throw UsageError("--backup-dir: an empty path was given");
+    }
+    return given.front() == '/' ? engine::absolute_path(given) : given;
+}
 
 // The value of an option that has one of some words.
 template <typename Value>
@@ -36,7 +47,11 @@ WayOptions::WayOptions(const Command &command)
     : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
       m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
       m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")),
-      m_sync(command.rare().add_word("--sync", "file", "HOW", "have it on disk at the end: by file, or by volume")) {}
+      m_sync(command.rare().add_word("--sync", "file", "HOW", "have it on disk at the end: by file, or by volume")),
+      m_backup(
+          command.rare().add_word("--backup", kSuffix, "SUFFIX", "keep what is replaced, as NAME~ or NAME and SUFFIX")),
+      m_backupDirectory(
+          command.rare().add_value("--backup-dir", "DIR", "keep it below DIR, which is in DEST where relative")) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
@@ -45,6 +60,16 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
             ? Clone::automatic
             : one_of<Clone>(m_clone, "--clone",
                             {{"auto", Clone::automatic}, {"always", Clone::always}, {"never", Clone::never}});
+    transfer.backup.wanted = m_backup.given() || m_backupDirectory.given();
+    transfer.backup.suffix = m_backup.given() ? m_backup.values().back() : "";
+    if (transfer.backup.suffix.find('/') != std::string::npos) {
+        throw UsageError("--backup: the suffix of a name has no slash");
+    }
+    if (m_backupDirectory.given()) {
+        transfer.backup.directory = backup_directory(m_backupDirectory.values().front());
+        // Below a directory of their own names stay what they are.
+        transfer.backup.suffix = transfer.backup.suffix == kSuffix ? "" : transfer.backup.suffix;
+    }
     transfer.sync =
         !m_sync.given()
             ? engine::Sync::none

@@ -14,7 +14,7 @@ class WayOptions {
     void apply(engine::TransferOptions &transfer) const;
 
   private:
-    Option m_clone, m_rate, m_retries, m_sync;
+    Option m_clone, m_rate, m_retries, m_sync, m_backup, m_backupDirectory;
 };
 
 } // namespace tool

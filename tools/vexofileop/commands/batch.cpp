@@ -130,6 +130,7 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     Counts &counts = kind == engine::EntryKind::directory ? m_directories : m_entries;
     ++counts[outcome.status];
     m_cloned += outcome.cloned ? 1 : 0;
+    m_backups += outcome.backup.empty() ? 0 : 1;
     m_same += outcome.same ? 1 : 0;
     m_inPlace += outcome.inPlace ? 1 : 0;
     if (outcome.oldNames > 0) {
@@ -284,7 +285,9 @@ void Batch::tell_old_names() {
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
     if (outcome.status == engine::Status::done) {
-        m_console.line(arrow(source, outcome.destination) +
+        const std::string backup =
+            outcome.backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(outcome.backup));
+        m_console.line(arrow(source, outcome.destination) + backup +
                        (outcome.cloned   ? " (cloned)"
                         : outcome.linked ? " (linked)"
                                          : "") +
@@ -310,6 +313,9 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     }
     if (kind == engine::EntryKind::file && (outcome.cloned || m_options.transfer.clone == engine::Clone::always)) {
         entry.add_flag("cloned", outcome.cloned);
+    }
+    if (!outcome.backup.empty()) {
+        entry.add_name("backup", outcome.backup);
     }
     if (outcome.synced) {
         entry.add_flag("synced", true);
@@ -400,12 +406,13 @@ std::string Batch::counts_line() const {
         return fmt::format("{} {}", number, number == 1 ? one : several);
     };
     const std::string same = updates() ? fmt::format(" ({} the same)", m_same) : "";
-    return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}",
+    const std::string backups = m_options.transfer.backup.wanted ? fmt::format(", {} backed up", m_backups) : "";
+    return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}{}",
                        counted(m_entries[engine::Status::done], "file", "files"),
                        counted(m_directories[engine::Status::done], "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
-                       copies() ? fmt::format(", {} cloned", m_cloned) : "") +
+                       copies() ? fmt::format(", {} cloned", m_cloned) : "", backups) +
            more_counts();
 }
 
@@ -422,6 +429,9 @@ std::string Batch::summary_line(size_t planned, int status) const {
     }
     summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
     summary.add_number("cloned", m_cloned);
+    if (m_options.transfer.backup.wanted) {
+        summary.add_number("backups", m_backups);
+    }
     summary.add_number("bytes", m_copied);
     add_more(summary);
     m_receipt.add_to(summary);

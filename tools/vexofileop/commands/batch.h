@@ -85,7 +85,7 @@ class Batch : protected engine::TransferObserver {
     Counts m_entries, m_directories;
     Receipt m_receipt;
     Report m_report;
-    int m_cloned = 0;
+    int m_cloned = 0, m_backups = 0;
     int m_same = 0;    // already
     int m_inPlace = 0; // written so
     // Old files of which other names are left, by what was told of them last: this run may replace those, too.

@@ -3,9 +3,11 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -19,8 +21,10 @@
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 
+#include <cerrno>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +49,7 @@ struct Wanted {
 
 struct Options {
     engine::TreeComparisonOptions comparison;
+    std::optional<std::vector<std::string>> names = {}; // below the two directories; nothing: these themselves
     Wanted only, ignored{.all = false};
     std::string report = {}; // the file that it is written to; empty: none
     bool quiet = false, json = false, noProgress = false;
@@ -83,18 +88,41 @@ class Comparison : private engine::ComparisonObserver {
             const auto totals = engine::totals_of(m_first, [] { return stop_signal() != 0; });
             m_console.start_progress(m_options.comparison.data ? totals.bytes : 0, totals.files);
         }
-        try {
-            engine::compare_trees(m_first, m_second, m_options.comparison, *this);
-        } catch (const engine::Failure &failure) {
-            m_console.clear_progress();
-            m_console.message(failure.what());
-            m_trouble = true;
+        if (!m_options.names) {
+            compare(m_first, m_second);
+        } else {
+            for (const std::string &name : *m_options.names) {
+                if (stopped()) {
+                    break;
+                }
+                compare_listed(engine::joined(m_first, name), engine::joined(m_second, name));
+            }
         }
         m_console.clear_progress();
         return finish();
     }
 
   private:
+    void compare_listed(const std::string &first, const std::string &second) {
+        const auto there = engine::look(second);
+        const int number = errno;
+        if (!there && (number == ENOENT || number == ENOTDIR) && engine::look(first)) {
+            loss(first, second, {engine::LossClass::data, "only at the first"});
+            compared(first, engine::EntryKind::other, 0);
+        } else {
+            compare(first, second);
+        }
+    }
+    // What cannot be looked at is told, and the rest is compared all the same.
+    void compare(const std::string &first, const std::string &second) {
+        try {
+            engine::compare_trees(first, second, m_options.comparison, *this);
+        } catch (const engine::Failure &failure) {
+            m_console.clear_progress();
+            m_console.message(failure.what());
+            m_trouble = true;
+        }
+    }
     bool stopped() const override { return stop_signal() != 0; }
 
     void loss(const std::string &first, const std::string &second, const engine::Loss &loss) override {
@@ -234,7 +262,7 @@ void add_compare_command(const Command &program, int &status) {
     const Option report = add_report_option(command);
     command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
     const SelectionOptions selection(command);
-    const Option operands = command.add_operands("A", "A B");
+    const PathOperands operands(command, "A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"
                        "content, names as the second volume takes them, owners, permissions, ACLs,\n"
                        "times as exactly as the coarser volume keeps them, attributes, streams, Finder\n"
@@ -245,7 +273,7 @@ void add_compare_command(const Command &program, int &status) {
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
     command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, selection, operands] {
         options->report = report_path_of(report);
-        const std::vector<std::string> paths = operands.values();
+        const std::vector<std::string> paths = operands.given();
         if (paths.size() != 2) {
             throw UsageError("give the two files or directories that are to be compared");
         }
@@ -253,6 +281,9 @@ void add_compare_command(const Command &program, int &status) {
                                .times = !*noTimes,
                                .selection = selection.chosen(),
                                .named = !names_contents(paths[0])};
+        if (operands.has_list()) {
+            options->names = plan_listed_errand(operands.listed(), paths[0], paths[1], true).below->names;
+        }
         if (only.given()) {
             options->only = wanted_of(only, "--only");
         }

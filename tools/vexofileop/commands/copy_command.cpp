@@ -196,6 +196,9 @@ class TransferArguments {
             transfer.conflict != engine::Conflict::update && transfer.conflict != engine::Conflict::ask) {
             throw UsageError("--in-place says how -f, -i and -u replace, and needs one of them");
         }
+        if (transfer.inPlace && transfer.backup.wanted) {
+            throw UsageError("--backup keeps what is replaced, and --in-place writes into it");
+        }
         if (transfer.inPlace && transfer.clone == engine::Clone::always) {
             throw UsageError("--clone=always shares the source's data, and --in-place writes into old ones");
         }

@@ -144,6 +144,7 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     } else if (planned.deed == engine::Deed::skip) {
         text += planned.same ? ": the same already" : ": destination exists";
     }
+    text += planned.backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(planned.backup));
     text += planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : "";
     text += planned.inPlace ? " (in place)" : "";
     m_console.line(text + (planned.oldNames > 0
@@ -176,6 +177,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     }
     if (planned.oldNames > 0) {
         event.add_number("old_names", planned.oldNames);
+    }
+    if (!planned.backup.empty()) {
+        event.add_name("backup", planned.backup);
     }
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);

@@ -1,0 +1,128 @@
+// --backup and --backup-dir: what is replaced is kept, with what is kept for it.
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+using Names = std::vector<std::string>;
+
+bool mentions(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+class Backup : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (const char *directory : {"tree", "tree/in", "to", "to/tree", "to/tree/in"}) {
+            ASSERT_EQ(0, ::mkdir((scratch / directory).c_str(), 0755));
+        }
+        kit::writeFile(scratch / "tree/in/file", "new");
+        kit::writeFile(scratch / "to/tree/in/file", "older");
+    }
+    ToolResult run(const kit::Arguments &arguments) const { return runTool(arguments, {.directory = scratch.path()}); }
+
+    kit::ScratchDirectory scratch;
+};
+
+TEST_F(Backup, OldFileStaysUnderItsNameWithTheSuffix) {
+    const ToolResult planned = run({"plan", "copy", "-rf", "--backup", "tree", "to"});
+    EXPECT_TRUE(mentions(planned.out, "(backup: " + scratch / "to/tree/in/file~" + ")")) << planned.out;
+    EXPECT_EQ((Names{"file"}), kit::namesIn(scratch / "to/tree/in"));
+    const ToolResult result = run({"copy", "-rfv", "--backup", "tree", "to"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.out, "(backup: " + scratch / "to/tree/in/file~" + ")")) << result.out;
+    EXPECT_TRUE(mentions(result.out, ", 1 backed up\n")) << result.out;
+    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file"));
+    EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file~"));
+    // What is the same has no backup; what is replaced again takes the place of the older one.
+    const ToolResult again = run({"copy", "-ru", "--backup", "tree", "to"});
+    EXPECT_TRUE(mentions(again.out, ", 0 backed up\n")) << again.out;
+    EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file~"));
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup=.1", "tree", "to"}).status);
+    EXPECT_EQ((Names{"file", "file.1", "file~"}), kit::namesIn(scratch / "to/tree/in"));
+    kit::writeFile(scratch / "tree/in/file", "newest");
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup", "tree", "to"}).status);
+    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file~"));
+    EXPECT_EQ("newest", kit::readFile(scratch / "to/tree/in/file"));
+}
+
+TEST_F(Backup, StoreGoesWithTheOldFile) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    ASSERT_EQ(0, run({"ea", "set", "to/tree/in/file", "note", "of the old"}).status);
+    ASSERT_EQ(0, run({"ea", "set", "tree/in/file", "note", "of the new"}).status);
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup", "tree", "to"}).status);
+    EXPECT_EQ("of the new", run({"ea", "get", "to/tree/in/file", "note"}).out);
+    EXPECT_EQ("of the old", run({"ea", "get", "to/tree/in/file~", "note"}).out);
+    kit::writeFile(scratch / "tree/in/file", "third");
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup-dir", scratch / "old", "tree", "to"}).status);
+    EXPECT_EQ("of the new", run({"ea", "get", "old/tree/in/file", "note"}).out);
+    EXPECT_EQ("new", kit::readFile(scratch / "old/tree/in/file"));
+}
+
+TEST_F(Backup, DirectoryHoldsItWhereItLay) {
+    ASSERT_EQ(0, ::chmod((scratch / "to/tree/in").c_str(), 0711));
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup-dir", "../old", "tree", "to"}).status);
+    EXPECT_EQ("older", kit::readFile(scratch / "old/tree/in/file"));
+    EXPECT_EQ((Names{"file"}), kit::namesIn(scratch / "to/tree/in"));
+    EXPECT_EQ(0,
+              run({"copy", "-f", "--backup-dir", scratch / "old", "--backup=.x", "tree/in/file", "to/tree/in"}).status);
+    EXPECT_EQ("new", kit::readFile(scratch / "old/file.x"));
+}
+
+TEST_F(Backup, MoveKeepsWhatItReplacesToo) {
+    EXPECT_EQ(0, run({"move", "-f", "--backup", "tree/in/file", "to/tree/in/file"}).status);
+    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file"));
+    EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file~"));
+    EXPECT_FALSE(kit::exists(scratch / "tree/in/file"));
+}
+
+TEST_F(Backup, WhatCannotBeKeptIsNotReplaced) {
+    const auto expectRefused = [&](const kit::Arguments &rest, const std::string &why) {
+        kit::Arguments plan{"plan", "copy", "-f"}, copy{"copy", "-f"};
+        plan.insert(plan.end(), rest.begin(), rest.end());
+        copy.insert(copy.end(), rest.begin(), rest.end());
+        const ToolResult planned = run(plan), result = run(copy);
+        EXPECT_EQ(result.status, planned.status) << planned.out;
+        EXPECT_NE(0, result.status);
+        EXPECT_TRUE(mentions(result.err, why)) << result.err;
+        EXPECT_TRUE(mentions(planned.out, why)) << planned.out;
+        EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file"));
+    };
+    // The source itself has the name of the backup.
+    kit::writeFile(scratch / "to/tree/in/file~", "source");
+    expectRefused({"--backup", "to/tree/in/file~", "-T", "to/tree/in/file"}, "is the source");
+    EXPECT_EQ("source", kit::readFile(scratch / "to/tree/in/file~"));
+    // What this command has written has it.
+    kit::writeFile(scratch / "tree/in/file~", "other");
+    expectRefused({"--backup", "-t", "to/tree/in", "tree/in/file~", "tree/in/file"},
+                  "was just written by this command");
+    EXPECT_EQ("other", kit::readFile(scratch / "to/tree/in/file~"));
+    // A directory has it.
+    ASSERT_EQ(0, ::mkdir((scratch / "to/tree/in/file.d").c_str(), 0755));
+    expectRefused({"--backup=.d", "tree/in/file", "to/tree/in"}, "is a directory");
+    EXPECT_EQ(2, run({"copy", "-f", "--backup=a/b", "tree/in/file", "to/tree/in"}).status);
+    // It is on another volume.
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    expectRefused({"--backup-dir", volume / "old", "tree/in/file", "to/tree/in"}, "is on another volume");
+    EXPECT_EQ(Names{}, kit::namesIn(volume.path()));
+}
+
+TEST_F(Backup, LinkOnTheWayIntoTheDirectoryIsNotFollowed) {
+    ASSERT_EQ(0, ::mkdir((scratch / "old").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((scratch / "else").c_str(), 0755));
+    ASSERT_EQ(0, ::symlink("../else", (scratch / "old/tree").c_str()));
+    EXPECT_EQ(2, run({"copy", "-rf", "--backup-dir", scratch / "old", "tree", "to"}).status);
+    EXPECT_EQ(Names{}, kit::namesIn(scratch / "else"));
+    EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file"));
+}
+
+} // namespace

@@ -1,0 +1,162 @@
+// A file that is replaced and kept, with each system call on the way killed or refused: the old file is whole, with its
+// store, under one of its two names at every moment, and the same command finishes it.
+#include "tests/ea/stream_bytes.h"
+#include "tests/faults/system_calls.h"
+#include "tests/kit/sanitized.h"
+#include "tests/kit/scratch.h"
+#include "tools/engine/transfer/transfer.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace engine;
+
+class Watcher : public TransferObserver {
+  public:
+    bool stopped() const override { return false; }
+    void tree(const std::string &) override {}
+    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
+        status = outcome.status;
+        whole = outcome.losses.empty() && !outcome.warning;
+    }
+    void arrived(const std::string &, int, int64_t) override {}
+    void progress(int64_t, bool) override {}
+    bool may_replace(const std::string &) override { return true; }
+
+    Status status = Status::failed;
+    bool whole = true;
+};
+
+struct Kept {
+    explicit Kept(const std::string &directory) : below(directory) {
+        for (const char *name : {"from", "from/@eaDir", "to", "to/@eaDir"}) {
+            EXPECT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
+        }
+        kit::writeFile(scratch / "from/file", "new");
+        kit::writeFile(scratch / "from/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "new"}}));
+        kit::writeFile(scratch / "to/file", "old one");
+        kit::writeFile(scratch / "to/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "old"}}));
+    }
+    BackupOptions options() const { return {true, below.empty() ? "~" : "", below.empty() ? "" : scratch / below}; }
+    // 0, or 3 where it failed, or 4 where the new file has lost something on its way, as it says.
+    int replace() const {
+        Watcher watcher;
+        Transfer({.conflict = Conflict::update, .backup = options()}, watcher)
+            .run(scratch / "from/file", scratch / "to/file");
+        return watcher.status != Status::done ? 3 : watcher.whole ? 0 : 4;
+    }
+    std::string backup() const { return below.empty() ? "to/file~" : below + "/file"; }
+    std::string backupStore() const {
+        return below.empty() ? "to/@eaDir/file~@VexoEAStream" : below + "/@eaDir/file@VexoEAStream";
+    }
+    bool has(const std::string &name, const std::string &content) const {
+        return kit::exists(scratch / name) && kit::readFile(scratch / name) == content;
+    }
+    bool isKept() const {
+        return has("to/file", "new") && has("to/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "new"}})) &&
+               has(backup(), "old one") && has(backupStore(), stream::bytes({{"comment", "old"}}));
+    }
+    std::string told() const {
+        std::string text;
+        for (const char *directory : {"to", "to/@eaDir", "kept", "kept/@eaDir"}) {
+            if (!kit::exists(scratch / directory)) {
+                continue;
+            }
+            for (const std::string &name : kit::namesIn(scratch / directory)) {
+                text += std::string("\n") + directory + "/" + name;
+            }
+        }
+        return text;
+    }
+    kit::ScratchDirectory scratch;
+    std::string below;
+};
+
+bool only_looks(int number) {
+    for (const int one : {SYS_newfstatat, SYS_fstat, SYS_statx, SYS_statfs, SYS_fstatfs, SYS_faccessat, SYS_faccessat2,
+                          SYS_read, SYS_lseek, SYS_close, SYS_readlink, SYS_readlinkat, SYS_getdents64, SYS_getxattr,
+                          SYS_fgetxattr, SYS_lgetxattr, SYS_listxattr, SYS_flistxattr, SYS_llistxattr}) {
+        if (one == number) {
+            return true;
+        }
+    }
+    return false;
+}
+
+class BackupSweep : public ::testing::TestWithParam<const char *> {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root makes stores";
+        }
+        if (const std::string why = faults::unavailable(); !why.empty()) {
+            GTEST_SKIP() << why;
+        }
+    }
+    static faults::Outcome supervised(const Kept &scene, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            const int status = scene.replace();
+            window.close();
+            ::_exit(status);
+        });
+    }
+};
+
+TEST_P(BackupSweep, KilledAnywhereTheSameCommandEndsAsOneThatWasNot) {
+    KIT_NOT_SANITIZED();
+    const Kept first(GetParam());
+    const auto calls = supervised(first, {}).calls;
+    ASSERT_TRUE(first.isKept());
+    ASSERT_LT(50u, calls.size());
+    int between = 0;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        if (only_looks(calls[at].number)) {
+            continue; // a kill before the next call that does something is the same
+        }
+        const Kept scene(GetParam());
+        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+            EXPECT_GT(at + 4, calls.size());
+            break;
+        }
+        EXPECT_TRUE(scene.has("to/file", "old one") || scene.has(scene.backup(), "old one")) << at;
+        between += kit::exists(scene.scratch / "to/file") ? 0 : 1;
+        (void)scene.replace();
+        EXPECT_TRUE(scene.isKept()) << at;
+    }
+    EXPECT_LT(0, between);
+}
+
+TEST_P(BackupSweep, RefusedAnywhereTheOldFileIsThereOrKept) {
+    KIT_NOT_SANITIZED();
+    const Kept first(GetParam());
+    const auto calls = supervised(first, {}).calls;
+    int refused = 0;
+    for (size_t at = 0; at < calls.size(); ++at) {
+        const Kept scene(GetParam());
+        const faults::Outcome outcome = supervised(scene, {faults::Plan::Action::fail, at, EIO, calls[at].number});
+        const std::string where = faults::nameOf(calls[at]) + " " + calls[at].path + ", " + std::to_string(at);
+        const int status = WEXITSTATUS(outcome.status);
+        refused += outcome.reached && status != 0 ? 1 : 0;
+        EXPECT_TRUE(scene.has("to/file", "old one") || scene.has(scene.backup(), "old one")) << where;
+        if (status == 4) {
+            EXPECT_TRUE(scene.has(scene.backupStore(), stream::bytes({{"comment", "old"}}))) << where;
+            continue;
+        }
+        if (status == 3) {
+            (void)scene.replace();
+        }
+        EXPECT_TRUE(scene.isKept()) << where << ", " << status << scene.told();
+    }
+    EXPECT_LT(3, refused);
+}
+
+INSTANTIATE_TEST_SUITE_P(Into, BackupSweep, ::testing::Values("", "kept"));
+
+} // namespace
