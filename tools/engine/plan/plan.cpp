@@ -10,6 +10,7 @@
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -125,6 +126,7 @@ bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss
         m_depth > 0 && !losses.empty() &&
         (losses.back().cls == LossClass::special_file || losses.back().cls == LossClass::symbolic_link);
     planned.deed = accepted || counted ? Deed::skip : Deed::fail;
+    std::erase_if(planned.losses, [](const Loss &loss) { return loss.cls == LossClass::name_changed; });
     planned.problem = std::move(problem);
     std::ranges::move(losses, std::back_inserter(planned.losses));
     return tell(std::move(planned));
@@ -292,6 +294,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (auto refusal = rehearsal.refusal_of(name, S_IFDIR)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
+    rehearsal.add_kept_name(name, planned.losses);
     Destination inner{.path = planned.destination, .volume = to.volume};
     const std::string key = rehearsal.key_of(name);
     const bool apart = m_options.fresh && m_depth == 0;
@@ -352,6 +355,10 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
         return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
     }
+    if (inner.is_there() && open_directory(inner.there.fd(), ".").get() < 0) {
+        planned.losses.clear(); // what belongs to the directory itself cannot be given to that one
+        return fail(std::move(planned), problem_of_errno(errno));
+    }
     std::ranges::move(strangers, std::back_inserter(planned.losses));
     if (moves() && !complete) {
         planned.sourceStays = true;
@@ -398,6 +405,7 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
     if (auto refusal = rehearsal.refusal_of(name, asItIs ? found->st_mode : content->st_mode)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
+    rehearsal.add_kept_name(name, planned.losses);
     bool done = false;
     const bool result = resolve(source, *found, *content, asItIs, to, name, planned, done);
     return done ? result : placed(source, *content, to, name, std::move(planned), asItIs);

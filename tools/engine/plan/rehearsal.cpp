@@ -76,15 +76,19 @@ void copy_attributes(const std::string &from, int to, const std::vector<std::str
     }
 }
 
+// Who is not root and writes to a file that did not get its source's owner takes the set-id bits from it.
+mode_t bits_lost_with_owner(int copy, const struct stat &source) {
+    struct stat made {};
+    const bool owned = ::fstat(copy, &made) == 0 && made.st_uid == source.st_uid && made.st_gid == source.st_gid;
+    if (owned || ::geteuid() == 0 || source.st_size == 0) {
+        return 0;
+    }
+    return S_ISUID | ((source.st_mode & S_IXGRP) != 0 ? mode_t{S_ISGID} : 0);
+}
+
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
            cls == LossClass::mac_attributes || cls == LossClass::locked;
-}
-
-// File systems of this kernel's own, which take every name.
-bool takes_every_name(uint32_t magic) {
-    constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
-    return std::ranges::find(own, magic) != std::end(own);
 }
 
 } // namespace
@@ -219,7 +223,8 @@ void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) co
     (void)VLIBCFileUTime(to.c_str(), 3, times);
     // Where the mount gives the modes, the library gives a file what leaves all to that.
     constexpr mode_t open = 0666;
-    (void)::fchmod(fd, file && !m_volume.owners ? open : status.st.st_mode & kModeBits);
+    const mode_t mode = status.st.st_mode & kModeBits & ~(file ? bits_lost_with_owner(fd, status.st) : 0);
+    (void)::fchmod(fd, file && !m_volume.owners ? open : mode);
     struct stat now {};
     if (::fstat(fd, &now) == 0 && now.st_mtim.tv_nsec != status.st.st_mtim.tv_nsec) {
         (void)::futimens(fd, times);
@@ -380,6 +385,12 @@ std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) 
     (void)::mkdirat(m_place->fd(), kNames, 0700);
     const Descriptor names = open_directory(m_place->fd(), kNames);
     return refusal_in_private(names.get(), name, type);
+}
+
+void Rehearsal::add_kept_name(const std::string &name, std::vector<Loss> &losses) const {
+    if (probes()) {
+        engine::add_kept_name(m_place->fd(), name, losses);
+    }
 }
 
 std::string Rehearsal::key_of(const std::string &name) {

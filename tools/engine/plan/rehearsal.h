@@ -34,6 +34,8 @@ class Rehearsal {
     std::vector<Loss> losses_of(const Side &source, const struct stat &found, const Side *merged = nullptr);
     // The class that keeps a name from being used for an entry of this type; nothing: the volume takes it.
     std::optional<Loss> refusal_of(const std::string &name, mode_t type);
+    // Adds a change of name where the volume keeps an entry of this one under another.
+    void add_kept_name(const std::string &name, std::vector<Loss> &losses) const;
     // Two names for which this is the same are one to the volume.
     std::string key_of(const std::string &name);
     bool can_clone(const Side &source) const;

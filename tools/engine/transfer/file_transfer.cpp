@@ -151,6 +151,9 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
             }
         }
     }
+    if (outcome.status == Status::done || outcome.same) {
+        add_kept_name(to.fd(), attempt.name, outcome.losses);
+    }
     return settled(std::move(outcome));
 }
 

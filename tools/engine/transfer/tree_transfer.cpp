@@ -133,6 +133,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     if (!make_destination(level, source, destination)) {
         return false;
     }
+    add_kept_name(destination.in.fd(), destination.name, level.outcome.losses);
     level.hasStore = std::ranges::any_of(*names, is_store_name);
     const size_t leftOut = m_selection.left_out();
     if (!m_selection.enters(level.status.st.st_dev, m_sourceDevice)) {
@@ -233,6 +234,9 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
                    ? left(level, name, Status::skipped, "skipped, left over from a command that was stopped", false)
                    : left(level, name, Status::skipped, "skipped, belongs to the system", true);
     case NameKind::stray:
+        if (!level.from.look(name) && errno == ENOENT) {
+            return true; // went with the entry that it belonged to
+        }
         return left(level, name, Status::failed,
                     name.starts_with("._") ? "names that begin with \"._\" are kept for metadata; left where it is"
                                            : "the name \"@eaDir\" is kept for metadata in every case; left where it is",
