@@ -578,6 +578,11 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
+    const uint64_t limit = volume.rehearsal->volume().largestFile;
+    if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
+        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
+        return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
+    }
     for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
         const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link ||
                           loss.cls == LossClass::special_file;
@@ -585,11 +590,6 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
             return fail(std::move(planned), {loss.detail}, {loss});
         }
         planned.losses.push_back(std::move(loss));
-    }
-    const uint64_t limit = volume.rehearsal->volume().largestFile;
-    if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
-        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
-        return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
     hard_linked(source, found, volume, planned);
     planned.cloned =

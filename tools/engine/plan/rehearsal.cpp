@@ -398,19 +398,18 @@ std::string Rehearsal::key_of(const std::string &name) {
         return name;
     }
     struct stat found {};
-    if (probes()) {
+    const std::string folds = folded(name);
+    if (probes() && !m_keys.contains(folds)) {
         (void)::mkdirat(m_place->fd(), kNames, 0700);
         const Descriptor names = open_directory(m_place->fd(), kNames);
         const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         if (made.get() >= 0 && ::fstat(made.get(), &found) == 0) {
-            return std::to_string(found.st_ino);
+            // Two forms of a letter may be one, too.
+            m_keys.emplace(folds, m_inodes.try_emplace(found.st_ino, folds).first->second);
         }
     }
-    std::string key = name;
-    std::ranges::transform(key, key.begin(), [](unsigned char letter) {
-        return static_cast<char>(letter >= 'A' && letter <= 'Z' ? letter + ('a' - 'A') : letter);
-    });
-    return key;
+    const auto known = m_keys.find(folds);
+    return known == m_keys.end() ? folds : known->second;
 }
 
 bool Rehearsal::can_clone(const Side &source) const {

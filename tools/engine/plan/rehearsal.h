@@ -61,6 +61,8 @@ class Rehearsal {
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
     size_t m_longestName = 255;
+    std::map<std::string, std::string> m_keys;        // of names in one letter case
+    std::map<ino_t, std::string> m_inodes;            // what was first made as each
     std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
 };
 

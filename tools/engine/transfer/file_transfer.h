@@ -47,6 +47,11 @@ class FileTransfer {
     // The same of another name alone, without a comparison.
     void link_names(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
     // It is not replaced by a later one of this run.
+    // Whether a file of another name of the source has become what stands there.
+    bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
+                  const std::string &name) const {
+        return m_written.is_clash(there, sourceName, to, name);
+    }
     void remember(const HeldDirectory &to, const std::string &name);
     bool compares() const { return m_options.compared; }
     bool keeps_hard_links() const { return m_options.hardLinks; }

@@ -7,10 +7,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
+#include <cstdlib>
 #include <cstring>
+#include <cwctype>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <locale.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -68,6 +72,29 @@ bool takes_every_name(uint32_t magic) {
     // ext4, XFS, btrfs, tmpfs, ramfs, overlay
     constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
     return std::ranges::find(own, magic) != std::end(own);
+}
+
+std::string folded(const std::string &name) {
+    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    std::wstring letters(name.size() + 1, L'\0');
+    size_t count = static_cast<size_t>(-1);
+    if (utf8 != nullptr) {
+        const locale_t before = ::uselocale(utf8);
+        count = std::mbstowcs(letters.data(), name.c_str(), letters.size());
+        ::uselocale(before);
+    }
+    std::string key;
+    if (count == static_cast<size_t>(-1)) { // no text
+        std::ranges::transform(name, std::back_inserter(key), [](char letter) {
+            return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+        });
+        return key;
+    }
+    letters.resize(count);
+    for (const wchar_t letter : letters) {
+        key += std::to_string(::towlower_l(static_cast<wint_t>(letter), utf8)) + ' ';
+    }
+    return key;
 }
 
 void add_kept_name(int directory, const std::string &name, std::vector<Loss> &losses) {

@@ -279,7 +279,7 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     }
     done = true;
     if (const auto there = destination.in.look(destination.name)) {
-        m_made.add(*there, source.name);
+        m_made.add(*there, source.name, destination.in, destination.name);
     }
     Outcome outcome;
     outcome.destination = destination.path();
@@ -308,7 +308,7 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     if (!level.to.is_open() || ::fstat(level.to.fd(), &level.there) != 0) {
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
-    m_made.add(level.there, source.name);
+    m_made.add(level.there, source.name, destination.in, destination.name);
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
@@ -322,21 +322,23 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     if (!there) {
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
+    // Two names that a FAT volume makes one of, or two sources of one name.
+    std::vector<Loss> losses;
+    if (m_made.is_clash(*there, source.name, destination.in, destination.name) ||
+        m_files.is_clash(*there, source.name, destination.in, destination.name)) {
+        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+    }
     if (!S_ISDIR(there->st_mode)) {
         return failed(level.source, level.destination,
                       {fmt::format("the destination is {}, not a directory",
                                    S_ISREG(there->st_mode) ? "a file" : kind_of(there->st_mode)),
-                       kNotADirectory});
+                       kNotADirectory},
+                      std::move(losses));
     }
     if (there->st_dev == level.status.st.st_dev && there->st_ino == level.status.st.st_ino) {
         return failed(level.source, level.destination, {"source and destination are the same directory"});
     }
-    // Two names that a FAT volume makes one of, or two sources of one name.
-    std::vector<Loss> losses;
-    if (m_made.is_clash(*there, source.name)) {
-        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
-    }
-    return !m_made.contains(*there) ||
+    return !m_made.contains(*there, destination.in, destination.name) ||
            failed(level.source, level.destination,
                   {"the destination was just written by this command; not merged", kExists}, std::move(losses));
 }
