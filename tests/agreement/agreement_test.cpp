@@ -172,6 +172,7 @@ struct Kind {
     int type = -1;        // the platform is told that it is one of this type
     bool large = false;   // refuses large files
     const char *mountOptions = "";
+    bool dates = false; // gives creation times of its own, which nobody can set
 
     friend void PrintTo(const Kind &kind, std::ostream *stream) { *stream << kind.name; }
 };
@@ -183,10 +184,10 @@ constexpr Kind kFuse[] = {{"bindfs", "bindfs"},
                           {"ntfs3gAsNtfs", "ntfs-3g", true, 5},
                           {"exfatFuse", "exfat-fuse", true},
                           {"exfatFuseAsExfat", "exfat-fuse", true, 18}};
-constexpr Kind kForeign[] = {{"vfat", "vfat", true, -1, true, "iocharset=utf8"},
-                             {"exfat", "exfat", true, -1, false, "iocharset=utf8"},
-                             {"hfsplus", "hfsplus", true},
-                             {"ntfs3", "ntfs3", true}};
+constexpr Kind kForeign[] = {{"vfat", "vfat", true, -1, true, "iocharset=utf8", true},
+                             {"exfat", "exfat", true, -1, false, "iocharset=utf8", true},
+                             {"hfsplus", "hfsplus", true, -1, false, "", true},
+                             {"ntfs3", "ntfs3", true, -1, false, "", true}};
 
 // Room for all trees, of which none is taken until it is used.
 kit::Volume made(const Kind &kind, const std::string &scratch) {
@@ -275,6 +276,10 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
         scene.grow({.partial = fromKind.partial, .large = toKind.large && !fromKind.partial && seed % large_ones == 0});
         scene.copies_where_trees_differ();
         scene.grow_destination(toKind.partial);
+        if (fromKind.dates) {
+            constexpr unsigned coarsest = 2; // seconds
+            ::sleep(coarsest + 1);           // no copy has the same creation time by chance
+        }
         if (!HasFatalFailure()) {
             view(scene);
         }

@@ -309,6 +309,7 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
     m_made.add(level.there, source.name, destination.in, destination.name);
+    m_files.made_directory(level.there, source.name, destination.in, destination.name);
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
