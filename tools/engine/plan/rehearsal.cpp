@@ -236,6 +236,10 @@ void Rehearsal::dress_as(const Side &merged) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
     copy_attributes(merged.path(), entry.get(), {"user.", "security.", "trusted.", "system.posix_acl_"},
                     Records::taken);
+    VLIBCStat found{};
+    if (VLIBCFileLStat(merged.path().c_str(), VLIBC_STAT_ATTRIBUTES, &found) == 0) {
+        give_dos_attributes(entry.get(), found.attributes); // which are no attributes with a name on every volume
+    }
 }
 
 // Whether a copy can have a store. Making "@eaDir" is root's.
