@@ -12,6 +12,7 @@
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/mounts.h"
@@ -153,6 +154,7 @@ bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss
         m_depth > 0 && !losses.empty() &&
         (losses.back().cls == LossClass::special_file || losses.back().cls == LossClass::symbolic_link);
     planned.deed = accepted || counted ? Deed::skip : Deed::fail;
+    std::erase_if(planned.losses, [](const Loss &loss) { return loss.cls == LossClass::name_changed; });
     planned.problem = std::move(problem);
     std::ranges::move(losses, std::back_inserter(planned.losses));
     return tell(std::move(planned));
@@ -327,6 +329,7 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
     if (auto refusal = rehearsal.refusal_of(name, S_IFDIR)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
+    rehearsal.add_kept_name(name, planned.losses);
     opened.inner.path = planned.destination;
     opened.inner.volume = to.volume;
     opened.found = *found;
@@ -409,6 +412,10 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
         return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
     }
+    if (inner.is_there() && open_directory(inner.there.fd(), ".").get() < 0) {
+        planned.losses.clear(); // what belongs to the directory itself cannot be given to that one
+        return fail(std::move(planned), problem_of_errno(errno));
+    }
     std::ranges::move(strangers, std::back_inserter(planned.losses));
     if (moves() && !complete) {
         planned.sourceStays = true;
@@ -455,6 +462,7 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
     if (auto refusal = rehearsal.refusal_of(name, asItIs ? found->st_mode : content->st_mode)) {
         return fail(std::move(planned), {refusal->detail}, {*refusal});
     }
+    rehearsal.add_kept_name(name, planned.losses);
     bool done = false;
     const bool result = resolve(source, *found, *content, asItIs, to, name, planned, done);
     return done ? result : placed(source, *content, to, name, std::move(planned), asItIs);
@@ -651,6 +659,11 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         const Problem problem = of_source(problem_of_errno(errno));
         return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
     }
+    const uint64_t limit = volume.rehearsal->volume().largestFile;
+    if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
+        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
+        return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
+    }
     for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
         const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link ||
                           loss.cls == LossClass::special_file;
@@ -658,11 +671,6 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
             return fail(std::move(planned), {loss.detail}, {loss});
         }
         planned.losses.push_back(std::move(loss));
-    }
-    const uint64_t limit = volume.rehearsal->volume().largestFile;
-    if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
-        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
-        return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
     hard_linked(source, found, volume, planned);
     const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);

@@ -45,15 +45,19 @@ std::string path_of(int directory, const std::string &name) {
     return fmt::format("/proc/self/fd/{}/{}", directory, name);
 }
 
+// Who is not root and writes to a file that did not get its source's owner takes the set-id bits from it.
+mode_t bits_lost_with_owner(int copy, const struct stat &source) {
+    struct stat made {};
+    const bool owned = ::fstat(copy, &made) == 0 && made.st_uid == source.st_uid && made.st_gid == source.st_gid;
+    if (owned || ::geteuid() == 0 || source.st_size == 0) {
+        return 0;
+    }
+    return S_ISUID | ((source.st_mode & S_IXGRP) != 0 ? mode_t{S_ISGID} : 0);
+}
+
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
            cls == LossClass::mac_attributes || cls == LossClass::locked;
-}
-
-// File systems of this kernel's own, which take every name.
-bool takes_every_name(uint32_t magic) {
-    constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
-    return std::ranges::find(own, magic) != std::end(own);
 }
 
 } // namespace
@@ -176,6 +180,9 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
 void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
     give_belongings(source.path(), status, entry.get(), m_volume.owners, file);
+    if (const mode_t lost = file ? bits_lost_with_owner(entry.get(), status.st) : 0; lost != 0 && m_volume.owners) {
+        (void)::fchmod(entry.get(), status.st.st_mode & kModeBits & ~lost);
+    }
 }
 
 // As the directory is that another one is going to be merged into.
@@ -183,6 +190,10 @@ void Rehearsal::dress_as(const Side &merged) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
     copy_attributes(merged.path(), entry.get(), {"user.", "security.", "trusted.", "system.posix_acl_"},
                     Records::taken);
+    VLIBCStat found{};
+    if (VLIBCFileLStat(merged.path().c_str(), VLIBC_STAT_ATTRIBUTES, &found) == 0) {
+        give_dos_attributes(entry.get(), found.attributes); // which are no attributes with a name on every volume
+    }
 }
 
 // Whether a copy can have a store.
@@ -327,24 +338,29 @@ std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) 
     return refusal_in_private(names.get(), name, type);
 }
 
+void Rehearsal::add_kept_name(const std::string &name, std::vector<Loss> &losses) const {
+    if (probes()) {
+        engine::add_kept_name(m_place->fd(), name, losses);
+    }
+}
+
 std::string Rehearsal::key_of(const std::string &name) {
     if (!m_folds) {
         return name;
     }
     struct stat found {};
-    if (probes()) {
+    const std::string folds = folded(name);
+    if (probes() && !m_keys.contains(folds)) {
         (void)::mkdirat(m_place->fd(), kNames, 0700);
         const Descriptor names = open_directory(m_place->fd(), kNames);
         const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         if (made.get() >= 0 && ::fstat(made.get(), &found) == 0) {
-            return std::to_string(found.st_ino);
+            // Two forms of a letter may be one, too.
+            m_keys.emplace(folds, m_inodes.try_emplace(found.st_ino, folds).first->second);
         }
     }
-    std::string key = name;
-    std::ranges::transform(key, key.begin(), [](unsigned char letter) {
-        return static_cast<char>(letter >= 'A' && letter <= 'Z' ? letter + ('a' - 'A') : letter);
-    });
-    return key;
+    const auto known = m_keys.find(folds);
+    return known == m_keys.end() ? folds : known->second;
 }
 
 } // namespace engine

@@ -35,6 +35,8 @@ class Rehearsal {
     std::vector<Loss> losses_of(const Side &source, const struct stat &found, const Side *merged = nullptr);
     // The class that keeps a name from being used for an entry of this type; nothing: the volume takes it.
     std::optional<Loss> refusal_of(const std::string &name, mode_t type);
+    // Adds a change of name where the volume keeps an entry of this one under another.
+    void add_kept_name(const std::string &name, std::vector<Loss> &losses) const;
     // Two names for which this is the same are one to the volume.
     std::string key_of(const std::string &name);
 
@@ -65,6 +67,8 @@ class Rehearsal {
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
     size_t m_longestName = 255;
+    std::map<std::string, std::string> m_keys;        // of names in one letter case
+    std::map<ino_t, std::string> m_inodes;            // what was first made as each
     std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
 };
 

@@ -125,7 +125,8 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     std::vector<Loss> losses = compare_entries(source, copy, options);
     const bool late = options.times && std::ranges::any_of(losses, is_time);
     const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);
-    const bool mode = std::ranges::find(losses, LossClass::mode, &Loss::cls) != losses.end();
+    // Where the mount gives the modes, taking the right to write away would set the read-only attribute.
+    const bool mode = copy.volume.owners && std::ranges::find(losses, LossClass::mode, &Loss::cls) != losses.end();
     const bool users = std::ranges::find(losses, LossClass::attribute, &Loss::cls) != losses.end();
     if (!late && !ofTheSystem && !mode && !users) {
         return losses;

@@ -2,10 +2,14 @@
 
 #include "copy/copy.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
+#include <algorithm>
 #include <climits>
 #include <fmt/format.h>
 
@@ -28,7 +32,7 @@ std::optional<Problem> check_destination(const FileAttempt &attempt, const Trans
     if (there && !S_ISREG(there->st_mode) && !S_ISLNK(there->st_mode) && !(special && is_special(there->st_mode))) {
         return Problem{fmt::format("the destination is {}; not replaced", kind_of(there->st_mode)), kExists};
     }
-    if (there && written.contains(*there)) {
+    if (there && written.contains(*there, attempt.to, attempt.name)) {
         return Problem{"the destination was just written by this command; not replaced", kExists};
     }
     return std::nullopt;
@@ -78,6 +82,38 @@ bool is_to_update(const Loss &difference, LossSet accepted) {
     }
 }
 
+void WrittenEntries::add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to,
+                         const std::string &name) {
+    const size_t source = std::hash<std::string>()(sourceName);
+    const auto [known, isNew] = m_names.emplace(std::pair(made.st_dev, made.st_ino), source);
+    known->second = isNew || known->second == source ? source : kSeveral;
+    if (!takes_every_name(to.facts().magic)) {
+        m_folded.try_emplace(joined(to.path(), folded(name)), Made{source, name});
+    }
+}
+
+bool WrittenEntries::contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const {
+    return m_names.contains({there.st_dev, there.st_ino}) ||
+           (!takes_every_name(to.facts().magic) && m_folded.contains(joined(to.path(), folded(name))));
+}
+
+bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
+                              const std::string &name) const {
+    const size_t source = std::hash<std::string>()(sourceName);
+    if (takes_every_name(to.facts().magic)) {
+        const auto found = m_names.find({there.st_dev, there.st_ino});
+        return found != m_names.end() && found->second != kSeveral && found->second != source;
+    }
+    // One that is listed under exactly this name is another entry where cases are two.
+    const auto found = m_folded.find(joined(to.path(), folded(name)));
+    if (found == m_folded.end() || found->second.source == source || found->second.name == name) {
+        return found != m_folded.end() && found->second.source != source;
+    }
+    const Descriptor opened = open_directory(to.fd(), ".");
+    const auto names = opened.get() < 0 ? std::nullopt : names_in(opened.get());
+    return !names || std::ranges::find(*names, name) == names->end() || m_names.contains({there.st_dev, there.st_ino});
+}
+
 Outcome failure(const std::string &destination, Problem problem) {
     Outcome outcome;
     outcome.status = Status::failed;
@@ -122,7 +158,7 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
     if (itself) {
         return failure(attempt.destination, same_file());
     }
-    if (there && written.is_clash(*there, attempt.sourceName)) {
+    if (there && written.is_clash(*there, attempt.sourceName, attempt.to, attempt.name)) {
         return clash(attempt.destination, (attempt.asItIs ? attempt.entry : attempt.content)->st_mode, there->st_mode);
     }
     if (options.conflict != Conflict::skip) {

@@ -29,24 +29,29 @@ struct FileAttempt {
 // What a run has made, each with the name that it has at the source.
 class WrittenEntries {
   public:
-    void add(const struct stat &made, const std::string &sourceName) {
-        const size_t name = std::hash<std::string>()(sourceName);
-        const auto [known, isNew] = m_names.emplace(std::pair(made.st_dev, made.st_ino), name);
-        known->second = isNew || known->second == name ? name : kSeveral;
-    }
-    bool contains(const struct stat &there) const { return m_names.contains({there.st_dev, there.st_ino}); }
+    // Under this name in the directory.
+    void add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to, const std::string &name);
+    // What stands there under the name.
+    bool contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const;
     // Under another name than this: two of the source that become one here.
-    bool is_clash(const struct stat &there, const std::string &sourceName) const {
-        const auto found = m_names.find({there.st_dev, there.st_ino});
-        return found != m_names.end() && found->second != kSeveral &&
-               found->second != std::hash<std::string>()(sourceName);
-    }
+    bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
+                  const std::string &name) const;
 
-    void merge(WrittenEntries &other) { m_names.merge(other.m_names); }
+    void merge(WrittenEntries &other) {
+        m_names.merge(other.m_names);
+        m_folded.merge(other.m_folded);
+    }
 
   private:
     static constexpr size_t kSeveral = 0; // hard links
     std::map<std::pair<dev_t, ino_t>, size_t> m_names;
+    // Where an inode may have another number the next time, and names of several letter cases may be one: by path, in
+    // one case.
+    struct Made {
+        size_t source;
+        std::string name;
+    };
+    std::map<std::string, Made> m_folded;
 };
 
 // For a destination that exists: an outcome where that is the end of it. Nothing: go on, with the destination and

@@ -40,8 +40,8 @@ namespace engine {
 namespace {
 
 constexpr uint32_t kOutOfMemory = 0x0200, kLocked = 0x0400, kDestinationMissing = 0x0600, kMissing = 0x0700,
-                   kNoSpace = 0x2900, kExists = 0xA300, kFileTooLarge = 0xAA00, kNameTooLong = 0xC300,
-                   kOwnerLost = 0xFA00;
+                   kNoSpace = 0x2900, kExists = 0xA300, kFileTooLarge = 0xAA00, kTooLargeForFat = 0xA400,
+                   kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
 constexpr int kExtended = 2, kBtrfs = 3; // types of volumes, to the library
 constexpr int kNotAskedForRoom = 12;     // a type of volume, to the library
 constexpr int kMostNames = 1000;         // that somebody else was quicker to take
@@ -87,9 +87,9 @@ bool is_locked(const Loss &loss) {
 
 // What a failure is called among the losses.
 std::optional<LossClass> class_of(const Problem &problem) {
-    return problem.code == kNameTooLong    ? std::optional(LossClass::name_too_long)
-           : problem.code == kFileTooLarge ? std::optional(LossClass::file_too_large)
-                                           : std::nullopt;
+    return problem.code == kNameTooLong                                       ? std::optional(LossClass::name_too_long)
+           : problem.code == kFileTooLarge || problem.code == kTooLargeForFat ? std::optional(LossClass::file_too_large)
+                                                                              : std::nullopt;
 }
 
 // Whether a file with holes, for whose length there is no room, finds room for what it has.
@@ -175,11 +175,15 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
         } else if (attempt.file.get() >= 0 && !attempt.stopAnswered && !can_be_read(attempt.opened())) {
             outcome.losses.push_back({LossClass::unreadable, outcome.problem->reason});
         } else if (const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
-                   meant && openDestination && !attempt.stopAnswered && !to.look(attempt.name)) {
+                   meant && openDestination && !attempt.stopAnswered &&
+                   (S_ISLNK(meant->st_mode) || !to.look(attempt.name))) {
             if (auto refusal = refusal_of_entry(to.fd(), attempt.name, meant->st_mode)) {
                 outcome.losses.push_back(std::move(*refusal));
             }
         }
+    }
+    if (outcome.status == Status::done || outcome.same) {
+        add_kept_name(to.fd(), attempt.name, outcome.losses);
     }
     return settled(std::move(outcome));
 }
@@ -253,7 +257,8 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
     const bool alone = gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type());
     const bool linkable = m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && !alone;
     const bool linked = linkable && m_linked.is_there(*attempt.entry, there) && has_name(attempt.to, attempt.name);
-    if (!linked && (m_written.contains(*there) || (linkable && m_linked.can_link(*attempt.entry, attempt.to)))) {
+    if (!linked && (m_written.contains(*there, attempt.to, attempt.name) ||
+                    (linkable && m_linked.can_link(*attempt.entry, attempt.to)))) {
         return std::nullopt;
     }
     auto differences = differences_of_same(attempt);
@@ -270,7 +275,7 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
         outcome.status = Status::skipped;
         outcome.destination = attempt.destination;
         outcome.losses = attempt.losses;
-        m_written.add(*there, attempt.sourceName);
+        m_written.add(*there, attempt.sourceName, attempt.to, attempt.name);
         if (m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && attempt.content->st_nlink > 1) {
             m_linked.placed(*attempt.content, attempt.to, attempt.name, alone);
         }
@@ -916,7 +921,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     Outcome outcome;
     outcome.destination = attempt.destination;
     if (attempt.result) {
-        m_written.add(*attempt.result, attempt.sourceName);
+        m_written.add(*attempt.result, attempt.sourceName, attempt.to, attempt.name);
     }
     outcome.bytes = attempt.content && !attempt.asItIs ? attempt.content->st_size : 0;
     outcome.linked = attempt.linked;
@@ -1014,7 +1019,7 @@ void FileTransfer::link_names(const HeldDirectory &from, const HeldDirectory &to
 
 void FileTransfer::remember(const HeldDirectory &to, const std::string &name) {
     if (const auto there = to.look(name)) {
-        m_written.add(*there, name);
+        m_written.add(*there, name, to, name);
     }
 }
 

@@ -54,6 +54,16 @@ class FileTransfer {
     // The same of another name alone, without a comparison.
     void link_names(const HeldDirectory &from, const HeldDirectory &to, const std::string &name);
     // It is not replaced by a later one of this run.
+    // A directory that was made, so that no file of another name gets into its place.
+    void made_directory(const struct stat &made, const std::string &sourceName, const HeldDirectory &to,
+                        const std::string &name) {
+        m_written.add(made, sourceName, to, name);
+    }
+    // Whether a file of another name of the source has become what stands there.
+    bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
+                  const std::string &name) const {
+        return m_written.is_clash(there, sourceName, to, name);
+    }
     void remember(const HeldDirectory &to, const std::string &name);
     bool compares() const { return m_options.compared; }
     // Whether files share their data with their copies, so that it takes this to copy them.

@@ -1,15 +1,22 @@
 #include "tools/engine/transfer/name_refusal.h"
 
+#include "tools/engine/report/names.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/private_name.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
+#include <cstdlib>
 #include <cstring>
+#include <cwctype>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <locale.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace engine {
 namespace {
@@ -23,13 +30,79 @@ bool is_plain_name(const std::string &name) {
            });
 }
 
+// Whether all volumes that take the name list it as it is, but for those that keep letters in another form.
+bool is_common_name(const std::string &name, uint32_t magic) {
+    constexpr uint32_t hfs[] = {0x482b, 0x4858};
+    const bool ascii = std::ranges::all_of(name, [](unsigned char letter) { return letter < 0x80; });
+    const bool text = ascii || (std::ranges::find(hfs, magic) == std::end(hfs) && is_utf8(name));
+    return text && name.back() != '.' && name.back() != ' ';
+}
+
 // What in a directory of our own can only be due to the name. Some drivers do not find a name that they do not take.
 bool is_of_name(int number) {
     constexpr int numbers[] = {EINVAL, EILSEQ, ENAMETOOLONG, ENOENT, EPERM};
     return std::ranges::find(numbers, number) != std::end(numbers);
 }
 
+// What a volume calls an entry that was made under this name, where that is another.
+std::optional<std::string> name_kept(int directory, const std::string &name) {
+    struct statfs volume {};
+    const std::string place = next_private_name();
+    if (is_common_name(name, 0x482b) || ::fstatfs(directory, &volume) != 0 ||
+        takes_every_name(static_cast<uint32_t>(volume.f_type)) ||
+        is_common_name(name, static_cast<uint32_t>(volume.f_type)) || ::mkdirat(directory, place.c_str(), 0700) != 0) {
+        return std::nullopt;
+    }
+    std::optional<std::string> kept;
+    {
+        const Descriptor opened = open_directory(directory, place);
+        const Descriptor made(::openat(opened.get(), name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const auto names = made.get() < 0 ? std::nullopt : names_in(opened.get());
+        if (names && names->size() == 1 && names->front() != name) {
+            kept = names->front();
+        }
+    }
+    (void)remove_left_over(directory, place);
+    return kept;
+}
+
 } // namespace
+
+bool takes_every_name(uint32_t magic) {
+    // ext4, XFS, btrfs, tmpfs, ramfs, overlay
+    constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
+    return std::ranges::find(own, magic) != std::end(own);
+}
+
+std::string folded(const std::string &name) {
+    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    std::wstring letters(name.size() + 1, L'\0');
+    size_t count = static_cast<size_t>(-1);
+    if (utf8 != nullptr) {
+        const locale_t before = ::uselocale(utf8);
+        count = std::mbstowcs(letters.data(), name.c_str(), letters.size());
+        ::uselocale(before);
+    }
+    std::string key;
+    if (count == static_cast<size_t>(-1)) { // no text
+        std::ranges::transform(name, std::back_inserter(key), [](char letter) {
+            return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+        });
+        return key;
+    }
+    letters.resize(count);
+    for (const wchar_t letter : letters) {
+        key += std::to_string(::towlower_l(static_cast<wint_t>(letter), utf8)) + ' ';
+    }
+    return key;
+}
+
+void add_kept_name(int directory, const std::string &name, std::vector<Loss> &losses) {
+    if (const auto kept = name_kept(directory, name)) {
+        std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::name_changed; });
+        losses.push_back({LossClass::name_changed, fmt::format("is {} in the copy", displayed(*kept))});
+    }
+}
 
 std::optional<Loss> refusal_in_private(int directory, const std::string &name, mode_t type) {
     if (is_plain_name(name)) {

@@ -3,11 +3,24 @@
 
 #include "tools/engine/losses/loss.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace engine {
+
+// Whether the file system of this number, one of this kernel's own, takes every name as it is.
+bool takes_every_name(uint32_t magic);
+
+// The name in one letter case, for a comparison with others only.
+std::string folded(const std::string &name);
+
+// Adds a change of name where a volume calls an entry that is made under this name by another one, since the form of
+// its letters is not that of the name, or since it leaves a dot at the end away. Asked in a private directory, made in
+// this one and removed again, of names only with which that may be.
+void add_kept_name(int directory, const std::string &name, std::vector<Loss> &losses);
 
 // What becomes of an entry of this name and type in a directory that is the caller's own, and empty; a file that was
 // made stays. Nothing: the volume takes the name, or something else is wrong.

@@ -29,8 +29,12 @@ struct Node {
     bool open = false;
 };
 
-// Nothing: an error of the moment, and no word on what the volume takes.
-bool is_refused_for_good(int number) {
+// Nothing: an error of the moment, and no word on what the volume takes. Some drivers make a file first, and fail then.
+bool is_refused_for_good(int number, int directory, const std::string &made) {
+    if (number == EIO) {
+        const Node node(directory, made);
+        return node.open && S_ISREG(node.status.st_mode) && ::unlinkat(directory, made.c_str(), 0) == 0;
+    }
     return number == EPERM || number == EOPNOTSUPP || number == EINVAL || number == ENOSYS;
 }
 
@@ -50,7 +54,7 @@ std::optional<SpecialRefusal> make_special(int from, const std::string &source, 
     // Nobody else opens it before it has its own mode.
     if (::mknodat(to, made.c_str(), type | S_IRUSR | S_IWUSR, entry.st_rdev) != 0) {
         const int number = errno;
-        if (!is_refused_for_good(number)) {
+        if (!is_refused_for_good(number, to, made)) {
             return SpecialRefusal{problem_of_errno(number)};
         }
         const std::string reason =

@@ -157,6 +157,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     if (!make_destination(level, source, destination)) {
         return false;
     }
+    add_kept_name(destination.in.fd(), destination.name, level.outcome.losses);
     level.hasStore = std::ranges::any_of(*names, is_store_name);
     const size_t leftOut = m_selection.left_out();
     if (!m_selection.enters(level.status.st.st_dev, m_sourceDevice)) {
@@ -313,6 +314,9 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
                    ? left(level, name, Status::skipped, "skipped, left over from a command that was stopped", false)
                    : left(level, name, Status::skipped, "skipped, belongs to the system", true);
     case NameKind::stray:
+        if (!level.from.look(name) && errno == ENOENT) {
+            return true; // went with the entry that it belonged to
+        }
         return left(level, name, Status::failed,
                     name.starts_with("._") ? "names that begin with \"._\" are kept for metadata; left where it is"
                                            : "the name \"@eaDir\" is kept for metadata in every case; left where it is",
@@ -369,7 +373,7 @@ bool TreeTransfer::rename_whole(const Place &source, const Place &destination, b
     }
     done = true;
     if (const auto there = destination.in.look(destination.name)) {
-        m_made.add(*there, source.name);
+        m_made.add(*there, source.name, destination.in, destination.name);
     }
     Outcome outcome;
     outcome.destination = destination.path();
@@ -413,7 +417,8 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     if (unwritten) {
         return failed(level.source, level.destination, *unwritten);
     }
-    (level.onTheWay ? m_stepped : m_made).add(level.there, source.name);
+    (level.onTheWay ? m_stepped : m_made).add(level.there, source.name, destination.in, destination.name);
+    m_files.made_directory(level.there, source.name, destination.in, destination.name);
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
@@ -427,21 +432,27 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     if (!there) {
         return failed(level.source, level.destination, problem_of_errno(errno));
     }
+    // Two names that a FAT volume makes one of, or two sources of one name.
+    std::vector<Loss> losses;
+    if (m_made.is_clash(*there, source.name, destination.in, destination.name) ||
+        m_files.is_clash(*there, source.name, destination.in, destination.name)) {
+        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+    }
     if (!S_ISDIR(there->st_mode)) {
         return failed(level.source, level.destination,
                       {fmt::format("the destination is {}, not a directory",
                                    S_ISREG(there->st_mode) ? "a file" : kind_of(there->st_mode)),
-                       kNotADirectory});
+                       kNotADirectory},
+                      std::move(losses));
     }
     if (there->st_dev == level.status.st.st_dev && there->st_ino == level.status.st.st_ino) {
         return failed(level.source, level.destination, {"source and destination are the same directory"});
     }
-    // Two names that a FAT volume makes one of, or two sources of one name.
-    std::vector<Loss> losses;
-    if (m_made.is_clash(*there, source.name) || m_stepped.is_clash(*there, source.name)) {
+    if (m_stepped.is_clash(*there, source.name, destination.in, destination.name)) {
         losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
     }
-    const bool merged = losses.empty() && (level.onTheWay || !m_made.contains(*there));
+    const bool merged =
+        losses.empty() && (level.onTheWay || !m_made.contains(*there, destination.in, destination.name));
     return merged ||
            failed(level.source, level.destination,
                   {"the destination was just written by this command; not merged", kExists}, std::move(losses));

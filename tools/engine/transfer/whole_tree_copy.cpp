@@ -6,6 +6,7 @@
 #include "tools/engine/compare/plain_files.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/link_transfer.h"
+#include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/tree_transfer.h"
 #include "tools/engine/walk/descriptor.h"
@@ -67,8 +68,9 @@ int64_t size_of(const HeldDirectory &directory, const std::string &name) {
 // exchange anything in it.
 bool TreeTransfer::may_be_whole(const Level &level, const std::string &name, const struct stat &found) {
     return m_whole && !m_checking && level.made && !m_files.clones(level.from, level.to) &&
-           found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees && !m_sourceKeepsMac && carries_all(level) &&
-           is_ours(level.status.st) && is_ours_all_down(level.from.fd(), name);
+           found.st_dev == m_sourceDevice && m_sourceTraits.wholeTrees && takes_every_name(level.to.facts().magic) &&
+           !m_sourceKeepsMac && carries_all(level) && is_ours(level.status.st) &&
+           is_ours_all_down(level.from.fd(), name);
 }
 
 // Of files that have other names the library would copy each for itself. A look at a few is enough where whole trees
@@ -172,7 +174,7 @@ void TreeTransfer::check(const Place &source, const Place &destination, const st
         directory(source, destination);
         return;
     }
-    m_made.add(level.there, source.name);
+    m_made.add(level.there, source.name, destination.in, destination.name);
     level.from = HeldDirectory(source.in, source.name);
     level.held = held;
     const auto found = compare(level, call);
