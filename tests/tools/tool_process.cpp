@@ -31,9 +31,9 @@ bool eventually(const std::function<bool()> &condition) {
     return false;
 }
 
-[[noreturn]] void execute(const Arguments &arguments) {
+[[noreturn]] void execute(const Arguments &arguments, const std::string &another = {}) {
     std::vector<char *> pointers;
-    std::string program = VEXOFILEOP_TOOL;
+    std::string program = another.empty() ? VEXOFILEOP_TOOL : another;
     pointers.push_back(program.data());
     for (const std::string &argument : arguments) {
         pointers.push_back(const_cast<char *>(argument.c_str()));
@@ -134,7 +134,8 @@ ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
     return resultOf(status, outText, errText);
 }
 
-ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term) {
+ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term,
+                               const std::string &program) {
     winsize size{};
     size.ws_row = 24;
     size.ws_col = static_cast<unsigned short>(columns);
@@ -145,7 +146,8 @@ ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const st
     if (m_pid == 0) {
         resetSignals();
         ::setenv("TERM", term.c_str(), 1);
-        execute(arguments);
+        ::setenv("TOOL", VEXOFILEOP_TOOL, 1);
+        execute(arguments, program);
     }
 }
 

@@ -127,6 +127,7 @@ const HeldDirectory &FileTransfer::directory_of(HeldDirectory &last, const std::
 
 Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry,
                           Surroundings around) {
+    m_observer.begins(source);
     const HeldDirectory &from = around.from != nullptr ? *around.from : directory_of(m_from, source);
     const HeldDirectory &to = around.to != nullptr ? *around.to : directory_of(m_to, destination);
     const bool openDestination = to.is_open();

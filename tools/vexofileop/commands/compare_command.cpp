@@ -2,10 +2,12 @@
 #include "tools/engine/compare/tree_comparison.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -14,10 +16,12 @@
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
+#include "tools/vexofileop/output/progress_json.h"
 #include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <fmt/format.h>
 #include <memory>
@@ -47,7 +51,7 @@ struct Options {
     engine::TreeComparisonOptions comparison;
     Wanted only, ignored{.all = false};
     std::string report = {}; // the file that it is written to; empty: none
-    bool quiet = false, json = false, noProgress = false;
+    bool quiet = false, json = false, noProgress = false, progressLines = false;
 };
 
 Wanted wanted_of(const Option &option, const char *name) {
@@ -79,9 +83,17 @@ class Comparison : private engine::ComparisonObserver {
     int run() {
         engine::raise_descriptor_limit();
         m_report.begin(m_first, m_second);
-        if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
-            const auto totals = engine::totals_of(m_first, [] { return stop_signal() != 0; });
-            m_console.start_progress(m_options.comparison.data ? totals.bytes : 0, totals.files);
+        const bool bar = !m_options.noProgress && !m_options.json && Console::can_show_progress();
+        if (bar || m_options.progressLines) {
+            engine::TreeSelection selection(m_options.comparison.selection);
+            const auto totals = engine::totals_of(
+                m_first, [] { return stop_signal() != 0; }, selection.counted(m_first, m_options.comparison.named));
+            const int64_t bytes = m_options.comparison.data ? totals.bytes : 0;
+            if (m_options.progressLines) {
+                m_console.start_progress_lines(bytes, totals.files, progress_text("compare"));
+            } else {
+                m_console.start_progress(bytes, totals.files);
+            }
         }
         try {
             engine::compare_trees(m_first, m_second, m_options.comparison, *this);
@@ -90,7 +102,7 @@ class Comparison : private engine::ComparisonObserver {
             m_console.message(failure.what());
             m_trouble = true;
         }
-        m_console.clear_progress();
+        m_console.end_progress();
         return finish();
     }
 
@@ -156,6 +168,7 @@ class Comparison : private engine::ComparisonObserver {
     }
 
     void compared(const std::string &first, engine::EntryKind kind, int64_t bytes) override {
+        note_path(first);
         m_report.count(m_lastDifferent == first ? Fate::different : Fate::same, 1, bytes);
         (kind == engine::EntryKind::directory ? m_directories : m_files) += 1;
         m_bytes += bytes;
@@ -232,7 +245,7 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("-q,--quiet", options->quiet, "no line for a difference; the status tells");
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
-    command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    const ProgressOption progress(command);
     const SelectionOptions selection(command);
     const Option operands = command.add_operands("A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"
@@ -243,7 +256,9 @@ void add_compare_command(const Command &program, int &status) {
                        "Exit status: 0 the same, 1 different, 2 not all could be compared.\n"
                        "Example:\n"
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
-    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, selection, operands] {
+    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, progress, selection, operands] {
+        options->noProgress = progress.wanted().none;
+        options->progressLines = progress.wanted().lines;
         options->report = report_path_of(report);
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {

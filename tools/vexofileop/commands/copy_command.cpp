@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -166,6 +168,11 @@ class TransferArguments {
         transfer.links = transfer.trees;
         transfer.hardLinks = !m_noHardLinks;
         m_options.mostErrors = m_maxErrors.given() ? parse_count("--max-errors", m_maxErrors.values().front(), 1) : 0;
+        if (m_progress) {
+            const ProgressOption::Wanted progress = m_progress->wanted();
+            m_options.noProgress = progress.none;
+            m_options.progressLines = progress.lines;
+        }
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
@@ -203,7 +210,7 @@ class TransferArguments {
         m_command.add_flag("--json", m_options.json, "one JSON object per line: each entry, then a summary");
         if (act == Act::run) {
             m_command.rare().add_flag("-q,--quiet", m_options.quiet, "say nothing but what fails; no progress line");
-            m_command.rare().add_flag("--no-progress", m_options.noProgress, "no progress line on a terminal");
+            m_progress.emplace(m_command);
         }
     }
 
@@ -212,6 +219,7 @@ class TransferArguments {
     bool m_plan, m_noProbe = false, m_noHardLinks = false;
     std::vector<Policy> m_policies;
     Option m_accept, m_report, m_maxErrors;
+    std::optional<ProgressOption> m_progress;
     TargetOptions m_target;
     SelectionOptions m_selection;
     PathOperands m_operands;
