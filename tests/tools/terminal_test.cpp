@@ -5,6 +5,7 @@
 #include "tests/tools/slow_file.h"
 #include "tests/tools/tool_process.h"
 
+#include <algorithm>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <optional>
@@ -249,6 +250,65 @@ TEST_F(Terminal, CancelledMoveKeepsTheSource) {
     EXPECT_EQ(130, tool.finish().status);
     EXPECT_TRUE(kit::exists(slow().path()));
     EXPECT_FALSE(kit::exists(target()));
+}
+
+// Where it is, also in the middle of a call that takes long, and nothing of the copy is lost by the question.
+TEST_F(Terminal, AskedBySignalItTellsWhereItIs) {
+    MAKE_SLOW_FILE();
+    ToolOnTerminal tool({"copy", "--no-progress", slow().path(), target()});
+    ASSERT_TRUE(advances(9 * kMiB));
+    ASSERT_TRUE(slow().waitedFor());
+    for (const char *again : {"first", "second"}) {
+        tool.forget();
+        tool.send(SIGUSR1);
+        // A read of this kind of volume ends before a signal is taken.
+        ASSERT_TRUE(advancesUntil(tool, "vexofileop: copy: 0 files, ")) << again << tool.screen();
+        ASSERT_TRUE(tool.shows("; at " + slow().path() + "\r\n")) << again << tool.screen();
+    }
+    slow().allowAll();
+    EXPECT_EQ(0, tool.finish().status);
+    EXPECT_EQ(kSize, kit::statOf(target()).st_size);
+}
+
+TEST_F(Terminal, AskedBySignalItAnswersOnStderrWhereverThatGoes) {
+    MAKE_SLOW_FILE();
+    ASSERT_TRUE(advances(9 * kMiB));
+    const std::string odd = scratch / "odd \x1b[31m\xff", said = scratch / "said";
+    ASSERT_EQ(0, ::symlink(slow().path().c_str(), odd.c_str()));
+    ToolOnTerminal shell({"-c", R"("$TOOL" copy "$1" "$2" 2>"$3" & read -r; kill -USR1 $!; echo asked; wait $!)",
+                          "bash", odd, target(), said},
+                         80, "xterm", "/bin/bash");
+    ASSERT_TRUE(slow().waitedFor());
+    shell.type("\n");
+    ASSERT_TRUE(shell.shows("asked"));
+    slow().allowAll();
+    EXPECT_EQ(0, shell.finish().status);
+    const std::string line = kit::readFile(said);
+    EXPECT_TRUE(line.starts_with("vexofileop: copy: 0 files, ")) << line;
+    EXPECT_TRUE(line.ends_with("; at " + (scratch / "odd ") + "\\x1b[31m\\xff\n")) << line;
+    EXPECT_EQ(kSize, kit::statOf(target()).st_size);
+}
+
+TEST_F(Terminal, AStopLeavesACleanLineAndTheBarComesAgain) {
+    MAKE_SLOW_FILE();
+    ToolOnTerminal shell(
+        {"-c", R"(stty -echo; set -m; "$TOOL" copy "$1" "$2"; echo "left by $?"; read -r; fg; echo "ended by $?")",
+         "bash", slow().path(), target()},
+        80, "xterm", "/bin/bash");
+    ASSERT_TRUE(advancesUntil(shell, "of 64 MiB"));
+    shell.type("\x1a");
+    ASSERT_TRUE(advancesUntil(shell, "left by 148")) << shell.screen();
+    const std::vector<std::string> rows = kit::rowsOnScreen(shell.screen(), 80);
+    EXPECT_TRUE(std::ranges::none_of(rows, [](const std::string &row) { return row.find("of 64 MiB") != row.npos; }))
+        << shell.screen();
+    shell.forget();
+    shell.resize(40);
+    shell.type("\n");
+    ASSERT_TRUE(advancesUntil(shell, "of 64 MiB")) << shell.screen();
+    slow().allowAll();
+    ASSERT_TRUE(shell.shows("ended by 0")) << shell.screen();
+    EXPECT_EQ(0, shell.finish().status);
+    EXPECT_EQ(kSize, kit::statOf(target()).st_size);
 }
 
 class Question : public Terminal {

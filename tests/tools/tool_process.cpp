@@ -32,10 +32,11 @@ bool eventually(const std::function<bool()> &condition) {
     return false;
 }
 
-// The tool with its arguments, as execv() takes them.
+// The tool, or another program, with its arguments, as execv() takes them.
 class CommandLine {
   public:
-    explicit CommandLine(const Arguments &arguments) {
+    explicit CommandLine(const Arguments &arguments, const std::string &program = VEXOFILEOP_TOOL)
+        : m_program(program) {
         m_pointers.push_back(m_program.data());
         for (const std::string &argument : arguments) {
             m_pointers.push_back(const_cast<char *>(argument.c_str()));
@@ -52,7 +53,7 @@ class CommandLine {
     }
 
   private:
-    std::string m_program = VEXOFILEOP_TOOL;
+    std::string m_program;
     std::vector<char *> m_pointers;
 };
 
@@ -192,7 +193,8 @@ bool mentions(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
 
-ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term) {
+ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const std::string &term,
+                               const std::string &program) {
     winsize size{};
     size.ws_row = 24;
     size.ws_col = static_cast<unsigned short>(columns);
@@ -203,7 +205,8 @@ ToolOnTerminal::ToolOnTerminal(const Arguments &arguments, int columns, const st
     if (m_pid == 0) {
         resetSignals();
         ::setenv("TERM", term.c_str(), 1);
-        CommandLine(arguments).execute();
+        ::setenv("TOOL", VEXOFILEOP_TOOL, 1);
+        CommandLine(arguments, program.empty() ? VEXOFILEOP_TOOL : program).execute();
     }
 }
 

@@ -33,7 +33,9 @@ bool mentions(const std::string &text, const std::string &part);
 // The tool on a pseudo-terminal of its own. What it writes to stdout and stderr arrives on one screen.
 class ToolOnTerminal {
   public:
-    explicit ToolOnTerminal(const Arguments &arguments, int columns = 80, const std::string &term = "xterm");
+    // `program`: another one in its place, such as a shell that runs it; the tool is TOOL in its environment.
+    explicit ToolOnTerminal(const Arguments &arguments, int columns = 80, const std::string &term = "xterm",
+                            const std::string &program = {});
     ToolOnTerminal(const ToolOnTerminal &) = delete;
     ToolOnTerminal &operator=(const ToolOnTerminal &) = delete;
     ~ToolOnTerminal();

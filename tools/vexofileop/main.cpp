@@ -4,6 +4,7 @@
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -37,6 +38,7 @@ void add_commands(const Command &program, int argc, const char *const *argv, int
     const auto named =
         argc > 1 ? std::ranges::find(kCommands, std::string_view(argv[1]), &NamedCommand::name) : std::end(kCommands);
     if (named != std::end(kCommands)) {
+        note_command(named->name.data()); // of the table, which ends it
         named->add(program, status);
         return;
     }

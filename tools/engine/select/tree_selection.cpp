@@ -30,4 +30,17 @@ bool TreeSelection::takes(const std::string &path, const std::string &held, cons
     return false;
 }
 
+std::function<bool(const std::string &, const struct stat &)> TreeSelection::counted(const std::string &top,
+                                                                                     bool named) {
+    if (m_everything) {
+        return {};
+    }
+    begin(top, named);
+    struct stat found {};
+    const dev_t volume = ::lstat(top.c_str(), &found) == 0 ? found.st_dev : 0;
+    return [this, volume](const std::string &path, const struct stat &entry) {
+        return enters(entry.st_dev, volume) && takes(path, path, entry);
+    };
+}
+
 } // namespace engine

@@ -4,6 +4,7 @@
 #include "tools/engine/select/selection.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -26,6 +27,10 @@ class TreeSelection {
     bool takes(const std::string &path, const std::string &held, const struct stat &entry);
     // Whether a directory is gone into. `top`: the volume of the tree's.
     bool enters(dev_t volume, dev_t top) const { return !m_selection.oneFileSystem || volume == top; }
+
+    // Which entries of the tree at `top` are counted beforehand: those that are meant, and nothing of other volumes
+    // where those are left out. It holds this.
+    std::function<bool(const std::string &path, const struct stat &entry)> counted(const std::string &top, bool named);
 
     // How many entries were not meant so far, and others that were left out with their directory.
     size_t left_out() const { return m_leftOut; }

@@ -139,6 +139,7 @@ const HeldDirectory &FileTransfer::directory_of(HeldDirectory &last, const std::
 
 Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry,
                           Surroundings around) {
+    m_observer.begins(source);
     for (int tries = 0;;) {
         bool begun = false;
         Outcome outcome = run_once(source, destination, entry, around, !m_patience.has_more(tries), begun);

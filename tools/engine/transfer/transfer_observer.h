@@ -23,6 +23,8 @@ class TransferObserver : public Observer {
   public:
     // The source is a directory that is carried with everything in it. What becomes of its entries is told next.
     virtual void tree(const std::string &source) = 0;
+    // An entry is taken up; a directory where the library copies it as a whole.
+    virtual void begins(const std::string &) {}
     // What became of an entry.
     virtual void entry(EntryKind kind, const std::string &source, const Outcome &outcome) = 0;
     // So many files and links arrived in a directory of the destination, of which there is nothing to say; of `bytes`

@@ -149,6 +149,7 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination) {
     if (m_observer.stopped()) {
         return;
     }
+    m_observer.begins(source.path());
     const Place made{destination.in, next_private_name()};
     const TreeCall call = call_tree_copy(source.held(), made.held(), m_observer);
     if (destination.in.look(made.name) && !place({destination.in, made.name, destination.name})) {

@@ -123,10 +123,10 @@ std::optional<std::vector<Entry>> entries_in(int directory) {
     return visit_without_trace(directory, entries, add) ? std::optional(std::move(entries)) : std::nullopt;
 }
 
-Totals totals_of(const std::string &path, const std::function<bool()> &stopped) {
+Totals totals_of(const std::string &path, const std::function<bool()> &stopped, const TakesEntry &takes) {
     Totals totals;
     struct stat found {};
-    if (::lstat(path.c_str(), &found) != 0 || stopped()) {
+    if (::lstat(path.c_str(), &found) != 0 || stopped() || (takes && !takes(path, found))) {
         return totals;
     }
     if (!S_ISDIR(found.st_mode)) {
@@ -136,7 +136,7 @@ Totals totals_of(const std::string &path, const std::function<bool()> &stopped) 
     }
     for (const std::string &name : names_in(path).value_or(std::vector<std::string>())) {
         if (VEXOEAIsHiddenDir(name.c_str()) != 1 && !name.starts_with("._")) {
-            totals += totals_of(joined(path, name), stopped);
+            totals += totals_of(joined(path, name), stopped, takes);
         }
     }
     return totals;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace engine {
@@ -31,8 +32,10 @@ struct Totals {
         return *this;
     }
 };
-// Entries that cannot be looked at count nothing. Ends early, with what it has, when `stopped` says so.
-Totals totals_of(const std::string &path, const std::function<bool()> &stopped);
+// Entries that cannot be looked at count nothing. Ends early, with what it has, when `stopped` says so. `takes`: which
+// entries are meant, with what lstat says of them; nothing in a directory that is not meant is counted.
+using TakesEntry = std::function<bool(const std::string &path, const struct stat &entry)>;
+Totals totals_of(const std::string &path, const std::function<bool()> &stopped, const TakesEntry &takes = {});
 
 // Whether `path`, which need not exist, is the directory `directory` or lies below it, by whatever name: symbolic links
 // and bind mounts are seen through.

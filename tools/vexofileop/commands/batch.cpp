@@ -2,14 +2,17 @@
 
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
+#include "tools/vexofileop/output/progress_json.h"
 #include "tools/vexofileop/terminal/progress_bar.h"
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -71,7 +74,7 @@ void Batch::copy(const std::vector<Errand> &errands) {
         }
     }
     m_transfer.leave();
-    m_console.clear_progress();
+    m_console.end_progress();
 }
 
 void Batch::run_below(const Errand &errand) {
@@ -93,15 +96,20 @@ bool Batch::stopped() const {
            (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
-// A tree is counted before it is copied only where somebody sees the bar.
+// A tree is counted before it is copied only where somebody sees it.
 void Batch::begin(const std::vector<Errand> &errands) {
-    if (m_options.noProgress || m_options.quiet || m_options.json || !Console::can_show_progress()) {
+    const bool bar = !m_options.noProgress && !m_options.quiet && !m_options.json && Console::can_show_progress();
+    if (!bar && !m_options.progressLines) {
         return;
     }
     engine::Totals totals;
+    engine::TreeSelection selection(m_options.transfer.selection);
     const auto add = [&](const std::string &source, bool alone) {
         if (!alone && m_transfer.is_tree(source)) {
-            totals += engine::totals_of(source, [] { return stop_signal() != 0; });
+            const bool named = !source.ends_with("/.");
+            const std::string top = source.substr(0, source.size() - (named ? 0 : 2));
+            totals += engine::totals_of(
+                top, [] { return stop_signal() != 0; }, selection.counted(top, named));
         } else {
             totals += {1, size_of(source)};
         }
@@ -115,7 +123,15 @@ void Batch::begin(const std::vector<Errand> &errands) {
             add(engine::joined(errand.source, name), errand.below->alone);
         }
     }
-    m_console.start_progress(totals.bytes, totals.files > 1 ? totals.files : 0);
+    if (m_options.progressLines) {
+        m_console.start_progress_lines(totals.bytes, totals.files, progress_text(command()));
+    } else {
+        m_console.start_progress(totals.bytes, totals.files > 1 ? totals.files : 0);
+    }
+}
+
+void Batch::begins(const std::string &source) {
+    note_path(source);
 }
 
 void Batch::tree(const std::string &) {

@@ -20,6 +20,7 @@ struct BatchOptions {
     bool stopOnError = false;
     int64_t mostErrors = 0; // entries that failed, or lost what was not accepted; 0: any number
     bool verbose = false, json = false, quiet = false, noProgress = false;
+    bool progressLines = false;    // as JSON, on stderr
     std::string report = {};       // the file that tells it all; empty: none
     const char *command = nullptr; // where it is another one than the operation's
 };
@@ -50,6 +51,7 @@ class Batch : protected engine::TransferObserver {
 
     void begin(const std::vector<Errand> &errands);
     void run_below(const Errand &errand);
+    void begins(const std::string &source) override;
     void tree(const std::string &source) override;
     void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override;
     void arrived(const std::string &directory, int files, int64_t bytes) override;

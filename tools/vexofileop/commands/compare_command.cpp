@@ -2,12 +2,14 @@
 #include "tools/engine/compare/tree_comparison.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
@@ -16,10 +18,12 @@
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
+#include "tools/vexofileop/output/progress_json.h"
 #include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <cerrno>
 #include <fmt/format.h>
@@ -52,7 +56,7 @@ struct Options {
     std::optional<std::vector<std::string>> names = {}; // below the two directories; nothing: these themselves
     Wanted only, ignored{.all = false};
     std::string report = {}; // the file that it is written to; empty: none
-    bool quiet = false, json = false, noProgress = false;
+    bool quiet = false, json = false, noProgress = false, progressLines = false;
 };
 
 Wanted wanted_of(const Option &option, const char *name) {
@@ -84,9 +88,17 @@ class Comparison : private engine::ComparisonObserver {
     int run() {
         engine::raise_descriptor_limit();
         m_report.begin(m_first, m_second);
-        if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
-            const auto totals = engine::totals_of(m_first, [] { return stop_signal() != 0; });
-            m_console.start_progress(m_options.comparison.data ? totals.bytes : 0, totals.files);
+        const bool bar = !m_options.noProgress && !m_options.json && Console::can_show_progress();
+        if (bar || m_options.progressLines) {
+            engine::TreeSelection selection(m_options.comparison.selection);
+            const auto totals = engine::totals_of(
+                m_first, [] { return stop_signal() != 0; }, selection.counted(m_first, m_options.comparison.named));
+            const int64_t bytes = m_options.comparison.data ? totals.bytes : 0;
+            if (m_options.progressLines) {
+                m_console.start_progress_lines(bytes, totals.files, progress_text("compare"));
+            } else {
+                m_console.start_progress(bytes, totals.files);
+            }
         }
         if (!m_options.names) {
             compare(m_first, m_second);
@@ -98,7 +110,7 @@ class Comparison : private engine::ComparisonObserver {
                 compare_listed(engine::joined(m_first, name), engine::joined(m_second, name));
             }
         }
-        m_console.clear_progress();
+        m_console.end_progress();
         return finish();
     }
 
@@ -184,6 +196,7 @@ class Comparison : private engine::ComparisonObserver {
     }
 
     void compared(const std::string &first, engine::EntryKind kind, int64_t bytes) override {
+        note_path(first);
         m_report.count(m_lastDifferent == first ? Fate::different : Fate::same, 1, bytes);
         (kind == engine::EntryKind::directory ? m_directories : m_files) += 1;
         m_bytes += bytes;
@@ -260,7 +273,7 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("-q,--quiet", options->quiet, "no line for a difference; the status tells");
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
-    command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    const ProgressOption progress(command);
     const SelectionOptions selection(command);
     const PathOperands operands(command, "A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"
@@ -271,7 +284,9 @@ void add_compare_command(const Command &program, int &status) {
                        "Exit status: 0 the same, 1 different, 2 not all could be compared.\n"
                        "Example:\n"
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
-    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, selection, operands] {
+    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, progress, selection, operands] {
+        options->noProgress = progress.wanted().none;
+        options->progressLines = progress.wanted().lines;
         options->report = report_path_of(report);
         const std::vector<std::string> paths = operands.given();
         if (paths.size() != 2) {

@@ -3,6 +3,7 @@
 #include "tools/vexofileop/arguments/errands.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
@@ -16,6 +17,7 @@
 #include <cstdint>
 #include <fmt/format.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -189,6 +191,11 @@ class TransferArguments {
         transfer.hardLinks = !m_noHardLinks;
         m_ways.apply(transfer);
         m_options.mostErrors = m_maxErrors.given() ? parse_count("--max-errors", m_maxErrors.values().front(), 1) : 0;
+        if (m_progress) {
+            const ProgressOption::Wanted progress = m_progress->wanted();
+            m_options.noProgress = progress.none;
+            m_options.progressLines = progress.lines;
+        }
         if (transfer.checksum && transfer.conflict != engine::Conflict::update) {
             throw UsageError("--checksum says how -u compares, and needs it");
         }
@@ -253,7 +260,7 @@ class TransferArguments {
         m_command.add_flag("--json", m_options.json, "one JSON object per line: each entry, then a summary");
         if (act == Act::run) {
             m_command.rare().add_flag("-q,--quiet", m_options.quiet, "say nothing but what fails; no progress line");
-            m_command.rare().add_flag("--no-progress", m_options.noProgress, "no progress line on a terminal");
+            m_progress.emplace(m_command);
         }
     }
 
@@ -262,6 +269,7 @@ class TransferArguments {
     bool m_plan, m_noProbe = false, m_noHardLinks = false, m_relative = false;
     std::vector<Policy> m_policies;
     Option m_accept, m_report, m_maxErrors;
+    std::optional<ProgressOption> m_progress;
     TargetOptions m_target;
     WayOptions m_ways;
     SelectionOptions m_selection;

@@ -1,5 +1,6 @@
 // vexofileop mirror and its plan.
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
@@ -8,6 +9,7 @@
 #include "tools/vexofileop/commands/mirror_run.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +62,11 @@ class MirrorArguments {
         batch.transfer.accepted = loss_set_of(m_accept, "--accept");
         batch.transfer.hardLinks = !m_noHardLinks;
         batch.mostErrors = m_maxErrors.given() ? parse_count("--max-errors", m_maxErrors.values().front(), 1) : 0;
+        if (m_progress) {
+            const ProgressOption::Wanted progress = m_progress->wanted();
+            batch.noProgress = progress.none;
+            batch.progressLines = progress.lines;
+        }
         m_options.most = m_most.given() ? parse_count("--max-delete", m_most.values().front(), 0) : -1;
         const MirrorPair pair(paths[0], paths[1]);
         if (!m_plan) {
@@ -87,13 +94,14 @@ class MirrorArguments {
         m_command.add_flag("--dry-run", m_plan, "do nothing; tell what \"plan mirror\" tells");
         m_command.add_flag("--verify", batch.transfer.verify, "read each file back and compare it with its source");
         m_command.rare().add_flag("-q,--quiet", batch.quiet, "say nothing but what fails; no progress line");
-        m_command.rare().add_flag("--no-progress", batch.noProgress, "no progress line on a terminal");
+        m_progress.emplace(m_command);
     }
 
     Command m_command;
     MirrorOptions m_options;
     bool m_plan, m_noProbe = false, m_noHardLinks = false;
     Option m_force, m_ask, m_most, m_accept, m_report, m_maxErrors;
+    std::optional<ProgressOption> m_progress;
     SelectionOptions m_selection;
     Option m_operands;
 };

@@ -11,6 +11,7 @@
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <fmt/format.h>
 #include <memory>
@@ -69,7 +70,9 @@ class Removal : private engine::RemovalObserver {
         if (status == engine::Status::skipped && stop_signal() != 0) {
             return; // the signal was the answer
         }
+        note_path(path);
         ++(status == engine::Status::done ? m_done : status == engine::Status::skipped ? m_kept : m_failed);
+        m_console.progress(0, m_done + m_kept + m_failed);
         if (problem != nullptr) {
             m_console.message(problem_text(engine::displayed(path), *problem, kRecursion));
         }

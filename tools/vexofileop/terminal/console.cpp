@@ -1,6 +1,7 @@
 #include "tools/vexofileop/terminal/console.h"
 
 #include "tools/vexofileop/terminal/signals.h"
+#include "tools/vexofileop/terminal/status_note.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -17,6 +18,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kMoment{500};
 constexpr std::chrono::milliseconds kRedraw{100};
+constexpr std::chrono::milliseconds kNextLine{200};
 constexpr int kUsualWidth = 80;
 
 void write_error(std::string_view text) {
@@ -39,6 +41,12 @@ bool can_redraw() {
 int terminal_width() {
     winsize size{};
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
+}
+
+// In the background the terminal is somebody else's.
+bool is_in_foreground() {
+    const pid_t group = ::tcgetpgrp(STDERR_FILENO);
+    return group < 0 || group == ::getpgrp();
 }
 
 // A line of stdin, read byte by byte so that what follows stays for the next question or program. Nothing: there is
@@ -104,35 +112,78 @@ bool Console::can_ask() {
     return ::isatty(STDIN_FILENO) == 1;
 }
 
-void Console::start_progress(int64_t totalBytes, int64_t totalFiles) {
-    m_progress = can_redraw();
+void Console::start(int64_t totalBytes, int64_t totalFiles) {
     m_total = totalBytes;
     m_totalFiles = totalFiles;
     m_started = Clock::now();
-    m_nextDraw = m_started + kMoment;
     m_rate = {};
     m_rate.add(0, 0);
+    m_left = TimeLeft(totalBytes, totalFiles);
+    m_left.add(0, 0, 0);
+    note_totals(totalBytes, totalFiles);
+}
+
+void Console::start_progress(int64_t totalBytes, int64_t totalFiles) {
+    m_progress = can_redraw();
+    start(totalBytes, totalFiles);
+    m_nextDraw = m_started + kMoment;
+    if (m_progress) {
+        watch_pauses();
+    }
+}
+
+void Console::start_progress_lines(int64_t totalBytes, int64_t totalFiles, ProgressText text) {
+    m_progress = true;
+    m_text = std::move(text);
+    start(totalBytes, totalFiles);
+    m_nextDraw = m_started;
+    progress(0, 0);
 }
 
 void Console::progress(int64_t doneBytes, int64_t doneFiles) {
+    note_done(doneBytes, doneFiles);
     if (!m_progress) {
         return;
     }
+    m_done = doneBytes;
+    m_files = doneFiles;
     const Clock::time_point now = Clock::now();
     if (now < m_nextDraw) {
         return;
     }
-    m_nextDraw = now + kRedraw;
-    m_rate.add(std::chrono::duration<double>(now - m_started).count(), doneBytes);
-    write_error("\r" + render_progress({doneBytes, m_total, m_rate.rate(), terminal_width(), doneFiles, m_totalFiles}) +
-                "\x1b[K");
-    m_drawn = true;
+    m_nextDraw = now + (m_text ? kNextLine : kRedraw);
+    const double seconds = std::chrono::duration<double>(now - m_started).count() - paused_seconds();
+    m_rate.add(seconds, doneBytes);
+    m_left.add(seconds, doneBytes, doneFiles);
+    draw({doneBytes, m_total, doneFiles, m_totalFiles, seconds, m_rate.rate(), m_left.seconds()});
+}
+
+void Console::draw(const ProgressNow &now) {
+    if (m_text) {
+        write_error(m_text(now) + "\n");
+    } else if (is_in_foreground()) {
+        // The time that bytes and files need is known where both are; of one file the rate of its bytes says it.
+        const auto left = m_totalFiles > 0 ? now.left : std::nullopt;
+        write_error("\r" +
+                    render_progress({now.bytes, m_total, now.rate, terminal_width(), now.files, m_totalFiles, left}) +
+                    "\x1b[K");
+        set_line_drawn(true);
+    }
+}
+
+void Console::end_progress() {
+    clear_progress();
+    if (m_progress && m_text) {
+        m_nextDraw = {};
+        progress(m_done, m_files);
+    }
+    m_progress = false;
 }
 
 void Console::clear_progress() {
-    if (m_drawn) {
+    if (m_progress && !m_text && is_line_drawn()) {
         write_error("\r\x1b[K");
-        m_drawn = false;
+        set_line_drawn(false);
     }
 }
 

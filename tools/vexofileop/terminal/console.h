@@ -3,13 +3,23 @@
 #pragma once
 
 #include "tools/vexofileop/terminal/progress_bar.h"
+#include "tools/vexofileop/terminal/time_left.h"
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace tool {
+
+// How far the work is. Totals of 0 are not known.
+struct ProgressNow {
+    int64_t bytes, totalBytes, files, totalFiles;
+    double seconds;                   // since it began, but those in which the program was stopped
+    std::optional<double> rate, left; // bytes a second; seconds
+};
 
 class Console {
   public:
@@ -32,7 +42,12 @@ class Console {
 
     // Shows a progress line from half a second from now on, where stderr is a terminal that can redraw one.
     void start_progress(int64_t totalBytes, int64_t totalFiles = 0);
+    // Instead of it a line of `text` on stderr now, several times a second as long as something is done, and at the
+    // end.
+    using ProgressText = std::function<std::string(const ProgressNow &)>;
+    void start_progress_lines(int64_t totalBytes, int64_t totalFiles, ProgressText text);
     void progress(int64_t doneBytes, int64_t doneFiles = 0);
+    void end_progress();
     // Whether a progress line could be shown at all.
     static bool can_show_progress();
     // Whether a question reaches a person.
@@ -41,13 +56,16 @@ class Console {
 
   private:
     using Clock = std::chrono::steady_clock;
+    void start(int64_t totalBytes, int64_t totalFiles);
+    void draw(const ProgressNow &now);
     int m_outputError = 0; // errno of the first write to stdout that failed
     bool m_unanswered = false;
-    bool m_progress = false; // wanted
-    bool m_drawn = false;    // on the screen
-    int64_t m_total = 0, m_totalFiles = 0;
+    bool m_progress = false;  // wanted
+    ProgressText m_text = {}; // of lines
+    int64_t m_total = 0, m_totalFiles = 0, m_done = 0, m_files = 0;
     Clock::time_point m_started, m_nextDraw;
     RateMeter m_rate;
+    TimeLeft m_left{0, 0};
 };
 
 } // namespace tool

@@ -75,7 +75,9 @@ std::vector<std::string> parts_of(const ProgressView &view) {
     if (view.rate) {
         parts.push_back(size_text(static_cast<int64_t>(*view.rate)) + "/s");
         const double left = static_cast<double>(view.total - view.done);
-        if (*view.rate > 0 && left >= 0 && view.total > 0) {
+        if (view.left) {
+            parts.push_back(time_text(*view.left) + " left");
+        } else if (*view.rate > 0 && left >= 0 && view.total > 0) {
             parts.push_back(time_text(left / *view.rate) + " left");
         }
     }

@@ -13,6 +13,7 @@ struct ProgressView {
     std::optional<double> rate;        // bytes per second; none before it can be told
     int width;                         // columns of the terminal
     int64_t files = 0, totalFiles = 0; // of several files; a total of 0 shows none
+    std::optional<double> left = {};   // seconds; else those that the rest of the bytes takes at the rate
 };
 
 // One line of at most width - 1 columns (a full line would wrap on some terminals), ASCII only:

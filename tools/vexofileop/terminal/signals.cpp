@@ -1,8 +1,15 @@
 #include "tools/vexofileop/terminal/signals.h"
 
+#include "tools/vexofileop/terminal/status_note.h"
+
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <ctime>
 #include <poll.h>
+#include <unistd.h>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -11,11 +18,83 @@ constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t stopSignal = 0;
 
+volatile std::sig_atomic_t lineDrawn = 0;
+std::atomic<int64_t> pausedNanoseconds = 0;
+static_assert(std::atomic<int64_t>::is_always_lock_free);
+
 extern "C" void remember_signal(int number) {
     stopSignal = number;
 }
 
+void clear_line() {
+    if (std::exchange(lineDrawn, 0) != 0) {
+        constexpr char clear[] = "\r\x1b[K";
+        (void)!::write(STDERR_FILENO, clear, sizeof clear - 1);
+    }
+}
+
+extern "C" void tell_where(int) {
+    const int number = errno;
+    clear_line();
+    tell_status();
+    errno = number;
+}
+
+int64_t nanoseconds_now() {
+    timespec now{};
+    (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1'000'000'000L + now.tv_nsec;
+}
+
+// Stops as a program does that has no handler, and returns when it goes on.
+extern "C" void pause_program(int number) {
+    const int before = errno;
+    clear_line();
+    struct sigaction usual {
+    }, ours{};
+    usual.sa_handler = SIG_DFL;
+    sigset_t this_one, blocked;
+    ::sigemptyset(&this_one);
+    ::sigaddset(&this_one, number);
+    const int64_t stopped = nanoseconds_now();
+    ::sigaction(number, &usual, &ours);
+    (void)::raise(number);
+    ::sigprocmask(SIG_UNBLOCK, &this_one, &blocked); // here it stops
+    ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    ::sigaction(number, &ours, nullptr);
+    pausedNanoseconds += nanoseconds_now() - stopped;
+    errno = before;
+}
+
+// A call under way goes on afterwards.
+void watch(int number, void (*handler)(int)) {
+    struct sigaction now {
+    }, action{};
+    if (::sigaction(number, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) {
+        action.sa_handler = handler;
+        action.sa_flags = SA_RESTART;
+        ::sigemptyset(&action.sa_mask);
+        ::sigaction(number, &action, nullptr);
+    }
+}
+
 } // namespace
+
+void watch_pauses() {
+    watch(SIGTSTP, pause_program);
+}
+
+void set_line_drawn(bool drawn) {
+    lineDrawn = drawn ? 1 : 0;
+}
+
+bool is_line_drawn() {
+    return lineDrawn != 0;
+}
+
+double paused_seconds() {
+    return static_cast<double>(pausedNanoseconds) / 1e9;
+}
 
 void watch_signals() {
     for (const int number : kStopSignals) {
@@ -32,6 +111,7 @@ void watch_signals() {
         ::sigaction(number, &watch, nullptr);
     }
     std::signal(SIGPIPE, SIG_IGN);
+    watch(SIGUSR1, tell_where);
 }
 
 int stop_signal() {

@@ -5,8 +5,19 @@ namespace tool {
 
 // From now on the first SIGINT, SIGTERM and SIGHUP each set a flag; the second of a kind has its default effect. What
 // was ignored when the program started (nohup, a job in the background) stays ignored. SIGPIPE is ignored: work goes on
-// when nobody reads the output any more.
+// when nobody reads the output any more. SIGUSR1 prints where the work is (status_note.h).
 void watch_signals();
+
+// From now on SIGTSTP (Ctrl-Z) takes what is_line_drawn() tells off the terminal before the program stops, unless it
+// was ignored. Without a call of this it just stops.
+void watch_pauses();
+
+// Whether a line without its end stands on the terminal, which a signal handler has to take away first. The handler
+// sets it back.
+void set_line_drawn(bool drawn);
+bool is_line_drawn();
+// How long the program has been stopped by SIGTSTP so far.
+double paused_seconds();
 
 // The signal that asked to stop; 0: none so far.
 int stop_signal();

@@ -1,0 +1,96 @@
+// --progress=json: lines for programs, on stderr, beside whatever else the command says.
+#include "tests/kit/scratch.h"
+#include "tests/tools/tool_process.h"
+
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+
+using Object = std::shared_ptr<json_object>;
+
+// The lines of the text, all of which are events of progress.
+std::vector<Object> eventsOf(const std::string &text) {
+    std::vector<Object> events;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        events.emplace_back(json_tokener_parse(line.c_str()), &json_object_put);
+        json_object *event = nullptr;
+        EXPECT_TRUE(json_object_object_get_ex(events.back().get(), "event", &event)) << line;
+        EXPECT_STREQ("progress", json_object_get_string(event)) << line;
+    }
+    return events;
+}
+
+int64_t numberIn(const Object &object, const char *name) {
+    json_object *member = nullptr;
+    EXPECT_TRUE(json_object_object_get_ex(object.get(), name, &member)) << name;
+    return json_object_get_int64(member);
+}
+
+class ProgressLines : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(0, ::mkdir(tree.c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((tree + "/in").c_str(), 0755));
+        kit::writeFile(tree + "/one", std::string(1000, '1'));
+        kit::writeFile(tree + "/in/two", std::string(200, '2'));
+        kit::writeFile(tree + "/in/left.o", std::string(50'000, 'o'));
+    }
+    kit::ScratchDirectory scratch;
+    const std::string tree = scratch / "tree", copy = scratch / "copy";
+};
+
+TEST_F(ProgressLines, BeginAndEndWithWhatIsToBeDone) {
+    for (const kit::Arguments &command : std::vector<kit::Arguments>{
+             {"copy", "-r", "-T"}, {"mirror", "-f"}, {"compare"}, {"copy", "-ru", "--json", "-T"}}) {
+        kit::Arguments all = command;
+        all.insert(all.end(), {"--progress=json", tree, copy});
+        const ToolResult result = runTool(all);
+        ASSERT_EQ(0, result.status) << result.err;
+        const std::vector<Object> events = eventsOf(result.err);
+        ASSERT_LE(2U, events.size()) << command.front();
+        EXPECT_EQ(0, numberIn(events.front(), "files")) << command.front();
+        for (const char *end : {"", "_total"}) {
+            EXPECT_EQ(3, numberIn(events.back(), ("files" + std::string(end)).c_str())) << command.front() << end;
+            EXPECT_EQ(51'200, numberIn(events.back(), ("bytes" + std::string(end)).c_str())) << command.front() << end;
+        }
+    }
+}
+
+TEST_F(ProgressLines, TotalsAreOfWhatIsMeant) {
+    const ToolResult result = runTool({"copy", "-r", "-T", "--progress", "json", "--exclude", "*.o", tree, copy});
+    const std::vector<Object> events = eventsOf(result.err);
+    ASSERT_LE(2U, events.size());
+    EXPECT_EQ(2, numberIn(events.front(), "files_total"));
+    EXPECT_EQ(1200, numberIn(events.front(), "bytes_total"));
+    EXPECT_EQ(2, numberIn(events.back(), "files"));
+    const ToolResult compared = runTool({"compare", "--progress", "json", "--exclude", "*.o", tree, copy});
+    EXPECT_EQ(1200, numberIn(eventsOf(compared.err).front(), "bytes_total"));
+}
+
+TEST_F(ProgressLines, AreFewHoweverManyTheEntriesAre) {
+    constexpr int files = 400;
+    for (int number = 0; number < files; ++number) {
+        kit::writeFile(tree + "/in/" + std::to_string(number), "");
+    }
+    const ToolResult result = runTool({"copy", "-rv", "-T", "--progress", "json", tree, copy});
+    EXPECT_GT(files / 2U, eventsOf(result.err).size());
+    EXPECT_EQ(files + 3, numberIn(eventsOf(result.err).back(), "files"));
+}
+
+TEST_F(ProgressLines, KindsAreChecked) {
+    EXPECT_EQ(2, runTool({"copy", "--progress", "loud", tree, copy}).status);
+    EXPECT_EQ("", runTool({"copy", "-r", "--progress=none", tree, copy}).err);
+    EXPECT_EQ("", runTool({"copy", "-r", "--progress=json", "--no-progress", tree, scratch / "other"}).err);
+}
+
+} // namespace
