@@ -81,7 +81,7 @@ TEST_P(Mirrored, DestinationIsEqualWhateverStoodThere) {
         const std::string source = from.path() + "/" + name, copy = to.path() + "/" + name;
         agreement::make_tree(source, seed);
         removeStrays(source);
-        agreement::make_tree(copy, seed % 3 == 0 ? seed : seed + 7, true);
+        agreement::make_tree(copy, seed % 3 == 0 ? seed : seed + 7, {.older = true});
         const kit::ToolResult run = kit::runTool({"mirror", "-f", "--specials", source, copy});
         EXPECT_EQ("", differences(source, copy)) << kit::repeat(seed) << "\n" << run.out << run.err;
         const kit::ToolResult again = kit::runTool({"mirror", "--specials", source, copy});

@@ -18,7 +18,7 @@ constexpr uint32_t kQuota = 0x2400;
 
 using Failures = std::map<std::string, uint32_t>; // codes, by the name of the entry
 
-class Forecast : public engine::PlanObserver {
+class QuotaForecast : public engine::PlanObserver {
   public:
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
@@ -30,7 +30,7 @@ class Forecast : public engine::PlanObserver {
     Failures failures = {};
 };
 
-class Receipt : public engine::TransferObserver {
+class QuotaReceipt : public engine::TransferObserver {
   public:
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
@@ -67,10 +67,10 @@ class PlanUnderQuota : public kit::Behaviour {
             ASSERT_EQ(0, ::setresgid(user, user, user));
             ASSERT_EQ(0, ::setresuid(user, user, user));
             const engine::TransferOptions options{.trees = true};
-            Forecast forecast;
+            QuotaForecast forecast;
             engine::Planner(engine::PlanOptions{.transfer = options}, forecast).run(scratch / "tree", to + "/tree");
             EXPECT_EQ(expected, forecast.failures);
-            Receipt receipt;
+            QuotaReceipt receipt;
             engine::Transfer(options, receipt).run(scratch / "tree", to + "/tree");
             EXPECT_EQ(expected, receipt.failures);
         }));

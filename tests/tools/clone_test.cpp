@@ -20,9 +20,7 @@ using kit::runTool;
 using kit::ToolResult;
 using Names = std::vector<std::string>;
 
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using kit::mentions;
 
 // Whether the first extent of a file is another file's, too.
 bool sharesData(const std::string &path) {

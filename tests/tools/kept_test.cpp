@@ -20,9 +20,7 @@ using kit::Arguments;
 using kit::runTool;
 using kit::ToolResult;
 
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using kit::mentions;
 
 void setTimes(const std::string &path) {
     const timespec times[] = {{1'100'000'000, 0}, {1'200'000'000, 123'456'700}};

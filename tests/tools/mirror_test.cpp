@@ -21,9 +21,7 @@ namespace {
 using kit::runTool;
 using kit::ToolResult;
 
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using kit::mentions;
 
 void makeDirectory(const std::string &path) {
     ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;

@@ -17,9 +17,7 @@ using kit::runTool;
 using kit::ToolResult;
 using Names = std::vector<std::string>;
 
-bool mentions(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
+using kit::mentions;
 
 class Relative : public ::testing::Test {
   protected:

@@ -28,6 +28,8 @@
 namespace engine {
 namespace {
 
+constexpr mode_t kModeBits = 07777;
+
 constexpr char kEntry[] = "entry", kNames[] = "names";
 constexpr int64_t kBlock = 512;
 // Between these all volumes that keep a time at all keep it.

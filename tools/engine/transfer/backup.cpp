@@ -78,11 +78,12 @@ std::optional<Problem> Backups::refusal(const HeldDirectory &directory, const st
     const std::string place = place_of(destination), other = directory_for(parent_of(destination));
     std::optional<struct stat> there;
     int number = 0;
+    HeldDirectory held;
     if (other.empty()) {
         there = directory.look(base_name(place));
         number = errno;
     } else {
-        const HeldDirectory held = nearest(other);
+        held = nearest(other);
         if (!held.is_open()) {
             return not_kept(std::strerror(errno));
         }
@@ -105,7 +106,7 @@ std::optional<Problem> Backups::refusal(const HeldDirectory &directory, const st
     if (same(source, there)) {
         return not_kept(fmt::format("{} is the source", displayed(place)));
     }
-    if (written != nullptr && written->contains(*there)) {
+    if (written != nullptr && written->contains(*there, held.is_open() ? held : directory, base_name(place))) {
         return not_kept(fmt::format("{} was just written by this command", displayed(place)));
     }
     return std::nullopt;
