@@ -17,7 +17,7 @@ namespace {
 
 using namespace engine;
 
-class Watcher : public TransferObserver {
+class BackupWatcher : public TransferObserver {
   public:
     bool stopped() const override { return false; }
     void tree(const std::string &) override {}
@@ -46,7 +46,7 @@ struct Kept {
     BackupOptions options() const { return {true, below.empty() ? "~" : "", below.empty() ? "" : scratch / below}; }
     // 0, or 3 where it failed, or 4 where the new file has lost something on its way, as it says.
     int replace() const {
-        Watcher watcher;
+        BackupWatcher watcher;
         Transfer({.conflict = Conflict::update, .backup = options()}, watcher)
             .run(scratch / "from/file", scratch / "to/file");
         return watcher.status != Status::done ? 3 : watcher.whole ? 0 : 4;
