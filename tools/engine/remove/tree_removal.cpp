@@ -81,7 +81,10 @@ void TreeRemoval::run(const std::string &given) {
         return;
     }
     const std::string name = base_name(m_path);
-    const auto found = open_parent(parent_of(m_path), name) ? m_parent.look(name) : std::nullopt;
+    std::optional<struct stat> found;
+    if (open_parent(parent_of(m_path), name)) {
+        found = m_parent.look(name);
+    }
     if (!found) {
         const int number = errno;
         if (number == ENOENT && m_parent.is_open() && has_rest(name)) {
