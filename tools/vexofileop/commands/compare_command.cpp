@@ -5,6 +5,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
@@ -48,6 +49,7 @@ struct Options {
     Wanted only, ignored{.all = false};
     std::string report = {}; // the file that it is written to; empty: none
     bool quiet = false, json = false, noProgress = false;
+    int jobs = 0; // 0: the usual number
 };
 
 Wanted wanted_of(const Option &option, const char *name) {
@@ -84,7 +86,8 @@ class Comparison : private engine::ComparisonObserver {
             m_console.start_progress(m_options.comparison.data ? totals.bytes : 0, totals.files);
         }
         try {
-            engine::compare_trees(m_first, m_second, m_options.comparison, *this);
+            const int jobs = m_options.jobs > 0 ? m_options.jobs : engine::usual_hands({m_first}, m_second);
+            engine::compare_trees(m_first, m_second, m_options.comparison, *this, hands_of(jobs));
         } catch (const engine::Failure &failure) {
             m_console.clear_progress();
             m_console.message(failure.what());
@@ -233,6 +236,7 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
     command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    add_jobs_option(command, options->jobs);
     const SelectionOptions selection(command);
     const Option operands = command.add_operands("A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"

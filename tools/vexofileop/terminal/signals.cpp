@@ -34,6 +34,12 @@ void watch_signals() {
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+void ignore_stop_signals() {
+    for (const int number : kStopSignals) {
+        std::signal(number, SIG_IGN);
+    }
+}
+
 int stop_signal() {
     return stopSignal;
 }

@@ -8,6 +8,9 @@ namespace tool {
 // when nobody reads the output any more.
 void watch_signals();
 
+// For a process that works for this one: a stop is for this one to understand.
+void ignore_stop_signals();
+
 // The signal that asked to stop; 0: none so far.
 int stop_signal();
 
