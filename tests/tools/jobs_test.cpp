@@ -23,6 +23,7 @@
 #include <unistd.h>
 #include <vector>
 
+namespace jobs_tests {
 namespace {
 
 using kit::runTool;
@@ -482,3 +483,4 @@ TEST_F(CompareJobs, KilledItLeavesNobodyBehind) {
 }
 
 } // namespace
+} // namespace jobs_tests

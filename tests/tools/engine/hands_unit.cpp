@@ -11,6 +11,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+namespace hands_tests {
 namespace {
 
 using engine::Disks;
@@ -159,3 +160,4 @@ TEST_F(Machine, ProcessorsAreThoseThatThisProcessMayUse) {
 }
 
 } // namespace
+} // namespace hands_tests

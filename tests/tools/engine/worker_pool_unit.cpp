@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace worker_pool_tests {
 namespace {
 
 using engine::Crew;
@@ -437,3 +438,4 @@ TEST_F(Pool, WithoutAnyProcessTheRequestFailsByName) {
 }
 
 } // namespace
+} // namespace worker_pool_tests
