@@ -142,7 +142,7 @@ TEST_F(EaHeld, LinkThatIsNamedIsNotFollowed) {
         (void)ea({"rm", one, "user.note"});
         (void)ea({"rm", other, "user.note"});
     }
-    EXPECT_NE(std::string::npos, ea({"--help"}).out.find("No symbolic link is followed"));
+    EXPECT_NE(std::string::npos, ea({"--help"}).out.find("symbolic link that is named as a file is not followed"));
 }
 
 // A link on the way is where the user has pointed to; one that stands in place of a store is not.

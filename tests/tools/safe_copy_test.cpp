@@ -254,6 +254,7 @@ TEST_F(SafeCopy, InPlaceThatFailsSaysWhatItHasCost) {
     const ToolResult result = runTool({"copy", "-f", "--in-place", "/proc/self/status", to});
     EXPECT_EQ(2, result.status);
     EXPECT_TRUE(mentions(result.err, "the old content is gone")) << result.err;
+    ASSERT_EQ(0, ::chmod(to.c_str(), 0644));
     kit::writeFile(to, "old");
     const ToolResult missing = runTool({"copy", "-f", "--in-place", scratch / "none", to});
     EXPECT_FALSE(mentions(missing.err, "the old content is gone")) << missing.err;

@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace worker_pool_tests {
 namespace {
 
 using engine::Crew;
@@ -146,7 +147,7 @@ struct Told : engine::Overseer {
     };
 
     bool stopped() const override { return stop(); }
-    void told(std::string_view record) override {
+    void told(uint64_t, std::string_view record) override {
         const int number = RecordReader(record).number<int>();
         ++numbers[number];
         on_number(number);
@@ -154,11 +155,12 @@ struct Told : engine::Overseer {
     std::optional<std::string> asked(uint64_t worker, std::string_view record) override {
         return answer(worker, record);
     }
-    void lost(std::string_view job, const std::string &path, const std::string &reason) override {
+    bool lost(uint64_t, std::string_view job, const std::string &path, const std::string &reason) override {
         RecordReader reader(job);
         const int first = reader.number<int>();
         unfinished.emplace_back(path.empty() ? first : std::stoi(path), reader.number<int>());
         reasons.push_back(reason);
+        return false;
     }
     void gone(uint64_t worker) override { dead.insert(worker); }
     bool each_once(int upTo) const {
@@ -200,20 +202,31 @@ TEST_F(Pool, DoesEverythingOnceWithAnyNumberOfWorkers) {
     }
 }
 
+// Nobody goes on before all of them are here, but to give something away to who has nothing.
 TEST_F(Pool, SharesTheWork) {
-    std::set<std::string> seen;
+    std::set<uint64_t> seen;
     told.answer = [&](uint64_t worker, std::string_view) {
-        seen.insert(std::to_string(worker));
-        // Nobody goes on before all of them are here.
-        return seen.size() == 4 ? std::optional<std::string>("go") : std::nullopt;
+        seen.insert(worker);
+        return std::optional<std::string>(seen.size() == 4 ? "go" : "wait");
     };
-    count(4, 100, [](Crew &crew, int number) {
-        if (number % 2 == 0) {
-            EXPECT_EQ("go", crew.ask("may I?"));
+    count(4, 10'000, [](Crew &crew, int) {
+        static bool go = false;
+        while (!go && !crew.is_work_wanted()) {
+            go = crew.ask("may I?") == "go";
         }
     });
     EXPECT_EQ(4u, seen.size());
-    EXPECT_TRUE(told.each_once(100));
+    EXPECT_TRUE(told.each_once(10'000));
+}
+
+// An answer that is not there yet comes when it is.
+TEST_F(Pool, QuestionWaitsForItsAnswer) {
+    int asked = 0;
+    told.answer = [&](uint64_t, std::string_view question) {
+        return ++asked < 3 ? std::nullopt : std::optional<std::string>(question);
+    };
+    count(1, 1, [](Crew &crew, int) { EXPECT_EQ("which?", crew.ask("which?")); });
+    EXPECT_EQ(3, asked);
 }
 
 TEST_F(Pool, WorksForOneRequestAfterTheOther) {
@@ -240,7 +253,7 @@ TEST_F(Pool, ToldInFullIsMoreThanAnyBuffer) {
     };
     struct Listener : Told {
         explicit Listener(size_t &size) : bytes(size) {}
-        void told(std::string_view record) override { bytes += record.size(); }
+        void told(uint64_t, std::string_view record) override { bytes += record.size(); }
         size_t &bytes;
     } listener(got);
     engine::WorkerPool pool(
@@ -294,6 +307,33 @@ TEST_F(Pool, DeathCostsWhatWasBegunAndNothingElse) {
     for (int number = 0; number < 1'000; ++number) {
         EXPECT_LE(1, told.numbers[number]) << number << " is neither done nor known to be lost";
     }
+}
+
+// Its own part is lost; the part that it has given away is not, however long that takes.
+TEST_F(Pool, WhatADeadOneHasGivenAwayIsDone) {
+    struct Giver : engine::Worker {
+        Yield work(Crew &crew, Job job) override {
+            RecordReader reader(job.text);
+            const int first = reader.number<int>(), last = reader.number<int>();
+            if (first == 0) {
+                Crew::Group group = 0;
+                EXPECT_TRUE(crew.give(group, range(50, 100).text, {}));
+                ::raise(SIGKILL);
+            }
+            for (int number = first; number < last; ++number) {
+                ::usleep(2'000);
+                crew.tell(RecordWriter().number(number).bytes());
+            }
+            return {};
+        }
+    };
+    {
+        engine::WorkerPool pool(
+            {.number = 2}, [] { return std::make_unique<Giver>(); }, told);
+        EXPECT_FALSE(pool.run(range(0, 100)).whole);
+    }
+    EXPECT_TRUE(told.each_once(50));
+    EXPECT_EQ(1u, told.unfinished.size());
 }
 
 TEST_F(Pool, ExceptionFailsTheJobAlone) {
@@ -398,3 +438,4 @@ TEST_F(Pool, WithoutAnyProcessTheRequestFailsByName) {
 }
 
 } // namespace
+} // namespace worker_pool_tests

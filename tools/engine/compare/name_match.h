@@ -24,6 +24,11 @@ class NameMatch {
     // Takes the entry for `name`.
     Found find(const std::string &name);
     bool is_taken(const std::string &listed) const { return m_takenBy.contains(listed); }
+    // Whether the entry of that name is there, and for that name.
+    bool is_itself(const std::string &name) const {
+        const auto taken = m_takenBy.find(name);
+        return taken != m_takenBy.end() && taken->second == name;
+    }
     void forget() { m_listed.clear(), m_takenBy.clear(); }
 
   private:

@@ -1,7 +1,9 @@
 #include "tools/engine/compare/tree_comparison.h"
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/linked_pairs.h"
 #include "tools/engine/compare/name_match.h"
+#include "tools/engine/compare/shared_comparison.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -32,8 +34,6 @@
 
 namespace engine {
 namespace {
-
-using Inode = std::pair<dev_t, ino_t>;
 
 Inode inode_of(const struct stat &found) {
     return {found.st_dev, found.st_ino};
@@ -109,18 +109,48 @@ Top top_of(const std::string &given) {
 
 class TreeComparison {
   public:
-    TreeComparison(const TreeComparisonOptions &options, ComparisonObserver &observer)
-        : m_options(options), m_observer(observer), m_selection(options.selection) {}
+    // `crew`: of the worker that this is; what it is given outlives this, and so does the observer.
+    TreeComparison(const TreeComparisonOptions &options, ComparisonObserver &observer, Crew *crew = nullptr)
+        : m_options(options), m_observer(observer), m_crew(crew), m_selection(options.selection) {}
 
     void run(const Top &first, const Top &second) {
-        const Side one{first.parent.get(), first.name, volume_facts(first.parent.get())};
-        const Side other{second.parent.get(), second.name, volume_facts(second.parent.get())};
-        m_selection.begin(first.path, m_options.named);
+        m_top = first.path;
+        m_selection.begin(m_top, m_options.named);
         struct stat found {};
-        m_device = ::fstatat(one.directory, one.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 ? found.st_dev : 0;
-        if (takes(one.directory, one.name, first.path) && pair(one, first.path, other, second.path)) {
-            directories(first.parent.get(), first.name, first.path, second.parent.get(), second.name, second.path);
+        m_device =
+            ::fstatat(first.parent.get(), first.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 ? found.st_dev : 0;
+        tops(first.parent.get(), first.name, first.path, second.parent.get(), second.name, second.path);
+    }
+
+    // What another one has given away, or a whole request.
+    void run(Job given) {
+        const ComparisonJob job = ComparisonJob::from(given.text);
+        m_top = job.top;
+        m_device = job.device;
+        m_selection.begin(m_top, m_options.named);
+        if (given.files.size() != 2) {
+            throw Failure("the directories have not arrived");
         }
+        const int one = given.files[0].get(), other = given.files[1].get();
+        if (job.kind == ComparisonJob::Kind::tops) {
+            const auto &[name, otherName] = job.names.front();
+            tops(one, name, joined(job.path, name), other, otherName, joined(job.otherPath, otherName));
+            return;
+        }
+        Listing none, noneThere;
+        NameMatch names(other, -1, noneThere, none);
+        Level level{End(one, ".", job.path), End(other, ".", job.otherPath), std::move(none), std::move(noneThere),
+                    std::move(names)};
+        m_levels.push_back(&level);
+        if (job.kind == ComparisonJob::Kind::directories) {
+            level.inner = job.names;
+        } else {
+            for (const auto &[name, otherName] : job.names) {
+                entry_at_both(level, name, otherName);
+            }
+        }
+        inner_directories(level);
+        m_levels.pop_back();
     }
 
   private:
@@ -129,7 +159,90 @@ class TreeComparison {
         Listing listing, there;
         NameMatch names;
         std::vector<std::pair<std::string, std::string>> inner = {}; // directories of both, under their two names
+        size_t next = 0;                                             // of those
+        size_t item = 0;                                             // of the listing
+        Crew::Group given = 0;                                       // what others do
+        bool mayGive = true;
     };
+
+    void tops(int one, const std::string &name, const std::string &path, int other, const std::string &otherName,
+              const std::string &otherPath) {
+        const Side first{one, name, volume_facts(one)}, second{other, otherName, volume_facts(other)};
+        if (takes(one, name, path) && pair(first, path, second, otherPath)) {
+            directories(one, name, path, other, otherName, otherPath);
+        }
+    }
+
+    // ---- Several processes ----
+
+    // Directories that are still to be gone into, of the highest level that has some, where most is below them; else
+    // entries of a large one. The last ones, since they are the next to last to be compared.
+    void share() {
+        for (Level *level : m_levels) {
+            const bool lowest = level == m_levels.back();
+            const size_t left = level->inner.size() - level->next;
+            if (level->mayGive && level->one.fd() >= 0 && level->other.fd() >= 0 &&
+                (give_directories(*level, lowest ? left / 2 : (left + 1) / 2) || (lowest && give_entries(*level)))) {
+                return;
+            }
+        }
+    }
+
+    bool give(Level &level, ComparisonJob::Kind kind, std::vector<std::pair<std::string, std::string>> names) {
+        const ComparisonJob job{kind, level.one.path, level.other.path, std::move(names), m_top, m_device};
+        level.mayGive = m_crew->give(level.given, job.text(), {level.one.fd(), level.other.fd()});
+        return level.mayGive;
+    }
+
+    bool give_directories(Level &level, size_t most) {
+        size_t from = level.inner.size(), bytes = 0;
+        while (from > level.inner.size() - most && bytes < kMostOfNames) {
+            bytes += ComparisonJob::size_of(level.inner[--from]);
+        }
+        const auto first = level.inner.begin() + static_cast<std::ptrdiff_t>(from);
+        if (from == level.inner.size() || !give(level, ComparisonJob::Kind::directories, {first, level.inner.end()})) {
+            return false;
+        }
+        level.inner.erase(first, level.inner.end());
+        return true;
+    }
+
+    // Those that are at both by the very name and have nothing beside them: the others are for who knows the listings.
+    bool give_entries(Level &level) {
+        std::vector<Listing::Item> &items = level.listing.items;
+        constexpr size_t few = 64;
+        const size_t left = items.size() - level.item;
+        if (left < few) {
+            return false;
+        }
+        std::vector<std::pair<std::string, std::string>> names;
+        size_t from = items.size(), bytes = 0;
+        std::vector<Listing::Item> rest;
+        while (from > items.size() - left / 2 && bytes < kMostOfNames) {
+            Listing::Item &item = items[--from];
+            if (item.parts.empty() && !is_private_name(item.name) && level.names.is_itself(item.name)) {
+                bytes += ComparisonJob::size_of(names.emplace_back(item.name, item.name));
+            } else {
+                rest.push_back(std::move(item));
+            }
+        }
+        items.resize(from);
+        if (!names.empty() && !give(level, ComparisonJob::Kind::entries, names)) {
+            for (auto &[name, there] : names) {
+                rest.push_back({name, DT_UNKNOWN});
+            }
+            names.clear();
+        }
+        std::ranges::move(rest, std::back_inserter(items));
+        level.mayGive = level.mayGive && !names.empty();
+        return !names.empty();
+    }
+
+    void collect(Level &level) {
+        if (level.given != 0) {
+            (void)m_crew->collect(std::exchange(level.given, 0), m_depth < kMostDepth);
+        }
+    }
 
     // `path`: of the first, also for an entry of the second. What cannot be looked at is told elsewhere.
     bool takes(int directory, const std::string &name, const std::string &path) {
@@ -149,6 +262,9 @@ class TreeComparison {
                                .costs = true,
                                .stopped = [this] { return m_observer.stopped(); },
                                .progress = [this](int64_t bytes) { m_observer.progress(bytes); }};
+        if (m_crew != nullptr) {
+            begin_pair(*m_crew, path, otherPath);
+        }
         bool same = false, directories = false;
         mode_t mode = 0;
         int64_t bytes = 0;
@@ -181,18 +297,15 @@ class TreeComparison {
         if (first.st_nlink < 2 || !S_ISREG(first.st_mode) || !S_ISREG(second.st_mode)) {
             return false;
         }
-        const auto [known, isNew] = m_links.try_emplace(inode_of(first), Linked{path, {}});
-        std::vector<Inode> &arrived = known->second.arrived;
-        const bool seen = std::ranges::find(arrived, inode_of(second)) != arrived.end();
-        if (!seen) {
-            arrived.push_back(inode_of(second));
-        }
-        if (!isNew && !seen) {
+        const Inode from = inode_of(first), to = inode_of(second);
+        const LinkedPairs::Known known =
+            m_crew == nullptr ? m_links.meet(from, to, path) : ask_for_links(*m_crew, from, to, path);
+        if (!known.becomes.empty()) {
             lose(path, otherPath, LossClass::hard_link,
                  fmt::format("is one file with {} at the first, and a file of its own at the second: {} bytes",
-                             displayed(known->second.path), first.st_size));
+                             displayed(known.becomes), first.st_size));
         }
-        return seen;
+        return known.compared;
     }
 
     // Directories under their names in two that are open. What cannot be opened is told.
@@ -215,17 +328,13 @@ class TreeComparison {
             above->one.let_go();
             above->other.let_go();
         }
+        m_levels.push_back(level.get());
         struct stat top {};
         if (::fstat(level->one.fd(), &top) == 0 && m_selection.enters(top.st_dev, m_device)) {
             entries(*level);
         }
-        for (const auto &[inner, there] : std::exchange(level->inner, {})) {
-            if (m_observer.stopped() || level->one.fd() < 0) {
-                break;
-            }
-            directories(level->one.fd(), inner, joined(path, inner), level->other.fd(), there, joined(otherPath, there),
-                        level.get());
-        }
+        inner_directories(*level);
+        m_levels.pop_back();
         if (above != nullptr) {
             --m_depth;
             if (level->one.fd() < 0 || !above->one.hold_again(level->one) || !above->other.hold_again(level->other)) {
@@ -236,21 +345,47 @@ class TreeComparison {
         }
     }
 
+    void inner_directories(Level &level) {
+        while (level.next < level.inner.size() && !m_observer.stopped() && level.one.fd() >= 0) {
+            if (m_crew != nullptr && m_crew->is_work_wanted()) {
+                share(); // which leaves at least one
+            }
+            const auto [name, there] = std::move(level.inner[level.next++]);
+            directories(level.one.fd(), name, joined(level.one.path, name), level.other.fd(), there,
+                        joined(level.other.path, there), &level);
+        }
+        collect(level);
+    }
+
     void entries(Level &level) {
         for (const Listing::Part &part : level.listing.strangers) {
             stranger(level, part);
         }
-        for (const Listing::Item &item : level.listing.items) {
+        while (level.item < level.listing.items.size()) {
             if (m_observer.stopped()) {
                 return;
             }
+            if (m_crew != nullptr && m_crew->is_work_wanted()) {
+                share();
+            }
+            const Listing::Item item = std::move(level.listing.items[level.item++]);
             entry(level, item);
         }
         extras(level);
         // Nothing of it is needed for what is below, and it may be long.
         level.listing = {};
+        level.item = 0;
         level.there = {};
         level.names.forget();
+    }
+
+    void entry_at_both(Level &level, const std::string &name, const std::string &there) {
+        const std::string path = joined(level.one.path, name);
+        const Side one{level.one.fd(), name, level.one.facts}, other{level.other.fd(), there, level.other.facts};
+        if (!m_observer.stopped() && takes(one.directory, name, path) &&
+            pair(one, path, other, joined(level.other.path, there))) {
+            level.inner.emplace_back(name, there);
+        }
     }
 
     void entry(Level &level, const Listing::Item &item) {
@@ -367,25 +502,51 @@ class TreeComparison {
         return VEXOEAIsHiddenDir(name.c_str()) == 1 && ::strcasecmp(name.c_str(), "@eaDir") != 0;
     }
 
-    struct Linked {
-        std::string path;           // the first name
-        std::vector<Inode> arrived; // what it is at the second: several where it has become several
-    };
+    static constexpr size_t kMostOfNames = Channel::kMostBytes / 2;
+    static constexpr int kMostDepth = 100; // with other jobs upon it: the stack has an end
 
     const TreeComparisonOptions &m_options;
     ComparisonObserver &m_observer;
+    Crew *m_crew;
     TreeSelection m_selection;
+    std::string m_top = {};
     dev_t m_device = 0; // of the first
-    std::map<Inode, Linked> m_links;
+    LinkedPairs m_links = {};
+    std::vector<Level *> m_levels = {}; // the way down
     int m_depth = 0;
 };
+
+bool is_directory(const Top &top) {
+    struct stat found {};
+    return ::fstatat(top.parent.get(), top.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(found.st_mode);
+}
+
+// The whole request as a job; a copy of each directory goes with it.
+Job job_of(const Top &first, const Top &second) {
+    ComparisonJob job{.path = parent_of(first.path), .otherPath = parent_of(second.path)};
+    job.names.emplace_back(first.name, second.name);
+    job.top = first.path;
+    struct stat found {};
+    job.device = ::fstatat(first.parent.get(), first.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 ? found.st_dev : 0;
+    Job whole{job.text(), {}};
+    for (const Top *top : {&first, &second}) {
+        whole.files.emplace_back(::openat(top->parent.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return whole;
+}
 
 } // namespace
 
 void compare_trees(const std::string &first, const std::string &second, const TreeComparisonOptions &options,
-                   ComparisonObserver &observer) {
+                   ComparisonObserver &observer, const Hands &hands) {
     const Top one = top_of(first), other = top_of(second);
-    TreeComparison(options, observer).run(one, other);
+    const auto compare = [&options](Job job, ComparisonObserver &telling, Crew &crew) {
+        TreeComparison(options, telling, &crew).run(std::move(job));
+    };
+    const bool several = hands.number > 1 && is_directory(one) && is_directory(other);
+    if (!several || !share_comparison(job_of(one, other), hands, observer, compare)) {
+        TreeComparison(options, observer).run(one, other);
+    }
 }
 
 } // namespace engine

@@ -6,6 +6,7 @@
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/outcome.h"
 #include "tools/engine/select/selection.h"
+#include "tools/engine/workers/hands.h"
 
 #include <cstdint>
 #include <string>
@@ -41,7 +42,8 @@ class ComparisonObserver : public Observer {
 // volume that does not tell letter cases or forms of letters apart finds it. What belongs to the system or to nobody's
 // store is told where the second has not the same. Names of one file that are several at the second are told from the
 // second name on. Directories are held by descriptor, few of them at any depth, and no link is followed.
+// Several hands share two trees: what is told of one entry stays together, and the order is any.
 void compare_trees(const std::string &first, const std::string &second, const TreeComparisonOptions &options,
-                   ComparisonObserver &observer);
+                   ComparisonObserver &observer, const Hands &hands = {});
 
 } // namespace engine

@@ -12,6 +12,7 @@
 #include "tools/engine/walk/mount_table.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/workers/record.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,6 +30,8 @@ namespace {
 constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
 constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
 constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
+// How a job tells what is to be removed.
+enum class Asked : uint8_t { by_path, given_away };
 constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
 bool is_refused(const std::string &path) {
@@ -122,10 +125,112 @@ void TreeRemoval::run(const HeldDirectory &directory, const std::string &name) {
 }
 
 void TreeRemoval::remove_entry(const std::string &name, mode_t mode) {
-    m_levels.front().entries = {{name, static_cast<unsigned char>(IFTODT(mode))}};
-    m_levels.front().next = 0;
+    m_levels.front().list({{name, static_cast<unsigned char>(IFTODT(mode))}});
     walk();
 }
+
+void TreeRemoval::Level::list(std::vector<Entry> listed) {
+    entries = std::move(listed);
+    next = 0;
+    directories = static_cast<size_t>(std::ranges::count_if(entries, is_directory));
+}
+
+// ---- Several processes ----
+
+// Directories alone: the entries of one are removed one after the other, whoever does it.
+void TreeRemoval::share() {
+    // The highest one first, since most is below it. Of a deep way the lowest ones and the first are open.
+    for (size_t at = 0; at < m_levels.size(); at = at == 0 ? std::max<size_t>(1, m_way.first_held()) : at + 1) {
+        const bool mayGive = m_levels[at].directories > (at + 1 < m_levels.size() ? 0 : 1);
+        if (mayGive && !m_levels[at].entries_belong() && m_way.fd(at) >= 0 && give_half(at)) {
+            return;
+        }
+    }
+}
+
+// The last ones of a directory, since they are the next to last to be removed.
+bool TreeRemoval::give_half(size_t at) {
+    Level &level = m_levels[at];
+    const size_t most = (level.directories + (at + 1 < m_levels.size() ? 1 : 0)) / 2;
+    const size_t mostBytes = Channel::kMostBytes / 2;
+    RecordWriter names;
+    size_t given = 0, last = level.entries.size();
+    for (; given < most && last > level.next && names.bytes().size() < mostBytes; --last) {
+        if (const Entry &entry = level.entries[last - 1]; is_directory(entry)) {
+            names.text(entry.name);
+            ++given;
+        }
+    }
+    RecordWriter job;
+    job.number(Asked::given_away)
+        .text(std::string_view(m_path).substr(0, level.pathLength))
+        .number(level.type)
+        .number(level.hasStores)
+        .text(names.bytes());
+    if (given == 0 || !m_crew->give(level.given, job.bytes(), {m_way.fd(at)})) {
+        level.directories = 0; // not to be tried again
+        return false;
+    }
+    const auto from = level.entries.begin() + static_cast<std::ptrdiff_t>(last);
+    level.entries.erase(std::remove_if(from, level.entries.end(), is_directory), level.entries.end());
+    level.directories -= given;
+    return true;
+}
+
+Job TreeRemoval::job_of(const std::string &path) {
+    return {RecordWriter().number(Asked::by_path).text(path).bytes(), {}};
+}
+
+bool TreeRemoval::run(Job job) {
+    RecordReader reader(job.text);
+    if (reader.number<Asked>() == Asked::by_path) {
+        const std::string path = reader.text();
+        begin(path);
+        run(path);
+        return true;
+    }
+    m_path = reader.text();
+    Level level{.pathLength = m_path.size()};
+    level.type = reader.number<int>();
+    level.hasStores = reader.number<bool>();
+    std::vector<Entry> entries;
+    for (RecordReader names(reader.view()); !names.is_at_end();) {
+        entries.push_back({names.text(), DT_DIR});
+    }
+    level.list(std::move(entries));
+    m_job = true;
+    if (job.files.size() != 1 || !m_way.start(std::move(job.files.front()))) {
+        failed(S_IFDIR, problem_of_errno(errno));
+        return false;
+    }
+    m_levels.push_back(std::move(level));
+    walk();
+    return m_levels.front().complete && m_levels.front().next == m_levels.front().entries.size();
+}
+
+std::vector<std::string> TreeRemoval::paths_of(std::string_view job) {
+    RecordReader reader(job);
+    if (reader.number<Asked>() == Asked::by_path) {
+        return {reader.text()};
+    }
+    const std::string directory = reader.text();
+    (void)reader.number<int>();
+    (void)reader.number<bool>();
+    std::vector<std::string> paths;
+    for (RecordReader names(reader.view()); !names.is_at_end();) {
+        paths.push_back(directory + "/" + names.text());
+    }
+    return paths;
+}
+
+// A slash at the end tells a directory.
+void TreeRemoval::begin(const std::string &path) {
+    if (m_crew != nullptr) {
+        m_crew->begin(path);
+    }
+}
+
+// ---- The walk ----
 
 // Open while entries are removed: they are reached through it, so that nobody can put a link into the path meanwhile.
 // False, with errno: it cannot be.
@@ -172,6 +277,9 @@ void TreeRemoval::look_for_stores() {
 
 void TreeRemoval::walk() {
     while (m_levels.size() > 1 || m_levels.back().next < m_levels.back().entries.size()) {
+        if (m_crew != nullptr && m_crew->is_work_wanted() && !m_observer.stopped()) {
+            share();
+        }
         const Level &level = m_levels.back();
         if (level.next < level.entries.size() && !m_observer.stopped()) {
             remove_next();
@@ -181,6 +289,16 @@ void TreeRemoval::walk() {
             break;
         }
     }
+    collect();
+}
+
+// What others do in the lowest level has to be done before that is.
+void TreeRemoval::collect() {
+    Level &level = m_levels.back();
+    if (level.given != 0) {
+        begin({}); // nothing is under way meanwhile
+        level.complete = m_crew->collect(std::exchange(level.given, 0)).whole && level.complete;
+    }
 }
 
 void TreeRemoval::remove_next() {
@@ -189,7 +307,13 @@ void TreeRemoval::remove_next() {
     m_path.resize(level.pathLength);
     m_path += '/';
     m_path += entry.name;
-    if (m_levels.size() > 1 && !level.entries_belong()) {
+    if (is_directory(entry) && level.directories > 0) {
+        --level.directories;
+    }
+    if (!level.entries_belong()) {
+        begin(is_directory(entry) ? m_path + '/' : m_path);
+    }
+    if (!is_asked_for() && !level.entries_belong()) {
         const NameKind kind = name_kind(m_way.path_of("."), entry.name, level.type);
         const bool went = kind == NameKind::stray && !exists(m_way.path_of(entry.name));
         if (kind == NameKind::store || kind == NameKind::companion || went) {
@@ -244,7 +368,7 @@ void TreeRemoval::enter(const Entry &entry) {
         return;
     }
     Level level{.name = entry.name, .pathLength = m_path.size(), .belongs = belongs};
-    level.entries = std::move(*entries);
+    level.list(std::move(*entries));
     if (!belongs) {
         level.type = type_of_directory();
         level.hasStores = may_keep(level.entries, level.type);
@@ -267,8 +391,12 @@ bool TreeRemoval::remove_unread(const Entry &entry) {
 
 // Up from a directory of which nothing is left to look at.
 void TreeRemoval::leave() {
+    collect();
     Level &level = m_levels.back();
     m_path.resize(level.pathLength);
+    if (!level.entries_belong()) {
+        begin(m_path + '/');
+    }
     level.complete = level.complete && !m_observer.stopped();
     const bool first = !level.belongs && !level.restOnly;
     if (first && level.complete) {
@@ -333,7 +461,7 @@ bool TreeRemoval::list_rest(Level &emptied) {
 
 void TreeRemoval::unlink(const Entry &entry) {
     const int result = m_options.rehearsal ? 0 : ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
-    if (result != 0 && errno == ENOENT && m_levels.size() > 1) {
+    if (result != 0 && errno == ENOENT && !is_asked_for()) {
         return; // by somebody else, meanwhile
     }
     if (result != 0 && errno != ENOENT) {
@@ -350,7 +478,7 @@ void TreeRemoval::gone(const std::string &name, mode_t mode) {
         return;
     }
     const auto left = level.hasStores && !m_options.rehearsal ? remove_store(name) : std::nullopt;
-    if (m_levels.size() == 1 && !m_options.rehearsal) {
+    if (is_asked_for() && !m_options.rehearsal) {
         remove_unfinished(name);
     }
     m_observer.entry(m_path, mode, left ? Status::failed : Status::done, left ? &*left : nullptr);

@@ -11,6 +11,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/directory_chain.h"
+#include "tools/engine/workers/crew.h"
 
 #include <optional>
 #include <set>
@@ -42,13 +43,20 @@ class RemovalObserver : public Observer {
 
 class TreeRemoval {
   public:
-    // The observer outlives this.
-    TreeRemoval(const RemovalOptions &options, RemovalObserver &observer) : m_options(options), m_observer(observer) {}
+    // The observer outlives this, and so does the crew, which is given directories where others have nothing to do.
+    TreeRemoval(const RemovalOptions &options, RemovalObserver &observer, Crew *crew = nullptr)
+        : m_options(options), m_observer(observer), m_crew(crew) {}
 
     // An absolute path; a slash at its end asks for a directory. The root, and what ends in "." or "..", are refused.
     void run(const std::string &path);
     // An entry of a directory that is held, and is told by its path. What killed commands have left there stays.
     void run(const HeldDirectory &directory, const std::string &name);
+    // The same as a job for a crew, which gives it away in parts: directories in one that it holds open. Whether
+    // nothing of it stayed; what was asked for tells that itself.
+    static Job job_of(const std::string &path);
+    bool run(Job job);
+    // The paths of what such a job is to remove, for people.
+    static std::vector<std::string> paths_of(std::string_view job);
 
   private:
     // A directory that is being emptied. The first one holds what was asked for, and stays.
@@ -63,7 +71,10 @@ class TreeRemoval {
         bool complete = true;
         std::vector<Entry> entries = {};
         size_t next = 0;
+        size_t directories = 0; // among those that are left, as they were listed
+        Crew::Group given = 0;  // directories that others remove
 
+        void list(std::vector<Entry> listed);
         bool entries_belong() const { return belongs || restOnly; }
     };
 
@@ -72,6 +83,11 @@ class TreeRemoval {
     void look_for_stores();
     void remove_entry(const std::string &name, mode_t mode);
     void walk();
+    bool is_asked_for() const { return m_levels.size() == 1 && !m_job; }
+    void begin(const std::string &path);
+    void share();
+    void collect();
+    bool give_half(size_t at);
     void remove_next();
     void enter(const Entry &entry);
     bool remove_unread(const Entry &entry);
@@ -93,6 +109,8 @@ class TreeRemoval {
 
     RemovalOptions m_options;
     RemovalObserver &m_observer;
+    Crew *m_crew;
+    bool m_job = false;          // the first level is one of a tree
     HeldDirectory m_parent = {}; // of what was asked for
     std::vector<Level> m_levels = {};
     DirectoryChain m_way = {};                       // to the lowest level

@@ -448,11 +448,11 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     if (there->st_dev == level.status.st.st_dev && there->st_ino == level.status.st.st_ino) {
         return failed(level.source, level.destination, {"source and destination are the same directory"});
     }
-    if (m_stepped.is_clash(*there, source.name, destination.in, destination.name)) {
+    const bool onOtherWay = m_stepped.is_clash(*there, source.name, destination.in, destination.name);
+    if (onOtherWay && losses.empty()) {
         losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
     }
-    const bool merged =
-        losses.empty() && (level.onTheWay || !m_made.contains(*there, destination.in, destination.name));
+    const bool merged = !onOtherWay && (level.onTheWay || !m_made.contains(*there, destination.in, destination.name));
     return merged ||
            failed(level.source, level.destination,
                   {"the destination was just written by this command; not merged", kExists}, std::move(losses));

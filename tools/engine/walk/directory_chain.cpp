@@ -35,6 +35,10 @@ bool DirectoryChain::add(Descriptor directory, const std::string &name) {
     return true;
 }
 
+size_t DirectoryChain::first_held() const {
+    return m_links.size() > kMostHeld ? m_links.size() - kMostHeld : 0;
+}
+
 std::string DirectoryChain::path_of(const std::string &name) const {
     return fmt::format("/proc/self/fd/{}/{}", lowest(), name);
 }

@@ -22,6 +22,8 @@ class DirectoryChain {
     size_t size() const { return m_links.size(); }
     // -1: of one that was let go. The lowest one is always open, and the one above it once hold_above() says so.
     int fd(size_t at) const { return m_links[at].directory.get(); }
+    // Below the first one, which is open, those before this are not.
+    size_t first_held() const;
     int lowest() const { return fd(size() - 1); }
     dev_t device(size_t at) const { return m_links[at].device; }
     // "/proc/self/fd/5/name": an entry of the lowest one, for calls that take a path.

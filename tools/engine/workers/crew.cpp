@@ -51,9 +51,9 @@ bool Crew::give(Group &group, std::string_view text, std::initializer_list<int> 
     return true;
 }
 
-Yield Crew::collect(Group group) {
+Yield Crew::collect(Group group, bool others) {
     Yield yield;
-    while (group != 0 && next_job(group, yield)) {
+    while (group != 0 && next_job(group, others, yield)) {
     }
     return yield;
 }
@@ -68,9 +68,9 @@ Channel::Message Crew::request(std::string_view bytes) {
 }
 
 // False: the group is at its end.
-bool Crew::next_job(Group group, Yield &collected) {
-    const auto others = static_cast<uint8_t>(m_depth < kMostDepth ? 1 : 0);
-    Channel::Message message = request(RecordWriter().number(Word::wait).number(group).number(others).bytes());
+bool Crew::next_job(Group group, bool others, Yield &collected) {
+    const auto any = static_cast<uint8_t>(others && m_depth < kMostDepth ? 1 : 0);
+    Channel::Message message = request(RecordWriter().number(Word::wait).number(group).number(any).bytes());
     RecordReader reader(message.bytes);
     if (reader.number<Word>() == Word::collected) {
         collected.whole = reader.number<uint8_t>() != 0;
@@ -98,7 +98,7 @@ bool Crew::next_job(Group group, Yield &collected) {
 void Crew::run(Worker &worker) {
     m_worker = &worker;
     Yield none;
-    while (next_job(0, none)) {
+    while (next_job(0, true, none)) {
     }
 }
 

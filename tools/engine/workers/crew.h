@@ -69,15 +69,16 @@ class Crew {
     bool is_work_wanted() const { return m_signs.wanted.load(std::memory_order_relaxed) > 0; }
     // False: it is still the caller's, since it is too long or no file can be sent. A group of 0 begins a new one.
     bool give(Group &group, std::string_view text, std::initializer_list<int> files);
-    // Waits until everything in the group is done, and does other jobs meanwhile. What was lost was not whole.
-    Yield collect(Group group);
+    // Waits until everything in the group is done, and does other jobs meanwhile; with `others` false such alone as it
+    // has put into the group itself, where much is on the stack already. What was lost was not whole.
+    Yield collect(Group group, bool others = true);
 
     // The whole life of a worker.
     void run(Worker &worker);
 
   private:
     Channel::Message request(std::string_view bytes);
-    bool next_job(Group group, Yield &collected);
+    bool next_job(Group group, bool others, Yield &collected);
 
     Channel m_channel;
     SharedDesk &m_desk;

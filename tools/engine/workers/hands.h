@@ -2,6 +2,8 @@
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace engine {
 
@@ -12,5 +14,12 @@ struct Hands {
     // who has signals that ask for one makes the workers deaf to them, so that nothing is left half done.
     std::function<void()> begin = {};
 };
+
+// How many are usual for a request that goes through the trees `sources` and writes to `destination` (empty: nowhere):
+// as many as there are processors for this process, eight at most; one where there is little to do, and where a disk
+// turns, whose head would go from one worker's place to the other's. Arrays of several such disks that hold both sides
+// serve several as well as one.
+int usual_hands(const std::vector<std::string> &sources, const std::string &destination,
+                const std::string &sysfs = "/sys");
 
 } // namespace engine

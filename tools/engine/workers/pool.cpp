@@ -98,7 +98,7 @@ Yield WorkerPool::run(Job job) {
     const GroupName all{0, 0};
     m_groups[all].pending = 1;
     m_tasks.push_back({std::move(job), all});
-    while (m_groups[all].pending > 0) {
+    while (is_under_way()) {
         look_for_stop();
         if (!start()) {
             drop_tasks(fmt::format("no process to work on it could be started: {}", std::strerror(errno)));
@@ -115,6 +115,12 @@ Yield WorkerPool::run(Job job) {
     return yield;
 }
 
+// Also where the one who has split a job off is no more.
+bool WorkerPool::is_under_way() const {
+    return !m_tasks.empty() ||
+           std::ranges::any_of(m_members, [](const Member &member) { return !member.jobs.empty(); });
+}
+
 void WorkerPool::look_for_stop() {
     if (!m_signs->stop && m_overseer.stopped()) {
         m_signs->stop = true;
@@ -127,10 +133,8 @@ void WorkerPool::look_for_stop() {
 // Nobody begins them any more. Without a reason there is nothing to say of it.
 void WorkerPool::drop_tasks(const std::string &reason) {
     for (const Task &task : std::exchange(m_tasks, {})) {
-        if (!reason.empty()) {
-            m_overseer.lost(task.job.text, "", reason);
-        }
-        end_task(task.group, {.whole = false});
+        const bool whole = !reason.empty() && m_overseer.lost(0, task.job.text, "", reason);
+        end_task(task.group, {.whole = whole});
     }
 }
 
@@ -229,8 +233,8 @@ bool WorkerPool::take_message(Member &member) {
         break;
     }
     case Word::lost:
-        m_overseer.lost(member.jobs.back().text, member.desk->slate.read(), reader.text());
-        end_job(member, {.whole = false});
+        end_job(member, {.whole = m_overseer.lost(member.name, member.jobs.back().text, member.desk->slate.read(),
+                                                  reader.text())});
         break;
     case Word::wait:
         member.state = State::waits;
@@ -274,7 +278,7 @@ void WorkerPool::hear(Member &member) {
         if (rest.size() < sizeof(uint32_t) || reader.rest().size() < size) {
             break;
         }
-        m_overseer.told(reader.rest().substr(0, size));
+        m_overseer.told(member.name, reader.rest().substr(0, size));
         rest = reader.rest().substr(size);
     }
     member.told.erase(0, member.told.size() - rest.size());
@@ -307,8 +311,7 @@ void WorkerPool::bury(Members::iterator member) {
     while (!member->jobs.empty()) {
         const Running job = std::move(member->jobs.back());
         member->jobs.pop_back();
-        m_overseer.lost(job.text, path, reason);
-        end_task(job.group, {.whole = false});
+        end_task(job.group, {.whole = m_overseer.lost(member->name, job.text, path, reason)});
         path = member->jobs.empty() ? "" : member->jobs.back().path;
     }
     const uint64_t name = member->name;

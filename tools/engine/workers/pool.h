@@ -37,11 +37,12 @@ class Overseer {
     virtual ~Overseer() = default;
 
     virtual bool stopped() const = 0;
-    virtual void told(std::string_view record) = 0;
+    virtual void told(uint64_t worker, std::string_view record) = 0;
     // Nothing: not yet. It is asked again after everything else that was told.
     virtual std::optional<std::string> asked(uint64_t worker, std::string_view record) = 0;
-    // A job that has not come to its end; `path`: what was being done, empty where nothing is known of it.
-    virtual void lost(std::string_view job, const std::string &path, const std::string &reason) = 0;
+    // A job that has not come to its end; `path`: what was being done, empty where nothing is known of it. Everything
+    // that was told of it has been heard. The worker is 0 where none had begun it. Whether it was whole all the same.
+    virtual bool lost(uint64_t worker, std::string_view job, const std::string &path, const std::string &reason) = 0;
     // The worker is no more.
     virtual void gone(uint64_t) {}
 };
@@ -96,6 +97,7 @@ class WorkerPool {
 
     bool add_member();
     [[noreturn]] void be_worker(Channel channel, SharedDesk &desk, pid_t above);
+    bool is_under_way() const;
     void look_for_stop();
     void dispatch();
     bool serve(Member &member);

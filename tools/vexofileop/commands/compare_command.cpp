@@ -7,6 +7,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/progress_option.h"
@@ -57,6 +58,7 @@ struct Options {
     Wanted only, ignored{.all = false};
     std::string report = {}; // the file that it is written to; empty: none
     bool quiet = false, json = false, noProgress = false, progressLines = false;
+    int jobs = 0; // 0: the usual number
 };
 
 Wanted wanted_of(const Option &option, const char *name) {
@@ -128,7 +130,8 @@ class Comparison : private engine::ComparisonObserver {
     // What cannot be looked at is told, and the rest is compared all the same.
     void compare(const std::string &first, const std::string &second) {
         try {
-            engine::compare_trees(first, second, m_options.comparison, *this);
+            const int jobs = m_options.jobs > 0 ? m_options.jobs : engine::usual_hands({first}, second);
+            engine::compare_trees(first, second, m_options.comparison, *this, hands_of(jobs));
         } catch (const engine::Failure &failure) {
             m_console.clear_progress();
             m_console.message(failure.what());
@@ -274,6 +277,7 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
     const ProgressOption progress(command);
+    add_jobs_option(command, options->jobs);
     const SelectionOptions selection(command);
     const PathOperands operands(command, "A", "A B");
     command.set_footer("\nTrees are compared with everything in them, whatever their volumes keep it in:\n"

@@ -1,8 +1,10 @@
 // vexofileop remove: files and trees together with everything that belongs to them.
+#include "tools/engine/remove/shared_removal.h"
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
@@ -26,6 +28,7 @@ constexpr const char *kRecursion = "-r removes it with everything in it";
 struct Options {
     engine::RemovalOptions removal;
     bool ask = false, stopOnError = false, verbose = false, quiet = false, json = false;
+    int jobs = 1; // more gain nothing where a tree is removed in a moment
 };
 
 // As the engine takes it: a slash or a dot at the end of a path stays.
@@ -41,21 +44,38 @@ std::string removal_path(const std::string &given) {
 // One run: what is said and asked about each entry, and the count at the end.
 class Removal : private engine::RemovalObserver {
   public:
-    explicit Removal(const Options &options) : m_options(options), m_engine(options.removal, *this) {}
+    explicit Removal(const Options &options) : m_options(options) {}
 
     // The exit status.
     int run(const std::vector<std::string> &paths) {
         engine::raise_descriptor_limit();
+        std::vector<std::string> whole;
         for (const std::string &given : paths) {
-            if (stopped()) {
-                break;
-            }
-            m_engine.run(removal_path(given));
+            whole.push_back(removal_path(given));
+        }
+        // Questions are answered one after the other.
+        const int jobs = m_options.ask || !m_options.removal.recursive ? 1 : m_options.jobs;
+        if (jobs > 1) {
+            engine::SharedRemoval removal(m_options.removal, hands_of(jobs), *this);
+            remove_all(whole, removal);
+        } else {
+            engine::TreeRemoval removal(m_options.removal, *this);
+            remove_all(whole, removal);
         }
         return finish();
     }
 
   private:
+    template <typename Engine>
+    void remove_all(const std::vector<std::string> &paths, Engine &removal) {
+        for (const std::string &path : paths) {
+            if (stopped()) {
+                return;
+            }
+            removal.run(path);
+        }
+    }
+
     bool stopped() const override { return stop_signal() != 0 || (m_options.stopOnError && m_failed > 0); }
 
     bool may_remove(const std::string &path, engine::RemovalQuestion question) override {
@@ -132,7 +152,6 @@ class Removal : private engine::RemovalObserver {
     }
 
     const Options &m_options;
-    engine::TreeRemoval m_engine;
     Console m_console;
     int m_done = 0, m_kept = 0, m_failed = 0;
 };
@@ -150,6 +169,7 @@ void add_remove_command(const Command &program, int &status) {
     command.add_flag("-v,--verbose", options->verbose, "name what is removed");
     command.add_flag("-q,--quiet", options->quiet, "say nothing but what fails");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
+    add_jobs_option(command, options->jobs);
     const PathOperands operands(command, "FILE", "FILE...");
     command.set_footer("\nExtended metadata kept beside a file goes with it, also where that is gone.\n"
                        "Links are removed, never followed. \"/\", \".\" and \"..\" are refused. Of -f and\n"

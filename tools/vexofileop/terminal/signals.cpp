@@ -114,6 +114,12 @@ void watch_signals() {
     watch(SIGUSR1, tell_where);
 }
 
+void ignore_stop_signals() {
+    for (const int number : kStopSignals) {
+        std::signal(number, SIG_IGN);
+    }
+}
+
 int stop_signal() {
     return stopSignal;
 }

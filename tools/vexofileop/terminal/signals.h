@@ -19,6 +19,9 @@ bool is_line_drawn();
 // How long the program has been stopped by SIGTSTP so far.
 double paused_seconds();
 
+// For a process that works for this one: a stop is for this one to understand.
+void ignore_stop_signals();
+
 // The signal that asked to stop; 0: none so far.
 int stop_signal();
 

@@ -1,0 +1,489 @@
+// --jobs: several processes do what one does, say what one says, and lose nothing without a word when they are killed.
+#include "tests/ea/stream_bytes.h"
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/seeds.h"
+#include "tests/tools/slow_file.h"
+#include "tests/tools/tool_process.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace jobs_tests {
+namespace {
+
+using kit::runTool;
+using kit::ToolResult;
+using Lines = std::vector<std::string>;
+
+// ---- Trees ----
+
+void makeDirectory(const std::string &path) {
+    ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
+}
+
+// Small directories, a large flat one, a deep one, links, several names of one file, stores.
+void makeTree(const std::string &top, int directories = 40, int flat = 1500) {
+    makeDirectory(top);
+    for (int number = 0; number < directories; ++number) {
+        const std::string outer = top + "/d" + std::to_string(number % 7);
+        ::mkdir(outer.c_str(), 0755);
+        const std::string inner = outer + "/e" + std::to_string(number);
+        makeDirectory(inner);
+        for (int file = 0; file < 12; ++file) {
+            kit::writeFile(inner + "/f" + std::to_string(file), std::to_string(number * file));
+        }
+        ASSERT_EQ(0, ::symlink("f0", (inner + "/link").c_str()));
+        if (number % 9 == 0 && ::geteuid() == 0) {
+            makeDirectory(inner + "/@eaDir");
+            kit::writeFile(inner + "/@eaDir/f3@VexoEAStream", stream::bytes({{"comment", "kept"}}));
+        }
+    }
+    ASSERT_EQ(0, ::link((top + "/d0/e0/f1").c_str(), (top + "/d6/e6/other").c_str()));
+    ASSERT_EQ(0, ::link((top + "/d0/e0/f1").c_str(), (top + "/d3/e3/third").c_str()));
+    makeDirectory(top + "/flat");
+    for (int file = 0; file < flat; ++file) {
+        kit::writeFile(top + "/flat/g" + std::to_string(file), std::to_string(file));
+    }
+    std::string deep = top + "/deep";
+    for (int level = 0; level < 20; ++level) {
+        makeDirectory(deep);
+        kit::writeFile(deep + "/file", std::to_string(level));
+        deep += "/down";
+    }
+}
+
+Lines pathsBelow(const std::string &top) {
+    Lines paths;
+    for (const std::string &name : kit::namesIn(top)) {
+        const std::string path = top + "/" + name;
+        paths.push_back(path);
+        if (S_ISDIR(kit::statOf(path).st_mode)) {
+            const Lines inner = pathsBelow(path);
+            paths.insert(paths.end(), inner.begin(), inner.end());
+        }
+    }
+    return paths;
+}
+
+bool isBelow(const std::string &path, const std::string &directory) {
+    return path == directory || path.starts_with(directory + "/");
+}
+
+// ---- What the tool said ----
+
+Lines linesOf(const std::string &text) {
+    Lines lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Lines sorted(Lines lines) {
+    std::ranges::sort(lines);
+    return lines;
+}
+
+// Of a JSON object in one line, where nothing has to be escaped.
+std::string field(const std::string &line, const std::string &name) {
+    const std::string key = "\"" + name + "\":\"";
+    const size_t at = line.find(key);
+    return at == std::string::npos ? std::string()
+                                   : line.substr(at + key.size(), line.find('"', at + key.size()) - at - key.size());
+}
+
+// ---- A tool that is under way ----
+
+class RunningTool {
+  public:
+    RunningTool(kit::Arguments arguments, const std::string &directory)
+        : m_out(directory + "/out"), m_err(directory + "/err"), m_pid(::fork()) {
+        if (m_pid == 0) {
+            ::setpgid(0, 0);
+            const int out = ::open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int err = ::open(m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ::dup2(out, STDOUT_FILENO);
+            ::dup2(err, STDERR_FILENO);
+            std::string program = VEXOFILEOP_TOOL;
+            std::vector<char *> pointers{program.data()};
+            for (std::string &argument : arguments) {
+                pointers.push_back(argument.data());
+            }
+            pointers.push_back(nullptr);
+            ::execv(program.c_str(), pointers.data());
+            ::_exit(126);
+        }
+    }
+    RunningTool(const RunningTool &) = delete;
+    RunningTool &operator=(const RunningTool &) = delete;
+    ~RunningTool() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+    pid_t pid() const { return m_pid; }
+    bool isOver() { return m_pid < 0 || (::waitpid(m_pid, &m_status, WNOHANG) == m_pid && (m_pid = -1, true)); }
+    ToolResult finish() {
+        if (m_pid > 0) {
+            ::waitpid(m_pid, &m_status, 0);
+            m_pid = -1;
+        }
+        const bool killed = WIFSIGNALED(m_status);
+        return {killed ? 128 + WTERMSIG(m_status) : WEXITSTATUS(m_status), killed, kit::readFile(m_out),
+                kit::readFile(m_err)};
+    }
+    // Its workers.
+    std::vector<pid_t> children() const {
+        std::vector<pid_t> found;
+        for (const std::string &name : kit::namesIn("/proc")) {
+            if (name.find_first_not_of("0123456789") == std::string::npos && parentOf(name) == m_pid) {
+                found.push_back(static_cast<pid_t>(std::stol(name)));
+            }
+        }
+        return found;
+    }
+
+  private:
+    static pid_t parentOf(const std::string &process) {
+        std::ifstream file("/proc/" + process + "/stat");
+        std::string text;
+        std::getline(file, text); // nothing of one that has just ended
+        const size_t end = text.rfind(')');
+        std::istringstream rest(end == std::string::npos ? "" : text.substr(end + 1));
+        std::string state;
+        pid_t parent = -1;
+        rest >> state >> parent;
+        return parent;
+    }
+    std::string m_out, m_err;
+    pid_t m_pid;
+    int m_status = -1;
+};
+
+bool isAlive(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text); // nothing of one that has just ended
+    const size_t end = text.rfind(')');
+    return end != std::string::npos && text.size() > end + 2 && text[end + 2] != 'Z' && text[end + 2] != 'X';
+}
+
+bool areGone(const std::vector<pid_t> &processes) {
+    for (int step = 0; step < 6'000; ++step) {
+        if (std::ranges::none_of(processes, isAlive)) {
+            return true;
+        }
+        ::usleep(10'000);
+    }
+    return false;
+}
+
+// Kills workers at moments that the seed gives, until the tool is at its end. Everybody who ever was a worker.
+std::vector<pid_t> killWorkers(RunningTool &tool, std::mt19937 &random) {
+    std::set<pid_t> seen;
+    for (auto kills = 1 + random() % 6; !tool.isOver();) {
+        ::usleep(static_cast<useconds_t>(random() % 3'000));
+        const std::vector<pid_t> now = tool.children();
+        seen.insert(now.begin(), now.end());
+        if (kills > 0 && !now.empty() && random() % 2 == 0) {
+            ::kill(now[random() % now.size()], SIGKILL);
+            --kills;
+        }
+    }
+    return {seen.begin(), seen.end()};
+}
+
+class Jobs : public kit::Behaviour {
+  protected:
+    const std::string tree = scratch / "tree", copy = scratch / "copy";
+};
+
+// ---- remove ----
+
+using RemoveJobs = Jobs;
+
+TEST_F(RemoveJobs, AnyNumberOfThemRemovesAndSaysTheSame) {
+    Lines expected;
+    for (const char *jobs : {"1", "2", "5"}) {
+        makeTree(tree);
+        const ToolResult result = runTool({"remove", "-r", "--json", "--jobs", jobs, tree});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_FALSE(kit::exists(tree));
+        const Lines lines = linesOf(result.out);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ("summary", field(lines.back(), "event"));
+        expected = expected.empty() ? sorted(lines) : expected;
+        EXPECT_EQ(expected, sorted(lines)) << jobs << " jobs";
+    }
+    EXPECT_LT(2'000u, expected.size());
+}
+
+// Directories go after what is in them, and are told so.
+TEST_F(RemoveJobs, DirectoryIsToldAfterItsEntries) {
+    makeTree(tree);
+    const ToolResult result = runTool({"remove", "-rv", "--jobs", "4", tree});
+    std::set<std::string> gone;
+    for (const std::string &line : linesOf(result.out)) {
+        for (const std::string &path : gone) {
+            ASSERT_FALSE(line != path && isBelow(line, path)) << line << " after " << path;
+        }
+        if (line.find("/f") == std::string::npos && line.find("/g") == std::string::npos) {
+            gone.insert(line);
+        }
+    }
+}
+
+TEST_F(RemoveJobs, WhatMayNotGoFailsByNameAndKeepsItsDirectory) {
+    KIT_NEEDS_ROOT("to be another user for the tool");
+    Lines expected;
+    for (const char *jobs : {"1", "4"}) {
+        makeTree(tree, 40, 100);
+        for (const std::string &path : pathsBelow(tree)) {
+            ASSERT_EQ(0, ::lchown(path.c_str(), 1234, 1234));
+        }
+        ASSERT_EQ(0, ::chown((tree + "/d3/e3").c_str(), 0, 0));
+        ASSERT_EQ(0, ::chown((tree + "/d5/e19").c_str(), 0, 0));
+        ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+        ASSERT_EQ(0, ::chown(tree.c_str(), 1234, 1234));
+        const ToolResult result =
+            runTool({"remove", "-r", "--json", "--jobs", jobs, tree}, {.user = 1234, .directory = "/"});
+        EXPECT_EQ(1, result.status);
+        EXPECT_TRUE(kit::exists(tree + "/d3/e3/f1"));
+        EXPECT_FALSE(kit::exists(tree + "/d3/e10"));
+        EXPECT_FALSE(kit::exists(tree + "/flat"));
+        const Lines lines = sorted(linesOf(result.out));
+        expected = expected.empty() ? lines : expected;
+        EXPECT_EQ(expected, lines) << jobs << " jobs";
+        ASSERT_EQ(0, runTool({"remove", "-rf", tree}).status);
+    }
+}
+
+TEST_F(RemoveJobs, StopOnErrorEndsAllOfThem) {
+    KIT_NEEDS_ROOT("to be another user for the tool");
+    makeTree(tree, 40, 20'000);
+    ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0777));
+    // Everything fails: each of the processes meets one at most.
+    const ToolResult result =
+        runTool({"remove", "-r", "--json", "--stop-on-error", "--jobs", "4", tree}, {.user = 1234, .directory = "/"});
+    EXPECT_EQ(2, result.status);
+    const Lines lines = linesOf(result.out);
+    EXPECT_GE(5u, lines.size());
+    EXPECT_LE(2u, lines.size());
+}
+
+// What a worker had begun has gone or failed by name; what is still there is below something that failed, or above it.
+TEST_F(RemoveJobs, KilledAtRandomTheyLeaveNothingWithoutAWord) {
+    for (const uint32_t seed : kit::seeds(6, 200)) {
+        SCOPED_TRACE(kit::repeat(seed));
+        std::mt19937 random(seed);
+        makeTree(tree, 60, 400);
+        Lines all = pathsBelow(tree);
+        all.push_back(tree);
+        RunningTool tool({"remove", "-r", "--json", "--jobs", std::to_string(2 + seed % 3), tree}, scratch.path());
+        const auto workers = killWorkers(tool, random);
+        const ToolResult result = tool.finish();
+        EXPECT_TRUE(areGone(workers));
+        std::map<std::string, int> done;
+        Lines failed;
+        const Lines lines = linesOf(result.out);
+        for (const std::string &line : lines) {
+            if (field(line, "status") == "done") {
+                ++done[field(line, "path")];
+            } else if (field(line, "event") != "summary") {
+                failed.push_back(field(line, "path"));
+            }
+        }
+        // Where nothing went at all that is another status.
+        EXPECT_EQ(failed.empty() ? 0 : done.empty() ? 2 : 1, result.status) << result.err;
+        for (const std::string &path : all) {
+            if (path.find("@eaDir") != std::string::npos) {
+                continue;
+            }
+            if (!kit::exists(path)) {
+                EXPECT_EQ(1, done[path]) << path;
+            } else {
+                EXPECT_TRUE(std::ranges::any_of(failed, [&](const std::string &one) {
+                    return isBelow(path, one) || isBelow(one, path);
+                })) << path;
+                EXPECT_EQ(0, done[path]) << path;
+            }
+        }
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ("summary", field(lines.back(), "event"));
+        // The same request again finishes it.
+        EXPECT_EQ(0, runTool({"remove", "-rf", "--jobs", "2", tree}).status);
+        EXPECT_FALSE(kit::exists(tree));
+    }
+}
+
+// ---- compare ----
+
+class CompareJobs : public Jobs {
+  protected:
+    void SetUp() override {
+        Jobs::SetUp();
+        makeTree(tree);
+        ASSERT_EQ(0, runTool({"copy", "-r", "-T", tree, copy}).status);
+    }
+    // Differences of many kinds; the paths at the first, or at the second where only that has them.
+    Lines plant() const {
+        Lines planted;
+        for (int number = 0; number < 40; number += 3) {
+            const std::string inner = "/d" + std::to_string(number % 7) + "/e" + std::to_string(number);
+            kit::writeFile(copy + inner + "/f5", "other");
+            kit::writeFile(copy + inner + "/extra", "");
+            EXPECT_EQ(0, ::unlink((copy + inner + "/f7").c_str()));
+            planted.insert(planted.end(), {tree + inner + "/f5", copy + inner + "/extra", tree + inner + "/f7"});
+        }
+        for (int number = 0; number < 1500; number += 50) {
+            EXPECT_EQ(0, ::chmod((copy + "/flat/g" + std::to_string(number)).c_str(), 0600));
+            planted.push_back(tree + "/flat/g" + std::to_string(number));
+        }
+        kit::writeFile(copy + "/deep/down/down/down/down/down/down/down/down/down/more", "x");
+        planted.push_back(copy + "/deep/down/down/down/down/down/down/down/down/down/more");
+        return planted;
+    }
+};
+
+TEST_F(CompareJobs, AnyNumberOfThemFindsNothingWhereNothingIs) {
+    std::string expected;
+    for (const char *jobs : {"1", "2", "5"}) {
+        const ToolResult result = runTool({"compare", "--json", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(0, result.status) << result.out << result.err;
+        expected = expected.empty() ? result.out : expected;
+        EXPECT_EQ(expected, result.out); // the summary, with all that was counted
+    }
+}
+
+TEST_F(CompareJobs, AnyNumberOfThemFindsTheSame) {
+    const Lines planted = plant();
+    Lines expected;
+    for (const char *jobs : {"1", "2", "5"}) {
+        const ToolResult result = runTool({"compare", "--json", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(1, result.status) << result.err;
+        const Lines lines = sorted(linesOf(result.out));
+        expected = expected.empty() ? lines : expected;
+        EXPECT_EQ(expected, lines) << jobs << " jobs";
+    }
+    for (const std::string &path : planted) {
+        EXPECT_TRUE(std::ranges::any_of(expected, [&](const std::string &line) {
+            return field(line, "source") == path || field(line, "destination") == path;
+        })) << path;
+    }
+}
+
+// Which of the names is told depends on which comes last; how many does not.
+TEST_F(CompareJobs, NamesOfOneFileAreKnownToAllOfThem) {
+    const std::string other = copy + "/d6/e6/other";
+    const std::string content = kit::readFile(other);
+    ASSERT_EQ(0, ::unlink(other.c_str()));
+    kit::writeFile(other, content);
+    for (const char *jobs : {"1", "2", "5"}) {
+        const ToolResult result = runTool({"compare", "--only", "hard-link", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(1, result.status);
+        EXPECT_EQ(1u, linesOf(result.out).size()) << result.out;
+    }
+}
+
+TEST_F(CompareJobs, SelectionHoldsForAllOfThem) {
+    plant();
+    Lines expected;
+    for (const char *jobs : {"1", "4"}) {
+        const ToolResult result =
+            runTool({"compare", "--exclude", "f5", "--exclude", "/tree/d3", "--jobs", jobs, tree, copy});
+        const Lines lines = sorted(linesOf(result.out));
+        expected = expected.empty() ? lines : expected;
+        EXPECT_EQ(expected, lines);
+        EXPECT_EQ(std::string::npos, result.out.find("/f5"));
+        EXPECT_EQ(std::string::npos, result.out.find("/d3/"));
+    }
+    EXPECT_FALSE(expected.empty());
+}
+
+TEST_F(CompareJobs, KilledAtRandomTheyMissNothingWithoutAWord) {
+    const Lines planted = plant();
+    for (const uint32_t seed : kit::seeds(6, 200)) {
+        SCOPED_TRACE(kit::repeat(seed));
+        std::mt19937 random(seed);
+        RunningTool tool({"compare", "--json", "--jobs", std::to_string(2 + seed % 3), tree, copy}, scratch.path());
+        const auto workers = killWorkers(tool, random);
+        const ToolResult result = tool.finish();
+        EXPECT_TRUE(areGone(workers));
+        std::set<std::string> told;
+        Lines unread;
+        const Lines lines = linesOf(result.out);
+        for (const std::string &line : lines) {
+            if (field(line, "class") == "unreadable") {
+                unread.insert(unread.end(), {field(line, "source"), field(line, "destination")});
+            } else {
+                told.insert({field(line, "source"), field(line, "destination")});
+            }
+        }
+        for (const std::string &path : planted) {
+            EXPECT_TRUE(told.contains(path) ||
+                        std::ranges::any_of(unread, [&](const std::string &one) { return isBelow(path, one); }))
+                << path;
+        }
+        EXPECT_EQ(unread.empty() ? 1 : 2, result.status) << result.err;
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ("summary", field(lines.back(), "event"));
+    }
+}
+
+// A stop reaches all of them, and the one above says so.
+TEST_F(CompareJobs, CtrlCEndsAllOfThem) {
+    std::optional<kit::SlowFile> slow;
+    try {
+        slow.emplace(int64_t{1} << 30);
+    } catch (const kit::Unavailable &reason) {
+        GTEST_SKIP() << reason.reason;
+    }
+    const std::string top = slow->path().substr(0, slow->path().rfind('/'));
+    const std::string second = scratch / "second";
+    makeDirectory(second);
+    kit::writeSparse(second + slow->path().substr(top.size()), off_t{1} << 30, {});
+    slow->allow(1 << 20);
+    RunningTool tool({"compare", "--json", "--jobs", "3", top, second}, scratch.path());
+    ASSERT_TRUE(slow->waitedFor());
+    const auto workers = tool.children();
+    EXPECT_EQ(3u, workers.size());
+    ::kill(-tool.pid(), SIGINT); // as a terminal does
+    slow->allow(64 << 20);       // the block that is being read
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(130, result.status) << result.err;
+    EXPECT_NE(std::string::npos, result.out.find("\"cancelled\":true")) << result.out;
+    EXPECT_TRUE(areGone(workers));
+}
+
+// The second stop ends the tool at once, and nobody outlives it.
+TEST_F(CompareJobs, KilledItLeavesNobodyBehind) {
+    RunningTool tool({"compare", "--json", "--jobs", "3", tree, copy}, scratch.path());
+    std::vector<pid_t> workers;
+    while (workers.size() < 3 && !tool.isOver()) {
+        workers = tool.children();
+    }
+    ::kill(tool.pid(), SIGKILL);
+    tool.finish();
+    EXPECT_TRUE(areGone(workers));
+}
+
+} // namespace
+} // namespace jobs_tests

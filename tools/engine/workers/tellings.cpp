@@ -1,0 +1,61 @@
+#include "tools/engine/workers/tellings.h"
+
+namespace engine {
+
+void write(RecordWriter &to, const std::optional<Problem> &problem) {
+    to.number(problem.has_value());
+    if (problem) {
+        to.text(problem->reason).number(problem->code).number(problem->withSource).number(problem->needsRecursion);
+    }
+}
+
+std::optional<Problem> read_problem(RecordReader &from) {
+    if (!from.number<bool>()) {
+        return std::nullopt;
+    }
+    Problem problem;
+    problem.reason = from.text();
+    problem.code = from.number<uint32_t>();
+    problem.withSource = from.number<bool>();
+    problem.needsRecursion = from.number<bool>();
+    return problem;
+}
+
+void write(RecordWriter &to, const Loss &loss) {
+    to.number(loss.cls).text(loss.detail);
+}
+
+Loss read_loss(RecordReader &from) {
+    const auto cls = from.number<LossClass>();
+    return {cls, from.text()};
+}
+
+void write(RecordWriter &to, const Outcome &outcome) {
+    to.number(outcome.status).text(outcome.destination).number(outcome.bytes);
+    to.number(outcome.cloned).number(outcome.same).number(outcome.linked).number(outcome.sourceStays);
+    to.number(static_cast<uint32_t>(outcome.losses.size()));
+    for (const Loss &loss : outcome.losses) {
+        write(to, loss);
+    }
+    write(to, outcome.warning);
+    write(to, outcome.problem);
+}
+
+Outcome read_outcome(RecordReader &from) {
+    Outcome outcome;
+    outcome.status = from.number<Status>();
+    outcome.destination = from.text();
+    outcome.bytes = from.number<int64_t>();
+    outcome.cloned = from.number<bool>();
+    outcome.same = from.number<bool>();
+    outcome.linked = from.number<bool>();
+    outcome.sourceStays = from.number<bool>();
+    for (auto losses = from.number<uint32_t>(); losses > 0; --losses) {
+        outcome.losses.push_back(read_loss(from));
+    }
+    outcome.warning = read_problem(from);
+    outcome.problem = read_problem(from);
+    return outcome;
+}
+
+} // namespace engine

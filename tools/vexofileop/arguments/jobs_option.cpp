@@ -1,0 +1,20 @@
+#include "tools/vexofileop/arguments/jobs_option.h"
+
+#include "tools/vexofileop/terminal/signals.h"
+
+namespace tool {
+namespace {
+
+constexpr int kMostJobs = 64; // more get in each other's way on any machine
+
+} // namespace
+
+void add_jobs_option(const Command &command, int &jobs) {
+    command.rare().add_number("-j,--jobs", "N", jobs, 1, kMostJobs, "so many processes share the work");
+}
+
+engine::Hands hands_of(int jobs) {
+    return {.number = jobs, .begin = ignore_stop_signals};
+}
+
+} // namespace tool
