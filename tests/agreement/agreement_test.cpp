@@ -333,14 +333,15 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
         for (const auto &[path, cls] : receipt.told) {
             if (cls == engine::loss_row(LossClass::unreadable).name) {
                 paths.insert(path);
-                EXPECT_TRUE(std::ranges::any_of(comparison.told, [&](const auto &one) { return one.first == path; }))
-                    << engine::displayed(path);
+                EXPECT_TRUE(std::ranges::any_of(comparison.told, [&, wanted = path](const auto &one) {
+                    return one.first == wanted;
+                })) << engine::displayed(path);
                 EXPECT_TRUE(forecast.told.contains({path, cls})) << engine::displayed(path);
             }
         }
         comparison.without(paths);
         for (const std::string &path : paths) {
-            const auto here = [&](const auto &one) { return one.first == path; };
+            const auto here = [&, wanted = path](const auto &one) { return one.first == wanted; };
             std::ranges::copy_if(receipt.told, std::inserter(comparison.told, comparison.told.end()), here);
         }
     }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -104,6 +105,42 @@ TEST_F(DeepTrees, AreMovedToAnotherVolume) {
     expect(0, {"relocate", "-y", moved, tree});
     EXPECT_TRUE(isWhole(tree));
     EXPECT_FALSE(kit::exists(moved));
+}
+
+// As another one would be of so many levels that no stack is large enough.
+TEST_F(DeepTrees, DeeperThanTheStackIsToldAndStays) {
+    makeDeep(tree);
+    for (const kit::Arguments &arguments : {kit::Arguments{"plan", "move", tree, moved},
+                                            {"copy", "-r", tree, copy},
+                                            {"compare", "--jobs", "1", tree, tree},
+                                            {"move", tree, moved},
+                                            {"move", tree, moved}}) {
+        EXPECT_TRUE(kit::holdsInChild([&] {
+            const rlimit little{1600 << 10, 1600 << 10};
+            ASSERT_EQ(0, ::setrlimit(RLIMIT_STACK, &little));
+            const ToolResult result = runTool(arguments);
+            EXPECT_TRUE(result.status == 1 || result.status == 2) << arguments.front() << ": " << result.status;
+            EXPECT_TRUE(kit::mentions(result.out + result.err, "lies too deep")) << arguments.front();
+        }));
+        EXPECT_TRUE(isWhole(tree)) << arguments.front();
+    }
+}
+
+// Else the copy would be copied into itself until nothing is left to make it in.
+TEST_F(DeepTrees, CopyThatIsMountedInItsSourceIsNotCopied) {
+    for (const char *directory : {"tree", "tree/mount", "there"}) {
+        ASSERT_EQ(0, ::mkdir((*volume / directory).c_str(), 0755));
+    }
+    kit::writeFile(tree + "/file", "f");
+    kit::writeFile(*volume / "there/other", "o");
+    ASSERT_EQ(0, ::mount((*volume / "there").c_str(), (tree + "/mount").c_str(), nullptr, MS_BIND, nullptr));
+    const ToolResult result = runTool({"copy", "-r", tree, *volume / "there"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(kit::mentions(result.err, "mounted in the source")) << result.err.substr(0, 300);
+    EXPECT_EQ("f", kit::readFile(*volume / "there/tree/file"));
+    EXPECT_EQ("o", kit::readFile(*volume / "there/tree/mount/other"));
+    EXPECT_FALSE(kit::exists(*volume / "there/tree/mount/tree"));
+    EXPECT_EQ(0, ::umount((tree + "/mount").c_str()));
 }
 
 } // namespace

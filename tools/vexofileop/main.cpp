@@ -1,5 +1,6 @@
 // vexofileop: what the library does for services, from a shell.
 #include "tools/engine/report/invalid_request.h"
+#include "tools/engine/walk/stack_room.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/terminal/console.h"
@@ -80,6 +81,7 @@ int run(int argc, char **argv) {
 int main(int argc, char **argv) {
     ::openlog("vexofileop", LOG_PID, LOG_USER);
     watch_signals();
+    engine::raise_stack_limit();
     try {
         return run(argc, argv);
     } catch (const std::exception &error) {

@@ -15,6 +15,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/stack_room.h"
 
 #include "ea/ea.h"
 
@@ -312,6 +313,10 @@ class TreeComparison {
     void directories(int parent, const std::string &name, const std::string &path, int otherParent,
                      const std::string &otherName, const std::string &otherPath, Level *above = nullptr) {
         std::unique_ptr<Level> level;
+        if (!has_stack_room()) {
+            lose(path, otherPath, LossClass::unreadable, problem_of_depth().reason);
+            return;
+        }
         try {
             End one(parent, name, path), other(otherParent, otherName, otherPath);
             Listing listing = list_directory(one.fd(), one.facts.store);

@@ -18,6 +18,7 @@
 #include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/stack_room.h"
 
 #include "tools/engine/report/failure.h"
 
@@ -387,6 +388,10 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         return false;
     }
     PlannedEntry &planned = opened.planned;
+    if (!has_stack_room()) {
+        const Problem problem = problem_of_depth();
+        return fail(std::move(planned), problem, {{LossClass::unreadable, problem.reason}});
+    }
     HeldDirectory &from = opened.from;
     Destination &inner = opened.inner;
     struct stat top {

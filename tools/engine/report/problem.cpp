@@ -87,6 +87,11 @@ Problem problem_of_slash(mode_t mode) {
     return {std::string("is ") + kind + ", not a directory; give it without the slash"};
 }
 
+Problem problem_of_depth() {
+    return {.reason = "lies too deep: there is no room on the stack for more directories below each other",
+            .withSource = true};
+}
+
 Problem problem_of_mount() {
     return {.reason = "mounted volume below; it stays with its content, of which nothing is copied",
             .withSource = true};

@@ -30,6 +30,8 @@ void name_what_is_full(Problem &problem, const std::string &place);
 Problem problem_of_directory();
 // An entry that is none, where a slash behind its name asks for a directory.
 Problem problem_of_slash(mode_t mode);
+// A directory below so many others that a walk has no room to go into it.
+Problem problem_of_depth();
 // What a move does not empty, since the place where it is mounted cannot go.
 Problem problem_of_mount();
 // Of a path that cannot be looked at, with `number` for errno: that it is such an entry, else what errno says.

@@ -33,6 +33,8 @@ class WrittenEntries {
     void add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to, const std::string &name);
     // What stands there under the name.
     bool contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const;
+    // Whatever its name: the entry of this volume and inode.
+    bool contains(const struct stat &entry) const { return m_names.contains({entry.st_dev, entry.st_ino}); }
     // Under another name than this: two of the source that become one here.
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const;

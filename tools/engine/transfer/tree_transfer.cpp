@@ -21,6 +21,7 @@
 #include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/stack_room.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -129,6 +130,10 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     }
     Level level{source.path()};
     fix_name(level, destination);
+    if (!has_stack_room()) {
+        const Problem problem = problem_of_depth();
+        return failed(level.source, destination.path(), problem, {{LossClass::unreadable, problem.reason}});
+    }
     bool done = false;
     if (m_move && m_selection.takes_everything() && (!rename_whole(source, destination, done) || done)) {
         return done;
@@ -142,6 +147,11 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         tell_mounts(level.source, level.from.itself(), level.destination);
     } else if (m_move && m_depth > 0 && is_mounted(level, source)) {
         return false;
+    }
+    if (m_made.contains(level.status.st)) { // or there would be no end of it
+        return failed(level.source, level.destination,
+                      of_source({"holds the copy: the destination is mounted in the source; not copied into itself"}),
+                      {{LossClass::data, "a copy cannot hold itself"}});
     }
     auto names = names_in(level.from.fd());
     for (int tries = 0; !names && again(level, level.destination, tries);) {

@@ -13,6 +13,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/stack_room.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -104,8 +105,8 @@ bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
     constexpr int mostHeld = 6;
     struct stat here {
     }, again{};
-    if (directory.get() < 0 || ::fstat(directory.get(), &here) != 0 || !is_ours(here) ||
-        m_shared.contains({here.st_dev, here.st_ino})) {
+    if (!has_stack_room() || directory.get() < 0 || ::fstat(directory.get(), &here) != 0 || !is_ours(here) ||
+        m_made.contains(here) || m_shared.contains({here.st_dev, here.st_ino})) {
         return false;
     }
     const auto entries = entries_in(directory.get());

@@ -1,0 +1,43 @@
+#include "tools/engine/walk/stack_room.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <pthread.h>
+#include <sys/resource.h>
+
+namespace engine {
+namespace {
+
+// The end that the stack grows towards; 0: not known.
+uintptr_t end_of_stack() {
+    pthread_attr_t attributes;
+    void *end = nullptr;
+    size_t size = 0;
+    if (::pthread_getattr_np(::pthread_self(), &attributes) != 0) {
+        return 0;
+    }
+    const bool known = ::pthread_attr_getstack(&attributes, &end, &size) == 0;
+    ::pthread_attr_destroy(&attributes);
+    return known ? reinterpret_cast<uintptr_t>(end) : 0;
+}
+
+} // namespace
+
+void raise_stack_limit() {
+    // The kernel keeps this much free below the stack of a program, whatever its limit was when it started.
+    constexpr rlim_t most = rlim_t{100} << 20;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_STACK, &limit) == 0 && limit.rlim_cur < std::min(limit.rlim_max, most)) {
+        limit.rlim_cur = std::min(limit.rlim_max, most);
+        (void)::setrlimit(RLIMIT_STACK, &limit); // Less deep trees still work.
+    }
+}
+
+bool has_stack_room() {
+    constexpr uintptr_t kept = uintptr_t{1} << 20; // for what a level calls: the library has paths on the stack
+    static thread_local const uintptr_t end = end_of_stack();
+    return reinterpret_cast<uintptr_t>(__builtin_frame_address(0)) > end + kept;
+}
+
+} // namespace engine
