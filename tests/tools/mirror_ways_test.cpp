@@ -149,8 +149,8 @@ TEST_F(MirrorWays, WhatBelongsToNoEntryStaysWhereItCannotBeKept) {
     const ToolResult result = mirror({"--backup-dir", scratch / "kept"});
     EXPECT_EQ(1, result.status);
     EXPECT_TRUE(mentions(result.err, "belongs to no entry")) << result.err;
-    EXPECT_TRUE(kit::exists(copy + "/@eaDir"));
-    EXPECT_TRUE(kit::exists(copy + "/gone/deep/@eaDir"));
+    EXPECT_TRUE(kit::exists(copy + "/@eaDir/extra@VexoEAStream"));
+    EXPECT_TRUE(kit::exists(copy + "/gone/deep/@eaDir/old@VexoEAStream"));
     EXPECT_EQ(0, mirror({}).status);
     EXPECT_FALSE(kit::exists(copy + "/gone"));
 }
