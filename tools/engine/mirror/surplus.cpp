@@ -270,7 +270,7 @@ class Walk : private RemovalObserver {
             }
             if (!names.is_taken(item.name) && !is_private_name(item.name) && !m_kept.is_backup(item.name) &&
                 (m_options.leftOutToo || is_named(level, item.name, item.type)) &&
-                (item.type == DT_DIR || can_be_kept(level, names, item.name, DTTOIF(item.type)))) {
+                (item.type == DT_DIR || can_be_kept(level, names, item.name, static_cast<mode_t>(DTTOIF(item.type))))) {
                 remove(level, item.name);
             }
         }
