@@ -108,6 +108,10 @@ TEST_F(Backup, WhatCannotBeKeptIsNotReplaced) {
     ASSERT_EQ(0, ::mkdir((scratch / "to/tree/in/file.d").c_str(), 0755));
     expectRefused({"--backup=.d", "tree/in/file", "to/tree/in"}, "is a directory");
     EXPECT_EQ(2, run({"copy", "-f", "--backup=a/b", "tree/in/file", "to/tree/in"}).status);
+    // It would be its own, by whatever path.
+    for (const std::string &own : {std::string("."), scratch / "to/tree/in/../in"}) {
+        expectRefused({"--backup-dir", own, "tree/in/file", "to/tree/in"}, "the directory of backups is its own");
+    }
     // It is on another volume.
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     expectRefused({"--backup-dir", volume / "old", "tree/in/file", "to/tree/in"}, "is on another volume");

@@ -4,8 +4,10 @@
 #include "tests/kit/volumes.h"
 #include "tests/tools/tool_process.h"
 
+#include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/btrfs.h>
 #include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <optional>
@@ -130,6 +132,43 @@ TEST_F(CloneCommand, AlwaysThatIsRefusedLateLeavesNothing) {
     EXPECT_EQ(Names{}, kit::namesIn(volume / "plain"));
     EXPECT_EQ(0, runTool({"copy", volume / "file", volume / "plain"}).status);
     EXPECT_EQ(kit::pattern(9 << 20), kit::readFile(volume / "plain/file"));
+}
+
+// Between two subvolumes nothing can be renamed. A move shares data whatever the switch says, and not where told so.
+TEST_F(CloneCommand, MoveBetweenSubvolumesSharesDataUnlessToldNever) {
+    KIT_REQUIRE(volume, kit::Volume::loop("btrfs", 256 << 20, "-q"));
+    const int top = ::open(volume.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (const char *name : {"one", "two"}) {
+        btrfs_ioctl_vol_args made{};
+        std::snprintf(made.name, sizeof made.name, "%s", name);
+        ASSERT_EQ(0, ::ioctl(top, BTRFS_IOC_SUBVOL_CREATE, &made));
+    }
+    ::close(top);
+    struct Row {
+        const char *option;
+        bool shared;
+    };
+    for (const Row &row : {Row{"--verbose", true}, Row{"--clone=auto", true}, Row{"--clone=always", true},
+                           Row{"--clone=never", false}}) {
+        ASSERT_EQ(0, ::mkdir((volume / "one/tree").c_str(), 0755));
+        for (const char *name : {"one/tree/in", "one/file"}) {
+            kit::writeFile(volume / name, kit::pattern(1 << 20));
+            // What is shared shows by somebody else who still has it.
+            ASSERT_EQ(0, runTool({"copy", "--clone", volume / name, volume / name + ".held"}).status);
+        }
+        ASSERT_EQ(0, ::rename((volume / "one/tree/in.held").c_str(), (volume / "one/in.held").c_str()));
+        const ToolResult result =
+            runTool({"move", row.option, volume / "one/file", volume / "one/tree", volume / "two"});
+        EXPECT_EQ(0, result.status) << result.err;
+        for (const char *name : {"two/file", "two/tree/in"}) {
+            EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(volume / name));
+            EXPECT_EQ(row.shared, sharesData(volume / name)) << row.option << " " << name;
+        }
+        EXPECT_EQ((Names{"file.held", "in.held"}), kit::namesIn(volume / "one"));
+        EXPECT_EQ(0, runTool({"remove", "-r", volume / "two/file", volume / "two/tree", volume / "one/file.held",
+                              volume / "one/in.held"})
+                         .status);
+    }
 }
 
 TEST_F(CloneCommand, WordIsOneOfThree) {

@@ -169,6 +169,9 @@ TEST_F(Relative, MoveTakesWhatIsNamedAndLeavesTheDirectoriesOnTheWay) {
         run({"move", "--relative", "--files-from", "-", "base", "into"}, "a/b/one\na/c\nnone/x\n");
     EXPECT_EQ(1, result.status);
     EXPECT_TRUE(mentions(result.err, "/base/none/x: ")) << result.err;
+    // "a" and "a/b" are at both places, and "a/c" has gone.
+    EXPECT_TRUE(mentions(result.out, "1 file and 1 directory moved (3 B)")) << result.out;
+    EXPECT_TRUE(mentions(result.out, ", 2 directories on the way\n")) << result.out;
     EXPECT_EQ("two", kit::readFile(scratch / "into/a/c/two"));
     EXPECT_EQ((Names{"one"}), kit::namesIn(scratch / "into/a/b"));
     EXPECT_EQ((Names{"b"}), kit::namesIn(scratch / "base/a"));
@@ -176,6 +179,14 @@ TEST_F(Relative, MoveTakesWhatIsNamedAndLeavesTheDirectoriesOnTheWay) {
     expectDirectory("into/a");
     expectDirectory("into/a/b", 0750);
     EXPECT_EQ(2, run({"move", "--relative", "--files-from", "-", "base", "into"}, ".\n").status);
+}
+
+TEST_F(Relative, DirectoriesThatStayAreNotCountedAsMoved) {
+    const ToolResult result = run({"move", "--json", "--relative", "base/./a/b/one", "into"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.out, R"("directories":0,)")) << result.out;
+    EXPECT_TRUE(mentions(result.out, R"("on_the_way":2,)")) << result.out;
+    EXPECT_FALSE(mentions(run({"copy", "--relative", "base/./a/c/two", "into"}).out, "on the way"));
 }
 
 TEST_F(Relative, SelectionSeesTheNameFromTheBaseOn) {

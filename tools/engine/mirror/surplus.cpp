@@ -2,13 +2,16 @@
 
 #include "ea/ea.h"
 #include "tools/engine/compare/name_match.h"
+#include "tools/engine/mirror/kept_surplus.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/mount_table.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
@@ -17,6 +20,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,9 +40,16 @@ std::string below(const std::string &above, const std::string &name) {
 
 class Walk : private RemovalObserver {
   public:
-    Walk(const std::string &first, Surplus kind, const SurplusOptions &options, SurplusObserver &observer)
+    Walk(const std::string &first, const std::string &second, Surplus kind, const SurplusOptions &options,
+         SurplusObserver &observer)
         : m_kind(kind), m_options(options), m_observer(observer), m_selection(options.selection),
-          m_removal({.recursive = true, .force = true, .mountsStay = true, .rehearsal = options.rehearsal}, *this) {
+          m_kept(options.backup, second, options.rehearsal), m_removal({.recursive = true,
+                                                                        .force = true,
+                                                                        .mountsStay = true,
+                                                                        .rehearsal = options.rehearsal,
+                                                                        .kept = m_kept.wanted(),
+                                                                        .keptBeside = m_kept.beside()},
+                                                                       *this) {
         m_selection.begin(first, false);
     }
 
@@ -98,6 +109,9 @@ class Walk : private RemovalObserver {
             m_observer.unreadable(joined(level.to.path(), there), problem_of_errno(errno));
             return true;
         }
+        if (m_kept.is_directory(to.path())) {
+            return true;
+        }
         const bool enters = m_selection.enters(from.device(), m_device);
         const bool outermost =
             m_mounted.empty() && is_mount(level.to.fd(), to.fd()) && !is_mount(level.from.fd(), from.fd());
@@ -137,7 +151,7 @@ class Walk : private RemovalObserver {
             }
             const NameMatch::Found found = names.find(item.name);
             if (found.there && !found.clash && !is_private_name(item.name)) {
-                both(level, item, found.name);
+                both(level, names, item, found.name);
             }
         }
         if (m_kind == Surplus::extra) {
@@ -149,7 +163,7 @@ class Walk : private RemovalObserver {
         return m_options.selection.takes_name(below(level.path, name), type == DT_DIR);
     }
 
-    void both(Level &level, const Listing::Item &item, const std::string &there) {
+    void both(Level &level, const NameMatch &names, const Listing::Item &item, const std::string &there) {
         if (!is_named(level, item.name, item.type)) {
             return;
         }
@@ -164,7 +178,7 @@ class Walk : private RemovalObserver {
             level.inner.emplace_back(item.name, there);
         } else if (m_kind == Surplus::obstacle && is_obstacle(one->st_mode, other->st_mode) &&
                    m_selection.takes(joined(level.from.path(), item.name), level.from.below(item.name), *one)) {
-            obstacle(level, item.name, there);
+            obstacle(level, names, item.name, there, other->st_mode);
         }
     }
 
@@ -175,13 +189,48 @@ class Walk : private RemovalObserver {
         return S_ISDIR(one) != S_ISDIR(other) || (is_special(other) && !is_special(one));
     }
 
-    void obstacle(const Level &level, const std::string &name, const std::string &there) {
+    void obstacle(const Level &level, const NameMatch &names, const std::string &name, const std::string &there,
+                  mode_t mode) {
         errno = 0;
         if (const auto missing = unreadable_in(level.from.fd(), name, below(level.path, name)); !missing.empty()) {
             m_observer.unreadable(missing, problem_of_errno(errno));
+        } else if (can_be_kept(level, names, there, mode)) {
+            // With backups in it it would stay in the way.
+            m_kept.beside() && S_ISDIR(mode) ? keep_whole(level, there) : remove(level, there);
+        }
+    }
+
+    // A backup beside it does not take the place of what the first has under that name. False: it was told.
+    bool can_be_kept(const Level &level, const NameMatch &names, const std::string &name, mode_t mode) {
+        const std::string place = m_kept.beside() ? m_kept.name_beside(name) : "";
+        const auto taken = m_kept.beside() ? level.to.look(place) : std::nullopt;
+        const bool comes = m_kept.beside() && std::ranges::find(level.listing.items, place, &Listing::Item::name) !=
+                                                  level.listing.items.end();
+        const bool clash = comes || (taken && std::ranges::any_of(level.there.items, [&](const Listing::Item &item) {
+                                         return ::strcasecmp(item.name.c_str(), place.c_str()) == 0 &&
+                                                names.is_taken(item.name) && same(taken, level.to.look(item.name));
+                                     }));
+        if (clash) {
+            const Problem problem{
+                fmt::format("cannot be kept as a backup: the source has {}, too", displayed(m_kept.name_beside(name)))};
+            m_observer.entry(joined(level.to.path(), name), mode, Status::failed, &problem);
+        }
+        return !clash;
+    }
+
+    void keep_whole(const Level &level, const std::string &name) {
+        const std::string path = joined(level.to.path(), name);
+        m_stays = m_stays || !m_mounted.empty();
+        if (!m_mounted.empty() || m_observer.stopped()) {
             return;
         }
-        remove(level, there);
+        if (!m_observer.may_remove(path, RemovalQuestion::entry)) {
+            m_observer.entry(path, S_IFDIR, Status::skipped, nullptr);
+            return;
+        }
+        const auto problem = keep(level.to, path);
+        m_removedHere = m_removedHere || !problem;
+        m_observer.entry(path, S_IFDIR, problem ? Status::failed : Status::done, problem ? &*problem : nullptr);
     }
 
     // The path of something that cannot be opened; empty: all can.
@@ -219,8 +268,9 @@ class Walk : private RemovalObserver {
             if (m_observer.stopped()) {
                 return;
             }
-            if (!names.is_taken(item.name) && !is_private_name(item.name) &&
-                (m_options.leftOutToo || is_named(level, item.name, item.type))) {
+            if (!names.is_taken(item.name) && !is_private_name(item.name) && !m_kept.is_backup(item.name) &&
+                (m_options.leftOutToo || is_named(level, item.name, item.type)) &&
+                (item.type == DT_DIR || can_be_kept(level, names, item.name, static_cast<mode_t>(DTTOIF(item.type))))) {
                 remove(level, item.name);
             }
         }
@@ -257,7 +307,10 @@ class Walk : private RemovalObserver {
             m_stays = true;
             return;
         }
-        if (!m_observer.may_remove(path, RemovalQuestion::entry)) {
+        if (m_kept.wanted()) {
+            const Problem stays{"belongs to no entry, so that no backup can be kept; stays"};
+            m_observer.entry(path, found.st_mode, Status::skipped, &stays);
+        } else if (!m_observer.may_remove(path, RemovalQuestion::entry)) {
             m_observer.entry(path, found.st_mode, Status::skipped, nullptr);
         } else if (m_options.rehearsal || remove_left_over(place, part.name)) {
             m_removedHere = true;
@@ -280,17 +333,31 @@ class Walk : private RemovalObserver {
     bool may_remove(const std::string &path, RemovalQuestion question) override {
         const std::string top = m_level->to.path() == "/" ? "" : m_level->to.path();
         const std::string seen = below(m_level->path, path.substr(top.size() + 1));
-        if (!m_options.leftOutToo && !m_options.selection.takes_name(seen, question != RemovalQuestion::entry)) {
+        const bool named =
+            m_options.leftOutToo || m_options.selection.takes_name(seen, question != RemovalQuestion::entry);
+        if (!named || is_for_backups(path, question)) {
             m_leftOut = true;
             return false;
         }
         return m_observer.may_remove(path, question);
+    }
+    bool is_for_backups(const std::string &path, RemovalQuestion question) const {
+        return m_kept.wanted() && (m_kept.is_backup(base_name(path)) || m_kept.is_directory(path) ||
+                                   (question == RemovalQuestion::directory && m_kept.leads_to_directory(path)));
+    }
+    std::optional<Problem> keep(const HeldDirectory &directory, const std::string &path) override {
+        auto problem = m_kept.keep(directory, path);
+        if (!problem) {
+            m_observer.kept(m_kept.place_of(path));
+        }
+        return problem;
     }
 
     Surplus m_kind;
     const SurplusOptions &m_options;
     SurplusObserver &m_observer;
     TreeSelection m_selection;
+    KeptSurplus m_kept;
     TreeRemoval m_removal;
     const Level *m_level = nullptr; // in which an entry is being removed
     dev_t m_device = 0;             // of the first
@@ -305,7 +372,7 @@ class Walk : private RemovalObserver {
 
 void remove_surplus(const std::string &first, const std::string &second, Surplus kind, const SurplusOptions &options,
                     SurplusObserver &observer) {
-    Walk(first, kind, options, observer).run(first, second);
+    Walk(first, second, kind, options, observer).run(first, second);
 }
 
 std::optional<bool> holds_anything(const std::string &directory, const Selection &selection) {

@@ -6,11 +6,16 @@
 // what is kept for nobody. What is the system's stays, and so does what a selection by names leaves out, unless that is
 // to go, too; choosing by size, time and archive bit says what is copied, and removes nothing.
 //
+// With backups what is removed gets another name instead, as what a copy replaces does. Older backups stay where they
+// are, and so does their directory; directories are removed all the same once nothing is left in them. What belongs to
+// no entry cannot be kept so, and stays.
+//
 // What lies on a volume that is mounted in the second stays, unless the first has a volume mounted there as well.
 #pragma once
 
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/select/selection.h"
+#include "tools/engine/transfer/transfer_options.h"
 
 #include <optional>
 #include <string>
@@ -27,6 +32,7 @@ struct SurplusOptions {
     bool leftOutToo = false; // what the selection leaves out by its name is removed, too
     bool specials = false;   // special files of the first are copied
     bool rehearsal = false;  // nothing is removed: told is what would be
+    BackupOptions backup = {};
 };
 
 // Paths are as people know them.
@@ -34,6 +40,8 @@ class SurplusObserver : public Observer {
   public:
     // As of a removal. What was skipped is a volume that is mounted there, with a problem that says so.
     virtual void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) = 0;
+    // What is told next has become a backup, of that path.
+    virtual void kept(const std::string &backup) = 0;
     // Asked before each step.
     virtual bool may_remove(const std::string &path, RemovalQuestion question) = 0;
     // Nothing is removed in a directory that cannot be read or is not there any more on one of the sides.

@@ -402,7 +402,11 @@ void TreeRemoval::leave() {
     if (first && level.complete) {
         level.complete = confirmed(S_IFDIR, RemovalQuestion::directory);
         if (level.complete && level.hasStores && !m_options.rehearsal && list_rest(level)) {
-            return;
+            if (!m_options.kept || !holds_strangers(level)) {
+                return;
+            }
+            level.entries.clear();
+            failed(S_IFDIR, {"holds what belongs to no entry, of which no backup can be kept; stays"});
         }
     }
     const bool held = m_way.hold_above();
@@ -459,7 +463,30 @@ bool TreeRemoval::list_rest(Level &emptied) {
     return !emptied.entries.empty();
 }
 
+// Of what was moved to its backup nothing is left but an "@eaDir" in which nothing lies, maybe.
+bool TreeRemoval::holds_strangers(Level &emptied) {
+    clear_stores(m_way);
+    std::erase_if(emptied.entries, [&](const Entry &entry) { return !exists(m_way.path_of(entry.name)); });
+    return !emptied.entries.empty();
+}
+
+// The directory by the descriptor, since its path may be too long.
+void TreeRemoval::keep(const Entry &entry) {
+    const HeldDirectory directory(m_way.path_of("."));
+    const auto problem = directory.is_open() ? m_observer.keep(directory, m_path) : problem_of_errno(errno);
+    if (problem) {
+        failed(mode_of(entry), *problem);
+        return;
+    }
+    m_levels.back().complete = m_levels.back().complete && !m_options.keptBeside;
+    m_observer.entry(m_path, mode_of(entry), Status::done, nullptr);
+}
+
 void TreeRemoval::unlink(const Entry &entry) {
+    if (m_options.kept && !m_levels.back().entries_belong()) {
+        keep(entry);
+        return;
+    }
     const int result = m_options.rehearsal ? 0 : ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
     if (result != 0 && errno == ENOENT && !is_asked_for()) {
         return; // by somebody else, meanwhile

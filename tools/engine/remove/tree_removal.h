@@ -28,6 +28,8 @@ struct RemovalOptions {
     bool force = false;            // what does not exist is no failure
     bool mountsStay = false;       // a volume that is mounted in the tree stays, with the directories around it
     bool rehearsal = false;        // nothing is removed: told is what would be
+    bool kept = false;             // what is no directory is given to the observer to keep instead
+    bool keptBeside = false;       // in its own directory, which stays for that
 };
 
 enum class RemovalQuestion { entry, into_directory, directory, rest };
@@ -39,6 +41,9 @@ class RemovalObserver : public Observer {
     virtual void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) = 0;
     // Asked before each step that removes or leads into something; `rest` is what an entry that is gone has left.
     virtual bool may_remove(const std::string &path, RemovalQuestion question) = 0;
+    // Of an entry that is to be kept: it gets another name, with what is kept for it; in a rehearsal it is asked
+    // whether it could. Nothing: it has it.
+    virtual std::optional<Problem> keep(const HeldDirectory &, const std::string &) { return std::nullopt; }
 };
 
 class TreeRemoval {
@@ -96,6 +101,8 @@ class TreeRemoval {
     Finished finish();
     bool list_rest(Level &emptied);
     void unlink(const Entry &entry);
+    void keep(const Entry &entry);
+    bool holds_strangers(Level &emptied);
     void gone(const std::string &name, mode_t mode);
     std::optional<Problem> remove_store(const std::string &name);
     bool open_stores();

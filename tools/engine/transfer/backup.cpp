@@ -20,6 +20,14 @@ Problem not_kept(const std::string &why) {
     return {"what stands there cannot be kept as a backup: " + why};
 }
 
+// By whatever paths.
+bool one_directory(const HeldDirectory &left, const HeldDirectory &right) {
+    struct stat one {
+    }, other{};
+    return ::fstat(left.fd(), &one) == 0 && ::fstat(right.fd(), &other) == 0 && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
+}
+
 // The nearest directory on the way to a path that is there.
 HeldDirectory nearest(std::string path) {
     HeldDirectory found(path);
@@ -93,7 +101,7 @@ std::optional<Problem> Backups::refusal(const HeldDirectory &directory, const st
         errno = ENOENT;
         there = held.path() == other ? held.look(base_name(place)) : std::nullopt;
         number = errno;
-        if (held.path() == directory.path() && m_options.suffix.empty()) {
+        if (held.path() == other && m_options.suffix.empty() && one_directory(held, directory)) {
             return not_kept("the directory of backups is its own");
         }
     }

@@ -851,7 +851,9 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
         return;
     }
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    for (Loss &loss : complete_copy(source, attempt.to.side_now(name), compare_options(false))) {
+    const Side copy = attempt.to.side_now(name);
+    carry_own_directory(source, copy, false);
+    for (Loss &loss : complete_copy(source, copy, compare_options(false), false)) {
         attempt.losses.push_back(std::move(loss));
     }
     count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);
@@ -963,7 +965,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
 void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
     const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
     const auto remove = [&] {
-        return remove_with_store(attempt.from, attempt.sourceName, [&] {
+        return remove_with_store(attempt.from, attempt.sourceName, false, [&] {
             return (!attempt.kept || attempt.kept->unchanged(attempt.from, attempt.sourceName)) &&
                    copied.unchanged(attempt.from.fd(), attempt.sourceName);
         });

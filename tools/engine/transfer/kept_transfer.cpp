@@ -183,6 +183,8 @@ bool is_one(const KeptPlace &one, const KeptPlace &other) {
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+} // namespace
+
 void carry_own_directory(const Side &source, const Side &copy, bool data) {
     if (source.volume.noDirectory || source.volume.store == StoreKind::none || copy.volume.store == StoreKind::none) {
         return;
@@ -201,8 +203,6 @@ void carry_own_directory(const Side &source, const Side &copy, bool data) {
             .directory(from.parent.get(), from.name, to.parent.get(), to.name);
     }
 }
-
-} // namespace
 
 void carry_empty_store(const Side &source, const Side &copy) {
     const KeptPlace from = place_or_none(source, Kept::empty_store);

@@ -18,6 +18,9 @@ std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool *
 // replaced, and what only the copy has stays. `data`: what is the same by size and times may differ all the same.
 void carry_kept(const Side &source, const Side &copy, bool data);
 
+// The first half of that alone, of what is no directory.
+void carry_own_directory(const Side &source, const Side &copy, bool data);
+
 // The "@eaDir" alone, while something may still be made in the directory.
 void carry_empty_store(const Side &source, const Side &copy);
 

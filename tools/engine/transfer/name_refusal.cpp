@@ -47,10 +47,13 @@ bool is_of_name(int number) {
 // What a volume calls an entry that was made under this name, where that is another.
 std::optional<std::string> name_kept(int directory, const std::string &name) {
     struct statfs volume {};
-    const std::string place = next_private_name();
     if (is_common_name(name, 0x482b) || ::fstatfs(directory, &volume) != 0 ||
         takes_every_name(static_cast<uint32_t>(volume.f_type)) ||
-        is_common_name(name, static_cast<uint32_t>(volume.f_type)) || ::mkdirat(directory, place.c_str(), 0700) != 0) {
+        is_common_name(name, static_cast<uint32_t>(volume.f_type))) {
+        return std::nullopt;
+    }
+    const std::string place = next_private_name();
+    if (::mkdirat(directory, place.c_str(), 0700) != 0) {
         return std::nullopt;
     }
     std::optional<std::string> kept;
@@ -129,8 +132,11 @@ std::optional<Loss> refusal_of_link(int directory) {
 }
 
 std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mode_t type) {
+    if (is_plain_name(name) && !S_ISLNK(type)) {
+        return std::nullopt;
+    }
     const std::string place = next_private_name();
-    if ((is_plain_name(name) && !S_ISLNK(type)) || ::mkdirat(directory, place.c_str(), 0700) != 0) {
+    if (::mkdirat(directory, place.c_str(), 0700) != 0) {
         return std::nullopt;
     }
     std::optional<Loss> refusal;

@@ -431,19 +431,19 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
     return once_placed(lock, to, renaming.name, renamed, follow(to, note, from).value_or(Problem{}));
 }
 
-std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name,
+std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name, bool isDirectory,
                                          const std::function<bool()> &isMeant) {
     const bool stored = has_store(directory, name);
     const DirectoryLock lock(stored ? directory.fd() : -1);
-    const auto found = directory.look(name);
-    if (lock.is_refused() || !found || !isMeant()) {
-        errno = lock.is_refused() ? EWOULDBLOCK : found ? ESTALE : errno;
+    const auto found = stored ? directory.look(name) : std::nullopt;
+    if (lock.is_refused() || (stored && !found) || !isMeant()) {
+        errno = lock.is_refused() ? EWOULDBLOCK : found || directory.look(name) ? ESTALE : errno;
         return std::nullopt;
     }
-    const std::string note = next_private_name() + std::string(kEntryGoes);
     // Where none can be written, as on a full volume, nothing but a kill can part the two.
+    const std::string note = stored ? next_private_name() + std::string(kEntryGoes) : std::string();
     const bool noted = stored && write_note(directory, note, {.inode = found->st_ino, .name = name});
-    const bool gone = ::unlinkat(directory.fd(), name.c_str(), S_ISDIR(found->st_mode) ? AT_REMOVEDIR : 0) == 0;
+    const bool gone = ::unlinkat(directory.fd(), name.c_str(), isDirectory ? AT_REMOVEDIR : 0) == 0;
     const int number = errno;
     Problem problem;
     if (gone && stored && !clear_store(directory, name)) {

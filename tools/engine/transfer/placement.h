@@ -54,7 +54,7 @@ std::optional<Problem> rename_with_store(const Renaming &renaming);
 // Removes a source that was copied, with what is kept for it: a note tells of that from before the entry goes, and
 // whoever comes next finishes it. `isMeant` is asked last. Nothing, with errno, when the entry is still there, ESTALE
 // where `isMeant` said no. Else what could not be removed, with an empty reason where there is nothing to say.
-std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name,
+std::optional<Problem> remove_with_store(const HeldDirectory &directory, const std::string &name, bool isDirectory,
                                          const std::function<bool()> &isMeant);
 
 // For an errno of these three, of which EWOULDBLOCK is a directory that somebody else has locked.

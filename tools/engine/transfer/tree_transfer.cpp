@@ -584,7 +584,7 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     const bool same = now && now->st_dev == level.status.st.st_dev && now->st_ino == level.status.st.st_ino;
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
-        if (auto left = remove_with_store(source.in, source.name, [] { return true; })) {
+        if (auto left = remove_with_store(source.in, source.name, true, [] { return true; })) {
             if (!left->reason.empty()) {
                 level.outcome.warning = std::move(*left);
             }

@@ -48,8 +48,8 @@ WayOptions::WayOptions(const Command &command)
       m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
       m_retries(command.rare().add_value("--retry", "N", "try again so often what fails for what may pass")),
       m_sync(command.rare().add_word("--sync", "file", "HOW", "have it on disk at the end: by file, or by volume")),
-      m_backup(
-          command.rare().add_word("--backup", kSuffix, "SUFFIX", "keep what is replaced, as NAME~ or NAME and SUFFIX")),
+      m_backup(command.rare().add_word("--backup", kSuffix, "SUFFIX",
+                                       "keep what is replaced or goes, as NAME~ or NAME and SUFFIX")),
       m_backupDirectory(
           command.rare().add_value("--backup-dir", "DIR", "keep it below DIR, which is in DEST where relative")) {}
 

@@ -4,6 +4,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
@@ -79,6 +80,7 @@ void Batch::copy(const std::vector<Errand> &errands) {
 
 void Batch::run_below(const Errand &errand) {
     const engine::NamesBelow how = names_below(*errand.below, m_options.transfer);
+    m_below = true;
     for (const std::string &name : errand.below->names) {
         if (stopped()) {
             return;
@@ -144,7 +146,11 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
         engine::name_what_is_full(*outcome.problem, outcome.destination);
     }
     Counts &counts = kind == engine::EntryKind::directory ? m_directories : m_entries;
-    ++counts[outcome.status];
+    if (stays_on_the_way(kind, source, outcome)) {
+        ++m_onTheWay;
+    } else {
+        ++counts[outcome.status];
+    }
     m_cloned += outcome.cloned ? 1 : 0;
     m_backups += outcome.backup.empty() ? 0 : 1;
     m_same += outcome.same ? 1 : 0;
@@ -170,6 +176,12 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     report_losses(source, outcome);
     note_for_report(kind, source, outcome);
     advance(0);
+}
+
+// Made anew for what is moved below it, and not moved itself.
+bool Batch::stays_on_the_way(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const {
+    return m_below && !copies() && kind == engine::EntryKind::directory && outcome.status == engine::Status::done &&
+           !outcome.sourceStays && engine::exists(source);
 }
 
 // So many files and links of which nothing is to be said.
@@ -429,6 +441,7 @@ std::string Batch::counts_line() const {
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
                        copies() ? fmt::format(", {} cloned", m_cloned) : "", backups) +
+           (m_onTheWay > 0 ? fmt::format(", {} on the way", counted(m_onTheWay, "directory", "directories")) : "") +
            more_counts();
 }
 
@@ -442,6 +455,9 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("skipped", m_entries[engine::Status::skipped]);
     if (updates()) {
         summary.add_number("same", m_same);
+    }
+    if (m_onTheWay > 0) {
+        summary.add_number("on_the_way", m_onTheWay);
     }
     summary.add_number("failed", m_entries[engine::Status::failed] + m_directories[engine::Status::failed]);
     summary.add_number("cloned", m_cloned);

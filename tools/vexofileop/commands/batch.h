@@ -63,6 +63,7 @@ class Batch : protected engine::TransferObserver {
     void written_out(const std::string &directory, const std::optional<engine::Problem> &problem) override;
     void tell_write_out(const std::string &directory, const char *status, const engine::Problem *problem);
     bool stopped() const override;
+    bool stays_on_the_way(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
@@ -96,6 +97,8 @@ class Batch : protected engine::TransferObserver {
     int m_staying = 0;              // sources of a move, for what was lost of them
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
     bool m_treeSeen = false;
+    bool m_below = false; // names are made anew, with the directories on their way
+    int m_onTheWay = 0;   // of those, directories of a move, which stay
     bool m_failed = false;
     int m_passedOver = 0;      // for something stands there, which the caller wants to stay
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended

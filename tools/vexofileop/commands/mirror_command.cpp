@@ -5,6 +5,7 @@
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/arguments/way_options.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/mirror_run.h"
 
@@ -30,7 +31,7 @@ class MirrorArguments {
           m_most(command.add_value("--max-delete", "N", "remove no more than N entries; tell what is left")),
           m_accept(add_accept_option(command)), m_report(add_report_option(command)),
           m_maxErrors(command.rare().add_value("--max-errors", "N", "end at the Nth entry that fails")),
-          m_selection(command), m_operands(command.add_operands("SRC", "SRC DST")) {
+          m_ways(command), m_selection(command), m_operands(command.add_operands("SRC", "SRC DST")) {
         engine::TransferOptions &transfer = m_options.batch.transfer;
         transfer.conflict = engine::Conflict::update;
         transfer.links = true;
@@ -61,6 +62,7 @@ class MirrorArguments {
         batch.transfer.selection = m_selection.chosen();
         batch.transfer.accepted = loss_set_of(m_accept, "--accept");
         batch.transfer.hardLinks = !m_noHardLinks;
+        m_ways.apply(batch.transfer);
         batch.mostErrors = m_maxErrors.given() ? parse_count("--max-errors", m_maxErrors.values().front(), 1) : 0;
         if (m_progress) {
             const ProgressOption::Wanted progress = m_progress->wanted();
@@ -69,6 +71,7 @@ class MirrorArguments {
         }
         m_options.most = m_most.given() ? parse_count("--max-delete", m_most.values().front(), 0) : -1;
         const MirrorPair pair(paths[0], paths[1]);
+        pair.refuse_backups(batch.transfer.backup);
         if (!m_plan) {
             return MirrorRun(m_options, pair).run();
         }
@@ -102,6 +105,7 @@ class MirrorArguments {
     bool m_plan, m_noProbe = false, m_noHardLinks = false;
     Option m_force, m_ask, m_most, m_accept, m_report, m_maxErrors;
     std::optional<ProgressOption> m_progress;
+    WayOptions m_ways;
     SelectionOptions m_selection;
     Option m_operands;
 };

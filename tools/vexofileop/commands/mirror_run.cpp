@@ -1,7 +1,9 @@
 #include "tools/vexofileop/commands/mirror_run.h"
 
+#include "tools/engine/mirror/kept_surplus.h"
 #include "tools/engine/mirror/overlap.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/transfer/write_out.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
@@ -45,7 +47,8 @@ engine::SurplusOptions engine_options(const MirrorOptions &options, bool rehears
     return {.selection = options.batch.transfer.selection,
             .leftOutToo = options.leftOutToo,
             .specials = options.batch.transfer.specials,
-            .rehearsal = rehearsal};
+            .rehearsal = rehearsal,
+            .backup = options.batch.transfer.backup};
 }
 
 // Of what a stop left undone nothing is said here.
@@ -72,6 +75,22 @@ MirrorPair::MirrorPair(const std::string &first, const std::string &second)
     if (engine::overlap(source, destination)) {
         throw UsageError(fmt::format("{} and {} are one directory, or one lies in the other", engine::displayed(source),
                                      engine::displayed(destination)));
+    }
+}
+
+void MirrorPair::refuse_backups(const engine::BackupOptions &backup) const {
+    const std::string directory = engine::directory_of_backups(backup, destination);
+    if (directory.empty()) {
+        return;
+    }
+    // What is kept there goes by its path below the destination, and would take the place of what has it already.
+    if (engine::overlap(source, directory)) {
+        throw UsageError(fmt::format("--backup-dir: {} and the source are one directory, or one lies in the other",
+                                     engine::displayed(directory)));
+    }
+    if (engine::lies_in(destination, directory)) {
+        throw UsageError(
+            fmt::format("--backup-dir: the destination is {}, or lies in it", engine::displayed(directory)));
     }
 }
 
@@ -149,6 +168,10 @@ int MirrorRun::run() {
 // What stands in the way goes first, and then what the source has not, once everything is there.
 void MirrorRun::remove() {
     const SurplusRun::Options options = surplus_options(false);
+    engine::VolumesToWriteOut volumes;
+    if (m_options.transfer.sync != engine::Sync::none) {
+        volumes.begin(engine::HeldDirectory(m_pair.destination));
+    }
     SurplusRun surplus(options, m_console, m_report);
     bool complete = true;
     if (!m_late.empty()) {
@@ -162,6 +185,10 @@ void MirrorRun::remove() {
         m_failed = true;
     }
     m_removed = surplus.removed();
+    m_backups += static_cast<int>(surplus.backups());
+    if (m_removed > 0) {
+        volumes.write_out(*this);
+    }
     m_failed =
         m_failed || surplus.failed() > 0 || surplus.mounts() > 0 || surplus.was_refused() || surplus.was_limited();
     if (surplus.was_limited()) {
@@ -176,7 +203,9 @@ bool MirrorRun::copy_late() {
     engine::TransferOptions transfer = m_options.transfer;
     transfer.countsAlone = false;
     m_again = true;
-    engine::Transfer(transfer, *this).run(m_pair.source + "/.", m_pair.destination);
+    engine::Transfer again(transfer, *this);
+    again.run(m_pair.source + "/.", m_pair.destination);
+    again.leave();
     m_again = false;
     return !m_incomplete;
 }

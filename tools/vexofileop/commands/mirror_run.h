@@ -25,6 +25,8 @@ struct MirrorOptions {
 // or the two are one, or one lies in the other, by whatever names.
 struct MirrorPair {
     MirrorPair(const std::string &first, const std::string &second);
+    // Throws UsageError where what is kept below a directory could take the place of what is mirrored.
+    void refuse_backups(const engine::BackupOptions &backup) const;
     std::string source, destination;
     bool exists; // the destination
 };

@@ -6,6 +6,7 @@
 #include "tools/vexofileop/terminal/signals.h"
 
 #include <fmt/format.h>
+#include <utility>
 
 namespace tool {
 
@@ -13,7 +14,9 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
     if (status == engine::Status::skipped && problem == nullptr && stop_signal() != 0) {
         return; // the signal was the answer
     }
+    const std::string backup = std::exchange(m_backup, {});
     m_removed += status == engine::Status::done ? 1 : 0;
+    m_backups += backup.empty() ? 0 : 1;
     m_failed += status == engine::Status::failed ? 1 : 0;
     m_mounts += status == engine::Status::skipped && problem != nullptr ? 1 : 0;
     if (m_options.silent) {
@@ -23,10 +26,11 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
         m_console.message(problem_text(engine::displayed(path), *problem));
     }
     if (m_options.json) {
-        m_console.line(line(path, mode, status, problem));
+        m_console.line(line(path, mode, status, problem, backup));
     } else if (status == engine::Status::done && (m_options.verbose || m_options.surplus.rehearsal)) {
-        m_console.line(
-            fmt::format("{}: {}", m_options.surplus.rehearsal ? "remove" : "removed", engine::displayed(path)));
+        m_console.line(fmt::format("{}: {}{}", m_options.surplus.rehearsal ? "remove" : "removed",
+                                   engine::displayed(path),
+                                   backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(backup))));
     }
     if (m_options.report && status == engine::Status::done) {
         m_report.count(Fate::removed, 1, 0);
@@ -37,7 +41,7 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
 }
 
 std::string SurplusRun::line(const std::string &path, mode_t mode, engine::Status status,
-                             const engine::Problem *problem) const {
+                             const engine::Problem *problem, const std::string &backup) const {
     Json line;
     if (m_options.surplus.rehearsal) {
         line.add_text("event", "removal");
@@ -48,6 +52,9 @@ std::string SurplusRun::line(const std::string &path, mode_t mode, engine::Statu
         line.add_text("status", word_of(status));
     }
     line.add_name("path", path);
+    if (!backup.empty()) {
+        line.add_name("backup", backup);
+    }
     if (problem != nullptr) {
         line.add_object("error", problem_object(*problem));
     }

@@ -33,6 +33,7 @@ class SurplusRun : private engine::SurplusObserver {
 
     int64_t removed() const { return m_removed; }
     int64_t failed() const { return m_failed; }
+    int64_t backups() const { return m_backups; }
     int64_t mounts() const { return m_mounts; } // that stay
     bool was_limited() const { return m_limited; }
     // Somebody said no to what is more than was agreed to.
@@ -41,15 +42,18 @@ class SurplusRun : private engine::SurplusObserver {
   private:
     bool stopped() const override { return m_options.stopped() || m_refused; }
     void entry(const std::string &path, mode_t mode, engine::Status status, const engine::Problem *problem) override;
+    void kept(const std::string &backup) override { m_backup = backup; }
     bool may_remove(const std::string &path, engine::RemovalQuestion question) override;
     void unreadable(const std::string &path, const engine::Problem &problem) override;
     bool is_agreed();
-    std::string line(const std::string &path, mode_t mode, engine::Status status, const engine::Problem *problem) const;
+    std::string line(const std::string &path, mode_t mode, engine::Status status, const engine::Problem *problem,
+                     const std::string &backup) const;
 
     const Options &m_options;
     Console &m_console;
     Report &m_report;
-    int64_t m_removed = 0, m_failed = 0, m_mounts = 0;
+    int64_t m_removed = 0, m_failed = 0, m_mounts = 0, m_backups = 0;
+    std::string m_backup = {}; // of what is told next
     bool m_limited = false, m_refused = false;
     bool m_agreedToMore = false;
 };
