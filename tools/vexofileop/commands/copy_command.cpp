@@ -334,7 +334,8 @@ void add_plan_command(const Command &program, int &status) {
     const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
     command.allow_command();
     command.set_footer("\nEach list of --shards is copied on any machine, and when all are done --finish\n"
-                       "gives directories what is theirs. Examples:\n"
+                       "gives directories what is theirs.\n"
+                       "Examples:\n"
                        "  vexofileop plan copy -r photos /volume2/backup\n"
                        "  vexofileop plan --shards 4 --out lists photos\n"
                        "  vexofileop copy -u --relative --from0 --files-from lists/shard-1 \\\n"
