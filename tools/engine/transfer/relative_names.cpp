@@ -44,6 +44,7 @@ void TreeTransfer::run_below(const std::string &base, const std::string &top, co
         failed(joined(base, name), joined(top, name), problem_of_errno(errno));
         return;
     }
+    m_unfinished = how.unfinished;
     if (name.empty()) {
         m_baseListed = true;
         return;
@@ -194,7 +195,14 @@ void TreeTransfer::step_up() {
     m_sourceType = above.from.type();
     m_destinationType = above.to.type();
     const Place source = step.parent.is_open() ? Place{step.parent, step.real} : Place{above.from, step.name};
-    finish(level, source, {above.to, step.made});
+    if (m_unfinished) {
+        write_out_level(level, {above.to, step.made});
+    } else {
+        finish(level, source, {above.to, step.made});
+    }
+    if (m_unfinished && !level.made && level.outcome.status == Status::done) {
+        return;
+    }
     const bool first = m_told.insert({level.there.st_dev, level.there.st_ino}).second;
     if (first || level.outcome.status == Status::failed) {
         tell(EntryKind::directory, level.source, level.outcome);
@@ -215,6 +223,11 @@ void TreeTransfer::leaf(const std::string &name, const NamesBelow &how, const st
         return;
     }
     if (found && !is_selected(level, name)) {
+        return;
+    }
+    if (found && how.directoriesAlone) {
+        failed(joined(level.source, name), joined(level.destination, name),
+               of_source({"is no directory, and a list of directories is asked for"}));
         return;
     }
     const std::string source = joined(level.source, name), destination = joined(level.destination, name);
@@ -255,7 +268,7 @@ void TreeTransfer::leave() {
     while (m_way.size() > 1) {
         step_up();
     }
-    if (!m_way.empty() && std::exchange(m_baseListed, false)) {
+    if (!m_way.empty() && std::exchange(m_baseListed, false) && !m_unfinished) {
         finish_base();
     }
     if (!m_way.empty() && m_sync == Sync::file) {

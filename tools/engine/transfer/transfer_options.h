@@ -62,6 +62,10 @@ struct NamesBelow {
     bool followed = false; // links on the way are, as in any path that people give; else nothing lies behind one
     bool trees = false;    // directories go with everything in them
     bool alone = false;    // else: directories go without that
+    // Of `alone`. Directories are made, or gone into, and nothing else of them is carried: somebody does that later,
+    // when nobody fills them any more.
+    bool unfinished = false;
+    bool directoriesAlone = false; // whatever else is named fails
 };
 
 } // namespace engine

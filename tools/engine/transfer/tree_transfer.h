@@ -163,6 +163,7 @@ class TreeTransfer {
     std::set<std::pair<dev_t, ino_t>> m_told;  // those of which something was told
     std::map<std::string, VLIBCStat> m_before; // of a move: what they were before anything left them
     bool m_baseListed = false;
+    bool m_unfinished = false; // directories on the way are
 };
 
 } // namespace engine

@@ -123,6 +123,15 @@ std::optional<std::vector<Entry>> entries_in(int directory) {
     return visit_without_trace(directory, entries, add) ? std::optional(std::move(entries)) : std::nullopt;
 }
 
+bool each_entry(int directory, const std::function<void(const char *name, unsigned char type)> &visitor) {
+    bool any = false;
+    const auto tell = [&](int fd, const dirent &entry) {
+        any = true;
+        visitor(entry.d_name, entry.d_type == DT_UNKNOWN ? type_of(fd, entry.d_name) : entry.d_type);
+    };
+    return visit(directory, ".", O_NOATIME, tell) || (!any && errno == EPERM && visit(directory, ".", 0, tell));
+}
+
 Totals totals_of(const std::string &path, const std::function<bool()> &stopped, const TakesEntry &takes) {
     Totals totals;
     struct stat found {};

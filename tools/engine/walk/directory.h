@@ -23,6 +23,9 @@ struct Entry {
 };
 std::optional<std::vector<Entry>> entries_in(int directory);
 
+// The same one by one, so that a directory of any size takes no memory. False, with errno, when not all could be read.
+bool each_entry(int directory, const std::function<void(const char *name, unsigned char type)> &visitor);
+
 // What a tree holds for somebody who copies it: regular files and links, and the bytes of the files.
 struct Totals {
     int64_t files = 0, bytes = 0;

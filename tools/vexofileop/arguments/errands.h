@@ -17,6 +17,8 @@ struct RelativeNames {
     std::vector<std::string> names; // "a/b/c"; empty: the directory itself
     bool followed = false;          // links on the way are
     bool alone = false;             // directories go without what they hold
+    bool unfinished = false;        // and without what is theirs
+    bool directoriesAlone = false;  // nothing else is named
 };
 // Where sources go: one pair of absolute paths for each; of relative names the two directories that they go down from.
 struct Errand {

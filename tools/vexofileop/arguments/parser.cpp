@@ -48,17 +48,8 @@ std::string without_marks(std::string text) {
     return text;
 }
 
-// Throws UsageError for a word in place of a command that there is none of.
-void refuse_unknown_command(const CLI::App &program) {
-    const CLI::App *at = &program;
-    while (!at->get_subcommands().empty()) {
-        at = at->get_subcommands().front();
-    }
-    const std::vector<std::string> words = at->remaining(true);
-    const auto commands = at->get_subcommands([](const CLI::App *) { return true; });
-    if (commands.empty() || words.empty() || words.front().starts_with('-')) {
-        return;
-    }
+[[noreturn]] void refuse_as_command(const CLI::App &at, const std::string &word) {
+    const auto commands = at.get_subcommands([](const CLI::App *) { return true; });
     std::vector<std::string> names;
     names.reserve(commands.size());
     for (const CLI::App *const command : commands) {
@@ -69,11 +60,23 @@ void refuse_unknown_command(const CLI::App &program) {
             names.push_back(command->get_name() + " " + below->get_name());
         }
     }
-    const std::string word = without_marks(words.front());
     const std::vector<std::string> near = near_commands(word, names);
     throw UsageError(fmt::format("unknown command \"{}\"{}{}{}", engine::displayed(word),
                                  near.empty() ? "" : "; did you mean \"", fmt::join(near, "\" or \""),
                                  near.empty() ? "" : "\"?"));
+}
+
+// Throws UsageError for a word in place of a command that there is none of.
+void refuse_unknown_command(const CLI::App &program) {
+    const CLI::App *at = &program;
+    while (!at->get_subcommands().empty()) {
+        at = at->get_subcommands().front();
+    }
+    const std::vector<std::string> words = at->remaining(true);
+    const auto commands = at->get_subcommands([](const CLI::App *) { return true; });
+    if (!commands.empty() && !words.empty() && !words.front().starts_with('-')) {
+        refuse_as_command(*at, without_marks(words.front()));
+    }
 }
 
 constexpr const char *kRare = "More options"; // the group of what --help leaves to --help-all
@@ -116,13 +119,17 @@ std::string HelpFormatter::make_group(std::string group, bool operands,
 
 std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) const {
     // The description of operands is their usage.
-    std::string line = "Usage: " + std::move(name);
+    std::string line = "Usage: " + name;
+    const auto operands = app->get_options([](const auto *option) { return option->get_positional(); });
     if (!app->get_subcommands({}).empty()) {
-        return line + " COMMAND ...\n";
+        line += " COMMAND ...\n";
+        if (operands.empty()) {
+            return line;
+        }
+        line += "       " + name;
     }
     line += " [OPTION...]";
-    for (const CLI::Option *const operand :
-         app->get_options([](const auto *option) { return option->get_positional(); })) {
+    for (const CLI::Option *const operand : operands) {
         line += " " + operand->get_description();
     }
     return line + "\n";
@@ -182,6 +189,22 @@ Command Command::add_command(const char *name, const char *text) const {
     CLI::App &command = *m_app->add_subcommand(name, text);
     add_help_all(command);
     return Command(command);
+}
+
+bool Command::has_command() const {
+    return !m_app->get_subcommands().empty();
+}
+
+void Command::refuse_command(const std::string &word) const {
+    refuse_as_command(*m_app, word);
+}
+
+void Command::allow_command() const {
+    m_app->require_subcommand(0, 1);
+}
+
+void Command::excludes(const Option &option) const {
+    m_app->excludes(option.m_option);
 }
 
 void Command::require_command() const {

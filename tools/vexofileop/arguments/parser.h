@@ -15,6 +15,8 @@ class Option;
 
 namespace tool {
 
+class Command;
+
 // A flag, an option with a value, or the operands of a command. Copies are the same one, which the Parser owns.
 class Option {
   public:
@@ -28,6 +30,7 @@ class Option {
     void excludes(const Option &other) const;
 
   private:
+    friend class Command;
     CLI::Option *m_option;
 };
 
@@ -41,8 +44,16 @@ class Command {
     // which has to fit a screen.
     Command rare() const;
     Command add_command(const char *name, const char *text) const;
+    // Whether one of its commands was named.
+    bool has_command() const;
+    // Throws UsageError for a word where one of its commands is expected.
+    [[noreturn]] void refuse_command(const std::string &word) const;
     // One of its commands has to be named.
     void require_command() const;
+    // At most one.
+    void allow_command() const;
+    // Where the option of the command above is given it is refused.
+    void excludes(const Option &option) const;
     Option add_flag(const char *names, const char *text) const;
     void add_flag(const char *names, bool &value, const char *text) const;
     // The help calls the value `valueName`.

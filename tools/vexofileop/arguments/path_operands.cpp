@@ -24,7 +24,31 @@ std::vector<std::string> lines_of(std::string_view text, char end) {
     return lines;
 }
 
+std::string text_of_list(const std::string &list) {
+    try {
+        return read_input(list);
+    } catch (const engine::Failure &failure) {
+        throw UsageError(failure.what());
+    }
+}
+
 } // namespace
+
+std::vector<std::string> names_in_list(const std::string &list, bool nul) {
+    const std::string text = text_of_list(list);
+    if (!nul && text.find('\0') != std::string::npos) {
+        throw UsageError(fmt::format("{}: holds a NUL; give -0 if that ends each path", engine::displayed(list)));
+    }
+    return lines_of(text, nul ? '\0' : '\n');
+}
+
+std::vector<std::string> names_in_whole_list(const std::string &list) {
+    const std::string text = text_of_list(list);
+    if (text.empty() || text.back() != '\0') {
+        throw UsageError(fmt::format("{}: is no whole list of names that each end with NUL", engine::displayed(list)));
+    }
+    return lines_of(text, '\0');
+}
 
 PathOperands::PathOperands(const Command &command, const char *name, const char *usage)
     : m_operands(command.add_operands(name, usage)),
@@ -45,17 +69,7 @@ std::vector<std::string> PathOperands::listed() const {
     if (!has_list()) {
         return {};
     }
-    const std::string list = m_list.values().front();
-    try {
-        const std::string text = read_input(list);
-        const bool nul = m_nul.given();
-        if (!nul && text.find('\0') != std::string::npos) {
-            throw UsageError(fmt::format("{}: holds a NUL; give -0 if that ends each path", engine::displayed(list)));
-        }
-        return lines_of(text, nul ? '\0' : '\n');
-    } catch (const engine::Failure &failure) {
-        throw UsageError(failure.what());
-    }
+    return names_in_list(m_list.values().front(), m_nul.given());
 }
 
 std::vector<std::string> PathOperands::all() const {

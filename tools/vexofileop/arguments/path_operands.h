@@ -8,6 +8,12 @@
 
 namespace tool {
 
+// The names in a list, empty ones left out. Throws UsageError where it cannot be read.
+std::vector<std::string> names_in_list(const std::string &list, bool nul);
+// Those of a list that a program has made, each with NUL at its end, so that a list that was cut off is known. Throws
+// UsageError.
+std::vector<std::string> names_in_whole_list(const std::string &list);
+
 class PathOperands {
   public:
     PathOperands(const Command &command, const char *name, const char *usage);
@@ -20,6 +26,8 @@ class PathOperands {
     // also where neither paths nor a list were given.
     std::vector<std::string> all() const;
     bool has_list() const;
+    // Where the option is given there is none.
+    void excludes_list(const Option &option) const { m_list.excludes(option); }
     // The list is read from stdin, where no question can be answered then.
     bool has_list_on_stdin() const;
 

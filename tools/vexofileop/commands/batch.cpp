@@ -49,7 +49,11 @@ const char *word_of(engine::Operation operation) {
 }
 
 engine::NamesBelow names_below(const RelativeNames &names, const engine::TransferOptions &transfer) {
-    return {.followed = names.followed, .trees = transfer.trees && !names.alone, .alone = names.alone};
+    return {.followed = names.followed,
+            .trees = transfer.trees && !names.alone,
+            .alone = names.alone,
+            .unfinished = names.unfinished,
+            .directoriesAlone = names.directoriesAlone};
 }
 
 Batch::Batch(const BatchOptions &options)

@@ -12,7 +12,7 @@ using AddCommand = void (*)(const Command &program, int &status);
 void add_copy_command(const Command &program, int &status);
 void add_move_command(const Command &program, int &status);
 void add_mirror_command(const Command &program, int &status);
-void add_mirror_plan(const Command &plan, int &status); // a command of "plan"
+Command add_mirror_plan(const Command &plan, int &status); // a command of "plan"
 void add_compare_command(const Command &program, int &status);
 void add_plan_command(const Command &program, int &status);
 void add_remove_command(const Command &program, int &status);

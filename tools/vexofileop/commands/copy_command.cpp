@@ -12,6 +12,7 @@
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/plan_run.h"
+#include "tools/vexofileop/commands/shard_plan.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -85,6 +86,20 @@ std::vector<Errand> relative_errands(const PathOperands &operands, std::vector<s
     }
     sources.insert(sources.end(), names.begin(), names.end());
     return plan_relative_errands(sources, destination);
+}
+
+// What is theirs for directories, whose list a plan of shards has made.
+std::vector<Errand> finishing(const std::string &list, const PathOperands &operands, const TargetOptions &target) {
+    std::vector<std::string> directories = operands.given();
+    if (target.directory.given()) {
+        directories.push_back(target.directory.values().front());
+    }
+    if (directories.size() != 2 || directories.back().empty()) {
+        throw UsageError("--finish needs the directory that was cut and the one that it was copied to");
+    }
+    Errand errand = plan_listed_errand(names_in_whole_list(list), directories[0], directories[1], false);
+    errand.below->directoriesAlone = true;
+    return {std::move(errand)};
 }
 
 // The last operand is where the files go, where no option says so. A list has any number of them, so that it needs a
@@ -213,9 +228,19 @@ class TransferArguments {
         const bool listed =
             m_relative && m_operands.has_list() && m_operands.given().size() > (m_target.directory.given() ? 0 : 1);
         transfer.links = transfer.links || listed;
-        const std::vector<Errand> errands =
-            planned(m_operands, m_target, transfer.operation, transfer.conflict, m_relative, transfer.trees);
+        if (m_finishLater && (!listed || transfer.trees)) {
+            throw UsageError("--finish-later is for --relative with a list below one directory, without -r");
+        }
+        std::vector<Errand> errands =
+            m_finish && m_finish->given()
+                ? finishing(m_finish->values().front(), m_operands, m_target)
+                : planned(m_operands, m_target, transfer.operation, transfer.conflict, m_relative, transfer.trees);
         check_names(errands);
+        for (Errand &errand : errands) {
+            if (errand.below) {
+                errand.below->unfinished = m_finishLater;
+            }
+        }
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
 
@@ -235,6 +260,7 @@ class TransferArguments {
                                "directories too; links in them stay links");
             m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "directories too; the same as -r");
             m_command.rare().add_flag("-p,--preserve", "accepted: everything goes along anyway");
+            add_shards(act);
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
         }
@@ -255,6 +281,15 @@ class TransferArguments {
             m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");
         }
     }
+    // Lists of a plan of shards.
+    void add_shards(Act act) {
+        if (act == Act::run) {
+            const Command rare = m_command.rare();
+            rare.add_flag("--finish-later", m_finishLater, "with a list: what is of directories is for --finish");
+            m_finish = rare.add_value("--finish", "LIST", "give directories what is theirs (plan --shards)");
+            m_operands.excludes_list(*m_finish);
+        }
+    }
     void add_output(Act act) {
         m_command.add_flag("-v,--verbose", m_options.verbose, "say what is done, and all that is not carried");
         m_command.add_flag("--json", m_options.json, "one JSON object per line: each entry, then a summary");
@@ -266,7 +301,8 @@ class TransferArguments {
 
     Command m_command;
     BatchOptions m_options;
-    bool m_plan, m_noProbe = false, m_noHardLinks = false, m_relative = false;
+    bool m_plan, m_noProbe = false, m_noHardLinks = false, m_relative = false, m_finishLater = false;
+    std::optional<Option> m_finish;
     std::vector<Policy> m_policies;
     Option m_accept, m_report, m_maxErrors;
     std::optional<ProgressOption> m_progress;
@@ -276,11 +312,12 @@ class TransferArguments {
     PathOperands m_operands;
 };
 
-void add_transfer_command(const Command &program, int &status, engine::Operation operation, Act act) {
+Command add_transfer_command(const Command &program, int &status, engine::Operation operation, Act act) {
     const Command command = program.add_command(word_of(operation), line_of(operation, act));
     const auto arguments = std::make_shared<TransferArguments>(command, operation, act);
     command.set_footer(footer(operation, act));
     command.set_work([&status, arguments] { status = arguments->run(); });
+    return command;
 }
 
 } // namespace
@@ -295,11 +332,27 @@ void add_move_command(const Command &program, int &status) {
 
 void add_plan_command(const Command &program, int &status) {
     const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
-    command.require_command();
-    command.set_footer("\nExample:\n  vexofileop plan copy -r photos /volume2/backup");
-    add_transfer_command(command, status, engine::Operation::copy, Act::plan);
-    add_transfer_command(command, status, engine::Operation::move, Act::plan);
-    add_mirror_plan(command, status);
+    command.allow_command();
+    command.set_footer("\nEach list of --shards is copied on any machine, and when all are done --finish\n"
+                       "gives directories what is theirs.\n"
+                       "Examples:\n"
+                       "  vexofileop plan copy -r photos /volume2/backup\n"
+                       "  vexofileop plan --shards 4 --out lists photos\n"
+                       "  vexofileop copy -u --relative --from0 --files-from lists/shard-1 \\\n"
+                       "      --finish-later photos /volume2/backup\n"
+                       "  vexofileop copy --finish lists/directories photos /volume2/backup");
+    const Command commands[] = {add_transfer_command(command, status, engine::Operation::copy, Act::plan),
+                                add_transfer_command(command, status, engine::Operation::move, Act::plan),
+                                add_mirror_plan(command, status)};
+    const auto shards = std::make_shared<ShardPlan>(command);
+    for (const Command &each : commands) {
+        shards->keep_apart(each);
+    }
+    command.set_work([&status, command, shards] {
+        if (!command.has_command()) {
+            status = shards->run();
+        }
+    });
 }
 
 } // namespace tool

@@ -110,7 +110,7 @@ class MirrorArguments {
     Option m_operands;
 };
 
-void add(const Command &program, int &status, bool plan) {
+Command add(const Command &program, int &status, bool plan) {
     const Command command = program.add_command("mirror", plan ? "Tell what a mirror would do and remove"
                                                                : "Make a directory equal to another");
     const auto arguments = std::make_shared<MirrorArguments>(command, plan);
@@ -118,6 +118,7 @@ void add(const Command &program, int &status, bool plan) {
                               "Example:\n  vexofileop plan mirror photos /volume2/photos"
                             : std::string(kNotes) + "Example:\n  vexofileop mirror photos /volume2/photos");
     command.set_work([&status, arguments] { status = arguments->run(); });
+    return command;
 }
 
 } // namespace
@@ -126,8 +127,8 @@ void add_mirror_command(const Command &program, int &status) {
     add(program, status, false);
 }
 
-void add_mirror_plan(const Command &plan, int &status) {
-    add(plan, status, true);
+Command add_mirror_plan(const Command &plan, int &status) {
+    return add(plan, status, true);
 }
 
 } // namespace tool

@@ -31,7 +31,8 @@ _vexofileop() {
         return
     fi
     commands=$(_vexofileop_words Subcommands "${path[@]}")
-    if [[ -n $commands ]]; then
+    # Where "plan" cuts a directory no command follows.
+    if [[ -n $commands && " ${COMP_WORDS[*]} " != *" --shards"[\ =]* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
     elif [[ ${path[0]} == explain ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1)" -- "$current")

@@ -42,7 +42,8 @@ function __vexofileop_complete
         return
     end
     set -l commands (__vexofileop_words Subcommands $path)
-    if test (count $commands) -gt 0
+    # Where "plan" cuts a directory no command follows.
+    if test (count $commands) -gt 0; and not string match -q -- '--shards*' (commandline -opc)
         printf '%s\n' $commands
     else if test "$path[1]" = explain
         vexofileop explain 2>/dev/null | string replace '  ' \t
