@@ -149,9 +149,9 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         return false;
     }
     if (m_made.contains(level.status.st)) { // or there would be no end of it
-        return failed(level.source, level.destination,
-                      of_source({"holds the copy: the destination is mounted in the source; not copied into itself"}),
-                      {{LossClass::data, "a copy cannot hold itself"}});
+        Problem problem{"holds the copy: the destination is mounted in the source; not copied into itself"};
+        problem.withSource = true;
+        return failed(level.source, level.destination, std::move(problem), {{LossClass::data, "a copy of itself"}});
     }
     auto names = names_in(level.from.fd());
     for (int tries = 0; !names && again(level, level.destination, tries);) {
