@@ -148,7 +148,7 @@ std::optional<Problem> Backups::keep(const HeldDirectory &directory, const std::
     // The renaming of a link with its store would mark the file that it leads to as changed.
     const auto there = directory.look(name);
     const bool stores = (there && S_ISREG(there->st_mode)) || has_store(directory, name);
-    const auto left = rename_with_store({directory, name, to, place->name, true, stores});
+    const auto left = rename_with_store({directory, name, to, place->name, true, stores, true});
     if (!left) {
         return not_kept(std::strerror(errno));
     }

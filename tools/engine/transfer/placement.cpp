@@ -397,10 +397,15 @@ std::optional<Problem> rename_without_store(const Renaming &renaming) {
 
 std::optional<Problem> rename_with_store(const Renaming &renaming) {
     const HeldDirectory &from = renaming.from, &to = renaming.to;
-    if (!renaming.withStore || (!has_store(from, renaming.before) && !has_store(to, renaming.name))) {
+    const auto stored = [&] { return has_store(from, renaming.before) || has_store(to, renaming.name); };
+    const bool known = renaming.withStore && stored();
+    if (!renaming.withStore || (!known && !renaming.awaits)) {
         return rename_without_store(renaming);
     }
     const DirectoryLock lock(to.fd(), from.fd());
+    if (!known && !lock.is_refused() && !stored()) {
+        return rename_without_store(renaming);
+    }
     struct stat directory {};
     const auto entry = from.look(renaming.before);
     if (lock.is_refused() || !entry || ::fstat(from.fd(), &directory) != 0) {

@@ -45,6 +45,7 @@ struct Renaming {
     std::string name;
     bool replace = false;  // what stands there goes, with its store
     bool withStore = true; // something may be kept for it
+    bool awaits = false;   // also what another command is bringing to its place, where the entry itself stands already
 };
 
 // Nothing, with errno, when the entry has not got its new name. Else what could not be done for its store, with an
