@@ -258,7 +258,8 @@ class Supervisor {
 
     void decide(const seccomp_notif &notice, seccomp_notif_resp &response) {
         m_outcome.calls.push_back(callOf(notice));
-        if (m_plan.action == Plan::Action::watch || m_outcome.calls.size() != m_plan.at + 1) {
+        m_counted += m_plan.alike && m_plan.number != notice.data.nr ? 0 : 1;
+        if (m_plan.action == Plan::Action::watch || m_outcome.reached || m_counted != m_plan.at + 1) {
             return;
         }
         if (m_plan.action == Plan::Action::fail && m_plan.number != notice.data.nr) {
@@ -279,6 +280,7 @@ class Supervisor {
     Shared *m_shared;
     pid_t m_child;
     Outcome m_outcome;
+    size_t m_counted = 0; // calls that the plan counts
 };
 
 [[noreturn]] void runChild(Shared *shared, const std::function<void(Window &)> &body) {

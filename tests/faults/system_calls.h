@@ -30,7 +30,8 @@ struct Plan {
     enum class Action { watch, fail, kill, meet } action = Action::watch;
     size_t at = 0; // the call, counted from 0 while the window is open
     int error = 0;
-    int number = -1; // of the call that is to be there; where another one is, nothing is done to it
+    int number = -1;    // of the call that is to be there; where another one is, nothing is done to it
+    bool alike = false; // `at` counts the calls of that number alone, whatever else a run makes between them
     // What somebody else does just before the call, which then goes on.
     std::function<void()> meeting = {};
 };
