@@ -260,6 +260,47 @@ TEST_F(Mirror, RunThatWasCutShortRemovesNothing) {
 
 class MirrorOfMounts : public kit::Behaviour {};
 
+// The destination, what holds it, or what lies in it, is in the source under another name.
+TEST_F(MirrorOfMounts, DestinationThatIsMountedInTheSourceIsRefused) {
+    KIT_NEEDS_ROOT("to mount volumes");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const std::string tree = volume.path() + "/tree", place = tree + "/in/bound", holder = volume.path() + "/holder",
+                      copy = holder + "/copy", part = copy + "/part";
+    for (const std::string &directory : {tree, tree + "/in", place, holder, copy, part, tree + "/part"}) {
+        makeDirectory(directory);
+    }
+    kit::writeFile(tree + "/file", "file");
+    kit::writeFile(copy + "/content", "content");
+    kit::writeFile(part + "/content", "content of a part");
+    for (const std::string &bound : {copy, holder, part}) {
+        ASSERT_EQ(0, ::mount(bound.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
+        for (const kit::Arguments &command : {kit::Arguments{"mirror", "-f"}, kit::Arguments{"plan", "mirror"}}) {
+            kit::Arguments all = command;
+            all.insert(all.end(), {tree, copy});
+            const ToolResult result = runTool(all);
+            EXPECT_EQ(2, result.status) << bound << "\n" << result.out << result.err;
+            EXPECT_TRUE(mentions(result.err, place + ": is mounted there, and shares directories with " + copy))
+                << result.err;
+        }
+        EXPECT_EQ("content", kit::readFile(copy + "/content"));
+        EXPECT_EQ("content of a part", kit::readFile(part + "/content"));
+        EXPECT_FALSE(kit::exists(copy + "/file"));
+        ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+    }
+    // The other way round: a part of the source in the destination, where copies would overwrite it.
+    ASSERT_EQ(0, ::mount((tree + "/in").c_str(), part.c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree, copy}).status);
+    EXPECT_EQ("content", kit::readFile(copy + "/content"));
+    ASSERT_EQ(0, ::umount2(part.c_str(), MNT_DETACH));
+    // What is no part of either hinders nothing, and neither does what is not gone into.
+    const std::string other = volume.path() + "/other";
+    makeDirectory(other);
+    ASSERT_EQ(0, ::mount(other.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(0, runTool({"mirror", "-f", tree, copy}).status);
+    EXPECT_FALSE(kit::exists(copy + "/content"));
+    ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+}
+
 TEST_F(MirrorOfMounts, MountedVolumesStay) {
     KIT_NEEDS_ROOT("to mount volumes");
     KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));

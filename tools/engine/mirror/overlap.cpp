@@ -2,6 +2,7 @@
 
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/mount_table.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
+#include <vector>
 
 namespace engine {
 namespace {
@@ -33,6 +35,15 @@ Place place_of(std::string path) {
     return {mount->device, (mount->root == "/" ? "" : mount->root) + (below == "/" ? "" : below) + "/"};
 }
 
+// The directory, and where volumes are mounted below it.
+std::vector<std::string> with_mounts(const std::string &directory) {
+    std::vector<std::string> all{directory};
+    for (const std::string &below : mounts_below(directory)) {
+        all.push_back((directory == "/" ? "" : directory) + below);
+    }
+    return all;
+}
+
 } // namespace
 
 bool overlap(const std::string &one, const std::string &other) {
@@ -45,6 +56,19 @@ bool overlap(const std::string &one, const std::string &other) {
     const bool there = ::stat(other.c_str(), &found) == 0;
     return !left.device.empty() && left.device == right.device &&
            (right.path.starts_with(left.path) || (there && left.path.starts_with(right.path)));
+}
+
+std::optional<std::string> overlap_by_mount(const std::string &one, const std::string &other, bool itself) {
+    const std::vector<std::string> left = itself ? std::vector{one} : with_mounts(one), right = with_mounts(other);
+    for (const std::string &first : left) {
+        for (const std::string &second : right) {
+            const bool both = first == one && second == other;
+            if (!both && overlap(first, second)) {
+                return first == one ? second : first;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace engine

@@ -58,7 +58,7 @@ const char *plural(int64_t number) {
 
 } // namespace
 
-MirrorPair::MirrorPair(const std::string &first, const std::string &second)
+MirrorPair::MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem)
     : source(engine::absolute_path(first)), destination(engine::absolute_path(second)) {
     const auto from = engine::look_through(source), to = engine::look_through(destination);
     if (!from) {
@@ -75,6 +75,13 @@ MirrorPair::MirrorPair(const std::string &first, const std::string &second)
     if (engine::overlap(source, destination)) {
         throw UsageError(fmt::format("{} and {} are one directory, or one lies in the other", engine::displayed(source),
                                      engine::displayed(destination)));
+    }
+    const auto shared = engine::overlap_by_mount(source, destination, oneFileSystem);
+    if (shared) {
+        const bool inSource = lies_below(*shared, source);
+        throw UsageError(fmt::format("{}: is mounted there, and shares directories with {}: what is removed from the "
+                                     "one would go from the other; unmount it first",
+                                     engine::displayed(*shared), engine::displayed(inSource ? destination : source)));
     }
 }
 
