@@ -42,9 +42,11 @@ class Silent : public TransferObserver {
     Outcome last;
 };
 
-Outcome carry(Operation operation, const std::string &source, const std::string &destination) {
+Outcome carry(Operation operation, const std::string &source, const std::string &destination, bool backup = false) {
     Silent observer;
-    Transfer({.operation = operation, .conflict = Conflict::replace, .trees = true}, observer).run(source, destination);
+    TransferOptions options{.operation = operation, .conflict = Conflict::replace, .trees = true};
+    options.backup = {.wanted = backup, .suffix = "~"};
+    Transfer(options, observer).run(source, destination);
     return observer.last;
 }
 
@@ -56,6 +58,7 @@ struct Pair {
     const char *name;
     Operation first, second;
     bool firstStore, secondStore;
+    bool backup = false; // by the second, of what it replaces
 };
 
 struct Scene {
@@ -84,6 +87,13 @@ struct Scene {
     bool isWhole(const Pair &pair) const {
         return isWhole("one", pair.firstStore) || isWhole("two", pair.secondStore) || isWhole("to", true);
     }
+    // What was kept is one of them, with its store; nothing may have been there.
+    bool isKeptWhole(const Pair &pair) const {
+        const std::string kept = contentOf(file("to") + "~");
+        const bool stored = kept == "one" ? pair.firstStore : kept == "two" ? pair.secondStore : !kept.empty();
+        return contentOf(scratch / "to/@eaDir/file~@VexoEAStream") ==
+               (stored ? stream::bytes({{"comment", kept}}) : "");
+    }
     // For messages.
     std::string state() const {
         std::string text = contentOf(file("to")) + " with a store of " + std::to_string(contentOf(store("to")).size());
@@ -93,8 +103,8 @@ struct Scene {
         return text;
     }
     std::string told(const std::string &place) const { return scratch / ("told." + place); }
-    void run(Operation operation, const std::string &place) const {
-        tell(place, carry(operation, file(place), file("to")));
+    void run(const Pair &pair, const std::string &place) const {
+        tell(place, carry(pair.second, file(place), file("to"), pair.backup));
     }
     void tell(const std::string &place, const Outcome &outcome) const {
         kit::writeFile(told(place), is_good(outcome) ? "good" : "bad");
@@ -164,6 +174,8 @@ INSTANTIATE_TEST_SUITE_P(Pairs, Together,
                                            Pair{"MoveAndCopy", moves, copies, true, true},
                                            Pair{"CopyAndMove", copies, moves, true, true},
                                            Pair{"MoveAndMove", moves, moves, true, true},
+                                           Pair{"CopyAndBackup", copies, copies, true, true, true},
+                                           Pair{"MoveAndBackup", moves, moves, true, true, true},
                                            Pair{"StoreAndNone", copies, copies, true, false},
                                            Pair{"NoneAndStore", copies, copies, false, true},
                                            Pair{"MovedNoneAndStore", moves, copies, false, true}),
@@ -177,7 +189,7 @@ TEST_P(Together, OneAtEachCallOfTheOtherEndsWithOneOfThemWhole) {
     // Most of the first half is looking and copying.
     for (size_t at = 0;; at += at < callsOf() / 2 ? 9U : 1U) {
         const Scene scene(GetParam());
-        if (!first(scene, at, [&] { scene.run(GetParam().second, "two"); })) {
+        if (!first(scene, at, [&] { scene.run(GetParam(), "two"); })) {
             break;
         }
         ++met;
@@ -185,6 +197,7 @@ TEST_P(Together, OneAtEachCallOfTheOtherEndsWithOneOfThemWhole) {
         // Who has no store takes no lock, and tells when it came in between.
         const bool both = GetParam().firstStore && GetParam().secondStore;
         EXPECT_TRUE(scene.isWhole(GetParam()) || (failed && !both)) << at << ": " << scene.state();
+        EXPECT_TRUE(scene.isKeptWhole(GetParam())) << at << ": " << scene.state();
         EXPECT_TRUE(scene.isTidy()) << at;
     }
     EXPECT_LT(30, met);
@@ -198,7 +211,7 @@ TEST_P(Together, OneBesideTheOtherWaitsForIt) {
         const bool reached = first(scene, at, [&] {
             second = ::fork();
             if (second == 0) {
-                scene.run(GetParam().second, "two");
+                scene.run(GetParam(), "two");
                 ::_exit(0);
             }
         });
@@ -209,6 +222,7 @@ TEST_P(Together, OneBesideTheOtherWaitsForIt) {
         EXPECT_EQ(second, ::waitpid(second, &status, 0));
         const bool failed = kit::readFile(scene.told("one")) == "bad" || kit::readFile(scene.told("two")) == "bad";
         EXPECT_TRUE(scene.isWhole(GetParam()) || failed) << at;
+        EXPECT_TRUE(scene.isKeptWhole(GetParam())) << at << ": " << scene.state();
         EXPECT_TRUE(scene.isTidy()) << at;
     }
 }
@@ -233,7 +247,7 @@ TEST_P(LockedDirectory, IsWaitedForAndThenTold) {
     EXPECT_EQ("one", kit::readFile(scene.file("one")));
     EXPECT_TRUE(scene.isTidy());
     ASSERT_EQ(0, ::flock(held.get(), LOCK_UN));
-    scene.run(GetParam().first, "one");
+    scene.tell("one", carry(GetParam().first, scene.file("one"), scene.file("to")));
     EXPECT_TRUE(scene.isWhole("one", true)) << scene.state();
     EXPECT_EQ("good", kit::readFile(scene.told("one"))) << scene.state();
 }
