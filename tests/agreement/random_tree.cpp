@@ -153,8 +153,18 @@ class Grower {
         };
         const timespec all[] = {moment(), moment(), moment()};
         may(::utimensat(AT_FDCWD, path.c_str(), all, AT_SYMLINK_NOFOLLOW));
-        if (!S_ISLNK(kit::statOf(path).st_mode)) {
-            (void)VLIBCFileUTime(path.c_str(), 3, all);
+        const mode_t mode = kit::statOf(path).st_mode;
+        if (S_ISLNK(mode)) {
+            return;
+        }
+        // A user has to be allowed to write for that, or what is made twice is not the same.
+        const bool closed = ::geteuid() != 0 && (mode & S_IWUSR) == 0;
+        if (closed) {
+            (void)::chmod(path.c_str(), (mode & 07777) | S_IWUSR);
+        }
+        (void)VLIBCFileUTime(path.c_str(), 3, all);
+        if (closed) {
+            (void)::chmod(path.c_str(), mode & 07777);
         }
     }
 

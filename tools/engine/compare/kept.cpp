@@ -142,7 +142,7 @@ Loss kept_loss(const struct stat &found, const std::string &path) {
 
 void compare_own_directories(const EntryView &one, const EntryView &other, Findings &findings) {
     findings.attempt("what is kept in \"@eaDir\"", [&] {
-        if (one.volume().noDirectory) {
+        if (one.volume().noDirectory || !findings.options.kept) {
             return;
         }
         const KeptPlace mine = kept_place(one.side(), Kept::own);
@@ -156,6 +156,9 @@ void compare_own_directories(const EntryView &one, const EntryView &other, Findi
 
 // One that holds something is the store of what lies beside it, and has what it is made with.
 void compare_empty_stores(const EntryView &one, const EntryView &other, Findings &findings) {
+    if (!findings.options.kept) {
+        return;
+    }
     findings.attempt("\"@eaDir\"", [&] {
         const KeptPlace mine = kept_place(one.side(), Kept::empty_store);
         if (!mine.there || findings.options.begun) {

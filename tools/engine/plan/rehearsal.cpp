@@ -233,7 +233,7 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         bare.volume.store = StoreKind::none;
     }
     const bool stores = !plain && takes_stores(source);
-    for (Loss &loss : complete_copy(stores ? bare : source, copy, {}, false)) {
+    for (Loss &loss : complete_copy(stores ? bare : source, copy, {.kept = false})) {
         if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !(stores && is_of_store(loss.cls))) {
             losses.push_back(std::move(loss));
         }

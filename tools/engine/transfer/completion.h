@@ -19,9 +19,8 @@ void give_times(const Side &from, const Side &to, const VLIBCStat *before = null
 // leaves where they are; those of users, which it leaves behind where the volume's stores are "._" files; the sticky
 // bit and the set-id bits, which a volume may not give to a new file; takes from its group what only the mask of
 // an ACL gave it; times, which a platform may keep in an attribute that came after them, with the archive attribute
-// that every copy has; `kept`: what lies in "@eaDir" and is no part of a store. The result is of a second comparison
-// then.
-std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options = {},
-                                bool kept = true);
+// that every copy has; what lies in "@eaDir" and is no part of a store, if the options ask for that. The result is of a
+// second comparison then.
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options = {});
 
 } // namespace engine

@@ -277,6 +277,7 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
         outcome.destination = attempt.destination;
         outcome.losses = attempt.losses;
         m_written.add(*there, attempt.sourceName, attempt.to, attempt.name);
+        m_linked.add(attempt.asItIs ? *attempt.entry : *attempt.content);
         if (m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && attempt.content->st_nlink > 1) {
             m_linked.placed(*attempt.content, attempt.to, attempt.name, alone);
         }
@@ -860,12 +861,11 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
 }
 
 // Where names of one file become files of their own, that is told from the second one on. Of the last name that is
-// moved nothing shows that there were more, and names that are no part of the run are nobody's loss.
+// moved nothing shows that there were more, and names that are no part of the run, or did not get there, are nobody's
+// loss: a name counts once it has arrived.
 void FileTransfer::count_names(const struct stat &file, bool linked, std::vector<Loss> &losses) {
     std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
-    const bool known = m_linked.contains(file);
-    m_linked.add(file);
-    if (known && !linked) {
+    if (m_linked.contains(file) && !linked) {
         losses.push_back(
             {LossClass::hard_link,
              fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", file.st_size)});
@@ -933,6 +933,9 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     outcome.inPlace = attempt.inPlace;
     tell_old_names(attempt, outcome);
     outcome.losses = attempt.losses;
+    if (m_options.compared && !attempt.renamed) {
+        m_linked.add(attempt.asItIs ? *attempt.entry : *attempt.content);
+    }
     if (m_options.hardLinks && !attempt.renamed && !attempt.changed && S_ISREG(attempt.entry->st_mode) &&
         (attempt.content->st_nlink > 1 || m_linked.contains(*attempt.content))) {
         m_linked.placed(*attempt.content, attempt.to, attempt.name,
