@@ -258,6 +258,18 @@ TEST_F(Mirror, RunThatWasCutShortRemovesNothing) {
     EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
 }
 
+TEST_F(Mirror, HelpTellsWhatKeepsRemovalsBackAndWhatDoesNot) {
+    KIT_NEEDS_ROOT("to be sure of losing nothing else");
+    ASSERT_EQ(0, ::mkfifo((tree + "/pipe").c_str(), 0600));
+    const ToolResult result = mirror({"-f"});
+    EXPECT_TRUE(mentions(result.err, tree + "/pipe")) << result.err;
+    EXPECT_FALSE(kit::exists(copy + "/old"));
+    const ToolResult help = runTool({"mirror", "--help"});
+    EXPECT_TRUE(mentions(help.out, "What only loses\nsomething on the way (an owner, a pipe without --specials) "
+                                   "is told, and keeps\nnothing from being removed."))
+        << help.out;
+}
+
 class MirrorOfMounts : public kit::Behaviour {};
 
 // The destination, what holds it, or what lies in it, is in the source under another name.
