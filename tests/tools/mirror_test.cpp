@@ -393,7 +393,9 @@ TEST_F(MirrorOfMounts, DestinationThatIsMountedInTheSourceIsRefused) {
     kit::writeFile(part + "/content", "content of a part");
     for (const std::string &bound : {copy, holder, part}) {
         ASSERT_EQ(0, ::mount(bound.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
-        for (const kit::Arguments &command : {kit::Arguments{"mirror", "-f"}, kit::Arguments{"plan", "mirror"}}) {
+        // It is of one volume, so that -x would go there as well.
+        for (const kit::Arguments &command :
+             {kit::Arguments{"mirror", "-f"}, kit::Arguments{"mirror", "-fx"}, kit::Arguments{"plan", "mirror"}}) {
             kit::Arguments all = command;
             all.insert(all.end(), {tree, copy});
             const ToolResult result = runTool(all);
@@ -417,6 +419,15 @@ TEST_F(MirrorOfMounts, DestinationThatIsMountedInTheSourceIsRefused) {
     ASSERT_EQ(0, ::mount(other.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
     EXPECT_EQ(0, runTool({"mirror", "-f", tree, copy}).status);
     EXPECT_FALSE(kit::exists(copy + "/content"));
+    ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+    KIT_REQUIRE(second, kit::Volume::tmpfs(16 << 20));
+    makeDirectory(second.path() + "/copy");
+    kit::writeFile(second.path() + "/copy/content", "content");
+    ASSERT_EQ(0, ::mount(second.path().c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree, second.path() + "/copy"}).status);
+    EXPECT_EQ("content", kit::readFile(second.path() + "/copy/content"));
+    EXPECT_EQ(0, runTool({"mirror", "-fx", tree, second.path() + "/copy"}).status);
+    EXPECT_EQ("file", kit::readFile(second.path() + "/copy/file"));
     ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
 }
 
