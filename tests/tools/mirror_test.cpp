@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -258,6 +260,123 @@ TEST_F(Mirror, RunThatWasCutShortRemovesNothing) {
     EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
 }
 
+TEST_F(Mirror, NamesLikePrivateOnesAreEntriesAsAllOthers) {
+    for (const char *name : {"/.vexofileop-1-2", "/.vexofileop-mine", "/in/.vexofileop-ea-mine"}) {
+        kit::writeFile(copy + name, "a user's own");
+    }
+    kit::writeFile(copy + "/.vexofileop-both", "was a file");
+    makeDirectory(tree + "/.vexofileop-both");
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(0, compared());
+    EXPECT_FALSE(kit::exists(copy + "/.vexofileop-1-2"));
+    EXPECT_TRUE(kit::exists(copy + "/.vexofileop-both/."));
+    // And a source that holds nothing else is not empty.
+    makeDirectory(scratch / "few");
+    kit::writeFile(scratch / "few/.vexofileop-mine", "a user's own");
+    EXPECT_EQ(0, runTool({"mirror", "-f", scratch / "few", copy}).status);
+    EXPECT_EQ((std::vector<std::string>{".vexofileop-mine"}), kit::namesIn(copy));
+}
+
+TEST_F(Mirror, WhatMayBeUnderWayStaysAndIsTold) {
+    const std::string running = ".vexofileop-1-1-0123456789abcdef-01234567-89abcdef-1"; // another machine's
+    const std::string locked = ".vexofileop-ea-0123456789abcdef";
+    kit::writeFile(copy + "/" + running, "of a process that may run");
+    kit::writeFile(copy + "/gone/" + running, "of a process that may run");
+    kit::writeFile(copy + "/was/" + running, "of a process that may run");
+    kit::writeFile(copy + "/" + locked, "locked");
+    const int lock = ::open((copy + "/" + locked).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(lock, LOCK_EX));
+    const ToolResult kept = mirror({"-f"});
+    EXPECT_EQ(1, kept.status);
+    EXPECT_EQ("old", kit::readFile(copy + "/was/old"));
+    EXPECT_TRUE(mentions(kept.err, copy + "/was: stays with all that is in it, since not all of that may go: " + copy +
+                                       "/was/" + running + ": may be under way by another process"))
+        << kept.err;
+    ASSERT_EQ(0, ::unlink((copy + "/was/" + running).c_str()));
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(1, result.status);
+    for (const std::string &path : {copy + "/" + running, copy + "/gone/" + running, copy + "/" + locked}) {
+        EXPECT_TRUE(kit::exists(path)) << path;
+        EXPECT_TRUE(mentions(result.err, path + ": may be under way by another process; stays\n")) << result.err;
+    }
+    EXPECT_FALSE(kit::exists(copy + "/gone/deep"));
+    EXPECT_EQ("was a directory", kit::readFile(copy + "/was"));
+    ASSERT_EQ(0, ::close(lock));
+    for (const std::string &path : {copy + "/" + running, copy + "/gone/" + running}) {
+        ASSERT_EQ(0, ::unlink(path.c_str()));
+    }
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, ChangeOfAStoreThatIsUnderWayStaysAndIsTold) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    makeDirectory(copy + "/@eaDir");
+    const std::string locked = copy + "/@eaDir/.vexofileop-ea-0123456789abcdef";
+    kit::writeFile(locked, "locked");
+    const int lock = ::open(locked.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(0, ::flock(lock, LOCK_EX));
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(kit::exists(locked));
+    EXPECT_TRUE(mentions(result.err, locked + ": may be under way by another process; stays\n")) << result.err;
+    ASSERT_EQ(0, ::close(lock));
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_FALSE(kit::exists(locked));
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, NothingOfWhatStandsInTheWayGoesWhereNotAllOfItMay) {
+    kit::writeFile(copy + "/was/keep.o", "kept");
+    makeDirectory(copy + "/was/deep");
+    kit::writeFile(copy + "/was/deep/old", "old");
+    const auto isWhole = [&] {
+        return kit::readFile(copy + "/was/old") == "old" && kit::readFile(copy + "/was/deep/old") == "old" &&
+               kit::readFile(copy + "/was/keep.o") == "kept";
+    };
+    const std::string why = copy + "/was: stays with all that is in it, since not all of that may go: ";
+    const ToolResult planned = runTool({"plan", "mirror", tree, copy, "--exclude", "*.o"});
+    EXPECT_EQ(1, planned.status);
+    EXPECT_FALSE(mentions(planned.out, "remove: " + copy + "/was")) << planned.out;
+    EXPECT_TRUE(mentions(planned.err, why + copy + "/was/keep.o: is left out")) << planned.err;
+    const ToolResult excluded = mirror({"-f", "--exclude", "*.o"});
+    EXPECT_EQ(1, excluded.status);
+    EXPECT_TRUE(isWhole());
+    EXPECT_TRUE(mentions(excluded.err, why + copy + "/was/keep.o: is left out")) << excluded.err;
+    EXPECT_EQ("three", kit::readFile(copy + "/kind/three")); // what could be cleared has been filled
+    EXPECT_TRUE(kit::exists(copy + "/old"));
+    for (const char *most : {"0", "1", "4"}) {
+        const ToolResult limited = mirror({"-f", "--max-delete", most});
+        EXPECT_EQ(1, limited.status) << most;
+        EXPECT_TRUE(isWhole()) << most;
+        EXPECT_TRUE(mentions(limited.err, why)) << limited.err;
+    }
+    // One no is enough, whichever it is; each yes is given once.
+    for (const char *answers : {"", "n\ny\ny\ny\ny\n", "y\ny\ny\ny\nn\n", "y\ny\nn\ny\ny\n"}) {
+        const ToolResult refused = runTool({"mirror", "-i", tree, copy}, {.input = answers});
+        EXPECT_EQ(1, refused.status) << answers;
+        EXPECT_TRUE(isWhole()) << answers;
+        EXPECT_TRUE(mentions(refused.err, why)) << refused.err;
+    }
+    EXPECT_EQ(1, runTool({"mirror", "-i", tree, copy}, {.input = "y\ny\ny\ny\ny\n"}).status);
+    EXPECT_EQ("was a directory", kit::readFile(copy + "/was"));
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ(0, compared());
+}
+
+TEST_F(Mirror, HelpTellsWhatKeepsRemovalsBackAndWhatDoesNot) {
+    KIT_NEEDS_ROOT("to be sure of losing nothing else");
+    ASSERT_EQ(0, ::mkfifo((tree + "/pipe").c_str(), 0600));
+    const ToolResult result = mirror({"-f"});
+    EXPECT_TRUE(mentions(result.err, tree + "/pipe")) << result.err;
+    EXPECT_FALSE(kit::exists(copy + "/old"));
+    const ToolResult help = runTool({"mirror", "--help"});
+    EXPECT_TRUE(mentions(help.out, "What only loses\nsomething on the way (an owner, a pipe without --specials) "
+                                   "is told, and keeps\nnothing from being removed."))
+        << help.out;
+}
+
 class MirrorOfMounts : public kit::Behaviour {};
 
 // The destination, what holds it, or what lies in it, is in the source under another name.
@@ -274,7 +393,9 @@ TEST_F(MirrorOfMounts, DestinationThatIsMountedInTheSourceIsRefused) {
     kit::writeFile(part + "/content", "content of a part");
     for (const std::string &bound : {copy, holder, part}) {
         ASSERT_EQ(0, ::mount(bound.c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
-        for (const kit::Arguments &command : {kit::Arguments{"mirror", "-f"}, kit::Arguments{"plan", "mirror"}}) {
+        // It is of one volume, so that -x would go there as well.
+        for (const kit::Arguments &command :
+             {kit::Arguments{"mirror", "-f"}, kit::Arguments{"mirror", "-fx"}, kit::Arguments{"plan", "mirror"}}) {
             kit::Arguments all = command;
             all.insert(all.end(), {tree, copy});
             const ToolResult result = runTool(all);
@@ -299,6 +420,38 @@ TEST_F(MirrorOfMounts, DestinationThatIsMountedInTheSourceIsRefused) {
     EXPECT_EQ(0, runTool({"mirror", "-f", tree, copy}).status);
     EXPECT_FALSE(kit::exists(copy + "/content"));
     ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+    KIT_REQUIRE(second, kit::Volume::tmpfs(16 << 20));
+    makeDirectory(second.path() + "/copy");
+    kit::writeFile(second.path() + "/copy/content", "content");
+    ASSERT_EQ(0, ::mount(second.path().c_str(), place.c_str(), nullptr, MS_BIND, nullptr));
+    EXPECT_EQ(2, runTool({"mirror", "-f", tree, second.path() + "/copy"}).status);
+    EXPECT_EQ("content", kit::readFile(second.path() + "/copy/content"));
+    EXPECT_EQ(0, runTool({"mirror", "-fx", tree, second.path() + "/copy"}).status);
+    EXPECT_EQ("file", kit::readFile(second.path() + "/copy/file"));
+    ASSERT_EQ(0, ::umount2(place.c_str(), MNT_DETACH));
+}
+
+TEST_F(MirrorOfMounts, NothingOfWhatStandsInTheWayGoesWhereAVolumeIsMountedInIt) {
+    KIT_NEEDS_ROOT("to mount volumes");
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(16 << 20));
+    const std::string tree = volume.path() + "/tree", copy = volume.path() + "/copy", other = volume.path() + "/other";
+    for (const std::string &directory : {tree, copy, copy + "/was", copy + "/was/mounted", other}) {
+        makeDirectory(directory);
+    }
+    kit::writeFile(tree + "/was", "was a directory");
+    kit::writeFile(tree + "/file", "file");
+    kit::writeFile(copy + "/was/a", "precious");
+    kit::writeFile(copy + "/was/z", "precious");
+    kit::writeFile(other + "/precious", "precious");
+    ASSERT_EQ(0, ::mount(other.c_str(), (copy + "/was/mounted").c_str(), nullptr, MS_BIND, nullptr));
+    const ToolResult result = runTool({"mirror", "-f", tree, copy});
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(mentions(result.err, copy + "/was: stays with all that is in it, since not all of that may go: " +
+                                         copy + "/was/mounted: another volume is mounted there"))
+        << result.err;
+    EXPECT_EQ((std::vector<std::string>{"a", "mounted", "z"}), kit::namesIn(copy + "/was"));
+    EXPECT_EQ("precious", kit::readFile(other + "/precious"));
+    ASSERT_EQ(0, ::umount2((copy + "/was/mounted").c_str(), MNT_DETACH));
 }
 
 TEST_F(MirrorOfMounts, MountedVolumesStay) {

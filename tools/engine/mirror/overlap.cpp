@@ -35,11 +35,17 @@ Place place_of(std::string path) {
     return {mount->device, (mount->root == "/" ? "" : mount->root) + (below == "/" ? "" : below) + "/"};
 }
 
-// The directory, and where volumes are mounted below it.
-std::vector<std::string> with_mounts(const std::string &directory) {
+// The directory, and where volumes are mounted below it; of its own volume alone, where that is asked for.
+std::vector<std::string> with_mounts(const std::string &directory, bool oneFileSystem) {
     std::vector<std::string> all{directory};
+    struct stat top {
+    }, found{};
+    const bool choosy = oneFileSystem && ::stat(directory.c_str(), &top) == 0;
     for (const std::string &below : mounts_below(directory)) {
-        all.push_back((directory == "/" ? "" : directory) + below);
+        const std::string place = (directory == "/" ? "" : directory) + below;
+        if (!choosy || ::stat(place.c_str(), &found) != 0 || found.st_dev == top.st_dev) {
+            all.push_back(place);
+        }
     }
     return all;
 }
@@ -58,8 +64,8 @@ bool overlap(const std::string &one, const std::string &other) {
            (right.path.starts_with(left.path) || (there && left.path.starts_with(right.path)));
 }
 
-std::optional<std::string> overlap_by_mount(const std::string &one, const std::string &other, bool itself) {
-    const std::vector<std::string> left = itself ? std::vector{one} : with_mounts(one), right = with_mounts(other);
+std::optional<std::string> overlap_by_mount(const std::string &one, const std::string &other, bool oneFileSystem) {
+    const std::vector<std::string> left = with_mounts(one, oneFileSystem), right = with_mounts(other, false);
     for (const std::string &first : left) {
         for (const std::string &second : right) {
             const bool both = first == one && second == other;

@@ -12,8 +12,8 @@ bool overlap(const std::string &one, const std::string &other);
 
 // Where a volume is mounted below `one` that overlaps with `other`, or one below `other` that overlaps with `one` or
 // with what is mounted there: two that share nothing themselves are led to the same directories by it. Nothing:
-// nowhere. `itself`: nobody goes from `one` to what is mounted below it. Throws Failure where the table of mounts
-// cannot be read.
-std::optional<std::string> overlap_by_mount(const std::string &one, const std::string &other, bool itself);
+// nowhere. `oneFileSystem`: nobody goes from `one` to another volume that is mounted below it, but to a part of its
+// own. Throws Failure where the table of mounts cannot be read.
+std::optional<std::string> overlap_by_mount(const std::string &one, const std::string &other, bool oneFileSystem);
 
 } // namespace engine

@@ -13,6 +13,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/mount_table.h"
+#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
@@ -38,6 +39,11 @@ std::string below(const std::string &above, const std::string &name) {
     return above.empty() ? name : above + "/" + name;
 }
 
+const Problem &under_way() {
+    static const Problem kUnderWay{"may be under way by another process; stays"};
+    return kUnderWay;
+}
+
 class Walk : private RemovalObserver {
   public:
     Walk(const std::string &first, const std::string &second, Surplus kind, const SurplusOptions &options,
@@ -49,7 +55,8 @@ class Walk : private RemovalObserver {
                                                                         .rehearsal = options.rehearsal,
                                                                         .kept = m_kept.wanted(),
                                                                         .keptBeside = m_kept.beside()},
-                                                                       *this) {
+                                                                       *this),
+          m_look({.recursive = true, .force = true, .mountsStay = true, .rehearsal = true}, m_first) {
         m_selection.begin(first, false);
     }
 
@@ -150,7 +157,7 @@ class Walk : private RemovalObserver {
                 return;
             }
             const NameMatch::Found found = names.find(item.name);
-            if (found.there && !found.clash && !is_private_name(item.name)) {
+            if (found.there && !found.clash && !is_left_over(item.name)) {
                 both(level, names, item, found.name);
             }
         }
@@ -224,7 +231,7 @@ class Walk : private RemovalObserver {
         if (!m_mounted.empty() || m_observer.stopped()) {
             return;
         }
-        if (!m_observer.may_remove(path, RemovalQuestion::entry)) {
+        if (!m_observer.may_remove(path, RemovalQuestion::entry, std::nullopt)) {
             m_observer.entry(path, S_IFDIR, Status::skipped, nullptr);
             return;
         }
@@ -268,7 +275,7 @@ class Walk : private RemovalObserver {
             if (m_observer.stopped()) {
                 return;
             }
-            if (!names.is_taken(item.name) && !is_private_name(item.name) && !m_kept.is_backup(item.name) &&
+            if (!names.is_taken(item.name) && !is_left_over(item.name) && !m_kept.is_backup(item.name) &&
                 (m_options.leftOutToo || is_named(level, item.name, item.type)) &&
                 (item.type == DT_DIR || can_be_kept(level, names, item.name, static_cast<mode_t>(DTTOIF(item.type))))) {
                 remove(level, item.name);
@@ -288,8 +295,30 @@ class Walk : private RemovalObserver {
             return;
         }
         m_level = &level;
-        m_removal.run(level.to, name);
+        if (m_kind == Surplus::extra || all_may_go(level, name)) {
+            m_removal.run(level.to, name);
+        }
         m_level = nullptr;
+    }
+
+    // Of a directory that stays all the same, since something in it does, nothing is to go.
+    bool all_may_go(const Level &level, const std::string &name) {
+        const auto found = level.to.look(name);
+        if (!found || !S_ISDIR(found->st_mode)) {
+            return true; // one step, which is done or not
+        }
+        const std::string path = joined(level.to.path(), name);
+        m_first.begin(path);
+        m_look.run(level.to, name);
+        if (const auto mounted = m_first.may_go() ? mount_in(path, true) : std::nullopt) {
+            const Problem why{"another volume is mounted there"};
+            m_first.entry(*mounted, 0, Status::skipped, &why);
+        }
+        if (!m_first.may_go() && !m_observer.stopped()) {
+            const Problem stays{"stays with all that is in it, since not all of that may go" + m_first.why()};
+            m_observer.entry(path, S_IFDIR, Status::failed, &stays);
+        }
+        return m_first.may_go() && !m_observer.stopped();
     }
 
     // Kept for no entry, or under a name that is kept for metadata.
@@ -307,10 +336,12 @@ class Walk : private RemovalObserver {
             m_stays = true;
             return;
         }
-        if (m_kept.wanted()) {
+        if (may_be_under_way(place, part.name)) {
+            m_observer.entry(path, found.st_mode, Status::skipped, &under_way());
+        } else if (m_kept.wanted()) {
             const Problem stays{"belongs to no entry, so that no backup can be kept; stays"};
             m_observer.entry(path, found.st_mode, Status::skipped, &stays);
-        } else if (!m_observer.may_remove(path, RemovalQuestion::entry)) {
+        } else if (!m_observer.may_remove(path, RemovalQuestion::entry, std::nullopt)) {
             m_observer.entry(path, found.st_mode, Status::skipped, nullptr);
         } else if (m_options.rehearsal || remove_left_over(place, part.name)) {
             m_removedHere = true;
@@ -324,22 +355,36 @@ class Walk : private RemovalObserver {
     // Of the removal.
     bool stopped() const override { return m_observer.stopped(); }
     void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) override {
-        if (status == Status::skipped && std::exchange(m_leftOut, false)) {
+        if (status == Status::skipped && std::exchange(m_answered, false)) {
             return;
         }
         m_removedHere = m_removedHere || status == Status::done;
         m_observer.entry(path, mode, status, problem);
     }
     bool may_remove(const std::string &path, RemovalQuestion question) override {
+        const Stays stays = what_keeps(path, question);
+        m_answered = stays != Stays::no;
+        if (stays == Stays::under_way) {
+            m_observer.entry(path, question == RemovalQuestion::entry ? S_IFREG : S_IFDIR, Status::skipped,
+                             &under_way());
+        }
+        return !m_answered && m_observer.may_remove(path, question, std::nullopt);
+    }
+
+    enum class Stays { no, left_out, under_way };
+    Stays what_keeps(const std::string &path, RemovalQuestion question) const {
         const std::string top = m_level->to.path() == "/" ? "" : m_level->to.path();
         const std::string seen = below(m_level->path, path.substr(top.size() + 1));
         const bool named =
             m_options.leftOutToo || m_options.selection.takes_name(seen, question != RemovalQuestion::entry);
         if (!named || is_for_backups(path, question)) {
-            m_leftOut = true;
-            return false;
+            return Stays::left_out;
         }
-        return m_observer.may_remove(path, question);
+        if (!is_private_name(base_name(path))) {
+            return Stays::no;
+        }
+        const Descriptor above(::open(parent_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        return may_be_under_way(above.get(), base_name(path)) ? Stays::under_way : Stays::no;
     }
     bool is_for_backups(const std::string &path, RemovalQuestion question) const {
         return m_kept.wanted() && (m_kept.is_backup(base_name(path)) || m_kept.is_directory(path) ||
@@ -353,17 +398,58 @@ class Walk : private RemovalObserver {
         return problem;
     }
 
+    // What a removal would do, without telling anybody: whether all of a directory may go.
+    class FirstLook : public RemovalObserver {
+      public:
+        explicit FirstLook(Walk &walk) : m_walk(walk) {}
+        void begin(const std::string &top) {
+            m_top = top;
+            m_why.clear();
+            m_ahead = 0;
+            m_whole = false;
+            m_stays = false;
+        }
+        bool may_go() const { return m_whole && !m_stays; }
+        const std::string &why() const { return m_why; } // empty, or from ": " on
+
+        bool stopped() const override { return m_stays || m_walk.m_observer.stopped(); }
+        void entry(const std::string &path, mode_t, Status status, const Problem *problem) override {
+            if (status == Status::done) {
+                ++m_ahead;
+                m_whole = m_whole || path == m_top;
+            } else if (!std::exchange(m_stays, true)) {
+                m_why = ": " + displayed(path) + ": " + (problem == nullptr ? "is to stay" : problem->reason);
+            }
+        }
+        bool may_remove(const std::string &path, RemovalQuestion question) override {
+            const Stays stays = m_walk.what_keeps(path, question);
+            if (stays != Stays::no) {
+                static const Problem kLeftOut{"is left out"};
+                entry(path, 0, Status::skipped, stays == Stays::left_out ? &kLeftOut : &under_way());
+                return false;
+            }
+            return m_walk.m_observer.may_remove(path, question, m_ahead);
+        }
+
+      private:
+        Walk &m_walk;
+        std::string m_top = {}, m_why = {};
+        int64_t m_ahead = 0; // so many would have gone before
+        bool m_whole = false, m_stays = false;
+    };
+
     Surplus m_kind;
     const SurplusOptions &m_options;
     SurplusObserver &m_observer;
     TreeSelection m_selection;
     KeptSurplus m_kept;
-    TreeRemoval m_removal;
+    FirstLook m_first{*this};
+    TreeRemoval m_removal, m_look;
     const Level *m_level = nullptr; // in which an entry is being removed
     dev_t m_device = 0;             // of the first
     std::string m_mounted = {};     // the directory below which another volume is mounted; empty: it is not
     bool m_stays = false;           // something there would be removed
-    bool m_leftOut = false;         // the answer was the selection's
+    bool m_answered = false;        // the answer was none of the observer's
     bool m_removedHere = false;
     int m_depth = 0;
 };
@@ -383,7 +469,7 @@ std::optional<bool> holds_anything(const std::string &directory, const Selection
     }
     return std::ranges::any_of(*entries, [&](const Entry &entry) {
         return VEXOEAIsHiddenDir(entry.name.c_str()) != 1 && !entry.name.starts_with("._") &&
-               !is_private_name(entry.name) && selection.takes_name(entry.name, entry.type == DT_DIR);
+               !is_left_over(entry.name) && selection.takes_name(entry.name, entry.type == DT_DIR);
     });
 }
 

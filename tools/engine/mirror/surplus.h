@@ -17,6 +17,7 @@
 #include "tools/engine/select/selection.h"
 #include "tools/engine/transfer/transfer_options.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -38,12 +39,15 @@ struct SurplusOptions {
 // Paths are as people know them.
 class SurplusObserver : public Observer {
   public:
-    // As of a removal. What was skipped is a volume that is mounted there, with a problem that says so.
+    // As of a removal. What was skipped is a volume that is mounted there, or what another process may have under way,
+    // with a problem that says so.
     virtual void entry(const std::string &path, mode_t mode, Status status, const Problem *problem) = 0;
     // What is told next has become a backup, of that path.
     virtual void kept(const std::string &backup) = 0;
-    // Asked before each step.
-    virtual bool may_remove(const std::string &path, RemovalQuestion question) = 0;
+    // Asked before each step. Of an obstacle that is a directory it is asked of everything in it first, with how many
+    // entries would have gone before, and once more, without, when the turn of each has come: it goes as a whole or not
+    // at all, which entry() tells as a failure.
+    virtual bool may_remove(const std::string &path, RemovalQuestion question, std::optional<int64_t> ahead) = 0;
     // Nothing is removed in a directory that cannot be read or is not there any more on one of the sides.
     virtual void unreadable(const std::string &path, const Problem &problem) = 0;
 };

@@ -118,8 +118,8 @@ void give_times(const Side &from, const Side &to, const VLIBCStat *before) {
     }
 }
 
-std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options) {
-    if (options.kept) {
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options, bool carried) {
+    if (options.kept && !carried) {
         carry_kept(source, copy, false);
     }
     std::vector<Loss> losses = compare_entries(source, copy, options);

@@ -21,6 +21,8 @@ void give_times(const Side &from, const Side &to, const VLIBCStat *before = null
 // an ACL gave it; times, which a platform may keep in an attribute that came after them, with the archive attribute
 // that every copy has; what lies in "@eaDir" and is no part of a store, if the options ask for that. The result is of a
 // second comparison then.
-std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options = {});
+// `carried`: what lies in "@eaDir" and is no part of a store has been, and is compared alone.
+std::vector<Loss> complete_copy(const Side &source, const Side &copy, const CompareOptions &options = {},
+                                bool carried = false);
 
 } // namespace engine

@@ -854,7 +854,7 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     const Side copy = attempt.to.side_now(name);
     carry_own_directory(source, copy, false);
-    for (Loss &loss : complete_copy(source, copy, compare_options(false), false)) {
+    for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
         attempt.losses.push_back(std::move(loss));
     }
     count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);

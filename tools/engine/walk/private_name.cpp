@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <optional>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -82,6 +83,23 @@ bool is_private_name(std::string_view name) {
 bool is_left_over(std::string_view name) {
     const auto parts = parts_of(name);
     return parts && state_of(parts->maker) == MakerState::gone;
+}
+
+bool may_be_under_way(int directory, const std::string &name) {
+    if (!is_private_name(name)) {
+        return false;
+    }
+    if (const auto parts = parts_of(name)) {
+        return state_of(parts->maker) != MakerState::gone;
+    }
+    struct stat found {};
+    if (::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+        (!S_ISREG(found.st_mode) && !S_ISDIR(found.st_mode))) {
+        return false;
+    }
+    const Descriptor entry(
+        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return entry.get() >= 0 && ::flock(entry.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 std::string_view without_suffix(std::string_view privateName) {

@@ -26,6 +26,10 @@ bool is_private_name(std::string_view name);
 // Of the first form, and proven to be of a process that is gone: no entry for anybody to copy.
 bool is_left_over(std::string_view name);
 
+// Whether another process may be at work on an entry of an open directory, by its name: one of the first form whose
+// maker is not proven to be gone, and another private one that somebody holds a lock on.
+bool may_be_under_way(int directory, const std::string &name);
+
 // The name without its suffix (".store"); empty for one that is not of the first form.
 std::string_view without_suffix(std::string_view privateName);
 

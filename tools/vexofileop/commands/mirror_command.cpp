@@ -18,8 +18,10 @@ namespace tool {
 namespace {
 
 constexpr const char *kNotes = "\nWhat SRC has is copied as by \"copy -ru\", and then what DST has and SRC has not\n"
-                               "is removed: only when everything was read and copied. It asks once before it\n"
-                               "begins (of -f and -i the last one holds). What --exclude leaves out stays.\n"
+                               "is removed: only when nothing failed to be read or copied. What only loses\n"
+                               "something on the way (an owner, a pipe without --specials) is told, and keeps\n"
+                               "nothing from being removed. It asks once before it begins (of -f and -i the\n"
+                               "last one holds). What --exclude leaves out stays.\n"
                                "Exit status: 0 DST is equal, 1 not in all, 2 nothing done or wrong usage.\n";
 
 class MirrorArguments {

@@ -183,7 +183,7 @@ void MirrorRun::remove() {
     bool complete = true;
     if (!m_late.empty()) {
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
-        complete = surplus.failed() == 0 && copy_late();
+        complete = !stopped() && copy_late() && surplus.failed() == 0; // what was cleared is filled in any case
     }
     if (complete && !stopped()) {
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
@@ -266,7 +266,12 @@ int MirrorPlan::run() {
         const bool refused = !holds.value_or(false) && !m_mirror.allowEmpty;
         SurplusRun surplus(refused || m_incomplete ? counting : options, m_console, m_report);
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
-        surplus.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
+        const bool blocked = surplus.failed() > 0 && !refused && !m_incomplete;
+        if (blocked) {
+            m_console.message("nothing else would be removed, for not everything can be copied");
+        } else {
+            surplus.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
+        }
         m_removed = surplus.removed();
         m_failed = m_failed || surplus.failed() > 0 || surplus.mounts() > 0 || surplus.was_limited();
         if ((refused || m_incomplete) && std::exchange(m_removed, 0) > 0) {

@@ -23,7 +23,7 @@ struct MirrorOptions {
 
 // Two directories as a mirror takes them: absolute, and no symbolic links. Throws UsageError where the first is none,
 // or the two are one, or one lies in the other, by whatever names, or a volume that is mounted in one of them leads to
-// the other. `oneFileSystem`: those of the first are not gone into.
+// the other. `oneFileSystem`: in the first, other volumes are not gone into.
 struct MirrorPair {
     MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem);
     // Throws UsageError where what is kept below a directory could take the place of what is mirrored.

@@ -61,23 +61,34 @@ std::string SurplusRun::line(const std::string &path, mode_t mode, engine::Statu
     return line.line();
 }
 
-bool SurplusRun::may_remove(const std::string &path, engine::RemovalQuestion question) {
+bool SurplusRun::may_remove(const std::string &path, engine::RemovalQuestion question, std::optional<int64_t> ahead) {
     if (question == engine::RemovalQuestion::into_directory) {
         return true;
     }
-    if (m_options.most >= 0 && m_removed >= m_options.most) {
+    const int64_t before = m_removed + ahead.value_or(0);
+    if (m_options.most >= 0 && before >= m_options.most) {
         m_limited = true;
         return false;
     }
     if (m_options.silent) {
         return true;
     }
-    return m_options.ask ? m_console.confirm(fmt::format("remove {}?", engine::displayed(path))) : is_agreed();
+    if (!m_options.ask) {
+        return is_agreed(before);
+    }
+    if (!ahead && m_yes.erase(path) > 0) {
+        return true;
+    }
+    const bool yes = m_console.confirm(fmt::format("remove {}?", engine::displayed(path)));
+    if (yes && ahead) {
+        m_yes.insert(path);
+    }
+    return yes;
 }
 
 // What came to the destination, or went from the source, while it was copied.
-bool SurplusRun::is_agreed() {
-    if (m_options.agreed < 0 || m_removed < m_options.agreed || m_agreedToMore) {
+bool SurplusRun::is_agreed(int64_t before) {
+    if (m_options.agreed < 0 || before < m_options.agreed || m_agreedToMore) {
         return true;
     }
     m_agreedToMore = !m_refused && m_console.confirm("there is more to remove by now than was said; remove it, too?");

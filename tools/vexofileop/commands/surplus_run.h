@@ -7,6 +7,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <set>
 #include <string>
 
 namespace tool {
@@ -34,7 +36,7 @@ class SurplusRun : private engine::SurplusObserver {
     int64_t removed() const { return m_removed; }
     int64_t failed() const { return m_failed; }
     int64_t backups() const { return m_backups; }
-    int64_t mounts() const { return m_mounts; } // that stay
+    int64_t mounts() const { return m_mounts; } // that stay, and what others have under way
     bool was_limited() const { return m_limited; }
     // Somebody said no to what is more than was agreed to.
     bool was_refused() const { return m_refused; }
@@ -43,9 +45,9 @@ class SurplusRun : private engine::SurplusObserver {
     bool stopped() const override { return m_options.stopped() || m_refused; }
     void entry(const std::string &path, mode_t mode, engine::Status status, const engine::Problem *problem) override;
     void kept(const std::string &backup) override { m_backup = backup; }
-    bool may_remove(const std::string &path, engine::RemovalQuestion question) override;
+    bool may_remove(const std::string &path, engine::RemovalQuestion question, std::optional<int64_t> ahead) override;
     void unreadable(const std::string &path, const engine::Problem &problem) override;
-    bool is_agreed();
+    bool is_agreed(int64_t before);
     std::string line(const std::string &path, mode_t mode, engine::Status status, const engine::Problem *problem,
                      const std::string &backup) const;
 
@@ -56,6 +58,7 @@ class SurplusRun : private engine::SurplusObserver {
     std::string m_backup = {}; // of what is told next
     bool m_limited = false, m_refused = false;
     bool m_agreedToMore = false;
+    std::set<std::string> m_yes = {}; // answers that were asked for ahead
 };
 
 } // namespace tool
