@@ -320,9 +320,9 @@ std::vector<Proof::Below> Proof::compare_plain_level(int source, int copy, const
         Fresh fresh;
         (void)look(source, name, fresh);
         int lost = 0;
-        for (const Loss &loss : compare_entries({source, name, plain_facts(volume_facts(source))},
-                                                {copy, name, plain_facts(volume_facts(copy))},
-                                                {.data = true, .times = !m_since})) {
+        for (const Loss &loss :
+             compare_entries({source, name, plain_facts(volume_facts(source))},
+                             {copy, name, plain_facts(volume_facts(copy))}, {.data = true, .times = !m_since})) {
             lost += lose(joined(path, name), loss);
         }
         count += lost;
