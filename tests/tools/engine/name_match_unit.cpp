@@ -67,6 +67,17 @@ TEST_F(NameMatchTest, OfTwoOthersTheFirstHasIt) {
     EXPECT_EQ("a*", names.find("a?").clash);
 }
 
+// The letter cases show whose it is.
+TEST_F(NameMatchTest, OfTwoThatDifferInLetterCasesTheOneThatMadeItHasIt) {
+    make("a-");
+    ASSERT_EQ(0, ::link((scratch / "a-").c_str(), (scratch / "A-").c_str()));
+    NameMatch names = match(kFat, {"a-"}, {"A*", "a*"});
+    EXPECT_EQ("a*", names.find("A*").clash);
+    const NameMatch::Found made = names.find("a*");
+    EXPECT_FALSE(made.clash);
+    EXPECT_EQ("a-", made.name);
+}
+
 TEST_F(NameMatchTest, WhatIsNotThereIsNamedAsItWouldBe) {
     NameMatch names = match(kFat, {}, {"a*"});
     const NameMatch::Found found = names.find("a*");

@@ -27,6 +27,13 @@ NameMatch::NameMatch(int directory, int type, const Listing &there, const Listin
             m_takenBy.emplace(item.name, item.name);
         }
     }
+    // A name keeps the letter cases of whoever made it, whichever of two that become one is met first here.
+    for (const Listing::Item &item : names.items) {
+        const std::string made = name_on(type, item.name);
+        if (made != item.name && std::ranges::binary_search(m_listed, made)) {
+            m_takenBy.try_emplace(made, item.name);
+        }
+    }
 }
 
 NameMatch::Found NameMatch::find(const std::string &name) {

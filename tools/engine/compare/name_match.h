@@ -13,7 +13,8 @@ namespace engine {
 class NameMatch {
   public:
     // `directory`, on a volume of the type `type`, is open and stays the caller's; `there` is what lies in it. Entries
-    // that are there under the very name of one of `names` are for that one.
+    // that are there under the very name of one of `names` are for that one; else for the one that the volume gives
+    // that name to, letter by letter.
     NameMatch(int directory, int type, const Listing &there, const Listing &names);
 
     struct Found {
