@@ -48,13 +48,21 @@ std::string differences(const std::string &first, const std::string &second) {
     return text;
 }
 
-// An entry that no copy takes would keep everything from being removed.
+// An entry that no copy takes would keep everything from being removed; and what cannot be kept for an entry would be
+// tried anew by each run.
 void removeStrays(const std::string &directory) {
+    const bool inStore = directory.find("/@eaDir/") != std::string::npos;
     for (const std::string &name : kit::namesIn(directory)) {
         const std::string path = directory + "/" + name;
-        if (name == "._stray") {
+        if (name == "@eaDir") {
+            for (const std::string &kept : kit::namesIn(path)) {
+                if (S_ISDIR(kit::statOf(path + "/" + kept).st_mode)) {
+                    removeStrays(path + "/" + kept);
+                }
+            }
+        } else if (name == "._stray" || (inStore && S_ISFIFO(kit::statOf(path).st_mode))) {
             ASSERT_EQ(0, ::unlink(path.c_str()));
-        } else if (name != "@eaDir" && S_ISDIR(kit::statOf(path).st_mode)) {
+        } else if (S_ISDIR(kit::statOf(path).st_mode)) {
             removeStrays(path);
         }
     }
