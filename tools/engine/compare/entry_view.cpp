@@ -3,6 +3,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/native_attributes.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/walk/look.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -67,7 +68,7 @@ void EntryView::take_times(const VLIBCStat &before) {
     m_status.st.st_mtim = before.st.st_mtim;
     m_status.st.st_ctim = before.st.st_ctim;
     m_status.st.st_atim = before.st.st_atim;
-    m_status.createTime = before.createTime;
+    m_status.createTime = older_of(before.createTime, m_status.createTime);
 }
 
 bool EntryView::is_representation(const std::string &name) const {

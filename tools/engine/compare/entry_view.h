@@ -24,7 +24,7 @@ class EntryView {
     const VLIBCStat &status() const { return m_status; }
     mode_t type() const { return m_status.st.st_mode & S_IFMT; }
     bool may_have_holes() const { return m_status.st.st_blocks * int64_t{512} < m_status.st.st_size; }
-    // Those of an earlier look at it.
+    // Those of an earlier look at it, which may have missed a creation time that is kept in an attribute.
     void take_times(const VLIBCStat &before);
 
     // The names of its attributes, sorted, but for those that are how the volume keeps something that is compared as

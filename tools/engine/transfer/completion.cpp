@@ -5,6 +5,7 @@
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/look.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -103,12 +104,14 @@ void give_dos_attributes(int fd, uint32_t attributes) {
 
 void give_times(const Side &from, const Side &to, const VLIBCStat *before) {
     VLIBCStat found{};
-    if (before == nullptr &&
-        VLIBCFileLStat(from.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found) != 0) {
+    const bool known = VLIBCFileLStat(from.path().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found) == 0;
+    if (before == nullptr && !known) {
         return;
     }
     const VLIBCStat &source = before != nullptr ? *before : found;
-    const timespec times[] = {source.st.st_atim, source.st.st_mtim, source.createTime};
+    // One that an attribute keeps may have been missed before; what is guessed without one is never older later.
+    const timespec created = known ? older_of(source.createTime, found.createTime) : source.createTime;
+    const timespec times[] = {source.st.st_atim, source.st.st_mtim, created};
     // By descriptor: the path of the library's call would follow a link.
     const Held there(to);
     if (there.keeps_more()) {

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <time.h>
 
 namespace engine {
 
@@ -26,6 +27,11 @@ inline bool exists(const std::string &path) {
 // Whether both are there and are one thing.
 inline bool same(const std::optional<struct stat> &left, const std::optional<struct stat> &right) {
     return left && right && left->st_dev == right->st_dev && left->st_ino == right->st_ino;
+}
+
+inline timespec older_of(const timespec &one, const timespec &other) {
+    const bool first = one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+    return first ? one : other;
 }
 
 } // namespace engine
