@@ -5,6 +5,7 @@
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tools/engine/transfer/transfer.h"
+#include "tools/engine/walk/stack_room.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -79,6 +80,7 @@ class MoveSweep : public ::testing::TestWithParam<bool> {
         if (::geteuid() != 0) {
             GTEST_SKIP() << "only root makes stores";
         }
+        (void)engine::has_stack_room(); // which looks where the stack ends the first time, and then knows
         if (const std::string why = faults::unavailable(); !why.empty()) {
             GTEST_SKIP() << why;
         }
