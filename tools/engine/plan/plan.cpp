@@ -478,14 +478,22 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
                             Destination &to, std::string &name, PlannedEntry &planned, bool &done) {
     Rehearsal &rehearsal = *to.volume->rehearsal;
     const auto there = to.is_there() ? to.there.look(name) : std::nullopt;
-    const auto through = to.is_there() && !asItIs ? to.there.look_through(name) : there;
     const auto known = to.planned.find(rehearsal.key_of(name));
     const bool written = known != to.planned.end();
     if (!there && !written) {
         return true;
     }
-    const bool itself = there && (same(entry, there) || same(content, through));
     const Conflict conflict = m_transfer.conflict;
+    const FileAttempt attempt{.source = source.path,
+                              .destination = planned.destination,
+                              .from = source.in,
+                              .to = to.there,
+                              .sourceName = source.name,
+                              .name = name,
+                              .entry = entry,
+                              .content = content,
+                              .asItIs = asItIs};
+    const bool itself = there && is_one_entry(attempt, *there, m_transfer);
     done = true;
     if (conflict == Conflict::keep_both && !(itself && moves())) {
         const auto problem = choose_free_name(to, name);
@@ -522,6 +530,11 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     }
     if (written) {
         return fail(planned, just_written("replaced"));
+    }
+    // As a run that was stopped has left it. The content is for the run to read.
+    if (there && m_backups.wanted() && conflict != Conflict::update &&
+        is_same(source, entry, content, to, name, planned)) {
+        return tell(planned) || moves();
     }
     if (there && m_backups.wanted()) {
         if (auto refusal = backup_refusal(entry, to, name, planned)) {

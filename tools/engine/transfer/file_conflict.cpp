@@ -69,6 +69,19 @@ Problem same_file() {
     return {"source and destination are the same file"};
 }
 
+bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const TransferOptions &options) {
+    const auto through = attempt.asItIs ? there : attempt.to.look_through(attempt.name);
+    if (!same(attempt.entry, there)) {
+        return same(attempt.content, through);
+    }
+    struct stat one {
+    }, other{};
+    const bool oneDirectory =
+        ::fstat(attempt.from.fd(), &one) == 0 && ::fstat(attempt.to.fd(), &other) == 0 && same(one, other);
+    return options.operation == Operation::move || options.conflict != Conflict::update || !S_ISREG(there.st_mode) ||
+           (oneDirectory && attempt.sourceName == attempt.name);
+}
+
 bool is_to_update(const Loss &difference, LossSet accepted) {
     switch (difference.cls) {
     case LossClass::data:
@@ -145,8 +158,7 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
                                         TransferObserver &observer, const WrittenEntries &written) {
     // Two links that lead to one file are two all the same; a link and that file are not to replace one another.
     const auto there = attempt.to.look(attempt.name);
-    const bool itself = same(attempt.entry, there) ||
-                        same(attempt.content, attempt.asItIs ? there : attempt.to.look_through(attempt.name));
+    const bool itself = there && is_one_entry(attempt, *there, options);
     const bool move = options.operation == Operation::move;
     if (options.conflict == Conflict::keep_both) {
         if (itself && move) {

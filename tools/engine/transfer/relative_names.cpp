@@ -97,6 +97,9 @@ bool TreeTransfer::begin_way(const std::string &base, const std::string &top) {
     m_selection.begin(base, false);
     m_files.begins_in(level.to);
     m_files.tidy(level.to);
+    if (m_move) {
+        m_files.tidy(level.from); // of a move that was stopped
+    }
     m_way.push_back(std::move(step));
     return true;
 }
@@ -168,6 +171,9 @@ bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, con
     level.outcome.destination = level.destination;
     if (!make_destination(level, {above.from, name}, destination)) {
         return false;
+    }
+    if (m_move) {
+        m_files.tidy(level.from);
     }
     level.hasStore = level.from.look("@eaDir").has_value();
     constexpr size_t mostHeld = 6;

@@ -87,6 +87,9 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     }
     m_files.begins_in(toParent);
     m_files.tidy(toParent);
+    if (m_move && fromParent.is_open()) {
+        m_files.tidy(fromParent); // a move that was stopped told there that this directory goes
+    }
     m_destinationType = toParent.type();
     m_destinationTraits = volume_traits(m_destinationType);
     const auto name_of = [](const std::string &path) { return path == "/" ? "." : base_name(path); };
