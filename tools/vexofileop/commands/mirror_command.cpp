@@ -41,8 +41,8 @@ class MirrorArguments {
         transfer.exact = true;
         m_options.batch.command = "mirror";
         const Command rare = command.rare();
-        command.add_flag("--delete-excluded", m_options.leftOutToo, "remove what --exclude leaves out, too");
-        command.add_flag("--allow-empty", m_options.allowEmpty, "go ahead where SRC holds nothing at all");
+        rare.add_flag("--delete-excluded", m_options.leftOutToo, "remove what --exclude leaves out, too");
+        rare.add_flag("--allow-empty", m_options.allowEmpty, "go ahead where SRC holds nothing at all");
         rare.add_flag("--checksum", transfer.checksum, "read what seems to be the same");
         rare.add_flag("--specials", transfer.specials, "make pipes, devices and sockets anew; else they are a loss");
         rare.add_flag("--no-hard-links", m_noHardLinks, "names of one file become files of their own");
