@@ -187,7 +187,7 @@ bool isAlive(pid_t process) {
 }
 
 bool areGone(const std::vector<pid_t> &processes) {
-    for (int step = 0; step < 6'000; ++step) {
+    for (int step = 0; step < 30'000; ++step) {
         if (std::ranges::none_of(processes, isAlive)) {
             return true;
         }

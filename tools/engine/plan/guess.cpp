@@ -4,6 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_contents.h"
+#include "tools/engine/walk/units.h"
 
 #include <cerrno>
 #include <fmt/format.h>
@@ -13,8 +14,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 class Guess {
   public:

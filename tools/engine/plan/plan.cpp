@@ -3,6 +3,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/plan/destination.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
@@ -36,14 +37,7 @@
 namespace engine {
 namespace {
 
-constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kIsDirectory = 0xA200,
-                   kExists = 0xA300;
 constexpr int kMostHeld = 6;
-
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
-}
 
 Problem just_written(const char *what) {
     return {fmt::format("the destination was just written by this command; not {}", what), kExists};
@@ -594,7 +588,6 @@ bool Planner::Walk::is_same(const Source &source, const struct stat &entry, cons
 // As the library numbers names.
 std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, std::string &name) const {
     constexpr int last = 98;
-    constexpr uint32_t kNoFreeName = 0x0800;
     const size_t dot = name.rfind('.');
     const bool extension = dot != std::string::npos && dot != 0;
     const std::string stem = extension ? name.substr(0, dot) : name, rest = extension ? name.substr(dot) : "";

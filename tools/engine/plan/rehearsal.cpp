@@ -13,6 +13,7 @@
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -28,10 +29,7 @@
 namespace engine {
 namespace {
 
-constexpr mode_t kModeBits = 07777;
-
 constexpr char kEntry[] = "entry", kNames[] = "names";
-constexpr int64_t kBlock = 512;
 // Between these all volumes that keep a time at all keep it.
 constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
 
@@ -95,7 +93,7 @@ void Rehearsal::find_out() {
     struct stat found {};
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
-                   ::fstat(file.get(), &found) == 0 && found.st_blocks * kBlock < far;
+                   ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
     m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
     (void)::unlinkat(place, "linked", 0);
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
@@ -309,7 +307,7 @@ std::vector<Loss> Rehearsal::losses_of_special(const Side &source, const struct 
 }
 
 void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const {
-    if (!S_ISREG(found.st_mode) || found.st_blocks * kBlock >= found.st_size) {
+    if (!S_ISREG(found.st_mode) || found.st_blocks * kStatBlock >= found.st_size) {
         return;
     }
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;

@@ -1,5 +1,7 @@
 #include "tools/engine/plan/room.h"
 
+#include "tools/engine/walk/units.h"
+
 #include <algorithm>
 #include <fcntl.h>
 #include <sys/quota.h>
@@ -10,7 +12,7 @@
 namespace engine {
 namespace {
 
-constexpr int64_t kQuotaBlock = 1024, kBlock = 512;
+constexpr int64_t kQuotaBlock = 1024;
 
 int64_t times(uint64_t number, uint64_t unit) {
     uint64_t product = 0;
@@ -70,7 +72,7 @@ FreeRoom free_room(int directory) {
 
 int64_t bytes_for(const struct stat &file, int64_t block, bool keepsHoles) {
     const int64_t whole = (file.st_size + block - 1) / block * block;
-    return keepsHoles ? std::min<int64_t>(whole, (file.st_blocks * kBlock + block - 1) / block * block) : whole;
+    return keepsHoles ? std::min<int64_t>(whole, (file.st_blocks * kStatBlock + block - 1) / block * block) : whole;
 }
 
 } // namespace engine

@@ -28,7 +28,7 @@
 namespace tool {
 namespace {
 
-struct Options {
+struct RelocateOptions {
     bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false, dryRun = false;
     std::string report = {};
 };
@@ -58,7 +58,7 @@ std::string explanation(const engine::RelocationPlan &plan) {
 
 class Relocation : private engine::RelocationObserver {
   public:
-    Relocation(const Options &options, engine::RelocationRequest request)
+    Relocation(const RelocateOptions &options, engine::RelocationRequest request)
         : m_options(options), m_plan(engine::plan_relocation(request)), m_receipt(request.accepted),
           m_report("relocate", request.accepted) {
         m_report.begin(request.source, request.destination);
@@ -226,7 +226,7 @@ class Relocation : private engine::RelocationObserver {
         return line.line();
     }
 
-    const Options &m_options;
+    const RelocateOptions &m_options;
     engine::RelocationPlan m_plan;
     Console m_console;
     Receipt m_receipt;
@@ -239,7 +239,7 @@ class Relocation : private engine::RelocationObserver {
 
 void add_relocate_command(const Command &program, int &status) {
     const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RelocateOptions>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
