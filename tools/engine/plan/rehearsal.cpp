@@ -3,6 +3,7 @@
 #include "copy/copy.h"
 #include "platform/core.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
@@ -102,8 +103,9 @@ void Rehearsal::find_out() {
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
     VLIBCStat kept{};
+    m_setsCreation = VLIBCFileUTime(path_of(place, "Aa").c_str(), 3, all) == 0;
     m_keepsTimes =
-        VLIBCFileUTime(path_of(place, "Aa").c_str(), 3, all) == 0 &&
+        m_setsCreation &&
         VLIBCFileLStat(path_of(place, "Aa").c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &kept) == 0 &&
         kept.st.st_mtim.tv_sec == past.tv_sec && kept.createTime.tv_sec == past.tv_sec;
     (void)::unlinkat(place, "Aa", 0);
@@ -128,6 +130,9 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
         m_known.emplace(key, losses);
     }
     add_holes(source, found, losses);
+    if (merged != nullptr && probes()) {
+        keep_creation(source, *merged, losses);
+    }
     if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
@@ -198,6 +203,19 @@ void Rehearsal::dress_as(const Side &merged) const {
     }
 }
 
+// Where nobody can set a creation time a directory that is merged into keeps its own.
+void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
+    if (m_setsCreation || !m_volume.creationTimes) {
+        return;
+    }
+    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::creation_time; });
+    const CompareOptions options{};
+    Findings findings{options};
+    findings.attempt("creation time", [&] { compare_times(EntryView(source), EntryView(merged), findings); });
+    std::ranges::copy_if(findings.losses, std::back_inserter(losses),
+                         [](const Loss &loss) { return loss.cls != LossClass::modification_time; });
+}
+
 // Whether a copy can have a store.
 bool Rehearsal::takes_stores(const Side &source) const {
     switch (m_volume.store) {
@@ -250,7 +268,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
         return losses;
     }
     for (const std::string &name : attribute_names(source.path())) {
-        if (name != "security.selinux") {
+        if (!is_representation(name)) {
             losses.push_back(
                 {LossClass::system_attribute, fmt::format("attribute {}: only at the first", displayed(name))});
         }

@@ -44,6 +44,7 @@ class Rehearsal {
     bool make(const struct stat &found, std::vector<Loss> &losses);
     void dress(const Side &source, const VLIBCStat &status, bool file) const;
     void dress_as(const Side &merged) const;
+    void keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged, bool plain = false);
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
@@ -65,7 +66,7 @@ class Rehearsal {
     VolumeFacts m_volume;
     FreeRoom m_room;
     std::unique_ptr<ScratchPlace> m_place;
-    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
+    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
     std::map<std::string, std::string> m_keys;        // of names in one letter case
     std::map<ino_t, std::string> m_inodes;            // what was first made as each
