@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -58,6 +59,19 @@ mode_t bits_lost_with_owner(int copy, const struct stat &source) {
     return S_ISUID | ((source.st_mode & S_IXGRP) != 0 ? mode_t{S_ISGID} : 0);
 }
 
+// Puts a number back, or what it is to be.
+class KeepTaken {
+  public:
+    KeepTaken(int64_t &number, int64_t wanted) : m_number(number), m_wanted(wanted) {}
+    KeepTaken(const KeepTaken &) = delete;
+    KeepTaken &operator=(const KeepTaken &) = delete;
+    ~KeepTaken() { m_number = m_wanted; }
+
+  private:
+    int64_t &m_number;
+    int64_t m_wanted;
+};
+
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
            cls == LossClass::mac_attributes || cls == LossClass::locked;
@@ -89,9 +103,12 @@ void Rehearsal::find_out() {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
         m_keepsHardLinks = volume_traits(m_volume.type).links;
         m_folds = volume_traits(m_volume.type).fatNames;
+        m_directoryBytes = m_room.block;
         return;
     }
     const int place = m_place->fd();
+    struct stat directory {};
+    m_directoryBytes = ::fstat(place, &directory) == 0 ? directory.st_blocks * kBlock : m_room.block;
     const Descriptor file(::openat(place, "Aa", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     struct stat found {};
     constexpr off_t far = off_t{1} << 20;
@@ -113,6 +130,7 @@ void Rehearsal::find_out() {
 
 std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &found, const Side *merged) {
     std::vector<Loss> losses;
+    m_taken = 0;
     if (S_ISLNK(found.st_mode)) {
         return losses_of_link(source, found);
     }
@@ -121,14 +139,17 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     }
     if (!probes()) {
         losses = guess_losses(source, m_directory, m_volume, takes_stores(source));
+        m_taken = S_ISDIR(found.st_mode) ? m_directoryBytes : 0;
     } else if (const std::string key = merged == nullptr ? signature(source, found) : ""; key.empty()) {
         losses = rehearse(source, found, merged);
     } else if (const auto known = m_known.find(key); known != m_known.end()) {
-        losses = known->second;
+        losses = known->second.losses;
+        m_taken = known->second.taken;
     } else {
         losses = rehearse(source, found, merged);
-        m_known.emplace(key, losses);
+        m_known.emplace(key, Known{losses, m_taken});
     }
+    const KeepTaken keep(m_taken, merged == nullptr ? m_taken : 0); // what is kept for it is rehearsed, too
     add_holes(source, found, losses);
     if (merged != nullptr && probes()) {
         keep_creation(source, *merged, losses);
@@ -256,6 +277,8 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
             losses.push_back(std::move(loss));
         }
     }
+    struct stat made {};
+    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kBlock : 0;
     (void)remove_left_over(m_place->fd(), kEntry);
     return losses;
 }
@@ -279,7 +302,8 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (probes()) {
         const int place = m_place->fd();
         (void)remove_left_over(place, kEntry);
-        if (::symlinkat("nowhere", place, kEntry) != 0) {
+        const std::string target(std::clamp<size_t>(static_cast<size_t>(found.st_size), 1, PATH_MAX - 1), 'x');
+        if (::symlinkat(target.c_str(), place, kEntry) != 0) {
             losses.push_back({LossClass::symbolic_link, std::strerror(errno)});
             return losses;
         }
@@ -289,6 +313,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
             user = made.st_uid;
             group = made.st_gid;
         }
+        m_taken = ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kBlock : 0;
     } else if (::geteuid() != 0) {
         user = ::geteuid();
         group = user == found.st_uid ? group : ::getegid();
