@@ -2,6 +2,7 @@
 
 #include "copy/copy.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/descriptor.h"
@@ -15,8 +16,6 @@
 
 namespace engine {
 namespace {
-
-constexpr uint32_t kNoFreeName = 0x0800, kIsDirectory = 0xA200, kExists = 0xA300;
 
 // Whether the existing destination may be replaced at all. A link is replaced as one, wherever it leads.
 std::optional<Problem> check_destination(const FileAttempt &attempt, const TransferOptions &options,

@@ -5,6 +5,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -41,9 +42,6 @@
 namespace engine {
 namespace {
 
-constexpr uint32_t kOutOfMemory = 0x0200, kLocked = 0x0400, kDestinationMissing = 0x0600, kMissing = 0x0700,
-                   kNoSpace = 0x2900, kExists = 0xA300, kFileTooLarge = 0xAA00, kTooLargeForFat = 0xA400,
-                   kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
 constexpr int kExtended = 2, kBtrfs = 3; // types of volumes, to the library
 constexpr int kNotAskedForRoom = 12;     // a type of volume, to the library
 constexpr int kMostNames = 1000;         // that somebody else was quicker to take
@@ -52,11 +50,6 @@ constexpr int kMostNames = 1000;         // that somebody else was quicker to ta
 namespace flag {
 constexpr uint32_t failIfExists = 1, replace = 2, keepOwner = 8, asCaller = 16, copyAcl = 32, withoutStore = 256,
                    clone = 1024;
-}
-
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
 }
 
 bool is_same_version(const struct stat &left, const struct stat &right) {

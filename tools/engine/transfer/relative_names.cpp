@@ -26,11 +26,6 @@ std::string name_in_parent(const std::string &path) {
     return path == "/" ? "." : base_name(path);
 }
 
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
-}
-
 } // namespace
 
 void TreeTransfer::run_below(const std::string &base, const std::string &top, const std::string &name,

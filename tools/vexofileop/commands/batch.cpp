@@ -24,8 +24,6 @@
 namespace tool {
 namespace {
 
-constexpr const char *kRecursion = "-r copies it with everything in it";
-
 std::string arrow(const std::string &source, const std::string &destination) {
     return engine::displayed(source) + " -> " + engine::displayed(destination);
 }
@@ -223,8 +221,8 @@ void Batch::report_problems(const std::string &source, const engine::Outcome &ou
     // Of what was skipped for a loss the receipt tells.
     const bool counted = outcome.status == engine::Status::skipped && !outcome.losses.empty();
     if (outcome.problem && !counted) {
-        m_console.message(
-            problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
+        m_console.message(problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem,
+                                       kCopyRecursion));
     } else if (outcome.status == engine::Status::skipped && !counted && !outcome.same && m_treeSeen) {
         ++m_passedOver;
     }
@@ -387,7 +385,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
         entry.add_to_list("old_names_known", std::move(known));
     }
     if (outcome.problem) {
-        entry.add_object("error", problem_object(*outcome.problem, kRecursion));
+        entry.add_object("error", problem_object(*outcome.problem, kCopyRecursion));
     }
     if (outcome.warning) {
         entry.add_to_list("warnings", problem_object(*outcome.warning));
