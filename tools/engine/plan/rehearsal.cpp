@@ -106,7 +106,7 @@ void Rehearsal::find_out() {
     }
     const int place = m_place->fd();
     struct stat directory {};
-    m_directoryBytes = ::fstat(place, &directory) == 0 ? directory.st_blocks * kBlock : m_room.block;
+    m_directoryBytes = ::fstat(place, &directory) == 0 ? directory.st_blocks * kStatBlock : m_room.block;
     const Descriptor file(::openat(place, "Aa", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     struct stat found {};
     constexpr off_t far = off_t{1} << 20;
@@ -276,7 +276,7 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         }
     }
     struct stat made {};
-    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kBlock : 0;
+    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
     (void)remove_left_over(m_place->fd(), kEntry);
     return losses;
 }
@@ -311,7 +311,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
             user = made.st_uid;
             group = made.st_gid;
         }
-        m_taken = ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kBlock : 0;
+        m_taken = ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
     } else if (::geteuid() != 0) {
         user = ::geteuid();
         group = user == found.st_uid ? group : ::getegid();
