@@ -205,12 +205,16 @@ void PlanRun::tell_room(const engine::VolumePlan &volume) {
         add("inodes_free", free.inodes);
         add("quota_bytes_free", free.quotaBytes);
         add("quota_inodes_free", free.quotaInodes);
+        if (volume.project != 0) {
+            event.add_number("project", volume.project);
+        }
         event.add_flag("probed", volume.probed);
         m_console.line(event.line());
         return;
     }
     std::string text =
-        fmt::format("{}: needs {}, {} inodes", engine::displayed(volume.directory),
+        fmt::format("{}{}: needs {}, {} inodes", engine::displayed(volume.directory),
+                    volume.project != 0 ? fmt::format(", project {}", volume.project) : "",
                     room_text(volume.needed.bytes, free.bytes), number_text(volume.needed.inodes, free.inodes));
     if (free.quotaBytes || free.quotaInodes) {
         text += fmt::format("; of the quota {}, {} inodes", room_text(volume.needed.bytes, free.quotaBytes),

@@ -29,7 +29,8 @@ namespace tool {
 namespace {
 
 struct RelocateOptions {
-    bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false, dryRun = false;
+    bool keepSource = false, specials = false, yes = false, noProgress = false, json = false, verbose = false,
+         dryRun = false;
     std::string report = {};
 };
 
@@ -91,12 +92,15 @@ class Relocation : private engine::RelocationObserver {
         if (!m_options.json) {
             m_console.line(explanation(m_plan));
         }
-        const PlanRunOptions options{
-            .plan = {.transfer = {.links = true, .trees = true, .accepted = m_plan.request.accepted}, .fresh = true},
-            .report = m_options.report,
-            .verbose = m_options.verbose,
-            .json = m_options.json,
-            .allOrNothing = true};
+        const PlanRunOptions options{.plan = {.transfer = {.links = true,
+                                                           .specials = m_plan.request.specials,
+                                                           .trees = true,
+                                                           .accepted = m_plan.request.accepted},
+                                              .fresh = true},
+                                     .report = m_options.report,
+                                     .verbose = m_options.verbose,
+                                     .json = m_options.json,
+                                     .allOrNothing = true};
         return PlanRun(options).run({{m_plan.request.source, m_plan.request.destination}});
     }
 
@@ -241,6 +245,7 @@ void add_relocate_command(const Command &program, int &status) {
     const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
     const auto options = std::make_shared<RelocateOptions>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
+    command.add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else they are a loss");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
     const Option accept = add_accept_option(command);
@@ -268,7 +273,8 @@ void add_relocate_command(const Command &program, int &status) {
         status = Relocation(*options, {.source = engine::absolute_path(paths[0]),
                                        .destination = engine::absolute_path(paths[1]),
                                        .keepSource = options->keepSource,
-                                       .accepted = loss_set_of(accept, "--accept")})
+                                       .accepted = loss_set_of(accept, "--accept"),
+                                       .specials = options->specials})
                      .run();
     });
 }
