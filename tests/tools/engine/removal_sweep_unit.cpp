@@ -261,6 +261,23 @@ TEST_F(RemovalSweep, EntryThatIsGoneHasItsStoreRemovedAndSaysSo) {
     EXPECT_EQ(1, observer.failures);
 }
 
+// Of a "._" file its first bytes say that it is one.
+TEST_F(RemovalSweep, EntryThatIsGoneHasItsDoubleRemovedAndSaysSo) {
+    const kit::ScratchDirectory scratch;
+    ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
+    kit::writeFile(scratch / "._gone", stream::bytes({{"comment", "kept"}}));
+    kit::writeFile(scratch / "._own", "of a user, who calls it so");
+    Silent observer;
+    TreeRemoval removal({}, observer);
+    removal.run(scratch / "own");
+    EXPECT_EQ(1, observer.failures);
+    removal.run(scratch / "gone");
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(1, observer.failures);
+    EXPECT_EQ("was gone already; what was kept beside it is removed", observer.said);
+    EXPECT_EQ((std::vector<std::string>{"._own"}), kit::namesIn(scratch.path()));
+}
+
 TEST_F(RemovalSweep, PlantedLinksAndPipesInPlaceOfStoresGoThemselves) {
     const Scene scene;
     const auto before = kit::Fingerprint::of(scene.elsewhere());

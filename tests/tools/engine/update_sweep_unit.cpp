@@ -195,4 +195,59 @@ TEST_P(UpdateSweep, KilledAnywhereTheSameOnceMoreFinishesIt) {
     }
 }
 
+// What a directory has for itself in "@eaDir" is put aside while the store of another one comes: wherever that ends,
+// the same once more brings it back, and leaves nothing.
+TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
+    KIT_NOT_SANITIZED();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    struct Merged {
+        explicit Merged(const std::string &destination) : to(destination) {
+            for (const std::string &top : {from, to}) {
+                for (const char *name : {"", "/@eaDir", "/in", "/@eaDir/in"}) {
+                    EXPECT_EQ(0, ::mkdir((top + name).c_str(), 0755));
+                }
+            }
+            kit::writeFile(from + "/@eaDir/in/index", "new");
+            kit::writeFile(from + "/@eaDir/in@VexoEAStream", stream::bytes({{"comment", "new"}}));
+            kit::writeFile(to + "/@eaDir/in/index", "old");
+            kit::writeFile(to + "/@eaDir/in/own", "own");
+        }
+        std::string difference() const {
+            const std::string own = to + "/@eaDir/in/own", index = to + "/@eaDir/in/index";
+            return std::string(kit::exists(own) && kit::readFile(own) == "own" ? "" : "its own is gone\n") +
+                   (kit::exists(index) && kit::readFile(index) == "new" ? "" : "the new one is not there\n") +
+                   Scene::left_in(to);
+        }
+        kit::ScratchDirectory scratch;
+        const std::string from = scratch / "from", to;
+    };
+    const auto supervised = [](const Merged &scene, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)update(GetParam(), scene.from, scene.to);
+            window.close();
+        });
+    };
+    const Merged whole(volume / "whole");
+    const auto calls = supervised(whole, {}).calls;
+    ASSERT_EQ("", whole.difference());
+    int aside = 0;
+    for (size_t at = 1; at < calls.size(); ++at) {
+        if (calls[at - 1].path.find(".vexofileop-") == std::string::npos &&
+            calls[at].path.find(".vexofileop-") == std::string::npos) {
+            continue;
+        }
+        const Merged scene(volume / std::to_string(at));
+        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+            break;
+        }
+        aside += Scene::left_in(scene.to).find(".vexofileop-kept-") == std::string::npos ? 0 : 1;
+        if (kit::exists(scene.from)) {
+            (void)update(GetParam(), scene.from, scene.to);
+        }
+        EXPECT_EQ("", scene.difference()) << at;
+    }
+    EXPECT_LT(0, aside);
+}
+
 } // namespace

@@ -172,13 +172,24 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
     if (value.size() > kLargestValue) {
         throw Failure("the value is too large");
     }
+    commit({name, value}, existing);
+}
+
+void Store::set(const std::string &name, int file, uint64_t size, Existing existing) const {
+    if (size > largest_value(name) || m_kind == StoreKind::native) {
+        throw Failure("the value is too large");
+    }
+    commit({.name = name, .value = {}, .fromFile = ValueInFile{file, size}}, existing);
+}
+
+void Store::commit(const StreamEdit &edit, Existing existing) const {
     unless_overtaken([&] {
         const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
-        const bool there = change.has(name);
+        const bool there = change.has(edit.name);
         if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
             throw Failure(there ? "the attribute exists" : "there is no such attribute");
         }
-        change.commit({{name, value}});
+        change.commit({edit});
     });
 }
 

@@ -27,6 +27,8 @@ int volume_type_beside(const HeldEntry &entry);
 // The most bytes that the value of an attribute can have.
 constexpr uint64_t kLargestValue = INT32_MAX;
 
+struct StreamEdit;
+
 class Store {
   public:
     // Looks at the volume. Throws Failure for a file that is not there and a volume that keeps nothing.
@@ -49,6 +51,9 @@ class Store {
     enum class Existing { either, must_not, must };
     // All of it or nothing, whatever stops it: nothing else that is kept for the file changes.
     void set(const std::string &name, const std::string &value, Existing existing) const;
+    // The same of a value that a regular file holds, of which no more than a part at a time is in memory. Not for a
+    // volume that keeps attributes in the file itself.
+    void set(const std::string &name, int file, uint64_t size, Existing existing) const;
     // With its last attribute a store that holds nothing else goes too.
     void remove(const std::string &name) const;
 
@@ -65,6 +70,7 @@ class Store {
 
   private:
     void take_type(int code);
+    void commit(const StreamEdit &edit, Existing existing) const;
 
     std::string m_path;
     std::string m_file; // the file itself, for what is kept in its attributes
