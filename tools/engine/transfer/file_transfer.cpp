@@ -876,6 +876,12 @@ void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
     if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
+    // Under its own name the copy could not have it.
+    const bool stays = store_kind(attempt.to.type()) != StoreKind::apple_double || name == attempt.name ||
+                       takes_companion(attempt.to.fd(), attempt.name);
+    if (!stays && has_store(attempt.to, name)) {
+        (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
+    }
     if (m_options.operation == Operation::move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
@@ -917,6 +923,9 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     carry_own_directory(source, copy, false);
     for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
         attempt.losses.push_back(std::move(loss));
+    }
+    if (name != attempt.name) {
+        add_companion_too_long(copy, attempt.name, attempt.losses);
     }
     count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);
 }

@@ -149,9 +149,12 @@ bool rename_part(int directory, const char *before, const char *now) {
 bool rename_parts(const HeldDirectory &directory, const std::string &before, const std::string &now) {
     const std::string from = directory.below(before), to = directory.below(now);
     char made[PATH_MAX] = "", name[PATH_MAX] = "";
-    if (store_kind(directory.type()) == StoreKind::apple_double && VEXOEAADPath(from.c_str(), made, sizeof made) == 0 &&
-        VEXOEAADPath(to.c_str(), name, sizeof name) == 0 && !rename_part(directory.fd(), made, name)) {
-        return false;
+    if (store_kind(directory.type()) == StoreKind::apple_double && VEXOEAADPath(from.c_str(), made, sizeof made) == 0) {
+        const bool named = VEXOEAADPath(to.c_str(), name, sizeof name) == 0;
+        errno = ENAMETOOLONG;
+        if (named ? !rename_part(directory.fd(), made, name) : lies_there(made)) {
+            return false;
+        }
     }
     const Descriptor stores = open_directory(directory.fd(), "@eaDir");
     if (stores.get() < 0) {
