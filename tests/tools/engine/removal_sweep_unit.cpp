@@ -2,11 +2,11 @@
 // link where a directory was: the same request again finishes what was stopped, nothing stays under a success, and what
 // lies elsewhere stays as it is.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/child.h"
 #include "tests/kit/fingerprint.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tests/tools/engine/sweep.h"
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/walk/private_name.h"
@@ -107,16 +107,8 @@ TEST(DeepRemoval, FindsTheWayBackFromADirectoryThatWasMovedAway) {
 
 // ---- Each system call
 
-class RemovalSweep : public ::testing::Test {
+class RemovalSweep : public sweep::Sweep<::testing::Test> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
     static void give_store(const std::string &directory, const std::string &name) {
         ::mkdir((directory + "/@eaDir").c_str(), 0777);
         kit::writeFile(directory + "/@eaDir/" + name + "@VexoEAStream", stream::bytes({{"comment", "kept"}}));

@@ -459,7 +459,7 @@ std::string Batch::counts_line() const {
                        counted(m_directories[engine::Status::done], "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
-                       copies() ? fmt::format(", {} cloned", m_cloned) : "", backups) +
+                       copies() || m_cloned > 0 ? fmt::format(", {} cloned", m_cloned) : "", backups) +
            (m_onTheWay > 0 ? fmt::format(", {} on the way", counted(m_onTheWay, "directory", "directories")) : "") +
            more_counts();
 }
