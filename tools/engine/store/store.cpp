@@ -80,9 +80,11 @@ class OpenStream {
     StreamHandle m_stream;
 };
 
+} // namespace
+
 // By the path as it was given, since an override of types goes by the text of paths; one that is too long is asked for
 // by what is held.
-int type_of(const std::string &given, const std::string &held) {
+int volume_type(const std::string &given, const std::string &held) {
     forget_last_error();
     int code = VEXOGetFSType(given.c_str(), 1);
     if (code < 0) {
@@ -92,14 +94,12 @@ int type_of(const std::string &given, const std::string &held) {
     return code;
 }
 
-} // namespace
-
 int volume_type(const HeldEntry &entry) {
-    return type_of(entry.given(), entry.itself());
+    return volume_type(entry.given(), entry.itself());
 }
 
 int volume_type_beside(const HeldEntry &entry) {
-    return type_of(parent_of(entry.given()), parent_of(entry.path()));
+    return volume_type(parent_of(entry.given()), parent_of(entry.path()));
 }
 
 Store::Store(std::string path) : m_path(std::move(path)), m_file(m_path) {

@@ -20,9 +20,11 @@ std::string metadata_attribute(const std::string &path);
 std::string stream_path(const std::string &path, StoreKind kind, const char *stream);
 
 // The type of the volume that an entry, which is there, lies on; and that of its directory, beside which another volume
-// may be mounted on the entry. Both throw Failure.
+// may be mounted on the entry. All of these throw Failure.
 int volume_type(const HeldEntry &entry);
 int volume_type_beside(const HeldEntry &entry);
+// The same of a directory by the path as it was given, or by what is held of it where that path is too long.
+int volume_type(const std::string &given, const std::string &held);
 
 // The most bytes that the value of an attribute can have.
 constexpr uint64_t kLargestValue = INT32_MAX;
