@@ -6,6 +6,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
@@ -55,8 +56,8 @@ engine::NamesBelow names_below(const RelativeNames &names, const engine::Transfe
 }
 
 Batch::Batch(const BatchOptions &options)
-    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
-      m_report(command(), options.transfer.accepted) {}
+    : m_options(options), m_transfer(transfer_options(options), *this, hands_of(options.jobs)),
+      m_receipt(options.transfer.accepted), m_report(command(), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     copy(errands);
