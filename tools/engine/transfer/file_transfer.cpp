@@ -34,10 +34,13 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -225,7 +228,13 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     }
     attempt.sourceType =
         attempt.entry->st_dev == from.device() ? from.type() : VEXOGetFSType(from.below(attempt.sourceName).c_str(), 0);
-    attempt.store = store_parts(from.below(attempt.sourceName), attempt.sourceType, around.sourceWithoutStore);
+    // Of a file that is copied and has nothing beside it one list tells, once it is open, whether it has anything at
+    // all.
+    attempt.storeUnknown = around.sourceWithoutStore && m_options.operation == Operation::copy && !attempt.asItIs &&
+                           S_ISREG(attempt.entry->st_mode) && store_kind(attempt.sourceType) != StoreKind::apple_double;
+    if (!attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     if (auto problem = check_mac_attributes(attempt)) {
         Outcome outcome = failure(destination, *problem);
         outcome.losses.push_back({LossClass::mac_attributes, problem->reason});
@@ -672,6 +681,9 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
     if (attempt.file.get() < 0 || ::fstat(attempt.file.get(), &before) != 0 || !same(attempt.content, before)) {
         return std::nullopt;
     }
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     attempt.content = before;
     attempt.linked = attempt.inPlace = true;
     if (has_store(attempt.to, attempt.name)) {
@@ -725,6 +737,9 @@ std::optional<Problem> FileTransfer::link_or_make(Attempt &attempt) {
                                                           : make_file(attempt, attempt.made, false);
     }
     attempt.linked = true;
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     if (attempt.store.any() || m_options.operation == Operation::move) {
         carry_metadata(attempt, attempt.made);
     }
@@ -759,11 +774,16 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
         return of_source({"was exchanged for something else meanwhile; not copied"});
     }
     attempt.content = before;
+    attempt.mayHaveAcl = true;
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     if (follow && S_ISLNK(attempt.entry->st_mode)) {
         find_real_place(attempt);
     }
-    auto problem = !replace && gives_group_more(attempt) ? make_closed(attempt, name)
-                                                         : call_library(attempt, attempt.to, name, replace);
+    auto problem = !replace && attempt.mayHaveAcl && gives_group_more(attempt)
+                       ? make_closed(attempt, name)
+                       : call_library(attempt, attempt.to, name, replace);
     if (problem) {
         return problem;
     }
@@ -787,6 +807,23 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
     }
     attempt.content = after;
     return std::nullopt;
+}
+
+// Where the volume lists all that a file has, one list of the open file answers for what would be asked for by name.
+void FileTransfer::look_for_store(Attempt &attempt) {
+    char names[1024];
+    const bool lists = std::exchange(attempt.storeUnknown, false) && attempt.file.get() >= 0 &&
+                       lists_all_attributes(attempt.from.facts().magic) &&
+                       attempt.entry->st_dev == attempt.from.device();
+    const ssize_t size = lists ? ::listxattr(attempt.opened().c_str(), names, sizeof names) : -1;
+    if (size < 0) {
+        attempt.store =
+            store_parts(attempt.from.below(attempt.sourceName), attempt.sourceType, attempt.around.sourceWithoutStore);
+        return;
+    }
+    const std::string_view all(names, static_cast<size_t>(size));
+    attempt.store = store_parts_in(all);
+    attempt.mayHaveAcl = is_listed(all, "system.posix_acl_access");
 }
 
 // The library makes a file with the mode of its source, and gives it an ACL later, where the volume takes one.
@@ -885,6 +922,7 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
+    attempt.nothingBeside = source.volume.noDirectory;
     if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
@@ -930,8 +968,11 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
             {LossClass::unreadable, "the directory of the file cannot be found, nor what is kept there for it"});
         return;
     }
-    const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    const Side copy = attempt.to.side_now(name);
+    // What came beside the source after it was looked for came after the copy; a move asks once more before it removes.
+    const bool known = attempt.nothingBeside;
+    const Side source = known ? attempt.where().side(attempt.what(), attempt.sourceType)
+                              : attempt.where().side_now(attempt.what(), attempt.sourceType);
+    const Side copy = known ? attempt.to.side(name) : attempt.to.side_now(name);
     carry_own_directory(source, copy, false);
     for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
         attempt.losses.push_back(std::move(loss));

@@ -134,6 +134,7 @@ class FileTransfer {
     std::optional<Problem> link_or_make(Attempt &attempt);
     bool link_again(const struct stat &file, const HeldDirectory &to, const std::string &name);
     std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
+    static void look_for_store(Attempt &attempt);
     static bool gives_group_more(const Attempt &attempt);
     std::optional<Problem> make_closed(Attempt &attempt, const std::string &name);
     std::optional<Problem> call_library(Attempt &attempt, const HeldDirectory &to, const std::string &name,
