@@ -690,7 +690,7 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
         (void)VEXOEARemove(attempt.to.below(attempt.name).c_str(), attempt.to.type());
     }
     if (attempt.store.any() || m_options.operation == Operation::move) {
-        carry_metadata(attempt, attempt.name);
+        carry_metadata(attempt, attempt.to, attempt.name);
     }
     compare(attempt, attempt.name);
     attempt.result = attempt.to.look(attempt.name);
@@ -741,7 +741,7 @@ std::optional<Problem> FileTransfer::link_or_make(Attempt &attempt) {
         look_for_store(attempt);
     }
     if (attempt.store.any() || m_options.operation == Operation::move) {
-        carry_metadata(attempt, attempt.made);
+        carry_metadata(attempt, attempt.to, attempt.made);
     }
     attempt.changed = ::fstat(attempt.file.get(), &after) != 0 || !is_same_version(before, after);
     attempt.content = after;
@@ -800,7 +800,15 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
     if (replace && has_store(attempt.to, name)) {
         (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
     }
-    carry_metadata(attempt, name);
+    if (!replace && store_kind(attempt.to.type()) == StoreKind::apple_double &&
+        volume_traits(attempt.to.type()).owners) {
+        if (problem = carry_closed(attempt, name); problem) {
+            discard(attempt.to, name);
+            return problem;
+        }
+    } else {
+        carry_metadata(attempt, attempt.to, name);
+    }
     // Carrying a store may bring that of the source up to date.
     if (::fstat(attempt.file.get(), &after) != 0 || !is_same_version(before, after)) {
         attempt.changed = true;
@@ -920,21 +928,53 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
 }
 
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
-void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
+void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     attempt.nothingBeside = source.volume.noDirectory;
-    if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
+    if (auto problem = carry_beside(source, to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
     // Under its own name the copy could not have it.
     const bool stays = store_kind(attempt.to.type()) != StoreKind::apple_double || name == attempt.name ||
                        takes_companion(attempt.to.fd(), attempt.name);
-    if (!stays && has_store(attempt.to, name)) {
-        (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
+    if (!stays && has_store(to, name)) {
+        (void)VEXOEARemove(to.below(name).c_str(), to.type());
     }
     if (m_options.operation == Operation::move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
+}
+
+// Where stores are "._" files the library lets everybody write to what it carries one for: nobody gets at it until that
+// is over. The copy comes out before its store, so that whoever tidies after a kill finds both.
+std::optional<Problem> FileTransfer::carry_closed(Attempt &attempt, const std::string &name) {
+    const std::string room = next_private_name(), store = "._" + name;
+    struct stat before {
+    }, after{};
+    if (::mkdirat(attempt.to.fd(), room.c_str(), 0700) != 0) {
+        return problem_of_errno(errno);
+    }
+    const HeldDirectory inside(attempt.to, room);
+    const int to = attempt.to.fd(), in = inside.fd();
+    bool good = inside.is_open() && ::renameat(to, name.c_str(), in, name.c_str()) == 0;
+    const Descriptor made(good ? ::openat(in, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1);
+    good = good && ::fstat(made.get(), &before) == 0;
+    if (good) {
+        carry_metadata(attempt, inside, name);
+        good = ::fstat(made.get(), &after) == 0;
+        const mode_t more = after.st_mode & ~before.st_mode;
+        const std::string path = fmt::format("/proc/self/fd/{}", made.get());
+        good = good && (more == 0 || ::chmod(path.c_str(), after.st_mode & before.st_mode & 07777) == 0) &&
+               ::renameat(in, name.c_str(), to, name.c_str()) == 0 &&
+               (::renameat(in, store.c_str(), to, store.c_str()) == 0 || errno == ENOENT);
+    }
+    const int number = errno;
+    (void)remove_left_over(to, room);
+    if (good) { // what other services keep for it, which has its place by the name of the directory
+        carry_own_directory(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(name),
+                            true);
+    }
+    return good ? std::nullopt : std::optional(problem_of_errno(number));
 }
 
 // What belongs to a file lies beside it, not beside a link to it.

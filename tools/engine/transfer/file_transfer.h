@@ -139,7 +139,8 @@ class FileTransfer {
     std::optional<Problem> make_closed(Attempt &attempt, const std::string &name);
     std::optional<Problem> call_library(Attempt &attempt, const HeldDirectory &to, const std::string &name,
                                         bool replace);
-    void carry_metadata(Attempt &attempt, const std::string &name);
+    void carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name);
+    std::optional<Problem> carry_closed(Attempt &attempt, const std::string &name);
     void remove_source(Attempt &attempt, Outcome &outcome);
     void compare(Attempt &attempt, const std::string &name);
     void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
