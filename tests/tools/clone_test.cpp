@@ -4,6 +4,7 @@
 #include "tests/kit/volumes.h"
 #include "tests/tools/tool_process.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -134,7 +136,45 @@ TEST_F(CloneCommand, AlwaysThatIsRefusedLateLeavesNothing) {
     EXPECT_EQ(kit::pattern(9 << 20), kit::readFile(volume / "plain/file"));
 }
 
-// Between two subvolumes nothing can be renamed. A move shares data whatever the switch says, and not where told so.
+// Moves a file and a tree from the one directory to the other, from which nothing can be renamed there: data are shared
+// whatever the switch says, and not where told so. `top`: a directory of the same volume, for somebody who holds them.
+void expectMoveSharesUnlessToldNever(const std::string &one, const std::string &two, const std::string &top) {
+    struct Row {
+        const char *option;
+        bool shared;
+    };
+    for (const Row &row : {Row{"--verbose", true}, Row{"--clone=auto", true}, Row{"--clone=always", true},
+                           Row{"--clone=never", false}}) {
+        SCOPED_TRACE(row.option);
+        ASSERT_EQ(0, ::mkdir((one + "/tree").c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((one + "/tree/sub").c_str(), 0750));
+        Names held;
+        for (const char *const name : {"/tree/sub/in", "/file"}) {
+            kit::writeFile(one + name, kit::pattern(1 << 20));
+            // What is shared shows by somebody else who still has it.
+            held.push_back(top + "/held" + std::to_string(held.size()));
+            ASSERT_EQ(0, runTool({"copy", "--clone", one + name, held.back()}).status);
+        }
+        ASSERT_NE(0, ::rename((one + "/file").c_str(), (two + "/file").c_str()));
+        ASSERT_EQ(EXDEV, errno);
+        const ToolResult planned = runTool({"plan", "move", row.option, one + "/file", one + "/tree", two});
+        EXPECT_EQ(0, planned.status) << planned.err;
+        EXPECT_EQ(row.shared, mentions(planned.out, ", 2 cloned")) << planned.out;
+        const ToolResult result = runTool({"move", row.option, one + "/file", one + "/tree", two});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ(row.shared, mentions(result.out, ", 2 cloned") || mentions(result.out, "/file (cloned)"))
+            << result.out;
+        for (const char *const name : {"/file", "/tree/sub/in"}) {
+            EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(two + name));
+            EXPECT_EQ(row.shared, sharesData(two + name)) << name;
+        }
+        EXPECT_EQ(0750U, kit::statOf(two + "/tree/sub").st_mode & 07777);
+        EXPECT_EQ(Names{}, kit::namesIn(one));
+        EXPECT_EQ(0, runTool({"remove", "-r", two + "/file", two + "/tree", held[0], held[1]}).status);
+    }
+}
+
+// Between two subvolumes nothing can be renamed.
 TEST_F(CloneCommand, MoveBetweenSubvolumesSharesDataUnlessToldNever) {
     KIT_REQUIRE(volume, kit::Volume::loop("btrfs", 256 << 20, "-q"));
     const int top = ::open(volume.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -144,31 +184,50 @@ TEST_F(CloneCommand, MoveBetweenSubvolumesSharesDataUnlessToldNever) {
         ASSERT_EQ(0, ::ioctl(top, BTRFS_IOC_SUBVOL_CREATE, &made));
     }
     ::close(top);
-    struct Row {
-        const char *option;
-        bool shared;
-    };
-    for (const Row &row : {Row{"--verbose", true}, Row{"--clone=auto", true}, Row{"--clone=always", true},
-                           Row{"--clone=never", false}}) {
-        ASSERT_EQ(0, ::mkdir((volume / "one/tree").c_str(), 0755));
-        for (const char *name : {"one/tree/in", "one/file"}) {
-            kit::writeFile(volume / name, kit::pattern(1 << 20));
-            // What is shared shows by somebody else who still has it.
-            ASSERT_EQ(0, runTool({"copy", "--clone", volume / name, volume / name + ".held"}).status);
-        }
-        ASSERT_EQ(0, ::rename((volume / "one/tree/in.held").c_str(), (volume / "one/in.held").c_str()));
-        const ToolResult result =
-            runTool({"move", row.option, volume / "one/file", volume / "one/tree", volume / "two"});
-        EXPECT_EQ(0, result.status) << result.err;
-        for (const char *name : {"two/file", "two/tree/in"}) {
-            EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(volume / name));
-            EXPECT_EQ(row.shared, sharesData(volume / name)) << row.option << " " << name;
-        }
-        EXPECT_EQ((Names{"file.held", "in.held"}), kit::namesIn(volume / "one"));
-        EXPECT_EQ(0, runTool({"remove", "-r", volume / "two/file", volume / "two/tree", volume / "one/file.held",
-                              volume / "one/in.held"})
-                         .status);
+    expectMoveSharesUnlessToldNever(volume / "one", volume / "two", volume.path());
+}
+
+// Nor into a directory of another project, whose quota it would pass by, on one XFS.
+TEST_F(CloneCommand, MoveBetweenProjectsSharesDataUnlessToldNever) {
+    KIT_REQUIRE(volume, kit::Volume::loop("xfs", 320 << 20, "-q"));
+    for (const char *const name : {"one", "two"}) {
+        ASSERT_EQ(0, ::mkdir((volume / name).c_str(), 0755));
     }
+    const int directory = ::open((volume / "two").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    fsxattr settings{};
+    ASSERT_EQ(0, ::ioctl(directory, FS_IOC_FSGETXATTR, &settings));
+    settings.fsx_xflags |= FS_XFLAG_PROJINHERIT;
+    settings.fsx_projid = 17;
+    ASSERT_EQ(0, ::ioctl(directory, FS_IOC_FSSETXATTR, &settings));
+    ::close(directory);
+    expectMoveSharesUnlessToldNever(volume / "one", volume / "two", volume.path());
+}
+
+// Nor from one mount of a volume to another one of the same.
+TEST_F(CloneCommand, MoveBetweenMountsOfOneVolumeSharesDataUnlessToldNever) {
+    KIT_REQUIRE(volume, kit::Volume::loop("xfs", 320 << 20, "-q"));
+    for (const char *const name : {"one", "two", "again"}) {
+        ASSERT_EQ(0, ::mkdir((volume / name).c_str(), 0755));
+    }
+    ASSERT_EQ(0, ::mount((volume / "two").c_str(), (volume / "again").c_str(), nullptr, MS_BIND, nullptr));
+    expectMoveSharesUnlessToldNever(volume / "one", volume / "again", volume.path());
+    ASSERT_EQ(0, ::umount((volume / "again").c_str()));
+}
+
+// What is asked to be a clone, and cannot be one between two volumes, stays where it is.
+TEST_F(CloneCommand, MoveThatCannotShareKeepsTheSource) {
+    KIT_REQUIRE(one, kit::Volume::loop("btrfs", 256 << 20, "-q"));
+    KIT_REQUIRE(two, kit::Volume::loop("btrfs", 256 << 20, "-q"));
+    ASSERT_EQ(0, ::mkdir((one / "tree").c_str(), 0755));
+    kit::writeFile(one / "tree/file", kit::pattern(1 << 20));
+    const ToolResult result = runTool({"move", "--clone=always", one / "tree", two.path()});
+    EXPECT_EQ(2, result.status);
+    EXPECT_TRUE(mentions(result.err, "cannot share its data")) << result.err;
+    EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(one / "tree/file"));
+    EXPECT_FALSE(kit::exists(two / "tree/file"));
+    EXPECT_EQ(0, runTool({"move", one / "tree", two.path()}).status);
+    EXPECT_EQ(kit::pattern(1 << 20), kit::readFile(two / "tree/file"));
+    EXPECT_FALSE(kit::exists(one / "tree"));
 }
 
 TEST_F(CloneCommand, WordIsOneOfThree) {

@@ -492,7 +492,7 @@ TEST(ExplainCommand, TellsWhatACodeMeans) {
     EXPECT_EQ(2, unknown.status);
     EXPECT_EQ("vexofileop: 0x1234: no such error code\n", unknown.err);
     const std::string all = runTool({"explain"}).out;
-    EXPECT_EQ(39 + 27 + 3, std::count(all.begin(), all.end(), '\n'));
+    EXPECT_EQ(39 + 27 + 3 + 20, std::count(all.begin(), all.end(), '\n'));
     const ToolResult loss = runTool({"explain", "acl-access", "0xA400"});
     EXPECT_EQ(0, loss.status);
     EXPECT_EQ(0u, loss.out.find("acl-access  access ACLs not kept (lost)\n  Meaning: The access ACL is not that of the "

@@ -555,6 +555,61 @@ TEST_F(EaCommand, ValueWithoutAnEndIsRefusedInLittleMemory) {
     }));
 }
 
+// From file to file, with what else the store holds.
+TEST_F(EaCommand, LongValueFromAFileLeavesTheRestAsItWas) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    const std::string fork = kit::pattern(70'000, 7), info = "TEXTttxt" + std::string(24, '\x11');
+    const std::string source = scratch / "value";
+    for (const int kind : {2, 0}) {
+        setKind(kind);
+        const std::string store = kind == 0 ? scratch / "._photo.jpg" : stream();
+        ASSERT_TRUE(kind == 0 || ::mkdir((scratch / "@eaDir").c_str(), 0777) == 0);
+        kit::writeFile(store, ::stream::bytes({{"first", "1"}, {"a", "old"}, {"last", "2"}},
+                                              static_cast<uint32_t>(fork.size()), info) +
+                                  fork);
+        for (const size_t size : {size_t{3} << 20, (size_t{2} << 20) + 5}) {
+            const std::string value = kit::pattern(size, 3);
+            kit::writeFile(source, value);
+            const ToolResult result = ea({"set", file, "a", "--from", source});
+            EXPECT_EQ(0, result.status) << result.err;
+            EXPECT_TRUE(value == ea({"get", file, "a"}).out) << kind;
+            EXPECT_EQ("1", ea({"get", file, "first"}).out);
+            EXPECT_EQ("2", ea({"get", file, "last"}).out);
+            EXPECT_TRUE(kit::readFile(store).ends_with(value + fork)) << kind;
+            EXPECT_NE(std::string::npos, kit::readFile(store).find(info));
+        }
+        EXPECT_EQ(2, ea({"set", file, "a", "--create", "--from", source}).status);
+        EXPECT_EQ(2, ea({"set", file, "b", "--replace", "--from", source}).status);
+        EXPECT_EQ(0, ea({"rm", file, "a"}).status);
+        EXPECT_TRUE(kit::readFile(store) ==
+                    stream::bytes({{"first", "1"}, {"last", "2"}}, static_cast<uint32_t>(fork.size()), info) + fork)
+            << kind;
+    }
+}
+
+TEST_F(EaCommand, LongValueFromAFileTakesLittleMemory) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    if (std::string(VEXOFILEOP_TOOL).find("asan") != std::string::npos) {
+        GTEST_SKIP() << "a sanitizer takes terabytes";
+    }
+    EXPECT_TRUE(kit::holdsInChild([&] {
+        rlimit little{};
+        ASSERT_EQ(0, ::getrlimit(RLIMIT_AS, &little));
+        little.rlim_cur = rlim_t{200} << 20;
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_AS, &little));
+        setKind(2);
+        kit::writeFile(scratch / "value", "");
+        ASSERT_EQ(0, ::truncate((scratch / "value").c_str(), off_t{150} << 20));
+        const ToolResult result = ea({"set", file, "a", "--from", scratch / "value"});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_NE(std::string::npos, ea({"list", file}).out.find("157286400  a\n"));
+        ASSERT_EQ(0, ::truncate((scratch / "value").c_str(), off_t{1} << 31));
+        const ToolResult refused = ea({"set", file, "a", "--from", scratch / "value"});
+        EXPECT_EQ(2, refused.status);
+        EXPECT_NE(std::string::npos, refused.err.find(" has more than 2147483647 bytes")) << refused.err;
+    }));
+}
+
 TEST_F(EaCommand, TerminalShowsTextAsTextAndBytesAsADump) {
     ASSERT_EQ(0, ea({"set", file, "text", "Gr\xc3\xbc\xc3\x9f e"}).status);
     EXPECT_EQ("Gr\xc3\xbc\xc3\x9f e\r\n", kit::ToolOnTerminal({"ea", "get", file, "text"}).finish().out);

@@ -3,6 +3,7 @@
 #include "tests/kit/behaviour.h"
 #include "tests/kit/scratch.h"
 #include "tests/kit/seeds.h"
+#include "tests/kit/volumes.h"
 #include "tests/tools/slow_file.h"
 #include "tests/tools/tool_process.h"
 
@@ -13,6 +14,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <map>
 #include <random>
 #include <set>
@@ -487,6 +489,345 @@ TEST_F(CompareJobs, KilledItLeavesNobodyBehind) {
     ::kill(tool.pid(), SIGKILL);
     tool.finish();
     EXPECT_TRUE(areGone(workers));
+}
+
+// ---- copy, move, mirror ----
+
+// Which of the names of a file is made first, and which become links to it, depends on the order.
+bool isOneOfSeveral(const std::string &line) {
+    return std::ranges::any_of(std::initializer_list<const char *>{"/d0/e0/f1\"", "/d6/e6/other\"", "/d3/e3/third\""},
+                               [&](const char *name) { return kit::mentions(line, name); });
+}
+
+// What was told, in any order.
+Lines toldBy(const ToolResult &result) {
+    Lines told = sorted(linesOf(result.out));
+    std::erase_if(told, isOneOfSeveral);
+    const Lines errors = sorted(linesOf(result.err));
+    told.insert(told.end(), errors.begin(), errors.end());
+    told.push_back("status " + std::to_string(result.status));
+    return told;
+}
+
+// Every entry below with what it is, and how many names it has. Stores are made anew, at any time.
+Lines stateOf(const std::string &top) {
+    Lines state;
+    for (const std::string &path : pathsBelow(top)) {
+        const struct stat found = kit::statOf(path);
+        const bool file = S_ISREG(found.st_mode);
+        state.push_back(
+            path.substr(top.size()) + " " + std::to_string(found.st_mode) + " " +
+            std::to_string(S_ISDIR(found.st_mode) ? 0 : found.st_nlink) + " " +
+            std::to_string(S_ISLNK(found.st_mode) || kit::mentions(path, "@eaDir") ? 0 : found.st_mtim.tv_sec) + " " +
+            (file ? kit::readFile(path) : std::string()));
+    }
+    return sorted(state);
+}
+
+// What only one of the two has.
+Lines differences(const Lines &one, const Lines &other) {
+    Lines found;
+    std::ranges::set_symmetric_difference(sorted(one), sorted(other), std::back_inserter(found));
+    return found;
+}
+
+bool hasLeftOvers(const std::string &top) {
+    return std::ranges::any_of(pathsBelow(top), [](const std::string &path) {
+        return path.substr(path.rfind('/') + 1).starts_with(".vexofileop-");
+    });
+}
+
+// Times that no test run has.
+void setTimes(const std::string &top) {
+    const timespec times[] = {{1'000, 0}, {2'000, 0}};
+    for (const std::string &path : pathsBelow(top)) {
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW)) << path;
+    }
+}
+
+class CopyJobs : public Jobs {
+  protected:
+    // A destination that has some of it already: the same, older, others, and what is in the way.
+    void makeOld() const {
+        ASSERT_EQ(0, runTool({"copy", "-r", "-T", "--no-hard-links", "--accept", "hard-link", tree, copy}).status);
+        for (int number = 0; number < 20; number += 3) {
+            const std::string inner = copy + "/d" + std::to_string(number % 7) + "/e" + std::to_string(number);
+            kit::writeFile(inner + "/f5", "older");
+            kit::writeFile(inner + "/extra", "");
+            ASSERT_EQ(0, ::unlink((inner + "/f7").c_str()));
+            ASSERT_EQ(0, ::unlink((inner + "/link").c_str()));
+        }
+        for (int number = 0; number < 100; number += 5) {
+            kit::writeFile(copy + "/flat/g" + std::to_string(number), "older still");
+        }
+        ASSERT_EQ(0, ::unlink((copy + "/d4/e4/f2").c_str()));
+        makeDirectory(copy + "/d4/e4/f2");
+        setTimes(copy);
+    }
+};
+
+struct Way {
+    const char *name;
+    kit::Arguments options;
+};
+
+class CopyWays : public CopyJobs, public testing::WithParamInterface<Way> {};
+
+TEST_P(CopyWays, AnyNumberOfProcessesLeavesAndSaysTheSame) {
+    makeTree(tree, 20, 100);
+    setTimes(tree);
+    for (const bool old : {false, true}) {
+        Lines told, state;
+        for (const char *jobs : {"1", "4"}) {
+            if (old) {
+                makeOld();
+            }
+            kit::Arguments arguments{"copy", "-r", "--json", "--specials", "-T", "--jobs", jobs};
+            arguments.insert(arguments.end(), GetParam().options.begin(), GetParam().options.end());
+            arguments.insert(arguments.end(), {tree, copy});
+            const ToolResult result = runTool(arguments);
+            const Lines nowTold = toldBy(result), nowThere = stateOf(copy);
+            told = told.empty() ? nowTold : told;
+            state = state.empty() ? nowThere : state;
+            EXPECT_EQ(Lines(), differences(told, nowTold)) << jobs << " jobs";
+            EXPECT_EQ(Lines(), differences(state, nowThere)) << jobs << " jobs";
+            EXPECT_FALSE(hasLeftOvers(copy));
+            ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+        }
+        EXPECT_LT(350u, state.size());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, CopyWays,
+                         testing::Values(Way{"fail", {}}, Way{"force", {"-f"}}, Way{"skip", {"-n"}},
+                                         Way{"update", {"-u"}}, Way{"keepBoth", {"--keep-both"}},
+                                         Way{"verify", {"-f", "--verify"}}, Way{"sync", {"-u", "--sync"}},
+                                         Way{"noHardLinks", {"-u", "--no-hard-links", "--accept", "hard-link"}},
+                                         Way{"filters", {"-u", "--exclude", "f3", "--exclude", "/tree/d5"}},
+                                         Way{"backup", {"-f", "--backup"}}),
+                         [](const auto &one) { return one.param.name; });
+
+// The summary, the receipt and what a whole directory copies are the same where nothing is said of each entry.
+TEST_F(CopyJobs, CountsAreThoseOfOneProcess) {
+    makeTree(tree);
+    std::string expected;
+    for (const char *jobs : {"1", "2", "5"}) {
+        const ToolResult result = runTool({"copy", "-r", "-T", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(0, result.status) << result.err;
+        expected = expected.empty() ? result.out + result.err : expected;
+        EXPECT_EQ(expected, result.out + result.err) << jobs << " jobs";
+        EXPECT_EQ(0, runTool({"compare", tree, copy}).status) << jobs << " jobs";
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+    }
+}
+
+// Whoever comes to a name first makes the file, and everybody else a link to it.
+TEST_F(CopyJobs, NamesOfOneFileStayOneFile) {
+    makeTree(tree, 40, 300);
+    for (int number = 0; number < 40; ++number) {
+        const std::string inner = tree + "/d" + std::to_string(number % 7) + "/e" + std::to_string(number);
+        ASSERT_EQ(0, ::link((tree + "/flat/g0").c_str(), (inner + "/zero").c_str()));
+        ASSERT_EQ(0, ::link((tree + "/flat/g" + std::to_string(number + 1)).c_str(), (inner + "/more").c_str()));
+    }
+    for (const char *jobs : {"2", "4"}) {
+        const ToolResult result = runTool({"copy", "-r", "-T", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ(41u, kit::statOf(copy + "/flat/g0").st_nlink);
+        for (int number = 1; number <= 40; ++number) {
+            EXPECT_EQ(2u, kit::statOf(copy + "/flat/g" + std::to_string(number)).st_nlink) << number;
+        }
+        EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+    }
+}
+
+// What one source has brought to a directory no other one replaces, whoever has carried it.
+TEST_F(CopyJobs, WhatWasJustWrittenStays) {
+    const std::string other = scratch / "other";
+    makeTree(tree, 20, 100);
+    makeTree(other, 20, 100);
+    kit::writeFile(other + "/flat/g7", "of the other");
+    Lines told;
+    for (const char *jobs : {"1", "4"}) {
+        makeDirectory(copy);
+        const ToolResult result = runTool({"copy", "-rf", "--json", "--jobs", jobs, tree + "/.", other + "/.", copy});
+        EXPECT_EQ(1, result.status);
+        EXPECT_EQ("7", kit::readFile(copy + "/flat/g7"));
+        const Lines now = toldBy(result);
+        told = told.empty() ? now : told;
+        EXPECT_EQ(Lines(), differences(told, now)) << jobs << " jobs";
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+    }
+}
+
+TEST_F(CopyJobs, ErrorsEndAllOfThem) {
+    makeTree(tree, 40, 3'000);
+    ASSERT_EQ(0, runTool({"copy", "-r", "-T", tree, copy}).status);
+    // Everything is there already, and each of the processes meets one at most.
+    for (const kit::Arguments &option : {kit::Arguments{"--stop-on-error"}, kit::Arguments{"--max-errors", "1"}}) {
+        kit::Arguments arguments{"copy", "-r", "--json", "-T", "--jobs", "4"};
+        arguments.insert(arguments.end(), option.begin(), option.end());
+        arguments.insert(arguments.end(), {tree, copy});
+        const ToolResult result = runTool(arguments);
+        EXPECT_NE(0, result.status);
+        const auto failed = std::ranges::count_if(
+            linesOf(result.out), [](const std::string &line) { return field(line, "status") == "failed"; });
+        EXPECT_LE(1, failed);
+        EXPECT_GE(5, failed);
+    }
+}
+
+// In the middle, for as long as the test takes to say so.
+TEST_F(CopyJobs, CtrlCEndsAllOfThem) {
+    makeTree(tree, 60, 4'000);
+    RunningTool tool({"copy", "-r", "--json", "-T", "--jobs", "3", tree, copy}, scratch.path());
+    std::vector<pid_t> workers;
+    while (workers.size() < 3 && !tool.isOver()) {
+        workers = tool.children();
+    }
+    ASSERT_EQ(3u, workers.size());
+    for (const pid_t worker : workers) {
+        ::kill(worker, SIGSTOP);
+    }
+    ::kill(-tool.pid(), SIGINT);
+    for (const pid_t worker : workers) {
+        ::kill(worker, SIGCONT);
+    }
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(130, result.status) << result.err;
+    EXPECT_NE(std::string::npos, result.out.find("\"cancelled\":true")) << result.out;
+    EXPECT_TRUE(areGone(workers));
+    EXPECT_FALSE(kit::exists(copy) && hasLeftOvers(copy));
+    EXPECT_EQ(0, runTool({"copy", "-ru", "-T", "--jobs", "2", tree, copy}).status);
+    EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+}
+
+TEST_F(CopyJobs, KilledItLeavesNobodyBehind) {
+    makeTree(tree, 60, 4'000);
+    RunningTool tool({"copy", "-r", "-T", "--jobs", "3", tree, copy}, scratch.path());
+    std::vector<pid_t> workers;
+    while (workers.size() < 3 && !tool.isOver()) {
+        workers = tool.children();
+    }
+    ::kill(tool.pid(), SIGKILL);
+    tool.finish();
+    EXPECT_TRUE(areGone(workers));
+    EXPECT_EQ(0, runTool({"copy", "-ru", "-T", "--jobs", "2", tree, copy}).status);
+    EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+    EXPECT_FALSE(hasLeftOvers(copy));
+}
+
+// The sources that have failed, by what is said of each.
+Lines failedSources(const ToolResult &result) {
+    const std::string begin = "vexofileop: ";
+    Lines failed;
+    for (const std::string &line : linesOf(result.err)) {
+        const size_t end = line.find(" -> ");
+        if (line.starts_with(begin) && end != std::string::npos) {
+            failed.push_back(line.substr(begin.size(), end - begin.size()));
+        }
+    }
+    return failed;
+}
+
+TEST_F(CopyJobs, KilledAtRandomTheyMissNothingWithoutAWord) {
+    makeTree(tree, 60, 400);
+    const Lines all = pathsBelow(tree);
+    for (const uint32_t seed : kit::seeds(8, 200)) {
+        SCOPED_TRACE(kit::repeat(seed));
+        std::mt19937 random(seed);
+        // Without a word of each entry whole directories go by one call.
+        const char *const said = seed % 2 == 0 ? "-q" : "--json";
+        RunningTool tool({"copy", "-r", said, "-T", "--jobs", std::to_string(2 + seed % 3), tree, copy},
+                         scratch.path());
+        const auto workers = killWorkers(tool, random);
+        const ToolResult result = tool.finish();
+        EXPECT_TRUE(areGone(workers));
+        const Lines failed = failedSources(result);
+        EXPECT_TRUE(result.status == 0 || result.status == 1 || (result.status == 2 && !failed.empty())) << result.err;
+        EXPECT_EQ(failed.empty(), result.status == 0) << result.out << result.err;
+        for (const std::string &path : all) {
+            if (path.find("@eaDir") == std::string::npos && !kit::exists(copy + path.substr(tree.size()))) {
+                EXPECT_TRUE(std::ranges::any_of(failed, [&](const std::string &one) { return isBelow(path, one); }))
+                    << path;
+            }
+        }
+        EXPECT_EQ(0, runTool({"copy", "-ru", "-T", "--jobs", "2", tree, copy}).status);
+        EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+        EXPECT_FALSE(hasLeftOvers(copy));
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+    }
+}
+
+class MoveJobs : public CopyJobs {};
+
+TEST_F(MoveJobs, AcrossVolumesAnyNumberOfThemLeavesAndSaysTheSame) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    Lines told, state;
+    for (const char *jobs : {"1", "4"}) {
+        makeTree(tree, 20, 100);
+        setTimes(tree);
+        const std::string to = volume.path() + "/to";
+        const ToolResult result = runTool({"move", "--json", "--jobs", jobs, tree, to});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_FALSE(kit::exists(tree));
+        const Lines now = toldBy(result), there = stateOf(to);
+        told = told.empty() ? now : told;
+        state = state.empty() ? there : state;
+        EXPECT_EQ(Lines(), differences(told, now)) << jobs << " jobs";
+        EXPECT_EQ(Lines(), differences(state, there)) << jobs << " jobs";
+        ASSERT_EQ(0, runTool({"remove", "-rf", to}).status);
+    }
+    EXPECT_LT(350u, state.size());
+}
+
+// A source goes once it has arrived; what stays is told, and the same command again brings it.
+TEST_F(MoveJobs, KilledAtRandomTheyLoseNothing) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const std::string to = volume.path() + "/to";
+    for (const uint32_t seed : kit::seeds(4, 200)) {
+        SCOPED_TRACE(kit::repeat(seed));
+        std::mt19937 random(seed);
+        makeTree(tree, 60, 400);
+        setTimes(tree);
+        ASSERT_EQ(0, runTool({"copy", "-r", "-T", tree, copy}).status);
+        RunningTool tool({"move", "--json", "--jobs", std::to_string(2 + seed % 3), tree, to}, scratch.path());
+        const auto workers = killWorkers(tool, random);
+        const ToolResult result = tool.finish();
+        EXPECT_TRUE(areGone(workers));
+        EXPECT_EQ(kit::exists(tree), result.status != 0) << result.out << result.err;
+        for (const std::string &path : pathsBelow(copy)) {
+            const std::string below = path.substr(copy.size());
+            if (below.find("@eaDir") == std::string::npos && !kit::exists(tree + below)) {
+                EXPECT_TRUE(kit::exists(to + below)) << below;
+            }
+        }
+        if (kit::exists(tree)) {
+            EXPECT_EQ(0, runTool({"move", "-u", "-T", "--jobs", "2", tree, to}).status);
+        }
+        EXPECT_FALSE(kit::exists(tree));
+        EXPECT_EQ(0, runTool({"compare", "--ignore", "hard-link", copy, to}).status);
+        EXPECT_FALSE(hasLeftOvers(to));
+        ASSERT_EQ(0, runTool({"remove", "-rf", to, copy}).status);
+    }
+}
+
+TEST_F(CopyJobs, MirrorsOfAnyNumberOfThemAreTheSame) {
+    makeTree(tree, 20, 100);
+    setTimes(tree);
+    Lines told, state;
+    for (const char *jobs : {"1", "4"}) {
+        makeOld();
+        const ToolResult result = runTool({"mirror", "-f", "--json", "--jobs", jobs, tree, copy});
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+        const Lines now = toldBy(result), there = stateOf(copy);
+        told = told.empty() ? now : told;
+        state = state.empty() ? there : state;
+        EXPECT_EQ(Lines(), differences(told, now)) << jobs << " jobs";
+        EXPECT_EQ(Lines(), differences(state, there)) << jobs << " jobs";
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+    }
 }
 
 } // namespace

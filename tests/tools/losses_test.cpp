@@ -246,6 +246,41 @@ TEST_F(Losses, NamesThatChangeOrBecomeOne) {
     EXPECT_EQ(1U, kit::namesIn(tree).size()) << moved.err;
 }
 
+// The copy's own name fits, that of the "._" file beside it does not; and what was made under a short one goes.
+TEST_F(Losses, NamesThatAreTooLongForWhatIsKeptBesideThem) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    const std::string name(255, 'n');
+    ASSERT_EQ(0, ::rename(file.c_str(), (tree + "/" + name).c_str()));
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/" + name, "com.example.note", "note"}).status);
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=0").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    ASSERT_EQ(0, ::mkdir((volume / "to").c_str(), 0755));
+    const ToolResult planned = runTool({"plan", "copy", "-r", "--accept", "fat", tree, volume / "to"});
+    const ToolResult copied = runTool({"copy", "-r", "--accept", "fat", tree, volume / "to"});
+    const ToolResult compared = runTool({"compare", tree, volume / "to/tree"});
+    const ToolResult moved = runTool({"move", "--accept", "fat", tree, volume.path()});
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
+    for (const std::string &told : {planned.out, copied.err, compared.out, moved.err}) {
+        EXPECT_TRUE(mentions(told, "257 bytes are too many for the name of what is kept beside it (name-too-long)\n"))
+            << told;
+        EXPECT_TRUE(mentions(told, "(stream)\n")) << told;
+    }
+    EXPECT_EQ(1, planned.status);
+    EXPECT_EQ(1, copied.status);
+    EXPECT_EQ(std::vector<std::string>{name}, kit::namesIn(volume / "to/tree"));
+    EXPECT_EQ(1, moved.status);
+    EXPECT_TRUE(kit::exists(tree + "/@eaDir")) << moved.err;
+}
+
+TEST_F(Losses, LockThatTheVolumeDoesNotKeep) {
+    KIT_REQUIRE(plain, kit::Volume::plain());
+    ASSERT_EQ(0, VLIBCKernelAttrCall(file.c_str(), 522)); // locked
+    const ToolResult planned = runTool({"plan", "copy", "-r", tree, plain.path()});
+    const ToolResult copied = runTool({"copy", "-r", tree, plain.path()});
+    EXPECT_TRUE(mentions(planned.out, "only the first is locked (locked)\n")) << planned.out;
+    EXPECT_TRUE(mentions(copied.err, "only the first is locked (locked)\n")) << copied.err;
+    EXPECT_EQ(copied.status, planned.status);
+}
+
 TEST_F(Losses, HolesAndHardLinksCostRoomAlone) {
     ASSERT_EQ(0, ::link(file.c_str(), (tree + "/second").c_str()));
     for (const char *how : {"-r", "-rv"}) {

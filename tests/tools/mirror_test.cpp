@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -556,7 +557,24 @@ struct SweepScene {
         kit::writeFile(scratch.path() + "/tree/@eaDir/one@VexoEAStream", stream::bytes({{"comment", "new"}}));
         kit::writeFile(scratch.path() + "/copy/@eaDir/old@VexoEAStream", stream::bytes({{"comment", "old"}}));
     }
-    kit::Arguments arguments() const { return {"mirror", "-f", scratch / "tree", scratch / "copy"}; }
+    kit::Arguments arguments(bool keeps) const {
+        kit::Arguments words{"mirror", "-f", scratch / "tree", scratch / "copy"};
+        if (keeps) {
+            words.insert(words.begin() + 1, {"--backup-dir", scratch / "kept"});
+        }
+        return words;
+    }
+    // What went, or was replaced, with what was kept beside it. Empty, or what is missing.
+    std::string lostOfOld() const {
+        std::string lost;
+        for (const char *name : {"/kind", "/old", "/in/old", "/gone/old", "/was/old"}) {
+            const std::string path = scratch.path() + "/kept" + name;
+            lost += kit::exists(path) && kit::readFile(path) == "old" ? "" : std::string(name) + "; ";
+        }
+        const std::string store = scratch / "kept/@eaDir/old@VexoEAStream";
+        return lost +
+               (kit::exists(store) && kit::readFile(store) == stream::bytes({{"comment", "old"}}) ? "" : "store; ");
+    }
     std::string sourceNow() const {
         std::string all;
         for (const char *name : {"/tree/one", "/tree/was", "/tree/in/two", "/tree/kind/three"}) {
@@ -568,9 +586,9 @@ struct SweepScene {
     kit::ScratchDirectory scratch;
 };
 
-faults::Outcome supervised(const SweepScene &scene, const faults::Plan &plan) {
+faults::Outcome supervised(const SweepScene &scene, bool keeps, const faults::Plan &plan) {
     return faults::supervise(plan, [&](faults::Window &window) {
-        std::vector<std::string> words = scene.arguments();
+        std::vector<std::string> words = scene.arguments(keeps);
         words.insert(words.begin(), VEXOFILEOP_TOOL);
         std::vector<char *> pointers;
         for (std::string &word : words) {
@@ -583,7 +601,16 @@ faults::Outcome supervised(const SweepScene &scene, const faults::Plan &plan) {
     });
 }
 
-class MirrorSweep : public ::testing::TestWithParam<faults::Plan::Action> {};
+// How it is stopped, and whether what goes is kept.
+struct Stop {
+    const char *name;
+    faults::Plan::Action action;
+    bool keeps = false;
+};
+void PrintTo(const Stop &stop, std::ostream *out) {
+    *out << stop.name;
+}
+class MirrorSweep : public ::testing::TestWithParam<Stop> {};
 
 TEST_P(MirrorSweep, TheSameOnceMoreFinishesIt) {
     KIT_NOT_SANITIZED();
@@ -591,7 +618,7 @@ TEST_P(MirrorSweep, TheSameOnceMoreFinishesIt) {
         GTEST_SKIP() << why;
     }
     const SweepScene whole;
-    const std::vector<faults::SystemCall> calls = supervised(whole, {}).calls;
+    const std::vector<faults::SystemCall> calls = supervised(whole, GetParam().keeps, {}).calls;
     ASSERT_TRUE(whole.equal());
     const std::string source = whole.sourceNow();
     constexpr size_t sample = 70;
@@ -600,30 +627,33 @@ TEST_P(MirrorSweep, TheSameOnceMoreFinishesIt) {
                             : std::max<size_t>(1, calls.size() / sample);
     for (size_t at = 1; at < calls.size(); at += step) {
         const std::vector<int> errors = faults::plausibleErrors(calls[at]);
-        if (GetParam() == faults::Plan::Action::fail && errors.empty()) {
+        if (GetParam().action == faults::Plan::Action::fail && errors.empty()) {
             continue;
         }
         const SweepScene scene;
-        faults::Plan plan{.action = GetParam(), .at = at};
+        faults::Plan plan{.action = GetParam().action, .at = at};
         plan.error = errors.empty() ? 0 : errors.front();
-        plan.number = GetParam() == faults::Plan::Action::fail ? calls[at].number : -1;
-        const faults::Outcome outcome = supervised(scene, plan);
+        plan.number = GetParam().action == faults::Plan::Action::fail ? calls[at].number : -1;
+        const faults::Outcome outcome = supervised(scene, GetParam().keeps, plan);
         const std::string point = std::to_string(at) + " " + faults::nameOf(calls[at]);
         EXPECT_FALSE(outcome.hung) << point;
         EXPECT_EQ(source, scene.sourceNow()) << point;
         // What was told to be done is done.
         EXPECT_TRUE(outcome.status != 0 || scene.equal()) << point;
-        const ToolResult again = runTool(scene.arguments());
+        const ToolResult again = runTool(scene.arguments(GetParam().keeps));
         EXPECT_EQ(0, again.status) << point << "\n" << again.err;
         EXPECT_TRUE(scene.equal()) << point << "\n" << again.err;
+        EXPECT_TRUE(!GetParam().keeps || scene.lostOfOld().empty()) << point << ": " << scene.lostOfOld();
         if (HasFailure()) {
             break;
         }
     }
 }
-INSTANTIATE_TEST_SUITE_P(Stops, MirrorSweep, ::testing::Values(faults::Plan::Action::kill, faults::Plan::Action::fail),
-                         [](const auto &each) {
-                             return each.param == faults::Plan::Action::kill ? "Killed" : "Failing";
-                         });
+INSTANTIATE_TEST_SUITE_P(Stops, MirrorSweep,
+                         ::testing::Values(Stop{"Killed", faults::Plan::Action::kill},
+                                           Stop{"Failing", faults::Plan::Action::fail},
+                                           Stop{"KilledThatKeeps", faults::Plan::Action::kill, true},
+                                           Stop{"FailingThatKeeps", faults::Plan::Action::fail, true}),
+                         [](const auto &each) { return std::string(each.param.name); });
 
 } // namespace

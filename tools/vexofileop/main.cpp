@@ -23,22 +23,27 @@ using namespace tool;
 struct NamedCommand {
     std::string_view name;
     AddCommand add;
+    int usage = exitUsage; // the status for a command line that makes no sense
 };
 
 constexpr NamedCommand kCommands[] = {
     {"copy", add_copy_command},         {"move", add_move_command},       {"remove", add_remove_command},
     {"mirror", add_mirror_command},     {"compare", add_compare_command}, {"plan", add_plan_command},
-    {"relocate", add_relocate_command}, {"ea", add_ea_command},           {"reflink", add_reflink_command},
-    {"archive", add_archive_command},   {"index", add_index_command},     {"notify", add_notify_command},
-    {"explain", add_explain_command},
+    {"relocate", add_relocate_command}, {"ea", add_ea_command},           {"store", add_store_command, exitStoreUsage},
+    {"reflink", add_reflink_command},   {"archive", add_archive_command}, {"index", add_index_command},
+    {"notify", add_notify_command},     {"explain", add_explain_command},
 };
 
 // The command that the command line begins with is added alone: the options of all take longer to set up than a rename.
 // Whatever else it begins with is for the parser, which knows all of them.
-void add_commands(const Command &program, int argc, const char *const *argv, int &status) {
-    const auto named =
+const NamedCommand *named_command(int argc, const char *const *argv) {
+    const auto *const named =
         argc > 1 ? std::ranges::find(kCommands, std::string_view(argv[1]), &NamedCommand::name) : std::end(kCommands);
-    if (named != std::end(kCommands)) {
+    return named == std::end(kCommands) ? nullptr : named;
+}
+
+void add_commands(const Command &program, const NamedCommand *named, int &status) {
+    if (named != nullptr) {
         note_command(named->name.data()); // of the table, which ends it
         named->add(program, status);
         return;
@@ -48,9 +53,8 @@ void add_commands(const Command &program, int argc, const char *const *argv, int
     }
 }
 
-int refuse(const Parser &parser, const std::string &reason) {
+void refuse(const Parser &parser, const std::string &reason) {
     fmt::print(stderr, "vexofileop: {}\nTry '{} --help'.\n", reason, parser.command_name());
-    return exitUsage;
 }
 
 int print(std::string text) {
@@ -67,12 +71,14 @@ int run(int argc, char **argv) {
                          .footer = "\nExample (each command explains itself: vexofileop copy --help):\n"
                                    "  vexofileop copy film.mkv /volume2/video/"});
     int status = exitAll;
-    add_commands(parser.program(), argc, argv, status);
+    const NamedCommand *const named = named_command(argc, argv);
+    add_commands(parser.program(), named, status);
     try {
         const std::optional<std::string> answer = parser.run(argc, argv);
         return answer ? print(*answer) : status;
     } catch (const engine::InvalidRequest &error) {
-        return refuse(parser, error.what());
+        refuse(parser, error.what());
+        return named != nullptr ? named->usage : exitUsage;
     }
 }
 

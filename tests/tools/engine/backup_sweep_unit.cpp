@@ -1,37 +1,19 @@
 // A file that is replaced and kept, with each system call on the way killed or refused: the old file is whole, with its
 // store, under one of its two names at every moment, and the same command finishes it.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
-#include "tools/engine/transfer/transfer.h"
+#include "tests/tools/engine/sweep.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 using namespace engine;
-
-class BackupWatcher : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        status = outcome.status;
-        whole = outcome.losses.empty() && !outcome.warning;
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-
-    Status status = Status::failed;
-    bool whole = true;
-};
 
 struct Kept {
     explicit Kept(const std::string &directory) : below(directory) {
@@ -46,10 +28,10 @@ struct Kept {
     BackupOptions options() const { return {true, below.empty() ? "~" : "", below.empty() ? "" : scratch / below}; }
     // 0, or 3 where it failed, or 4 where the new file has lost something on its way, as it says.
     int replace() const {
-        BackupWatcher watcher;
-        Transfer({.conflict = Conflict::update, .backup = options()}, watcher)
-            .run(scratch / "from/file", scratch / "to/file");
-        return watcher.status != Status::done ? 3 : watcher.whole ? 0 : 4;
+        const Outcome last = sweep::carry({.conflict = Conflict::update, .backup = options()}, scratch / "from/file",
+                                          scratch / "to/file")
+                                 .last;
+        return last.status != Status::done ? 3 : sweep::is_whole(last) ? 0 : 4;
     }
     std::string backup() const { return below.empty() ? "to/file~" : below + "/file"; }
     std::string backupStore() const {
@@ -78,34 +60,10 @@ struct Kept {
     std::string below;
 };
 
-bool only_looks(int number) {
-    for (const int one : {SYS_newfstatat, SYS_fstat, SYS_statx, SYS_statfs, SYS_fstatfs, SYS_faccessat, SYS_faccessat2,
-                          SYS_read, SYS_lseek, SYS_close, SYS_readlink, SYS_readlinkat, SYS_getdents64, SYS_getxattr,
-                          SYS_fgetxattr, SYS_lgetxattr, SYS_listxattr, SYS_flistxattr, SYS_llistxattr}) {
-        if (one == number) {
-            return true;
-        }
-    }
-    return false;
-}
-
-class BackupSweep : public ::testing::TestWithParam<const char *> {
+class BackupSweep : public sweep::Sweep<::testing::TestWithParam<const char *>> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
     static faults::Outcome supervised(const Kept &scene, const faults::Plan &plan) {
-        return faults::supervise(plan, [&](faults::Window &window) {
-            window.open();
-            const int status = scene.replace();
-            window.close();
-            ::_exit(status);
-        });
+        return watched(plan, [&] { return scene.replace(); });
     }
 };
 
@@ -117,12 +75,11 @@ TEST_P(BackupSweep, KilledAnywhereTheSameCommandEndsAsOneThatWasNot) {
     ASSERT_LT(50u, calls.size());
     int between = 0;
     for (size_t at = 0; at < calls.size(); ++at) {
-        if (only_looks(calls[at].number)) {
-            continue; // a kill before the next call that does something is the same
+        if (sweep::only_looks(calls[at])) {
+            continue;
         }
         const Kept scene(GetParam());
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
-            EXPECT_GT(at + 4, calls.size());
+        if (!killed(at, calls.size(), [&] { (void)scene.replace(); })) {
             break;
         }
         EXPECT_TRUE(scene.has("to/file", "old one") || scene.has(scene.backup(), "old one")) << at;

@@ -1,12 +1,10 @@
 // A file that is moved within its volume, killed before each system call: it has its store at the old place or at the
 // new one, once somebody comes next.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tests/kit/volumes.h"
-#include "tools/engine/transfer/transfer.h"
-#include "tools/engine/walk/stack_room.h"
+#include "tests/tools/engine/sweep.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,25 +20,10 @@ namespace {
 
 using namespace engine;
 
-class Silent : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        good = good && outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-
-    bool good = true;
-};
-
 bool move(const std::string &source, const std::string &destination) {
-    Silent observer;
-    Transfer({.operation = Operation::move, .conflict = Conflict::replace, .trees = true}, observer)
-        .run(source, destination);
-    return observer.good;
+    return sweep::carry({.operation = Operation::move, .conflict = Conflict::replace, .trees = true}, source,
+                        destination)
+        .good;
 }
 
 // What is moved, and whether stores are "._" files; else they lie in "@eaDir".
@@ -101,23 +84,13 @@ struct Scene {
     const std::string store = stream::bytes({{"comment", "new"}});
 };
 
-class MoveSweep : public ::testing::TestWithParam<Kind> {
+class MoveSweep : public sweep::Sweep<::testing::TestWithParam<Kind>> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        (void)engine::has_stack_room(); // which looks where the stack ends the first time, and then knows
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
+    static size_t callsOf(const Scene &scene) {
+        return watched({}, [&] { return move(scene.source, scene.destination) ? 0 : 1; }).calls.size();
     }
-    static faults::Outcome supervised(const Scene &scene, const faults::Plan &plan) {
-        return faults::supervise(plan, [&](faults::Window &window) {
-            window.open();
-            (void)move(scene.source, scene.destination);
-            window.close();
-        });
+    static bool killedAt(const Scene &scene, size_t at, size_t calls) {
+        return killed(at, calls, [&] { (void)move(scene.source, scene.destination); });
     }
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep,
@@ -128,14 +101,13 @@ INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep,
 TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = supervised(whole, {}).calls.size();
+    const size_t calls = callsOf(whole);
     ASSERT_TRUE(whole.isMoved() && whole.hasStore("to"));
     ASSERT_LT(20U, calls);
     int finished = 0;
     for (size_t at = 0; at < calls; ++at) {
         const Scene scene(GetParam());
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
-            EXPECT_GT(at + 4, calls); // a call or two depend on what the process has kept
+        if (!killedAt(scene, at, calls)) {
             break;
         }
         const bool moved = scene.isMoved(), before = moved && !scene.hasStore("to");
@@ -154,11 +126,10 @@ TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
 TEST_P(MoveSweep, RunAgainFinishesIt) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = supervised(whole, {}).calls.size();
+    const size_t calls = callsOf(whole);
     for (size_t at = calls / 2; at < calls; at += 2) {
         const Scene scene(GetParam());
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
-            EXPECT_GT(at + 4, calls); // a call or two depend on what the process has kept
+        if (!killedAt(scene, at, calls)) {
             break;
         }
         (void)move(scene.source, scene.destination);
@@ -170,11 +141,10 @@ TEST_P(MoveSweep, RunAgainFinishesIt) {
 TEST_P(MoveSweep, StoreOfAnotherEntryOfTheOldNameIsNotTaken) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = supervised(whole, {}).calls.size();
+    const size_t calls = callsOf(whole);
     for (size_t at = calls / 2; at < calls; at += 3) {
         const Scene scene(GetParam());
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
-            EXPECT_GT(at + 4, calls); // a call or two depend on what the process has kept
+        if (!killedAt(scene, at, calls)) {
             break;
         }
         if (!scene.isMoved()) {
@@ -195,10 +165,9 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     KIT_NOT_SANITIZED();
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
     const auto carried = [&](const Scene &scene, const std::string &to, const faults::Plan &plan) {
-        return faults::supervise(plan, [&](faults::Window &window) {
-            window.open();
+        return watched(plan, [&] {
             (void)move(scene.source, to);
-            window.close();
+            return 0;
         });
     };
     int number = 0;

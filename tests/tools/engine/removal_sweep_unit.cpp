@@ -2,11 +2,11 @@
 // link where a directory was: the same request again finishes what was stopped, nothing stays under a success, and what
 // lies elsewhere stays as it is.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/child.h"
 #include "tests/kit/fingerprint.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tests/tools/engine/sweep.h"
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/walk/private_name.h"
@@ -107,16 +107,8 @@ TEST(DeepRemoval, FindsTheWayBackFromADirectoryThatWasMovedAway) {
 
 // ---- Each system call
 
-class RemovalSweep : public ::testing::Test {
+class RemovalSweep : public sweep::Sweep<::testing::Test> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
     static void give_store(const std::string &directory, const std::string &name) {
         ::mkdir((directory + "/@eaDir").c_str(), 0777);
         kit::writeFile(directory + "/@eaDir/" + name + "@VexoEAStream", stream::bytes({{"comment", "kept"}}));
@@ -259,6 +251,23 @@ TEST_F(RemovalSweep, EntryThatIsGoneHasItsStoreRemovedAndSaysSo) {
     EXPECT_FALSE(kit::exists(scratch / "@eaDir"));
     removal.run(scratch / "gone");
     EXPECT_EQ(1, observer.failures);
+}
+
+// Of a "._" file its first bytes say that it is one.
+TEST_F(RemovalSweep, EntryThatIsGoneHasItsDoubleRemovedAndSaysSo) {
+    const kit::ScratchDirectory scratch;
+    ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
+    kit::writeFile(scratch / "._gone", stream::bytes({{"comment", "kept"}}));
+    kit::writeFile(scratch / "._own", "of a user, who calls it so");
+    Silent observer;
+    TreeRemoval removal({}, observer);
+    removal.run(scratch / "own");
+    EXPECT_EQ(1, observer.failures);
+    removal.run(scratch / "gone");
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(1, observer.failures);
+    EXPECT_EQ("was gone already; what was kept beside it is removed", observer.said);
+    EXPECT_EQ((std::vector<std::string>{"._own"}), kit::namesIn(scratch.path()));
 }
 
 TEST_F(RemovalSweep, PlantedLinksAndPipesInPlaceOfStoresGoThemselves) {

@@ -1,10 +1,9 @@
 // A file that is replaced, with each system call on the way killed or refused: at every moment there is the old file
 // with its store or the new one with its own, and whoever comes next finishes or removes what was left.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
-#include "tools/engine/transfer/transfer.h"
+#include "tests/tools/engine/sweep.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,39 +15,15 @@ namespace {
 
 using namespace engine;
 
-class Silent : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        good = good && outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-
-    bool good = true;
-};
-
 bool replace(const std::string &source, const std::string &destination) {
-    Silent observer;
-    Transfer({.conflict = Conflict::replace}, observer).run(source, destination);
-    return observer.good;
+    return sweep::carry({.conflict = Conflict::replace}, source, destination).good;
 }
 
 // Where stores are kept: in "@eaDir", or in "._" files.
 enum class Keeps { streams, doubles };
 
-class ReplacementSweep : public ::testing::TestWithParam<Keeps> {
+class ReplacementSweep : public sweep::Sweep<::testing::TestWithParam<Keeps>> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
     struct Scene {
         Scene() {
             if (doubles) {
@@ -95,13 +70,9 @@ class ReplacementSweep : public ::testing::TestWithParam<Keeps> {
     }
     static std::vector<faults::SystemCall> callsOf() {
         const Scene scene;
-        const faults::Outcome watched = faults::supervise({}, [&](faults::Window &window) {
-            window.open();
-            (void)replace(scene.source, scene.destination);
-            window.close();
-        });
+        const auto calls = watched({}, [&] { return replace(scene.source, scene.destination) ? 0 : 1; }).calls;
         EXPECT_TRUE(scene.isNew());
-        return watched.calls;
+        return calls;
     }
 };
 
@@ -115,14 +86,7 @@ TEST_P(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
     int finished = 0;
     for (size_t at = 0; at < calls; ++at) {
         const Scene scene;
-        const faults::Outcome outcome =
-            faults::supervise({.action = faults::Plan::Action::kill, .at = at}, [&](faults::Window &window) {
-                window.open();
-                (void)replace(scene.source, scene.destination);
-                window.close();
-            });
-        if (!outcome.reached) {
-            EXPECT_GT(at + 4, calls); // a call or two depend on what the process has kept
+        if (!killed(at, calls, [&] { (void)replace(scene.source, scene.destination); })) {
             break;
         }
         const std::string content = kit::readFile(scene.destination);
@@ -150,20 +114,14 @@ TEST_P(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
     for (size_t at = 0; at < calls.size(); ++at) {
         for (const int error : faults::plausibleErrors(calls[at])) {
             const Scene scene;
-            const std::string told = scene.scratch / "told";
-            const faults::Outcome outcome = faults::supervise(
-                {faults::Plan::Action::fail, at, error, calls[at].number}, [&](faults::Window &window) {
-                    window.open();
-                    const bool good = replace(scene.source, scene.destination);
-                    window.close();
-                    kit::writeFile(told, good ? "good" : "bad");
-                });
+            const faults::Outcome outcome = watched({faults::Plan::Action::fail, at, error, calls[at].number},
+                                                    [&] { return replace(scene.source, scene.destination) ? 0 : 1; });
             refused += outcome.reached ? 1 : 0;
             const std::string where =
                 faults::nameOf(calls[at]) + " " + calls[at].path + ", error " + std::to_string(error);
             if (error == ENOENT) { // of something that is there: nobody can guard against a file system that says so
                 EXPECT_FALSE(kit::readFile(scene.destination).empty()) << where;
-            } else if (kit::readFile(told) == "good") {
+            } else if (outcome.status == 0) {
                 EXPECT_TRUE(scene.isNew()) << where;
             } else if (kit::readFile(scene.destination) == "old") {
                 EXPECT_TRUE(scene.isOld()) << where;
@@ -182,13 +140,8 @@ TEST_P(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) 
     for (size_t at = 0; at < calls; at += 5) {
         const Scene scene;
         const std::string fresh = scene.scratch / "to/fresh";
-        (void)faults::supervise({.action = faults::Plan::Action::kill, .at = at}, [&](faults::Window &window) {
-            window.open();
-            (void)replace(scene.source, fresh);
-            window.close();
-        });
-        Silent observer;
-        Transfer({.conflict = Conflict::skip}, observer).run(scene.source, fresh);
+        (void)killed(at, calls, [&] { (void)replace(scene.source, fresh); });
+        (void)sweep::carry({.conflict = Conflict::skip}, scene.source, fresh);
         EXPECT_EQ("new", kit::readFile(fresh)) << at;
         EXPECT_EQ(stream::bytes({{"comment", "new"}}), kit::readFile(scene.storeOf("to", "fresh"))) << at;
     }
@@ -196,15 +149,10 @@ TEST_P(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) 
 
 // Whoever looks before he renames may see what was not there yet. Each call in turn says so.
 TEST_P(ReplacementSweep, LookThatSawNothingReplacesNothing) {
-    const auto without_policy = [](const Scene &scene, Operation operation) {
-        Silent observer;
-        Transfer({.operation = operation}, observer).run(scene.source, scene.destination);
-    };
-    const auto supervised = [&](const Scene &scene, Operation operation, const faults::Plan &plan) {
-        return faults::supervise(plan, [&](faults::Window &window) {
-            window.open();
-            without_policy(scene, operation);
-            window.close();
+    const auto supervised = [](const Scene &scene, Operation operation, const faults::Plan &plan) {
+        return watched(plan, [&] {
+            (void)sweep::carry({.operation = operation}, scene.source, scene.destination);
+            return 0;
         });
     };
     for (const Operation operation : {Operation::copy, Operation::move}) {

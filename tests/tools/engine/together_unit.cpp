@@ -1,12 +1,11 @@
 // Two commands that bring something to one name at the same time, the second at each system call of the first: the end
 // is one of both whole, the file and what is kept beside it.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tests/tools/engine/sweep.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/store.h"
-#include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/patience.h"
 
@@ -27,32 +26,10 @@ namespace {
 using namespace engine;
 using namespace std::chrono_literals;
 
-class Silent : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        good = good && outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
-        last = outcome;
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-
-    bool good = true;
-    Outcome last;
-};
-
 Outcome carry(Operation operation, const std::string &source, const std::string &destination, bool backup = false) {
-    Silent observer;
     TransferOptions options{.operation = operation, .conflict = Conflict::replace, .trees = true};
     options.backup = {.wanted = backup, .suffix = "~"};
-    Transfer(options, observer).run(source, destination);
-    return observer.last;
-}
-
-bool is_good(const Outcome &outcome) {
-    return outcome.status == Status::done && !outcome.warning && outcome.losses.empty();
+    return sweep::carry(options, source, destination).last;
 }
 
 struct Pair {
@@ -108,15 +85,9 @@ struct Scene {
         tell(place, carry(pair.second, file(place), file("to"), pair.backup));
     }
     void tell(const std::string &place, const Outcome &outcome) const {
-        kit::writeFile(told(place), is_good(outcome) ? "good" : "bad");
-        std::string why;
-        for (const auto &problem : {outcome.warning, outcome.problem}) {
-            why += problem ? ": " + problem->reason : "";
-        }
-        for (const Loss &loss : outcome.losses) {
-            why += ": " + loss.detail;
-        }
-        kit::writeFile(told(place) + ".why", why);
+        const bool good = outcome.status == Status::done && sweep::is_whole(outcome);
+        kit::writeFile(told(place), good ? "good" : "bad");
+        kit::writeFile(told(place) + ".why", sweep::words_of(outcome));
     }
     // Nothing of what was under way, and no note.
     bool isTidy() const {
@@ -130,16 +101,8 @@ struct Scene {
     kit::ScratchDirectory scratch;
 };
 
-class Together : public ::testing::TestWithParam<Pair> {
+class Together : public sweep::Sweep<::testing::TestWithParam<Pair>> {
   protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
     void TearDown() override { set_lock_patience(kLockPatience); }
 
     static size_t callsOf() {
@@ -147,10 +110,9 @@ class Together : public ::testing::TestWithParam<Pair> {
         const auto [entry, isNew] = known.try_emplace(GetParam().name);
         if (isNew) {
             const Scene scene(GetParam());
-            entry->second = faults::supervise({}, [&](faults::Window &window) {
-                                window.open();
+            entry->second = watched({}, [&] {
                                 (void)carry(GetParam().first, scene.file("one"), scene.file("to"));
-                                window.close();
+                                return 0;
                             }).calls.size();
         }
         return entry->second;
@@ -254,14 +216,12 @@ TEST_P(LockedDirectory, IsWaitedForAndThenTold) {
 }
 
 // Two attributes of one file, which has a store before or gets it then.
-class ChangedTogether : public ::testing::TestWithParam<bool> {
+class ChangedTogether : public sweep::Sweep<::testing::TestWithParam<bool>> {
   protected:
     void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
+        Sweep::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         file = scratch / "file";
         kit::writeFile(file, "data");

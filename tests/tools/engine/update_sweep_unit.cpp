@@ -1,76 +1,80 @@
-// A tree that is copied or moved with -u, killed before a system call: the same once more finishes it, and the end is
-// that of a run that nobody stopped. A sample of the calls, with those at which a file and its store are parted; with
-// VEXO_FULL in the environment all.
+// A tree that is copied or moved with -u, as a whole or by the names in it, killed before a system call: the same once
+// more finishes it, the end is that of a run that nobody stopped, and what was to be kept of the old files is kept. A
+// sample of the calls, with those at which a file and its store are parted; with VEXO_FULL in the environment all.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tests/kit/volumes.h"
+#include "tests/tools/engine/sweep.h"
 #include "tools/engine/compare/tree_comparison.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/transfer/transfer.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
 using namespace engine;
 
-class Told : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &source, const Outcome &outcome) override {
-        const bool done = outcome.status == Status::done || (outcome.status == Status::skipped && outcome.same);
-        if (!done || outcome.warning || !outcome.losses.empty()) {
-            const Problem none;
-            text += source + ": " +
-                    (outcome.problem   ? *outcome.problem
-                     : outcome.warning ? *outcome.warning
-                                       : none)
-                        .reason;
-            for (const Loss &loss : outcome.losses) {
-                text += "; " + loss.detail;
-            }
-            text += "\n";
-        }
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-
-    std::string text;
+// What is asked for: a tree, or names below it; and where the old files are kept.
+struct Way {
+    const char *name;
+    Operation operation = Operation::copy;
+    bool relative = false, kept = false;
 };
+void PrintTo(const Way &way, std::ostream *out) {
+    *out << way.name;
+}
 
-std::string update(Operation operation, const std::string &source, const std::string &destination) {
-    Told observer;
-    Transfer({.operation = operation,
-              .conflict = Conflict::update,
-              .links = true,
-              .specials = true,
-              .trees = true,
-              .countsAlone = true},
-             observer)
-        .run(source, destination);
-    return observer.text;
+// Names of all kinds in an order in which directories are come back to. Of a move those that have not gone yet.
+std::vector<std::string> names_at(const std::string &source) {
+    std::vector<std::string> names = {"new/one",  "in/deep", "file", "new/zz",   "pipe",
+                                      "in/again", "new/two", "link", "new/three"};
+    std::erase_if(names, [&](const std::string &name) { return !kit::exists(source + "/" + name); });
+    return names;
+}
+
+std::string update(const Way &way, const std::string &source, const std::string &destination,
+                   const std::string &backups = {}) {
+    sweep::Watcher watcher;
+    Transfer transfer({.operation = way.operation,
+                       .conflict = Conflict::update,
+                       .links = true,
+                       .specials = true,
+                       .trees = true,
+                       .countsAlone = true,
+                       .backup = {way.kept && !backups.empty(), "", backups}},
+                      watcher);
+    if (!way.relative) {
+        transfer.run(source, destination);
+    } else {
+        for (const std::string &name : names_at(source)) {
+            transfer.run_below(source, destination, name, {.trees = true});
+        }
+        transfer.leave();
+    }
+    return watcher.told.text;
 }
 
 // Of a move that was stopped the source no longer tells when its directories were changed last, nor which names went
-// that were one file with others.
+// that were one file with others. Nobody gives times to the directory that listed names are below.
 class Differences : public ComparisonObserver {
   public:
-    explicit Differences(Operation operation) : m_move(operation == Operation::move) {}
+    Differences(bool stoppedMove, std::string unlisted) : m_move(stoppedMove), m_unlisted(std::move(unlisted)) {}
     bool stopped() const override { return false; }
     void loss(const std::string &first, const std::string &, const Loss &loss) override {
-        const bool unknown = loss.cls == LossClass::hard_link ||
-                             (loss.cls == LossClass::modification_time && S_ISDIR(kit::statOf(first).st_mode));
-        text += m_move && unknown ? "" : displayed(first) + ": " + loss.detail + "\n";
+        const bool time = loss.cls == LossClass::modification_time && S_ISDIR(kit::statOf(first).st_mode);
+        const bool unknown = (m_move && (time || loss.cls == LossClass::hard_link)) ||
+                             (first == m_unlisted && (time || loss.cls == LossClass::creation_time));
+        text += unknown ? "" : displayed(first) + ": " + loss.detail + "\n";
     }
     void extra(const std::string &first, EntryKind) override { text += displayed(first) + ": extra\n"; }
     void same(const std::string &, const std::string &) override {}
@@ -81,11 +85,13 @@ class Differences : public ComparisonObserver {
 
   private:
     bool m_move;
+    std::string m_unlisted;
 };
 
 // A tree, one that stands at the destination already, and the same that nobody touches.
 struct Scene {
-    explicit Scene(const std::string &volume) : destination(volume + "/" + base()) {
+    Scene(const std::string &volume, const Way &asked)
+        : way(asked), destination(volume + "/" + base()), backups(volume + "/" + base() + ".kept") {
         for (const char *name : {"", "/@eaDir", "/in", "/new"}) {
             EXPECT_EQ(0, ::mkdir((source + name).c_str(), 0755));
         }
@@ -106,17 +112,36 @@ struct Scene {
         kit::writeFile(destination + "/@eaDir/file@VexoResource", "old resource");
         kit::writeFile(destination + "/file", "old");
         kit::writeFile(destination + "/in/again", "old, too");
-        EXPECT_EQ("", update(Operation::copy, source, reference));
+        if (way.relative) {
+            EXPECT_EQ(0, ::mkdir(reference.c_str(), 0755));
+        }
+        EXPECT_EQ("", update({"", Operation::copy, way.relative}, source, reference));
     }
+    std::string run() const { return update(way, source, destination, backups); }
     std::string base() const { return scratch.path().substr(scratch.path().rfind('/') + 1); }
-    std::string difference(Operation operation) const {
-        Differences found(operation);
+    // `whole`: nobody has stopped it.
+    std::string difference(bool whole) const {
+        const bool move = way.operation == Operation::move;
+        Differences found(move && !whole, way.relative ? reference : "");
         compare_trees(reference, destination, {.data = true}, found);
         const bool linked =
             kit::statOf(destination + "/file").st_ino == kit::statOf(destination + "/in/again").st_ino &&
             kit::statOf(destination + "/file").st_ino == kit::statOf(destination + "/new/zz").st_ino;
-        return found.text + (linked || operation == Operation::move ? "" : "names of one file are several\n") +
-               left_in(destination);
+        return found.text + (linked || (move && !whole) ? "" : "names of one file are several\n") +
+               left_in(destination) + lost_of_old();
+    }
+    // Of what was to be kept.
+    std::string lost_of_old() const {
+        if (!way.kept) {
+            return "";
+        }
+        const auto has = [&](const std::string &name, const std::string &content) {
+            // Of a tree that is named the name lies below the directory of backups, too.
+            const std::string path = backups + (way.relative ? "" : "/" + base()) + name;
+            return kit::exists(path) && kit::readFile(path) == content ? "" : path + " is not what it was\n";
+        };
+        return has("/file", "old") + has("/in/again", "old, too") + has("/@eaDir/file@VexoResource", "old resource") +
+               has("/@eaDir/file@VexoEAStream", stream::bytes({{"comment", "old"}}));
     }
     static std::string left_in(const std::string &directory) {
         std::string left;
@@ -130,29 +155,19 @@ struct Scene {
 
     kit::ScratchDirectory scratch;
     const std::string source = scratch / "source", reference = scratch / "reference";
-    const std::string destination;
+    const Way way;
+    const std::string destination, backups;
 };
 
-class UpdateSweep : public ::testing::TestWithParam<Operation> {
-  protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
-    static faults::Outcome supervised(const Scene &scene, const faults::Plan &plan) {
-        return faults::supervise(plan, [&](faults::Window &window) {
-            window.open();
-            (void)update(GetParam(), scene.source, scene.destination);
-            window.close();
-        });
-    }
-};
-INSTANTIATE_TEST_SUITE_P(Operations, UpdateSweep, ::testing::Values(Operation::copy, Operation::move),
-                         [](const auto &each) { return each.param == Operation::copy ? "Copy" : "Move"; });
+class UpdateSweep : public sweep::Sweep<::testing::TestWithParam<Way>> {};
+INSTANTIATE_TEST_SUITE_P(Ways, UpdateSweep,
+                         ::testing::Values(Way{"Copy"}, Way{"Move", Operation::move},
+                                           Way{"NamesCopied", Operation::copy, true},
+                                           Way{"NamesMoved", Operation::move, true},
+                                           Way{"CopyThatKeeps", Operation::copy, false, true},
+                                           Way{"MoveThatKeeps", Operation::move, false, true},
+                                           Way{"NamesCopiedThatKeep", Operation::copy, true, true}),
+                         [](const auto &each) { return std::string(each.param.name); });
 
 // A sample, and whatever follows a step that removes or renames something: there a file and what is kept for it are
 // parted.
@@ -175,24 +190,80 @@ std::vector<size_t> points_of(const std::vector<faults::SystemCall> &calls) {
 TEST_P(UpdateSweep, KilledAnywhereTheSameOnceMoreFinishesIt) {
     KIT_NOT_SANITIZED();
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
-    const Scene whole(volume.path());
-    const auto calls = supervised(whole, {}).calls;
+    const Scene whole(volume.path(), GetParam());
+    const auto calls = watched({}, [&] { return whole.run().empty() ? 0 : 1; }).calls;
     ASSERT_LT(200U, calls.size());
-    ASSERT_EQ("", whole.difference(Operation::copy));
+    ASSERT_EQ("", whole.difference(true));
+    const bool move = GetParam().operation == Operation::move;
     for (const size_t at : points_of(calls)) {
-        const Scene scene(volume.path());
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
-            EXPECT_GT(at + 8, calls.size()); // a few calls depend on what the process has kept
+        const Scene scene(volume.path(), GetParam());
+        if (!killed(at, calls.size(), [&] { (void)scene.run(); })) {
             break;
         }
-        const std::string told = kit::exists(scene.source) ? update(GetParam(), scene.source, scene.destination) : "";
+        const std::string told = kit::exists(scene.source) ? scene.run() : "";
         EXPECT_EQ("", told) << at;
-        EXPECT_EQ("", scene.difference(GetParam())) << at;
-        EXPECT_EQ(GetParam() == Operation::copy, kit::exists(scene.source)) << at;
+        EXPECT_EQ("", scene.difference(false)) << at;
+        EXPECT_TRUE(!move || names_at(scene.source).empty()) << at;
+        EXPECT_EQ(!move || GetParam().relative, kit::exists(scene.source)) << at;
         if (HasFailure()) {
             break;
         }
     }
+}
+
+// What a directory has for itself in "@eaDir" is put aside while the store of another one comes: wherever that ends,
+// the same once more brings it back, and leaves nothing.
+TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
+    KIT_NOT_SANITIZED();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    struct Merged {
+        explicit Merged(const std::string &destination) : to(destination) {
+            for (const std::string &top : {from, to}) {
+                for (const char *name : {"", "/@eaDir", "/in", "/@eaDir/in"}) {
+                    EXPECT_EQ(0, ::mkdir((top + name).c_str(), 0755));
+                }
+            }
+            kit::writeFile(from + "/@eaDir/in/index", "new");
+            kit::writeFile(from + "/@eaDir/in@VexoEAStream", stream::bytes({{"comment", "new"}}));
+            kit::writeFile(to + "/@eaDir/in/index", "old");
+            kit::writeFile(to + "/@eaDir/in/own", "own");
+        }
+        std::string difference() const {
+            const std::string own = to + "/@eaDir/in/own", index = to + "/@eaDir/in/index";
+            return std::string(kit::exists(own) && kit::readFile(own) == "own" ? "" : "its own is gone\n") +
+                   (kit::exists(index) && kit::readFile(index) == "new" ? "" : "the new one is not there\n") +
+                   Scene::left_in(to);
+        }
+        kit::ScratchDirectory scratch;
+        const std::string from = scratch / "from", to;
+    };
+    const auto supervised = [](const Merged &scene, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)update(GetParam(), scene.from, scene.to);
+            window.close();
+        });
+    };
+    const Merged whole(volume / "whole");
+    const auto calls = supervised(whole, {}).calls;
+    ASSERT_EQ("", whole.difference());
+    int aside = 0;
+    for (size_t at = 1; at < calls.size(); ++at) {
+        if (calls[at - 1].path.find(".vexofileop-") == std::string::npos &&
+            calls[at].path.find(".vexofileop-") == std::string::npos) {
+            continue;
+        }
+        const Merged scene(volume / std::to_string(at));
+        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+            break;
+        }
+        aside += Scene::left_in(scene.to).find(".vexofileop-kept-") == std::string::npos ? 0 : 1;
+        if (kit::exists(scene.from)) {
+            (void)update(GetParam(), scene.from, scene.to);
+        }
+        EXPECT_EQ("", scene.difference()) << at;
+    }
+    EXPECT_LT(0, aside);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "tools/engine/workers/pool.h"
 #include "tools/engine/workers/record.h"
 #include "tools/engine/workers/shared.h"
+#include "tools/engine/workers/tellings.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,6 +98,43 @@ TEST_F(WorkerChannel, TellsThatTheOtherIsGoneAfterWhatItSaid) {
     EXPECT_FALSE(ends->second.receive());
     EXPECT_FALSE(ends->second.send("anybody?"));
     EXPECT_FALSE(ends->second.send(std::string(engine::Channel::kMostBytes + 1, 'x')));
+}
+
+TEST(WorkerTellings, OutcomeArrivesWhole) {
+    engine::Outcome outcome;
+    outcome.status = engine::Status::skipped;
+    outcome.destination = "to\na file";
+    outcome.bytes = int64_t{1} << 40;
+    outcome.cloned = outcome.synced = outcome.same = outcome.linked = outcome.inPlace = outcome.sourceStays = true;
+    outcome.old = {7, 8};
+    outcome.oldNames = 3;
+    outcome.oldNamesKnown = {"one", "two"};
+    outcome.backup = "kept";
+    outcome.losses = {{engine::LossClass::owner, "detail"}, {engine::LossClass::hole, ""}};
+    outcome.warning = engine::Problem{"reason", 0xA300, true, true, true, EIO};
+    RecordWriter writer;
+    write(writer, outcome);
+    write(writer, engine::Outcome{});
+    RecordReader reader(writer.bytes());
+    const engine::Outcome read = read_outcome(reader);
+    EXPECT_EQ(engine::Status::skipped, read.status);
+    EXPECT_EQ(outcome.destination, read.destination);
+    EXPECT_EQ(outcome.bytes, read.bytes);
+    EXPECT_TRUE(read.cloned && read.synced && read.same && read.linked && read.inPlace && read.sourceStays);
+    EXPECT_EQ(outcome.old, read.old);
+    EXPECT_EQ(3, read.oldNames);
+    EXPECT_EQ(outcome.oldNamesKnown, read.oldNamesKnown);
+    EXPECT_EQ("kept", read.backup);
+    EXPECT_EQ(outcome.losses, read.losses);
+    ASSERT_TRUE(read.warning);
+    EXPECT_EQ("reason", read.warning->reason);
+    EXPECT_EQ(0xA300u, read.warning->code);
+    EXPECT_TRUE(read.warning->withSource && read.warning->needsRecursion && read.warning->replaced);
+    EXPECT_EQ(EIO, read.warning->number);
+    EXPECT_FALSE(read.problem);
+    const engine::Outcome plain = read_outcome(reader);
+    EXPECT_FALSE(plain.cloned || plain.synced || plain.same || plain.linked || plain.inPlace || plain.sourceStays);
+    EXPECT_TRUE(reader.is_at_end());
 }
 
 // ---- The pool ----
@@ -200,6 +238,43 @@ TEST_F(Pool, DoesEverythingOnceWithAnyNumberOfWorkers) {
         EXPECT_EQ(20'000u, yield.count);
         EXPECT_TRUE(told.each_once(20'000)) << workers << " workers, " << told.numbers.size() << " numbers";
     }
+}
+
+// Jobs are asked for one by one, when somebody has time for one, and not all of them at once.
+TEST_F(Pool, AsksForMoreJobsAsTheyAreDone) {
+    for (const int workers : {1, 3}) {
+        told.numbers.clear();
+        int given = 0, ahead = 0;
+        engine::WorkerPool pool(
+            {.number = workers}, [&] { return std::make_unique<Counter>([](Crew &, int) {}); }, told);
+        const auto next_of = [](int &number) {
+            const int first = 10 * number++;
+            return range(first, first + 10);
+        };
+        const Yield yield = pool.run([&]() -> std::optional<Job> {
+            ahead = std::max(ahead, given - static_cast<int>(told.numbers.size()) / 10);
+            return given == 500 ? std::nullopt : std::optional(next_of(given));
+        });
+        EXPECT_TRUE(yield.whole);
+        EXPECT_EQ(5'000u, yield.count);
+        EXPECT_TRUE(told.each_once(5'000)) << workers << " workers";
+        EXPECT_GE(4 * workers + 4, ahead);
+        EXPECT_TRUE(pool.run([]() { return std::optional<Job>(); }).whole);
+    }
+}
+
+// Of those that are not asked for any more nothing is known, and nothing is said.
+TEST_F(Pool, AsksForNoJobOnceItIsStopped) {
+    told.stop = [&] { return told.numbers.size() >= 30; };
+    int given = 0;
+    engine::WorkerPool pool(
+        {.number = 2}, [&] { return std::make_unique<Counter>([](Crew &, int) {}); }, told);
+    (void)pool.run([&]() -> std::optional<Job> {
+        const int first = 10 * given++;
+        return range(first, first + 10);
+    });
+    EXPECT_GT(1'000, given);
+    EXPECT_TRUE(told.unfinished.empty());
 }
 
 // Nobody goes on before all of them are here, but to give something away to who has nothing.

@@ -1,10 +1,9 @@
 // --sync: what was made is on the disk before the run ends and before a source goes, and what cannot be is a failure.
 #include "tests/ea/stream_bytes.h"
-#include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tests/kit/volumes.h"
-#include "tools/engine/transfer/transfer.h"
+#include "tests/tools/engine/sweep.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -18,25 +17,6 @@
 namespace {
 
 using namespace engine;
-
-class Watcher : public TransferObserver {
-  public:
-    bool stopped() const override { return false; }
-    void tree(const std::string &) override {}
-    void entry(EntryKind, const std::string &, const Outcome &outcome) override {
-        good = good && outcome.status == Status::done && !outcome.sourceStays;
-    }
-    void arrived(const std::string &, int, int64_t) override {}
-    void progress(int64_t, bool) override {}
-    bool may_replace(const std::string &) override { return true; }
-    void written_out(const std::string &, const std::optional<Problem> &problem) override {
-        ++volumes;
-        good = good && !problem;
-    }
-
-    bool good = true;
-    int volumes = 0;
-};
 
 // A tree with a store, that goes to another volume.
 struct WrittenScene {
@@ -58,14 +38,12 @@ struct WrittenScene {
 
 constexpr int kGood = 0, kBad = 3;
 
-class WriteOut : public ::testing::Test {
+class WriteOut : public sweep::Sweep<::testing::Test> {
   protected:
     void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root makes stores";
-        }
-        if (const std::string why = faults::unavailable(); !why.empty()) {
-            GTEST_SKIP() << why;
+        Sweep::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         try {
             (void)kit::Volume::tmpfs(1 << 20);
@@ -76,13 +54,13 @@ class WriteOut : public ::testing::Test {
     static faults::Outcome carry(const WrittenScene &scene, const TransferOptions &options,
                                  const faults::Plan &plan = {}) {
         return faults::supervise(plan, [&](faults::Window &window) {
-            Watcher watcher;
+            sweep::Watcher watcher;
             Transfer transfer(options, watcher);
             window.open();
             transfer.run(scene.scratch / "tree", scene.volume / "to");
             transfer.leave();
             window.close();
-            ::_exit(watcher.good ? kGood : kBad);
+            ::_exit(watcher.told.good ? kGood : kBad);
         });
     }
     static TransferOptions options(Operation operation, Sync sync) {

@@ -2,7 +2,9 @@
 
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/store/store_parts.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -154,7 +156,21 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
     if (!look || look(one->status().st, other->status().st)) {
         findings.attempt("the entry", [&] { EntryComparison(*one, *other, findings).run(); });
     }
+    add_companion_too_long(b, b.name, findings.losses);
     return findings.losses;
+}
+
+void add_companion_too_long(const Side &copy, const std::string &name, std::vector<Loss> &losses) {
+    const auto is_kept_there = [](const Loss &loss) {
+        return loss.cls == LossClass::stream || loss.cls == LossClass::finder_info ||
+               loss.cls == LossClass::resource_fork;
+    };
+    if (copy.volume.store == StoreKind::apple_double && std::ranges::any_of(losses, is_kept_there) &&
+        !takes_companion(copy.directory, name)) {
+        losses.push_back(
+            {LossClass::name_too_long,
+             fmt::format("{} bytes are too many for the name of what is kept beside it", name.size() + 2)});
+    }
 }
 
 std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options) {

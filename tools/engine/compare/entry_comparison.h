@@ -46,6 +46,9 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
 using FirstLook = std::function<bool(const struct stat &a, const struct stat &b)>;
 std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOptions &options, const FirstLook &look);
 
+// Says why where a copy has no store since the name of the "._" file beside `name`, its own, would be too long.
+void add_companion_too_long(const Side &copy, const std::string &name, std::vector<Loss> &losses);
+
 // Of an entry that finds another one under its name, which is not to be replaced: two names have become one, unless the
 // volume may just hold no entries of its type.
 LossClass class_of_clash(mode_t entry, mode_t there);

@@ -91,7 +91,10 @@ class Walk : private RemovalObserver {
             m_observer.unreadable(to.path(), {failure.what()});
             return;
         }
-        (void)::fstat(to.fd(), &before);
+        if (::fstat(to.fd(), &before) != 0) { // whose times could not be put back
+            m_observer.unreadable(to.path(), problem_of_errno(errno));
+            return;
+        }
         m_removedHere = false;
         entries(level);
         const bool changed = m_removedHere;
@@ -105,7 +108,10 @@ class Walk : private RemovalObserver {
         }
         if (changed && to.is_open() && !m_options.rehearsal) {
             const timespec times[] = {before.st_atim, before.st_mtim};
-            (void)::utimensat(AT_FDCWD, to.itself().c_str(), times, 0);
+            if (::utimensat(AT_FDCWD, to.itself().c_str(), times, 0) != 0 && errno != EPERM) { // whoever owns it
+                const Problem problem = problem_of_errno(errno);
+                m_observer.entry(to.path(), S_IFDIR, Status::failed, &problem);
+            }
         }
     }
 

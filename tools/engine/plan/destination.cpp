@@ -31,6 +31,7 @@ AskedVolume &AskedVolumes::of(const HeldDirectory &directory) {
     AskedVolume &asked = m_known[inherited(directory)];
     if (asked.rehearsal == nullptr) {
         asked.directory = HeldDirectory(directory, ".");
+        add_quotas(directory, asked); // before anything is made there
         asked.rehearsal = std::make_unique<Rehearsal>(asked.directory.fd(), directory.type(), m_probe);
         const auto [room, isNew] = m_rooms.try_emplace(directory.device());
         asked.room = &room->second;
@@ -40,7 +41,9 @@ AskedVolume &AskedVolumes::of(const HeldDirectory &directory) {
             room->second.probed = asked.rehearsal->probes();
         }
         asked.project = heir_project(directory.fd());
-        add_quotas(directory, asked);
+        for (const auto &[quota, refusal] : asked.quotas) {
+            quota->probed = asked.rehearsal->probes();
+        }
     }
     return asked;
 }
@@ -52,7 +55,6 @@ void AskedVolumes::add_quotas(const HeldDirectory &directory, AskedVolume &asked
             room->second.directory = directory.path();
             room->second.free.bytes = quota.bytes;
             room->second.free.inodes = quota.inodes;
-            room->second.probed = asked.rehearsal->probes();
         }
         asked.quotas.emplace_back(&room->second, quota.refusal);
     }

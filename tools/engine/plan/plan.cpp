@@ -20,6 +20,7 @@
 #include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/rename.h"
 #include "tools/engine/walk/stack_room.h"
 
 #include "tools/engine/report/failure.h"
@@ -84,10 +85,6 @@ class Planner::Walk {
     Destination &destination_of(const std::string &path);
     bool may_make_in(const Destination &to, PlannedEntry &planned, int &number);
 
-    static bool may_be_renamed(const Source &source, const Destination &to) {
-        return to.volume->project == 0 || project_of(source.in.fd(), source.name.c_str()) == to.volume->project;
-    }
-
     // A directory with what is to become of it.
     struct Opened {
         PlannedEntry planned = {};
@@ -99,6 +96,7 @@ class Planner::Walk {
     };
     bool open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened, bool onTheWay);
     bool merge_directory(const Source &source, Destination &to, Opened &opened);
+    bool is_renamed(const Source &source, dev_t volume, int type, const Destination &to) const;
     bool tree(const Source &source, Destination &to, std::string name);
     bool entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers);
     bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to);
@@ -381,6 +379,12 @@ bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opene
     return planned.deed != Deed::fail || tell(std::move(planned));
 }
 
+// Whether a move gives the entry its new name, instead of carrying what it holds. `volume`, `type`: the entry's own.
+bool Planner::Walk::is_renamed(const Source &source, dev_t volume, int type, const Destination &to) const {
+    return moves() && to.is_there() && source.in.device() == to.there.device() && volume == to.there.device() &&
+           type == to.there.type() && may_be_renamed(source.in.fd(), source.name, to.there.fd());
+}
+
 bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
     if (m_observer.stopped()) {
         return false;
@@ -396,12 +400,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     }
     HeldDirectory &from = opened.from;
     Destination &inner = opened.inner;
-    struct stat top {
-    }, target{};
-    const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
-                           top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
-                           from.type() == to.there.type() && may_be_renamed(source, to);
-    if (moves() && !opened.there && oneVolume && m_selection.takes_everything()) {
+    if (!opened.there && m_selection.takes_everything() && is_renamed(source, from.device(), from.type(), to)) {
         planned.deed = Deed::rename;
         return tell(std::move(planned));
     }
@@ -564,10 +563,8 @@ std::optional<Problem> Planner::Walk::backup_refusal(const struct stat &entry, D
 // Whether what stands there is passed over. Before a move content is read, for which a plan is no time.
 bool Planner::Walk::is_same(const Source &source, const struct stat &entry, const struct stat &content, Destination &to,
                             const std::string &name, PlannedEntry &planned) {
-    const bool oneVolume = source.in.device() == to.there.device() && content.st_dev == to.there.device() &&
-                           source.in.type() == to.there.type();
     const auto there = to.there.look(name);
-    if (!there || (moves() && oneVolume)) {
+    if (!there || is_renamed(source, content.st_dev, source.in.type(), to)) {
         return false;
     }
     const auto known = m_linked.find({entry.st_dev, entry.st_ino});
@@ -657,16 +654,13 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         !may_make_in(to, planned, number)) {
         return false;
     }
-    const bool oneVolume = to.is_there() && source.in.device() == to.there.device() &&
-                           found.st_dev == to.there.device() && source.in.type() == to.there.type() &&
-                           may_be_renamed(source, to);
+    const bool renamed = is_renamed(source, found.st_dev, source.in.type(), to);
     if (planned.deed == Deed::replace && old && S_ISREG(old->st_mode)) {
-        planned.inPlace = !asItIs && !(moves() && oneVolume) &&
-                          ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
+        planned.inPlace = !asItIs && !renamed && ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
                           (m_transfer.inPlace || ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0);
         planned.oldNames = planned.inPlace ? 0 : static_cast<int64_t>(old->st_nlink) - 1;
     }
-    if (moves() && oneVolume) {
+    if (renamed) {
         planned.deed = planned.deed == Deed::replace ? Deed::replace : Deed::rename;
         to.planned.emplace(volume.rehearsal->key_of(name), source.name);
         m_observer.entry(planned);

@@ -155,6 +155,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
+    add_companion_too_long({m_directory, source.name, m_volume}, source.name, losses);
     add_kept(source, merged, losses);
     return losses;
 }
@@ -242,7 +243,7 @@ bool Rehearsal::takes_stores(const Side &source) const {
         return false;
     case StoreKind::native:
     case StoreKind::apple_double:
-        return source.name.size() + 2 <= m_longestName;
+        return takes_companion(m_directory, source.name);
     default:
         return can_make_stores();
     }
@@ -270,8 +271,10 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         bare.volume.store = StoreKind::none;
     }
     const bool stores = !plain && takes_stores(source);
+    const bool locked = (status.attributes & VLIBC_ATTR_LOCKED) != 0; // not by its store
     for (Loss &loss : complete_copy(stores ? bare : source, copy, {.kept = false})) {
-        if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !(stores && is_of_store(loss.cls))) {
+        const bool carried = stores && is_of_store(loss.cls) && !(loss.cls == LossClass::locked && locked);
+        if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !carried) {
             losses.push_back(std::move(loss));
         }
     }

@@ -120,19 +120,6 @@ uint32_t heir_project(int directory) {
                : 0;
 }
 
-// To open a device or a pipe is more than to look at it: those have the project of their directory, unless somebody
-// has given them another.
-uint32_t project_of(int directory, const char *name) {
-    struct stat entry {};
-    if (::fstatat(directory, name, &entry, AT_SYMLINK_NOFOLLOW) != 0 ||
-        (!S_ISREG(entry.st_mode) && !S_ISDIR(entry.st_mode))) {
-        return heir_project(directory);
-    }
-    const Descriptor opened(::openat(directory, name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
-    fsxattr found{};
-    return opened.get() >= 0 && ::ioctl(opened.get(), FS_IOC_FSGETXATTR, &found) == 0 ? found.fsx_projid : 0;
-}
-
 // Root is bound by nobody's quota but, on XFS, by that of a project, where what is more is told as a full volume.
 std::vector<Quota> quotas_in(int directory) {
     std::vector<Quota> quotas;

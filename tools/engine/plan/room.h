@@ -41,8 +41,6 @@ std::vector<Quota> quotas_in(int directory);
 // The project that new entries of an open directory belong to, and none but its own entries are renamed or linked into
 // it; 0: there is no such rule.
 uint32_t heir_project(int directory);
-// That of an entry itself. 0 where there are no projects.
-uint32_t project_of(int directory, const char *name);
 
 // Bytes that a copy of a file takes: its data alone where the volume keeps holes.
 int64_t bytes_for(const Side &source, const struct stat &file, int64_t block, bool keepsHoles);

@@ -2,6 +2,8 @@
 
 #include "tools/engine/report/failure.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/text_hash.h"
+#include "tools/engine/walk/words.h"
 
 #include <array>
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include <map>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -23,29 +26,11 @@ constexpr std::string_view kTitle = "vexofileop relocation 1\n";
 constexpr size_t kMost = 65536; // of a note: two paths, escaped, and some numbers
 constexpr std::array kPhases = {"staging", "staged", "placed", "removing"};
 
-uint64_t checksum(std::string_view text) {
-    uint64_t hash = 0xcbf29ce484222325; // FNV-1a: against damage, not against people
-    for (const char letter : text) {
-        hash = (hash ^ static_cast<unsigned char>(letter)) * 0x100000001b3;
-    }
-    return hash;
-}
-
 std::string this_boot() {
     const Descriptor file(::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
     char text[37] = "";
     const ssize_t got = file.get() < 0 ? 0 : ::read(file.get(), text, sizeof text - 1);
     return got > 0 ? std::string(text, static_cast<size_t>(got)) : "unknown";
-}
-
-// A path as one word: any byte of a name can be in it.
-std::string word_of(std::string_view text) {
-    std::string word;
-    for (const char letter : text) {
-        const auto byte = static_cast<unsigned char>(letter);
-        word += byte > 0x20 && byte < 0x7f && byte != '%' ? std::string(1, letter) : fmt::format("%{:02x}", byte);
-    }
-    return word;
 }
 
 [[noreturn]] void damaged() {
@@ -62,17 +47,12 @@ Number number_of(std::string_view text, int base = 10) {
     return number;
 }
 
-std::string text_of(std::string_view word) {
-    std::string text;
-    for (size_t at = 0; at < word.size(); ++at) {
-        if (word[at] != '%') {
-            text += word[at];
-        } else {
-            text += static_cast<char>(number_of<unsigned char>(word.substr(at + 1, 2), 16));
-            at += 2;
-        }
+std::string noted_text(std::string_view word) {
+    auto text = text_of_word(word);
+    if (!text) {
+        damaged();
     }
-    return text;
+    return std::move(*text);
 }
 
 std::string identity_text(const std::optional<Identity> &identity) {
@@ -93,7 +73,7 @@ std::optional<Identity> identity_of(std::string_view text) {
 Note parsed(std::string_view text) {
     const size_t sum = text.rfind("sum ");
     if (!text.starts_with(kTitle) || sum == std::string_view::npos || !text.ends_with('\n') ||
-        number_of<uint64_t>(text.substr(sum + 4, text.size() - sum - 5), 16) != checksum(text.substr(0, sum))) {
+        number_of<uint64_t>(text.substr(sum + 4, text.size() - sum - 5), 16) != text_hash(text.substr(0, sum))) {
         damaged();
     }
     std::map<std::string_view, std::string_view> fields;
@@ -115,13 +95,13 @@ Note parsed(std::string_view text) {
         damaged();
     }
     note.phase = static_cast<Note::Phase>(phase);
-    note.source = text_of(fields["source"]);
-    note.destination = text_of(fields["destination"]);
+    note.source = noted_text(fields["source"]);
+    note.destination = noted_text(fields["destination"]);
     note.sourceIs = *source;
     note.copyIs = identity_of(fields["copy-is"]);
     note.oldIs = identity_of(fields["old-is"]);
     note.since = number_of<int64_t>(fields["since"]);
-    note.boot = text_of(fields["boot"]);
+    note.boot = noted_text(fields["boot"]);
     return note;
 }
 
@@ -176,7 +156,7 @@ void write_note(int directory, Note &note) {
                         kPhases[static_cast<size_t>(note.phase)], word_of(note.source), identity_text(note.sourceIs),
                         word_of(note.destination), identity_text(note.copyIs), identity_text(note.oldIs), note.since,
                         word_of(note.boot));
-    text += fmt::format("sum {:016x}\n", checksum(text));
+    text += fmt::format("sum {:016x}\n", text_hash(text));
     const Descriptor file(::openat(directory, kNewName, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (file.get() < 0) {
         throw_errno_in(directory, "the note cannot be made");

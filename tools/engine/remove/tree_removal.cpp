@@ -3,7 +3,6 @@
 #include "ea/ea.h"
 #include "platform/core.h"
 #include "platform/sdk.h"
-#include "tools/engine/store/apple_double.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/placement.h"
@@ -20,6 +19,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
 constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
 // How a job tells what is to be removed.
 enum class Asked : uint8_t { by_path, given_away };
-constexpr uint32_t kAppleDoubleMagic = 0x00051607;
+constexpr std::string_view kAppleDoubleMagic("\x00\x05\x16\x07", 4);
 
 bool is_refused(const std::string &path) {
     const std::string name = base_name(path);
@@ -619,7 +619,7 @@ bool TreeRemoval::has_rest(const std::string &name) const {
     struct stat found {};
     return file.get() >= 0 && ::fstat(file.get(), &found) == 0 && S_ISREG(found.st_mode) &&
            ::read(file.get(), bytes, sizeof bytes) == sizeof bytes &&
-           parse_apple_double({bytes, sizeof bytes}, sizeof bytes).magic == kAppleDoubleMagic;
+           std::string_view(bytes, sizeof bytes) == kAppleDoubleMagic;
 }
 
 void TreeRemoval::remove_rest(const std::string &name) {

@@ -30,13 +30,6 @@ Names names_of(int directory) {
     return names;
 }
 
-// Long names are shortened there, by the limit of the volume.
-std::string stream_name(int directory, const std::string &name, const char *stream) {
-    char place[PATH_MAX] = "";
-    const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, name);
-    return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
-}
-
 class Lister {
   public:
     Lister(int directory, StoreKind kind) : m_directory(directory), m_kind(kind), m_names(names_of(directory)) {}
@@ -92,7 +85,7 @@ class Lister {
         }
         if (m_kind == StoreKind::ea_directory || m_kind == StoreKind::file_ea) {
             for (const char *stream : {"VexoEAStream", "VexoResource"}) {
-                claim(m_stored.empty() ? std::string() : stream_name(m_directory, name, stream), DT_REG, parts);
+                claim(m_stored.empty() ? std::string() : companion_name(m_directory, name, stream), DT_REG, parts);
             }
         }
         if (m_kind != StoreKind::none) {
@@ -115,6 +108,12 @@ class Lister {
 };
 
 } // namespace
+
+std::string companion_name(int directory, const std::string &name, const char *stream) {
+    char place[PATH_MAX] = "";
+    const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, name);
+    return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
+}
 
 std::string part_text(const Listing::Part &part) {
     return part.inStore ? std::string(kStore) + "/" + part.name : part.name;

@@ -29,6 +29,10 @@ struct Listing {
 
     int place_of(const Part &part, int directory) const { return part.inStore ? store->get() : directory; }
 };
+// What a stream ("VexoResource") of an entry of an open directory is called in its "@eaDir": long names are shortened
+// there, by the limit of the volume. Empty: it can have none.
+std::string companion_name(int directory, const std::string &name, const char *stream);
+
 std::string part_text(const Listing::Part &part); // "@eaDir/name"
 
 // Of an open directory on a volume that keeps stores so. Throws Failure.

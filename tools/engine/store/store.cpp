@@ -80,9 +80,11 @@ class OpenStream {
     StreamHandle m_stream;
 };
 
+} // namespace
+
 // By the path as it was given, since an override of types goes by the text of paths; one that is too long is asked for
 // by what is held.
-int type_of(const std::string &given, const std::string &held) {
+int volume_type(const std::string &given, const std::string &held) {
     forget_last_error();
     int code = VEXOGetFSType(given.c_str(), 1);
     if (code < 0) {
@@ -92,14 +94,12 @@ int type_of(const std::string &given, const std::string &held) {
     return code;
 }
 
-} // namespace
-
 int volume_type(const HeldEntry &entry) {
-    return type_of(entry.given(), entry.itself());
+    return volume_type(entry.given(), entry.itself());
 }
 
 int volume_type_beside(const HeldEntry &entry) {
-    return type_of(parent_of(entry.given()), parent_of(entry.path()));
+    return volume_type(parent_of(entry.given()), parent_of(entry.path()));
 }
 
 Store::Store(std::string path) : m_path(std::move(path)), m_file(m_path) {
@@ -172,13 +172,24 @@ void Store::set(const std::string &name, const std::string &value, Existing exis
     if (value.size() > kLargestValue) {
         throw Failure("the value is too large");
     }
+    commit({name, value}, existing);
+}
+
+void Store::set(const std::string &name, int file, uint64_t size, Existing existing) const {
+    if (size > largest_value(name) || m_kind == StoreKind::native) {
+        throw Failure("the value is too large");
+    }
+    commit({.name = name, .value = {}, .fromFile = ValueInFile{file, size}}, existing);
+}
+
+void Store::commit(const StreamEdit &edit, Existing existing) const {
     unless_overtaken([&] {
         const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
-        const bool there = change.has(name);
+        const bool there = change.has(edit.name);
         if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
             throw Failure(there ? "the attribute exists" : "there is no such attribute");
         }
-        change.commit({{name, value}});
+        change.commit({edit});
     });
 }
 

@@ -20,12 +20,16 @@ std::string metadata_attribute(const std::string &path);
 std::string stream_path(const std::string &path, StoreKind kind, const char *stream);
 
 // The type of the volume that an entry, which is there, lies on; and that of its directory, beside which another volume
-// may be mounted on the entry. Both throw Failure.
+// may be mounted on the entry. All of these throw Failure.
 int volume_type(const HeldEntry &entry);
 int volume_type_beside(const HeldEntry &entry);
+// The same of a directory by the path as it was given, or by what is held of it where that path is too long.
+int volume_type(const std::string &given, const std::string &held);
 
 // The most bytes that the value of an attribute can have.
 constexpr uint64_t kLargestValue = INT32_MAX;
+
+struct StreamEdit;
 
 class Store {
   public:
@@ -49,6 +53,9 @@ class Store {
     enum class Existing { either, must_not, must };
     // All of it or nothing, whatever stops it: nothing else that is kept for the file changes.
     void set(const std::string &name, const std::string &value, Existing existing) const;
+    // The same of a value that a regular file holds, of which no more than a part at a time is in memory. Not for a
+    // volume that keeps attributes in the file itself.
+    void set(const std::string &name, int file, uint64_t size, Existing existing) const;
     // With its last attribute a store that holds nothing else goes too.
     void remove(const std::string &name) const;
 
@@ -65,6 +72,7 @@ class Store {
 
   private:
     void take_type(int code);
+    void commit(const StreamEdit &edit, Existing existing) const;
 
     std::string m_path;
     std::string m_file; // the file itself, for what is kept in its attributes

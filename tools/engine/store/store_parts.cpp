@@ -5,7 +5,9 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
+#include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -40,6 +42,11 @@ StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory
     parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);
     parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place);
     return parts;
+}
+
+bool takes_companion(int directory, const std::string &name) {
+    struct stat found {};
+    return ::fstatat(directory, ("._" + name).c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENAMETOOLONG;
 }
 
 } // namespace engine

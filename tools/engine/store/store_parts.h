@@ -17,4 +17,7 @@ struct StoreParts {
 // What is kept for `path`, on a volume of the type `volumeType`. `noDirectory`: there is no "@eaDir" beside it.
 StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory = false);
 
+// Whether a directory on a volume of "._" files takes the name of the one beside an entry.
+bool takes_companion(int directory, const std::string &name);
+
 } // namespace engine

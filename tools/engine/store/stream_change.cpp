@@ -17,6 +17,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -57,12 +58,48 @@ void write_attribute(VEXOEAS *stream, const std::string &name, const std::string
           "cannot write it");
 }
 
+struct Fork {
+    uint32_t offset = 0, length = 0;
+};
+Fork fork_of(const VEXOEAS *stream) {
+    Fork fork;
+    check(EASGetRForkLocation(stream, &fork.offset, &fork.length), "its store cannot be read");
+    return fork;
+}
+
+// What other programs keep behind the values of a "._" file moves with nothing but the library's own writing.
+bool may_grow(const VEXOEAS *stream) {
+    return stream->header.entryCount == kOwnEntries;
+}
+
+// An empty value is the last one, and the fork lies behind it: both grow where they are.
+void write_attribute(VEXOEAS *stream, const std::string &name, const ValueInFile &value) {
+    write_attribute(stream, name, std::string());
+    const Fork fork = fork_of(stream);
+    const int at = VEXOEASSearch(stream, name.c_str());
+    if (at < 0 || at + 1 != stream->header.attrCount || !may_grow(stream)) {
+        throw Failure("its store has no place for a value of that length");
+    }
+    VEXOEASRecord &record = stream->records[at];
+    const uint64_t end = record.offset + value.size;
+    if (value.size > INT32_MAX || end + fork.length > UINT32_MAX) {
+        throw Failure("the value is too large for what is in its store already");
+    }
+    check(EASMoveRFork(stream, static_cast<uint32_t>(end), fork.offset, fork.length), "cannot write it");
+    copy_bytes(value.fd, 0, stream->fd, record.offset, value.size);
+    record.length = static_cast<uint32_t>(value.size);
+    stream->header.dataLength += record.length;
+    check(VEXOEASWriteHeader(stream), "cannot write it");
+}
+
 // Removing and writing move a resource fork as it has to be; giving a value another length in its place would not.
 void apply(VEXOEAS *stream, const std::vector<StreamEdit> &edits) {
     forget_last_error();
     for (const StreamEdit &edit : edits) {
         remove_attribute(stream, edit.name);
-        if (edit.value) {
+        if (edit.fromFile) {
+            write_attribute(stream, edit.name, *edit.fromFile);
+        } else if (edit.value) {
             write_attribute(stream, edit.name, *edit.value);
         }
     }
@@ -81,15 +118,6 @@ std::optional<std::string> value_in(VEXOEAS *stream, const std::string &name) {
         value.resize(static_cast<size_t>(got));
     }
     return value;
-}
-
-struct Fork {
-    uint32_t offset = 0, length = 0;
-};
-Fork fork_of(const VEXOEAS *stream) {
-    Fork fork;
-    check(EASGetRForkLocation(stream, &fork.offset, &fork.length), "its store cannot be read");
-    return fork;
 }
 
 [[noreturn]] void throw_not_the_same(const char *what) {
@@ -156,10 +184,31 @@ void append_fork(VEXOEAS *stream, const VEXOEAS *other) {
 
 void check_edited(VEXOEAS *after, const std::vector<StreamEdit> &edits) {
     for (const StreamEdit &edit : edits) {
-        if (value_in(after, edit.name) != edit.value) {
+        const int at = edit.fromFile ? VEXOEASSearch(after, edit.name.c_str()) : -1;
+        const bool same = edit.fromFile ? at >= 0 && after->records[at].length == edit.fromFile->size &&
+                                              same_bytes(edit.fromFile->fd, 0, after->fd, after->records[at].offset,
+                                                         edit.fromFile->size)
+                                        : value_in(after, edit.name) == edit.value;
+        if (!same) {
             throw Failure("it does not read as it was written: nothing was changed");
         }
     }
+}
+
+// Where no copy can be made an old value is put back when the new one cannot be written, which takes both.
+std::string bytes_of(const ValueInFile &file) {
+    std::string bytes(file.size, '\0');
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t got = ::pread(file.fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
+        if (got < 0) {
+            throw_errno("the value cannot be read");
+        }
+        if (got == 0) {
+            throw Failure("the value has become shorter meanwhile: nothing was changed");
+        }
+        done += static_cast<size_t>(got);
+    }
+    return bytes;
 }
 
 bool is_same_entry(int directory, const std::string &name, int fd) {
@@ -255,7 +304,7 @@ bool StreamChange::would_be_empty(const std::vector<StreamEdit> &edits) const {
     }
     std::set<std::string_view> removed;
     for (const StreamEdit &edit : edits) {
-        if (edit.value) {
+        if (edit.has_value()) {
             return false;
         }
         removed.insert(edit.name);
@@ -376,7 +425,10 @@ void StreamChange::take_over(int brought, mode_t mode) const {
 // For who may write the file but not give a copy to its owner, or put none beside it. What cannot be written leaves the
 // value that was there; only a kill in the middle can do harm.
 void StreamChange::change_in_place(const std::vector<StreamEdit> &edits) const {
-    for (const StreamEdit &edit : edits) {
+    for (StreamEdit edit : edits) {
+        if (const auto file = std::exchange(edit.fromFile, {})) {
+            edit.value = bytes_of(*file);
+        }
         const std::optional<std::string> old = value_in(m_stream.get(), edit.name);
         try {
             apply(m_stream.get(), {edit});

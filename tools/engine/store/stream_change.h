@@ -8,6 +8,7 @@
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/descriptor.h"
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,9 +16,17 @@
 
 namespace engine {
 
+// A value of any length, which is never in memory as a whole: so many bytes of an open regular file.
+struct ValueInFile {
+    int fd;
+    uint64_t size;
+};
+
 struct StreamEdit {
     std::string name;
-    std::optional<std::string> value; // nothing: it is removed
+    std::optional<std::string> value;         // nothing: it is removed, or
+    std::optional<ValueInFile> fromFile = {}; // this is its value
+    bool has_value() const { return value || fromFile; }
 };
 
 // The directory of a store file, opened without following a link to "@eaDir"; -1 where there is no "@eaDir". `make`: it

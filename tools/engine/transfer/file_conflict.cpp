@@ -97,15 +97,35 @@ bool is_to_update(const Loss &difference, LossSet accepted) {
 void WrittenEntries::add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to,
                          const std::string &name) {
     const size_t source = std::hash<std::string>()(sourceName);
-    const auto [known, isNew] = m_names.emplace(std::pair(made.st_dev, made.st_ino), source);
-    known->second = isNew || known->second == source ? source : kSeveral;
+    if (m_ledger != nullptr) {
+        m_ledger->made(m_kind, made, source);
+    }
+    // A directory is known here, too, so that nobody goes into what he has made.
+    if (m_ledger == nullptr || m_kind == Ledger::Kind::directory) {
+        add({made.st_dev, made.st_ino}, source);
+    }
     if (!takes_every_name(to.facts().magic)) {
         m_folded.try_emplace(joined(to.path(), folded(name)), Made{source, name});
     }
 }
 
+void WrittenEntries::add(const FileNumber &made, size_t source) {
+    const auto [known, isNew] = m_names.emplace(made, source);
+    known->second = isNew || known->second == source ? source : kSeveral;
+}
+
+std::optional<size_t> WrittenEntries::source_of(const FileNumber &entry) const {
+    const auto found = m_names.find(entry);
+    return found == m_names.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<size_t> WrittenEntries::source_of(const struct stat &there) const {
+    const auto known = source_of(FileNumber(there.st_dev, there.st_ino));
+    return known || m_ledger == nullptr ? known : m_ledger->source_of(m_kind, there);
+}
+
 bool WrittenEntries::contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const {
-    return m_names.contains({there.st_dev, there.st_ino}) ||
+    return source_of(there) ||
            (!takes_every_name(to.facts().magic) && m_folded.contains(joined(to.path(), folded(name))));
 }
 
@@ -113,8 +133,8 @@ bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourc
                               const std::string &name) const {
     const size_t source = std::hash<std::string>()(sourceName);
     if (takes_every_name(to.facts().magic)) {
-        const auto found = m_names.find({there.st_dev, there.st_ino});
-        return found != m_names.end() && found->second != kSeveral && found->second != source;
+        const auto found = source_of(there);
+        return found && *found != kSeveral && *found != source;
     }
     // One that is listed under exactly this name is another entry where cases are two.
     const auto found = m_folded.find(joined(to.path(), folded(name)));

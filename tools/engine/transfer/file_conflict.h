@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/ledger.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
@@ -29,6 +30,21 @@ struct FileAttempt {
 // What a run has made, each with the name that it has at the source.
 class WrittenEntries {
   public:
+    // Other processes make entries too: theirs are known to the ledger, which hears of each. It outlives this, and
+    // every directory takes every name.
+    void share(Ledger &ledger, Ledger::Kind kind) {
+        m_ledger = &ledger;
+        m_kind = kind;
+    }
+    // What another process has made, and what that is to know.
+    void add(const FileNumber &made, size_t source);
+    std::optional<size_t> source_of(const FileNumber &entry) const;
+    bool empty() const { return m_names.empty(); }
+    void clear() {
+        m_names.clear();
+        m_folded.clear();
+    }
+
     // Under this name in the directory.
     void add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to, const std::string &name);
     // What stands there under the name.
@@ -45,8 +61,12 @@ class WrittenEntries {
     }
 
   private:
+    std::optional<size_t> source_of(const struct stat &there) const;
+
     static constexpr size_t kSeveral = 0; // hard links
-    std::map<std::pair<dev_t, ino_t>, size_t> m_names;
+    Ledger *m_ledger = nullptr;
+    Ledger::Kind m_kind = Ledger::Kind::entry;
+    std::map<FileNumber, size_t> m_names;
     // Where an inode may have another number the next time, and names of several letter cases may be one: by path, in
     // one case.
     struct Made {

@@ -135,6 +135,10 @@ const HeldDirectory &FileTransfer::directory_of(HeldDirectory &last, const std::
 Outcome FileTransfer::run(const std::string &source, const std::string &destination, std::optional<struct stat> entry,
                           Surroundings around) {
     m_observer.begins(source);
+    LinkLease lease(m_ledger, m_linked);
+    if (entry && around.from != nullptr) {
+        entry = leased(lease, *around.from, base_name(source), entry);
+    }
     for (int tries = 0;;) {
         bool begun = false;
         Outcome outcome = run_once(source, destination, entry, around, !m_patience.has_more(tries), begun);
@@ -146,6 +150,14 @@ Outcome FileTransfer::run(const std::string &source, const std::string &destinat
         m_from = HeldDirectory();
         m_to = HeldDirectory();
     }
+}
+
+std::optional<struct stat> FileTransfer::leased(LinkLease &lease, const HeldDirectory &from, const std::string &name,
+                                                const std::optional<struct stat> &entry) const {
+    const bool move = m_options.operation == Operation::move;
+    const bool followed = m_ledger != nullptr && !move && !m_options.links && S_ISLNK(entry->st_mode);
+    const auto content = followed ? from.look_through(name) : entry;
+    return content && lease.take(*content, move) ? from.look(name) : entry;
 }
 
 Outcome FileTransfer::run_once(const std::string &source, const std::string &destination,
@@ -876,6 +888,12 @@ void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
     if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
+    // Under its own name the copy could not have it.
+    const bool stays = store_kind(attempt.to.type()) != StoreKind::apple_double || name == attempt.name ||
+                       takes_companion(attempt.to.fd(), attempt.name);
+    if (!stays && has_store(attempt.to, name)) {
+        (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
+    }
     if (m_options.operation == Operation::move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
@@ -917,6 +935,9 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
     carry_own_directory(source, copy, false);
     for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
         attempt.losses.push_back(std::move(loss));
+    }
+    if (name != attempt.name) {
+        add_companion_too_long(copy, attempt.name, attempt.losses);
     }
     count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);
 }
@@ -1065,6 +1086,8 @@ std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldD
     }
     const auto linked = [](const Loss &loss) { return loss.cls == LossClass::hard_link; };
     if (const auto found = std::ranges::any_of(losses, linked) ? from.look(name) : std::nullopt) {
+        LinkLease lease(m_ledger, m_linked);
+        (void)lease.take(*found, false);
         if (m_linked.contains(*found) && !gets_into_the_file(from, name, to.type()) && link_again(*found, to, name)) {
             losses = complete_copy(from.side(name), to.side(name), compare_options(false));
             count_names(*found, true, losses);
@@ -1079,6 +1102,8 @@ std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldD
 void FileTransfer::link_names(const HeldDirectory &from, const HeldDirectory &to, const std::string &name) {
     const auto found = m_options.hardLinks ? from.look(name) : std::nullopt;
     if (found && S_ISREG(found->st_mode) && found->st_nlink > 1) {
+        LinkLease lease(m_ledger, m_linked);
+        (void)lease.take(*found, false);
         (void)(m_linked.contains(*found) && !gets_into_the_file(from, name, to.type()) && link_again(*found, to, name));
         m_linked.placed(*found, to, name, gets_into_the_file(from, name, to.type()));
     }

@@ -11,6 +11,8 @@
 #include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/ledger.h"
+#include "tools/engine/transfer/link_lease.h"
 #include "tools/engine/transfer/linked_files.h"
 #include "tools/engine/transfer/pace.h"
 #include "tools/engine/transfer/retry_policy.h"
@@ -43,6 +45,15 @@ class FileTransfer {
         : m_options(options), m_observer(observer), m_clones(options), m_backups(options.backup),
           m_pace(options.bytesPerSecond, options.clock != nullptr ? *options.clock : machine_clock()),
           m_patience(options.retries, options.clock != nullptr ? *options.clock : machine_clock(), observer) {}
+
+    // Others carry files of the same request, by whom the ledger is kept. It outlives this.
+    void share(Ledger &ledger) {
+        m_ledger = &ledger;
+        m_written.share(ledger, Ledger::Kind::entry);
+    }
+    // What all of them know together, with the process that keeps the ledger.
+    WrittenEntries &written() { return m_written; }
+    LinkedFiles &linked() { return m_linked; }
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
@@ -89,8 +100,13 @@ class FileTransfer {
     // Before the first file goes into a directory that was there before: what earlier runs have left in it is finished
     // or removed, once a directory.
     void tidy(const HeldDirectory &directory);
+    // Somebody else has seen to that.
+    void was_tidied(const struct stat &directory) { m_tidied.insert({directory.st_dev, directory.st_ino}); }
 
   private:
+    // What is to be carried of a name, which may be one of several of a file that others have in hand.
+    std::optional<struct stat> leased(LinkLease &lease, const HeldDirectory &from, const std::string &name,
+                                      const std::optional<struct stat> &entry) const;
     Outcome run_once(const std::string &source, const std::string &destination, const std::optional<struct stat> &entry,
                      const Surroundings &around, bool final, bool &begun);
     struct Attempt; // one file's state, shared with the library's callbacks
@@ -139,6 +155,7 @@ class FileTransfer {
     HeldDirectory m_from, m_to;
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
+    Ledger *m_ledger = nullptr;
     ClonePolicy m_clones;
     Backups m_backups;
     Pace m_pace;

@@ -21,6 +21,11 @@ HeldDirectory::HeldDirectory(const HeldDirectory &parent, const std::string &nam
     ask();
 }
 
+HeldDirectory::HeldDirectory(std::string path, Descriptor opened)
+    : m_path(std::move(path)), m_descriptor(std::move(opened)) {
+    ask();
+}
+
 // The type by the path, since an override of types goes by the text of paths.
 void HeldDirectory::ask() {
     struct stat found {};

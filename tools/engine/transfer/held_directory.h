@@ -19,6 +19,8 @@ class HeldDirectory {
     explicit HeldDirectory(const std::string &path);
     // A directory in another, which is no link.
     HeldDirectory(const HeldDirectory &parent, const std::string &name);
+    // One that another process has opened.
+    HeldDirectory(std::string path, Descriptor opened);
 
     bool is_open() const { return m_descriptor.get() >= 0; }
     int fd() const { return m_descriptor.get(); } // for paths only (O_PATH)

@@ -15,6 +15,8 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/rename.h"
+#include "tools/engine/walk/text_hash.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,6 +24,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,6 +69,9 @@ class KeptTransfer {
         if (copy.get() < 0 || ::fstat(copy.get(), &there) != 0 ||
             (there.st_dev == status.st.st_dev && there.st_ino == status.st.st_ino)) {
             return;
+        }
+        for (const std::string &left : left_overs_in(copy.get()).gone) {
+            (void)remove_left_over(copy.get(), left);
         }
         for (const std::string &inner : names_in(source.get()).value_or(std::vector<std::string>())) {
             if (!is_left_over(inner)) {
@@ -183,6 +189,31 @@ bool is_one(const KeptPlace &one, const KeptPlace &other) {
            first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
+// Always the same for a name, so that the next run finds what a killed one has left under it.
+std::string name_aside(const std::string &name) {
+    return fmt::format(".vexofileop-kept-{:016x}", text_hash(name));
+}
+
+// What a run that was killed has left aside is where it was again; whoever is at work has it locked. What came in its
+// place meanwhile stays, and so does what it has of the same name. False: there is still something aside.
+bool put_back(int parent, const std::string &aside, const std::string &name) {
+    const Descriptor left = open_directory(parent, aside);
+    if (left.get() < 0) {
+        return errno == ENOENT;
+    }
+    if (::flock(left.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        return false;
+    }
+    if (rename_without_replacing(parent, aside, parent, name)) {
+        return true;
+    }
+    const Descriptor there = open_directory(parent, name);
+    for (const std::string &inner : names_in(left.get()).value_or(std::vector<std::string>())) {
+        (void)rename_without_replacing(left.get(), inner, there.get(), inner);
+    }
+    return ::unlinkat(parent, aside.c_str(), AT_REMOVEDIR) == 0;
+}
+
 } // namespace
 
 void carry_own_directory(const Side &source, const Side &copy, bool data) {
@@ -236,13 +267,21 @@ std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool *
         return std::nullopt;
     }
     const std::unique_ptr<VEXOCopyArgs, decltype(&VEXOCopyArgsFree)> record(VEXOCopyArgsAlloc(), &VEXOCopyArgsFree);
-    const KeptPlace to = place_or_none(copy, Kept::own);
+    KeptPlace to = place_or_none(copy, Kept::own);
     if (record == nullptr || is_one(from, to)) {
         return std::nullopt;
     }
     record->copyEA = &copy_part;
-    // The library would remove what the copy has in its own directory. It is nobody's left-over under this name.
-    const std::string aside = fmt::format(".vexofileop-kept{}", next_private_name().substr(11));
+    // The library would remove what the copy has in its own directory. It is nobody's left-over under these names.
+    std::string aside = name_aside(to.name);
+    if (to.parent.get() >= 0) {
+        aside = put_back(to.parent.get(), aside, to.name)
+                    ? aside
+                    : fmt::format(".vexofileop-kept{}", next_private_name().substr(11));
+        to = place_or_none(copy, Kept::own);
+    }
+    const Descriptor held = to.there ? open_directory(to.parent.get(), to.name) : Descriptor(-1);
+    (void)::flock(held.get(), LOCK_EX | LOCK_NB); // for as long as it is not where it was
     const bool moved = to.there && ::renameat(to.parent.get(), to.name.c_str(), to.parent.get(), aside.c_str()) == 0;
     carry(record.get());
     if (moved && ::renameat(to.parent.get(), aside.c_str(), to.parent.get(), to.name.c_str()) != 0) {

@@ -3,6 +3,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/workers/record.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -132,6 +133,34 @@ void LinkedFiles::touched(const struct stat &now) {
                found->second.source.st_mtim.tv_nsec == now.st_mtim.tv_nsec) {
         found->second.source = now;
     }
+}
+
+std::string LinkedFiles::written_down(const FileNumber &file) const {
+    const auto found = m_files.find(file);
+    if (found == m_files.end()) {
+        return {};
+    }
+    const Made &made = found->second;
+    return RecordWriter().number(made.source).number(made.file).text(made.path).number(made.alone).bytes();
+}
+
+std::string LinkedFiles::take_out(const FileNumber &file) {
+    std::string known = written_down(file);
+    m_files.erase(file);
+    return known;
+}
+
+void LinkedFiles::put_in(const FileNumber &file, const std::string &known) {
+    m_files.erase(file);
+    if (known.empty()) {
+        return;
+    }
+    RecordReader reader(known);
+    Made &made = m_files[file];
+    made.source = reader.number<struct stat>();
+    made.file = reader.number<struct stat>();
+    made.path = reader.text();
+    made.alone = reader.number<bool>();
 }
 
 } // namespace engine

@@ -3,6 +3,7 @@
 
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/ledger.h"
 
 #include <map>
 #include <optional>
@@ -39,6 +40,12 @@ class LinkedFiles {
     // A name of the source went, or a store was brought up to date: that is no change of the file. `now`: as it is.
     void touched(const struct stat &now);
 
+    bool empty() const { return m_files.empty(); }
+    // What is known of one file, for another process; empty: nothing. Taken out, this one knows it no more.
+    std::string written_down(const FileNumber &file) const;
+    std::string take_out(const FileNumber &file);
+    void put_in(const FileNumber &file, const std::string &known);
+
   private:
     struct Made {
         struct stat source = {}, file = {};
@@ -47,7 +54,7 @@ class LinkedFiles {
     };
     const Made *find(const struct stat &file) const;
 
-    std::map<std::pair<dev_t, ino_t>, Made> m_files;
+    std::map<FileNumber, Made> m_files;
 };
 
 } // namespace engine

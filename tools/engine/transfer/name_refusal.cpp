@@ -14,7 +14,9 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <linux/fs.h>
 #include <locale.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -75,6 +77,13 @@ bool takes_every_name(uint32_t magic) {
     // ext4, XFS, btrfs, tmpfs, ramfs, overlay
     constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994, 0x858458f6, 0x794c7630};
     return std::ranges::find(own, magic) != std::end(own);
+}
+
+bool keeps_names_apart(const char *directory) {
+    const Descriptor opened(::open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    int flags = 0;
+    return opened.get() >= 0 && (::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0 || // a volume without flags
+                                 (flags & FS_CASEFOLD_FL) == 0);
 }
 
 std::string folded(const std::string &name) {

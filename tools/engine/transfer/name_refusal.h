@@ -14,6 +14,9 @@ namespace engine {
 // Whether the file system of this number, one of this kernel's own, takes every name as it is.
 bool takes_every_name(uint32_t magic);
 
+// Whether names in a directory of such a volume are one only where they are the same, letter by letter.
+bool keeps_names_apart(const char *directory);
+
 // The name in one letter case, for a comparison with others only.
 std::string folded(const std::string &name);
 

@@ -149,9 +149,12 @@ bool rename_part(int directory, const char *before, const char *now) {
 bool rename_parts(const HeldDirectory &directory, const std::string &before, const std::string &now) {
     const std::string from = directory.below(before), to = directory.below(now);
     char made[PATH_MAX] = "", name[PATH_MAX] = "";
-    if (store_kind(directory.type()) == StoreKind::apple_double && VEXOEAADPath(from.c_str(), made, sizeof made) == 0 &&
-        VEXOEAADPath(to.c_str(), name, sizeof name) == 0 && !rename_part(directory.fd(), made, name)) {
-        return false;
+    if (store_kind(directory.type()) == StoreKind::apple_double && VEXOEAADPath(from.c_str(), made, sizeof made) == 0) {
+        const bool named = VEXOEAADPath(to.c_str(), name, sizeof name) == 0;
+        errno = ENAMETOOLONG;
+        if (named ? !rename_part(directory.fd(), made, name) : lies_there(made)) {
+            return false;
+        }
     }
     const Descriptor stores = open_directory(directory.fd(), "@eaDir");
     if (stores.get() < 0) {
@@ -393,6 +396,18 @@ std::optional<Problem> rename_without_store(const Renaming &renaming) {
                : problem;
 }
 
+// A path at which another process finds the directory: who walks by descriptors has one that is his alone. Where the
+// kernel tells none it stays that, and what would be looked for there is not found.
+std::string path_for_others(const HeldDirectory &directory) {
+    if (!directory.path().starts_with("/proc/self/")) {
+        return directory.path();
+    }
+    char path[PATH_MAX] = "";
+    const std::string link = fmt::format("/proc/self/fd/{}", directory.fd());
+    const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+    return length > 0 && length < PATH_MAX ? std::string(path, static_cast<size_t>(length)) : directory.path();
+}
+
 } // namespace
 
 std::optional<Problem> rename_with_store(const Renaming &renaming) {
@@ -413,7 +428,8 @@ std::optional<Problem> rename_with_store(const Renaming &renaming) {
         return std::nullopt;
     }
     const Descriptor renamed = opened_entry(from, renaming.before);
-    const Note note{entry->st_ino, renaming.name, from.path(), directory.st_dev, directory.st_ino, renaming.before};
+    const Note note{entry->st_ino,    renaming.name,    path_for_others(from),
+                    directory.st_dev, directory.st_ino, renaming.before};
     const std::string made = next_private_name(), path = made + std::string(kOldStoreGoes);
     // Without room for a note nothing but a kill can part the two.
     const bool noted = write_note(to, path, note);

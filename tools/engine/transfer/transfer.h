@@ -2,19 +2,22 @@
 #pragma once
 
 #include "tools/engine/transfer/file_transfer.h"
+#include "tools/engine/transfer/shared_transfer.h"
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 #include "tools/engine/transfer/tree_transfer.h"
+#include "tools/engine/workers/hands.h"
 
+#include <memory>
 #include <string>
 
 namespace engine {
 
 class Transfer {
   public:
-    // The observer outlives this.
-    Transfer(const TransferOptions &options, TransferObserver &observer)
-        : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {}
+    // The observer outlives this. Trees are shared by as many processes as there are hands, where that makes no
+    // difference but in the order of the entries.
+    Transfer(const TransferOptions &options, TransferObserver &observer, const Hands &hands = {});
 
     // Both paths absolute; a slash at the end of the source asks for a directory, and a slash and a dot for what that
     // holds: several of those may go into one directory. What one request has written no later one replaces. The
@@ -35,6 +38,7 @@ class Transfer {
     TransferObserver &m_observer;
     FileTransfer m_files;
     TreeTransfer m_trees;
+    std::unique_ptr<SharedTransfer> m_shared = nullptr;
 };
 
 } // namespace engine

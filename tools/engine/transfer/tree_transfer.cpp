@@ -97,7 +97,13 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     if (contents) {
         std::swap(before, m_made);
     }
+    m_request = {m_request.number + 1, from, contents, m_sourceDevice, m_sourceType, m_destinationType,
+                 m_sourceKeepsMac};
+    m_request.filesBefore = !m_files.written().empty();
+    m_request.directoriesBefore = !m_made.empty();
+    m_shares = true;
     directory({fromParent, name_of(from)}, {toParent, name_of(destination)});
+    m_shares = false;
     m_made.merge(before);
 }
 
@@ -178,13 +184,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     }
     bool complete = leftOut == m_selection.left_out();
     descend(source, destination);
-    for (const std::string &name : *names) {
-        if (m_observer.stopped()) {
-            complete = false;
-            break;
-        }
-        complete = is_selected(level, name) && entry(level, name) && complete;
-    }
+    complete = entries(level, *names) && complete;
     if (!ascend(level, source, destination)) {
         return failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
     }
@@ -344,7 +344,7 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
     if (kind == EntryKind::directory) {
         const Place below{level.from, name}, made{level.to, name};
         if (may_be_whole(level, name, *found)) {
-            copy_whole(below, made);
+            copy_whole(below, made, level.hasStore || m_sourceTraits.store != m_destinationTraits.store);
             return true; // Only a move asks.
         }
         return directory(below, made);

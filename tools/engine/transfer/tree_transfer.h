@@ -16,8 +16,11 @@
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/transfer/file_transfer.h"
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/transfer_telling.h"
 #include "tools/engine/transfer/tree_call.h"
+#include "tools/engine/transfer/tree_part.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
@@ -50,6 +53,20 @@ class TreeTransfer {
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
     void leave();
 
+    // Several processes: the one that begins a tree gives away what its top holds, by the sharer; each of the others
+    // tells what it does, and carries what it is given. Both outlive this.
+    void share(TreeSharer &sharer) { m_sharer = &sharer; }
+    void share(TransferTelling &telling) {
+        m_telling = &telling;
+        m_made.share(telling, Ledger::Kind::directory);
+    }
+    // In one of the others. `files`: the two directories, open.
+    Yield carry(const TreePart &part, std::vector<Descriptor> files);
+    // In the one that has begun the tree. Directories that were made, by whomever; and whether a name of a part is an
+    // entry that is to be carried.
+    WrittenEntries &made() { return m_made; }
+    bool carries(const TreePart &part, const std::string &name);
+
   private:
     // An entry of a directory that is held.
     struct Place {
@@ -74,6 +91,7 @@ class TreeTransfer {
     // Each answers whether nothing of it stayed behind.
     bool directory(const Place &source, Place destination);
     bool entry(const Level &level, const std::string &name);
+    bool entries(const Level &level, const std::vector<std::string> &names);
     bool carry(const Level &level, const std::string &name, const std::optional<struct stat> &found, EntryKind kind);
     void fix_name(Level &level, Place &destination) const;
     bool is_selected(const Level &level, const std::string &name);
@@ -104,6 +122,22 @@ class TreeTransfer {
         m_observer.entry(kind, source, outcome);
     }
 
+    // A directory of which the entries are being carried, those from `next` to before `end` by this process.
+    struct Walk {
+        const Level &level;
+        const std::vector<std::string> &names;
+        size_t end, next = 0;
+        Crew::Group given = 0;
+        std::optional<bool> mayGive = {};
+    };
+    class Aside;
+    bool may_share(const Level &level) const;
+    static bool may_split(const Level &level);
+    bool share_entries(const Level &level, const std::vector<std::string> &names);
+    void give_away();
+    TreePart part_of(const Level &level) const;
+    void begin(const TreeRequest &request);
+
     // A directory on the way to a name, at both ends.
     struct Step {
         Level level;
@@ -132,7 +166,7 @@ class TreeTransfer {
     bool has_linked_files(int directory, const std::vector<Entry> &entries) const;
     bool is_ours_all_down(int parent, const std::string &name);
     bool is_ours_all_down(Descriptor &directory, int depth);
-    void copy_whole(const Place &source, const Place &destination);
+    void copy_whole(const Place &source, const Place &destination, bool withStore);
     void check(const Place &source, const Place &destination, const std::string &held, const TreeCall &call);
     std::optional<Found> compare(Level &level, const TreeCall &call);
     void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;
@@ -154,6 +188,7 @@ class TreeTransfer {
     bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
     std::set<std::string> m_mounts;             // sources at which another volume is mounted, which was told
     WrittenEntries m_made;                      // directories of this run
+    size_t m_lookedAt = 0;                      // entries, for one directory that is to go as a whole
     std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories to walk through: others may exchange something there
     bool m_checking = false;
@@ -164,6 +199,12 @@ class TreeTransfer {
     std::map<std::string, VLIBCStat> m_before; // of a move: what they were before anything left them
     bool m_baseListed = false;
     bool m_unfinished = false; // directories on the way are
+    TreeSharer *m_sharer = nullptr;
+    TransferTelling *m_telling = nullptr;
+    bool m_shares = false; // the top of a tree is next
+    uint64_t m_parts = 0;  // given away at the top
+    TreeRequest m_request = {};
+    std::vector<Walk *> m_walks = {}; // of this process' part, down to where it is
 };
 
 } // namespace engine

@@ -21,8 +21,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +28,8 @@ namespace engine {
 namespace {
 
 constexpr mode_t kPermissions = 0777, kAllModeBits = 07777;
+constexpr size_t kMostAtOnce = 500;   // entries that one of several processes takes as a whole
+constexpr off_t kSizeOfMany = 20'000; // of a directory: not to be listed only to be counted
 
 // Whether owners can be given, and modes do not stand in the way: the library makes a read-only directory before what
 // goes into it. Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have
@@ -42,14 +42,6 @@ bool has_all_rights(const char *directory) {
     }
     const std::string again = fmt::format("/proc/self/fd/{}", file.get());
     return Descriptor(::open(again.c_str(), O_WRONLY | O_CLOEXEC)).get() >= 0;
-}
-
-// Where two names of the source may be one, the walk tells which of them is in the way.
-bool keeps_names_apart(const char *directory) {
-    const Descriptor opened(::open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    int flags = 0;
-    return opened.get() >= 0 && (::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0 || // a volume without flags
-                                 (flags & FS_CASEFOLD_FL) == 0);
 }
 
 // Whether only this user, or root, makes and exchanges entries of a directory.
@@ -97,6 +89,7 @@ bool TreeTransfer::has_linked_files(int directory, const std::vector<Entry> &ent
 // The same of a directory with all those in it. An "@eaDir", which is everybody's by design, is not asked: what the
 // library takes from there it opens without following a link. One that has failed once is not looked through again.
 bool TreeTransfer::is_ours_all_down(int parent, const std::string &name) {
+    m_lookedAt = 0;
     Descriptor directory = open_directory(parent, name);
     return is_ours_all_down(directory, 0);
 }
@@ -106,7 +99,8 @@ bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
     struct stat here {
     }, again{};
     if (!has_stack_room() || directory.get() < 0 || ::fstat(directory.get(), &here) != 0 || !is_ours(here) ||
-        m_made.contains(here) || m_shared.contains({here.st_dev, here.st_ino})) {
+        m_made.contains(here) || m_shared.contains({here.st_dev, here.st_ino}) ||
+        (m_telling != nullptr && here.st_size > kSizeOfMany)) {
         return false;
     }
     const auto entries = entries_in(directory.get());
@@ -122,12 +116,16 @@ bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
         }
         return ours;
     };
+    m_lookedAt += entries ? entries->size() : 0;
+    if (m_telling != nullptr && m_lookedAt > kMostAtOnce) {
+        return false;
+    }
     const bool ours = entries && !has_linked_files(directory.get(), *entries) &&
                       std::ranges::all_of(*entries, [&](const Entry &entry) {
                           return !is_private_name(entry.name) &&
                                  (entry.type != DT_DIR || is_store_name(entry.name) || below(entry.name));
                       });
-    if (!ours) {
+    if (!ours && (m_telling == nullptr || m_lookedAt <= kMostAtOnce)) {
         m_shared.insert({here.st_dev, here.st_ino});
     }
     return ours;
@@ -145,17 +143,30 @@ bool TreeTransfer::carries_all(const Level &level) {
     return m_carryAll.contains(device);
 }
 
-// Under a private name, so that nobody takes for whole what is not.
-void TreeTransfer::copy_whole(const Place &source, const Place &destination) {
+// In a private directory, so that nobody takes for whole what is not. The library gives what it makes the mode of its
+// source, and nobody could tell from a stopped command's whose it is; the directory around it is closed.
+void TreeTransfer::copy_whole(const Place &source, const Place &destination, bool withStore) {
     if (m_observer.stopped()) {
         return;
     }
     m_observer.begins(source.path());
-    const Place made{destination.in, next_private_name()};
-    const TreeCall call = call_tree_copy(source.held(), made.held(), m_observer);
-    if (destination.in.look(made.name) && !place({destination.in, made.name, destination.name})) {
-        failed(source.path(), destination.path(), problem_of_placing(errno));
-        discard(destination.in, made.name);
+    const std::string room = next_private_name(), made = "tree";
+    const HeldDirectory inside =
+        ::mkdirat(destination.in.fd(), room.c_str(), 0700) == 0 ? HeldDirectory(destination.in, room) : HeldDirectory();
+    if (!inside.is_open()) {
+        failed(source.path(), destination.path(), problem_of_errno(errno));
+        return;
+    }
+    const TreeCall call = call_tree_copy(source.held(), inside.below(made), m_observer);
+    const Renaming renaming{
+        .from = inside, .before = made, .to = destination.in, .name = destination.name, .withStore = withStore};
+    std::optional<Problem> problem;
+    if (inside.look(made) && !rename_with_store(renaming)) {
+        problem = problem_of_placing(errno);
+    }
+    (void)remove_left_over(destination.in.fd(), room);
+    if (problem) {
+        failed(source.path(), destination.path(), std::move(*problem));
         return;
     }
     if (call.all_arrived()) {

@@ -3,8 +3,12 @@
 #include "tools/engine/walk/descriptor.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <optional>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +22,26 @@ bool take_name(int directory, const std::string &name, bool isDirectory) {
     }
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     return Descriptor(::openat(directory, name.c_str(), flags, 0600)).get() >= 0;
+}
+
+// Of the mount that an open directory belongs to; nothing where the kernel does not tell.
+std::optional<uint64_t> mount_of(int directory) {
+    struct statx found {};
+    const bool told = ::statx(directory, "", AT_EMPTY_PATH, STATX_MNT_ID, &found) == 0;
+    return told && (found.stx_mask & STATX_MNT_ID) != 0 ? std::optional(found.stx_mnt_id) : std::nullopt;
+}
+
+// What a volume with projects keeps of an entry that may be opened without doing anything by that.
+std::optional<fsxattr> project_settings(int directory, const std::string &name) {
+    struct stat entry {};
+    if (::fstatat(directory, name.c_str(), &entry, AT_SYMLINK_NOFOLLOW) != 0 ||
+        (!S_ISREG(entry.st_mode) && !S_ISDIR(entry.st_mode))) {
+        return std::nullopt;
+    }
+    const Descriptor opened(::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    fsxattr found{};
+    return opened.get() >= 0 && ::ioctl(opened.get(), FS_IOC_FSGETXATTR, &found) == 0 ? std::optional(found)
+                                                                                      : std::nullopt;
 }
 
 } // namespace
@@ -47,6 +71,19 @@ bool rename_without_replacing(int fromDirectory, const std::string &from, int to
     ::unlinkat(toDirectory, to.c_str(), isDirectory ? AT_REMOVEDIR : 0);
     errno = number;
     return false;
+}
+
+bool may_be_renamed(int fromDirectory, const std::string &from, int toDirectory) {
+    if (mount_of(fromDirectory) != mount_of(toDirectory)) {
+        return false;
+    }
+    const auto into = project_settings(toDirectory, ".");
+    if (!into || (into->fsx_xflags & FS_XFLAG_PROJINHERIT) == 0) {
+        return true;
+    }
+    auto entry = project_settings(fromDirectory, from);
+    entry = entry ? entry : project_settings(fromDirectory, "."); // a link has that of its directory
+    return !entry || entry->fsx_projid == into->fsx_projid;
 }
 
 } // namespace engine

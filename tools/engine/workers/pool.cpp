@@ -95,11 +95,16 @@ std::vector<pid_t> WorkerPool::processes() const {
 }
 
 Yield WorkerPool::run(Job job) {
+    std::optional<Job> only(std::move(job));
+    return run([&only] { return std::exchange(only, std::nullopt); });
+}
+
+Yield WorkerPool::run(const Source &next) {
     const GroupName all{0, 0};
-    m_groups[all].pending = 1;
-    m_tasks.push_back({std::move(job), all});
-    while (is_under_way()) {
+    m_groups[all] = {};
+    for (bool more = true; more || is_under_way();) {
         look_for_stop();
+        more = more && take_from(next);
         if (!start()) {
             drop_tasks(fmt::format("no process to work on it could be started: {}", std::strerror(errno)));
             continue;
@@ -113,6 +118,21 @@ Yield WorkerPool::run(Job job) {
     m_groups.erase(all);
     m_signs->wanted = 0;
     return yield;
+}
+
+// Keeps one ready for whoever has time next. False: there is none any more, or none is wanted.
+bool WorkerPool::take_from(const Source &next) {
+    const auto waiting = static_cast<size_t>(
+        std::ranges::count_if(m_members, [](const Member &member) { return member.state == State::waits; }));
+    while (!m_signs->stop && m_tasks.size() <= waiting) {
+        auto job = next();
+        if (!job) {
+            return false;
+        }
+        ++m_groups[{0, 0}].pending;
+        m_tasks.push_back({std::move(*job), {0, 0}});
+    }
+    return !m_signs->stop;
 }
 
 // Also where the one who has split a job off is no more.

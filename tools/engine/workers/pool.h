@@ -62,6 +62,9 @@ class WorkerPool {
     bool start();
     // A job with everything that is split off from it. One after the other.
     Yield run(Job job);
+    // As many jobs as `next` gives, each asked for when somebody has time for it, until it gives none.
+    using Source = std::function<std::optional<Job>()>;
+    Yield run(const Source &next);
     // Those that are alive, for who wants to know.
     std::vector<pid_t> processes() const;
 
@@ -99,6 +102,7 @@ class WorkerPool {
     [[noreturn]] void be_worker(Channel channel, SharedDesk &desk, pid_t above);
     bool is_under_way() const;
     void look_for_stop();
+    bool take_from(const Source &next);
     void dispatch();
     bool serve(Member &member);
     std::deque<Task>::iterator task_for(const Member &member);

@@ -6,6 +6,7 @@ void write(RecordWriter &to, const std::optional<Problem> &problem) {
     to.number(problem.has_value());
     if (problem) {
         to.text(problem->reason).number(problem->code).number(problem->withSource).number(problem->needsRecursion);
+        to.number(problem->replaced).number(problem->number);
     }
 }
 
@@ -18,6 +19,8 @@ std::optional<Problem> read_problem(RecordReader &from) {
     problem.code = from.number<uint32_t>();
     problem.withSource = from.number<bool>();
     problem.needsRecursion = from.number<bool>();
+    problem.replaced = from.number<bool>();
+    problem.number = from.number<int>();
     return problem;
 }
 
@@ -32,7 +35,13 @@ Loss read_loss(RecordReader &from) {
 
 void write(RecordWriter &to, const Outcome &outcome) {
     to.number(outcome.status).text(outcome.destination).number(outcome.bytes);
-    to.number(outcome.cloned).number(outcome.same).number(outcome.linked).number(outcome.sourceStays);
+    to.number(outcome.cloned).number(outcome.synced).number(outcome.same).number(outcome.linked);
+    to.number(outcome.inPlace).number(outcome.old.first).number(outcome.old.second).number(outcome.oldNames);
+    to.number(static_cast<uint32_t>(outcome.oldNamesKnown.size()));
+    for (const std::string &name : outcome.oldNamesKnown) {
+        to.text(name);
+    }
+    to.text(outcome.backup).number(outcome.sourceStays);
     to.number(static_cast<uint32_t>(outcome.losses.size()));
     for (const Loss &loss : outcome.losses) {
         write(to, loss);
@@ -47,8 +56,17 @@ Outcome read_outcome(RecordReader &from) {
     outcome.destination = from.text();
     outcome.bytes = from.number<int64_t>();
     outcome.cloned = from.number<bool>();
+    outcome.synced = from.number<bool>();
     outcome.same = from.number<bool>();
     outcome.linked = from.number<bool>();
+    outcome.inPlace = from.number<bool>();
+    outcome.old.first = from.number<dev_t>();
+    outcome.old.second = from.number<ino_t>();
+    outcome.oldNames = from.number<int64_t>();
+    for (auto names = from.number<uint32_t>(); names > 0; --names) {
+        outcome.oldNamesKnown.push_back(from.text());
+    }
+    outcome.backup = from.text();
     outcome.sourceStays = from.number<bool>();
     for (auto losses = from.number<uint32_t>(); losses > 0; --losses) {
         outcome.losses.push_back(read_loss(from));

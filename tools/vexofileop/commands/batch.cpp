@@ -6,6 +6,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
@@ -55,8 +56,8 @@ engine::NamesBelow names_below(const RelativeNames &names, const engine::Transfe
 }
 
 Batch::Batch(const BatchOptions &options)
-    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
-      m_report(command(), options.transfer.accepted) {}
+    : m_options(options), m_transfer(transfer_options(options), *this, hands_of(options.jobs)),
+      m_receipt(options.transfer.accepted), m_report(command(), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     copy(errands);
@@ -459,7 +460,7 @@ std::string Batch::counts_line() const {
                        counted(m_directories[engine::Status::done], "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
-                       copies() ? fmt::format(", {} cloned", m_cloned) : "", backups) +
+                       copies() || m_cloned > 0 ? fmt::format(", {} cloned", m_cloned) : "", backups) +
            (m_onTheWay > 0 ? fmt::format(", {} on the way", counted(m_onTheWay, "directory", "directories")) : "") +
            more_counts();
 }

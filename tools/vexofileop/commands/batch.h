@@ -17,6 +17,7 @@ namespace tool {
 
 struct BatchOptions {
     engine::TransferOptions transfer;
+    int jobs = 1; // processes that share a tree
     bool stopOnError = false;
     int64_t mostErrors = 0; // entries that failed, or lost what was not accepted; 0: any number
     bool verbose = false, json = false, quiet = false, noProgress = false;

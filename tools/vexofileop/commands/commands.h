@@ -20,6 +20,7 @@ void add_relocate_command(const Command &program, int &status);
 void add_reflink_command(const Command &program, int &status);
 void add_archive_command(const Command &program, int &status);
 void add_ea_command(const Command &program, int &status);
+void add_store_command(const Command &program, int &status);
 
 void add_index_command(const Command &program, int &status);
 void add_notify_command(const Command &program, int &status);

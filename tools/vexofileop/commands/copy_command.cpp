@@ -1,6 +1,7 @@
 // vexofileop copy and vexofileop move, and the plans of both.
 #include "tools/engine/report/names.h"
 #include "tools/vexofileop/arguments/errands.h"
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/progress_option.h"
@@ -277,6 +278,7 @@ class TransferArguments {
             m_command.add_flag("--dry-run", m_plan, "do nothing; tell what would be done, as \"plan\" does");
             m_command.add_flag("--verify", m_options.transfer.verify,
                                "read each file back and compare it with its source");
+            add_jobs_option(m_command, m_options.jobs);
         } else {
             m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");
         }

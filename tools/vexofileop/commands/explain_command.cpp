@@ -1,7 +1,8 @@
-// vexofileop explain: what an error code means, or a class of losses.
+// vexofileop explain: what an error code means, a class of losses, or a finding of a check of stores.
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/stores/finding.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
@@ -39,6 +40,9 @@ void list_all(Console &console) {
     for (const engine::LossGroup *const group : engine::loss_groups()) {
         console.line(fmt::format("{}  {}", group->name, group->text));
     }
+    for (const engine::FindingRow &row : engine::kFindingTable) {
+        console.line(fmt::format("{}  {}", row.name, row.text));
+    }
 }
 
 // "LABEL: TEXT" in lines of at most 79 columns, the later ones indented, without the last line feed.
@@ -61,7 +65,7 @@ uint32_t code_of(const std::string &text) {
     const std::optional<uint32_t> code = code_from(text);
     if (!code) {
         throw UsageError(fmt::format("{}: neither an error code, which looks like 0xA400, nor a class of losses, "
-                                     "nor a group of them ({})",
+                                     "nor a group of them ({}), nor a finding of \"store check\"",
                                      engine::displayed(text), engine::loss_group_names()));
     }
     return *code;
@@ -107,11 +111,22 @@ bool explain(Console &console, const engine::LossGroup *group) {
     return true;
 }
 
-using Subject = std::variant<uint32_t, engine::LossClass, const engine::LossGroup *>;
+bool explain(Console &console, engine::FindingKind kind) {
+    const engine::FindingRow &row = engine::finding_row(kind);
+    console.line(fmt::format("{}  {}", row.name, row.text));
+    console.line(paragraph("Meaning", row.meaning));
+    console.line(paragraph("What helps", row.help));
+    return true;
+}
+
+using Subject = std::variant<uint32_t, engine::LossClass, const engine::LossGroup *, engine::FindingKind>;
 
 Subject subject_of(const std::string &text) {
     if (const engine::LossGroup *const group = engine::loss_group(text)) {
         return group;
+    }
+    if (const auto kind = engine::finding_kind(text)) {
+        return *kind;
     }
     const auto cls = engine::loss_class(text);
     return cls ? Subject(*cls) : Subject(code_of(text));
@@ -135,13 +150,14 @@ int explain_all(const std::vector<std::string> &given) {
 } // namespace
 
 void add_explain_command(const Command &program, int &status) {
-    const Command command = program.add_command("explain", "Tell what a code or a class of losses means");
-    const Option codes = command.add_operands("CODE", "[CODE|CLASS|GROUP...]");
+    const Command command = program.add_command("explain", "Tell what a code, a loss or a finding means");
+    const Option codes = command.add_operands("CODE", "[CODE|CLASS|GROUP|FINDING...]");
     command.set_footer("\nWithout one all of them are listed. A group is what --accept takes for several\n"
-                       "classes at once.\n"
+                       "classes at once, a finding what \"store check\" tells.\n"
                        "Examples:\n"
                        "  vexofileop explain 0xA400\n"
-                       "  vexofileop explain acl-access");
+                       "  vexofileop explain acl-access\n"
+                       "  vexofileop explain store-orphan");
     command.set_work([&status, codes] { status = explain_all(codes.values()); });
 }
 

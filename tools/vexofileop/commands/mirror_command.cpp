@@ -1,4 +1,5 @@
 // vexofileop mirror and its plan.
+#include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/quantity.h"
@@ -98,6 +99,7 @@ class MirrorArguments {
         }
         m_command.add_flag("--dry-run", m_plan, "do nothing; tell what \"plan mirror\" tells");
         m_command.add_flag("--verify", batch.transfer.verify, "read each file back and compare it with its source");
+        add_jobs_option(m_command, batch.jobs);
         m_command.rare().add_flag("-q,--quiet", batch.quiet, "say nothing but what fails; no progress line");
         m_progress.emplace(m_command);
     }

@@ -23,7 +23,7 @@ _vexofileop() {
         path+=("$word")
     done
     if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --accept ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v '^0x')" -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v -e '^0x' -e '^store-')" -- "$current")
         return
     fi
     if [[ $current == -* ]]; then

@@ -34,7 +34,7 @@ end
 function __vexofileop_complete
     set -l path (__vexofileop_path)
     if test (commandline -opc)[-1] = --accept
-        vexofileop explain 2>/dev/null | string match -v -r '^0x' | string replace '  ' \t
+        vexofileop explain 2>/dev/null | string match -v -r '^(0x|store-)' | string replace '  ' \t
         return
     end
     if string match -q -- '-*' (commandline -ct)

@@ -5,6 +5,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/vexofileop/output/finding_json.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
 #include "tools/vexofileop/terminal/progress_bar.h"
@@ -234,6 +235,27 @@ std::string Report::problems_list() const {
     return text + "</ul>\n";
 }
 
+std::string Report::findings_lists() const {
+    std::string text;
+    for (const engine::FindingRow &row : engine::kFindingTable) {
+        const auto number =
+            std::ranges::count_if(m_findings, [&](const engine::Finding &one) { return one.kind == row.kind; });
+        if (number == 0) {
+            continue;
+        }
+        text += fmt::format("<details open><summary><b>{} &times; {}</b> ({})</summary>\n<p>{} {}</p>\n<ul>\n", number,
+                            row.text, row.name, escaped(row.meaning), escaped(row.help));
+        for (const engine::Finding &one : m_findings) {
+            if (one.kind == row.kind) {
+                text += fmt::format("<li><code>{}</code>: {}; {}</li>\n", name_text(one.place),
+                                    escaped(engine::as_utf8(one.detail)), engine::state_name(one.state));
+            }
+        }
+        text += "</ul></details>\n";
+    }
+    return text.empty() ? "<p>Nothing.</p>\n" : text;
+}
+
 std::string Report::html(int exitStatus) const {
     const std::string title = fmt::format("vexofileop {}", escaped(m_command));
     std::string page = fmt::format("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
@@ -241,9 +263,14 @@ std::string Report::html(int exitStatus) const {
                                    "style-src 'unsafe-inline'\">\n<title>{0}</title><style>{1}</style></head>\n"
                                    "<body><h1>{0}</h1>\n<p>Ended at {2} with exit status {3}.</p>\n",
                                    title, kStyle, time_now(), exitStatus);
-    page += "<h2>What went where, and how</h2>\n" + totals_table() + picture();
+    const bool carries = !m_ways.empty(); // what only looks at stores takes nothing anywhere
+    page += carries ? "<h2>What went where, and how</h2>\n" + totals_table() + picture()
+                    : "<h2>What was found</h2>\n" + findings_lists();
     if (!m_problems.empty()) {
         page += "<h2>Failed</h2>\n" + problems_list();
+    }
+    if (!carries) {
+        return page + "</body></html>\n";
     }
     return page + "<h2>What was not carried</h2>\n" + losses_lists() + "</body></html>\n";
 }
@@ -284,6 +311,9 @@ std::string Report::json(int exitStatus) const {
     m_receipt.add_to(report, "receipt");
     for (const Lost &lost : m_losses) {
         report.add_to_list("losses", loss_event(lost.source, lost.destination, lost.loss));
+    }
+    for (const engine::Finding &finding : m_findings) {
+        report.add_to_list("findings", finding_event(m_command, finding));
     }
     return report.line() + "\n";
 }

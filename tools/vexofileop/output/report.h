@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/losses/loss.h"
+#include "tools/engine/stores/finding.h"
 #include "tools/vexofileop/output/receipt.h"
 
 #include <array>
@@ -26,6 +27,9 @@ class Report {
     // An entry that failed, with its reason.
     void problem(const std::string &source, const std::string &destination, const std::string &reason);
     void loss(const std::string &source, const std::string &destination, const engine::Loss &loss);
+
+    // What a check of stores has found.
+    void finding(const engine::Finding &finding) { m_findings.push_back(finding); }
 
     // By the suffix of the name, at once: what stands there is the old one or the new one. Throws engine::Failure.
     void write(const std::string &path, int exitStatus) const;
@@ -54,6 +58,7 @@ class Report {
     std::string totals_table() const;
     std::string losses_lists() const;
     std::string problems_list() const;
+    std::string findings_lists() const;
 
     std::string m_command;
     Receipt m_receipt;
@@ -61,6 +66,7 @@ class Report {
     std::vector<Way> m_ways;
     std::vector<Told> m_problems;
     std::vector<Lost> m_losses;
+    std::vector<engine::Finding> m_findings;
 };
 
 } // namespace tool

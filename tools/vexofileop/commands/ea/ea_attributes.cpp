@@ -3,6 +3,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/held_entry.h"
 #include "tools/vexofileop/arguments/input.h"
 #include "tools/vexofileop/arguments/path_operands.h"
@@ -18,6 +19,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <fstream>
 #include <functional>
@@ -185,6 +187,9 @@ class SetCommand {
         work.one(given[0], [&](const std::string &path) {
             const engine::HeldEntry entry(path);
             const engine::Store store(entry);
+            if (set_from_file(store, given[1])) {
+                return;
+            }
             const std::string value = m_from.given() ? input(store.largest_value(given[1]))
                                       : elsewhere    ? *bytes
                                                      : given[2];
@@ -194,6 +199,23 @@ class SetCommand {
     }
 
   private:
+    // What is long goes from file to file. False: it is to be read as a whole.
+    bool set_from_file(const engine::Store &store, const std::string &name) const {
+        constexpr off_t longest = off_t{1} << 20;
+        struct stat found {};
+        const std::string path = m_from.given() ? m_from.values().front() : "-";
+        if (path == "-" || store.kind() == engine::StoreKind::native || ::stat(path.c_str(), &found) != 0 ||
+            !S_ISREG(found.st_mode) || found.st_size <= longest ||
+            static_cast<uint64_t>(found.st_size) > store.largest_value(name)) {
+            return false;
+        }
+        const engine::Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (file.get() < 0 || ::fstat(file.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+            engine::throw_errno(fmt::format("cannot read {}", engine::displayed(path)));
+        }
+        store.set(name, file.get(), static_cast<uint64_t>(found.st_size), existing());
+        return true;
+    }
     std::string input(uint64_t most) const {
         try {
             check_room(m_from.values().front(), most);
@@ -217,7 +239,8 @@ class SetCommand {
 void add_set(const Command &ea, int &status) {
     const Command command = ea.add_command("set", "Set an attribute");
     const SetCommand set(command);
-    command.set_footer("\nOf a pipe or device no more than 64 MiB are taken.\n"
+    command.set_footer("\nA value has 2 GiB less a byte at most, or what the volume takes where it keeps\n"
+                       "attributes itself; of a pipe or device no more than 64 MiB are taken.\n"
                        "Examples:\n  vexofileop ea set photo.jpg com.example.note \"hello\"\n"
                        "  vexofileop ea set photo.jpg com.example.icon --from icon.png");
     command.set_work([&status, set] { status = set.run(); });
