@@ -9,7 +9,6 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/store/mac_attributes.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/file_attempt.h"
@@ -235,11 +234,6 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     if (!attempt.storeUnknown) {
         look_for_store(attempt);
     }
-    if (auto problem = check_mac_attributes(attempt)) {
-        Outcome outcome = failure(destination, *problem);
-        outcome.losses.push_back({LossClass::mac_attributes, problem->reason});
-        return outcome;
-    }
     if (!around.destinationNew) {
         tidy(to);
     }
@@ -397,17 +391,6 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         return of_source({fmt::format("is {}, which cannot be copied", kind_of(mode))});
     }
     return std::nullopt;
-}
-
-// A move to another volume removes the source, and with it what only that can hold.
-std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) const {
-    if (m_options.operation == Operation::copy || m_options.accepted.contains(LossClass::mac_attributes) ||
-        attempt.to.device() == attempt.from.device() || !attempt.from.keeps_mac() ||
-        !has_mac_attributes(attempt.from.below(attempt.sourceName))) {
-        return std::nullopt;
-    }
-    return of_source(
-        {"has attributes set by a Mac, which cannot go to another volume from Linux; a copy leaves them behind"});
 }
 
 void FileTransfer::tidy(const HeldDirectory &directory) {

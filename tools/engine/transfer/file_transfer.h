@@ -115,7 +115,6 @@ class FileTransfer {
     static const HeldDirectory &directory_of(HeldDirectory &last, const std::string &path);
 
     std::optional<Problem> check_source(Attempt &attempt) const;
-    std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
     std::optional<Outcome> pass_over(Attempt &attempt, bool data);

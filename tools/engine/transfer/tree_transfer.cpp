@@ -5,6 +5,7 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
+#include "tools/engine/compare/name_match.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
@@ -205,6 +206,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         names->clear();
     }
     bool complete = leftOut == m_selection.left_out();
+    own_names_first(destination.in.type(), *names, [](const std::string &name) { return name; });
     descend(source, destination);
     complete = entries(level, *names) && complete;
     if (!ascend(level, source, destination)) {
