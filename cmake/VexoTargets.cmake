@@ -5,6 +5,10 @@ set(unity $<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>)
 set(shadow $<IF:${unity},$<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>,-Wshadow>)
 
 add_library(vexo_warnings INTERFACE)
+# g++ looks for memory to use again every few megabytes, which takes a fifth of a file's time. Left alone it takes no more
+# than a tenth more.
+target_compile_options(vexo_warnings INTERFACE
+  $<$<CXX_COMPILER_ID:GNU>:--param=ggc-min-heapsize=600000>)
 target_compile_options(vexo_warnings INTERFACE
   -Wall -Wextra $<$<BOOL:${VEXOFILEOP_WERROR}>:-Werror> ${shadow} -Wformat=2 -Wcast-align -Wundef -Wpointer-arith -Wwrite-strings
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual>)
@@ -50,7 +54,7 @@ function(vexo_precompile target)
 endfunction()
 
 # vexo_join(TARGET [APART FILE...]): in a unity build (VEXOFILEOP_UNITY) the files of one folder are compiled together, so
-# many at a time that changing one of them costs little. APART are those that have a hidden name in common with another
+# many at a time (VEXOFILEOP_UNITY_FILES) that changing one of them costs little. APART are those that have a hidden name in common with another
 # file of their folder.
 function(vexo_join target)
   cmake_parse_arguments(arg "" "" "APART" ${ARGN})
@@ -66,7 +70,7 @@ function(vexo_join target)
     if(NOT DEFINED "files_of_${folder}")
       set("files_of_${folder}" 0)
     endif()
-    math(EXPR group "${files_of_${folder}} / 12")
+    math(EXPR group "${files_of_${folder}} / ${VEXOFILEOP_UNITY_FILES}")
     math(EXPR "files_of_${folder}" "${files_of_${folder}} + 1")
     cmake_path(RELATIVE_PATH folder BASE_DIRECTORY "${CMAKE_SOURCE_DIR}")
     string(MAKE_C_IDENTIFIER "${folder}_${group}" group)

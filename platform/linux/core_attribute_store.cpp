@@ -130,13 +130,14 @@ int AttributeFile::change(uint32_t set, uint32_t clear) const {
     return store(record);
 }
 
-// Most files that get a creation time are new and have no record yet.
+// Most files that get a creation time are new and have no record yet. Of one that is there HFS+ says that it has no
+// attributes.
 int AttributeFile::store_creation_time(uint64_t dosTime) const {
     DosRecord record{std::nullopt, dosTime};
     if (store(record, XATTR_CREATE) == 0) {
         return 0;
     }
-    if (errno != EEXIST) {
+    if (errno != EEXIST && errno != EOPNOTSUPP) {
         return -1;
     }
     if (load(record) != 0) {

@@ -67,7 +67,7 @@ TEST_F(ArchiveBit, PipeIsNotWaitedFor) {
     ASSERT_EQ(0, ::mkfifo(path.c_str(), 0644));
     kit::Faults::failAlways("VLIBCKernelAttrFcntl", EINVAL);
     EXPECT_TRUE(kit::holdsInChild([&path] {
-        ::alarm(20); // ends one that waits
+        ::alarm(300); // ends one that waits
         EXPECT_EQ(0, VEXOBackupCleanFileArchiveBit(path.c_str()));
         EXPECT_EQ(1, kit::Faults::count("VLIBCKernelAttrFcntl"));
     }));

@@ -1,30 +1,25 @@
 #define FUSE_USE_VERSION 31
 #include "tests/copy/failing_volume.h"
 
-#include "tests/kit/volumes.h"
+#include "tests/kit/fuse_server.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fuse.h>
 #include <map>
 #include <mutex>
-#include <sys/mount.h>
+#include <optional>
 #include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
 
 namespace kit {
 
 struct FailingVolume::State {
-    std::string directory = "/tmp/vexofileop-failing-XXXXXX";
     std::mutex mutex;
     std::map<std::string, std::string> files; // by "/name"
     int writesUntilFailure = -1, error = 0;   // -1: none fails
     bool losesFirst = false;
-    fuse *session = nullptr;
-    std::thread loop;
+    std::optional<FuseServer> server;
 };
 
 // The operations reach the state through the session; they are members for the sake of access to it.
@@ -116,9 +111,6 @@ struct FailingVolumeOperations {
 
 FailingVolume::FailingVolume() : m_state(std::make_unique<State>()) {
     enterPrivateMounts(); // now: what is mounted before that stays mounted outside
-    if (::access("/dev/fuse", R_OK | W_OK) != 0 || ::mkdtemp(m_state->directory.data()) == nullptr) {
-        throw Unavailable{"FUSE cannot be used here"};
-    }
     fuse_operations operations{};
     operations.init = FailingVolumeOperations::begin;
     operations.getattr = FailingVolumeOperations::attributes<State>;
@@ -131,28 +123,13 @@ FailingVolume::FailingVolume() : m_state(std::make_unique<State>()) {
     operations.chown = FailingVolumeOperations::changeOwner;
     operations.chmod = FailingVolumeOperations::changeMode;
     operations.utimens = FailingVolumeOperations::changeTimes;
-    char name[] = "failing";
-    char *arguments[] = {name, nullptr};
-    fuse_args none = FUSE_ARGS_INIT(1, arguments);
-    m_state->session = fuse_new(&none, &operations, sizeof operations, m_state.get());
-    fuse_opt_free_args(&none);
-    if (m_state->session == nullptr || fuse_mount(m_state->session, m_state->directory.c_str()) != 0) {
-        ::rmdir(m_state->directory.c_str());
-        throw Unavailable{"FUSE cannot mount here"};
-    }
-    m_state->loop = std::thread([session = m_state->session] { fuse_loop(session); });
+    m_state->server.emplace(operations, m_state.get(), "/tmp/vexofileop-failing-XXXXXX");
 }
 
-FailingVolume::~FailingVolume() {
-    ::umount2(m_state->directory.c_str(), MNT_DETACH); // ends the loop
-    m_state->loop.join();
-    fuse_unmount(m_state->session); // finds nothing mounted, and releases its memory
-    fuse_destroy(m_state->session);
-    ::rmdir(m_state->directory.c_str());
-}
+FailingVolume::~FailingVolume() = default;
 
 std::string FailingVolume::operator/(const std::string &name) const {
-    return m_state->directory + "/" + name;
+    return m_state->server->directory() + "/" + name;
 }
 
 void FailingVolume::failWrite(int error, int skip) {

@@ -131,7 +131,7 @@ inline std::set<std::string> published(const std::string &root, const Outside &o
 // 100; -1 when it hung.
 template <typename Body>
 int withoutHanging(Body body) {
-    constexpr unsigned kLongEnough = 60;
+    constexpr unsigned kLongEnough = 300;
     return kit::inChild([&body] {
         ::alarm(kLongEnough);
         const int result = body();
@@ -143,7 +143,7 @@ int withoutHanging(Body body) {
 // The same for a whole test, whose expectations count.
 template <typename Body>
 testing::AssertionResult holdsWithoutHanging(Body body) {
-    constexpr unsigned kLongEnough = 240;
+    constexpr unsigned kLongEnough = 300;
     return kit::holdsInChild([&body] {
         ::alarm(kLongEnough);
         body();

@@ -29,7 +29,7 @@
 namespace faults {
 namespace {
 
-constexpr int kPatienceMs = 60'000;
+constexpr int kPatienceMs = 300'000;
 
 struct CallKind {
     const char *name;

@@ -98,7 +98,7 @@ pid_t drive(const std::string &command, const std::string &path) {
         ::_exit(127);
     }
     constexpr useconds_t pause = 2000;
-    constexpr int most = 30'000; // a minute, which nothing but a fault explains
+    constexpr int most = 150'000; // five minutes, which nothing but a fault explains
     for (int tries = 0; tries < most && !is_mounted(path, before.st_dev); ++tries) {
         if (::waitpid(driver, nullptr, WNOHANG) == driver) {
             throw Unavailable{"not possible here: " + command};

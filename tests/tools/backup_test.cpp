@@ -4,6 +4,7 @@
 #include "tests/kit/volumes.h"
 #include "tests/tools/tool_process.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
@@ -45,12 +46,48 @@ TEST_F(Backup, OldFileStaysUnderItsNameWithTheSuffix) {
     const ToolResult again = run({"copy", "-ru", "--backup", "tree", "to"});
     EXPECT_TRUE(mentions(again.out, ", 0 backed up\n")) << again.out;
     EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file~"));
+    kit::writeFile(scratch / "tree/in/file", "newer");
     EXPECT_EQ(0, run({"copy", "-rf", "--backup=.1", "tree", "to"}).status);
     EXPECT_EQ((Names{"file", "file.1", "file~"}), kit::namesIn(scratch / "to/tree/in"));
+    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file.1"));
     kit::writeFile(scratch / "tree/in/file", "newest");
     EXPECT_EQ(0, run({"copy", "-rf", "--backup", "tree", "to"}).status);
-    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file~"));
+    EXPECT_EQ("newer", kit::readFile(scratch / "to/tree/in/file~"));
     EXPECT_EQ("newest", kit::readFile(scratch / "to/tree/in/file"));
+}
+
+// As after a run that was stopped: what it has brought would take the place of the only old version.
+TEST_F(Backup, TheSameOnceMoreKeepsTheOldVersion) {
+    ASSERT_EQ(0, ::link((scratch / "tree/in/file").c_str(), (scratch / "tree/in/other").c_str()));
+    ASSERT_EQ(0, run({"copy", "-rf", "--backup", "tree", "to"}).status);
+    const ToolResult planned = run({"plan", "copy", "-rf", "--backup", "tree", "to"});
+    EXPECT_TRUE(mentions(planned.out, "0 replaced, 2 merged, 0 renamed, 2 skipped")) << planned.out;
+    const ToolResult again = run({"copy", "-rf", "--backup", "tree", "to"});
+    EXPECT_EQ(0, again.status) << again.err;
+    EXPECT_TRUE(mentions(again.out, "2 skipped (2 the same), 0 failed, 0 cloned, 0 backed up\n")) << again.out;
+    EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file~"));
+    EXPECT_EQ((Names{"file", "file~", "other"}), kit::namesIn(scratch / "to/tree/in"));
+    // Times prove no content where somebody asks for a replacement.
+    const struct stat before = kit::statOf(scratch / "tree/in/file");
+    kit::writeFile(scratch / "to/tree/in/file", "odd");
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (scratch / "to/tree/in/file").c_str(), times, 0));
+    EXPECT_EQ(0, run({"copy", "-f", "--backup", "tree/in/file", "to/tree/in"}).status);
+    EXPECT_EQ("new", kit::readFile(scratch / "to/tree/in/file"));
+    EXPECT_EQ("odd", kit::readFile(scratch / "to/tree/in/file~"));
+}
+
+// There no copy is ever the same.
+TEST_F(Backup, TheSameOnceMoreKeepsTheOldVersionOnAPoorVolume) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    kit::writeFile(volume / "file", "older");
+    kit::setAttribute(scratch / "tree/in/file", "user.note", "which it does not keep");
+    for (int count = 0; count < 2; ++count) {
+        EXPECT_EQ(1, run({"copy", "-f", "--backup", "tree/in/file", volume.path()}).status);
+        EXPECT_EQ("new", kit::readFile(volume / "file"));
+        EXPECT_EQ("older", kit::readFile(volume / "file~")) << count;
+    }
+    EXPECT_EQ((Names{"file", "file~"}), kit::namesIn(volume.path()));
 }
 
 TEST_F(Backup, StoreGoesWithTheOldFile) {
@@ -71,6 +108,7 @@ TEST_F(Backup, DirectoryHoldsItWhereItLay) {
     EXPECT_EQ(0, run({"copy", "-rf", "--backup-dir", "../old", "tree", "to"}).status);
     EXPECT_EQ("older", kit::readFile(scratch / "old/tree/in/file"));
     EXPECT_EQ((Names{"file"}), kit::namesIn(scratch / "to/tree/in"));
+    kit::writeFile(scratch / "tree/in/file", "newer");
     EXPECT_EQ(0,
               run({"copy", "-f", "--backup-dir", scratch / "old", "--backup=.x", "tree/in/file", "to/tree/in"}).status);
     EXPECT_EQ("new", kit::readFile(scratch / "old/file.x"));

@@ -59,6 +59,60 @@ class Mirror : public ::testing::Test {
     const std::string tree = scratch / "tree", copy = scratch / "copy";
 };
 
+TEST_F(Mirror, OneFileUnderTwoNamesIsTheSameAlready) {
+    kit::writeFile(tree + "/in/two", "two");
+    ASSERT_EQ(0, ::link((tree + "/in/two").c_str(), (copy + "/in/two").c_str()));
+    const struct stat before = kit::statOf(tree + "/in/two");
+    const ToolResult planned = runTool({"plan", "mirror", tree, copy});
+    EXPECT_EQ(0, planned.status) << planned.out;
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_TRUE(mentions(result.out, " 1 skipped (1 the same), 0 failed")) << result.out;
+    EXPECT_EQ(before.st_ino, kit::statOf(copy + "/in/two").st_ino);
+    EXPECT_EQ(0, runTool({"copy", "-u", tree + "/in/two", copy + "/in/two"}).status);
+    EXPECT_EQ(0, runTool({"plan", "copy", "-u", tree + "/in/two", copy + "/in/two"}).status);
+    // To whoever replaces they are one, and so they are under one name.
+    EXPECT_EQ(2, runTool({"copy", "-f", tree + "/in/two", copy + "/in/two"}).status);
+    EXPECT_EQ(2, runTool({"copy", "-u", tree + "/in/two", tree + "/in/two"}).status);
+    EXPECT_EQ(2, runTool({"plan", "copy", "-u", tree + "/in/two", tree + "/in/two"}).status);
+}
+
+// Each name has a store of its own where that is kept beside.
+TEST_F(Mirror, OneFileUnderTwoNamesWithAnotherStoreIsParted) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    ASSERT_EQ(0, ::link((tree + "/in/two").c_str(), (copy + "/in/two").c_str()));
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/in/two", "note", "n"}).status);
+    ASSERT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ("n", runTool({"ea", "get", copy + "/in/two", "note"}).out);
+    EXPECT_EQ("n", runTool({"ea", "get", tree + "/in/two", "note"}).out);
+    EXPECT_EQ("two", kit::readFile(tree + "/in/two"));
+    EXPECT_EQ(0, compared());
+    const ToolResult again = mirror({"-f"});
+    EXPECT_TRUE(mentions(again.out, " 5 skipped (5 the same), 0 failed")) << again.out;
+}
+
+TEST_F(Mirror, WhatIsInTheWayGoesAsAWholeOrNotAtAll) {
+    kit::writeFile(copy + "/was/fixed", "stays");
+    if (std::system(("chattr +i " + copy + "/was/fixed 2>/dev/null").c_str()) != 0) {
+        GTEST_SKIP() << "this volume has no immutable files";
+    }
+    const std::vector<std::string> before = kit::namesIn(copy + "/was");
+    const ToolResult planned = runTool({"plan", "mirror", tree, copy});
+    const ToolResult result = mirror({"-f"});
+    EXPECT_EQ(0, std::system(("chattr -i " + copy + "/was/fixed").c_str()));
+    EXPECT_EQ(before, kit::namesIn(copy + "/was"));
+    EXPECT_EQ(1, result.status) << result.err;
+    EXPECT_EQ(result.status, planned.status) << planned.out;
+    const std::string failed = tree + "/was -> " + copy + "/was: the destination is a directory";
+    EXPECT_TRUE(mentions(result.err, failed)) << result.err;
+    EXPECT_TRUE(mentions(planned.out, "fail: " + failed)) << planned.out;
+    EXPECT_FALSE(mentions(planned.out, "new: " + tree + "/was")) << planned.out;
+    EXPECT_TRUE(kit::exists(copy + "/old")) << "nothing else goes";
+    // What only stands in the way of nothing goes by itself.
+    EXPECT_EQ(0, mirror({"-f"}).status);
+    EXPECT_EQ(0, compared());
+}
+
 TEST_F(Mirror, MakesTheDestinationEqualAndTheSecondRunDoesNothing) {
     const ToolResult result = mirror({"-f"});
     EXPECT_EQ(0, result.status);

@@ -1,10 +1,14 @@
 // --progress=json: lines for programs, on stderr, beside whatever else the command says.
 #include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/slow_file.h"
 #include "tests/tools/tool_process.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -64,6 +68,45 @@ TEST_F(ProgressLines, BeginAndEndWithWhatIsToBeDone) {
             EXPECT_EQ(51'200, numberIn(events.back(), ("bytes" + std::string(end)).c_str())) << command.front() << end;
         }
     }
+}
+
+TEST_F(ProgressLines, EndWithWhatWasDoneWhenTheyAreStopped) {
+    ASSERT_EQ(0, ::mkdir((scratch / "to").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((scratch / "to/two").c_str(), 0755));
+    const ToolResult result = runTool({"copy", "-f", "--stop-on-error", "--json", "--progress=json", "-t",
+                                       scratch / "to", tree + "/one", tree + "/in/two", tree + "/in/left.o"});
+    EXPECT_EQ(1, result.status);
+    std::istringstream lines(result.err);
+    Object last;
+    for (std::string line; std::getline(lines, line);) {
+        last = line.starts_with('{') ? Object(json_tokener_parse(line.c_str()), &json_object_put) : last;
+    }
+    ASSERT_NE(nullptr, last);
+    EXPECT_EQ(1, numberIn(last, "files")) << result.err;
+    EXPECT_EQ(1000, numberIn(last, "bytes"));
+    EXPECT_EQ(51'200, numberIn(last, "bytes_total"));
+}
+
+TEST_F(ProgressLines, EndWithoutTheFileThatWasUnderWayAtASignal) {
+    std::optional<kit::SlowFile> slow;
+    try {
+        slow.emplace(10 << 20);
+    } catch (const kit::Unavailable &missing) {
+        GTEST_SKIP() << missing.reason;
+    }
+    kit::ToolOnTerminal tool({"copy", "--progress=json", "-t", scratch.path(), tree + "/one", slow->path()});
+    ASSERT_TRUE(slow->waitedFor());
+    ASSERT_TRUE(tool.catches(SIGTERM));
+    tool.send(SIGTERM);
+    ASSERT_TRUE(tool.takes(SIGTERM));
+    slow->allowAll();
+    const ToolResult result = tool.finish();
+    EXPECT_EQ(128 + SIGTERM, result.status);
+    const size_t at = result.out.rfind("{\"event\":\"progress\"");
+    ASSERT_NE(std::string::npos, at);
+    const Object last(json_tokener_parse(result.out.c_str() + at), &json_object_put);
+    EXPECT_EQ(1, numberIn(last, "files")) << result.out;
+    EXPECT_EQ(1000, numberIn(last, "bytes")) << result.out;
 }
 
 TEST_F(ProgressLines, TotalsAreOfWhatIsMeant) {

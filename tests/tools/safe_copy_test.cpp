@@ -299,6 +299,31 @@ TEST_F(SafeCopy, DirectoryThatIsCalledAlmostLikeTheStoresIsTold) {
     }
 }
 
+TEST_F(SafeMove, HintNamesAllThatKeepsSources) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    directory("tree");
+    kit::writeFile(scratch / "tree/file", "f");
+    kit::setAttribute(scratch / "tree/file", "user.note", "n");
+    ASSERT_EQ(0, ::mkfifo((scratch / "tree/pipe").c_str(), 0600));
+    const ToolResult result = runTool({"move", "-r", scratch / "tree", volume.path()});
+    EXPECT_EQ(1, result.status);
+    const size_t hint = result.err.find("sources stay for that; --accept ");
+    ASSERT_NE(std::string::npos, hint) << result.err;
+    const std::string rest = result.err.substr(hint + 32);
+    const std::string classes = rest.substr(0, rest.find(' '));
+    EXPECT_TRUE(mentions(classes, "attribute,") && classes.ends_with("special-file")) << classes;
+    EXPECT_TRUE(mentions(rest, " moves all but what was not made there; --specials makes pipes, devices and sockets\n"))
+        << rest;
+    // So it is: nothing is left to fail for. A creation time may or may not have been the same before.
+    const std::string accepted = classes + ",creation-time,dos-attributes";
+    EXPECT_EQ(0, ::unlink((volume / "tree/file").c_str()));
+    const ToolResult again = runTool({"move", "-r", "--accept", accepted, scratch / "tree", volume.path()});
+    EXPECT_EQ(0, again.status) << again.err;
+    EXPECT_EQ((std::vector<std::string>{"pipe"}), kit::namesIn(scratch / "tree"));
+    EXPECT_EQ(0, runTool({"move", "-r", "--specials", "--accept", accepted, scratch / "tree", volume.path()}).status);
+    EXPECT_FALSE(kit::exists(scratch / "tree"));
+}
+
 TEST_F(SafeMove, WhatTheOtherVolumeDoesNotTakeKeepsTheSource) {
     KIT_REQUIRE(volume, kit::Volume::plain());
     kit::setAttribute(from, "user.note", "n");

@@ -99,6 +99,27 @@ TEST_F(Selecting, ADirectorysContentsBeginThePaths) {
     EXPECT_EQ("a.txt b.o", listed(to));
 }
 
+// A run that is done again meets its own copy, and a plan of it meets none.
+TEST_F(Selecting, APatternMeansTheSameBeforeTheDestinationIsThereAndAfterwards) {
+    ASSERT_EQ(0, ::symlink(from.c_str(), (scratch / "link").c_str()));
+    for (const std::string &source : {from + "/.", scratch / "link/."}) {
+        for (const char *const way : {"-ru", "-ruT"}) {
+            SCOPED_TRACE(source + " " + way);
+            const std::string made = scratch / "made";
+            const Arguments copy{"copy", way, "--exclude", "/sub", "--exclude", "/from/a.txt", source, made};
+            Arguments plan{"plan"};
+            plan.insert(plan.end(), copy.begin(), copy.end());
+            EXPECT_TRUE(kit::mentions(runTool(plan).out, "3 new, 0 replaced"));
+            for (int run = 0; run < 2; ++run) {
+                const ToolResult result = runTool(copy);
+                EXPECT_EQ(0, result.status) << result.err;
+                EXPECT_EQ("a.txt b.o", listed(made)) << "run " << run;
+            }
+            std::filesystem::remove_all(made);
+        }
+    }
+}
+
 TEST_F(Selecting, SizesAndTimesChooseFiles) {
     expectCopied({"--min-size", "5"}, "from/ from/sub/ from/sub/c.txt from/sub/d.o from/sub/deep/");
     expectCopied({"--max-size", "5", "--min-size", "2"}, "from/ from/sub/ from/sub/d.o from/sub/deep/");

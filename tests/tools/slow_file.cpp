@@ -1,24 +1,20 @@
 #define FUSE_USE_VERSION 31
 #include "tests/tools/slow_file.h"
 
-#include "tests/kit/volumes.h"
+#include "tests/kit/fuse_server.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <fuse.h>
 #include <mutex>
-#include <sys/mount.h>
-#include <thread>
-#include <unistd.h>
+#include <optional>
 
 namespace kit {
 
 struct SlowFile::State {
-    std::string directory;
     int64_t size = 0;
     std::mutex mutex;
     std::condition_variable changed;
@@ -26,8 +22,7 @@ struct SlowFile::State {
     int64_t asked = 0; // the end of the last read
     bool closeHeld = false, closeWaits = false;
     bool readWaits() const { return asked > allowed; }
-    fuse *session = nullptr;
-    std::thread loop;
+    std::optional<FuseServer> server;
 };
 
 namespace {
@@ -98,39 +93,21 @@ struct SlowFileOperations {
 
 SlowFile::SlowFile(int64_t size) : m_state(std::make_unique<State>()) {
     m_state->size = size;
-    m_state->directory = "/tmp/vexofileop-slow-XXXXXX";
-    if (::access("/dev/fuse", R_OK | W_OK) != 0 || ::mkdtemp(m_state->directory.data()) == nullptr) {
-        throw Unavailable{"FUSE cannot be used here"};
-    }
     fuse_operations operations{};
     operations.getattr = SlowFileOperations::attributes<State>;
     operations.readdir = SlowFileOperations::list;
     operations.open = SlowFileOperations::open;
     operations.read = SlowFileOperations::read<State>;
     operations.flush = SlowFileOperations::flush<State>;
-    char name[] = "slow";
-    char *arguments[] = {name, nullptr};
-    fuse_args none = FUSE_ARGS_INIT(1, arguments);
-    m_state->session = fuse_new(&none, &operations, sizeof operations, m_state.get());
-    fuse_opt_free_args(&none);
-    if (m_state->session == nullptr || fuse_mount(m_state->session, m_state->directory.c_str()) != 0) {
-        ::rmdir(m_state->directory.c_str());
-        throw Unavailable{"FUSE cannot mount here"};
-    }
-    m_state->loop = std::thread([session = m_state->session] { fuse_loop(session); });
+    m_state->server.emplace(operations, m_state.get(), "/tmp/vexofileop-slow-XXXXXX");
 }
 
 SlowFile::~SlowFile() {
     allowAll();
-    ::umount2(m_state->directory.c_str(), MNT_DETACH); // ends the loop
-    m_state->loop.join();
-    fuse_unmount(m_state->session); // finds nothing mounted, and releases its memory
-    fuse_destroy(m_state->session);
-    ::rmdir(m_state->directory.c_str());
 }
 
 std::string SlowFile::path() const {
-    return m_state->directory + kName;
+    return m_state->server->directory() + kName;
 }
 
 void SlowFile::allow(int64_t bytes) {

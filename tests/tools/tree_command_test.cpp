@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <map>
 #include <optional>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -620,6 +621,25 @@ TEST_F(Relocate, KeepsTheSourceWhereThatIsAskedOrSomethingWouldBeLost) {
     EXPECT_EQ(0, accepted.status) << accepted.err;
     EXPECT_EQ(0U, accepted.out.find("{\"event\":\"loss\",\"class\":\"special-file\"")) << accepted.out;
     EXPECT_FALSE(kit::exists(from));
+    expectWholeTree(to);
+}
+
+// A relocation that is asked for them brings them, tells so beforehand, and has nothing to keep the source for.
+TEST_F(Relocate, BringsSpecialFilesWhereThatIsAsked) {
+    std::map<std::string, struct stat> before;
+    for (const std::string &name : makeSpecials(from + "/sub")) {
+        before[name] = kit::statOf(from + "/sub/" + name);
+    }
+    const ToolResult planned = runTool({"relocate", "--dry-run", "--specials", from, to});
+    EXPECT_EQ(0, planned.status) << planned.out << planned.err;
+    const ToolResult result = runTool({"relocate", "-y", "--specials", from, to});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("", result.err);
+    EXPECT_FALSE(kit::exists(from));
+    for (const auto &[name, status] : before) {
+        expectSameSpecial(status, kit::statOf(to + "/sub/" + name));
+        (void)::unlink((to + "/sub/" + name).c_str());
+    }
     expectWholeTree(to);
 }
 

@@ -319,6 +319,20 @@ TEST_F(Hfs, FilesAreCopiedWithOwnerTimesAndAttributes) {
     EXPECT_EQ(0640U, kit::statOf(volume / "copy").st_mode & 07777U);
 }
 
+// The driver says that it has no attributes to whoever wants to make one that is there.
+TEST_F(Hfs, CreationTimeIsSetBesideAttributesThatAreThere) {
+    HFS_VOLUME(volume);
+    const std::string file = volume / "file";
+    kit::writeFile(file, "x");
+    ASSERT_EQ(0, VLIBCKernelAttrCall(file.c_str(), 515)); // hidden
+    const timespec times[] = {{kEvenSecond, 0}, {kEvenSecond, 0}, {kEvenSecond / 2, 0}};
+    ASSERT_EQ(0, VLIBCFileUTime(file.c_str(), 3, times));
+    VLIBCStat found{};
+    ASSERT_EQ(0, VLIBCFileStat(file.c_str(), VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME, &found));
+    EXPECT_EQ(kEvenSecond / 2, found.createTime.tv_sec);
+    EXPECT_EQ(VLIBC_ATTR_HIDDEN, found.attributes);
+}
+
 // Everything of a file goes there, to "@eaDir", and comes back, also when it is moved.
 TEST_F(Hfs, RoundTripLosesNothing) {
     HFS_VOLUME(volume);

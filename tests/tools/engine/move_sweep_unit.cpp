@@ -4,11 +4,18 @@
 #include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
 #include "tools/engine/transfer/transfer.h"
 #include "tools/engine/walk/stack_room.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <ostream>
+#include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -36,31 +43,50 @@ bool move(const std::string &source, const std::string &destination) {
     return observer.good;
 }
 
-// `entry` is a file, or a directory with one.
+// What is moved, and whether stores are "._" files; else they lie in "@eaDir".
+struct Kind {
+    const char *name;
+    bool directory, doubles;
+};
+void PrintTo(const Kind &kind, std::ostream *out) {
+    *out << kind.name;
+}
+
+// `entry` is a file, or a directory.
 struct Scene {
-    explicit Scene(bool directory) {
+    explicit Scene(const Kind &kind) : doubles(kind.doubles) {
+        if (doubles) {
+            ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
+        }
         for (const char *name : {"from", "to"}) {
             EXPECT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
-            EXPECT_EQ(0, ::mkdir((scratch / name + "/@eaDir").c_str(), 0777));
+            EXPECT_TRUE(doubles || ::mkdir((scratch / name + "/@eaDir").c_str(), 0777) == 0);
         }
-        if (directory) {
+        if (kind.directory) {
             EXPECT_EQ(0, ::mkdir(source.c_str(), 0755));
         } else {
             kit::writeFile(source, "new");
             kit::writeFile(destination, "old");
             kit::writeFile(storeAt("to", "VexoEAStream"), stream::bytes({{"comment", "old"}}));
-            kit::writeFile(storeAt("to", "VexoResource"), "old resource");
+            if (!doubles) {
+                kit::writeFile(storeAt("to", "VexoResource"), "old resource");
+            }
         }
         kit::writeFile(storeAt("from", "VexoEAStream"), store);
-        kit::writeFile(storeAt("from", "VexoResource"), "resource");
+        if (!doubles) {
+            kit::writeFile(storeAt("from", "VexoResource"), "resource");
+        }
     }
+    ~Scene() { ::unsetenv("VEXOFILEOP_FSTYPES"); }
+    Scene(const Scene &) = delete;
+    Scene &operator=(const Scene &) = delete;
     std::string storeAt(const std::string &place, const std::string &part) const {
-        return scratch / (place + "/@eaDir/entry@" + part);
+        return scratch / (place + (doubles ? "/._entry" : "/@eaDir/entry@" + part));
     }
     static std::string contentOf(const std::string &path) { return kit::exists(path) ? kit::readFile(path) : ""; }
     bool hasStore(const std::string &place) const {
         return contentOf(storeAt(place, "VexoEAStream")) == store &&
-               contentOf(storeAt(place, "VexoResource")) == "resource";
+               (doubles || contentOf(storeAt(place, "VexoResource")) == "resource");
     }
     bool isMoved() const { return !kit::exists(source); }
     // Another file goes into the same directory.
@@ -69,12 +95,13 @@ struct Scene {
         EXPECT_TRUE(move(scratch / "other", scratch / "to/other"));
     }
 
+    const bool doubles;
     kit::ScratchDirectory scratch;
     const std::string source = scratch / "from/entry", destination = scratch / "to/entry";
     const std::string store = stream::bytes({{"comment", "new"}});
 };
 
-class MoveSweep : public ::testing::TestWithParam<bool> {
+class MoveSweep : public ::testing::TestWithParam<Kind> {
   protected:
     void SetUp() override {
         if (::geteuid() != 0) {
@@ -93,8 +120,10 @@ class MoveSweep : public ::testing::TestWithParam<bool> {
         });
     }
 };
-INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep, ::testing::Bool(),
-                         [](const auto &each) { return each.param ? "Directory" : "File"; });
+INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep,
+                         ::testing::Values(Kind{"File", false, false}, Kind{"Directory", true, false},
+                                           Kind{"FileOfDoubles", false, true}, Kind{"DirectoryOfDoubles", true, true}),
+                         [](const auto &each) { return std::string(each.param.name); });
 
 TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
@@ -151,13 +180,66 @@ TEST_P(MoveSweep, StoreOfAnotherEntryOfTheOldNameIsNotTaken) {
         if (!scene.isMoved()) {
             continue;
         }
-        ::mkdir((scene.scratch / "from/@eaDir").c_str(), 0777);
+        EXPECT_TRUE(scene.doubles || ::mkdir((scene.scratch / "from/@eaDir").c_str(), 0777) == 0 || errno == EEXIST);
         kit::writeFile(scene.source, "another");
         const std::string stream = scene.storeAt("from", "VexoEAStream");
         kit::writeFile(stream, "another's");
         scene.comesNext();
         EXPECT_EQ("another's", kit::readFile(stream)) << at;
     }
+}
+
+// Of a move to another volume. From the note on that the source goes until that is gone again: the same command once
+// more finds and removes it, in a directory that it has no other business in.
+TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
+    KIT_NOT_SANITIZED();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const auto carried = [&](const Scene &scene, const std::string &to, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)move(scene.source, to);
+            window.close();
+        });
+    };
+    int number = 0;
+    const auto place = [&] { return volume / ("entry" + std::to_string(++number)); };
+    const auto onlyAttributes = [](const Scene &scene) {
+        EXPECT_TRUE(scene.doubles || ::unlink(scene.storeAt("from", "VexoResource").c_str()) == 0);
+    };
+    const Scene first(GetParam()); // which makes what the others find
+    onlyAttributes(first);
+    ASSERT_TRUE(move(first.source, place()));
+    const Scene whole(GetParam());
+    onlyAttributes(whole);
+    const auto calls = carried(whole, place(), {}).calls;
+    ASSERT_TRUE(whole.isMoved());
+    // The first thing that is taken away at the source, with the note that comes just before it.
+    const auto removal = std::ranges::find_if(calls, [](const auto &call) {
+        return (call.number == SYS_unlinkat || call.number == SYS_rmdir) && call.path.ends_with("entry");
+    });
+    ASSERT_NE(calls.end(), removal);
+    int leftBefore = 0, leftAfter = 0; // the entry itself went
+    constexpr ptrdiff_t before = 8;
+    for (auto at = static_cast<size_t>(removal - calls.begin() - before); at < calls.size() + 2; ++at) {
+        const Scene scene(GetParam());
+        onlyAttributes(scene);
+        const std::string to = place();
+        if (!carried(scene, to, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+            break;
+        }
+        const auto notesLeft = [&] {
+            return std::ranges::count_if(kit::namesIn(scene.scratch / "from"),
+                                         [](const std::string &name) { return name.starts_with(".vexofileop-"); });
+        };
+        (scene.isMoved() ? leftAfter : leftBefore) += notesLeft() > 0 ? 1 : 0;
+        (void)move(scene.source, to);
+        EXPECT_EQ(0, notesLeft()) << at;
+        EXPECT_TRUE(scene.isMoved()) << at;
+        const std::string streams = volume / ("@eaDir/entry" + std::to_string(number) + "@VexoEAStream");
+        EXPECT_EQ(scene.store, Scene::contentOf(streams)) << at;
+    }
+    EXPECT_LT(0, leftBefore);
+    EXPECT_LT(0, leftAfter);
 }
 
 } // namespace

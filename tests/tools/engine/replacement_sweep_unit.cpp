@@ -7,6 +7,7 @@
 #include "tools/engine/transfer/transfer.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,7 +36,10 @@ bool replace(const std::string &source, const std::string &destination) {
     return observer.good;
 }
 
-class ReplacementSweep : public ::testing::Test {
+// Where stores are kept: in "@eaDir", or in "._" files.
+enum class Keeps { streams, doubles };
+
+class ReplacementSweep : public ::testing::TestWithParam<Keeps> {
   protected:
     void SetUp() override {
         if (::geteuid() != 0) {
@@ -47,29 +51,41 @@ class ReplacementSweep : public ::testing::Test {
     }
     struct Scene {
         Scene() {
+            if (doubles) {
+                ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
+            }
             for (const char *name : {"from", "to"}) {
                 EXPECT_EQ(0, ::mkdir((scratch / name).c_str(), 0755));
-                EXPECT_EQ(0, ::mkdir((scratch / name + "/@eaDir").c_str(), 0777));
+                EXPECT_TRUE(doubles || ::mkdir((scratch / name + "/@eaDir").c_str(), 0777) == 0);
             }
             kit::writeFile(source, "new");
             kit::writeFile(sourceStore, stream::bytes({{"comment", "new"}}));
             kit::writeFile(destination, "old");
             kit::writeFile(destinationStore, stream::bytes({{"comment", "old"}, {"other", "old"}}));
-            kit::writeFile(destinationResource, "old resource");
+            if (!doubles) {
+                kit::writeFile(destinationResource, "old resource");
+            }
+        }
+        ~Scene() { ::unsetenv("VEXOFILEOP_FSTYPES"); }
+        Scene(const Scene &) = delete;
+        Scene &operator=(const Scene &) = delete;
+        std::string storeOf(const std::string &place, const std::string &name) const {
+            return scratch / (place + (doubles ? "/._" + name : "/@eaDir/" + name + "@VexoEAStream"));
         }
         bool isOld() const {
             return kit::readFile(destination) == "old" &&
                    kit::readFile(destinationStore) == stream::bytes({{"comment", "old"}, {"other", "old"}}) &&
-                   kit::readFile(destinationResource) == "old resource";
+                   (doubles || kit::readFile(destinationResource) == "old resource");
         }
         bool isNew() const {
             return kit::readFile(destination) == "new" &&
                    kit::readFile(destinationStore) == stream::bytes({{"comment", "new"}}) &&
                    !kit::exists(destinationResource);
         }
+        const bool doubles = GetParam() == Keeps::doubles;
         kit::ScratchDirectory scratch;
-        const std::string source = scratch / "from/file", sourceStore = scratch / "from/@eaDir/file@VexoEAStream",
-                          destination = scratch / "to/file", destinationStore = scratch / "to/@eaDir/file@VexoEAStream",
+        const std::string source = scratch / "from/file", sourceStore = storeOf("from", "file"),
+                          destination = scratch / "to/file", destinationStore = storeOf("to", "file"),
                           destinationResource = scratch / "to/@eaDir/file@VexoResource";
     };
     // Another file goes into the same directory.
@@ -89,7 +105,10 @@ class ReplacementSweep : public ::testing::Test {
     }
 };
 
-TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
+INSTANTIATE_TEST_SUITE_P(Stores, ReplacementSweep, ::testing::Values(Keeps::streams, Keeps::doubles),
+                         [](const auto &each) { return each.param == Keeps::streams ? "Streams" : "Doubles"; });
+
+TEST_P(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
     const size_t calls = callsOf().size();
     ASSERT_LT(50u, calls);
@@ -110,9 +129,12 @@ TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
         EXPECT_TRUE(content == "old" ? scene.isOld() : content == "new") << at;
         comesNext(scene);
         EXPECT_TRUE(content == "old" ? scene.isOld() : scene.isNew()) << at;
-        EXPECT_EQ((std::vector<std::string>{"@eaDir", "file", "other"}), kit::namesIn(scene.scratch / "to")) << at;
-        for (const std::string &name : kit::namesIn(scene.scratch / "to/@eaDir")) {
-            EXPECT_FALSE(name.starts_with(".vexofileop-")) << at << ": " << name;
+        const std::string kept = scene.doubles ? "._file" : "@eaDir";
+        EXPECT_EQ((std::vector<std::string>{kept, "file", "other"}), kit::namesIn(scene.scratch / "to")) << at;
+        if (!scene.doubles) {
+            for (const std::string &name : kit::namesIn(scene.scratch / "to/@eaDir")) {
+                EXPECT_FALSE(name.starts_with(".vexofileop-")) << at << ": " << name;
+            }
         }
         finished += content == "new" ? 1 : 0;
         EXPECT_TRUE(replace(scene.source, scene.destination)) << at;
@@ -121,7 +143,7 @@ TEST_F(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyCome
     EXPECT_LT(3, finished);
 }
 
-TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
+TEST_P(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
     KIT_NOT_SANITIZED();
     const auto calls = callsOf();
     int refused = 0;
@@ -154,7 +176,7 @@ TEST_F(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
 }
 
 // What -n passes over afterwards is whole: what was half done has not got the name.
-TEST_F(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) {
+TEST_P(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) {
     KIT_NOT_SANITIZED();
     const size_t calls = callsOf().size();
     for (size_t at = 0; at < calls; at += 5) {
@@ -168,13 +190,12 @@ TEST_F(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) 
         Silent observer;
         Transfer({.conflict = Conflict::skip}, observer).run(scene.source, fresh);
         EXPECT_EQ("new", kit::readFile(fresh)) << at;
-        EXPECT_EQ(stream::bytes({{"comment", "new"}}), kit::readFile(scene.scratch / "to/@eaDir/fresh@VexoEAStream"))
-            << at;
+        EXPECT_EQ(stream::bytes({{"comment", "new"}}), kit::readFile(scene.storeOf("to", "fresh"))) << at;
     }
 }
 
 // Whoever looks before he renames may see what was not there yet. Each call in turn says so.
-TEST_F(ReplacementSweep, LookThatSawNothingReplacesNothing) {
+TEST_P(ReplacementSweep, LookThatSawNothingReplacesNothing) {
     const auto without_policy = [](const Scene &scene, Operation operation) {
         Silent observer;
         Transfer({.operation = operation}, observer).run(scene.source, scene.destination);

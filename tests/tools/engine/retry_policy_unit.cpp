@@ -8,6 +8,7 @@
 #include "tools/engine/transfer/retry_policy.h"
 #include "tools/engine/transfer/transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
@@ -121,25 +122,27 @@ TEST_F(Retried, RefusedRenamingIsTriedAgain) {
     KIT_NOT_SANITIZED();
     const Scene first;
     const auto calls = carry(first, 1, {}).calls;
-    size_t at = 0;
-    while (at < calls.size() && faults::nameOf(calls[at]).find("rename") == std::string::npos) {
-        ++at;
-    }
-    ASSERT_LT(at, calls.size());
+    const auto renaming = std::ranges::find_if(
+        calls, [](const auto &call) { return faults::nameOf(call).find("rename") != std::string::npos; });
+    ASSERT_NE(calls.end(), renaming);
+    // The first one of its kind, whatever comes before it: how many calls a run makes is no matter here.
+    const auto refusing = [&](int error) {
+        return faults::Plan{
+            .action = faults::Plan::Action::fail, .at = 0, .error = error, .number = renaming->number, .alike = true};
+    };
     for (const int error : {EBUSY, ESTALE, ETIMEDOUT}) {
-        const faults::Plan plan{faults::Plan::Action::fail, at, error, calls[at].number};
+        const faults::Plan plan = refusing(error);
         const Scene without, with;
         const faults::Outcome refused = carry(without, 0, plan);
         EXPECT_TRUE(refused.reached);
-        EXPECT_NE(0, refused.status) << faults::nameOf(calls[at]) << " " << calls[at].path;
+        EXPECT_NE(0, refused.status) << faults::nameOf(*renaming) << " " << renaming->path;
         EXPECT_EQ("old", kit::readFile(without.scratch / "to/file"));
         EXPECT_EQ(0, carry(with, 1, plan).status);
         EXPECT_EQ("new", kit::readFile(with.scratch / "to/file"));
         EXPECT_EQ((std::vector<std::string>{"file"}), kit::namesIn(with.scratch / "to"));
     }
     const Scene lost;
-    const faults::Plan plan{faults::Plan::Action::fail, at, EIO, calls[at].number};
-    EXPECT_NE(0, carry(lost, 5, plan).status); // which does not pass
+    EXPECT_NE(0, carry(lost, 5, refusing(EIO)).status); // which does not pass
     EXPECT_EQ("old", kit::readFile(lost.scratch / "to/file"));
 }
 

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
@@ -349,6 +350,107 @@ TEST_P(ChangedTogether, WhoGivesUpSaysWhy) {
         refused += second.empty() ? 0 : 1;
     }
     EXPECT_LT(3, refused);
+}
+
+Outcome write_in_place(const std::string &source, const std::string &destination) {
+    Silent observer;
+    Transfer({.conflict = Conflict::replace, .inPlace = true}, observer).run(source, destination);
+    return observer.last;
+}
+
+// Two that write into one file, each byte of it: the second waits, for so long.
+TEST(TogetherInPlace, WaitsForWhoWritesAndThenGivesUp) {
+    const kit::ScratchDirectory scratch;
+    kit::writeFile(scratch / "from", "new");
+    kit::writeFile(scratch / "to", "old");
+    const Descriptor other(::open((scratch / "to").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(0, ::flock(other.get(), LOCK_EX));
+    set_lock_patience(20ms);
+    const Outcome refused = write_in_place(scratch / "from", scratch / "to");
+    set_lock_patience(kLockPatience);
+    EXPECT_EQ(Status::failed, refused.status);
+    ASSERT_TRUE(refused.problem);
+    EXPECT_EQ("another process is writing into it, and did not end in time", refused.problem->reason);
+    EXPECT_EQ("old", kit::readFile(scratch / "to"));
+    ASSERT_EQ(0, ::flock(other.get(), LOCK_UN));
+    EXPECT_TRUE(is_good(write_in_place(scratch / "from", scratch / "to")));
+    EXPECT_EQ("new", kit::readFile(scratch / "to"));
+}
+
+// A second one comes at each call of the first, and waits for its end: the file is one of both.
+TEST(TogetherInPlace, FileIsOneOfBoth) {
+    KIT_NOT_SANITIZED();
+    if (const std::string why = faults::unavailable(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    const auto carried = [](const kit::ScratchDirectory &scratch, const faults::Plan &plan) {
+        return faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)write_in_place(scratch / "one", scratch / "to");
+            window.close();
+        });
+    };
+    const auto fill = [](const kit::ScratchDirectory &scratch) {
+        kit::writeFile(scratch / "one", std::string(300'000, '1'));
+        kit::writeFile(scratch / "two", std::string(200'000, '2'));
+        kit::writeFile(scratch / "to", "old");
+    };
+    const kit::ScratchDirectory whole;
+    fill(whole);
+    const size_t calls = carried(whole, {}).calls.size();
+    for (size_t at = 0; at < calls; ++at) {
+        const kit::ScratchDirectory scratch;
+        fill(scratch);
+        pid_t second = -1;
+        const auto meeting = [&] {
+            second = ::fork();
+            if (second == 0) {
+                ::_exit(write_in_place(scratch / "two", scratch / "to").status == Status::done ? 0 : 1);
+            }
+            // It is at its end, or waits for the first.
+            for (int count = 0; count < 20 && ::waitpid(second, nullptr, WNOHANG | WNOWAIT) == 0; ++count) {
+                ::usleep(1000);
+            }
+        };
+        const bool reached =
+            carried(scratch, {.action = faults::Plan::Action::meet, .at = at, .meeting = meeting}).reached;
+        if (second > 0) {
+            ::waitpid(second, nullptr, 0);
+        }
+        const std::string content = kit::readFile(scratch / "to");
+        EXPECT_TRUE(content == std::string(300'000, '1') || content == std::string(200'000, '2')) << at;
+        if (!reached || HasFailure()) {
+            break;
+        }
+    }
+}
+
+// Somebody puts a link in the place of the file just before it is written: nothing is written through it.
+TEST(TogetherInPlace, NoLinkIsFollowed) {
+    KIT_NOT_SANITIZED();
+    if (const std::string why = faults::unavailable(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    size_t calls = 1;
+    for (size_t at = 0; at < calls; ++at) {
+        const kit::ScratchDirectory scratch;
+        kit::writeFile(scratch / "one", "new");
+        kit::writeFile(scratch / "to", "old");
+        kit::writeFile(scratch / "other", "other");
+        const auto meeting = [&] {
+            (void)::unlink((scratch / "to").c_str());
+            (void)::symlink("other", (scratch / "to").c_str());
+        };
+        const faults::Plan plan{.action = faults::Plan::Action::meet, .at = at, .meeting = meeting};
+        const faults::Outcome outcome = faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            (void)write_in_place(scratch / "one", scratch / "to");
+            window.close();
+        });
+        calls = std::max(calls, outcome.calls.size());
+        EXPECT_EQ("other", kit::readFile(scratch / "other")) << at;
+    }
+    EXPECT_LT(20U, calls);
 }
 
 } // namespace

@@ -15,15 +15,30 @@
 namespace engine {
 namespace {
 
-// How DOS attributes, their times and the state of a store are kept, here and by other programs, and what a kernel or a
-// security module gives to a file where it lies.
-constexpr std::string_view kRepresentations[] = {
-    "user.DOSATTRIB",         "user.vexo.filea.flushtime", "user.cifs.dosattrib",
-    "user.cifs.creationtime", "system.dos_attrib",         "system.ntfs_attrib",
-    "system.ntfs_attrib_be",  "system.ntfs_times",         "system.ntfs_times_be",
-    "system.ntfs_crtime",     "system.ntfs_crtime_be",     "security.selinux",
-    "security.evm",           "security.SMACK64",          "security.SMACK64EXEC",
-    "security.SMACK64MMAP",   "security.SMACK64TRANSMUTE"};
+// How DOS attributes, their times and the state of a store are kept, here and by other programs, what a kernel or a
+// security module gives to a file where it lies, and how an NTFS volume keeps the owner, the group, the mode and the
+// device number of an entry.
+constexpr std::string_view kRepresentations[] = {"user.DOSATTRIB",
+                                                 "user.vexo.filea.flushtime",
+                                                 "user.cifs.dosattrib",
+                                                 "user.cifs.creationtime",
+                                                 "system.dos_attrib",
+                                                 "system.ntfs_attrib",
+                                                 "system.ntfs_attrib_be",
+                                                 "system.ntfs_times",
+                                                 "system.ntfs_times_be",
+                                                 "system.ntfs_crtime",
+                                                 "system.ntfs_crtime_be",
+                                                 "security.selinux",
+                                                 "security.evm",
+                                                 "security.SMACK64",
+                                                 "security.SMACK64EXEC",
+                                                 "security.SMACK64MMAP",
+                                                 "security.SMACK64TRANSMUTE",
+                                                 "$LXUID",
+                                                 "$LXGID",
+                                                 "$LXMOD",
+                                                 "$LXDEV"};
 // Settings of a volume, and the form in which XFS shows root the ACLs once more.
 constexpr std::string_view kOfTheVolume[] = {"btrfs.", "trusted.SGI_ACL_"};
 constexpr char kMacFinderInfo[] = "osx.com.apple.FinderInfo";
@@ -46,6 +61,11 @@ std::optional<std::string> grown(const Call &call) {
 }
 
 } // namespace
+
+bool is_representation(std::string_view name) {
+    return std::ranges::find(kRepresentations, name) != std::end(kRepresentations) ||
+           std::ranges::any_of(kOfTheVolume, [&](std::string_view prefix) { return name.starts_with(prefix); });
+}
 
 EntryView::EntryView(const Side &side) : m_side(side) {
     constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
@@ -71,10 +91,8 @@ void EntryView::take_times(const VLIBCStat &before) {
     m_status.createTime = older_of(before.createTime, m_status.createTime);
 }
 
-bool EntryView::is_representation(const std::string &name) const {
-    return std::ranges::find(kRepresentations, name) != std::end(kRepresentations) ||
-           std::ranges::any_of(kOfTheVolume, [&](std::string_view prefix) { return name.starts_with(prefix); }) ||
-           (volume().store == StoreKind::file_ea && name == kMetadataName) ||
+bool EntryView::stands_for_more(const std::string &name) const {
+    return is_representation(name) || (volume().store == StoreKind::file_ea && name == kMetadataName) ||
            (volume().store == StoreKind::native && (name == kFinderInfoName || name == kResourceForkName));
 }
 
@@ -100,7 +118,7 @@ std::vector<std::string> EntryView::all_names() const {
 void EntryView::list() {
     m_names = all_names();
     m_metadata = std::ranges::find(m_names, kMetadataName) != m_names.end();
-    std::erase_if(m_names, [this](const std::string &name) { return is_representation(name); });
+    std::erase_if(m_names, [this](const std::string &name) { return stands_for_more(name); });
     std::ranges::sort(m_names);
 }
 

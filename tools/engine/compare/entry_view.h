@@ -9,9 +9,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace engine {
+
+// Whether an attribute is how a volume keeps something that is compared as what it means, or is none of the entry's
+// own.
+bool is_representation(std::string_view name);
 
 class EntryView {
   public:
@@ -50,7 +55,7 @@ class EntryView {
 
   private:
     std::vector<std::string> all_names() const;
-    bool is_representation(const std::string &name) const;
+    bool stands_for_more(const std::string &name) const;
 
     const Side &m_side;
     VLIBCStat m_status{};

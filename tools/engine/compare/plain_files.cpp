@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/units.h"
 
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,7 +14,7 @@
 namespace engine {
 namespace {
 
-constexpr int64_t kBlock = 512, kDosUnit = 100, kSecond = 1'000'000'000;
+constexpr int64_t kDosUnit = 100; // of the times in a record of DOS attributes
 
 class WorkingDirectory {
   public:
@@ -32,12 +33,8 @@ std::optional<VLIBCStat> plain(const std::string &name) {
     constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
     VLIBCStat found{};
     const bool known = VLIBCFileLStat(name.c_str(), fields, &found) == 0 && S_ISREG(found.st.st_mode) &&
-                       found.st.st_nlink == 1 && found.st.st_blocks * kBlock >= found.st.st_size;
+                       found.st.st_nlink == 1 && found.st.st_blocks * kStatBlock >= found.st.st_size;
     return known ? std::optional(found) : std::nullopt;
-}
-
-bool same_time(const timespec &one, const timespec &other) {
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
 // A record of DOS attributes has its times in units of its own.

@@ -1,6 +1,7 @@
 #include "tools/engine/compare/side.h"
 
 #include "platform/sdk.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <array>
@@ -14,8 +15,6 @@
 
 namespace engine {
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 struct GrainRow {
     uint32_t magic;

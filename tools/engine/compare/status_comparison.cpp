@@ -1,5 +1,6 @@
 // What the status of two entries tells: owners, times, DOS attributes.
 #include "tools/engine/compare/findings.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,8 +12,7 @@
 namespace engine {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kDosUnit = 100; // of creation times
+constexpr int64_t kCreationUnit = 100;
 
 struct Flag {
     uint32_t bit;
@@ -106,7 +106,7 @@ void compare_times(const EntryView &one, const EntryView &other, Findings &findi
     }
     const bool keeps = S_ISREG(first.st_mode) || S_ISDIR(first.st_mode);
     const timespec created = one.status().createTime, there = kept_creation(other);
-    if (keeps && !within(created, there, std::max(grain, kDosUnit)) && !is_guess(one)) {
+    if (keeps && !within(created, there, std::max(grain, kCreationUnit)) && !is_guess(one)) {
         findings.add(LossClass::creation_time,
                      fmt::format("creation time differs: {} and {}", time_text(created), time_text(there)));
     }

@@ -1,16 +1,11 @@
 #include "tools/engine/compare/witness.h"
 
+#include "tools/engine/walk/units.h"
+
 #include <cerrno>
 #include <fcntl.h>
 
 namespace engine {
-namespace {
-
-bool same_time(const timespec &one, const timespec &other) {
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
-
-} // namespace
 
 std::optional<Witness> Witness::of(int fd) {
     struct stat found {};

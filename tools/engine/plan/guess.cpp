@@ -4,6 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_contents.h"
+#include "tools/engine/walk/units.h"
 
 #include <cerrno>
 #include <fmt/format.h>
@@ -13,8 +14,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 class Guess {
   public:
@@ -87,10 +86,10 @@ class Guess {
     }
     void guess_status(const EntryView &entry) {
         constexpr uint32_t kept = VLIBC_ATTR_HIDDEN | VLIBC_ATTR_SYSTEM;
-        if (keeps("user.vexofileop.none") || volume_traits(m_volume.type).fatNames) {
+        if (keeps("user.vexofileop.none")) {
             return;
         }
-        if ((entry.status().attributes & kept) != 0) {
+        if ((entry.status().attributes & kept) != 0 && !volume_traits(m_volume.type).fatNames) {
             lose(LossClass::dos_attributes, "the volume keeps no DOS attributes");
         }
         lose(LossClass::creation_time, "the volume keeps no creation time that can be set");

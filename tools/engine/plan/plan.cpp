@@ -3,6 +3,8 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/plan/destination.h"
+#include "tools/engine/report/codes.h"
+#include "tools/engine/plan/store_room.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
@@ -36,14 +38,7 @@
 namespace engine {
 namespace {
 
-constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kIsDirectory = 0xA200,
-                   kExists = 0xA300;
 constexpr int kMostHeld = 6;
-
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
-}
 
 Problem just_written(const char *what) {
     return {fmt::format("the destination was just written by this command; not {}", what), kExists};
@@ -56,6 +51,7 @@ class Planner::Walk {
     // Where the first name of a file goes; what stands there already, of one that is the same.
     struct PlannedLink {
         const UsedRoom *room;
+        uint32_t project = 0;
         ino_t there = 0;
         bool alone = false; // no other name becomes a link to it
     };
@@ -88,6 +84,10 @@ class Planner::Walk {
     Destination &destination_of(const std::string &path);
     bool may_make_in(const Destination &to, PlannedEntry &planned, int &number);
 
+    static bool may_be_renamed(const Source &source, const Destination &to) {
+        return to.volume->project == 0 || project_of(source.in.fd(), source.name.c_str()) == to.volume->project;
+    }
+
     // A directory with what is to become of it.
     struct Opened {
         PlannedEntry planned = {};
@@ -113,9 +113,11 @@ class Planner::Walk {
     std::optional<Problem> backup_refusal(const struct stat &entry, Destination &to, const std::string &name,
                                           PlannedEntry &planned);
     std::optional<Problem> choose_free_name(const Destination &to, std::string &name) const;
-    void take_room(AskedVolume &volume, const Source &source, const struct stat &found, const struct stat *old,
-                   PlannedEntry &planned);
-    static Room room_of_store(const Source &source, int64_t block);
+    static int64_t name_bytes(Destination &to, int64_t bytes);
+    static Room store_room(Destination &to, const Source &source, const struct stat &found);
+    static void take_room(Destination &to, const Source &source, const struct stat &found, const struct stat *old,
+                          PlannedEntry &planned);
+    static int refusal_of(const AskedVolume &volume, const Room &needed);
     void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned);
 
     const PlanOptions &m_options;
@@ -375,7 +377,7 @@ bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opene
     for (Loss &loss : rehearsal.losses_of(source.side(), opened.found, there ? &merged : nullptr)) {
         planned.losses.push_back(std::move(loss));
     }
-    take_room(*to.volume, source, opened.found, there ? &*there : nullptr, planned);
+    take_room(to, source, opened.found, there ? &*there : nullptr, planned);
     return planned.deed != Deed::fail || tell(std::move(planned));
 }
 
@@ -398,7 +400,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     }, target{};
     const bool oneVolume = ::fstat(from.fd(), &top) == 0 && to.is_there() && ::fstat(to.there.fd(), &target) == 0 &&
                            top.st_dev == target.st_dev && source.in.device() == target.st_dev &&
-                           from.type() == to.there.type();
+                           from.type() == to.there.type() && may_be_renamed(source, to);
     if (moves() && !opened.there && oneVolume && m_selection.takes_everything()) {
         planned.deed = Deed::rename;
         return tell(std::move(planned));
@@ -478,14 +480,22 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
                             Destination &to, std::string &name, PlannedEntry &planned, bool &done) {
     Rehearsal &rehearsal = *to.volume->rehearsal;
     const auto there = to.is_there() ? to.there.look(name) : std::nullopt;
-    const auto through = to.is_there() && !asItIs ? to.there.look_through(name) : there;
     const auto known = to.planned.find(rehearsal.key_of(name));
     const bool written = known != to.planned.end();
     if (!there && !written) {
         return true;
     }
-    const bool itself = there && (same(entry, there) || same(content, through));
     const Conflict conflict = m_transfer.conflict;
+    const FileAttempt attempt{.source = source.path,
+                              .destination = planned.destination,
+                              .from = source.in,
+                              .to = to.there,
+                              .sourceName = source.name,
+                              .name = name,
+                              .entry = entry,
+                              .content = content,
+                              .asItIs = asItIs};
+    const bool itself = there && is_one_entry(attempt, *there, m_transfer);
     done = true;
     if (conflict == Conflict::keep_both && !(itself && moves())) {
         const auto problem = choose_free_name(to, name);
@@ -522,6 +532,11 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     }
     if (written) {
         return fail(planned, just_written("replaced"));
+    }
+    // As a run that was stopped has left it. The content is for the run to read.
+    if (there && m_backups.wanted() && conflict != Conflict::update &&
+        is_same(source, entry, content, to, name, planned)) {
+        return tell(planned) || moves();
     }
     if (there && m_backups.wanted()) {
         if (auto refusal = backup_refusal(entry, to, name, planned)) {
@@ -594,7 +609,6 @@ bool Planner::Walk::is_same(const Source &source, const struct stat &entry, cons
 // As the library numbers names.
 std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, std::string &name) const {
     constexpr int last = 98;
-    constexpr uint32_t kNoFreeName = 0x0800;
     const size_t dot = name.rfind('.');
     const bool extension = dot != std::string::npos && dot != 0;
     const std::string stem = extension ? name.substr(0, dot) : name, rest = extension ? name.substr(dot) : "";
@@ -616,12 +630,13 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
     if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
         return;
     }
-    const auto [known, isNew] = m_linked.try_emplace({found.st_dev, found.st_ino}, PlannedLink{volume.room});
+    const auto [known, isNew] =
+        m_linked.try_emplace({found.st_dev, found.st_ino}, PlannedLink{volume.room, volume.project});
     const auto entry = source.in.look(source.name);
     const bool alone = gets_into_the_file(source.in, source.name, volume.rehearsal->volume().type);
     planned.linked = !isNew && !alone && !known->second.alone && m_transfer.hardLinks &&
-                     known->second.room == volume.room && volume.rehearsal->keeps_hard_links() && entry &&
-                     S_ISREG(entry->st_mode);
+                     known->second.room == volume.room && known->second.project == volume.project &&
+                     volume.rehearsal->keeps_hard_links() && entry && S_ISREG(entry->st_mode);
     known->second.alone = alone; // a later name is linked to the last one
     if (isNew || planned.linked) {
         return;
@@ -643,7 +658,8 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         return false;
     }
     const bool oneVolume = to.is_there() && source.in.device() == to.there.device() &&
-                           found.st_dev == to.there.device() && source.in.type() == to.there.type();
+                           found.st_dev == to.there.device() && source.in.type() == to.there.type() &&
+                           may_be_renamed(source, to);
     if (planned.deed == Deed::replace && old && S_ISREG(old->st_mode)) {
         planned.inPlace = !asItIs && !(moves() && oneVolume) &&
                           ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
@@ -683,7 +699,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     if (data && m_clones.insists() && !m_clones.can(source.in, volume.directory)) {
         return fail(std::move(planned), {kNotCloned});
     }
-    take_room(volume, source, found, old ? &*old : nullptr, planned);
+    take_room(to, source, found, old ? &*old : nullptr, planned);
     if (planned.deed == Deed::fail) {
         return tell(std::move(planned));
     }
@@ -691,56 +707,94 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     return tell(std::move(planned));
 }
 
-// What is replaced goes when the copy stands, and gives its room back then. A file for which there is no room fails.
-void Planner::Walk::take_room(AskedVolume &volume, const Source &source, const struct stat &found,
-                              const struct stat *old, PlannedEntry &planned) {
-    UsedRoom &room = *volume.room;
-    const FreeRoom &free = room.free;
-    constexpr int64_t block = 512;
-    Room needed = room_of_store(source, free.block);
-    if (S_ISREG(found.st_mode) && !planned.cloned && !planned.linked) {
-        needed.bytes += bytes_for(found, free.block, volume.rehearsal->keeps_holes());
-    } else if (S_ISDIR(found.st_mode) && old == nullptr) {
-        needed.bytes += free.block;
+// What its name takes in the directory that it goes to: none is filled to more than two thirds.
+int64_t Planner::Walk::name_bytes(Destination &to, int64_t bytes) {
+    const Rehearsal &rehearsal = *to.volume->rehearsal;
+    const int64_t block = rehearsal.room().block;
+    if (rehearsal.directory_bytes() < block) {
+        return 0; // kept elsewhere
     }
-    needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
-    const auto lacks = [](const std::optional<int64_t> &there, int64_t wanted) { return there && wanted > *there; };
-    const Room most{room.now.bytes + needed.bytes, room.now.inodes + needed.inodes};
-    room.most.bytes = std::max(room.most.bytes, most.bytes);
-    room.most.inodes = std::max(room.most.inodes, most.inodes);
-    const bool full = lacks(free.bytes, most.bytes) || lacks(free.inodes, most.inodes);
-    if (full || lacks(free.quotaBytes, most.bytes) || lacks(free.quotaInodes, most.inodes)) {
+    const auto blocks = [block](int64_t names) { return std::max<int64_t>(names * 3 / 2 / block, 1); };
+    const int64_t before = blocks(to.names);
+    to.names += bytes;
+    return (blocks(to.names) - before) * block;
+}
+
+// The room of what is kept for it, with the "@eaDir" that is made for that.
+Room Planner::Walk::store_room(Destination &to, const Source &source, const struct stat &found) {
+    const Rehearsal &rehearsal = *to.volume->rehearsal;
+    StoreRoom store = room_of_store(source.side(), rehearsal, S_ISDIR(found.st_mode));
+    if (!to.hasStore) {
+        to.hasStore = to.is_there() && to.there.look("@eaDir");
+    }
+    const int made = (store.directory && !*to.hasStore ? 1 : 0) + (store.empty ? 1 : 0);
+    to.hasStore = *to.hasStore || store.directory;
+    store.room.bytes += made * rehearsal.directory_bytes() + name_bytes(to, store.names);
+    store.room.inodes += made;
+    return store.room;
+}
+
+// What is replaced goes when the copy stands, and gives its room back then, unless it is written into. A file for which
+// there is no room fails.
+void Planner::Walk::take_room(Destination &to, const Source &source, const struct stat &found, const struct stat *old,
+                              PlannedEntry &planned) {
+    AskedVolume &volume = *to.volume;
+    const int64_t size = volume.rehearsal->room().block;
+    constexpr int64_t block = 512;
+    const int64_t data = S_ISREG(found.st_mode) && !planned.cloned && !planned.linked
+                             ? bytes_for(source.side(), found, size, volume.rehearsal->keeps_holes())
+                             : 0;
+    const bool replaces = old != nullptr && !S_ISDIR(old->st_mode);
+    const int64_t there = replaces ? old->st_blocks * block : 0;
+    Room needed = store_room(to, source, found), back;
+    needed.bytes += planned.linked ? 0 : volume.rehearsal->taken();
+    if (planned.inPlace) {
+        needed.bytes += std::max<int64_t>(data - there, 0);
+        back.bytes = std::max<int64_t>(there - data, 0);
+    } else {
+        needed.bytes += data;
+        needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
+        constexpr int64_t record = 8, unit = 4;
+        needed.bytes +=
+            old == nullptr
+                ? name_bytes(to, record + (static_cast<int64_t>(source.name.size()) + unit - 1) / unit * unit)
+                : 0;
+    }
+    if (replaces && !planned.inPlace && old->st_nlink < 2 && planned.backup.empty()) {
+        back = {there, 1};
+    }
+    if (replaces && planned.backup.empty()) {
+        const Room store = room_of_parts(to.there.side_now(base_name(planned.destination)), size);
+        back.bytes += store.bytes;
+        back.inodes += store.inodes;
+    }
+    if (const int number = refusal_of(volume, needed); number != 0) {
+        const std::optional<int64_t> &free = volume.room->free.bytes;
+        const bool inodes = number == ENOSPC && !(free && volume.room->now.bytes + needed.bytes > *free);
         planned.deed = Deed::fail;
-        planned.problem = !full                           ? problem_of_errno(EDQUOT)
-                          : lacks(free.bytes, most.bytes) ? problem_of_errno(ENOSPC)
-                                                          : problem_of_no_inode();
+        planned.problem = inodes ? problem_of_no_inode() : problem_of_errno(number);
         planned.losses.clear();
         return;
     }
-    room.now = most;
-    if (old != nullptr && !S_ISDIR(old->st_mode) && old->st_nlink < 2 && planned.backup.empty()) {
-        room.now.bytes -= old->st_blocks * block;
-        room.now.inodes -= 1;
+    const auto take = [&](UsedRoom &room) {
+        room.now.bytes += needed.bytes - back.bytes;
+        room.now.inodes += needed.inodes - back.inodes;
+    };
+    take(*volume.room);
+    for (const auto &[room, number] : volume.quotas) {
+        take(*room);
     }
 }
 
-// Long names of what a store consists of are shortened; those are not many.
-Room Planner::Walk::room_of_store(const Source &source, int64_t block) {
-    Room room;
-    const bool beside = source.facts.store == StoreKind::apple_double;
-    if (source.facts.noDirectory && !beside) {
-        return room;
-    }
-    for (const std::string &part :
-         {"@eaDir/" + source.name + "@VexoEAStream", "@eaDir/" + source.name + "@VexoResource", "._" + source.name}) {
-        struct stat found {};
-        if ((beside || part.front() == '@') &&
-            ::fstatat(source.in.fd(), part.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(found.st_mode)) {
-            room.bytes += bytes_for(found, block, false);
-            room.inodes += 1;
+// The errno of who wants as much more; 0: there is room.
+int Planner::Walk::refusal_of(const AskedVolume &volume, const Room &needed) {
+    int number = volume.room->has(needed) ? 0 : ENOSPC;
+    for (const auto &[room, refusal] : volume.quotas) {
+        if (!room->has(needed) && number == 0) {
+            number = refusal;
         }
     }
-    return room;
+    return number;
 }
 
 bool Planner::Walk::begin_way(const std::string &base, const std::string &top) {
@@ -832,15 +886,14 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
     const Source behind{parent, parent.is_open() ? base_name(real.get()) : "", path, facts};
     const Source &taken = parent.is_open() ? behind : source;
     auto opened = std::make_unique<Opened>();
-    UsedRoom &room = *above.inner.volume->room;
-    const Room before = room.now;
+    const RoomsBefore before(*above.inner.volume);
     if (!open_directory_of(taken, above.inner, name, *opened, true) || !merge_directory(taken, above.inner, *opened)) {
         return false;
     }
     if (m_told.insert(opened->inner.path).second) {
         m_observer.entry(opened->planned);
     } else {
-        room.now = before; // counted when the way led there first
+        before.put_back(); // counted when the way led there first
     }
     opened->planned.source = path;
     m_way.push_back(std::move(opened));
@@ -879,6 +932,12 @@ const std::vector<VolumePlan> &Planner::Walk::volumes() {
     m_volumes.clear();
     for (const auto &[device, room] : m_asked.rooms()) {
         m_volumes.push_back({room.directory, room.most, room.free, room.probed});
+    }
+    for (const auto &[project, room] : m_asked.projects()) {
+        FreeRoom left;
+        left.quotaBytes = room.free.bytes;
+        left.quotaInodes = room.free.inodes;
+        m_volumes.push_back({room.directory, room.most, left, room.probed, project});
     }
     return m_volumes;
 }

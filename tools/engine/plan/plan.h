@@ -53,12 +53,13 @@ class PlanObserver : public Observer {
     virtual void entry(const PlannedEntry &planned) = 0;
 };
 
-// On one volume of a destination.
+// On one volume of a destination, or in one project there.
 struct VolumePlan {
     std::string directory; // the one that was asked
     Room needed = {};      // at most at one time
     FreeRoom free = {};
     bool probed = false;
+    uint32_t project = 0; // other than 0: of the directory's project, for its quota alone
 };
 
 struct PlanOptions {

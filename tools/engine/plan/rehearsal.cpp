@@ -3,6 +3,7 @@
 #include "copy/copy.h"
 #include "platform/core.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
@@ -13,9 +14,11 @@
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -28,10 +31,7 @@
 namespace engine {
 namespace {
 
-constexpr mode_t kModeBits = 07777;
-
 constexpr char kEntry[] = "entry", kNames[] = "names";
-constexpr int64_t kBlock = 512;
 // Between these all volumes that keep a time at all keep it.
 constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
 
@@ -56,6 +56,19 @@ mode_t bits_lost_with_owner(int copy, const struct stat &source) {
     }
     return S_ISUID | ((source.st_mode & S_IXGRP) != 0 ? mode_t{S_ISGID} : 0);
 }
+
+// Puts a number back, or what it is to be.
+class KeepTaken {
+  public:
+    KeepTaken(int64_t &number, int64_t wanted) : m_number(number), m_wanted(wanted) {}
+    KeepTaken(const KeepTaken &) = delete;
+    KeepTaken &operator=(const KeepTaken &) = delete;
+    ~KeepTaken() { m_number = m_wanted; }
+
+  private:
+    int64_t &m_number;
+    int64_t m_wanted;
+};
 
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
@@ -88,22 +101,26 @@ void Rehearsal::find_out() {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
         m_keepsHardLinks = volume_traits(m_volume.type).links;
         m_folds = volume_traits(m_volume.type).fatNames;
+        m_directoryBytes = m_room.block;
         return;
     }
     const int place = m_place->fd();
+    struct stat directory {};
+    m_directoryBytes = ::fstat(place, &directory) == 0 ? directory.st_blocks * kStatBlock : m_room.block;
     const Descriptor file(::openat(place, "Aa", O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     struct stat found {};
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
-                   ::fstat(file.get(), &found) == 0 && found.st_blocks * kBlock < far;
+                   ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
     m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
     (void)::unlinkat(place, "linked", 0);
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
     VLIBCStat kept{};
+    m_setsCreation = VLIBCFileUTime(path_of(place, "Aa").c_str(), 3, all) == 0;
     m_keepsTimes =
-        VLIBCFileUTime(path_of(place, "Aa").c_str(), 3, all) == 0 &&
+        m_setsCreation &&
         VLIBCFileLStat(path_of(place, "Aa").c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &kept) == 0 &&
         kept.st.st_mtim.tv_sec == past.tv_sec && kept.createTime.tv_sec == past.tv_sec;
     (void)::unlinkat(place, "Aa", 0);
@@ -111,6 +128,7 @@ void Rehearsal::find_out() {
 
 std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &found, const Side *merged) {
     std::vector<Loss> losses;
+    m_taken = 0;
     if (S_ISLNK(found.st_mode)) {
         return losses_of_link(source, found);
     }
@@ -119,15 +137,21 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     }
     if (!probes()) {
         losses = guess_losses(source, m_directory, m_volume, takes_stores(source));
+        m_taken = S_ISDIR(found.st_mode) ? m_directoryBytes : 0;
     } else if (const std::string key = merged == nullptr ? signature(source, found) : ""; key.empty()) {
         losses = rehearse(source, found, merged);
     } else if (const auto known = m_known.find(key); known != m_known.end()) {
-        losses = known->second;
+        losses = known->second.losses;
+        m_taken = known->second.taken;
     } else {
         losses = rehearse(source, found, merged);
-        m_known.emplace(key, losses);
+        m_known.emplace(key, Known{losses, m_taken});
     }
+    const KeepTaken keep(m_taken, merged == nullptr ? m_taken : 0); // what is kept for it is rehearsed, too
     add_holes(source, found, losses);
+    if (merged != nullptr && probes()) {
+        keep_creation(source, *merged, losses);
+    }
     if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
@@ -198,6 +222,19 @@ void Rehearsal::dress_as(const Side &merged) const {
     }
 }
 
+// Where nobody can set a creation time a directory that is merged into keeps its own.
+void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
+    if (m_setsCreation || !m_volume.creationTimes) {
+        return;
+    }
+    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::creation_time; });
+    const CompareOptions options{};
+    Findings findings{options};
+    findings.attempt("creation time", [&] { compare_times(EntryView(source), EntryView(merged), findings); });
+    std::ranges::copy_if(findings.losses, std::back_inserter(losses),
+                         [](const Loss &loss) { return loss.cls != LossClass::modification_time; });
+}
+
 // Whether a copy can have a store.
 bool Rehearsal::takes_stores(const Side &source) const {
     switch (m_volume.store) {
@@ -238,6 +275,8 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
             losses.push_back(std::move(loss));
         }
     }
+    struct stat made {};
+    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
     (void)remove_left_over(m_place->fd(), kEntry);
     return losses;
 }
@@ -250,7 +289,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
         return losses;
     }
     for (const std::string &name : attribute_names(source.path())) {
-        if (name != "security.selinux") {
+        if (!is_representation(name)) {
             losses.push_back(
                 {LossClass::system_attribute, fmt::format("attribute {}: only at the first", displayed(name))});
         }
@@ -261,7 +300,8 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (probes()) {
         const int place = m_place->fd();
         (void)remove_left_over(place, kEntry);
-        if (::symlinkat("nowhere", place, kEntry) != 0) {
+        const std::string target(std::clamp<size_t>(static_cast<size_t>(found.st_size), 1, PATH_MAX - 1), 'x');
+        if (::symlinkat(target.c_str(), place, kEntry) != 0) {
             losses.push_back({LossClass::symbolic_link, std::strerror(errno)});
             return losses;
         }
@@ -271,6 +311,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
             user = made.st_uid;
             group = made.st_gid;
         }
+        m_taken = ::fstatat(place, kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
     } else if (::geteuid() != 0) {
         user = ::geteuid();
         group = user == found.st_uid ? group : ::getegid();
@@ -309,7 +350,7 @@ std::vector<Loss> Rehearsal::losses_of_special(const Side &source, const struct 
 }
 
 void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const {
-    if (!S_ISREG(found.st_mode) || found.st_blocks * kBlock >= found.st_size) {
+    if (!S_ISREG(found.st_mode) || found.st_blocks * kStatBlock >= found.st_size) {
         return;
     }
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;

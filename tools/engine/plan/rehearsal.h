@@ -28,11 +28,18 @@ class Rehearsal {
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
     bool keeps_holes() const { return m_keepsHoles; }
+    int64_t directory_bytes() const { return m_directoryBytes; } // of an empty one
     bool keeps_hard_links() const { return m_keepsHardLinks; }
     const VolumeFacts &volume() const { return m_volume; }
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
     std::vector<Loss> losses_of(const Side &source, const struct stat &found, const Side *merged = nullptr);
+    // What the copy of the last one that was asked for takes beside its data and its store: a directory's blocks, those
+    // of attributes, of a link's target.
+    int64_t taken() const { return m_taken; }
+    // Whether a copy can have a store, and what is kept for it in a directory of its own.
+    bool takes_stores(const Side &source) const;
+    bool takes_kept() const { return m_volume.store != StoreKind::none && can_make_stores(); }
     // The class that keeps a name from being used for an entry of this type; nothing: the volume takes it.
     std::optional<Loss> refusal_of(const std::string &name, mode_t type);
     // Adds a change of name where the volume keeps an entry of this one under another.
@@ -44,12 +51,12 @@ class Rehearsal {
     bool make(const struct stat &found, std::vector<Loss> &losses);
     void dress(const Side &source, const VLIBCStat &status, bool file) const;
     void dress_as(const Side &merged) const;
+    void keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged, bool plain = false);
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
     std::string signature(const Side &source, const struct stat &found) const;
-    bool takes_stores(const Side &source) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
     void add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
@@ -65,11 +72,16 @@ class Rehearsal {
     VolumeFacts m_volume;
     FreeRoom m_room;
     std::unique_ptr<ScratchPlace> m_place;
-    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_folds = false;
+    bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
-    std::map<std::string, std::string> m_keys;        // of names in one letter case
-    std::map<ino_t, std::string> m_inodes;            // what was first made as each
-    std::map<std::string, std::vector<Loss>> m_known; // by what is the same of many entries
+    std::map<std::string, std::string> m_keys; // of names in one letter case
+    std::map<ino_t, std::string> m_inodes;     // what was first made as each
+    struct Known {
+        std::vector<Loss> losses;
+        int64_t taken;
+    };
+    std::map<std::string, Known> m_known; // by what is the same of many entries
+    int64_t m_taken = 0, m_directoryBytes = 0;
 };
 
 } // namespace engine

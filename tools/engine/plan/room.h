@@ -1,9 +1,12 @@
 // What a plan needs on a volume, and what is free there.
 #pragma once
 
+#include "tools/engine/compare/side.h"
+
 #include <cstdint>
 #include <optional>
 #include <sys/stat.h>
+#include <vector>
 
 namespace engine {
 
@@ -22,7 +25,26 @@ struct FreeRoom {
 // Of the volume of an open directory (O_PATH too), for this user.
 FreeRoom free_room(int directory);
 
+constexpr int kProjectQuota = 2; // beside USRQUOTA and GRPQUOTA, which older headers have alone
+
+// One that binds this user in a directory: its own, that of the group which new entries get, or that of the directory's
+// project.
+struct Quota {
+    int kind;
+    uint32_t id;
+    std::optional<int64_t> bytes, inodes; // what it leaves
+    int refusal;                          // the errno of who wants more
+};
+
+std::vector<Quota> quotas_in(int directory);
+
+// The project that new entries of an open directory belong to, and none but its own entries are renamed or linked into
+// it; 0: there is no such rule.
+uint32_t heir_project(int directory);
+// That of an entry itself. 0 where there are no projects.
+uint32_t project_of(int directory, const char *name);
+
 // Bytes that a copy of a file takes: its data alone where the volume keeps holes.
-int64_t bytes_for(const struct stat &file, int64_t block, bool keepsHoles);
+int64_t bytes_for(const Side &source, const struct stat &file, int64_t block, bool keepsHoles);
 
 } // namespace engine

@@ -1,19 +1,13 @@
 #include "tools/engine/plan/scratch_place.h"
 
 #include "tools/engine/walk/private_name.h"
+#include "tools/engine/walk/units.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace engine {
-namespace {
-
-bool same_time(const timespec &one, const timespec &other) {
-    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
-
-} // namespace
 
 std::unique_ptr<ScratchPlace> ScratchPlace::in(int directory) {
     Descriptor above(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

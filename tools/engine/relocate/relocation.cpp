@@ -298,7 +298,8 @@ void Relocating::discard(RelocationEnd end, const Problem &problem) {
 
 bool Relocating::copy_tree() {
     Staging staging(m_observer);
-    Transfer({.links = true, .trees = true, .countsAlone = true, .compared = false}, staging)
+    Transfer({.links = true, .specials = m_request.specials, .trees = true, .countsAlone = true, .compared = false},
+             staging)
         .run(m_request.source, m_place.inside(kCopyName));
     m_observer.copied();
     if (staging.failed || m_observer.stopped()) {

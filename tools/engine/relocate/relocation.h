@@ -16,6 +16,7 @@ struct RelocationRequest {
     std::string source, destination; // absolute; the destination is the new path itself
     bool keepSource = false;
     LossSet accepted = {}; // what may be lost: the source goes all the same
+    bool specials = false; // pipes, devices and sockets are made anew; else they are lost
 };
 
 // What a relocation is going to do, for whoever has to agree to it.

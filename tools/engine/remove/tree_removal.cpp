@@ -66,6 +66,16 @@ bool may_keep(const std::vector<Entry> &entries, int type) {
     });
 }
 
+// Whether an entry, or the open directory itself where the name is empty, has the flag "immutable" or "append only",
+// for which nobody removes it, nor anything in it.
+bool may_not_change(int directory, const std::string &name) {
+    struct statx found {};
+    constexpr uint64_t flags = STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
+    return ::statx(directory, name.c_str(), AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE,
+                   &found) == 0 &&
+           (found.stx_attributes & found.stx_attributes_mask & flags) != 0;
+}
+
 // What the kernel says of an entry that is no longer of the kind that it was listed as.
 Problem problem_of_entry(int number) {
     const bool another = number == ENOTDIR || number == ELOOP || number == EISDIR;
@@ -382,7 +392,8 @@ bool TreeRemoval::remove_unread(const Entry &entry) {
     if (!confirmed(S_IFDIR, RemovalQuestion::entry)) {
         return true; // said so
     }
-    if (!m_options.rehearsal && ::unlinkat(m_way.lowest(), entry.name.c_str(), AT_REMOVEDIR) != 0) {
+    if (!(m_options.rehearsal ? would_go(m_way.size() - 1, entry.name)
+                              : ::unlinkat(m_way.lowest(), entry.name.c_str(), AT_REMOVEDIR) == 0)) {
         return false;
     }
     gone(entry.name, S_IFDIR);
@@ -437,8 +448,10 @@ void TreeRemoval::leave() {
 // The directory itself, once nothing of its own is in it.
 TreeRemoval::Finished TreeRemoval::finish() {
     Level &emptied = m_levels.back();
-    if (m_options.rehearsal || ::unlinkat(m_way.fd(m_way.size() - 2), emptied.name.c_str(), AT_REMOVEDIR) == 0 ||
-        errno == ENOENT) {
+    const bool went = m_options.rehearsal
+                          ? would_go(m_way.size() - 2, emptied.name)
+                          : ::unlinkat(m_way.fd(m_way.size() - 2), emptied.name.c_str(), AT_REMOVEDIR) == 0;
+    if (went || errno == ENOENT) {
         return Finished::removed;
     }
     const int number = errno;
@@ -487,7 +500,8 @@ void TreeRemoval::unlink(const Entry &entry) {
         keep(entry);
         return;
     }
-    const int result = m_options.rehearsal ? 0 : ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
+    const bool would = m_options.rehearsal && would_go(m_way.size() - 1, entry.name);
+    const int result = would ? 0 : m_options.rehearsal ? -1 : ::unlinkat(m_way.lowest(), entry.name.c_str(), 0);
     if (result != 0 && errno == ENOENT && !is_asked_for()) {
         return; // by somebody else, meanwhile
     }
@@ -640,6 +654,18 @@ bool TreeRemoval::confirmed(mode_t mode, RemovalQuestion question) {
     level.complete = false;
     m_observer.entry(m_path, mode, Status::skipped, nullptr);
     return false;
+}
+
+// What a removal would be refused for can be told of flags, rights and mounted volumes; errno is the kernel's then.
+bool TreeRemoval::would_go(size_t level, const std::string &name) {
+    const int directory = m_way.fd(level);
+    int &closed = m_levels[level].closed;
+    if (closed < 0) {
+        const bool flagged = may_not_change(directory, "");
+        closed = flagged ? EPERM : ::faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) == 0 ? 0 : errno;
+    }
+    errno = closed != 0 ? closed : EPERM;
+    return closed == 0 && !may_not_change(directory, name);
 }
 
 void TreeRemoval::failed(mode_t mode, const Problem &problem) {

@@ -27,7 +27,7 @@ struct RemovalOptions {
     bool emptyDirectories = false; // directories too that hold nothing but what belongs to nobody any more
     bool force = false;            // what does not exist is no failure
     bool mountsStay = false;       // a volume that is mounted in the tree stays, with the directories around it
-    bool rehearsal = false;        // nothing is removed: told is what would be
+    bool rehearsal = false;        // nothing is removed: told is what would be, as far as flags and rights tell
     bool kept = false;             // what is no directory is given to the observer to keep instead
     bool keptBeside = false;       // in its own directory, which stays for that
 };
@@ -77,6 +77,7 @@ class TreeRemoval {
         std::vector<Entry> entries = {};
         size_t next = 0;
         size_t directories = 0; // among those that are left, as they were listed
+        int closed = -1;        // of a rehearsal: the errno that nothing may be taken out of it for, 0; not asked yet
         Crew::Group given = 0;  // directories that others remove
 
         void list(std::vector<Entry> listed);
@@ -112,6 +113,7 @@ class TreeRemoval {
     void remove_rest(const std::string &name);
     int type_of_directory() const;
     bool confirmed(mode_t mode, RemovalQuestion question);
+    bool would_go(size_t level, const std::string &name);
     void failed(mode_t mode, const Problem &problem);
 
     RemovalOptions m_options;

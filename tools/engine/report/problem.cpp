@@ -1,5 +1,6 @@
 #include "tools/engine/report/problem.h"
 
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
 
 #include <cerrno>
@@ -11,7 +12,6 @@ namespace engine {
 namespace {
 
 constexpr char kNoInode[] = "no inode left on the volume, which has room but takes no more files";
-constexpr uint32_t kNoSpace = 0x2900, kMissing = 0x0700, kOther = 0x8000, kExists = 0xA300;
 
 struct ErrnoCode {
     int number;
@@ -76,6 +76,11 @@ void name_what_is_full(Problem &problem, const std::string &place) {
     if (result == 0 && lacks_inodes(volume)) {
         problem.reason = kNoInode;
     }
+}
+
+Problem of_source(Problem problem) {
+    problem.withSource = true;
+    return problem;
 }
 
 Problem problem_of_directory() {

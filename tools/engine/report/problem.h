@@ -26,6 +26,8 @@ Problem problem_of_no_inode();
 bool lacks_inodes(int directory);
 // Says so of what failed for want of room, by the path of what was to be made; anything else stays as it is.
 void name_what_is_full(Problem &problem, const std::string &place);
+// The same, as one of the source.
+Problem of_source(Problem problem);
 // A directory that the request does not reach into.
 Problem problem_of_directory();
 // An entry that is none, where a slash behind its name asks for a directory.

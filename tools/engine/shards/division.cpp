@@ -4,6 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/select/tree_selection.h"
 #include "tools/engine/shards/balance.h"
 #include "tools/engine/shards/shard_lists.h"
 #include "tools/engine/store/store_names.h"
@@ -34,17 +35,22 @@ int64_t bytes_of(const struct stat &entry) {
 
 class DivisionWalk {
   public:
-    DivisionWalk(const std::string &source, ShardLists &lists, size_t shards, DivisionObserver &observer)
-        : m_source(source), m_lists(lists), m_observer(observer), m_balance(static_cast<int>(shards)), m_at("") {
+    DivisionWalk(const std::string &source, ShardLists &lists, size_t shards, DivisionObserver &observer,
+                 const Selection &selection)
+        : m_source(source), m_lists(lists), m_observer(observer), m_balance(static_cast<int>(shards)),
+          m_selection(selection), m_at("") {
         m_division.shards.resize(shards);
+        m_selection.begin(source, false);
     }
 
     Division run(Descriptor top) {
         m_lists.add_directory(".");
         ++m_division.directories;
-        if (!m_way.start(std::move(top))) {
+        struct stat found {};
+        if (::fstat(top.get(), &found) != 0 || !m_way.start(std::move(top))) {
             throw_errno(displayed(m_source));
         }
+        m_volume = found.st_dev;
         m_at.enter(entries());
         while (!m_at.empty() && !m_observer.stopped()) {
             if (const std::string *const name = m_at.next()) {
@@ -78,6 +84,9 @@ class DivisionWalk {
             if (::fstatat(m_way.lowest(), given, &found, AT_SYMLINK_NOFOLLOW) != 0) {
                 return; // gone again
             }
+            if (!m_selection.takes(joined(path(), name), joined(held, name), found)) {
+                return;
+            }
             if (S_ISDIR(found.st_mode) && kind == NameKind::ordinary) {
                 directories.push_back(name);
             } else {
@@ -106,15 +115,22 @@ class DivisionWalk {
         const int number = errno;
         struct stat found {};
         if (opened.get() < 0 && (number == ENOENT || number == ENOTDIR || number == ELOOP)) {
-            if (::fstatat(m_way.lowest(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) {
+            const std::string held = fmt::format("/proc/self/fd/{}/{}", m_way.lowest(), name);
+            if (::fstatat(m_way.lowest(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+                m_selection.takes(joined(m_source, path), held, found)) {
                 add(name, found); // exchanged meanwhile
             }
             return;
         }
+        const bool entered =
+            opened.get() < 0 || ::fstat(opened.get(), &found) != 0 || m_selection.enters(found.st_dev, m_volume);
         found.st_mode = S_IFDIR;
         add(name, found);
         m_lists.add_directory(path);
         ++m_division.directories;
+        if (!entered) {
+            return;
+        }
         m_at.path = path;
         errno = number;
         if (opened.get() < 0 || !m_way.descend(std::move(opened), name)) {
@@ -137,6 +153,8 @@ class DivisionWalk {
     ShardLists &m_lists;
     DivisionObserver &m_observer;
     Balance m_balance;
+    TreeSelection m_selection;
+    dev_t m_volume = 0; // the top's
     Division m_division = {};
     Descent<std::string> m_at; // below the source
     DirectoryChain m_way;
@@ -144,7 +162,8 @@ class DivisionWalk {
 
 } // namespace
 
-Division divide_tree(const std::string &source, const std::string &out, int shards, DivisionObserver &observer) {
+Division divide_tree(const std::string &source, const std::string &out, int shards, DivisionObserver &observer,
+                     const Selection &selection) {
     const std::string from = absolute_path(source);
     Descriptor top(::open(from.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (top.get() < 0) {
@@ -154,7 +173,7 @@ Division divide_tree(const std::string &source, const std::string &out, int shar
         throw InvalidRequest(fmt::format("{}: lists of {} cannot lie in it", displayed(out), displayed(from)));
     }
     ShardLists lists(out, shards);
-    Division division = DivisionWalk(from, lists, static_cast<size_t>(shards), observer).run(std::move(top));
+    Division division = DivisionWalk(from, lists, static_cast<size_t>(shards), observer, selection).run(std::move(top));
     if (!observer.stopped()) {
         lists.complete();
         division.whole = true;

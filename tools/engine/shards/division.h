@@ -3,6 +3,7 @@
 
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/problem.h"
+#include "tools/engine/select/selection.h"
 
 #include <cstdint>
 #include <string>
@@ -32,7 +33,9 @@ class DivisionObserver : public Observer {
 // being ".", where what a directory holds follows it at once. All names of a file are in one shard. What is kept for an
 // entry ("@eaDir", "._name") is in none, for it goes along. The memory that it takes is that of the subdirectories of
 // the directories on the way and of the files of several names that have not all been met. Stopped, it leaves nothing.
+// What the selection leaves out is in no list: it sees the paths as the lists have them, as a copy of "SOURCE/." does.
 // Throws InvalidRequest and Failure, with nothing left either.
-Division divide_tree(const std::string &source, const std::string &out, int shards, DivisionObserver &observer);
+Division divide_tree(const std::string &source, const std::string &out, int shards, DivisionObserver &observer,
+                     const Selection &selection = {});
 
 } // namespace engine

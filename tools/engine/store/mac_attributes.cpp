@@ -10,14 +10,14 @@ namespace {
 
 constexpr uint32_t kHfsPlus = 0x482b;
 constexpr uint32_t kHfsx = 0x4858;
-constexpr char kFinderInfo[] = "osx.com.apple.FinderInfo";
+constexpr char kOsxFinderInfo[] = "osx.com.apple.FinderInfo";
 
 // The driver gives Finder Info of every file: zeros where nobody has set any, with the type and the creator of files
 // that were made from Linux as question marks.
 bool has_finder_info(const char *path) {
     constexpr std::string_view unknownType = "????????";
     char value[64];
-    const ssize_t size = ::lgetxattr(path, kFinderInfo, value, sizeof value);
+    const ssize_t size = ::lgetxattr(path, kOsxFinderInfo, value, sizeof value);
     std::string_view info(value, size < 0 ? 0 : static_cast<size_t>(size));
     if (info.starts_with(unknownType)) {
         info.remove_prefix(unknownType.size());
@@ -40,7 +40,7 @@ bool has_mac_attributes(const std::string &path) {
     std::string_view rest(names.data(), size < 0 ? 0 : static_cast<size_t>(size));
     while (!rest.empty()) {
         const std::string_view name = rest.substr(0, rest.find('\0'));
-        if (name.starts_with("osx.") && name != kFinderInfo) {
+        if (name.starts_with("osx.") && name != kOsxFinderInfo) {
             return true;
         }
         rest.remove_prefix(std::min(rest.size(), name.size() + 1));

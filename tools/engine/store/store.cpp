@@ -5,6 +5,7 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/native_attributes.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
@@ -24,9 +25,7 @@
 namespace engine {
 namespace {
 
-constexpr char kEaStream[] = "VexoEAStream";
 constexpr uint32_t kNotFound = 0x2000;
-constexpr int kCurrentLayout = 1;
 constexpr size_t kPathSize = 4096;
 
 int companion(StoreKind kind) {

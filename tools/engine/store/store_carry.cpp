@@ -8,6 +8,7 @@
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/stand_in.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
@@ -26,7 +27,6 @@
 namespace engine {
 namespace {
 
-constexpr char kEaStream[] = "VexoEAStream";
 constexpr char kResource[] = "VexoResource";
 constexpr char kFlushTime[] = "user.vexo.filea.flushtime";
 constexpr char kDosAttributes[] = "user.DOSATTRIB";

@@ -22,7 +22,7 @@ constexpr char kStreamName[] = "VexoEAStream";
 constexpr char kResourceName[] = "VexoResource";
 constexpr char kStoreDirectory[] = "@eaDir";
 // The header of a store ends here, but for one with very many attributes.
-constexpr size_t kHeaderBytes = size_t{64} << 10;
+constexpr size_t kFirstBytes = size_t{64} << 10;
 constexpr size_t kLongestHeader = size_t{32} << 20;
 // A shorter resource file has no AFP word that the library would find; the metadata attribute always has this length.
 constexpr uint64_t kResourceHeader = 741;
@@ -64,9 +64,9 @@ std::string read_bytes(int fd, uint64_t offset, uint64_t size) {
 // The header of a resource file and what it was read from.
 AppleDouble header_of(int fd, std::string &bytes) {
     const auto size = static_cast<uint64_t>(status_of(fd).st_size);
-    bytes = read_bytes(fd, 0, std::min<uint64_t>(size, kHeaderBytes));
+    bytes = read_bytes(fd, 0, std::min<uint64_t>(size, kFirstBytes));
     AppleDouble header = parse_apple_double(bytes, size);
-    if (!header.bad.empty() && size > kHeaderBytes) {
+    if (!header.bad.empty() && size > kFirstBytes) {
         bytes = read_bytes(fd, 0, std::min<uint64_t>(size, kLongestHeader));
         header = parse_apple_double(bytes, size);
     }

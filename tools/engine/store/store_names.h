@@ -1,9 +1,12 @@
-// Which names in a directory are entries of their own, and which hold what belongs to others.
+// Names of what holds what belongs to entries, and which names in a directory are entries of their own.
 #pragma once
 
 #include <string>
 
 namespace engine {
+
+inline constexpr char kEaStream[] = "VexoEAStream"; // the stream file with the attributes
+inline constexpr int kCurrentLayout = 1;            // of a store, to the library
 
 enum class NameKind {
     ordinary,

@@ -7,6 +7,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/old_attributes.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/directory_chain.h"
 #include "tools/engine/walk/look.h"
@@ -23,8 +24,6 @@
 
 namespace engine {
 namespace {
-
-constexpr char kEaStream[] = "VexoEAStream";
 
 // Whether the library has something to decide: beside the attribute files there is a "._" file, and the newer counts.
 bool has_apple_double(const std::string &path) {

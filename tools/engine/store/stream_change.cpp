@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/patience.h"
 
@@ -20,8 +21,6 @@
 namespace engine {
 namespace {
 
-constexpr char kEaStream[] = "VexoEAStream";
-constexpr int kCurrentLayout = 1;
 constexpr int kOverwrite = 1;
 constexpr uint32_t kResourceForkId = 2;
 constexpr uint16_t kOwnEntries = 2; // Finder Info and resource fork

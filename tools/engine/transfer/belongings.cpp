@@ -4,6 +4,7 @@
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/system_attributes.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,8 +18,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 std::vector<std::string> names_by(ssize_t (*ask)(const char *, char *, size_t), const std::string &path) {
     std::string list(size_t{64} << 10, '\0');

@@ -1,11 +1,11 @@
 #include "tools/engine/transfer/clock.h"
 
+#include "tools/engine/walk/units.h"
+
 #include <ctime>
 
 namespace engine {
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 class MachineClock : public Clock {
   public:

@@ -6,6 +6,7 @@
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/look.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -18,8 +19,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 // The appliance kernel's interface, or what the platform has in its place.
 int request_attribute(int fd, int command) {

@@ -25,6 +25,7 @@ struct FileTransfer::Attempt : FileAttempt {
     int sourceType = -1;
     Descriptor file = Descriptor(-1);       // the source, for paths only
     Descriptor written = Descriptor(-1);    // the copy, from before anything was written to it
+    Descriptor target = Descriptor(-1);     // what is written in place, with a lock on it
     std::string made = {};                  // the private name of the copy
     std::optional<struct stat> result = {}; // what has arrived
     HeldDirectory real = {};                // where the source lies that a link led to, under `realName`
@@ -33,14 +34,16 @@ struct FileTransfer::Attempt : FileAttempt {
     std::optional<StoreWitness> kept = {}; // of a move: what that was when it was copied
     std::vector<Loss> losses = {};         // what the copy has not got
     std::optional<struct stat> old = {};   // what stood there, and is replaced
-    bool inPlace = false;                  // that was written into
-    bool linked = false;                   // to what another name of the source has become
-    bool renamed = false;                  // within its volume
-    bool special = false;                  // the source is no file, link or directory
-    bool changed = false;                  // while it was copied
-    bool stopAnswered = false;             // the library was told to stop
-    bool progressSeen = false;             // data were copied
-    bool cloneAsked = false;               // no data need to be
+    // What that lacks of the source, where it has the same content; nothing: it has not, or nobody has looked.
+    std::optional<std::vector<Loss>> thereLacks = {};
+    bool inPlace = false;      // that was written into
+    bool linked = false;       // to what another name of the source has become
+    bool renamed = false;      // within its volume
+    bool special = false;      // the source is no file, link or directory
+    bool changed = false;      // while it was copied
+    bool stopAnswered = false; // the library was told to stop
+    bool progressSeen = false; // data were copied
+    bool cloneAsked = false;   // no data need to be
     bool cloneOrNothing = false;
     bool final = true;        // no other try comes after it
     bool backedUp = false;    // what stood there has another name now

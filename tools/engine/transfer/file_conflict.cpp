@@ -2,6 +2,7 @@
 
 #include "copy/copy.h"
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/descriptor.h"
@@ -15,8 +16,6 @@
 
 namespace engine {
 namespace {
-
-constexpr uint32_t kNoFreeName = 0x0800, kIsDirectory = 0xA200, kExists = 0xA300;
 
 // Whether the existing destination may be replaced at all. A link is replaced as one, wherever it leads.
 std::optional<Problem> check_destination(const FileAttempt &attempt, const TransferOptions &options,
@@ -67,6 +66,19 @@ std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptio
 
 Problem same_file() {
     return {"source and destination are the same file"};
+}
+
+bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const TransferOptions &options) {
+    const auto through = attempt.asItIs ? there : attempt.to.look_through(attempt.name);
+    if (!same(attempt.entry, there)) {
+        return same(attempt.content, through);
+    }
+    struct stat one {
+    }, other{};
+    const bool oneDirectory =
+        ::fstat(attempt.from.fd(), &one) == 0 && ::fstat(attempt.to.fd(), &other) == 0 && same(one, other);
+    return options.operation == Operation::move || options.conflict != Conflict::update || !S_ISREG(there.st_mode) ||
+           (oneDirectory && attempt.sourceName == attempt.name);
 }
 
 bool is_to_update(const Loss &difference, LossSet accepted) {
@@ -145,8 +157,7 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
                                         TransferObserver &observer, const WrittenEntries &written) {
     // Two links that lead to one file are two all the same; a link and that file are not to replace one another.
     const auto there = attempt.to.look(attempt.name);
-    const bool itself = same(attempt.entry, there) ||
-                        same(attempt.content, attempt.asItIs ? there : attempt.to.look_through(attempt.name));
+    const bool itself = there && is_one_entry(attempt, *there, options);
     const bool move = options.operation == Operation::move;
     if (options.conflict == Conflict::keep_both) {
         if (itself && move) {

@@ -64,6 +64,11 @@ std::optional<Outcome> resolve_conflict(FileAttempt &attempt, const TransferOpti
 // Of those that the destination's name can be made into. Somebody may take it before it is used.
 std::optional<Problem> choose_free_name(FileAttempt &attempt);
 
+// Whether the source is what stands there: under one name, or as a link and the file that it leads to. Two names of one
+// file are two entries to an update, which has nothing to do where what is kept for each is the same, too; a move has a
+// name to take away.
+bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const TransferOptions &options);
+
 // Whether this difference is one for which Conflict::update replaces what stands there. What may be lost is none,
 // unless it tells of other content.
 bool is_to_update(const Loss &difference, LossSet accepted);

@@ -5,6 +5,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -22,6 +23,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/patience.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/rename.h"
 
@@ -32,6 +34,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -39,9 +42,6 @@
 namespace engine {
 namespace {
 
-constexpr uint32_t kOutOfMemory = 0x0200, kLocked = 0x0400, kDestinationMissing = 0x0600, kMissing = 0x0700,
-                   kNoSpace = 0x2900, kExists = 0xA300, kFileTooLarge = 0xAA00, kTooLargeForFat = 0xA400,
-                   kNameTooLong = 0xC300, kOwnerLost = 0xFA00;
 constexpr int kExtended = 2, kBtrfs = 3; // types of volumes, to the library
 constexpr int kNotAskedForRoom = 12;     // a type of volume, to the library
 constexpr int kMostNames = 1000;         // that somebody else was quicker to take
@@ -50,11 +50,6 @@ constexpr int kMostNames = 1000;         // that somebody else was quicker to ta
 namespace flag {
 constexpr uint32_t failIfExists = 1, replace = 2, keepOwner = 8, asCaller = 16, copyAcl = 32, withoutStore = 256,
                    clone = 1024;
-}
-
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
 }
 
 bool is_same_version(const struct stat &left, const struct stat &right) {
@@ -227,6 +222,9 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     if (!around.destinationNew) {
         tidy(to);
     }
+    if (m_options.operation == Operation::move && around.from == nullptr) {
+        tidy(from); // of a tree the walk does that
+    }
     // In a new directory the copy finds out itself what is in its way.
     if (!around.destinationNew || m_options.operation == Operation::move) {
         if (to.look(attempt.name)) {
@@ -239,6 +237,7 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
             if (auto outcome = resolve_conflict(attempt, m_options, m_observer, m_written)) {
                 return *outcome;
             }
+            look_for_same(attempt);
         } else if (errno != ENOENT) {
             return failure(attempt.destination, problem_of_errno(errno));
         }
@@ -251,18 +250,47 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
 std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
     const bool move = m_options.operation == Operation::move;
     const auto there = attempt.to.look(attempt.name);
-    if (m_options.conflict != Conflict::update || !there || same(attempt.entry, there) ||
-        same(attempt.content, there) || (move && shares_volume(attempt))) {
+    const bool update = m_options.conflict == Conflict::update;
+    if ((!update && !(m_options.conflict == Conflict::replace && m_backups.wanted())) || !there ||
+        is_one_entry(attempt, *there, m_options) || (move && shares_volume(attempt))) {
         return std::nullopt;
     }
+    // Of what is to be replaced in any case no time proves the content.
+    const bool maybe = update || differences_of_same(attempt, false, m_options.accepted);
+    return maybe ? pass_over(attempt, m_options.checksum || move || !update) : std::nullopt;
+}
+
+// A run after one that was stopped finds what that has brought. To keep it as a backup would cost the backup of what it
+// has replaced, which is the only old version there is.
+void FileTransfer::look_for_same(Attempt &attempt) {
+    const LossSet all = *loss_set("all");
+    if (m_backups.wanted() && attempt.replace && differences_of_same(attempt, false, all)) {
+        attempt.thereLacks = differences_of_same(attempt, true, all);
+    }
+}
+
+// Whether what stands there has all that the copy beside it has, which may lack the same of its source.
+bool FileTransfer::is_as_good(const Attempt &attempt) {
+    const auto lacks = [&](const Loss &one) {
+        return one.cls == LossClass::hard_link || std::ranges::any_of(attempt.losses, [&](const Loss &other) {
+                   return other.cls == one.cls && (other.detail == one.detail || one.cls == LossClass::creation_time);
+               });
+    };
+    return attempt.thereLacks && std::ranges::all_of(*attempt.thereLacks, lacks);
+}
+
+std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
+    const bool move = m_options.operation == Operation::move;
+    const auto there = attempt.to.look(attempt.name);
     const bool alone = gets_into_the_file(attempt.from, attempt.sourceName, attempt.to.type());
     const bool linkable = m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && !alone;
-    const bool linked = linkable && m_linked.is_there(*attempt.entry, there) && has_name(attempt.to, attempt.name);
-    if (!linked && (m_written.contains(*there, attempt.to, attempt.name) ||
-                    (linkable && m_linked.can_link(*attempt.entry, attempt.to)))) {
+    const bool linked =
+        there && linkable && m_linked.is_there(*attempt.entry, there) && has_name(attempt.to, attempt.name);
+    if (!there || (!linked && (m_written.contains(*there, attempt.to, attempt.name) ||
+                               (linkable && m_linked.can_link(*attempt.entry, attempt.to))))) {
         return std::nullopt;
     }
-    auto differences = differences_of_same(attempt);
+    auto differences = differences_of_same(attempt, data, m_options.accepted);
     if (!differences) {
         return std::nullopt;
     }
@@ -288,7 +316,7 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt) {
 }
 
 // Of what may differ; nothing: it is not the same.
-std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &attempt) {
+std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &attempt, bool data, LossSet accepted) {
     const bool move = m_options.operation == Operation::move;
     const bool follow = !attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
     const auto &known = attempt.asItIs ? attempt.entry : attempt.content;
@@ -308,11 +336,9 @@ std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &atte
     if (move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
-    std::vector<Loss> differences =
-        compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(attempt.name),
-                        compare_options(m_options.checksum || move));
-    const bool changed =
-        std::ranges::any_of(differences, [this](const Loss &one) { return is_to_update(one, m_options.accepted); });
+    std::vector<Loss> differences = compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType),
+                                                    attempt.to.side_now(attempt.name), compare_options(data));
+    const bool changed = std::ranges::any_of(differences, [&](const Loss &one) { return is_to_update(one, accepted); });
     return changed || m_observer.stopped() ? std::nullopt : std::optional(std::move(differences));
 }
 
@@ -412,7 +438,7 @@ Outcome FileTransfer::rename(Attempt &attempt) {
 
 // What stood there, before another one takes its name.
 std::optional<Problem> FileTransfer::back_up(Attempt &attempt) {
-    if (!m_backups.wanted() || !attempt.replace || attempt.backedUp) {
+    if (!m_backups.wanted() || !attempt.replace || attempt.backedUp || is_as_good(attempt)) {
         return std::nullopt;
     }
     if (!attempt.to.look(attempt.name)) {
@@ -566,8 +592,12 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
 // The old way: what fails from here on has cost the old content, and that is said.
 Outcome FileTransfer::write_in_place(Attempt &attempt, const struct stat &old) {
     constexpr char gone[] = "; the old content is gone";
+    auto problem = hold_in_place(attempt);
+    if (problem) {
+        return failure(attempt.destination, std::move(*problem));
+    }
     attempt.inPlace = attempt.begun = true;
-    auto problem = make_file(attempt, attempt.name, true);
+    problem = make_file(attempt, attempt.name, true);
     if (problem || attempt.stopAnswered) {
         const bool touched = !Witness(old).unchanged(attempt.to.fd(), attempt.name);
         Outcome outcome =
@@ -575,6 +605,12 @@ Outcome FileTransfer::write_in_place(Attempt &attempt, const struct stat &old) {
         outcome.status = problem ? Status::failed : Status::cancelled;
         outcome.problem->reason += touched ? gone : "";
         return outcome;
+    }
+    struct stat written {};
+    if (::fstat(attempt.target.get(), &written) != 0 || !same(written, attempt.to.look(attempt.name))) {
+        return failure(attempt.destination,
+                       {"another command has replaced it while it was written in place; what was written is there no "
+                        "more"});
     }
     compare(attempt, attempt.name);
     problem = verify(attempt, attempt.name);
@@ -585,6 +621,29 @@ Outcome FileTransfer::write_in_place(Attempt &attempt, const struct stat &old) {
     }
     attempt.result = attempt.to.look(attempt.name);
     return arrived(attempt);
+}
+
+// Two that write into one file would leave what neither has brought. The lock is the kernel's own and ends with its
+// owner; a volume without locks has nobody else at work. The file is written through this descriptor, so that nobody
+// leads it elsewhere by a link in its place.
+std::optional<Problem> FileTransfer::hold_in_place(Attempt &attempt) {
+    constexpr int flags = O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    Patience patience;
+    do {
+        attempt.target = Descriptor(::openat(attempt.to.fd(), attempt.name.c_str(), flags));
+        struct stat found {};
+        if (attempt.target.get() < 0 || ::fstat(attempt.target.get(), &found) != 0) {
+            return problem_of_errno(errno);
+        }
+        if (!S_ISREG(found.st_mode) || same(attempt.content, found)) {
+            return Problem{"was exchanged for something else meanwhile; not replaced"};
+        }
+        const bool locked = ::flock(attempt.target.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+        if (locked && same(found, attempt.to.look(attempt.name))) {
+            return std::nullopt;
+        }
+    } while (patience.wait());
+    return Problem{"another process is writing into it, and did not end in time"};
 }
 
 // Another name of what was written in place for another name of this file: it has that content already, and gets what
@@ -784,7 +843,9 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
     uint32_t flags = flag::keepOwner | flag::asCaller | flag::copyAcl | flag::withoutStore;
     flags |= replace ? flag::replace : flag::failIfExists;
     flags |= attempt.cloneAsked ? flag::clone : 0;
-    const int result = VEXOFileOpCopyFile(attempt.opened().c_str(), to.below(name).c_str(), flags, record.get());
+    const std::string place =
+        attempt.target.get() >= 0 ? fmt::format("/proc/self/fd/{}", attempt.target.get()) : to.below(name);
+    const int result = VEXOFileOpCopyFile(attempt.opened().c_str(), place.c_str(), flags, record.get());
     const int number = errno;
     if (attempt.is_copied_instead() && !attempt.stopAnswered) {
         discard(to, name);

@@ -102,11 +102,15 @@ class FileTransfer {
     std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
-    std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt);
+    std::optional<Outcome> pass_over(Attempt &attempt, bool data);
+    void look_for_same(Attempt &attempt);
+    static bool is_as_good(const Attempt &attempt);
+    std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt, bool data, LossSet accepted);
     Outcome rename(Attempt &attempt);
     Outcome copy(Attempt &attempt);
     Outcome place_copy(Attempt &attempt);
     Outcome write_in_place(Attempt &attempt, const struct stat &old);
+    static std::optional<Problem> hold_in_place(Attempt &attempt);
     std::optional<Outcome> keep_together(Attempt &attempt);
     static void tell_old_names(const Attempt &attempt, Outcome &outcome);
     Outcome arrived(Attempt &attempt);

@@ -5,6 +5,7 @@
 #include "platform/core.h"
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/kept.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/private_file.h"
@@ -28,7 +29,6 @@ namespace engine {
 namespace {
 
 constexpr char kStore[] = "@eaDir";
-constexpr uint32_t kLocked = 0x0400;
 
 std::string path_of(int fd) {
     return fmt::format("/proc/self/fd/{}", fd);

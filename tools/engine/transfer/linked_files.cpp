@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace engine {
@@ -22,6 +23,39 @@ bool is_still(const struct stat &made, const struct stat &now) {
            made.st_gid == now.st_gid && made.st_mode == now.st_mode && made.st_mtim.tv_sec == now.st_mtim.tv_sec &&
            made.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
 }
+
+// Of the directory of a file's first name, which may be finished: on HFS+ the second name moves the file to a place of
+// its own and makes the first anew, as the directory's times tell.
+class KeptTimes {
+  public:
+    KeptTimes(const std::string &directory, const HeldDirectory &to) {
+        constexpr long plain = 0x482b, withCase = 0x4858;
+        struct statfs volume {};
+        struct stat linked {};
+        if (::fstatfs(to.fd(), &volume) != 0 || (volume.f_type != plain && volume.f_type != withCase)) {
+            return;
+        }
+        Descriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (opened.get() >= 0 && ::fstat(opened.get(), &m_before) == 0 && ::fstat(to.fd(), &linked) == 0 &&
+            !same(m_before, linked)) {
+            m_directory.swap(opened);
+        }
+    }
+    KeptTimes(const KeptTimes &) = delete;
+    KeptTimes &operator=(const KeptTimes &) = delete;
+    ~KeptTimes() {
+        if (m_directory.get() >= 0) {
+            const int number = errno;
+            const timespec times[] = {m_before.st_atim, m_before.st_mtim};
+            (void)::futimens(m_directory.get(), times);
+            errno = number;
+        }
+    }
+
+  private:
+    Descriptor m_directory{-1};
+    struct stat m_before {};
+};
 
 } // namespace
 
@@ -82,6 +116,7 @@ bool LinkedFiles::link(const struct stat &file, const HeldDirectory &to, const s
         return false;
     }
     const std::string path = fmt::format("/proc/self/fd/{}", held.get());
+    const KeptTimes times(parent_of(known->path), to);
     return ::linkat(AT_FDCWD, path.c_str(), to.fd(), made.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 

@@ -1,11 +1,13 @@
 #include "tools/engine/transfer/pace.h"
 
+#include "tools/engine/walk/units.h"
+
 #include <algorithm>
 
 namespace engine {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000, kStep = kSecond / 10;
+constexpr int64_t kStep = kSecond / 10;
 
 } // namespace
 

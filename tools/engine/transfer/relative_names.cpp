@@ -26,11 +26,6 @@ std::string name_in_parent(const std::string &path) {
     return path == "/" ? "." : base_name(path);
 }
 
-Problem of_source(Problem problem) {
-    problem.withSource = true;
-    return problem;
-}
-
 } // namespace
 
 void TreeTransfer::run_below(const std::string &base, const std::string &top, const std::string &name,
@@ -97,6 +92,9 @@ bool TreeTransfer::begin_way(const std::string &base, const std::string &top) {
     m_selection.begin(base, false);
     m_files.begins_in(level.to);
     m_files.tidy(level.to);
+    if (m_move) {
+        m_files.tidy(level.from); // of a move that was stopped
+    }
     m_way.push_back(std::move(step));
     return true;
 }
@@ -168,6 +166,9 @@ bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, con
     level.outcome.destination = level.destination;
     if (!make_destination(level, {above.from, name}, destination)) {
         return false;
+    }
+    if (m_move) {
+        m_files.tidy(level.from);
     }
     level.hasStore = level.from.look("@eaDir").has_value();
     constexpr size_t mostHeld = 6;

@@ -4,6 +4,7 @@
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
+#include "tools/engine/walk/units.h"
 
 #include <cerrno>
 #include <cstring>
@@ -13,8 +14,6 @@
 
 namespace engine {
 namespace {
-
-constexpr mode_t kModeBits = 07777;
 
 // Stays the entry that it is, whatever becomes of its name.
 struct Node {

@@ -6,6 +6,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/listing.h"
@@ -22,6 +23,7 @@
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/stack_room.h"
+#include "tools/engine/walk/units.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,9 +39,6 @@
 
 namespace engine {
 namespace {
-
-constexpr uint32_t kDestinationMissing = 0x0600, kReadOnly = 0x8400, kNotADirectory = 0xA000, kExists = 0xA300;
-constexpr mode_t kModeBits = 07777;
 
 Problem problem_of_making(int number) {
     return number == ENOENT  ? problem_of(kDestinationMissing)
@@ -87,6 +86,9 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     }
     m_files.begins_in(toParent);
     m_files.tidy(toParent);
+    if (m_move && fromParent.is_open()) {
+        m_files.tidy(fromParent); // a move that was stopped told there that this directory goes
+    }
     m_destinationType = toParent.type();
     m_destinationTraits = volume_traits(m_destinationType);
     const auto name_of = [](const std::string &path) { return path == "/" ? "." : base_name(path); };

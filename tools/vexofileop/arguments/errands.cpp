@@ -51,11 +51,11 @@ std::vector<Errand> plan_errands(const std::vector<std::string> &sources, const 
         if (engine::base_name(source) == "..") {
             throw UsageError(fmt::format("{}: give the directory by its name", engine::displayed(source)));
         }
-        // "photos/." is what photos holds, without a directory of that name.
-        const bool contents = into && names_contents(given) && is_directory(source);
-        std::string place = contents ? target
-                            : into   ? (target == "/" ? "" : target) + "/" + engine::base_name(source)
-                                     : target;
+        // "photos/." is what photos holds, without a directory of that name, also for the patterns: whether the
+        // destination is there yet, as it is when a run is done again, makes no difference.
+        const bool contents = names_contents(given) && is_directory(source);
+        std::string place =
+            into && !contents ? (target == "/" ? "" : target) + "/" + engine::base_name(source) : target;
         errands.push_back({contents ? engine::joined(source, ".") : slash ? source + "/" : source, std::move(place)});
     }
     return errands;

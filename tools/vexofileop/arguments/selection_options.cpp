@@ -38,6 +38,11 @@ SelectionOptions::SelectionOptions(const Command &given)
       m_archiveBit(given.rare().add_flag("--archive-bit", "files that have the archive bit")),
       m_oneFileSystem(given.rare().add_flag("-x,--one-file-system", "nothing of volumes mounted in a tree")) {}
 
+std::vector<Option> SelectionOptions::all() const {
+    return {m_exclude, m_include,   m_excludeFrom, m_filterFile, m_minSize,
+            m_maxSize, m_newerThan, m_olderThan,   m_archiveBit, m_oneFileSystem};
+}
+
 void SelectionOptions::add_rules(engine::Selection &selection) const {
     struct Adder {
         const Option &option;

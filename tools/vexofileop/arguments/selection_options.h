@@ -4,6 +4,8 @@
 #include "tools/engine/select/selection.h"
 #include "tools/vexofileop/arguments/parser.h"
 
+#include <vector>
+
 namespace tool {
 
 class SelectionOptions {
@@ -12,6 +14,8 @@ class SelectionOptions {
 
     // As given, rules in the order of the command line. Throws UsageError.
     engine::Selection chosen() const;
+    // All of them, for a command that has them in one of its ways alone.
+    std::vector<Option> all() const;
 
   private:
     void add_rules(engine::Selection &selection) const;

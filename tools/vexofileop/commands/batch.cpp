@@ -24,8 +24,6 @@
 namespace tool {
 namespace {
 
-constexpr const char *kRecursion = "-r copies it with everything in it";
-
 std::string arrow(const std::string &source, const std::string &destination) {
     return engine::displayed(source) + " -> " + engine::displayed(destination);
 }
@@ -79,6 +77,9 @@ void Batch::copy(const std::vector<Errand> &errands) {
         }
     }
     m_transfer.leave();
+    if (stopped()) { // what was counted as behind, so that the line could get to its end, was not all done
+        m_console.progress(m_behind - m_bytesUndone, m_filesBehind - m_filesUndone);
+    }
     m_console.end_progress();
 }
 
@@ -170,10 +171,14 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     if (kind != engine::EntryKind::directory) {
         // Also what was cloned, skipped or failed is behind us.
         m_copied += outcome.status == engine::Status::done ? outcome.bytes : 0;
-        m_behind += outcome.status == engine::Status::done ? outcome.bytes
-                    : kind == engine::EntryKind::file      ? size_of(source)
-                                                           : 0;
+        const int64_t size = outcome.status == engine::Status::done ? outcome.bytes
+                             : kind == engine::EntryKind::file      ? size_of(source)
+                                                                    : 0;
+        const bool undone = outcome.status == engine::Status::failed || outcome.status == engine::Status::cancelled;
+        m_behind += size;
+        m_bytesUndone += undone ? size : 0;
         ++m_filesBehind;
+        m_filesUndone += undone ? 1 : 0;
         m_bytes = std::max(m_bytes, m_behind);
     }
     report(kind, source, outcome);
@@ -216,8 +221,8 @@ void Batch::report_problems(const std::string &source, const engine::Outcome &ou
     // Of what was skipped for a loss the receipt tells.
     const bool counted = outcome.status == engine::Status::skipped && !outcome.losses.empty();
     if (outcome.problem && !counted) {
-        m_console.message(
-            problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem, kRecursion));
+        m_console.message(problem_text(outcome.problem->withSource ? engine::displayed(source) : both, *outcome.problem,
+                                       kCopyRecursion));
     } else if (outcome.status == engine::Status::skipped && !counted && !outcome.same && m_treeSeen) {
         ++m_passedOver;
     }
@@ -236,7 +241,10 @@ void Batch::report_losses(const std::string &source, const engine::Outcome &outc
             m_console.line(loss_text(source, outcome.destination, loss));
         }
     }
-    if (outcome.sourceStays && !outcome.warning) {
+    const bool unmade = !copies() && outcome.status == engine::Status::skipped &&
+                        engine::has_failing_loss(outcome, m_options.transfer.accepted);
+    m_unmade += unmade ? 1 : 0;
+    if ((outcome.sourceStays && !outcome.warning) || unmade) {
         ++m_staying;
         for (const engine::Loss &loss : outcome.losses) {
             m_stayingFor.add(loss.cls);
@@ -287,9 +295,16 @@ void Batch::tell_receipt() {
     tell_old_names();
     if (m_staying > 0) {
         const std::string classes = m_receipt.failing(m_stayingFor);
+        const bool specials =
+            m_unmade > 0 && !m_options.transfer.specials && m_stayingFor.contains(engine::LossClass::special_file);
         m_console.message(
             (m_staying == 1 ? "the source stays for that" : fmt::format("{} sources stay for that", m_staying)) +
-            (classes.empty() ? "" : fmt::format("; --accept {} moves {}", classes, m_staying == 1 ? "it" : "them")));
+            (classes.empty() ? ""
+                             : fmt::format("; --accept {} {}", classes,
+                                           m_unmade > 0     ? "moves all but what was not made there"
+                                           : m_staying == 1 ? "moves it"
+                                                            : "moves them")) +
+            (specials ? "; --specials makes pipes, devices and sockets" : ""));
     }
 }
 
@@ -370,7 +385,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
         entry.add_to_list("old_names_known", std::move(known));
     }
     if (outcome.problem) {
-        entry.add_object("error", problem_object(*outcome.problem, kRecursion));
+        entry.add_object("error", problem_object(*outcome.problem, kCopyRecursion));
     }
     if (outcome.warning) {
         entry.add_to_list("warnings", problem_object(*outcome.warning));
@@ -437,7 +452,7 @@ std::string Batch::counts_line() const {
     const auto counted = [](int number, const char *one, const char *several) {
         return fmt::format("{} {}", number, number == 1 ? one : several);
     };
-    const std::string same = updates() ? fmt::format(" ({} the same)", m_same) : "";
+    const std::string same = updates() || m_same > 0 ? fmt::format(" ({} the same)", m_same) : "";
     const std::string backups = m_options.transfer.backup.wanted ? fmt::format(", {} backed up", m_backups) : "";
     return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}{}",
                        counted(m_entries[engine::Status::done], "file", "files"),
@@ -457,7 +472,7 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("directories", m_directories[engine::Status::done]);
     summary.add_number("done", m_entries[engine::Status::done]);
     summary.add_number("skipped", m_entries[engine::Status::skipped]);
-    if (updates()) {
+    if (updates() || m_same > 0) {
         summary.add_number("same", m_same);
     }
     if (m_onTheWay > 0) {

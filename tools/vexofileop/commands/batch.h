@@ -95,6 +95,7 @@ class Batch : protected engine::TransferObserver {
     std::map<std::pair<dev_t, ino_t>, engine::Outcome> m_oldNamed;
     int64_t m_errors = 0;
     int m_staying = 0;              // sources of a move, for what was lost of them
+    int m_unmade = 0;               // of those: nothing of them is at the destination
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
     bool m_treeSeen = false;
     bool m_below = false; // names are made anew, with the directories on their way
@@ -103,9 +104,11 @@ class Batch : protected engine::TransferObserver {
     int m_passedOver = 0;      // for something stands there, which the caller wants to stay
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended
     int64_t m_filesBehind = 0; // the same, counted
-    int64_t m_filesBegun = 0;  // those, or of a tree that the library copies those that it has begun
-    int64_t m_bytes = 0;       // the same with the part of the file under way
-    int64_t m_copied = 0;      // what really arrived
+    int64_t m_filesUndone = 0; // of those that are behind: they failed, or were stopped
+    int64_t m_bytesUndone = 0;
+    int64_t m_filesBegun = 0; // those, or of a tree that the library copies those that it has begun
+    int64_t m_bytes = 0;      // the same with the part of the file under way
+    int64_t m_copied = 0;     // what really arrived
 };
 
 } // namespace tool

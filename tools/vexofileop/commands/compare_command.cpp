@@ -52,7 +52,7 @@ struct Wanted {
     bool has_extra() const { return all || extra; }
 };
 
-struct Options {
+struct CompareCommandOptions {
     engine::TreeComparisonOptions comparison;
     std::optional<std::vector<std::string>> names = {}; // below the two directories; nothing: these themselves
     Wanted only, ignored{.all = false};
@@ -84,7 +84,7 @@ Wanted wanted_of(const Option &option, const char *name) {
 
 class Comparison : private engine::ComparisonObserver {
   public:
-    Comparison(const Options &options, std::string first, std::string second)
+    Comparison(const CompareCommandOptions &options, std::string first, std::string second)
         : m_options(options), m_first(std::move(first)), m_second(std::move(second)) {}
 
     int run() {
@@ -247,7 +247,7 @@ class Comparison : private engine::ComparisonObserver {
         return summary.line();
     }
 
-    const Options &m_options;
+    const CompareCommandOptions &m_options;
     std::string m_first, m_second;
     Console m_console;
     Receipt m_receipt;
@@ -267,7 +267,7 @@ std::string operand(const std::string &given) {
 
 void add_compare_command(const Command &program, int &status) {
     const Command command = program.add_command("compare", "Tell what a file or tree lacks of another");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CompareCommandOptions>();
     const auto metadataOnly = std::make_shared<bool>(false), noTimes = std::make_shared<bool>(false);
     command.add_flag("--metadata-only", *metadataOnly, "read no content; sizes are compared");
     command.add_flag("--no-times", *noTimes, "modification and creation times may differ");

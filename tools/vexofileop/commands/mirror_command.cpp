@@ -17,12 +17,12 @@
 namespace tool {
 namespace {
 
-constexpr const char *kNotes = "\nWhat SRC has is copied as by \"copy -ru\", and then what DST has and SRC has not\n"
-                               "is removed: only when nothing failed to be read or copied. What only loses\n"
-                               "something on the way (an owner, a pipe without --specials) is told, and keeps\n"
-                               "nothing from being removed. It asks once before it begins (of -f and -i the\n"
-                               "last one holds). What --exclude leaves out stays.\n"
-                               "Exit status: 0 DST is equal, 1 not in all, 2 nothing done or wrong usage.\n";
+constexpr const char *kMirrorNotes =
+    "\nWhat SRC has is copied as by \"copy -ru\"; then what DST has and SRC has not is\n"
+    "removed, only when nothing failed to be read or copied. What only loses\n"
+    "something on the way is told, and keeps nothing from being removed. It asks\n"
+    "once (of -f and -i the last one holds). What --exclude leaves out stays.\n"
+    "Exit status: 0 DST is equal, 1 not in all, 2 nothing done or wrong usage.\n";
 
 class MirrorArguments {
   public:
@@ -41,7 +41,7 @@ class MirrorArguments {
         transfer.exact = true;
         m_options.batch.command = "mirror";
         const Command rare = command.rare();
-        command.add_flag("--delete-excluded", m_options.leftOutToo, "remove what --exclude leaves out, too");
+        rare.add_flag("--delete-excluded", m_options.leftOutToo, "remove what --exclude leaves out, too");
         command.add_flag("--allow-empty", m_options.allowEmpty, "go ahead where SRC holds nothing at all");
         rare.add_flag("--checksum", transfer.checksum, "read what seems to be the same");
         rare.add_flag("--specials", transfer.specials, "make pipes, devices and sockets anew; else they are a loss");
@@ -118,7 +118,7 @@ Command add(const Command &program, int &status, bool plan) {
     const auto arguments = std::make_shared<MirrorArguments>(command, plan);
     command.set_footer(plan ? "\nNothing is done. Every removal is told, and the rest as by \"plan copy -ru\".\n"
                               "Example:\n  vexofileop plan mirror photos /volume2/photos"
-                            : std::string(kNotes) + "Example:\n  vexofileop mirror photos /volume2/photos");
+                            : std::string(kMirrorNotes) + "Example:\n  vexofileop mirror photos /volume2/photos");
     command.set_work([&status, arguments] { status = arguments->run(); });
     return command;
 }

@@ -250,9 +250,6 @@ void MirrorRun::add_more(Json &summary) const {
 int MirrorPlan::run() {
     const auto holds = engine::holds_anything(m_pair.source, m_options.plan.transfer.selection);
     plan({{m_pair.source + "/.", m_pair.destination}});
-    for (const Errand &late : m_late) {
-        plan_late(late.source, late.destination);
-    }
     const SurplusRun::Options options{.surplus = engine_options(m_mirror, true),
                                       .most = m_mirror.most,
                                       .verbose = m_options.verbose,
@@ -262,6 +259,7 @@ int MirrorPlan::run() {
     SurplusRun::Options counting = options;
     counting.silent = true;
     counting.most = -1;
+    plan_late(options);
     if (m_pair.exists && !stopped()) {
         const bool refused = !holds.value_or(false) && !m_mirror.allowEmpty;
         SurplusRun surplus(refused || m_incomplete ? counting : options, m_console, m_report);
@@ -285,6 +283,26 @@ int MirrorPlan::run() {
     return finish();
 }
 
+// What something stands in the way of that stays is not copied.
+void MirrorPlan::plan_late(const SurplusRun::Options &options) {
+    if (m_late.empty()) {
+        return;
+    }
+    SurplusRun::Options gathering = options;
+    gathering.silent = gathering.gathers = true;
+    gathering.report = false;
+    SurplusRun cleared(gathering, m_console, m_report);
+    cleared.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
+    for (const engine::PlannedEntry &late : m_late) {
+        const auto there = engine::look(late.destination);
+        if (there && !cleared.would_remove(*there)) {
+            PlanRun::entry(late);
+        } else {
+            plan_late(late.source, late.destination);
+        }
+    }
+}
+
 // Planned under a name that is free, and told under its own.
 void MirrorPlan::plan_late(const std::string &source, const std::string &destination) {
     m_meant = destination;
@@ -299,7 +317,7 @@ void MirrorPlan::entry(const engine::PlannedEntry &planned) {
         told.destination = m_meant + told.destination.substr(m_standIn.size());
     }
     if (m_meant.empty() && told.deed == engine::Deed::fail && is_in_the_way(told.kind, told.destination)) {
-        m_late.push_back({told.source, told.destination});
+        m_late.push_back(std::move(told));
         return;
     }
     m_incomplete = m_incomplete || told.deed == engine::Deed::fail ||

@@ -74,11 +74,12 @@ class MirrorPlan : private PlanRun {
     void entry(const engine::PlannedEntry &planned) override;
     std::string more_counts() const override;
     void add_more(Json &summary) const override;
+    void plan_late(const SurplusRun::Options &options);
     void plan_late(const std::string &source, const std::string &destination);
 
     const MirrorOptions &m_mirror;
     const MirrorPair &m_pair;
-    std::vector<Errand> m_late = {};
+    std::vector<engine::PlannedEntry> m_late = {};
     std::string m_standIn = {}, m_meant = {}; // of a late one
     bool m_incomplete = false;
     int64_t m_removed = 0;

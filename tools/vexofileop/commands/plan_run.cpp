@@ -15,10 +15,8 @@
 namespace tool {
 namespace {
 
-constexpr const char *kRecursion = "-r copies it with everything in it";
-
 // What programs and people read of it.
-const char *word_of(engine::Deed deed) {
+const char *deed_word(engine::Deed deed) {
     constexpr const char *words[] = {"new", "replace", "merge", "rename", "skip", "fail"};
     return words[static_cast<size_t>(deed)];
 }
@@ -137,10 +135,10 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     if ((planned.deed == engine::Deed::make || planned.same) && !planned.problem && !m_options.verbose) {
         return;
     }
-    std::string text = fmt::format("{}: {} -> {}", word_of(planned.deed), engine::displayed(planned.source),
+    std::string text = fmt::format("{}: {} -> {}", deed_word(planned.deed), engine::displayed(planned.source),
                                    engine::displayed(planned.destination));
     if (planned.problem) {
-        text = problem_text(text, *planned.problem, kRecursion);
+        text = problem_text(text, *planned.problem, kCopyRecursion);
     } else if (planned.deed == engine::Deed::skip) {
         text += planned.same ? ": the same already" : ": destination exists";
     }
@@ -159,7 +157,7 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     event.add_text("event", "plan");
     event.add_text("operation", word_of(m_options.plan.transfer.operation));
     event.add_text("kind", word_of(planned.kind));
-    event.add_text("action", word_of(planned.deed));
+    event.add_text("action", deed_word(planned.deed));
     event.add_name("source", planned.source);
     event.add_name("destination", planned.destination);
     if (planned.kind == engine::EntryKind::file) {
@@ -185,7 +183,7 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
         event.add_flag("source_kept", true);
     }
     if (planned.problem) {
-        event.add_object("error", problem_object(*planned.problem, kRecursion));
+        event.add_object("error", problem_object(*planned.problem, kCopyRecursion));
     }
     return event.line();
 }
@@ -207,12 +205,16 @@ void PlanRun::tell_room(const engine::VolumePlan &volume) {
         add("inodes_free", free.inodes);
         add("quota_bytes_free", free.quotaBytes);
         add("quota_inodes_free", free.quotaInodes);
+        if (volume.project != 0) {
+            event.add_number("project", volume.project);
+        }
         event.add_flag("probed", volume.probed);
         m_console.line(event.line());
         return;
     }
     std::string text =
-        fmt::format("{}: needs {}, {} inodes", engine::displayed(volume.directory),
+        fmt::format("{}{}: needs {}, {} inodes", engine::displayed(volume.directory),
+                    volume.project != 0 ? fmt::format(", project {}", volume.project) : "",
                     room_text(volume.needed.bytes, free.bytes), number_text(volume.needed.inodes, free.inodes));
     if (free.quotaBytes || free.quotaInodes) {
         text += fmt::format("; of the quota {}, {} inodes", room_text(volume.needed.bytes, free.quotaBytes),
@@ -256,7 +258,7 @@ std::string PlanRun::summary_line(int status) const {
         summary.add_text("plan", command());
         for (const engine::Deed deed : {engine::Deed::make, engine::Deed::replace, engine::Deed::merge,
                                         engine::Deed::rename, engine::Deed::skip, engine::Deed::fail}) {
-            summary.add_number(word_of(deed), number(deed));
+            summary.add_number(deed_word(deed), number(deed));
         }
         summary.add_number("directories", m_directories);
         summary.add_number("cloned", m_cloned);

@@ -28,8 +28,9 @@
 namespace tool {
 namespace {
 
-struct Options {
-    bool keepSource = false, yes = false, noProgress = false, json = false, verbose = false, dryRun = false;
+struct RelocateOptions {
+    bool keepSource = false, specials = false, yes = false, noProgress = false, json = false, verbose = false,
+         dryRun = false;
     std::string report = {};
 };
 
@@ -58,7 +59,7 @@ std::string explanation(const engine::RelocationPlan &plan) {
 
 class Relocation : private engine::RelocationObserver {
   public:
-    Relocation(const Options &options, engine::RelocationRequest request)
+    Relocation(const RelocateOptions &options, engine::RelocationRequest request)
         : m_options(options), m_plan(engine::plan_relocation(request)), m_receipt(request.accepted),
           m_report("relocate", request.accepted) {
         m_report.begin(request.source, request.destination);
@@ -91,12 +92,15 @@ class Relocation : private engine::RelocationObserver {
         if (!m_options.json) {
             m_console.line(explanation(m_plan));
         }
-        const PlanRunOptions options{
-            .plan = {.transfer = {.links = true, .trees = true, .accepted = m_plan.request.accepted}, .fresh = true},
-            .report = m_options.report,
-            .verbose = m_options.verbose,
-            .json = m_options.json,
-            .allOrNothing = true};
+        const PlanRunOptions options{.plan = {.transfer = {.links = true,
+                                                           .specials = m_plan.request.specials,
+                                                           .trees = true,
+                                                           .accepted = m_plan.request.accepted},
+                                              .fresh = true},
+                                     .report = m_options.report,
+                                     .verbose = m_options.verbose,
+                                     .json = m_options.json,
+                                     .allOrNothing = true};
         return PlanRun(options).run({{m_plan.request.source, m_plan.request.destination}});
     }
 
@@ -226,7 +230,7 @@ class Relocation : private engine::RelocationObserver {
         return line.line();
     }
 
-    const Options &m_options;
+    const RelocateOptions &m_options;
     engine::RelocationPlan m_plan;
     Console m_console;
     Receipt m_receipt;
@@ -239,8 +243,9 @@ class Relocation : private engine::RelocationObserver {
 
 void add_relocate_command(const Command &program, int &status) {
     const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RelocateOptions>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
+    command.add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else they are a loss");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
     const Option accept = add_accept_option(command);
@@ -268,7 +273,8 @@ void add_relocate_command(const Command &program, int &status) {
         status = Relocation(*options, {.source = engine::absolute_path(paths[0]),
                                        .destination = engine::absolute_path(paths[1]),
                                        .keepSource = options->keepSource,
-                                       .accepted = loss_set_of(accept, "--accept")})
+                                       .accepted = loss_set_of(accept, "--accept"),
+                                       .specials = options->specials})
                      .run();
     });
 }

@@ -23,9 +23,9 @@
 namespace tool {
 namespace {
 
-constexpr const char *kRecursion = "-r removes it with everything in it";
+constexpr const char *kRemoveRecursion = "-r removes it with everything in it";
 
-struct Options {
+struct RemoveOptions {
     engine::RemovalOptions removal;
     bool ask = false, stopOnError = false, verbose = false, quiet = false, json = false;
     int jobs = 1; // more gain nothing where a tree is removed in a moment
@@ -44,7 +44,7 @@ std::string removal_path(const std::string &given) {
 // One run: what is said and asked about each entry, and the count at the end.
 class Removal : private engine::RemovalObserver {
   public:
-    explicit Removal(const Options &options) : m_options(options) {}
+    explicit Removal(const RemoveOptions &options) : m_options(options) {}
 
     // The exit status.
     int run(const std::vector<std::string> &paths) {
@@ -94,7 +94,7 @@ class Removal : private engine::RemovalObserver {
         ++(status == engine::Status::done ? m_done : status == engine::Status::skipped ? m_kept : m_failed);
         m_console.progress(0, m_done + m_kept + m_failed);
         if (problem != nullptr) {
-            m_console.message(problem_text(engine::displayed(path), *problem, kRecursion));
+            m_console.message(problem_text(engine::displayed(path), *problem, kRemoveRecursion));
         }
         if (m_options.json) {
             m_console.line(entry_line(path, mode, status, problem));
@@ -113,7 +113,7 @@ class Removal : private engine::RemovalObserver {
         if (problem != nullptr && status == engine::Status::done) {
             line.add_to_list("warnings", problem_object(*problem));
         } else if (problem != nullptr) {
-            line.add_object("error", problem_object(*problem, kRecursion));
+            line.add_object("error", problem_object(*problem, kRemoveRecursion));
         }
         return line.line();
     }
@@ -151,7 +151,7 @@ class Removal : private engine::RemovalObserver {
         return summary.line();
     }
 
-    const Options &m_options;
+    const RemoveOptions &m_options;
     Console m_console;
     int m_done = 0, m_kept = 0, m_failed = 0;
 };
@@ -160,7 +160,7 @@ class Removal : private engine::RemovalObserver {
 
 void add_remove_command(const Command &program, int &status) {
     const Command command = program.add_command("remove", "Remove files and trees with all that is theirs");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RemoveOptions>();
     command.add_flag("-r,-R,--recursive", options->removal.recursive, "directories too, with everything in them");
     const Option force = command.add_flag("-f,--force", "what does not exist is no failure; never ask");
     const Option ask = command.add_flag("-i,--interactive", "ask before each removal");

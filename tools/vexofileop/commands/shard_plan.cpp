@@ -118,16 +118,25 @@ ShardPlan::ShardPlan(const Command &plan)
     : m_plan(plan), m_shards(plan.add_value("--shards", "N", "cut SRC into N lists, each for a copy of its own")),
       m_out(plan.add_value("--out", "DIR", "with --shards: the lists go there; new, or empty")),
       m_verbose(plan.add_flag("-v,--verbose", "with --shards: tell of each list")),
-      m_json(plan.add_flag("--json", "with --shards: one JSON object per line")),
+      m_json(plan.add_flag("--json", "with --shards: one JSON object per line")), m_selection(plan),
       m_operands(plan.add_operands("SRC", "SRC")) {
     m_shards.needs(m_out);
-    for (const Option &option : {m_out, m_verbose, m_json}) {
+    for (const Option &option : extras()) {
         option.needs(m_shards);
     }
 }
 
+// What says how the tree is cut.
+std::vector<Option> ShardPlan::extras() const {
+    std::vector<Option> options = m_selection.all();
+    options.insert(options.end(), {m_out, m_verbose, m_json});
+    return options;
+}
+
 void ShardPlan::keep_apart(const Command &command) const {
-    for (const Option &option : {m_shards, m_out, m_verbose, m_json, m_operands}) {
+    std::vector<Option> options = extras();
+    options.insert(options.end(), {m_shards, m_operands});
+    for (const Option &option : options) {
         command.excludes(option);
     }
 }
@@ -154,7 +163,7 @@ int ShardPlan::run() const {
         throw UsageError(engine::displayed(source) + (found ? ": is not a directory" : ": no such directory"));
     }
     DivisionTeller teller(out, m_verbose.given(), m_json.given());
-    return teller.finish(engine::divide_tree(source, out, static_cast<int>(shards), teller));
+    return teller.finish(engine::divide_tree(source, out, static_cast<int>(shards), teller, m_selection.chosen()));
 }
 
 } // namespace tool

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/vexofileop/arguments/parser.h"
+#include "tools/vexofileop/arguments/selection_options.h"
 
 #include <string>
 #include <vector>
@@ -18,8 +19,12 @@ class ShardPlan {
     int run() const;
 
   private:
+    std::vector<Option> extras() const;
+
     Command m_plan;
-    Option m_shards, m_out, m_verbose, m_json, m_operands;
+    Option m_shards, m_out, m_verbose, m_json;
+    SelectionOptions m_selection;
+    Option m_operands;
 };
 
 } // namespace tool

@@ -1,6 +1,7 @@
 #include "tools/vexofileop/commands/surplus_run.h"
 
 #include "tools/engine/report/names.h"
+#include "tools/engine/walk/look.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/signals.h"
@@ -19,6 +20,11 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
     m_backups += backup.empty() ? 0 : 1;
     m_failed += status == engine::Status::failed ? 1 : 0;
     m_mounts += status == engine::Status::skipped && problem != nullptr ? 1 : 0;
+    if (m_options.gathers && status == engine::Status::done) {
+        if (const auto found = engine::look(path)) {
+            m_going.insert({found->st_dev, found->st_ino});
+        }
+    }
     if (m_options.silent) {
         return;
     }

@@ -10,6 +10,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <utility>
 
 namespace tool {
 
@@ -17,10 +20,11 @@ class SurplusRun : private engine::SurplusObserver {
   public:
     struct Options {
         engine::SurplusOptions surplus = {};
-        bool ask = false;    // before each
-        int64_t most = -1;   // that are removed; below 0: any number
-        int64_t agreed = -1; // that somebody has said yes to, once for all; below 0: any number
-        bool silent = false; // they are only counted
+        bool ask = false;     // before each
+        int64_t most = -1;    // that are removed; below 0: any number
+        int64_t agreed = -1;  // that somebody has said yes to, once for all; below 0: any number
+        bool silent = false;  // they are only counted
+        bool gathers = false; // what would go is remembered
         bool verbose = false, json = false;
         bool report = false;
         std::function<bool()> stopped = {};
@@ -38,6 +42,8 @@ class SurplusRun : private engine::SurplusObserver {
     int64_t backups() const { return m_backups; }
     int64_t mounts() const { return m_mounts; } // that stay, and what others have under way
     bool was_limited() const { return m_limited; }
+    // Whether a rehearsal has told of this entry that it would go.
+    bool would_remove(const struct stat &found) const { return m_going.contains({found.st_dev, found.st_ino}); }
     // Somebody said no to what is more than was agreed to.
     bool was_refused() const { return m_refused; }
 
@@ -59,6 +65,7 @@ class SurplusRun : private engine::SurplusObserver {
     bool m_limited = false, m_refused = false;
     bool m_agreedToMore = false;
     std::set<std::string> m_yes = {}; // answers that were asked for ahead
+    std::set<std::pair<dev_t, ino_t>> m_going = {};
 };
 
 } // namespace tool
