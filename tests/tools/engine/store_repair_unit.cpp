@@ -276,9 +276,13 @@ TEST_F(StoreRepair, UndoGoesIntoNoDirectoryThatWasExchanged) {
     ASSERT_EQ(0, ::symlink("aside", (scene / "below").c_str()));
     EXPECT_EQ(1, undo(scene).left) << "by a link";
     ASSERT_EQ(0, ::unlink((scene / "below").c_str()));
+    // Another one, in which the same stands.
     ASSERT_EQ(0, ::mkdir((scene / "below").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((scene / "below/@eaDir").c_str(), 0777));
+    kit::writeFile(scene / "below/@eaDir/file@VexoEAStream", stream::bytes(kThree));
     const Undone undone = undo(scene);
     EXPECT_EQ(0, undone.restored);
+    EXPECT_EQ(stream::bytes(kThree), kit::readFile(scene / "below/@eaDir/file@VexoEAStream"));
     EXPECT_EQ(1, undone.left);
     EXPECT_EQ(stream::bytes(kThree), kit::readFile(scene / "aside/@eaDir/file@VexoEAStream"));
 }
