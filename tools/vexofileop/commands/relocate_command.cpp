@@ -245,7 +245,7 @@ void add_relocate_command(const Command &program, int &status) {
     const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
     const auto options = std::make_shared<RelocateOptions>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
-    command.add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else a loss");
+    command.rare().add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else a loss");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
     const Option accept = add_accept_option(command);
