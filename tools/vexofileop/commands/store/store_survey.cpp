@@ -190,10 +190,10 @@ void add_check(const Command &store, int &status) {
     const Option report = add_report_option(command);
     const PathOperands paths(command, "PATH", "PATH...");
     command.set_footer("\nOf a file: what is kept for it. Of a directory: that, and all that is kept for\n"
-                       "what lies in it. Nothing is changed. \"vexofileop explain store-orphan\" tells what\n"
-                       "a finding means. A store that another process has locked is not looked into.\n"
-                       "Exit status, added up: 0 clean, 4 something was found, 8 something could not be\n"
-                       "looked into; 16 usage.\n"
+                       "what lies in it. Nothing is changed. \"vexofileop explain store-orphan\" tells\n"
+                       "what a finding means. A store that another process has locked is not looked\n"
+                       "into. Exit status, added up: 0 clean, 4 something was found, 8 something could\n"
+                       "not be looked into; 16 usage.\n"
                        "Example:\n  vexofileop store check -r /volume1/photos");
     command.set_work([&status, options, report, paths] {
         options->report = report_path_of(report);
@@ -215,10 +215,10 @@ void add_repair(const Command &store, int &status) {
     undo.excludes(report);
     paths.excludes_list(undo);
     command.set_footer("\nThe original of everything that is changed is kept first, in a new directory\n"
-                       "vexofileop-quarantine-TIME-PID here, or in DIR; it stays until you remove it. What\n"
-                       "takes a guess, and what another process has locked, is left as it is and told.\n"
-                       "Exit status, added up: 0 clean, 1 mended, 4 something was left, 8 something could\n"
-                       "not be looked into; 16 usage. Of --undo: 0 all is as it was, 4 something was left.\n"
+                       "vexofileop-quarantine-TIME-PID here, or in DIR; it stays until you remove it.\n"
+                       "What takes a guess, and what another process has locked, is left and told.\n"
+                       "Exit status, added up: 0 clean, 1 mended, 4 something was left, 8 something\n"
+                       "could not be looked into; 16 usage. Of --undo: 0 all is back, 4 not in all.\n"
                        "Examples:\n"
                        "  vexofileop store repair -r --quarantine /volume2/originals /volume1/photos\n"
                        "  vexofileop store repair --undo /volume2/originals");
