@@ -65,11 +65,10 @@ int print(std::string text) {
 }
 
 int run(int argc, char **argv) {
-    const Parser parser(
-        {.name = "vexofileop",
-         .description = "Copies, moves and inspects files with everything that belongs to them.",
-         .version = "vexofileop " VEXOFILEOP_VERSION,
-         .footer = "\nExample, explained by vexofileop copy --help: vexofileop copy film.mkv /volume2/"});
+    const Parser parser({.name = "vexofileop",
+                         .description = "Copies, moves and inspects files with everything that belongs to them.",
+                         .version = "vexofileop " VEXOFILEOP_VERSION,
+                         .footer = "\nExample (vexofileop copy --help says more): vexofileop copy film.mkv /volume2/"});
     int status = exitAll;
     const NamedCommand *const named = named_command(argc, argv);
     add_commands(parser.program(), named, status);
