@@ -71,11 +71,6 @@ class View {
             EXPECT_NE(m_first.end(), found) << engine::displayed(path) << ": " << loss.detail;
             path = found == m_first.end() ? path : found->second;
         }
-        // Of what is nobody's in "@eaDir" the directory is told by some.
-        if (const size_t store = path.find("/@eaDir/");
-            loss.cls == LossClass::not_carried && store != std::string::npos) {
-            path.resize(store);
-        }
         details += engine::displayed(path) + ": " + loss.detail + "\n";
         told.emplace(path, engine::loss_row(loss.cls).name);
     }

@@ -200,6 +200,14 @@ TEST_F(Losses, WhatIsNobodysInTheStore) {
     EXPECT_EQ(1, copied.status);
     EXPECT_TRUE(mentions(copied.err, "@eaDir/renamed away@VexoEAStream belongs to no entry (not-carried)\n"))
         << copied.err;
+    // A plan and a comparison tell it of the same path, in the same words.
+    const std::string line =
+        tree + " -> " + scratch / "copy" + ": @eaDir/renamed away@VexoEAStream belongs to no entry";
+    for (const Arguments &also : {Arguments{"compare"}, {"plan", "copy", "-rfvT"}, {"copy", "-rfvT"}}) {
+        Arguments arguments = also;
+        arguments.insert(arguments.end(), {tree, scratch / "copy"});
+        EXPECT_TRUE(mentions(runTool(arguments).out, line)) << also.front();
+    }
     const ToolResult moved = runTool({"move", tree, volume.path()});
     EXPECT_EQ(1, moved.status);
     EXPECT_TRUE(mentions(moved.err, "@eaDir/renamed away@VexoEAStream belongs to no entry (not-carried)\n"))

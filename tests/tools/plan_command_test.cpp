@@ -135,6 +135,12 @@ const Tried kTried[] = {
     {"PlanCopyKeepingBoth", {"plan", "copy"}, {"-r", "--keep-both"}},
     {"PlanCopyWithoutProbe", {"plan", "copy"}, {"-r", "--no-probe"}},
     {"PlanMove", {"plan", "move"}, {"-f"}},
+    // With what the run is given.
+    {"PlanCopyAsTheRun", {"plan", "copy", "-r"}, {"--verify", "-q", "--progress=json", "--no-progress", "--jobs=2"}},
+    {"PlanMoveAsTheRun", {"plan", "move"}, {"--verify", "-q", "--progress=json", "--no-progress", "--jobs=2"}},
+    {"PlanMirrorAsTheRun",
+     {"plan", "mirror", "--no-probe"},
+     {"--verify", "-q", "--progress=json", "--no-progress", "--jobs=2"}},
     {"CopyDryRun", {"copy"}, {"-r", "--dry-run"}},
     {"MoveDryRun", {"move"}, {"--dry-run"}},
 };

@@ -16,7 +16,10 @@ struct CompareOptions {
     bool times = true;  // modification and creation time
     bool begun = false; // some of `a` was removed already: times of directories in "@eaDir" say nothing
     bool costs = false; // what only takes more room: holes that were filled, links that became files
-    bool kept = true;   // what lies in "@eaDir" for the entry and is no part of a store
+    // A symbolic link is not read where that would change its access time: one of the same length is taken for the
+    // same.
+    bool traceless = false;
+    bool kept = true; // what lies in "@eaDir" for the entry and is no part of a store
     // The source as it was before its times were touched: those of its status count then. Null: as it is.
     const VLIBCStat *before = nullptr;
     std::function<bool()> stopped = {}; // asked while data are read; an end by it is a loss of the class "unreadable"

@@ -1,6 +1,7 @@
 #include "tools/engine/compare/side.h"
 
 #include "platform/sdk.h"
+#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/units.h"
 
 #include <algorithm>
@@ -9,12 +10,16 @@
 #include <climits>
 #include <fcntl.h>
 #include <iterator>
+#include <string_view>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 namespace engine {
 namespace {
+
+constexpr uint32_t kFuse = 0x65735546;
 
 struct GrainRow {
     uint32_t magic;
@@ -52,12 +57,43 @@ std::string text_of(int directory) {
     return same ? path : std::string();
 }
 
+// Whether it is FAT or exFAT that a program drives, by the first bytes of the device. Who may not read those believes
+// the driver.
+bool is_fat_by_program(int directory) {
+    struct stat found {
+    }, opened{};
+    std::array<char, PATH_MAX> target{};
+    if (::fstat(directory, &found) != 0) {
+        return false;
+    }
+    const std::string link =
+        "/sys/dev/block/" + std::to_string(major(found.st_dev)) + ":" + std::to_string(minor(found.st_dev));
+    const ssize_t length = ::readlink(link.c_str(), target.data(), target.size() - 1);
+    const std::string text(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+    const std::string path = "/dev/" + text.substr(text.rfind('/') + 1);
+    const Descriptor device(text.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    std::array<char, 512> start{};
+    if (device.get() < 0 || ::fstat(device.get(), &opened) != 0 || !S_ISBLK(opened.st_mode) ||
+        opened.st_rdev != found.st_dev || ::pread(device.get(), start.data(), start.size(), 0) < 0) {
+        return false;
+    }
+    constexpr size_t exfatAt = 3, fatAt = 54, fat32At = 82;
+    const std::string_view bytes(start.data(), start.size());
+    return bytes.substr(exfatAt).starts_with("EXFAT   ") || bytes.substr(fatAt).starts_with("FAT1") ||
+           bytes.substr(fat32At).starts_with("FAT32");
+}
+
 int type_of(int directory) {
     const std::string text = text_of(directory);
     return VEXOGetFSType(text.empty() ? ("/proc/self/fd/" + std::to_string(directory)).c_str() : text.c_str(), 1);
 }
 
 } // namespace
+
+bool keeps_time(const VolumeFacts &volume, const timespec &time) {
+    constexpr time_t first = 315'532'800, end = 4'354'819'200; // 1980, 2108
+    return !volume.fatTimes || (time.tv_sec >= first && time.tv_sec < end);
+}
 
 VolumeFacts volume_facts(int directory, int type) {
     VolumeFacts facts;
@@ -70,11 +106,13 @@ VolumeFacts volume_facts(int directory, int type) {
     facts.magic = ::fstatfs(directory, &volume) == 0 ? static_cast<uint32_t>(volume.f_type) : 0;
     const auto *const row = std::ranges::find(kGrains, facts.magic, &GrainRow::magic);
     facts.timeGrain = row == std::end(kGrains) ? 0 : row->grain;
+    facts.fatTimes = facts.magic == kFuse && is_fat_by_program(directory);
     facts.largestFile = largest_file(directory, facts.type);
     struct stat found {};
     struct statx itself {};
-    facts.creationTimes =
-        ::statx(directory, "", AT_EMPTY_PATH, STATX_BTIME, &itself) == 0 && (itself.stx_mask & STATX_BTIME) != 0;
+    const bool told = ::statx(directory, "", AT_EMPTY_PATH, STATX_BTIME, &itself) == 0;
+    facts.creationTimes = told && (itself.stx_mask & STATX_BTIME) != 0;
+    facts.appendOnly = told && (itself.stx_attributes & STATX_ATTR_APPEND) != 0;
     facts.noDirectory = ::fstatat(directory, "@eaDir", &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
     return facts;
 }

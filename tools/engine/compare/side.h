@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <time.h>
 
 namespace engine {
 
@@ -16,14 +17,20 @@ struct VolumeFacts {
     uint32_t magic = 0;         // of the file system, by the kernel
     int64_t timeGrain = 1;      // nanoseconds between two modification times; 0: to be found out from an entry's times
     bool creationTimes = false; // the kernel has one of every entry; else it is the oldest of the others, or a record's
+    bool appendOnly = false;    // names can be given in the directory, and none taken away
     bool noDirectory = false;   // a walk knows that there is no "@eaDir" beside the entries
-    uint64_t largestFile = 0;   // a file of this size, and a larger one, is too large; 0: no limit is known
+    bool fatTimes = false;    // the driver tells times that it keeps only until it forgets the entry: see keeps_time()
+    uint64_t largestFile = 0; // a file of this size, and a larger one, is too large; 0: no limit is known
 };
 
 // Asks for the volume of an open directory. `type`: the code where the caller knows it; -1: asked for here, by the path
 // that the kernel gives for the directory, since an override of types goes by the text of paths. `noDirectory` is
 // found out, too.
 VolumeFacts volume_facts(int directory, int type = -1);
+
+// Whether a modification time is there after the volume is mounted again. FAT and exFAT have none before 1980 and none
+// after 2107; the kernel says so at once, a driver that is a program only then.
+bool keeps_time(const VolumeFacts &volume, const timespec &time);
 
 struct Side {
     int directory;    // open, for whatever purpose (O_PATH too); stays the caller's

@@ -103,6 +103,10 @@ void compare_times(const EntryView &one, const EntryView &other, Findings &findi
     if (!within(first.st_mtim, second.st_mtim, grain)) {
         findings.add(LossClass::modification_time, fmt::format("modification time differs: {} and {}",
                                                                time_text(first.st_mtim), time_text(second.st_mtim)));
+    } else if (!keeps_time(other.volume(), first.st_mtim)) {
+        findings.add(LossClass::modification_time,
+                     fmt::format("modification time {}: the volume keeps none before 1980 and none after 2107",
+                                 time_text(first.st_mtim)));
     }
     const bool keeps = S_ISREG(first.st_mode) || S_ISDIR(first.st_mode);
     const timespec created = one.status().createTime, there = kept_creation(other);

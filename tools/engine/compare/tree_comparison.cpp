@@ -476,12 +476,15 @@ class TreeComparison {
         const std::string path = joined(level.one.path, part_text(part));
         const std::string otherPath = joined(level.other.path, part_text(part));
         const int from = level.listing.place_of(part, level.one.fd());
-        if (place < 0 || !plain(from, part.name, place, part.name)) {
+        const bool differs = place < 0 || !plain(from, part.name, place, part.name);
+        if (differs && part.inStore) { // told of the directory, as a copy does
+            lose(level.one.path, level.other.path, LossClass::not_carried,
+                 fmt::format("{} belongs to no entry", displayed(part_text(part))));
+        } else if (differs) {
             lose(path, otherPath, LossClass::not_carried,
-                 part.inStore                  ? "is kept for no entry, and stays where it is"
-                 : part.name.starts_with("._") ? "has a name that is kept for metadata, and stays where it is"
-                 : is_system_name(part.name)   ? "belongs to the system, and stays where it is"
-                                               : "has a name that is kept for metadata, and stays where it is");
+                 part.name.starts_with("._") ? "has a name that is kept for metadata, and stays where it is"
+                 : is_system_name(part.name) ? "belongs to the system, and stays where it is"
+                                             : "has a name that is kept for metadata, and stays where it is");
         }
     }
 

@@ -22,9 +22,20 @@ std::string inherited(const HeldDirectory &directory) {
 
 bool UsedRoom::has(const Room &wanted) {
     const Room sum{now.bytes + wanted.bytes, now.inodes + wanted.inodes};
-    most = {std::max(most.bytes, sum.bytes), std::max(most.inodes, sum.inodes)};
-    const auto holds = [](const std::optional<int64_t> &there, int64_t all) { return !there || all <= *there; };
+    most = {std::max(most.bytes, all.bytes + wanted.bytes), std::max(most.inodes, all.inodes + wanted.inodes)};
+    const auto holds = [](const std::optional<int64_t> &there, int64_t number) { return !there || number <= *there; };
     return holds(free.bytes, sum.bytes) && holds(free.inodes, sum.inodes);
+}
+
+void UsedRoom::take(const Room &needed, const Room &back, bool found) {
+    const auto add = [&](Room &room) {
+        room.bytes += needed.bytes - back.bytes;
+        room.inodes += needed.inodes - back.inodes;
+    };
+    add(all);
+    if (found) {
+        add(now);
+    }
 }
 
 AskedVolume &AskedVolumes::of(const HeldDirectory &directory) {

@@ -21,9 +21,12 @@ struct UsedRoom {
     FreeRoom free = {};
     bool probed = false;
     Room now = {}, most = {};
+    Room all = {}; // as `now`, had there been room for everything
 
     // Whether there is as much more; it is noted as needed in any case.
     bool has(const Room &wanted);
+    // `found`: there was room for it.
+    void take(const Room &needed, const Room &back, bool found);
 };
 
 // A directory that is asked what becomes of entries in it, for all directories that nothing tells apart.
@@ -38,20 +41,19 @@ struct AskedVolume {
 // What was needed of a volume so far, so that it can be put back.
 class RoomsBefore {
   public:
-    explicit RoomsBefore(const AskedVolume &volume) : m_all{{volume.room, {volume.room->now, volume.room->most}}} {
+    explicit RoomsBefore(const AskedVolume &volume) : m_all{{volume.room, *volume.room}} {
         for (const auto &[room, number] : volume.quotas) {
-            m_all.push_back({room, {room->now, room->most}});
+            m_all.emplace_back(room, *room);
         }
     }
     void put_back() const {
         for (const auto &[room, before] : m_all) {
-            room->now = before.first;
-            room->most = before.second;
+            *room = before;
         }
     }
 
   private:
-    std::vector<std::pair<UsedRoom *, std::pair<Room, Room>>> m_all;
+    std::vector<std::pair<UsedRoom *, UsedRoom>> m_all;
 };
 
 class AskedVolumes {

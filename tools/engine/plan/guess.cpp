@@ -85,6 +85,10 @@ class Guess {
         }
     }
     void guess_status(const EntryView &entry) {
+        if (!keeps_time(m_volume, entry.status().st.st_mtim)) {
+            lose(LossClass::modification_time,
+                 "modification time: the volume keeps none before 1980 and none after 2107");
+        }
         constexpr uint32_t kept = VLIBC_ATTR_HIDDEN | VLIBC_ATTR_SYSTEM;
         if (keeps("user.vexofileop.none")) {
             return;

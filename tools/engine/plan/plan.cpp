@@ -75,6 +75,8 @@ class Planner::Walk {
     };
     bool moves() const { return m_transfer.operation == Operation::move; }
     bool tell(PlannedEntry planned);
+    bool tell_arrived(const Source &source, PlannedEntry planned);
+    bool tell_same(const Source &source, const PlannedEntry &planned);
     bool fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses = {});
 
     bool begin_way(const std::string &base, const std::string &top);
@@ -97,6 +99,7 @@ class Planner::Walk {
     bool open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened, bool onTheWay);
     bool merge_directory(const Source &source, Destination &to, Opened &opened);
     bool is_renamed(const Source &source, dev_t volume, int type, const Destination &to) const;
+    static int refusal_to_move(const Source &source, const Opened &opened, const Destination &to);
     bool tree(const Source &source, Destination &to, std::string name);
     bool entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers);
     bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to);
@@ -104,6 +107,8 @@ class Planner::Walk {
     bool file(const Source &source, Destination &to, std::string name);
     bool placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
                 PlannedEntry planned, bool asItIs);
+    std::optional<Problem> refusal_of_place(const Source &source, const Destination &to, const std::string &name,
+                                            const PlannedEntry &planned, bool renamed) const;
     bool resolve(const Source &source, const struct stat &entry, const struct stat &content, bool asItIs,
                  Destination &to, std::string &name, PlannedEntry &planned, bool &done);
     bool is_same(const Source &source, const struct stat &entry, const struct stat &content, Destination &to,
@@ -116,7 +121,8 @@ class Planner::Walk {
     static void take_room(Destination &to, const Source &source, const struct stat &found, const struct stat *old,
                           PlannedEntry &planned);
     static int refusal_of(const AskedVolume &volume, const Room &needed);
-    void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned);
+    void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned,
+                     const struct stat *old);
 
     const PlanOptions &m_options;
     const TransferOptions &m_transfer;
@@ -144,6 +150,24 @@ bool Planner::Walk::tell(PlannedEntry planned) {
     planned.sourceStays = planned.sourceStays || (moves() && done && planned.deed != Deed::rename && fails);
     m_observer.entry(planned);
     return done && !planned.sourceStays;
+}
+
+// Of a move to another volume what was left behind keeps the source; else that goes, if it can.
+bool Planner::Walk::tell_arrived(const Source &source, PlannedEntry planned) {
+    const auto fails = [&](const Loss &loss) { return engine::fails(loss, m_transfer.accepted); };
+    if (moves() && std::ranges::none_of(planned.losses, fails) && refusal_to_go(source.in.fd(), source.name) != 0) {
+        planned.same = planned.linked = planned.cloned = false;
+        return fail(std::move(planned), {"copied, but the source could not be removed and is still there"});
+    }
+    return tell(std::move(planned));
+}
+
+// Of a move the source goes, as of one that arrives.
+bool Planner::Walk::tell_same(const Source &source, const PlannedEntry &planned) {
+    if (moves() && refusal_to_go(source.in.fd(), source.name) != 0) {
+        return tell_arrived(source, planned);
+    }
+    return tell(planned) || moves();
 }
 
 bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses) {
@@ -386,6 +410,20 @@ bool Planner::Walk::is_renamed(const Source &source, dev_t volume, int type, con
            type == to.there.type() && may_be_renamed(source.in.fd(), source.name, to.there.fd());
 }
 
+// The errno with which the kernel would refuse to rename a directory; 0: it would not. One that gets another directory
+// above it is written to.
+int Planner::Walk::refusal_to_move(const Source &source, const Opened &opened, const Destination &to) {
+    const int number = refusal_to_go(source.in.fd(), source.name);
+    struct stat above {
+    }, there{};
+    const bool stays =
+        ::fstat(source.in.fd(), &above) == 0 && ::fstat(to.there.fd(), &there) == 0 && same(above, there);
+    if (number != 0 || stays || ::faccessat(opened.from.fd(), ".", W_OK, AT_EACCESS) == 0) {
+        return number;
+    }
+    return errno;
+}
+
 bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
     if (m_observer.stopped()) {
         return false;
@@ -402,6 +440,9 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     HeldDirectory &from = opened.from;
     Destination &inner = opened.inner;
     if (!opened.there && m_selection.takes_everything() && is_renamed(source, from.device(), from.type(), to)) {
+        if (const int number = refusal_to_move(source, opened, to); number != 0) {
+            return fail(std::move(planned), number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+        }
         planned.deed = Deed::rename;
         return tell(std::move(planned));
     }
@@ -430,6 +471,12 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         planned.problem = leftOut != m_selection.left_out()
                               ? std::optional<Problem>()
                               : Problem{"the source directory stays, with what was not moved", 0, true};
+    }
+    const auto fails = [&](const Loss &loss) { return engine::fails(loss, m_transfer.accepted); };
+    const bool goes = moves() && complete && std::ranges::none_of(planned.losses, fails);
+    if (const int number = goes ? refusal_to_go(source.in.fd(), source.name) : 0; number != 0) {
+        return fail(std::move(planned),
+                    {"arrived, but the source directory could not be removed: " + problem_of_placing(number).reason});
     }
     return tell(std::move(planned)) && complete;
 }
@@ -518,7 +565,7 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
         return tell(planned);
     }
     if (conflict == Conflict::update && there && !written && is_same(source, entry, content, to, name, planned)) {
-        return tell(planned) || moves();
+        return tell_same(source, planned);
     }
     if (there && S_ISDIR(there->st_mode)) {
         return fail(planned, problem_of(kIsDirectory));
@@ -536,7 +583,7 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     // As a run that was stopped has left it. The content is for the run to read.
     if (there && m_backups.wanted() && conflict != Conflict::update &&
         is_same(source, entry, content, to, name, planned)) {
-        return tell(planned) || moves();
+        return tell_same(source, planned);
     }
     if (there && m_backups.wanted()) {
         if (auto refusal = backup_refusal(entry, to, name, planned)) {
@@ -587,13 +634,15 @@ bool Planner::Walk::is_same(const Source &source, const struct stat &entry, cons
     }
     std::vector<Loss> differences = compare_entries(
         from, to.there.side_now(name),
-        {.data = m_transfer.checksum, .costs = true, .stopped = [this] { return m_observer.stopped(); }});
+        {.data = m_transfer.checksum, .costs = true, .traceless = !m_transfer.checksum, .stopped = [this] {
+             return m_observer.stopped();
+         }});
     std::erase_if(differences, [](const Loss &one) { return one.cls == LossClass::hard_link; });
     if (std::ranges::any_of(differences, [&](const Loss &one) { return is_to_update(one, m_transfer.accepted); })) {
         return false;
     }
     std::ranges::move(differences, std::back_inserter(planned.losses));
-    hard_linked(source, content, *to.volume, planned);
+    hard_linked(source, content, *to.volume, planned, nullptr);
     if (const auto linked = m_linked.find({entry.st_dev, entry.st_ino}); linked != m_linked.end()) {
         linked->second.there = there->st_ino;
     }
@@ -624,7 +673,7 @@ std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, st
 // From the second name on a file is linked, or becomes one of its own and tells it. What a link led to is no name of
 // it.
 void Planner::Walk::hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume,
-                                PlannedEntry &planned) {
+                                PlannedEntry &planned, const struct stat *old) {
     if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
         return;
     }
@@ -635,6 +684,12 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
     planned.linked = !isNew && !alone && !known->second.alone && m_transfer.hardLinks &&
                      known->second.room == volume.room && known->second.project == volume.project &&
                      volume.rehearsal->keeps_hard_links() && entry && S_ISREG(entry->st_mode);
+    // What is written into stays the file that it is.
+    planned.linked = planned.linked &&
+                     (!planned.inPlace || (m_transfer.inPlace && old != nullptr && known->second.there == old->st_ino));
+    if (!planned.linked) {
+        known->second.there = planned.inPlace && old != nullptr ? old->st_ino : 0;
+    }
     known->second.alone = alone; // a later name is linked to the last one
     if (isNew || planned.linked) {
         return;
@@ -642,6 +697,26 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
     planned.losses.push_back(
         {LossClass::hard_link,
          fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
+}
+
+// Why the kernel would refuse a file the name that it is to get, or a renamed one to leave its own.
+std::optional<Problem> Planner::Walk::refusal_of_place(const Source &source, const Destination &to,
+                                                       const std::string &name, const PlannedEntry &planned,
+                                                       bool renamed) const {
+    const int directory = to.there.fd();
+    int number = renamed ? refusal_to_go(source.in.fd(), source.name) : 0;
+    if (planned.inPlace) {
+        if (auto problem = m_transfer.inPlace ? std::nullopt : refusal_of_forced(m_transfer)) {
+            return problem;
+        }
+        number = refusal_to_be_written(directory, name);
+    } else if (to.is_there() && number == 0) {
+        if (!renamed && to.there.facts().appendOnly) {
+            return problem_of_append_only();
+        }
+        number = to.there.look(name) ? refusal_to_go(directory, name) : 0;
+    }
+    return number == 0 ? std::nullopt : std::optional(problem_of_errno(number));
 }
 
 bool Planner::Walk::placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
@@ -660,6 +735,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         planned.inPlace = !asItIs && !renamed && ::faccessat(to.there.fd(), name.c_str(), W_OK, AT_EACCESS) == 0 &&
                           (m_transfer.inPlace || ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0);
         planned.oldNames = planned.inPlace ? 0 : static_cast<int64_t>(old->st_nlink) - 1;
+    }
+    if (auto problem = refusal_of_place(source, to, name, planned, renamed)) {
+        return fail(std::move(planned), std::move(*problem));
     }
     if (renamed) {
         planned.deed = planned.deed == Deed::replace ? Deed::replace : Deed::rename;
@@ -688,18 +766,26 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         }
         planned.losses.push_back(std::move(loss));
     }
-    hard_linked(source, found, volume, planned);
+    const std::pair<dev_t, ino_t> file(found.st_dev, found.st_ino);
+    const bool first = !m_linked.contains(file);
+    hard_linked(source, found, volume, planned, old ? &*old : nullptr);
     const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);
     planned.cloned = data && found.st_size > 0 && m_clones.wants(source.in, volume.directory);
-    if (data && m_clones.insists() && !m_clones.can(source.in, volume.directory)) {
+    const bool uncloned = data && m_clones.insists() && !m_clones.can(source.in, volume.directory);
+    if (!uncloned) {
+        take_room(to, source, found, old ? &*old : nullptr, planned);
+    }
+    if ((uncloned || planned.deed == Deed::fail) && first) {
+        m_linked.erase(file); // to what is not there no other name is linked
+    }
+    if (uncloned) {
         return fail(std::move(planned), {kNotCloned});
     }
-    take_room(to, source, found, old ? &*old : nullptr, planned);
     if (planned.deed == Deed::fail) {
         return tell(std::move(planned));
     }
     to.planned.emplace(volume.rehearsal->key_of(name), source.name);
-    return tell(std::move(planned));
+    return tell_arrived(source, std::move(planned));
 }
 
 // What its name takes in the directory that it goes to: none is filled to more than two thirds.
@@ -763,21 +849,16 @@ void Planner::Walk::take_room(Destination &to, const Source &source, const struc
         back.bytes += store.bytes;
         back.inodes += store.inodes;
     }
-    if (const int number = refusal_of(volume, needed); number != 0) {
-        const std::optional<int64_t> &free = volume.room->free.bytes;
-        const bool inodes = number == ENOSPC && !(free && volume.room->now.bytes + needed.bytes > *free);
-        planned.deed = Deed::fail;
-        planned.problem = inodes ? problem_of_no_inode() : problem_of_errno(number);
-        planned.losses.clear();
-        return;
+    const int number = refusal_of(volume, needed);
+    const bool lacksBytes = volume.room->free.bytes && volume.room->now.bytes + needed.bytes > *volume.room->free.bytes;
+    volume.room->take(needed, back, number == 0);
+    for (const auto &[room, refusal] : volume.quotas) {
+        room->take(needed, back, number == 0);
     }
-    const auto take = [&](UsedRoom &room) {
-        room.now.bytes += needed.bytes - back.bytes;
-        room.now.inodes += needed.inodes - back.inodes;
-    };
-    take(*volume.room);
-    for (const auto &[room, number] : volume.quotas) {
-        take(*room);
+    if (number != 0) {
+        planned.deed = Deed::fail;
+        planned.problem = number == ENOSPC && !lacksBytes ? problem_of_no_inode() : problem_of_errno(number);
+        planned.losses.clear();
     }
 }
 

@@ -2,8 +2,9 @@
 // what room all of it needs.
 //
 // Of the two trees nothing changes, and no file of the source is read, so that its access times stay (those of
-// directories too where this user may look without leaving one: the owner and root). A link that is followed, as a copy
-// without trees does, has its access time from that.
+// directories too where this user may look without leaving one: the owner and root). A link whose access time would
+// change is not read: one of the same length and times is the same. A link that is followed, as a copy without trees
+// does, has its access time from that.
 #pragma once
 
 #include "tools/engine/losses/loss.h"

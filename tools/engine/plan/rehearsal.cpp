@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <compare>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -175,9 +176,20 @@ std::string Rehearsal::signature(const Side &source, const struct stat &found) c
                  ::faccessat(source.directory, ("@eaDir/" + source.name).c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0)) {
         return {};
     }
+    // What a volume without creation times is told of one depends on which of the times is the oldest.
+    const auto order = [&](const timespec &one, const timespec &other) {
+        constexpr long unit = 100;
+        return std::pair(one.tv_sec, one.tv_nsec / unit) <=> std::pair(other.tv_sec, other.tv_nsec / unit);
+    };
+    const auto sign = [](std::strong_ordering way) { return way < 0 ? '<' : way > 0 ? '>' : '='; };
+    const timespec &created = status.createTime, &changed = status.st.st_mtim, &read = status.st.st_atim;
+    const std::string times = m_volume.creationTimes
+                                  ? std::string()
+                                  : fmt::format("{}{}{} ", sign(order(created, changed)), sign(order(created, read)),
+                                                sign(order(changed, read)));
     // Not every list has the Windows ACL.
-    std::string text = fmt::format("{:o} {} {} {:x} {}", found.st_mode, found.st_uid, found.st_gid, status.attributes,
-                                   ::lgetxattr(path.c_str(), "security.NTACL", nullptr, 0));
+    std::string text = fmt::format("{}{:o} {} {} {:x} {}", times, found.st_mode, found.st_uid, found.st_gid,
+                                   status.attributes, ::lgetxattr(path.c_str(), "security.NTACL", nullptr, 0));
     for (const std::string &name : attribute_names(path)) {
         const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
         if (name.starts_with("system.")) {

@@ -78,6 +78,12 @@ void name_what_is_full(Problem &problem, const std::string &place) {
     }
 }
 
+Problem problem_of_append_only() {
+    Problem problem = problem_of_errno(EPERM);
+    problem.reason = "its directory is append-only: a copy could not get its name there";
+    return problem;
+}
+
 Problem of_source(Problem problem) {
     problem.withSource = true;
     return problem;

@@ -26,6 +26,8 @@ Problem problem_of_no_inode();
 bool lacks_inodes(int directory);
 // Says so of what failed for want of room, by the path of what was to be made; anything else stays as it is.
 void name_what_is_full(Problem &problem, const std::string &place);
+// A directory in which names can be given and none taken away, so that a private one would stay.
+Problem problem_of_append_only();
 // The same, as one of the source.
 Problem of_source(Problem problem);
 // A directory that the request does not reach into.

@@ -81,6 +81,16 @@ bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const Tr
            (oneDirectory && attempt.sourceName == attempt.name);
 }
 
+std::optional<Problem> refusal_of_forced(const TransferOptions &options) {
+    const char *const apart = options.verify                   ? "a copy would stand until it is verified"
+                              : options.clone == Clone::always ? "a clone would stand until it is one"
+                              : options.backup.wanted          ? "its backup would stand"
+                                                               : nullptr;
+    return apart == nullptr ? std::nullopt
+                            : std::optional(Problem{
+                                  fmt::format("nothing can be made in its directory, where {}; not replaced", apart)});
+}
+
 bool is_to_update(const Loss &difference, LossSet accepted) {
     switch (difference.cls) {
     case LossClass::data:

@@ -93,6 +93,9 @@ bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const Tr
 // unless it tells of other content.
 bool is_to_update(const Loss &difference, LossSet accepted);
 
+// Where nothing can be made beside what stands there: why it cannot be written into either; nothing: it can.
+std::optional<Problem> refusal_of_forced(const TransferOptions &options);
+
 Outcome failure(const std::string &destination, Problem problem);
 // Two names that have become one. The types of the entry and of what stands there decide how that is called.
 Outcome clash(const std::string &destination, mode_t entry, mode_t there);

@@ -188,6 +188,9 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
                    meant && openDestination && !attempt.stopAnswered &&
                    (S_ISLNK(meant->st_mode) || !to.look(attempt.name))) {
             if (auto refusal = refusal_of_entry(to.fd(), attempt.name, meant->st_mode)) {
+                if (outcome.problem->code == kMissing) { // so a driver calls a name that it does not take
+                    outcome.problem = Problem{refusal->detail};
+                }
                 outcome.losses.push_back(std::move(*refusal));
             }
         }
@@ -485,18 +488,11 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     const bool forced = old && !m_options.inPlace && !may_write(attempt.to.fd(), ".", W_OK | X_OK);
     if (old && S_ISREG(old->st_mode) && !attempt.asItIs && (forced || m_options.inPlace) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
-        const char *const apart = m_options.verify     ? "a copy would stand until it is verified"
-                                  : m_clones.insists() ? "a clone would stand until it is one"
-                                  : m_backups.wanted() ? "its backup would stand"
-                                                       : nullptr;
-        if (forced && apart != nullptr) {
-            return failure(attempt.destination,
-                           {fmt::format("nothing can be made in its directory, where {}; not replaced", apart)});
-        }
-        if (forced) {
-            attempt.note({"written in place, since nothing can be made in its directory"});
-        }
-        return write_in_place(attempt, *old);
+        auto refusal = forced ? refusal_of_forced(m_options) : std::nullopt;
+        return refusal ? failure(attempt.destination, std::move(*refusal)) : write_in_place(attempt, *old);
+    }
+    if (attempt.to.facts().appendOnly) {
+        return failure(attempt.destination, problem_of_append_only());
     }
     std::optional<Problem> problem;
     std::vector<Loss> refused;

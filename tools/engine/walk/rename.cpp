@@ -44,6 +44,12 @@ std::optional<fsxattr> project_settings(int directory, const std::string &name) 
                                                                                       : std::nullopt;
 }
 
+std::optional<struct statx> attributes_of(int directory, const char *name) {
+    struct statx found {};
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_EMPTY_PATH;
+    return ::statx(directory, name, flags, STATX_BASIC_STATS, &found) == 0 ? std::optional(found) : std::nullopt;
+}
+
 } // namespace
 
 bool rename_without_replacing(int fromDirectory, const std::string &from, int toDirectory, const std::string &to) {
@@ -84,6 +90,28 @@ bool may_be_renamed(int fromDirectory, const std::string &from, int toDirectory)
     auto entry = project_settings(fromDirectory, from);
     entry = entry ? entry : project_settings(fromDirectory, "."); // a link has that of its directory
     return !entry || entry->fsx_projid == into->fsx_projid;
+}
+
+int refusal_to_go(int directory, const std::string &name) {
+    if (::faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        return errno;
+    }
+    const auto above = attributes_of(directory, ""), entry = attributes_of(directory, name.c_str());
+    if (!above || !entry) {
+        return 0;
+    }
+    const uid_t user = ::geteuid();
+    const bool others =
+        (above->stx_mode & S_ISVTX) != 0 && user != 0 && user != entry->stx_uid && user != above->stx_uid;
+    const bool stays = (above->stx_attributes & STATX_ATTR_APPEND) != 0 ||
+                       (entry->stx_attributes & (STATX_ATTR_APPEND | STATX_ATTR_IMMUTABLE)) != 0;
+    const bool mounted = !S_ISDIR(entry->stx_mode) && (entry->stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    return others || stays ? EPERM : mounted ? EBUSY : 0;
+}
+
+int refusal_to_be_written(int directory, const std::string &name) {
+    const auto entry = attributes_of(directory, name.c_str());
+    return entry && (entry->stx_attributes & (STATX_ATTR_APPEND | STATX_ATTR_IMMUTABLE)) != 0 ? EPERM : 0;
 }
 
 } // namespace engine

@@ -14,4 +14,11 @@ bool rename_without_replacing(int fromDirectory, const std::string &from, int to
 // entry would pass by. What cannot be told of a project is taken for the same.
 bool may_be_renamed(int fromDirectory, const std::string &from, int toDirectory);
 
+// The errno with which the kernel would keep an entry of an open directory (O_PATH will do) from losing its name,
+// whether by removal, by renaming or to another entry; 0: it would not, or there is no such entry.
+int refusal_to_go(int directory, const std::string &name);
+
+// The same for writing into a file that may be opened for it.
+int refusal_to_be_written(int directory, const std::string &name);
+
 } // namespace engine

@@ -9,8 +9,8 @@ constexpr int kMostJobs = 64; // more get in each other's way on any machine
 
 } // namespace
 
-void add_jobs_option(const Command &command, int &jobs) {
-    command.rare().add_number("-j,--jobs", "N", jobs, 1, kMostJobs, "so many processes share the work");
+void add_jobs_option(const Command &command, int &jobs, const char *text) {
+    command.rare().add_number("-j,--jobs", "N", jobs, 1, kMostJobs, text);
 }
 
 engine::Hands hands_of(int jobs) {

@@ -7,7 +7,7 @@
 namespace tool {
 
 // `jobs` stays 0 where the option is not given.
-void add_jobs_option(const Command &command, int &jobs);
+void add_jobs_option(const Command &command, int &jobs, const char *text = "so many processes share the work");
 
 // So many processes, which leave stops to this one.
 engine::Hands hands_of(int jobs);

@@ -8,10 +8,13 @@
 
 namespace tool {
 
-ProgressOption::ProgressOption(const Command &command)
+ProgressOption::ProgressOption(const Command &command, Of of)
     : m_command(command),
-      m_kind(command.rare().add_value("--progress", "KIND", "json: lines on stderr; bar: a line on a terminal; none")),
-      m_none(command.rare().add_flag("--no-progress", "no progress line on a terminal")) {}
+      m_kind(command.rare().add_value("--progress", "KIND",
+                                      of == Of::run ? "json: lines on stderr; bar: a line on a terminal; none"
+                                                    : "json, bar or none: accepted, and means nothing here")),
+      m_none(command.rare().add_flag("--no-progress",
+                                     of == Of::run ? "no progress line on a terminal" : "accepted: a plan has none")) {}
 
 ProgressOption::Wanted ProgressOption::wanted() const {
     const std::string kind = m_kind.given() ? m_kind.values().front() : "bar";

@@ -7,8 +7,9 @@ namespace tool {
 
 class ProgressOption {
   public:
-    // Both are rare ones.
-    explicit ProgressOption(const Command &command);
+    // Both are rare ones. A plan takes what its run is given, and has no progress to tell.
+    enum class Of { run, plan };
+    explicit ProgressOption(const Command &command, Of of = Of::run);
 
     // What was given last. Throws UsageError for a kind that there is none of.
     struct Wanted {

@@ -312,8 +312,12 @@ void Batch::tell_receipt() {
 // Nobody who replaces a file thinks of its other names.
 void Batch::tell_old_names() {
     if (m_inPlace > 0) {
+        // Nobody has asked for it where nothing else could be done.
+        const char *const why = m_options.transfer.inPlace ? ""
+                                : m_inPlace == 1           ? ", since nothing can be made in its directory"
+                                                           : ", since nothing can be made in their directories";
         m_console.message(
-            fmt::format("{} written in place", m_inPlace == 1 ? "1 file" : fmt::format("{} files", m_inPlace)));
+            fmt::format("{} written in place{}", m_inPlace == 1 ? "1 file" : fmt::format("{} files", m_inPlace), why));
     }
     if (m_oldNamed.empty()) {
         return;

@@ -281,6 +281,9 @@ class TransferArguments {
             add_jobs_option(m_command, m_options.jobs);
         } else {
             m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");
+            m_command.rare().add_flag("--verify", m_options.transfer.verify,
+                                      "accepted: the run reads back, a plan does not");
+            add_jobs_option(m_command, m_options.jobs, "accepted: a plan is made by one process");
         }
     }
     // Lists of a plan of shards.
@@ -298,6 +301,9 @@ class TransferArguments {
         if (act == Act::run) {
             m_command.rare().add_flag("-q,--quiet", m_options.quiet, "say nothing but what fails; no progress line");
             m_progress.emplace(m_command);
+        } else {
+            m_command.rare().add_flag("-q,--quiet", "accepted: a plan is there to be told");
+            m_progress.emplace(m_command, ProgressOption::Of::plan);
         }
     }
 

@@ -94,7 +94,12 @@ class MirrorArguments {
         m_command.add_flag("-v,--verbose", batch.verbose, "say what is done, and all that is not carried");
         m_command.add_flag("--json", batch.json, "one JSON object per line: each entry, then a summary");
         if (m_plan) {
+            const Command rare = m_command.rare();
             m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");
+            rare.add_flag("--verify", batch.transfer.verify, "accepted: the run reads back, a plan does not");
+            rare.add_flag("-q,--quiet", "accepted: a plan is there to be told");
+            add_jobs_option(m_command, batch.jobs, "accepted: a plan is made by one process");
+            m_progress.emplace(m_command, ProgressOption::Of::plan);
             return;
         }
         m_command.add_flag("--dry-run", m_plan, "do nothing; tell what \"plan mirror\" tells");

@@ -11,8 +11,20 @@ _vexofileop_words() {
         on && /^  [^ ]/ { sub(/\[=.*/, "", $1); count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
 }
 
+# What an option takes, where that is one of some words: "--clone=" takes them behind the "=" alone.
+_vexofileop_values() {
+    case $1 in
+    --accept | --accept= | --only | --only= | --ignore | --ignore=)
+        vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v -e '^0x' -e '^store-'
+        ;;
+    --clone=) printf '%s\n' auto always never ;;
+    --sync=) printf '%s\n' file volume ;;
+    --progress | --progress=) printf '%s\n' json bar none ;;
+    esac
+}
+
 _vexofileop() {
-    local current=${COMP_WORDS[COMP_CWORD]} word commands at
+    local current=${COMP_WORDS[COMP_CWORD]} word commands at option values before=
     local -a path=()
     COMPREPLY=()
     # The commands named so far; the first word that is none ends them.
@@ -22,8 +34,17 @@ _vexofileop() {
         grep -qxF -- "$word" <<<"$(_vexofileop_words Subcommands "${path[@]}")" || break
         path+=("$word")
     done
-    if [[ ${COMP_WORDS[COMP_CWORD - 1]} == --accept ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v -e '^0x' -e '^store-')" -- "$current")
+    # The shell takes "=" for a word of its own.
+    option=${COMP_WORDS[COMP_CWORD - 1]}
+    if [[ $current == = ]]; then
+        option+== current=
+    elif [[ $option == = && COMP_CWORD -gt 1 ]]; then
+        option=${COMP_WORDS[COMP_CWORD - 2]}=
+    fi
+    values=$(_vexofileop_values "$option")
+    if [[ -n $values ]]; then
+        [[ $current == *,* && $option != --progress* ]] && before=${current%,*},
+        mapfile -t COMPREPLY < <(compgen -P "$before" -W "$values" -- "${current##*,}")
         return
     fi
     if [[ $current == -* ]]; then

@@ -1,0 +1,218 @@
+// What the kernel will not let a run do, and what a run does otherwise than it was asked: a plan knows it beforehand,
+// and ends with the status of the run.
+#include "tests/kit/behaviour.h"
+#include "tests/kit/scratch.h"
+#include "tests/kit/volumes.h"
+#include "tests/tools/tool_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using kit::Arguments;
+using kit::mentions;
+using kit::runTool;
+using kit::ToolResult;
+using kit::ToolSetting;
+
+constexpr uid_t kNobody = 65534;
+
+void setFlag(const std::string &path, int flag, bool on) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int flags = 0;
+    ASSERT_EQ(0, ::ioctl(fd, FS_IOC_GETFLAGS, &flags)) << path;
+    flags = on ? flags | flag : flags & ~flag;
+    ASSERT_EQ(0, ::ioctl(fd, FS_IOC_SETFLAGS, &flags)) << path;
+    ::close(fd);
+}
+
+class PlanRefusals : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        KIT_NEEDS_ROOT("to mount volumes and to become another user");
+        ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir(from.c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir(to.c_str(), 0755));
+        kit::writeFile(from + "/file", "content", 0644);
+    }
+    // The plan of a command has the status of its run, and tells why.
+    static void expect(int status, const Arguments &command, const std::string &reason,
+                       const ToolSetting &setting = {}) {
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan, setting), run = runTool(command, setting);
+        EXPECT_EQ(status, planned.status) << planned.out << planned.err;
+        EXPECT_EQ(status, run.status) << run.out << run.err;
+        EXPECT_TRUE(mentions(planned.out, reason)) << planned.out;
+        EXPECT_TRUE(mentions(run.out + run.err, reason)) << run.out << run.err;
+    }
+
+    kit::ScratchDirectory scratch;
+    const std::string from = scratch / "from", to = scratch / "to";
+};
+
+TEST_F(PlanRefusals, ASourceOnAReadOnlyVolume) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkdir((volume / "tree").c_str(), 0755));
+    kit::writeFile(volume / "tree/file", "content");
+    volume.setReadOnly(true);
+    expect(2, {"move", volume / "tree/file", to}, "the source could not be removed");
+    expect(2, {"move", volume / "tree", to}, "the source could not be removed");
+    volume.setReadOnly(false);
+}
+
+TEST_F(PlanRefusals, ASourceInADirectoryOfSomebodyElse) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::chown(volume.path().c_str(), kNobody, kNobody));
+    ASSERT_EQ(0, ::chown(to.c_str(), kNobody, kNobody));
+    ASSERT_EQ(0, ::chown((from + "/file").c_str(), kNobody, kNobody));
+    ASSERT_EQ(0, ::mkdir((from + "/own").c_str(), 0755));
+    ASSERT_EQ(0, ::chown((from + "/own").c_str(), kNobody, kNobody));
+    expect(2, {"move", from + "/file", volume.path()}, "the source could not be removed", {.user = kNobody});
+    expect(2, {"move", from + "/file", to}, "permission denied", {.user = kNobody});
+    expect(2, {"move", from + "/own", to}, "permission denied", {.user = kNobody});
+}
+
+TEST_F(PlanRefusals, WhatIsImmutable) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    kit::writeFile(volume / "file", "older");
+    setFlag(volume / "file", FS_IMMUTABLE_FL, true);
+    expect(2, {"copy", "-f", from + "/file", volume.path()}, "permission denied");
+    expect(2, {"move", volume / "file", to}, "the source could not be removed");
+    setFlag(volume / "file", FS_IMMUTABLE_FL, false);
+    EXPECT_EQ("older", kit::readFile(volume / "file"));
+}
+
+// A copy gets its name by a renaming, for which its private one has to go.
+TEST_F(PlanRefusals, ADirectoryThatIsAppendOnly) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    ASSERT_EQ(0, ::mkdir((volume / "into").c_str(), 0755));
+    setFlag(volume / "into", FS_APPEND_FL, true);
+    expect(2, {"copy", from + "/file", volume / "into"}, "its directory is append-only");
+    EXPECT_TRUE(kit::namesIn(volume / "into").empty());
+    setFlag(volume / "into", FS_APPEND_FL, false);
+}
+
+TEST_F(PlanRefusals, AFileOfSomebodyElseInAStickyDirectory) {
+    ASSERT_EQ(0, ::chmod(to.c_str(), 01777));
+    kit::writeFile(to + "/file", "root's", 0644);
+    expect(2, {"copy", "-f", from + "/file", to}, "permission denied", {.user = kNobody});
+    ASSERT_EQ(0, ::chmod((to + "/file").c_str(), 0666));
+    expect(2, {"copy", "-f", from + "/file", to}, "permission denied", {.user = kNobody});
+    EXPECT_EQ("root's", kit::readFile(to + "/file"));
+}
+
+// Nothing is lost by it, and it is told.
+TEST_F(PlanRefusals, AFileThatCanOnlyBeWrittenInPlace) {
+    kit::writeFile(to + "/file", "older", 0644);
+    ASSERT_EQ(0, ::chown((to + "/file").c_str(), kNobody, kNobody));
+    ASSERT_EQ(0, ::chown((from + "/file").c_str(), kNobody, kNobody));
+    const std::string why = "nothing can be made in its directory, where ";
+    for (const char *const way : {"--backup", "--verify", "--clone"}) {
+        expect(2, {"copy", "-f", way, from + "/file", to}, why, {.user = kNobody});
+    }
+    EXPECT_EQ("older", kit::readFile(to + "/file"));
+    const Arguments command = {"copy", "-f", from + "/file", to};
+    expect(0, command, "in place", {.user = kNobody});
+    EXPECT_EQ("content", kit::readFile(to + "/file"));
+    EXPECT_EQ("vexofileop: 1 file written in place, since nothing can be made in its directory\n",
+              runTool(command, {.user = kNobody}).err);
+}
+
+TEST_F(PlanRefusals, ANameThatIsWrittenInPlaceIsNoLink) {
+    ASSERT_EQ(0, ::link((from + "/file").c_str(), (from + "/other").c_str()));
+    kit::writeFile(to + "/other", "older");
+    const Arguments command = {"copy", "-f", "--in-place", from + "/file", from + "/other", to};
+    expect(0, command, "1 name that became a file of its own");
+    // As one file at both, they stay that.
+    ASSERT_EQ(0, ::unlink((to + "/other").c_str()));
+    ASSERT_EQ(0, ::link((to + "/file").c_str(), (to + "/other").c_str()));
+    Arguments plan = command;
+    plan.insert(plan.begin(), "plan");
+    const ToolResult planned = runTool(plan), run = runTool(command);
+    EXPECT_FALSE(mentions(planned.out, "of its own")) << planned.out;
+    EXPECT_FALSE(mentions(run.err, "of its own")) << run.err;
+}
+
+TEST_F(PlanRefusals, NothingIsLinkedToWhatCannotBeCloned) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::link((from + "/file").c_str(), (from + "/other").c_str()));
+    const Arguments command = {"copy", "-rf", "--clone=always", "-T", from, volume / "copy"};
+    expect(2, command, "2 failed");
+}
+
+// Of what finds no room as well.
+TEST_F(PlanRefusals, TheWholeNeedIsTold) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 10));
+    for (const char *const name : {"/a", "/b", "/c"}) {
+        kit::writeFile(from + name, std::string(200 << 10, 'x'));
+    }
+    ASSERT_EQ(0, ::unlink((from + "/file").c_str()));
+    expect(1, {"copy", "-r", "-T", from, volume / "copy"}, "2 failed");
+    ASSERT_EQ(0, runTool({"remove", "-r", volume / "copy"}).status);
+    const ToolResult planned = runTool({"plan", "copy", "--json", "-r", "-T", from, volume / "copy"});
+    EXPECT_TRUE(mentions(planned.out, "\"bytes_needed\":614400,\"inodes_needed\":4,")) << planned.out;
+}
+
+// What the volume makes of a creation time hangs on the other times: one directory's answer is none for the next.
+TEST_F(PlanRefusals, ACreationTimeIsToldOfEachDirectory) {
+    KIT_REQUIRE(volume, kit::Volume::fuse("ntfs-3g", 64 << 20));
+    ASSERT_EQ(0, ::mkdir((from + "/d").c_str(), 0755));
+    kit::writeFile(from + "/d/file", "");
+    const timespec old[] = {{978'307'200, 0}, {978'307'200, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/d").c_str(), old, 0));
+    const auto told = [](const std::string &text) {
+        size_t lines = 0;
+        for (size_t at = text.find("creation time differs"); at != std::string::npos;
+             at = text.find("creation time differs", at + 1)) {
+            ++lines;
+        }
+        return lines;
+    };
+    const ToolResult planned = runTool({"plan", "copy", "--json", "-r", "-T", from, volume / "copy"});
+    const ToolResult run = runTool({"copy", "--json", "-r", "-T", from, volume / "copy"});
+    EXPECT_EQ(told(run.out), told(planned.out)) << run.out << planned.out;
+    EXPECT_EQ(run.status, planned.status);
+}
+
+// FAT has no such times, and a driver that is a program says so only once the volume is mounted anew.
+TEST_F(PlanRefusals, TimesThatExfatDoesNotKeepAreLost) {
+    KIT_REQUIRE(volume, kit::Volume::fuse("exfat-fuse", 64 << 20));
+    for (const time_t seconds : {time_t{157'766'400}, time_t{5'680'281'600}}) { // 1975, 2150
+        const timespec times[] = {{seconds, 0}, {seconds, 0}};
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/file").c_str(), times, 0));
+        expect(1, {"move", "-f", "--accept", "mode,creation-time", from + "/file", volume.path()},
+               "1 modification time not kept");
+        EXPECT_EQ("content", kit::readFile(from + "/file"));
+        EXPECT_TRUE(mentions(runTool({"compare", from + "/file", volume / "file"}).out, "(modification-time)"));
+    }
+}
+
+TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkdir((volume / "one").c_str(), 0755));
+    ASSERT_EQ(0, ::symlink("to here", (volume / "one/link").c_str()));
+    ASSERT_EQ(0, ::symlink("to here", (volume / "one/changed").c_str()));
+    ASSERT_EQ(0, runTool({"copy", "-rT", volume / "one", volume / "two"}).status);
+    ASSERT_EQ(0, ::unlink((volume / "one/changed").c_str()));
+    ASSERT_EQ(0, ::symlink("elsewhere", (volume / "one/changed").c_str()));
+    const timespec old[] = {{1000, 0}, {0, UTIME_OMIT}};
+    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, (volume / link).c_str(), old, AT_SYMLINK_NOFOLLOW));
+    }
+    const ToolResult update = runTool({"plan", "copy", "-ruvT", volume / "one", volume / "two"});
+    EXPECT_TRUE(mentions(update.out, "/two/link: the same already")) << update.out;
+    EXPECT_TRUE(mentions(update.out, "replace: " + volume / "one/changed")) << update.out;
+    EXPECT_EQ(0, runTool({"plan", "mirror", volume / "one", volume / "two"}).status);
+    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
+        EXPECT_EQ(1000, kit::statOf(volume / link).st_atim.tv_sec) << link;
+    }
+}
+
+} // namespace
