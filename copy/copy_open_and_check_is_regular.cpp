@@ -1,12 +1,14 @@
 // Opens a file with the assurance that it is a regular one.
 #include "copy/copy.h"
 
+#include "copy/engine/open_regular.h"
 #include "support/fd.h"
 #include "support/guards.h"
 #include "support/open_without_waiting.h"
 #include "support/report.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace vexo;
@@ -33,11 +35,9 @@ int look_at(int fd, const char *path, struct stat *st, VLIBCStat *xst) {
 
 } // namespace
 
-int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
-    if (path == nullptr || (st == nullptr && xst == nullptr)) {
-        return fail(Error::invalid_argument, VEXO_HERE);
-    }
-    Fd file(open_without_waiting(path, openFlags, mode));
+int vexo::open_regular(int directory, const char *name, const char *path, int openFlags, mode_t mode, struct stat *st,
+                       VLIBCStat *xst) {
+    Fd file(open_without_waiting(name, openFlags, mode, directory));
     if (!file) {
         return fail(Error::open, VEXO_HERE);
     }
@@ -48,4 +48,11 @@ int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, 
     const KeepErrno errnoOfTheFailure;
     file.reset();
     return -1;
+}
+
+int VEXOCopyOpenAndCheckIsRegular(const char *path, int openFlags, mode_t mode, struct stat *st, VLIBCStat *xst) {
+    if (path == nullptr || (st == nullptr && xst == nullptr)) {
+        return fail(Error::invalid_argument, VEXO_HERE);
+    }
+    return open_regular(AT_FDCWD, path, path, openFlags, mode, st, xst);
 }

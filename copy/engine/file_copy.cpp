@@ -186,7 +186,8 @@ void FileCopy::copy_metadata() {
 }
 
 void FileCopy::remove_destination() {
-    if (::remove(m_dst) != 0) {
+    const int result = m_madeByName ? ::unlinkat(m_request.directory->to, name_in(m_dst), 0) : ::remove(m_dst);
+    if (result != 0) {
         VEXO_LOG_ERROR(VEXO_AT(m_request.source), "remove dst: [%s] error(%d)%m", m_dst, errno);
     }
 }

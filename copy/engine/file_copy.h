@@ -34,6 +34,9 @@ struct WalkedDirectory {
     StoreSeen stores;
     bool timesStay; // the destination's volume sets no times when a file is closed
     bool listsAll;  // the volume of `device` lists every attribute that a file has
+    // The directory and that of the copies, open, where nothing of a file lies outside of what is reached by them: no
+    // path of it has to lead to the same place later. -1: files go by path.
+    int from = -1, to = -1;
 };
 
 // What happens to an existing destination; any other value leaves it, except that a move by rename replaces it.

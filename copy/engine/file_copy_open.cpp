@@ -2,6 +2,7 @@
 #include "copy/engine/file_copy_steps.h"
 
 #include "copy/copy.h"
+#include "copy/engine/open_regular.h"
 #include "support/fs_type.h"
 #include "support/guards.h"
 
@@ -46,6 +47,11 @@ constexpr ErrnoRow kDestinationOpenErrors[] = {
 
 } // namespace
 
+const char *FileCopy::name_in(const char *path) {
+    const char *const slash = std::strrchr(path, '/');
+    return slash == nullptr ? path : slash + 1;
+}
+
 FileCopy::Next FileCopy::fix_destination_name() {
     if (!reserves_characters(destination_type())) {
         return Next::step;
@@ -68,7 +74,10 @@ FileCopy::Next FileCopy::open_source() {
     errno = 0; // a source of another type leaves it alone, and an old one would be taken for the reason
     // What a walk has seen as a file may be a link by now, to where the owner of the tree may not look.
     const int flags = O_RDONLY | (m_request.directory != nullptr ? O_NOFOLLOW : 0);
-    m_srcFd.reset(VEXOCopyOpenAndCheckIsRegular(m_request.src, flags, 0644, nullptr, &m_srcStat));
+    m_srcFd.reset(has_open_directories()
+                      ? open_regular(m_request.directory->from, name_in(m_request.src), m_request.src, flags, 0644,
+                                     nullptr, &m_srcStat)
+                      : VEXOCopyOpenAndCheckIsRegular(m_request.src, flags, 0644, nullptr, &m_srcStat));
     const bool opened = static_cast<bool>(m_srcFd);
     if (confirm_source_type(opened) == Next::failure) {
         return Next::failure;
@@ -97,8 +106,11 @@ FileCopy::Next FileCopy::create_destination() {
     if (m_request.isTooLarge(m_dst, type, static_cast<uint64_t>(m_srcStat.st.st_size)) == 1) {
         return Next::step;
     }
-    m_dstFd.reset(::open(m_dst, O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK, m_srcStat.st.st_mode));
+    const bool byName = has_open_directories() && m_dst == m_request.dst;
+    m_dstFd.reset(::openat(byName ? m_request.directory->to : AT_FDCWD, byName ? name_in(m_dst) : m_dst,
+                           O_WRONLY | O_CREAT | O_EXCL | O_NONBLOCK, m_srcStat.st.st_mode));
     m_madeInTree = static_cast<bool>(m_dstFd);
+    m_madeByName = m_madeInTree && byName;
     return Next::step;
 }
 

@@ -81,6 +81,12 @@ class FileCopy {
                                                                         : StoreSeen::unknown;
     }
 
+    // Whether the two files are opened in their open directories. All steps after that work on the open files then.
+    bool has_open_directories() const {
+        return m_request.directory != nullptr && m_request.directory->to >= 0 && m_request.moveDataIsOurs;
+    }
+    static const char *name_in(const char *path);
+
     int32_t source_type() const { return *m_request.srcType; }
     int32_t destination_type() const { return *m_request.dstType; }
     // A file may be given away by root only; asCaller tries all the same.
@@ -102,6 +108,7 @@ class FileCopy {
     bool m_recordSet = false;     // set_record_now() did what later steps need not
     bool m_typeAssumed = false;   // the source's, from the directory that holds it
     bool m_madeInTree = false;    // create_destination() made the destination
+    bool m_madeByName = false;    // and in its open directory
     bool m_dstExisted = false;    // before it was opened
     bool m_dstWasSpecial = false; // it existed, and was no regular file
     bool m_dstWasPipe = false;

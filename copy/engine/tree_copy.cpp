@@ -133,6 +133,10 @@ void TreeWalk::make_room(Level *above) {
         highest = highest->above;
     }
     highest->entries.set_aside();
+    if (highest->known) {
+        highest->known->from = highest->known->to = -1;
+        highest->copies.reset();
+    }
     --m_openLevels;
 }
 

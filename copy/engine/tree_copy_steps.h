@@ -59,6 +59,7 @@ class TreeWalk {
         Listing entries = {};
         VLIBCStat status = {};                     // of the source directory, before the walk
         std::optional<WalkedDirectory> known = {}; // once it has been asked for
+        Fd copies = {};                            // the destination, where files are made in it by name
         bool asked = false;
         bool made = false;       // the destination, by this walk
         bool keepSource = false; // the destination was there, and is the source or is not to be replaced
@@ -80,6 +81,7 @@ class TreeWalk {
     Step copy_entry(Level &level, const Listing::Entry &entry);
     Step after_entry(Level &level, int result);
     void make_room(Level *above);
+    void open_directories(Level &level) const;
     bool take_up(Level &level);
 
     bool enter(const Listing::Entry &entry);

@@ -199,19 +199,56 @@ TEST_F(TreeLookups, SourceThatIsALinkIsFollowed) {
     EXPECT_EQ("/two", kit::readFile(to + "/two"));
 }
 
-TEST_F(TreeLookups, SourceThatMovesAwayIsNoCopyWithoutStreams) {
-    static std::string source;
-    source = from;
+// Somebody renames a directory while it is copied, once its first file has been asked for.
+void renameMeanwhile(const std::string &directory, VEXOCopyOpt &options) {
+    static std::string renamed;
+    renamed = directory;
     static int asked;
     asked = 0;
     options.isCancel = [] {
         if (++asked == 2) {
-            ::rename(source.c_str(), (source + ".away").c_str());
+            ::rename(renamed.c_str(), (renamed + ".away").c_str());
         }
         return 0;
     };
+}
+
+TEST_F(TreeLookups, SourceThatMovesAwayIsNoCopyWithoutStreams) {
+    ASSERT_EQ(0, ::mkdir((from + "/@eaDir").c_str(), 0777));
+    renameMeanwhile(from, options);
     (void)copy();
     EXPECT_EQ(2u, reported.size()) << "files that could no longer be opened";
+}
+
+// Without a store beside them all of the files is reached by their names in the open directories.
+TEST_F(TreeLookups, DirectoryThatIsRenamedMeanwhileIsCopiedWhole) {
+    for (const std::string &renamed : {from, to}) {
+        renameMeanwhile(renamed, options);
+        (void)copy();
+        options.isCancel = nullptr;
+        const std::string copied = renamed == to ? to + ".away" : to;
+        for (const char *const name : {"/one", "/two"}) {
+            EXPECT_EQ(name, kit::readFile(copied + name)) << renamed;
+        }
+        if (renamed == from) {
+            EXPECT_TRUE(reported.empty());
+            ASSERT_EQ(0, ::rename((from + ".away").c_str(), from.c_str()));
+            std::filesystem::remove_all(to);
+        }
+    }
+}
+
+// What a copy has made in a directory that was renamed goes again, and not what has its path by then.
+TEST_F(TreeLookups, HalfACopyIsRemovedWhereItWasMade) {
+    kit::Faults::add({.function = "write", .error = EIO, .path = "/two", .before = [&] {
+                          ASSERT_EQ(0, ::rename(to.c_str(), (to + ".away").c_str()));
+                          ASSERT_EQ(0, ::mkdir(to.c_str(), 0755));
+                          kit::writeFile(to + "/two", "somebody else's");
+                      }});
+    options.stopOnError = 0;
+    (void)copy();
+    EXPECT_EQ("somebody else's", kit::readFile(to + "/two"));
+    EXPECT_FALSE(kit::exists(to + ".away/two"));
 }
 
 } // namespace

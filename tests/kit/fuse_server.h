@@ -36,9 +36,13 @@ class FuseServer {
         m_session = fuse_new(&none, &operations, sizeof operations, data);
         fuse_opt_free_args(&none);
         if (m_session == nullptr || fuse_mount(m_session, m_directory.c_str()) != 0) {
+            if (m_session != nullptr) {
+                fuse_destroy(m_session);
+            }
             ::rmdir(m_directory.c_str());
             throw Unavailable{"FUSE cannot mount here"};
         }
+        m_end = ::eventfd(0, EFD_CLOEXEC); // not earlier: nobody closes it where there is no volume
         ::fcntl(fuse_session_fd(fuse_get_session(m_session)), F_SETFL, O_NONBLOCK);
         m_loop = std::thread([this] { serve(); });
     }
@@ -83,7 +87,7 @@ class FuseServer {
     }
 
     std::string m_directory;
-    int m_end = ::eventfd(0, EFD_CLOEXEC);
+    int m_end = -1;
     fuse *m_session = nullptr;
     std::thread m_loop;
 };

@@ -81,7 +81,8 @@ bool is_mounted(const std::string &path, dev_t before) {
 }
 
 // A driver in the foreground, mounted at `path`. It ends with this process, however that ends: it would keep the mount
-// namespace alive.
+// namespace alive. It is asked to, and whoever kills this process with its group does not reach it: killed as the last
+// one of the namespace it would unmount what only it could answer for, and wait for itself.
 pid_t drive(const std::string &command, const std::string &path) {
     struct stat before {};
     if (::stat(path.c_str(), &before) != 0) {
@@ -93,7 +94,8 @@ pid_t drive(const std::string &command, const std::string &path) {
         unavailable("fork");
     }
     if (driver == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::setpgid(0, 0);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         ::execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
         ::_exit(127);
     }

@@ -246,6 +246,27 @@ TEST_F(Losses, NamesThatChangeOrBecomeOne) {
     EXPECT_EQ(1U, kit::namesIn(tree).size()) << moved.err;
 }
 
+TEST_F(Losses, NameThatAnotherWouldGetStaysWithWhoHasIt) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    for (const char *const name : {"a?", "a-", "b-", "b?"}) { // whatever the order of a listing
+        kit::writeFile(tree + "/" + name, name);
+    }
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=0").c_str(), 1); // NOLINT(concurrency-mt-unsafe)
+    const ToolResult planned = runTool({"plan", "copy", "-r", "--json", "--accept", "fat", tree, volume.path()});
+    const ToolResult copied = runTool({"copy", "-r", "--json", "--accept", "fat", tree, volume.path()});
+    const ToolResult compared = runTool({"compare", "--json", "--ignore", "mode", tree, volume / "tree"});
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ("a-", kit::readFile(volume / "tree/a-"));
+    EXPECT_EQ("b-", kit::readFile(volume / "tree/b-"));
+    for (const std::string &told : {planned.out, copied.out, compared.out}) {
+        EXPECT_FALSE(mentions(told, "\"name-changed\"")) << told;
+        EXPECT_TRUE(mentions(told, "\"class\":\"name-clash\",\"severity\":\"lost\",\"source\":\"" + tree + "/a?\""))
+            << told;
+        EXPECT_TRUE(mentions(told, "\"class\":\"name-clash\",\"severity\":\"lost\",\"source\":\"" + tree + "/b?\""))
+            << told;
+    }
+}
+
 // The copy's own name fits, that of the "._" file beside it does not; and what was made under a short one goes.
 TEST_F(Losses, NamesThatAreTooLongForWhatIsKeptBesideThem) {
     KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));

@@ -68,7 +68,8 @@ TEST_F(StoreCommand, ExitStatusIsThatOfACheckOfAFileSystem) {
     ASSERT_EQ(0, ::unlink((tree + "/orphan").c_str()));
     result = store({"repair", "-r", "--quarantine", quarantine, tree});
     EXPECT_EQ(5, result.status) << result.out;
-    EXPECT_TRUE(mentions(result.out, "@eaDir/orphan@VexoEAStream: there is no orphan; left (store-orphan)\n"))
+    EXPECT_TRUE(mentions(result.out,
+                         "@eaDir/orphan@VexoEAStream: no file or directory is called orphan; left (store-orphan)\n"))
         << result.out;
     EXPECT_TRUE(mentions(result.out, "; cut off (store-extra-bytes)\n")) << result.out;
     EXPECT_TRUE(mentions(result.out, ": 2 findings, 1 mended, 1 left\n")) << result.out;

@@ -605,6 +605,20 @@ TEST_F(Relocate, TakesThePlaceOfTheDestination) {
     EXPECT_FALSE(kit::exists(scratch / "@tmp"));
 }
 
+// Of stores in "._" files the library opens to everybody what it carries them for.
+TEST_F(Relocate, OpensTheDirectoryToNobodyWhereStoresAreDoubles) {
+    ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=5").c_str(), 1);
+    const ToolResult set = runTool({"ea", "set", from, "note", "n"});
+    const ToolResult result = runTool({"relocate", "-y", from, to});
+    const ToolResult note = runTool({"ea", "get", to, "note"});
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_EQ(0, set.status) << set.err;
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("n", note.out);
+    EXPECT_EQ(0755u, kit::statOf(to).st_mode & 07777);
+    EXPECT_FALSE(kit::exists(from));
+}
+
 TEST_F(Relocate, KeepsTheSourceWhereThatIsAskedOrSomethingWouldBeLost) {
     EXPECT_EQ(0, runTool({"relocate", "-y", "--keep-source", from, to}).status);
     expectWholeTree(from);

@@ -175,6 +175,8 @@ std::vector<Arguments> talkative(const std::string &file) {
             {"ea", "get", file, "bytes"},
             {"ea", "show", "--json", file},
             {"ea", "diff", file, file, "--json"},
+            {"store", "check", file},
+            {"explain", "store-orphan"},
             {"copy", "-fv", file, file + " (copy)"}};
 }
 

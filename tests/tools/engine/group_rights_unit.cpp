@@ -1,13 +1,18 @@
 // Copies of entries whose ACL has a mask that gives more than the owning group has: on a volume without ACLs the group
 // of the copy has what the source gives it, and never more for a moment.
+#include "tests/ea/stream_bytes.h"
 #include "tests/faults/system_calls.h"
 #include "tests/kit/sanitized.h"
 #include "tests/kit/scratch.h"
 #include "tests/kit/volumes.h"
 #include "tools/engine/transfer/transfer.h"
 
+#include <algorithm>
+#include <cstdlib>
+#include <functional>
 #include <gtest/gtest.h>
 #include <optional>
+#include <string>
 #include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -122,5 +127,52 @@ INSTANTIATE_TEST_SUITE_P(Copies, GroupRights,
                                            std::tuple{"ramfs", false, Operation::copy, false},
                                            std::tuple{"ramfs", false, Operation::copy, true},
                                            std::tuple{"ramfs", true, Operation::move, false}));
+
+// Where stores are "._" files the library lets everybody write to what it carries one for.
+TEST(OpenToNobody, CopyOfAFileWithADouble) {
+    KIT_NOT_SANITIZED();
+    if (const std::string why = faults::unavailable(); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    size_t calls = 1;
+    for (size_t at = 0; at < calls; ++at) {
+        const kit::ScratchDirectory scratch;
+        ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
+        ASSERT_EQ(0, ::mkdir((scratch / "to").c_str(), 0755));
+        ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=5").c_str(), 1);
+        kit::writeFile(scratch / "file", "content", 0600);
+        kit::writeFile(scratch / "._file", stream::bytes({{"comment", "kept"}}));
+        std::string open;
+        const std::function<void(const std::string &)> look = [&](const std::string &directory) {
+            for (const std::string &name : kit::namesIn(directory)) {
+                const struct stat found = kit::statOf(directory + "/" + name);
+                const bool store = name.starts_with("._"); // which everybody may write by its nature
+                open += S_ISREG(found.st_mode) && (found.st_mode & S_IWOTH) != 0 && !store ? name + " " : "";
+                if (S_ISDIR(found.st_mode) && (found.st_mode & S_IXOTH) != 0) {
+                    look(directory + "/" + name);
+                }
+            }
+        };
+        const faults::Plan plan{
+            .action = faults::Plan::Action::meet, .at = at, .meeting = [&] { look(scratch / "to"); }};
+        const faults::Outcome outcome = faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            GroupWatcher observer;
+            Transfer({}, observer).run(scratch / "file", scratch / "to/file");
+            window.close();
+        });
+        ::unsetenv("VEXOFILEOP_FSTYPES");
+        calls = std::max(calls, outcome.calls.size());
+        EXPECT_EQ("", open) << at;
+        EXPECT_EQ("content", kit::readFile(scratch / "to/file"));
+        EXPECT_EQ(stream::bytes({{"comment", "kept"}}), kit::readFile(scratch / "to/._file")) << at;
+        EXPECT_EQ(0600U, kit::statOf(scratch / "to/file").st_mode & 07777);
+        EXPECT_EQ((std::vector<std::string>{"._file", "file"}), kit::namesIn(scratch / "to"));
+        if (::testing::Test::HasFailure()) {
+            break;
+        }
+    }
+    EXPECT_LT(50U, calls);
+}
 
 } // namespace

@@ -206,6 +206,13 @@ TEST_F(StoreCheck, LonelyDoubleIsAnOrphanOnlyWhereItIsADouble) {
     EXPECT_EQ(Names{"store-orphan ._gone"}, scene.names());
 }
 
+TEST_F(StoreCheck, OfAVolumeThatKeepsNothingOnlyWhatWasLeftIsTold) {
+    const StoreScene scene(12);
+    scene.with_stream("file", stream::bytes(kThree) + "more");
+    ASSERT_EQ(0, ::mkdir((scene / "@eaDir/file").c_str(), 0777));
+    EXPECT_EQ(Names{}, scene.names());
+}
+
 TEST_F(StoreCheck, NamesThatShareAStore) {
     const StoreScene scene(2);
     // Shortened to one name: the sum of the bytes from 241 on is the same.

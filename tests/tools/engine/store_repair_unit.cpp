@@ -1,5 +1,7 @@
 // What a repair of stores saves, what it leaves, and that everything comes back.
+#include "ea/ea.h"
 #include "tests/kit/behaviour.h"
+#include "tests/kit/child.h"
 #include "tests/kit/fingerprint.h"
 #include "tests/kit/volumes.h"
 #include "tests/tools/engine/store_scene.h"
@@ -274,9 +276,13 @@ TEST_F(StoreRepair, UndoGoesIntoNoDirectoryThatWasExchanged) {
     ASSERT_EQ(0, ::symlink("aside", (scene / "below").c_str()));
     EXPECT_EQ(1, undo(scene).left) << "by a link";
     ASSERT_EQ(0, ::unlink((scene / "below").c_str()));
+    // Another one, in which the same stands.
     ASSERT_EQ(0, ::mkdir((scene / "below").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((scene / "below/@eaDir").c_str(), 0777));
+    kit::writeFile(scene / "below/@eaDir/file@VexoEAStream", stream::bytes(kThree));
     const Undone undone = undo(scene);
     EXPECT_EQ(0, undone.restored);
+    EXPECT_EQ(stream::bytes(kThree), kit::readFile(scene / "below/@eaDir/file@VexoEAStream"));
     EXPECT_EQ(1, undone.left);
     EXPECT_EQ(stream::bytes(kThree), kit::readFile(scene / "aside/@eaDir/file@VexoEAStream"));
 }
@@ -321,6 +327,70 @@ TEST_F(StoreRepair, FullQuarantineChangesNothing) {
     EXPECT_EQ(bytes, kit::readFile(scene.stream("file")));
     EXPECT_EQ(Names{"manifest"}, kit::namesIn(volume / "q"));
     EXPECT_EQ(1U, kit::namesIn(scene / "@eaDir").size());
+}
+
+TEST_F(StoreRepair, GivesReservedBlocksBack) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", uint64_t{16} << 20));
+    const StoreScene scene(2);
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=2").c_str(), 1);
+    ASSERT_EQ(0, ::mkdir((volume / "@eaDir").c_str(), 0777));
+    kit::writeFile(volume / "file", "data");
+    const std::string place = volume / "@eaDir/file@VexoEAStream";
+    kit::writeFile(place, stream::bytes(kThree));
+    const int fd = ::open(place.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(0, ::fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, 65536));
+    ::close(fd);
+    engine::Quarantine kept(scene.quarantine());
+    engine::StoreMender mender(kept);
+    Told told;
+    engine::survey_stores(engine::HeldEntry(volume / "file"), {}, &mender, &kept, told, told.totals);
+    EXPECT_EQ(1, count(told, Finding::State::mended));
+    EXPECT_EQ(stream::bytes(kThree), kit::readFile(place));
+    EXPECT_GT(16, kit::statOf(place).st_blocks);
+}
+
+// The library's own lock, of another process.
+TEST_F(StoreRepair, LeavesWhatTheLibraryHasLockedElsewhere) {
+    const StoreScene scene(2);
+    scene.with_stream("file", stream::bytes(kThree) + "more");
+    const int fd = ::open(scene.stream("file").c_str(), O_RDWR | O_CLOEXEC);
+    VEXOEAS *const stream = VEXOEASOpen(fd, F_WRLCK);
+    ASSERT_NE(nullptr, stream);
+    EXPECT_EQ(0, kit::inChild([&] {
+                  const Told told = scene.repair();
+                  return told.names(scene.root()) == Names{"store-in-use @eaDir/file@VexoEAStream"} ? 0 : 1;
+              }));
+    EXPECT_EQ(stream::bytes(kThree) + "more", kit::readFile(scene.stream("file")));
+    VEXOEASClose(stream);
+    ::close(fd);
+}
+
+TEST_F(StoreRepair, VeryManyAttributesOfOneName) {
+    const StoreScene scene(2);
+    std::string records, values;
+    constexpr size_t number = 65'535, start = 120 + number * 16;
+    for (size_t at = 0; at < number; ++at) {
+        records += stream::number(start + at, 4) + stream::number(1, 4) + stream::number(0, 2) + stream::number(2, 1) +
+                   std::string("a\0\0\0\0", 5);
+        values += static_cast<char>('a' + at % 26);
+    }
+    std::string bytes = stream::bytes({}).substr(0, 118) + stream::number(number, 2) + records + values;
+    const uint64_t end = bytes.size();
+    bytes = with_number(with_number(with_number(bytes, 34, end - 50), 42, end), 92, end);
+    scene.with_stream("file", with_number(with_number(bytes, 96, start), 100, number) + "more");
+    EXPECT_EQ(1, count(scene.repair(), Finding::State::mended));
+    scene.with_stream("file", with_number(with_number(bytes, 96, start), 100, number + 1));
+    EXPECT_EQ(1, count(scene.repair(), Finding::State::mended));
+    EXPECT_EQ((Values{{"a", values.substr(number - 1)}}), attributes_of(scene, "file"));
+}
+
+TEST_F(StoreRepair, WhatIsLargerThanAnyStoreFillsNoQuarantine) {
+    const StoreScene scene(2);
+    scene.with_stream("file", stream::bytes(kThree));
+    ASSERT_EQ(0, ::truncate(scene.stream("file").c_str(), off_t{1} << 40));
+    const Told told = scene.repair();
+    ASSERT_EQ(1U, told.findings.size());
+    EXPECT_EQ("it is larger than any store can be", told.findings.front().reason);
 }
 
 } // namespace

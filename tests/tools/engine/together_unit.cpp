@@ -313,9 +313,7 @@ TEST_P(ChangedTogether, WhoGivesUpSaysWhy) {
 }
 
 Outcome write_in_place(const std::string &source, const std::string &destination) {
-    Silent observer;
-    Transfer({.conflict = Conflict::replace, .inPlace = true}, observer).run(source, destination);
-    return observer.last;
+    return sweep::carry({.conflict = Conflict::replace, .inPlace = true}, source, destination).last;
 }
 
 // Two that write into one file, each byte of it: the second waits, for so long.
@@ -333,7 +331,8 @@ TEST(TogetherInPlace, WaitsForWhoWritesAndThenGivesUp) {
     EXPECT_EQ("another process is writing into it, and did not end in time", refused.problem->reason);
     EXPECT_EQ("old", kit::readFile(scratch / "to"));
     ASSERT_EQ(0, ::flock(other.get(), LOCK_UN));
-    EXPECT_TRUE(is_good(write_in_place(scratch / "from", scratch / "to")));
+    const Outcome done = write_in_place(scratch / "from", scratch / "to");
+    EXPECT_TRUE(done.status == Status::done && sweep::is_whole(done)) << sweep::words_of(done);
     EXPECT_EQ("new", kit::readFile(scratch / "to"));
 }
 

@@ -266,4 +266,47 @@ TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
     EXPECT_LT(0, aside);
 }
 
+// The "._" file of a directory that is there already: half of one could not be read any more, nor brought to its end.
+TEST_P(UpdateSweep, KilledAnywhereADirectoryHasItsDoubleWhole) {
+    KIT_NOT_SANITIZED();
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const auto run = [](const std::string &from, const std::string &to) { (void)update(GetParam(), from, to); };
+    const auto make = [](const std::string &from, const std::string &to) {
+        for (const std::string &directory : {from, from + "/@eaDir", from + "/in", to, to + "/in"}) {
+            EXPECT_EQ(0, ::mkdir(directory.c_str(), 0755));
+        }
+        kit::writeFile(from + "/@eaDir/in@VexoEAStream", stream::bytes({{"comment", "new"}}));
+        kit::writeFile(to + "/._in", stream::bytes({{"own", "of the destination"}}));
+    };
+    const auto is_whole = [](const std::string &to) {
+        const std::string double_ = kit::readFile(to + "/._in");
+        return double_.find("of the destination") != std::string::npos && double_.find("comment") != std::string::npos;
+    };
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=5").c_str(), 1);
+    const size_t step = std::getenv("VEXO_FULL") != nullptr ? 1 : 3; // NOLINT(concurrency-mt-unsafe)
+    size_t calls = 1;
+    for (size_t at = 0; at < calls; at += step) {
+        const kit::ScratchDirectory scratch;
+        const std::string from = scratch / "from", to = volume / std::to_string(at);
+        make(from, to);
+        const faults::Plan plan{.action = faults::Plan::Action::kill, .at = at};
+        const faults::Outcome outcome = faults::supervise(plan, [&](faults::Window &window) {
+            window.open();
+            run(from, to);
+            window.close();
+        });
+        calls = outcome.reached ? at + step + 1 : calls;
+        if (kit::exists(from)) {
+            run(from, to);
+        }
+        EXPECT_TRUE(is_whole(to)) << at;
+        EXPECT_EQ("", Scene::left_in(to)) << at;
+        if (HasFailure()) {
+            break;
+        }
+    }
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+    EXPECT_LT(50U, calls);
+}
+
 } // namespace

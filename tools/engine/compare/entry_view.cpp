@@ -104,7 +104,7 @@ std::vector<std::string> EntryView::all_names() const {
                                 : ::listxattr(m_file.c_str(), bytes, size);
     });
     std::vector<std::string> names;
-    if (!list && errno != EOPNOTSUPP && errno != ENOSYS) {
+    if (!list && errno != EOPNOTSUPP && errno != ENOSYS && errno != ENODATA) { // the last of HFS+, which means none
         throw_errno("its attributes cannot be listed");
     }
     for (std::string_view rest = list ? *list : std::string_view(); !rest.empty();) {

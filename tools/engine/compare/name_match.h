@@ -2,7 +2,9 @@
 #pragma once
 
 #include "tools/engine/store/listing.h"
+#include "tools/engine/volume/volume_traits.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -43,5 +45,14 @@ class NameMatch {
 
 // What a volume of that type makes of a name.
 std::string name_on(int type, const std::string &name);
+
+// Who has a name that others would be given by the volume comes before those.
+template <typename Entries, typename NameOf>
+void own_names_first(int type, Entries &entries, const NameOf &name_of) {
+    if (volume_traits(type).fatNames) {
+        std::stable_partition(entries.begin(), entries.end(),
+                              [&](const auto &one) { return name_on(type, name_of(one)) == name_of(one); });
+    }
+}
 
 } // namespace engine

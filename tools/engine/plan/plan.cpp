@@ -3,8 +3,8 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/plan/destination.h"
-#include "tools/engine/report/codes.h"
 #include "tools/engine/plan/store_room.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/store/listing.h"
@@ -269,7 +269,7 @@ bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, c
 
 // Everything in a directory that is carried into another one.
 bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers) {
-    const auto found = entries_in(from.fd());
+    auto found = entries_in(from.fd());
     if (!found) {
         strangers.push_back({LossClass::unreadable, std::strerror(errno)});
         return false;
@@ -295,6 +295,7 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     VolumeFacts facts = volume_facts(from.fd(), from.type());
     facts.noDirectory = !hasStore;
     bool complete = true;
+    own_names_first(inner.volume->rehearsal->volume().type, *found, [](const Entry &one) { return one.name; });
     for (const Entry &one : *found) {
         if (m_observer.stopped()) {
             return false;

@@ -363,14 +363,20 @@ void Relocating::carry_top_store(const struct stat &found) {
     if (store_kind(type) == StoreKind::none || !m_note.is(m_note.sourceIs, found)) {
         return;
     }
+    const Descriptor top = open_directory(m_place.parent(), m_place.base());
+    struct stat before {
+    }, now{};
+    const bool known = ::fstat(top.get(), &before) == 0;
     if (store_kind(type) != StoreKind::native) {
         (void)VEXOEARemove(to.c_str(), type);
         (void)carry_beside({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
                            {m_place.parent(), m_place.base(), volume_facts(m_place.parent(), type)});
     }
+    // Where stores are "._" files the library lets everybody write to what it carries one for.
+    if (known && ::fstat(top.get(), &now) == 0 && (now.st_mode & ~before.st_mode) != 0) {
+        (void)::fchmod(top.get(), now.st_mode & before.st_mode & 07777);
+    }
     // A stop while it was renamed may have left a read-only one writable.
-    const Descriptor top = open_directory(m_place.parent(), m_place.base());
-    struct stat now {};
     const mode_t wanted = mode_for_copy(from, found.st_mode & 07777, fmt::format("/proc/self/fd/{}", top.get()));
     if (::geteuid() != 0 && ::fstat(top.get(), &now) == 0 && (now.st_mode & 07777) == (wanted | S_IWUSR)) {
         (void)::fchmod(top.get(), wanted);

@@ -2,14 +2,11 @@
 // which the library does not carry, and a resource fork not at all.
 #pragma once
 
-#include <string>
+#include <cstdint>
 
 namespace engine {
 
 // Whether the directory lies on such a volume.
 bool keeps_mac_attributes(uint32_t magic);
-
-// Whether a file or directory of such a volume has any. A symbolic link is not followed.
-bool has_mac_attributes(const std::string &path);
 
 } // namespace engine

@@ -28,6 +28,23 @@ bool keeps_apple_doubles(int type) {
 
 } // namespace
 
+bool is_listed(std::string_view names, std::string_view name) {
+    for (size_t at = 0; at < names.size(); at = names.find('\0', at) + 1) {
+        const std::string_view rest = names.substr(at);
+        if (rest.size() > name.size() && rest.starts_with(name) && rest[name.size()] == '\0') {
+            return true;
+        }
+        if (rest.find('\0') == std::string_view::npos) {
+            break;
+        }
+    }
+    return false;
+}
+
+StoreParts store_parts_in(std::string_view names) {
+    return {.attribute = is_listed(names, kMetadataAttribute)};
+}
+
 StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory) {
     char place[PATH_MAX] = "";
     const char *const name = path.c_str();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace engine {
 
@@ -16,6 +17,10 @@ struct StoreParts {
 
 // What is kept for `path`, on a volume of the type `volumeType`. `noDirectory`: there is no "@eaDir" beside it.
 StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory = false);
+// The same of a file without an "@eaDir" beside it, by the names of its attributes as listxattr() gives them; not for
+// volumes of AppleDouble files.
+StoreParts store_parts_in(std::string_view names);
+bool is_listed(std::string_view names, std::string_view name);
 
 // Whether a directory on a volume of "._" files takes the name of the one beside an entry.
 bool takes_companion(int directory, const std::string &name);

@@ -16,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace engine {
 namespace {
@@ -266,6 +267,18 @@ void write_front(int to, std::string_view bytes) {
     }
 }
 
+// Of a name that is there several times the last one counts. One look at each, of which there may be very many.
+using LastValues = std::unordered_map<std::string_view, const StoreBytes::Value *>;
+LastValues last_values(const StoreBytes &found, bool wholeAlone) {
+    LastValues last;
+    for (const StoreBytes::Value &value : found.values) {
+        if (value.whole || !wholeAlone) {
+            last[value.name] = &value;
+        }
+    }
+    return last;
+}
+
 struct SoundPlace {
     const StoreBytes::Value *value;
     uint64_t offset;
@@ -273,13 +286,11 @@ struct SoundPlace {
 // Where the values of a new file lie, the last of each name; the end of all of them.
 uint64_t place_values(const StoreBytes &found, std::vector<SoundPlace> &places) {
     uint64_t at = kRecordsAt;
-    for (auto value = found.values.begin(); value != found.values.end(); ++value) {
-        const bool last = std::none_of(value + 1, found.values.end(), [&](const StoreBytes::Value &later) {
-            return later.whole && later.name == value->name;
-        });
-        if (value->whole && last) {
-            places.push_back({&*value, 0});
-            at += (value->name.size() + 1 + 14) & ~uint64_t{3};
+    const LastValues last = last_values(found, true);
+    for (const StoreBytes::Value &value : found.values) {
+        if (value.whole && last.at(value.name) == &value) {
+            places.push_back({&value, 0});
+            at += (value.name.size() + 1 + 14) & ~uint64_t{3};
         }
     }
     for (SoundPlace &place : places) {
@@ -429,14 +440,11 @@ void check_sound_bytes(int from, const StoreBytes &found, StoreFile file, int ma
         !same_bytes(from, found.forkOffset, made, now.forkOffset, now.forkLength)) {
         refuse("the resource fork");
     }
-    for (const StoreBytes::Value &value : found.values) {
-        const auto last = std::find_if(found.values.rbegin(), found.values.rend(), [&](const StoreBytes::Value &other) {
-            return other.whole && other.name == value.name;
-        });
-        const auto there = std::find_if(now.values.rbegin(), now.values.rend(),
-                                        [&](const StoreBytes::Value &other) { return other.name == value.name; });
-        if (last != found.values.rend() && (there == now.values.rend() || there->length != last->length ||
-                                            !same_bytes(from, last->offset, made, there->offset, last->length))) {
+    const LastValues there = last_values(now, false);
+    for (const auto &[name, value] : last_values(found, true)) {
+        const auto copy = there.find(name);
+        if (copy == there.end() || copy->second->length != value->length ||
+            !same_bytes(from, value->offset, made, copy->second->offset, value->length)) {
             refuse("an attribute");
         }
     }

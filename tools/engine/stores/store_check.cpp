@@ -97,13 +97,16 @@ struct Audited {
 
 class DirectoryCheck {
   public:
-    DirectoryCheck(const StorePlace &place, const std::string &only, const TellTrouble &trouble)
-        : m_place(place), m_only(only), m_trouble(trouble), m_store(-1) {}
+    DirectoryCheck(const StorePlace &place, const std::string &only, const CheckHooks &hooks)
+        : m_place(place), m_only(only), m_hooks(hooks), m_store(-1) {}
 
     DirectoryFindings run() {
         m_names = names_with_types(m_place.directory);
         open_store();
         for (const auto &[name, type] : m_names) {
+            if (m_hooks.stopped()) {
+                return std::move(m_result); // before what seems to be nobody's
+            }
             if (name == kStores) {
                 continue;
             }
@@ -129,6 +132,10 @@ class DirectoryCheck {
         }
         return names;
     }
+    // As the volume takes names: some do not tell cases apart.
+    bool is_there(const std::string &name) const {
+        return ::faccessat(m_place.directory, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    }
     // No entry of a user's.
     static bool is_own_name(const std::string &name) {
         return VEXOEAIsHiddenDir(name.c_str()) == 1 || name.starts_with("._") || is_private_name(name);
@@ -150,7 +157,7 @@ class DirectoryCheck {
         m_result.found.push_back({std::move(finding), subject});
         return &m_result.found.back().finding;
     }
-    void trouble(const std::string &path) const { m_trouble(path, std::strerror(errno)); }
+    void trouble(const std::string &path) const { m_hooks.trouble(path, std::strerror(errno)); }
 
     void open_store() {
         const auto found = m_names.find(kStores);
@@ -215,7 +222,7 @@ class DirectoryCheck {
         } else if (is_private_name(name)) {
             look_at_private(false, name, type);
         } else if (name.starts_with("._") && m_place.kind == StoreKind::apple_double && type == DT_REG &&
-                   !m_names.contains(name.substr(2))) {
+                   !is_there(name.substr(2))) {
             look_at_lonely_double(name);
         }
     }
@@ -257,7 +264,7 @@ class DirectoryCheck {
     }
 
     void look_at_item(const std::string &name, unsigned char type) {
-        if (type != DT_REG && type != DT_DIR) {
+        if ((type != DT_REG && type != DT_DIR) || m_place.kind == StoreKind::none) {
             return;
         }
         if (!m_only.empty() && name != m_only && name.size() < 100) {
@@ -267,7 +274,7 @@ class DirectoryCheck {
         const Audited stream = companion(name, "VexoEAStream", StoreFile::stream);
         const Audited resource = companion(name, "VexoResource", StoreFile::resource);
         Audited beside;
-        if (m_place.kind == StoreKind::apple_double && m_names.contains(besideName)) {
+        if (m_place.kind == StoreKind::apple_double && is_there(besideName)) {
             beside = audit(false, besideName, name, StoreFile::apple_double);
         }
         look_at_other_forms(name, stream.there || resource.there || beside.there);
@@ -322,7 +329,7 @@ class DirectoryCheck {
             audited.read = true;
             tell_bytes(audited.bytes, {Mend::rewrite, inStore, name, file}, owner, has_extra_blocks(held.file.get()));
         } catch (const Failure &failure) {
-            m_trouble(shown(inStore, name), failure.what());
+            m_hooks.trouble(shown(inStore, name), failure.what());
         }
         tell_status({Mend::none, inStore, name, file}, owner, held);
         return audited;
@@ -386,9 +393,6 @@ class DirectoryCheck {
             add(own ? FindingKind::half_converted : FindingKind::other_form, {Mend::none, inStore, stored}, name,
                 fmt::format("this volume keeps it in {}", kind_text(m_place.kind)));
         };
-        if (m_place.kind == StoreKind::none) {
-            return;
-        }
         if (m_place.kind != StoreKind::apple_double && m_names.contains("._" + name) && begins_as_double("._" + name)) {
             tell(false, "._" + name);
         }
@@ -412,7 +416,8 @@ class DirectoryCheck {
             return;
         }
         if (type != DT_DIR) {
-            add_wrong_kind({Mend::none, true, name}, name, DTTOIF(type), "the file's own directory");
+            add_wrong_kind({Mend::none, true, name}, name, static_cast<mode_t>(DTTOIF(type)),
+                           "the file's own directory");
             return;
         }
         const OldAttributes old(fmt::format("/proc/self/fd/{}/{}", m_place.directory, name));
@@ -432,7 +437,7 @@ class DirectoryCheck {
         if (!twice.empty()) {
             add(FindingKind::half_upgraded, {Mend::none, true, name}, name,
                 fmt::format("{} is in both layouts", twice));
-        } else if (old.any() || oldResource) {
+        } else if (uses_store() && (old.any() || oldResource)) {
             add(FindingKind::old_layout, {Mend::none, true, name}, name,
                 old.any() ? "attributes lie in small files" : "the resource lies in a file of its own");
         }
@@ -465,7 +470,7 @@ class DirectoryCheck {
             }
         } catch (const Failure &failure) {
             if (errno != ENOENT) {
-                m_trouble(shown(false, name), failure.what());
+                m_hooks.trouble(shown(false, name), failure.what());
             }
         }
     }
@@ -489,7 +494,7 @@ class DirectoryCheck {
 
     void add_orphan(const Subject &subject, const std::string &base, const StoreBytes &bytes) {
         const OrphanGuess guess = m_orphans.search(m_place.directory, m_bare, base, bytes);
-        std::string detail = fmt::format("there is no {}", displayed(base));
+        std::string detail = fmt::format("no file or directory is called {}", displayed(base));
         if (!guess.name.empty()) {
             detail += fmt::format("; it may belong to {}, {}", displayed(guess.name),
                                   guess.byInode ? "which has the inode number that is noted in it"
@@ -502,10 +507,13 @@ class DirectoryCheck {
 
     // What is in "@eaDir" and of no entry.
     void look_at_rest() {
-        if (!m_only.empty()) {
+        if (!m_only.empty() || m_place.kind == StoreKind::none) {
             return;
         }
         for (const auto &[name, type] : m_stored) {
+            if (m_hooks.stopped()) {
+                return;
+            }
             const bool stream = name.ends_with(kStreamEnd), resource = name.ends_with(kResourceEnd);
             if (is_private_name(name)) {
                 look_at_private(true, name, type);
@@ -535,7 +543,7 @@ class DirectoryCheck {
 
     const StorePlace &m_place;
     const std::string &m_only;
-    const TellTrouble &m_trouble;
+    const CheckHooks &m_hooks;
     Descriptor m_store; // "@eaDir"
     NameTypes m_names, m_stored;
     std::map<std::string, std::string> m_claimed; // names in "@eaDir" by whose they are
@@ -546,8 +554,8 @@ class DirectoryCheck {
 
 } // namespace
 
-DirectoryFindings check_directory(const StorePlace &place, const std::string &only, const TellTrouble &trouble) {
-    return DirectoryCheck(place, only, trouble).run();
+DirectoryFindings check_directory(const StorePlace &place, const std::string &only, const CheckHooks &hooks) {
+    return DirectoryCheck(place, only, hooks).run();
 }
 
 } // namespace engine

@@ -31,11 +31,14 @@ struct DirectoryFindings {
     int64_t stores = 0; // files and attributes that were looked into
 };
 
-// What could not be read, with the reason.
-using TellTrouble = std::function<void(const std::string &path, const std::string &reason)>;
+struct CheckHooks {
+    // What could not be read, with the reason.
+    std::function<void(const std::string &path, const std::string &reason)> trouble;
+    std::function<bool()> stopped; // ends it early, with what it has found
+};
 
 // `only`: what is kept for that entry alone; empty: everything in the directory. Throws Failure for a directory that
 // cannot be read.
-DirectoryFindings check_directory(const StorePlace &place, const std::string &only, const TellTrouble &trouble);
+DirectoryFindings check_directory(const StorePlace &place, const std::string &only, const CheckHooks &hooks);
 
 } // namespace engine

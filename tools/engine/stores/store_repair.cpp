@@ -16,6 +16,9 @@
 namespace engine {
 namespace {
 
+// Values and fork up to 4 GiB each, and some more: what is larger only fills the quarantine.
+constexpr uint64_t kLargestStore = (uint64_t{2} << 32) + (uint64_t{1} << 30);
+
 Quarantined item_for(const StorePlace &place, const Subject &subject, Quarantined::What what) {
     struct stat around {};
     if (::fstat(place.directory, &around) != 0) {
@@ -74,6 +77,9 @@ StoreFileHeld held_alone(int directory, const std::string &name, int flags) {
     if (::fstat(held.file.get(), &held.status) != 0 || !is_still(directory, name, held.status)) {
         throw_exchanged();
     }
+    if (static_cast<uint64_t>(held.status.st_size) > kLargestStore) {
+        throw Failure("it is larger than any store can be");
+    }
     if (held.status.st_nlink != 1) {
         throw Failure("it has other names, which it would no longer share its content with");
     }
@@ -82,7 +88,8 @@ StoreFileHeld held_alone(int directory, const std::string &name, int flags) {
 
 } // namespace
 
-void StoreMender::mend(const StorePlace &place, std::vector<FoundInStore> &found) {
+void StoreMender::mend(const StorePlace &place, std::vector<FoundInStore> &found,
+                       const std::function<bool()> &stopped) {
     const auto is_open = [](const FoundInStore &one) {
         return one.subject.mend != Subject::Mend::none && one.finding.state == Finding::State::found;
     };
@@ -96,6 +103,9 @@ void StoreMender::mend(const StorePlace &place, std::vector<FoundInStore> &found
         Finding::State state = Finding::State::mended;
         std::string reason;
         try {
+            if (stopped()) {
+                throw Failure("stopped");
+            }
             mend_one(place, subject);
         } catch (const Failure &failure) {
             state = Finding::State::left;

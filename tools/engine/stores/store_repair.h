@@ -6,6 +6,7 @@
 #include "tools/engine/stores/quarantine.h"
 #include "tools/engine/stores/store_check.h"
 
+#include <functional>
 #include <vector>
 
 namespace engine {
@@ -14,8 +15,8 @@ class StoreMender {
   public:
     explicit StoreMender(Quarantine &quarantine) : m_quarantine(quarantine) {}
 
-    // Mends what can be, and says of each finding what became of it.
-    void mend(const StorePlace &place, std::vector<FoundInStore> &found);
+    // Mends what can be, until `stopped` says so, and says of each finding what became of it.
+    void mend(const StorePlace &place, std::vector<FoundInStore> &found, const std::function<bool()> &stopped);
 
   private:
     void mend_one(const StorePlace &place, const Subject &subject);

@@ -130,15 +130,15 @@ class Survey {
     }
 
     void look(StorePlace place, const std::string &only) {
-        const TellTrouble tell = [this](const std::string &path, const std::string &reason) {
-            m_watcher.trouble(path, reason);
-        };
+        const CheckHooks hooks{
+            [this](const std::string &path, const std::string &reason) { m_watcher.trouble(path, reason); },
+            [this] { return m_watcher.stopped(); }};
         try {
             place.kind = store_kind(volume_type(place.path, fmt::format("/proc/self/fd/{}", place.directory)));
-            DirectoryFindings findings = check_directory(place, only, tell);
+            DirectoryFindings findings = check_directory(place, only, hooks);
             m_totals.stores += findings.stores;
             if (m_mender != nullptr) {
-                m_mender->mend(place, findings.found);
+                m_mender->mend(place, findings.found, hooks.stopped);
             }
             for (const FoundInStore &one : findings.found) {
                 m_watcher.found(one.finding);

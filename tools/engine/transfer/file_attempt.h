@@ -31,6 +31,9 @@ struct FileTransfer::Attempt : FileAttempt {
     HeldDirectory real = {};                // where the source lies that a link led to, under `realName`
     std::string realName = {};
     StoreParts store = {};                 // what is kept for the source
+    bool storeUnknown = false;             // it has not been looked for yet
+    bool nothingBeside = false;            // no "@eaDir" was there when what lies in it was carried
+    bool mayHaveAcl = true;                // the source, whose mode may then show more than its group has
     std::optional<StoreWitness> kept = {}; // of a move: what that was when it was copied
     std::vector<Loss> losses = {};         // what the copy has not got
     std::optional<struct stat> old = {};   // what stood there, and is replaced

@@ -9,7 +9,6 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/store/mac_attributes.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/file_attempt.h"
@@ -34,10 +33,13 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -225,11 +227,12 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
     }
     attempt.sourceType =
         attempt.entry->st_dev == from.device() ? from.type() : VEXOGetFSType(from.below(attempt.sourceName).c_str(), 0);
-    attempt.store = store_parts(from.below(attempt.sourceName), attempt.sourceType, around.sourceWithoutStore);
-    if (auto problem = check_mac_attributes(attempt)) {
-        Outcome outcome = failure(destination, *problem);
-        outcome.losses.push_back({LossClass::mac_attributes, problem->reason});
-        return outcome;
+    // Of a file that is copied and has nothing beside it one list tells, once it is open, whether it has anything at
+    // all.
+    attempt.storeUnknown = around.sourceWithoutStore && m_options.operation == Operation::copy && !attempt.asItIs &&
+                           S_ISREG(attempt.entry->st_mode) && store_kind(attempt.sourceType) != StoreKind::apple_double;
+    if (!attempt.storeUnknown) {
+        look_for_store(attempt);
     }
     if (!around.destinationNew) {
         tidy(to);
@@ -395,17 +398,6 @@ std::optional<Problem> FileTransfer::check_source(Attempt &attempt) const {
         return of_source({fmt::format("is {}, which cannot be copied", kind_of(mode))});
     }
     return std::nullopt;
-}
-
-// A move to another volume removes the source, and with it what only that can hold.
-std::optional<Problem> FileTransfer::check_mac_attributes(Attempt &attempt) const {
-    if (m_options.operation == Operation::copy || m_options.accepted.contains(LossClass::mac_attributes) ||
-        attempt.to.device() == attempt.from.device() || !attempt.from.keeps_mac() ||
-        !has_mac_attributes(attempt.from.below(attempt.sourceName))) {
-        return std::nullopt;
-    }
-    return of_source(
-        {"has attributes set by a Mac, which cannot go to another volume from Linux; a copy leaves them behind"});
 }
 
 void FileTransfer::tidy(const HeldDirectory &directory) {
@@ -692,13 +684,16 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
     if (attempt.file.get() < 0 || ::fstat(attempt.file.get(), &before) != 0 || !same(attempt.content, before)) {
         return std::nullopt;
     }
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     attempt.content = before;
     attempt.linked = attempt.inPlace = true;
     if (has_store(attempt.to, attempt.name)) {
         (void)VEXOEARemove(attempt.to.below(attempt.name).c_str(), attempt.to.type());
     }
     if (attempt.store.any() || m_options.operation == Operation::move) {
-        carry_metadata(attempt, attempt.name);
+        carry_metadata(attempt, attempt.to, attempt.name);
     }
     compare(attempt, attempt.name);
     attempt.result = attempt.to.look(attempt.name);
@@ -745,8 +740,11 @@ std::optional<Problem> FileTransfer::link_or_make(Attempt &attempt) {
                                                           : make_file(attempt, attempt.made, false);
     }
     attempt.linked = true;
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     if (attempt.store.any() || m_options.operation == Operation::move) {
-        carry_metadata(attempt, attempt.made);
+        carry_metadata(attempt, attempt.to, attempt.made);
     }
     attempt.changed = ::fstat(attempt.file.get(), &after) != 0 || !is_same_version(before, after);
     attempt.content = after;
@@ -779,11 +777,16 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
         return of_source({"was exchanged for something else meanwhile; not copied"});
     }
     attempt.content = before;
+    attempt.mayHaveAcl = true;
+    if (attempt.storeUnknown) {
+        look_for_store(attempt);
+    }
     if (follow && S_ISLNK(attempt.entry->st_mode)) {
         find_real_place(attempt);
     }
-    auto problem = !replace && gives_group_more(attempt) ? make_closed(attempt, name)
-                                                         : call_library(attempt, attempt.to, name, replace);
+    auto problem = !replace && attempt.mayHaveAcl && gives_group_more(attempt)
+                       ? make_closed(attempt, name)
+                       : call_library(attempt, attempt.to, name, replace);
     if (problem) {
         return problem;
     }
@@ -800,13 +803,38 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
     if (replace && has_store(attempt.to, name)) {
         (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
     }
-    carry_metadata(attempt, name);
+    if (!replace && store_kind(attempt.to.type()) == StoreKind::apple_double &&
+        volume_traits(attempt.to.type()).owners) {
+        if (problem = carry_closed(attempt, name); problem) {
+            discard(attempt.to, name);
+            return problem;
+        }
+    } else {
+        carry_metadata(attempt, attempt.to, name);
+    }
     // Carrying a store may bring that of the source up to date.
     if (::fstat(attempt.file.get(), &after) != 0 || !is_same_version(before, after)) {
         attempt.changed = true;
     }
     attempt.content = after;
     return std::nullopt;
+}
+
+// Where the volume lists all that a file has, one list of the open file answers for what would be asked for by name.
+void FileTransfer::look_for_store(Attempt &attempt) {
+    char names[1024];
+    const bool lists = std::exchange(attempt.storeUnknown, false) && attempt.file.get() >= 0 &&
+                       lists_all_attributes(attempt.from.facts().magic) &&
+                       attempt.entry->st_dev == attempt.from.device();
+    const ssize_t size = lists ? ::listxattr(attempt.opened().c_str(), names, sizeof names) : -1;
+    if (size < 0) {
+        attempt.store =
+            store_parts(attempt.from.below(attempt.sourceName), attempt.sourceType, attempt.around.sourceWithoutStore);
+        return;
+    }
+    const std::string_view all(names, static_cast<size_t>(size));
+    attempt.store = store_parts_in(all);
+    attempt.mayHaveAcl = is_listed(all, "system.posix_acl_access");
 }
 
 // The library makes a file with the mode of its source, and gives it an ACL later, where the volume takes one.
@@ -903,20 +931,53 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
 }
 
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
-void FileTransfer::carry_metadata(Attempt &attempt, const std::string &name) {
+void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    if (auto problem = carry_beside(source, attempt.to.side(name), &attempt.storeLocked)) {
+    attempt.nothingBeside = source.volume.noDirectory;
+    if (auto problem = carry_beside(source, to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
     // Under its own name the copy could not have it.
     const bool stays = store_kind(attempt.to.type()) != StoreKind::apple_double || name == attempt.name ||
                        takes_companion(attempt.to.fd(), attempt.name);
-    if (!stays && has_store(attempt.to, name)) {
-        (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
+    if (!stays && has_store(to, name)) {
+        (void)VEXOEARemove(to.below(name).c_str(), to.type());
     }
     if (m_options.operation == Operation::move) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
+}
+
+// Where stores are "._" files the library lets everybody write to what it carries one for: nobody gets at it until that
+// is over. The copy comes out before its store, so that whoever tidies after a kill finds both.
+std::optional<Problem> FileTransfer::carry_closed(Attempt &attempt, const std::string &name) {
+    const std::string room = next_private_name(), store = "._" + name;
+    struct stat before {
+    }, after{};
+    if (::mkdirat(attempt.to.fd(), room.c_str(), 0700) != 0) {
+        return problem_of_errno(errno);
+    }
+    const HeldDirectory inside(attempt.to, room);
+    const int to = attempt.to.fd(), in = inside.fd();
+    bool good = inside.is_open() && ::renameat(to, name.c_str(), in, name.c_str()) == 0;
+    const Descriptor made(good ? ::openat(in, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1);
+    good = good && ::fstat(made.get(), &before) == 0;
+    if (good) {
+        carry_metadata(attempt, inside, name);
+        good = ::fstat(made.get(), &after) == 0;
+        const mode_t more = after.st_mode & ~before.st_mode;
+        const std::string path = fmt::format("/proc/self/fd/{}", made.get());
+        good = good && (more == 0 || ::chmod(path.c_str(), after.st_mode & before.st_mode & 07777) == 0) &&
+               ::renameat(in, name.c_str(), to, name.c_str()) == 0 &&
+               (::renameat(in, store.c_str(), to, store.c_str()) == 0 || errno == ENOENT);
+    }
+    const int number = errno;
+    (void)remove_left_over(to, room);
+    if (good) { // what other services keep for it, which has its place by the name of the directory
+        carry_own_directory(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(name),
+                            true);
+    }
+    return good ? std::nullopt : std::optional(problem_of_errno(number));
 }
 
 // What belongs to a file lies beside it, not beside a link to it.
@@ -950,8 +1011,11 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
             {LossClass::unreadable, "the directory of the file cannot be found, nor what is kept there for it"});
         return;
     }
-    const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    const Side copy = attempt.to.side_now(name);
+    // What came beside the source after it was looked for came after the copy; a move asks once more before it removes.
+    const bool known = attempt.nothingBeside;
+    const Side source = known ? attempt.where().side(attempt.what(), attempt.sourceType)
+                              : attempt.where().side_now(attempt.what(), attempt.sourceType);
+    const Side copy = known ? attempt.to.side(name) : attempt.to.side_now(name);
     carry_own_directory(source, copy, false);
     for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
         attempt.losses.push_back(std::move(loss));

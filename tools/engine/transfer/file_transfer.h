@@ -115,7 +115,6 @@ class FileTransfer {
     static const HeldDirectory &directory_of(HeldDirectory &last, const std::string &path);
 
     std::optional<Problem> check_source(Attempt &attempt) const;
-    std::optional<Problem> check_mac_attributes(Attempt &attempt) const;
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
     std::optional<Outcome> pass_over(Attempt &attempt, bool data);
@@ -135,11 +134,13 @@ class FileTransfer {
     std::optional<Problem> link_or_make(Attempt &attempt);
     bool link_again(const struct stat &file, const HeldDirectory &to, const std::string &name);
     std::optional<Problem> make_file(Attempt &attempt, const std::string &name, bool replace);
+    static void look_for_store(Attempt &attempt);
     static bool gives_group_more(const Attempt &attempt);
     std::optional<Problem> make_closed(Attempt &attempt, const std::string &name);
     std::optional<Problem> call_library(Attempt &attempt, const HeldDirectory &to, const std::string &name,
                                         bool replace);
-    void carry_metadata(Attempt &attempt, const std::string &name);
+    void carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name);
+    std::optional<Problem> carry_closed(Attempt &attempt, const std::string &name);
     void remove_source(Attempt &attempt, Outcome &outcome);
     void compare(Attempt &attempt, const std::string &name);
     void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);

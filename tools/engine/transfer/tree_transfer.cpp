@@ -5,12 +5,15 @@
 #include "platform/core.h"
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
+#include "tools/engine/compare/name_match.h"
 #include "tools/engine/compare/witness.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/listing.h"
+#include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store_names.h"
+#include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/name_refusal.h"
@@ -27,6 +30,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -44,6 +49,24 @@ Problem problem_of_making(int number) {
     return number == ENOENT  ? problem_of(kDestinationMissing)
            : number == EROFS ? problem_of(kReadOnly)
                              : problem_of_errno(number);
+}
+
+// With what it has. False: there is none.
+bool copy_store_file(int directory, const std::string &name, int to, const std::string &made) {
+    constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const Descriptor old(::openat(directory, name.c_str(), O_RDONLY | flags));
+    const Descriptor copy(::openat(to, made.c_str(), O_RDWR | O_CREAT | O_EXCL | flags, 0600));
+    struct stat found {};
+    if (old.get() < 0 || copy.get() < 0 || ::fstat(old.get(), &found) != 0 || !S_ISREG(found.st_mode)) {
+        return false;
+    }
+    try {
+        copy_bytes(old.get(), 0, copy.get(), 0, UINT64_MAX);
+        (void)take_properties(old.get(), copy.get());
+        return true;
+    } catch (const Failure &) {
+        return false;
+    }
 }
 
 EntryKind kind_of_entry(const std::optional<struct stat> &found) {
@@ -183,6 +206,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         names->clear();
     }
     bool complete = leftOut == m_selection.left_out(), gone = false;
+    own_names_first(destination.in.type(), *names, [](const std::string &name) { return name; });
     const std::string note = m_move ? begin_leaving(level, destination, names->empty()) : std::string();
     descend(source, destination);
     complete = entries(level, *names) && complete;
@@ -549,20 +573,27 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
     return true;
 }
 
-// The library takes it that reserved characters were replaced in the name wherever stores are "._" files. Where they
-// are not, the store gets to its place from under a name without any.
+// A "._" file is made for a directory of another name, and gets its place as a whole: a stop would leave half of it
+// where nobody could read that any more, and the library opens to everybody what it carries one for, and takes it that
+// reserved characters were replaced in the name.
 std::optional<Problem> TreeTransfer::carry_store(const Place &source, const Place &destination) const {
     const HeldDirectory &to = destination.in;
     const Side from = source.in.side_now(source.name, m_sourceType);
-    const bool reserved = m_destinationTraits.store == StoreKind::apple_double && !m_destinationTraits.fatNames &&
-                          base_name(fat_name("/" + destination.name)) != destination.name;
-    const std::string made = next_private_name();
-    if (!reserved || ::mkdirat(to.fd(), made.c_str(), 0700) != 0) {
+    const std::string made = next_private_name(), place = "._" + destination.name, name = "d", store = "._d";
+    const bool apart = m_destinationTraits.store == StoreKind::apple_double && place.size() <= NAME_MAX &&
+                       store_parts(source.held(), m_sourceType).any();
+    if (!apart || ::mkdirat(to.fd(), made.c_str(), 0700) != 0) {
         return carry_beside(from, to.side_now(destination.name, m_destinationType));
     }
-    (void)VEXOEACopyInternal(source.held().c_str(), to.below(made).c_str(), 0, 0, m_sourceType, m_destinationType,
-                             nullptr, nullptr, nullptr);
-    (void)::renameat(to.fd(), ("._" + made).c_str(), to.fd(), ("._" + destination.name).c_str());
+    const HeldDirectory room(to, made);
+    const bool replaces = to.look(place).has_value();
+    const bool begun = ::mkdirat(room.fd(), name.c_str(), 0700) == 0 &&
+                       (!replaces || copy_store_file(to.fd(), place, room.fd(), store));
+    const bool whole = begun && VEXOEACopyInternal(source.held().c_str(), room.below(name).c_str(), 0, 0, m_sourceType,
+                                                   m_destinationType, nullptr, nullptr, nullptr) == 0;
+    if (whole || !replaces) {
+        (void)::renameat(room.fd(), store.c_str(), to.fd(), place.c_str());
+    }
     (void)remove_left_over(to.fd(), made);
     carry_kept(from, to.side_now(destination.name, m_destinationType), true);
     return std::nullopt;

@@ -39,6 +39,11 @@ uint64_t largest_file(int directory, int typeCode) {
     return _VEXOCopyFsFileSizeLimitGet(("/proc/self/fd/" + std::to_string(directory) + "/.").c_str(), typeCode);
 }
 
+bool lists_all_attributes(uint32_t magic) {
+    constexpr uint32_t own[] = {0xef53, 0x58465342, 0x9123683e, 0x01021994}; // ext4, XFS, btrfs, tmpfs
+    return std::ranges::find(own, magic) != std::end(own);
+}
+
 const char *kind_text(StoreKind kind) {
     switch (kind) {
     case StoreKind::apple_double:

@@ -26,6 +26,10 @@ inline StoreKind store_kind(int typeCode) {
     return volume_traits(typeCode).store;
 }
 
+// Whether volumes of a file system, by its magic number (statfs), list every attribute that a file has: those of this
+// kernel's own do, where a server may leave some out.
+bool lists_all_attributes(uint32_t magic);
+
 // "\"@eaDir\"": where it is, for people.
 const char *kind_text(StoreKind kind);
 

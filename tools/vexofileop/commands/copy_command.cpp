@@ -335,8 +335,7 @@ void add_move_command(const Command &program, int &status) {
 void add_plan_command(const Command &program, int &status) {
     const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
     command.allow_command();
-    command.set_footer("\nEach list of --shards is copied on any machine, and when all are done --finish\n"
-                       "gives directories what is theirs.\n"
+    command.set_footer("\nLists are copied on any machine; at the end --finish completes directories.\n"
                        "Examples:\n"
                        "  vexofileop plan copy -r photos /volume2/backup\n"
                        "  vexofileop plan --shards 4 --out lists photos\n"

@@ -245,14 +245,14 @@ void add_relocate_command(const Command &program, int &status) {
     const Command command = program.add_command("relocate", "Bring a whole directory to another place, all at once");
     const auto options = std::make_shared<RelocateOptions>();
     command.add_flag("--keep-source", options->keepSource, "leave the source where it is");
-    command.add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else they are a loss");
+    command.rare().add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else a loss");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
     const Option accept = add_accept_option(command);
     const Option report = add_report_option(command);
     command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
     command.add_flag("--json", options->json, "one JSON object per line: losses, then what came of it");
-    command.add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
     const Option operands = command.add_operands("SRC", "SRC DST");
     command.set_footer("\nThe tree is copied into a private directory beside DST and compared with SRC in\n"
                        "all that belongs to it; then the copy takes the place of DST at once, and what\n"
