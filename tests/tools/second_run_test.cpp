@@ -109,8 +109,8 @@ TEST_F(StoppedMove, NoteOfASourceThatIsGoneGoes) {
     stop(volume.path(), SIGKILL);
     EXPECT_TRUE(hasPrivateNames(volume.path()));
     ASSERT_EQ(0, runTool({"remove", "-rf", tree}).status);
-    ASSERT_EQ(0, ::mkdir(tree.c_str(), 0755));
-    EXPECT_EQ(0, runTool({"copy", "-ru", tree, volume.path()}).status);
+    kit::writeFile(scratch / "other", "other");
+    EXPECT_EQ(0, runTool({"copy", scratch / "other", volume.path()}).status);
     EXPECT_FALSE(hasPrivateNames(volume.path()));
 }
 
@@ -260,8 +260,7 @@ TEST_F(BrokenLink, OfTheSameContentIsBroken) {
 
 TEST_F(BrokenLink, IsNotWrittenInPlaceWhereThatWouldChangeTheOther) {
     link("/b/z");
-    ASSERT_EQ(0, ::mkdir(copy.c_str(), 0755));
-    ASSERT_EQ(0, runTool({"copy", "-r", tree + "/a", tree + "/b", copy}).status);
+    ASSERT_EQ(0, runTool({"copy", "-r", "-T", tree, copy}).status);
     breakIt("changed");
     EXPECT_EQ(0, runTool({"copy", "-rf", "--in-place", tree + "/a", tree + "/b", copy}).status);
     expectBroken(false);
