@@ -110,6 +110,21 @@ TEST_F(PrivateNames, EndOfAMakerIsProvenOrUnknown) {
     EXPECT_EQ(MakerState::unknown, state_of(before, here));
 }
 
+// Its parent may never ask for it; it makes nothing more all the same.
+TEST_F(PrivateNames, MakerWhoseParentHasNotHeardOfItsEndIsGone) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    siginfo_t ended{};
+    ASSERT_EQ(0, ::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT));
+    Maker maker = own_maker();
+    maker.process = child;
+    maker.begun = 0;
+    EXPECT_EQ(MakerState::gone, state_of(maker));
+    EXPECT_EQ(child, ::waitpid(child, nullptr, 0));
+}
+
 TEST_F(PrivateNames, ForkedProcessIsAnotherMaker) {
     const std::string parent = text_of(own_maker());
     const pid_t child = ::fork();

@@ -11,7 +11,7 @@
 namespace engine {
 namespace {
 
-enum class Event : uint8_t { loss, extra, same, compared, progress };
+enum class Event : uint8_t { loss, extra, left_over, same, compared, progress };
 
 Inode read_inode(RecordReader &reader) {
     const auto device = reader.number<dev_t>();
@@ -29,6 +29,10 @@ class TellingComparison : public ComparisonObserver {
     }
     void extra(const std::string &second, EntryKind kind) override {
         m_pending.number(Event::extra).text(second).number(kind);
+        flush();
+    }
+    void left_over(const std::string &path) override {
+        m_pending.number(Event::left_over).text(path);
         flush();
     }
     void same(const std::string &first, const std::string &second) override {
@@ -134,6 +138,9 @@ class ComparisonOverseer : public Overseer {
             m_observer.extra(second, reader.number<EntryKind>());
             break;
         }
+        case Event::left_over:
+            m_observer.left_over(reader.text());
+            break;
         case Event::same: {
             const std::string first = reader.text();
             m_observer.same(first, reader.text());

@@ -394,10 +394,11 @@ class TreeComparison {
     }
 
     void entry(Level &level, const Listing::Item &item) {
-        if (is_left_over(item.name)) {
-            return; // of a command that was stopped: nothing that is not somewhere else as well
-        }
         const std::string path = joined(level.one.path, item.name);
+        if (is_left_over(item.name)) {
+            m_observer.left_over(path); // nothing that is not somewhere else as well
+            return;
+        }
         const NameMatch::Found found = level.names.find(item.name);
         const std::string otherPath = joined(level.other.path, found.name);
         if (!takes(level.one.fd(), item.name, path)) {
@@ -494,8 +495,11 @@ class TreeComparison {
             return takes(level.other.fd(), name, joined(level.one.path, name));
         };
         for (const Listing::Item &item : level.there.items) {
-            if (!level.names.is_taken(item.name) && !is_left_over(item.name) && meant(item.name)) {
-                m_observer.extra(joined(level.other.path, item.name), kind_of_item(item));
+            const std::string path = joined(level.other.path, item.name);
+            if (is_left_over(item.name)) {
+                m_observer.left_over(path);
+            } else if (!level.names.is_taken(item.name) && meant(item.name)) {
+                m_observer.extra(path, kind_of_item(item));
             }
         }
         for (const Listing::Part &part : level.there.strangers) {

@@ -27,6 +27,8 @@ class ComparisonObserver : public Observer {
     virtual void loss(const std::string &first, const std::string &second, const Loss &loss) = 0;
     // An entry that only the second has, with everything in it.
     virtual void extra(const std::string &second, EntryKind kind) = 0;
+    // At either: what a command that was stopped has left, by its name. It is not compared.
+    virtual void left_over(const std::string &) {}
     // The two are one thing under two names: nothing is compared.
     virtual void same(const std::string &first, const std::string &second) = 0;
     // An entry of the first was compared, and what it lacks has been told; bytes of a regular file.

@@ -13,6 +13,9 @@
 #include <algorithm>
 #include <climits>
 #include <fmt/format.h>
+#include <functional>
+#include <initializer_list>
+#include <utility>
 
 namespace engine {
 namespace {
@@ -62,6 +65,29 @@ std::optional<Outcome> skip_or_replace(FileAttempt &attempt, const TransferOptio
     }
 }
 
+constexpr int kHalf = 32; // of a mark, in bits
+static_assert(sizeof(size_t) == 2 * sizeof(uint32_t));
+
+uint32_t hash_of_source(const std::string &name) {
+    return static_cast<uint32_t>(std::hash<std::string>()(name));
+}
+
+// Never that of no place.
+uint32_t hash_of_place(const HeldDirectory &to, const std::string &name) {
+    const auto hash = static_cast<uint32_t>(
+        std::hash<std::string>()(fmt::format("{}/{}/{}", uint64_t{to.device()}, uint64_t{to.inode()}, name)));
+    return hash == 0 ? 1 : hash;
+}
+
+// All of them, exactly so.
+bool lists(const HeldDirectory &directory, std::initializer_list<std::string> wanted) {
+    const Descriptor opened = open_directory(directory.fd(), ".");
+    const auto names = opened.get() < 0 ? std::nullopt : names_in(opened.get());
+    return names && std::ranges::all_of(wanted, [&](const std::string &name) {
+               return std::ranges::find(*names, name) != names->end();
+           });
+}
+
 } // namespace
 
 Problem same_file() {
@@ -106,54 +132,77 @@ bool is_to_update(const Loss &difference, LossSet accepted) {
 
 void WrittenEntries::add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to,
                          const std::string &name) {
-    const size_t source = std::hash<std::string>()(sourceName);
+    const size_t mark = size_t{hash_of_place(to, name)} << kHalf | hash_of_source(sourceName);
     if (m_ledger != nullptr) {
-        m_ledger->made(m_kind, made, source);
+        m_ledger->made(m_kind, made, mark);
     }
     // A directory is known here, too, so that nobody goes into what he has made.
     if (m_ledger == nullptr || m_kind == Ledger::Kind::directory) {
-        add({made.st_dev, made.st_ino}, source);
+        add({made.st_dev, made.st_ino}, mark);
     }
     if (!takes_every_name(to.facts().magic)) {
-        m_folded.try_emplace(joined(to.path(), folded(name)), Made{source, name});
+        m_folded.try_emplace(joined(to.path(), folded(name)), Made{hash_of_source(sourceName), name});
     }
 }
 
-void WrittenEntries::add(const FileNumber &made, size_t source) {
-    const auto [known, isNew] = m_names.emplace(made, source);
-    known->second = isNew || known->second == source ? source : kSeveral;
+void WrittenEntries::add(const FileNumber &made, size_t mark) {
+    const auto [known, isNew] = m_names.emplace(made, mark);
+    if (isNew || known->second == mark) {
+        return;
+    }
+    if (known->second != kSeveral) {
+        m_marks.emplace(made, std::exchange(known->second, kSeveral));
+    }
+    m_marks.emplace(made, mark);
 }
 
-std::optional<size_t> WrittenEntries::source_of(const FileNumber &entry) const {
+// The one with this place, if it has one.
+std::optional<size_t> WrittenEntries::mark_of(const FileNumber &entry, uint32_t place) const {
     const auto found = m_names.find(entry);
-    return found == m_names.end() ? std::nullopt : std::optional(found->second);
+    if (found == m_names.end() || found->second != kSeveral) {
+        return found == m_names.end() ? std::nullopt : std::optional(found->second);
+    }
+    const auto mark = m_marks.lower_bound({entry, size_t{place} << kHalf});
+    return mark != m_marks.end() && mark->first == entry && mark->second >> kHalf == place ? mark->second : kSeveral;
 }
 
-std::optional<size_t> WrittenEntries::source_of(const struct stat &there) const {
-    const auto known = source_of(FileNumber(there.st_dev, there.st_ino));
-    return known || m_ledger == nullptr ? known : m_ledger->source_of(m_kind, there);
+std::optional<size_t> WrittenEntries::mark_of(const struct stat &there, uint32_t place) const {
+    const auto known = mark_of(FileNumber(there.st_dev, there.st_ino), place);
+    return known || m_ledger == nullptr ? known : m_ledger->mark_of(m_kind, there, place);
+}
+
+// Nothing, too, for another name of what was made: where names of two letter cases are one, it is listed as it was
+// made.
+std::optional<size_t> WrittenEntries::mark_here(const struct stat &there, const HeldDirectory &to,
+                                                const std::string &name) const {
+    const uint32_t place = hash_of_place(to, name);
+    const auto mark = mark_of(there, place);
+    const bool other = mark && !S_ISDIR(there.st_mode) && there.st_nlink > 1 && *mark >> kHalf != place &&
+                       takes_every_name(to.facts().magic) && lists(to, {name});
+    return other ? std::nullopt : mark;
+}
+
+// Whether what stands there under the name was made under it, or under one of another letter case that is the same
+// entry: it is not where both are listed.
+bool WrittenEntries::is_folded(const HeldDirectory &to, const std::string &name) const {
+    const auto found = m_folded.find(joined(to.path(), folded(name)));
+    return found != m_folded.end() && (found->second.name == name || !lists(to, {name, found->second.name}));
 }
 
 bool WrittenEntries::contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const {
-    return source_of(there) ||
-           (!takes_every_name(to.facts().magic) && m_folded.contains(joined(to.path(), folded(name))));
+    return mark_here(there, to, name) || (!takes_every_name(to.facts().magic) && is_folded(to, name));
 }
 
 bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                               const std::string &name) const {
-    const size_t source = std::hash<std::string>()(sourceName);
+    const uint32_t source = hash_of_source(sourceName);
     if (takes_every_name(to.facts().magic)) {
-        const auto found = source_of(there);
-        return found && *found != kSeveral && *found != source;
+        const auto mark = mark_here(there, to, name);
+        return mark && *mark != kSeveral && static_cast<uint32_t>(*mark) != source;
     }
-    // One that is listed under exactly this name is another entry where cases are two.
     const auto found = m_folded.find(joined(to.path(), folded(name)));
-    if (found == m_folded.end() || found->second.source == source || found->second.name == name) {
-        return found != m_folded.end() && found->second.source != source;
-    }
-    const Descriptor opened = open_directory(to.fd(), ".");
-    const auto names = opened.get() < 0 ? std::nullopt : names_in(opened.get());
-    return !names || std::ranges::find(*names, name) == names->end() || m_names.contains({there.st_dev, there.st_ino});
+    return found != m_folded.end() && found->second.source != source &&
+           (is_folded(to, name) || m_names.contains({there.st_dev, there.st_ino}));
 }
 
 Outcome failure(const std::string &destination, Problem problem) {

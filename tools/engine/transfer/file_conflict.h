@@ -6,9 +6,11 @@
 #include "tools/engine/transfer/transfer_observer.h"
 #include "tools/engine/transfer/transfer_options.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -37,36 +39,45 @@ class WrittenEntries {
         m_kind = kind;
     }
     // What another process has made, and what that is to know.
-    void add(const FileNumber &made, size_t source);
-    std::optional<size_t> source_of(const FileNumber &entry) const;
+    void add(const FileNumber &made, size_t mark);
+    std::optional<size_t> mark_of(const FileNumber &entry, uint32_t place) const;
     bool empty() const { return m_names.empty(); }
     void clear() {
         m_names.clear();
+        m_marks.clear();
         m_folded.clear();
     }
 
     // Under this name in the directory.
     void add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to, const std::string &name);
-    // What stands there under the name.
+    // What stands there under the name. Of a file with other names one of those may be what was made: this one is not,
+    // and replacing it takes nothing from that.
     bool contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const;
     // Whatever its name: the entry of this volume and inode.
     bool contains(const struct stat &entry) const { return m_names.contains({entry.st_dev, entry.st_ino}); }
+    // The same, by whichever process: what is written into it changes what was made.
+    bool holds(const struct stat &there) const { return mark_of(there, 0).has_value(); }
     // Under another name than this: two of the source that become one here.
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const;
 
     void merge(WrittenEntries &other) {
         m_names.merge(other.m_names);
+        m_marks.merge(other.m_marks);
         m_folded.merge(other.m_folded);
     }
 
   private:
-    std::optional<size_t> source_of(const struct stat &there) const;
+    std::optional<size_t> mark_of(const struct stat &there, uint32_t place) const;
+    std::optional<size_t> mark_here(const struct stat &there, const HeldDirectory &to, const std::string &name) const;
+    bool is_folded(const HeldDirectory &to, const std::string &name) const;
 
-    static constexpr size_t kSeveral = 0; // hard links
+    // A mark: the hash of the place above that of the name at the source.
+    static constexpr size_t kSeveral = 0; // hard links, each by its mark
     Ledger *m_ledger = nullptr;
     Ledger::Kind m_kind = Ledger::Kind::entry;
     std::map<FileNumber, size_t> m_names;
+    std::set<std::pair<FileNumber, size_t>> m_marks; // of those that have several
     // Where an inode may have another number the next time, and names of several letter cases may be one: by path, in
     // one case.
     struct Made {

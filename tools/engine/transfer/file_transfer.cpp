@@ -304,12 +304,11 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
     const bool linkable = m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && !alone;
     const bool linked =
         there && linkable && m_linked.is_there(*attempt.entry, there) && has_name(attempt.to, attempt.name);
-    if (!there || (!linked && (m_written.contains(*there, attempt.to, attempt.name) ||
-                               (linkable && m_linked.can_link(*attempt.entry, attempt.to))))) {
+    if (!there || (!linked && (m_written.holds(*there) || m_written.contains(*there, attempt.to, attempt.name)))) {
         return std::nullopt;
     }
     auto differences = differences_of_same(attempt, data, m_options.accepted);
-    if (!differences) {
+    if (!differences || (!linked && linkable && takes_link(attempt))) {
         return std::nullopt;
     }
     attempt.losses.insert(attempt.losses.end(), differences->begin(), differences->end());
@@ -331,6 +330,14 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
     outcome.same = true;
     m_observer.progress(attempt.asItIs ? 0 : attempt.content->st_size, false);
     return outcome;
+}
+
+// Whether it could become another name of what this run has made of its file. A volume without hard links says so when
+// it is asked for one.
+bool FileTransfer::takes_link(const Attempt &attempt) {
+    const std::string made = next_private_name();
+    return m_linked.can_link(*attempt.entry, attempt.to) && m_linked.link(*attempt.entry, attempt.to, made) &&
+           (::unlinkat(attempt.to.fd(), made.c_str(), 0), true);
 }
 
 // Of what may differ; nothing: it is not the same.
@@ -486,8 +493,14 @@ Outcome FileTransfer::copy(Attempt &attempt) {
     attempt.old = attempt.replace ? attempt.to.look(attempt.name) : std::nullopt;
     const auto &old = attempt.old;
     const bool forced = old && !m_options.inPlace && !may_write(attempt.to.fd(), ".", W_OK | X_OK);
-    if (old && S_ISREG(old->st_mode) && !attempt.asItIs && (forced || m_options.inPlace) &&
+    // Another name of what this run has made: it becomes a file of its own, or that would be lost.
+    const bool written = old && m_written.holds(*old);
+    if (old && S_ISREG(old->st_mode) && !attempt.asItIs && (forced || (m_options.inPlace && !written)) &&
         may_write(attempt.to.fd(), attempt.name.c_str(), W_OK)) {
+        if (forced && written) {
+            return failure(attempt.destination,
+                           {"the destination was just written by this command; not replaced", kExists});
+        }
         auto refusal = forced ? refusal_of_forced(m_options) : std::nullopt;
         return refusal ? failure(attempt.destination, std::move(*refusal)) : write_in_place(attempt, *old);
     }
@@ -537,6 +550,13 @@ std::optional<Problem> FileTransfer::make_anew(Attempt &attempt, std::vector<Los
     return problem;
 }
 
+// What is known not to be whole takes nobody's place; it may be at rest the next time.
+std::optional<Problem> FileTransfer::refused(Attempt &attempt) const {
+    return attempt.changed && attempt.old
+               ? Problem{.reason = "changed while it was copied; not replaced", .withSource = true, .number = EAGAIN}
+               : verify(attempt, attempt.made);
+}
+
 Outcome FileTransfer::place_copy(Attempt &attempt) {
     compare(attempt, attempt.made);
     const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_locked);
@@ -544,7 +564,7 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
         discard(attempt.to, attempt.made);
         return failure(attempt.destination, problem_of(kLocked));
     }
-    if (auto problem = verify(attempt, attempt.made)) {
+    if (auto problem = refused(attempt)) {
         discard(attempt.to, attempt.made);
         Outcome outcome = failure(attempt.destination, *problem);
         outcome.losses.push_back({LossClass::data, problem->reason});
@@ -1019,6 +1039,9 @@ void FileTransfer::count_names(const struct stat &file, bool linked, std::vector
 std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string &name) const {
     if (!m_options.verify || attempt.asItIs || attempt.linked) {
         return std::nullopt;
+    }
+    if (attempt.changed) {
+        return Problem{"changed while it was copied"};
     }
     const Descriptor made(::openat(attempt.to.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (made.get() < 0 || ::fsync(made.get()) != 0) {

@@ -118,6 +118,7 @@ class FileTransfer {
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
     std::optional<Outcome> pass_over(Attempt &attempt, bool data);
+    bool takes_link(const Attempt &attempt);
     void look_for_same(Attempt &attempt);
     static bool is_as_good(const Attempt &attempt);
     std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt, bool data, LossSet accepted);
@@ -144,6 +145,7 @@ class FileTransfer {
     void compare(Attempt &attempt, const std::string &name);
     void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
+    std::optional<Problem> refused(Attempt &attempt) const;
     CompareOptions compare_options(bool data) const;
     std::optional<Problem> back_up(Attempt &attempt);
     Outcome not_placed(Attempt &attempt, int number);

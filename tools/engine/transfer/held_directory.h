@@ -26,6 +26,7 @@ class HeldDirectory {
     int fd() const { return m_descriptor.get(); } // for paths only (O_PATH)
     const std::string &path() const { return m_path; }
     dev_t device() const { return m_device; }
+    ino_t inode() const { return m_inode; }
     int type() const { return m_type; } // of its volume, the platform's code
     bool keeps_mac() const;
     const VolumeFacts &facts() const { return m_facts; }

@@ -23,11 +23,11 @@ class Ledger {
     Ledger &operator=(const Ledger &) = delete;
     virtual ~Ledger() = default;
 
-    // The run has made it, for an entry of the source whose name has this hash.
-    virtual void made(Kind kind, const struct stat &entry, size_t source) = 0;
-    // That hash, of what stands there: nothing where the run has not made it. What this process alone has made it need
-    // not know.
-    virtual std::optional<size_t> source_of(Kind kind, const struct stat &there) = 0;
+    // The run has made it. The mark tells the place and the name at the source.
+    virtual void made(Kind kind, const struct stat &entry, size_t mark) = 0;
+    // That mark, of what stands there, and of several the one with this place: nothing where the run has not made it.
+    // What this process alone has made it need not know.
+    virtual std::optional<size_t> mark_of(Kind kind, const struct stat &there, uint32_t place) = 0;
 
     // Whether a file of several names, or one that has had several, went before.
     virtual bool has_linked_files() const = 0;

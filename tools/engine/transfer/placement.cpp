@@ -2,6 +2,7 @@
 
 #include "ea/ea.h"
 #include "platform/core.h"
+#include "tools/engine/transfer/departure.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/directory_lock.h"
 #include "tools/engine/walk/look.h"
@@ -500,8 +501,20 @@ std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
         }
     }
     for (const std::string &name : names) {
-        if (without_suffix(name) == name && !kept.contains(name) && may_be_ours(directory, name)) {
+        if (without_suffix(name) != name || kept.contains(name)) {
+            continue;
+        }
+        if (may_be_ours(directory, name)) {
             discard(directory, name);
+        } else if (directory.look(name)) {
+            unknown.push_back(name);
+        }
+    }
+    if (std::ranges::any_of(names, is_departure)) {
+        for (const Departure &one : departures_in(directory)) {
+            if (one.is_over() && std::ranges::find(names, one.note) != names.end()) {
+                ::unlinkat(directory.fd(), one.note.c_str(), 0);
+            }
         }
     }
     return std::move(unknown);

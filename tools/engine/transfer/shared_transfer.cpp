@@ -152,11 +152,12 @@ void SharedTransfer::hear_of_part(Member &member, TransferEvent event, RecordRea
 // Nothing: another worker has the file in hand.
 std::optional<std::string> SharedTransfer::asked(uint64_t worker, std::string_view record) {
     RecordReader reader(record);
-    if (reader.number<TransferQuestion>() == TransferQuestion::source_of) {
+    if (reader.number<TransferQuestion>() == TransferQuestion::mark_of) {
         const bool directory = reader.number<Ledger::Kind>() == Ledger::Kind::directory;
         const FileNumber entry = read_file_number(reader);
-        const auto source = (directory ? m_trees.made() : m_files.written()).source_of(entry);
-        return RecordWriter().number(source.has_value()).number(source.value_or(0)).bytes();
+        const WrittenEntries &entries = directory ? m_trees.made() : m_files.written();
+        const auto mark = entries.mark_of(entry, reader.number<uint32_t>());
+        return RecordWriter().number(mark.has_value()).number(mark.value_or(0)).bytes();
     }
     const FileNumber file = read_file_number(reader);
     if (!m_taken.try_emplace(file, worker).second) {

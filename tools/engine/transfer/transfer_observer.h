@@ -31,7 +31,8 @@ class TransferObserver : public Observer {
     // together.
     virtual void arrived(const std::string &directory, int files, int64_t bytes) = 0;
     // What stands in a directory of the destination under names of what is under way, by processes of which nobody can
-    // tell here whether they are over: those of another machine or container. Told once a directory.
+    // tell here whether they are over: those of another machine or container. Of those that are, what may be somebody's
+    // own all the same. Told once a directory.
     virtual void stays(const std::string &, const std::vector<std::string> &) {}
     // So many more bytes are done; `newFile`: the first of a file in a tree.
     virtual void progress(int64_t bytes, bool newFile) = 0;

@@ -62,23 +62,24 @@ void TransferTelling::retry(const Retry &retry) {
     flush();
 }
 
-void TransferTelling::made(Kind kind, const struct stat &entry, size_t source) {
-    m_pending.number(TransferEvent::made).number(kind).number(entry.st_dev).number(entry.st_ino).number(source);
+void TransferTelling::made(Kind kind, const struct stat &entry, size_t mark) {
+    m_pending.number(TransferEvent::made).number(kind).number(entry.st_dev).number(entry.st_ino).number(mark);
 }
 
 // Nobody else goes to the same names of this tree. What has no other name was made by nobody else, then, unless that
 // was before this tree.
-std::optional<size_t> TransferTelling::source_of(Kind kind, const struct stat &there) {
+std::optional<size_t> TransferTelling::mark_of(Kind kind, const struct stat &there, uint32_t place) {
     const bool directory = S_ISDIR(there.st_mode);
     if (!(kind == Kind::directory ? m_directoriesBefore : m_filesBefore) && (directory || there.st_nlink < 2)) {
         return std::nullopt;
     }
     flush();
     const std::string answer = m_crew.ask(RecordWriter()
-                                              .number(TransferQuestion::source_of)
+                                              .number(TransferQuestion::mark_of)
                                               .number(kind)
                                               .number(there.st_dev)
                                               .number(there.st_ino)
+                                              .number(place)
                                               .bytes());
     RecordReader reader(answer);
     return reader.number<bool>() ? std::optional(reader.number<size_t>()) : std::nullopt;

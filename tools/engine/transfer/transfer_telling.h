@@ -32,8 +32,8 @@ enum class TransferEvent : uint8_t {
 };
 // The same of what is asked.
 enum class TransferQuestion : uint8_t {
-    source_of, // kind, volume, inode; answered by whether it is known, and the hash
-    take,      // volume, inode; answered by what is known
+    mark_of, // kind, volume, inode, place; answered by whether it is known, and the mark
+    take,    // volume, inode; answered by what is known
 };
 
 class TransferTelling : public TransferObserver, public Ledger {
@@ -50,8 +50,8 @@ class TransferTelling : public TransferObserver, public Ledger {
     void retry(const Retry &retry) override;
     bool may_replace(const std::string &) override { return false; } // who asks somebody shares nothing
 
-    void made(Kind kind, const struct stat &entry, size_t source) override;
-    std::optional<size_t> source_of(Kind kind, const struct stat &there) override;
+    void made(Kind kind, const struct stat &entry, size_t mark) override;
+    std::optional<size_t> mark_of(Kind kind, const struct stat &there, uint32_t place) override;
     bool has_linked_files() const override { return m_linkedFiles; }
     std::string take(const FileNumber &file) override;
     void give_back(const FileNumber &file, const std::string &known) override;

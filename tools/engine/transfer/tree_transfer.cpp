@@ -205,8 +205,9 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
         m_selection.leave_out(names->size());
         names->clear();
     }
-    bool complete = leftOut == m_selection.left_out();
+    bool complete = leftOut == m_selection.left_out(), gone = false;
     own_names_first(destination.in.type(), *names, [](const std::string &name) { return name; });
+    const std::string note = m_move ? begin_leaving(level, destination, names->empty()) : std::string();
     descend(source, destination);
     complete = entries(level, *names) && complete;
     if (!ascend(level, source, destination)) {
@@ -222,7 +223,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     const bool finished =
         level.outcome.status == Status::done && !level.outcome.warning && !m_files.keeps_source(level.outcome);
     if (m_move && complete && finished) {
-        complete = remove_source(level, source);
+        complete = gone = remove_source(level, source);
     } else if (m_move && !finished && level.outcome.status == Status::done) {
         level.outcome.sourceStays = true;
         complete = false;
@@ -230,6 +231,12 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
                (leftOut == m_selection.left_out() || m_observer.stopped())) {
         level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
         level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
+    }
+    if (m_move && !gone) {
+        keep_times(level.from, level.status.st, *names, level.left);
+    }
+    if (!note.empty()) {
+        ::unlinkat(destination.in.fd(), note.c_str(), 0);
     }
     tell(EntryKind::directory, level.source, level.outcome);
     return complete && level.outcome.status == Status::done;
@@ -284,6 +291,27 @@ bool TreeTransfer::is_selected(const Level &level, const std::string &name) {
     const auto found = level.from.look(name);
     return kind == NameKind::store || kind == NameKind::companion || !found ||
            m_selection.takes(joined(level.source, name), level.from.below(name), *found);
+}
+
+// Before anything leaves a directory: its times from before that, and the note that keeps them beside the copy. Empty:
+// there is none, as where another volume is mounted at the copy.
+std::string TreeTransfer::begin_leaving(Level &level, const Place &destination, bool empty) {
+    if (!level.made) {
+        const auto [known, isNew] = m_departures.try_emplace({destination.in.device(), destination.in.inode()});
+        if (isNew) {
+            known->second = departures_in(destination.in);
+        }
+        for (const Departure &one : known->second) {
+            if (one.is_of(level.from)) {
+                level.status.st.st_atim = one.accessed;
+                level.status.st.st_mtim = one.modified;
+                level.left = true;
+                return one.note;
+            }
+        }
+    }
+    const bool noted = !empty && destination.in.device() == level.to.device();
+    return noted ? note_departure(destination.in, level.from, level.status.st) : std::string();
 }
 
 void TreeTransfer::descend(const Place &source, const Place &destination) {

@@ -14,6 +14,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/select/tree_selection.h"
+#include "tools/engine/transfer/departure.h"
 #include "tools/engine/transfer/file_transfer.h"
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/transfer_telling.h"
@@ -85,6 +86,7 @@ class TreeTransfer {
         bool made = false;     // the destination was not there before
         bool hasStore = false; // the source holds an "@eaDir"
         bool onTheWay = false; // to a name below it: nothing of the source goes with it, and it stays
+        bool left = false;     // an earlier run has taken something out of the source; `status` has the times before
         Outcome outcome = {};
     };
 
@@ -97,6 +99,7 @@ class TreeTransfer {
     bool is_selected(const Level &level, const std::string &name);
     bool rename_whole(const Place &source, const Place &destination, bool &done);
     // Around what is done with the entries of a directory. False: the one above has been moved away.
+    std::string begin_leaving(Level &level, const Place &destination, bool empty);
     void descend(const Place &source, const Place &destination);
     bool ascend(const Level &level, const Place &source, const Place &destination);
     bool open_source(Level &level, const Place &source);
@@ -185,11 +188,12 @@ class TreeTransfer {
     int m_sourceType = -1, m_destinationType = -1; // of the two volumes
     VolumeTraits m_sourceTraits, m_destinationTraits;
     dev_t m_sourceDevice = 0;
-    bool m_sourceKeepsMac = false;              // the source's volume may hold what no copy carries
-    std::set<std::string> m_mounts;             // sources at which another volume is mounted, which was told
-    WrittenEntries m_made;                      // directories of this run
-    size_t m_lookedAt = 0;                      // entries, for one directory that is to go as a whole
-    std::set<dev_t> m_carryAll, m_carryLess;    // volumes that were asked whether they carry everything
+    bool m_sourceKeepsMac = false;  // the source's volume may hold what no copy carries
+    std::set<std::string> m_mounts; // sources at which another volume is mounted, which was told
+    WrittenEntries m_made;          // directories of this run
+    std::map<FileNumber, std::vector<Departure>> m_departures; // by the directories that they were found in
+    size_t m_lookedAt = 0;                                     // entries, for one directory that is to go as a whole
+    std::set<dev_t> m_carryAll, m_carryLess;                   // volumes that were asked whether they carry everything
     std::set<std::pair<dev_t, ino_t>> m_shared; // directories to walk through: others may exchange something there
     bool m_checking = false;
     int m_depth = 0;

@@ -46,18 +46,33 @@ bool take_number(std::string_view &text, Number &number, int base = 10, size_t d
     return true;
 }
 
-// When a process was started: the 22nd word, of which the second, in brackets, may hold blanks. 0: it cannot be told.
-uint64_t begin_of(const std::string &process) {
+// What the kernel says of a process: words behind its name, which stands in brackets and may hold blanks.
+struct Condition {
+    uint64_t begun = 0; // when it was started; 0: it cannot be told
+    bool ended = false; // what is left of it waits for its parent, or goes
+};
+
+Condition condition_of(const std::string &process) {
+    constexpr int state = 3, threads = 20, begin = 22;
     const std::string text = content_of("/proc/" + process + "/stat");
+    const char *const end = text.data() + text.size();
+    Condition found;
+    uint64_t running = 0;
     size_t at = text.rfind(')');
-    for (int word = 2; word < 22 && at != std::string::npos; ++word) {
-        at = text.find(' ', at + 1);
+    for (int word = 2; word < begin && at != std::string::npos; at = text.find(' ', at + 1)) {
+        const char *const begun = text.data() + std::min(at + 1, text.size());
+        if (word == state) {
+            found.ended = begun != end && (*begun == 'Z' || *begun == 'X');
+        } else if (word == threads) {
+            (void)std::from_chars(begun, end, running);
+        }
+        ++word;
     }
-    uint64_t begun = 0;
     if (at != std::string::npos) {
-        (void)std::from_chars(text.data() + at + 1, text.data() + text.size(), begun);
+        (void)std::from_chars(text.data() + at + 1, end, found.begun);
     }
-    return begun;
+    found.ended = found.ended && running < 2; // others of its threads may still be at work
+    return found;
 }
 
 // 0 for what says nothing of itself.
@@ -74,7 +89,7 @@ uint64_t machine() {
 Maker find_self() {
     const std::string processes = target_of("/proc/self/ns/pid"), clocks = target_of("/proc/self/ns/time");
     return {.process = ::getpid(),
-            .begun = begin_of("self"),
+            .begun = condition_of("self").begun,
             .boot = hash_of(content_of("/proc/sys/kernel/random/boot_id")),
             .space = processes.empty() ? 0 : hash_of(processes + clocks) & kOther,
             .machine = machine()};
@@ -108,8 +123,9 @@ MakerState state_of(const Maker &maker, const Maker &self) {
     if (::kill(static_cast<pid_t>(maker.process), 0) != 0 && errno == ESRCH) {
         return MakerState::gone;
     }
-    const uint64_t begun = has_our_numbers() ? begin_of(std::to_string(maker.process)) : 0;
-    return begun != 0 && maker.begun != 0 && begun != maker.begun ? MakerState::gone : MakerState::running;
+    const Condition now = has_our_numbers() ? condition_of(std::to_string(maker.process)) : Condition{};
+    const bool another = now.begun != 0 && maker.begun != 0 && now.begun != maker.begun;
+    return another || now.ended ? MakerState::gone : MakerState::running;
 }
 
 std::string text_of(const Maker &maker) {

@@ -6,6 +6,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/private_name.h"
 #include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
@@ -506,11 +507,19 @@ void Batch::stays(const std::string &directory, const std::vector<std::string> &
         m_console.line(line.line());
         return;
     }
-    const std::string more = names.size() > 1 ? fmt::format(" and {} more like it", names.size() - 1) : "";
-    m_console.message(
-        fmt::format("{}{}: left by a command of another machine or container, or of an earlier start, which "
-                    "may not be over; stays, and can be removed if it is",
-                    engine::displayed(first), more));
+    // Of one whose maker is proven to be gone it is not proven that it has made this.
+    const auto tell = [&](bool over, const char *words) {
+        const auto is_such = [&](const std::string &name) { return engine::is_left_over(name) == over; };
+        const auto shown = std::ranges::find_if(names, is_such);
+        if (const auto count = std::ranges::count_if(names, is_such); shown != names.end()) {
+            m_console.message(fmt::format("{}{}: {}", engine::displayed(engine::joined(directory, *shown)),
+                                          count > 1 ? fmt::format(" and {} more like it", count - 1) : "", words));
+        }
+    };
+    tell(false, "left by a command of another machine or container, or of an earlier start, which may not be over; "
+                "stays, and can be removed if it is");
+    tell(true, "has the name of what a stopped command leaves, but may be somebody's own; stays, and can be removed "
+               "if it is not");
 }
 
 void Batch::advance(int64_t bytes) {

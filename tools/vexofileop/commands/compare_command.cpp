@@ -182,6 +182,19 @@ class Comparison : private engine::ComparisonObserver {
         }
     }
 
+    void left_over(const std::string &path) override {
+        if (m_options.json) {
+            Json event;
+            event.add_text("event", "left_over");
+            event.add_name("path", path);
+            event.add_number("count", 1);
+            m_console.line(event.line());
+        } else if (!m_options.quiet) {
+            m_console.message(
+                fmt::format("{}: left over from a command that was stopped; not compared", engine::displayed(path)));
+        }
+    }
+
     void same(const std::string &first, const std::string &second) override {
         ++m_same;
         if (m_files + m_directories > 0) {
