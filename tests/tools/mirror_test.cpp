@@ -427,8 +427,8 @@ TEST_F(Mirror, HelpTellsWhatKeepsRemovalsBackAndWhatDoesNot) {
     EXPECT_TRUE(mentions(result.err, tree + "/pipe")) << result.err;
     EXPECT_FALSE(kit::exists(copy + "/old"));
     const ToolResult help = runTool({"mirror", "--help"});
-    EXPECT_TRUE(mentions(help.out, "What only loses\nsomething on the way (an owner, a pipe without --specials) "
-                                   "is told, and keeps\nnothing from being removed."))
+    EXPECT_TRUE(
+        mentions(help.out, "What only loses\nsomething on the way is told, and keeps nothing from being removed."))
         << help.out;
 }
 
