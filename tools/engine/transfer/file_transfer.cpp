@@ -929,7 +929,8 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    attempt.nothingBeside = source.volume.noDirectory;
+    // What is kept elsewhere at the source may get an "@eaDir" at the copy.
+    attempt.nothingBeside = source.volume.noDirectory && !attempt.store.any();
     if (auto problem = carry_beside(source, to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
