@@ -1,6 +1,7 @@
 // vexofileop copy and move onto volumes that do not keep everything: nothing is lost under status 0, each loss has its
 // class, and a move keeps what would be lost.
 #include "platform/core.h"
+#include "tests/ea/adouble_bytes.h"
 #include "tests/ea/stream_bytes.h"
 #include "tests/kit/behaviour.h"
 #include "tests/kit/scratch.h"
@@ -9,6 +10,7 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/acl.h>
@@ -118,6 +120,38 @@ TEST_F(Losses, AttributeThatIsTooLargeForTheOtherVolume) {
     const ToolResult copied = runTool({"copy", "-rf", large / "tree", small / "copy"});
     EXPECT_EQ(1, copied.status);
     EXPECT_TRUE(mentions(copied.err, "(attribute)\n")) << copied.err;
+}
+
+// What is kept without an "@eaDir" may get one, beside the copy only.
+TEST_F(Losses, StoresThatGetADirectoryOnTheWayAreKept) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
+    const auto goes = [&](const char *command, const char *how, const std::string &to) {
+        const ToolResult result = runTool({command, how, tree, volume / to});
+        EXPECT_EQ(0, result.status) << command << how << to;
+        EXPECT_EQ("", result.err);
+        EXPECT_TRUE(kit::exists(volume / (to + "/@eaDir"))) << to;
+    };
+    const auto told = [&](const char *from, const char *to) {
+        const std::string types = tree + "=" + from + ":" + volume.path() + "=" + to;
+        ::setenv("VEXOFILEOP_FSTYPES", types.c_str(), 1); // NOLINT(concurrency-mt-unsafe): one thread
+    };
+    told("2", "19");
+    kit::setAttribute(file, "user.netatalk.Metadata", adouble_bytes::metadata().replace(122, 8, "TEXTttxt"));
+    goes("copy", "-rv", "from an attribute");
+    ASSERT_EQ(0, ::removexattr(file.c_str(), "user.netatalk.Metadata"));
+    std::filesystem::remove_all(tree + "/@eaDir"); // which the copy brings about there, too
+    for (const char *type : {"5", "18"}) {
+        told(type, "2");
+        ASSERT_EQ(0, runTool({"ea", "set", file, "com.example.stream", "value"}).status);
+        ASSERT_TRUE(kit::exists(tree + "/._file"));
+        for (const std::string how : {"-r", "-rv"}) {
+            goes("copy", how.c_str(), type + how);
+            EXPECT_EQ("value", runTool({"ea", "get", volume / (type + how + "/file"), "com.example.stream"}).out);
+        }
+    }
+    goes("move", "-v", "moved");
+    EXPECT_FALSE(kit::exists(tree));
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
 }
 
 TEST_F(Losses, AttributesOfADirectory) {

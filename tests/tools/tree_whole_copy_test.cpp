@@ -400,7 +400,7 @@ class ChangingTree : public WholeCopy {
     std::string underWay() const {
         for (const std::string &name : kit::namesIn(to)) {
             if (name == "sub" || name.starts_with(".vexofileop-")) {
-                return to + "/" + name;
+                return to + "/" + name + (name == "sub" ? "" : "/tree"); // in a closed directory
             }
         }
         ADD_FAILURE() << "nothing is under way";

@@ -929,8 +929,10 @@ std::optional<Problem> FileTransfer::call_library(Attempt &attempt, const HeldDi
 // What the library cannot carry it takes for no failure; that it is not there is seen afterwards.
 void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name) {
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
-    // What is kept elsewhere at the source may get an "@eaDir" at the copy.
-    attempt.nothingBeside = source.volume.noDirectory && !attempt.store.any();
+    const StoreKind kind = source.volume.store;
+    // What is kept elsewhere than in an "@eaDir" may bring one about, beside the copy and beside the source.
+    attempt.nothingBeside = source.volume.noDirectory && !attempt.store.any() &&
+                            (kind == StoreKind::ea_directory || kind == StoreKind::file_ea);
     if (auto problem = carry_beside(source, to.side(name), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
