@@ -214,4 +214,20 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     EXPECT_LT(0, leftAfter);
 }
 
+// No "@eaDir" is at the source, nor at the destination before the first store is made there.
+TEST(FirstStoreInADirectory, OfADoubleIsSeenAtTheCopy) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root makes stores";
+    }
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    for (const Operation operation : {Operation::copy, Operation::move}) {
+        const Scene scene({"", false, true});
+        const std::string place = volume / (operation == Operation::move ? "moved" : "copied");
+        ASSERT_EQ(0, ::mkdir(place.c_str(), 0755));
+        EXPECT_EQ("", sweep::carry({.operation = operation}, scene.source, place + "/entry").text);
+        EXPECT_EQ(scene.store, Scene::contentOf(place + "/@eaDir/entry@VexoEAStream"));
+        EXPECT_EQ(operation == Operation::move, scene.isMoved());
+    }
+}
+
 } // namespace

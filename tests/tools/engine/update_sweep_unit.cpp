@@ -255,8 +255,13 @@ TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
     const auto calls = supervised(whole, {}).calls;
     ASSERT_EQ("", whole.difference());
     int aside = 0;
+    // A few calls depend on what else has run: that something is aside is met well within the time that it is.
+    const auto is_aside = [](const auto &call) { return call.path.find(".vexofileop-kept-") != std::string::npos; };
+    const auto asked = std::ranges::find_if(calls, is_aside) - calls.begin();
+    const auto back = calls.rend() - std::find_if(calls.rbegin(), calls.rend(), is_aside);
+    const auto middle = static_cast<size_t>(asked + back) / 2;
     for (size_t at = 1; at < calls.size(); ++at) {
-        if (calls[at - 1].path.find(".vexofileop-") == std::string::npos &&
+        if (at != middle && calls[at - 1].path.find(".vexofileop-") == std::string::npos &&
             calls[at].path.find(".vexofileop-") == std::string::npos) {
             continue;
         }
