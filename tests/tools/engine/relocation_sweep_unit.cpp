@@ -143,7 +143,8 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
         EXPECT_TRUE(WIFEXITED(outcome.status)) << point;
         EXPECT_NE(kThrown, *m_end) << point;
         if (*m_end == static_cast<int>(RelocationEnd::done)) {
-            EXPECT_EQ("", now.unfinished()) << point;
+            // Nobody can guard against a file system that says of what is there that it is not: only losses count then.
+            EXPECT_TRUE(plans[index].error == ENOENT || now.unfinished().empty()) << point << "\n" << now.unfinished();
         } else {
             expectFinishedAgain(now, point);
         }
