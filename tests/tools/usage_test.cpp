@@ -38,6 +38,11 @@ std::string lastWord(std::string text) {
 void forEachCommand(const Arguments &command, const std::function<void(const Arguments &, const std::string &)> &task) {
     const ToolResult help = runTool(joined(command, {"--help"}));
     ASSERT_EQ(0, help.status);
+    std::string usage = "\nUsage: vexofileop";
+    for (const std::string &word : command) {
+        usage += " " + word;
+    }
+    ASSERT_TRUE(mentions(help.out, usage)) << usage << " is what nothing is called";
     task(command, help.out);
     std::istringstream lines(help.out);
     bool listed = false;

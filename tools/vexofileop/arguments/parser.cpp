@@ -79,7 +79,8 @@ void refuse_unknown_command(const CLI::App &program) {
     }
 }
 
-constexpr const char *kRare = "More options"; // the group of what --help leaves to --help-all
+constexpr std::string_view kUnlabelled = "Subcommands"; // CLI11's group of a command that was put into none
+constexpr const char *kRare = "More options";           // the group of what --help leaves to --help-all
 
 // How --help looks: one line for each option, what an option takes behind its name, examples at the end.
 class HelpFormatter : public CLI::Formatter {
@@ -130,9 +131,9 @@ std::string HelpFormatter::make_subcommands(const CLI::App *app, CLI::AppFormatM
     }
     std::string lines = "\nSubcommands:\n", label;
     for (const CLI::App *const command : app->get_subcommands({})) {
-        const bool same = command->get_group() == label;
+        const bool said = command->get_group() == label || command->get_group() == kUnlabelled;
         label = command->get_group();
-        lines += fmt::format("  {:<7}{:<16}{}\n", same ? "" : label, command->get_name(), command->get_description());
+        lines += fmt::format("  {:<7}{:<16}{}\n", said ? "" : label, command->get_name(), command->get_description());
     }
     return lines;
 }
