@@ -47,7 +47,7 @@ void list_by_task(const Command &program, Console &console) {
         console.line("");
     }
     console.line("\"vexofileop help COMMAND\" says how it is used, with an example; the manual page\n"
-                 "vexofileop(1) has all.");
+                 "vexofileop(1) has all, and vexofileop-cookbook(7) whole tasks.");
 }
 
 } // namespace
