@@ -334,10 +334,13 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
 
 // Whether it could become another name of what this run has made of its file. A volume without hard links says so when
 // it is asked for one.
-bool FileTransfer::takes_link(const Attempt &attempt) {
+bool FileTransfer::takes_link(Attempt &attempt) {
     const std::string made = next_private_name();
-    return m_linked.can_link(*attempt.entry, attempt.to) && m_linked.link(*attempt.entry, attempt.to, made) &&
-           (::unlinkat(attempt.to.fd(), made.c_str(), 0), true);
+    if (!m_linked.can_link(*attempt.entry, attempt.to) || !m_linked.link(*attempt.entry, attempt.to, made)) {
+        return false;
+    }
+    attempt.note(clear_away(attempt.to.fd(), made).value_or(Problem{}));
+    return true;
 }
 
 // Of what may differ; nothing: it is not the same.
@@ -590,7 +593,8 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
             discard(attempt.to, attempt.made);
             return failure(attempt.destination, *problem);
         }
-        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace && !attempt.backedUp, stores});
+        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace && !attempt.backedUp, stores,
+                           attempt.store.is_beside(), attempt.linked});
         if (left) {
             attempt.begun = true;
             attempt.note(std::move(*left));
@@ -700,7 +704,9 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
 // What was replaced stays where it has other names. They are looked for where it lay, unless that takes long.
 void FileTransfer::tell_old_names(const Attempt &attempt, Outcome &outcome) {
     constexpr size_t mostEntries = 2'000, mostNames = 10;
-    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode)) {
+    // Where the new one is another name of the old one nothing of that is gone.
+    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode) ||
+        (attempt.result && same(attempt.old, *attempt.result))) {
         return;
     }
     outcome.old = {attempt.old->st_dev, attempt.old->st_ino};
@@ -756,7 +762,8 @@ bool FileTransfer::link_again(const struct stat &file, const HeldDirectory &to, 
         return false;
     }
     const bool placed = ::renameat(to.fd(), made.c_str(), to.fd(), name.c_str()) == 0;
-    return placed || (::unlinkat(to.fd(), made.c_str(), 0), false);
+    (void)clear_away(to.fd(), made); // which stays, too, where both are one file already
+    return placed;
 }
 
 // A file with everything that is kept for it, under whatever name.
@@ -860,7 +867,7 @@ std::optional<Problem> FileTransfer::make_closed(Attempt &attempt, const std::st
             problem = problem_of_errno(errno);
         }
     }
-    (void)remove_left_over(attempt.to.fd(), room);
+    attempt.note(clear_away(attempt.to.fd(), room).value_or(Problem{}));
     return problem;
 }
 
@@ -971,7 +978,7 @@ std::optional<Problem> FileTransfer::carry_closed(Attempt &attempt, const std::s
                (::renameat(in, store.c_str(), to, store.c_str()) == 0 || errno == ENOENT);
     }
     const int number = errno;
-    (void)remove_left_over(to, room);
+    attempt.note(clear_away(to, room).value_or(Problem{}));
     if (good) { // what other services keep for it, which has its place by the name of the directory
         carry_own_directory(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(name),
                             true);

@@ -118,7 +118,7 @@ class FileTransfer {
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
     std::optional<Outcome> pass_over(Attempt &attempt, bool data);
-    bool takes_link(const Attempt &attempt);
+    bool takes_link(Attempt &attempt);
     void look_for_same(Attempt &attempt);
     static bool is_as_good(const Attempt &attempt);
     std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt, bool data, LossSet accepted);
