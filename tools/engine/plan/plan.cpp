@@ -834,7 +834,9 @@ void Planner::Walk::take_room(Destination &to, const Source &source, const struc
         back.bytes = std::max<int64_t>(there - data, 0);
     } else {
         needed.bytes += data;
-        needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
+        needed.inodes += planned.linked                             ? volume.rehearsal->link_inodes()
+                         : S_ISDIR(found.st_mode) && old != nullptr ? 0
+                                                                    : 1;
         constexpr int64_t record = 8, unit = 4;
         needed.bytes +=
             old == nullptr
