@@ -1065,7 +1065,7 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
             attempt.stopAnswered = attempt.stopAnswered || m_observer.stopped();
             return attempt.stopAnswered
                        ? std::nullopt
-                       : std::optional(Problem{"is not what its source is, once read back: " + loss.detail});
+                       : std::optional(Problem{"is not what its source is, once read back: " + loss.text()});
         }
     }
     return std::nullopt;
