@@ -31,6 +31,8 @@ if(VEXO_PYTHON_PACKAGE)
   set_target_properties(vexofileop_binding PROPERTIES
     INSTALL_RPATH "$ORIGIN/${binding_to_platform};$ORIGIN/${binding_to_library}")
   install(TARGETS vexofileop_binding LIBRARY DESTINATION "${binding_dir}" COMPONENT python3-vexofileop)
+  install(FILES "${CMAKE_SOURCE_DIR}/docs/python.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-vexofileop"
+    COMPONENT python3-vexofileop)
 endif()
 install(TARGETS vexofileop_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT vexofileop)
 

@@ -34,9 +34,26 @@ def _open() -> Any:
 
 lib: Any = _open()
 
-# The umask and the effective user are the process's, and the library puts back what it found: of two calls at once the
-# one would put back what the other has set. The thread that holds it may call again, from a callback.
-serial = threading.RLock()
+class _Serial:
+    """One call at a time: the umask and the effective user are the process's, and the library puts back what it found. Of
+    two calls at once the one would put back what the other has set. The thread that has it may call again, from a
+    callback; a process that was forked meanwhile has one of its own."""
+
+    def __init__(self) -> None:
+        self._lock = threading.RLock()
+        os.register_at_fork(after_in_child=self.renew)
+
+    def renew(self) -> None:
+        self._lock = threading.RLock()
+
+    def __enter__(self) -> None:
+        self._lock.acquire()
+
+    def __exit__(self, *_: object) -> None:
+        self._lock.release()
+
+
+serial = _Serial()
 
 
 def path_bytes(path: PathLike) -> bytes:

@@ -175,6 +175,8 @@ def set_finder_info(path: PathLike, value: Optional[bytes]) -> None:
     given = bytes(FINDER_INFO_SIZE) if value is None else bytes(value)
     if len(given) != FINDER_INFO_SIZE:
         raise ValueError(f"Finder Info has {FINDER_INFO_SIZE} bytes, not {len(given)}")
+    if not any(given) and finder_info(path) is None:
+        return  # and no store is made for it
     failure = Failure()
     with serial:
         result = lib.vexo_set_finder_info(path_bytes(path), given, failure.record)

@@ -95,6 +95,8 @@ class Receipt:
     losses              how many of each class, by name, accepted ones among them
     examples            the first loss of each class
     failures            the entries that failed, the first KEPT of them
+    left_over           what stands in directories of the destination under names of what is under way, and may be of
+                        another machine's command that is not over, or somebody's own: it stays
     """
 
     operation: str
@@ -112,6 +114,7 @@ class Receipt:
     losses: Dict[str, int] = dataclasses.field(default_factory=dict)
     examples: Dict[str, Difference] = dataclasses.field(default_factory=dict)
     failures: List[Error] = dataclasses.field(default_factory=list)
+    left_over: List[str] = dataclasses.field(default_factory=list)
     _missing: int = 0
 
     def __fspath__(self) -> str:
@@ -185,6 +188,7 @@ class Comparison:
 
     differences, extra  the first KEPT of each; `differing` and `extras` count all of them
     files, directories  compared entries of the first
+    left_over           what a command that was stopped has left at either; it is not compared
     """
 
     first: str
@@ -197,10 +201,11 @@ class Comparison:
     directories: int = 0
     bytes: int = 0
     losses: Dict[str, int] = dataclasses.field(default_factory=dict)
+    left_over: List[str] = dataclasses.field(default_factory=list)
 
     @property
     def same(self) -> bool:
-        """Nothing differs, and only the first has nothing that the second has not, nor the other way round."""
+        """Nothing differs, and the second has nothing that the first has not."""
         return self.differing == 0 and self.extras == 0
 
     def __bool__(self) -> bool:
@@ -305,8 +310,10 @@ class _Ignored:
             places.append(os.path.join(self._second, *directory.split(b"/")[1:]))
         found: Dict[str, None] = {}
         for place in places:
-            if os.path.isdir(place):
+            try:
                 found.update(dict.fromkeys(os.fsdecode(name) for name in os.listdir(place)))
+            except (FileNotFoundError, NotADirectoryError):
+                pass  # it is gone, or the second has none
         return list(found)
 
 
@@ -436,6 +443,7 @@ def _transfer(request: _Request, ignore: Optional[Ignore], on_entry: Optional[Ca
             receipt._add_failure(error)
 
     calls.set("entry", on_told)
+    calls.set("left_over", lambda _data, path: receipt.left_over.append(text(path)))
     calls.set("arrived", on_arrived)
     calls.set("failed", on_failed)
     failure = Failure()
@@ -673,6 +681,7 @@ def compare(first: PathLike, second: PathLike, *, data: bool = True, times: bool
 
     calls.set("lost", on_lost)
     calls.set("extra", on_extra)
+    calls.set("left_over", lambda _data, path: came.left_over.append(text(path)))
     calls.set("compared", on_compared)
     failure = Failure()
     options = ffi.new("VexoComparisonOptions *", {"data": data, "times": times})

@@ -185,6 +185,85 @@ class Copy(Case):
         self.assertEqual(["copy", "original"], self.names())
 
 
+class Killed(Case):
+    """A process that dies in the middle, and the same once more."""
+
+    def kill_during(self, work):
+        child = os.fork()
+        if child == 0:
+            try:
+                work(lambda *_: os.kill(os.getpid(), signal.SIGKILL))
+            finally:
+                os._exit(1)
+        _, status = os.waitpid(child, 0)
+        self.assertEqual(signal.SIGKILL, os.WTERMSIG(status))
+
+    def test_copy_keeps_the_old_file_and_the_next_one_tidies_up(self):
+        with open("large", "wb") as file:
+            file.write(b"x" * (24 << 20))
+        self.write("old", "the only one")
+        self.kill_during(lambda kill: vexofileop.copy("large", "old", existing="replace", progress=kill))
+        self.assertEqual("the only one", self.read("old"))
+        self.assertEqual(3, len(self.names()), self.names())
+        receipt = vexofileop.copy("large", "old", existing="replace")
+        self.assertEqual((["large", "old"], []), (self.names(), receipt.left_over))
+        self.assertTrue(vexofileop.compare("large", "old"))
+
+    def test_copy_of_another_machine_may_not_be_over(self):
+        with open("large", "wb") as file:
+            file.write(b"x" * (24 << 20))
+        os.mkdir("into")
+        self.kill_during(lambda kill: vexofileop.copy("large", "into", progress=kill))
+        left, = os.listdir("into")
+        parts = left.split("-")
+        parts[3], parts[5] = ("0" * (len(one) - 1) + "7" for one in (parts[3], parts[5]))
+        other = "-".join(parts)
+        os.rename(f"into/{left}", f"into/{other}")
+        receipt = vexofileop.copy("large", "into")
+        self.assertEqual(([f"{self.top}/into/{other}"], sorted([other, "large"])),
+                         (receipt.left_over, sorted(os.listdir("into"))))
+
+    def test_move_of_a_tree_is_finished_by_the_next_one(self):
+        place = self.mount("other", "tmpfs")
+        for at in range(9):
+            self.write(f"tree/{at}", str(at))
+            vexofileop.attributes(f"tree/{at}")["user.at"] = b"%d" % at
+        seen = []
+
+        def entry(kill):
+            return lambda entry: (seen.append(entry), len(seen) > 4 and kill())
+
+        self.kill_during(lambda kill: vexofileop.move("tree", place, on_entry=entry(kill)))
+        left = len(self.names("tree"))
+        self.assertTrue(0 < left < 9, left)
+        vexofileop.move("tree", place, existing="update")
+        self.assertFalse(os.path.exists("tree"))
+        for at in range(9):
+            self.assertEqual((str(at), b"%d" % at), (self.read(f"other/tree/{at}"),
+                                                     vexofileop.attributes(f"{place}/tree/{at}")["user.at"]))
+
+    def test_lock_of_the_package_is_not_inherited(self):
+        self.write("original")
+        started, go = threading.Event(), threading.Event()
+
+        def hold(_done):
+            started.set()
+            go.wait(60)
+
+        thread = threading.Thread(target=lambda: vexofileop.copy("original", "held", progress=hold))
+        thread.start()
+        self.assertTrue(started.wait(60))
+        child = os.fork()
+        if child == 0:
+            signal.alarm(60)
+            vexofileop.copy("original", "inner")
+            os._exit(0)
+        _, status = os.waitpid(child, 0)
+        go.set()
+        thread.join()
+        self.assertEqual((0, ["held", "inner", "original"]), (status, self.names()))
+
+
 class Move(Case):
     def test_renames_within_a_volume(self):
         self.need_root()

@@ -128,8 +128,10 @@ class FinderInfo(Case):
                 self.assertEqual(other, vexofileop.finder_info(copy))
                 self.store_is_sound(os.path.dirname(path))
 
-    def test_has_its_length(self):
+    def test_has_its_length_and_makes_no_store_for_nothing(self):
         self.write("file")
+        vexofileop.set_finder_info("file", None)
+        self.assertEqual(["file"], os.listdir("."))
         for value in (b"", b"TEXT", bytes(33)):
             self.raises(ValueError, vexofileop.set_finder_info, "file", value)
         self.raises(vexofileop.NotFound, vexofileop.finder_info, "none")

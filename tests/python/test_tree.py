@@ -1,7 +1,9 @@
 """Whole trees: copytree, relocate, plan, compare."""
+import errno
 import os
 import shutil
 import subprocess
+import threading
 
 from kit import Case, vexofileop
 
@@ -102,6 +104,30 @@ class CopyTree(Case):
 
         self.raises(LookupError, vexofileop.copytree, "album", "backup", on_entry=fail)
         self.assertLess(len(self.names("backup")), 7)
+
+    def test_goes_as_deep_as_there_is_room_on_any_thread(self):
+        depth = 1500
+        os.mkdir("deep")
+        at = os.open("deep", os.O_RDONLY)
+        for _ in range(depth):
+            os.mkdir("directory", dir_fd=at)
+            below = os.open("directory", os.O_RDONLY, dir_fd=at)
+            os.close(at)
+            at = below
+        os.close(at)
+        came = []
+        thread = threading.Thread(target=lambda: came.append(vexofileop.copytree("deep", "thread")))
+        thread.start()
+        thread.join()
+        came.append(vexofileop.copytree("deep", "main"))
+        self.assertEqual([depth + 1] * 2, [receipt.directories for receipt in came])
+        self.assertTrue(vexofileop.compare("deep", "thread"))
+        with self.assertRaises(OSError) as caught:  # by a path of its directory, which is too long for that
+            vexofileop.copytree("deep", "ignored", ignore=lambda directory, names: [])
+        self.assertEqual(errno.ENAMETOOLONG, caught.exception.errno)
+        for name in ("deep", "thread", "main", "ignored"):
+            vexofileop.rmtree(name)
+        self.assertEqual([], self.names())
 
     def test_reaches_real_volumes_and_back(self):
         self.need_root()

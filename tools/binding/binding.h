@@ -101,6 +101,9 @@ typedef struct VexoCallbacks {
     void (*entry)(void *data, const VexoEntry *entry);
     void (*arrived)(void *data, int32_t entries, int64_t bytes); /* so many more files and links, of which nothing is to
                                                                     be said; not with every_entry */
+    /* What has a name of something under way, at the destination or, of a comparison, at either: it may be left over,
+     * or not be over, or somebody's own. It stays. */
+    void (*left_over)(void *data, const char *path);
     void (*room)(void *data, const VexoRoom *room);
     void (*lost)(void *data, const char *source, const char *destination, const VexoLoss *loss);
     void (*extra)(void *data, const char *path, int32_t kind);                    /* only the second has it */

@@ -26,6 +26,11 @@ class Compared : public engine::ComparisonObserver {
             m_callbacks.extra(m_callbacks.data, second.c_str(), static_cast<int32_t>(kind));
         }
     }
+    void left_over(const std::string &path) override {
+        if (m_callbacks.left_over != nullptr) {
+            m_callbacks.left_over(m_callbacks.data, path.c_str());
+        }
+    }
     void same(const std::string &, const std::string &) override {}
     void compared(const std::string &first, engine::EntryKind kind, int64_t bytes) override {
         if (m_callbacks.compared != nullptr) {

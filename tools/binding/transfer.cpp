@@ -165,6 +165,13 @@ class RunObserver : public engine::TransferObserver {
             m_callbacks.progress(m_callbacks.data, bytes);
         }
     }
+    void stays(const std::string &directory, const std::vector<std::string> &names) override {
+        for (const std::string &name : names) {
+            if (m_callbacks.left_over != nullptr) {
+                m_callbacks.left_over(m_callbacks.data, engine::joined(directory, name).c_str());
+            }
+        }
+    }
     void written_out(const std::string &directory, const std::optional<engine::Problem> &problem) override {
         if (problem && m_callbacks.failed != nullptr) {
             const VexoProblem told = problem_of(*problem);
