@@ -332,7 +332,10 @@ class Rename(Case):
         self.raises(vexofileop.NotFound, vexofileop.rename, "none/one", "other")
         self.write("one")
         self.raises(vexofileop.NotFound, vexofileop.rename, "one", "none/one")
-        for path in ("/", "..", "one/.."):
+        for destination in ("other/", "one/"):
+            self.raises(vexofileop.NotDirectory, vexofileop.rename, "one", destination)
+        self.raises(vexofileop.NotDirectory, vexofileop.rename, "one/", "other")
+        for path in ("/", "..", "one/..", ".", "./", "one/."):
             self.raises(vexofileop.Error, vexofileop.rename, path, "other")
             self.raises(vexofileop.Error, vexofileop.rename, "one", path)
         place = self.mount("other", "tmpfs")
@@ -368,7 +371,10 @@ class Remove(Case):
         self.raises(vexofileop.NotDirectory, vexofileop.rmtree, "file")
         self.raises(vexofileop.NotFound, vexofileop.rmtree, "none")
         self.assertEqual(0, vexofileop.rmtree("none", missing_ok=True).removed)
-        self.raises(vexofileop.Error, vexofileop.rmtree, "directory/..")
+        for path in ("directory/..", "directory/.", "directory/./", ".", "./", "..", "/"):
+            error = self.raises(vexofileop.Error, vexofileop.rmtree, path)
+            self.assertEqual(errno.EINVAL, error.errno)
+            self.raises(vexofileop.Error, vexofileop.move, path, "moved")
         self.assertEqual(["directory", "file"], self.names())
 
     def test_removes_a_tree_without_following_links(self):

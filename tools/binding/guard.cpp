@@ -65,6 +65,16 @@ std::string entry_path_of(const char *given) {
     return path;
 }
 
+std::string leaving_path_of(const char *given) {
+    std::string path = entry_path_of(given);
+    std::string_view text = given;
+    text = text.substr(0, text.find_last_not_of('/') + 1);
+    if (text == "." || text.ends_with("/.")) {
+        throw engine::InvalidRequest("\".\" is no name of an entry: name the directory itself");
+    }
+    return path;
+}
+
 VexoProblem problem_of(const engine::Problem &problem) {
     const int number = problem.needsRecursion ? EISDIR : problem.number;
     return {problem.reason.c_str(), problem.code, number, problem.withSource ? 1 : 0};

@@ -30,9 +30,10 @@ int guarded(VexoFailure *failure, const Task &task) noexcept {
 std::string path_of(const char *given);
 // The same with the slash at its end, where it has one: it asks for a directory, or for what a link leads to.
 std::string operand_of(const char *given);
-// The directory and the name of an entry that can be renamed or moved. Throws engine::InvalidRequest for a path that
-// names none.
+// The path of an entry that has a name in a directory. Throws engine::InvalidRequest for one that has none.
 std::string entry_path_of(const char *given);
+// The same of what is to lose its name: "." and "photos/." name no entry either, as everybody refuses to remove those.
+std::string leaving_path_of(const char *given);
 
 VexoProblem problem_of(const engine::Problem &problem);
 VexoLoss loss_of(const engine::Loss &loss, engine::LossSet accepted);

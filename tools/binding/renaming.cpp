@@ -55,6 +55,15 @@ bool check_names(const engine::HeldDirectory &from, const std::string &before, c
     return true;
 }
 
+// A slash behind a name asks for a directory.
+void check_slashes(const char *source, const char *destination) {
+    const auto entry = engine::look(path_of(source));
+    if (entry && !S_ISDIR(entry->st_mode) &&
+        (operand_of(source).ends_with('/') || operand_of(destination).ends_with('/'))) {
+        throw engine::Failure(engine::problem_of_slash(entry->st_mode).reason, engine::kNotADirectory, ENOTDIR);
+    }
+}
+
 void rename_entry(const std::string &source, const std::string &destination, bool replace,
                   const VexoCallbacks &callbacks) {
     const engine::HeldDirectory from = held(engine::parent_of(source));
@@ -108,13 +117,15 @@ extern "C" {
 int vexo_rename(const char *source, const char *destination, int replace, const VexoCallbacks *callbacks,
                 VexoFailure *failure) {
     return binding::guarded(failure, [&] {
-        binding::rename_entry(binding::entry_path_of(source), binding::entry_path_of(destination), replace != 0,
-                              *callbacks);
+        const std::string from = binding::leaving_path_of(source), to = binding::leaving_path_of(destination);
+        binding::check_slashes(source, destination);
+        binding::rename_entry(from, to, replace != 0, *callbacks);
     });
 }
 
 int vexo_remove(const char *path, uint32_t flags, const VexoCallbacks *callbacks, VexoFailure *failure) {
     return binding::guarded(failure, [&] {
+        (void)binding::leaving_path_of(path);
         binding::Removed observer(*callbacks);
         engine::TreeRemoval removal({.recursive = (flags & VEXO_REMOVE_TREE) != 0,
                                      .emptyDirectories = (flags & VEXO_REMOVE_EMPTY) != 0,

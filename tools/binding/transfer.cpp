@@ -24,11 +24,11 @@ struct Errand {
 };
 
 // What a destination that is a directory means, and a slash at its end, is as for cp and mv.
-Errand errand_of(const char *source, const char *destination, bool into) {
+Errand errand_of(const char *source, const char *destination, const VexoTransferOptions &options) {
     Errand errand{operand_of(source), path_of(destination)};
-    (void)entry_path_of(source);
+    (void)(options.operation == VEXO_MOVE ? leaving_path_of(source) : entry_path_of(source));
     const auto there = engine::look_through(errand.destination);
-    if (there && S_ISDIR(there->st_mode) && into) {
+    if (there && S_ISDIR(there->st_mode) && options.into != 0) {
         errand.destination = engine::joined(errand.destination, engine::base_name(path_of(source)));
         return errand;
     }
@@ -222,7 +222,7 @@ int vexo_transfer(const char *source, const char *destination, const VexoTransfe
                   const VexoCallbacks *callbacks, VexoFailure *failure) {
     return binding::guarded(failure, [&] {
         const engine::TransferOptions transfer = binding::options_of(*options, *callbacks);
-        const binding::Errand errand = binding::errand_of(source, destination, options->into != 0);
+        const binding::Errand errand = binding::errand_of(source, destination, *options);
         binding::RunObserver observer(*callbacks, transfer.accepted);
         engine::Transfer run(transfer, observer);
         run.run(errand.source, errand.destination);
@@ -235,7 +235,7 @@ int vexo_plan(const char *source, const char *destination, const VexoTransferOpt
     return binding::guarded(failure, [&] {
         const engine::PlanOptions plan{.transfer = binding::options_of(*options, *callbacks),
                                        .probe = options->probe != 0};
-        const binding::Errand errand = binding::errand_of(source, destination, options->into != 0);
+        const binding::Errand errand = binding::errand_of(source, destination, *options);
         binding::PlannedObserver observer(*callbacks, plan.transfer.accepted);
         engine::Planner planner(plan, observer);
         planner.run(errand.source, errand.destination);
