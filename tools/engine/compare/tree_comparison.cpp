@@ -80,7 +80,8 @@ struct Top {
             const std::unique_ptr<char, decltype(&std::free)> real(::realpath(given.c_str(), nullptr), &std::free);
             if (real == nullptr) {
                 const int number = errno;
-                throw Failure(number == ENOTDIR ? problem_of_look(given, number).reason : std::strerror(number));
+                throw Failure(number == ENOTDIR ? problem_of_look(given, number).reason : std::strerror(number), 0,
+                              number);
             }
             path = real.get();
         }
@@ -91,7 +92,7 @@ struct Top {
         parent = Descriptor(::open(parent_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat found {};
         if (parent.get() < 0 || ::fstatat(parent.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            throw Failure(std::strerror(errno));
+            throw_errno();
         }
     }
 };
@@ -104,7 +105,7 @@ Top top_of(const std::string &given) {
     try {
         return Top(given);
     } catch (const Failure &failure) {
-        throw Failure(fmt::format("{}: {}", displayed(given), failure.what()));
+        throw Failure(fmt::format("{}: {}", displayed(given), failure.what()), failure.code(), failure.number());
     }
 }
 
