@@ -24,6 +24,16 @@ install(TARGETS vexofileop EXPORT vexofileop
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libvexofileop7 NAMELINK_COMPONENT libvexofileop-dev)
 install(TARGETS ${VEXO_PLATFORM_LIBRARIES} EXPORT vexofileop
   LIBRARY DESTINATION "${VEXO_PLATFORM_LIBDIR}" COMPONENT libvexo-platform-linux NAMELINK_COMPONENT libvexofileop-dev)
+if(VEXO_PYTHON_PACKAGE)
+  set(binding_dir "${VEXO_PYTHONDIR}/vexofileop")
+  file(RELATIVE_PATH binding_to_platform "/${binding_dir}" "/${VEXO_PLATFORM_LIBDIR}")
+  file(RELATIVE_PATH binding_to_library "/${binding_dir}" "/${CMAKE_INSTALL_LIBDIR}")
+  set_target_properties(vexofileop_binding PROPERTIES
+    INSTALL_RPATH "$ORIGIN/${binding_to_platform};$ORIGIN/${binding_to_library}")
+  install(TARGETS vexofileop_binding LIBRARY DESTINATION "${binding_dir}" COMPONENT python3-vexofileop)
+  install(FILES "${CMAKE_SOURCE_DIR}/docs/python.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-vexofileop"
+    COMPONENT python3-vexofileop)
+endif()
 install(TARGETS vexofileop_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT vexofileop)
 
 # In the tree the headers name each other from its root; installed, all stand in one directory of their own.

@@ -23,6 +23,20 @@ function __vexofileop_words
         END { flush() }'
 end
 
+# The same of what an option takes, where that is one of some words: "--clone=" takes them behind the "=" alone.
+function __vexofileop_values
+    switch "$argv[1]"
+        case --accept --accept= --only --only= --ignore --ignore=
+            vexofileop explain 2>/dev/null | string match -v -r '^(0x|store-)' | string replace '  ' \t
+        case --clone=
+            printf '%s\n' auto always never
+        case --sync=
+            printf '%s\n' file volume
+        case --progress --progress=
+            printf '%s\n' json bar none
+    end
+end
+
 # The commands named so far. Behind "help" come the same.
 function __vexofileop_path
     set -l path
@@ -40,8 +54,20 @@ end
 
 function __vexofileop_complete
     set -l path (__vexofileop_path)
-    if test (commandline -opc)[-1] = --accept
-        vexofileop explain 2>/dev/null | string match -v -r '^(0x|store-)' | string replace '  ' \t
+    set -l current (commandline -ct)
+    set -l option (commandline -opc)[-1]
+    set -l before ''
+    if string match -q -- '--*=*' $current
+        set option (string replace -r '=.*' '=' -- $current)
+        set before $option
+    end
+    set -l values (__vexofileop_values $option)
+    if test (count $values) -gt 0
+        # With what stands there already, up to the last comma.
+        set -l rest (string sub -s (math (string length -- "$before") + 1) -- "$current")
+        string match -q -- '--progress*' $option
+        or set before $before(string replace -r '[^,]*$' '' -- "$rest")
+        printf '%s\n' $before$values
         return
     end
     if string match -q -- '-*' (commandline -ct)
