@@ -12,6 +12,10 @@ function __vexofileop_words
             words = ""
         }
         on && substr($0, 1, 25) ~ /^ +$/ { text = substr($0, 26); next }
+        # A command is the last word of its column: what it is for may stand before it.
+        on && section == "Subcommands:" && /^ / {
+            flush(); count = split(substr($0, 1, 24), column, " "); words = column[count]; text = substr($0, 26); next
+        }
         { flush() }
         $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
@@ -33,10 +37,13 @@ function __vexofileop_values
     end
 end
 
-# The commands named so far.
+# The commands named so far. Behind "help" come the same.
 function __vexofileop_path
     set -l path
-    for word in (commandline -opc)[2..-1]
+    set -l typed (commandline -opc)
+    set -e typed[1]
+    test "$typed[1]" = help; and set -e typed[1]
+    for word in $typed
         string match -q -- '-*' $word; and continue
         __vexofileop_words Subcommands $path | string match -q -r -- '^'(string escape --style=regex -- $word)'\t'
         or break
@@ -71,6 +78,8 @@ function __vexofileop_complete
     # Where "plan" cuts a directory no command follows.
     if test (count $commands) -gt 0; and not string match -q -- '--shards*' (commandline -opc)
         printf '%s\n' $commands
+    else if test (count (commandline -opc)) -gt 1; and test (commandline -opc)[2] = help
+        return
     else if test "$path[1]" = explain
         vexofileop explain 2>/dev/null | string replace '  ' \t
     else
