@@ -219,6 +219,7 @@ TEST_F(StoreCommand, ConversionTellsWhatItDoesAndWhatItLeaves) {
     result = store({"convert", "-rq", "--to=native", tree});
     EXPECT_EQ(4, result.status);
     EXPECT_EQ("", result.out);
+    EXPECT_TRUE(mentions(result.err, "keeps the old one; --accept stream gives it up")) << result.err;
     result = store({"convert", "-r", "--json", "--to=native", "--accept=stream", tree, scratch / "none"});
     EXPECT_EQ(8, result.status) << result.out;
     EXPECT_TRUE(mentions(result.out, R"("event":"loss","class":"stream","severity":"lost")")) << result.out;

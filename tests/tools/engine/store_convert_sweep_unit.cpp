@@ -18,6 +18,7 @@
 namespace {
 
 using namespace convert_scene;
+using store_scene::Names;
 
 struct Way {
     StoreKind from, to;
@@ -67,7 +68,7 @@ struct SweepScene : ConvertScene {
             }
         }
         const bool directory = way.to != StoreKind::apple_double && way.to != StoreKind::native;
-        store_scene::Names wanted = {"below", "file"};
+        Names wanted = {"below", "file"};
         if (directory) {
             wanted.insert(wanted.begin(), "@eaDir");
         } else if (way.to == StoreKind::apple_double) {
@@ -169,6 +170,40 @@ TEST_F(StoreConvertSweep, WhicheverCallFailsOneFormIsWholeAndTheNextRunFinishes)
                       point_of(way, calls[at], at) + " with " + std::strerror(error));
             }
         }
+    }
+}
+
+// What was written is read back as it lies there: a byte that is another one by then keeps the old form.
+TEST_F(StoreConvertSweep, NewFormThatDoesNotReadTheSameGoesAgain) {
+    KIT_NOT_SANITIZED();
+    for (const Way &way : {kWays[0], kWays[1], kWays[2]}) {
+        const auto calls = calls_of(way);
+        int placed = 0;
+        for (size_t at = 0; at < calls.size(); ++at) {
+            if (faults::nameOf(calls[at]) != "renameat2") {
+                continue;
+            }
+            ++placed;
+            const SweepScene scene(way);
+            faults::Plan plan{faults::Plan::Action::meet, at};
+            plan.meeting = [&] {
+                for (const std::string &directory : {scene.root(), scene / "@eaDir"}) {
+                    for (const std::string &name : kit::exists(directory) ? kit::namesIn(directory) : Names()) {
+                        if (name.starts_with(".vexofileop-ea-")) {
+                            std::string bytes = kit::readFile(directory + "/" + name);
+                            bytes.back() = static_cast<char>(bytes.back() ^ 1);
+                            kit::writeFile(directory + "/" + name, bytes);
+                        }
+                    }
+                }
+            };
+            const faults::Outcome outcome = supervised(scene, plan);
+            const std::string point = point_of(way, calls[at], at);
+            ASSERT_TRUE(WIFEXITED(outcome.status)) << point;
+            EXPECT_EQ(4, WEXITSTATUS(outcome.status)) << point;
+            check(scene, outcome, point);
+        }
+        EXPECT_LT(1, placed) << text_of(way);
     }
 }
 

@@ -115,7 +115,12 @@ EntryConversion::Old EntryConversion::seen_as(StoreKind kind) const {
     VolumeFacts facts;
     facts.store = kind;
     facts.noForks = m_place.kind != StoreKind::native;
-    return std::make_unique<SeenAs>(m_place.directory, m_forms.name(), facts);
+    auto seen = std::make_unique<SeenAs>(m_place.directory, m_forms.name(), facts);
+    const struct stat &found = seen->view.status().st, &known = m_forms.status();
+    if (found.st_dev != known.st_dev || found.st_ino != known.st_ino) {
+        throw Failure("somebody has put something else in its place meanwhile");
+    }
+    return seen;
 }
 
 std::optional<Conversion> EntryConversion::run() {
@@ -337,6 +342,13 @@ void EntryConversion::foresee() {
     if (m_options.to == StoreKind::native) {
         foresee_native();
     }
+    if (m_writesMetadata) {
+        on_trial([this](const std::string &trial) {
+            if (is_refused_attribute(trial, kMetadataName, metadata_to_write())) {
+                throw Failure("the volume does not take the metadata attribute");
+            }
+        });
+    }
 }
 
 void EntryConversion::foresee(SeenAs &old) {
@@ -381,14 +393,20 @@ void EntryConversion::foresee_native() {
     if (fork > 0 && (none || fork > INT32_MAX)) {
         add_loss(LossClass::resource_fork, fmt::format("resource fork differs: {} and 0 bytes", fork));
     }
-    // Without a name in the directory: whether the volume takes the attributes is tried, and leaves nothing.
+    on_trial([this](const std::string &trial) {
+        for (const Loss &loss : write_native(trial, false)) {
+            add_loss(loss.cls, loss.detail);
+        }
+    });
+}
+
+// Whether the volume takes an attribute is tried on a file without a name, which leaves nothing. Where it knows no such
+// files that is found out when the attribute is set.
+void EntryConversion::on_trial(const std::function<void(const std::string &trial)> &attempt) const {
     const std::string directory = fmt::format("/proc/self/fd/{}", m_place.directory);
     const Descriptor trial(::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    if (trial.get() < 0) {
-        return; // it is found out when they are set
-    }
-    for (const Loss &loss : write_native(fmt::format("/proc/self/fd/{}", trial.get()), false)) {
-        add_loss(loss.cls, loss.detail);
+    if (trial.get() >= 0) {
+        attempt(fmt::format("/proc/self/fd/{}", trial.get()));
     }
 }
 
@@ -455,6 +473,11 @@ void EntryConversion::verify() {
             if (std::ranges::find(m_result.losses, loss) == m_result.losses.end()) {
                 throw Failure(fmt::format("the new form does not read as the old one: {}", loss.detail));
             }
+        }
+    }
+    for (const Made &made : m_made) { // and that is what was read
+        if (!is_still(m_forms.directory_of(*made.file), made.file->name, made.status)) {
+            throw Failure("somebody has put something else in place of the new form");
         }
     }
 }
@@ -568,13 +591,16 @@ void EntryConversion::write_finder_info() {
     copy.put_in_place(true);
 }
 
-void EntryConversion::write_metadata() {
+std::string EntryConversion::metadata_to_write() const {
     const StoreContents &contents = m_resourceOf->contents();
     const std::string &comment = contents.comment();
-    const std::string value = metadata_value(
-        contents.finder_info(), comment.size() <= kLongestComment ? comment : std::string(), contents.afp_attributes());
+    return metadata_value(contents.finder_info(), comment.size() <= kLongestComment ? comment : std::string(),
+                          contents.afp_attributes());
+}
+
+void EntryConversion::write_metadata() {
     m_forms.check_still();
-    create_metadata(m_forms.itself(), value);
+    create_metadata(m_forms.itself(), metadata_to_write());
     m_madeMetadata = true;
 }
 

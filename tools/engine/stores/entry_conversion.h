@@ -7,6 +7,7 @@
 #include "tools/engine/stores/entry_forms.h"
 #include "tools/engine/stores/form_writer.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +58,7 @@ class EntryConversion {
     void foresee(SeenAs &old);
     void foresee_parts(const FormFile &file);
     void foresee_native();
+    void on_trial(const std::function<void(const std::string &trial)> &attempt) const;
     void add_loss(LossClass cls, std::string detail);
     std::vector<Loss> unaccepted() const;
 
@@ -65,6 +67,7 @@ class EntryConversion {
     void write_all();
     void write_file(FormFile &file);
     void write_finder_info();
+    std::string metadata_to_write() const;
     void write_metadata();
     std::vector<Loss> write_native(const std::string &file, bool keep);
     void verify();

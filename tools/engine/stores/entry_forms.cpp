@@ -60,9 +60,10 @@ EntryForms::EntryForms(const StorePlace &place, std::string name, const std::set
         m_beside.seen = names.contains(m_beside.name);
     }
     for (FormFile *const one : {&m_stream, &m_resource}) {
-        one->name =
-            companion_name(place.directory, m_name, one->file == StoreFile::stream ? "VexoEAStream" : "VexoResource");
-        one->seen = !one->name.empty() && stored.contains(one->name);
+        if (!stored.empty()) { // else it is not asked for of every entry
+            one->name = companion_of(*one);
+            one->seen = !one->name.empty() && stored.contains(one->name);
+        }
     }
     look_at_attributes(nativeVolume);
 }
@@ -85,6 +86,10 @@ void EntryForms::look_at_attributes(bool nativeVolume) {
                (nativeVolume && S_ISREG(m_status.st_mode) && native_size(itself(), kResourceForkName).value_or(0) > 0);
 }
 
+std::string EntryForms::companion_of(const FormFile &file) const {
+    return companion_name(m_place.directory, m_name, file.file == StoreFile::stream ? "VexoEAStream" : "VexoResource");
+}
+
 std::string EntryForms::itself() const {
     return fmt::format("/proc/self/fd/{}", m_entry.get());
 }
@@ -105,6 +110,9 @@ void EntryForms::open() {
         throw_errno("\"@eaDir\" cannot be opened");
     }
     for (FormFile *const one : {&m_beside, &m_stream, &m_resource}) {
+        if (one->inStore && one->name.empty()) {
+            one->name = companion_of(*one);
+        }
         if (!one->name.empty() && directory_of(*one) >= 0) {
             open_file(*one);
         }

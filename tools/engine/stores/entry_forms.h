@@ -80,6 +80,7 @@ class EntryForms {
   private:
     void look_at_attributes(bool nativeVolume);
     void open_file(FormFile &file) const;
+    std::string companion_of(const FormFile &file) const;
 
     const StorePlace &m_place;
     std::string m_name;

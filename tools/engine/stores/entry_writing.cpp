@@ -69,14 +69,15 @@ void put_finder_info(int fd, const std::string &finderInfo) {
     }
 }
 
+// The time first: an attribute without it is what nothing would tell from a whole one.
 void create_metadata(const std::string &entry, const std::string &value) {
-    if (::setxattr(entry.c_str(), kMetadataName, value.data(), value.size(), XATTR_CREATE) != 0) {
-        throw_errno("the metadata attribute cannot be set");
-    }
     forget_last_error();
-    if (VEXOEAFileEAWriteFlushTime(entry.c_str(), 0) != 0) {
+    check(VEXOEAFileEAWriteFlushTime(entry.c_str(), 0), "the metadata attribute cannot be set");
+    if (::setxattr(entry.c_str(), kMetadataName, value.data(), value.size(), XATTR_CREATE) != 0) {
         const int number = errno;
-        drop_metadata(entry);
+        if (number != EEXIST) { // somebody else's, which it would be the time of
+            (void)::removexattr(entry.c_str(), kTimeOfMetadata);
+        }
         errno = number;
         throw_errno("the metadata attribute cannot be set");
     }

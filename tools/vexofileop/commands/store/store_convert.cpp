@@ -66,6 +66,9 @@ class ConvertRun : private engine::ConversionWatcher {
                                                   : m_left) += 1;
         for (const engine::Loss &loss : conversion.losses) {
             m_receipt.add(conversion.file, conversion.file, loss);
+            if (loss.cls != engine::LossClass::name_too_long) { // which nobody can give up: the store has no place
+                m_losing.add(loss.cls);
+            }
         }
         if (!m_options.report.empty()) {
             m_report.conversion(conversion);
@@ -100,6 +103,11 @@ class ConvertRun : private engine::ConversionWatcher {
                                        m_totals.directories, m_options.conversion.dryRun ? m_convertible : m_converted,
                                        m_options.conversion.dryRun ? "would be converted" : "converted", m_left));
         }
+        const std::string classes = m_receipt.failing(m_losing);
+        if (!classes.empty()) {
+            m_console.message(
+                fmt::format("what the new form cannot hold keeps the old one; --accept {} gives it up", classes));
+        }
         return m_console.check_output() ? status : status | exitStoreTrouble;
     }
 
@@ -124,6 +132,7 @@ class ConvertRun : private engine::ConversionWatcher {
     Receipt m_receipt;
     Report m_report;
     engine::ConversionTotals m_totals;
+    engine::LossSet m_losing;
     int64_t m_converted = 0, m_convertible = 0, m_left = 0, m_troubles = 0;
 };
 
