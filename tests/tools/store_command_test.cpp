@@ -231,4 +231,31 @@ TEST_F(StoreCommand, ConversionTellsWhatItDoesAndWhatItLeaves) {
     }
 }
 
+// Held against a copy from before, by the comparison of the tool.
+TEST_F(StoreCommand, ConvertedTreeIsWhatItWas) {
+    const std::string backup = scratch / "backup";
+    const auto be = [&](int type) {
+        ::setenv("VEXOFILEOP_FSTYPES", (tree + "=" + std::to_string(type) + ":" + backup + "=2").c_str(), 1);
+    };
+    be(2);
+    with_stream("/below", "file", stream::bytes({{"user.note", "text"}}));
+    with_stream("", "sound", stream::bytes({{"user.long", std::string(1000, 'l')}, {"user.note", "other"}}));
+    kit::setAttribute(tree + "/sound", "user.netatalk.Metadata", adouble_bytes::metadata().replace(122, 8, "TEXTttxt"));
+    kit::setAttribute(tree + "/below", "user.own", "of the directory itself");
+    ASSERT_EQ(0, runTool({"copy", "-r", tree, backup}).status);
+    struct Step {
+        const char *to;
+        int type;
+    };
+    for (const Step &step : {Step{"double", 5}, {"native", 7}, {"eadir", 1}, {"fileea", 2}}) {
+        const ToolResult result =
+            store({"convert", "-r", "--to", step.to, "--accept", "finder-info", tree}); // of a stock kernel, natively
+        EXPECT_EQ(0, result.status) << step.to << result.out << result.err;
+        be(step.type);
+        const ToolResult compared = runTool({"compare", "--ignore", "finder-info", tree, backup});
+        EXPECT_EQ(0, compared.status) << step.to << compared.out << compared.err;
+        EXPECT_EQ(0, store({"check", "-r", tree}).status) << step.to;
+    }
+}
+
 } // namespace

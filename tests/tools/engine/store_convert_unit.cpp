@@ -431,6 +431,63 @@ TEST_F(StoreConvert, FullVolumeAndReadOnlyOneLeaveTheOldForm) {
     ::unsetenv("VEXOFILEOP_FSTYPES");
 }
 
+// ext4 has room for so much beside a file, and no more.
+TEST_F(StoreConvert, WhatAVolumeDoesNotTakeIsFoundOutBeforehand) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", uint64_t{16} << 20));
+    ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=1").c_str(), 1);
+    kit::writeFile(volume / "file", "data");
+    ASSERT_EQ(0, ::mkdir((volume / "@eaDir").c_str(), 0777));
+    kit::writeFile(volume / "@eaDir/file@VexoEAStream",
+                   stream::bytes({{"user.large", kit::pattern(9000)}, {"user.small", "small"}}));
+    const auto before = kit::Fingerprint::of(volume.path());
+    const auto convert = [&](bool dryRun, const LossSet &accepted) {
+        Converted told;
+        engine::convert_stores(engine::HeldEntry(volume / "file"),
+                               {.to = StoreKind::native, .dryRun = dryRun, .accepted = accepted}, told, told.totals);
+        return told;
+    };
+    const Converted foreseen = convert(true, {}), told = convert(false, {});
+    EXPECT_EQ(1, told.left());
+    EXPECT_TRUE(mentions(told.reasons(), "attribute user.large: only at the first, 9000 bytes")) << told.reasons();
+    EXPECT_EQ(told.reasons(), foreseen.reasons());
+    EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(volume.path()), {"accessed"}));
+    const LossSet accepted = LossSet().add(LossClass::attribute);
+    EXPECT_EQ(1, convert(false, accepted).converted());
+    EXPECT_EQ("small", kit::attribute(volume / "file", "user.small"));
+    EXPECT_FALSE(kit::exists(volume / "@eaDir"));
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+}
+
+// A driver that is a program, which keeps a file that is open under another name when it is removed.
+TEST_F(StoreConvert, VolumeOfAProgramWithoutAttributes) {
+    KIT_REQUIRE(volume, kit::Volume::fuse("exfat-fuse", uint64_t{16} << 20));
+    const auto be = [&](int type) {
+        ::setenv("VEXOFILEOP_FSTYPES", (volume.path() + "=" + std::to_string(type)).c_str(), 1);
+    };
+    const auto convert = [&](StoreKind to) {
+        Converted told;
+        engine::convert_stores(engine::HeldEntry(volume.path()), {.to = to}, told, told.totals);
+        return told;
+    };
+    be(18);
+    kit::writeFile(volume / "file", "data");
+    kit::writeFile(volume / "._file", stream::bytes({{"user.note", "note"}}, 4, "TEXTttxt") + "fork");
+    Converted told = convert(StoreKind::file_ea);
+    EXPECT_EQ(1, told.left()) << "which it has no place for";
+    EXPECT_EQ((store_scene::Names{"._file", "file"}), kit::namesIn(volume.path())) << told.reasons();
+    told = convert(StoreKind::ea_directory);
+    EXPECT_EQ(1, told.converted()) << told.reasons();
+    EXPECT_EQ((store_scene::Names{"@eaDir", "file"}), kit::namesIn(volume.path()));
+    be(1);
+    EXPECT_EQ("note", engine::Store(volume / "file").get("user.note"));
+    told = convert(StoreKind::apple_double);
+    EXPECT_EQ(1, told.converted()) << told.reasons();
+    EXPECT_EQ((store_scene::Names{"._file", "file"}), kit::namesIn(volume.path()));
+    be(18);
+    EXPECT_EQ("fork", engine::Store(volume / "file").metadata().fork);
+    ::unsetenv("VEXOFILEOP_FSTYPES");
+}
+
 TEST_F(StoreConvert, NobodyGetsRightsThatHeHadNot) {
     const ConvertScene scene(StoreKind::ea_directory);
     scene.with_store(StoreKind::ea_directory, "file");

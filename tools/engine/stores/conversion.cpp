@@ -68,8 +68,8 @@ class DirectoryConversion {
         }
         if (m_only.empty()) {
             tell_orphans();
-            remove_empty_stores();
         }
+        remove_empty_stores();
     }
 
   private:
@@ -126,9 +126,10 @@ class DirectoryConversion {
 
     bool to_directory() const { return m_options.to == StoreKind::ea_directory || m_options.to == StoreKind::file_ea; }
 
-    // The "@eaDir" of an old form, which a run that was stopped at its very end has left.
+    // The "@eaDir" of an old form, which this run has emptied, or one that was stopped at its very end. One that holds
+    // anything stays.
     void remove_empty_stores() const {
-        if (!to_directory() && !m_options.dryRun && m_stored.empty() && m_names.contains("@eaDir")) {
+        if (!to_directory() && !m_options.dryRun && m_names.contains("@eaDir")) {
             const KeepTimes keep(m_place.directory);
             (void)::unlinkat(m_place.directory, "@eaDir", AT_REMOVEDIR);
         }

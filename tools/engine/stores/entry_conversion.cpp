@@ -9,6 +9,7 @@
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/stores/entry_writing.h"
+#include "tools/engine/stores/form_reading.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -111,7 +112,7 @@ bool EntryConversion::has_old() const {
     return false;
 }
 
-EntryConversion::Old EntryConversion::seen_as(StoreKind kind) const {
+EntryConversion::Old EntryConversion::seen_as(StoreKind kind, bool before) const {
     VolumeFacts facts;
     facts.store = kind;
     facts.noForks = m_place.kind != StoreKind::native;
@@ -119,6 +120,9 @@ EntryConversion::Old EntryConversion::seen_as(StoreKind kind) const {
     const struct stat &found = seen->view.status().st, &known = m_forms.status();
     if (found.st_dev != known.st_dev || found.st_ino != known.st_ino) {
         throw Failure("somebody has put something else in its place meanwhile");
+    }
+    if (before) {
+        check_read_as_held(seen->contents(), kind, m_forms);
     }
     return seen;
 }
@@ -464,7 +468,7 @@ bool EntryConversion::goes(const FormFile &file) const {
 // What both say of the entry, held against each other: as a volume of the one kind has it and as one of the other has.
 void EntryConversion::verify() {
     m_forms.check_still();
-    const Old fresh = seen_as(m_options.to);
+    const Old fresh = seen_as(m_options.to, false);
     for (const Old &old : m_olds) {
         Findings findings{.options = {.data = true, .rest = true}};
         compare_attributes(old->view, fresh->view, findings);
@@ -627,18 +631,10 @@ void EntryConversion::undo() {
 
 void EntryConversion::remove_old() {
     const bool native = m_options.to != StoreKind::native && m_forms.seen_native();
-    std::vector<std::string> attributes;
+    std::vector<std::string> attributes = m_forms.native_names();
     for (const Old &old : m_olds) {
-        if (old->kind() == StoreKind::native) {
-            for (const StoreContents::Attribute &one : old->attributes()) {
-                attributes.push_back(one.name);
-            }
-            if (!old->contents().finder_info().empty()) {
-                attributes.emplace_back(kFinderInfoName);
-            }
-            if (old->contents().fork_size() > 0) {
-                attributes.emplace_back(kResourceForkName);
-            }
+        if (old->kind() == StoreKind::native && old->contents().fork_size() > 0) {
+            attributes.emplace_back(kResourceForkName);
         }
     }
     m_olds.clear(); // with their locks
@@ -660,7 +656,6 @@ void EntryConversion::remove_old() {
         m_forms.check_still();
         remove_metadata(m_forms.itself(), *m_forms.metadata());
     }
-    (void)::unlinkat(m_place.directory, "@eaDir", AT_REMOVEDIR); // one that holds anything stays
 }
 
 } // namespace engine

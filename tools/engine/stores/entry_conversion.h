@@ -45,7 +45,8 @@ class EntryConversion {
 
     bool to_directory() const { return m_options.to == StoreKind::ea_directory || m_options.to == StoreKind::file_ea; }
     bool has_old() const;
-    Old seen_as(StoreKind kind) const;
+    // `before` anything was done: what is read has to be what the forms hold open.
+    Old seen_as(StoreKind kind, bool before = true) const;
     void look_at_both();
     void check_may_go();
     void check_names() const;

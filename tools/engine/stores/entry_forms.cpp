@@ -1,6 +1,7 @@
 #include "tools/engine/stores/entry_forms.h"
 
 #include "ea/ea.h"
+#include "platform/acl.h"
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -79,11 +80,18 @@ void EntryForms::look_at_attributes(bool nativeVolume) {
         rest.remove_prefix(std::min(rest.size(), one.size() + 1));
         if (one == kMetadataName) {
             m_metadata = metadata_of(m_place.directory, m_name);
+            if (!m_metadata) {
+                throw Failure("somebody has changed its attributes meanwhile");
+            }
+        } else if (one == kResourceForkName) {
+            m_fork = true;
+        } else if (is_in_native_form(one, nativeVolume)) {
+            m_native.emplace_back(one);
         }
-        m_native = m_native || is_in_native_form(one, nativeVolume);
     }
-    m_native = m_native ||
-               (nativeVolume && S_ISREG(m_status.st_mode) && native_size(itself(), kResourceForkName).value_or(0) > 0);
+    // No list has a fork.
+    m_fork = m_fork ||
+             (nativeVolume && S_ISREG(m_status.st_mode) && native_size(itself(), kResourceForkName).value_or(0) > 0);
 }
 
 std::string EntryForms::companion_of(const FormFile &file) const {
@@ -177,7 +185,7 @@ void EntryForms::check_claimed(const FormFile &file) const {
     }
 }
 
-void EntryForms::remove(const FormFile &file) const {
+void EntryForms::remove(FormFile &file) const {
     const std::string shown = displayed(file.inStore ? "@eaDir/" + file.name : file.name);
     if (!lock_store_file(file.held.file.get(), F_WRLCK)) {
         throw Failure(fmt::format("another process has {} locked", shown));
@@ -186,6 +194,7 @@ void EntryForms::remove(const FormFile &file) const {
     if (::unlinkat(directory_of(file), file.name.c_str(), 0) != 0) {
         throw_errno(fmt::format("{} cannot be removed", shown));
     }
+    file.held.file = Descriptor(-1); // some volumes keep another name for it until then
 }
 
 void EntryForms::make_stores() {
@@ -194,10 +203,16 @@ void EntryForms::make_stores() {
     }
     forget_last_error();
     const std::string made = fmt::format("/proc/self/fd/{}/@eaDir", m_place.directory);
-    check(VEXOEAMKDir(0, made.c_str()), "\"@eaDir\" cannot be made");
+    const int result = VEXOEAMKDir(0, made.c_str());
     m_stores = open_stores(m_place.directory);
     if (m_stores.get() < 0) {
+        check(result, "\"@eaDir\" cannot be made");
         throw_errno("\"@eaDir\" cannot be opened");
+    }
+    // On a volume that keeps stores in attributes the library marks it for Mac clients, which a stock kernel may
+    // refuse; the volume that the stores are converted for is of another kind.
+    if (result != 0) {
+        (void)VEXOACLSetEADirACL(fmt::format("/proc/self/fd/{}", m_stores.get()).c_str());
     }
 }
 

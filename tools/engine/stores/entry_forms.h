@@ -47,7 +47,7 @@ class EntryForms {
     const std::string &name() const { return m_name; }
     bool seen_beside() const { return m_beside.seen; }
     bool seen_in_directory() const { return m_stream.seen || m_resource.seen || m_metadata; }
-    bool seen_native() const { return m_native; }
+    bool seen_native() const { return !m_native.empty() || m_fork; }
 
     // Opens, locks and reads the files. Throws Failure where one cannot be, is no file, is not sound, or is locked.
     void open();
@@ -55,8 +55,8 @@ class EntryForms {
     void claim(FormFile &file) const;
     // Of one that was claimed. Throws Failure where it was changed nevertheless, or another has its name.
     void check_claimed(const FormFile &file) const;
-    // Removes one that was claimed, and that this process has not open elsewhere. Throws Failure.
-    void remove(const FormFile &file) const;
+    // Removes one that was claimed, and that this process has not open elsewhere, and closes it. Throws Failure.
+    void remove(FormFile &file) const;
     // The directory that it lies in; -1: there is no "@eaDir".
     int directory_of(const FormFile &file) const { return file.inStore ? m_stores.get() : m_place.directory; }
     // "@eaDir" is made where there is none. Throws Failure.
@@ -66,6 +66,8 @@ class EntryForms {
     FormFile &stream() { return m_stream; }
     FormFile &resource() { return m_resource; }
     const std::optional<std::string> &metadata() const { return m_metadata; }
+    // The attributes of the entry itself that are its store's, but for a resource fork.
+    const std::vector<std::string> &native_names() const { return m_native; }
     // How volumes of "@eaDir" would take what is there.
     StoreKind directory_kind() const { return m_metadata ? StoreKind::file_ea : StoreKind::ea_directory; }
 
@@ -89,7 +91,8 @@ class EntryForms {
     FormFile m_beside{.file = StoreFile::apple_double, .inStore = false};
     FormFile m_stream{.file = StoreFile::stream}, m_resource{.file = StoreFile::resource};
     std::optional<std::string> m_metadata;
-    bool m_native = false;
+    std::vector<std::string> m_native;
+    bool m_fork = false;
 };
 
 } // namespace engine
