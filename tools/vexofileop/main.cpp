@@ -30,8 +30,8 @@ constexpr NamedCommand kCommands[] = {
     {"copy", add_copy_command},         {"move", add_move_command},       {"remove", add_remove_command},
     {"mirror", add_mirror_command},     {"compare", add_compare_command}, {"plan", add_plan_command},
     {"relocate", add_relocate_command}, {"ea", add_ea_command},           {"store", add_store_command, exitStoreUsage},
-    {"reflink", add_reflink_command},   {"archive", add_archive_command}, {"index", add_index_command},
-    {"notify", add_notify_command},     {"explain", add_explain_command},
+    {"backup", add_backup_command},     {"reflink", add_reflink_command}, {"archive", add_archive_command},
+    {"index", add_index_command},       {"notify", add_notify_command},   {"explain", add_explain_command},
 };
 
 // The command that the command line begins with is added alone: the options of all take longer to set up than a rename.
