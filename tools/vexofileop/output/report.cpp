@@ -84,16 +84,6 @@ std::string time_now() {
     return text;
 }
 
-void write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
-            engine::throw_errno("cannot be written");
-        }
-        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
-    }
-}
-
 bool is_json(const std::string &path) {
     return path.ends_with(".json");
 }
@@ -107,8 +97,8 @@ void replace_file(const std::string &path, const std::string &text) {
         engine::throw_errno("cannot be written");
     }
     try {
-        write_all(file.get(), text);
-        if (::fsync(file.get()) != 0 || ::rename(made.c_str(), path.c_str()) != 0) {
+        if (!engine::write_all(file.get(), text) || ::fsync(file.get()) != 0 ||
+            ::rename(made.c_str(), path.c_str()) != 0) {
             engine::throw_errno("cannot be written");
         }
     } catch (const engine::Failure &) {
