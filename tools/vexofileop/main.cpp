@@ -36,6 +36,7 @@ constexpr NamedCommand kCommands[] = {
     {"mirror", add_mirror_command},
     {"relocate", add_relocate_command},
     {"remove", add_remove_command},
+    {"backup", add_backup_command},
     {"archive", add_archive_command},
     {"ea", add_ea_command},
     {"store", add_store_command, exitStoreUsage},
