@@ -152,6 +152,31 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
     std::cout << runs << " of " << plans.size() << " points\n";
 }
 
+// A look that finds nothing where something is: what stands there under a private name goes all the same.
+TEST_P(RelocationSweep, ALookThatFindsNothingLeavesNoPrivateNameBehind) {
+    Record record;
+    const Scene first = scene(); // what a process learns once the others know from this one, and make the same calls
+    ASSERT_EQ(RelocationEnd::done, relocation::run(first.from(), first.to(), record).end);
+    size_t looks = 0, done = 0;
+    for (const faults::SystemCall &call : supervised(scene(), {}).calls) {
+        const size_t number = looks;
+        looks += call.number == SYS_newfstatat ? 1 : 0;
+        if (number == looks || !call.path.starts_with(".vexofileop-")) {
+            continue;
+        }
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, {Plan::Action::fail, number, ENOENT, SYS_newfstatat, true});
+        const std::string point = call.path + " (look " + std::to_string(number) + ")";
+        EXPECT_TRUE(outcome.reached) << point;
+        EXPECT_EQ("", now.lost()) << point;
+        if (*m_end == static_cast<int>(RelocationEnd::done)) {
+            EXPECT_EQ("", now.leftBehind()) << point;
+            ++done;
+        }
+    }
+    EXPECT_LT(3u, done);
+}
+
 // Not every volume exchanges two names: there the old one is renamed first, and a stop may fall between the two.
 TEST_P(RelocationSweep, WithoutAnExchangeOfNamesTheOldOneIsRenamedFirst) {
     const Scene whole = atTheExchange(Plan::Action::fail);
