@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -150,6 +152,41 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
         }
     }
     std::cout << runs << " of " << plans.size() << " points\n";
+}
+
+// A look that finds nothing where something is: what stands there under a private name goes all the same, with what it
+// holds, or the next run has it go.
+TEST_P(RelocationSweep, ALookThatFindsNothingLeavesNoPrivateNameBehind) {
+    Record record;
+    const Scene first = scene(); // what a process learns once the others know from this one, and make the same calls
+    ASSERT_EQ(RelocationEnd::done, relocation::run(first.from(), first.to(), record).end);
+    size_t looks = 0, done = 0;
+    std::vector<std::pair<size_t, faults::SystemCall>> points, stores;
+    for (const faults::SystemCall &call : supervised(scene(), {}).calls) {
+        const size_t number = looks;
+        looks += call.number == SYS_newfstatat ? 1 : 0;
+        if (number != looks && call.path.starts_with(".vexofileop-")) {
+            points.emplace_back(number, call);
+        } else if (number != looks && call.path == "@eaDir") {
+            stores.emplace_back(number, call);
+        }
+    }
+    ASSERT_FALSE(stores.empty());
+    points.push_back(stores.back()); // that of the private place, at the end
+    for (const auto &[number, call] : points) {
+        const Scene now = scene();
+        const faults::Outcome outcome = supervised(now, {Plan::Action::fail, number, ENOENT, SYS_newfstatat, true});
+        const std::string point = call.path + " (look " + std::to_string(number) + ")";
+        EXPECT_TRUE(outcome.reached) << point;
+        EXPECT_EQ("", now.lost()) << point;
+        if (*m_end == static_cast<int>(RelocationEnd::done)) {
+            EXPECT_EQ("", now.leftBehind()) << point;
+            ++done;
+        } else {
+            expectFinishedAgain(now, point);
+        }
+    }
+    EXPECT_LT(3u, done);
 }
 
 // Not every volume exchanges two names: there the old one is renamed first, and a stop may fall between the two.
