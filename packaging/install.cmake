@@ -40,13 +40,14 @@ install(TARGETS vexofileop_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" CO
 set(header_dir "${CMAKE_BINARY_DIR}/include")
 foreach(header IN ITEMS copy/copy.h ea/ea.h index/index.h backup/backup.h notify/notify.h
                         platform/core.h platform/sdk.h platform/acl.h
-                        cpp/vexofileop.hpp cpp/result.hpp cpp/copy.hpp cpp/attributes.hpp cpp/services.hpp)
+                        cpp/vexofileop.hpp cpp/result.hpp cpp/copy.hpp cpp/attributes.hpp cpp/apple_double.hpp
+                        cpp/services.hpp)
   string(REGEX REPLACE "^(copy|ea|index|backup|notify)/" "" installed "${header}")
   string(REPLACE "cpp/vexofileop.hpp" "vexofileop.hpp" installed "${installed}")
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/${header}")
   file(READ "${CMAKE_SOURCE_DIR}/${header}" text)
   string(REGEX REPLACE "#include \"(copy|ea|index|backup|notify)/([a-z]+\\.h)\"" "#include <vexofileop/\\2>" text "${text}")
-  string(REGEX REPLACE "#include \"(platform|cpp)/([a-z]+\\.h(pp)?)\"" "#include <vexofileop/\\1/\\2>" text "${text}")
+  string(REGEX REPLACE "#include \"(platform|cpp)/([a-z_]+\\.h(pp)?)\"" "#include <vexofileop/\\1/\\2>" text "${text}")
   if(text MATCHES "#include \"")
     message(FATAL_ERROR "${header} includes a header that is not installed")
   endif()

@@ -24,6 +24,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <linux/magic.h>
 #include <string_view>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -101,6 +102,7 @@ void Rehearsal::find_out() {
     if (m_place == nullptr) {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
         m_keepsHardLinks = volume_traits(m_volume.type).links;
+        m_linkInodes = m_room.inodes && m_volume.magic == TMPFS_MAGIC ? 1 : 0;
         m_folds = volume_traits(m_volume.type).fatNames;
         m_directoryBytes = m_room.block;
         return;
@@ -113,8 +115,7 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
-    m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
-    (void)::unlinkat(place, "linked", 0);
+    find_out_links();
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
@@ -125,6 +126,28 @@ void Rehearsal::find_out() {
         VLIBCFileLStat(path_of(place, "Aa").c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &kept) == 0 &&
         kept.st.st_mtim.tv_sec == past.tv_sec && kept.createTime.tv_sec == past.tv_sec;
     (void)::unlinkat(place, "Aa", 0);
+}
+
+// A volume in memory counts each name as an inode. Others may make and remove something meanwhile: then it is asked
+// again.
+void Rehearsal::find_out_links() {
+    constexpr int tries = 5;
+    const int place = m_place->fd();
+    struct statvfs before {
+    }, linked{}, after{};
+    for (int count = 0; count < tries; ++count) {
+        const bool asked = ::fstatvfs(place, &before) == 0;
+        m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
+        const bool told = asked && m_keepsHardLinks && ::fstatvfs(place, &linked) == 0;
+        (void)::unlinkat(place, "linked", 0);
+        if (!told || ::fstatvfs(place, &after) != 0) {
+            return;
+        }
+        if (before.f_ffree == after.f_ffree) {
+            m_linkInodes = before.f_ffree == linked.f_ffree + 1 ? 1 : 0;
+            return;
+        }
+    }
 }
 
 std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &found, const Side *merged) {

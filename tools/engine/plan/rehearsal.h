@@ -30,6 +30,7 @@ class Rehearsal {
     bool keeps_holes() const { return m_keepsHoles; }
     int64_t directory_bytes() const { return m_directoryBytes; } // of an empty one
     bool keeps_hard_links() const { return m_keepsHardLinks; }
+    int64_t link_inodes() const { return m_linkInodes; } // how many another name of a file takes
     const VolumeFacts &volume() const { return m_volume; }
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
@@ -66,6 +67,7 @@ class Rehearsal {
     bool add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
                         std::vector<Loss> &losses);
     void find_out();
+    void find_out_links();
     void clear() const;
 
     int m_directory;
@@ -81,7 +83,7 @@ class Rehearsal {
         int64_t taken;
     };
     std::map<std::string, Known> m_known; // by what is the same of many entries
-    int64_t m_taken = 0, m_directoryBytes = 0;
+    int64_t m_taken = 0, m_directoryBytes = 0, m_linkInodes = 0;
 };
 
 } // namespace engine

@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/compare/granted_mode.h"
+#include "tools/engine/report/names.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -79,6 +81,17 @@ void give_mode(const Held &from, const Held &to) {
     }
 }
 
+// Says of attributes that are still not there what the volume has said of them.
+void add_reasons(const RefusedAttributes &refused, std::vector<Loss> &losses) {
+    for (const auto &[name, number] : refused) {
+        const std::string begin = fmt::format("attribute {}", displayed(name));
+        for (Loss &loss : losses) {
+            const bool meant = loss.detail.starts_with(begin + ":") || loss.detail.starts_with(begin + " differs:");
+            loss.number = meant ? number : loss.number;
+        }
+    }
+}
+
 bool is_time(const Loss &loss) {
     return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
 }
@@ -133,12 +146,13 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     if (!late && !ofTheSystem && !mode && !users) {
         return losses;
     }
+    RefusedAttributes refused;
     if (const Held from(source), to(copy); from.keeps_more() && to.keeps_more()) {
         if (ofTheSystem) {
-            copy_system_attributes(from.path, to.path);
+            refused = copy_system_attributes(from.path, to.path);
         }
         if (users) {
-            copy_user_attributes(from.path, to.path);
+            std::ranges::move(copy_user_attributes(from.path, to.path), std::back_inserter(refused));
         }
         if (mode) {
             give_mode(from, to);
@@ -148,7 +162,9 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
         set_archive(copy);
         give_times(source, copy, options.before);
     }
-    return compare_entries(source, copy, options);
+    losses = compare_entries(source, copy, options);
+    add_reasons(refused, losses);
+    return losses;
 }
 
 } // namespace engine

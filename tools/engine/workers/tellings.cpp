@@ -25,12 +25,13 @@ std::optional<Problem> read_problem(RecordReader &from) {
 }
 
 void write(RecordWriter &to, const Loss &loss) {
-    to.number(loss.cls).text(loss.detail);
+    to.number(loss.cls).text(loss.detail).number(loss.number);
 }
 
 Loss read_loss(RecordReader &from) {
     const auto cls = from.number<LossClass>();
-    return {cls, from.text()};
+    std::string detail = from.text();
+    return {cls, std::move(detail), from.number<int>()};
 }
 
 void write(RecordWriter &to, const Outcome &outcome) {

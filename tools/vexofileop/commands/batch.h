@@ -67,6 +67,8 @@ class Batch : protected engine::TransferObserver {
     bool stays_on_the_way(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override;
+    void tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss, bool told);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
     void tell_receipt();
     void tell_old_names();

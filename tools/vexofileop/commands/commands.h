@@ -25,5 +25,9 @@ void add_store_command(const Command &program, int &status);
 void add_index_command(const Command &program, int &status);
 void add_notify_command(const Command &program, int &status);
 void add_explain_command(const Command &program, int &status);
+// Tells of the commands that the program has when it does its work.
+void add_help_command(const Command &program, int &status);
+// The help of the program, which has all its commands, lists them by what they are for.
+void label_commands(const Command &program);
 
 } // namespace tool

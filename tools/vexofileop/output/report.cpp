@@ -218,7 +218,7 @@ std::string Report::losses_lists() const {
         for (const Lost &lost : m_losses) {
             if (lost.loss.cls == row.cls) {
                 text += fmt::format("<li>{}: {}</li>\n", both_text(lost.source, lost.destination),
-                                    escaped(engine::as_utf8(lost.loss.detail)));
+                                    escaped(engine::as_utf8(lost.loss.text())));
             }
         }
         text += "</ul></details>\n";
