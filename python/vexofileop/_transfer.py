@@ -589,7 +589,7 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
          existing: str = "fail", accept: Accept = (), clone: str = "never", checksum: bool = False,
          specials: bool = False, hard_links: bool = True, probe: bool = True,
          cancel: Optional[Callable[[], object]] = None) -> Plan:
-    """What copy(), copytree() or move() (`operation`) would do, without doing it.
+    """What copy(), copytree() (with dirs_exist_ok=True) or move() (`operation`) would do, without doing it.
 
     probe  what a volume takes is tried at the destination, in a private directory that is removed again; False: the
            system is believed
