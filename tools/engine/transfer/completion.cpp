@@ -22,11 +22,6 @@
 namespace engine {
 namespace {
 
-// The appliance kernel's interface, or what the platform has in its place.
-int request_attribute(int fd, int command) {
-    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
-}
-
 // Who is not root needs to write to what keeps a creation time, also where that is read-only.
 void set_times(const std::string &path, mode_t mode, const timespec *times) {
     if (VLIBCFileUTime(path.c_str(), 3, times) == 0 || ::geteuid() == 0 || (mode & S_IWUSR) != 0 ||
@@ -102,6 +97,10 @@ bool is_of_the_system(const Loss &loss) {
 
 } // namespace
 
+int change_dos_attribute(int fd, int command) {
+    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
+}
+
 void give_dos_attributes(int fd, uint32_t attributes) {
     constexpr struct {
         uint32_t bit;
@@ -109,7 +108,7 @@ void give_dos_attributes(int fd, uint32_t attributes) {
     } rows[] = {{VLIBC_ATTR_ARCHIVE, 0x202}, {VLIBC_ATTR_HIDDEN, 0x203}, {VLIBC_ATTR_SYSTEM, 0x204}};
     for (const auto &row : rows) {
         if ((attributes & row.bit) != 0) {
-            (void)request_attribute(fd, row.command);
+            (void)change_dos_attribute(fd, row.command);
         }
     }
 }

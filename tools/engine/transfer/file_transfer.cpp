@@ -126,6 +126,17 @@ bool has_name(const HeldDirectory &directory, const std::string &name) {
     return names && std::ranges::find(*names, name) != names->end();
 }
 
+// What the kernel has of a file in memory is on its volume then, and is read from there, as far as the kernel lets go
+// of it. False, with errno: it could not be written out.
+bool is_let_go(const HeldDirectory &directory, const std::string &name) {
+    const Descriptor file(::openat(directory.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0 || ::fsync(file.get()) != 0) {
+        return false;
+    }
+    (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+    return true;
+}
+
 bool may_write(int directory, const char *name, int mode) {
     return ::faccessat(directory, name, mode, AT_EACCESS) == 0;
 }
@@ -332,6 +343,7 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
         if (m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && attempt.content->st_nlink > 1) {
             m_linked.placed(*attempt.content, attempt.to, attempt.name, alone);
         }
+        prove(attempt, outcome);
     }
     outcome.same = true;
     m_observer.progress(attempt.asItIs ? 0 : attempt.content->st_size, false);
@@ -351,7 +363,6 @@ bool FileTransfer::takes_link(Attempt &attempt) {
 
 // Of what may differ; nothing: it is not the same.
 std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &attempt, bool data, LossSet accepted) {
-    const bool move = m_options.operation == Operation::move;
     const bool follow = !attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
     const auto &known = attempt.asItIs ? attempt.entry : attempt.content;
     attempt.file = Descriptor(
@@ -367,8 +378,11 @@ std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &atte
             return std::nullopt;
         }
     }
-    if (move) {
+    if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
+    }
+    if (data && m_options.verify && !attempt.asItIs && !is_let_go(attempt.to, attempt.name)) {
+        return std::nullopt;
     }
     std::vector<Loss> differences = compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType),
                                                     attempt.to.side_now(attempt.name), compare_options(data));
@@ -955,7 +969,7 @@ void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, con
     if (!stays && has_store(to, name)) {
         (void)VEXOEARemove(to.below(name).c_str(), to.type());
     }
-    if (m_options.operation == Operation::move) {
+    if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
 }
@@ -1080,11 +1094,9 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
     if (attempt.changed) {
         return Problem{"changed while it was copied"};
     }
-    const Descriptor made(::openat(attempt.to.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (made.get() < 0 || ::fsync(made.get()) != 0) {
+    if (!is_let_go(attempt.to, name)) {
         return Problem{fmt::format("could not be written out to be verified: {}", std::strerror(errno))};
     }
-    (void)::posix_fadvise(made.get(), 0, 0, POSIX_FADV_DONTNEED);
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     for (const Loss &loss : compare_entries(source, attempt.to.side_now(name), compare_options(true))) {
         // Other names than the one that is copied are told of by themselves.
@@ -1154,6 +1166,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
         return outcome;
     }
     outcome.synced = m_options.sync == Sync::file;
+    prove(attempt, outcome);
     if (attempt.changed) {
         attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
         outcome.sourceStays = across;
@@ -1166,6 +1179,14 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
         outcome.warning = attempt.told;
     }
     return outcome;
+}
+
+// For whoever takes it for saved.
+void FileTransfer::prove(const Attempt &attempt, Outcome &outcome) const {
+    if (m_options.proofs && !attempt.changed && !attempt.asItIs && S_ISREG(attempt.content->st_mode)) {
+        outcome.proven = attempt.content;
+        outcome.provenStore = (attempt.kept ? *attempt.kept : StoreWitness(attempt.from, attempt.sourceName)).mark();
+    }
 }
 
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.

@@ -134,6 +134,9 @@ class FileTransfer {
     std::optional<Outcome> keep_together(Attempt &attempt);
     static void tell_old_names(const Attempt &attempt, Outcome &outcome);
     Outcome arrived(Attempt &attempt);
+    void prove(const Attempt &attempt, Outcome &outcome) const;
+    // Whether what is kept beside a source is to be known when it is compared with the copy.
+    bool witnesses() const { return m_options.operation == Operation::move || m_options.proofs; }
     static std::optional<Problem> make_anew(Attempt &attempt, std::vector<Loss> &losses);
     std::optional<Problem> link_or_make(Attempt &attempt);
     bool link_again(const struct stat &file, const HeldDirectory &to, const std::string &name);

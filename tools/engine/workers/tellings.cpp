@@ -47,6 +47,10 @@ void write(RecordWriter &to, const Outcome &outcome) {
     for (const Loss &loss : outcome.losses) {
         write(to, loss);
     }
+    to.number(outcome.proven.has_value());
+    if (outcome.proven) {
+        to.number(*outcome.proven).number(outcome.provenStore);
+    }
     write(to, outcome.warning);
     write(to, outcome.problem);
 }
@@ -71,6 +75,10 @@ Outcome read_outcome(RecordReader &from) {
     outcome.sourceStays = from.number<bool>();
     for (auto losses = from.number<uint32_t>(); losses > 0; --losses) {
         outcome.losses.push_back(read_loss(from));
+    }
+    if (from.number<bool>()) {
+        outcome.proven = from.number<struct stat>();
+        outcome.provenStore = from.number<uint64_t>();
     }
     outcome.warning = read_problem(from);
     outcome.problem = read_problem(from);

@@ -110,6 +110,10 @@ std::string HelpFormatter::make_help(const CLI::App *app, std::string name, CLI:
     if (const size_t at = text.find("\n\n  --help-all"); at != std::string::npos) {
         text.erase(at, 1);
     }
+    // The commands of the program and its example fill it.
+    if (const size_t at = text.find("\n\nExample"); app->get_parent() == nullptr && at != std::string::npos) {
+        text.erase(at, 1);
+    }
     return text;
 }
 

@@ -38,7 +38,8 @@ int64_t size_of(const std::string &path) {
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
-    transfer.countsAlone = !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
+    transfer.countsAlone =
+        !options.eachEntry && !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
     return transfer;
 }
 

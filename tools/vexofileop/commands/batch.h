@@ -24,6 +24,7 @@ struct BatchOptions {
     bool progressLines = false;    // as JSON, on stderr
     std::string report = {};       // the file that tells it all; empty: none
     const char *command = nullptr; // where it is another one than the operation's
+    bool eachEntry = false;        // is told, whatever became of it
 };
 
 const char *word_of(engine::Operation operation); // "copy"

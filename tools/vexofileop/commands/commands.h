@@ -18,6 +18,8 @@ void add_plan_command(const Command &program, int &status);
 void add_remove_command(const Command &program, int &status);
 void add_relocate_command(const Command &program, int &status);
 void add_reflink_command(const Command &program, int &status);
+void add_backup_command(const Command &program, int &status);
+Command add_backup_plan(const Command &plan, int &status); // a command of "plan"
 void add_archive_command(const Command &program, int &status);
 void add_ea_command(const Command &program, int &status);
 void add_store_command(const Command &program, int &status);
