@@ -18,6 +18,7 @@
 #include <map>
 #include <ostream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <sys/mount.h>
@@ -311,8 +312,9 @@ TEST_F(ArchiveBackup, PlanTellsAllOfItAndChangesNothing) {
     EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(scratch.path()), {"accessed"}));
     EXPECT_TRUE(mentions(plan.out, ", 1 archive bit to clear, listed in " + copy + ".TIME.list; nothing was done"))
         << plan.out;
-    EXPECT_TRUE(mentions(plan.out, "6 new, ")) << plan.out;
-    EXPECT_EQ(plan.out, backUp({"--dry-run"}).out);
+    ASSERT_TRUE(mentions(plan.out, "6 new, ")) << plan.out;
+    const auto end = [](const ToolResult &told) { return told.out.substr(told.out.find("6 new, ")); };
+    EXPECT_EQ(end(plan), end(backUp({"--dry-run"})));
     EXPECT_TRUE(mentions(runTool({"plan", "backup", "--full", tree, copy}).out, "7 new, "));
     const ToolResult run = backUp();
     EXPECT_EQ(0, run.status);
@@ -356,13 +358,13 @@ TEST_F(ArchiveBackup, ListThatCannotBeWrittenClearsNothing) {
 }
 
 TEST_F(ArchiveBackup, SeveralProcessesClearTheSameBits) {
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 60; ++i) {
         makeDirectory(tree + "/d" + std::to_string(i));
         putChanged(tree + "/d" + std::to_string(i) + "/file", std::to_string(i));
     }
     const ToolResult result = backUp({"-j", "3"});
     EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_TRUE(mentions(result.out, ", 202 archive bits cleared")) << result.out;
+    EXPECT_TRUE(mentions(result.out, ", 62 archive bits cleared")) << result.out;
     EXPECT_EQ("", runTool({"compare", "--exclude", "old", tree, copy}).out);
 }
 
@@ -380,8 +382,8 @@ TEST_F(ArchiveBackup, CtrlCClearsTheBitsOfWhatHasArrived) {
         }
         return count;
     };
-    ToolOnTerminal tool({"backup", "run", "--bwlimit", "1M", tree, copy});
-    while (arrived() == 0) {
+    ToolOnTerminal tool({"backup", "run", "--bwlimit", "500K", tree, copy});
+    for (int i = 0; arrived() == 0 && i < 30'000; ++i) {
         ::usleep(10'000);
     }
     tool.type("\x03");
@@ -457,8 +459,9 @@ struct SweepScene {
                 wrong += name.starts_with(".vexofileop") ? name + " is left; " : "";
             }
         }
-        return wrong + (runTool({"compare", "--exclude", "untouched", tree, copy}).status == 0 ? "" : "differs; ");
+        return wrong + (equal() ? "" : "differs; ");
     }
+    bool equal() const { return runTool({"compare", "--exclude", "untouched", tree, copy}).status == 0; }
     faults::Outcome supervised(const faults::Plan &plan) const {
         return faults::supervise(plan, [&](faults::Window &window) {
             std::vector<std::string> words = arguments();
@@ -490,18 +493,24 @@ class ArchiveBackupSweep : public ::testing::Test {
         ASSERT_LT(200U, calls.size());
         ASSERT_EQ("", whole.unfinished());
     }
-    // A sample of the calls, closer from where the list gets its name on, and bits go.
+    // A sample of the calls, closer from where the list gets its name on, and all of them around the going of a bit.
     std::vector<size_t> points(size_t sample) const {
         const bool full = std::getenv("VEXO_FULL") != nullptr; // NOLINT(concurrency-mt-unsafe)
         const auto listed = std::ranges::find(calls, SYS_linkat, &faults::SystemCall::number);
         const auto begin = static_cast<size_t>(listed - calls.begin());
         const size_t before = full ? 1 : std::max<size_t>(1, 2 * begin / sample),
                      behind = full ? 1 : std::max<size_t>(1, 2 * (calls.size() - begin) / sample);
-        std::vector<size_t> found;
+        std::set<size_t> found;
         for (size_t at = 1; at < calls.size(); at += at < begin ? before : behind) {
-            found.push_back(at);
+            found.insert(at);
         }
-        return found;
+        constexpr size_t around = 3;
+        for (size_t at = begin; at + around < calls.size(); ++at) {
+            for (size_t near = at - around; calls[at].number == SYS_fsetxattr && near < at + around; ++near) {
+                found.insert(near);
+            }
+        }
+        return {found.begin(), found.end()};
     }
     std::string name(size_t at) const { return std::to_string(at) + " " + faults::nameOf(calls[at]); }
 
@@ -509,7 +518,7 @@ class ArchiveBackupSweep : public ::testing::Test {
 };
 
 TEST_F(ArchiveBackupSweep, KilledAnywhereNoBitIsClearedOfWhatIsNotThere) {
-    for (const size_t at : points(50)) {
+    for (const size_t at : points(36)) {
         const SweepScene scene;
         EXPECT_FALSE(scene.supervised({.action = faults::Plan::Action::kill, .at = at}).hung) << name(at);
         EXPECT_EQ("", scene.lost()) << name(at);
@@ -523,7 +532,7 @@ TEST_F(ArchiveBackupSweep, KilledAnywhereNoBitIsClearedOfWhatIsNotThere) {
 }
 
 TEST_F(ArchiveBackupSweep, WhicheverCallFailsNoBitIsClearedOfWhatIsNotThere) {
-    for (const size_t at : points(50)) {
+    for (const size_t at : points(36)) {
         for (const int error : faults::plausibleErrors(calls[at])) {
             const SweepScene scene;
             faults::Plan plan{.action = faults::Plan::Action::fail, .at = at};
@@ -532,6 +541,8 @@ TEST_F(ArchiveBackupSweep, WhicheverCallFailsNoBitIsClearedOfWhatIsNotThere) {
             const faults::Outcome outcome = scene.supervised(plan);
             EXPECT_FALSE(outcome.hung) << name(at);
             EXPECT_EQ("", scene.lost()) << name(at) << " " << error;
+            const bool good = WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == 0;
+            EXPECT_TRUE(!good || scene.equal()) << name(at) << " " << error;
             const ToolResult again = runTool(scene.arguments());
             EXPECT_EQ(0, again.status) << name(at) << again.err;
             EXPECT_EQ("", scene.unfinished()) << name(at) << again.err;
@@ -563,7 +574,7 @@ TEST_F(ArchiveBackupSweep, ChangeAtAnyMomentKeepsItsBitOrIsInTheBackup) {
             (void)::rename((path + ".new").c_str(), path.c_str());
         }};
     for (size_t which = 0; which < changes.size(); ++which) {
-        for (const size_t at : points(24)) {
+        for (const size_t at : points(16)) {
             const SweepScene scene;
             const std::string path = scene.tree + "/in/two", saved = scene.copy + "/in/two";
             faults::Plan plan{.action = faults::Plan::Action::meet, .at = at};
@@ -574,6 +585,42 @@ TEST_F(ArchiveBackupSweep, ChangeAtAnyMomentKeepsItsBitOrIsInTheBackup) {
             EXPECT_TRUE(hasBit(path) || there) << which << " " << name(at);
             EXPECT_EQ(0, runTool(scene.arguments()).status) << which << " " << name(at);
             EXPECT_EQ("", scene.unfinished()) << which << " " << name(at);
+            if (HasFailure()) {
+                return;
+            }
+        }
+    }
+}
+
+// Nor does a file elsewhere lose its bit, whoever leads the way there.
+TEST_F(ArchiveBackupSweep, DirectoryThatIsExchangedForALinkLeadsNowhere) {
+    for (const char *const where : {"/tree/in", "/copy/in"}) {
+        for (const size_t at : points(16)) {
+            const SweepScene scene;
+            const std::string elsewhere = scene.scratch / "elsewhere", place = scene.scratch.path() + where;
+            makeDirectory(elsewhere);
+            for (const char *name : {"/two", "/first"}) {
+                putChanged(elsewhere + name, kChanged.at(std::string("/in") + name));
+            }
+            const auto before = kit::Fingerprint::of(elsewhere);
+            std::set<std::string> ignored = {"accessed"};
+            if (std::string(where) == "/copy/in") {
+                ignored.insert("attributes"); // whoever gives a directory its store marks it as changed, by its name
+            }
+            faults::Plan plan{.action = faults::Plan::Action::meet, .at = at};
+            plan.meeting = [&] {
+                (void)::rename(place.c_str(), (scene.scratch / "aside").c_str());
+                (void)::symlink("../elsewhere", place.c_str());
+            };
+            EXPECT_FALSE(scene.supervised(plan).hung) << where << " " << name(at);
+            EXPECT_EQ("", before.differenceTo(kit::Fingerprint::of(elsewhere), ignored)) << where << " " << name(at);
+            const std::string was = kit::exists(scene.scratch / "aside") ? scene.scratch / "aside" : place;
+            const std::string saved = std::string(where) == "/tree/in" ? scene.copy + "/in" : was;
+            const std::string source = std::string(where) == "/tree/in" ? was : scene.tree + "/in";
+            for (const char *name : {"/two", "/first"}) {
+                EXPECT_TRUE(hasBit(elsewhere + name)) << where << " " << at;
+                EXPECT_TRUE(hasBit(source + name) || kit::exists(saved + name)) << where << " " << at;
+            }
             if (HasFailure()) {
                 return;
             }

@@ -11,6 +11,7 @@
 #include "tools/engine/walk/look.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
@@ -177,6 +178,16 @@ TEST_F(BitClearings, LinksAndPipesInItsPlaceLeadNowhere) {
     ASSERT_EQ(0, ::mkfifo((tree + "/in/file").c_str(), 0666));
     EXPECT_EQ("", clear());
     ASSERT_EQ(0, ::rename((tree + "/in/moved").c_str(), (tree + "/in/file").c_str()));
+    EXPECT_TRUE(isSet());
+}
+
+// As a file server does for a client that has it to itself.
+TEST_F(BitClearings, FileThatSomebodyHasToHimselfKeepsIt) {
+    const Descriptor file(::open((tree + "/in/file").c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(0, ::fcntl(file.get(), F_SETSIG, SIGURG));
+    ASSERT_EQ(0, ::fcntl(file.get(), F_SETLEASE, F_WRLCK));
+    EXPECT_EQ("stays: is held by another process", clear());
+    ASSERT_EQ(0, ::fcntl(file.get(), F_SETLEASE, F_UNLCK));
     EXPECT_TRUE(isSet());
 }
 

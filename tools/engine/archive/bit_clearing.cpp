@@ -100,7 +100,9 @@ void BitClearing::settle(const Group &group) {
     const std::string path = last.source.empty() ? m_source : joined(m_source, last.source);
     const Descriptor file = opened(last, O_RDONLY);
     if (file.get() < 0) {
-        if (errno != ENOENT) { // what is there no more has no bit
+        if (errno == EWOULDBLOCK) { // who has it to himself may write into it when he likes
+            m_observer.bit(path, BitFate::stays, "is held by another process");
+        } else if (errno != ENOENT) { // what is there no more has no bit
             m_observer.bit(path, BitFate::failed, fmt::format("cannot be opened: {}", std::strerror(errno)));
         }
         return;

@@ -132,7 +132,8 @@ void BackupRun::note(engine::EntryKind kind, const std::string &source, const en
                         engine::has_failing_loss(outcome, m_options.transfer.accepted);
     m_failures += failed ? 1 : 0;
     // Whether the names in it are on the disk is not known of a directory that was to be written out by itself.
-    m_written = m_written && !(directory && failed && m_options.transfer.sync == engine::Sync::file);
+    m_written = m_written && !(directory && outcome.status == engine::Status::failed &&
+                               m_options.transfer.sync == engine::Sync::file);
     const bool there =
         outcome.status == engine::Status::done || (outcome.status == engine::Status::skipped && outcome.same);
     if (!there || failed || !m_unlisted.empty() || (file && !outcome.proven)) {
