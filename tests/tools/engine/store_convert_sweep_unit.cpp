@@ -164,6 +164,9 @@ TEST_F(StoreConvertSweep, WhicheverCallFailsOneFormIsWholeAndTheNextRunFinishes)
     for (const Way &way : kWays) {
         const auto calls = calls_of(way);
         for (size_t at = 0; at < calls.size(); at += step(calls.size(), 30)) {
+            if (faults::nameOf(calls[at]) == "readlink" && calls[at].path.starts_with("/proc/self/fd/")) {
+                continue; // by which the double of a native volume knows its files
+            }
             for (const int error : faults::plausibleErrors(calls[at])) {
                 const SweepScene scene(way);
                 check(scene, supervised(scene, {faults::Plan::Action::fail, at, error, calls[at].number}),

@@ -199,6 +199,22 @@ TEST_F(StoreConvert, WhatTheNewFormCannotHoldStaysUnlessItIsAccepted) {
     }
 }
 
+// In a store anybody may write what he likes.
+TEST_F(StoreConvert, WhatAStoreHoldsGivesItsFileNoRights) {
+    const std::string capability("\1\0\0\2\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20); // to be anybody
+    for (const char *const name : {"security.capability", "trusted.mark", "system.posix_acl_access", "user.DOSATTRIB",
+                                   "user.netatalk.Metadata", "com.apple.FinderInfo", "com.apple.ResourceFork"}) {
+        const ConvertScene scene(StoreKind::ea_directory);
+        scene.with_stream("file", stream::bytes({{name, capability}, {"user.b", "b"}}));
+        EXPECT_EQ(1, scene.foreseen(StoreKind::native).left()) << name;
+        EXPECT_EQ(1, scene.convert(StoreKind::native).left()) << name;
+        const Converted told = scene.convert(StoreKind::native, *engine::loss_set("all"));
+        EXPECT_EQ(1, told.converted()) << name << told.reasons();
+        EXPECT_EQ("", kit::attribute(scene / "file", name)) << name;
+        EXPECT_EQ("b", kit::attribute(scene / "file", "user.b")) << name;
+    }
+}
+
 TEST_F(StoreConvert, CommentAndAfpAttributesComeIntoTheMetadataAttribute) {
     const ConvertScene scene(StoreKind::ea_directory);
     // Finder Info last, so that the fork follows it.

@@ -131,7 +131,14 @@ class DirectoryConversion {
     void remove_empty_stores() const {
         if (!to_directory() && !m_options.dryRun && m_names.contains("@eaDir")) {
             const KeepTimes keep(m_place.directory);
-            (void)::unlinkat(m_place.directory, "@eaDir", AT_REMOVEDIR);
+            if (::unlinkat(m_place.directory, "@eaDir", AT_REMOVEDIR) != 0) {
+                const int number = errno;
+                const Descriptor stores = open_stores(m_place.directory);
+                const auto names = stores.get() < 0 ? std::nullopt : names_in(stores.get());
+                if (names && names->empty()) {
+                    m_watcher.trouble(joined(m_place.path, "@eaDir"), std::strerror(number));
+                }
+            }
         }
     }
 

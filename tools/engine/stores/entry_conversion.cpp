@@ -59,14 +59,21 @@ bool same_forks(SeenAs &one, SeenAs &other) {
                [&](uint64_t offset, uint64_t length) { return other.contents().fork(offset, length); }, atOnce);
 }
 
-// Both are sorted by name. `some`: of the first only what is left may be there.
+// By name, of which there may be very many.
+std::vector<StoreContents::Attribute>::const_iterator attribute_in(const std::vector<StoreContents::Attribute> &sorted,
+                                                                   const std::string &name) {
+    const auto found = std::ranges::lower_bound(sorted, name, {}, &StoreContents::Attribute::name);
+    return found != sorted.end() && found->name == name ? found : sorted.end();
+}
+
+// `some`: of the first only what is left may be there.
 bool same_attributes(SeenAs &one, SeenAs &other, bool some) {
     const auto first = one.attributes(), second = other.attributes();
     if (!some && first.size() != second.size()) {
         return false;
     }
     return std::ranges::all_of(first, [&](const StoreContents::Attribute &attribute) {
-        const auto found = std::ranges::find(second, attribute.name, &StoreContents::Attribute::name);
+        const auto found = attribute_in(second, attribute.name);
         return found != second.end() && same_attribute(one, attribute, other, *found);
     });
 }
@@ -309,7 +316,7 @@ std::string EntryConversion::difference(SeenAs &old) {
 void EntryConversion::check_native_free() {
     const StoreContents &there = m_target->contents(), &wanted = m_resourceOf->contents();
     for (const StoreContents::Attribute &one : m_attributesOf->attributes()) {
-        const auto found = std::ranges::find(there.attributes(), one.name, &StoreContents::Attribute::name);
+        const auto found = attribute_in(there.attributes(), one.name);
         if (found != there.attributes().end() && !same_attribute(*m_attributesOf, one, *m_target, *found)) {
             throw Failure(fmt::format("it has an attribute {} of its own, which differs", displayed(one.name)));
         }
@@ -434,14 +441,13 @@ std::vector<Loss> EntryConversion::write_native(const std::string &file, bool ke
         }
     };
     for (const StoreContents::Attribute &one : m_attributesOf->attributes()) {
-        if (std::ranges::find(there.attributes(), one.name, &StoreContents::Attribute::name) !=
-            there.attributes().end()) {
+        if (attribute_in(there.attributes(), one.name) != there.attributes().end()) {
             continue;
         }
         const char *const word = word_of_attribute(one.name);
         const std::string lost = fmt::format("{} {}: only at the first, {} bytes", word, displayed(one.name), one.size);
         const LossClass cls = std::string_view(word) == "stream" ? LossClass::stream : LossClass::attribute;
-        if (one.size > kLargestNative) {
+        if (one.size > kLargestNative || !may_be_native(one.name)) {
             refused.push_back({cls, lost});
         } else {
             set(one.name, m_attributesOf->contents().value(one), cls, lost);

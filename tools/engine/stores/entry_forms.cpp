@@ -43,10 +43,14 @@ bool starts_as_double(int fd) {
            std::string_view(start.data(), start.size()) == kDoubleStart;
 }
 
+bool may_be_native(std::string_view name) {
+    constexpr std::string_view kOfTheSystem[] = {"security.", "trusted.", "system.", "osx."};
+    return !is_representation(name) && name != kMetadataName && name != kFinderInfoName && name != kResourceForkName &&
+           std::ranges::none_of(kOfTheSystem, [&](std::string_view prefix) { return name.starts_with(prefix); });
+}
+
 bool is_in_native_form(std::string_view name, bool everything) {
-    constexpr std::string_view kOwn[] = {"security.", "trusted.", "system.", "osx."};
-    return !is_representation(name) && name != kMetadataName && (everything || !name.starts_with("user.")) &&
-           std::ranges::none_of(kOwn, [&](std::string_view prefix) { return name.starts_with(prefix); });
+    return name == kFinderInfoName || (may_be_native(name) && (everything || !name.starts_with("user.")));
 }
 
 EntryForms::EntryForms(const StorePlace &place, std::string name, const std::set<std::string> &names,
