@@ -13,6 +13,7 @@
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/letter_case.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/units.h"
 
