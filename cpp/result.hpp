@@ -189,7 +189,8 @@ class Error : public std::runtime_error {
           m_line(left.line), m_path(std::make_shared<const std::filesystem::path>(path)) {}
 
     static std::string text(const detail::Left &left, const char *doing, const std::filesystem::path &path) {
-        std::string out = std::string(doing) + " " + detail::displayed(path.native()) + ": ";
+        std::string out = doing;
+        out += (path.empty() ? "" : " " + detail::displayed(path.native())) + ": ";
         const bool errnoTells = left.number != 0 && (left.code == Code::none || left.code == Code::other);
         if (left.code == Code::none) {
             return out + (errnoTells ? std::generic_category().message(left.number) : reason(left.code));

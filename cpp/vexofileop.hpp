@@ -12,7 +12,8 @@
 // docs/cpp.md is the guide. Link with vexofileop::vexofileop (CMake) or what pkg-config says.
 #pragma once
 
-#include "cpp/attributes.hpp" // IWYU pragma: export
-#include "cpp/copy.hpp"       // IWYU pragma: export
-#include "cpp/result.hpp"     // IWYU pragma: export
-#include "cpp/services.hpp"   // IWYU pragma: export
+#include "cpp/apple_double.hpp" // IWYU pragma: export
+#include "cpp/attributes.hpp"   // IWYU pragma: export
+#include "cpp/copy.hpp"         // IWYU pragma: export
+#include "cpp/result.hpp"       // IWYU pragma: export
+#include "cpp/services.hpp"     // IWYU pragma: export

@@ -24,19 +24,30 @@ install(TARGETS vexofileop EXPORT vexofileop
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libvexofileop7 NAMELINK_COMPONENT libvexofileop-dev)
 install(TARGETS ${VEXO_PLATFORM_LIBRARIES} EXPORT vexofileop
   LIBRARY DESTINATION "${VEXO_PLATFORM_LIBDIR}" COMPONENT libvexo-platform-linux NAMELINK_COMPONENT libvexofileop-dev)
+if(VEXO_PYTHON_PACKAGE)
+  set(binding_dir "${VEXO_PYTHONDIR}/vexofileop")
+  file(RELATIVE_PATH binding_to_platform "/${binding_dir}" "/${VEXO_PLATFORM_LIBDIR}")
+  file(RELATIVE_PATH binding_to_library "/${binding_dir}" "/${CMAKE_INSTALL_LIBDIR}")
+  set_target_properties(vexofileop_binding PROPERTIES
+    INSTALL_RPATH "$ORIGIN/${binding_to_platform};$ORIGIN/${binding_to_library}")
+  install(TARGETS vexofileop_binding LIBRARY DESTINATION "${binding_dir}" COMPONENT python3-vexofileop)
+  install(FILES "${CMAKE_SOURCE_DIR}/docs/python.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-vexofileop"
+    COMPONENT python3-vexofileop)
+endif()
 install(TARGETS vexofileop_tool RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT vexofileop)
 
 # In the tree the headers name each other from its root; installed, all stand in one directory of their own.
 set(header_dir "${CMAKE_BINARY_DIR}/include")
 foreach(header IN ITEMS copy/copy.h ea/ea.h index/index.h backup/backup.h notify/notify.h
                         platform/core.h platform/sdk.h platform/acl.h
-                        cpp/vexofileop.hpp cpp/result.hpp cpp/copy.hpp cpp/attributes.hpp cpp/services.hpp)
+                        cpp/vexofileop.hpp cpp/result.hpp cpp/copy.hpp cpp/attributes.hpp cpp/apple_double.hpp
+                        cpp/services.hpp)
   string(REGEX REPLACE "^(copy|ea|index|backup|notify)/" "" installed "${header}")
   string(REPLACE "cpp/vexofileop.hpp" "vexofileop.hpp" installed "${installed}")
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/${header}")
   file(READ "${CMAKE_SOURCE_DIR}/${header}" text)
   string(REGEX REPLACE "#include \"(copy|ea|index|backup|notify)/([a-z]+\\.h)\"" "#include <vexofileop/\\2>" text "${text}")
-  string(REGEX REPLACE "#include \"(platform|cpp)/([a-z]+\\.h(pp)?)\"" "#include <vexofileop/\\1/\\2>" text "${text}")
+  string(REGEX REPLACE "#include \"(platform|cpp)/([a-z_]+\\.h(pp)?)\"" "#include <vexofileop/\\1/\\2>" text "${text}")
   if(text MATCHES "#include \"")
     message(FATAL_ERROR "${header} includes a header that is not installed")
   endif()

@@ -3,6 +3,9 @@
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL libvexofileop7 libvexofileop-dev vexofileop libvexo-platform-linux)
+if(VEXO_PYTHON_PACKAGE)
+  list(APPEND CPACK_COMPONENTS_ALL python3-vexofileop)
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES OFF) # the debug symbols go into packages of their own, which strips
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -57,6 +60,21 @@ set(CPACK_COMPONENT_LIBVEXO-PLATFORM-LINUX_DESCRIPTION
 Last error, key/value files, ACLs, volumes and shared folders as libvexofileop
 asks for them, in a private directory: an appliance's own libraries of these
 names stay in use by everything else.")
+
+# What it calls of cffi is told by a number, that of the declarations. The scripts compile its modules and remove what
+# that has made, so that nothing of it stays.
+set(cffi 9729)
+set(CPACK_DEBIAN_PYTHON3-VEXOFILEOP_PACKAGE_NAME python3-vexofileop)
+set(CPACK_DEBIAN_PYTHON3-VEXOFILEOP_PACKAGE_SECTION python)
+string(CONCAT CPACK_DEBIAN_PYTHON3-VEXOFILEOP_PACKAGE_DEPENDS "libvexofileop7 ${same}, python3 (>= 3.9), "
+  "python3-cffi-backend-api-min (<= ${cffi}), python3-cffi-backend-api-max (>= ${cffi})")
+set(CPACK_DEBIAN_PYTHON3-VEXOFILEOP_PACKAGE_CONTROL_EXTRA
+  "${CMAKE_CURRENT_LIST_DIR}/debian/python3-vexofileop/postinst;${CMAKE_CURRENT_LIST_DIR}/debian/python3-vexofileop/prerm")
+set(CPACK_COMPONENT_PYTHON3-VEXOFILEOP_DESCRIPTION
+  "Python package that copies files with everything that belongs to them
+Copies, moves, compares and removes files and trees as shutil does, with owner,
+ACL, DOS attributes, times, Finder Info, resource fork and named streams; plans
+and receipts, named attributes as a mapping, the resource fork as a file.")
 
 # Every package has its licence notice and its changes.
 find_program(GZIP gzip REQUIRED)

@@ -186,18 +186,18 @@ Volume Volume::loop(const std::string &type, uint64_t bytes, const std::string &
     return {path, image, path};
 }
 
-Volume Volume::fuse(const std::string &type, uint64_t bytes) {
+Volume Volume::fuse(const std::string &type, uint64_t bytes, const std::string &options) {
     enterPrivateMounts();
     const std::string image = newImage(maker_of(type), bytes);
-    const std::string path = newDirectory();
+    const std::string path = newDirectory(), more = options.empty() ? "" : " -o " + options;
     try {
         if (type == "exfat-fuse") { // takes block devices only
             const std::string device = loopDevice(image);
-            Volume volume(path, image, path, drive("mount.exfat-fuse -d " + device + " " + path, path));
+            Volume volume(path, image, path, drive("mount.exfat-fuse -d" + more + " " + device + " " + path, path));
             run("losetup -d " + device); // when its last user ends
             return volume;
         }
-        return {path, image, path, drive(type + " -o no_detach " + image + " " + path, path)};
+        return {path, image, path, drive(type + " -o no_detach" + more + " " + image + " " + path, path)};
     } catch (...) {
         ::unlink(image.c_str());
         ::rmdir(path.c_str());

@@ -33,7 +33,7 @@ class Volume {
     static Volume loop(const std::string &type, uint64_t bytes, const std::string &mkfsOptions = {},
                        const std::string &mountOptions = {});
     // The same of a driver that is a program: "ntfs-3g" or "exfat-fuse".
-    static Volume fuse(const std::string &type, uint64_t bytes);
+    static Volume fuse(const std::string &type, uint64_t bytes, const std::string &options = {});
     // A directory once more through a program (bindfs), which keeps nothing of its own.
     static Volume mirror(const std::string &directory);
     // A writable layer over a directory of the machine (such as "/etc"), so that a test can put files there.

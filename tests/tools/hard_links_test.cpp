@@ -124,6 +124,25 @@ TEST_F(HardLinks, EachNameKeepsItsStore) {
     }
 }
 
+// The kernel renames no name to another one of the same file, and leaves both.
+TEST_F(HardLinks, NameThatIsThereAlreadyGetsItsStoreAndLeavesNothingBeside) {
+    KIT_NEEDS_TO_MAKE_STORES();
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/one", "note", "of both"}).status);
+    expectQuiet(runTool({"copy", tree + "/one", tree + "/zz", to}));
+    kit::writeFile(tree + "/@eaDir/zz@VexoEAStream", kit::readFile(tree + "/@eaDir/one@VexoEAStream"));
+    for (const kit::Arguments &command : {kit::Arguments{"plan", "copy"}, {"copy"}}) {
+        kit::Arguments arguments = command;
+        arguments.insert(arguments.end(), {"-uv", tree + "/one", tree + "/zz", to});
+        const ToolResult result = runTool(arguments);
+        EXPECT_EQ(0, result.status) << result.err;
+        EXPECT_FALSE(mentions(result.out + result.err, "content")) << result.out << result.err;
+    }
+    EXPECT_EQ("of both", runTool({"ea", "get", to + "/zz", "note"}).out);
+    EXPECT_TRUE(areOne(to + "/one", to + "/zz"));
+    EXPECT_EQ(2U, kit::statOf(to + "/one").st_nlink);
+    EXPECT_EQ((std::vector<std::string>{"@eaDir", "one", "zz"}), kit::namesIn(to));
+}
+
 TEST_F(HardLinks, StayOnTheWayToAnotherVolume) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     const ino_t elsewhere = kit::statOf(tree + "/one").st_ino;

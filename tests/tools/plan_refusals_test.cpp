@@ -10,7 +10,9 @@
 #include <linux/fs.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -192,6 +194,28 @@ TEST_F(PlanRefusals, TimesThatExfatDoesNotKeepAreLost) {
         EXPECT_EQ("content", kit::readFile(from + "/file"));
         EXPECT_TRUE(mentions(runTool({"compare", from + "/file", volume / "file"}).out, "(modification-time)"));
     }
+}
+
+// Who may not read the device asks what the machine has noted of it when it came.
+TEST_F(PlanRefusals, TimesThatExfatDoesNotKeepAreLostToEverybody) {
+    KIT_REQUIRE(volume, kit::Volume::fuse("exfat-fuse", 64 << 20, "uid=65534"));
+    const timespec times[] = {{157'766'400, 0}, {157'766'400, 0}}; // 1975
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/file").c_str(), times, 0));
+    const dev_t device = kit::statOf(volume.path()).st_dev;
+    const std::string notes = "/run/udev/data",
+                      note = notes + "/b" + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+    ASSERT_EQ(0, ::mount("none", "/run", "tmpfs", 0, nullptr)); // in this process' own tree of mounts
+    for (const char *directory : {"/run/udev", "/run/udev/data"}) {
+        ASSERT_EQ(0, ::mkdir(directory, 0755));
+    }
+    kit::writeFile(note, "S:disk/by-label/X\nE:ID_FS_TYPE=exfat\nG:systemd\n", 0644);
+    const ToolSetting nobody{.user = kNobody};
+    expect(1, {"copy", "-f", "--accept", "owner,group,mode,creation-time", from + "/file", volume.path()},
+           "1 modification time not kept", nobody);
+    const auto told = [&] { return runTool({"compare", from + "/file", volume / "file"}, nobody).out; };
+    EXPECT_TRUE(mentions(told(), "(modification-time)"));
+    ASSERT_EQ(0, ::umount2("/run", MNT_DETACH));
+    EXPECT_FALSE(mentions(told(), "(modification-time)"));
 }
 
 TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {

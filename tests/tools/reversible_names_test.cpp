@@ -289,6 +289,27 @@ TEST_F(ReversibleNames, GoWithFilesThatAreNamedAndBelowPaths) {
     EXPECT_TRUE(kit::readFile(copy + kList).starts_with("vexofileop names 1\n"));
 }
 
+// Under the long name the store would be lost.
+TEST_F(ReversibleNames, WhatIsKeptForALongNameGoesWithTheShortOne) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    callItFat(volume.path());
+    const std::string name(255, 'n');
+    ASSERT_EQ(0, ::mkdir(tree.c_str(), 0755));
+    make(name);
+    ASSERT_EQ(0, runTool({"ea", "set", tree + "/" + name, "com.example.note", "note"}).status);
+    const ToolResult planned =
+        runTool({"plan", "copy", "-r", "--names=reversible", "--accept", "fat", tree, volume.path()});
+    const ToolResult there = run("copy", {"-r", tree, volume.path()});
+    const ToolResult compared = run("compare", {tree, volume / "tree"});
+    const ToolResult back = run("copy", {"-r", volume / "tree", scratch / "back"});
+    for (const ToolResult &told : {planned, there, compared, back}) {
+        EXPECT_EQ(0, told.status) << told.out << told.err;
+        EXPECT_FALSE(mentions(told.out + told.err, "name-too-long")) << told.out << told.err;
+    }
+    const ToolResult note = runTool({"ea", "get", scratch / ("back/" + name), "com.example.note"});
+    EXPECT_TRUE(mentions(note.out, "note")) << note.err;
+}
+
 TEST_F(ReversibleNames, WithoutTheOptionAListIsAFileAndVolumesThatTakeNamesGetNone) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
     callItFat(volume.path());

@@ -198,4 +198,64 @@ TEST_F(StoreCommand, TreesOfAnyDepthAreGoneThrough) {
     EXPECT_TRUE(mentions(result.out, "(store-empty)"));
 }
 
+// The volume is said to be of one kind all the time.
+TEST_F(StoreCommand, ConversionTellsWhatItDoesAndWhatItLeaves) {
+    with_stream("/below", "file", sound);
+    ToolResult result = store({"convert", "-n", "--to", "double", tree});
+    EXPECT_EQ(4, result.status) << "a fork in a stream is read nowhere";
+    EXPECT_TRUE(mentions(result.out, tree + "/sound: left: its attribute stream has a Finder Info or a resource fork"))
+        << result.out;
+    EXPECT_TRUE(mentions(result.out, "1 stores in 1 directories: 0 would be converted, 1 left\n")) << result.out;
+
+    with_stream("", "sound", stream::bytes({{"note", "text"}}));
+    with_stream("/below", "file", stream::bytes({{"note", "text"}}));
+    result = store({"convert", "-r", "--to=double", tree, "--report", "report.html"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(tree + "/sound: converted from eadir to double\n" + tree +
+                  "/below/file: converted from eadir to double\n2 stores in 2 directories: 2 converted, 0 left\n",
+              result.out);
+    EXPECT_EQ(stream::bytes({{"note", "text"}}), kit::readFile(tree + "/below/._file"));
+    EXPECT_TRUE(mentions(kit::readFile(scratch / "report.html"), "sound: converted from eadir to double"));
+    result = store({"convert", "-rq", "--to=native", tree});
+    EXPECT_EQ(4, result.status);
+    EXPECT_EQ("", result.out);
+    EXPECT_TRUE(mentions(result.err, "keeps the old one; --accept stream gives it up")) << result.err;
+    result = store({"convert", "-r", "--json", "--to=native", "--accept=stream", tree, scratch / "none"});
+    EXPECT_EQ(8, result.status) << result.out;
+    EXPECT_TRUE(mentions(result.out, R"("event":"loss","class":"stream","severity":"lost")")) << result.out;
+    EXPECT_TRUE(mentions(result.out, R"("stores":2,"converted":2,"convertible":0,"left":0,"troubles":1)"))
+        << result.out;
+    for (const kit::Arguments &words : std::vector<kit::Arguments>{
+             {"convert", tree}, {"convert", "--to", "fat", tree}, {"convert", "--to", "native"}}) {
+        EXPECT_EQ(16, store(words).status) << words.back();
+    }
+}
+
+// Held against a copy from before, by the comparison of the tool.
+TEST_F(StoreCommand, ConvertedTreeIsWhatItWas) {
+    const std::string backup = scratch / "backup";
+    const auto be = [&](int type) {
+        ::setenv("VEXOFILEOP_FSTYPES", (tree + "=" + std::to_string(type) + ":" + backup + "=2").c_str(), 1);
+    };
+    be(2);
+    with_stream("/below", "file", stream::bytes({{"user.note", "text"}}));
+    with_stream("", "sound", stream::bytes({{"user.long", std::string(1000, 'l')}, {"user.note", "other"}}));
+    kit::setAttribute(tree + "/sound", "user.netatalk.Metadata", adouble_bytes::metadata().replace(122, 8, "TEXTttxt"));
+    kit::setAttribute(tree + "/below", "user.own", "of the directory itself");
+    ASSERT_EQ(0, runTool({"copy", "-r", tree, backup}).status);
+    struct Step {
+        const char *to;
+        int type;
+    };
+    for (const Step &step : {Step{"double", 5}, {"native", 7}, {"eadir", 1}, {"fileea", 2}}) {
+        const ToolResult result =
+            store({"convert", "-r", "--to", step.to, "--accept", "finder-info", tree}); // of a stock kernel, natively
+        EXPECT_EQ(0, result.status) << step.to << result.out << result.err;
+        be(step.type);
+        const ToolResult compared = runTool({"compare", "--ignore", "finder-info", tree, backup});
+        EXPECT_EQ(0, compared.status) << step.to << compared.out << compared.err;
+        EXPECT_EQ(0, store({"check", "-r", tree}).status) << step.to;
+    }
+}
+
 } // namespace

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 namespace {
 
 using kit::Arguments;
+using kit::mentions;
 using kit::runTool;
 using kit::ToolOnTerminal;
 using kit::ToolResult;
@@ -26,16 +28,27 @@ Arguments joined(Arguments one, const Arguments &other) {
     return one;
 }
 
+// A command is the last word of its column: what it is for may stand before it.
+std::string lastWord(std::string text) {
+    text.erase(text.find_last_not_of(' ') + 1);
+    return text.substr(text.rfind(' ') + 1);
+}
+
 // The commands that a help text names, and then theirs.
 void forEachCommand(const Arguments &command, const std::function<void(const Arguments &, const std::string &)> &task) {
     const ToolResult help = runTool(joined(command, {"--help"}));
     ASSERT_EQ(0, help.status);
+    std::string usage = "\nUsage: vexofileop";
+    for (const std::string &word : command) {
+        usage += " " + word;
+    }
+    ASSERT_TRUE(mentions(help.out, usage)) << usage << " is what nothing is called";
     task(command, help.out);
     std::istringstream lines(help.out);
     bool listed = false;
     for (std::string line; std::getline(lines, line);) {
         if (listed && line.starts_with("  ")) {
-            forEachCommand(joined(command, {line.substr(2, line.find(' ', 2) - 2)}), task);
+            forEachCommand(joined(command, {lastWord(line.substr(0, 24))}), task);
         }
         listed = line == "Subcommands:" || (listed && !line.empty());
     }
@@ -61,6 +74,51 @@ TEST(Usage, HelpOfEveryCommandFitsAScreenAndHasAnExampleOfIt) {
         EXPECT_NE(std::string::npos, help.find("Usage: " + name)) << help;
     });
     EXPECT_GT(seen, 25);
+}
+
+// Whatever can be done stands under one task, itself or what it is a command of; and nothing else does.
+TEST(Usage, HelpListsEveryCommandOnceByItsTask) {
+    const ToolResult page = runTool({"help"});
+    ASSERT_EQ(0, page.status) << page.err;
+    std::map<std::string, int> listed; // how often a command of the program was found under it
+    std::istringstream lines(page.out);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 79U) << line;
+        if (line.starts_with("  ")) {
+            const std::string name = line.substr(2, line.find("  ", 2) - 2);
+            EXPECT_TRUE(listed.try_emplace(name, 0).second) << name << " stands there twice";
+        }
+    }
+    forEachCommand({}, [&](const Arguments &command, const std::string &help) {
+        std::string name;
+        int found = 0;
+        for (const std::string &word : command) {
+            name += (name.empty() ? "" : " ") + word;
+            const auto at = listed.find(name);
+            found += at == listed.end() ? 0 : 1;
+            at == listed.end() ? 0 : ++at->second;
+        }
+        const bool hasCommands = mentions(help, "\nSubcommands:\n");
+        EXPECT_TRUE(found == 1 || (found == 0 && hasCommands)) << name << " is under " << found << " tasks";
+    });
+    EXPECT_GT(listed.size(), 25U);
+    for (const auto &[name, commands] : listed) {
+        EXPECT_GT(commands, 0) << name << " is no command";
+    }
+}
+
+TEST(Usage, HelpOfACommandIsItsOwn) {
+    for (const Arguments &command : {Arguments{"copy"}, {"store", "check"}, {"plan", "mirror"}, {"ea"}, {"help"}}) {
+        const ToolResult asked = runTool(joined({"help"}, command));
+        EXPECT_EQ(0, asked.status) << asked.err;
+        EXPECT_EQ(runTool(joined(command, {"--help"})).out, asked.out);
+        EXPECT_EQ("", asked.err);
+    }
+    const ToolResult wrong = runTool({"help", "cpoy"});
+    EXPECT_EQ(2, wrong.status);
+    EXPECT_EQ("", wrong.out);
+    EXPECT_NE(std::string::npos, wrong.err.find("unknown command \"cpoy\"; did you mean \"copy\"?")) << wrong.err;
+    EXPECT_EQ(2, runTool({"help", "copy", "film"}).status);
 }
 
 // ---- Lists of paths
@@ -165,6 +223,7 @@ TEST_F(ListedPaths, CtrlCWhileTheListIsAwaitedStops) {
 // Commands whose output is long or short, lines or bytes.
 std::vector<Arguments> talkative(const std::string &file) {
     return {{"--help"},
+            {"help"},
             {"--version"},
             {"copy", "--help"},
             {"explain"},

@@ -26,20 +26,32 @@ struct NamedCommand {
     int usage = exitUsage; // the status for a command line that makes no sense
 };
 
+// In the order in which people come to need them: to see, to do, to mend, and the rest.
 constexpr NamedCommand kCommands[] = {
-    {"copy", add_copy_command},         {"move", add_move_command},       {"remove", add_remove_command},
-    {"mirror", add_mirror_command},     {"compare", add_compare_command}, {"plan", add_plan_command},
-    {"relocate", add_relocate_command}, {"ea", add_ea_command},           {"store", add_store_command, exitStoreUsage},
-    {"reflink", add_reflink_command},   {"archive", add_archive_command}, {"index", add_index_command},
-    {"notify", add_notify_command},     {"explain", add_explain_command},
+    {"plan", add_plan_command},
+    {"compare", add_compare_command},
+    {"index", add_index_command},
+    {"copy", add_copy_command},
+    {"move", add_move_command},
+    {"mirror", add_mirror_command},
+    {"relocate", add_relocate_command},
+    {"remove", add_remove_command},
+    {"backup", add_backup_command},
+    {"archive", add_archive_command},
+    {"ea", add_ea_command},
+    {"store", add_store_command, exitStoreUsage},
+    {"reflink", add_reflink_command},
+    {"notify", add_notify_command},
+    {"explain", add_explain_command},
+    {"help", add_help_command},
 };
 
 // The command that the command line begins with is added alone: the options of all take longer to set up than a rename.
-// Whatever else it begins with is for the parser, which knows all of them.
+// Whatever else it begins with is for the parser, which knows all of them, and so does "help".
 const NamedCommand *named_command(int argc, const char *const *argv) {
     const auto *const named =
         argc > 1 ? std::ranges::find(kCommands, std::string_view(argv[1]), &NamedCommand::name) : std::end(kCommands);
-    return named == std::end(kCommands) ? nullptr : named;
+    return named == std::end(kCommands) || named->add == add_help_command ? nullptr : named;
 }
 
 void add_commands(const Command &program, const NamedCommand *named, int &status) {
@@ -51,6 +63,7 @@ void add_commands(const Command &program, const NamedCommand *named, int &status
     for (const NamedCommand &command : kCommands) {
         command.add(program, status);
     }
+    label_commands(program);
 }
 
 void refuse(const Parser &parser, const std::string &reason) {
@@ -68,7 +81,7 @@ int run(int argc, char **argv) {
     const Parser parser({.name = "vexofileop",
                          .description = "Copies, moves and inspects files with everything that belongs to them.",
                          .version = "vexofileop " VEXOFILEOP_VERSION,
-                         .footer = "\nExample (vexofileop copy --help says more): vexofileop copy film.mkv /volume2/"});
+                         .footer = "\nExample (vexofileop help copy says more): vexofileop copy film.mkv /volume2/"});
     int status = exitAll;
     const NamedCommand *const named = named_command(argc, argv);
     add_commands(parser.program(), named, status);

@@ -128,6 +128,14 @@ std::string Scene::lost() const {
     return missing + (whole || there.contains(content("old")) ? "" : "the old one is gone before the new one stands; ");
 }
 
+std::string Scene::leftBehind() const {
+    std::string found;
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(m_destinationVolume)) {
+        found += entry.path().filename().string().starts_with(".vexofileop-") ? entry.path().string() + "; " : "";
+    }
+    return found;
+}
+
 std::string Scene::unfinished() const {
     std::string wrong = kit::Fingerprint::of(m_to, {"@eaDir"})
                             .differenceTo(m_before, {"accessed", "attributes", "holes", "created", "xattrs"});

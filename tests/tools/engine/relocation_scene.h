@@ -49,6 +49,8 @@ class Scene {
     std::string lost() const;
     // The destination is what the source was, and nothing is beside it. Empty, or what is not so.
     std::string unfinished() const;
+    // Entries below the destination that stand under private names.
+    std::string leftBehind() const;
 
   private:
     std::string m_sourceVolume, m_destinationVolume, m_from, m_to;

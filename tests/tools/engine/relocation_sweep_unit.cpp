@@ -143,8 +143,8 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
         EXPECT_TRUE(WIFEXITED(outcome.status)) << point;
         EXPECT_NE(kThrown, *m_end) << point;
         if (*m_end == static_cast<int>(RelocationEnd::done)) {
-            // Nobody can guard against a file system that says of what is there that it is not: only losses count then.
-            EXPECT_TRUE(plans[index].error == ENOENT || now.unfinished().empty()) << point << "\n" << now.unfinished();
+            EXPECT_EQ("", now.unfinished()) << point;
+            EXPECT_EQ("", now.leftBehind()) << point;
         } else {
             expectFinishedAgain(now, point);
         }

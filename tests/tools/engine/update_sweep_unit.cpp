@@ -61,23 +61,26 @@ std::string update(const Way &way, const std::string &source, const std::string 
     if (!way.relative) {
         transfer.run(source, destination);
     } else {
-        for (const std::string &name : names_at(source, names)) {
+        for (const std::string &name : names) {
+            const bool gone = !kit::exists(source + "/" + name); // which is told, as of any name that is not there
+            const std::string before = watcher.told.text;
             transfer.run_below(source, destination, name, {.trees = true});
+            watcher.told.text = gone ? before : watcher.told.text;
         }
         transfer.leave();
     }
     return watcher.told.text;
 }
 
-// Of a move that was stopped the source no longer tells which names went that were one file with others, and of one of
-// listed names not when its directories were changed last. Nobody gives times to the directory that those are below.
+// Of a move that was stopped the source no longer tells which names went that were one file with others. Nobody gives
+// times to the directory that listed names are below.
 class Differences : public ComparisonObserver {
   public:
     Differences(bool stoppedMove, std::string unlisted) : m_move(stoppedMove), m_unlisted(std::move(unlisted)) {}
     bool stopped() const override { return false; }
     void loss(const std::string &first, const std::string &, const Loss &loss) override {
         const bool time = loss.cls == LossClass::modification_time && S_ISDIR(kit::statOf(first).st_mode);
-        const bool unknown = (m_move && ((time && !m_unlisted.empty()) || loss.cls == LossClass::hard_link)) ||
+        const bool unknown = (m_move && loss.cls == LossClass::hard_link) ||
                              (first == m_unlisted && (time || loss.cls == LossClass::creation_time));
         text += unknown ? "" : displayed(first) + ": " + loss.detail + "\n";
     }

@@ -111,6 +111,9 @@ class AttributeComparison {
                (native && item.stored != nullptr);
     }
     void only_first(const Item &item) {
+        if (m_findings.options.rest && item.name == kMetadataName) {
+            return; // of one entry that is read as two kinds
+        }
         if (may_be_elsewhere(item)) {
             if (const Item *elsewhere = m_second.find(item.name, item.stored == nullptr)) {
                 return compare(item, *elsewhere);
@@ -126,8 +129,8 @@ class AttributeComparison {
         }
     }
     void only_second(const Item &item) {
-        if (m_first.find(item.name, item.stored == nullptr) != nullptr || item.name == kMetadataName ||
-            item.name == "user.DOSATTRIB") {
+        if (m_findings.options.rest || m_first.find(item.name, item.stored == nullptr) != nullptr ||
+            item.name == kMetadataName || item.name == "user.DOSATTRIB") {
             return; // compared with that; or how another volume kept what was compared
         }
         try {
@@ -223,6 +226,9 @@ void compare_afp(const StoreContents &one, const StoreContents &other, Findings 
 void compare_forks(const EntryView &first, const StoreContents &one, const EntryView &second,
                    const StoreContents &other, Findings &findings) {
     const uint64_t size = one.fork_size();
+    if (findings.options.rest && size == 0) {
+        return;
+    }
     const bool native = first.volume().store == StoreKind::native || second.volume().store == StoreKind::native;
     findings.attempt("resource fork", [&] {
         const bool read = size == other.fork_size() && (findings.options.data || size <= kShortValue);
@@ -272,7 +278,8 @@ void compare_attributes(EntryView &one, EntryView &other, Findings &findings) {
 
 void compare_stores(EntryView &one, EntryView &other, Findings &findings) {
     const StoreContents &first = one.contents(), &second = other.contents();
-    if (first.finder_info() != second.finder_info()) {
+    const bool gone = findings.options.rest && first.finder_info().empty();
+    if (!gone && first.finder_info() != second.finder_info()) {
         findings.add(LossClass::finder_info, "Finder Info differs");
     }
     compare_forks(one, first, other, second, findings);

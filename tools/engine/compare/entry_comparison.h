@@ -15,6 +15,7 @@ struct CompareOptions {
     bool data = false;  // content, and values of any length, are read; else sizes and short values decide
     bool times = true;  // modification and creation time
     bool begun = false; // some of `a` was removed already: times of directories in "@eaDir" say nothing
+    bool rest = false;  // of what `a` keeps only some may be left: what only `b` keeps is no difference
     bool costs = false; // what only takes more room: holes that were filled, links that became files
     // A symbolic link is not read where that would change its access time: one of the same length is taken for the
     // same.

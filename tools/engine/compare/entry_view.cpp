@@ -193,8 +193,9 @@ std::optional<std::string> EntryView::attribute(const std::string &name) const {
 const StoreContents &EntryView::contents() {
     if (m_contents == nullptr) {
         const bool keeps = S_ISREG(type()) || S_ISDIR(type());
-        m_contents = std::make_unique<StoreContents>(StoreContents::Place{
-            m_side.directory, m_side.name, m_file, keeps ? volume().store : StoreKind::none, volume().noDirectory});
+        m_contents = std::make_unique<StoreContents>(StoreContents::Place{m_side.directory, m_side.name, m_file,
+                                                                          keeps ? volume().store : StoreKind::none,
+                                                                          volume().noDirectory, volume().noForks});
     }
     return *m_contents;
 }

@@ -129,7 +129,8 @@ Loss kept_loss(const Loss &loss, const std::string &path) {
     const bool content =
         loss.cls == LossClass::data || loss.cls == LossClass::symbolic_link || loss.cls == LossClass::special_file;
     return {content ? LossClass::not_carried : loss.cls,
-            fmt::format("kept in \"@eaDir\"{}{}: {}", path.empty() ? "" : ", ", displayed(path), loss.detail)};
+            fmt::format("kept in \"@eaDir\"{}{}: {}", path.empty() ? "" : ", ", displayed(path), loss.detail),
+            loss.number};
 }
 
 Loss kept_loss(const struct stat &found, const std::string &path) {

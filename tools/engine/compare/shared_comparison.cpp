@@ -83,7 +83,7 @@ class ComparisonWorker : public Worker {
 
 class ComparisonOverseer : public Overseer {
   public:
-    explicit ComparisonOverseer(ComparisonObserver &observer) : m_observer(observer) {}
+    ComparisonOverseer(ComparisonObserver &observer, LinkedNames *names) : m_observer(observer), m_names(names) {}
 
     bool stopped() const override { return m_observer.stopped(); }
 
@@ -95,10 +95,19 @@ class ComparisonOverseer : public Overseer {
 
     std::optional<std::string> asked(uint64_t, std::string_view record) override {
         RecordReader reader(record);
-        const Inode first = read_inode(reader), second = read_inode(reader);
-        const LinkedPairs::Known known = m_links.meet(first, second, reader.text());
-        return RecordWriter().number(known.compared).text(known.becomes).bytes();
+        LinkedName name;
+        name.first = read_inode(reader);
+        name.second = read_inode(reader);
+        name.names = reader.number<uint64_t>();
+        name.arrived = reader.number<uint64_t>();
+        name.path = reader.text();
+        name.otherPath = reader.text();
+        name.bytes = reader.number<int64_t>();
+        const bool compared = (m_names == nullptr ? m_links : *m_names).meet(name, tell_apart());
+        return RecordWriter().number(compared).bytes();
     }
+    // All names that are at both were met.
+    void finish() { m_links.finish(tell_apart()); }
 
     // The names of a job are gone through in their order.
     bool lost(uint64_t worker, std::string_view text, const std::string &begun, const std::string &reason) override {
@@ -126,6 +135,11 @@ class ComparisonOverseer : public Overseer {
     void gone(uint64_t worker) override { m_last.erase(worker); }
 
   private:
+    LinkedNames::Tell tell_apart() {
+        return [this](const std::string &first, const std::string &second, const Loss &loss) {
+            m_observer.loss(first, second, loss);
+        };
+    }
     void tell_on(uint64_t worker, RecordReader &reader) {
         switch (reader.number<Event>()) {
         case Event::loss: {
@@ -160,7 +174,8 @@ class ComparisonOverseer : public Overseer {
     }
 
     ComparisonObserver &m_observer;
-    LinkedPairs m_links = {};
+    LinkedNames *m_names;
+    LinkedNames m_links = {};
     std::map<uint64_t, std::string> m_last = {}; // what each worker has compared
 };
 
@@ -194,28 +209,32 @@ size_t ComparisonJob::size_of(const std::pair<std::string, std::string> &names) 
     return names.first.size() + names.second.size() + 2 * sizeof(uint32_t);
 }
 
-bool share_comparison(Job job, const Hands &hands, ComparisonObserver &observer, const CompareJob &compare) {
-    ComparisonOverseer overseer(observer);
+bool share_comparison(Job job, const Hands &hands, ComparisonObserver &observer, LinkedNames *names,
+                      const CompareJob &compare) {
+    ComparisonOverseer overseer(observer, names);
     WorkerPool pool(
         hands, [&compare] { return std::make_unique<ComparisonWorker>(compare); }, overseer);
     if (!pool.start()) {
         return false;
     }
     (void)pool.run(std::move(job));
+    overseer.finish();
     return true;
 }
 
-LinkedPairs::Known ask_for_links(Crew &crew, const Inode &first, const Inode &second, const std::string &path) {
+bool ask_for_links(Crew &crew, const LinkedName &name) {
     const std::string answer = crew.ask(RecordWriter()
-                                            .number(first.first)
-                                            .number(first.second)
-                                            .number(second.first)
-                                            .number(second.second)
-                                            .text(path)
+                                            .number(name.first.first)
+                                            .number(name.first.second)
+                                            .number(name.second.first)
+                                            .number(name.second.second)
+                                            .number(name.names)
+                                            .number(name.arrived)
+                                            .text(name.path)
+                                            .text(name.otherPath)
+                                            .number(name.bytes)
                                             .bytes());
-    RecordReader reader(answer);
-    const auto compared = reader.number<bool>();
-    return {.compared = compared, .becomes = reader.text()};
+    return RecordReader(answer).number<bool>();
 }
 
 void begin_pair(Crew &crew, const std::string &path, const std::string &otherPath) {

@@ -2,7 +2,7 @@
 // from one of them, and names of one file are known to that one.
 #pragma once
 
-#include "tools/engine/compare/linked_pairs.h"
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/tree_comparison.h"
 #include "tools/engine/workers/crew.h"
 #include "tools/engine/workers/hands.h"
@@ -39,11 +39,12 @@ struct ComparisonJob {
 // What a worker does with a job.
 using CompareJob = std::function<void(Job job, ComparisonObserver &observer, Crew &crew)>;
 
-// False, with errno: there is no process to do it.
-bool share_comparison(Job job, const Hands &hands, ComparisonObserver &observer, const CompareJob &compare);
+// False, with errno: there is no process to do it. `names`: of several comparisons; else all are told.
+bool share_comparison(Job job, const Hands &hands, ComparisonObserver &observer, LinkedNames *names,
+                      const CompareJob &compare);
 
-// In a worker: of a file with several names.
-LinkedPairs::Known ask_for_links(Crew &crew, const Inode &first, const Inode &second, const std::string &path);
+// In a worker: of a file with several names, whether the two were compared under another one.
+bool ask_for_links(Crew &crew, const LinkedName &name);
 // In a worker: what is begun now.
 void begin_pair(Crew &crew, const std::string &path, const std::string &otherPath);
 

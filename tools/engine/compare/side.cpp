@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <fstream>
 #include <iterator>
 #include <string_view>
 #include <sys/stat.h>
@@ -57,8 +58,21 @@ std::string text_of(int directory) {
     return same ? path : std::string();
 }
 
-// Whether it is FAT or exFAT that a program drives, by the first bytes of the device. Who may not read those believes
-// the driver.
+// What the machine has found out of a device when it came, which everybody may read; empty where nobody has.
+std::string noted_type(const struct stat &found) {
+    constexpr std::string_view wanted = "E:ID_FS_TYPE=";
+    std::ifstream notes("/run/udev/data/b" + std::to_string(major(found.st_dev)) + ":" +
+                        std::to_string(minor(found.st_dev)));
+    for (std::string line; std::getline(notes, line);) {
+        if (line.starts_with(wanted)) {
+            return line.substr(wanted.size());
+        }
+    }
+    return {};
+}
+
+// Whether it is FAT or exFAT that a program drives, by the first bytes of the device. Who may not read those asks what
+// the machine knows of it; where that is nothing, either, the driver is believed.
 bool is_fat_by_program(int directory) {
     struct stat found {
     }, opened{};
@@ -72,6 +86,10 @@ bool is_fat_by_program(int directory) {
     const std::string text(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
     const std::string path = "/dev/" + text.substr(text.rfind('/') + 1);
     const Descriptor device(text.empty() ? -1 : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (device.get() < 0 && errno == EACCES) {
+        const std::string type = noted_type(found);
+        return type == "vfat" || type == "exfat";
+    }
     std::array<char, 512> start{};
     if (device.get() < 0 || ::fstat(device.get(), &opened) != 0 || !S_ISBLK(opened.st_mode) ||
         opened.st_rdev != found.st_dev || ::pread(device.get(), start.data(), start.size(), 0) < 0) {

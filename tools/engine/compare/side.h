@@ -19,6 +19,7 @@ struct VolumeFacts {
     bool creationTimes = false; // the kernel has one of every entry; else it is the oldest of the others, or a record's
     bool appendOnly = false;    // names can be given in the directory, and none taken away
     bool noDirectory = false;   // a walk knows that there is no "@eaDir" beside the entries
+    bool noForks = false;       // it shows no resource forks, whatever kind of store is to be read there
     bool fatTimes = false;    // the driver tells times that it keeps only until it forgets the entry: see keeps_time()
     uint64_t largestFile = 0; // a file of this size, and a larger one, is too large; 0: no limit is known
 };

@@ -1,7 +1,7 @@
 #include "tools/engine/compare/tree_comparison.h"
 
 #include "tools/engine/compare/entry_comparison.h"
-#include "tools/engine/compare/linked_pairs.h"
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/compare/shared_comparison.h"
 #include "tools/engine/compare/side.h"
@@ -81,7 +81,8 @@ struct Top {
             const std::unique_ptr<char, decltype(&std::free)> real(::realpath(given.c_str(), nullptr), &std::free);
             if (real == nullptr) {
                 const int number = errno;
-                throw Failure(number == ENOTDIR ? problem_of_look(given, number).reason : std::strerror(number));
+                throw Failure(number == ENOTDIR ? problem_of_look(given, number).reason : std::strerror(number), 0,
+                              number);
             }
             path = real.get();
         }
@@ -92,7 +93,7 @@ struct Top {
         parent = Descriptor(::open(parent_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct stat found {};
         if (parent.get() < 0 || ::fstatat(parent.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            throw Failure(std::strerror(errno));
+            throw_errno();
         }
     }
 };
@@ -105,7 +106,7 @@ Top top_of(const std::string &given) {
     try {
         return Top(given);
     } catch (const Failure &failure) {
-        throw Failure(fmt::format("{}: {}", displayed(given), failure.what()));
+        throw Failure(fmt::format("{}: {}", displayed(given), failure.what()), failure.code(), failure.number());
     }
 }
 
@@ -122,6 +123,9 @@ class TreeComparison {
         m_device =
             ::fstatat(first.parent.get(), first.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 ? found.st_dev : 0;
         tops(first.parent.get(), first.name, first.path, second.parent.get(), second.name, second.path);
+        if (m_options.names == nullptr) {
+            m_links.finish(tell_apart());
+        }
     }
 
     // What another one has given away, or a whole request.
@@ -294,21 +298,23 @@ class TreeComparison {
         return directories;
     }
 
-    // Whether the two were compared under other names. A file that was one and is two is told.
+    LinkedNames::Tell tell_apart() {
+        return [this](const std::string &first, const std::string &second, const Loss &loss) {
+            m_observer.loss(first, second, loss);
+        };
+    }
+
+    // Whether the two were compared under other names. A file that was one and is two is told, by whoever knows all of
+    // its names.
     bool is_known_link(const std::string &path, const struct stat &first, const std::string &otherPath,
                        const struct stat &second) {
         if (first.st_nlink < 2 || !S_ISREG(first.st_mode) || !S_ISREG(second.st_mode)) {
             return false;
         }
-        const Inode from = inode_of(first), to = inode_of(second);
-        const LinkedPairs::Known known =
-            m_crew == nullptr ? m_links.meet(from, to, path) : ask_for_links(*m_crew, from, to, path);
-        if (!known.becomes.empty()) {
-            lose(path, otherPath, LossClass::hard_link,
-                 fmt::format("is one file with {} at the first, and a file of its own at the second: {} bytes",
-                             displayed(known.becomes), first.st_size));
-        }
-        return known.compared;
+        const LinkedName name{inode_of(first), inode_of(second), first.st_nlink, second.st_nlink, path,
+                              otherPath,       first.st_size};
+        LinkedNames &names = m_options.names == nullptr ? m_links : *m_options.names;
+        return m_crew == nullptr ? names.meet(name, tell_apart()) : ask_for_links(*m_crew, name);
     }
 
     // Directories under their names in two that are open. What cannot be opened is told.
@@ -547,7 +553,7 @@ class TreeComparison {
     TreeSelection m_selection;
     std::string m_top = {};
     dev_t m_device = 0; // of the first
-    LinkedPairs m_links = {};
+    LinkedNames m_links = {};
     std::vector<Level *> m_levels = {}; // the way down
     int m_depth = 0;
 };
@@ -580,7 +586,7 @@ void compare_trees(const std::string &first, const std::string &second, const Tr
         TreeComparison(options, telling, &crew).run(std::move(job));
     };
     const bool several = hands.number > 1 && is_directory(one) && is_directory(other);
-    if (!several || !share_comparison(job_of(one, other), hands, observer, compare)) {
+    if (!several || !share_comparison(job_of(one, other), hands, observer, options.names, compare)) {
         TreeComparison(options, observer).run(one, other);
     }
 }

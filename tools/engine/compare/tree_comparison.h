@@ -2,6 +2,7 @@
 // keep it in, and what only the second has.
 #pragma once
 
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/report/observer.h"
 #include "tools/engine/report/outcome.h"
@@ -20,12 +21,16 @@ struct TreeComparisonOptions {
     bool reversibleNames = false;
     Selection selection = {}; // the rest is passed over at both
     bool named = true;        // the selection sees the first's own name at the start of each path of both
+    // Where one comparison is of several: the names that all of them meet, for whoever finishes that once they are
+    // over.
+    LinkedNames *names = nullptr;
 };
 
 // Paths are as people know them.
 class ComparisonObserver : public Observer {
   public:
-    // What `second` lacks of `first`, or has otherwise. Of a directory that is missing nothing is told but itself.
+    // What `second` lacks of `first`, or has otherwise. Of a directory that is missing nothing is told but itself. That
+    // names of one file are several is told once all of them are known.
     virtual void loss(const std::string &first, const std::string &second, const Loss &loss) = 0;
     // An entry that only the second has, with everything in it.
     virtual void extra(const std::string &second, EntryKind kind) = 0;
@@ -44,8 +49,8 @@ class ComparisonObserver : public Observer {
 //
 // An entry is looked for under the name that the second volume makes of its own: as the FAT family has it, and as a
 // volume that does not tell letter cases or forms of letters apart finds it. What belongs to the system or to nobody's
-// store is told where the second has not the same. Names of one file that are several at the second are told from the
-// second name on. Directories are held by descriptor, few of them at any depth, and no link is followed.
+// store is told where the second has not the same. Names of one file that are several at the second are told as
+// linked_names.h has it. Directories are held by descriptor, few of them at any depth, and no link is followed.
 // Several hands share two trees: what is told of one entry stays together, and the order is any.
 void compare_trees(const std::string &first, const std::string &second, const TreeComparisonOptions &options,
                    ComparisonObserver &observer, const Hands &hands = {});

@@ -1,6 +1,7 @@
 #include "tools/engine/losses/loss.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 
 namespace engine {
@@ -78,6 +79,10 @@ std::string loss_group_names() {
         names += (names.empty() ? "" : ", ") + std::string(group.name);
     }
     return names;
+}
+
+std::string Loss::text() const {
+    return number == 0 ? detail : detail + ": " + std::strerror(number);
 }
 
 const char *severity_name(Severity severity) {

@@ -179,7 +179,11 @@ std::vector<const LossGroup *> loss_groups();
 struct Loss {
     LossClass cls;
     std::string detail; // for people: what exactly, "attribute user.note: only at the first"
-    bool operator==(const Loss &) const = default;
+    int number = 0;     // errno, where whoever lost it was told why; the same loss without it
+
+    bool operator==(const Loss &other) const { return cls == other.cls && detail == other.detail; }
+    // With the reason.
+    std::string text() const;
 };
 
 // Whether a run in which this is lost has failed: not when it was accepted, and not for room alone.

@@ -92,17 +92,6 @@ std::string content_of(int file, const struct stat &found) {
     return text;
 }
 
-void write_all(int file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(file, text.data(), text.size());
-        if (written <= 0) {
-            errno = written == 0 ? ENOSPC : errno;
-            throw_errno(kNameList);
-        }
-        text.remove_prefix(static_cast<size_t>(written));
-    }
-}
-
 } // namespace
 
 bool is_name_list(const std::string &name) {
@@ -196,8 +185,8 @@ void NameList::write(int directory, bool sync) const {
         throw_errno_in(directory, kNameList);
     }
     try {
-        write_all(file.get(), text());
-        if ((sync && ::fsync(file.get()) != 0) || ::renameat(directory, place.c_str(), directory, kNameList) != 0) {
+        const bool written = write_all(file.get(), text()) && (!sync || ::fsync(file.get()) == 0);
+        if (!written || ::renameat(directory, place.c_str(), directory, kNameList) != 0) {
             throw_errno(kNameList);
         }
     } catch (const Failure &) {

@@ -1,6 +1,7 @@
 #include "tools/engine/plan/plan.h"
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/naming/naming.h"
 #include "tools/engine/plan/destination.h"
@@ -32,6 +33,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <limits>
 #include <memory>
 #include <set>
 #include <unistd.h>
@@ -56,15 +58,18 @@ class Planner::Walk {
         uint32_t project = 0;
         ino_t there = 0;
         bool alone = false; // no other name becomes a link to it
+        Inode becomes = {}; // what it is at the destination, where that is known; else a number that no file has
     };
 
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
           m_selection(options.transfer.selection), m_clones(options.transfer), m_backups(options.transfer.backup),
-          m_asked(options.probe), m_naming(options.transfer.reversibleNames, true, false) {}
+          m_asked(options.probe, options.transfer.reversibleNames),
+          m_naming(options.transfer.reversibleNames, true, false) {}
 
     void run(const std::string &source, const std::string &destination);
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
+    void finish() { m_names.finish(tell_apart()); }
     const std::vector<VolumePlan> &volumes();
 
   private:
@@ -131,6 +136,8 @@ class Planner::Walk {
     static int refusal_of(const AskedVolume &volume, const Room &needed);
     void hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume, PlannedEntry &planned,
                      const struct stat *old);
+    LinkedNames::Tell tell_apart();
+    void note_name(const struct stat &found, const PlannedEntry &planned, uint64_t names);
 
     const PlanOptions &m_options;
     const TransferOptions &m_transfer;
@@ -144,6 +151,8 @@ class Planner::Walk {
     std::map<std::string, Destination> m_destinations; // that requests name
     // Files of several names, one of which has been planned, with the volume that it goes to.
     std::map<std::pair<dev_t, ino_t>, PlannedLink> m_linked;
+    LinkedNames m_names;
+    ino_t m_made = 0; // files that have no number yet
     std::vector<VolumePlan> m_volumes;
     int m_depth = 0;
     std::vector<std::unique_ptr<Opened>> m_way; // from the base of names down to the last one's directory
@@ -723,7 +732,9 @@ bool Planner::Walk::is_same(const Source &source, const struct stat &entry, cons
     hard_linked(source, content, *to.volume, planned, nullptr);
     if (const auto linked = m_linked.find({entry.st_dev, entry.st_ino}); linked != m_linked.end()) {
         linked->second.there = there->st_ino;
+        linked->second.becomes = {there->st_dev, there->st_ino};
     }
+    note_name(content, planned, there->st_nlink);
     planned.linked = false;
     planned.deed = Deed::skip;
     planned.same = true;
@@ -748,8 +759,23 @@ std::optional<Problem> Planner::Walk::choose_free_name(const Destination &to, st
     return problem_of(kNoFreeName);
 }
 
-// From the second name on a file is linked, or becomes one of its own and tells it. What a link led to is no name of
-// it.
+LinkedNames::Tell Planner::Walk::tell_apart() {
+    return [this](const std::string &first, const std::string &second, const Loss &loss) {
+        m_observer.loss(first, second, loss);
+    };
+}
+
+// One that is going to arrive. `names`: how many what it becomes has there.
+void Planner::Walk::note_name(const struct stat &found, const PlannedEntry &planned, uint64_t names) {
+    const auto known = m_linked.find({found.st_dev, found.st_ino});
+    if (known != m_linked.end() && S_ISREG(found.st_mode) && found.st_nlink > 1) {
+        (void)m_names.meet({known->first, known->second.becomes, found.st_nlink, names, planned.source,
+                            planned.destination, found.st_size},
+                           tell_apart());
+    }
+}
+
+// From the second name on a file is linked, or becomes one of its own. What a link led to is no name of it.
 void Planner::Walk::hard_linked(const Source &source, const struct stat &found, const AskedVolume &volume,
                                 PlannedEntry &planned, const struct stat *old) {
     if (!S_ISREG(found.st_mode) || found.st_nlink < 2) {
@@ -767,14 +793,11 @@ void Planner::Walk::hard_linked(const Source &source, const struct stat &found, 
                      (!planned.inPlace || (m_transfer.inPlace && old != nullptr && known->second.there == old->st_ino));
     if (!planned.linked) {
         known->second.there = planned.inPlace && old != nullptr ? old->st_ino : 0;
+        known->second.becomes = planned.inPlace && old != nullptr
+                                    ? Inode(old->st_dev, old->st_ino)
+                                    : Inode(volume.directory.device(), std::numeric_limits<ino_t>::max() - m_made++);
     }
     known->second.alone = alone; // a later name is linked to the last one
-    if (isNew || planned.linked) {
-        return;
-    }
-    planned.losses.push_back(
-        {LossClass::hard_link,
-         fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", found.st_size)});
 }
 
 // Why the kernel would refuse a file the name that it is to get, or a renamed one to leave its own.
@@ -847,6 +870,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     const std::pair<dev_t, ino_t> file(found.st_dev, found.st_ino);
     const bool first = !m_linked.contains(file);
     hard_linked(source, found, volume, planned, old ? &*old : nullptr);
+    if (planned.linked && old && m_linked[file].becomes == Inode(old->st_dev, old->st_ino)) {
+        planned.oldNames = 0; // it is that file already
+    }
     const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);
     planned.cloned = data && found.st_size > 0 && m_clones.wants(source.in, volume.directory);
     const bool uncloned = data && m_clones.insists() && !m_clones.can(source.in, volume.directory);
@@ -863,7 +889,10 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         return tell(std::move(planned));
     }
     to.planned.emplace(volume.rehearsal->key_of(name), source.name);
-    return tell_arrived(source, std::move(planned));
+    const PlannedEntry told = planned;
+    const bool gone = tell_arrived(source, std::move(planned));
+    note_name(found, told, told.inPlace && old ? old->st_nlink : told.linked ? 2 : 1);
+    return gone;
 }
 
 // What its name takes in the directory that it goes to: none is filled to more than two thirds.
@@ -912,7 +941,9 @@ void Planner::Walk::take_room(Destination &to, const Source &source, const struc
         back.bytes = std::max<int64_t>(there - data, 0);
     } else {
         needed.bytes += data;
-        needed.inodes += planned.linked || (S_ISDIR(found.st_mode) && old != nullptr) ? 0 : 1;
+        needed.inodes += planned.linked                             ? volume.rehearsal->link_inodes()
+                         : S_ISDIR(found.st_mode) && old != nullptr ? 0
+                                                                    : 1;
         constexpr int64_t record = 8, unit = 4;
         needed.bytes +=
             old == nullptr
@@ -1121,6 +1152,10 @@ void Planner::run(const std::string &source, const std::string &destination) {
 void Planner::run_below(const std::string &base, const std::string &top, const std::string &name,
                         const NamesBelow &how) {
     m_walk->run_below(base, top, name, how);
+}
+
+void Planner::finish() {
+    m_walk->finish();
 }
 
 const std::vector<VolumePlan> &Planner::volumes() const {

@@ -52,6 +52,9 @@ class PlanObserver : public Observer {
     // The source is a directory that is carried with everything in it.
     virtual void tree(const std::string &source) = 0;
     virtual void entry(const PlannedEntry &planned) = 0;
+    // What an entry would lose that was told of before, or is told of next: that names of one file become several shows
+    // only once others of them are met.
+    virtual void loss(const std::string &, const std::string &, const Loss &) {}
 };
 
 // On one volume of a destination, or in one project there.
@@ -81,6 +84,9 @@ class Planner {
 
     // A name that is made anew below `top`, with the directories on its way, as by Transfer::run_below().
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
+
+    // No more requests come: what only all names of a file show is told.
+    void finish();
 
     const std::vector<VolumePlan> &volumes() const;
 

@@ -5,6 +5,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
+#include "tools/engine/naming/fat_form.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -25,6 +26,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <linux/magic.h>
 #include <string_view>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -79,8 +81,9 @@ bool is_of_store(LossClass cls) {
 
 } // namespace
 
-Rehearsal::Rehearsal(int directory, int type, bool probe)
-    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)) {
+Rehearsal::Rehearsal(int directory, int type, bool probe, bool reversibleNames)
+    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)),
+      m_reversibleNames(reversibleNames && volume_traits(m_volume.type).fatNames) {
     struct statvfs volume {};
     if (::fstatvfs(directory, &volume) == 0) {
         m_longestName = volume.f_namemax;
@@ -102,6 +105,7 @@ void Rehearsal::find_out() {
     if (m_place == nullptr) {
         m_keepsHoles = !volume_traits(m_volume.type).fatNames;
         m_keepsHardLinks = volume_traits(m_volume.type).links;
+        m_linkInodes = m_room.inodes && m_volume.magic == TMPFS_MAGIC ? 1 : 0;
         m_folds = volume_traits(m_volume.type).fatNames;
         m_directoryBytes = m_room.block;
         return;
@@ -114,8 +118,7 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
-    m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
-    (void)::unlinkat(place, "linked", 0);
+    find_out_links();
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
@@ -126,6 +129,28 @@ void Rehearsal::find_out() {
         VLIBCFileLStat(path_of(place, "Aa").c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &kept) == 0 &&
         kept.st.st_mtim.tv_sec == past.tv_sec && kept.createTime.tv_sec == past.tv_sec;
     (void)::unlinkat(place, "Aa", 0);
+}
+
+// A volume in memory counts each name as an inode. Others may make and remove something meanwhile: then it is asked
+// again.
+void Rehearsal::find_out_links() {
+    constexpr int tries = 5;
+    const int place = m_place->fd();
+    struct statvfs before {
+    }, linked{}, after{};
+    for (int count = 0; count < tries; ++count) {
+        const bool asked = ::fstatvfs(place, &before) == 0;
+        m_keepsHardLinks = ::linkat(place, "Aa", place, "linked", 0) == 0;
+        const bool told = asked && m_keepsHardLinks && ::fstatvfs(place, &linked) == 0;
+        (void)::unlinkat(place, "linked", 0);
+        if (!told || ::fstatvfs(place, &after) != 0) {
+            return;
+        }
+        if (before.f_ffree == after.f_ffree) {
+            m_linkInodes = before.f_ffree == linked.f_ffree + 1 ? 1 : 0;
+            return;
+        }
+    }
 }
 
 std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &found, const Side *merged) {
@@ -157,7 +182,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
-    add_companion_too_long({m_directory, source.name, m_volume}, source.name, losses);
+    add_companion_too_long({m_directory, source.name, m_volume}, called(source), losses);
     add_kept(source, merged, losses);
     return losses;
 }
@@ -249,6 +274,11 @@ void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vecto
                          [](const Loss &loss) { return loss.cls != LossClass::modification_time; });
 }
 
+// As long as what it is called there, with a number or without.
+std::string Rehearsal::called(const Side &source) const {
+    return m_reversibleNames ? fat_form(source.name) : source.name;
+}
+
 // Whether a copy can have a store.
 bool Rehearsal::takes_stores(const Side &source) const {
     switch (m_volume.store) {
@@ -256,7 +286,7 @@ bool Rehearsal::takes_stores(const Side &source) const {
         return false;
     case StoreKind::native:
     case StoreKind::apple_double:
-        return takes_companion(m_directory, source.name);
+        return takes_companion(m_directory, called(source));
     default:
         return can_make_stores();
     }

@@ -23,13 +23,15 @@ class Rehearsal {
   public:
     // `directory`, which is open, stays the caller's; it is that of the destination, or the nearest one above that is
     // there. `probe`: something may be made in it, for as long as this lives.
-    Rehearsal(int directory, int type, bool probe);
+    // `reversibleNames`: entries get names beside which a "._" file fits, where that is what stores are.
+    Rehearsal(int directory, int type, bool probe, bool reversibleNames);
 
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
     bool keeps_holes() const { return m_keepsHoles; }
     int64_t directory_bytes() const { return m_directoryBytes; } // of an empty one
     bool keeps_hard_links() const { return m_keepsHardLinks; }
+    int64_t link_inodes() const { return m_linkInodes; } // how many another name of a file takes
     const VolumeFacts &volume() const { return m_volume; }
 
     // What a copy of a file, link or directory would lack, but for its name. `merged`: what a directory goes into.
@@ -56,6 +58,7 @@ class Rehearsal {
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
+    std::string called(const Side &source) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
@@ -66,11 +69,13 @@ class Rehearsal {
     bool add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
                         std::vector<Loss> &losses);
     void find_out();
+    void find_out_links();
     void clear() const;
 
     int m_directory;
     VolumeFacts m_volume;
     FreeRoom m_room;
+    bool m_reversibleNames;
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
@@ -81,7 +86,7 @@ class Rehearsal {
         int64_t taken;
     };
     std::map<std::string, Known> m_known; // by what is the same of many entries
-    int64_t m_taken = 0, m_directoryBytes = 0;
+    int64_t m_taken = 0, m_directoryBytes = 0, m_linkInodes = 0;
 };
 
 } // namespace engine

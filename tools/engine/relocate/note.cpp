@@ -105,16 +105,6 @@ Note parsed(std::string_view text) {
     return note;
 }
 
-void write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t put = ::write(fd, text.data(), text.size());
-        if (put < 0 && errno != EINTR) {
-            throw_errno("the note cannot be written");
-        }
-        text.remove_prefix(put < 0 ? 0 : static_cast<size_t>(put));
-    }
-}
-
 } // namespace
 
 bool Note::is(const Identity &noted, const struct stat &found) const {
@@ -161,8 +151,8 @@ void write_note(int directory, Note &note) {
     if (file.get() < 0) {
         throw_errno_in(directory, "the note cannot be made");
     }
-    write_all(file.get(), text);
-    if (::fsync(file.get()) != 0 || ::renameat(directory, kNewName, directory, kName) != 0 || ::fsync(directory) != 0) {
+    if (!write_all(file.get(), text) || ::fsync(file.get()) != 0 ||
+        ::renameat(directory, kNewName, directory, kName) != 0 || ::fsync(directory) != 0) {
         throw_errno("the note cannot be written");
     }
 }

@@ -137,7 +137,27 @@ std::vector<Loss> Proof::losses_of(const Side &source, const Side &copy, bool kn
         .data = !known, .times = times, .begun = m_since.has_value(), .costs = true, .stopped = [this] {
             return m_observer.stopped();
         }};
-    return m_staged ? complete_copy(source, copy, options) : compare_entries(source, copy, options);
+    std::vector<Loss> losses = m_staged ? complete_copy(source, copy, options) : compare_entries(source, copy, options);
+    // How many names a file has is told where all of them are known.
+    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
+    return losses;
+}
+
+LinkedNames::Tell Proof::tell_apart() {
+    return [this](const std::string &first, const std::string &, const Loss &loss) { (void)m_told(first, loss); };
+}
+
+void Proof::note_name(const std::string &path, const struct stat &found, const struct stat &copied) {
+    if (S_ISREG(found.st_mode) && found.st_nlink > 1) {
+        (void)m_names.meet({{found.st_dev, found.st_ino},
+                            {copied.st_dev, copied.st_ino},
+                            found.st_nlink,
+                            copied.st_nlink,
+                            path,
+                            path,
+                            found.st_size},
+                           tell_apart());
+    }
 }
 
 int Proof::compare(const TreeTop &tree, const TreeTop &copy) {
@@ -159,12 +179,13 @@ int Proof::compare(const TreeTop &tree, const TreeTop &copy) {
     if (there.get() < 0) {
         return count + lose(tree.path, {LossClass::data, fmt::format("the copy: {}", std::strerror(errno))});
     }
-    return count +
-           walk(std::move(top), std::move(there), tree.path,
-                [&](int source, int target, const std::string &path, int &lost) {
-                    return compare_level(
-                        {source, target, volume_facts(source, tree.type), volume_facts(target, copy.type), path}, lost);
-                });
+    count += walk(
+        std::move(top), std::move(there), tree.path, [&](int source, int target, const std::string &path, int &lost) {
+            return compare_level(
+                {source, target, volume_facts(source, tree.type), volume_facts(target, copy.type), path}, lost);
+        });
+    m_names.finish(tell_apart());
+    return count;
 }
 
 int Proof::walk(Descriptor source, Descriptor copy, const std::string &path, const CompareLevel &compare) {
@@ -251,6 +272,7 @@ int Proof::compare_entry(const Level &level, const Listing &listing, const Listi
                                          {level.copy, there, level.copyFacts}, known, !directory || !m_since);
     struct stat copied {};
     if (::fstatat(level.copy, there.c_str(), &copied, AT_SYMLINK_NOFOLLOW) == 0) {
+        note_name(path, fresh.front(), copied);
         const auto first = arrived.try_emplace(copied.st_ino, fresh.front().st_ino);
         if (first.first->second != fresh.front().st_ino) {
             losses.push_back({LossClass::name_clash, "another entry of the source has become the same one"});

@@ -1,6 +1,7 @@
 // Whether a copy has everything that a tree has, and what each entry of the tree was when that was found out.
 #pragma once
 
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/losses/loss.h"
 #include "tools/engine/report/observer.h"
@@ -85,12 +86,15 @@ class Proof {
     bool is_rest(const Level &level, const Listing &listing, const Listing::Part &part) const;
     int lose(const std::string &path, const Loss &loss) { return m_told(path, loss) ? 1 : 0; }
     std::vector<Loss> losses_of(const Side &source, const Side &copy, bool known, bool times) const;
+    LinkedNames::Tell tell_apart();
+    void note_name(const std::string &path, const struct stat &found, const struct stat &copied);
     // Adds the entry as it is now; whether it still is what was remembered.
     bool look(int directory, const std::string &name, Fresh &fresh) const;
     void prove(const Fresh &fresh);
 
     const Observer &m_observer;
     Told m_told;
+    LinkedNames m_names;
     std::unordered_map<ino_t, Seen> m_seen; // the tree lies on one volume
     std::optional<int64_t> m_since;
     bool m_staged = false;

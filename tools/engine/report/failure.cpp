@@ -1,6 +1,7 @@
 #include "tools/engine/report/failure.h"
 
 #include "platform/core.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/problem.h"
 
@@ -15,7 +16,8 @@ void throw_last_error(const std::string &what) {
     const int number = errno;
     const uint32_t code = VLIBCErrGet();
     throw Failure(code != 0 ? fmt::format("{}: {} ({})", what, reason_of(code), code_text(code))
-                            : fmt::format("{}: {}", what, std::strerror(number)));
+                            : fmt::format("{}: {}", what, std::strerror(number)),
+                  code, number);
 }
 
 void check(int result, const std::string &what) {
@@ -25,13 +27,19 @@ void check(int result, const std::string &what) {
 }
 
 void throw_errno(const std::string &what) {
-    throw Failure(fmt::format("{}: {}", what, std::strerror(errno)));
+    const int number = errno;
+    throw Failure(fmt::format("{}: {}", what, std::strerror(number)), 0, number);
+}
+
+void throw_errno() {
+    const int number = errno;
+    throw Failure(std::strerror(number), 0, number);
 }
 
 void throw_errno_in(int directory, const std::string &what) {
     const int number = errno;
     if (number == ENOSPC && lacks_inodes(directory)) {
-        throw Failure(fmt::format("{}: {}", what, problem_of_no_inode().reason));
+        throw Failure(fmt::format("{}: {}", what, problem_of_no_inode().reason), kNoSpace, number);
     }
     errno = number;
     throw_errno(what);
@@ -44,7 +52,7 @@ void forget_last_error() {
 void check_there(const std::string &path) {
     struct stat found {};
     if (::lstat(path.c_str(), &found) != 0) {
-        throw Failure(std::strerror(errno));
+        throw_errno();
     }
     forget_last_error();
 }

@@ -41,9 +41,13 @@ struct Outcome {
     std::pair<dev_t, ino_t> old = {};
     int64_t oldNames = 0;
     std::vector<std::string> oldNamesKnown;
-    std::string backup = {};        // where what it replaced is kept; empty: nowhere
-    bool sourceStays = false;       // of a move that is done: it is at both places
-    std::vector<Loss> losses;       // what the destination has not got, or not as it was
+    std::string backup = {};  // where what it replaced is kept; empty: nowhere
+    bool sourceStays = false; // of a move that is done: it is at both places
+    std::vector<Loss> losses; // what the destination has not got, or not as it was
+    // Of a file that is done, or was the same already, where that is asked for: what the source was when it was proven
+    // to be there, and a mark of what was kept beside it then.
+    std::optional<struct stat> proven = {};
+    uint64_t provenStore = 0;
     std::optional<Problem> warning; // done, but not as it should be
     std::optional<Problem> problem; // failed, and skipped or cancelled where that needs words
 };

@@ -93,13 +93,14 @@ std::optional<std::string> Selection::add_rules(std::string_view lines) {
 }
 
 bool Selection::takes_everything() const {
-    return m_rules.empty() && !leastSize && !mostSize && !notBefore && !before && !archivedAlone && !oneFileSystem;
+    return m_rules.empty() && !leastSize && !mostSize && !notBefore && !before && !archivedAlone && !oneFileSystem &&
+           !asked;
 }
 
 bool Selection::takes_name(std::string_view path, bool directory) const {
     const auto rule = std::ranges::find_if(
         m_rules, [&](const Rule &one) { return one.pattern.matches(path, directory) != one.inverted; });
-    return rule == m_rules.end() || rule->include;
+    return (rule == m_rules.end() || rule->include) && (!asked || asked(path, directory));
 }
 
 bool Selection::takes(const struct stat &entry) const {

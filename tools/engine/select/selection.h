@@ -4,6 +4,7 @@
 #include "tools/engine/select/pattern.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,9 @@ class Selection {
     std::optional<timespec> before = {};                  // modified before
     bool archivedAlone = false;                           // those with the archive bit
     bool oneFileSystem = false;                           // nothing of other volumes that are mounted in the tree
+    // Asked of each name that the rules leave, as takes_name() is; nothing: all of them are meant. Of processes that
+    // share a tree each asks a copy of its own.
+    std::function<bool(std::string_view path, bool directory)> asked = {};
 
     bool takes_everything() const;
     // Whether the name is meant. `path` goes down from where the tree begins, without a slash at either end, and holds

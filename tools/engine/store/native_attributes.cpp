@@ -37,7 +37,7 @@ bool is_regular(const std::string &path) {
 
 } // namespace
 
-std::vector<std::string> native_names(const std::string &path) {
+std::vector<std::string> native_names(const std::string &path, bool forks) {
     forget_last_error();
     VLIBCSzList *list = VLIBCSzListAlloc(16);
     const int result = list == nullptr ? -1 : VEXOEAXattrEnum(path.c_str(), &list);
@@ -47,7 +47,7 @@ std::vector<std::string> native_names(const std::string &path) {
     }
     std::vector<std::string> names(list->items, list->items + list->count);
     // No list has the fork; it is asked for by its name.
-    if (std::ranges::find(names, kResourceForkName) == names.end() && is_regular(path) &&
+    if (forks && std::ranges::find(names, kResourceForkName) == names.end() && is_regular(path) &&
         native_size(path, kResourceForkName)) {
         names.emplace_back(kResourceForkName);
     }

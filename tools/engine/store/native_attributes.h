@@ -13,7 +13,9 @@ constexpr char kFinderInfoName[] = "com.apple.FinderInfo";
 constexpr char kResourceForkName[] = "com.apple.ResourceFork";
 
 // All of these throw Failure. A size or value of nothing: there is no such attribute.
-std::vector<std::string> native_names(const std::string &path);
+// `forks`: whether the volume can have resource forks, which are asked for by name: a file that may not be executed is
+// given that right for the moment then.
+std::vector<std::string> native_names(const std::string &path, bool forks = true);
 std::optional<uint64_t> native_size(const std::string &path, const std::string &name);
 std::optional<std::string> native_value(const std::string &path, const std::string &name);
 // `flags` as for setxattr.

@@ -33,7 +33,7 @@ int companion(StoreKind kind) {
 }
 
 [[noreturn]] void throw_not_found() {
-    throw Failure(fmt::format("{} ({})", reason_of(kNotFound), code_text(kNotFound)));
+    throw Failure(fmt::format("{} ({})", reason_of(kNotFound), code_text(kNotFound)), kNotFound);
 }
 
 // A change that another process came in between of is made anew, on what that has left.
@@ -116,7 +116,7 @@ Store::Store(const HeldEntry &entry) : m_path(entry.path()), m_file(entry.itself
 void Store::take_type(int code) {
     m_kind = store_kind(code);
     if (m_kind == StoreKind::none) {
-        throw Failure(fmt::format("its volume (type {}) keeps nothing beside a file", code));
+        throw Failure(fmt::format("its volume (type {}) keeps nothing beside a file", code), 0, EOPNOTSUPP);
     }
 }
 
@@ -187,7 +187,8 @@ void Store::commit(const StreamEdit &edit, Existing existing) const {
         const StreamChange change(m_path, m_kind, existing != Existing::must, m_file);
         const bool there = change.has(edit.name);
         if ((there && existing == Existing::must_not) || (!there && existing == Existing::must)) {
-            throw Failure(there ? "the attribute exists" : "there is no such attribute");
+            throw Failure(there ? "the attribute exists" : "there is no such attribute", there ? 0 : kNotFound,
+                          there ? EEXIST : 0);
         }
         change.commit({edit});
     });

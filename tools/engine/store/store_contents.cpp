@@ -110,7 +110,7 @@ void StoreContents::attempt(const Task &task) {
 }
 
 void StoreContents::read_native() {
-    for (const std::string &name : native_names(m_place.file)) {
+    for (const std::string &name : native_names(m_place.file, !m_place.noForks)) {
         const uint64_t size = native_size(m_place.file, name).value_or(0);
         if (name == kResourceForkName) {
             m_forkSize = size;

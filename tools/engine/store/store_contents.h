@@ -23,6 +23,7 @@ class StoreContents {
         std::string file; // a path of the file itself, for what is kept in its attributes
         StoreKind kind;
         bool noDirectory = false; // there is no "@eaDir" in it
+        bool noForks = false;     // the volume shows no resource forks, whatever kind it is read as
     };
     // Opens what there is, following no link, and holds its lock for reading. What cannot be read is among the
     // problems; the rest is there.

@@ -12,7 +12,8 @@ struct StoreParts {
     bool appleDouble = false; // all of it in "._<name>", on a volume of that kind
     bool attribute = false;   // Finder Info in "user.netatalk.Metadata"
 
-    bool any() const { return stream || resource || appleDouble || attribute; }
+    bool any() const { return is_beside() || attribute; }
+    bool is_beside() const { return stream || resource || appleDouble; } // of the file
 };
 
 // What is kept for `path`, on a volume of the type `volumeType`. `noDirectory`: there is no "@eaDir" beside it.

@@ -86,13 +86,15 @@ inline constexpr std::array kFindingTable = std::to_array<FindingRow>({
      "\"ea upgrade\" goes on where it was stopped, and tells an attribute that differs."},
     {FindingKind::half_converted, "store-half-converted", "store in two forms",
      "What is kept for the file is there as this volume keeps it and as another kind of volume does.",
-     "Look at both with \"ea show\", and remove the one that is not wanted."},
+     "\"store convert\" makes one of them where they say the same. Else look at both with \"ea show\", and remove the "
+     "one "
+     "that is not wanted."},
     {FindingKind::old_layout, "store-old-layout", "store of the old layout",
      "Attributes or resource lie in small files in the file's own directory in \"@eaDir\".",
      "\"ea upgrade\" converts it."},
     {FindingKind::other_form, "store-other-form", "store in the form of another kind of volume",
      "The library does not look for it here: it came with a disk or with a program that copies files one by one.",
-     "Look at it with \"ea show FILE\", and copy it from a volume of its own kind with \"ea copy\"."},
+     "\"store convert\" brings it into the form of this volume; \"ea show FILE\" shows it."},
     {FindingKind::wrong_kind, "store-wrong-kind", "no file where a store file should be",
      "A link, pipe, socket, device or directory stands in the place of a store file, or no directory in that of "
      "\"@eaDir\". Nothing follows it, and the file has no store.",

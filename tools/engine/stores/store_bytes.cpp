@@ -508,6 +508,24 @@ std::string sound_metadata(std::string_view value) {
     return saved > 0 ? made : std::string();
 }
 
+std::string metadata_value(const std::string &finderInfo, const std::string &comment, int afpAttributes) {
+    constexpr uint32_t kCommentId = 4, kAfpId = 14;
+    std::string made = std::string(kGoodStart) + std::string(16, '\0') + big_endian_bytes(kMetadataPlaces.size(), 2);
+    for (const MetadataPlace &place : kMetadataPlaces) {
+        made += entry_bytes(place.id, place.offset, place.id == kCommentId ? comment.size() : place.length);
+    }
+    made.resize(kMetadataBytes, '\0');
+    for (const MetadataPlace &place : kMetadataPlaces) {
+        const std::string held = place.id == kFinderId    ? finderInfo
+                                 : place.id == kCommentId ? comment
+                                 : place.id == kAfpId
+                                     ? big_endian_bytes(static_cast<uint64_t>(afpAttributes), place.room)
+                                     : std::string();
+        made.replace(place.offset, std::min<size_t>(held.size(), place.room), held, 0, place.room);
+    }
+    return made;
+}
+
 std::string metadata_finder_info(std::string_view value) {
     std::string info = parse_apple_double(value, value.size()).finderInfo;
     const bool zero = std::ranges::all_of(info, [](char byte) { return byte == '\0'; });

@@ -57,6 +57,9 @@ bool has_extra_blocks(int fd);
 std::string metadata_fault(std::string_view value);
 // A sound one with every entry of it that can still be read; empty: there is none to be made.
 std::string sound_metadata(std::string_view value);
+// The value for a file with this Finder Info, comment (of at most kLongestComment bytes) and word of AFP attributes.
+constexpr size_t kLongestComment = 200;
+std::string metadata_value(const std::string &finderInfo, const std::string &comment, int afpAttributes);
 // Its 32 bytes of Finder Info; empty: none, or all zero.
 std::string metadata_finder_info(std::string_view value);
 

@@ -1,170 +1,35 @@
 #include "tools/engine/stores/store_survey.h"
 
-#include "ea/ea.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/store.h"
-#include "tools/engine/walk/descent.h"
-#include "tools/engine/walk/directory.h"
-#include "tools/engine/walk/directory_chain.h"
-#include "tools/engine/walk/mount_table.h"
-#include "tools/engine/walk/paths.h"
-#include "tools/engine/walk/private_name.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <fmt/format.h>
 
 namespace engine {
-namespace {
-
-class Survey {
-  public:
-    Survey(const HeldEntry &entry, const SurveyOptions &options, StoreMender *mender, const Quarantine *quarantine,
-           SurveyWatcher &watcher, SurveyTotals &totals)
-        : m_entry(entry), m_options(options), m_mender(mender), m_quarantine(quarantine), m_watcher(watcher),
-          m_totals(totals), m_descent(entry.given()) {}
-
-    void run() {
-        const bool isDirectory = S_ISDIR(m_entry.status().st_mode);
-        if (!isDirectory && !S_ISREG(m_entry.status().st_mode)) {
-            throw Failure("it is neither a file nor a directory, and has no store");
-        }
-        if (VEXOEAIsHiddenDir(m_entry.name().c_str()) == 1 || m_entry.name().starts_with("._")) {
-            throw Failure("it belongs to a store; name the file or the directory that it is kept for");
-        }
-        if (m_entry.name() != ".") {
-            beside();
-        }
-        if (isDirectory) {
-            below();
-        }
-    }
-
-  private:
-    // What is kept for the operand itself lies beside it.
-    void beside() {
-        const std::string parent = parent_of(m_entry.given());
-        // One that can be made durable, where this process may read it.
-        const Descriptor opened(
-            ::open(fmt::format("/proc/self/fd/{}/.", m_entry.directory()).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        const int directory = opened.get() >= 0 ? opened.get() : m_entry.directory();
-        look({directory, parent, parent, "", StoreKind::none}, m_entry.name());
-    }
-
-    void below() {
-        Descriptor top(::open((m_entry.itself() + "/.").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (top.get() < 0 || !m_way.start(std::move(top))) {
-            return trouble(m_entry.given());
-        }
-        look_at_lowest("");
-        enter("");
-        while (!m_descent.empty() && !m_watcher.stopped()) {
-            const std::string *const name = m_descent.next();
-            if (name == nullptr) {
-                leave();
-                continue;
-            }
-            go_down(std::string(*name));
-        }
-    }
-
-    void go_down(const std::string &name) {
-        const std::string path = joined(m_descent.path, name);
-        Descriptor directory = open_directory(m_way.lowest(), name);
-        struct stat found {};
-        if (directory.get() < 0 || ::fstat(directory.get(), &found) != 0) {
-            return errno == ENOENT ? void() : trouble(path);
-        }
-        const bool passed = (m_quarantine != nullptr && m_quarantine->is(found)) ||
-                            (m_options.oneVolume && is_mount(m_way.lowest(), directory.get()));
-        if (passed) {
-            return;
-        }
-        if (!m_way.descend(std::move(directory), name)) {
-            return trouble(path);
-        }
-        m_descent.path = path;
-        m_belows.push_back(m_belows.empty() || m_belows.back().empty() ? name : m_belows.back() + "/" + name);
-        look_at_lowest(m_belows.back());
-        enter(m_belows.back());
-    }
-
-    void enter(const std::string &below) {
-        std::vector<std::string> names;
-        if (m_options.recursive) {
-            const auto entries = entries_in(m_way.lowest());
-            for (const Entry &entry : entries.value_or(std::vector<Entry>())) {
-                if (entry.type == DT_DIR && VEXOEAIsHiddenDir(entry.name.c_str()) != 1 && !is_left_over(entry.name)) {
-                    names.push_back(entry.name);
-                }
-            }
-            std::ranges::sort(names);
-        }
-        if (m_belows.empty()) {
-            m_belows.push_back(below);
-        }
-        m_descent.enter(std::move(names));
-    }
-
-    void leave() {
-        const bool top = m_descent.is_at_top();
-        const bool held = top || m_way.hold_above();
-        m_descent.leave();
-        m_way.ascend();
-        m_belows.pop_back();
-        if (!held) {
-            errno = ESTALE; // somebody has moved it
-            trouble(m_descent.path);
-            while (!m_descent.empty()) {
-                m_descent.leave();
-            }
-        }
-    }
-
-    void look_at_lowest(const std::string &below) {
-        ++m_totals.directories;
-        look({m_way.lowest(), m_descent.path, m_entry.given(), below, StoreKind::none}, "");
-    }
-
-    void look(StorePlace place, const std::string &only) {
-        const CheckHooks hooks{
-            [this](const std::string &path, const std::string &reason) { m_watcher.trouble(path, reason); },
-            [this] { return m_watcher.stopped(); }};
-        try {
-            place.kind = store_kind(volume_type(place.path, fmt::format("/proc/self/fd/{}", place.directory)));
-            DirectoryFindings findings = check_directory(place, only, hooks);
-            m_totals.stores += findings.stores;
-            if (m_mender != nullptr) {
-                m_mender->mend(place, findings.found, hooks.stopped);
-            }
-            for (const FoundInStore &one : findings.found) {
-                m_watcher.found(one.finding);
-            }
-        } catch (const Failure &failure) {
-            m_watcher.trouble(place.path, failure.what());
-        }
-    }
-    void trouble(const std::string &path) { m_watcher.trouble(path, std::strerror(errno)); }
-
-    const HeldEntry &m_entry;
-    const SurveyOptions &m_options;
-    StoreMender *m_mender;
-    const Quarantine *m_quarantine;
-    SurveyWatcher &m_watcher;
-    SurveyTotals &m_totals;
-    Descent<std::string> m_descent;
-    DirectoryChain m_way;
-    std::vector<std::string> m_belows; // of the directories on the way, from the operand on
-};
-
-} // namespace
 
 void survey_stores(const HeldEntry &entry, const SurveyOptions &options, StoreMender *mender,
                    const Quarantine *quarantine, SurveyWatcher &watcher, SurveyTotals &totals) {
-    Survey(entry, options, mender, quarantine, watcher, totals).run();
+    const CheckHooks hooks{[&](const std::string &path, const std::string &reason) { watcher.trouble(path, reason); },
+                           [&] { return watcher.stopped(); }};
+    StoreWalk walk{.visit = {}, .unreadable = hooks.trouble, .stopped = hooks.stopped};
+    walk.visit = [&](StorePlace place, const std::string &only) {
+        totals.directories += only.empty() ? 1 : 0;
+        try {
+            place.kind = store_kind(volume_type(place.path, fmt::format("/proc/self/fd/{}", place.directory)));
+            DirectoryFindings findings = check_directory(place, only, hooks);
+            totals.stores += findings.stores;
+            if (mender != nullptr) {
+                mender->mend(place, findings.found, hooks.stopped);
+            }
+            for (const FoundInStore &one : findings.found) {
+                watcher.found(one.finding);
+            }
+        } catch (const Failure &failure) {
+            watcher.trouble(place.path, failure.what());
+        }
+    };
+    walk.passed = [&](const struct stat &directory) { return quarantine != nullptr && quarantine->is(directory); };
+    walk_stores(entry, options, walk);
 }
 
 } // namespace engine

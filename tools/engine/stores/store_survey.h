@@ -3,6 +3,7 @@
 
 #include "tools/engine/stores/finding.h"
 #include "tools/engine/stores/store_repair.h"
+#include "tools/engine/stores/store_walk.h"
 #include "tools/engine/walk/held_entry.h"
 
 #include <cstdint>
@@ -17,11 +18,6 @@ class SurveyWatcher {
     virtual void found(const Finding &finding) = 0;
     // What could not be looked into.
     virtual void trouble(const std::string &path, const std::string &reason) = 0;
-};
-
-struct SurveyOptions {
-    bool recursive = false; // what lies below a directory, too
-    bool oneVolume = false; // but not other volumes that are mounted there
 };
 
 struct SurveyTotals {

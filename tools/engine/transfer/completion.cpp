@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/compare/granted_mode.h"
+#include "tools/engine/report/names.h"
 #include "tools/engine/transfer/kept_transfer.h"
 #include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/walk/descriptor.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -19,11 +21,6 @@
 
 namespace engine {
 namespace {
-
-// The appliance kernel's interface, or what the platform has in its place.
-int request_attribute(int fd, int command) {
-    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
-}
 
 // Who is not root needs to write to what keeps a creation time, also where that is read-only.
 void set_times(const std::string &path, mode_t mode, const timespec *times) {
@@ -79,6 +76,17 @@ void give_mode(const Held &from, const Held &to) {
     }
 }
 
+// Says of attributes that are still not there what the volume has said of them.
+void add_reasons(const RefusedAttributes &refused, std::vector<Loss> &losses) {
+    for (const auto &[name, number] : refused) {
+        const std::string begin = fmt::format("attribute {}", displayed(name));
+        for (Loss &loss : losses) {
+            const bool meant = loss.detail.starts_with(begin + ":") || loss.detail.starts_with(begin + " differs:");
+            loss.number = meant ? number : loss.number;
+        }
+    }
+}
+
 bool is_time(const Loss &loss) {
     return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
 }
@@ -89,6 +97,10 @@ bool is_of_the_system(const Loss &loss) {
 
 } // namespace
 
+int change_dos_attribute(int fd, int command) {
+    return VLIBCKernelAttrFcntl != nullptr ? VLIBCKernelAttrFcntl(fd, command) : ::fcntl(fd, command);
+}
+
 void give_dos_attributes(int fd, uint32_t attributes) {
     constexpr struct {
         uint32_t bit;
@@ -96,7 +108,7 @@ void give_dos_attributes(int fd, uint32_t attributes) {
     } rows[] = {{VLIBC_ATTR_ARCHIVE, 0x202}, {VLIBC_ATTR_HIDDEN, 0x203}, {VLIBC_ATTR_SYSTEM, 0x204}};
     for (const auto &row : rows) {
         if ((attributes & row.bit) != 0) {
-            (void)request_attribute(fd, row.command);
+            (void)change_dos_attribute(fd, row.command);
         }
     }
 }
@@ -133,12 +145,13 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     if (!late && !ofTheSystem && !mode && !users) {
         return losses;
     }
+    RefusedAttributes refused;
     if (const Held from(source), to(copy); from.keeps_more() && to.keeps_more()) {
         if (ofTheSystem) {
-            copy_system_attributes(from.path, to.path);
+            refused = copy_system_attributes(from.path, to.path);
         }
         if (users) {
-            copy_user_attributes(from.path, to.path);
+            std::ranges::move(copy_user_attributes(from.path, to.path), std::back_inserter(refused));
         }
         if (mode) {
             give_mode(from, to);
@@ -148,7 +161,9 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
         set_archive(copy);
         give_times(source, copy, options.before);
     }
-    return compare_entries(source, copy, options);
+    losses = compare_entries(source, copy, options);
+    add_reasons(refused, losses);
+    return losses;
 }
 
 } // namespace engine

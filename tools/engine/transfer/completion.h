@@ -8,6 +8,10 @@
 
 namespace engine {
 
+// A command of the appliance kernel's for DOS attributes, or of what the platform has in its place. -1, with errno:
+// EOPNOTSUPP where the volume keeps none.
+int change_dos_attribute(int fd, int command);
+
 // The DOS attributes of an open file or directory. A volume without such bits loses them, as a comparison tells.
 void give_dos_attributes(int fd, uint32_t attributes);
 

@@ -33,6 +33,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <memory>
 #include <string_view>
 #include <sys/file.h>
@@ -83,6 +84,11 @@ bool is_locked(const Loss &loss) {
     return loss.detail.find(code_text(kLocked)) != std::string::npos;
 }
 
+// How many names a file has is told where all of them are known.
+bool is_own_loss(const Loss &loss) {
+    return loss.cls != LossClass::hard_link;
+}
+
 // What a failure is called among the losses.
 std::optional<LossClass> class_of(const Problem &problem) {
     return problem.code == kNameTooLong                                       ? std::optional(LossClass::name_too_long)
@@ -119,6 +125,17 @@ bool has_name(const HeldDirectory &directory, const std::string &name) {
     const Descriptor opened = open_directory(directory.fd(), ".");
     const auto names = names_in(opened.get());
     return names && std::ranges::find(*names, name) != names->end();
+}
+
+// What the kernel has of a file in memory is on its volume then, and is read from there, as far as the kernel lets go
+// of it. False, with errno: it could not be written out.
+bool is_let_go(const HeldDirectory &directory, const std::string &name) {
+    const Descriptor file(::openat(directory.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0 || ::fsync(file.get()) != 0) {
+        return false;
+    }
+    (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
+    return true;
 }
 
 bool may_write(int directory, const char *name, int mode) {
@@ -318,8 +335,7 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
     if (!differences || (!linked && linkable && takes_link(attempt))) {
         return std::nullopt;
     }
-    attempt.losses.insert(attempt.losses.end(), differences->begin(), differences->end());
-    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, linked, attempt.losses);
+    std::ranges::copy_if(*differences, std::back_inserter(attempt.losses), is_own_loss);
     attempt.result = there;
     Outcome outcome;
     if (move) {
@@ -330,9 +346,11 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
         outcome.losses = attempt.losses;
         m_written.add(*there, attempt.sourceName, attempt.to, attempt.name);
         m_linked.add(attempt.asItIs ? *attempt.entry : *attempt.content);
+        note_name(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.source, attempt.destination, there);
         if (m_options.hardLinks && S_ISREG(attempt.entry->st_mode) && attempt.content->st_nlink > 1) {
             m_linked.placed(*attempt.content, attempt.to, attempt.name, alone);
         }
+        prove(attempt, outcome);
     }
     outcome.same = true;
     m_observer.progress(attempt.asItIs ? 0 : attempt.content->st_size, false);
@@ -341,15 +359,17 @@ std::optional<Outcome> FileTransfer::pass_over(Attempt &attempt, bool data) {
 
 // Whether it could become another name of what this run has made of its file. A volume without hard links says so when
 // it is asked for one.
-bool FileTransfer::takes_link(const Attempt &attempt) {
+bool FileTransfer::takes_link(Attempt &attempt) {
     const std::string made = next_private_name();
-    return m_linked.can_link(*attempt.entry, attempt.to) && m_linked.link(*attempt.entry, attempt.to, made) &&
-           (::unlinkat(attempt.to.fd(), made.c_str(), 0), true);
+    if (!m_linked.can_link(*attempt.entry, attempt.to) || !m_linked.link(*attempt.entry, attempt.to, made)) {
+        return false;
+    }
+    attempt.note(clear_away(attempt.to.fd(), made).value_or(Problem{}));
+    return true;
 }
 
 // Of what may differ; nothing: it is not the same.
 std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &attempt, bool data, LossSet accepted) {
-    const bool move = m_options.operation == Operation::move;
     const bool follow = !attempt.asItIs && S_ISLNK(attempt.entry->st_mode);
     const auto &known = attempt.asItIs ? attempt.entry : attempt.content;
     attempt.file = Descriptor(
@@ -365,8 +385,11 @@ std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &atte
             return std::nullopt;
         }
     }
-    if (move) {
+    if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
+    }
+    if (data && m_options.verify && !attempt.asItIs && !is_let_go(attempt.to, attempt.name)) {
+        return std::nullopt;
     }
     std::vector<Loss> differences = compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType),
                                                     attempt.to.side_now(attempt.name), compare_options(data));
@@ -597,7 +620,8 @@ Outcome FileTransfer::place_copy(Attempt &attempt) {
             discard(attempt.to, attempt.made);
             return failure(attempt.destination, *problem);
         }
-        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace && !attempt.backedUp, stores});
+        auto left = place({attempt.to, attempt.made, attempt.name, attempt.replace && !attempt.backedUp, stores,
+                           attempt.store.is_beside(), attempt.linked});
         if (left) {
             attempt.begun = true;
             attempt.note(std::move(*left));
@@ -707,7 +731,9 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
 // What was replaced stays where it has other names. They are looked for where it lay, unless that takes long.
 void FileTransfer::tell_old_names(const Attempt &attempt, Outcome &outcome) {
     constexpr size_t mostEntries = 2'000, mostNames = 10;
-    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode)) {
+    // Where the new one is another name of the old one nothing of that is gone.
+    if (!attempt.old || attempt.inPlace || !S_ISREG(attempt.old->st_mode) ||
+        (attempt.result && same(attempt.old, *attempt.result))) {
         return;
     }
     outcome.old = {attempt.old->st_dev, attempt.old->st_ino};
@@ -763,7 +789,8 @@ bool FileTransfer::link_again(const struct stat &file, const HeldDirectory &to, 
         return false;
     }
     const bool placed = ::renameat(to.fd(), made.c_str(), to.fd(), name.c_str()) == 0;
-    return placed || (::unlinkat(to.fd(), made.c_str(), 0), false);
+    (void)clear_away(to.fd(), made); // which stays, too, where both are one file already
+    return placed;
 }
 
 // A file with everything that is kept for it, under whatever name.
@@ -867,7 +894,7 @@ std::optional<Problem> FileTransfer::make_closed(Attempt &attempt, const std::st
             problem = problem_of_errno(errno);
         }
     }
-    (void)remove_left_over(attempt.to.fd(), room);
+    attempt.note(clear_away(attempt.to.fd(), room).value_or(Problem{}));
     return problem;
 }
 
@@ -949,7 +976,7 @@ void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, con
     if (!stays && has_store(to, name)) {
         (void)VEXOEARemove(to.below(name).c_str(), to.type());
     }
-    if (m_options.operation == Operation::move) {
+    if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
 }
@@ -978,7 +1005,7 @@ std::optional<Problem> FileTransfer::carry_closed(Attempt &attempt, const std::s
                (::renameat(in, store.c_str(), to, store.c_str()) == 0 || errno == ENOENT);
     }
     const int number = errno;
-    (void)remove_left_over(to, room);
+    attempt.note(clear_away(to, room).value_or(Problem{}));
     if (good) { // what other services keep for it, which has its place by the name of the directory
         carry_own_directory(attempt.where().side_now(attempt.what(), attempt.sourceType), attempt.to.side_now(name),
                             true);
@@ -1023,24 +1050,45 @@ void FileTransfer::compare(Attempt &attempt, const std::string &name) {
                               : attempt.where().side_now(attempt.what(), attempt.sourceType);
     const Side copy = known ? attempt.to.side(name) : attempt.to.side_now(name);
     carry_own_directory(source, copy, false);
-    for (Loss &loss : complete_copy(source, copy, compare_options(false), true)) {
-        attempt.losses.push_back(std::move(loss));
-    }
+    std::ranges::copy_if(complete_copy(source, copy, compare_options(false), true), std::back_inserter(attempt.losses),
+                         is_own_loss);
     if (name != attempt.name) {
         add_companion_too_long(copy, attempt.name, attempt.losses);
     }
-    count_names(attempt.asItIs ? *attempt.entry : *attempt.content, attempt.linked, attempt.losses);
 }
 
-// Where names of one file become files of their own, that is told from the second one on. Of the last name that is
-// moved nothing shows that there were more, and names that are no part of the run, or did not get there, are nobody's
-// loss: a name counts once it has arrived.
-void FileTransfer::count_names(const struct stat &file, bool linked, std::vector<Loss> &losses) {
-    std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::hard_link; });
-    if (m_linked.contains(file) && !linked) {
-        losses.push_back(
-            {LossClass::hard_link,
-             fmt::format("is one file with another name of it, and becomes one of its own: {} bytes", file.st_size)});
+LinkedNames::Tell FileTransfer::tell_apart() {
+    return [this](const std::string &first, const std::string &second, const Loss &loss) {
+        m_observer.loss(first, second, loss);
+    };
+}
+
+void FileTransfer::named(const LinkedName &name) {
+    (void)m_names.meet(name, tell_apart());
+}
+
+void FileTransfer::finish_names() {
+    m_names.finish(tell_apart());
+}
+
+// Of the last name that is moved nothing shows that there were more, and names that are no part of the run, or did not
+// get there, are nobody's loss: a name counts once it has arrived.
+void FileTransfer::note_name(const struct stat &file, const std::string &source, const std::string &destination,
+                             const std::optional<struct stat> &there) {
+    if (!m_options.compared || !S_ISREG(file.st_mode) || !there || (file.st_nlink < 2 && !m_linked.contains(file))) {
+        return;
+    }
+    const LinkedName name{{file.st_dev, file.st_ino},
+                          {there->st_dev, there->st_ino},
+                          file.st_nlink,
+                          there->st_nlink,
+                          source,
+                          destination,
+                          file.st_size};
+    if (m_ledger != nullptr) {
+        m_ledger->named(name);
+    } else {
+        named(name);
     }
 }
 
@@ -1053,19 +1101,17 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
     if (attempt.changed) {
         return Problem{"changed while it was copied"};
     }
-    const Descriptor made(::openat(attempt.to.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (made.get() < 0 || ::fsync(made.get()) != 0) {
+    if (!is_let_go(attempt.to, name)) {
         return Problem{fmt::format("could not be written out to be verified: {}", std::strerror(errno))};
     }
-    (void)::posix_fadvise(made.get(), 0, 0, POSIX_FADV_DONTNEED);
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     for (const Loss &loss : compare_entries(source, attempt.to.side_now(name), compare_options(true))) {
         // Other names than the one that is copied are told of by themselves.
-        if (loss.cls != LossClass::hard_link && std::ranges::find(attempt.losses, loss) == attempt.losses.end()) {
+        if (is_own_loss(loss) && std::ranges::find(attempt.losses, loss) == attempt.losses.end()) {
             attempt.stopAnswered = attempt.stopAnswered || m_observer.stopped();
             return attempt.stopAnswered
                        ? std::nullopt
-                       : std::optional(Problem{"is not what its source is, once read back: " + loss.detail});
+                       : std::optional(Problem{"is not what its source is, once read back: " + loss.text()});
         }
     }
     return std::nullopt;
@@ -1109,7 +1155,9 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
     tell_old_names(attempt, outcome);
     outcome.losses = attempt.losses;
     if (m_options.compared && !attempt.renamed) {
-        m_linked.add(attempt.asItIs ? *attempt.entry : *attempt.content);
+        const struct stat &meant = attempt.asItIs ? *attempt.entry : *attempt.content;
+        note_name(meant, attempt.source, attempt.destination, attempt.result);
+        m_linked.add(meant);
     }
     if (m_options.hardLinks && !attempt.renamed && !attempt.changed && S_ISREG(attempt.entry->st_mode) &&
         (attempt.content->st_nlink > 1 || m_linked.contains(*attempt.content))) {
@@ -1125,6 +1173,7 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
         return outcome;
     }
     outcome.synced = m_options.sync == Sync::file;
+    prove(attempt, outcome);
     if (attempt.changed) {
         attempt.note({across ? "changed while it was copied; the source stays" : "changed while it was copied"});
         outcome.sourceStays = across;
@@ -1137,6 +1186,14 @@ Outcome FileTransfer::arrived(Attempt &attempt) {
         outcome.warning = attempt.told;
     }
     return outcome;
+}
+
+// For whoever takes it for saved.
+void FileTransfer::prove(const Attempt &attempt, Outcome &outcome) const {
+    if (m_options.proofs && !attempt.changed && !attempt.asItIs && S_ISREG(attempt.content->st_mode)) {
+        outcome.proven = attempt.content;
+        outcome.provenStore = (attempt.kept ? *attempt.kept : StoreWitness(attempt.from, attempt.sourceName)).mark();
+    }
 }
 
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
@@ -1177,17 +1234,16 @@ std::vector<Loss> FileTransfer::losses_of(const HeldDirectory &from, const HeldD
     if (m_options.compared) {
         losses = complete_copy(from.side(name), to.side(name), compare_options(false));
     }
-    const auto linked = [](const Loss &loss) { return loss.cls == LossClass::hard_link; };
-    if (const auto found = std::ranges::any_of(losses, linked) ? from.look(name) : std::nullopt) {
+    if (const auto found = std::ranges::all_of(losses, is_own_loss) ? std::nullopt : from.look(name)) {
         LinkLease lease(m_ledger, m_linked);
         (void)lease.take(*found, false);
-        if (m_linked.contains(*found) && !gets_into_the_file(from, name, to.type()) && link_again(*found, to, name)) {
+        const bool alone = gets_into_the_file(from, name, to.type());
+        if (m_linked.contains(*found) && !alone && link_again(*found, to, name)) {
             losses = complete_copy(from.side(name), to.side(name), compare_options(false));
-            count_names(*found, true, losses);
-        } else {
-            count_names(*found, false, losses);
         }
-        m_linked.placed(*found, to, name, gets_into_the_file(from, name, to.type()));
+        std::erase_if(losses, [](const Loss &loss) { return !is_own_loss(loss); });
+        note_name(*found, joined(from.path(), name), joined(to.path(), name), to.look(name));
+        m_linked.placed(*found, to, name, alone);
     }
     return losses;
 }

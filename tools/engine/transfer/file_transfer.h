@@ -7,6 +7,7 @@
 #pragma once
 
 #include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/linked_names.h"
 #include "tools/engine/transfer/backup.h"
 #include "tools/engine/transfer/clone_policy.h"
 #include "tools/engine/transfer/file_conflict.h"
@@ -55,6 +56,9 @@ class FileTransfer {
     // What all of them know together, with the process that keeps the ledger.
     WrittenEntries &written() { return m_written; }
     LinkedFiles &linked() { return m_linked; }
+    // A name of a file that has, or had, several has arrived; and no more of them come.
+    void named(const LinkedName &name);
+    void finish_names();
 
     // Both paths absolute. `entry`: what lstat says of the source, where the caller has asked already.
     Outcome run(const std::string &source, const std::string &destination, std::optional<struct stat> entry = {},
@@ -119,7 +123,7 @@ class FileTransfer {
     Outcome attempted(Attempt &attempt, const std::string &destination, int destinationError);
     std::optional<Outcome> pass_over(Attempt &attempt);
     std::optional<Outcome> pass_over(Attempt &attempt, bool data);
-    bool takes_link(const Attempt &attempt);
+    bool takes_link(Attempt &attempt);
     void look_for_same(Attempt &attempt);
     static bool is_as_good(const Attempt &attempt);
     std::optional<std::vector<Loss>> differences_of_same(Attempt &attempt, bool data, LossSet accepted);
@@ -131,6 +135,9 @@ class FileTransfer {
     std::optional<Outcome> keep_together(Attempt &attempt);
     static void tell_old_names(const Attempt &attempt, Outcome &outcome);
     Outcome arrived(Attempt &attempt);
+    void prove(const Attempt &attempt, Outcome &outcome) const;
+    // Whether what is kept beside a source is to be known when it is compared with the copy.
+    bool witnesses() const { return m_options.operation == Operation::move || m_options.proofs; }
     static std::optional<Problem> make_anew(Attempt &attempt, std::vector<Loss> &losses);
     std::optional<Problem> link_or_make(Attempt &attempt);
     bool link_again(const struct stat &file, const HeldDirectory &to, const std::string &name);
@@ -144,7 +151,9 @@ class FileTransfer {
     std::optional<Problem> carry_closed(Attempt &attempt, const std::string &name);
     void remove_source(Attempt &attempt, Outcome &outcome);
     void compare(Attempt &attempt, const std::string &name);
-    void count_names(const struct stat &file, bool linked, std::vector<Loss> &losses);
+    LinkedNames::Tell tell_apart();
+    void note_name(const struct stat &file, const std::string &source, const std::string &destination,
+                   const std::optional<struct stat> &there);
     std::optional<Problem> verify(Attempt &attempt, const std::string &name) const;
     std::optional<Problem> refused(Attempt &attempt) const;
     CompareOptions compare_options(bool data) const;
@@ -159,6 +168,7 @@ class FileTransfer {
     HeldDirectory m_from, m_to;
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
+    LinkedNames m_names;
     Ledger *m_ledger = nullptr;
     ClonePolicy m_clones;
     Backups m_backups;

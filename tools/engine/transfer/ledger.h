@@ -2,6 +2,8 @@
 // of one file. Without one a process is alone and knows it all itself.
 #pragma once
 
+#include "tools/engine/compare/linked_names.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -35,6 +37,8 @@ class Ledger {
     // for it waits.
     virtual std::string take(const FileNumber &file) = 0;
     virtual void give_back(const FileNumber &file, const std::string &known) = 0;
+    // One of its names has arrived.
+    virtual void named(const LinkedName &name) = 0;
 };
 
 } // namespace engine

@@ -170,6 +170,11 @@ bool rename_parts(const HeldDirectory &directory, const std::string &before, con
     return rename_part(stores.get(), before.c_str(), now.c_str());
 }
 
+bool keeps_stores_beside(const HeldDirectory &directory) {
+    const StoreKind kind = store_kind(directory.type());
+    return kind == StoreKind::apple_double || kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
+}
+
 bool has_store_of(const HeldDirectory &directory, std::initializer_list<std::string> names) {
     char place[PATH_MAX] = "";
     const StoreKind kind = store_kind(directory.type());
@@ -182,7 +187,7 @@ bool has_store_of(const HeldDirectory &directory, std::initializer_list<std::str
                lies_there(VEXOEAPathNoADFS(1, path.c_str(), "VexoResource", place, sizeof place), place) ||
                lies_there(VEXOEADirPath(0, path.c_str(), place, sizeof place), place);
     };
-    if (kind != StoreKind::apple_double && kind != StoreKind::ea_directory && kind != StoreKind::file_ea) {
+    if (!keeps_stores_beside(directory)) {
         return false;
     }
     return (kind == StoreKind::apple_double && std::ranges::any_of(names, has_double)) ||
@@ -232,7 +237,8 @@ std::optional<Problem> follow(const HeldDirectory &to, const Note &note, const H
 Problem try_to_finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
                             const HeldDirectory *from) {
     const std::string clear = made + std::string(kOldStoreGoes), next = made + std::string(kNewStoreFollows);
-    if (lies_there(directory.below(clear))) {
+    const auto is_first = [&] { return lies_there(directory.below(clear)); };
+    if (is_first() || is_first()) { // asked twice, as below
         // Only where there is something: a removal marks the entry as changed.
         if (!clear_store(directory, note.name)) {
             return failed_with("it is there, but what was kept beside an old file of its name could not be removed");
@@ -266,8 +272,16 @@ Problem finish_store(const HeldDirectory &directory, const std::string &made, co
 
 bool rename_made(const Placement &placement) {
     const int directory = placement.directory.fd();
-    return placement.replace ? ::renameat(directory, placement.made.c_str(), directory, placement.name.c_str()) == 0
-                             : rename_without_replacing(directory, placement.made, directory, placement.name);
+    const char *const made = placement.made.c_str();
+    if (!placement.replace) {
+        return rename_without_replacing(directory, placement.made, directory, placement.name);
+    }
+    const bool renamed = ::renameat(directory, made, directory, placement.name.c_str()) == 0;
+    // Of two names of one file the kernel leaves both.
+    if (renamed && placement.linked && ::unlinkat(directory, made, 0) != 0 && errno != ENOENT) {
+        ::unlinkat(directory, made, 0);
+    }
+    return renamed;
 }
 
 // A command makes a directory of such a name for itself alone, whereas a file has its source's owner before it has its
@@ -351,7 +365,8 @@ bool gets_into_the_file(const HeldDirectory &from, const std::string &name, int 
 
 std::optional<Problem> place(const Placement &placement) {
     const HeldDirectory &directory = placement.directory;
-    if (!placement.withStore || !has_store_of(directory, {placement.made, placement.name})) {
+    const bool known = placement.hasStore && keeps_stores_beside(directory);
+    if (!known && (!placement.withStore || !has_store_of(directory, {placement.made, placement.name}))) {
         return rename_made(placement)
                    ? std::optional(without_store(directory, placement.name, placement.withStore && placement.replace))
                    : std::nullopt;
@@ -488,7 +503,7 @@ void discard(const HeldDirectory &directory, const std::string &made) {
     if (has_store(directory, made)) {
         (void)VEXOEARemove(directory.below(made).c_str(), directory.type());
     }
-    (void)remove_left_over(directory.fd(), made);
+    (void)clear_away(directory.fd(), made);
 }
 
 std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {

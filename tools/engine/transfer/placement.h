@@ -30,6 +30,8 @@ struct Placement {
     std::string name;      // the one that it is to have
     bool replace = false;  // what stands there goes, with its store
     bool withStore = true; // something may be kept beside it, or beside what stood there
+    bool hasStore = false; // it has a store, whatever is seen of that
+    bool linked = false;   // it is another name of a file, which may be the very one that stands there
 };
 
 // Nothing, with errno, when the entry has not got its name; it is then as it was, and so is what stood there: EEXIST is

@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace engine {
@@ -40,6 +41,7 @@ void TreeTransfer::run_below(const std::string &base, const std::string &top, co
         return;
     }
     m_unfinished = how.unfinished;
+    ++m_wanted;
     if (name.empty()) {
         m_baseListed = true;
         return;
@@ -156,9 +158,6 @@ bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, con
                                                         displayed(level.source))}
                                   : problem_of_errno(number));
     }
-    if (m_move) {
-        level.status = m_before.try_emplace(level.source, level.status).first->second;
-    }
     level.outcome.losses = give_name(above, name);
     if (is_nameless(above, name)) {
         return false;
@@ -173,6 +172,7 @@ bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, con
     }
     if (m_move) {
         m_files.tidy(level.from);
+        begin_leaving(step);
     }
     level.hasStore = level.from.look("@eaDir").has_value();
     constexpr size_t mostHeld = 6;
@@ -205,12 +205,43 @@ void TreeTransfer::step_up() {
     } else {
         finish(level, source, {above.to, step.made});
     }
+    if (m_move) {
+        end_leaving(step);
+    }
     if (m_unfinished && !level.made && level.outcome.status == Status::done) {
         return;
     }
     const bool first = m_told.insert({level.there.st_dev, level.there.st_ino}).second;
     if (first || level.outcome.status == Status::failed) {
         tell(EntryKind::directory, level.source, level.outcome);
+    }
+}
+
+// Its times are those from before anything left it, in this run or in one that was stopped. A list may lead into a
+// large directory again and again: what it holds is not looked at more often than names are wanted.
+void TreeTransfer::begin_leaving(Step &step) {
+    constexpr size_t fewEntries = 100'000, mostOfName = 4;
+    const Level &above = m_way.back().level;
+    step.note = begin_leaving(step.level, {above.to, step.made}, false);
+    step.level.status = m_before.try_emplace(step.level.source, step.level.status).first->second;
+    if (m_listed < fewEntries + mostOfName * m_wanted) {
+        step.names = names_in(step.level.from.fd());
+        m_listed += step.names ? step.names->size() : 0;
+    }
+}
+
+// It stays, with its times, so that the next run finds them there.
+void TreeTransfer::end_leaving(const Step &step) {
+    const HeldDirectory &beside = m_way.back().level.to;
+    if (step.names) {
+        keep_times(step.level.from, step.level.status.st, *step.names, step.level.left);
+    }
+    if (!step.note.empty()) {
+        ::unlinkat(beside.fd(), step.note.c_str(), 0);
+    }
+    // Where it is gone into again there is no such note any more.
+    if (const auto known = m_departures.find({beside.device(), beside.inode()}); known != m_departures.end()) {
+        std::erase_if(known->second, [&](const Departure &one) { return one.note == step.note; });
     }
 }
 

@@ -112,6 +112,9 @@ void SharedTransfer::hear(uint64_t worker, RecordReader &reader) {
         m_taken.erase(file);
         break;
     }
+    case TransferEvent::named:
+        hear_of_name(reader);
+        break;
     default:
         hear_of_part(member, event, reader);
     }
@@ -128,6 +131,18 @@ void SharedTransfer::hear_of_retry(RecordReader &reader) {
     const Problem problem = read_problem(reader).value_or(Problem{});
     const auto number = reader.number<int>(), of = reader.number<int>();
     m_observer.retry({source, destination, problem, number, of, reader.number<int64_t>()});
+}
+
+void SharedTransfer::hear_of_name(RecordReader &reader) {
+    LinkedName name;
+    name.first = read_file_number(reader);
+    name.names = reader.number<uint64_t>();
+    name.second = read_file_number(reader);
+    name.arrived = reader.number<uint64_t>();
+    name.path = reader.text();
+    name.otherPath = reader.text();
+    name.bytes = reader.number<int64_t>();
+    m_files.named(name);
 }
 
 void SharedTransfer::hear_of_part(Member &member, TransferEvent event, RecordReader &reader) {

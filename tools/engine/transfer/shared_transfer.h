@@ -56,6 +56,7 @@ class SharedTransfer : public TreeSharer, private Overseer {
     void hear_of_part(Member &member, TransferEvent event, RecordReader &reader);
     void hear_of_entry(Member &member, RecordReader &reader);
     void hear_of_retry(RecordReader &reader);
+    void hear_of_name(RecordReader &reader);
     void not_finished(const TreePart &part, const std::string &source, const std::string &reason);
 
     const TransferOptions m_options;

@@ -3,6 +3,8 @@
 #include "ea/ea.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/text_hash.h"
+#include "tools/engine/workers/record.h"
 
 #include <climits>
 
@@ -37,6 +39,19 @@ bool StoreWitness::unchanged(const HeldDirectory &directory, const std::string &
         }
     }
     return true;
+}
+
+uint64_t StoreWitness::mark() const {
+    RecordWriter all;
+    for (const auto &part : m_parts) {
+        all.number(part.has_value());
+        if (part) {
+            const struct stat &seen = part->seen();
+            all.number(seen.st_dev).number(seen.st_ino).number(seen.st_mode).number(seen.st_size);
+            all.number(seen.st_mtim).number(seen.st_ctim);
+        }
+    }
+    return text_hash(all.bytes());
 }
 
 } // namespace engine

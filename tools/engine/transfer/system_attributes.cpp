@@ -43,10 +43,12 @@ bool read_attribute(const std::string &path, const char *name, std::string &valu
     return read_all(value, [&](char *at, size_t size) { return ::getxattr(path.c_str(), name, at, size); });
 }
 
-void copy_attribute(const std::string &source, const std::string &destination, const char *name) {
+void copy_attribute(const std::string &source, const std::string &destination, const char *name,
+                    RefusedAttributes &refused) {
     std::string value;
-    if (read_attribute(source, name, value)) {
-        (void)::setxattr(destination.c_str(), name, value.data(), value.size(), 0);
+    if (read_attribute(source, name, value) &&
+        ::setxattr(destination.c_str(), name, value.data(), value.size(), 0) != 0) {
+        refused.emplace_back(name, errno);
     }
 }
 
@@ -55,26 +57,29 @@ bool is_users(std::string_view name) {
            (VLIBCFileIsRecord == nullptr || VLIBCFileIsRecord(name.data()) == 0);
 }
 
-void copy_those(const std::string &source, const std::string &destination, bool (*meant)(std::string_view)) {
+RefusedAttributes copy_those(const std::string &source, const std::string &destination,
+                             bool (*meant)(std::string_view)) {
     std::string names;
+    RefusedAttributes refused;
     if (!read_all(names, [&](char *at, size_t size) { return ::listxattr(source.c_str(), at, size); })) {
-        return;
+        return refused;
     }
     for (size_t at = 0; at < names.size(); at += std::string_view(&names[at]).size() + 1) {
         if (meant(&names[at])) {
-            copy_attribute(source, destination, &names[at]);
+            copy_attribute(source, destination, &names[at], refused);
         }
     }
+    return refused;
 }
 
 } // namespace
 
-void copy_system_attributes(const std::string &source, const std::string &destination) {
-    copy_those(source, destination, is_carried);
+RefusedAttributes copy_system_attributes(const std::string &source, const std::string &destination) {
+    return copy_those(source, destination, is_carried);
 }
 
-void copy_user_attributes(const std::string &source, const std::string &destination) {
-    copy_those(source, destination, is_users);
+RefusedAttributes copy_user_attributes(const std::string &source, const std::string &destination) {
+    return copy_those(source, destination, is_users);
 }
 
 } // namespace engine

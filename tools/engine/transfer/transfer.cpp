@@ -67,6 +67,7 @@ void Transfer::run(const std::string &source, const std::string &destination) {
 
 void Transfer::leave() {
     m_trees.leave();
+    m_files.finish_names();
     m_files.write_out_volumes();
 }
 

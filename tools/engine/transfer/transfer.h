@@ -25,8 +25,8 @@ class Transfer {
     void run(const std::string &source, const std::string &destination);
 
     // The same of a name below `base` that is made anew below `top` with the directories on its way, which are finished
-    // when a name leads elsewhere, or by leave(), which ends each run: volumes are written out then. Both absolute, and
-    // directories. The selection sees the name from the base on.
+    // when a name leads elsewhere, or by leave(), which ends each run: volumes are written out then, and what only all
+    // names of a file show is told. Both absolute, and directories. The selection sees the name from the base on.
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
     void leave();
 

@@ -27,6 +27,9 @@ class TransferObserver : public Observer {
     virtual void begins(const std::string &) {}
     // What became of an entry.
     virtual void entry(EntryKind kind, const std::string &source, const Outcome &outcome) = 0;
+    // What an entry has lost that was told of before, or is told of next: that names of one file are several now shows
+    // only once others of them have arrived.
+    virtual void loss(const std::string &, const std::string &, const Loss &) {}
     // So many files and links arrived in a directory of the destination, of which there is nothing to say; of `bytes`
     // together.
     virtual void arrived(const std::string &directory, int files, int64_t bytes) = 0;

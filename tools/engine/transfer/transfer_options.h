@@ -58,6 +58,7 @@ struct TransferOptions {
     Clock *clock = nullptr;     // for whatever waits; nothing: that of the machine
     // Whether files that arrive are compared with their sources; else the caller does that, and it is no move.
     bool compared = true;
+    bool proofs = false; // of each file it is told what its source was when it was proven to have arrived
 };
 
 // How names are taken that are made anew below another directory.

@@ -97,6 +97,12 @@ void TransferTelling::give_back(const FileNumber &file, const std::string &known
     m_crew.tell_now({});
 }
 
+void TransferTelling::named(const LinkedName &name) {
+    m_pending.number(TransferEvent::named).number(name.first.first).number(name.first.second).number(name.names);
+    m_pending.number(name.second.first).number(name.second.second).number(name.arrived);
+    m_pending.text(name.path).text(name.otherPath).number(name.bytes);
+}
+
 void TransferTelling::begins(const TreePart &part) {
     m_filesBefore = part.request.filesBefore;
     m_directoriesBefore = part.request.directoriesBefore;

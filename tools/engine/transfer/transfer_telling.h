@@ -25,6 +25,7 @@ enum class TransferEvent : uint8_t {
     retry,        // two paths, problem, number, of, pause
     made,         // kind, volume, inode, hash
     given_back,   // volume, inode, what is known
+    named,        // twice volume, inode and number of names; two paths, bytes
     part_begins,  // number
     part_reaches, // how many of its names are begun
     part_keeps,   // how many of them are its own
@@ -55,6 +56,7 @@ class TransferTelling : public TransferObserver, public Ledger {
     bool has_linked_files() const override { return m_linkedFiles; }
     std::string take(const FileNumber &file) override;
     void give_back(const FileNumber &file, const std::string &known) override;
+    void named(const LinkedName &name) override;
 
     // Parts of this worker, of which the last one that has begun is being done.
     void begins(const TreePart &part);

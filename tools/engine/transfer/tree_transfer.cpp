@@ -672,9 +672,9 @@ std::optional<Problem> TreeTransfer::carry_store(const Place &source, const Plac
     if (whole || !replaces) {
         (void)::renameat(room.fd(), store.c_str(), to.fd(), place.c_str());
     }
-    (void)remove_left_over(to.fd(), made);
+    auto stays = clear_away(to.fd(), made);
     carry_kept(from, to.side_now(destination.name, m_destinationType), true);
-    return std::nullopt;
+    return stays;
 }
 
 void TreeTransfer::write_out_level(Level &level, const Place &destination) const {

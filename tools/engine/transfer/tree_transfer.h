@@ -158,11 +158,15 @@ class TreeTransfer {
         HeldDirectory parent;   // where a link led to lies in this one, under `real`
         std::string real;
         bool aboveLetGo = false;
+        std::string note = {}; // of its times, beside what it becomes, while entries leave it
+        std::optional<std::vector<std::string>> names = {}; // what it held then, where that was looked at
     };
     bool begin_way(const std::string &base, const std::string &top);
     bool step_down(const std::string &name, const NamesBelow &how, const std::string &wanted);
     bool open_step(Step &step, const NamesBelow &how) const;
     void step_up();
+    void begin_leaving(Step &step);
+    void end_leaving(const Step &step);
     void finish_base();
     void leaf(const std::string &name, const NamesBelow &how, const std::string &wanted);
     bool missed(const std::string &wanted, Problem problem);
@@ -212,6 +216,7 @@ class TreeTransfer {
     WrittenEntries m_stepped;                  // directories that were on the way
     std::set<std::pair<dev_t, ino_t>> m_told;  // those of which something was told
     std::map<std::string, VLIBCStat> m_before; // of a move: what they were before anything left them
+    size_t m_listed = 0, m_wanted = 0;         // entries of directories on the way that were listed, and names so far
     bool m_baseListed = false;
     bool m_unfinished = false; // directories on the way are
     TreeSharer *m_sharer = nullptr;

@@ -163,7 +163,7 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
     if (inside.look(made) && !rename_with_store(renaming)) {
         problem = problem_of_placing(errno);
     }
-    (void)remove_left_over(destination.in.fd(), room);
+    auto stays = clear_away(destination.in.fd(), room);
     if (problem) {
         failed(source.path(), destination.path(), std::move(*problem));
         return;
@@ -174,6 +174,9 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
     m_checking = true; // What did not arrive is copied one by one.
     check(source, destination, source.held(), call);
     m_checking = false;
+    if (stays) { // beside the tree, which has arrived
+        failed(source.path(), destination.path(), std::move(*stays));
+    }
 }
 
 // One level of the tree that the library has copied.

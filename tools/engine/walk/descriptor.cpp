@@ -4,6 +4,7 @@
 #include "tools/engine/report/names.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -19,6 +20,17 @@ Descriptor::~Descriptor() {
 
 Descriptor open_directory(int parent, const std::string &name) {
     return Descriptor(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+bool write_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(fd, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+    }
+    return true;
 }
 
 std::string read_regular_file(const std::string &path, size_t most, uint64_t *size) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace engine {
@@ -29,6 +30,9 @@ class Descriptor {
 // The directory `name` of the open directory `parent`, which is no symbolic link. A descriptor of -1, with errno, when
 // it cannot be opened.
 Descriptor open_directory(int parent, const std::string &name);
+
+// All of a text to an open file. False, with errno.
+bool write_all(int fd, std::string_view text);
 
 // The content of a regular file, at most `most` bytes of it; its whole size goes into `size`. Throws Failure.
 std::string read_regular_file(const std::string &path, size_t most, uint64_t *size);

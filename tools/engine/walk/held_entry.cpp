@@ -4,7 +4,6 @@
 #include "tools/engine/walk/paths.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 
@@ -14,17 +13,17 @@ HeldEntry::HeldEntry(const std::string &path, Needs needs)
     : m_given(path), m_name(path == "/" ? "." : base_name(path)),
       m_directory(::open(parent_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)), m_file(-1) {
     if (m_directory.get() < 0) {
-        throw Failure(std::strerror(errno));
+        throw_errno();
     }
     Descriptor file(::openat(m_directory.get(), m_name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (file.get() < 0 && (errno != ENOENT || needs == Needs::entry)) {
-        throw Failure(std::strerror(errno));
+        throw_errno();
     }
     if (file.get() >= 0 && ::fstat(file.get(), &m_status) != 0) {
         throw_errno("cannot be looked at");
     }
     if (file.get() >= 0 && S_ISLNK(m_status.st_mode) && needs != Needs::name) {
-        throw Failure("it is a symbolic link, which is not followed here; name the file that it leads to");
+        throw Failure("it is a symbolic link, which is not followed here; name the file that it leads to", 0, ELOOP);
     }
     m_file = std::move(file);
 }

@@ -126,13 +126,22 @@ LeftOvers left_overs_in(int directory) {
 }
 
 bool remove_left_over(int directory, const std::string &name) {
-    struct stat found {
-    }, around{};
-    if (::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 || ::fstat(directory, &around) != 0) {
-        return false;
+    struct stat around {};
+    if (::unlinkat(directory, name.c_str(), 0) == 0) { // without a look before it, which may be wrong
+        return true;
     }
-    return S_ISDIR(found.st_mode) ? remove_tree(directory, name, around.st_dev)
-                                  : ::unlinkat(directory, name.c_str(), 0) == 0;
+    return errno == EISDIR && ::fstat(directory, &around) == 0 && remove_tree(directory, name, around.st_dev);
+}
+
+// Asked twice: an error may be one that is told only once.
+std::optional<Problem> clear_away(int directory, const std::string &name) {
+    if (remove_left_over(directory, name) || remove_left_over(directory, name) || errno == ENOENT) {
+        return std::nullopt;
+    }
+    const int number = errno;
+    Problem problem = problem_of_errno(number);
+    problem.reason = fmt::format("{}, which stood there meanwhile, could not be removed: {}", name, problem.reason);
+    return problem;
 }
 
 } // namespace engine

@@ -6,8 +6,10 @@
 // else begins with ".vexofileop-" is a command's own, and only that command knows what it is worth; or it is a user's.
 #pragma once
 
+#include "tools/engine/report/problem.h"
 #include "tools/engine/walk/maker.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,5 +45,8 @@ LeftOvers left_overs_in(int directory);
 // Removes a file, a link or a directory with everything in it. No link is followed, and no mounted volume is entered.
 // False, with errno: it is still there, or some of it.
 bool remove_left_over(int directory, const std::string &name);
+
+// The same of what this run has made itself: what does not go is told, since nobody else would know what it is.
+std::optional<Problem> clear_away(int directory, const std::string &name);
 
 } // namespace engine

@@ -25,12 +25,13 @@ std::optional<Problem> read_problem(RecordReader &from) {
 }
 
 void write(RecordWriter &to, const Loss &loss) {
-    to.number(loss.cls).text(loss.detail);
+    to.number(loss.cls).text(loss.detail).number(loss.number);
 }
 
 Loss read_loss(RecordReader &from) {
     const auto cls = from.number<LossClass>();
-    return {cls, from.text()};
+    std::string detail = from.text();
+    return {cls, std::move(detail), from.number<int>()};
 }
 
 void write(RecordWriter &to, const Outcome &outcome) {
@@ -45,6 +46,10 @@ void write(RecordWriter &to, const Outcome &outcome) {
     to.number(static_cast<uint32_t>(outcome.losses.size()));
     for (const Loss &loss : outcome.losses) {
         write(to, loss);
+    }
+    to.number(outcome.proven.has_value());
+    if (outcome.proven) {
+        to.number(*outcome.proven).number(outcome.provenStore);
     }
     write(to, outcome.warning);
     write(to, outcome.problem);
@@ -70,6 +75,10 @@ Outcome read_outcome(RecordReader &from) {
     outcome.sourceStays = from.number<bool>();
     for (auto losses = from.number<uint32_t>(); losses > 0; --losses) {
         outcome.losses.push_back(read_loss(from));
+    }
+    if (from.number<bool>()) {
+        outcome.proven = from.number<struct stat>();
+        outcome.provenStore = from.number<uint64_t>();
     }
     outcome.warning = read_problem(from);
     outcome.problem = read_problem(from);

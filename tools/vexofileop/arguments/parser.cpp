@@ -79,7 +79,8 @@ void refuse_unknown_command(const CLI::App &program) {
     }
 }
 
-constexpr const char *kRare = "More options"; // the group of what --help leaves to --help-all
+constexpr std::string_view kUnlabelled = "Subcommands"; // CLI11's group of a command that was put into none
+constexpr const char *kRare = "More options";           // the group of what --help leaves to --help-all
 
 // How --help looks: one line for each option, what an option takes behind its name, examples at the end.
 class HelpFormatter : public CLI::Formatter {
@@ -87,17 +88,20 @@ class HelpFormatter : public CLI::Formatter {
     HelpFormatter() { column_width(25); }
     std::string make_group(std::string group, bool operands, std::vector<const CLI::Option *> options) const override;
     std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override;
+    std::string make_subcommands(const CLI::App *app, CLI::AppFormatMode mode) const override;
     std::string make_usage(const CLI::App *app, std::string name) const override;
     std::string make_positionals(const CLI::App *) const override { return {}; }
     std::string make_option_name(const CLI::Option *option, bool operand) const override;
     std::string make_option_opts(const CLI::Option *option) const override;
 
   private:
-    mutable bool m_all = false; // what the formatter's callers say to its first function only
+    // What the formatter's callers say to its first function only.
+    mutable bool m_all = false, m_program = false;
 };
 
 std::string HelpFormatter::make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const {
     m_all = mode == CLI::AppFormatMode::All;
+    m_program = app->get_parent() == nullptr;
     std::string text = CLI::Formatter::make_help(app, std::move(name), mode);
     // CLI11 separates every section with an empty line or two; a screen has room for one.
     for (size_t at; (at = text.find("\n\n\n")) != std::string::npos;) {
@@ -106,15 +110,36 @@ std::string HelpFormatter::make_help(const CLI::App *app, std::string name, CLI:
     if (const size_t at = text.find("\n\n  --help-all"); at != std::string::npos) {
         text.erase(at, 1);
     }
+    // The commands of the program and its example fill it.
+    if (const size_t at = text.find("\n\nExample"); app->get_parent() == nullptr && at != std::string::npos) {
+        text.erase(at, 1);
+    }
     return text;
 }
 
 std::string HelpFormatter::make_group(std::string group, bool operands,
                                       std::vector<const CLI::Option *> options) const {
+    if (m_program && !m_all) {
+        return {}; // its options are in its usage: the screen is for the commands
+    }
     if (group == kRare && !m_all) {
         return options.size() > 1 ? "  --help-all             print more options\n" : "";
     }
     return CLI::Formatter::make_group(std::move(group), operands, std::move(options));
+}
+
+// Those of the program under what they are for, said once.
+std::string HelpFormatter::make_subcommands(const CLI::App *app, CLI::AppFormatMode mode) const {
+    if (app->get_parent() != nullptr || mode != CLI::AppFormatMode::Normal) {
+        return CLI::Formatter::make_subcommands(app, mode);
+    }
+    std::string lines = "\nSubcommands:\n", label;
+    for (const CLI::App *const command : app->get_subcommands({})) {
+        const bool said = command->get_group() == label || command->get_group() == kUnlabelled;
+        label = command->get_group();
+        lines += fmt::format("  {:<7}{:<16}{}\n", said ? "" : label, command->get_name(), command->get_description());
+    }
+    return lines;
 }
 
 std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) const {
@@ -123,6 +148,9 @@ std::string HelpFormatter::make_usage(const CLI::App *app, std::string name) con
     const auto operands = app->get_options([](const auto *option) { return option->get_positional(); });
     if (!app->get_subcommands({}).empty()) {
         line += " COMMAND ...\n";
+        if (app->get_parent() == nullptr) {
+            return line + "       " + name + " help [COMMAND...] | --version\n";
+        }
         if (operands.empty()) {
             return line;
         }
@@ -144,6 +172,19 @@ std::string HelpFormatter::make_option_name(const CLI::Option *option, bool oper
 std::string HelpFormatter::make_option_opts(const CLI::Option *option) const {
     const std::string &text = option->get_option_text();
     return text.empty() || text.front() == '[' ? text : " " + text;
+}
+
+void collect_commands(const CLI::App &app, const std::string &above, std::vector<KnownCommand> &known) {
+    for (const CLI::App *const command : app.get_subcommands({})) {
+        const std::string name = above + command->get_name();
+        known.push_back({name, command->get_description()});
+        collect_commands(*command, name + " ", known);
+    }
+}
+
+const CLI::App *command_named(const CLI::App &app, const std::string &name) {
+    const auto commands = app.get_subcommands([&name](const CLI::App *command) { return command->check_name(name); });
+    return commands.empty() ? nullptr : commands.front();
 }
 
 // A command does not take it over with its group.
@@ -197,6 +238,32 @@ bool Command::has_command() const {
 
 void Command::refuse_command(const std::string &word) const {
     refuse_as_command(*m_app, word);
+}
+
+std::vector<KnownCommand> Command::known_commands() const {
+    std::vector<KnownCommand> known;
+    collect_commands(*m_app, "", known);
+    return known;
+}
+
+std::string Command::help_of(const std::vector<std::string> &words) const {
+    const CLI::App *at = m_app;
+    std::string above;
+    for (const std::string &word : words) {
+        const CLI::App *const command = command_named(*at, word);
+        if (command == nullptr) {
+            refuse_as_command(*at, word);
+        }
+        above += (above.empty() ? "" : " ") + at->get_name();
+        at = command;
+    }
+    return at->help(above);
+}
+
+void Command::label_command(const std::string &name, const char *label) const {
+    for (CLI::App *const command : m_app->get_subcommands([&](const CLI::App *one) { return one->check_name(name); })) {
+        command->group(label);
+    }
 }
 
 void Command::allow_command() const {

@@ -17,6 +17,11 @@ namespace tool {
 
 class Command;
 
+// A command as it is typed behind the name of the program, "ea show", and its line of the help.
+struct KnownCommand {
+    std::string name, text;
+};
+
 // A flag, an option with a value, or the operands of a command. Copies are the same one, which the Parser owns.
 class Option {
   public:
@@ -48,6 +53,13 @@ class Command {
     bool has_command() const;
     // Throws UsageError for a word where one of its commands is expected.
     [[noreturn]] void refuse_command(const std::string &word) const;
+    // All below it, those below others too, in the order in which they were added.
+    std::vector<KnownCommand> known_commands() const;
+    // The help of the one that these words name, or of this one where there are none. Throws UsageError for other
+    // words.
+    std::string help_of(const std::vector<std::string> &words) const;
+    // What the help lists its command `name` under.
+    void label_command(const std::string &name, const char *label) const;
     // One of its commands has to be named.
     void require_command() const;
     // At most one.

@@ -38,7 +38,8 @@ int64_t size_of(const std::string &path) {
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
-    transfer.countsAlone = !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
+    transfer.countsAlone =
+        !options.eachEntry && !options.stopOnError && options.mostErrors == 0 && !options.verbose && !options.json;
     return transfer;
 }
 
@@ -233,15 +234,27 @@ void Batch::report_problems(const std::string &source, const engine::Outcome &ou
     }
 }
 
+void Batch::loss(const std::string &source, const std::string &destination, const engine::Loss &loss) {
+    tell_loss(source, destination, loss, false);
+    if (!m_options.report.empty()) {
+        m_report.loss(source, destination, loss);
+    }
+}
+
+// `told`: as the failure of its entry.
+void Batch::tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss, bool told) {
+    m_failed = m_receipt.add(source, destination, loss, told) || m_failed;
+    if (m_options.json) {
+        m_console.line(loss_event(source, destination, loss).line());
+    } else if (m_options.verbose && !told) {
+        m_console.line(loss_text(source, destination, loss));
+    }
+}
+
 void Batch::report_losses(const std::string &source, const engine::Outcome &outcome) {
     const bool told = outcome.status == engine::Status::failed && outcome.problem;
     for (const engine::Loss &loss : outcome.losses) {
-        m_failed = m_receipt.add(source, outcome.destination, loss, told) || m_failed;
-        if (m_options.json) {
-            m_console.line(loss_event(source, outcome.destination, loss).line());
-        } else if (m_options.verbose && !told) {
-            m_console.line(loss_text(source, outcome.destination, loss));
-        }
+        tell_loss(source, outcome.destination, loss, told);
     }
     const bool unmade = !copies() && outcome.status == engine::Status::skipped &&
                         engine::has_failing_loss(outcome, m_options.transfer.accepted);

@@ -24,6 +24,7 @@ struct BatchOptions {
     bool progressLines = false;    // as JSON, on stderr
     std::string report = {};       // the file that tells it all; empty: none
     const char *command = nullptr; // where it is another one than the operation's
+    bool eachEntry = false;        // is told, whatever became of it
 };
 
 const char *word_of(engine::Operation operation); // "copy"
@@ -67,6 +68,8 @@ class Batch : protected engine::TransferObserver {
     bool stays_on_the_way(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) const;
     void report(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     void report_problems(const std::string &source, const engine::Outcome &outcome);
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override;
+    void tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss, bool told);
     void report_losses(const std::string &source, const engine::Outcome &outcome);
     void tell_receipt();
     void tell_old_names();

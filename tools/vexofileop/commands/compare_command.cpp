@@ -112,6 +112,9 @@ class Comparison : private engine::ComparisonObserver {
                 }
                 compare_listed(engine::joined(m_first, name), engine::joined(m_second, name));
             }
+            m_linked.finish([this](const std::string &first, const std::string &second, const engine::Loss &one) {
+                loss(first, second, one);
+            });
         }
         m_console.end_progress();
         return finish();
@@ -132,7 +135,9 @@ class Comparison : private engine::ComparisonObserver {
     void compare(const std::string &first, const std::string &second) {
         try {
             const int jobs = m_options.jobs > 0 ? m_options.jobs : engine::usual_hands({first}, second);
-            engine::compare_trees(first, second, m_options.comparison, *this, hands_of(jobs));
+            engine::TreeComparisonOptions comparison = m_options.comparison;
+            comparison.names = m_options.names ? &m_linked : nullptr; // those of a list are one set
+            engine::compare_trees(first, second, comparison, *this, hands_of(jobs));
         } catch (const engine::Failure &failure) {
             m_console.clear_progress();
             m_console.message(failure.what());
@@ -267,6 +272,7 @@ class Comparison : private engine::ComparisonObserver {
     Receipt m_receipt;
     Report m_report{"compare"};
     std::string m_lastDifferent = {};
+    engine::LinkedNames m_linked = {};
     bool m_different = false, m_trouble = false;
     int64_t m_files = 0, m_directories = 0, m_bytes = 0, m_read = 0, m_extra = 0, m_same = 0;
 };

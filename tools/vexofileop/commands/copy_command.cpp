@@ -341,8 +341,7 @@ void add_move_command(const Command &program, int &status) {
 void add_plan_command(const Command &program, int &status) {
     const Command command = program.add_command("plan", "Tell what a copy or a move would do and lose");
     command.allow_command();
-    command.set_footer("\nLists are copied on any machine; at the end --finish completes directories.\n"
-                       "Examples:\n"
+    command.set_footer("\nExamples (lists are copied on any machine; --finish comes last):\n"
                        "  vexofileop plan copy -r photos /volume2/backup\n"
                        "  vexofileop plan --shards 4 --out lists photos\n"
                        "  vexofileop copy -u --relative --from0 --files-from lists/shard-1 \\\n"
@@ -350,7 +349,7 @@ void add_plan_command(const Command &program, int &status) {
                        "  vexofileop copy --finish lists/directories photos /volume2/backup");
     const Command commands[] = {add_transfer_command(command, status, engine::Operation::copy, Act::plan),
                                 add_transfer_command(command, status, engine::Operation::move, Act::plan),
-                                add_mirror_plan(command, status)};
+                                add_mirror_plan(command, status), add_backup_plan(command, status)};
     const auto shards = std::make_shared<ShardPlan>(command);
     for (const Command &each : commands) {
         shards->keep_apart(each);

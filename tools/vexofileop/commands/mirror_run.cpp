@@ -59,7 +59,7 @@ const char *plural(int64_t number) {
 
 } // namespace
 
-MirrorPair::MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem)
+MirrorPair::MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem, const char *harm)
     : source(engine::absolute_path(first)), destination(engine::absolute_path(second)) {
     const auto from = engine::look_through(source), to = engine::look_through(destination);
     if (!from) {
@@ -80,9 +80,9 @@ MirrorPair::MirrorPair(const std::string &first, const std::string &second, bool
     const auto shared = engine::overlap_by_mount(source, destination, oneFileSystem);
     if (shared) {
         const bool inSource = lies_below(*shared, source);
-        throw UsageError(fmt::format("{}: is mounted there, and shares directories with {}: what is removed from the "
-                                     "one would go from the other; unmount it first",
-                                     engine::displayed(*shared), engine::displayed(inSource ? destination : source)));
+        throw UsageError(fmt::format("{}: is mounted there, and shares directories with {}: {}; unmount it first",
+                                     engine::displayed(*shared), engine::displayed(inSource ? destination : source),
+                                     harm));
     }
 }
 

@@ -25,7 +25,9 @@ struct MirrorOptions {
 // or the two are one, or one lies in the other, by whatever names, or a volume that is mounted in one of them leads to
 // the other. `oneFileSystem`: in the first, other volumes are not gone into.
 struct MirrorPair {
-    MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem);
+    // `harm`: what would come of directories that both of them lead to.
+    MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem,
+               const char *harm = "what is removed from the one would go from the other");
     // Throws UsageError where what is kept below a directory could take the place of what is mirrored.
     void refuse_backups(const engine::BackupOptions &backup) const;
     std::string source, destination;

@@ -57,6 +57,7 @@ void PlanRun::plan(const std::vector<Errand> &errands) {
             m_planner.run_below(errand.source, errand.destination, *name, how);
         }
     }
+    m_planner.finish();
 }
 
 void PlanRun::entry(const engine::PlannedEntry &planned) {
@@ -81,13 +82,25 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     say(planned);
     report(planned);
     for (const engine::Loss &loss : planned.losses) {
-        m_failed = m_receipt.add(planned.source, planned.destination, loss) || m_failed;
-        if (m_options.json) {
-            m_console.line(loss_event(planned.source, planned.destination, loss).line());
-        } else if (m_options.verbose) {
-            m_console.line("  " + loss_text(planned.source, planned.destination, loss));
-        }
+        tell_loss(planned.source, planned.destination, loss, "  ");
     }
+}
+
+void PlanRun::tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss,
+                        const char *indent) {
+    m_failed = m_receipt.add(source, destination, loss) || m_failed;
+    if (m_options.json) {
+        m_console.line(loss_event(source, destination, loss).line());
+    } else if (m_options.verbose) {
+        m_console.line(indent + loss_text(source, destination, loss));
+    }
+}
+
+void PlanRun::loss(const std::string &source, const std::string &destination, const engine::Loss &loss) {
+    if (!m_options.report.empty()) {
+        m_report.loss(source, destination, loss);
+    }
+    tell_loss(source, destination, loss, "");
 }
 
 void PlanRun::report(const engine::PlannedEntry &planned) {

@@ -45,6 +45,9 @@ class PlanRun : protected engine::PlanObserver {
     bool stopped() const override;
     void tree(const std::string &) override {}
     void entry(const engine::PlannedEntry &planned) override;
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override;
+    void tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss,
+                   const char *indent);
     std::string entry_line(const engine::PlannedEntry &planned) const;
     void report(const engine::PlannedEntry &planned);
     int written(int status);

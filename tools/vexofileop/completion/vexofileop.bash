@@ -8,6 +8,8 @@ _vexofileop_words() {
     vexofileop "$@" $help 2>/dev/null | awk -v section="$section:" '
         $0 == section || ($0 == "More options:" && section == "Options:") { on = 1; next }
         /^[^ ]/ || /^$/ { on = 0 }
+        # A command is the last word of its column: what it is for may stand before it.
+        on && section == "Subcommands:" { count = split(substr($0, 1, 24), words, " "); if (count) print words[count]; next }
         on && /^  [^ ]/ { sub(/\[=.*/, "", $1); count = split($1, words, ","); for (i = 1; i <= count; i++) print words[i] }'
 }
 
@@ -25,11 +27,12 @@ _vexofileop_values() {
 }
 
 _vexofileop() {
-    local current=${COMP_WORDS[COMP_CWORD]} word commands at option values before=
+    local current=${COMP_WORDS[COMP_CWORD]} word commands at option values before= first=1
     local -a path=()
     COMPREPLY=()
-    # The commands named so far; the first word that is none ends them.
-    for ((at = 1; at < COMP_CWORD; at++)); do
+    # The commands named so far; the first word that is none ends them. Behind "help" come the same.
+    [[ $COMP_CWORD -gt 1 && ${COMP_WORDS[1]} == help ]] && first=2
+    for ((at = first; at < COMP_CWORD; at++)); do
         word=${COMP_WORDS[at]}
         [[ $word == -* ]] && continue
         grep -qxF -- "$word" <<<"$(_vexofileop_words Subcommands "${path[@]}")" || break
@@ -56,6 +59,8 @@ _vexofileop() {
     # Where "plan" cuts a directory no command follows.
     if [[ -n $commands && " ${COMP_WORDS[*]} " != *" --shards"[\ =]* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
+    elif [[ $first -eq 2 ]]; then
+        :
     elif [[ ${path[0]} == explain ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$(vexofileop explain 2>/dev/null | cut -d' ' -f1)" -- "$current")
     else

@@ -12,7 +12,7 @@ Json loss_event(const std::string &source, const std::string &destination, const
     event.add_text("severity", engine::severity_name(row.severity));
     event.add_name("source", source);
     event.add_name("destination", destination);
-    event.add_text("detail", engine::as_utf8(loss.detail));
+    event.add_text("detail", engine::as_utf8(loss.text()));
     return event;
 }
 

@@ -8,7 +8,7 @@
 namespace tool {
 
 std::string loss_text(const std::string &source, const std::string &destination, const engine::Loss &loss) {
-    return fmt::format("{} -> {}: {} ({})", engine::displayed(source), engine::displayed(destination), loss.detail,
+    return fmt::format("{} -> {}: {} ({})", engine::displayed(source), engine::displayed(destination), loss.text(),
                        engine::loss_row(loss.cls).name);
 }
 
@@ -19,7 +19,7 @@ bool Receipt::add(const std::string &source, const std::string &destination, con
     if (!told && count.number - count.told == 1) {
         count.source = source;
         count.destination = destination;
-        count.detail = loss.detail;
+        count.detail = loss.text();
     }
     const bool failed = engine::fails(loss, m_accepted);
     m_failed = m_failed || failed;

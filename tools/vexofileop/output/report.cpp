@@ -5,6 +5,7 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
+#include "tools/vexofileop/output/conversion_json.h"
 #include "tools/vexofileop/output/finding_json.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
@@ -83,16 +84,6 @@ std::string time_now() {
     return text;
 }
 
-void write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(fd, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
-            engine::throw_errno("cannot be written");
-        }
-        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
-    }
-}
-
 bool is_json(const std::string &path) {
     return path.ends_with(".json");
 }
@@ -106,8 +97,8 @@ void replace_file(const std::string &path, const std::string &text) {
         engine::throw_errno("cannot be written");
     }
     try {
-        write_all(file.get(), text);
-        if (::fsync(file.get()) != 0 || ::rename(made.c_str(), path.c_str()) != 0) {
+        if (!engine::write_all(file.get(), text) || ::fsync(file.get()) != 0 ||
+            ::rename(made.c_str(), path.c_str()) != 0) {
             engine::throw_errno("cannot be written");
         }
     } catch (const engine::Failure &) {
@@ -137,6 +128,13 @@ void Report::problem(const std::string &source, const std::string &destination, 
 void Report::loss(const std::string &source, const std::string &destination, const engine::Loss &loss) {
     m_receipt.add(source, destination, loss);
     m_losses.push_back({source, destination, loss});
+}
+
+void Report::conversion(const engine::Conversion &conversion) {
+    m_conversions.push_back(conversion);
+    for (const engine::Loss &one : conversion.losses) {
+        loss(conversion.file, conversion.file, one);
+    }
 }
 
 Report::Counts Report::totals() const {
@@ -218,7 +216,7 @@ std::string Report::losses_lists() const {
         for (const Lost &lost : m_losses) {
             if (lost.loss.cls == row.cls) {
                 text += fmt::format("<li>{}: {}</li>\n", both_text(lost.source, lost.destination),
-                                    escaped(engine::as_utf8(lost.loss.detail)));
+                                    escaped(engine::as_utf8(lost.loss.text())));
             }
         }
         text += "</ul></details>\n";
@@ -256,6 +254,14 @@ std::string Report::findings_lists() const {
     return text.empty() ? "<p>Nothing.</p>\n" : text;
 }
 
+std::string Report::conversions_list() const {
+    std::string text = "<ul>\n";
+    for (const engine::Conversion &one : m_conversions) {
+        text += fmt::format("<li>{}</li>\n", escaped(engine::as_utf8(text_of_conversion(one))));
+    }
+    return text + "</ul>\n";
+}
+
 std::string Report::html(int exitStatus) const {
     const std::string title = fmt::format("vexofileop {}", escaped(m_command));
     std::string page = fmt::format("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n"
@@ -264,12 +270,14 @@ std::string Report::html(int exitStatus) const {
                                    "<body><h1>{0}</h1>\n<p>Ended at {2} with exit status {3}.</p>\n",
                                    title, kStyle, time_now(), exitStatus);
     const bool carries = !m_ways.empty(); // what only looks at stores takes nothing anywhere
-    page += carries ? "<h2>What went where, and how</h2>\n" + totals_table() + picture()
-                    : "<h2>What was found</h2>\n" + findings_lists();
+    const bool converts = m_command == "store convert";
+    page += carries    ? "<h2>What went where, and how</h2>\n" + totals_table() + picture()
+            : converts ? "<h2>What was converted</h2>\n" + conversions_list()
+                       : "<h2>What was found</h2>\n" + findings_lists();
     if (!m_problems.empty()) {
         page += "<h2>Failed</h2>\n" + problems_list();
     }
-    if (!carries) {
+    if (!carries && !converts) {
         return page + "</body></html>\n";
     }
     return page + "<h2>What was not carried</h2>\n" + losses_lists() + "</body></html>\n";
@@ -311,6 +319,9 @@ std::string Report::json(int exitStatus) const {
     m_receipt.add_to(report, "receipt");
     for (const Lost &lost : m_losses) {
         report.add_to_list("losses", loss_event(lost.source, lost.destination, lost.loss));
+    }
+    for (const engine::Conversion &conversion : m_conversions) {
+        report.add_to_list("conversions", conversion_event(conversion));
     }
     for (const engine::Finding &finding : m_findings) {
         report.add_to_list("findings", finding_event(m_command, finding));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/losses/loss.h"
+#include "tools/engine/stores/conversion.h"
 #include "tools/engine/stores/finding.h"
 #include "tools/vexofileop/output/receipt.h"
 
@@ -31,6 +32,9 @@ class Report {
     // What a check of stores has found.
     void finding(const engine::Finding &finding) { m_findings.push_back(finding); }
 
+    // What became of a store, and what that has cost.
+    void conversion(const engine::Conversion &conversion);
+
     // By the suffix of the name, at once: what stands there is the old one or the new one. Throws engine::Failure.
     void write(const std::string &path, int exitStatus) const;
 
@@ -59,6 +63,7 @@ class Report {
     std::string losses_lists() const;
     std::string problems_list() const;
     std::string findings_lists() const;
+    std::string conversions_list() const;
 
     std::string m_command;
     Receipt m_receipt;
@@ -67,6 +72,7 @@ class Report {
     std::vector<Told> m_problems;
     std::vector<Lost> m_losses;
     std::vector<engine::Finding> m_findings;
+    std::vector<engine::Conversion> m_conversions;
 };
 
 } // namespace tool

@@ -4,7 +4,7 @@
 namespace tool {
 
 void add_store_command(const Command &program, int &status) {
-    const Command command = program.add_command("store", "Check and repair the stores of a volume");
+    const Command command = program.add_command("store", "Check, repair and convert the stores of a volume");
     command.require_command();
     command.set_footer("\nA store is what is kept for a file beside it: attributes, Finder Info, resource\n"
                        "fork. Exit status, as that of e2fsck, added up: 0 clean, 1 mended, 4 something\n"
@@ -13,6 +13,7 @@ void add_store_command(const Command &program, int &status) {
                        "Example:\n"
                        "  vexofileop store check -r /volume1");
     add_store_survey_commands(command, status);
+    add_store_convert_command(command, status);
 }
 
 } // namespace tool

@@ -7,5 +7,7 @@ namespace tool {
 
 // check, repair
 void add_store_survey_commands(const Command &store, int &status);
+// convert
+void add_store_convert_command(const Command &store, int &status);
 
 } // namespace tool

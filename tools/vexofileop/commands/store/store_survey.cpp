@@ -9,6 +9,7 @@
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/commands/store/store_commands.h"
+#include "tools/vexofileop/commands/store/store_telling.h"
 #include "tools/vexofileop/commands/store/store_undo_run.h"
 #include "tools/vexofileop/output/finding_json.h"
 #include "tools/vexofileop/output/report.h"
@@ -92,15 +93,7 @@ class SurveyRun : private engine::SurveyWatcher {
     void trouble(const std::string &path, const std::string &reason) override {
         ++m_troubles;
         m_report.problem(path, "", reason);
-        m_console.message(fmt::format("{}: {}", engine::displayed(path), reason));
-        if (m_options.json) {
-            Json event;
-            event.add_text("event", "trouble");
-            event.add_text("operation", m_command);
-            event.add_name("path", path);
-            event.add_text("reason", engine::as_utf8(reason));
-            m_console.line(event.line());
-        }
+        tell_trouble(m_console, m_command, path, reason, m_options.json);
     }
 
     int finish() {
@@ -110,14 +103,7 @@ class SurveyRun : private engine::SurveyWatcher {
             m_console.message(fmt::format("stopped; {} stores looked into", m_totals.stores));
             status = exitSignal + stop_signal();
         }
-        if (!m_options.report.empty()) {
-            try {
-                m_report.write(m_options.report, status);
-            } catch (const engine::Failure &failure) {
-                m_console.message(failure.what());
-                status |= exitStoreTrouble;
-            }
-        }
+        status = write_store_report(m_console, m_report, m_options.report, status);
         if (m_options.json) {
             m_console.line(summary_line(status));
         } else if (!m_options.quiet) {

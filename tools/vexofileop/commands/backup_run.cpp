@@ -1,0 +1,293 @@
+#include "tools/vexofileop/commands/backup_run.h"
+
+#include "platform/core.h"
+#include "tools/engine/report/failure.h"
+#include "tools/engine/report/names.h"
+#include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
+#include "tools/engine/walk/mounts.h"
+#include "tools/engine/walk/paths.h"
+#include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/output/json.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tool {
+namespace {
+
+// A path of the tree at `top`, from there on; "photos/." is the top itself.
+std::string below(const std::string &path, const std::string &top) {
+    const size_t start = top.size() + (top.ends_with('/') ? 0 : 1);
+    const std::string rest = path.size() > start ? path.substr(start) : "";
+    return rest == "." ? "" : rest;
+}
+
+const char *kind_of_backup(const BackupRunOptions &options) {
+    return options.full ? "full" : "incremental";
+}
+
+// Those that the backup goes into.
+std::vector<std::string> volumes_of(const BackupRunOptions &options, const std::string &source) {
+    std::vector<std::string> volumes{source};
+    if (!options.batch.transfer.selection.oneFileSystem) {
+        for (const std::string &mount : engine::mounts_below(source)) {
+            volumes.push_back((source == "/" ? "" : source) + mount);
+        }
+    }
+    return volumes;
+}
+
+bool has_bit(const std::string &path) {
+    VLIBCStat status{};
+    return VLIBCFileLStat(path.c_str(), VLIBC_STAT_ATTRIBUTES, &status) == 0 &&
+           (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
+}
+
+} // namespace
+
+std::string refusal_of_backup(const BackupRunOptions &options, const MirrorPair &pair, std::string &note) {
+    for (const std::string &volume : volumes_of(options, pair.source)) {
+        const std::string name = engine::displayed(volume);
+        engine::BitKeeping keeping = engine::BitKeeping::none;
+        try {
+            keeping = engine::keeping_of_bits(volume);
+        } catch (const engine::Failure &failure) {
+            if (volume == pair.source) {
+                return fmt::format("{}: {}", name, failure.what());
+            }
+            continue; // the copy says so
+        }
+        if (keeping == engine::BitKeeping::none && !options.full) {
+            return fmt::format("{}: its volume keeps no archive bits, so that nothing tells what was changed there; "
+                               "--full copies everything{}",
+                               name, volume == pair.source ? "" : ", -x leaves that volume out");
+        }
+        if (keeping == engine::BitKeeping::none) {
+            note = fmt::format("{}: its volume keeps no archive bits, and there are none to clear", name);
+        }
+        if (keeping == engine::BitKeeping::read_only && !options.keepBits) {
+            return fmt::format("{}: is mounted read-only, so that no archive bit can be cleared; --keep-bits makes a "
+                               "backup that clears none",
+                               name);
+        }
+    }
+    return {};
+}
+
+int BackupRun::run() {
+    engine::raise_descriptor_limit();
+    std::string note;
+    const std::string refusal = refusal_of_backup(m_backup, m_pair, note);
+    if (!refusal.empty()) {
+        m_console.message(refusal);
+    }
+    if (!refusal.empty() || !begin_list()) {
+        m_failed = true;
+        return finish(1);
+    }
+    if (!note.empty() && !m_options.quiet) {
+        m_console.message(note);
+    }
+    copy({{m_pair.source + "/.", m_pair.destination}});
+    if (list_arrivals()) {
+        clear_bits();
+    } else {
+        m_failed = true;
+    }
+    m_console.clear_progress();
+    return finish(1);
+}
+
+// Before anything is copied, so that a backup without a list is none.
+bool BackupRun::begin_list() {
+    try {
+        m_list.emplace(m_pair.source, m_pair.destination, std::time(nullptr), kind_of_backup(m_backup));
+        m_arrivals.emplace(m_list->directory());
+        return true;
+    } catch (const engine::Failure &failure) {
+        m_console.message(fmt::format("the list beside {}: {}", engine::displayed(m_pair.destination), failure.what()));
+        return false;
+    }
+}
+
+void BackupRun::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+    Batch::entry(kind, source, outcome);
+    try {
+        note(kind, source, outcome);
+    } catch (const engine::Failure &failure) {
+        fail_list(failure.what());
+    }
+}
+
+// What did not arrive as it is keeps its bit, and is not in the list.
+void BackupRun::note(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
+    const bool directory = kind == engine::EntryKind::directory, file = kind == engine::EntryKind::file;
+    const bool failed = outcome.status == engine::Status::failed || outcome.warning.has_value() ||
+                        engine::has_failing_loss(outcome, m_options.transfer.accepted);
+    m_failures += failed ? 1 : 0;
+    // Whether the names in it are on the disk is not known of a directory that was to be written out by itself.
+    m_written = m_written && !(directory && failed && m_options.transfer.sync == engine::Sync::file);
+    const bool there =
+        outcome.status == engine::Status::done || (outcome.status == engine::Status::skipped && outcome.same);
+    if (!there || failed || !m_unlisted.empty() || (file && !outcome.proven)) {
+        return;
+    }
+    const std::string path = below(source, m_pair.source);
+    if (!directory && (file || !outcome.same)) {
+        const int64_t bytes = outcome.proven ? outcome.proven->st_size : outcome.bytes;
+        m_list->add(outcome.same ? "same" : outcome.linked ? "linked" : "copied", bytes, path);
+    }
+    if ((directory || file) && !m_backup.keepBits) {
+        engine::Arrival arrival{
+            .source = path, .destination = below(outcome.destination, m_pair.destination), .directory = directory};
+        if (file) {
+            arrival.status = *outcome.proven;
+            arrival.store = outcome.provenStore;
+        }
+        m_arrivals->add(arrival);
+    }
+}
+
+void BackupRun::fail_list(const std::string &why) {
+    if (m_unlisted.empty()) {
+        m_unlisted = why;
+        m_failed = true;
+    }
+}
+
+void BackupRun::written_out(const std::string &directory, const std::optional<engine::Problem> &problem) {
+    Batch::written_out(directory, problem);
+    m_written = m_written && !problem;
+}
+
+// The list comes first: of what has no bit any more it tells where it is.
+bool BackupRun::list_arrivals() {
+    if (!m_written) {
+        m_console.message("no list is written and no archive bit cleared, for not everything is on the disk");
+        return false;
+    }
+    try {
+        if (m_unlisted.empty()) {
+            m_listed = m_list->put_in_place(m_failures);
+            return true;
+        }
+    } catch (const engine::Failure &failure) {
+        fail_list(failure.what());
+    }
+    m_console.message(fmt::format("the list beside {}: {}; no archive bit is cleared",
+                                  engine::displayed(m_pair.destination), m_unlisted));
+    return false;
+}
+
+void BackupRun::clear_bits() {
+    try {
+        engine::BitClearing(m_pair.source, m_pair.destination, m_options.transfer.accepted, *this).run(*m_arrivals);
+    } catch (const engine::Failure &failure) {
+        m_console.message(failure.what());
+        m_failed = true;
+    }
+    tell_bits();
+}
+
+void BackupRun::bit(const std::string &source, engine::BitFate fate, const std::string &why) {
+    if (fate == engine::BitFate::cleared) {
+        ++m_cleared;
+        return;
+    }
+    const bool failed = fate == engine::BitFate::failed;
+    if (failed) {
+        m_failed = true;
+        ++m_errors;
+        m_report.problem(source, "", why);
+    }
+    const std::string text = fmt::format("{}: {}", engine::displayed(source), why);
+    if (failed || m_options.verbose) {
+        m_console.message(failed ? text : text + "; its archive bit stays");
+    }
+    if (m_options.json) {
+        Json event;
+        event.add_text("event", "archive_bit");
+        event.add_text("operation", command());
+        event.add_text("status", failed ? "failed" : "kept");
+        event.add_name("source", source);
+        event.add_text("reason", engine::as_utf8(why));
+        m_console.line(event.line());
+    }
+    if (!failed && m_kept == 0) {
+        m_firstKept = text;
+    }
+    ++(failed ? m_notCleared : m_kept);
+}
+
+// That a file is used is no failure: the next backup takes it again.
+void BackupRun::tell_bits() {
+    if (m_kept > 0 && !m_options.verbose && !m_options.quiet) {
+        m_console.message(m_kept == 1 ? fmt::format("{}; its archive bit stays", m_firstKept)
+                                      : fmt::format("{}; its archive bit and those of {} more stay (-v names them)",
+                                                    m_firstKept, m_kept - 1));
+    }
+}
+
+std::string BackupRun::more_counts() const {
+    return fmt::format(", {} archive {} cleared{}", m_cleared, m_cleared == 1 ? "bit" : "bits",
+                       m_listed.empty() ? "" : fmt::format("; listed in {}", engine::displayed(m_listed)));
+}
+
+void BackupRun::add_more(Json &summary) const {
+    summary.add_number("bits_cleared", m_cleared);
+    summary.add_number("bits_kept", m_kept + m_notCleared);
+    if (!m_listed.empty()) {
+        summary.add_name("list", m_listed);
+    }
+}
+
+int BackupPlan::run() {
+    engine::raise_descriptor_limit();
+    std::string note;
+    std::string refusal = refusal_of_backup(m_backup, m_pair, note);
+    const std::string beside = engine::parent_of(m_pair.destination);
+    if (refusal.empty() && ::access(beside.c_str(), W_OK | X_OK) != 0) {
+        refusal = fmt::format("the list beside {}: {}", engine::displayed(m_pair.destination), std::strerror(errno));
+    }
+    if (!refusal.empty()) {
+        m_console.message(refusal);
+        m_failed = m_anyFailed = true;
+        return finish();
+    }
+    if (!note.empty()) {
+        m_console.message(note);
+    }
+    plan({{m_pair.source + "/.", m_pair.destination}});
+    return finish();
+}
+
+void BackupPlan::entry(const engine::PlannedEntry &planned) {
+    PlanRun::entry(planned);
+    const bool lost = std::ranges::any_of(planned.losses, [&](const engine::Loss &loss) {
+        return engine::fails(loss, m_options.plan.transfer.accepted);
+    });
+    const bool arrives = planned.deed != engine::Deed::fail && (planned.deed != engine::Deed::skip || planned.same);
+    const auto found = engine::look(planned.source);
+    if (m_backup.keepBits || lost || !arrives || !found || S_ISLNK(found->st_mode) || !has_bit(planned.source)) {
+        return;
+    }
+    const bool several = !S_ISDIR(found->st_mode) && found->st_nlink > 1;
+    m_bits += !several || ++m_names[{found->st_dev, found->st_ino}] == found->st_nlink ? 1 : 0;
+}
+
+std::string BackupPlan::more_counts() const {
+    return fmt::format(", {} archive {} to clear, listed in {}.TIME.list", m_bits, m_bits == 1 ? "bit" : "bits",
+                       engine::displayed(m_pair.destination));
+}
+
+void BackupPlan::add_more(Json &summary) const {
+    summary.add_number("bits_to_clear", m_bits);
+}
+
+} // namespace tool
