@@ -400,7 +400,7 @@ def _settle(receipt: Receipt, calls: Calls, doing: str, entries: int) -> Receipt
         error = error_of(0xA600, 0, "", doing, receipt.source, receipt.destination, Cancelled)
     elif receipt.complete:
         return receipt
-    elif receipt.failed == 1 and entries == 1:
+    elif receipt.failed == 1 and entries == 1 and receipt.files + receipt.directories == 0:
         error = receipt.failures[0]
         error.doing = doing
         error.about(receipt.source, error.other and receipt.destination)
@@ -589,7 +589,7 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
          existing: str = "fail", accept: Accept = (), clone: str = "never", checksum: bool = False,
          specials: bool = False, hard_links: bool = True, probe: bool = True,
          cancel: Optional[Callable[[], object]] = None) -> Plan:
-    """What copy(), copytree() or move() (`operation`) would do, without doing it.
+    """What copy(), copytree() (with dirs_exist_ok=True) or move() (`operation`) would do, without doing it.
 
     probe  what a volume takes is tried at the destination, in a private directory that is removed again; False: the
            system is believed
@@ -701,7 +701,8 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
     replace  what stands there goes, with what is kept for it, where the kernel replaces it
 
     Raises Exists, NotFound, Denied; an Error with errno EXDEV for a name on another volume, where move() helps; and
-    Incomplete where the entry has its name and something that is kept for it could not follow.
+    Incomplete where the entry has its name and something that is kept for it could not follow: once this process has
+    ended, the next one that does something in the directory finishes that.
 
     >>> open("before", "w").close()
     >>> rename("before", "after")

@@ -214,8 +214,7 @@ void become(uid_t user) {
 }
 
 struct Point {
-    size_t call = 0;
-    int number = -1;
+    Plan plan;
     Fault fault;
 };
 
@@ -225,9 +224,10 @@ Point pointAt(const std::vector<SystemCall> &calls, size_t at, int error) {
     const std::string name = nameOf(call);
     const std::string text = "call " + std::to_string(at) + " " + name + "(" + call.path + ")";
     if (error == 0) {
-        return {at, call.number, {"kill", call.path, 0, "killed before " + text}};
+        return {planAt(Plan::Action::kill, calls, at), {"kill", call.path, 0, "killed before " + text}};
     }
-    return {at, call.number, {name, call.path, error, text + " with " + std::generic_category().message(error)}};
+    return {planAt(Plan::Action::fail, calls, at, error),
+            {name, call.path, error, text + " with " + std::generic_category().message(error)}};
 }
 
 class Sweep : public testing::TestWithParam<Operation> {
@@ -318,11 +318,7 @@ class Sweep : public testing::TestWithParam<Operation> {
         Scene scene;
         prepare(scene);
         const auto modes = modesBelow(scene.from());
-        Plan plan;
-        if (allocation == 0 && closing == 0) {
-            plan = {Plan::Action::fail, point.call, point.fault.error, point.number};
-        }
-        const Outcome outcome = run(scene, plan, allocation, closing);
+        const Outcome outcome = run(scene, point.plan, allocation, closing);
         m_runs += allocation != 0 || closing != 0 || outcome.reached ? 1 : 0;
         judge(point.fault, Inspection(GetParam(), scene, outcome, *m_report).findings(modes));
     }
@@ -482,7 +478,7 @@ TEST_P(AllocationSweep, LosesNothing) {
     }
     int allocation = 1;
     for (; allocation == 1 || m_report->allocationReached != 0; ++allocation) {
-        failAt({0, -1, {"allocation", {}, 0, "allocation " + std::to_string(allocation)}}, allocation);
+        failAt({unwatched(), {"allocation", {}, 0, "allocation " + std::to_string(allocation)}}, allocation);
     }
     finish("allocations", static_cast<size_t>(allocation - 2));
 }
@@ -491,7 +487,7 @@ TEST_P(AllocationSweep, LosesNothing) {
 TEST_P(CloseSweep, LosesNothing) {
     int closing = 1;
     for (; closing == 1 || m_report->closeReached != 0; ++closing) {
-        failAt({0, -1, {"close", {}, 0, "close " + std::to_string(closing)}}, 0, closing);
+        failAt({unwatched(), {"close", {}, 0, "close " + std::to_string(closing)}}, 0, closing);
     }
     finish("closes", static_cast<size_t>(closing - 2));
 }
@@ -506,7 +502,7 @@ TEST_P(KillSweep, SourceOrDestinationIsWholeAndAgainSucceeds) {
         reset();
         Scene scene;
         prepare(scene);
-        const Outcome outcome = run(scene, {Plan::Action::kill, point.call, 0});
+        const Outcome outcome = run(scene, point.plan);
         ++m_runs;
         if (!outcome.reached || !WIFSIGNALED(outcome.status)) {
             m_violations.push_back(point.fault.text + ": not killed");
@@ -517,7 +513,7 @@ TEST_P(KillSweep, SourceOrDestinationIsWholeAndAgainSucceeds) {
             continue; // done, and nothing to do again
         }
         const auto modes = modesBelow(scene.from());
-        const Outcome again = run(scene, {});
+        const Outcome again = run(scene, unwatched());
         Fault before = point.fault;
         before.text += ", again";
         judge(before, Inspection(GetParam(), scene, again, *m_report).findings(modes));

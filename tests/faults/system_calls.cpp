@@ -1,5 +1,6 @@
 #include "tests/faults/system_calls.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -129,6 +130,7 @@ std::vector<int> openErrors(uint64_t flags) {
 struct Shared {
     std::atomic<int> ready;    // 1: the child's next call installs the filter
     std::atomic<int> listener; // the child's number of it, 0 until it is there
+    std::atomic<int> fetched;  // 1: the supervisor has it
     volatile int open;
 };
 
@@ -154,16 +156,25 @@ constexpr std::array kUnasked = {SYS_exit_group, SYS_rt_sigreturn, SYS_mmap,   S
 constexpr std::array kUnasked = {SYS_exit_group, SYS_rt_sigreturn};
 #endif
 
-// Every call but those above asks the supervisor.
-int installFilter() {
-    std::array<sock_filter, kUnasked.size() + 3> code{};
-    code.front() = {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)};
-    for (size_t at = 0; at < kUnasked.size(); ++at) {
-        const auto allow = static_cast<uint8_t>(kUnasked.size() - at);
-        code[at + 1] = {BPF_JMP | BPF_JEQ | BPF_K, allow, 0, static_cast<uint32_t>(kUnasked[at])};
+// Every call but those above asks the supervisor, or only those of one number.
+std::vector<sock_filter> filterFor(const Plan &plan) {
+    constexpr sock_filter load = {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)};
+    constexpr sock_filter ask = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF};
+    constexpr sock_filter allow = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW};
+    if (plan.alike) {
+        return {load, {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<uint32_t>(plan.number)}, ask, allow};
     }
-    code[kUnasked.size() + 1] = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_USER_NOTIF};
-    code.back() = {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW};
+    std::vector<sock_filter> code = {load};
+    for (size_t at = 0; at < kUnasked.size(); ++at) {
+        const auto behind = static_cast<uint8_t>(kUnasked.size() - at);
+        code.push_back({BPF_JMP | BPF_JEQ | BPF_K, behind, 0, static_cast<uint32_t>(kUnasked[at])});
+    }
+    code.insert(code.end(), {ask, allow});
+    return code;
+}
+
+int installFilter(const Plan &plan) {
+    std::vector<sock_filter> code = filterFor(plan);
     sock_fprog program{static_cast<unsigned short>(code.size()), code.data()};
     ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
     return seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
@@ -181,7 +192,7 @@ std::string readString(pid_t process, uint64_t address) {
     return got < 0 ? std::string() : std::string(text.data());
 }
 
-SystemCall callOf(const seccomp_notif &notice) {
+SystemCall callOf(const seccomp_notif &notice, bool withPath) {
     SystemCall call;
     call.number = notice.data.nr;
     std::memcpy(call.arguments, notice.data.args, sizeof call.arguments);
@@ -190,7 +201,7 @@ SystemCall callOf(const seccomp_notif &notice) {
                          : call.number == SYS_open ? 0
                          : kind == kinds().end()   ? -1
                                                    : kind->second.pathArgument;
-    if (argument >= 0) {
+    if (argument >= 0 && withPath) {
         call.path = readString(static_cast<pid_t>(notice.pid), call.arguments[argument]);
     }
     return call;
@@ -212,8 +223,8 @@ class Supervisor {
     }
 
   private:
-    // The child cannot hand it over: its first call after installing the filter waits for us. Until it is about to do
-    // so this one sleeps, for a busy machine may let it wait long.
+    // The child cannot hand it over, since a call for that might wait for us: it keeps its own until it was fetched.
+    // Until it is about to have one this process sleeps, for a busy machine may let it wait long.
     int fetchListener() {
         while (m_shared->listener.load() == 0) {
             if (m_shared->ready.load() == 0) {
@@ -228,6 +239,8 @@ class Supervisor {
         const int process = static_cast<int>(::syscall(SYS_pidfd_open, m_child, 0));
         const int listener = static_cast<int>(::syscall(SYS_pidfd_getfd, process, m_shared->listener.load(), 0));
         ::close(process);
+        m_shared->fetched.store(1);
+        wake(m_shared->fetched);
         return listener;
     }
 
@@ -257,8 +270,8 @@ class Supervisor {
     }
 
     void decide(const seccomp_notif &notice, seccomp_notif_resp &response) {
-        m_outcome.calls.push_back(callOf(notice));
-        m_counted += m_plan.alike && m_plan.number != notice.data.nr ? 0 : 1;
+        m_outcome.calls.push_back(callOf(notice, m_plan.action == Plan::Action::watch));
+        ++m_counted;
         if (m_plan.action == Plan::Action::watch || m_outcome.reached || m_counted != m_plan.at + 1) {
             return;
         }
@@ -280,17 +293,20 @@ class Supervisor {
     Shared *m_shared;
     pid_t m_child;
     Outcome m_outcome;
-    size_t m_counted = 0; // calls that the plan counts
+    size_t m_counted = 0; // calls in the window
 };
 
-[[noreturn]] void runChild(Shared *shared, const std::function<void(Window &)> &body) {
+[[noreturn]] void runChild(const Plan &plan, Shared *shared, const std::function<void(Window &)> &body) {
     shared->ready.store(1);
     wake(shared->ready);
-    const int listener = installFilter();
+    const int listener = installFilter(plan);
     if (listener < 0) {
         ::_exit(99);
     }
     shared->listener.store(listener);
+    while (shared->fetched.load() == 0) {
+        wait(shared->fetched, 0, 1);
+    }
     ::syscall(SYS_close, listener);
     Window window(&shared->open);
     body(window);
@@ -330,6 +346,14 @@ std::vector<int> plausibleErrors(const SystemCall &call) {
     }
 }
 
+Plan planAt(Plan::Action action, const std::vector<SystemCall> &calls, size_t at, int error) {
+    const int number = calls.at(at).number;
+    const auto here = calls.begin() + static_cast<std::ptrdiff_t>(at);
+    const auto before =
+        std::count_if(calls.begin(), here, [&](const SystemCall &call) { return call.number == number; });
+    return {.action = action, .at = static_cast<size_t>(before), .error = error, .number = number, .alike = true};
+}
+
 std::string unavailable() {
     static const std::string reason = [] {
         const Outcome outcome = supervise({}, [](Window &) {});
@@ -352,7 +376,7 @@ Outcome supervise(const Plan &plan, const std::function<void(Window &)> &body) {
         throw std::runtime_error("fork failed");
     }
     if (child == 0) {
-        runChild(shared, body);
+        runChild(plan, shared, body);
     }
     Outcome outcome = Supervisor(plan, shared, child).run();
     ::munmap(memory, sizeof(Shared));

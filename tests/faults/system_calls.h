@@ -30,11 +30,20 @@ struct Plan {
     enum class Action { watch, fail, kill, meet } action = Action::watch;
     size_t at = 0; // the call, counted from 0 while the window is open
     int error = 0;
-    int number = -1;    // of the call that is to be there; where another one is, nothing is done to it
-    bool alike = false; // `at` counts the calls of that number alone, whatever else a run makes between them
+    int number = -1; // of the call that is to be there; where another one is, nothing is done to it
+    // `at` counts the calls of that number alone, whatever else a run makes between them. No other one asks the
+    // supervisor then, which is most of what watching a run costs.
+    bool alike = false;
     // What somebody else does just before the call, which then goes on.
     std::function<void()> meeting = {};
 };
+
+// The plan for the call `at` of those that a watched run made: found again as the so-manieth one of its kind.
+Plan planAt(Plan::Action action, const std::vector<SystemCall> &calls, size_t at, int error = 0);
+// For a child of which only the end is waited for: none of its calls asks.
+inline Plan unwatched() {
+    return {.alike = true};
+}
 
 // What the child's body opens while the operation under test runs: calls outside are neither counted nor touched.
 class Window {
@@ -48,7 +57,7 @@ class Window {
 };
 
 struct Outcome {
-    std::vector<SystemCall> calls; // those in the window
+    std::vector<SystemCall> calls; // those in the window that asked; their paths where they were only watched
     bool reached = false;          // the plan's call was made
     bool hung = false;             // nothing happened for a minute
     int status = 0;                // as waitpid() gives it

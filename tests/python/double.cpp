@@ -4,6 +4,7 @@
 #include "tests/kit/platform_double.h"
 
 #include <cstdint>
+#include <dlfcn.h>
 
 extern "C" __attribute__((visibility("default"))) void vexo_double_reset() {
     kit::Faults::reset();
@@ -28,4 +29,13 @@ extern "C" __attribute__((visibility("default"))) int vexo_double_count(const ch
 extern "C" __attribute__((visibility("default"))) void vexo_double_share(const char *path, const char *name,
                                                                          uint32_t status) {
     kit::PlatformDouble::setShare(path, name, status, false);
+}
+
+// Beside what the kit has: how a volume is written out as a whole.
+extern "C" __attribute__((visibility("default"))) int syncfs(int fd) noexcept {
+    if (const kit::FaultAnswer answer = kit::askFaults("syncfs", nullptr, fd); answer.decided) {
+        return static_cast<int>(answer.result);
+    }
+    static auto *const next = reinterpret_cast<int (*)(int)>(::dlsym(RTLD_NEXT, "syncfs"));
+    return next(fd);
 }

@@ -79,6 +79,61 @@ class Platform(Case):
                     self.assertEqual(b"2" * 1000, found["a"])
                 found["a"] = b"1"
 
+    def test_fails_where_a_renamed_file_leaves_its_store(self):
+        self.need_root()
+        self.write("before")
+        vexofileop.attributes("before")["a"] = b"1"
+        child = os.fork()
+        if child == 0:
+            self.let_fail("rename", errno.EIO, "@eaDir", times=0)
+            try:
+                vexofileop.rename("before", "after")
+            except vexofileop.Incomplete as error:
+                os._exit(7 if (error.path, error.other) == ("before", "after") else 1)
+            os._exit(2)
+        _, status = os.waitpid(child, 0)
+        self.assertEqual(7, os.waitstatus_to_exitcode(status))
+        self.assertEqual(["after"], [name for name in self.names() if not name.startswith(".")])
+        vexofileop.rename("after", "again")  # which finishes the first one
+        self.assertEqual((b"1", ["again"]), (vexofileop.attributes("again")["a"], self.names()))
+
+    def test_fails_where_a_file_or_a_volume_is_written_out(self):
+        self.write("file")
+        self.let_fail("fsync", errno.EIO, times=0)
+        error = self.raises(vexofileop.Error, vexofileop.copy, "file", "copy", sync="file")
+        self.assertEqual(errno.EIO, error.errno)
+        self.assertEqual(["file"], self.names())
+        double.vexo_double_reset()
+        self.let_fail("syncfs", errno.EIO, times=0)
+        error = self.raises(vexofileop.Incomplete, vexofileop.copy, "file", "copy", sync="volume")
+        self.assertEqual((1, errno.EIO), (error.receipt.failed, error.errno))
+        self.assertTrue(vexofileop.copy("file", "again").complete)
+
+    def test_fails_in_the_middle_of_a_relocation(self):
+        self.need_root()
+        self.write("share/one-of-them")
+        self.write("old/b")
+        self.let_fail("syncfs", errno.EIO, times=0)
+        error = self.raises(vexofileop.Error, vexofileop.relocate, "share", "old")
+        self.assertNotIsInstance(error, vexofileop.Incomplete)
+        self.assertIn(os.strerror(errno.EIO), str(error))
+        double.vexo_double_reset()
+        self.assertEqual(["old", "old/b", "share", "share/one-of-them"], self.names())
+
+    def test_fails_where_a_fork_is_written_or_read(self):
+        self.need_root()
+        self.write("file")
+        with vexofileop.open_resource_fork("file", "wb") as fork:
+            fork.write(b"one")
+            self.let_fail("pwrite", errno.ENOSPC, "@eaDir")
+            error = self.raises(vexofileop.Error, fork.write, b"x" * 1000)
+            self.assertEqual((errno.ENOSPC, 3, 3), (error.errno, fork.size, fork.tell()))
+            fork.seek(0)
+            self.let_fail("pread", errno.EIO, "@eaDir")
+            error = self.raises(vexofileop.Error, fork.read)
+            self.assertEqual(0x0A00, error.code)
+            self.assertEqual(b"one", fork.read())
+
     def test_has_a_share_that_is_indexed(self):
         double.vexo_double_share(os.fsencode(self.top), b"photo", 0x20)
         path = self.write("a.jpg")

@@ -102,6 +102,8 @@ class Attributes(Case):
         os.chdir(self.top)
         self.assertEqual(b"1", vexofileop.attributes("file")["a"])
         self.assertIn("@eaDir", found.kept_in)
+        self.assertFalse(3 in found or "" in found)
+        self.raises(vexofileop.NotFound, lambda: vexofileop.attributes("none").kept_in)
         self.assertIn("file", repr(found))
 
 

@@ -46,6 +46,22 @@ class CopyTree(Case):
         patterns = shutil.ignore_patterns("*.bak", "2025")
         self.assertEqual(3, vexofileop.copytree("album", "patterns", ignore=patterns).files)
 
+    def test_asks_ignore_once_for_each_of_many_directories(self):
+        for one in ("a", "ab", "b"):
+            for other in ("x", "xy"):
+                for name in ("1", "2.bak", "z/3"):
+                    self.write(f"wide/{one}/{other}/{name}")
+        asked = []
+
+        def ignore(directory, names):
+            asked.append(os.path.relpath(directory, self.top))
+            return [name for name in names if name.endswith(".bak")]
+
+        os.symlink("wide", "link")
+        self.assertEqual(12, vexofileop.copytree("link", "copy", ignore=ignore).files)
+        self.assertEqual(sorted({"wide"} | {"wide/" + name for name in self.names("wide")
+                                            if os.path.isdir("wide/" + name)}), sorted(asked))
+
     def test_ends_with_what_ignore_raises(self):
         self.tree()
 

@@ -255,7 +255,7 @@ TEST_P(EaSweep, KilledBeforeACallLosesNothing) {
     const std::vector<faults::SystemCall> made = calls();
     for (const size_t at : pointsOf(made, "HERE")) {
         const Scene scene(GetParam());
-        check(scene, {faults::Plan::Action::kill, at, 0, made[at].number},
+        check(scene, faults::planAt(faults::Plan::Action::kill, made, at),
               "a kill before " + faults::nameOf(made[at]) + " " + made[at].path);
     }
 }
@@ -265,7 +265,7 @@ TEST_P(EaSweep, FailingCallLosesNothing) {
     for (const size_t at : pointsOf(made, "HERE")) {
         for (const int error : faults::plausibleErrors(made[at])) {
             const Scene scene(GetParam());
-            check(scene, {faults::Plan::Action::fail, at, error, made[at].number},
+            check(scene, faults::planAt(faults::Plan::Action::fail, made, at, error),
                   faults::nameOf(made[at]) + " " + made[at].path + " with " + std::strerror(error));
         }
     }
@@ -344,9 +344,9 @@ TEST(EaUpgradeSweep, StoppedOneLosesNothingAndTheNextOneFinishes) {
         ASSERT_TRUE(scene.isDone());
     }
     for (const size_t at : points) {
-        std::vector<faults::Plan> plans = {{faults::Plan::Action::kill, at, 0, made[at].number}};
+        std::vector<faults::Plan> plans = {faults::planAt(faults::Plan::Action::kill, made, at)};
         for (const int error : faults::plausibleErrors(made[at])) {
-            plans.push_back({faults::Plan::Action::fail, at, error, made[at].number});
+            plans.push_back(faults::planAt(faults::Plan::Action::fail, made, at, error));
         }
         for (const faults::Plan &plan : plans) {
             const UpgradeScene scene;

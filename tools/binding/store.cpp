@@ -9,7 +9,7 @@
 #include "tools/engine/store/store_contents.h"
 #include "tools/engine/walk/held_entry.h"
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -155,7 +155,7 @@ int vexo_finder_info(const char *path, char *bytes, VexoFailure *failure) {
     return binding::guarded(failure, [&] {
         const std::string found = binding::finder_info(binding::HeldStore(path));
         std::memset(bytes, 0, binding::kFinderInfoSize);
-        std::memcpy(bytes, found.data(), std::min(found.size(), binding::kFinderInfoSize));
+        std::copy_n(found.data(), std::min(found.size(), binding::kFinderInfoSize), bytes);
     });
 }
 

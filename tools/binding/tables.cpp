@@ -31,6 +31,7 @@ const uint32_t *vexo_binding_sizes() {
 const VexoErrorRow *vexo_errors() {
     static const std::vector<VexoErrorRow> rows = [] {
         std::vector<VexoErrorRow> made;
+        made.reserve(engine::error_table().size() + 1);
         for (const engine::ErrorInfo &row : engine::error_table()) {
             made.push_back({row.code, row.reason.data(), row.cause.data(), row.fix.data()});
         }
@@ -43,6 +44,7 @@ const VexoErrorRow *vexo_errors() {
 const VexoLossClass *vexo_loss_classes() {
     static const std::vector<VexoLossClass> rows = [] {
         std::vector<VexoLossClass> made;
+        made.reserve(engine::kLossTable.size() + 1);
         for (const engine::LossRow &row : engine::kLossTable) {
             made.push_back(
                 {row.name, engine::severity_name(row.severity), row.meaning, row.help, row.one, row.several});

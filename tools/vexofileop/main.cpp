@@ -28,21 +28,11 @@ struct NamedCommand {
 
 // In the order in which people come to need them: to see, to do, to mend, and the rest.
 constexpr NamedCommand kCommands[] = {
-    {"plan", add_plan_command},
-    {"compare", add_compare_command},
-    {"index", add_index_command},
-    {"copy", add_copy_command},
-    {"move", add_move_command},
-    {"mirror", add_mirror_command},
-    {"relocate", add_relocate_command},
-    {"remove", add_remove_command},
-    {"backup", add_backup_command},
-    {"archive", add_archive_command},
-    {"ea", add_ea_command},
-    {"store", add_store_command, exitStoreUsage},
-    {"reflink", add_reflink_command},
-    {"notify", add_notify_command},
-    {"explain", add_explain_command},
+    {"plan", add_plan_command},         {"compare", add_compare_command}, {"index", add_index_command},
+    {"copy", add_copy_command},         {"move", add_move_command},       {"mirror", add_mirror_command},
+    {"relocate", add_relocate_command}, {"remove", add_remove_command},   {"backup", add_backup_command},
+    {"archive", add_archive_command},   {"ea", add_ea_command},           {"store", add_store_command, exitStoreUsage},
+    {"reflink", add_reflink_command},   {"notify", add_notify_command},   {"explain", add_explain_command},
     {"help", add_help_command},
 };
 

@@ -79,7 +79,7 @@ TEST_P(BackupSweep, KilledAnywhereTheSameCommandEndsAsOneThatWasNot) {
             continue;
         }
         const Kept scene(GetParam());
-        if (!killed(at, calls.size(), [&] { (void)scene.replace(); })) {
+        if (!killed(at, calls, [&] { (void)scene.replace(); })) {
             break;
         }
         EXPECT_TRUE(scene.has("to/file", "old one") || scene.has(scene.backup(), "old one")) << at;
@@ -97,7 +97,7 @@ TEST_P(BackupSweep, RefusedAnywhereTheOldFileIsThereOrKept) {
     int refused = 0;
     for (size_t at = 0; at < calls.size(); ++at) {
         const Kept scene(GetParam());
-        const faults::Outcome outcome = supervised(scene, {faults::Plan::Action::fail, at, EIO, calls[at].number});
+        const faults::Outcome outcome = supervised(scene, faults::planAt(faults::Plan::Action::fail, calls, at, EIO));
         const std::string where = faults::nameOf(calls[at]) + " " + calls[at].path + ", " + std::to_string(at);
         const int status = WEXITSTATUS(outcome.status);
         refused += outcome.reached && status != 0 ? 1 : 0;

@@ -8,10 +8,13 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/store.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -77,6 +80,32 @@ TEST_F(HeldEntries, LinkIsNoEntryButAName) {
     EXPECT_EQ(scratch / "tree/@eaDir/file@VexoEAStream",
               file.shown(engine::stream_path(file.path(), engine::StoreKind::ea_directory, "VexoEAStream")));
     file.check_still();
+}
+
+template <typename Task>
+std::pair<uint32_t, int> reason_of_failure(const Task &task) {
+    try {
+        task();
+    } catch (const engine::Failure &failure) {
+        return {failure.code(), failure.number()};
+    }
+    return {};
+}
+
+// Programs decide by them, and people read the words.
+TEST_F(HeldEntries, FailureHasTheCodeOrTheNumberOfItsReason) {
+    ASSERT_EQ(0, ::symlink("file", (scratch / "tree/link").c_str()));
+    EXPECT_EQ(std::pair(0U, ELOOP), reason_of_failure([&] { HeldEntry{scratch / "tree/link"}; }));
+    EXPECT_EQ(std::pair(0U, ENOENT), reason_of_failure([&] { HeldEntry{scratch / "tree/none"}; }));
+    for (const int kind : {0, 2}) {
+        setKind(kind);
+        const Store store(scratch / "tree/file");
+        EXPECT_EQ(0x2000U, reason_of_failure([&] { (void)store.get("none"); }).first) << kind;
+        EXPECT_EQ(0x2000U, reason_of_failure([&] { store.remove("none"); }).first) << kind;
+        store.set("there", "1", Store::Existing::either);
+        EXPECT_EQ(EEXIST, reason_of_failure([&] { store.set("there", "2", Store::Existing::must_not); }).second);
+        store.remove("there");
+    }
 }
 
 } // namespace

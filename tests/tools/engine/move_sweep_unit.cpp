@@ -89,10 +89,10 @@ struct Scene {
 
 class MoveSweep : public sweep::Sweep<::testing::TestWithParam<Kind>> {
   protected:
-    static size_t callsOf(const Scene &scene) {
-        return watched({}, [&] { return move(scene.source, scene.destination) ? 0 : 1; }).calls.size();
+    static std::vector<faults::SystemCall> callsOf(const Scene &scene) {
+        return watched({}, [&] { return move(scene.source, scene.destination) ? 0 : 1; }).calls;
     }
-    static bool killedAt(const Scene &scene, size_t at, size_t calls) {
+    static bool killedAt(const Scene &scene, size_t at, const std::vector<faults::SystemCall> &calls) {
         return killed(at, calls, [&] { (void)move(scene.source, scene.destination); });
     }
 };
@@ -104,11 +104,11 @@ INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep,
 TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = callsOf(whole);
+    const auto calls = callsOf(whole);
     ASSERT_TRUE(whole.isMoved() && whole.hasStore("to"));
-    ASSERT_LT(20U, calls);
+    ASSERT_LT(20U, calls.size());
     int finished = 0;
-    for (size_t at = 0; at < calls; ++at) {
+    for (size_t at = 0; at < calls.size(); ++at) {
         const Scene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
@@ -129,8 +129,8 @@ TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
 TEST_P(MoveSweep, RunAgainFinishesIt) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = callsOf(whole);
-    for (size_t at = calls / 2; at < calls; at += 2) {
+    const auto calls = callsOf(whole);
+    for (size_t at = calls.size() / 2; at < calls.size(); at += 2) {
         const Scene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
@@ -144,8 +144,8 @@ TEST_P(MoveSweep, RunAgainFinishesIt) {
 TEST_P(MoveSweep, StoreOfAnotherEntryOfTheOldNameIsNotTaken) {
     KIT_NOT_SANITIZED();
     const Scene whole(GetParam());
-    const size_t calls = callsOf(whole);
-    for (size_t at = calls / 2; at < calls; at += 3) {
+    const auto calls = callsOf(whole);
+    for (size_t at = calls.size() / 2; at < calls.size(); at += 3) {
         const Scene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
@@ -192,11 +192,11 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     ASSERT_NE(calls.end(), removal);
     int leftBefore = 0, leftAfter = 0; // the entry itself went
     constexpr ptrdiff_t before = 8;
-    for (auto at = static_cast<size_t>(removal - calls.begin() - before); at < calls.size() + 2; ++at) {
+    for (auto at = static_cast<size_t>(removal - calls.begin() - before); at < calls.size(); ++at) {
         const Scene scene(GetParam());
         onlyAttributes(scene);
         const std::string to = place();
-        if (!carried(scene, to, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+        if (!carried(scene, to, faults::planAt(faults::Plan::Action::kill, calls, at)).reached) {
             break;
         }
         const auto notesLeft = [&] {

@@ -132,7 +132,7 @@ TEST_P(NamesSweep, KilledAnywhereTheSameOnceMoreFinishesItUnderTheSameNames) {
             continue;
         }
         const Scene scene(volume.path());
-        if (!killed(at, calls.size(), [&] { (void)scene.run(); })) {
+        if (!killed(at, calls, [&] { (void)scene.run(); })) {
             break;
         }
         EXPECT_EQ("", kit::exists(scene.source()) ? scene.run() : "") << at;
@@ -164,7 +164,7 @@ TEST_P(NamesSweep, RefusedAnywhereASuccessHasEveryNameAndTheSameOnceMoreTheRest)
                 continue;
             }
             const Scene scene(volume.path());
-            const faults::Plan plan{faults::Plan::Action::fail, at, error, calls[at].number};
+            const faults::Plan plan = faults::planAt(faults::Plan::Action::fail, calls, at, error);
             const faults::Outcome outcome = watched(plan, [&] { return scene.run().empty() ? 0 : 1; });
             refused += outcome.reached ? 1 : 0;
             const std::string where =

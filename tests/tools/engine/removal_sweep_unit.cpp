@@ -162,10 +162,10 @@ class RemovalSweep : public sweep::Sweep<::testing::Test> {
 
 TEST_F(RemovalSweep, KilledAnywhereTheSameAgainRemovesWhatIsLeft) {
     KIT_NOT_SANITIZED();
-    const size_t all = calls().size();
-    for (size_t at = 0; at < all; at += std::min<size_t>(step(), 4)) {
+    const auto all = calls();
+    for (size_t at = 0; at < all.size(); at += std::min<size_t>(step(), 4)) {
         const Scene scene;
-        count(supervised(scene, {.action = faults::Plan::Action::kill, .at = at}));
+        count(supervised(scene, faults::planAt(faults::Plan::Action::kill, all, at)));
         EXPECT_TRUE(removes(scene.scratch / "in/file", true)) << at;
         EXPECT_TRUE(removes(scene.scratch / "in/tree", true)) << at;
         EXPECT_EQ(std::vector<std::string>(), kit::namesIn(scene.scratch / "in")) << at;
@@ -182,7 +182,7 @@ TEST_F(RemovalSweep, RefusedAnywhereNothingStaysUnderASuccess) {
                 continue;
             }
             const Scene scene;
-            const auto outcome = supervised(scene, {faults::Plan::Action::fail, at, error, all[at].number});
+            const auto outcome = supervised(scene, faults::planAt(faults::Plan::Action::fail, all, at, error));
             count(outcome);
             if (kit::readFile(scene.scratch / "told") == "good") {
                 const std::string where =

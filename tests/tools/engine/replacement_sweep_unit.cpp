@@ -81,10 +81,10 @@ INSTANTIATE_TEST_SUITE_P(Stores, ReplacementSweep, ::testing::Values(Keeps::stre
 
 TEST_P(ReplacementSweep, KilledAnywhereItIsTheOldFileOrTheNewOneOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
-    const size_t calls = callsOf().size();
-    ASSERT_LT(50u, calls);
+    const auto calls = callsOf();
+    ASSERT_LT(50u, calls.size());
     int finished = 0;
-    for (size_t at = 0; at < calls; ++at) {
+    for (size_t at = 0; at < calls.size(); ++at) {
         const Scene scene;
         if (!killed(at, calls, [&] { (void)replace(scene.source, scene.destination); })) {
             break;
@@ -114,7 +114,7 @@ TEST_P(ReplacementSweep, RefusedAnywhereNothingIsLostUnderASuccess) {
     for (size_t at = 0; at < calls.size(); ++at) {
         for (const int error : faults::plausibleErrors(calls[at])) {
             const Scene scene;
-            const faults::Outcome outcome = watched({faults::Plan::Action::fail, at, error, calls[at].number},
+            const faults::Outcome outcome = watched(faults::planAt(faults::Plan::Action::fail, calls, at, error),
                                                     [&] { return replace(scene.source, scene.destination) ? 0 : 1; });
             refused += outcome.reached ? 1 : 0;
             const std::string where =
@@ -139,9 +139,9 @@ TEST_P(ReplacementSweep, KilledAnywhereTheNextOneThatReplacesNothingFinishesIt) 
     const auto fresh_in = [](const Scene &scene) { return scene.scratch / "to/fresh"; };
     const Scene whole;
     // Fewer than where something is replaced.
-    const size_t calls = watched({}, [&] { return replace(whole.source, fresh_in(whole)) ? 0 : 1; }).calls.size();
-    ASSERT_LT(50U, calls);
-    for (size_t at = 0; at < calls; at += 5) {
+    const auto calls = watched({}, [&] { return replace(whole.source, fresh_in(whole)) ? 0 : 1; }).calls;
+    ASSERT_LT(50U, calls.size());
+    for (size_t at = 0; at < calls.size(); at += 5) {
         const Scene scene;
         const std::string fresh = fresh_in(scene);
         (void)killed(at, calls, [&] { (void)replace(scene.source, fresh); });
@@ -166,7 +166,7 @@ TEST_P(ReplacementSweep, LookThatSawNothingReplacesNothing) {
         for (size_t at = 0; at < calls.size(); ++at) {
             for (const int error : {ENOENT, EINVAL}) {
                 const Scene scene;
-                (void)supervised(scene, operation, {faults::Plan::Action::fail, at, error, calls[at].number});
+                (void)supervised(scene, operation, faults::planAt(faults::Plan::Action::fail, calls, at, error));
                 EXPECT_TRUE(scene.isOld()) << at << ", error " << error;
                 EXPECT_EQ("new", kit::readFile(scene.source)) << at << ", error " << error;
             }

@@ -98,7 +98,7 @@ TEST_F(Retried, EachCallThatIsRefusedOnceIsNoFailureOrLeavesTheOldFile) {
     ASSERT_LT(10u, calls.size());
     int failedBefore = 0;
     for (size_t at = 0; at < calls.size(); ++at) {
-        const faults::Plan plan{faults::Plan::Action::fail, at, EBUSY, calls[at].number};
+        const faults::Plan plan = faults::planAt(faults::Plan::Action::fail, calls, at, EBUSY);
         const Scene without, with;
         const faults::Outcome impatient = carry(without, 0, plan), patient = carry(with, 2, plan);
         if (!impatient.reached || !patient.reached) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -135,6 +136,22 @@ TEST(Select, SizesAndTimesChooseRegularFiles) {
     EXPECT_FALSE(takes(S_IFREG, 15, {200, 0}));
     EXPECT_TRUE(takes(S_IFDIR, 0, {0, 0}));
     EXPECT_TRUE(takes(S_IFLNK, 0, {0, 0}));
+    EXPECT_FALSE(selection.takes_everything());
+}
+
+TEST(Select, WhoIsAskedDecidesOverWhatTheRulesLeave) {
+    Selection selection;
+    std::vector<std::string> asked;
+    selection.exclude("*.bak");
+    selection.asked = [&](std::string_view path, bool directory) {
+        asked.push_back(std::string(path) + (directory ? "/" : ""));
+        return path != "photos/a";
+    };
+    EXPECT_FALSE(selection.takes_name("photos/a", false));
+    EXPECT_TRUE(selection.takes_name("photos/b", true));
+    EXPECT_FALSE(selection.takes_name("photos/c.bak", false));
+    EXPECT_EQ((std::vector<std::string>{"photos/a", "photos/b/"}), asked);
+    selection.exclude("!");
     EXPECT_FALSE(selection.takes_everything());
 }
 

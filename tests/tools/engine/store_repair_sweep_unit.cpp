@@ -140,7 +140,7 @@ TEST_F(StoreRepairSweep, KilledAnywhereItIsTheOldOrTheNewAndEverythingComesBack)
     }
     for (size_t at = 0; at < calls.size(); at += step(calls.size())) {
         const RepairScene scene;
-        check(scene, supervised(scene, {faults::Plan::Action::kill, at, 0, calls[at].number}),
+        check(scene, supervised(scene, faults::planAt(faults::Plan::Action::kill, calls, at)),
               "a kill before " + print_of(calls[at], at));
     }
 }
@@ -155,7 +155,7 @@ TEST_F(StoreRepairSweep, WhicheverCallFailsItIsTheOldOrTheNewAndEverythingComesB
     for (size_t at = 0; at < calls.size(); at += step(calls.size())) {
         for (const int error : faults::plausibleErrors(calls[at])) {
             const RepairScene scene;
-            check(scene, supervised(scene, {faults::Plan::Action::fail, at, error, calls[at].number}),
+            check(scene, supervised(scene, faults::planAt(faults::Plan::Action::fail, calls, at, error)),
                   print_of(calls[at], at) + " with " + std::strerror(error));
         }
     }

@@ -14,6 +14,7 @@
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <vector>
 
 namespace sweep {
 
@@ -104,15 +105,14 @@ class Sweep : public Test {
         });
     }
 
-    // Kills a run before the call `at`. Whether it came to that: a few calls depend on what the process has kept, so
-    // that a run may end a little before the last one of all `calls`.
-    static bool killed(size_t at, size_t calls, const std::function<void()> &body) {
-        const faults::Plan plan{.action = faults::Plan::Action::kill, .at = at};
-        const bool reached = watched(plan, [&] {
+    // Kills a run before the call `at` of those that one made. Whether it came to that: a few calls depend on what the
+    // process has kept, so that a run may end a little before the last one of them.
+    static bool killed(size_t at, const std::vector<faults::SystemCall> &calls, const std::function<void()> &body) {
+        const bool reached = watched(faults::planAt(faults::Plan::Action::kill, calls, at), [&] {
                                  body();
                                  return 0;
                              }).reached;
-        EXPECT_TRUE(reached || at + 8 > calls) << at << " of " << calls;
+        EXPECT_TRUE(reached || at + 8 > calls.size()) << at << " of " << calls.size();
         return reached;
     }
 };

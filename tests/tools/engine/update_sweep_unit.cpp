@@ -205,7 +205,7 @@ TEST_P(UpdateSweep, KilledAnywhereTheSameOnceMoreFinishesIt) {
     const bool move = GetParam().operation == Operation::move;
     for (const size_t at : points_of(calls)) {
         const Scene scene(volume.path(), GetParam());
-        if (!killed(at, calls.size(), [&] { (void)scene.run(); })) {
+        if (!killed(at, calls, [&] { (void)scene.run(); })) {
             break;
         }
         const std::string told = kit::exists(scene.source) ? scene.run() : "";
@@ -269,7 +269,7 @@ TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
             continue;
         }
         const Merged scene(volume / std::to_string(at));
-        if (!supervised(scene, {.action = faults::Plan::Action::kill, .at = at}).reached) {
+        if (!supervised(scene, faults::planAt(faults::Plan::Action::kill, calls, at)).reached) {
             break;
         }
         aside += Scene::left_in(scene.to).find(".vexofileop-kept-") == std::string::npos ? 0 : 1;

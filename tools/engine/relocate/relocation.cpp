@@ -270,16 +270,20 @@ class Relocating {
 
 bool Relocating::clear(bool withNote) {
     bool gone = true;
-    const auto names = names_in(fmt::format("/proc/self/fd/{}/.", m_place.directory()));
-    for (const std::string &name : names.value_or(std::vector<std::string>())) {
-        if (name != "lock" && !is_note_name(name)) {
-            gone = remove_private(
-                       m_place.directory(), name, joined(m_place.path(), name), nullptr,
-                       [this](const std::string &path, const Problem &problem) { m_observer.failed(path, problem); }) &&
-                   gone;
+    // Looked at twice: nobody comes for what stays without a note, and a look that finds nothing may be wrong.
+    for (int tries = 0; gone && tries < 2; ++tries) {
+        const auto names = names_in(fmt::format("/proc/self/fd/{}/.", m_place.directory()));
+        gone = names.has_value();
+        for (const std::string &name : names.value_or(std::vector<std::string>())) {
+            if (name != "lock" && !is_note_name(name)) {
+                gone = remove_private(m_place.directory(), name, joined(m_place.path(), name), nullptr,
+                                      [this](const std::string &path, const Problem &problem) {
+                                          m_observer.failed(path, problem);
+                                      }) &&
+                       gone;
+            }
         }
     }
-    gone = gone && names.has_value();
     if (gone && withNote) {
         remove_note(m_place.directory());
         m_noted = false;

@@ -160,10 +160,14 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
     const Renaming renaming{
         .from = inside, .before = made, .to = destination.in, .name = destination.name, .withStore = withStore};
     std::optional<Problem> problem;
-    if (inside.look(made) && !rename_with_store(renaming)) {
+    const auto placed = inside.look(made) ? rename_with_store(renaming) : Problem{};
+    if (!placed) {
         problem = problem_of_placing(errno);
     }
     auto stays = clear_away(destination.in.fd(), room);
+    if (placed && !placed->reason.empty()) { // what tells of its store may stand there still
+        stays = placed;
+    }
     if (problem) {
         failed(source.path(), destination.path(), std::move(*problem));
         return;

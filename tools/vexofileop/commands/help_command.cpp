@@ -40,9 +40,7 @@ void list_by_task(const Command &program, Console &console) {
         console.line(task.title);
         for (const std::string_view name : task.commands) {
             const auto command = std::ranges::find(known, name, &KnownCommand::name);
-            if (command != known.end()) {
-                console.line(fmt::format("  {:<23}{}", name, command->text));
-            }
+            console.line(fmt::format("  {:<23}{}", name, command == known.end() ? "" : command->text));
         }
         console.line("");
     }
