@@ -75,6 +75,7 @@ class View {
     std::set<std::string> failed = {};
     std::set<std::string> closed = {};
     std::map<std::string, std::string> changed = {}; // where an entry stands whose name could not stay
+    std::map<std::string, std::string> kept = {};    // or could not, and comes back
 
   private:
     std::string m_top;
@@ -110,6 +111,11 @@ class Receipt : public engine::TransferObserver {
     void entry(engine::EntryKind, const std::string &source, const engine::Outcome &outcome) override {
         for (const Loss &loss : outcome.losses) {
             m_view.add(source, outcome.destination, loss);
+        }
+        const auto name_of = [](const std::string &path) { return path.substr(path.rfind('/') + 1); };
+        const bool there = outcome.status == engine::Status::done || outcome.same;
+        if (there && name_of(source) != name_of(outcome.destination)) {
+            m_view.kept[source.substr(m_view.top().size())] = outcome.destination;
         }
         if (outcome.status == engine::Status::failed) {
             m_view.close(source);
@@ -279,7 +285,8 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
                                                .specials = seed / 4 % 2 == 1,
                                                .hardLinks = seed / 2 % 3 != 0,
                                                .trees = true,
-                                               .countsAlone = seed % 3 == 0};
+                                               .countsAlone = seed % 3 == 0,
+                                               .reversibleNames = seed / 3 % 2 == 1};
         {
             Forecast observer(forecast);
             const engine::PlanOptions plan{.transfer = transfer};
@@ -297,7 +304,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
         const bool nowhere = !kit::exists(copy) && !receipt.told.empty() && receipt.told.begin()->first.empty();
         if (!nowhere) {
             Differences observer(comparison);
-            engine::compare_trees(reference, copy, {}, observer);
+            engine::compare_trees(reference, copy, {.reversibleNames = transfer.reversibleNames}, observer);
         } else {
             comparison.told = receipt.told;
         }
@@ -348,6 +355,9 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
         for (const auto &[path, cls] : receipt.told) {
             const auto place = receipt.changed.find(path);
             m_notes << path << '\0' << cls << '\0' << (place == receipt.changed.end() ? "" : place->second) << '\0';
+        }
+        for (const auto &[path, place] : receipt.kept) {
+            m_notes << path << '\0' << "name-kept" << '\0' << place << '\0';
         }
         for (const std::string &path : receipt.failed) {
             m_notes << path << '\0' << "*" << '\0' << '\0';

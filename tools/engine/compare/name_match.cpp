@@ -16,29 +16,36 @@ std::string name_on(int type, const std::string &name) {
     return volume_traits(type).fatNames ? base_name(fat_name("/" + name)) : name;
 }
 
-NameMatch::NameMatch(int directory, int type, const Listing &there, const Listing &names)
-    : m_directory(directory), m_type(type) {
+NameMatch::NameMatch(int directory, int type, const Listing &there, const Listing &names, Wanted wanted)
+    : m_directory(directory), m_type(type), m_wanted(std::move(wanted)) {
     for (const Listing::Item &item : there.items) {
         m_listed.push_back(item.name);
     }
     std::ranges::sort(m_listed);
+    for (const auto &[name, other] : m_wanted) {
+        if (std::ranges::binary_search(m_listed, other)) {
+            m_takenBy.emplace(other, name);
+        }
+    }
     for (const Listing::Item &item : names.items) {
-        if (std::ranges::binary_search(m_listed, item.name)) {
+        if (!m_wanted.contains(item.name) && std::ranges::binary_search(m_listed, item.name)) {
             m_takenBy.emplace(item.name, item.name);
         }
     }
     // A name keeps the letter cases of whoever made it, whichever of two that become one is met first here.
     for (const Listing::Item &item : names.items) {
-        const std::string made = name_on(type, item.name);
-        if (made != item.name && std::ranges::binary_search(m_listed, made)) {
+        const std::string &meant = asked(item.name);
+        const std::string made = name_on(type, meant);
+        if (made != meant && std::ranges::binary_search(m_listed, made)) {
             m_takenBy.try_emplace(made, item.name);
         }
     }
 }
 
 NameMatch::Found NameMatch::find(const std::string &name) {
-    const auto itself = m_takenBy.find(name);
-    Found found{itself != m_takenBy.end() && itself->second == name ? name : name_on(m_type, name)};
+    const std::string &meant = asked(name);
+    const auto itself = m_takenBy.find(meant);
+    Found found{itself != m_takenBy.end() && itself->second == name ? meant : name_on(m_type, meant)};
     found.there = std::ranges::binary_search(m_listed, found.name);
     if (!found.there) {
         // The volume may know it by another one: where letter cases, or forms of letters, are one to it.

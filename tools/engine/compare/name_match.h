@@ -16,8 +16,9 @@ class NameMatch {
   public:
     // `directory`, on a volume of the type `type`, is open and stays the caller's; `there` is what lies in it. Entries
     // that are there under the very name of one of `names` are for that one; else for the one that the volume gives
-    // that name to, letter by letter.
-    NameMatch(int directory, int type, const Listing &there, const Listing &names);
+    // that name to, letter by letter. `wanted`: under which other names some of `names` are looked for.
+    using Wanted = std::unordered_map<std::string, std::string>;
+    NameMatch(int directory, int type, const Listing &there, const Listing &names, Wanted wanted = {});
 
     struct Found {
         std::string name;                      // as the directory lists it; where it is not there, as it would be
@@ -32,13 +33,18 @@ class NameMatch {
         const auto taken = m_takenBy.find(name);
         return taken != m_takenBy.end() && taken->second == name;
     }
-    void forget() { m_listed.clear(), m_takenBy.clear(); }
+    void forget() { m_wanted.clear(), m_listed.clear(), m_takenBy.clear(); }
 
   private:
     std::string listed_name(const std::string &wanted) const;
+    const std::string &asked(const std::string &name) const {
+        const auto found = m_wanted.find(name);
+        return found == m_wanted.end() ? name : found->second;
+    }
 
     int m_directory;
     int m_type;
+    Wanted m_wanted;
     std::vector<std::string> m_listed; // sorted
     std::unordered_map<std::string, std::string> m_takenBy;
 };

@@ -5,6 +5,7 @@
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/compare/shared_comparison.h"
 #include "tools/engine/compare/side.h"
+#include "tools/engine/naming/naming.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/report/problem.h"
@@ -163,6 +164,7 @@ class TreeComparison {
         End one, other;
         Listing listing, there;
         NameMatch names;
+        PairedNames paired = {};
         std::vector<std::pair<std::string, std::string>> inner = {}; // directories of both, under their two names
         size_t next = 0;                                             // of those
         size_t item = 0;                                             // of the listing
@@ -327,9 +329,10 @@ class TreeComparison {
             End one(parent, name, path), other(otherParent, otherName, otherPath);
             Listing listing = list_directory(one.fd(), one.facts.store);
             Listing there = list_directory(other.fd(), other.facts.store);
-            NameMatch names(other.fd(), other.facts.type, there, listing);
-            level = std::make_unique<Level>(
-                Level{std::move(one), std::move(other), std::move(listing), std::move(there), std::move(names)});
+            PairedNames paired = pair_names(one, listing, other, there);
+            NameMatch names(other.fd(), other.facts.type, there, listing, paired.wanted());
+            level = std::make_unique<Level>(Level{std::move(one), std::move(other), std::move(listing),
+                                                  std::move(there), std::move(names), std::move(paired)});
         } catch (const Failure &failure) {
             lose(path, otherPath, LossClass::unreadable, failure.what());
             return;
@@ -354,6 +357,26 @@ class TreeComparison {
                      "a directory was moved away meanwhile; what is left beside it was not compared");
             }
         }
+    }
+
+    // The lists are no entries.
+    PairedNames pair_names(const End &one, Listing &listing, const End &other, Listing &there) {
+        if (!m_options.reversibleNames) {
+            return {};
+        }
+        const auto names_of = [](const Listing &all) {
+            std::vector<std::string> names;
+            std::ranges::transform(all.items, std::back_inserter(names), &Listing::Item::name);
+            return names;
+        };
+        PairedNames paired(one.fd(), names_of(listing), other.fd(), names_of(there));
+        const auto is_list = [](const Listing::Item &item) { return item.name == kNameList; };
+        std::erase_if(listing.items, is_list);
+        std::erase_if(there.items, is_list);
+        for (const Loss &loss : paired.losses()) {
+            m_observer.loss(one.path, other.path, loss);
+        }
+        return paired;
     }
 
     void inner_directories(Level &level) {
@@ -388,6 +411,7 @@ class TreeComparison {
         level.item = 0;
         level.there = {};
         level.names.forget();
+        level.paired = {};
     }
 
     void entry_at_both(Level &level, const std::string &name, const std::string &there) {
@@ -432,7 +456,7 @@ class TreeComparison {
             return;
         }
         const bool walk = pair(one, path, other, otherPath);
-        if (found.there && found.name != item.name) {
+        if (found.there && !level.paired.are_one(item.name, found.name)) {
             lose(path, otherPath, LossClass::name_changed, fmt::format("is {} at the second", displayed(found.name)));
         }
         if (walk) {

@@ -15,8 +15,10 @@
 namespace engine {
 
 struct TreeComparisonOptions {
-    bool data = true;         // content is read; else sizes and short values decide
-    bool times = true;        // modification and creation time
+    bool data = true;  // content is read; else sizes and short values decide
+    bool times = true; // modification and creation time
+    // Names go by the lists beside the entries: an entry of the first is looked for under what the second calls it.
+    bool reversibleNames = false;
     Selection selection = {}; // the rest is passed over at both
     bool named = true;        // the selection sees the first's own name at the start of each path of both
     // Where one comparison is of several: the names that all of them meet, for whoever finishes that once they are

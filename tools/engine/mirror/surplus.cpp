@@ -3,6 +3,7 @@
 #include "ea/ea.h"
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/mirror/kept_surplus.h"
+#include "tools/engine/naming/naming.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/select/tree_selection.h"
@@ -153,11 +154,16 @@ class Walk : private RemovalObserver {
     }
 
     void entries(Level &level) {
+        GivenNames given = given_names(level);
+        if (given.unusable) {
+            m_observer.unreadable(level.to.path(), *given.unusable);
+            return;
+        }
         if (m_options.leftOutToo) {
             std::erase_if(level.listing.items,
                           [&](const Listing::Item &item) { return !is_named(level, item.name, item.type); });
         }
-        NameMatch names(level.to.fd(), level.to.type(), level.there, level.listing);
+        NameMatch names(level.to.fd(), level.to.type(), level.there, level.listing, std::move(given.others));
         for (const Listing::Item &item : level.listing.items) {
             if (m_observer.stopped()) {
                 return;
@@ -169,6 +175,34 @@ class Walk : private RemovalObserver {
         }
         if (m_kind == Surplus::extra) {
             extras(level, names);
+            drop_names(level);
+        }
+    }
+
+    // What a copy calls the entries of the first.
+    GivenNames given_names(Level &level) const {
+        if (!m_options.reversibleNames) {
+            return {};
+        }
+        std::vector<std::string> names;
+        std::ranges::transform(level.listing.items, std::back_inserter(names), &Listing::Item::name);
+        Naming naming(true, true, false);
+        GivenNames given = naming.of_all(level.from.fd(), names, {level.to.fd(), level.to.path(), level.to.type()});
+        const auto is_list = [](const Listing::Item &item) { return item.name == kNameList; };
+        std::erase_if(level.listing.items, is_list);
+        std::erase_if(level.there.items, is_list);
+        return given;
+    }
+
+    void drop_names(const Level &level) {
+        if (!m_options.reversibleNames || m_options.rehearsal || m_observer.stopped() || !m_mounted.empty()) {
+            return;
+        }
+        try {
+            m_removedHere = drop_dead_names(level.to.fd(), level.to.type(), false) || m_removedHere;
+        } catch (const Failure &failure) {
+            const Problem problem{failure.what()};
+            m_observer.entry(joined(level.to.path(), kNameList), S_IFREG, Status::failed, &problem);
         }
     }
 

@@ -33,6 +33,8 @@ struct SurplusOptions {
     bool leftOutToo = false; // what the selection leaves out by its name is removed, too
     bool specials = false;   // special files of the first are copied
     bool rehearsal = false;  // nothing is removed: told is what would be
+    // Names go by the lists beside the entries, which stay, and lose what names nothing any more.
+    bool reversibleNames = false;
     BackupOptions backup = {};
 };
 

@@ -43,7 +43,8 @@ AskedVolume &AskedVolumes::of(const HeldDirectory &directory) {
     if (asked.rehearsal == nullptr) {
         asked.directory = HeldDirectory(directory, ".");
         add_quotas(directory, asked); // before anything is made there
-        asked.rehearsal = std::make_unique<Rehearsal>(asked.directory.fd(), directory.type(), m_probe);
+        asked.rehearsal =
+            std::make_unique<Rehearsal>(asked.directory.fd(), directory.type(), m_probe, m_reversibleNames);
         const auto [room, isNew] = m_rooms.try_emplace(directory.device());
         asked.room = &room->second;
         if (isNew) {

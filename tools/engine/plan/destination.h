@@ -58,7 +58,7 @@ class RoomsBefore {
 
 class AskedVolumes {
   public:
-    explicit AskedVolumes(bool probe) : m_probe(probe) {}
+    AskedVolumes(bool probe, bool reversibleNames) : m_probe(probe), m_reversibleNames(reversibleNames) {}
     // For entries in an open directory.
     AskedVolume &of(const HeldDirectory &directory);
     const std::map<dev_t, UsedRoom> &rooms() const { return m_rooms; }
@@ -66,7 +66,7 @@ class AskedVolumes {
     std::vector<std::pair<uint32_t, UsedRoom>> projects() const;
 
   private:
-    bool m_probe;
+    bool m_probe, m_reversibleNames;
     std::map<std::string, AskedVolume> m_known;
     void add_quotas(const HeldDirectory &directory, AskedVolume &asked);
 

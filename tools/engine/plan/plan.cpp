@@ -3,6 +3,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/name_match.h"
+#include "tools/engine/naming/naming.h"
 #include "tools/engine/plan/destination.h"
 #include "tools/engine/plan/store_room.h"
 #include "tools/engine/report/codes.h"
@@ -63,7 +64,8 @@ class Planner::Walk {
     Walk(const PlanOptions &options, PlanObserver &observer)
         : m_options(options), m_transfer(options.transfer), m_observer(observer),
           m_selection(options.transfer.selection), m_clones(options.transfer), m_backups(options.transfer.backup),
-          m_asked(options.probe) {}
+          m_asked(options.probe, options.transfer.reversibleNames),
+          m_naming(options.transfer.reversibleNames, true, false) {}
 
     void run(const std::string &source, const std::string &destination);
     void run_below(const std::string &base, const std::string &top, const std::string &name, const NamesBelow &how);
@@ -100,15 +102,22 @@ class Planner::Walk {
         std::optional<struct stat> there = {};
         std::string name = {}; // at the destination
     };
+    static void take_room_of_list(const Destination &to, int64_t bytes);
+    static NamingPlace place_of(const Destination &to);
+    GivenNames names_for(const HeldDirectory &from, const Destination &inner, std::vector<Entry> &entries);
+    GivenName name_for(const HeldDirectory &from, const std::string &name, const Destination &to,
+                       const std::string &meant);
     bool open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened, bool onTheWay);
     bool merge_directory(const Source &source, Destination &to, Opened &opened);
     bool is_renamed(const Source &source, dev_t volume, int type, const Destination &to) const;
     static int refusal_to_move(const Source &source, const Opened &opened, const Destination &to);
-    bool tree(const Source &source, Destination &to, std::string name);
+    bool tree(const Source &source, Destination &to, std::string name, std::vector<Loss> known = {});
     bool entries(const HeldDirectory &from, Destination &inner, std::vector<Loss> &strangers);
-    bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to);
+    bool entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to,
+               const GivenNames &given, std::vector<Loss> known = {});
+    GivenName name_of_top(const std::string &source, const Destination &to, const std::string &meant);
     bool left(const std::string &path, const Destination &to, const std::string &name, NameKind kind);
-    bool file(const Source &source, Destination &to, std::string name);
+    bool file(const Source &source, Destination &to, std::string name, std::vector<Loss> known = {});
     bool placed(const Source &source, const struct stat &found, Destination &to, const std::string &name,
                 PlannedEntry planned, bool asItIs);
     std::optional<Problem> refusal_of_place(const Source &source, const Destination &to, const std::string &name,
@@ -138,6 +147,7 @@ class Planner::Walk {
     Backups m_backups;
     dev_t m_device = 0; // of the tree under way
     AskedVolumes m_asked;
+    Naming m_naming;
     std::map<std::string, Destination> m_destinations; // that requests name
     // Files of several names, one of which has been planned, with the volume that it goes to.
     std::map<std::pair<dev_t, ino_t>, PlannedLink> m_linked;
@@ -257,11 +267,25 @@ void Planner::Walk::run(const std::string &given, const std::string &destination
     const auto name_of = [](const std::string &path) { return path == "/" ? "." : base_name(path); };
     const VolumeFacts facts = volume_facts(parent.fd(), parent.type());
     const Source what{parent, name_of(from), from, facts};
-    if (isTree) {
-        (void)tree(what, to, name_of(destination));
+    const std::string meant = name_of(destination);
+    GivenName called = contents ? GivenName{meant} : name_of_top(source, to, meant);
+    if (called.problem) {
+        fail(planned, std::move(*called.problem));
+    } else if (isTree) {
+        (void)tree(what, to, called.name, std::move(called.losses));
     } else {
-        (void)file(what, to, name_of(destination));
+        (void)file(what, to, called.name, std::move(called.losses));
     }
+}
+
+GivenName Planner::Walk::name_of_top(const std::string &source, const Destination &to, const std::string &meant) {
+    if (!m_naming.wanted() || source == "/" || meant == ".") {
+        return {meant};
+    }
+    const std::string path = source.substr(0, source.size() - (source.ends_with('/') ? 1 : 0));
+    const HeldDirectory around(parent_of(path));
+    const bool there = around.is_open() && around.look(base_name(path));
+    return there ? name_for(around, base_name(path), to, meant) : GivenName{meant};
 }
 
 bool Planner::Walk::left(const std::string &path, const Destination &to, const std::string &name, NameKind kind) {
@@ -281,8 +305,43 @@ bool Planner::Walk::left(const std::string &path, const Destination &to, const s
     return fail(std::move(planned), {why, 0, true}, {{LossClass::not_carried, why}});
 }
 
-bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name,
-                          Destination &to) {
+NamingPlace Planner::Walk::place_of(const Destination &to) {
+    return {to.is_there() ? to.there.fd() : -1, to.path, to.volume->rehearsal->volume().type};
+}
+
+void Planner::Walk::take_room_of_list(const Destination &to, int64_t bytes) {
+    AskedVolume &volume = *to.volume;
+    const int64_t block = std::max<int64_t>(volume.rehearsal->room().block, 1);
+    const Room needed{(bytes + block - 1) / block * block, 1};
+    const bool found = refusal_of(volume, needed) == 0;
+    volume.room->take(needed, {}, found);
+    for (const auto &[room, refusal] : volume.quotas) {
+        room->take(needed, {}, found);
+    }
+}
+
+GivenNames Planner::Walk::names_for(const HeldDirectory &from, const Destination &inner, std::vector<Entry> &entries) {
+    std::vector<std::string> names;
+    if (m_naming.wanted()) {
+        std::ranges::transform(entries, std::back_inserter(names), &Entry::name);
+    }
+    GivenNames given = m_naming.of_all(from.fd(), names, place_of(inner));
+    if (given.listBytes > 0) {
+        take_room_of_list(inner, given.listBytes);
+    }
+    if (given.listed) {
+        std::erase_if(entries, [](const Entry &one) { return one.name == kNameList; });
+    }
+    return given;
+}
+
+GivenName Planner::Walk::name_for(const HeldDirectory &from, const std::string &name, const Destination &to,
+                                  const std::string &meant) {
+    return m_naming.of_one(from.fd(), name, place_of(to), meant);
+}
+
+bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, const std::string &name, Destination &to,
+                          const GivenNames &given, std::vector<Loss> known) {
     const NameKind kind = name_kind(from.itself(), name, from.type());
     if (kind == NameKind::store || kind == NameKind::companion) {
         return true; // goes with the entry that it belongs to
@@ -295,8 +354,17 @@ bool Planner::Walk::entry(const HeldDirectory &from, const VolumeFacts &facts, c
     if (kind != NameKind::ordinary) {
         return left(path, to, name, kind);
     }
+    if (m_naming.wanted() && name == kNameList) {
+        return fail({.source = path, .destination = joined(to.path, name)}, {kNameOfList, 0, true},
+                    {{LossClass::not_carried, kNameOfList}});
+    }
+    if (auto problem = given.problem_of(name)) {
+        return fail({.source = path, .destination = joined(to.path, name)}, std::move(*problem));
+    }
     const Source source{from, name, path, facts};
-    return found && S_ISDIR(found->st_mode) ? tree(source, to, name) : file(source, to, name);
+    const std::string &called = given.of(name);
+    return found && S_ISDIR(found->st_mode) ? tree(source, to, called, std::move(known))
+                                            : file(source, to, called, std::move(known));
 }
 
 // Everything in a directory that is carried into another one.
@@ -328,11 +396,13 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     facts.noDirectory = !hasStore;
     bool complete = true;
     own_names_first(inner.volume->rehearsal->volume().type, *found, [](const Entry &one) { return one.name; });
+    const GivenNames given = names_for(from, inner, *found);
+    strangers.insert(strangers.end(), given.losses.begin(), given.losses.end());
     for (const Entry &one : *found) {
         if (m_observer.stopped()) {
             return false;
         }
-        complete = entry(from, facts, one.name, inner) && complete;
+        complete = entry(from, facts, one.name, inner, given) && complete;
     }
     return complete;
 }
@@ -350,6 +420,9 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
         name = fixed;
     }
     planned.destination = joined(to.path, name);
+    if (m_naming.wanted() && is_name_list(name)) {
+        return fail(std::move(planned), {kNameOfList, 0, true}, {{LossClass::not_carried, kNameOfList}});
+    }
     const auto found = source.in.look(source.name);
     opened.from = HeldDirectory(source.in, source.name);
     if (!found || !opened.from.is_open() || ::faccessat(opened.from.fd(), ".", R_OK, AT_EACCESS) != 0) {
@@ -432,11 +505,12 @@ int Planner::Walk::refusal_to_move(const Source &source, const Opened &opened, c
     return errno;
 }
 
-bool Planner::Walk::tree(const Source &source, Destination &to, std::string name) {
+bool Planner::Walk::tree(const Source &source, Destination &to, std::string name, std::vector<Loss> known) {
     if (m_observer.stopped()) {
         return false;
     }
     Opened opened;
+    opened.planned.losses = std::move(known);
     if (!open_directory_of(source, to, std::move(name), opened, false)) {
         return false;
     }
@@ -447,7 +521,9 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     }
     HeldDirectory &from = opened.from;
     Destination &inner = opened.inner;
-    if (!opened.there && m_selection.takes_everything() && is_renamed(source, from.device(), from.type(), to)) {
+    const bool maybeNames = m_naming.wanted() && !volume_traits(to.volume->rehearsal->volume().type).fatNames;
+    if (!opened.there && m_selection.takes_everything() && !maybeNames &&
+        is_renamed(source, from.device(), from.type(), to)) {
         if (const int number = refusal_to_move(source, opened, to); number != 0) {
             return fail(std::move(planned), number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
         }
@@ -490,8 +566,8 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
 }
 
 // Which class has a file that is no file.
-bool Planner::Walk::file(const Source &source, Destination &to, std::string name) {
-    PlannedEntry planned{.kind = EntryKind::file, .source = source.path};
+bool Planner::Walk::file(const Source &source, Destination &to, std::string name, std::vector<Loss> known) {
+    PlannedEntry planned{.kind = EntryKind::file, .source = source.path, .losses = std::move(known)};
     Rehearsal &rehearsal = *to.volume->rehearsal;
     planned.destination = joined(to.path, name);
     const auto found = source.name.empty() ? look(source.path) : source.in.look(source.name);
@@ -515,6 +591,9 @@ bool Planner::Walk::file(const Source &source, Destination &to, std::string name
     if (!moves() && !asItIs && !S_ISREG(content->st_mode)) {
         const std::string reason = fmt::format("is {}, which cannot be copied", kind_of(content->st_mode));
         return fail(std::move(planned), of_source({reason}), {{LossClass::special_file, reason}});
+    }
+    if (m_naming.wanted() && is_name_list(name)) {
+        return fail(std::move(planned), {kNameOfList, 0, true}, {{LossClass::not_carried, kNameOfList}});
     }
     if (const std::string fixed = name_on(rehearsal.volume().type, name); fixed != name) {
         planned.losses.push_back({LossClass::name_changed, fmt::format("is {} in the copy", displayed(fixed))});
@@ -967,7 +1046,7 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
     const std::string path = joined(above.planned.source, name);
     auto found = above.from.look(name);
     if (kind != NameKind::ordinary) {
-        return entry(above.from, facts, name, above.inner) && false;
+        return entry(above.from, facts, name, above.inner, {}) && false;
     }
     if (found && !m_selection.takes(path, above.from.below(name), *found)) {
         return false;
@@ -993,7 +1072,14 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
     const Source &taken = parent.is_open() ? behind : source;
     auto opened = std::make_unique<Opened>();
     const RoomsBefore before(*above.inner.volume);
-    if (!open_directory_of(taken, above.inner, name, *opened, true) || !merge_directory(taken, above.inner, *opened)) {
+    GivenName given = name_for(above.from, name, above.inner, name);
+    if (given.problem) {
+        (void)fail({.source = path, .destination = joined(above.inner.path, name)}, std::move(*given.problem));
+        return false;
+    }
+    opened->planned.losses = std::move(given.losses);
+    if (!open_directory_of(taken, above.inner, given.name, *opened, true) ||
+        !merge_directory(taken, above.inner, *opened)) {
         return false;
     }
     if (m_told.insert(opened->inner.path).second) {
@@ -1021,7 +1107,14 @@ void Planner::Walk::leaf(const std::string &name, const NamesBelow &how, const s
         }
         VolumeFacts facts = volume_facts(level.from.fd(), level.from.type());
         facts.noDirectory = !level.from.look("@eaDir");
-        (void)entry(level.from, facts, name, level.inner);
+        GivenName one = name_for(level.from, name, level.inner, name);
+        GivenNames given;
+        given.others.emplace(name, one.name);
+        if (one.problem) {
+            given.nameless.insert(name);
+            given.unusable = std::move(one.problem);
+        }
+        (void)entry(level.from, facts, name, level.inner, given, std::move(one.losses));
         return;
     }
     if (how.alone) {

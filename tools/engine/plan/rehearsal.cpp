@@ -5,6 +5,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
+#include "tools/engine/naming/fat_form.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -13,6 +14,7 @@
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/special_file.h"
+#include "tools/engine/walk/letter_case.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/units.h"
 
@@ -79,8 +81,9 @@ bool is_of_store(LossClass cls) {
 
 } // namespace
 
-Rehearsal::Rehearsal(int directory, int type, bool probe)
-    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)) {
+Rehearsal::Rehearsal(int directory, int type, bool probe, bool reversibleNames)
+    : m_directory(directory), m_volume(volume_facts(directory, type)), m_room(free_room(directory)),
+      m_reversibleNames(reversibleNames && volume_traits(m_volume.type).fatNames) {
     struct statvfs volume {};
     if (::fstatvfs(directory, &volume) == 0) {
         m_longestName = volume.f_namemax;
@@ -179,7 +182,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
-    add_companion_too_long({m_directory, source.name, m_volume}, source.name, losses);
+    add_companion_too_long({m_directory, source.name, m_volume}, called(source), losses);
     add_kept(source, merged, losses);
     return losses;
 }
@@ -271,6 +274,11 @@ void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vecto
                          [](const Loss &loss) { return loss.cls != LossClass::modification_time; });
 }
 
+// As long as what it is called there, with a number or without.
+std::string Rehearsal::called(const Side &source) const {
+    return m_reversibleNames ? fat_form(source.name) : source.name;
+}
+
 // Whether a copy can have a store.
 bool Rehearsal::takes_stores(const Side &source) const {
     switch (m_volume.store) {
@@ -278,7 +286,7 @@ bool Rehearsal::takes_stores(const Side &source) const {
         return false;
     case StoreKind::native:
     case StoreKind::apple_double:
-        return takes_companion(m_directory, source.name);
+        return takes_companion(m_directory, called(source));
     default:
         return can_make_stores();
     }

@@ -23,7 +23,8 @@ class Rehearsal {
   public:
     // `directory`, which is open, stays the caller's; it is that of the destination, or the nearest one above that is
     // there. `probe`: something may be made in it, for as long as this lives.
-    Rehearsal(int directory, int type, bool probe);
+    // `reversibleNames`: entries get names beside which a "._" file fits, where that is what stores are.
+    Rehearsal(int directory, int type, bool probe, bool reversibleNames);
 
     bool probes() const { return m_place != nullptr; }
     const FreeRoom &room() const { return m_room; }
@@ -57,6 +58,7 @@ class Rehearsal {
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
+    std::string called(const Side &source) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
@@ -73,6 +75,7 @@ class Rehearsal {
     int m_directory;
     VolumeFacts m_volume;
     FreeRoom m_room;
+    bool m_reversibleNames;
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;

@@ -7,6 +7,7 @@
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/letter_case.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 

@@ -5,6 +5,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/naming/name_list.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
@@ -188,6 +189,12 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     const int number = errno;
     const std::string fixed = volume_traits(to.type()).fatNames ? fat_name(destination) : destination;
     Attempt attempt{{source, fixed, from, to, base_name(source), base_name(fixed), entry}, m_observer, around, m_pace};
+    if (m_options.reversibleNames && is_name_list(attempt.name)) {
+        Outcome refused = failure(fixed, {kNameOfList, 0, true});
+        refused.losses.push_back({LossClass::not_carried, kNameOfList});
+        return settled(std::move(refused));
+    }
+    attempt.losses = around.known;
     if (base_name(fixed) != base_name(destination)) {
         attempt.losses.push_back(
             {LossClass::name_changed, fmt::format("is {} in the copy", displayed(base_name(fixed)))});

@@ -37,6 +37,7 @@ struct Surroundings {
     bool destinationNew = false;         // this run has made it, so that what stands there is an exception
     const HeldDirectory *from = nullptr; // nothing: opened by the path
     const HeldDirectory *to = nullptr;
+    std::vector<Loss> known = {}; // what is lost of it already
 };
 
 class FileTransfer {

@@ -7,15 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstdlib>
 #include <cstring>
-#include <cwctype>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
 #include <linux/fs.h>
-#include <locale.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -84,29 +80,6 @@ bool keeps_names_apart(const char *directory) {
     int flags = 0;
     return opened.get() >= 0 && (::ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0 || // a volume without flags
                                  (flags & FS_CASEFOLD_FL) == 0);
-}
-
-std::string folded(const std::string &name) {
-    static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    std::wstring letters(name.size() + 1, L'\0');
-    size_t count = static_cast<size_t>(-1);
-    if (utf8 != nullptr) {
-        const locale_t before = ::uselocale(utf8);
-        count = std::mbstowcs(letters.data(), name.c_str(), letters.size());
-        ::uselocale(before);
-    }
-    std::string key;
-    if (count == static_cast<size_t>(-1)) { // no text
-        std::ranges::transform(name, std::back_inserter(key), [](char letter) {
-            return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
-        });
-        return key;
-    }
-    letters.resize(count);
-    for (const wchar_t letter : letters) {
-        key += std::to_string(::towlower_l(static_cast<wint_t>(letter), utf8)) + ' ';
-    }
-    return key;
 }
 
 void add_kept_name(int directory, const std::string &name, std::vector<Loss> &losses) {

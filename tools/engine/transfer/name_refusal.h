@@ -17,9 +17,6 @@ bool takes_every_name(uint32_t magic);
 // Whether names in a directory of such a volume are one only where they are the same, letter by letter.
 bool keeps_names_apart(const char *directory);
 
-// The name in one letter case, for a comparison with others only.
-std::string folded(const std::string &name);
-
 // Adds a change of name where a volume calls an entry that is made under this name by another one, since the form of
 // its letters is not that of the name, or since it leaves a dot at the end away. Asked in a private directory, made in
 // this one and removed again, of names only with which that may be.

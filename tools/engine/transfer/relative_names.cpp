@@ -134,7 +134,7 @@ bool TreeTransfer::open_step(Step &step, const NamesBelow &how) const {
 // Into the directory `name` of the last one. False: it is not entered, and what there is to say was told. `wanted`: the
 // name that it is on the way to.
 bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, const std::string &wanted) {
-    const Level &above = m_way.back().level;
+    Level &above = m_way.back().level;
     m_sourceType = above.from.type();
     m_destinationType = above.to.type();
     m_destinationTraits = volume_traits(m_destinationType);
@@ -158,7 +158,11 @@ bool TreeTransfer::step_down(const std::string &name, const NamesBelow &how, con
                                                         displayed(level.source))}
                                   : problem_of_errno(number));
     }
-    Place destination{above.to, name};
+    level.outcome.losses = give_name(above, name);
+    if (is_nameless(above, name)) {
+        return false;
+    }
+    Place destination{above.to, above.given.of(name)};
     fix_name(level, destination);
     step.made = destination.name;
     level.destination = destination.path();
@@ -243,7 +247,7 @@ void TreeTransfer::end_leaving(const Step &step) {
 
 // The last name of a path.
 void TreeTransfer::leaf(const std::string &name, const NamesBelow &how, const std::string &wanted) {
-    const Level &level = m_way.back().level;
+    Level &level = m_way.back().level;
     m_sourceType = level.from.type();
     m_sourceTraits = volume_traits(m_sourceType);
     m_sourceKeepsMac = level.from.keeps_mac();
@@ -262,7 +266,12 @@ void TreeTransfer::leaf(const std::string &name, const NamesBelow &how, const st
                of_source({"is no directory, and a list of directories is asked for"}));
         return;
     }
-    const std::string source = joined(level.source, name), destination = joined(level.destination, name);
+    std::vector<Loss> known = found ? give_name(level, name) : std::vector<Loss>();
+    if (is_nameless(level, name)) {
+        return;
+    }
+    const std::string source = joined(level.source, name);
+    const std::string destination = joined(level.destination, level.given.of(name));
     if (found && S_ISDIR(found->st_mode) && !how.trees) {
         failed(source, destination, of_source(problem_of_directory()));
         return;
@@ -275,11 +284,12 @@ void TreeTransfer::leaf(const std::string &name, const NamesBelow &how, const st
         m_sourceDevice = found ? found->st_dev : 0;
         if (!found || !S_ISDIR(found->st_mode)) {
             const bool followed = found && S_ISLNK(found->st_mode) && !m_links;
-            (void)carry(level, name, found, followed || !found ? EntryKind::file : entry_kind(found->st_mode));
+            (void)carry(level, name, found, followed || !found ? EntryKind::file : entry_kind(found->st_mode),
+                        std::move(known));
             return;
         }
     }
-    (void)entry(level, name);
+    (void)entry(level, name, std::move(known));
 }
 
 // The base, where it was named itself.

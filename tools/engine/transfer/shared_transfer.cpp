@@ -56,7 +56,7 @@ SharedTransfer::SharedTransfer(const TransferOptions &options, Hands hands, File
 
 bool SharedTransfer::can(const TransferOptions &options) {
     return options.trees && options.conflict != Conflict::ask && options.conflict != Conflict::keep_both &&
-           !options.inPlace && !options.backup.wanted && options.bytesPerSecond == 0;
+           !options.inPlace && !options.backup.wanted && options.bytesPerSecond == 0 && !options.reversibleNames;
 }
 
 void SharedTransfer::told(uint64_t worker, std::string_view record) {

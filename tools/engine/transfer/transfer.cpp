@@ -55,7 +55,14 @@ void Transfer::run(const std::string &source, const std::string &destination) {
                            : m_options.specials && is_special(mode) ? EntryKind::other
                                                                     : EntryKind::file;
     const std::string name = without_dot(source);
-    m_observer.entry(kind, name, m_files.run(name, destination));
+    GivenName given = m_trees.named(name, destination);
+    if (given.problem) {
+        m_observer.entry(kind, name, failure(destination, std::move(*given.problem)));
+        return;
+    }
+    Surroundings around;
+    around.known = std::move(given.losses);
+    m_observer.entry(kind, name, m_files.run(name, given.name, {}, around));
 }
 
 void Transfer::leave() {

@@ -46,8 +46,11 @@ struct TransferOptions {
     // Of entries that arrive a number is enough: then a copy need not go through them one by one.
     bool countsAlone = false;
     Selection selection = {}; // the rest is passed over without a word; a move leaves it where it is
-    LossSet accepted = {};    // what may be lost: a source goes all the same, and an entry has not failed
-    bool verify = false;      // each file is read back from its volume and compared before it gets its name
+    // Names that a volume of the FAT family does not take are kept beside the entries, and those that are kept so come
+    // back. Not with Conflict::keep_both, which gives names of its own.
+    bool reversibleNames = false;
+    LossSet accepted = {}; // what may be lost: a source goes all the same, and an entry has not failed
+    bool verify = false;   // each file is read back from its volume and compared before it gets its name
     Sync sync = Sync::none;
     BackupOptions backup = {};
     int64_t bytesPerSecond = 0; // that are written at most, by all of a run; 0: any number

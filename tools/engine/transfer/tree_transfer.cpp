@@ -125,9 +125,70 @@ void TreeTransfer::run(const std::string &given, const std::string &destination)
     m_request.filesBefore = !m_files.written().empty();
     m_request.directoriesBefore = !m_made.empty();
     m_shares = true;
-    directory({fromParent, name_of(from)}, {toParent, name_of(destination)});
+    GivenName called = contents ? GivenName{destination} : named(name, destination);
+    if (called.problem) {
+        failed(source, destination, std::move(*called.problem));
+    } else {
+        directory({fromParent, name_of(from)}, {toParent, name_of(called.name)}, std::move(called.losses));
+    }
     m_shares = false;
     m_made.merge(before);
+}
+
+GivenName TreeTransfer::named(const std::string &source, const std::string &destination) {
+    if (!m_naming.wanted() || source == "/" || destination == "/") {
+        return {destination};
+    }
+    const std::string parent = parent_of(destination);
+    const HeldDirectory from(parent_of(source)), to(parent);
+    if (!from.is_open() || !to.is_open() || !from.look(base_name(source))) {
+        return {destination};
+    }
+    const NamingPlace place{to.fd(), to.path(), to.type()};
+    GivenName given = m_naming.of_one(from.fd(), base_name(source), place, base_name(destination));
+    given.name = joined(parent, given.name);
+    return given;
+}
+
+// Of all that a directory holds, before the first of it is there. The list of the source is none of it.
+void TreeTransfer::give_names(Level &level, std::vector<std::string> &names) {
+    if (m_naming.wanted()) {
+        level.given = m_naming.of_all(level.from.fd(), names, {level.to.fd(), level.to.path(), level.to.type()});
+        level.outcome.losses.insert(level.outcome.losses.end(), level.given.losses.begin(), level.given.losses.end());
+        if (level.given.listed) {
+            std::erase(names, kNameList);
+        }
+    }
+}
+
+// What is lost by it already.
+std::vector<Loss> TreeTransfer::give_name(Level &level, const std::string &name) {
+    if (!m_naming.wanted()) {
+        return {};
+    }
+    const NamingPlace to{level.to.fd(), level.to.path(), level.to.type()};
+    GivenName given = m_naming.of_one(level.from.fd(), name, to, name);
+    level.given.others.insert_or_assign(name, given.name);
+    if (given.problem) {
+        level.given.nameless.insert(name);
+        level.given.unusable = std::move(given.problem);
+    }
+    return std::move(given.losses);
+}
+
+// It stays where it is, which was told.
+bool TreeTransfer::is_nameless(const Level &level, const std::string &name) {
+    const auto problem = level.given.problem_of(name);
+    return problem && !left(level, name, Status::failed, problem->reason.c_str(), false);
+}
+
+// It goes with the last of what it names.
+void TreeTransfer::remove_list(const Level &level) const {
+    const auto names = level.given.listed ? names_in(level.from.fd()) : std::nullopt;
+    if (names &&
+        std::ranges::all_of(*names, [](const std::string &name) { return name == kNameList || is_store_name(name); })) {
+        ::unlinkat(level.from.fd(), kNameList, 0);
+    }
 }
 
 Problem TreeTransfer::into_itself() const {
@@ -155,12 +216,17 @@ void TreeTransfer::fix_name(Level &level, Place &destination) const {
     }
 }
 
-bool TreeTransfer::directory(const Place &source, Place destination) {
+bool TreeTransfer::directory(const Place &source, Place destination, std::vector<Loss> known) {
     if (m_observer.stopped()) {
         return false;
     }
     Level level{source.path()};
+    level.outcome.losses = std::move(known);
     fix_name(level, destination);
+    if (m_naming.wanted() && is_name_list(destination.name)) {
+        return failed(level.source, destination.path(), {kNameOfList, 0, true},
+                      {{LossClass::not_carried, kNameOfList}});
+    }
     if (!has_stack_room()) {
         const Problem problem = problem_of_depth();
         return failed(level.source, destination.path(), problem, {{LossClass::unreadable, problem.reason}});
@@ -207,6 +273,7 @@ bool TreeTransfer::directory(const Place &source, Place destination) {
     }
     bool complete = leftOut == m_selection.left_out(), gone = false;
     own_names_first(destination.in.type(), *names, [](const std::string &name) { return name; });
+    give_names(level, *names);
     const std::string note = m_move ? begin_leaving(level, destination, names->empty()) : std::string();
     descend(source, destination);
     complete = entries(level, *names) && complete;
@@ -368,7 +435,13 @@ bool TreeTransfer::left(const Level &level, const std::string &name, Status stat
     return false;
 }
 
-bool TreeTransfer::entry(const Level &level, const std::string &name) {
+bool TreeTransfer::entry(const Level &level, const std::string &name, std::vector<Loss> known) {
+    if (m_naming.wanted() && name == kNameList) {
+        return left(level, name, Status::failed, kNameOfList, true);
+    }
+    if (is_nameless(level, name)) {
+        return false;
+    }
     switch (name_kind(level.from.itself(), name, m_sourceType)) {
     case NameKind::store:
     case NameKind::companion:
@@ -394,22 +467,26 @@ bool TreeTransfer::entry(const Level &level, const std::string &name) {
         return false;
     }
     if (kind == EntryKind::directory) {
-        const Place below{level.from, name}, made{level.to, name};
+        const Place below{level.from, name}, made{level.to, level.given.of(name)};
         if (may_be_whole(level, name, *found)) {
             copy_whole(below, made, level.hasStore || m_sourceTraits.store != m_destinationTraits.store);
             return true; // Only a move asks.
         }
-        return directory(below, made);
+        return directory(below, made, std::move(known));
     }
-    return carry(level, name, found, kind);
+    return carry(level, name, found, kind, std::move(known));
 }
 
 // A file, a link or what is neither of them.
 bool TreeTransfer::carry(const Level &level, const std::string &name, const std::optional<struct stat> &found,
-                         EntryKind kind) {
-    const std::string source = joined(level.source, name), destination = joined(level.destination, name);
-    const Surroundings around{
-        .sourceWithoutStore = !level.hasStore, .destinationNew = level.made, .from = &level.from, .to = &level.to};
+                         EntryKind kind, std::vector<Loss> known) {
+    const std::string source = joined(level.source, name);
+    const std::string destination = joined(level.destination, level.given.of(name));
+    const Surroundings around{.sourceWithoutStore = !level.hasStore,
+                              .destinationNew = level.made,
+                              .from = &level.from,
+                              .to = &level.to,
+                              .known = std::move(known)};
     Outcome outcome = m_files.run(source, destination, found, around);
     // What a volume cannot hold is counted, and no failure of each.
     const bool counted =
@@ -422,7 +499,8 @@ bool TreeTransfer::carry(const Level &level, const std::string &name, const std:
 
 // The whole tree at once, where that is possible. False: failed, and told. `done` is false too when it is to be copied.
 bool TreeTransfer::rename_whole(const Place &source, const Place &destination, bool &done) {
-    if (destination.in.look(destination.name) || m_sourceType != m_destinationType) {
+    const bool maybeNames = m_naming.wanted() && !m_destinationTraits.fatNames; // that come back in it
+    if (destination.in.look(destination.name) || m_sourceType != m_destinationType || maybeNames) {
         return true; // merged into, or refused by name; and metadata of another form are converted by a copy
     }
     auto left = rename_with_store({source.in, source.name, destination.in, destination.name});
@@ -645,6 +723,7 @@ bool TreeTransfer::remove_source(Level &level, const Place &source) {
     const bool same = now && now->st_dev == level.status.st.st_dev && now->st_ino == level.status.st.st_ino;
     if (same) {
         (void)EARemoveEADir(level.from.below("@eaDir").c_str()); // where nothing is left in it
+        remove_list(level);
         if (auto left = remove_with_store(source.in, source.name, true, [] { return true; })) {
             if (!left->reason.empty()) {
                 level.outcome.warning = std::move(*left);

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "platform/core.h"
+#include "tools/engine/naming/naming.h"
 #include "tools/engine/select/tree_selection.h"
 #include "tools/engine/transfer/departure.h"
 #include "tools/engine/transfer/file_transfer.h"
@@ -40,6 +41,7 @@ class TreeTransfer {
     TreeTransfer(const TransferOptions &options, FileTransfer &files, TransferObserver &observer)
         : m_move(options.operation == Operation::move), m_links(options.links || m_move), m_exact(options.exact),
           m_sync(options.sync), m_selection(options.selection),
+          m_naming(options.reversibleNames, false, options.sync == Sync::file),
           m_whole(options.countsAlone && options.clone != Clone::always && options.sync != Sync::file &&
                   options.bytesPerSecond == 0 && !options.verify && !m_move && m_selection.takes_everything()),
           m_files(files), m_observer(observer) {}
@@ -47,6 +49,8 @@ class TreeTransfer {
     // Both paths absolute; the source is a directory. An existing directory at the destination is merged into. The
     // selection sees the source's own name at the start of each path, but not that of "photos/.".
     void run(const std::string &source, const std::string &destination);
+    // Where what was asked for by its name goes, once that comes back or is kept. Neither ends with a dot or a slash.
+    GivenName named(const std::string &source, const std::string &destination);
 
     // A name below `base` ("a/b/c"; the last one is no "." or "..") goes below `top`, both absolute, and the
     // directories on its way are made anew, or merged into. Those get what they have at the source, their times last,
@@ -88,14 +92,20 @@ class TreeTransfer {
         bool onTheWay = false; // to a name below it: nothing of the source goes with it, and it stays
         bool left = false;     // an earlier run has taken something out of the source; `status` has the times before
         Outcome outcome = {};
+        GivenNames given = {}; // to the entries, at the destination
     };
 
     // Each answers whether nothing of it stayed behind.
-    bool directory(const Place &source, Place destination);
-    bool entry(const Level &level, const std::string &name);
+    bool directory(const Place &source, Place destination, std::vector<Loss> known = {});
+    bool entry(const Level &level, const std::string &name, std::vector<Loss> known = {});
     bool entries(const Level &level, const std::vector<std::string> &names);
-    bool carry(const Level &level, const std::string &name, const std::optional<struct stat> &found, EntryKind kind);
+    bool carry(const Level &level, const std::string &name, const std::optional<struct stat> &found, EntryKind kind,
+               std::vector<Loss> known = {});
     void fix_name(Level &level, Place &destination) const;
+    void give_names(Level &level, std::vector<std::string> &names);
+    std::vector<Loss> give_name(Level &level, const std::string &name);
+    bool is_nameless(const Level &level, const std::string &name);
+    void remove_list(const Level &level) const;
     bool is_selected(const Level &level, const std::string &name);
     bool rename_whole(const Place &source, const Place &destination, bool &done);
     // Around what is done with the entries of a directory. False: the one above has been moved away.
@@ -186,6 +196,7 @@ class TreeTransfer {
     bool m_move, m_links, m_exact;
     Sync m_sync;
     TreeSelection m_selection;
+    Naming m_naming;
     bool m_whole;
     FileTransfer &m_files;
     TransferObserver &m_observer;

@@ -43,6 +43,14 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 
 } // namespace
 
+Option add_names_option(const Command &command) {
+    return command.rare().add_value("--names", "HOW", "reversible: names that FAT changes come back; or plain");
+}
+
+bool are_names_reversible(const Option &option) {
+    return option.given() && one_of<bool>(option, "--names", {{"reversible", true}, {"plain", false}});
+}
+
 WayOptions::WayOptions(const Command &command)
     : m_clone(command.rare().add_word("--clone", "always", "WHEN", "share data where it can be: auto, always, never")),
       m_rate(command.rare().add_value("--bwlimit", "RATE", "write no more a second: 500 (KiB), 1.5M; 0: any")),
@@ -51,7 +59,8 @@ WayOptions::WayOptions(const Command &command)
       m_backup(command.rare().add_word("--backup", kSuffix, "SUFFIX",
                                        "keep what is replaced or goes, as NAME~ or NAME and SUFFIX")),
       m_backupDirectory(
-          command.rare().add_value("--backup-dir", "DIR", "keep it below DIR, which is in DEST where relative")) {}
+          command.rare().add_value("--backup-dir", "DIR", "keep it below DIR, which is in DEST where relative")),
+      m_names(add_names_option(command)) {}
 
 void WayOptions::apply(engine::TransferOptions &transfer) const {
     using engine::Clone;
@@ -78,6 +87,10 @@ void WayOptions::apply(engine::TransferOptions &transfer) const {
         m_retries.given()
             ? static_cast<int>(std::min<int64_t>(parse_count("--retry", m_retries.values().front(), 0), INT_MAX))
             : 0;
+    transfer.reversibleNames = are_names_reversible(m_names);
+    if (transfer.reversibleNames && transfer.conflict == engine::Conflict::keep_both) {
+        throw UsageError("--keep-both gives names of its own, which --names=reversible could not bring back");
+    }
     transfer.bytesPerSecond = m_rate.given() ? parse_rate("--bwlimit", m_rate.values().front()) : 0;
 }
 

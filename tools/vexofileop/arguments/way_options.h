@@ -6,6 +6,10 @@
 
 namespace tool {
 
+// "--names=HOW", where a command goes by it, and whether names come back. Throws UsageError for a value it has not.
+Option add_names_option(const Command &command);
+bool are_names_reversible(const Option &option);
+
 class WayOptions {
   public:
     explicit WayOptions(const Command &command);
@@ -14,7 +18,7 @@ class WayOptions {
     void apply(engine::TransferOptions &transfer) const;
 
   private:
-    Option m_clone, m_rate, m_retries, m_sync, m_backup, m_backupDirectory;
+    Option m_clone, m_rate, m_retries, m_sync, m_backup, m_backupDirectory, m_names;
 };
 
 } // namespace tool

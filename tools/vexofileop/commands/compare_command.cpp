@@ -14,6 +14,7 @@
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/selection_options.h"
 #include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/arguments/way_options.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
@@ -292,6 +293,7 @@ void add_compare_command(const Command &program, int &status) {
     command.add_flag("--no-times", *noTimes, "modification and creation times may differ");
     const Option only = command.add_values("--only", "CLASS,...", "these differences alone");
     const Option ignored = command.add_values("--ignore", "CLASS,...", "all but these");
+    const Option names = add_names_option(command);
     command.add_flag("-q,--quiet", options->quiet, "no line for a difference; the status tells");
     command.add_flag("--json", options->json, "one JSON object per line: each difference, a summary");
     const Option report = add_report_option(command);
@@ -307,27 +309,32 @@ void add_compare_command(const Command &program, int &status) {
                        "Exit status: 0 the same, 1 different, 2 not all could be compared.\n"
                        "Example:\n"
                        "  vexofileop compare --ignore owner,group photos /volume2/backup/photos");
-    command.set_work([&status, options, metadataOnly, noTimes, only, ignored, report, progress, selection, operands] {
-        options->noProgress = progress.wanted().none;
-        options->progressLines = progress.wanted().lines;
-        options->report = report_path_of(report);
-        const std::vector<std::string> paths = operands.given();
-        if (paths.size() != 2) {
-            throw UsageError("give the two files or directories that are to be compared");
-        }
-        options->comparison = {.data = !*metadataOnly,
-                               .times = !*noTimes,
-                               .selection = selection.chosen(),
-                               .named = !names_contents(paths[0])};
-        if (operands.has_list()) {
-            options->names = plan_listed_errand(operands.listed(), paths[0], paths[1], true).below->names;
-        }
-        if (only.given()) {
-            options->only = wanted_of(only, "--only");
-        }
-        options->ignored = wanted_of(ignored, "--ignore");
-        status = Comparison(*options, operand(paths[0]), operand(paths[1])).run();
-    });
+    command.set_work(
+        [&status, options, metadataOnly, noTimes, only, ignored, names, report, progress, selection, operands] {
+            options->noProgress = progress.wanted().none;
+            options->progressLines = progress.wanted().lines;
+            options->report = report_path_of(report);
+            const std::vector<std::string> paths = operands.given();
+            if (paths.size() != 2) {
+                throw UsageError("give the two files or directories that are to be compared");
+            }
+            options->comparison = {.data = !*metadataOnly,
+                                   .times = !*noTimes,
+                                   .reversibleNames = are_names_reversible(names),
+                                   .selection = selection.chosen(),
+                                   .named = !names_contents(paths[0])};
+            if (operands.has_list() && options->comparison.reversibleNames) {
+                throw UsageError("a list has names as they are at both; with --names=reversible compare whole trees");
+            }
+            if (operands.has_list()) {
+                options->names = plan_listed_errand(operands.listed(), paths[0], paths[1], true).below->names;
+            }
+            if (only.given()) {
+                options->only = wanted_of(only, "--only");
+            }
+            options->ignored = wanted_of(ignored, "--ignore");
+            status = Comparison(*options, operand(paths[0]), operand(paths[1])).run();
+        });
 }
 
 } // namespace tool

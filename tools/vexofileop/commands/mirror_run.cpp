@@ -48,6 +48,7 @@ engine::SurplusOptions engine_options(const MirrorOptions &options, bool rehears
             .leftOutToo = options.leftOutToo,
             .specials = options.batch.transfer.specials,
             .rehearsal = rehearsal,
+            .reversibleNames = options.batch.transfer.reversibleNames,
             .backup = options.batch.transfer.backup};
 }
 

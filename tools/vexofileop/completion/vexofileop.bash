@@ -21,6 +21,7 @@ _vexofileop_values() {
         ;;
     --clone=) printf '%s\n' auto always never ;;
     --sync=) printf '%s\n' file volume ;;
+    --names | --names=) printf '%s\n' reversible plain ;;
     --progress | --progress=) printf '%s\n' json bar none ;;
     esac
 }

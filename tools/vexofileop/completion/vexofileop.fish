@@ -32,6 +32,8 @@ function __vexofileop_values
             printf '%s\n' auto always never
         case --sync=
             printf '%s\n' file volume
+        case --names --names=
+            printf '%s\n' reversible plain
         case --progress --progress=
             printf '%s\n' json bar none
     end
