@@ -448,6 +448,10 @@ struct SweepScene {
         wrong += hasBit(tree + "/one") || stored ? "" : "the store of /one is not in the backup; ";
         return wrong;
     }
+    std::string differences() const {
+        const ToolResult compared = runTool({"compare", "--exclude", "untouched", tree, copy});
+        return compared.status == 0 ? "" : compared.out + compared.err + "status " + std::to_string(compared.status);
+    }
     // Of a run that had success.
     std::string unfinished() const {
         std::string wrong = lost();
@@ -459,9 +463,8 @@ struct SweepScene {
                 wrong += name.starts_with(".vexofileop") ? name + " is left; " : "";
             }
         }
-        return wrong + (equal() ? "" : "differs; ");
+        return wrong + differences();
     }
-    bool equal() const { return runTool({"compare", "--exclude", "untouched", tree, copy}).status == 0; }
     faults::Outcome supervised(const faults::Plan &plan) const {
         return faults::supervise(plan, [&](faults::Window &window) {
             std::vector<std::string> words = arguments();
@@ -512,7 +515,9 @@ class ArchiveBackupSweep : public ::testing::Test {
         }
         return {found.begin(), found.end()};
     }
-    std::string name(size_t at) const { return std::to_string(at) + " " + faults::nameOf(calls[at]); }
+    std::string name(size_t at) const {
+        return std::to_string(at) + " " + faults::nameOf(calls[at]) + " " + calls[at].path;
+    }
 
     std::vector<faults::SystemCall> calls;
 };
@@ -520,7 +525,7 @@ class ArchiveBackupSweep : public ::testing::Test {
 TEST_F(ArchiveBackupSweep, KilledAnywhereNoBitIsClearedOfWhatIsNotThere) {
     for (const size_t at : points(36)) {
         const SweepScene scene;
-        EXPECT_FALSE(scene.supervised({.action = faults::Plan::Action::kill, .at = at}).hung) << name(at);
+        EXPECT_FALSE(scene.supervised(faults::planAt(faults::Plan::Action::kill, calls, at)).hung) << name(at);
         EXPECT_EQ("", scene.lost()) << name(at);
         const ToolResult again = runTool(scene.arguments());
         EXPECT_EQ(0, again.status) << name(at) << again.err;
@@ -535,14 +540,12 @@ TEST_F(ArchiveBackupSweep, WhicheverCallFailsNoBitIsClearedOfWhatIsNotThere) {
     for (const size_t at : points(36)) {
         for (const int error : faults::plausibleErrors(calls[at])) {
             const SweepScene scene;
-            faults::Plan plan{.action = faults::Plan::Action::fail, .at = at};
-            plan.error = error;
-            plan.number = calls[at].number;
-            const faults::Outcome outcome = scene.supervised(plan);
+            const faults::Outcome outcome =
+                scene.supervised(faults::planAt(faults::Plan::Action::fail, calls, at, error));
             EXPECT_FALSE(outcome.hung) << name(at);
             EXPECT_EQ("", scene.lost()) << name(at) << " " << error;
             const bool good = WIFEXITED(outcome.status) && WEXITSTATUS(outcome.status) == 0;
-            EXPECT_TRUE(!good || scene.equal()) << name(at) << " " << error;
+            EXPECT_EQ("", good ? scene.differences() : "") << name(at) << " " << error;
             const ToolResult again = runTool(scene.arguments());
             EXPECT_EQ(0, again.status) << name(at) << again.err;
             EXPECT_EQ("", scene.unfinished()) << name(at) << again.err;

@@ -92,6 +92,22 @@ TEST_F(StoreConvert, EveryFormBecomesEveryOtherAndBackAgain) {
     }
 }
 
+// What nobody may write is locked in "._" by its mode alone, which stays what it is.
+TEST_F(StoreConvert, FileThatNobodyMayWriteBecomesEveryFormAndBackAgain) {
+    for (const StoreKind to : {StoreKind::ea_directory, StoreKind::file_ea}) {
+        for (const mode_t mode : {0444U, 0555U, 0U}) {
+            const ConvertScene scene(StoreKind::apple_double);
+            scene.with_store(StoreKind::apple_double, "file");
+            ASSERT_EQ(0, ::chmod((scene / "file").c_str(), mode));
+            const Converted told = scene.convert(to);
+            EXPECT_EQ(1, told.converted()) << mode << told.reasons();
+            EXPECT_TRUE(scene.is_whole(to, "file")) << mode;
+            EXPECT_EQ(1, scene.convert(StoreKind::apple_double).converted()) << "back, " << mode;
+            EXPECT_EQ(mode, kit::statOf(scene / "file").st_mode & 07777);
+        }
+    }
+}
+
 TEST_F(StoreConvert, AttributesOfTheFileItself) {
     for (const StoreKind other : kBesideAll) {
         const ConvertScene scene(other);

@@ -2,13 +2,26 @@
 
 #include "platform/core.h"
 
+#include <cerrno>
+#include <sys/xattr.h>
+
 namespace engine {
 namespace {
 
+// The platform says of a record that it could not read what it says where there is none: it is looked at once more
+// where one is, and what cannot be looked at is not left out.
 bool is_archived(const std::string &held) {
-    VLIBCStat status{};
-    return VLIBCFileStat(held.c_str(), VLIBC_STAT_ATTRIBUTES, &status) != 0 ||
-           (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
+    for (int look = 0; look < 2; ++look) {
+        VLIBCStat status{};
+        if (VLIBCFileStat(held.c_str(), VLIBC_STAT_ATTRIBUTES, &status) != 0 ||
+            (status.attributes & VLIBC_ATTR_ARCHIVE) != 0) {
+            return true;
+        }
+        if (::getxattr(held.c_str(), "user.DOSATTRIB", nullptr, 0) < 0) {
+            return errno != ENODATA && errno != EOPNOTSUPP && errno != EPERM;
+        }
+    }
+    return false;
 }
 
 } // namespace

@@ -362,6 +362,11 @@ void EntryConversion::foresee() {
     }
 }
 
+// What nobody may write is locked where a mode says so, and stays what it is.
+bool EntryConversion::is_locked_by_mode_alone(SeenAs &old) {
+    return (old.view.status().st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 && !old.contents().afp_locked();
+}
+
 void EntryConversion::foresee(SeenAs &old) {
     const StoreContents &contents = old.contents();
     const bool attribute = m_options.to == StoreKind::file_ea;
@@ -374,8 +379,7 @@ void EntryConversion::foresee(SeenAs &old) {
         add_loss(LossClass::mac_attributes, fmt::format("AFP attributes differ: 0x{:04x} and 0x0000", rest));
     }
     const VLIBCStat &status = old.view.status();
-    const bool writable = (status.st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) != 0;
-    if (writable && is_locked(status, old.kind(), contents.afp_locked()) &&
+    if (!is_locked_by_mode_alone(old) && is_locked(status, old.kind(), contents.afp_locked()) &&
         !is_locked(status, m_options.to, attribute && contents.afp_locked())) {
         add_loss(LossClass::locked, "only the first is locked");
     }
@@ -478,7 +482,9 @@ void EntryConversion::verify() {
     for (const Old &old : m_olds) {
         Findings findings{.options = {.data = true, .rest = true}};
         compare_attributes(old->view, fresh->view, findings);
-        compare_locks(old->view, fresh->view, findings);
+        if (!is_locked_by_mode_alone(*old)) {
+            compare_locks(old->view, fresh->view, findings);
+        }
         for (const Loss &loss : findings.losses) {
             if (std::ranges::find(m_result.losses, loss) == m_result.losses.end()) {
                 throw Failure(fmt::format("the new form does not read as the old one: {}", loss.detail));

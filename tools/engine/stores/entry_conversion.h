@@ -56,6 +56,7 @@ class EntryConversion {
     std::string difference(SeenAs &old);
     void check_native_free();
     void foresee();
+    static bool is_locked_by_mode_alone(SeenAs &old);
     void foresee(SeenAs &old);
     void foresee_parts(const FormFile &file);
     void foresee_native();
