@@ -239,4 +239,25 @@ TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {
     }
 }
 
+// What is lost of one file is no answer for another one that has all in common with it but its size.
+TEST_F(PlanRefusals, AFileThatIsTooLargeIsToldOfThatOneAlone) {
+    KIT_REQUIRE(large, kit::Volume::tmpfs(1 << 20));
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    constexpr off_t tooMuch = off_t{20} << 40;
+    for (const char *const name : {"a", "z"}) {
+        const std::string file = large / name;
+        kit::writeFile(large / "m", "ten bytes.");
+        kit::writeSparse(file, tooMuch, {{0, 10}});
+        const Arguments command = {"copy", "--json", "-r", "-T", large.path(), volume / "copy"};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const std::string planned = runTool(plan).out;
+        EXPECT_TRUE(mentions(planned, "\"class\":\"file-too-large\",\"severity\":\"lost\",\"count\":1,")) << planned;
+        expect(1, command, "file-too-large");
+        EXPECT_EQ("ten bytes.", kit::readFile(volume / "copy/m"));
+        ASSERT_EQ(0, ::unlink(file.c_str()));
+        ASSERT_EQ(0, runTool({"remove", "-r", volume / "copy"}).status);
+    }
+}
+
 } // namespace

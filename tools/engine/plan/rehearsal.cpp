@@ -118,6 +118,7 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
+    m_largestTaken = m_keepsHoles ? far : 0;
     find_out_links();
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
@@ -196,6 +197,9 @@ std::string Rehearsal::signature(const Side &source, const struct stat &found) c
         !is_plain(status.st.st_mtim) || !is_plain(status.createTime)) {
         return {};
     }
+    if (S_ISREG(found.st_mode) && m_keepsHoles && found.st_size > m_largestTaken) {
+        return {}; // it may be too large
+    }
     const bool more = source.volume.store == StoreKind::apple_double || source.volume.store == StoreKind::native ||
                       !source.volume.noDirectory;
     if (more && (store_parts(path, source.volume.type, source.volume.noDirectory).any() ||
@@ -234,9 +238,13 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
         return ::mkdirat(place, kEntry, 0700) == 0;
     }
     const Descriptor file(::openat(place, kEntry, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.get() >= 0 && m_keepsHoles && ::ftruncate(file.get(), found.st_size) != 0 && errno == EFBIG) {
-        losses.push_back(
-            {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+    if (file.get() >= 0 && m_keepsHoles) {
+        if (::ftruncate(file.get(), found.st_size) == 0) {
+            m_largestTaken = std::max(m_largestTaken, found.st_size);
+        } else if (errno == EFBIG) {
+            losses.push_back(
+                {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+        }
     }
     return file.get() >= 0;
 }
