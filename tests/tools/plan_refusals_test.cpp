@@ -260,4 +260,24 @@ TEST_F(PlanRefusals, AFileThatIsTooLargeIsToldOfThatOneAlone) {
     }
 }
 
+// Set-id bits go when somebody writes content to what is not the owner's: not from an empty file.
+TEST_F(PlanRefusals, AModeIsToldOfAFileWithContentAfterAnEmptyOne) {
+    ASSERT_EQ(0, ::chown(to.c_str(), kNobody, kNobody));
+    kit::writeFile(from + "/a", "");
+    kit::writeFile(from + "/b", "content");
+    for (const char *const name : {"/a", "/b"}) {
+        ASSERT_EQ(0, ::chmod((from + name).c_str(), 04755));
+    }
+    const ToolSetting nobody{.user = kNobody};
+    const Arguments command = {"copy", "-v", from + "/a", from + "/b", to};
+    expect(1, command, "(mode)", nobody);
+    ASSERT_EQ(0, ::unlink((to + "/a").c_str()));
+    ASSERT_EQ(0, ::unlink((to + "/b").c_str()));
+    Arguments plan = command;
+    plan.insert(plan.begin(), "plan");
+    const std::string planned = runTool(plan, nobody).out, why = "/b: permissions differ";
+    EXPECT_TRUE(mentions(planned, why)) << planned;
+    EXPECT_FALSE(mentions(planned, "/a: permissions differ")) << planned;
+}
+
 } // namespace
