@@ -280,4 +280,19 @@ TEST_F(PlanRefusals, AModeIsToldOfAFileWithContentAfterAnEmptyOne) {
     EXPECT_FALSE(mentions(planned, "/a: permissions differ")) << planned;
 }
 
+TEST_F(PlanRefusals, ATimeOfALinkThatTheVolumeDoesNotKeepIsLost) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    KIT_REQUIRE(source, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::symlink("to here", (source / "link").c_str()));
+    const Arguments command = {"copy", "-rT", source.path(), volume / "copy"};
+    constexpr time_t year2500 = 16'725'225'600;
+    const timespec times[] = {{1000, 0}, {year2500, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (source / "link").c_str(), times, AT_SYMLINK_NOFOLLOW));
+    expect(1, command, "modification time differs");
+    ASSERT_EQ(0, ::unlink((volume / "copy/link").c_str()));
+    const timespec kept[] = {{1000, 0}, {1'000'000'000, 123'456'789}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (source / "link").c_str(), kept, AT_SYMLINK_NOFOLLOW));
+    expect(0, command, "");
+}
+
 } // namespace

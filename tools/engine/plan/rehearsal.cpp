@@ -378,6 +378,15 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (group != found.st_gid) {
         losses.push_back({LossClass::group, fmt::format("group differs: {} and {}", found.st_gid, group)});
     }
+    if (probes()) {
+        const Side copy{m_place->fd(), kEntry, m_volume};
+        give_times(source, copy);
+        const CompareOptions options{};
+        Findings findings{options};
+        findings.attempt("times", [&] { compare_times(EntryView(source), EntryView(copy), findings); });
+        std::ranges::move(findings.losses, std::back_inserter(losses));
+        (void)remove_left_over(m_place->fd(), kEntry);
+    }
     return losses;
 }
 
