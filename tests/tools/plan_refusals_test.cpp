@@ -295,4 +295,19 @@ TEST_F(PlanRefusals, ATimeOfALinkThatTheVolumeDoesNotKeepIsLost) {
     expect(0, command, "");
 }
 
+TEST_F(PlanRefusals, AHoleOfLessThanABlockIsFilled) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    for (const off_t size : {off_t{1}, off_t{511}, off_t{512}, off_t{513}, off_t{4196}, off_t{8192}}) {
+        const std::string name = "hole" + std::to_string(size);
+        kit::writeSparse(from + "/" + name, size,
+                         size == 4196 ? std::vector<kit::Extent>{{0, 4096}} : std::vector<kit::Extent>{});
+        const Arguments command = {"copy", "--json", from + "/" + name, volume.path()};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan), run = runTool(command);
+        EXPECT_EQ(run.status, planned.status) << size;
+        EXPECT_EQ(mentions(run.out, "\"hole\""), mentions(planned.out, "\"hole\"")) << size << run.out << planned.out;
+    }
+}
+
 } // namespace

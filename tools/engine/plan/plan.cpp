@@ -875,6 +875,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);
     planned.cloned = data && found.st_size > 0 && m_clones.wants(source.in, volume.directory);
+    if (planned.cloned) {
+        std::erase_if(planned.losses, [](const Loss &loss) { return loss.cls == LossClass::hole; });
+    }
     const bool uncloned = data && m_clones.insists() && !m_clones.can(source.in, volume.directory);
     if (!uncloned) {
         take_room(to, source, found, old ? &*old : nullptr, planned);

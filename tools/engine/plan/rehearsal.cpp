@@ -429,7 +429,7 @@ void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vec
     // Holes of which nobody tells where they are stay nowhere.
     const bool told = data < found.st_size;
     data = told ? data : most_data(found, source.volume);
-    if (data < found.st_size && !(told && m_keepsHoles)) {
+    if (data < found.st_size && !(told && m_keepsHoles && copies_holes(found))) {
         losses.push_back({LossClass::hole, fmt::format("holes were filled: {} bytes more", found.st_size - data)});
     }
 }
