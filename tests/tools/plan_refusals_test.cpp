@@ -310,4 +310,25 @@ TEST_F(PlanRefusals, AHoleOfLessThanABlockIsFilled) {
     }
 }
 
+// Its target is too long for the volume, not its name.
+TEST_F(PlanRefusals, ALinkWhoseTargetIsTooLong) {
+    KIT_REQUIRE(volume, kit::Volume::loop("xfs", 320 << 20));
+    ASSERT_EQ(0, ::mkdir((from + "/tree").c_str(), 0755));
+    for (const size_t length : {size_t{1023}, size_t{1024}, size_t{4000}}) {
+        ASSERT_EQ(0, ::symlink(std::string(length, 't').c_str(), (from + "/tree/link").c_str()));
+        const Arguments command = {"copy", "--json", "-rT", from + "/tree", volume / "copy"};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan), run = runTool(command);
+        EXPECT_EQ(length < 1024 ? 0 : 1, planned.status) << length << planned.out;
+        EXPECT_EQ(planned.status, run.status) << length << run.out;
+        for (const std::string &told : {planned.out, run.out}) {
+            EXPECT_EQ(length >= 1024, mentions(told, "\"symbolic-link\"")) << length << told;
+            EXPECT_FALSE(mentions(told, "name-too-long")) << length << told;
+        }
+        ASSERT_EQ(0, runTool({"remove", "-r", volume / "copy"}).status);
+        ASSERT_EQ(0, ::unlink((from + "/tree/link").c_str()));
+    }
+}
+
 } // namespace

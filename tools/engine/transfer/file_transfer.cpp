@@ -38,6 +38,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -89,10 +90,18 @@ bool is_own_loss(const Loss &loss) {
     return loss.cls != LossClass::hard_link;
 }
 
+bool is_within_limit(const std::string &name, const HeldDirectory &to) {
+    struct statvfs volume {};
+    return ::fstatvfs(to.fd(), &volume) == 0 && name.size() <= volume.f_namemax;
+}
+
 // What a failure is called among the losses.
-std::optional<LossClass> class_of(const Problem &problem) {
+std::optional<LossClass> class_of(const Problem &problem, const std::optional<struct stat> &entry,
+                                  const HeldDirectory &to, const std::string &name) {
     if (problem.code == kNameTooLong) {
-        return LossClass::name_too_long;
+        // Of a link that may be what it leads to.
+        const bool target = entry && S_ISLNK(entry->st_mode) && is_within_limit(name, to);
+        return target ? LossClass::symbolic_link : LossClass::name_too_long;
     }
     const bool large = problem.code == kFileTooLarge || problem.code == kTooLargeForFat || problem.number == EFBIG;
     return large ? std::optional(LossClass::file_too_large) : std::nullopt;
@@ -215,7 +224,7 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
         const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
-        if (const auto cls = class_of(*outcome.problem)) {
+        if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
             outcome.losses.push_back({*cls, outcome.problem->reason});
         } else if (auto tooLarge = refusal_of_holes(*outcome.problem, meant, to)) {
             outcome.losses.push_back(std::move(*tooLarge));
