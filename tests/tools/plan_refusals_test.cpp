@@ -331,4 +331,16 @@ TEST_F(PlanRefusals, ALinkWhoseTargetIsTooLong) {
     }
 }
 
+// What is not made has no losses.
+TEST_F(PlanRefusals, WhatCannotBeClonedLosesNothing) {
+    KIT_REQUIRE(plain, kit::Volume::plain());
+    kit::setAttribute(from + "/file", "user.note", "a note");
+    const Arguments command = {"copy", "--json", "--clone=always", from + "/file", plain.path()};
+    expect(2, command, "clone");
+    Arguments plan = command;
+    plan.insert(plan.begin(), "plan");
+    EXPECT_FALSE(mentions(runTool(command).out, "user.note")) << runTool(command).out;
+    EXPECT_FALSE(mentions(runTool(plan).out, "user.note")) << runTool(plan).out;
+}
+
 } // namespace

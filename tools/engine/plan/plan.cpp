@@ -886,6 +886,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         m_linked.erase(file); // to what is not there no other name is linked
     }
     if (uncloned) {
+        planned.losses.clear(); // of what is not made nothing is lost
         return fail(std::move(planned), {kNotCloned});
     }
     if (planned.deed == Deed::fail) {
