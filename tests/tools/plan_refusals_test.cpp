@@ -239,4 +239,108 @@ TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {
     }
 }
 
+// What is lost of one file is no answer for another one that has all in common with it but its size.
+TEST_F(PlanRefusals, AFileThatIsTooLargeIsToldOfThatOneAlone) {
+    KIT_REQUIRE(large, kit::Volume::tmpfs(1 << 20));
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    constexpr off_t tooMuch = off_t{20} << 40;
+    for (const char *const name : {"a", "z"}) {
+        const std::string file = large / name;
+        kit::writeFile(large / "m", "ten bytes.");
+        kit::writeSparse(file, tooMuch, {{0, 10}});
+        const Arguments command = {"copy", "--json", "-r", "-T", large.path(), volume / "copy"};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const std::string planned = runTool(plan).out;
+        EXPECT_TRUE(mentions(planned, "\"class\":\"file-too-large\",\"severity\":\"lost\",\"count\":1,")) << planned;
+        expect(1, command, "file-too-large");
+        EXPECT_EQ("ten bytes.", kit::readFile(volume / "copy/m"));
+        ASSERT_EQ(0, ::unlink(file.c_str()));
+        ASSERT_EQ(0, runTool({"remove", "-r", volume / "copy"}).status);
+    }
+}
+
+// Set-id bits go when somebody writes content to what is not the owner's: not from an empty file.
+TEST_F(PlanRefusals, AModeIsToldOfAFileWithContentAfterAnEmptyOne) {
+    ASSERT_EQ(0, ::chown(to.c_str(), kNobody, kNobody));
+    kit::writeFile(from + "/a", "");
+    kit::writeFile(from + "/b", "content");
+    for (const char *const name : {"/a", "/b"}) {
+        ASSERT_EQ(0, ::chmod((from + name).c_str(), 04755));
+    }
+    const ToolSetting nobody{.user = kNobody};
+    const Arguments command = {"copy", "-v", from + "/a", from + "/b", to};
+    expect(1, command, "(mode)", nobody);
+    ASSERT_EQ(0, ::unlink((to + "/a").c_str()));
+    ASSERT_EQ(0, ::unlink((to + "/b").c_str()));
+    Arguments plan = command;
+    plan.insert(plan.begin(), "plan");
+    const std::string planned = runTool(plan, nobody).out, why = "/b: permissions differ";
+    EXPECT_TRUE(mentions(planned, why)) << planned;
+    EXPECT_FALSE(mentions(planned, "/a: permissions differ")) << planned;
+}
+
+TEST_F(PlanRefusals, ATimeOfALinkThatTheVolumeDoesNotKeepIsLost) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    KIT_REQUIRE(source, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::symlink("to here", (source / "link").c_str()));
+    const Arguments command = {"copy", "-rT", source.path(), volume / "copy"};
+    constexpr time_t year2500 = 16'725'225'600;
+    const timespec times[] = {{1000, 0}, {year2500, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (source / "link").c_str(), times, AT_SYMLINK_NOFOLLOW));
+    expect(1, command, "modification time differs");
+    ASSERT_EQ(0, ::unlink((volume / "copy/link").c_str()));
+    const timespec kept[] = {{1000, 0}, {1'000'000'000, 123'456'789}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (source / "link").c_str(), kept, AT_SYMLINK_NOFOLLOW));
+    expect(0, command, "");
+}
+
+TEST_F(PlanRefusals, AHoleOfLessThanABlockIsFilled) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    for (const off_t size : {off_t{1}, off_t{511}, off_t{512}, off_t{513}, off_t{4196}, off_t{8192}}) {
+        const std::string name = "hole" + std::to_string(size);
+        kit::writeSparse(from + "/" + name, size,
+                         size == 4196 ? std::vector<kit::Extent>{{0, 4096}} : std::vector<kit::Extent>{});
+        const Arguments command = {"copy", "--json", from + "/" + name, volume.path()};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan), run = runTool(command);
+        EXPECT_EQ(run.status, planned.status) << size;
+        EXPECT_EQ(mentions(run.out, "\"hole\""), mentions(planned.out, "\"hole\"")) << size << run.out << planned.out;
+    }
+}
+
+// Its target is too long for the volume, not its name.
+TEST_F(PlanRefusals, ALinkWhoseTargetIsTooLong) {
+    KIT_REQUIRE(volume, kit::Volume::loop("xfs", 320 << 20));
+    ASSERT_EQ(0, ::mkdir((from + "/tree").c_str(), 0755));
+    for (const size_t length : {size_t{1023}, size_t{1024}, size_t{4000}}) {
+        ASSERT_EQ(0, ::symlink(std::string(length, 't').c_str(), (from + "/tree/link").c_str()));
+        const Arguments command = {"copy", "--json", "-rT", from + "/tree", volume / "copy"};
+        Arguments plan = command;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan), run = runTool(command);
+        EXPECT_EQ(length < 1024 ? 0 : 1, planned.status) << length << planned.out;
+        EXPECT_EQ(planned.status, run.status) << length << run.out;
+        for (const std::string &told : {planned.out, run.out}) {
+            EXPECT_EQ(length >= 1024, mentions(told, "\"symbolic-link\"")) << length << told;
+            EXPECT_FALSE(mentions(told, "name-too-long")) << length << told;
+        }
+        ASSERT_EQ(0, runTool({"remove", "-r", volume / "copy"}).status);
+        ASSERT_EQ(0, ::unlink((from + "/tree/link").c_str()));
+    }
+}
+
+// What is not made has no losses.
+TEST_F(PlanRefusals, WhatCannotBeClonedLosesNothing) {
+    KIT_REQUIRE(plain, kit::Volume::plain());
+    kit::setAttribute(from + "/file", "user.note", "a note");
+    const Arguments command = {"copy", "--json", "--clone=always", from + "/file", plain.path()};
+    expect(2, command, "clone");
+    Arguments plan = command;
+    plan.insert(plan.begin(), "plan");
+    EXPECT_FALSE(mentions(runTool(command).out, "user.note")) << runTool(command).out;
+    EXPECT_FALSE(mentions(runTool(plan).out, "user.note")) << runTool(plan).out;
+}
+
 } // namespace

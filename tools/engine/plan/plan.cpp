@@ -875,6 +875,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const bool data = !planned.linked && !asItIs && S_ISREG(found.st_mode);
     planned.cloned = data && found.st_size > 0 && m_clones.wants(source.in, volume.directory);
+    if (planned.cloned) {
+        std::erase_if(planned.losses, [](const Loss &loss) { return loss.cls == LossClass::hole; });
+    }
     const bool uncloned = data && m_clones.insists() && !m_clones.can(source.in, volume.directory);
     if (!uncloned) {
         take_room(to, source, found, old ? &*old : nullptr, planned);
@@ -883,6 +886,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         m_linked.erase(file); // to what is not there no other name is linked
     }
     if (uncloned) {
+        planned.losses.clear(); // of what is not made nothing is lost
         return fail(std::move(planned), {kNotCloned});
     }
     if (planned.deed == Deed::fail) {

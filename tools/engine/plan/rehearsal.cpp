@@ -118,6 +118,7 @@ void Rehearsal::find_out() {
     constexpr off_t far = off_t{1} << 20;
     m_keepsHoles = file.get() >= 0 && ::pwrite(file.get(), "x", 1, far) == 1 && ::fsync(file.get()) == 0 &&
                    ::fstat(file.get(), &found) == 0 && found.st_blocks * kStatBlock < far;
+    m_largestTaken = m_keepsHoles ? far : 0;
     find_out_links();
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
     constexpr timespec past{1'000'000'000, 123'456'700};
@@ -196,6 +197,9 @@ std::string Rehearsal::signature(const Side &source, const struct stat &found) c
         !is_plain(status.st.st_mtim) || !is_plain(status.createTime)) {
         return {};
     }
+    if (S_ISREG(found.st_mode) && m_keepsHoles && found.st_size > m_largestTaken) {
+        return {}; // it may be too large
+    }
     const bool more = source.volume.store == StoreKind::apple_double || source.volume.store == StoreKind::native ||
                       !source.volume.noDirectory;
     if (more && (store_parts(path, source.volume.type, source.volume.noDirectory).any() ||
@@ -214,8 +218,10 @@ std::string Rehearsal::signature(const Side &source, const struct stat &found) c
                                   : fmt::format("{}{}{} ", sign(order(created, changed)), sign(order(created, read)),
                                                 sign(order(changed, read)));
     // Not every list has the Windows ACL.
-    std::string text = fmt::format("{}{:o} {} {} {:x} {}", times, found.st_mode, found.st_uid, found.st_gid,
-                                   status.attributes, ::lgetxattr(path.c_str(), "security.NTACL", nullptr, 0));
+    // What is written takes set-id bits away, and nothing is written to the copy of an empty file.
+    std::string text =
+        fmt::format("{}{:o} {} {} {} {:x} {}", times, found.st_mode, found.st_size == 0 ? "empty" : "", found.st_uid,
+                    found.st_gid, status.attributes, ::lgetxattr(path.c_str(), "security.NTACL", nullptr, 0));
     for (const std::string &name : attribute_names(path)) {
         const ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
         if (name.starts_with("system.")) {
@@ -234,9 +240,13 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
         return ::mkdirat(place, kEntry, 0700) == 0;
     }
     const Descriptor file(::openat(place, kEntry, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.get() >= 0 && m_keepsHoles && ::ftruncate(file.get(), found.st_size) != 0 && errno == EFBIG) {
-        losses.push_back(
-            {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+    if (file.get() >= 0 && m_keepsHoles) {
+        if (::ftruncate(file.get(), found.st_size) == 0) {
+            m_largestTaken = std::max(m_largestTaken, found.st_size);
+        } else if (errno == EFBIG) {
+            losses.push_back(
+                {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+        }
     }
     return file.get() >= 0;
 }
@@ -368,6 +378,15 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
     if (group != found.st_gid) {
         losses.push_back({LossClass::group, fmt::format("group differs: {} and {}", found.st_gid, group)});
     }
+    if (probes()) {
+        const Side copy{m_place->fd(), kEntry, m_volume};
+        give_times(source, copy);
+        const CompareOptions options{};
+        Findings findings{options};
+        findings.attempt("times", [&] { compare_times(EntryView(source), EntryView(copy), findings); });
+        std::ranges::move(findings.losses, std::back_inserter(losses));
+        (void)remove_left_over(m_place->fd(), kEntry);
+    }
     return losses;
 }
 
@@ -410,7 +429,7 @@ void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vec
     // Holes of which nobody tells where they are stay nowhere.
     const bool told = data < found.st_size;
     data = told ? data : most_data(found, source.volume);
-    if (data < found.st_size && !(told && m_keepsHoles)) {
+    if (data < found.st_size && !(told && m_keepsHoles && copies_holes(found))) {
         losses.push_back({LossClass::hole, fmt::format("holes were filled: {} bytes more", found.st_size - data)});
     }
 }

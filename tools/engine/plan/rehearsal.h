@@ -79,6 +79,7 @@ class Rehearsal {
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
+    off_t m_largestTaken = 0;                  // bytes of the largest file that the volume is known to take
     std::map<std::string, std::string> m_keys; // of names in one letter case
     std::map<ino_t, std::string> m_inodes;     // what was first made as each
     struct Known {

@@ -189,9 +189,13 @@ FreeRoom free_room(int directory) {
     return room;
 }
 
+bool copies_holes(const struct stat &file) {
+    return file.st_blocks < file.st_size / kStatBlock;
+}
+
 int64_t bytes_for(const Side &source, const struct stat &file, int64_t block, bool keepsHoles) {
     const auto whole = [block](int64_t bytes) { return (bytes + block - 1) / block * block; };
-    if (!keepsHoles || file.st_blocks * kStatBlock >= file.st_size) {
+    if (!keepsHoles || !copies_holes(file)) {
         return whole(file.st_size);
     }
     constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;

@@ -42,6 +42,10 @@ std::vector<Quota> quotas_in(int directory);
 // it; 0: there is no such rule.
 uint32_t heir_project(int directory);
 
+// Whether a copy of a file that is no clone keeps the holes of this one. Where they are less than a block nobody looks
+// for them, and all of it is written.
+bool copies_holes(const struct stat &file);
+
 // Bytes that a copy of a file takes: its data alone where the volume keeps holes.
 int64_t bytes_for(const Side &source, const struct stat &file, int64_t block, bool keepsHoles);
 

@@ -29,6 +29,11 @@ void add_file(Room &room, int64_t size, int64_t block) {
 // The sizes of the files of a store, as the volume of the entry keeps it.
 std::vector<int64_t> sizes_of_parts(const Side &entry) {
     std::vector<int64_t> sizes;
+    struct stat itself {};
+    // A link has no store, and to ask for the name of one would follow it, which leaves a trace.
+    if (::fstatat(entry.directory, entry.name.c_str(), &itself, AT_SYMLINK_NOFOLLOW) != 0 || S_ISLNK(itself.st_mode)) {
+        return sizes;
+    }
     char place[PATH_MAX] = "";
     const std::string path = entry.path();
     const auto look = [&](int result) {

@@ -38,6 +38,7 @@
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -89,11 +90,29 @@ bool is_own_loss(const Loss &loss) {
     return loss.cls != LossClass::hard_link;
 }
 
+bool is_within_limit(const std::string &name, const HeldDirectory &to) {
+    struct statvfs volume {};
+    return ::fstatvfs(to.fd(), &volume) == 0 && name.size() <= volume.f_namemax;
+}
+
 // What a failure is called among the losses.
-std::optional<LossClass> class_of(const Problem &problem) {
-    return problem.code == kNameTooLong                                       ? std::optional(LossClass::name_too_long)
-           : problem.code == kFileTooLarge || problem.code == kTooLargeForFat ? std::optional(LossClass::file_too_large)
-                                                                              : std::nullopt;
+std::optional<LossClass> class_of(const Problem &problem, const std::optional<struct stat> &entry,
+                                  const HeldDirectory &to, const std::string &name) {
+    if (problem.code == kNameTooLong) {
+        // Of a link that may be what it leads to.
+        const bool target = entry && S_ISLNK(entry->st_mode) && is_within_limit(name, to);
+        return target ? LossClass::symbolic_link : LossClass::name_too_long;
+    }
+    const bool large = problem.code == kFileTooLarge || problem.code == kTooLargeForFat || problem.number == EFBIG;
+    return large ? std::optional(LossClass::file_too_large) : std::nullopt;
+}
+
+// Behind the largest size of a volume the kernel cannot set a position: that is what fails then.
+std::optional<Loss> refusal_of_holes(const Problem &problem, const std::optional<struct stat> &entry,
+                                     const HeldDirectory &to) {
+    const bool may = (problem.code == kSeekFailed || problem.code == kFileOperation) && entry &&
+                     S_ISREG(entry->st_mode) && !volume_traits(to.type()).fatNames;
+    return may ? refusal_of_size(to.fd(), entry->st_size) : std::nullopt;
 }
 
 // Whether a file with holes, for whose length there is no room, finds room for what it has.
@@ -204,12 +223,14 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     Outcome outcome = attempted(attempt, destination, openDestination ? 0 : number);
     begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
-        if (const auto cls = class_of(*outcome.problem)) {
+        const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
+        if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
             outcome.losses.push_back({*cls, outcome.problem->reason});
+        } else if (auto tooLarge = refusal_of_holes(*outcome.problem, meant, to)) {
+            outcome.losses.push_back(std::move(*tooLarge));
         } else if (attempt.file.get() >= 0 && !attempt.stopAnswered && !can_be_read(attempt.opened())) {
             outcome.losses.push_back({LossClass::unreadable, outcome.problem->reason});
-        } else if (const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
-                   meant && openDestination && !attempt.stopAnswered &&
+        } else if (meant && openDestination && !attempt.stopAnswered &&
                    (S_ISLNK(meant->st_mode) || !to.look(attempt.name))) {
             if (auto refusal = refusal_of_entry(to.fd(), attempt.name, meant->st_mode)) {
                 if (outcome.problem->code == kMissing) { // so a driver calls a name that it does not take

@@ -15,6 +15,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 namespace engine {
 namespace {
@@ -129,6 +130,22 @@ std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mod
         }
     }
     (void)remove_left_over(directory, place);
+    return refusal;
+}
+
+std::optional<Loss> refusal_of_size(int directory, off_t size) {
+    const std::string name = next_private_name();
+    std::optional<Loss> refusal;
+    {
+        const Descriptor made(::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (made.get() < 0) {
+            return std::nullopt;
+        }
+        if (::ftruncate(made.get(), size) != 0 && errno == EFBIG) {
+            refusal = Loss{LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", size)};
+        }
+    }
+    (void)remove_left_over(directory, name);
     return refusal;
 }
 

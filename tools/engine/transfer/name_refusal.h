@@ -1,4 +1,4 @@
-// Which names, and whether links, a volume does not take, found out by asking it.
+// Which names and sizes, and whether links, a volume does not take, found out by asking it.
 #pragma once
 
 #include "tools/engine/losses/loss.h"
@@ -32,5 +32,9 @@ std::optional<Loss> refusal_of_link(int directory);
 // Both of any directory, which is open: asked in a private one, made in it and removed again. For entries that somebody
 // has tried to make without success.
 std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mode_t type);
+
+// The same of the size of a file, in bytes, which a driver may refuse by a number that says nothing of it. For a volume
+// that keeps holes: any other fills them. Nothing: the volume takes the size, or something else is wrong.
+std::optional<Loss> refusal_of_size(int directory, off_t size);
 
 } // namespace engine
