@@ -166,13 +166,13 @@ class AttributeComparison {
         if (item.stored != nullptr) {
             return item.stored->size;
         }
-        const auto value = entry.attribute(item.name);
+        return length_of(entry.attribute(item.name));
+    }
+    static std::optional<uint64_t> length_of(const std::optional<std::string> &value) {
         return value ? std::optional<uint64_t>(value->size()) : std::nullopt;
     }
+    // Of two of which at least one is in a store.
     bool same_value(const Item &first, const Item &second, uint64_t size) {
-        if (first.stored == nullptr && second.stored == nullptr) {
-            return m_first.entry.attribute(first.name) == m_second.entry.attribute(second.name);
-        }
         if (size > kShortValue && !m_findings.options.data) {
             return true;
         }
@@ -186,16 +186,25 @@ class AttributeComparison {
     }
     void compare(const Item &first, const Item &second) {
         try {
-            const auto one = size_of(m_first.entry, first), other = size_of(m_second.entry, second);
-            if (one.has_value() != other.has_value()) {
-                m_findings.add(class_of(first), fmt::format("{} {}: only at the {}", word(first), displayed(first.name),
-                                                            one ? "first" : "second"));
-            } else if (one && (*one != *other || !same_value(first, second, *one))) {
-                m_findings.add(class_of(first), fmt::format("{} {} differs: {} and {} bytes", word(first),
-                                                            displayed(first.name), *one, *other));
+            if (first.stored == nullptr && second.stored == nullptr) {
+                const auto one = m_first.entry.attribute(first.name), other = m_second.entry.attribute(second.name);
+                tell(first, length_of(one), length_of(other), one == other);
+                return;
             }
+            const auto one = size_of(m_first.entry, first), other = size_of(m_second.entry, second);
+            tell(first, one, other, one == other && (!one || same_value(first, second, *one)));
         } catch (const Failure &failure) {
             unreadable(first, failure);
+        }
+    }
+    // Nothing: it is gone again.
+    void tell(const Item &item, std::optional<uint64_t> one, std::optional<uint64_t> other, bool same) {
+        if (one.has_value() != other.has_value()) {
+            m_findings.add(class_of(item), fmt::format("{} {}: only at the {}", word(item), displayed(item.name),
+                                                       one ? "first" : "second"));
+        } else if (!same) {
+            m_findings.add(class_of(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
+                                                       displayed(item.name), *one, *other));
         }
     }
 
