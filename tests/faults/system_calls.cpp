@@ -281,6 +281,8 @@ class Supervisor {
         m_outcome.reached = true;
         if (m_plan.action == Plan::Action::kill) {
             ::kill(m_child, SIGKILL);
+            response.flags = 0; // else it may still be made, if the answer comes before the signal
+            response.error = -EINTR;
         } else if (m_plan.action == Plan::Action::meet) {
             m_plan.meeting();
         } else {
