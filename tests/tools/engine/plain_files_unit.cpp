@@ -38,14 +38,20 @@ struct Pair {
         EXPECT_EQ(0, VLIBCFileStat(copy.c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_CREATE_TIME, &found));
         return found;
     }
-    Names rest() const {
+    // A minute ago both were there as they are, and the copying began.
+    Names rest(time_t begun = ::time(nullptr) + 60) const {
         const engine::Descriptor first(::open(one.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const engine::Descriptor second(::open(other.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const engine::VolumeFacts a = engine::volume_facts(first.get(), 1), b = engine::volume_facts(second.get(), 1);
-        return engine::files_to_compare({first.get(), second.get(), a, b}, {"f"});
+        return engine::files_to_compare({first.get(), second.get(), a, b, {begun, 0}}, {"f"});
     }
 
     kit::ScratchDirectory scratch;
+    void giveBoth(const char *name, const std::string &value) const {
+        kit::setAttribute(file, name, value);
+        kit::setAttribute(copy, name, value);
+    }
+
     const std::string one = scratch / "one", other = scratch / "other", file = one + "/f", copy = other + "/f";
 };
 
@@ -58,6 +64,54 @@ TEST(PlainFiles, ThoseWithoutADifferenceArePassedOver) {
     const std::string before = working_directory();
     EXPECT_EQ(Names{}, Pair().rest());
     EXPECT_EQ(before, working_directory());
+}
+
+// The value of an ACL as the kernel takes it: one named user with the rights `bits`.
+std::string acl(char bits) {
+    constexpr char anybody[] = "\xff\xff\xff\xff";
+    const auto entry = [&](char tag, char rights, const std::string &who) {
+        return std::string{tag, '\0', rights, '\0'} + who;
+    };
+    const std::string none(anybody, 4), user("\xe8\x03\0\0", 4);
+    return std::string("\2\0\0\0", 4) + entry(1, 6, none) + entry(2, bits, user) + entry(4, 4, none) +
+           entry(0x10, 4, none) + entry(0x20, 4, none);
+}
+
+TEST(PlainFiles, ThoseWithTheSameAttributesArePassedOver) {
+    const Pair pair;
+    for (int number = 0; number < 6; ++number) {
+        pair.giveBoth(("user.note" + std::to_string(number)).c_str(), std::string(100, 'n'));
+    }
+    kit::setAttribute(pair.copy, "user.zeta", "last");
+    kit::setAttribute(pair.file, "user.zeta", "last"); // which the volume lists in another order
+    EXPECT_EQ(Names{}, pair.rest());
+    if (::geteuid() == 0) {
+        pair.giveBoth("system.posix_acl_access", acl(4));
+        EXPECT_EQ(Names{}, pair.rest());
+    }
+}
+
+TEST(PlainFiles, ThoseWithMoreThanAttributesOfUsersAreCompared) {
+    for (const char *name : {"security.note", "trusted.note", "user.netatalk.Metadata"}) {
+        const Pair pair;
+        if (::geteuid() == 0 || std::string(name).starts_with("user.")) {
+            pair.giveBoth(name, "n");
+            EXPECT_EQ(Names{"f"}, pair.rest()) << name;
+        }
+    }
+    const Pair pair;
+    pair.giveBoth("user.note", "n");
+    for (int number = 0; number < 8; ++number) {
+        pair.giveBoth(("user." + std::string(150, 'n') + std::to_string(number)).c_str(), ""); // more than one list
+    }
+    EXPECT_EQ(Names{"f"}, pair.rest());
+}
+
+TEST(PlainFiles, AttributesOfASourceThatHasChangedMeanwhileAreCompared) {
+    const Pair pair;
+    EXPECT_EQ(Names{}, pair.rest(1));
+    pair.giveBoth("user.note", "n");
+    EXPECT_EQ(Names{"f"}, pair.rest(1));
 }
 
 TEST(PlainFiles, EachDifferenceHasThemCompared) {
@@ -80,6 +134,26 @@ TEST(PlainFiles, EachDifferenceHasThemCompared) {
              pair.give({was.st.st_atim, was.st.st_mtim, {1000, 0}});
          }},
         {"attribute", [](const Pair &pair) { kit::setAttribute(pair.file, "user.note", "n"); }},
+        {"attribute of another name",
+         [](const Pair &pair) {
+             kit::setAttribute(pair.file, "user.note", "n");
+             kit::setAttribute(pair.copy, "user.name", "n");
+         }},
+        {"attribute of the copy beside the same one",
+         [](const Pair &pair) {
+             pair.giveBoth("user.note", "n");
+             kit::setAttribute(pair.copy, "user.more", "n");
+         }},
+        {"ACL",
+         [](const Pair &pair) {
+             kit::setAttribute(pair.file, "system.posix_acl_access", acl(4));
+             kit::setAttribute(pair.copy, "system.posix_acl_access", acl(6));
+         }},
+        {"hidden",
+         [](const Pair &pair) {
+             pair.giveBoth("user.note", "n");
+             kit::setAttribute(pair.copy, "user.DOSATTRIB", "0x2");
+         }},
         {"second name",
          [](const Pair &pair) { EXPECT_EQ(0, ::link(pair.file.c_str(), (pair.one + "/second").c_str())); }},
         {"hole",
