@@ -98,6 +98,27 @@ TEST_F(PlanCounts, WhatAMoveFindsThereAlreadyGoesAtTheSource) {
     }
 }
 
+// All that was in it is accepted to stay or is not meant: it was made there, and is at both places.
+TEST_F(PlanCounts, ADirectoryThatStaysIsDone) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, ::mkfifo((tree + "/in/pipe").c_str(), 0600));
+    for (const Arguments &ways :
+         {Arguments{"--accept", "special-file"}, {"--exclude", "pipe"}, {"--exclude", "two", "--accept", "all"}}) {
+        ASSERT_EQ(0, runTool({"copy", "-r", "--specials", "-T", tree, scratch / "again"}).status);
+        Arguments command = {"move", "-T", scratch / "again", volume / "there"};
+        command.insert(command.begin() + 1, ways.begin(), ways.end());
+        auto counts = agreed(command);
+        EXPECT_EQ("0", counts["exit_status"]);
+        EXPECT_EQ("2", counts["directories"]);
+        EXPECT_TRUE(counts.contains("kept \"" + scratch / "again" + "\"")) << ::testing::PrintToString(counts);
+        EXPECT_TRUE(counts.contains("kept \"" + scratch / "again/in" + "\"")) << ::testing::PrintToString(counts);
+        ASSERT_EQ(0, runTool({"remove", "-r", volume / "there", scratch / "again"}).status);
+    }
+    ASSERT_EQ(0, ::mkdir((scratch / "left").c_str(), 0755));
+    ASSERT_EQ(0, ::mkfifo((scratch / "left/pipe").c_str(), 0600));
+    EXPECT_EQ("1", agreed({"move", scratch / "left", volume.path()})["exit_status"]);
+}
+
 TEST_F(PlanCounts, EveryWay) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     ASSERT_EQ(0, ::link((tree + "/one").c_str(), (tree + "/name").c_str()));
