@@ -14,8 +14,8 @@ ffi: Any = _declarations.ffi
 
 PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 
-_RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "VexoCallbacks", "VexoTransferOptions",
-            "VexoComparisonOptions", "VexoRelocation", "VEXOCopyArgs")
+_RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "VexoCallbacks", "VexoSelection",
+            "VexoTransferOptions", "VexoComparisonOptions", "VexoRelocation", "VEXOCopyArgs")
 
 
 def _open() -> Any:

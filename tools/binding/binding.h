@@ -7,7 +7,8 @@
  *  3. Sizes are bytes. What becomes of entries is told, not returned: a 0 says that the request was gone through.
  *  4. Callbacks run on the calling thread, between two steps. Each may be null.
  *  5. The process: the umask is 0 for moments, and the effective user root where the process may become it. Callers
- *     serialise. No process is started for the work.
+ *     serialise. No process is started for the work but where jobs asks for some: they end with the call, run nothing
+ * of the caller's, and leave a SIGINT to it.
  *
  * The Python package reads its declarations from this file: beside comments and preprocessor lines it has plain
  * declarations only. Whoever changes a record counts VEXO_BINDING_VERSION up. */
@@ -22,10 +23,10 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-enum { VEXO_BINDING_VERSION = 1 };
+enum { VEXO_BINDING_VERSION = 2 };
 /* The version of the interface that was compiled, and the sizes of the records VexoFailure, VexoProblem, VexoLoss,
- * VexoEntry, VexoRoom, VexoCallbacks, VexoTransferOptions, VexoComparisonOptions, VexoRelocation and VEXOCopyArgs, in
- * this order, ended by 0: a caller that declares them otherwise must not go on. */
+ * VexoEntry, VexoRoom, VexoCallbacks, VexoSelection, VexoTransferOptions, VexoComparisonOptions, VexoRelocation and
+ * VEXOCopyArgs, in this order, ended by 0: a caller that declares them otherwise must not go on. */
 int vexo_binding_version(void);
 const uint32_t *vexo_binding_sizes(void);
 
@@ -42,6 +43,7 @@ typedef struct VexoProblem {
     uint32_t code;
     int32_t number;
     int32_t of_source; /* not 0: whatever the destination */
+    int32_t same_file; /* not 0: source and destination are one */
 } VexoProblem;
 
 /* What the destination has not, or not as it was. */
@@ -68,9 +70,10 @@ enum {
 };
 enum {
     VEXO_ENTRY_CLONED = 1,
-    VEXO_ENTRY_SAME = 2,        /* it stood there already */
-    VEXO_ENTRY_LINKED = 4,      /* another name of what an earlier one has become */
-    VEXO_ENTRY_SOURCE_STAYS = 8 /* of a move: it is at both places */
+    VEXO_ENTRY_SAME = 2,         /* it stood there already */
+    VEXO_ENTRY_LINKED = 4,       /* another name of what an earlier one has become */
+    VEXO_ENTRY_SOURCE_STAYS = 8, /* of a move: it is at both places */
+    VEXO_ENTRY_IN_PLACE = 16     /* what stood there was written into */
 };
 typedef struct VexoEntry {
     const char *source, *destination;
@@ -81,6 +84,7 @@ typedef struct VexoEntry {
     const VexoLoss *losses;
     const VexoProblem *problem; /* null: none */
     const VexoProblem *warning; /* done, but not as it should be; null: as it should be */
+    const char *backup;         /* where what it replaced is kept; null: nowhere */
 } VexoEntry;
 
 /* The room that a plan needs on one volume of the destination. -1: not known, or there is no such limit. */
@@ -112,6 +116,18 @@ typedef struct VexoCallbacks {
     void (*removed)(void *data, const char *path, int32_t status, const VexoProblem *problem); /* of a removal */
 } VexoCallbacks;
 
+/* Which entries are meant; the others are passed over. Names by the rules of rsync, of which the first that fits holds:
+ * "- PATTERN" and "+ PATTERN". A path begins with the source's own name. Size, time and archive bit choose regular
+ * files alone. */
+typedef struct VexoSelection {
+    const char *const *rules;
+    int32_t rule_count;
+    int32_t archived_alone;        /* those that have the archive bit */
+    int32_t one_file_system;       /* nothing of other volumes that are mounted in the tree */
+    int64_t least_size, most_size; /* both included; -1: any */
+    int64_t not_before, before;    /* when they were modified, in nanoseconds since 1970; INT64_MIN: at any time */
+} VexoSelection;
+
 enum { VEXO_COPY, VEXO_MOVE };
 /* A destination that exists. */
 enum { VEXO_EXISTING_FAILS, VEXO_EXISTING_REPLACED, VEXO_EXISTING_STAYS, VEXO_KEEP_BOTH, VEXO_UPDATE };
@@ -129,11 +145,18 @@ typedef struct VexoTransferOptions {
     int32_t retries;          /* of what failed for what may pass */
     int32_t every_entry;      /* each entry is told; else those of which there is something to say */
     int32_t probe;            /* of a plan: something may be made at the destination, and is removed again */
+    int32_t in_place;         /* what is replaced is written into, so that it stays what its other names are */
+    int32_t reversible_names; /* names that a volume does not take are kept beside the entries, and come back */
+    int32_t jobs;             /* so many processes share a tree; 0, 1: this one alone. Without meant() */
     int64_t bytes_per_second; /* at most; 0: any number */
     uint64_t accepted;        /* bit N: what may be lost of the row N of vexo_loss_classes() */
+    /* What is replaced is kept, as its name with the suffix, and below the directory (which is in that of the
+     * destination where it is relative). Both null: it is not kept. */
+    const char *backup_suffix, *backup_directory;
+    const VexoSelection *selection; /* null: everything */
 } VexoTransferOptions;
 
-/* Copies or moves; entries, arrived and progress are told. */
+/* Copies or moves; entries, arrived and progress are told, and by lost() what only all names of a file show. */
 int vexo_transfer(const char *source, const char *destination, const VexoTransferOptions *options,
                   const VexoCallbacks *callbacks, VexoFailure *failure);
 /* The same without doing it: entry tells what would become of each, room what is needed. */
@@ -154,6 +177,9 @@ int vexo_remove(const char *path, uint32_t flags, const VexoCallbacks *callbacks
 typedef struct VexoComparisonOptions {
     int32_t data;  /* content is read; else sizes decide */
     int32_t times; /* modification and creation time */
+    int32_t reversible_names;
+    int32_t jobs;
+    const VexoSelection *selection;
 } VexoComparisonOptions;
 /* What `second` lacks of `first`, by lost(), and what only it has, by extra(). */
 int vexo_compare(const char *first, const char *second, const VexoComparisonOptions *options,

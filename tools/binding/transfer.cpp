@@ -2,6 +2,7 @@
 
 #include "tools/binding/binding.h"
 #include "tools/binding/guard.h"
+#include "tools/binding/options.h"
 #include "tools/engine/plan/plan.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
@@ -44,47 +45,6 @@ Errand errand_of(const char *source, const char *destination, const VexoTransfer
     return errand;
 }
 
-template <typename Value, size_t N>
-Value row_of(const std::array<Value, N> &values, int32_t index) {
-    if (index < 0 || static_cast<size_t>(index) >= N) {
-        throw engine::InvalidRequest("an option has a value that there is none of");
-    }
-    return values[static_cast<size_t>(index)];
-}
-
-engine::TransferOptions options_of(const VexoTransferOptions &given, const VexoCallbacks &callbacks) {
-    using namespace engine;
-    constexpr std::array operations{Operation::copy, Operation::move};
-    constexpr std::array conflicts{Conflict::fail, Conflict::replace, Conflict::skip, Conflict::keep_both,
-                                   Conflict::update};
-    constexpr std::array clones{Clone::never, Clone::automatic, Clone::always};
-    constexpr std::array syncs{Sync::none, Sync::file, Sync::volume};
-    if (given.retries < 0 || given.bytes_per_second < 0) {
-        throw InvalidRequest("a number below 0 was given");
-    }
-    TransferOptions options;
-    options.operation = row_of(operations, given.operation);
-    options.conflict = row_of(conflicts, given.existing);
-    options.clone = row_of(clones, given.clone);
-    options.sync = row_of(syncs, given.sync);
-    options.trees = given.trees != 0;
-    options.links = given.links != 0 || options.trees;
-    options.specials = given.specials != 0;
-    options.hardLinks = given.hard_links != 0;
-    options.checksum = given.checksum != 0;
-    options.verify = given.verify != 0;
-    options.retries = given.retries;
-    options.countsAlone = given.every_entry == 0;
-    options.bytesPerSecond = given.bytes_per_second;
-    options.accepted = losses_of(given.accepted);
-    if (callbacks.meant != nullptr) {
-        options.selection.asked = [&callbacks](std::string_view path, bool directory) {
-            return callbacks.meant(callbacks.data, std::string(path).c_str(), directory ? 1 : 0) != 0;
-        };
-    }
-    return options;
-}
-
 int32_t status_of(engine::Status status) {
     constexpr std::array statuses{VEXO_DONE, VEXO_SKIPPED, VEXO_FAILED, VEXO_CANCELLED};
     return statuses[static_cast<size_t>(status)];
@@ -101,7 +61,8 @@ template <typename Told>
 uint32_t flags_of(const Told &told) {
     return (told.cloned ? uint32_t{VEXO_ENTRY_CLONED} : 0U) | (told.same ? uint32_t{VEXO_ENTRY_SAME} : 0U) |
            (told.linked ? uint32_t{VEXO_ENTRY_LINKED} : 0U) |
-           (told.sourceStays ? uint32_t{VEXO_ENTRY_SOURCE_STAYS} : 0U);
+           (told.sourceStays ? uint32_t{VEXO_ENTRY_SOURCE_STAYS} : 0U) |
+           (told.inPlace ? uint32_t{VEXO_ENTRY_IN_PLACE} : 0U);
 }
 
 // Tells an entry with what was lost of it.
@@ -131,8 +92,17 @@ class Teller {
                               .loss_count = static_cast<int32_t>(losses.size()),
                               .losses = losses.data(),
                               .problem = told.problem ? &problem : nullptr,
-                              .warning = warning != nullptr ? &warned : nullptr};
+                              .warning = warning != nullptr ? &warned : nullptr,
+                              .backup = told.backup.empty() ? nullptr : told.backup.c_str()};
         m_callbacks.entry(m_callbacks.data, &entry);
+    }
+
+    // Of an entry that is told of by itself.
+    void tell(const std::string &source, const std::string &destination, const engine::Loss &loss) const {
+        if (m_callbacks.lost != nullptr) {
+            const VexoLoss told = loss_of(loss, m_accepted);
+            m_callbacks.lost(m_callbacks.data, source.c_str(), destination.c_str(), &told);
+        }
     }
 
   private:
@@ -159,6 +129,9 @@ class RunObserver : public engine::TransferObserver {
         if (m_callbacks.arrived != nullptr) {
             m_callbacks.arrived(m_callbacks.data, files, bytes);
         }
+    }
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override {
+        m_teller.tell(source, destination, loss);
     }
     void progress(int64_t bytes, bool) override {
         if (m_callbacks.progress != nullptr) {
@@ -196,6 +169,9 @@ class PlannedObserver : public engine::PlanObserver {
     void entry(const engine::PlannedEntry &planned) override {
         m_teller.tell(planned.kind, planned.source, planned, status_of(planned.deed), nullptr);
     }
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override {
+        m_teller.tell(source, destination, loss);
+    }
 
     Stop m_stop;
     Teller m_teller;
@@ -224,7 +200,7 @@ int vexo_transfer(const char *source, const char *destination, const VexoTransfe
         const engine::TransferOptions transfer = binding::options_of(*options, *callbacks);
         const binding::Errand errand = binding::errand_of(source, destination, *options);
         binding::RunObserver observer(*callbacks, transfer.accepted);
-        engine::Transfer run(transfer, observer);
+        engine::Transfer run(transfer, observer, binding::hands_of(options->jobs, *callbacks));
         run.run(errand.source, errand.destination);
         run.leave();
     });
