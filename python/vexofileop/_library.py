@@ -15,7 +15,8 @@ ffi: Any = _declarations.ffi
 PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 
 _RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "VexoCallbacks", "VexoSelection",
-            "VexoTransferOptions", "VexoComparisonOptions", "VexoRelocation", "VEXOCopyArgs")
+            "VexoTransferOptions", "VexoComparisonOptions", "VexoRelocation", "VexoMirrored",
+            "VexoBackedUp", "VexoFinding", "VexoConversion", "VexoSurveyed", "VEXOCopyArgs")
 
 
 def _open() -> Any:
