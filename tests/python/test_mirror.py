@@ -1,5 +1,6 @@
 """Directories that are brought up to date as a whole: mirrors, and backups by the archive bit."""
 import os
+import resource
 
 from kit import Case, vexofileop
 
@@ -47,6 +48,14 @@ class Mirror(Case):
         self.store_is_sound("copy")
 
     def test_removes_nothing_where_something_was_not_copied(self):
+        self.write("album/large", "x" * 100_000)
+        before = resource.getrlimit(resource.RLIMIT_FSIZE)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (50_000, before[1]))
+        try:
+            error = self.raises(vexofileop.Incomplete, vexofileop.mirror, "album", "copy")
+        finally:
+            resource.setrlimit(resource.RLIMIT_FSIZE, before)
+        self.assertEqual((1, 0, "d"), (error.receipt.failed, error.receipt.removed, self.read("copy/d")), error)
         os.remove("copy/a")
         os.mkdir("copy/a")
         self.mount("copy/a/mounted", "tmpfs")
