@@ -4,7 +4,7 @@ import os
 from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple
 
 from ._errors import Cancelled, Error, Incomplete, error_of
-from ._library import Calls, Failure, PathLike, check, ffi, lib, path_bytes, serial, text, words
+from ._library import Calls, Failure, PathLike, check, check_callable, ffi, lib, path_bytes, serial, text, words
 from ._options import Accept, loss_bits
 from ._transfer import KEPT, Difference, Loss, listed, loss_of, problem_of
 
@@ -108,6 +108,7 @@ def _calls(troubles: List[Error], cancel: Optional[Callable[[], object]]) -> Cal
 
 def _survey(doing: str, path: PathLike, flags: int, quarantine: Optional[PathLike],
             on_finding: Optional[Callable[[Finding], object]], cancel: Optional[Callable[[], object]]) -> StoreReport:
+    check_callable(on_finding, "on_finding")
     report = StoreReport(os.fsdecode(path_bytes(path)))
     calls = _calls(report.troubles, cancel)
 
@@ -230,6 +231,7 @@ def convert_stores(path: PathLike, form: str, *, recursive: bool = False, one_fi
     """
     if form not in FORMS:
         raise ValueError(f"form is one of {', '.join(FORMS)}, not {form!r}")
+    check_callable(on_store, "on_store")
     report = ConversionReport(os.fsdecode(path_bytes(path)), form)
     calls = _calls(report.troubles, cancel)
     kept: List[Difference] = []

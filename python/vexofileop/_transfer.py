@@ -6,8 +6,9 @@ import stat
 from typing import Any, Callable, Dict, Iterable, List, Optional, Set, Tuple, Union
 
 from ._errors import Cancelled, Error, Exists, Incomplete, NotDirectory, NotFound, SameFile, error_of
-from ._library import Calls, Failure, PathLike, check, ffi, failure_error, lib, path_bytes, serial, text, words
-from ._options import NAMES, Accept, Filter, Request, choice, class_name, loss_bits, process_count, selection
+from ._library import (Calls, Failure, PathLike, check, check_callable, ffi, failure_error, lib, path_bytes, serial,
+                       text, words)
+from ._options import NAMES, Accept, Filter, Request, choice, class_name, loss_bits, process_count, selection, whole
 
 # So many failed entries and differences are kept one by one; the rest is counted.
 KEPT = 10000
@@ -269,6 +270,7 @@ class _Ignored:
 
     def __init__(self, top: bytes, ignore: Ignore, second: Optional[bytes] = None,
                  told: Optional[bytes] = None, top_is_named: bool = True) -> None:
+        check_callable(ignore, "ignore")
         self._top, self._second = os.path.abspath(top), second
         self._told = top if told is None else told  # as shutil does: below the path that was given
         self._ignore, self._top_is_named = ignore, top_is_named
@@ -308,6 +310,7 @@ class _Run(Calls):
     def __init__(self, cancel: Optional[Callable[[], object]], progress: Optional[Callable[[int], object]],
                  ignored: Optional[_Ignored] = None) -> None:
         super().__init__(cancel)
+        check_callable(progress, "progress")
         self.done = 0
         self.errors = 0
         self.most_errors: Optional[int] = None
@@ -397,6 +400,7 @@ def _transfer(request: Request, ignored: Optional[_Ignored], on_entry: Optional[
               progress: Optional[Callable[[int], object]], cancel: Optional[Callable[[], object]],
               work: _Work = _Work()) -> Receipt:
     source, destination = path_bytes(request.source), path_bytes(request.destination)
+    check_callable(on_entry, "on_entry")
     options = request.options(on_entry is not None, ignored is not None)
     calls = _Run(cancel, progress, ignored)
     calls.most_errors = request.max_errors
@@ -445,6 +449,7 @@ def _transfer(request: Request, ignored: Optional[_Ignored], on_entry: Optional[
 
 class _Mirroring(_Work):
     def __init__(self, flags: int, most: int, on_removed: Optional[Callable[[str], object]]) -> None:
+        check_callable(on_removed, "on_removed")
         self._flags, self._most, self._on_removed = flags, most, on_removed
         self._came = ffi.new("VexoMirrored *")
 
@@ -527,8 +532,8 @@ def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = Tru
     progress          called with the bytes that are done so far, after each block
     cancel            asked before each block; true ends the call with Cancelled, and leaves nothing half done
 
-    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied, SameFile or another Error; Incomplete where the copy is there
-    without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
+    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied, SameFile or another Error; Incomplete where the copy
+    is there without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
 
     >>> with open("original", "w") as file:
     ...     _ = file.write("light")
@@ -648,8 +653,7 @@ def mirror(source: PathLike, destination: PathLike, *, ignore: Optional[Ignore] 
     >>> receipt.files, receipt.removed, os.listdir("copy")
     (1, 1, ['dawn'])
     """
-    if max_delete is not None and not 0 <= max_delete < 2**63:
-        raise ValueError(f"max_delete is a number of entries, not {max_delete!r}")
+    most = -1 if max_delete is None else whole(max_delete, "max_delete", 0)
     given, to = _pair("mirror", source, destination)
     request = Request("mirror", given, to, False, trees=True, filters=filters, existing="update", accept=accept,
                       clone=clone, sync=sync, verify=verify, checksum=checksum, names=names, backup=backup,
@@ -657,7 +661,7 @@ def mirror(source: PathLike, destination: PathLike, *, ignore: Optional[Ignore] 
                       max_errors=max_errors, bytes_per_second=bytes_per_second, jobs=jobs)
     flags = ((lib.VEXO_MIRROR_LEFT_OUT_TOO if delete_excluded else 0) |
              (lib.VEXO_MIRROR_ALLOW_EMPTY if allow_empty else 0))
-    work = _Mirroring(flags, -1 if max_delete is None else max_delete, on_removed)
+    work = _Mirroring(flags, most, on_removed)
     ignored = _Ignored(given, ignore, to, top_is_named=False) if ignore is not None else None
     return _transfer(request, ignored, on_entry, progress, cancel, work)
 
@@ -895,6 +899,7 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
 
 def _remove(path: PathLike, flags: int, doing: str, cancel: Optional[Callable[[], object]],
             on_entry: Optional[Callable[[str], object]]) -> Removal:
+    check_callable(on_entry, "on_entry")
     calls = Calls(cancel)
     came = Removal(os.fsdecode(path))
 
