@@ -49,9 +49,19 @@ def class_name(row: int) -> str:
     return _classes[row].name
 
 
+def whole(value: int, name: str, least: int, most: int = 2**63 - 1) -> int:
+    if isinstance(value, bool) or not hasattr(value, "__index__"):
+        raise TypeError(f"{name} is a whole number, not {value!r}")
+    if not least <= value <= most:
+        raise ValueError(f"{name} is a number from {least} to {most}, not {value!r}")
+    return value
+
+
 def loss_bits(accept: Accept) -> int:
     bits = 0
     for name in [accept] if isinstance(accept, str) else accept:
+        if not isinstance(name, str):
+            raise TypeError(f"accept is a str, or several, not {accept!r}")
         found = lib.vexo_loss_set(name.encode())
         if found == 0:
             raise ValueError(f"there is no class of losses {name!r}: all, acl, fat, "
@@ -98,19 +108,16 @@ Filter = Union[Filters, str, Iterable[Union[str, bytes]]]  # rules alone, too
 def _nanoseconds(moment: Optional[Moment], name: str) -> int:
     if moment is None:
         return _ANY_TIME
+    if isinstance(moment, bool) or not isinstance(moment, (int, float, datetime.datetime)):
+        raise TypeError(f"{name} is a number of seconds or a datetime, not {moment!r}")
     seconds = moment.timestamp() if isinstance(moment, datetime.datetime) else moment
-    found = int(seconds * 10**9) if isinstance(seconds, int) else round(seconds * 10**9)
-    if not _ANY_TIME < found < 2**63:
+    if not abs(seconds) < 2**63 // 10**9:
         raise ValueError(f"{name} is too far from 1970: {moment!r}")
-    return found
+    return seconds * 10**9 if isinstance(seconds, int) else round(seconds * 10**9)
 
 
 def _size(size: Optional[int], name: str) -> int:
-    if size is None:
-        return -1
-    if not 0 <= size < 2**63:
-        raise ValueError(f"{name} is a number of bytes, not {size!r}")
-    return size
+    return -1 if size is None else whole(size, name, 0)
 
 
 def _rule(rule: Union[str, bytes]) -> bytes:
@@ -145,9 +152,7 @@ def choice(of: Dict[str, int], value: str, name: str) -> int:
 
 
 def process_count(jobs: int, asked: bool) -> int:
-    if not 1 <= jobs <= 1024:
-        raise ValueError(f"jobs is a number of processes, not {jobs!r}")
-    if jobs > 1 and asked:
+    if whole(jobs, "jobs", 1, 1024) > 1 and asked:
         raise ValueError("ignore is a function of this process, and cannot be asked by several: jobs=1, or filters")
     return jobs
 
@@ -186,8 +191,8 @@ class Request:
         """The record. What it points to lives as long as this. `asked`: a function chooses the entries."""
         if self.checksum and self.existing != "update":
             raise ValueError("checksum says how existing=\"update\" compares, and needs it")
-        if self.max_errors is not None and self.max_errors < 1:
-            raise ValueError(f"max_errors is a number from 1 on, not {self.max_errors!r}")
+        if self.max_errors is not None:
+            whole(self.max_errors, "max_errors", 1)
         reversible = choice(NAMES, self.names, "names")
         if reversible and self.existing == "keep-both":
             raise ValueError("existing=\"keep-both\" gives names of its own, which names=\"reversible\" could not "
@@ -201,13 +206,16 @@ class Request:
             "clone": choice(_CLONES, self.clone, "clone"), "sync": choice(_SYNCS, self.sync, "sync"),
             "trees": self.trees, "links": self.links, "into": self.into, "specials": self.specials,
             "hard_links": self.hard_links, "checksum": self.checksum, "verify": self.verify,
-            "retries": self.retries, "every_entry": every_entry, "probe": self.probe, "in_place": self.in_place,
+            "retries": whole(self.retries, "retries", 0, 2**31 - 1), "every_entry": every_entry, "probe": self.probe,
+            "in_place": self.in_place,
             "reversible_names": reversible, "jobs": process_count(self.jobs, asked),
-            "bytes_per_second": self.bytes_per_second, "accepted": loss_bits(self.accept),
+            "bytes_per_second": whole(self.bytes_per_second, "bytes_per_second", 0), "accepted": loss_bits(self.accept),
             "backup_suffix": suffix, "backup_directory": directory,
             "selection": selection(self.filters, self._kept)})
 
     def _backup(self) -> Tuple[Any, Any]:
+        if not isinstance(self.backup, (bool, str)):
+            raise TypeError(f"backup is True, or a suffix for the name, not {self.backup!r}")
         if isinstance(self.backup, str) and (not self.backup or "/" in self.backup or "\0" in self.backup):
             raise ValueError(f"backup is True, or a suffix for the name without a slash, not {self.backup!r}")
         suffix, directory = ffi.NULL, ffi.NULL

@@ -6,8 +6,9 @@ import stat
 from typing import Any, Callable, Dict, Iterable, List, Optional, Set, Tuple, Union
 
 from ._errors import Cancelled, Error, Exists, Incomplete, NotDirectory, NotFound, SameFile, error_of
-from ._library import Calls, Failure, PathLike, check, ffi, failure_error, lib, path_bytes, serial, text, words
-from ._options import NAMES, Accept, Filter, Request, choice, class_name, loss_bits, process_count, selection
+from ._library import (Calls, Failure, PathLike, check, check_callable, ffi, failure_error, lib, path_bytes, serial,
+                       text, words)
+from ._options import NAMES, Accept, Filter, Request, choice, class_name, loss_bits, process_count, selection, whole
 
 # So many failed entries and differences are kept one by one; the rest is counted.
 KEPT = 10000
@@ -87,6 +88,9 @@ class Receipt:
     losses              how many of each class, by name, accepted ones among them
     examples            the first loss of each class
     failures            the entries that failed, the first KEPT of them
+    removed, left       of a mirror: so many entries went, and are left although the source has not got them
+    bits_cleared        of a backup: so many archive bits; `bits_kept` of what was brought stay, since it is being used
+    list_path           of a backup: where the list is of what it has brought
     left_over           what stands in directories of the destination under names of what is under way, and may be of
                         another machine's command that is not over, or somebody's own: it stays
     """
@@ -108,7 +112,13 @@ class Receipt:
     examples: Dict[str, Difference] = dataclasses.field(default_factory=dict)
     failures: List[Error] = dataclasses.field(default_factory=list)
     left_over: List[str] = dataclasses.field(default_factory=list)
+    removed: int = 0
+    left: int = 0
+    bits_cleared: int = 0
+    bits_kept: int = 0
+    list_path: Optional[str] = None
     _missing: int = 0
+    _notes: List[str] = dataclasses.field(default_factory=list)
 
     def __fspath__(self) -> str:
         return self.destination
@@ -116,7 +126,7 @@ class Receipt:
     @property
     def complete(self) -> bool:
         """Everything arrived but what was accepted, and what was to be skipped."""
-        return not self.cancelled and self.failed == 0 and self._missing == 0
+        return not self.cancelled and self.failed == 0 and self._missing == 0 and not self._notes
 
     def _add_loss(self, difference: Difference) -> None:
         self.losses[difference.name] = self.losses.get(difference.name, 0) + 1
@@ -223,18 +233,18 @@ class Removal:
 
 _KINDS = ("file", "link", "directory", "other")
 _STATUSES = ("done", "skipped", "failed", "cancelled", "new", "replace", "merge", "rename", "skip", "fail")
-def _loss(record: Any) -> Loss:
+def loss_of(record: Any) -> Loss:
     return Loss(class_name(record.loss_class), words(record.detail), bool(record.accepted), bool(record.fails))
 
 
-def _problem(record: Any, path: str, other: Optional[str]) -> Optional[Error]:
+def problem_of(record: Any, path: str, other: Optional[str]) -> Optional[Error]:
     if record == ffi.NULL:
         return None
     kind = SameFile if record.same_file else None
     return error_of(record.code, record.number, words(record.text), "", path, None if record.of_source else other, kind)
 
 
-def _listed(error: Error, failures: Iterable[Error], losses: Iterable[Difference] = ()) -> Error:
+def listed(error: Error, failures: Iterable[Error], losses: Iterable[Difference] = ()) -> Error:
     """The same with what a shutil.Error of a tree has in args[0]."""
     told = [(one.path, one.other, one.strerror) for one in failures]
     told += [(one.source, one.destination, one.loss.detail) for one in losses]
@@ -248,8 +258,8 @@ def _entry(record: Any) -> Entry:
     return Entry(_KINDS[record.kind], _STATUSES[record.status], source, destination, record.bytes,
                  bool(flags & lib.VEXO_ENTRY_CLONED), bool(flags & lib.VEXO_ENTRY_SAME),
                  bool(flags & lib.VEXO_ENTRY_LINKED), bool(flags & lib.VEXO_ENTRY_SOURCE_STAYS),
-                 tuple(_loss(record.losses[at]) for at in range(record.loss_count)),
-                 _problem(record.problem, source, destination), _problem(record.warning, source, destination),
+                 tuple(loss_of(record.losses[at]) for at in range(record.loss_count)),
+                 problem_of(record.problem, source, destination), problem_of(record.warning, source, destination),
                  text(record.backup) if record.backup != ffi.NULL else None, bool(flags & lib.VEXO_ENTRY_IN_PLACE))
 
 
@@ -260,13 +270,16 @@ class _Ignored:
     """
 
     def __init__(self, top: bytes, ignore: Ignore, second: Optional[bytes] = None,
-                 told: Optional[bytes] = None) -> None:
+                 told: Optional[bytes] = None, top_is_named: bool = True) -> None:
+        check_callable(ignore, "ignore")
         self._top, self._second = os.path.abspath(top), second
         self._told = top if told is None else told  # as shutil does: below the path that was given
-        self._ignore = ignore
+        self._ignore, self._top_is_named = ignore, top_is_named
         self._names: Dict[bytes, Set[bytes]] = {}
 
     def meant(self, path: bytes) -> bool:
+        if not self._top_is_named:
+            path = b"./" + path
         directory, name = os.path.split(path)
         if not directory:
             return True  # the tree itself
@@ -298,6 +311,7 @@ class _Run(Calls):
     def __init__(self, cancel: Optional[Callable[[], object]], progress: Optional[Callable[[int], object]],
                  ignored: Optional[_Ignored] = None) -> None:
         super().__init__(cancel)
+        check_callable(progress, "progress")
         self.done = 0
         self.errors = 0
         self.most_errors: Optional[int] = None
@@ -354,7 +368,7 @@ def _settle(receipt: Receipt, calls: Calls, doing: str, entries: int) -> Receipt
         error = error_of(0xA600, 0, "", doing, receipt.source, receipt.destination, Cancelled)
     elif receipt.complete:
         return receipt
-    elif receipt.failed == 1 and entries == 1 and receipt.files + receipt.directories == 0:
+    elif receipt.failed == 1 and entries == 1 and receipt.files + receipt.directories == 0 and not receipt._notes:
         error = receipt.failures[0]
         error.doing = doing
         error.about(receipt.source, error.other and receipt.destination)
@@ -362,17 +376,33 @@ def _settle(receipt: Receipt, calls: Calls, doing: str, entries: int) -> Receipt
         first = receipt.failures[0] if receipt.failures else None
         missing = [one for one in receipt.examples.values() if one.loss.fails]
         told = [f"{receipt.failed} failed, the first: {first}"] if first is not None else []
+        told += receipt._notes
         told += [f"{receipt.losses[one.name]} of {one.name} lost, the first: {one}" for one in missing]
         number = (first.errno or 0) if first is not None else 0
-        error = _listed(error_of(first.code if first is not None else 0, number, "; ".join(told), doing,
+        error = listed(error_of(first.code if first is not None else 0, number, "; ".join(told), doing,
                                  receipt.source, receipt.destination, Incomplete), receipt.failures, missing)
     error.receipt = receipt
     raise error
 
 
+class _Work:
+    """What is to be called, and what it has told beside what every copy tells."""
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_transfer(source, destination, options, calls, failure))
+
+    def listen(self, calls: _Run, receipt: Receipt) -> None:
+        """Sets more callbacks."""
+
+    def end(self, receipt: Receipt) -> None:
+        """Adds what came of it."""
+
+
 def _transfer(request: Request, ignored: Optional[_Ignored], on_entry: Optional[Callable[[Entry], object]],
-              progress: Optional[Callable[[int], object]], cancel: Optional[Callable[[], object]]) -> Receipt:
+              progress: Optional[Callable[[int], object]], cancel: Optional[Callable[[], object]],
+              work: _Work = _Work()) -> Receipt:
     source, destination = path_bytes(request.source), path_bytes(request.destination)
+    check_callable(on_entry, "on_entry")
     options = request.options(on_entry is not None, ignored is not None)
     calls = _Run(cancel, progress, ignored)
     calls.most_errors = request.max_errors
@@ -394,27 +424,76 @@ def _transfer(request: Request, ignored: Optional[_Ignored], on_entry: Optional[
         receipt.bytes += size
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             receipt._add_failure(error)
 
     def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
-        receipt._add_loss(Difference(text(one), text(other), _loss(record)))
+        receipt._add_loss(Difference(text(one), text(other), loss_of(record)))
 
     calls.set("entry", on_told)
     calls.set("lost", on_lost)
     calls.set("left_over", lambda _data, path: receipt.left_over.append(text(path)))
     calls.set("arrived", on_arrived)
     calls.set("failed", on_failed)
+    work.listen(calls, receipt)
     failure = Failure()
     with serial:
-        result = lib.vexo_transfer(source, destination, options, calls.record, failure.record)
+        result = work.call(source, destination, options, calls.record, failure.record)
     if result != 0:
         calls.finish()
         raise failure.error(request.operation, source, destination)
+    work.end(receipt)
     if len(entries) == 1 and receipt.files + receipt.directories == 1 and entries[0].destination:
         receipt.destination = entries[0].destination
     return _settle(receipt, calls, request.operation, len(entries))
+
+
+class _Mirroring(_Work):
+    def __init__(self, flags: int, most: int, on_removed: Optional[Callable[[str], object]]) -> None:
+        check_callable(on_removed, "on_removed")
+        self._flags, self._most, self._on_removed = flags, most, on_removed
+        self._came = ffi.new("VexoMirrored *")
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_mirror(source, destination, options, self._flags, self._most, calls, self._came, failure))
+
+    def listen(self, calls: _Run, receipt: Receipt) -> None:
+        def on_removed(_data: object, place: Any, status: int, problem: Any) -> None:
+            shown = text(place)
+            if problem != ffi.NULL:
+                receipt._add_failure(problem_of(problem, shown, None) or error_of(0, 0, "", "", shown))
+            if status == lib.VEXO_DONE:
+                receipt.removed += 1
+                if self._on_removed is not None:
+                    self._on_removed(shown)
+
+        calls.set("removed", on_removed)
+
+    def end(self, receipt: Receipt) -> None:
+        receipt.backups += self._came.backups
+        receipt.left = self._came.left
+        if self._came.nothing_removed:
+            receipt._notes.append("nothing else is removed, for not everything was copied")
+        if receipt.left:
+            receipt._notes.append(f"{receipt.left} not removed, for max_delete is {self._most}")
+
+
+class _BackingUp(_Work):
+    def __init__(self, flags: int) -> None:
+        self._flags = flags
+        self._came = ffi.new("VexoBackedUp *")
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_backup(source, destination, options, self._flags, calls, self._came, failure))
+
+    def end(self, receipt: Receipt) -> None:
+        receipt.bits_cleared = self._came.cleared
+        receipt.bits_kept = self._came.kept + self._came.failed
+        receipt.list_path = text(self._came.list) or None
+        refusal = words(self._came.refusal)
+        if refusal:
+            receipt._notes.append(refusal)
 
 
 def _is_directory(given: bytes, look: Callable[[bytes], os.stat_result], doing: str, path: PathLike,
@@ -455,8 +534,8 @@ def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = Tru
     progress          called with the bytes that are done so far, after each block
     cancel            asked before each block; true ends the call with Cancelled, and leaves nothing half done
 
-    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied, SameFile or another Error; Incomplete where the copy is there
-    without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
+    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied, SameFile or another Error; Incomplete where the copy
+    is there without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
 
     >>> with open("original", "w") as file:
     ...     _ = file.write("light")
@@ -544,6 +623,106 @@ def copytree(source: PathLike, destination: PathLike, symlinks: bool = True, ign
 copy_tree = copytree
 
 
+def mirror(source: PathLike, destination: PathLike, *, ignore: Optional[Ignore] = None,
+           filters: Optional[Filter] = None, delete_excluded: bool = False, max_delete: Optional[int] = None,
+           allow_empty: bool = False, accept: Accept = (), clone: str = "never", sync: str = "none",
+           verify: bool = False, checksum: bool = False, names: str = "plain",
+           backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None, specials: bool = False,
+           hard_links: bool = True, retries: int = 0, max_errors: Optional[int] = None, bytes_per_second: int = 0,
+           jobs: int = 1, on_entry: Optional[Callable[[Entry], object]] = None,
+           on_removed: Optional[Callable[[str], object]] = None, progress: Optional[Callable[[int], object]] = None,
+           cancel: Optional[Callable[[], object]] = None) -> Receipt:
+    """Makes the directory `destination` equal to `source`: WHAT IT HAS AND THE SOURCE HAS NOT IS REMOVED.
+
+    It is copied as by copytree() with existing="update" and dirs_exist_ok=True. Then what the source has not goes, only
+    when nothing failed to be read or copied; with `backup` or `backup_dir` it is kept, as what is replaced is.
+
+    ignore, filters  what they leave out is not copied, and stays at the destination. The path of a rule begins below the
+                     source: "- /raw/"
+    delete_excluded  what they leave out by its name is removed, too
+    max_delete       remove no more than so many entries: Incomplete is raised where there are more
+    allow_empty      go ahead where the source holds nothing at all and everything would go; else an Error is raised
+    on_removed       called with the path of each entry that has gone
+
+    The rest is as for copytree(). Returns a Receipt, with `removed`. Raises Incomplete where the two are not equal at the
+    end, but for losses that were accepted.
+
+    >>> import os
+    >>> os.makedirs("album"); os.makedirs("copy")
+    >>> for name in "album/dawn", "copy/dusk":
+    ...     open(name, "w").close()
+    >>> receipt = mirror("album", "copy")
+    >>> receipt.files, receipt.removed, os.listdir("copy")
+    (1, 1, ['dawn'])
+    """
+    most = -1 if max_delete is None else whole(max_delete, "max_delete", 0)
+    given, to = _pair("mirror", source, destination)
+    request = Request("mirror", given, to, False, trees=True, filters=filters, existing="update", accept=accept,
+                      clone=clone, sync=sync, verify=verify, checksum=checksum, names=names, backup=backup,
+                      backup_dir=backup_dir, specials=specials, hard_links=hard_links, retries=retries,
+                      max_errors=max_errors, bytes_per_second=bytes_per_second, jobs=jobs)
+    flags = ((lib.VEXO_MIRROR_LEFT_OUT_TOO if delete_excluded else 0) |
+             (lib.VEXO_MIRROR_ALLOW_EMPTY if allow_empty else 0))
+    work = _Mirroring(flags, most, on_removed)
+    ignored = _Ignored(given, ignore, to, top_is_named=False) if ignore is not None else None
+    return _transfer(request, ignored, on_entry, progress, cancel, work)
+
+
+def backup_run(source: PathLike, destination: PathLike, *, full: bool = False, keep_bits: bool = False,
+               ignore: Optional[Ignore] = None, filters: Optional[Filter] = None, accept: Accept = (),
+               clone: str = "never", sync: str = "volume", names: str = "plain",
+               backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None, specials: bool = False,
+               hard_links: bool = True, retries: int = 0, max_errors: Optional[int] = None, bytes_per_second: int = 0,
+               jobs: int = 1, on_entry: Optional[Callable[[Entry], object]] = None,
+               progress: Optional[Callable[[int], object]] = None,
+               cancel: Optional[Callable[[], object]] = None) -> Receipt:
+    """Backs up a directory by the archive bit, which clients set of what they change.
+
+    Files that have it are copied into `destination` as by mirror(), but nothing is removed there, and read back; then
+    the bit of each goes that is proven to be there and has not changed since. A list beside the destination says what
+    went, `list_path` where that is. It can be stopped and run again at any time.
+
+    full       everything, whether it has the bit or not
+    keep_bits  clear none: the next backup takes the same, too
+    sync       "volume" or "file": a bit that is cleared stays so after a power failure, and so has what it stands for
+
+    The rest is as for mirror(). Returns a Receipt. Raises Incomplete where not all of it is in the destination, or a
+    bit could not be cleared; and an Error where the volume keeps no archive bits and it is not to be full.
+
+    >>> import os
+    >>> from vexofileop import archive_bit, set_archive_bit
+    >>> os.mkdir("album")
+    >>> for name in "album/dawn", "album/dusk":
+    ...     open(name, "w").close()
+    >>> backup_run("album", "backup", full=True).files
+    2
+    >>> set_archive_bit("album/dusk")
+    >>> receipt = backup_run("album", "backup")
+    >>> receipt.files + receipt.same, receipt.bits_cleared, archive_bit("album/dusk")
+    (1, 1, False)
+    """
+    if sync not in ("volume", "file"):
+        raise ValueError(f"sync is one of volume, file, not {sync!r}")
+    given, to = _pair("backup_run", source, destination)
+    request = Request("backup_run", given, to, False, trees=True, filters=filters, existing="update", accept=accept,
+                      clone=clone, sync=sync, names=names, backup=backup, backup_dir=backup_dir, specials=specials,
+                      hard_links=hard_links, retries=retries, max_errors=max_errors,
+                      bytes_per_second=bytes_per_second, jobs=jobs)
+    flags = (lib.VEXO_BACKUP_FULL if full else 0) | (lib.VEXO_BACKUP_KEEP_BITS if keep_bits else 0)
+    ignored = _Ignored(given, ignore, to, top_is_named=False) if ignore is not None else None
+    return _transfer(request, ignored, on_entry, progress, cancel, _BackingUp(flags))
+
+
+def _pair(doing: str, source: PathLike, destination: PathLike) -> Tuple[bytes, bytes]:
+    """A directory, and one that is there or not."""
+    given, to = path_bytes(source), path_bytes(destination)
+    for path in (given, to) if os.path.lexists(to) else (given,):
+        if not _is_directory(path, os.stat, doing, source, destination):
+            which = "source" if path is given else "destination"
+            raise error_of(0xA000, 0, f"the {which} is not a directory", doing, source, destination, NotDirectory)
+    return given, to
+
+
 def move(source: PathLike, destination: PathLike, *, filters: Optional[Filter] = None, existing: str = "fail",
          accept: Accept = (), sync: str = "none", verify: bool = False, checksum: bool = False, in_place: bool = False,
          names: str = "plain", backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None,
@@ -616,7 +795,7 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
                                   bool(record.probed)))
 
     def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
-        planned._add_loss(Difference(text(one), text(other), _loss(record)))
+        planned._add_loss(Difference(text(one), text(other), loss_of(record)))
 
     calls.set("entry", on_entry)
     calls.set("lost", on_lost)
@@ -655,7 +834,7 @@ def compare(first: PathLike, second: PathLike, *, data: bool = True, times: bool
     came = Comparison(os.fsdecode(one), os.fsdecode(other))
 
     def on_lost(_data: object, source: Any, destination: Any, record: Any) -> None:
-        found = Difference(text(source), text(destination), _loss(record))
+        found = Difference(text(source), text(destination), loss_of(record))
         came.differing += 1
         came.losses[found.name] = came.losses.get(found.name, 0) + 1
         if len(came.differences) < KEPT:
@@ -703,7 +882,7 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
     problems: List[Error] = []
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             problems.append(error)
 
@@ -716,19 +895,20 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
     check(result, failure, "rename", source, destination)
     if problems:
         first = problems[0]
-        raise _listed(error_of(first.code, first.errno or 0, first.strerror or "", "rename", source, destination,
+        raise listed(error_of(first.code, first.errno or 0, first.strerror or "", "rename", source, destination,
                                Incomplete), problems)
 
 
 def _remove(path: PathLike, flags: int, doing: str, cancel: Optional[Callable[[], object]],
             on_entry: Optional[Callable[[str], object]]) -> Removal:
+    check_callable(on_entry, "on_entry")
     calls = Calls(cancel)
     came = Removal(os.fsdecode(path))
 
     def on_removed(_data: object, place: Any, status: int, problem: Any) -> None:
         shown = text(place)
         came.removed += status == lib.VEXO_DONE
-        error = _problem(problem, shown, None)
+        error = problem_of(problem, shown, None)
         if status == lib.VEXO_FAILED:
             came.failed += 1
             if len(came.failures) < KEPT:
@@ -751,7 +931,7 @@ def _remove(path: PathLike, flags: int, doing: str, cancel: Optional[Callable[[]
         raise only
     if came.failed > 0:
         first = came.failures[0]
-        raise _listed(error_of(first.code, first.errno or 0, f"{came.failed} not removed, the first: {first}", doing,
+        raise listed(error_of(first.code, first.errno or 0, f"{came.failed} not removed, the first: {first}", doing,
                                path, None, Incomplete), came.failures)
     return came
 
@@ -819,10 +999,10 @@ def relocate(source: PathLike, destination: PathLike, *, keep_source: bool = Fal
     receipt = Receipt("relocate", os.fsdecode(given), os.fsdecode(to))
 
     def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
-        receipt._add_loss(Difference(text(one), text(other), _loss(record)))
+        receipt._add_loss(Difference(text(one), text(other), loss_of(record)))
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             receipt._add_failure(error)
 
@@ -845,7 +1025,7 @@ def relocate(source: PathLike, destination: PathLike, *, keep_source: bool = Fal
         lib.VEXO_SOURCE_REMAINS: "the copy is in place; the source could not be removed entirely",
         lib.VEXO_OLD_REMAINS: "the copy is in place; what stood there before could not be removed entirely",
     }.get(came.end)
-    error = (_listed(error_of(0, 0, said, "relocate", source, destination, Incomplete), receipt.failures,
+    error = (listed(error_of(0, 0, said, "relocate", source, destination, Incomplete), receipt.failures,
                      [one for one in receipt.examples.values() if one.loss.fails])
              if said is not None else failure_error(came.problem, "relocate", source, destination))
     aside = text(came.aside)

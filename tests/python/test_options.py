@@ -44,6 +44,15 @@ class Kept(Case):
                       {"filters": vexofileop.Filters(min_size=-1)}, {"filters": vexofileop.Filters(newer_than=1e30)},
                       {"filters": "- a\0b"}, {"copy_function": print}):
             self.raises(ValueError, vexofileop.copytree, self.top, "two", **wrong)
+        for wrong in ({"progress": 3}, {"cancel": 3}, {"on_entry": 3}, {"accept": b"all"}, {"retries": "1"},
+                      {"backup": 1}, {"bytes_per_second": 1.5}):
+            self.raises(TypeError, vexofileop.copy, "one", "two", **wrong)
+        for wrong in ({"ignore": 3}, {"jobs": None}, {"filters": 3}, {"filters": [3]},
+                      {"filters": vexofileop.Filters(min_size="10K")}, {"filters": vexofileop.Filters(older_than="7d")}):
+            self.raises(TypeError, vexofileop.copytree, self.top, "two", **wrong)
+        self.raises(ValueError, vexofileop.copy, "one", "two", retries=-1)
+        self.raises(TypeError, vexofileop.mirror, self.top, "two", max_delete="1")
+        self.raises(TypeError, vexofileop.check_stores, self.top, on_finding=3)
         error = self.raises(vexofileop.Error, vexofileop.copytree, self.top, "two", filters="keep this")
         self.assertEqual(0x0D00, error.code)
         self.assertIn('"keep" begins no rule', str(error))

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/binding/binding.h"
+#include "tools/engine/mirror/mirror_pair.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/select/selection.h"
 #include "tools/engine/transfer/transfer_options.h"
@@ -16,6 +17,9 @@ namespace binding {
 // The callbacks outlive what these return. All throw engine::InvalidRequest for what makes no sense.
 engine::TransferOptions options_of(const VexoTransferOptions &given, const VexoCallbacks &callbacks);
 engine::Selection selection_of(const VexoSelection *given, const VexoCallbacks &callbacks);
+// The same for two directories of which one is brought up to date by the other, and those.
+engine::TransferOptions pair_options(const VexoTransferOptions &options, const VexoCallbacks &callbacks);
+engine::MirrorPair pair_of(const char *source, const char *destination, const engine::TransferOptions &transfer);
 engine::Hands hands_of(int32_t jobs, const VexoCallbacks &callbacks);
 
 template <typename Value, size_t N>
