@@ -18,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -148,6 +149,7 @@ class RunningTool {
     }
 
     pid_t pid() const { return m_pid; }
+    int64_t saidBytes() const { return kit::exists(m_out) ? kit::statOf(m_out).st_size : 0; }
     bool isOver() { return m_pid < 0 || (::waitpid(m_pid, &m_status, WNOHANG) == m_pid && (m_pid = -1, true)); }
     ToolResult finish() {
         if (m_pid > 0) {
@@ -543,14 +545,14 @@ Lines toldBy(const ToolResult &result) {
 }
 
 // Every entry below with what it is, and how many names it has. Stores are made anew, at any time.
-Lines stateOf(const std::string &top) {
+Lines stateOf(const std::string &top, bool withLinks = true) {
     Lines state;
     for (const std::string &path : pathsBelow(top)) {
         const struct stat found = kit::statOf(path);
         const bool file = S_ISREG(found.st_mode);
         state.push_back(
             path.substr(top.size()) + " " + std::to_string(found.st_mode) + " " +
-            std::to_string(S_ISDIR(found.st_mode) ? 0 : found.st_nlink) + " " +
+            std::to_string(S_ISDIR(found.st_mode) || !withLinks ? 0 : found.st_nlink) + " " +
             std::to_string(S_ISLNK(found.st_mode) || kit::mentions(path, "@eaDir") ? 0 : found.st_mtim.tv_sec) + " " +
             (file ? kit::readFile(path) : std::string()));
     }
@@ -863,6 +865,69 @@ TEST_F(MoveJobs, KilledAtRandomTheyLoseNothing) {
         EXPECT_FALSE(hasLeftOvers(to));
         ASSERT_EQ(0, runTool({"remove", "-rf", to, copy}).status);
     }
+}
+
+// ---- as many as are usual ----
+
+// Nobody has asked for several: what is said and done is what one does.
+TEST_F(MoveJobs, UsualNumberOfThemLeavesAndSaysWhatOneDoes) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const std::string to = volume.path() + "/to";
+    makeTree(tree, 20, 300);
+    setTimes(tree);
+    for (const kit::Arguments &command :
+         {kit::Arguments{"copy", "-r", "-T"}, kit::Arguments{"mirror", "-f"}, kit::Arguments{"move", "-T"}}) {
+        SCOPED_TRACE(command.front());
+        Lines told, state;
+        for (const bool alone : {true, false}) {
+            if (!kit::exists(tree)) {
+                makeTree(tree, 20, 300);
+                setTimes(tree);
+            }
+            kit::Arguments arguments = command;
+            arguments.push_back("--json");
+            if (alone) {
+                arguments.insert(arguments.end(), {"--jobs", "1"});
+            }
+            arguments.insert(arguments.end(), {tree, to});
+            const ToolResult result = runTool(arguments);
+            EXPECT_EQ(0, result.status) << result.err;
+            const Lines now = toldBy(result), there = stateOf(to);
+            told = told.empty() ? now : told;
+            state = state.empty() ? there : state;
+            EXPECT_EQ(Lines(), differences(told, now));
+            EXPECT_EQ(Lines(), differences(state, there));
+            ASSERT_EQ(0, runTool({"remove", "-rf", to}).status);
+        }
+        EXPECT_LT(550u, state.size());
+    }
+}
+
+// As many as there are processors; of a few files nobody but the command itself.
+TEST_F(MoveJobs, UsualNumberIsThatOfProcessorsWhereThereIsMuchToDo) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 20)); // no disk that might turn
+    cpu_set_t set;
+    ASSERT_EQ(0, ::sched_getaffinity(0, sizeof set, &set));
+    const auto usual = static_cast<size_t>(std::min(CPU_COUNT(&set), 8));
+    const std::string many = volume.path() + "/many", few = volume.path() + "/few";
+    makeTree(many, 60, 6'000);
+    makeTree(few, 7, 20);
+    const std::string to = volume.path() + "/to";
+    const auto mostAtOnce = [&](kit::Arguments arguments) {
+        RunningTool tool(std::move(arguments), scratch.path());
+        size_t most = 0;
+        while (!tool.isOver()) {
+            most = std::max(most, tool.children().size());
+        }
+        EXPECT_EQ(0, tool.finish().status);
+        return most;
+    };
+    EXPECT_EQ(usual > 1 ? usual : 0, mostAtOnce({"copy", "-r", "-T", many, to}));
+    EXPECT_EQ(usual > 1 ? usual : 0, mostAtOnce({"remove", "-r", to}));
+    EXPECT_EQ(0u, mostAtOnce({"copy", "-r", "-T", "--jobs", "1", many, to}));
+    ASSERT_EQ(0, runTool({"remove", "-r", to}).status);
+    EXPECT_EQ(0u, mostAtOnce({"copy", "-r", "-T", few, to}));
+    EXPECT_EQ(0u, mostAtOnce({"remove", "-r", to}));
 }
 
 TEST_F(CopyJobs, MirrorsOfAnyNumberOfThemAreTheSame) {
