@@ -867,6 +867,100 @@ TEST_F(MoveJobs, KilledAtRandomTheyLoseNothing) {
     }
 }
 
+// ---- all of them killed, and the same again ----
+
+// Kills the command with everybody who works for it once it has said so much, unless it is at its end by then.
+void killAll(kit::Arguments arguments, const std::string &directory, int64_t point) {
+    arguments.insert(arguments.begin() + 1, {"--json", "--jobs", "3"});
+    RunningTool tool(arguments, directory);
+    std::vector<pid_t> workers;
+    while (!tool.isOver() && tool.saidBytes() < point) {
+    }
+    if (tool.isOver()) {
+        return;
+    }
+    ::kill(-tool.pid(), SIGSTOP);
+    workers = tool.children();
+    ::kill(-tool.pid(), SIGKILL);
+    while (!tool.isOver()) {
+        ::usleep(1'000);
+    }
+    EXPECT_TRUE(areGone(workers) && areForgotten(workers)); // else they may be at work, as far as anybody can tell
+}
+
+// What an undisturbed run says is as much as one that is killed might have said.
+std::vector<int64_t> pointsOf(const ToolResult &undisturbed) {
+    const uint32_t count = static_cast<uint32_t>(kit::seeds(3, 60).size());
+    const auto size = static_cast<int64_t>(undisturbed.out.size());
+    std::vector<int64_t> points{0, 1};
+    for (uint32_t point = 1; point < count; ++point) {
+        points.push_back(size * point / count);
+    }
+    return points;
+}
+
+TEST_F(CopyJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    makeTree(tree, 40, 400);
+    setTimes(tree);
+    const ToolResult undisturbed = runTool({"copy", "-r", "-T", "--json", tree, copy});
+    ASSERT_EQ(0, undisturbed.status);
+    const Lines expected = stateOf(copy);
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+        killAll({"copy", "-ru", "-T", tree, copy}, scratch.path(), point);
+        killAll({"copy", "-ru", "-T", tree, copy}, scratch.path(), point / 2);
+        const ToolResult second = runTool({"copy", "-ru", "-T", "--jobs", "3", tree, copy});
+        EXPECT_EQ(0, second.status) << second.err;
+        EXPECT_EQ(Lines(), differences(expected, stateOf(copy)));
+    }
+}
+
+TEST_F(MoveJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const std::string to = volume.path() + "/to";
+    const auto makeSource = [&] {
+        makeTree(tree, 40, 400);
+        setTimes(tree);
+    };
+    makeSource();
+    const ToolResult undisturbed = runTool({"move", "-T", "--json", tree, to});
+    ASSERT_EQ(0, undisturbed.status);
+    // A name that has left before the kill is no longer one of the file that the other names are.
+    const Lines expected = stateOf(to, false);
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        ASSERT_EQ(0, runTool({"remove", "-rf", to}).status);
+        makeSource();
+        killAll({"move", "-u", "-T", tree, to}, scratch.path(), point);
+        if (kit::exists(tree)) {
+            killAll({"move", "-u", "-T", tree, to}, scratch.path(), point / 2);
+        }
+        if (kit::exists(tree)) {
+            const ToolResult second = runTool({"move", "-u", "-T", "--jobs", "3", tree, to});
+            EXPECT_EQ(0, second.status) << second.err;
+        }
+        EXPECT_FALSE(kit::exists(tree));
+        EXPECT_EQ(Lines(), differences(expected, stateOf(to, false)));
+    }
+}
+
+TEST_F(RemoveJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    makeTree(tree, 40, 400);
+    const ToolResult undisturbed = runTool({"remove", "-r", "--json", tree});
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        makeTree(tree, 40, 400);
+        killAll({"remove", "-r", tree}, scratch.path(), point);
+        killAll({"remove", "-rf", tree}, scratch.path(), point / 2);
+        const ToolResult second = runTool({"remove", "-rf", "--jobs", "3", tree});
+        EXPECT_EQ(0, second.status) << second.err;
+        EXPECT_FALSE(kit::exists(tree));
+        Lines left = kit::namesIn(scratch.path());
+        EXPECT_EQ((Lines{"err", "out"}), sorted(left));
+    }
+}
+
 // ---- as many as are usual ----
 
 // Nobody has asked for several: what is said and done is what one does.
