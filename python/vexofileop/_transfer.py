@@ -91,7 +91,8 @@ class Receipt:
 
     files, directories  so many arrived, links and special files among the files
     bytes               of the files that arrived
-    skipped, failed     so many entries were; `same` of the skipped stood there already
+    skipped, failed     so many entries were
+    same                so many stood there already; of a move their sources are gone
     losses              how many of each class, by name, accepted ones among them
     examples            the first loss of each class
     failures            the entries that failed, the first KEPT of them
@@ -376,7 +377,8 @@ def _add(receipt: Receipt, entry: Entry) -> None:
     if entry.status == "done":
         receipt.directories += entry.kind == "directory"
         receipt.files += entry.kind != "directory"
-        receipt.bytes += entry.bytes if entry.kind != "directory" else 0
+        receipt.bytes += entry.bytes if entry.kind != "directory" and not entry.same else 0
+        receipt.same += entry.same
         receipt.cloned += entry.cloned
         receipt.sources_kept += entry.source_kept
     elif entry.status == "skipped":

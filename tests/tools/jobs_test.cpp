@@ -136,6 +136,7 @@ class RunningTool {
             ::execv(program.c_str(), pointers.data());
             ::_exit(126);
         }
+        ::setpgid(m_pid, m_pid); // whoever of the two comes first
     }
     RunningTool(const RunningTool &) = delete;
     RunningTool &operator=(const RunningTool &) = delete;
@@ -185,12 +186,28 @@ class RunningTool {
     int m_status = -1;
 };
 
-bool isAlive(pid_t process) {
+// As the kernel has it: 'R', 'S', 'T' …; 'X' of none.
+char kernelStateOf(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
     std::string text;
     std::getline(file, text); // nothing of one that has just ended
     const size_t end = text.rfind(')');
-    return end != std::string::npos && text.size() > end + 2 && text[end + 2] != 'Z' && text[end + 2] != 'X';
+    return end == std::string::npos || text.size() <= end + 2 ? 'X' : text[end + 2];
+}
+
+bool isAlive(pid_t process) {
+    const char state = kernelStateOf(process);
+    return state != 'Z' && state != 'X';
+}
+
+bool areStopped(const std::vector<pid_t> &processes) {
+    for (int step = 0; step < 6'000; ++step) {
+        if (std::ranges::all_of(processes, [](pid_t one) { return kernelStateOf(one) == 'T'; })) {
+            return true;
+        }
+        ::usleep(10'000);
+    }
+    return false;
 }
 
 bool areGone(const std::vector<pid_t> &processes) {
@@ -715,6 +732,25 @@ TEST_F(CopyJobs, CtrlCEndsAllOfThem) {
     EXPECT_TRUE(areGone(workers));
     EXPECT_FALSE(kit::exists(copy) && hasLeftOvers(copy));
     EXPECT_EQ(0, runTool({"copy", "-ru", "-T", "--jobs", "2", tree, copy}).status);
+    EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+}
+
+// Ctrl-Z reaches all of them by itself; this is for who stops the one process that the shell knows.
+TEST_F(CopyJobs, PausedAloneItPausesAllOfThem) {
+    makeTree(tree, 60, 4'000);
+    RunningTool tool({"copy", "-r", "-T", "--jobs", "3", tree, copy}, scratch.path());
+    std::vector<pid_t> all;
+    while (all.size() < 3 && !tool.isOver()) {
+        all = tool.children();
+    }
+    ASSERT_EQ(3u, all.size());
+    all.push_back(tool.pid());
+    for (int time = 0; time < 2; ++time) {
+        ::kill(tool.pid(), SIGTSTP);
+        EXPECT_TRUE(areStopped(all));
+        ::kill(tool.pid(), SIGCONT);
+    }
+    EXPECT_EQ(0, tool.finish().status);
     EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
 }
 
