@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/compare/entry_view.h"
+#include "tools/engine/compare/plain_stores.h"
 #include "tools/engine/store/store.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/units.h"
@@ -23,7 +24,7 @@ namespace {
 
 constexpr int64_t kDosUnit = 100;    // of the times in a record of DOS attributes
 constexpr size_t kAtOnce = 256;      // names, so that a directory of any size takes no memory
-constexpr size_t kMostListed = 1024; // bytes of names of attributes, or of an ACL
+constexpr size_t kMostListed = 1024; // bytes of names of attributes
 constexpr char kAccessAcl[] = "system.posix_acl_access";
 
 class WorkingDirectory {
@@ -48,13 +49,12 @@ struct PlainStatus {
     uint32_t attributes; // of DOS
 };
 
-// The attributes of a file that names and an ACL tell all of.
+// The attributes of a file that has none but those of which the name is enough.
 struct PlainAttributes {
     std::string names = {}; // sorted, each with a NUL
-    std::string acl = {};
-    bool record = false; // there is one of DOS attributes
+    bool record = false;    // there is one of DOS attributes
 
-    bool operator==(const PlainAttributes &other) const { return names == other.names && acl == other.acl; }
+    bool operator==(const PlainAttributes &other) const { return names == other.names; }
 };
 
 // All of this in the working directory. Nothing: the entry itself has to be asked.
@@ -85,14 +85,7 @@ std::optional<PlainStatus> status_without_record(const std::string &name) {
         time(found.stx_mtime), time(found.stx_ctime), time(found.stx_btime), 0};
 }
 
-// A value may be empty, an ACL is not.
-std::string acl_value(const std::string &name) {
-    std::array<char, kMostListed> value;
-    const ssize_t size = ::lgetxattr(name.c_str(), kAccessAcl, value.data(), value.size());
-    return {value.data(), size > 0 ? static_cast<size_t>(size) : 0};
-}
-
-std::optional<PlainAttributes> own_attributes(const std::string &name) {
+std::optional<PlainAttributes> plain_attributes(const std::string &name) {
     std::array<char, kMostListed> list;
     const ssize_t size = ::llistxattr(name.c_str(), list.data(), list.size());
     if (size < 0) {
@@ -107,11 +100,7 @@ std::optional<PlainAttributes> own_attributes(const std::string &name) {
             own.record = own.record || VLIBCFileIsRecord == nullptr || VLIBCFileIsRecord(one.data()) == 1;
             continue;
         }
-        const bool acl = one == kAccessAcl;
-        if (acl) {
-            own.acl = acl_value(name);
-        }
-        if (acl ? own.acl.empty() : !one.starts_with("user.") || one == kMetadataName) {
+        if (one != kAccessAcl && (!one.starts_with("user.") || one == kMetadataName)) {
             return std::nullopt;
         }
         names.push_back(one);
@@ -141,11 +130,14 @@ bool is_before(const timespec &one, const timespec &other) {
     return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
 }
 
-// Whether files have nothing beside them, and files that are made in it no ACL that nobody gave them.
-bool is_plain(int directory, const VolumeFacts &facts) {
+// Whether files that are made in it have no ACL that nobody gave them.
+bool hands_nothing_on(int directory) {
     const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/.";
-    return facts.noDirectory && (facts.store == StoreKind::ea_directory || facts.store == StoreKind::file_ea) &&
-           ::getxattr(path.c_str(), "system.posix_acl_default", nullptr, 0) < 0;
+    return ::getxattr(path.c_str(), "system.posix_acl_default", nullptr, 0) < 0;
+}
+
+bool has_kind(const VolumeFacts &facts) {
+    return facts.store == StoreKind::ea_directory || facts.store == StoreKind::file_ea;
 }
 
 struct PlainSource {
@@ -155,10 +147,8 @@ struct PlainSource {
 
 class PlainLooks {
   public:
-    explicit PlainLooks(const DirectoryPair &pair)
-        : m_pair(pair),
-          m_attributes(pair.sourceFacts.store == pair.copyFacts.store && lists_all_attributes(pair.sourceFacts.magic) &&
-                       lists_all_attributes(pair.copyFacts.magic)) {}
+    PlainLooks(const DirectoryPair &pair, bool attributes, const PlainStores &stores)
+        : m_pair(pair), m_attributes(attributes), m_stores(stores) {}
 
     // Those of the names, at most so many, that are to be compared.
     void add(const std::string *names, size_t count, std::vector<std::string> &rest) {
@@ -169,7 +159,7 @@ class PlainLooks {
         }
         entered = entered && m_working.enter(m_pair.copy);
         for (size_t at = 0; at < count; ++at) {
-            if (!entered || !sources[at] || !is_copied(*sources[at], names[at])) {
+            if (!entered || !sources[at] || !is_copied(*sources[at], names[at]) || !m_stores.are_same(names[at])) {
                 rest.push_back(names[at]);
             }
         }
@@ -177,7 +167,7 @@ class PlainLooks {
 
   private:
     std::optional<PlainSource> source(const std::string &name) const {
-        auto own = own_attributes(name);
+        auto own = plain_attributes(name);
         if (!own || (!own->names.empty() && !m_attributes)) {
             return std::nullopt;
         }
@@ -191,24 +181,33 @@ class PlainLooks {
     static bool is_copied(const PlainSource &source, const std::string &name) {
         const auto there = status_of_plain(name);
         return there && same_plain(source.status, *there) &&
-               (source.own.names.empty() || own_attributes(name) == source.own);
+               (source.own.names.empty() || plain_attributes(name) == source.own);
     }
 
     const DirectoryPair &m_pair;
     bool m_attributes;
+    const PlainStores &m_stores;
     WorkingDirectory m_working;
 };
 
 } // namespace
 
 std::vector<std::string> files_to_compare(const DirectoryPair &pair, const std::vector<std::string> &names) {
+    const VolumeFacts &source = pair.sourceFacts, &copy = pair.copyFacts;
+    const bool own =
+        source.store == copy.store && lists_all_attributes(source.magic) && lists_all_attributes(copy.magic);
+    const bool stores = !source.noDirectory || !copy.noDirectory;
     // Where a creation time may be a guess a comparison of the entries says what that is worth.
-    if (names.empty() || !pair.copyFacts.creationTimes || !is_plain(pair.source, pair.sourceFacts) ||
-        !is_plain(pair.copy, pair.copyFacts)) {
+    if (names.empty() || !copy.creationTimes || !has_kind(source) || !has_kind(copy) || (stores && !own) ||
+        !hands_nothing_on(pair.source) || !hands_nothing_on(pair.copy)) {
+        return names;
+    }
+    PlainStores beside;
+    if (stores && !beside.open(pair.source, pair.copy)) {
         return names;
     }
     std::vector<std::string> rest;
-    PlainLooks looks(pair);
+    PlainLooks looks(pair, own, beside);
     for (size_t from = 0; from < names.size(); from += kAtOnce) {
         looks.add(&names[from], std::min(kAtOnce, names.size() - from), rest);
     }

@@ -20,11 +20,12 @@ struct DirectoryPair {
 // were made since `begun`, where nobody else gets in.
 //
 // Left out are regular files that are the same in size, owner, group, mode, times and DOS attributes to the last bit,
-// of one name each, without holes and stores, and without attributes, or with the same ones: of these it would find
-// nothing. Attributes are user attributes and an ACL. An ACL is compared, since a file can have one by the mere place
-// that it was made in. Of a user attribute the name is enough: a new file has none that it was not given, the kernel's
-// own file systems (ext4, XFS, btrfs, tmpfs) keep one whole or not at all, as they keep the data, which nobody reads
-// again either; and a source whose status has changed since the copying began is compared with everything.
+// of one name each, without holes, without attributes or with the same ones, and without stores or with the same ones:
+// of these it would find nothing. Attributes are user attributes and an ACL, and their names are enough: a new file has
+// none that it was not given (one in a directory that hands ACLs on is compared), the kernel's own file systems (ext4,
+// XFS, btrfs, tmpfs) keep one whole or not at all, as they keep the data, which nobody reads again either; and a source
+// whose status has changed since the copying began is compared with everything. Stores are the same to the byte, and
+// nothing is wrong in them.
 //
 // The process's working directory is another one meanwhile: a name alone is found in half the time of a path.
 std::vector<std::string> files_to_compare(const DirectoryPair &pair, const std::vector<std::string> &names);
