@@ -45,7 +45,8 @@ class BackedUp : public RunObserver, private engine::BitObserver {
         : RunObserver(callbacks, terms.accepted), m_callbacks(callbacks), m_book(terms), m_came(came) {}
 
     void run(const engine::TransferOptions &transfer, const engine::BackupTerms &terms, const engine::Hands &hands) {
-        engine::Transfer copy(transfer, *this, hands);
+        engine::Transfer copy(transfer, *this);
+        copy.share(hands);
         copy.run(terms.source + "/.", terms.destination);
         copy.leave();
         const std::string refusal = m_book.put_in_place();

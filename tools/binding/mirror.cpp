@@ -114,7 +114,8 @@ class Mirrored : public RunObserver {
     }
 
     void copy(const engine::Hands &hands) {
-        engine::Transfer run(m_transfer, *this, hands);
+        engine::Transfer run(m_transfer, *this);
+        run.share(hands);
         run.run(m_pair.source + "/.", m_pair.destination);
         run.leave();
     }

@@ -93,7 +93,8 @@ int vexo_transfer(const char *source, const char *destination, const VexoTransfe
         const engine::TransferOptions transfer = binding::options_of(*options, *callbacks);
         const binding::Errand errand = binding::errand_of(source, destination, *options);
         binding::RunObserver observer(*callbacks, transfer.accepted);
-        engine::Transfer run(transfer, observer, binding::hands_of(options->jobs, *callbacks));
+        engine::Transfer run(transfer, observer);
+        run.share(binding::hands_of(options->jobs, *callbacks));
         run.run(errand.source, errand.destination);
         run.leave();
     });
