@@ -140,3 +140,23 @@ class Platform(Case):
         self.assertTrue(vexofileop.indexing(path).enabled)
         double.vexo_double_share(os.fsencode(self.top), b"photo", 0)
         self.assertFalse(vexofileop.indexing(path).enabled)
+
+    def test_fails_in_the_middle_of_a_mirror_or_a_backup(self):
+        self.need_root()
+        with open(self.write("album/a"), "wb") as file:
+            file.write(b"x" * 100_000)
+        self.write("copy/only here")
+        vexofileop.set_archive_bit("album/a")
+        for function, number in (("write", errno.ENOSPC), ("read", errno.EIO)):
+            for call in (vexofileop.mirror, vexofileop.backup_run):
+                with self.subTest(function, call=call):
+                    double.vexo_double_reset()
+                    self.let_fail(function, number, self.top)
+                    error = self.raises(vexofileop.Incomplete, call, "album", "copy")
+                    self.assertEqual((1, 0, 0), (error.receipt.failed, error.receipt.removed,
+                                                 error.receipt.bits_cleared), error)
+                    self.assertEqual((["only here"], True), (self.names("copy"), vexofileop.archive_bit("album/a")))
+        double.vexo_double_reset()
+        receipt = vexofileop.backup_run("album", "copy")
+        self.assertEqual((1, 1), (receipt.files, receipt.bits_cleared))
+        self.assertEqual(1, vexofileop.mirror("album", "copy").removed)
