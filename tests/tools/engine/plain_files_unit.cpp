@@ -44,11 +44,11 @@ struct Pair {
         return found;
     }
     // A minute ago both were there as they are, and the copying began.
-    Names rest(time_t begun = ::time(nullptr) + 60) const {
+    Names rest(time_t begun = ::time(nullptr) + 60, bool inherits = false) const {
         const engine::Descriptor first(::open(one.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const engine::Descriptor second(::open(other.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         const engine::VolumeFacts a = engine::volume_facts(first.get(), 1), b = engine::volume_facts(second.get(), 1);
-        return engine::files_to_compare({first.get(), second.get(), a, b, {begun, 0}}, {"f"});
+        return engine::files_to_compare({first.get(), second.get(), a, b, {begun, 0}, inherits}, {"f"});
     }
 
     kit::ScratchDirectory scratch;
@@ -124,6 +124,24 @@ TEST(PlainFiles, ThoseWithMoreThanAttributesOfUsersAreCompared) {
         pair.giveBoth(("user." + std::string(150, 'n') + std::to_string(number)).c_str(), ""); // more than one list
     }
     EXPECT_EQ(Names{"f"}, pair.rest());
+}
+
+// Where a directory handed it on, until it got what its source has, the ACL of a copy may be nobody's.
+TEST(PlainFiles, AclThatMayBeInheritedIsCompared) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const time_t later = ::time(nullptr) + 60;
+    const Pair plain;
+    EXPECT_EQ(Names{}, plain.rest(later, true));
+    kit::setAttribute(plain.copy, "system.posix_acl_access", acl(4));
+    EXPECT_EQ(Names{"f"}, plain.rest(later, true));
+    const Pair both;
+    both.giveBoth("user.note", "n");
+    EXPECT_EQ(Names{}, both.rest(later, true));
+    both.giveBoth("system.posix_acl_access", acl(4));
+    EXPECT_EQ(Names{"f"}, both.rest(later, true));
+    EXPECT_EQ(Names{}, both.rest(later, false));
 }
 
 TEST(PlainFiles, AttributesOfASourceThatHasChangedMeanwhileAreCompared) {

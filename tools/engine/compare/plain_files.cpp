@@ -53,6 +53,7 @@ struct PlainStatus {
 struct PlainAttributes {
     std::string names = {}; // sorted, each with a NUL
     bool record = false;    // there is one of DOS attributes
+    bool acl = false;       // so is an ACL
 
     bool operator==(const PlainAttributes &other) const { return names == other.names; }
 };
@@ -100,6 +101,7 @@ std::optional<PlainAttributes> plain_attributes(const std::string &name) {
             own.record = own.record || VLIBCFileIsRecord == nullptr || VLIBCFileIsRecord(one.data()) == 1;
             continue;
         }
+        own.acl = own.acl || one == kAccessAcl;
         if (one != kAccessAcl && (!one.starts_with("user.") || one == kMetadataName)) {
             return std::nullopt;
         }
@@ -128,12 +130,6 @@ bool same_plain(const PlainStatus &one, const PlainStatus &other) {
 
 bool is_before(const timespec &one, const timespec &other) {
     return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
-}
-
-// Whether files that are made in it have no ACL that nobody gave them.
-bool hands_nothing_on(int directory) {
-    const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/.";
-    return ::getxattr(path.c_str(), "system.posix_acl_default", nullptr, 0) < 0;
 }
 
 bool has_kind(const VolumeFacts &facts) {
@@ -168,7 +164,7 @@ class PlainLooks {
   private:
     std::optional<PlainSource> source(const std::string &name) const {
         auto own = plain_attributes(name);
-        if (!own || (!own->names.empty() && !m_attributes)) {
+        if (!own || (!own->names.empty() && !m_attributes) || (own->acl && m_pair.inherits)) {
             return std::nullopt;
         }
         const bool record = own->record || VLIBCFileIsRecord == nullptr;
@@ -178,10 +174,10 @@ class PlainLooks {
         }
         return PlainSource{*status, std::move(*own)};
     }
-    static bool is_copied(const PlainSource &source, const std::string &name) {
+    bool is_copied(const PlainSource &source, const std::string &name) const {
+        const bool listed = !source.own.names.empty() || m_pair.inherits;
         const auto there = status_of_plain(name);
-        return there && same_plain(source.status, *there) &&
-               (source.own.names.empty() || plain_attributes(name) == source.own);
+        return there && same_plain(source.status, *there) && (!listed || plain_attributes(name) == source.own);
     }
 
     const DirectoryPair &m_pair;
@@ -192,6 +188,11 @@ class PlainLooks {
 
 } // namespace
 
+bool hands_on_an_acl(int directory) {
+    const std::string path = "/proc/self/fd/" + std::to_string(directory) + "/.";
+    return ::getxattr(path.c_str(), "system.posix_acl_default", nullptr, 0) >= 0;
+}
+
 std::vector<std::string> files_to_compare(const DirectoryPair &pair, const std::vector<std::string> &names) {
     const VolumeFacts &source = pair.sourceFacts, &copy = pair.copyFacts;
     const bool own =
@@ -199,7 +200,7 @@ std::vector<std::string> files_to_compare(const DirectoryPair &pair, const std::
     const bool stores = !source.noDirectory || !copy.noDirectory;
     // Where a creation time may be a guess a comparison of the entries says what that is worth.
     if (names.empty() || !copy.creationTimes || !has_kind(source) || !has_kind(copy) || (stores && !own) ||
-        !hands_nothing_on(pair.source) || !hands_nothing_on(pair.copy)) {
+        hands_on_an_acl(pair.source) || hands_on_an_acl(pair.copy)) {
         return names;
     }
     PlainStores beside;

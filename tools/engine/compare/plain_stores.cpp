@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kStoreName[] = "@eaDir", kStream[] = "@VexoEAStream", kResource[] = "@VexoResource";
 constexpr size_t kMostInStore = size_t{64} << 10; // bytes of a file of a store
+constexpr size_t kMostOfStore = 100'000;          // entries of one, so that it takes no memory
 constexpr size_t kMostInName = 128;               // no volume of the kernel's own shortens that for a companion
 
 // What the library reads without a complaint: the two entries that it writes itself, and everything that they and the
@@ -78,11 +79,14 @@ bool PlainStores::Store::open(int parent) {
     if (::ioctl(directory.get(), FS_IOC_GETFLAGS, &settings) == 0 && (settings & FS_CASEFOLD_FL) != 0) {
         return false;
     }
-    auto entries = entries_in(directory.get());
-    for (Entry &entry : entries ? *entries : std::vector<Entry>()) {
-        types.emplace(std::move(entry.name), entry.type);
-    }
-    return entries.has_value();
+    bool all = true;
+    const bool read = each_entry(directory.get(), [&](const char *name, unsigned char type) {
+        all = types.size() < kMostOfStore;
+        if (all) {
+            types.emplace(name, type);
+        }
+    });
+    return read && all;
 }
 
 unsigned char PlainStores::Store::type_of(const std::string &name) const {

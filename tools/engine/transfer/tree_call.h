@@ -12,6 +12,7 @@ namespace engine {
 
 struct TreeCall {
     timespec begun = {};                     // by CLOCK_REALTIME_COARSE, as files get their times
+    bool inherits = false;                   // what it made may have got ACLs from the directory around it
     int64_t bytes = 0;                       // moved, also of files that failed
     bool stopped = false;                    // the observer has said so once
     std::unordered_set<std::string> refused; // paths that the library has reported, most of them sources

@@ -156,7 +156,9 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
         failed(source.path(), destination.path(), problem_of_errno(errno));
         return;
     }
-    const TreeCall call = call_tree_copy(source.held(), inside.below(made), m_observer);
+    const bool inherits = hands_on_an_acl(destination.in.fd());
+    TreeCall call = call_tree_copy(source.held(), inside.below(made), m_observer);
+    call.inherits = inherits;
     const Renaming renaming{
         .from = inside, .before = made, .to = destination.in, .name = destination.name, .withStore = withStore};
     std::optional<Problem> problem;
@@ -265,7 +267,8 @@ void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, con
 // Files are there, in all likelihood with everything.
 void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, const TreeCall &call) {
     const bool bytesKnown = call.all_arrived();
-    const DirectoryPair pair{level.from.fd(), level.to.fd(), level.from.facts(), level.to.facts(), call.begun};
+    const DirectoryPair pair{level.from.fd(),  level.to.fd(), level.from.facts(),
+                             level.to.facts(), call.begun,    call.inherits};
     const std::vector<std::string> rest =
         m_files.compares() ? files_to_compare(pair, names) : std::vector<std::string>();
     // Whoever compares by himself has links all the same.
