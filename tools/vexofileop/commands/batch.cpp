@@ -40,6 +40,12 @@ int64_t carried(const engine::Outcome &outcome) {
     return outcome.status == engine::Status::done && !outcome.same ? outcome.bytes : 0;
 }
 
+// As far as the numbers of the volumes tell.
+bool is_renamed(const Errand &errand) {
+    const auto from = engine::look(errand.source), to = engine::look_through(engine::parent_of(errand.destination));
+    return from && to && from->st_dev == to->st_dev;
+}
+
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
@@ -63,8 +69,8 @@ engine::NamesBelow names_below(const RelativeNames &names, const engine::Transfe
 }
 
 Batch::Batch(const BatchOptions &options)
-    : m_options(options), m_transfer(transfer_options(options), *this, hands_of(options.jobs)),
-      m_receipt(options.transfer.accepted), m_report(command(), options.transfer.accepted) {}
+    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
+      m_report(command(), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     copy(errands);
@@ -73,6 +79,7 @@ int Batch::run(const std::vector<Errand> &errands) {
 
 void Batch::copy(const std::vector<Errand> &errands) {
     begin(errands);
+    m_transfer.share(hands_of(jobs_for(errands)));
     for (const Errand &errand : errands) {
         if (stopped()) {
             break;
@@ -89,6 +96,20 @@ void Batch::copy(const std::vector<Errand> &errands) {
         m_console.progress(m_behind - m_bytesUndone, m_filesBehind - m_filesUndone);
     }
     m_console.end_progress();
+}
+
+// What a move renames is done before anybody has come to help.
+int Batch::jobs_for(const std::vector<Errand> &errands) const {
+    if (m_options.jobs > 0 || !m_transfer.can_share() || errands.empty()) {
+        return std::max(m_options.jobs, 1);
+    }
+    std::vector<std::string> trees;
+    for (const Errand &errand : errands) {
+        if (!errand.below && m_transfer.is_tree(errand.source) && (copies() || !is_renamed(errand))) {
+            trees.push_back(errand.source);
+        }
+    }
+    return engine::usual_hands(trees, errands.front().destination);
 }
 
 void Batch::run_below(const Errand &errand) {
