@@ -181,7 +181,8 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     if (merged != nullptr && probes()) {
         keep_creation(source, *merged, losses);
     }
-    if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
+    if (merged != nullptr && S_ISDIR(found.st_mode) && m_volume.store != StoreKind::none &&
+        m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
     add_companion_too_long({m_directory, source.name, m_volume}, called(source), losses);
