@@ -87,7 +87,7 @@ TEST_P(Mirrored, DestinationIsEqualWhateverStoodThere) {
     for (const uint32_t seed : kit::seeds(12, 300)) {
         const std::string name = "tree" + std::to_string(seed);
         const std::string source = from.path() + "/" + name, copy = to.path() + "/" + name;
-        agreement::make_tree(source, seed);
+        agreement::make_tree(source, seed, {.lossless = true});
         removeStrays(source);
         agreement::make_tree(copy, seed % 3 == 0 ? seed : seed + 7, {.older = true});
         const kit::ToolResult run = kit::runTool({"mirror", "-f", "--specials", source, copy});

@@ -42,7 +42,8 @@ std::string twin_of(std::string name, size_t way) {
 class Grower {
   public:
     Grower(uint32_t seed, const TreeOptions &options)
-        : m_random(seed), m_older(options.older), m_partial(options.partial), m_large(options.large) {}
+        : m_random(seed), m_older(options.older), m_partial(options.partial), m_lossless(options.lossless),
+          m_large(options.large) {}
 
     void directory(const std::string &path, int depth) {
         if (!may(::mkdir(path.c_str(), 0755))) {
@@ -61,8 +62,8 @@ class Grower {
                 entry(path + "/" + twin_of(name, below(6)), depth + 1);
             }
         }
-        if (m_large && depth == 0) {
-            kit::writeSparse(path + "/large", (off_t{4} << 30) + 5, {{1 << 20, 9}});
+        if (m_large > 0 && depth == 0) {
+            kit::writeSparse(path + "/large", m_large, {{1 << 20, 9}});
         }
         if (!m_older && below(6) == 0) {
             ASSERT_EQ(0, ::mkdir((path + "/@tmp").c_str(), 0755));
@@ -127,7 +128,11 @@ class Grower {
             if (!make_file(path)) {
                 return;
             }
-            kit::writeSparse(path, 1 << 20, {{1 << 19, 5000}}, static_cast<uint32_t>(below(100)));
+            if (below(3) == 0 && !m_lossless) { // one hole, of less than a block or of a few
+                kit::writeSparse(path, static_cast<off_t>(below(2) == 0 ? below(512) : below(20'000)), {});
+            } else {
+                kit::writeSparse(path, 1 << 20, {{1 << 19, 5000}}, static_cast<uint32_t>(below(100)));
+            }
             belongings(path, false);
             return;
         default:
@@ -136,7 +141,7 @@ class Grower {
         if (!make_file(path)) {
             return;
         }
-        kit::writeFile(path, kit::pattern(below(9000), static_cast<uint32_t>(below(1000))));
+        kit::writeFile(path, kit::pattern(below(8) == 0 ? 0 : below(9000), static_cast<uint32_t>(below(1000))));
         belongings(path, false);
         m_files.push_back(path);
     }
@@ -151,7 +156,11 @@ class Grower {
             return timespec{static_cast<time_t>(1'000'000'000 + below(700'000'000)),
                             static_cast<long>(below(10'000'000)) * 100};
         };
-        const timespec all[] = {moment(), moment(), moment()};
+        timespec all[] = {moment(), moment(), moment()};
+        if (below(12) == 0 && !m_lossless) { // which not every volume has
+            constexpr time_t far[] = {-2'000'000'000, 157'766'400, 4'500'000'000, 16'725'225'600};
+            all[1].tv_sec = far[below(std::size(far))];
+        }
         may(::utimensat(AT_FDCWD, path.c_str(), all, AT_SYMLINK_NOFOLLOW));
         const mode_t mode = kit::statOf(path).st_mode;
         if (S_ISLNK(mode)) {
@@ -205,9 +214,12 @@ class Grower {
         things(path);
         if (below(4) == 0) {
             const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-            constexpr int setHidden = 0x203;
-            (void)VLIBCKernelAttrFcntl(fd, setHidden);
+            constexpr int setHidden = 0x203, setSystem = 0x204;
+            (void)VLIBCKernelAttrFcntl(fd, below(3) == 0 ? setSystem : setHidden);
             ::close(fd);
+        }
+        if (below(10) == 0) {
+            lock(path);
         }
         times(path);
     }
@@ -245,7 +257,7 @@ class Grower {
             plain(own + "/deep");
         }
         if (below(4) == 0) {
-            ASSERT_EQ(0, ::mkfifo((own + "/queue").c_str(), 0600));
+            may(::mkfifo((own + "/queue").c_str(), 0600));
         }
         thing(own + "/thumb");
         plain(own);
@@ -267,10 +279,20 @@ class Grower {
         times(path);
     }
 
-    // Finder Info and a resource fork, as Mac clients leave them.
+    // As clients of SMB do.
+    static void lock(const std::string &path) {
+        constexpr int lock = 522;
+        (void)VLIBCKernelAttrCall(path.c_str(), lock);
+    }
+
+    // Finder Info and a resource fork, as Mac clients leave them; with a comment and what servers for Macs keep of it.
     void resource(const std::string &path) {
         const size_t slash = path.rfind('/');
         const std::string place = path.substr(0, slash) + "/@eaDir/" + path.substr(slash + 1) + "@VexoResource";
+        if (below(3) == 0 && !m_lossless) {
+            kit::writeFile(place, whole_resource(), 0777);
+            return;
+        }
         constexpr unsigned char header[] = {0, 5, 0x16, 7,  0, 2, 0, 0, 0, 0, 0, 0,  0, 0, 0, 0, 0,
                                             0, 0, 0,    0,  0, 0, 0, 0, 2, 0, 0, 0,  9, 0, 0, 0, 50,
                                             0, 0, 0,    32, 0, 0, 0, 2, 0, 0, 0, 82, 0, 0, 0, 64};
@@ -281,8 +303,41 @@ class Grower {
                        0777);
     }
 
+    std::string whole_resource() {
+        constexpr uint32_t start = 741, fork = 90;
+        struct Part {
+            uint32_t id, offset;
+            std::string bytes;
+        };
+        const char afp[] = {0, 0, static_cast<char>(below(3) == 0 ? 1 : 0),
+                            static_cast<char>(below(2) == 0 ? 0x40 : 0)};
+        const Part parts[] = {{9, 86, kit::pattern(32, static_cast<uint32_t>(below(100)))},
+                              {4, 118, kit::pattern(below(2) * 20, 7)},
+                              {14, 354, std::string(afp, sizeof afp)},
+                              {2, start, kit::pattern(fork, static_cast<uint32_t>(below(100)))}};
+        std::string bytes(start, '\0');
+        const auto put = [&](size_t at, uint32_t number, size_t width) {
+            for (size_t i = 0; i < width; ++i) {
+                bytes[at + i] = static_cast<char>(number >> (8 * (width - 1 - i)));
+            }
+        };
+        put(0, 0x00051607, 4);
+        put(4, 0x00020000, 4);
+        put(24, std::size(parts), 2);
+        size_t at = 26;
+        for (const Part &part : parts) {
+            put(at, part.id, 4);
+            put(at + 4, part.offset, 4);
+            put(at + 8, static_cast<uint32_t>(part.bytes.size()), 4);
+            bytes.replace(part.offset, part.bytes.size(), part.bytes);
+            at += 12;
+        }
+        return bytes;
+    }
+
     std::mt19937 m_random;
-    bool m_older, m_partial, m_large;
+    bool m_older, m_partial, m_lossless;
+    off_t m_large;
     std::vector<std::string> m_files;
 };
 

@@ -3,13 +3,15 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 namespace agreement {
 
 struct TreeOptions {
     bool older = false; // as what stands at a destination already, with some of the names of the tree of the same seed
-    bool partial = false; // what the volume or this user may not have is left out; else all of it has to get there
-    bool large = false;   // a file that is too large for FAT, of which nearly all is a hole
+    bool partial = false;  // what the volume or this user may not have is left out; else all of it has to get there
+    bool lossless = false; // nothing that some volume of this kernel's own does not keep
+    off_t large = 0;       // a file of so many bytes, of which nearly all is a hole
 };
 
 // Makes the directory `top`. The same seed makes the same tree, wherever, but for what is left out; attributes that the

@@ -492,7 +492,7 @@ TEST(ExplainCommand, TellsWhatACodeMeans) {
     EXPECT_EQ(2, unknown.status);
     EXPECT_EQ("vexofileop: 0x1234: no such error code\n", unknown.err);
     const std::string all = runTool({"explain"}).out;
-    EXPECT_EQ(39 + 27 + 3 + 20, std::count(all.begin(), all.end(), '\n'));
+    EXPECT_EQ(39 + 27 + 3 + 1 + 20, std::count(all.begin(), all.end(), '\n'));
     const ToolResult loss = runTool({"explain", "acl-access", "0xA400"});
     EXPECT_EQ(0, loss.status);
     EXPECT_EQ(0u, loss.out.find("acl-access  access ACLs not kept (lost)\n  Meaning: The access ACL is not that of the "
@@ -505,6 +505,7 @@ TEST(ExplainCommand, TellsWhatACodeMeans) {
                                  "fat  what any FAT volume costs (group)\n"
                                  "  Meaning: It stands for owner, group, mode, "))
         << group.out;
+    EXPECT_TRUE(mentions(runTool({"explain", "extra"}).out, "extra  entries that only the second has (of compare)"));
     const ToolResult neither = runTool({"explain", "owners"});
     EXPECT_EQ(2, neither.status);
     EXPECT_NE(std::string::npos, neither.err.find("owners: neither an error code")) << neither.err;

@@ -120,10 +120,12 @@ TEST_P(PlanCommandTried, ChangesNothing) {
         std::ostringstream now;
         now << status.st_ino << ' ' << status.st_mode << ' ' << status.st_nlink << ' ' << status.st_uid << ' '
             << status.st_size << ' ' << status.st_mtim.tv_sec << '.' << status.st_mtim.tv_nsec << ' '
-            << (path == into || path == into + "/one" ? 0 : status.st_ctim.tv_nsec);
+            << (path == into || path == into + "/one" || path == scratch.path() ? 0 : status.st_ctim.tv_nsec);
         after[path] = now.str();
     }
-    before[into + "/one"] = before[into + "/one"].substr(0, before[into + "/one"].rfind(' ')) + " 0";
+    for (const std::string &asked : {into + "/one", scratch.path()}) {
+        before[asked] = before[asked].substr(0, before[asked].rfind(' ')) + " 0";
+    }
     EXPECT_EQ(before, after);
     size_t entries = 0;
     for ([[maybe_unused]] const auto &entry : std::filesystem::recursive_directory_iterator(scratch.path())) {
@@ -146,9 +148,26 @@ const Tried kTried[] = {
      {"--verify", "-q", "--progress=json", "--no-progress", "--jobs=2"}},
     {"CopyDryRun", {"copy"}, {"-r", "--dry-run"}},
     {"MoveDryRun", {"move"}, {"--dry-run"}},
+    {"MoveDryRunWithoutProbe", {"move"}, {"--dry-run", "--no-probe"}},
+    {"PlanBackup", {"plan", "backup"}, {"--full"}},
+    {"BackupDryRun", {"backup", "run"}, {"--full", "--dry-run", "--no-probe"}},
+    {"MirrorDryRun", {"mirror"}, {"--dry-run"}},
+    {"RelocateDryRun", {"relocate"}, {"--dry-run"}},
+    {"RelocateDryRunWithoutProbe", {"relocate"}, {"--dry-run", "--no-probe"}},
 };
 INSTANTIATE_TEST_SUITE_P(Each, PlanCommandTried, ::testing::ValuesIn(kTried),
                          [](const auto &tried) { return std::string(tried.param.name); });
+
+TEST_F(PlanCommand, NoProbeIsForPlans) {
+    for (const Arguments &command : {Arguments{"copy", "-r"}, {"move"}, {"mirror"}, {"backup", "run"}, {"relocate"}}) {
+        Arguments all = command;
+        all.insert(all.end(), {"--no-probe", one, into});
+        const ToolResult refused = runTool(all);
+        EXPECT_EQ(2, refused.status);
+        EXPECT_TRUE(mentions(refused.err, "--no-probe says how --dry-run finds out")) << refused.err;
+    }
+    EXPECT_TRUE(mentions(runTool({"copy", "-r", "--dry-run", "--no-probe", one, into}).out, "not probed"));
+}
 
 TEST_F(PlanCommand, EachEntryHasWhatBecomesOfIt) {
     using Actions = std::map<std::string, std::string>;

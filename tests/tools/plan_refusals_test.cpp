@@ -142,6 +142,27 @@ TEST_F(PlanRefusals, ANameThatIsWrittenInPlaceIsNoLink) {
     EXPECT_FALSE(mentions(run.err, "of its own")) << run.err;
 }
 
+// What a file that is written into has of its own stays, and is told.
+TEST_F(PlanRefusals, AttributesOfAFileThatIsWrittenInPlace) {
+    kit::writeFile(to + "/file", "older");
+    kit::setAttribute(to + "/file", "user.old", "stays");
+    kit::setAttribute(to + "/file", "trusted.old", "stays");
+    const Arguments command = {"copy", "-fv", "--in-place", from + "/file", to};
+    for (const char *const name : {"user.old", "trusted.old"}) {
+        expect(1, command, std::string("attribute ") + name + ": only at the second");
+    }
+}
+
+// Attributes take blocks, too.
+TEST_F(PlanRefusals, AHoleBesideLongAttributesIsNotTakenForFilled) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20, "-b 4096"));
+    KIT_REQUIRE(source, kit::Volume::tmpfs(1 << 20));
+    kit::writeSparse(source / "hole", 2533, {});
+    kit::setAttribute(source / "hole", "user.long", std::string(2000, 'a'));
+    expect(0, {"copy", source / "hole", volume.path()}, "");
+    EXPECT_EQ(0, runTool({"compare", source / "hole", volume / "hole"}).status);
+}
+
 TEST_F(PlanRefusals, NothingIsLinkedToWhatCannotBeCloned) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
     ASSERT_EQ(0, ::link((from + "/file").c_str(), (from + "/other").c_str()));

@@ -90,6 +90,7 @@ class Content {
     int64_t data_bytes(off_t size, off_t grain) {
         int64_t sum = 0;
         off_t counted = 0; // up to here
+        m_end = 0;         // blocks of attributes may have hidden that there are holes
         for (off_t at = next_data(0, size); at < size; at = next_data(m_end, size)) {
             const off_t start = std::max(at / grain * grain, counted);
             counted = std::max(counted, std::min((m_end + grain - 1) / grain * grain, size));

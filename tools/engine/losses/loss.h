@@ -96,7 +96,9 @@ inline constexpr std::array kLossTable = std::to_array<LossRow>({
      "Choose a volume that keeps \"user.\" attributes, in which it is kept.", "creation time not kept",
      "creation times not kept"},
     {LossClass::modification_time, "modification-time", Severity::changed,
-     "The modification time is not that of the source, or coarser than both volumes keep it.",
+     "The modification time is not that of the source: lost, or coarser than the coarser of the two volumes keeps it. "
+     "One "
+     "that is as exact as that volume keeps times is no loss.",
      "Copy as the owner or as root.", "modification time not kept", "modification times not kept"},
     {LossClass::attribute, "attribute", Severity::lost, "A \"user.\" attribute is not that of the source.",
      "Choose a volume that keeps \"user.\" attributes of its size.", "attribute not kept", "attributes not kept"},

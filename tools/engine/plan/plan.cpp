@@ -860,7 +860,9 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
         const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
-    for (Loss &loss : volume.rehearsal->losses_of(source.side(), found)) {
+    // What is written into keeps attributes that the source has not.
+    const Side stays{to.is_there() ? to.there.fd() : -1, name, volume.rehearsal->volume()};
+    for (Loss &loss : volume.rehearsal->losses_of(source.side(), found, planned.inPlace ? &stays : nullptr)) {
         const bool ends = loss.cls == LossClass::file_too_large || loss.cls == LossClass::symbolic_link ||
                           loss.cls == LossClass::special_file;
         if (ends) {

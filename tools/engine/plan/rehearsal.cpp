@@ -32,12 +32,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#pragma weak VLIBCKernelAttrCall
-
 namespace engine {
 namespace {
 
-constexpr char kEntry[] = "entry", kNames[] = "names";
+constexpr char kNames[] = "names";
+constexpr const char *kEntry = kRehearsed;
 // Between these all volumes that keep a time at all keep it.
 constexpr time_t kFirstPlainTime = 315'532'800, kLastPlainTime = 2'145'916'800; // 1980, 2038
 
@@ -182,7 +181,8 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     if (merged != nullptr && probes()) {
         keep_creation(source, *merged, losses);
     }
-    if (merged != nullptr && m_volume.store != StoreKind::none && m_volume.store != StoreKind::native) {
+    if (merged != nullptr && S_ISDIR(found.st_mode) && m_volume.store != StoreKind::none &&
+        m_volume.store != StoreKind::native) {
         add_merged_store(source, *merged, losses);
     }
     add_companion_too_long({m_directory, source.name, m_volume}, called(source), losses);
@@ -258,12 +258,6 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
 void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
     give_belongings(source.path(), status, entry.get(), m_volume.owners, file);
-    // As who carries a store locks the copy.
-    const bool byFlag = m_volume.store == StoreKind::ea_directory || m_volume.store == StoreKind::file_ea;
-    if (byFlag && (status.attributes & VLIBC_ATTR_LOCKED) != 0 && VLIBCKernelAttrCall != nullptr) {
-        constexpr int lock = 522;
-        (void)VLIBCKernelAttrCall(fmt::format("/proc/self/fd/{}", entry.get()).c_str(), lock);
-    }
     if (const mode_t lost = file ? bits_lost_with_owner(entry.get(), status.st) : 0; lost != 0 && m_volume.owners) {
         (void)::fchmod(entry.get(), status.st.st_mode & kModeBits & ~lost);
     }
@@ -333,12 +327,17 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         bare.volume.store = StoreKind::none;
     }
     const bool stores = !plain && takes_stores(source);
-    const bool locked = (status.attributes & VLIBC_ATTR_LOCKED) != 0; // not by its store
+    if (!plain) {
+        lock_as(source, merged != nullptr);
+    }
     for (Loss &loss : complete_copy(stores ? bare : source, copy, {.kept = false})) {
-        const bool carried = stores && is_of_store(loss.cls) && !(loss.cls == LossClass::locked && locked);
+        const bool carried = stores && is_of_store(loss.cls);
         if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !carried) {
             losses.push_back(std::move(loss));
         }
+    }
+    if (stores) {
+        add_lock(source, copy, losses);
     }
     struct stat made {};
     m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;

@@ -19,6 +19,9 @@
 
 namespace engine {
 
+// In the private directory, what is made as a copy would be.
+inline constexpr char kRehearsed[] = "entry";
+
 class Rehearsal {
   public:
     // `directory`, which is open, stays the caller's; it is that of the destination, or the nearest one above that is
@@ -62,6 +65,8 @@ class Rehearsal {
     std::string signature(const Side &source, const struct stat &found) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
+    void lock_as(const Side &source, bool merged) const;
+    static void add_lock(const Side &source, const Side &copy, std::vector<Loss> &losses);
     void add_mac_attributes(const Side &source, std::vector<Loss> &losses) const;
     void add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,

@@ -1,4 +1,7 @@
 // What becomes of what lies in "@eaDir" and is no part of a store.
+#include "platform/core.h"
+#include "tools/engine/compare/entry_comparison.h"
+#include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/plan/rehearsal.h"
@@ -12,7 +15,10 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <unistd.h>
+
+#pragma weak VLIBCKernelAttrCall
 
 namespace engine {
 
@@ -106,6 +112,45 @@ bool Rehearsal::add_kept_entry(const Side &source, const struct stat &found, con
     return true;
 }
 
+// As who carries a store does, by a flag or by permissions; where a copy has those of its source that is undone again.
+void Rehearsal::lock_as(const Side &source, bool merged) const {
+    const bool byFlag = m_volume.store == StoreKind::ea_directory || m_volume.store == StoreKind::file_ea;
+    const bool byMode = m_volume.store == StoreKind::apple_double && !m_volume.owners;
+    if (!byFlag && !byMode) {
+        return;
+    }
+    try {
+        EntryView entry(source);
+        entry.pin();
+        const bool afp = entry.may_hold_more() && entry.contents().afp_locked();
+        const bool locked = is_locked(entry.status(), source.volume.store, afp);
+        const std::string path = fmt::format("/proc/self/fd/{}/{}", m_place->fd(), kRehearsed);
+        struct stat made {};
+        if (byMode && S_ISREG(entry.type()) && ::lstat(path.c_str(), &made) == 0) {
+            constexpr mode_t all = 07777, write = S_IWUSR | S_IWGRP | S_IWOTH;
+            (void)::chmod(path.c_str(), locked ? made.st_mode & all & ~write : (made.st_mode & all) | write);
+        } else if (byFlag && (locked || merged) && VLIBCKernelAttrCall != nullptr) {
+            constexpr int lock = 522, unlock = 521;
+            (void)VLIBCKernelAttrCall(path.c_str(), locked ? lock : unlock);
+        }
+    } catch (const Failure &) {
+        return; // the comparison tells it
+    }
+}
+
+void Rehearsal::add_lock(const Side &source, const Side &copy, std::vector<Loss> &losses) {
+    const CompareOptions options{};
+    Findings findings{options};
+    findings.attempt("lock", [&] {
+        EntryView one(source), other(copy);
+        one.pin();
+        other.pin();
+        compare_locks(one, other, findings);
+    });
+    std::ranges::copy_if(findings.losses, std::back_inserter(losses),
+                         [](const Loss &loss) { return loss.cls == LossClass::locked; });
+}
+
 // Of what servers for Macs keep with Finder Info and fork another kind of store gets those two.
 void Rehearsal::add_mac_attributes(const Side &source, std::vector<Loss> &losses) const {
     const StoreKind kind = source.volume.store;
@@ -134,6 +179,11 @@ void Rehearsal::add_mac_attributes(const Side &source, std::vector<Loss> &losses
     }
 }
 
+static bool has_stream(EntryView &entry, const std::string &name) {
+    const auto &all = entry.contents().attributes();
+    return std::ranges::find(all, name, &StoreContents::Attribute::name) != all.end();
+}
+
 // A part of a store that the source brings replaces that of the directory; one that it does not bring stays.
 void Rehearsal::add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
     Side there = merged;
@@ -144,8 +194,10 @@ void Rehearsal::add_merged_store(const Side &source, const Side &merged, std::ve
         one.pin();
         other.pin();
         const StoreContents &stays = other.contents();
+        // What a "._" file holds joins the streams of another kind of store.
+        const bool replaced = brought.stream || (brought.appleDouble && merged.volume.store == StoreKind::apple_double);
         for (const StoreContents::Attribute &attribute : stays.attributes()) {
-            if (!brought.stream && !brought.appleDouble && !one.has(attribute.name.c_str())) {
+            if (!replaced && !one.has(attribute.name.c_str()) && !has_stream(one, attribute.name)) {
                 const bool users = attribute.name.starts_with("user.");
                 losses.push_back({users ? LossClass::attribute : LossClass::stream,
                                   fmt::format("{} {}: only at the second", users ? "attribute" : "stream",

@@ -43,6 +43,16 @@ Value one_of(const Option &option, const char *name, std::initializer_list<std::
 
 } // namespace
 
+void add_dry_no_probe(const Command &command, bool &noProbe) {
+    command.rare().add_flag("--no-probe", noProbe, "with --dry-run: make nothing at the destination");
+}
+
+void refuse_no_probe(bool noProbe, bool dryRun) {
+    if (noProbe && !dryRun) {
+        throw UsageError("--no-probe says how --dry-run finds out, and needs it");
+    }
+}
+
 Option add_names_option(const Command &command) {
     return command.rare().add_value("--names", "HOW", "reversible: names that FAT changes come back; or plain");
 }

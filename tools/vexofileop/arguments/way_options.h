@@ -6,6 +6,10 @@
 
 namespace tool {
 
+// --no-probe of a run, which goes with --dry-run alone. Throws UsageError.
+void add_dry_no_probe(const Command &command, bool &noProbe);
+void refuse_no_probe(bool noProbe, bool dryRun);
+
 // "--names=HOW", where a command goes by it, and whether names come back. Throws UsageError for a value it has not.
 Option add_names_option(const Command &command);
 bool are_names_reversible(const Option &option);

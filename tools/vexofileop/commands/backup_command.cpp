@@ -73,6 +73,7 @@ class BackupArguments {
         const engine::MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem,
                                       "what is copied to the one would come into the other");
         refuse_backups(pair, batch.transfer.backup);
+        refuse_no_probe(m_noProbe, m_plan);
         if (!m_plan) {
             return BackupRun(m_options, pair).run();
         }
@@ -100,6 +101,7 @@ class BackupArguments {
             return;
         }
         m_command.add_flag("--dry-run", m_plan, "do nothing; tell what \"plan backup\" tells");
+        add_dry_no_probe(m_command, m_noProbe);
         add_jobs_option(m_command, batch.jobs);
         rare.add_flag("-q,--quiet", batch.quiet, "say nothing but what fails; no progress line");
         m_progress.emplace(m_command);

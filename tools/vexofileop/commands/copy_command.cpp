@@ -245,6 +245,7 @@ class TransferArguments {
                 errand.below->unfinished = m_finishLater;
             }
         }
+        refuse_no_probe(m_noProbe, m_plan);
         return m_plan ? planned_status(m_options, !m_noProbe, errands) : Batch(m_options).run(errands);
     }
 
@@ -281,6 +282,7 @@ class TransferArguments {
             m_command.add_flag("--dry-run", m_plan, "do nothing; tell what would be done, as \"plan\" does");
             m_command.add_flag("--verify", m_options.transfer.verify,
                                "read each file back and compare it with its source");
+            add_dry_no_probe(m_command, m_noProbe);
             add_jobs_option(m_command, m_options.jobs);
         } else {
             m_command.add_flag("--no-probe", m_noProbe, "make nothing at the destination; believe the system");

@@ -30,6 +30,11 @@ std::optional<uint32_t> code_from(std::string_view text) {
     return whole && code <= 0xFFFF ? std::optional(code) : std::nullopt;
 }
 
+// What a comparison tells beside losses.
+struct Extra {
+    static constexpr const char *name = "extra", *text = "entries that only the second has";
+};
+
 void list_all(Console &console) {
     for (const engine::ErrorInfo &row : engine::error_table()) {
         console.line(fmt::format("{}  {}", engine::code_text(row.code), row.reason));
@@ -40,6 +45,7 @@ void list_all(Console &console) {
     for (const engine::LossGroup *const group : engine::loss_groups()) {
         console.line(fmt::format("{}  {}", group->name, group->text));
     }
+    console.line(fmt::format("{}  {}", Extra::name, Extra::text));
     for (const engine::FindingRow &row : engine::kFindingTable) {
         console.line(fmt::format("{}  {}", row.name, row.text));
     }
@@ -111,6 +117,14 @@ bool explain(Console &console, const engine::LossGroup *group) {
     return true;
 }
 
+bool explain(Console &console, Extra) {
+    console.line(fmt::format("{}  {} (of compare)", Extra::name, Extra::text));
+    console.line(paragraph("Meaning", "What is compared second has an entry that the first has not, told once for a "
+                                      "directory. Of \"compare\", --only and --ignore take it; no copy loses it."));
+    console.line(paragraph("What helps", "Remove it, or let \"mirror\" do that."));
+    return true;
+}
+
 bool explain(Console &console, engine::FindingKind kind) {
     const engine::FindingRow &row = engine::finding_row(kind);
     console.line(fmt::format("{}  {}", row.name, row.text));
@@ -119,7 +133,7 @@ bool explain(Console &console, engine::FindingKind kind) {
     return true;
 }
 
-using Subject = std::variant<uint32_t, engine::LossClass, const engine::LossGroup *, engine::FindingKind>;
+using Subject = std::variant<uint32_t, engine::LossClass, const engine::LossGroup *, engine::FindingKind, Extra>;
 
 Subject subject_of(const std::string &text) {
     if (const engine::LossGroup *const group = engine::loss_group(text)) {
@@ -127,6 +141,9 @@ Subject subject_of(const std::string &text) {
     }
     if (const auto kind = engine::finding_kind(text)) {
         return *kind;
+    }
+    if (text == Extra::name) {
+        return Extra{};
     }
     const auto cls = engine::loss_class(text);
     return cls ? Subject(*cls) : Subject(code_of(text));

@@ -75,6 +75,7 @@ class MirrorArguments {
         m_options.most = m_most.given() ? parse_count("--max-delete", m_most.values().front(), 0) : -1;
         const engine::MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem);
         refuse_backups(pair, batch.transfer.backup);
+        refuse_no_probe(m_noProbe, m_plan);
         if (!m_plan) {
             return MirrorRun(m_options, pair).run();
         }
@@ -103,6 +104,7 @@ class MirrorArguments {
             return;
         }
         m_command.add_flag("--dry-run", m_plan, "do nothing; tell what \"plan mirror\" tells");
+        add_dry_no_probe(m_command, m_noProbe);
         m_command.add_flag("--verify", batch.transfer.verify, "read each file back and compare it with its source");
         add_jobs_option(m_command, batch.jobs);
         m_command.rare().add_flag("-q,--quiet", batch.quiet, "say nothing but what fails; no progress line");

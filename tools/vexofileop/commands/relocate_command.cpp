@@ -9,6 +9,7 @@
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/usage_error.h"
+#include "tools/vexofileop/arguments/way_options.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/commands/plan_run.h"
@@ -30,7 +31,7 @@ namespace {
 
 struct RelocateOptions {
     bool keepSource = false, specials = false, yes = false, noProgress = false, json = false, verbose = false,
-         dryRun = false;
+         dryRun = false, noProbe = false;
     std::string report = {};
 };
 
@@ -96,7 +97,8 @@ class Relocation : private engine::RelocationObserver {
                                                            .specials = m_plan.request.specials,
                                                            .trees = true,
                                                            .accepted = m_plan.request.accepted},
-                                              .fresh = true},
+                                              .fresh = true,
+                                              .probe = !m_options.noProbe},
                                      .report = m_options.report,
                                      .verbose = m_options.verbose,
                                      .json = m_options.json,
@@ -248,6 +250,7 @@ void add_relocate_command(const Command &program, int &status) {
     command.rare().add_flag("--specials", options->specials, "make pipes, devices and sockets anew; else a loss");
     command.add_flag("-y,--yes", options->yes, "do not explain and ask first");
     command.add_flag("--dry-run", options->dryRun, "explain, tell what \"plan copy\" would, do nothing");
+    add_dry_no_probe(command, options->noProbe);
     const Option accept = add_accept_option(command);
     const Option report = add_report_option(command);
     command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
@@ -266,6 +269,7 @@ void add_relocate_command(const Command &program, int &status) {
                        "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
     command.set_work([&status, options, operands, accept, report] {
         options->report = report_path_of(report);
+        refuse_no_probe(options->noProbe, options->dryRun);
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");

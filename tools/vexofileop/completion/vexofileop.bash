@@ -16,7 +16,8 @@ _vexofileop_words() {
 # What an option takes, where that is one of some words: "--clone=" takes them behind the "=" alone.
 _vexofileop_values() {
     case $1 in
-    --accept | --accept= | --only | --only= | --ignore | --ignore=)
+    --accept | --accept=) vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v -e '^0x' -e '^store-' -e '^extra' ;;
+    --only | --only= | --ignore | --ignore=)
         vexofileop explain 2>/dev/null | cut -d' ' -f1 | grep -v -e '^0x' -e '^store-'
         ;;
     --clone=) printf '%s\n' auto always never ;;

@@ -26,7 +26,9 @@ end
 # The same of what an option takes, where that is one of some words: "--clone=" takes them behind the "=" alone.
 function __vexofileop_values
     switch "$argv[1]"
-        case --accept --accept= --only --only= --ignore --ignore=
+        case --accept --accept=
+            vexofileop explain 2>/dev/null | string match -v -r '^(0x|store-|extra)' | string replace '  ' \t
+        case --only --only= --ignore --ignore=
             vexofileop explain 2>/dev/null | string match -v -r '^(0x|store-)' | string replace '  ' \t
         case --clone=
             printf '%s\n' auto always never
