@@ -100,7 +100,7 @@ int BackupRun::run() {
     } else {
         m_failed = true;
     }
-    m_console.clear_progress();
+    m_console.end_progress();
     return finish(1);
 }
 
@@ -187,6 +187,7 @@ bool BackupRun::list_arrivals() {
 }
 
 void BackupRun::clear_bits() {
+    m_console.start_phase("clear");
     try {
         engine::BitClearing(m_pair.source, m_pair.destination, m_options.transfer.accepted, *this).run(*m_arrivals);
     } catch (const engine::Failure &failure) {
