@@ -112,6 +112,13 @@ TEST_F(Backup, DirectoryHoldsItWhereItLay) {
     EXPECT_EQ(0,
               run({"copy", "-f", "--backup-dir", scratch / "old", "--backup=.x", "tree/in/file", "to/tree/in"}).status);
     EXPECT_EQ("new", kit::readFile(scratch / "old/file.x"));
+    // Made with the directories above it, as rsync makes them.
+    kit::writeFile(scratch / "tree/in/file", "newest");
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup-dir", "../a/b/old", "tree", "to"}).status);
+    EXPECT_EQ("newer", kit::readFile(scratch / "a/b/old/tree/in/file"));
+    kit::writeFile(scratch / "to/tree/in/gone", "gone");
+    EXPECT_EQ(0, run({"mirror", "-f", "--backup-dir", scratch / "c/d", "tree", "to/tree"}).status);
+    EXPECT_EQ("gone", kit::readFile(scratch / "c/d/in/gone"));
 }
 
 TEST_F(Backup, MoveKeepsWhatItReplacesToo) {

@@ -5,6 +5,7 @@
 #include "tests/kit/volumes.h"
 #include "tests/tools/tool_process.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/mount.h>
@@ -152,6 +153,62 @@ TEST_F(HardLinks, StayOnTheWayToAnotherVolume) {
     EXPECT_FALSE(kit::exists(tree));
     EXPECT_EQ("content of /one", kit::readFile(scratch / "elsewhere"));
     EXPECT_EQ(elsewhere, kit::statOf(scratch / "elsewhere").st_ino);
+}
+
+// What stays of a file for a failure is one with what went before once it goes, too.
+TEST_F(HardLinks, StayWhereAMoveFailsForOneOfThemAndIsRunAgain) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    for (const char *jobs : {"-j1", "-j2"}) {
+        const std::string from = scratch / jobs, moved = volume / jobs;
+        expectQuiet(runTool({"copy", "-r", "-T", tree, from}));
+        ASSERT_EQ(0, ::mkdir(moved.c_str(), 0755));
+        kit::writeFile(moved + "/in", "is in the way");
+        EXPECT_EQ(1, runTool({"move", "-u", jobs, "-T", from, moved}).status);
+        ASSERT_TRUE(kit::exists(moved + "/one")) << jobs;
+        ASSERT_FALSE(kit::exists(from + "/one")) << jobs;
+        ASSERT_TRUE(kit::exists(from + "/in/two")) << jobs;
+        ASSERT_EQ(0, ::unlink((moved + "/in").c_str()));
+        expectQuiet(runTool({"move", "-u", jobs, "-T", from, moved}));
+        expectLinked(moved);
+        EXPECT_FALSE(kit::exists(from));
+    }
+    EXPECT_EQ((std::vector<std::string>{"-j1", "-j2"}), kit::namesIn(volume.path())) << "no note is left";
+}
+
+// A note is no proof: what it names has to be the same, and the note its reader's own.
+TEST_F(HardLinks, NoteOfAnEarlierMoveIsNotBelievedWithoutAProof) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const auto tamper = [&](int kind, const std::string &from, const std::string &moved) {
+        std::string note;
+        for (const std::string &name : kit::namesIn(volume.path())) {
+            note = name.ends_with(".links") ? volume / name : note;
+        }
+        ASSERT_NE("", note);
+        const struct stat copy = kit::statOf(moved + "/one");
+        const timespec times[] = {copy.st_atim, copy.st_mtim};
+        if (kind == 0) { // another content of the same length and time
+            kit::writeFile(from + "/in/two", "CONTENT OF /one");
+            ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/in/two").c_str(), times, 0));
+        } else if (kind == 1) {
+            ASSERT_EQ(0, ::chmod(note.c_str(), 0644)); // others may have had it
+        } else if (kind == 2) {
+            ASSERT_EQ(0, ::link(note.c_str(), (volume / "second").c_str()));
+        }
+    };
+    for (int kind = 0; kind < 3; ++kind) {
+        const std::string name = std::to_string(kind), from = scratch / name, moved = volume / name;
+        expectQuiet(runTool({"copy", "-r", "-T", tree, from}));
+        ASSERT_EQ(0, ::mkdir(moved.c_str(), 0755));
+        kit::writeFile(moved + "/in", "is in the way");
+        EXPECT_EQ(1, runTool({"move", "-T", from, moved}).status);
+        tamper(kind, from, moved);
+        ASSERT_EQ(0, ::unlink((moved + "/in").c_str()));
+        EXPECT_EQ(0, runTool({"move", "-u", "-T", from, moved}).status);
+        EXPECT_EQ("content of /one", kit::readFile(moved + "/one")) << kind;
+        EXPECT_EQ(kind == 0 ? "CONTENT OF /one" : "content of /one", kit::readFile(moved + "/in/two")) << kind;
+        EXPECT_FALSE(areOne(moved + "/one", moved + "/in/two")) << kind;
+        (void)::unlink((volume / "second").c_str());
+    }
 }
 
 TEST_F(HardLinks, StayInARelocatedDirectory) {

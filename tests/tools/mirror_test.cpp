@@ -217,6 +217,27 @@ TEST_F(Mirror, NoMoreGoThanAllowed) {
     EXPECT_EQ(0, compared());
 }
 
+TEST_F(Mirror, TellsProgramsWhyAnythingStays) {
+    const auto told = [&](const kit::Arguments &options, const std::string &from, const std::string &words) {
+        kit::Arguments all = options;
+        all.insert(all.end(), {"--json", from, copy});
+        const ToolResult result = runTool(all);
+        EXPECT_NE(0, result.status);
+        EXPECT_TRUE(mentions(result.out, words)) << result.out;
+    };
+    makeDirectory(scratch / "empty");
+    told({"mirror"}, tree, R"("removed":0,"left":8,"removal_refused":"declined")");
+    told({"mirror", "-f"}, scratch / "empty", R"("removal_refused":"empty-source")");
+    told({"plan", "mirror"}, scratch / "empty", R"("removal_refused":"empty-source")");
+    told({"plan", "mirror", "--max-delete", "5"}, tree, R"("remove":5,"left":3,"removal_refused":"max-delete")");
+    kit::writeFile(tree + "/._stray", "a name that is kept for metadata");
+    told({"mirror", "-f", "--max-errors", "1"}, tree, R"("removal_refused":"incomplete")");
+    told({"mirror", "-f", "--max-errors", "1"}, tree, R"("stopped_by":"max-errors")");
+    told({"mirror", "-f", "--stop-on-error"}, tree, R"("stopped_by":"stop-on-error")");
+    ASSERT_EQ(0, ::unlink((tree + "/._stray").c_str()));
+    told({"mirror", "-f", "--max-delete", "5"}, tree, R"("removed":5,"left":3,"removal_refused":"max-delete")");
+}
+
 TEST_F(Mirror, WhatIsLeftOutStays) {
     kit::writeFile(tree + "/big", std::string(5000, 'b'));
     kit::writeFile(copy + "/big", "small");
@@ -554,6 +575,14 @@ struct SweepScene {
         for (const char *name : {"/copy/kind", "/copy/old", "/copy/in/old", "/copy/gone/old", "/copy/was/old"}) {
             kit::writeFile(scratch.path() + name, "old");
         }
+        // One file, of which a name takes the place of one of another, and one that of a directory's obstacle.
+        for (const char *name : {"/tree/first", "/tree/kind/four", "/tree/zz"}) {
+            EXPECT_EQ(0, ::link((scratch / "tree/in/two").c_str(), (scratch.path() + name).c_str()));
+        }
+        kit::writeFile(scratch / "copy/first", "old");
+        for (const char *name : {"/copy/in/first", "/copy/zzz"}) {
+            EXPECT_EQ(0, ::link((scratch / "copy/first").c_str(), (scratch.path() + name).c_str()));
+        }
         kit::writeFile(scratch.path() + "/tree/@eaDir/one@VexoEAStream", stream::bytes({{"comment", "new"}}));
         kit::writeFile(scratch.path() + "/copy/@eaDir/old@VexoEAStream", stream::bytes({{"comment", "old"}}));
     }
@@ -567,7 +596,7 @@ struct SweepScene {
     // What went, or was replaced, with what was kept beside it. Empty, or what is missing.
     std::string lostOfOld() const {
         std::string lost;
-        for (const char *name : {"/kind", "/old", "/in/old", "/gone/old", "/was/old"}) {
+        for (const char *name : {"/kind", "/old", "/in/old", "/gone/old", "/was/old", "/first", "/in/first", "/zzz"}) {
             const std::string path = scratch.path() + "/kept" + name;
             lost += kit::exists(path) && kit::readFile(path) == "old" ? "" : std::string(name) + "; ";
         }
@@ -577,12 +606,17 @@ struct SweepScene {
     }
     std::string sourceNow() const {
         std::string all;
-        for (const char *name : {"/tree/one", "/tree/was", "/tree/in/two", "/tree/kind/three"}) {
+        for (const char *name :
+             {"/tree/one", "/tree/was", "/tree/in/two", "/tree/kind/three", "/tree/first", "/tree/zz"}) {
             all += kit::readFile(scratch.path() + name) + "\n";
         }
         return all;
     }
-    bool equal() const { return runTool({"compare", scratch / "tree", scratch / "copy"}).status == 0; }
+    // With the names of one file, which a comparison tells, too.
+    bool equal() const {
+        return runTool({"compare", scratch / "tree", scratch / "copy"}).status == 0 &&
+               kit::statOf(scratch / "copy/first").st_nlink == 4 && kit::statOf(scratch / "copy/one").st_nlink == 1;
+    }
     kit::ScratchDirectory scratch;
 };
 

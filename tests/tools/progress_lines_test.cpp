@@ -70,6 +70,38 @@ TEST_F(ProgressLines, BeginAndEndWithWhatIsToBeDone) {
     }
 }
 
+TEST_F(ProgressLines, EachPhaseIsOneOfItsOwn) {
+    ASSERT_EQ(0, ::mkdir(copy.c_str(), 0755));
+    kit::writeFile(copy + "/old", "old");
+    const std::string other = scratch / "other";
+    using Phases = std::vector<std::string>;
+    const auto phases = [&](const kit::Arguments &arguments, int64_t removed) {
+        const ToolResult result = runTool(arguments);
+        EXPECT_EQ(0, result.status) << result.err;
+        Phases seen;
+        const std::vector<Object> events = eventsOf(result.err);
+        for (const Object &event : events) {
+            json_object *phase = nullptr;
+            EXPECT_TRUE(json_object_object_get_ex(event.get(), "phase", &phase));
+            if (seen.empty() || seen.back() != json_object_get_string(phase)) {
+                seen.emplace_back(json_object_get_string(phase));
+            }
+        }
+        EXPECT_EQ(3, numberIn(events.back(), "files")) << arguments.front();
+        EXPECT_EQ(3, numberIn(events.back(), "files_total")) << arguments.front();
+        if (removed > 0) {
+            EXPECT_EQ(removed, numberIn(events.back(), "removed")) << arguments.front();
+        }
+        return seen;
+    };
+    EXPECT_EQ((Phases{"copy", "sync", "remove", "sync"}),
+              phases({"mirror", "-f", "--sync=volume", "--progress=json", tree, copy}, 1));
+    EXPECT_EQ((Phases{"copy", "sync"}),
+              phases({"copy", "-r", "--sync=volume", "--progress=json", tree, scratch / "third"}, 0));
+    EXPECT_EQ((Phases{"copy", "compare", "remove"}), phases({"relocate", "-y", "--progress=json", tree, other}, 0));
+    EXPECT_EQ(Phases{"remove"}, phases({"remove", "-rq", "--progress=json", other}, 5));
+}
+
 TEST_F(ProgressLines, EndWithWhatWasDoneWhenTheyAreStopped) {
     ASSERT_EQ(0, ::mkdir((scratch / "to").c_str(), 0755));
     ASSERT_EQ(0, ::mkdir((scratch / "to/two").c_str(), 0755));

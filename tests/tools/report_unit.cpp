@@ -27,6 +27,18 @@ Report filled() {
     report.count(Fate::failed, 1, 0);
     report.begin("/second", "/third");
     report.count(Fate::cloned, 2, 7);
+    engine::Outcome outcome;
+    outcome.destination = "/to/<new>";
+    outcome.backup = "/to/<old>~";
+    outcome.oldNames = 2;
+    outcome.oldNamesKnown = {"/to/<other>"};
+    report.replaced("/from/new", outcome);
+    report.kept("/to/gone", "/kept/gone");
+    outcome = {};
+    outcome.destination = "/to/inside";
+    report.replaced("/from/inside", outcome); // of which nothing is left
+    outcome.inPlace = true;
+    report.replaced("/from/inside", outcome);
     report.problem("/from/<script>", "/to/x", "permission <denied>");
     report.loss("/from/<i>", "/to/\xfe", {LossClass::owner, "owner differs: 1 & 2"});
     report.loss("/from/s", "/to/s", {LossClass::stream, "stream <x>: only at the first, 1 bytes"});
@@ -48,6 +60,12 @@ TEST(Report, PageIsWholeAndEscaped) {
     EXPECT_TRUE(mentions(page, "<b>1 named stream not kept</b> (stream, lost)"));
     EXPECT_TRUE(mentions(page, "<title>30 copied, 3.0 MiB</title>"));
     EXPECT_TRUE(mentions(page, "exit status 1"));
+    EXPECT_TRUE(mentions(page,
+                         "<code>/to/&lt;new&gt;</code>: the old one is kept as <code>/to/&lt;old&gt;~</code>: the "
+                         "old one had 2 other names, which kept its content then: "
+                         "<code>/to/&lt;other&gt;</code></li>"));
+    EXPECT_TRUE(mentions(page, "<code>/to/gone</code>: the old one is kept as <code>/kept/gone</code>"));
+    EXPECT_TRUE(mentions(page, "<code>/to/inside</code>: written in place"));
 }
 
 TEST(Report, JsonHasTheSame) {
@@ -70,6 +88,10 @@ TEST(Report, JsonHasTheSame) {
     EXPECT_EQ(R"([{"source":"/from/<script>","destination":"/to/x","reason":"permission <denied>"}])",
               text("problems"));
     EXPECT_TRUE(mentions(text("receipt"), R"({"class":"owner","severity":"changed","count":1,"accepted":true})"));
+    EXPECT_EQ(R"([{"source":"/from/new","destination":"/to/<new>","backup":"/to/<old>~","old_names":2,)"
+              R"("old_names_known":[{"path":"/to/<other>"}]},{"destination":"/to/gone","backup":"/kept/gone"},)"
+              R"({"source":"/from/inside","destination":"/to/inside","in_place":true}])",
+              text("replaced"));
     EXPECT_TRUE(mentions(text("losses"), R"({"event":"loss","class":"stream","severity":"lost","source":"/from/s")"));
 }
 

@@ -50,7 +50,7 @@ class StoreCommand : public testing::Test {
 TEST_F(StoreCommand, ExitStatusIsThatOfACheckOfAFileSystem) {
     ToolResult result = store({"check", "-r", tree});
     EXPECT_EQ(0, result.status);
-    EXPECT_EQ("1 stores in 1 directories: 0 findings\n", result.out);
+    EXPECT_EQ("1 store in 1 directory: 0 findings\n", result.out);
     EXPECT_EQ("", result.err);
 
     with_stream("/below", "file", sound + "more");
@@ -58,7 +58,7 @@ TEST_F(StoreCommand, ExitStatusIsThatOfACheckOfAFileSystem) {
     result = store({"check", "-r", tree});
     EXPECT_EQ(4, result.status);
     EXPECT_EQ(place("/below", "file") + ": 4 bytes follow its end at " + std::to_string(sound.size()) +
-                  "; a repair: cut off (store-extra-bytes)\n2 stores in 2 directories: 1 findings\n",
+                  "; a repair: cut off (store-extra-bytes)\n2 stores in 2 directories: 1 finding\n",
               result.out);
     EXPECT_EQ("", store({"check", "-rq", tree}).out);
     EXPECT_EQ(8, store({"check", tree, scratch / "none"}).status);
@@ -205,7 +205,7 @@ TEST_F(StoreCommand, ConversionTellsWhatItDoesAndWhatItLeaves) {
     EXPECT_EQ(4, result.status) << "a fork in a stream is read nowhere";
     EXPECT_TRUE(mentions(result.out, tree + "/sound: left: its attribute stream has a Finder Info or a resource fork"))
         << result.out;
-    EXPECT_TRUE(mentions(result.out, "1 stores in 1 directories: 0 would be converted, 1 left\n")) << result.out;
+    EXPECT_TRUE(mentions(result.out, "1 store in 1 directory: 0 would be converted, 1 left\n")) << result.out;
 
     with_stream("", "sound", stream::bytes({{"note", "text"}}));
     with_stream("/below", "file", stream::bytes({{"note", "text"}}));

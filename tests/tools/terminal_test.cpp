@@ -188,7 +188,7 @@ TEST_F(Terminal, CtrlCStopsTheCopyAndLeavesNoHalfFile) {
     const ToolResult result = tool.finish();
     EXPECT_EQ(130, result.status);
     EXPECT_FALSE(result.killed);
-    EXPECT_NE(std::string::npos, result.out.find("vexofileop: stopped; 0 of 1 files copied")) << result.out;
+    EXPECT_NE(std::string::npos, result.out.find("vexofileop: stopped; 0 of 1 file copied")) << result.out;
     EXPECT_TRUE(kit::namesIn(scratch.path()).empty());
 }
 
@@ -353,7 +353,7 @@ TEST_F(Question, CtrlCAtTheQuestionStops) {
     tool().type("\x03");
     const ToolResult result = tool().finish();
     EXPECT_EQ(130, result.status);
-    EXPECT_NE(std::string::npos, result.out.find("stopped; 0 of 1 files copied")) << result.out;
+    EXPECT_NE(std::string::npos, result.out.find("stopped; 0 of 1 file copied")) << result.out;
     EXPECT_EQ("old", kit::readFile(target()));
 }
 

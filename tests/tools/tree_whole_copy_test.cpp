@@ -287,10 +287,11 @@ TEST_F(WholeCopy, FilesThatFailAreNamedWithTheirReason) {
     ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &before));
     const rlimit limited{16 << 10, before.rlim_max};
     ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limited));
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
     const ToolResult result = copyBothWays();
-    std::signal(SIGXFSZ, handler);
+    const ToolResult shared = runTool({"copy", "-r", "-j2", from, scratch / "shared"});
     ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &before));
+    EXPECT_EQ(1, shared.status) << shared.err;
+    EXPECT_FALSE(mentions(shared.err, "worker")) << shared.err;
     EXPECT_EQ(1, result.status);
     EXPECT_TRUE(mentions(result.err, sub + "/large -> " + to + "/sub/large: ")) << result.err;
     EXPECT_TRUE(mentions(result.err, " (0xAA00)\n")) << result.err;

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
@@ -116,6 +118,50 @@ TEST_F(Retried, EachCallThatIsRefusedOnceIsNoFailureOrLeavesTheOldFile) {
         }
     }
     EXPECT_LT(3, failedBefore);
+}
+
+// Somebody changes what is kept for the file, and is done while the copy waits.
+TEST_F(Retried, LockedStreamIsTriedAgain) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root makes stores";
+    }
+    struct Releasing : ManualClock {
+        void sleep(int64_t nanoseconds) override {
+            ManualClock::sleep(nanoseconds);
+            if (sleeps == 2) {
+                ::close(held);
+            }
+        }
+        int held = -1;
+    };
+    for (const int retries : {0, 1, 4}) {
+        const Scene scene;
+        const std::string stream = scene.scratch / "@eaDir/file@VexoEAStream",
+                          bytes = stream::bytes({{"comment", "new"}});
+        ASSERT_EQ(0, ::mkdir((scene.scratch / "@eaDir").c_str(), 0755));
+        kit::writeFile(stream, bytes);
+        Releasing clock;
+        clock.held = ::open(stream.c_str(), O_RDWR | O_CLOEXEC);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        ASSERT_EQ(0, ::fcntl(clock.held, F_OFD_SETLK, &lock));
+        RetryWatcher watcher;
+        Transfer transfer({.conflict = Conflict::replace, .retries = retries, .clock = &clock}, watcher);
+        transfer.run(scene.scratch / "file", scene.scratch / "to/file");
+        EXPECT_EQ(std::min(retries, 2), clock.sleeps);
+        const std::string copied = scene.scratch / "to/@eaDir/file@VexoEAStream";
+        if (retries == 4) {
+            EXPECT_EQ(Status::done, watcher.last.status);
+            EXPECT_TRUE(watcher.last.losses.empty());
+            EXPECT_EQ("new", kit::readFile(scene.scratch / "to/file"));
+            EXPECT_EQ(bytes, kit::readFile(copied));
+        } else { // it is told that it is not there
+            EXPECT_TRUE(watcher.last.status == Status::failed || !watcher.last.losses.empty()) << retries;
+            EXPECT_FALSE(kit::exists(copied)) << retries;
+            ::close(clock.held);
+        }
+        EXPECT_EQ(bytes, kit::readFile(stream));
+    }
 }
 
 TEST_F(Retried, RefusedRenamingIsTriedAgain) {

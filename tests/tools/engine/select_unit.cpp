@@ -52,12 +52,19 @@ std::string left_out(const std::vector<std::string> &tree, const Takes &takes) {
     return out;
 }
 
+bool has_several_rules(const std::string &row) {
+    return row.starts_with("- ") || row.starts_with("+ ");
+}
+
 // tests/tools/patterns/against_rsync holds the table against rsync.
 TEST(Select, PatternsAreThoseOfRsync) {
     const Table table;
     ASSERT_GE(table.rows.size(), 200U);
     ASSERT_FALSE(table.tree.empty());
     for (const auto &[text, expected] : table.rows) {
+        if (has_several_rules(text)) {
+            continue;
+        }
         const Pattern pattern(text);
         EXPECT_EQ(expected, left_out(table.tree, [&](std::string_view path,
                                                      bool directory) { return !pattern.matches(path, directory); }))
@@ -70,6 +77,22 @@ std::string left_out_by(const std::string &rules) {
     EXPECT_EQ(std::nullopt, selection.add_rules(rules));
     return left_out(Table().tree,
                     [&](std::string_view path, bool directory) { return selection.takes_name(path, directory); });
+}
+
+TEST(Select, SeveralRulesAreThoseOfRsync) {
+    int several = 0;
+    for (const auto &[text, expected] : Table().rows) {
+        if (!has_several_rules(text)) {
+            continue;
+        }
+        ++several;
+        std::string rules = text + "\n";
+        for (size_t at = 0; (at = rules.find(" | ")) != std::string::npos;) {
+            rules.replace(at, 3, "\n");
+        }
+        EXPECT_EQ(expected, left_out_by(rules)) << text;
+    }
+    EXPECT_LE(60, several);
 }
 
 TEST(Select, FirstRuleThatFitsDecides) {

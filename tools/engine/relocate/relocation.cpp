@@ -131,10 +131,11 @@ class Staging : public TransferObserver {
 
     bool stopped() const override { return failed || m_observer.stopped(); }
     void tree(const std::string &) override {}
-    void arrived(const std::string &, int, int64_t) override {}
+    void arrived(const std::string &, int files, int64_t) override { m_observer.arrived(files); }
     void progress(int64_t bytes, bool) override { m_observer.progress(bytes); }
     bool may_replace(const std::string &) override { return false; }
     void entry(EntryKind kind, const std::string &source, const Outcome &outcome) override {
+        m_observer.arrived(kind != EntryKind::directory && outcome.status == Status::done ? 1 : 0);
         if (outcome.status != Status::failed || kind == EntryKind::other || stopped()) {
             return;
         }
@@ -448,6 +449,7 @@ void Relocating::finish() {
     } else if (from && m_result.missing == 0) {
         compare_top();
     }
+    m_observer.removing();
     const bool oldGone = !m_observer.stopped() && remove_old();
     bool sourceRemains = begun && from;
     if (m_result.missing == 0 && !m_request.keepSource && !m_observer.stopped()) {

@@ -35,6 +35,10 @@ class RelocationObserver : public Observer {
   public:
     // So many more bytes are copied.
     virtual void progress(int64_t bytes) = 0;
+    // So many more files, and what else is no directory, are copied.
+    virtual void arrived(int64_t files) { (void)files; }
+    // Everything is in its place; what is to go is removed.
+    virtual void removing() {}
     // The copying is over, however it ended.
     virtual void copied() = 0;
     // An entry that could not be copied, or could not be removed.

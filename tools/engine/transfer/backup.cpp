@@ -54,6 +54,16 @@ HeldDirectory made_like(const HeldDirectory &parent, const std::string &name, co
     return {parent, name};
 }
 
+// As far as they are not there. False, with errno: it is not.
+bool make_with_parents(const std::string &path) {
+    if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) {
+        return true;
+    }
+    const std::string above = parent_of(path);
+    return errno == ENOENT && above != path && make_with_parents(above) &&
+           (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST);
+}
+
 } // namespace
 
 void Backups::begin(const std::string &top) {
@@ -126,7 +136,7 @@ std::optional<Backups::Place> Backups::open(const std::string &destination, cons
     if (other.empty()) {
         return place;
     }
-    if (::mkdir(m_directory.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (!make_with_parents(m_directory)) {
         return std::nullopt;
     }
     place.other = HeldDirectory(m_directory);

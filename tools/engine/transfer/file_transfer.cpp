@@ -258,6 +258,7 @@ Outcome FileTransfer::attempted(Attempt &attempt, const std::string &destination
         }
         return outcome;
     }
+    prove_claim(attempt);
     if (destinationError != 0) {
         return failure(destination, destinationError == ENOENT ? problem_of(kDestinationMissing)
                                                                : problem_of_errno(destinationError));
@@ -1200,8 +1201,49 @@ void FileTransfer::prove(const Attempt &attempt, Outcome &outcome) const {
     }
 }
 
+// What an earlier run has made of another name of this file is read before this name becomes one of it, or goes: a note
+// is no proof.
+void FileTransfer::prove_claim(const Attempt &attempt) {
+    const bool move = m_options.operation == Operation::move;
+    const auto *const made = move && !attempt.asItIs ? m_linked.claimed(*attempt.entry) : nullptr;
+    if (made == nullptr) {
+        return;
+    }
+    const HeldDirectory directory(parent_of(made->path));
+    const auto is_other = [](const Loss &one) {
+        return one.cls == LossClass::data || one.cls == LossClass::unreadable;
+    };
+    const bool proven =
+        directory.is_open() &&
+        std::ranges::none_of(compare_entries(attempt.from.side(attempt.sourceName),
+                                             directory.side(base_name(made->path)), compare_options(true)),
+                             is_other);
+    if (proven) {
+        m_linked.prove(*attempt.entry);
+    } else if (!m_observer.stopped()) {
+        m_linked.forget(*attempt.entry);
+    }
+}
+
+// Before the first of its names goes.
+void FileTransfer::note_links(const Attempt &attempt) {
+    const auto *const made = attempt.asItIs ? nullptr : m_linked.take_note(*attempt.content);
+    if (made == nullptr) {
+        return;
+    }
+    const std::string record =
+        LinkNotes::Record{LinkNotes::number_of_volume(attempt.file.get()), *attempt.content, made->file, made->path}
+            .text();
+    if (m_ledger != nullptr) {
+        m_ledger->note(record);
+    } else {
+        note_link(record);
+    }
+}
+
 // The copy is whole. What goes is what was copied, and nothing that came in its place meanwhile.
 void FileTransfer::remove_source(Attempt &attempt, Outcome &outcome) {
+    note_links(attempt);
     const Witness copied(attempt.asItIs ? *attempt.entry : *attempt.content);
     const auto remove = [&] {
         return remove_with_store(attempt.from, attempt.sourceName, false, [&] {

@@ -14,6 +14,7 @@
 #include "tools/engine/transfer/held_directory.h"
 #include "tools/engine/transfer/ledger.h"
 #include "tools/engine/transfer/link_lease.h"
+#include "tools/engine/transfer/link_notes.h"
 #include "tools/engine/transfer/linked_files.h"
 #include "tools/engine/transfer/pace.h"
 #include "tools/engine/transfer/retry_policy.h"
@@ -25,6 +26,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <vector>
@@ -92,7 +94,21 @@ class FileTransfer {
     // Whether what failed is to be tried once more; it waits for that.
     RetryPolicy &patience() { return m_patience; }
     // Where the paths of destinations go down from, for backups.
-    void goes_below(const std::string &top) { m_backups.begin(top); }
+    // `source`: what is to go there.
+    void goes_below(const std::string &top, const std::string &source) {
+        m_backups.begin(top);
+        if (m_options.operation == Operation::move && m_options.hardLinks) {
+            m_notes.begin(top, source, m_linked);
+        }
+    }
+    // What another process has to note of a file of several names.
+    void note_link(std::string_view record) {
+        m_notes.add(LinkNotes::Record::from(record), m_options.sync != Sync::none);
+    }
+    // What became of an entry of the request, whoever has carried it.
+    void came_of(const Outcome &outcome) { m_failed = m_failed || outcome.status == Status::failed; }
+    // The run is over. A run after one that was stopped or has failed goes on with what was noted.
+    void end_notes() { m_notes.end((m_failed || m_observer.stopped()) && m_linked.has_noted()); }
     // Something is going to be made there.
     void begins_in(const HeldDirectory &to) {
         if (m_options.sync == Sync::volume) {
@@ -149,6 +165,8 @@ class FileTransfer {
                                         bool replace);
     void carry_metadata(Attempt &attempt, const HeldDirectory &to, const std::string &name);
     std::optional<Problem> carry_closed(Attempt &attempt, const std::string &name);
+    void prove_claim(const Attempt &attempt);
+    void note_links(const Attempt &attempt);
     void remove_source(Attempt &attempt, Outcome &outcome);
     void compare(Attempt &attempt, const std::string &name);
     LinkedNames::Tell tell_apart();
@@ -168,6 +186,8 @@ class FileTransfer {
     HeldDirectory m_from, m_to;
     WrittenEntries m_written; // destinations of this run
     LinkedFiles m_linked;
+    LinkNotes m_notes;
+    bool m_failed = false;
     LinkedNames m_names;
     Ledger *m_ledger = nullptr;
     ClonePolicy m_clones;

@@ -37,6 +37,8 @@ class Ledger {
     // for it waits.
     virtual std::string take(const FileNumber &file) = 0;
     virtual void give_back(const FileNumber &file, const std::string &known) = 0;
+    // What is to be known of it after a kill, as LinkNotes writes it down, is noted now.
+    virtual void note(const std::string &record) = 0;
     // One of its names has arrived.
     virtual void named(const LinkedName &name) = 0;
 };

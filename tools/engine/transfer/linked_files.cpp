@@ -3,8 +3,10 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
+#include "tools/engine/walk/units.h"
 #include "tools/engine/workers/record.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -73,7 +75,7 @@ void LinkedFiles::add(const struct stat &file) {
 const LinkedFiles::Made *LinkedFiles::find(const struct stat &file) const {
     const auto found = m_files.find(inode_of(file));
     const bool known = found != m_files.end() && S_ISREG(file.st_mode) && !found->second.path.empty() &&
-                       Witness(found->second.source).is(file);
+                       !found->second.claimed && Witness(found->second.source).is(file);
     return known ? &found->second : nullptr;
 }
 
@@ -88,6 +90,52 @@ void LinkedFiles::placed(const struct stat &file, const HeldDirectory &to, const
     if (known.path.empty() || known.file.st_dev == made->st_dev || !Witness(known.source).is(file)) {
         known = {file, *made, joined(to.path(), name), alone};
     }
+}
+
+void LinkedFiles::claim(const FileNumber &file, Made made) {
+    made.noted = made.claimed = true;
+    m_files.try_emplace(file, std::move(made));
+}
+
+const LinkedFiles::Made *LinkedFiles::claimed(const struct stat &file) {
+    const auto found = m_files.find(inode_of(file));
+    if (found == m_files.end() || !found->second.claimed || !S_ISREG(file.st_mode)) {
+        return nullptr;
+    }
+    Made &made = found->second;
+    struct stat now {};
+    if (file.st_size != made.source.st_size || !same_time(file.st_mtim, made.source.st_mtim) ||
+        ::lstat(made.path.c_str(), &now) != 0 || !is_still(made.file, now)) {
+        m_files.erase(found);
+        return nullptr;
+    }
+    return &made;
+}
+
+void LinkedFiles::prove(const struct stat &file) {
+    const auto found = m_files.find(inode_of(file));
+    if (found != m_files.end()) {
+        found->second.source = file;
+        found->second.claimed = false;
+    }
+}
+
+const LinkedFiles::Made *LinkedFiles::take_note(const struct stat &file) {
+    const Made *const made = find(file);
+    if (made == nullptr || made->noted || made->alone || file.st_nlink < 2) {
+        return nullptr;
+    }
+    m_files[inode_of(file)].noted = true;
+    return made;
+}
+
+bool LinkedFiles::has_noted() const {
+    return std::ranges::any_of(m_files, [](const auto &known) {
+        const Made &made = known.second;
+        struct stat there {};
+        return made.noted && (!made.claimed || (::lstat(made.path.c_str(), &there) == 0 && is_still(made.file, there) &&
+                                                there.st_nlink < made.source.st_nlink));
+    });
 }
 
 bool LinkedFiles::is_there(const struct stat &file, const std::optional<struct stat> &there) const {
@@ -141,7 +189,14 @@ std::string LinkedFiles::written_down(const FileNumber &file) const {
         return {};
     }
     const Made &made = found->second;
-    return RecordWriter().number(made.source).number(made.file).text(made.path).number(made.alone).bytes();
+    return RecordWriter()
+        .number(made.source)
+        .number(made.file)
+        .text(made.path)
+        .number(made.alone)
+        .number(made.noted)
+        .number(made.claimed)
+        .bytes();
 }
 
 std::string LinkedFiles::take_out(const FileNumber &file) {
@@ -161,6 +216,8 @@ void LinkedFiles::put_in(const FileNumber &file, const std::string &known) {
     made.file = reader.number<struct stat>();
     made.path = reader.text();
     made.alone = reader.number<bool>();
+    made.noted = reader.number<bool>();
+    made.claimed = reader.number<bool>();
 }
 
 } // namespace engine

@@ -17,6 +17,14 @@ namespace engine {
 // Keeps a record for each file of the source that has, or had, more than one name, however many they are.
 class LinkedFiles {
   public:
+    struct Made {
+        struct stat source = {}, file = {};
+        std::string path = {}; // empty: nothing has been made of it
+        bool alone = false;
+        bool noted = false;   // for runs that come after a kill
+        bool claimed = false; // by such a note, and not proven yet
+    };
+
     // Whether a name of this file went before. A file of one name is known only when it has lost others to this run.
     bool contains(const struct stat &file) const;
     // Takes note of a file that has several.
@@ -40,6 +48,18 @@ class LinkedFiles {
     // A name of the source went, or a store was brought up to date: that is no change of the file. `now`: as it is.
     void touched(const struct stat &now);
 
+    // What a note says that an earlier run has made of a file: it counts once that is proven.
+    void claim(const FileNumber &file, Made made);
+    // The same of a source, as long as both of them are what was noted; what is not is forgotten.
+    const Made *claimed(const struct stat &file);
+    void prove(const struct stat &file);
+    void forget(const struct stat &file) { m_files.erase({file.st_dev, file.st_ino}); }
+    // What is to be noted of a file before a name of it goes; nothing: it is, or nobody could make use of it.
+    const Made *take_note(const struct stat &file);
+    // Whether names are left of files that have been noted. Of one that nobody has met: whether fewer names have
+    // arrived than there were.
+    bool has_noted() const;
+
     bool empty() const { return m_files.empty(); }
     // What is known of one file, for another process; empty: nothing. Taken out, this one knows it no more.
     std::string written_down(const FileNumber &file) const;
@@ -47,11 +67,6 @@ class LinkedFiles {
     void put_in(const FileNumber &file, const std::string &known);
 
   private:
-    struct Made {
-        struct stat source = {}, file = {};
-        std::string path = {}; // empty: nothing has been made of it
-        bool alone = false;
-    };
     const Made *find(const struct stat &file) const;
 
     std::map<FileNumber, Made> m_files;

@@ -123,7 +123,7 @@ void SharedTransfer::hear(uint64_t worker, RecordReader &reader) {
 void SharedTransfer::hear_of_entry(Member &member, RecordReader &reader) {
     const auto kind = reader.number<EntryKind>();
     member.last = reader.text();
-    m_observer.entry(kind, member.last, read_outcome(reader));
+    tell(kind, member.last, read_outcome(reader));
 }
 
 void SharedTransfer::hear_of_retry(RecordReader &reader) {
@@ -167,7 +167,12 @@ void SharedTransfer::hear_of_part(Member &member, TransferEvent event, RecordRea
 // Nothing: another worker has the file in hand.
 std::optional<std::string> SharedTransfer::asked(uint64_t worker, std::string_view record) {
     RecordReader reader(record);
-    if (reader.number<TransferQuestion>() == TransferQuestion::mark_of) {
+    const auto question = reader.number<TransferQuestion>();
+    if (question == TransferQuestion::note) {
+        m_files.note_link(reader.text());
+        return "";
+    }
+    if (question == TransferQuestion::mark_of) {
         const bool directory = reader.number<Ledger::Kind>() == Ledger::Kind::directory;
         const FileNumber entry = read_file_number(reader);
         const WrittenEntries &entries = directory ? m_trees.made() : m_files.written();
@@ -221,12 +226,17 @@ void SharedTransfer::not_finished(const TreePart &part, const std::string &sourc
     const auto there = look(outcome.destination);
     if (m_options.operation == Operation::move && !found && there) {
         outcome.warning = Problem{"moved, but what was lost of it is not known: " + reason};
-        m_observer.entry(entry_kind(there->st_mode), source, outcome);
+        tell(entry_kind(there->st_mode), source, outcome);
         return;
     }
     outcome.status = Status::failed;
     outcome.problem = Problem{"not finished: " + reason};
-    m_observer.entry(found ? entry_kind(found->st_mode) : EntryKind::other, source, outcome);
+    tell(found ? entry_kind(found->st_mode) : EntryKind::other, source, outcome);
+}
+
+void SharedTransfer::tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
+    m_files.came_of(outcome);
+    m_observer.entry(kind, source, outcome);
 }
 
 } // namespace engine

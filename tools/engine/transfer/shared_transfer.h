@@ -33,6 +33,9 @@ class SharedTransfer : public TreeSharer, private Overseer {
 
     Yield run(const WorkerPool::Source &next) override { return m_pool.run(next); }
 
+    // Files of several names went before, of which the last one may be left.
+    void has_linked_files() { *m_linkedFiles = true; }
+
   private:
     // A part that a worker has begun.
     struct Begun {
@@ -57,6 +60,7 @@ class SharedTransfer : public TreeSharer, private Overseer {
     void hear_of_entry(Member &member, RecordReader &reader);
     void hear_of_retry(RecordReader &reader);
     void hear_of_name(RecordReader &reader);
+    void tell(EntryKind kind, const std::string &source, const Outcome &outcome);
     void not_finished(const TreePart &part, const std::string &source, const std::string &reason);
 
     const TransferOptions m_options;

@@ -37,7 +37,7 @@ bool Transfer::is_tree(const std::string &source) const {
 }
 
 void Transfer::run(const std::string &source, const std::string &destination) {
-    m_files.goes_below(source.ends_with("/.") ? destination : parent_of(destination));
+    goes_below(source.ends_with("/.") ? destination : parent_of(destination), source);
     TreeSelection selection(m_options.selection);
     selection.begin(source, true);
     // What cannot be looked at is for the transfer to tell; what a directory holds is not that directory.
@@ -59,23 +59,36 @@ void Transfer::run(const std::string &source, const std::string &destination) {
     const std::string name = without_dot(source);
     GivenName given = m_trees.named(name, destination);
     if (given.problem) {
-        m_observer.entry(kind, name, failure(destination, std::move(*given.problem)));
+        tell(kind, name, failure(destination, std::move(*given.problem)));
         return;
     }
     Surroundings around;
     around.known = std::move(given.losses);
-    m_observer.entry(kind, name, m_files.run(name, given.name, {}, around));
+    tell(kind, name, m_files.run(name, given.name, {}, around));
+}
+
+void Transfer::tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
+    m_files.came_of(outcome);
+    m_observer.entry(kind, source, outcome);
+}
+
+void Transfer::goes_below(const std::string &top, const std::string &source) {
+    m_files.goes_below(top, source);
+    if (m_shared != nullptr && !m_files.linked().empty()) {
+        m_shared->has_linked_files();
+    }
 }
 
 void Transfer::leave() {
     m_trees.leave();
     m_files.finish_names();
     m_files.write_out_volumes();
+    m_files.end_notes();
 }
 
 void Transfer::run_below(const std::string &base, const std::string &top, const std::string &name,
                          const NamesBelow &how) {
-    m_files.goes_below(top);
+    goes_below(top, base);
     if (const std::string source = joined(base, name); how.alone || is_tree(source)) {
         m_observer.tree(source);
     }

@@ -38,6 +38,9 @@ class Transfer {
     bool is_tree(const std::string &source) const;
 
   private:
+    void goes_below(const std::string &top, const std::string &source);
+    void tell(EntryKind kind, const std::string &source, const Outcome &outcome);
+
     TransferOptions m_options;
     TransferObserver &m_observer;
     FileTransfer m_files;

@@ -97,6 +97,11 @@ void TransferTelling::give_back(const FileNumber &file, const std::string &known
     m_crew.tell_now({});
 }
 
+void TransferTelling::note(const std::string &record) {
+    flush();
+    (void)m_crew.ask(RecordWriter().number(TransferQuestion::note).text(record).bytes());
+}
+
 void TransferTelling::named(const LinkedName &name) {
     m_pending.number(TransferEvent::named).number(name.first.first).number(name.first.second).number(name.names);
     m_pending.number(name.second.first).number(name.second.second).number(name.arrived);

@@ -35,6 +35,7 @@ enum class TransferEvent : uint8_t {
 enum class TransferQuestion : uint8_t {
     mark_of, // kind, volume, inode, place; answered by whether it is known, and the mark
     take,    // volume, inode; answered by what is known
+    note,    // what is to be noted of a file; answered once that is done
 };
 
 class TransferTelling : public TransferObserver, public Ledger {
@@ -56,6 +57,7 @@ class TransferTelling : public TransferObserver, public Ledger {
     bool has_linked_files() const override { return m_linkedFiles; }
     std::string take(const FileNumber &file) override;
     void give_back(const FileNumber &file, const std::string &known) override;
+    void note(const std::string &record) override;
     void named(const LinkedName &name) override;
 
     // Parts of this worker, of which the last one that has begun is being done.

@@ -132,6 +132,7 @@ class TreeTransfer {
     bool failed(const std::string &source, const std::string &destination, Problem problem,
                 std::vector<Loss> losses = {});
     void tell(EntryKind kind, const std::string &source, const Outcome &outcome) {
+        m_files.came_of(outcome);
         m_observer.entry(kind, source, outcome);
     }
 

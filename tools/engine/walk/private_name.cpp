@@ -80,6 +80,11 @@ bool is_private_name(std::string_view name) {
     return name.starts_with(kPrefix);
 }
 
+std::optional<Maker> maker_of(std::string_view privateName) {
+    const auto parts = parts_of(privateName);
+    return parts ? std::optional(parts->maker) : std::nullopt;
+}
+
 bool is_left_over(std::string_view name) {
     const auto parts = parts_of(name);
     return parts && state_of(parts->maker) == MakerState::gone;

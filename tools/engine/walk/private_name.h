@@ -22,6 +22,9 @@ std::string next_private_name();
 
 std::string private_name(const Maker &maker, int number);
 
+// Nothing: it is not of the first form.
+std::optional<Maker> maker_of(std::string_view privateName);
+
 // Of either form, or a user's own entry that is called so.
 bool is_private_name(std::string_view name);
 

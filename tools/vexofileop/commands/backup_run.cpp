@@ -76,7 +76,7 @@ int BackupRun::run() {
     } else {
         m_failed = true;
     }
-    m_console.clear_progress();
+    m_console.end_progress();
     return finish(1);
 }
 
@@ -116,6 +116,7 @@ bool BackupRun::list_arrivals() {
 }
 
 void BackupRun::clear_bits() {
+    m_console.start_phase("clear");
     try {
         m_book->clear_bits(*this);
     } catch (const engine::Failure &failure) {

@@ -160,7 +160,8 @@ void Batch::begin(const std::vector<Errand> &errands) {
         }
     }
     if (m_options.progressLines) {
-        m_console.start_progress_lines(totals.bytes, totals.files, progress_text(command()));
+        m_console.start_progress_lines(totals.bytes, totals.files,
+                                       progress_text(command(), word_of(m_options.transfer.operation)));
     } else {
         m_console.start_progress(totals.bytes, totals.files > 1 ? totals.files : 0);
     }
@@ -309,6 +310,9 @@ void Batch::note_for_report(engine::EntryKind kind, const std::string &source, c
     if (kind != engine::EntryKind::directory || fate == Fate::failed) {
         m_report.count(fate, 1, carried(outcome));
     }
+    if (outcome.status == engine::Status::done) {
+        m_report.replaced(source, outcome);
+    }
     for (const auto &told : {outcome.problem, outcome.warning}) {
         if (told && (outcome.status != engine::Status::skipped || outcome.losses.empty())) {
             m_report.problem(source, outcome.destination, told->reason);
@@ -359,8 +363,7 @@ void Batch::tell_old_names() {
         const char *const why = m_options.transfer.inPlace ? ""
                                 : m_inPlace == 1           ? ", since nothing can be made in its directory"
                                                            : ", since nothing can be made in their directories";
-        m_console.message(
-            fmt::format("{} written in place{}", m_inPlace == 1 ? "1 file" : fmt::format("{} files", m_inPlace), why));
+        m_console.message(fmt::format("{} written in place{}", amount_text(m_inPlace, "file", "files"), why));
     }
     if (m_oldNamed.empty()) {
         return;
@@ -411,9 +414,6 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     if (kind == engine::EntryKind::file && (outcome.cloned || m_options.transfer.clone == engine::Clone::always)) {
         entry.add_flag("cloned", outcome.cloned);
     }
-    if (!outcome.backup.empty()) {
-        entry.add_name("backup", outcome.backup);
-    }
     if (outcome.synced) {
         entry.add_flag("synced", true);
     }
@@ -423,17 +423,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     if (outcome.linked) {
         entry.add_flag("linked", true);
     }
-    if (outcome.inPlace) {
-        entry.add_flag("in_place", true);
-    }
-    if (outcome.oldNames > 0) {
-        entry.add_number("old_names", outcome.oldNames);
-    }
-    for (const std::string &name : outcome.oldNamesKnown) {
-        Json known;
-        known.add_name("path", name);
-        entry.add_to_list("old_names_known", std::move(known));
-    }
+    add_replaced(entry, outcome.inPlace, outcome.backup, outcome.oldNames, outcome.oldNamesKnown);
     if (outcome.problem) {
         entry.add_object("error", problem_object(*outcome.problem, kCopyRecursion));
     }
@@ -487,30 +477,29 @@ void Batch::tell_stop(size_t planned) {
     const char *const verb = copies() ? "copied" : "moved";
     if (stop_signal() == 0) {
         if (stopped()) {
-            m_console.message(m_options.stopOnError
-                                  ? "stopped at the first failure (--stop-on-error)"
-                                  : fmt::format("stopped after {} failures (--max-errors)", m_errors));
+            m_console.message(m_options.stopOnError ? "stopped at the first failure (--stop-on-error)"
+                                                    : fmt::format("stopped after {} (--max-errors)",
+                                                                  amount_text(m_errors, "failure", "failures")));
         }
     } else if (m_treeSeen) {
-        m_console.message(fmt::format("stopped; {} files {}", m_entries[engine::Status::done], verb));
+        m_console.message(
+            fmt::format("stopped; {} {}", amount_text(m_entries[engine::Status::done], "file", "files"), verb));
     } else {
-        m_console.message(fmt::format("stopped; {} of {} files {}", m_entries[engine::Status::done], planned, verb));
+        m_console.message(fmt::format("stopped; {} of {} {}", m_entries[engine::Status::done],
+                                      amount_text(static_cast<int64_t>(planned), "file", "files"), verb));
     }
 }
 
 std::string Batch::counts_line() const {
-    const auto counted = [](int number, const char *one, const char *several) {
-        return fmt::format("{} {}", number, number == 1 ? one : several);
-    };
     const std::string same = updates() || m_same > 0 ? fmt::format(" ({} the same)", m_same) : "";
     const std::string backups = m_options.transfer.backup.wanted ? fmt::format(", {} backed up", m_backups) : "";
     return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}{}",
-                       counted(m_entries[engine::Status::done], "file", "files"),
-                       counted(m_directories[engine::Status::done], "directory", "directories"),
+                       amount_text(m_entries[engine::Status::done], "file", "files"),
+                       amount_text(m_directories[engine::Status::done], "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
                        copies() || m_cloned > 0 ? fmt::format(", {} cloned", m_cloned) : "", backups) +
-           (m_onTheWay > 0 ? fmt::format(", {} on the way", counted(m_onTheWay, "directory", "directories")) : "") +
+           (m_onTheWay > 0 ? fmt::format(", {} on the way", amount_text(m_onTheWay, "directory", "directories")) : "") +
            more_counts();
 }
 
@@ -536,6 +525,11 @@ std::string Batch::summary_line(size_t planned, int status) const {
     summary.add_number("bytes", m_copied);
     add_more(summary);
     m_receipt.add_to(summary);
+    if (stopped()) {
+        summary.add_text("stopped_by", stop_signal() != 0      ? "signal"
+                                       : m_options.stopOnError ? "stop-on-error"
+                                                               : "max-errors");
+    }
     summary.add_flag("cancelled", stop_signal() != 0);
     summary.add_number("exit_status", status);
     return summary.line();
@@ -598,6 +592,7 @@ void Batch::retry(const engine::Retry &retry) {
 // A phase of its own: it may take long, and nothing is copied meanwhile.
 void Batch::writing_out(const std::string &directory) {
     m_console.clear_progress();
+    m_console.start_phase("sync");
     if (m_options.json) {
         tell_write_out(directory, "begun", nullptr);
     } else if (m_options.verbose || (Console::can_show_progress() && !m_options.quiet && !m_options.noProgress)) {

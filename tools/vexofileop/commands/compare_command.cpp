@@ -98,7 +98,7 @@ class Comparison : private engine::ComparisonObserver {
                 m_first, [] { return stop_signal() != 0; }, selection.counted(m_first, m_options.comparison.named));
             const int64_t bytes = m_options.comparison.data ? totals.bytes : 0;
             if (m_options.progressLines) {
-                m_console.start_progress_lines(bytes, totals.files, progress_text("compare"));
+                m_console.start_progress_lines(bytes, totals.files, progress_text("compare", "compare"));
             } else {
                 m_console.start_progress(bytes, totals.files);
             }
@@ -232,7 +232,7 @@ class Comparison : private engine::ComparisonObserver {
     int finish() {
         int status = m_trouble ? exitTrouble : m_different ? exitDifferent : exitSame;
         if (stopped()) {
-            m_console.message(fmt::format("stopped; {} files compared", m_files));
+            m_console.message(fmt::format("stopped; {} compared", amount_text(m_files, "file", "files")));
             status = exitSignal + stop_signal();
         }
         if (!m_options.report.empty()) {

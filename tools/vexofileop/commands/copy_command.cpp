@@ -265,7 +265,7 @@ class TransferArguments {
                                "directories too; links in them stay links");
             m_command.rare().add_flag("-R,--archive", m_options.transfer.trees, "directories too; the same as -r");
             m_command.rare().add_flag("-p,--preserve", "accepted: everything goes along anyway");
-            add_shards(act);
+            add_shards();
         } else {
             m_command.rare().add_flag("-r,-R,-a,-p", "accepted: this is what a move does anyway");
         }
@@ -292,13 +292,11 @@ class TransferArguments {
         }
     }
     // Lists of a plan of shards.
-    void add_shards(Act act) {
-        if (act == Act::run) {
-            const Command rare = m_command.rare();
-            rare.add_flag("--finish-later", m_finishLater, "with a list: what is of directories is for --finish");
-            m_finish = rare.add_value("--finish", "LIST", "give directories what is theirs (plan --shards)");
-            m_operands.excludes_list(*m_finish);
-        }
+    void add_shards() {
+        const Command rare = m_command.rare();
+        rare.add_flag("--finish-later", m_finishLater, "with a list: what is of directories is for --finish");
+        m_finish = rare.add_value("--finish", "LIST", "give directories what is theirs (plan --shards)");
+        m_operands.excludes_list(*m_finish);
     }
     void add_output(Act act) {
         m_command.add_flag("-v,--verbose", m_options.verbose, "say what is done, and all that is not carried");

@@ -33,6 +33,15 @@ engine::SurplusOptions engine_options(const MirrorOptions &options, bool rehears
 }
 
 // Of what a stop left undone nothing is said here.
+void add_refusal(Json &summary, const char *why, int64_t left) {
+    if (left > 0) {
+        summary.add_number("left", left);
+    }
+    if (why != nullptr) {
+        summary.add_text("removal_refused", why);
+    }
+}
+
 const char *plural(int64_t number) {
     return number == 1 ? "entry" : "entries";
 }
@@ -78,14 +87,25 @@ bool MirrorRun::may_begin() {
     m_surplus = surplus.removed();
     if (m_surplus > 0 && refused) {
         m_console.message(fmt::format("{}: {}", engine::displayed(m_pair.source), kEmpty));
+        refuse("empty-source");
         return false;
     }
     if (m_surplus == 0 || m_mirror.force || m_mirror.ask || stop_signal() != 0) {
         return stop_signal() == 0;
     }
-    return m_console.confirm(fmt::format("{}: {} {} that {} has not will be removed; go ahead?",
-                                         engine::displayed(m_pair.destination), m_surplus, plural(m_surplus),
-                                         engine::displayed(m_pair.source)));
+    const bool agreed = m_console.confirm(fmt::format("{}: {} {} that {} has not will be removed; go ahead?",
+                                                      engine::displayed(m_pair.destination), m_surplus,
+                                                      plural(m_surplus), engine::displayed(m_pair.source)));
+    if (!agreed && stop_signal() == 0) {
+        refuse("declined");
+    }
+    return agreed;
+}
+
+// What stays is known where it was counted.
+void MirrorRun::refuse(const char *why) {
+    m_refused = why;
+    m_left = std::max<int64_t>(m_surplus - m_removed, 0);
 }
 
 int MirrorRun::run() {
@@ -98,6 +118,7 @@ int MirrorRun::run() {
     if (stopped() || m_incomplete) {
         if (m_surplus != 0) {
             m_console.message("nothing is removed, for not everything was copied");
+            refuse("incomplete");
             m_failed = true;
         }
     } else {
@@ -116,6 +137,7 @@ void MirrorRun::remove() {
     }
     SurplusRun surplus(options, m_console, m_report);
     bool complete = true;
+    m_console.start_phase("remove");
     if (!m_late.empty()) {
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
         complete = !stopped() && copy_late() && surplus.failed() == 0; // what was cleared is filled in any case
@@ -127,14 +149,21 @@ void MirrorRun::remove() {
         m_failed = true;
     }
     m_removed = surplus.removed();
+    m_console.removed(m_removed);
+    m_console.end_progress();
     m_backups += static_cast<int>(surplus.backups());
+    if (surplus.was_limited()) {
+        refuse("max-delete");
+        m_left = std::max<int64_t>(m_left, 1);
+    } else if (!complete || surplus.was_refused()) {
+        refuse(complete ? "declined" : "incomplete");
+    }
     if (m_removed > 0) {
         volumes.write_out(*this);
     }
     m_failed =
         m_failed || surplus.failed() > 0 || surplus.mounts() > 0 || surplus.was_refused() || surplus.was_limited();
     if (surplus.was_limited()) {
-        m_left = std::max<int64_t>(m_surplus - m_removed, 1);
         m_console.message(fmt::format("{} {} {} not removed, for --max-delete is {}", m_left, plural(m_left),
                                       m_left == 1 ? "was" : "were", m_mirror.most));
     }
@@ -178,9 +207,7 @@ std::string MirrorRun::more_counts() const {
 
 void MirrorRun::add_more(Json &summary) const {
     summary.add_number("removed", m_removed);
-    if (m_left > 0) {
-        summary.add_number("left", m_left);
-    }
+    add_refusal(summary, m_refused, m_left);
 }
 
 int MirrorPlan::run() {
@@ -203,20 +230,32 @@ int MirrorPlan::run() {
         const bool blocked = surplus.failed() > 0 && !refused && !m_incomplete;
         if (blocked) {
             m_console.message("nothing else would be removed, for not everything can be copied");
+            m_refused = "incomplete";
         } else {
             surplus.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
         }
         m_removed = surplus.removed();
         m_failed = m_failed || surplus.failed() > 0 || surplus.mounts() > 0 || surplus.was_limited();
-        if ((refused || m_incomplete) && std::exchange(m_removed, 0) > 0) {
+        if ((refused || m_incomplete) && (m_left = std::exchange(m_removed, 0)) > 0) {
+            m_refused = refused ? "empty-source" : "incomplete";
             m_console.message(refused ? fmt::format("{}: {}", engine::displayed(m_pair.source), kEmpty)
                                       : "nothing would be removed, for not everything can be copied");
             m_failed = true;
         } else if (surplus.was_limited()) {
+            m_refused = "max-delete";
+            m_left = counted_surplus(counting) - m_removed;
             m_console.message(fmt::format("no more would be removed, for --max-delete is {}", m_mirror.most));
         }
     }
     return finish();
+}
+
+// What would go if there were no limit.
+int64_t MirrorPlan::counted_surplus(const SurplusRun::Options &counting) {
+    SurplusRun all(counting, m_console, m_report);
+    all.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
+    all.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
+    return all.removed();
 }
 
 // What something stands in the way of that stays is not copied.
@@ -269,6 +308,7 @@ std::string MirrorPlan::more_counts() const {
 
 void MirrorPlan::add_more(Json &summary) const {
     summary.add_number("remove", m_removed);
+    add_refusal(summary, m_refused, m_left);
 }
 
 } // namespace tool

@@ -40,6 +40,7 @@ class MirrorRun : private Batch {
     void add_more(Json &summary) const override;
     SurplusRun::Options surplus_options(bool rehearsal);
     bool may_begin();
+    void refuse(const char *why);
     void remove();
     bool remove(SurplusRun &surplus);
     bool copy_late();
@@ -51,6 +52,7 @@ class MirrorRun : private Batch {
     bool m_incomplete = false;            // something was not copied, so that nothing goes
     int64_t m_surplus = -1;               // that was there at the beginning; below 0: nobody has counted
     int64_t m_removed = 0, m_left = 0;
+    const char *m_refused = nullptr; // why nothing, or nothing else, was removed
 };
 
 class MirrorPlan : private PlanRun {
@@ -64,6 +66,7 @@ class MirrorPlan : private PlanRun {
     void entry(const engine::PlannedEntry &planned) override;
     std::string more_counts() const override;
     void add_more(Json &summary) const override;
+    int64_t counted_surplus(const SurplusRun::Options &counting);
     void plan_late(const SurplusRun::Options &options);
     void plan_late(const std::string &source, const std::string &destination);
 
@@ -72,7 +75,8 @@ class MirrorPlan : private PlanRun {
     std::vector<engine::PlannedEntry> m_late = {};
     std::string m_standIn = {}, m_meant = {}; // of a late one
     bool m_incomplete = false;
-    int64_t m_removed = 0;
+    int64_t m_removed = 0, m_left = 0;
+    const char *m_refused = nullptr;
 };
 
 } // namespace tool

@@ -121,6 +121,12 @@ void PlanRun::report(const engine::PlannedEntry &planned) {
     if (planned.kind != engine::EntryKind::directory || fate == Fate::failed) {
         m_report.count(fate, 1, planned.bytes);
     }
+    engine::Outcome replacing;
+    replacing.destination = planned.destination;
+    replacing.inPlace = planned.inPlace;
+    replacing.oldNames = planned.oldNames;
+    replacing.backup = planned.backup;
+    m_report.replaced(planned.source, replacing);
     if (planned.problem && (planned.deed != engine::Deed::skip || planned.losses.empty())) {
         m_report.problem(planned.source, planned.destination, planned.problem->reason);
     }
@@ -189,15 +195,7 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     if (planned.linked) {
         event.add_flag("linked", true);
     }
-    if (planned.inPlace) {
-        event.add_flag("in_place", true);
-    }
-    if (planned.oldNames > 0) {
-        event.add_number("old_names", planned.oldNames);
-    }
-    if (!planned.backup.empty()) {
-        event.add_name("backup", planned.backup);
-    }
+    add_replaced(event, planned.inPlace, planned.backup, planned.oldNames, {});
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);
     }

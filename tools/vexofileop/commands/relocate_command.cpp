@@ -7,6 +7,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/report_path.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/arguments/way_options.h"
@@ -16,6 +17,7 @@
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
+#include "tools/vexofileop/output/progress_json.h"
 #include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
@@ -30,8 +32,9 @@ namespace tool {
 namespace {
 
 struct RelocateOptions {
-    bool keepSource = false, specials = false, yes = false, noProgress = false, json = false, verbose = false,
-         dryRun = false, noProbe = false;
+    bool keepSource = false, specials = false, yes = false, json = false, verbose = false, dryRun = false,
+         noProbe = false;
+    ProgressOption::Wanted progress = {};
     std::string report = {};
 };
 
@@ -74,10 +77,18 @@ class Relocation : private engine::RelocationObserver {
             return exitNone;
         }
         engine::raise_descriptor_limit();
-        if (!m_options.noProgress && !m_options.json && Console::can_show_progress()) {
-            m_console.start_progress(engine::totals_of(m_plan.request.source, [] { return stop_signal() != 0; }).bytes);
+        const bool bar = !m_options.progress.none && !m_options.json && Console::can_show_progress();
+        if (bar || m_options.progress.lines) {
+            const auto totals = engine::totals_of(m_plan.request.source, [] { return stop_signal() != 0; });
+            if (m_options.progress.lines) {
+                m_console.start_progress_lines(totals.bytes, totals.files, progress_text("relocate", "copy"));
+            } else {
+                m_console.start_progress(totals.bytes);
+            }
         }
-        int status = told(engine::relocate(m_plan, *this));
+        const engine::RelocationResult result = engine::relocate(m_plan, *this);
+        m_console.end_progress();
+        int status = told(result);
         if (!write_report(status) && status == exitAll) {
             status = exitSome;
         }
@@ -120,9 +131,17 @@ class Relocation : private engine::RelocationObserver {
     bool stopped() const override { return stop_signal() != 0; }
     void progress(int64_t bytes) override {
         m_bytes += bytes;
-        m_console.progress(m_bytes);
+        m_console.progress(m_bytes, m_files);
     }
-    void copied() override { m_console.clear_progress(); }
+    void arrived(int64_t files) override {
+        m_files += files;
+        m_console.progress(m_bytes, m_files);
+    }
+    void copied() override {
+        m_console.clear_progress();
+        m_console.start_phase("compare");
+    }
+    void removing() override { m_console.start_phase("remove"); }
     void failed(const std::string &path, const engine::Problem &problem) override {
         m_report.problem(path, m_plan.request.destination, problem.reason);
         m_console.message(problem_text(engine::displayed(path), problem));
@@ -227,6 +246,9 @@ class Relocation : private engine::RelocationObserver {
         line.add_flag("source_kept", engine::exists(m_plan.request.source));
         line.add_flag("in_place", m_inPlace || status == exitAll);
         m_receipt.add_to(line);
+        if (stop_signal() != 0) {
+            line.add_text("stopped_by", "signal");
+        }
         line.add_flag("cancelled", stop_signal() != 0);
         line.add_number("exit_status", status);
         return line.line();
@@ -237,7 +259,7 @@ class Relocation : private engine::RelocationObserver {
     Console m_console;
     Receipt m_receipt;
     Report m_report;
-    int64_t m_bytes = 0;
+    int64_t m_bytes = 0, m_files = 0;
     bool m_inPlace = false;
 };
 
@@ -255,7 +277,7 @@ void add_relocate_command(const Command &program, int &status) {
     const Option report = add_report_option(command);
     command.add_flag("-v,--verbose", options->verbose, "name all that is not carried");
     command.add_flag("--json", options->json, "one JSON object per line: losses, then what came of it");
-    command.rare().add_flag("--no-progress", options->noProgress, "no progress line on a terminal");
+    const ProgressOption progress(command);
     const Option operands = command.add_operands("SRC", "SRC DST");
     command.set_footer("\nThe tree is copied into a private directory beside DST and compared with SRC in\n"
                        "all that belongs to it; then the copy takes the place of DST at once, and what\n"
@@ -267,9 +289,10 @@ void add_relocate_command(const Command &program, int &status) {
                        "2 nothing done; 128 and the number of the signal that stopped it.\n"
                        "Example:\n"
                        "  vexofileop relocate --keep-source /volume1/photo /volume2/photo");
-    command.set_work([&status, options, operands, accept, report] {
+    command.set_work([&status, options, operands, accept, report, progress] {
         options->report = report_path_of(report);
         refuse_no_probe(options->noProbe, options->dryRun);
+        options->progress = progress.wanted();
         const std::vector<std::string> paths = operands.values();
         if (paths.size() != 2) {
             throw UsageError("give the directory and the path that it is to have");

@@ -3,14 +3,17 @@
 #include "tools/engine/remove/tree_removal.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/jobs_option.h"
 #include "tools/vexofileop/arguments/path_operands.h"
+#include "tools/vexofileop/arguments/progress_option.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/commands.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/output/progress_json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/signals.h"
 #include "tools/vexofileop/terminal/status_note.h"
@@ -18,6 +21,7 @@
 #include <fmt/format.h>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace tool {
@@ -28,6 +32,7 @@ constexpr const char *kRemoveRecursion = "-r removes it with everything in it";
 struct RemoveOptions {
     engine::RemovalOptions removal;
     bool ask = false, stopOnError = false, verbose = false, quiet = false, json = false;
+    ProgressOption::Wanted progress = {};
     int jobs = 0; // 0: the usual number
 };
 
@@ -53,6 +58,13 @@ class Removal : private engine::RemovalObserver {
         for (const std::string &given : paths) {
             whole.push_back(removal_path(given));
         }
+        if (m_options.progress.lines) {
+            engine::Totals totals;
+            for (const std::string &path : whole) {
+                totals += totals_below(path);
+            }
+            m_console.start_progress_lines(0, totals.files, progress_text("remove", "remove"));
+        }
         // Questions are answered one after the other.
         const int jobs = m_options.ask || !m_options.removal.recursive ? 1
                          : m_options.jobs > 0                          ? m_options.jobs
@@ -64,10 +76,21 @@ class Removal : private engine::RemovalObserver {
             engine::TreeRemoval removal(m_options.removal, *this);
             remove_all(whole, removal);
         }
+        m_console.end_progress();
         return finish();
     }
 
   private:
+    // Of files and of what else is no directory. Bytes say nothing of how long a removal takes.
+    engine::Totals totals_below(const std::string &path) const {
+        const auto found = engine::look(path);
+        if (!found || !S_ISDIR(found->st_mode)) {
+            return {found ? 1 : 0, 0};
+        }
+        return m_options.removal.recursive ? engine::totals_of(path, [] { return stop_signal() != 0; })
+                                           : engine::Totals();
+    }
+
     template <typename Engine>
     void remove_all(const std::vector<std::string> &paths, Engine &removal) {
         for (const std::string &path : paths) {
@@ -94,7 +117,9 @@ class Removal : private engine::RemovalObserver {
         }
         note_path(path);
         ++(status == engine::Status::done ? m_done : status == engine::Status::skipped ? m_kept : m_failed);
-        m_console.progress(0, m_done + m_kept + m_failed);
+        m_files += S_ISDIR(mode) ? 0 : 1;
+        m_console.progress(0, m_files);
+        m_console.removed(m_done);
         if (problem != nullptr) {
             m_console.message(problem_text(engine::displayed(path), *problem, kRemoveRecursion));
         }
@@ -148,6 +173,9 @@ class Removal : private engine::RemovalObserver {
         summary.add_number("done", m_done);
         summary.add_number("skipped", m_kept);
         summary.add_number("failed", m_failed);
+        if (stopped()) {
+            summary.add_text("stopped_by", stop_signal() != 0 ? "signal" : "stop-on-error");
+        }
         summary.add_flag("cancelled", stop_signal() != 0);
         summary.add_number("exit_status", status);
         return summary.line();
@@ -156,6 +184,7 @@ class Removal : private engine::RemovalObserver {
     const RemoveOptions &m_options;
     Console m_console;
     int m_done = 0, m_kept = 0, m_failed = 0;
+    int64_t m_files = 0; // that are done with, and are no directories
 };
 
 } // namespace
@@ -172,6 +201,7 @@ void add_remove_command(const Command &program, int &status) {
     command.add_flag("-q,--quiet", options->quiet, "say nothing but what fails");
     command.add_flag("--json", options->json, "one JSON object per line: each entry, then a summary");
     add_jobs_option(command, options->jobs);
+    const ProgressOption progress(command);
     const PathOperands operands(command, "FILE", "FILE...");
     command.set_footer("\nExtended metadata kept beside a file goes with it, also where that is gone.\n"
                        "Links are removed, never followed. \"/\", \".\" and \"..\" are refused. Of -f and\n"
@@ -180,7 +210,8 @@ void add_remove_command(const Command &program, int &status) {
                        "Examples:\n"
                        "  vexofileop remove -r /volume1/photo/old\n"
                        "  find . -name '*.bak' -print0 | vexofileop remove -0 --files-from -");
-    command.set_work([command, &status, options, force, ask, operands] {
+    command.set_work([command, &status, options, force, ask, operands, progress] {
+        options->progress = progress.wanted();
         for (const Option &given : command.given_options()) {
             options->removal.force = given == force || (options->removal.force && given != ask);
             options->ask = given == ask || (options->ask && given != force);

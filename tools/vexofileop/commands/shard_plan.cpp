@@ -7,6 +7,7 @@
 #include "tools/vexofileop/arguments/quantity.h"
 #include "tools/vexofileop/arguments/usage_error.h"
 #include "tools/vexofileop/commands/exit_status.h"
+#include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/terminal/console.h"
 #include "tools/vexofileop/terminal/progress_bar.h"
@@ -74,8 +75,8 @@ class DivisionTeller : public engine::DivisionObserver {
                 object.add_number("bytes", shard.bytes);
                 m_console.line(object.line());
             } else {
-                m_console.line(
-                    fmt::format("{}: {} entries ({})", engine::displayed(list), shard.entries, size_text(shard.bytes)));
+                m_console.line(fmt::format("{}: {} ({})", engine::displayed(list),
+                                           amount_text(shard.entries, "entry", "entries"), size_text(shard.bytes)));
             }
         }
     }
@@ -83,11 +84,10 @@ class DivisionTeller : public engine::DivisionObserver {
     std::string summary_text(const engine::Division &division) const {
         const engine::Shard sum = sum_of(division);
         const auto [least, most] = std::ranges::minmax(division.shards, {}, &engine::Shard::bytes);
-        return fmt::format("{} of {} entries ({}, {} to {} each), and the list of {} in {}",
-                           division.shards.size() == 1 ? "1 list" : fmt::format("{} lists", division.shards.size()),
-                           sum.entries, size_text(sum.bytes), size_text(least.bytes), size_text(most.bytes),
-                           division.directories == 1 ? "1 directory"
-                                                     : fmt::format("{} directories", division.directories),
+        return fmt::format("{} of {} ({}, {} to {} each), and the list of {} in {}",
+                           amount_text(static_cast<int64_t>(division.shards.size()), "list", "lists"),
+                           amount_text(sum.entries, "entry", "entries"), size_text(sum.bytes), size_text(least.bytes),
+                           size_text(most.bytes), amount_text(division.directories, "directory", "directories"),
                            engine::displayed(m_out));
     }
 

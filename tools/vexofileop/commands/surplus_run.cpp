@@ -28,6 +28,7 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
     if (m_options.silent) {
         return;
     }
+    m_console.removed(m_removed);
     if (problem != nullptr) {
         m_console.message(problem_text(engine::displayed(path), *problem));
     }
@@ -40,6 +41,9 @@ void SurplusRun::entry(const std::string &path, mode_t mode, engine::Status stat
     }
     if (m_options.report && status == engine::Status::done) {
         m_report.count(Fate::removed, 1, 0);
+        if (!backup.empty()) {
+            m_report.kept(path, backup);
+        }
     } else if (m_options.report && problem != nullptr) {
         m_report.count(Fate::failed, 1, 0);
         m_report.problem("", path, problem->reason);

@@ -54,4 +54,26 @@ Json problem_object(const engine::Problem &problem, const char *recursion) {
     return object;
 }
 
+std::string amount_text(int64_t number, const char *one, const char *several) {
+    return fmt::format("{} {}", number, number == 1 ? one : several);
+}
+
+void add_replaced(Json &entry, bool inPlace, const std::string &backup, int64_t oldNames,
+                  const std::vector<std::string> &oldNamesKnown) {
+    if (!backup.empty()) {
+        entry.add_name("backup", backup);
+    }
+    if (inPlace) {
+        entry.add_flag("in_place", true);
+    }
+    if (oldNames > 0) {
+        entry.add_number("old_names", oldNames);
+    }
+    for (const std::string &name : oldNamesKnown) {
+        Json known;
+        known.add_name("path", name);
+        entry.add_to_list("old_names_known", std::move(known));
+    }
+}
+
 } // namespace tool

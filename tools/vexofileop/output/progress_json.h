@@ -5,7 +5,7 @@
 
 namespace tool {
 
-// Lines of JSON: the event "progress" of the command.
-Console::ProgressText progress_text(const char *command);
+// Lines of JSON: the event "progress" of the command. `first`: the phase that it begins with.
+Console::ProgressText progress_text(const char *command, const char *first);
 
 } // namespace tool

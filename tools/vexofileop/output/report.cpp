@@ -6,6 +6,7 @@
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/vexofileop/output/conversion_json.h"
+#include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/finding_json.h"
 #include "tools/vexofileop/output/json.h"
 #include "tools/vexofileop/output/loss_json.h"
@@ -130,6 +131,17 @@ void Report::loss(const std::string &source, const std::string &destination, con
     m_losses.push_back({source, destination, loss});
 }
 
+void Report::replaced(const std::string &source, const engine::Outcome &outcome) {
+    if (outcome.inPlace || !outcome.backup.empty() || outcome.oldNames > 0) {
+        m_replaced.push_back(
+            {source, outcome.destination, outcome.backup, outcome.inPlace, outcome.oldNames, outcome.oldNamesKnown});
+    }
+}
+
+void Report::kept(const std::string &path, const std::string &backup) {
+    m_replaced.push_back({"", path, backup});
+}
+
 void Report::conversion(const engine::Conversion &conversion) {
     m_conversions.push_back(conversion);
     for (const engine::Loss &one : conversion.losses) {
@@ -233,6 +245,25 @@ std::string Report::problems_list() const {
     return text + "</ul>\n";
 }
 
+// The same run may have replaced other names of an old file, too.
+std::string Report::replaced_list() const {
+    std::string text = "<ul>\n";
+    for (const Replaced &one : m_replaced) {
+        std::string names;
+        for (const std::string &name : one.oldNamesKnown) {
+            names += fmt::format("{}<code>{}</code>", names.empty() ? ": " : ", ", name_text(name));
+        }
+        text += fmt::format(
+            "<li><code>{}</code>{}{}{}</li>\n", name_text(one.destination),
+            one.inPlace ? ": written in place; its other names, if it has any, have changed with it" : "",
+            one.backup.empty() ? "" : fmt::format(": the old one is kept as <code>{}</code>", name_text(one.backup)),
+            one.oldNames == 0 ? ""
+                              : fmt::format(": the old one had {} {}, which kept its content then{}", one.oldNames,
+                                            one.oldNames == 1 ? "other name" : "other names", names));
+    }
+    return text + "</ul>\n";
+}
+
 std::string Report::findings_lists() const {
     std::string text;
     for (const engine::FindingRow &row : engine::kFindingTable) {
@@ -277,6 +308,9 @@ std::string Report::html(int exitStatus) const {
     if (!m_problems.empty()) {
         page += "<h2>Failed</h2>\n" + problems_list();
     }
+    if (!m_replaced.empty()) {
+        page += "<h2>What is left of the replaced and removed</h2>\n" + replaced_list();
+    }
     if (!carries && !converts) {
         return page + "</body></html>\n";
     }
@@ -315,6 +349,15 @@ std::string Report::json(int exitStatus) const {
         add_way(object, told.source, told.destination);
         object.add_text("reason", engine::as_utf8(told.reason));
         report.add_to_list("problems", std::move(object));
+    }
+    for (const Replaced &one : m_replaced) {
+        Json object;
+        if (!one.source.empty()) {
+            object.add_name("source", one.source);
+        }
+        object.add_name("destination", one.destination);
+        add_replaced(object, one.inPlace, one.backup, one.oldNames, one.oldNamesKnown);
+        report.add_to_list("replaced", std::move(object));
     }
     m_receipt.add_to(report, "receipt");
     for (const Lost &lost : m_losses) {

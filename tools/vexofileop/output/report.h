@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/losses/loss.h"
+#include "tools/engine/report/outcome.h"
 #include "tools/engine/stores/conversion.h"
 #include "tools/engine/stores/finding.h"
 #include "tools/vexofileop/output/receipt.h"
@@ -28,6 +29,10 @@ class Report {
     // An entry that failed, with its reason.
     void problem(const std::string &source, const std::string &destination, const std::string &reason);
     void loss(const std::string &source, const std::string &destination, const engine::Loss &loss);
+    // Of an entry that is done, and took the place of another one: what became of that, where anything is left of it.
+    void replaced(const std::string &source, const engine::Outcome &outcome);
+    // An entry that was removed, and is kept.
+    void kept(const std::string &path, const std::string &backup);
 
     // What a check of stores has found.
     void finding(const engine::Finding &finding) { m_findings.push_back(finding); }
@@ -53,6 +58,12 @@ class Report {
     struct Told {
         std::string source, destination, reason;
     };
+    struct Replaced {
+        std::string source, destination, backup; // without a source it was removed
+        bool inPlace = false;
+        int64_t oldNames = 0;
+        std::vector<std::string> oldNamesKnown = {};
+    };
     struct Lost {
         std::string source, destination;
         engine::Loss loss;
@@ -62,6 +73,7 @@ class Report {
     std::string totals_table() const;
     std::string losses_lists() const;
     std::string problems_list() const;
+    std::string replaced_list() const;
     std::string findings_lists() const;
     std::string conversions_list() const;
 
@@ -70,6 +82,7 @@ class Report {
     engine::LossSet m_accepted;
     std::vector<Way> m_ways;
     std::vector<Told> m_problems;
+    std::vector<Replaced> m_replaced;
     std::vector<Lost> m_losses;
     std::vector<engine::Finding> m_findings;
     std::vector<engine::Conversion> m_conversions;

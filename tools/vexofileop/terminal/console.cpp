@@ -155,7 +155,23 @@ void Console::progress(int64_t doneBytes, int64_t doneFiles) {
     const double seconds = std::chrono::duration<double>(now - m_started).count() - paused_seconds();
     m_rate.add(seconds, doneBytes);
     m_left.add(seconds, doneBytes, doneFiles);
-    draw({doneBytes, m_total, doneFiles, m_totalFiles, seconds, m_rate.rate(), m_left.seconds()});
+    draw({doneBytes, m_total, doneFiles, m_totalFiles, seconds, m_rate.rate(), m_left.seconds(), m_phase, m_removed});
+}
+
+void Console::start_phase(std::string_view phase) {
+    m_phase = phase;
+    if (m_text) {
+        m_progress = true;
+        m_nextDraw = {};
+        progress(m_done, m_files);
+    }
+}
+
+void Console::removed(int64_t entries) {
+    m_removed = entries;
+    if (m_text) {
+        progress(m_done, m_files);
+    }
 }
 
 void Console::draw(const ProgressNow &now) {

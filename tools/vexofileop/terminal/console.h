@@ -19,6 +19,8 @@ struct ProgressNow {
     int64_t bytes, totalBytes, files, totalFiles;
     double seconds;                   // since it began, but those in which the program was stopped
     std::optional<double> rate, left; // bytes a second; seconds
+    std::string_view phase;           // empty: the first
+    int64_t removed;
 };
 
 class Console {
@@ -47,6 +49,10 @@ class Console {
     using ProgressText = std::function<std::string(const ProgressNow &)>;
     void start_progress_lines(int64_t totalBytes, int64_t totalFiles, ProgressText text);
     void progress(int64_t doneBytes, int64_t doneFiles = 0);
+    // What begins now, of lines: one of its own, also after their end.
+    void start_phase(std::string_view phase);
+    // So many entries are removed by now.
+    void removed(int64_t entries);
     void end_progress();
     // Whether a progress line could be shown at all.
     static bool can_show_progress();
@@ -62,7 +68,8 @@ class Console {
     bool m_unanswered = false;
     bool m_progress = false;  // wanted
     ProgressText m_text = {}; // of lines
-    int64_t m_total = 0, m_totalFiles = 0, m_done = 0, m_files = 0;
+    std::string_view m_phase = {};
+    int64_t m_total = 0, m_totalFiles = 0, m_done = 0, m_files = 0, m_removed = 0;
     Clock::time_point m_started, m_nextDraw;
     RateMeter m_rate;
     TimeLeft m_left{0, 0};

@@ -134,6 +134,7 @@ void watch_signals() {
         ::sigaction(number, &watch, nullptr);
     }
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     watch(SIGUSR1, tell_where);
 }
 

@@ -7,7 +7,8 @@ namespace tool {
 
 // From now on the first SIGINT, SIGTERM and SIGHUP each set a flag; the second of a kind has its default effect. What
 // was ignored when the program started (nohup, a job in the background) stays ignored. SIGPIPE is ignored: work goes on
-// when nobody reads the output any more. SIGUSR1 prints where the work is (status_note.h).
+// when nobody reads the output any more. SIGXFSZ is ignored: a file that is larger than this process may write fails by
+// itself, and the others go on. SIGUSR1 prints where the work is (status_note.h).
 void watch_signals();
 
 // From now on SIGTSTP (Ctrl-Z) takes what is_line_drawn() tells off the terminal before the program stops, and stops

@@ -12,6 +12,7 @@
 #include "tools/vexofileop/commands/store/store_commands.h"
 #include "tools/vexofileop/commands/store/store_telling.h"
 #include "tools/vexofileop/output/conversion_json.h"
+#include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/loss_json.h"
 #include "tools/vexofileop/output/receipt.h"
 #include "tools/vexofileop/output/report.h"
@@ -92,15 +93,16 @@ class ConvertRun : private engine::ConversionWatcher {
     int finish() {
         int status = (m_left > 0 ? exitStoreLeft : 0) | (m_troubles > 0 ? exitStoreTrouble : 0);
         if (stopped()) {
-            m_console.message(fmt::format("stopped; {} stores converted", m_converted));
+            m_console.message(fmt::format("stopped; {} converted", amount_text(m_converted, "store", "stores")));
             status = exitSignal + stop_signal();
         }
         status = write_store_report(m_console, m_report, m_options.report, status);
         if (m_options.json) {
             m_console.line(summary_line(status));
         } else if (!m_options.quiet) {
-            m_console.line(fmt::format("{} stores in {} directories: {} {}, {} left", m_totals.entries,
-                                       m_totals.directories, m_options.conversion.dryRun ? m_convertible : m_converted,
+            m_console.line(fmt::format("{} in {}: {} {}, {} left", amount_text(m_totals.entries, "store", "stores"),
+                                       amount_text(m_totals.directories, "directory", "directories"),
+                                       m_options.conversion.dryRun ? m_convertible : m_converted,
                                        m_options.conversion.dryRun ? "would be converted" : "converted", m_left));
         }
         const std::string classes = m_receipt.failing(m_losing);

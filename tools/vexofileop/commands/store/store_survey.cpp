@@ -11,6 +11,7 @@
 #include "tools/vexofileop/commands/store/store_commands.h"
 #include "tools/vexofileop/commands/store/store_telling.h"
 #include "tools/vexofileop/commands/store/store_undo_run.h"
+#include "tools/vexofileop/output/entry_text.h"
 #include "tools/vexofileop/output/finding_json.h"
 #include "tools/vexofileop/output/report.h"
 #include "tools/vexofileop/terminal/console.h"
@@ -100,7 +101,7 @@ class SurveyRun : private engine::SurveyWatcher {
         int status = (m_mended > 0 ? exitStoreMended : 0) | (m_found > m_mended ? exitStoreLeft : 0) |
                      (m_troubles > 0 ? exitStoreTrouble : 0);
         if (stopped()) {
-            m_console.message(fmt::format("stopped; {} stores looked into", m_totals.stores));
+            m_console.message(fmt::format("stopped; {} looked into", amount_text(m_totals.stores, "store", "stores")));
             status = exitSignal + stop_signal();
         }
         status = write_store_report(m_console, m_report, m_options.report, status);
@@ -119,8 +120,9 @@ class SurveyRun : private engine::SurveyWatcher {
     }
 
     std::string totals_line() const {
-        std::string text =
-            fmt::format("{} stores in {} directories: {} findings", m_totals.stores, m_totals.directories, m_found);
+        std::string text = fmt::format("{} in {}: {}", amount_text(m_totals.stores, "store", "stores"),
+                                       amount_text(m_totals.directories, "directory", "directories"),
+                                       amount_text(m_found, "finding", "findings"));
         return m_options.repair ? text + fmt::format(", {} mended, {} left", m_mended, m_found - m_mended) : text;
     }
 
