@@ -781,7 +781,7 @@ inline Result<void> rename_store(const std::filesystem::path &from, const std::f
     const detail::PathArgument old(from);
     const detail::PathArgument now(to);
     if (!old || !now) {
-        return detail::bad_path("rename the store of", from);
+        return detail::bad_path("rename the store of", old ? to : from);
     }
     detail::forget();
     return detail::checked(VEXOEARename(old.c_str(), now.c_str(), -1, 0), "rename the store of", from);
@@ -792,7 +792,7 @@ inline Result<void> copy_store(const std::filesystem::path &from, const std::fil
     const detail::PathArgument source(from);
     const detail::PathArgument destination(to);
     if (!source || !destination) {
-        return detail::bad_path("copy the store of", from);
+        return detail::bad_path("copy the store of", source ? to : from);
     }
     detail::forget();
     return detail::checked(VEXOEACopy(source.c_str(), destination.c_str(), 0, 0, -1, -1, 0, 0), "copy the store of",

@@ -194,9 +194,12 @@ class CopyOptions : public detail::TransferSettings<CopyOptions> {
   public:
     // A destination file that exists stays, and the copy gets the path that `function` gives for it: nothing, or one
     // that exists too, fails with Code::no_free_name. There is no such thing for a move, which would leave the source
-    // in silence.
+    // in silence. Throws std::invalid_argument for no function.
     CopyOptions &
     rename_if_exists(std::function<std::optional<std::filesystem::path>(const std::filesystem::path &)> function) {
+        if (!function) {
+            throw std::invalid_argument("no function that gives a name");
+        }
         existing(0);
         m_callbacks.rename = std::move(function);
         return *this;

@@ -154,8 +154,9 @@ int run(EaCopyJob &job) {
         return -1;
     }
     job.nothingStored = has_nothing_stored(job);
-    // What is stored is proven to be two things when it comes to it, too; where nothing is, the caller's look will do.
-    if (!(job.nothingStored && job.apart) && is_one_place(job)) {
+    // What is stored is proven to be two things when it comes to it, too; where nothing is, the caller's look will do,
+    // and so it will of a destination that is open, which this copy has made.
+    if (!(job.apart && (job.nothingStored || job.destination().is_open())) && is_one_place(job)) {
         return 0;
     }
     if (internal) {

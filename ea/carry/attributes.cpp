@@ -99,6 +99,36 @@ int copy_record(const FileRef &src, const FileRef &dst) {
     return carry_record(src, dst) < 0 ? fail(Error::write, VEXO_EA_COPY_HERE) : 0;
 }
 
+// Copies one attribute after the other, and tells of the first that failed.
+class AttributeCopies {
+  public:
+    AttributeCopies(const FileRef &src, const FileRef &dst, bool recordSet)
+        : m_src(src), m_dst(dst), m_recordSet(recordSet) {}
+
+    void add(const char *name) {
+        const bool record = is_record(name);
+        if (record && m_recordSet) {
+            return;
+        }
+        if ((record ? copy_record(m_src, m_dst) : copy_attribute(m_src, m_dst, name, m_value)) < 0) {
+            m_number = m_result == 0 ? errno : m_number;
+            m_result = -1;
+        }
+    }
+    int result() const {
+        if (m_result < 0) {
+            errno = m_number;
+        }
+        return m_result;
+    }
+
+  private:
+    FileRef m_src, m_dst;
+    bool m_recordSet;
+    HeapBuffer m_value;
+    int m_result = 0, m_number = 0;
+};
+
 } // namespace
 
 int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix, bool recordSet) {
@@ -106,39 +136,32 @@ int copy_attributes(const FileRef &src, const FileRef &dst, const char *prefix, 
     if (list_attributes(src, names) < 0) {
         return -1;
     }
-    HeapBuffer value;
-    int result = 0;
-    int number = 0;
+    AttributeCopies copies(src, dst, recordSet);
     for (int at = 0; at < names.count(); ++at) {
-        const char *name = names.at(at);
-        if (!std::string_view(name).starts_with(prefix)) {
-            continue;
-        }
-        const bool record = is_record(name);
-        if (record && recordSet) {
-            continue;
-        }
-        if ((record ? copy_record(src, dst) : copy_attribute(src, dst, name, value)) < 0) {
-            number = result == 0 ? errno : number;
-            result = -1;
+        if (std::string_view(names.at(at)).starts_with(prefix)) {
+            copies.add(names.at(at));
         }
     }
-    if (result < 0) {
-        errno = number;
-    }
-    return result;
+    return copies.result();
 }
 
 void copy_user_attributes(const EaCopyJob &job) {
     constexpr std::string_view kPrefix = "user.";
-    const auto isToCopy = [&](std::string_view name) {
-        return name.starts_with(kPrefix) && !(job.recordSet && is_record(name.data()));
-    };
-    if (job.names != nullptr && !job.names->any(isToCopy)) {
-        return;
-    }
     const KeepErrors keep;
-    if (copy_attributes(job.source(), job.destination(), kPrefix.data(), job.recordSet) < 0) {
+    int result = 0;
+    if (job.names != nullptr) { // listed a moment ago
+        AttributeCopies copies(job.source(), job.destination(), job.recordSet);
+        (void)job.names->any([&](std::string_view name) {
+            if (name.starts_with(kPrefix)) {
+                copies.add(name.data());
+            }
+            return false;
+        });
+        result = copies.result();
+    } else {
+        result = copy_attributes(job.source(), job.destination(), kPrefix.data(), job.recordSet);
+    }
+    if (result < 0) {
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to copy user extended attributes [%s]->[%s]. %m", job.src,
                             job.dst);
     }

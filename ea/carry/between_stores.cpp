@@ -6,6 +6,7 @@
 #include "ea/carry/store_directory.h"
 #include "ea/carry/stream_files.h"
 #include "ea/carry/sync.h"
+#include "ea/double/format.h"
 #include "ea/ea.h"
 #include "ea/files/store_file.h"
 #include "support/guards.h"
@@ -23,6 +24,7 @@ int copy_both_stream_files(const EaCopyJob &job) {
     }
     StreamFiles files(job);
     const int resource = copy_stream_file(job, files, kResourceStream);
+    job.noAfpWord = files.copied >= 0 && files.copied < static_cast<int64_t>(adouble::kResourceHeaderSize);
     return resource != 0 ? resource : copy_stream_file(job, files, kEaStream);
 }
 

@@ -38,6 +38,9 @@ struct EaCopyJob {
     const AttributeNames *names = nullptr; // of the source, where they are known
     bool recordSet = false;                // locked state and archive bit are set, and the platform's record carried
 
+    // Found out on the way: the resource file was copied, and is too short to hold the word of the AFP attributes.
+    mutable bool noAfpWord = false;
+
     int srcFd = -1; // where the files are open
     int dstFd = -1;
 

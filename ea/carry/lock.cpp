@@ -82,7 +82,8 @@ int read_lock(const EaCopyJob &job) {
         return locked_by_mode(job.source());
     }
     const ReadMetadata read = job.srcKind() == StoreKind::file_ea ? read_metadata_attribute : read_resource_header;
-    return locked_by_flag(job.source(), job.nothingStored ? nullptr : read);
+    const bool nothing = job.nothingStored || (job.noAfpWord && job.srcKind() == StoreKind::ea_directory);
+    return locked_by_flag(job.source(), nothing ? nullptr : read);
 }
 
 int set_mode(const FileRef &file, bool locked) {
@@ -115,11 +116,11 @@ bool set_afp_bit(VEXOEAAdouble &metadata, bool locked) {
     return true;
 }
 
-int set_in_ea_directory(const FileRef &file, StoreSeen seen, bool locked) {
+int set_in_ea_directory(const FileRef &file, StoreSeen seen, bool noWord, bool locked) {
     if (set_flag(file, locked) < 0) {
         return -1;
     }
-    if (has_no_ea_directory(file.path(), seen)) {
+    if (noWord || has_no_ea_directory(file.path(), seen)) {
         return 0;
     }
     VEXOEAAdouble metadata;
@@ -149,7 +150,7 @@ int write_lock(const EaCopyJob &job, bool locked) {
     if (job.dstKind() == StoreKind::ea_directory) {
         const bool neither = job.seen == StoreSeen::neither;
         return set_in_ea_directory(job.destination(), neither && !job.nothingStored ? StoreSeen::unknown : job.seen,
-                                   locked);
+                                   job.noAfpWord, locked);
     }
     if (job.dstKind() == StoreKind::file_ea) {
         // An open destination was made by this copy, and has the attributes of the source.

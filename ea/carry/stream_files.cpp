@@ -44,14 +44,22 @@ int open_to_all(int result, const char *to) {
     return 0;
 }
 
+Fd open_seen(const char *path, int flags, struct stat &seen) {
+    const StorePlace place(path);
+    return place ? open_store_file_in(place.directory(), place.name(), flags, seen) : Fd();
+}
+
+// An open file of a store, and what was seen of it.
+struct SeenFile {
+    Fd file;
+    struct stat status;
+};
+
 // The bytes of a store file in place of those of another, which goes where they do not arrive. 0, kOneFile, or -1 with
 // the error.
-int copy_bytes(Fd &source, Fd &destination, const char *to) {
-    struct stat status;
-    struct stat there;
-    if (::fstat(source.get(), &status) != 0 || ::fstat(destination.get(), &there) != 0) {
-        return fail(Error::open, VEXO_EA_COPY_HERE);
-    }
+int copy_bytes(SeenFile &from, SeenFile &onto, const char *to) {
+    Fd &source = from.file, &destination = onto.file;
+    const struct stat &status = from.status, &there = onto.status;
     if (is_one_file(status, there)) {
         return kOneFile;
     }
@@ -88,12 +96,13 @@ int after_copy(const EaCopyJob &job, int copied, const char *from, const char *t
 // Mostly the source's file is there, and the "@eaDir" of the destination since the file before this one: then opening
 // both is all that needs to be found out. Nothing: it is not so, and nothing was done.
 std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files, const char *stream) {
-    Fd source = files.from.open(O_RDONLY);
-    if (!source || files.to.select(stream) < 0) {
+    SeenFile source, destination;
+    source.file = files.from.open(O_RDONLY, source.status);
+    if (!source.file || files.to.select(stream) < 0) {
         return std::nullopt;
     }
-    Fd destination = files.to.open(O_RDWR | O_CREAT);
-    if (!destination) {
+    destination.file = files.to.open(O_RDWR | O_CREAT, destination.status);
+    if (!destination.file) {
         return std::nullopt;
     }
     const char *const from = files.from.c_str();
@@ -103,7 +112,8 @@ std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files,
         log_stream_not_copied(stream, from, to);
         return -1;
     }
-    return after_copy(job, copied, from, to, destination);
+    files.copied = copied == 0 ? source.status.st_size : -1;
+    return after_copy(job, copied, from, to, destination.file);
 }
 
 } // namespace
@@ -130,6 +140,7 @@ int select_resource(StreamPath &stream, const char *path) {
 }
 
 int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *stream) {
+    files.copied = -1;
     if (files.from.select(stream) < 0) {
         return -1;
     }
@@ -159,8 +170,9 @@ int copy_stream_file(const EaCopyJob &job, StreamFiles &files, const char *strea
 }
 
 int copy_store_file(const char *from, const char *to, Fd *made) {
-    Fd source = open_store_file(from, O_RDONLY);
-    if (!source) {
+    SeenFile source, destination;
+    source.file = open_seen(from, O_RDONLY, source.status);
+    if (!source.file) {
         const int number = errno;
         struct stat status;
         if (look_in_store(from, status) != 0 && (errno == EPERM || errno == ENOENT || errno == EACCES)) {
@@ -169,13 +181,13 @@ int copy_store_file(const char *from, const char *to, Fd *made) {
         errno = number;
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
-    Fd destination = open_store_file(to, O_RDWR | O_CREAT);
-    if (!destination) {
+    destination.file = open_seen(to, O_RDWR | O_CREAT, destination.status);
+    if (!destination.file) {
         return fail(Error::open, VEXO_EA_COPY_HERE);
     }
     const int copied = copy_bytes(source, destination, to);
     if (copied == 0 && made != nullptr) {
-        *made = std::move(destination);
+        *made = std::move(destination.file);
     }
     return copied;
 }

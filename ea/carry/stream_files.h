@@ -9,6 +9,7 @@
 #include "support/file_ref.h"
 #include "support/path_buffer.h"
 
+#include <cstdint>
 #include <optional>
 #include <sys/stat.h>
 
@@ -44,12 +45,12 @@ class StreamPath {
     // 0, or -1 reported.
     int select(const char *stream);
     const char *c_str() const { return m_text.c_str(); }
-    // Opens the selected file, as open_store_file() does. The way to both of them is gone once.
-    Fd open(int flags) {
+    // Opens the selected file, as open_store_file_in() does. The way to both of them is gone once.
+    Fd open(int flags, struct stat &seen) {
         if (!m_place || !*m_place) {
             m_place.emplace(m_text.c_str());
         }
-        return *m_place ? open_store_file_in(m_place->directory(), m_place->name(), flags) : Fd();
+        return *m_place ? open_store_file_in(m_place->directory(), m_place->name(), flags, seen) : Fd();
     }
 
   private:
@@ -65,6 +66,7 @@ struct StreamFiles {
 
     StreamPath from, to;
     bool prepared = false;
+    int64_t copied = -1; // bytes of the last stream that was copied from store to store
 };
 
 // Selects the path of the resource stream of `path`. 0, or -1 with a line in the log.

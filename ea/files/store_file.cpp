@@ -29,22 +29,21 @@ Fd open_store_file(const char *path, int flags, mode_t mode) {
     return place ? open_store_file_in(place.directory(), place.name(), flags, mode) : Fd();
 }
 
-Fd open_store_file_in(int directory, const char *name, int flags, mode_t mode) {
+Fd open_store_file_in(int directory, const char *name, int flags, struct stat &seen, mode_t mode) {
     Fd file(::openat(directory, name, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
     if (!file) {
         errno = errno == ENXIO ? EINVAL : errno; // a socket, or a pipe that nobody reads
         return {};
     }
-    struct stat status;
-    if (::fstat(file.get(), &status) != 0) {
+    if (::fstat(file.get(), &seen) != 0) {
         return {};
     }
-    if (!S_ISREG(status.st_mode) || !may_be_used(status, flags)) {
+    if (!S_ISREG(seen.st_mode) || !may_be_used(seen, flags)) {
         file.reset();
-        errno = S_ISREG(status.st_mode) ? EMLINK : EINVAL;
+        errno = S_ISREG(seen.st_mode) ? EMLINK : EINVAL;
         return {};
     }
-    const bool emptied = (flags & O_TRUNC) == 0 || status.st_size == 0 || ::ftruncate(file.get(), 0) == 0;
+    const bool emptied = (flags & O_TRUNC) == 0 || seen.st_size == 0 || ::ftruncate(file.get(), 0) == 0;
     return emptied ? std::move(file) : Fd();
 }
 

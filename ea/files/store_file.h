@@ -19,8 +19,12 @@ inline constexpr mode_t kStoreMode = 0777;
 // Opens a store file by its path, with `flags` as open() takes them. What O_TRUNC asks for is done once the file is
 // known to be what it should be.
 Fd open_store_file(const char *path, int flags, mode_t mode = kStoreMode);
-// The same by its name in a directory that is open.
-Fd open_store_file_in(int directory, const char *name, int flags, mode_t mode = kStoreMode);
+// The same by its name in a directory that is open, with what was seen of it.
+Fd open_store_file_in(int directory, const char *name, int flags, struct stat &seen, mode_t mode = kStoreMode);
+inline Fd open_store_file_in(int directory, const char *name, int flags, mode_t mode = kStoreMode) {
+    struct stat seen;
+    return open_store_file_in(directory, name, flags, seen, mode);
+}
 
 // The same for a caller of ours, who gets what open() gives: a descriptor with the flags that were asked for, or -1.
 int open_store_file_for_caller(const char *path, int flags);

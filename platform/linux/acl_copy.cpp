@@ -156,6 +156,17 @@ bool have_modes_only(int dstFd, mode_t srcMode, const AttributeNames &source) {
     return !lists_acl(here) && ::fstat(dstFd, &to) == 0 && same_permissions(from, to);
 }
 
+// A new file has nothing but an access ACL from its directory, which that of the source takes the place of. Mostly
+// there is no other, and its value goes over as it is. false: nothing was done.
+bool give_listed_acl(int srcFd, int dstFd, mode_t srcMode, const AttributeNames &source) {
+    if (S_ISDIR(srcMode) || !source.known() || !source.has(kAccessName) || source.has(kArchiveName)) {
+        return false;
+    }
+    std::array<uint8_t, 1024> value;
+    const ssize_t size = ::fgetxattr(srcFd, kAccessName, value.data(), value.size());
+    return size > 0 && ::fsetxattr(dstFd, kAccessName, value.data(), static_cast<size_t>(size), 0) == 0;
+}
+
 } // namespace
 } // namespace vexo
 
@@ -182,7 +193,8 @@ int VEXOACLFCopyToNew(int srcFd, int dstFd, mode_t srcMode, const char *names, s
     if (srcFd < 0 || dstFd < 0 || names == nullptr) {
         return refuse(names == nullptr ? EFAULT : EBADF);
     }
-    if (have_modes_only(dstFd, srcMode, {names, size})) {
+    const AttributeNames listed(names, size);
+    if (have_modes_only(dstFd, srcMode, listed) || give_listed_acl(srcFd, dstFd, srcMode, listed)) {
         return 0;
     }
     return VEXOACLFCopy(srcFd, dstFd) == 0 && VEXOACLArchiveFCopy(srcFd, dstFd) == 0 ? 0 : -1;

@@ -1,6 +1,7 @@
 """What a call raises."""
 import errno
 import os
+import shutil
 from typing import TYPE_CHECKING, Any, Dict, NamedTuple, Optional, Tuple, Type, Union
 
 if TYPE_CHECKING:
@@ -82,7 +83,7 @@ class Error(OSError):
         self.filename, self.filename2 = self.path, self.other
 
     def __reduce__(self) -> Tuple[Any, ...]:
-        state = dict(self.__dict__, filename=self.filename, filename2=self.filename2)
+        state = dict(self.__dict__, filename=self.filename, filename2=self.filename2, args=self.args)
         return type(self), (self.errno, self.strerror), state
 
     def __str__(self) -> str:
@@ -115,8 +116,16 @@ class NotDirectory(Error, NotADirectoryError):
     """No directory, where one was asked for."""
 
 
-class Incomplete(Error):
-    """Not everything arrived: entries failed, or something of them was lost that was not accepted. `receipt` tells."""
+class SameFile(Error, shutil.SameFileError):
+    """Source and destination are one file, under whatever names."""
+
+
+class Incomplete(Error, shutil.Error):
+    """Not everything arrived: entries failed, or something of them was lost that was not accepted. `receipt` tells.
+
+    As of every shutil.Error of a tree args[0] is a list of tuples: source, destination, and why, of each that failed and
+    of the first of each class of losses.
+    """
 
 
 class Cancelled(Error):

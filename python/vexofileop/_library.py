@@ -14,8 +14,9 @@ ffi: Any = _declarations.ffi
 
 PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 
-_RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "VexoCallbacks", "VexoTransferOptions",
-            "VexoComparisonOptions", "VexoRelocation", "VEXOCopyArgs")
+_RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "VexoCallbacks", "VexoSelection",
+            "VexoTransferOptions", "VexoComparisonOptions", "VexoRelocation", "VexoMirrored",
+            "VexoBackedUp", "VexoFinding", "VexoConversion", "VexoSurveyed", "VEXOCopyArgs")
 
 
 def _open() -> Any:
@@ -107,6 +108,12 @@ def forget() -> None:
     ffi.errno = 0
 
 
+def check_callable(function: Optional[Callable[..., object]], name: str) -> None:
+    """Before anything is done, not at its end."""
+    if function is not None and not callable(function):
+        raise TypeError(f"{name} is called, and {function!r} cannot be")
+
+
 class Calls:
     """The callbacks of one call: they are kept alive while it runs, and what one of them raises is kept until it is over.
 
@@ -114,6 +121,7 @@ class Calls:
     """
 
     def __init__(self, cancel: Optional[Callable[[], object]] = None) -> None:
+        check_callable(cancel, "cancel")
         self.raised: Optional[BaseException] = None
         self.cancelled = False
         self._cancel = cancel

@@ -1,32 +1,19 @@
 """Copying, moving, renaming, removing, comparing: whole files and trees with everything that belongs to them."""
 import dataclasses
 import os
+import shutil
 import stat
 from typing import Any, Callable, Dict, Iterable, List, Optional, Set, Tuple, Union
 
-from ._errors import Cancelled, Error, Exists, Incomplete, NotDirectory, NotFound, error_of
-from ._library import Calls, Failure, PathLike, check, ffi, failure_error, lib, path_bytes, rows, serial, text, words
+from ._errors import Cancelled, Error, Exists, Incomplete, NotDirectory, NotFound, SameFile, error_of
+from ._library import (Calls, Failure, PathLike, check, check_callable, ffi, failure_error, lib, path_bytes, serial,
+                       text, words)
+from ._options import NAMES, Accept, Filter, Request, choice, class_name, loss_bits, process_count, selection, whole
 
 # So many failed entries and differences are kept one by one; the rest is counted.
 KEPT = 10000
 
 Ignore = Callable[[str, List[str]], Iterable[str]]
-Accept = Union[str, Iterable[str]]
-
-
-@dataclasses.dataclass(frozen=True)
-class LossClass:
-    """A class of what can be lost on the way to another volume.
-
-    severity is "lost" (it is at the source only), "changed" or "costs-more" (as it was, in more room).
-    """
-
-    name: str
-    severity: str
-    meaning: str
-    help: str
-    one: str
-    several: str
 
 
 @dataclasses.dataclass(frozen=True)
@@ -69,6 +56,8 @@ class Entry:
     losses       what the destination has not, or not as it was
     error        why it failed, or was skipped; None where there is nothing to say
     warning      done, but not as it should be
+    backup       where what it replaced is kept; None: nowhere
+    in_place     what stood there was written into
     """
 
     kind: str
@@ -83,6 +72,8 @@ class Entry:
     losses: Tuple[Loss, ...]
     error: Optional[Error]
     warning: Optional[Error]
+    backup: Optional[str] = None
+    in_place: bool = False
 
 
 @dataclasses.dataclass
@@ -91,10 +82,15 @@ class Receipt:
 
     files, directories  so many arrived, links and special files among the files
     bytes               of the files that arrived
-    skipped, failed     so many entries were; `same` of the skipped stood there already
+    skipped, failed     so many entries were
+    same                so many stood there already; of a move their sources are gone
+    backups             so many entries that were replaced are kept
     losses              how many of each class, by name, accepted ones among them
     examples            the first loss of each class
     failures            the entries that failed, the first KEPT of them
+    removed, left       of a mirror: so many entries went, and are left although the source has not got them
+    bits_cleared        of a backup: so many archive bits; `bits_kept` of what was brought stay, since it is being used
+    list_path           of a backup: where the list is of what it has brought
     left_over           what stands in directories of the destination under names of what is under way, and may be of
                         another machine's command that is not over, or somebody's own: it stays
     """
@@ -110,12 +106,19 @@ class Receipt:
     failed: int = 0
     cloned: int = 0
     sources_kept: int = 0
+    backups: int = 0
     cancelled: bool = False
     losses: Dict[str, int] = dataclasses.field(default_factory=dict)
     examples: Dict[str, Difference] = dataclasses.field(default_factory=dict)
     failures: List[Error] = dataclasses.field(default_factory=list)
     left_over: List[str] = dataclasses.field(default_factory=list)
+    removed: int = 0
+    left: int = 0
+    bits_cleared: int = 0
+    bits_kept: int = 0
+    list_path: Optional[str] = None
     _missing: int = 0
+    _notes: List[str] = dataclasses.field(default_factory=list)
 
     def __fspath__(self) -> str:
         return self.destination
@@ -123,7 +126,7 @@ class Receipt:
     @property
     def complete(self) -> bool:
         """Everything arrived but what was accepted, and what was to be skipped."""
-        return not self.cancelled and self.failed == 0 and self._missing == 0
+        return not self.cancelled and self.failed == 0 and self._missing == 0 and not self._notes
 
     def _add_loss(self, difference: Difference) -> None:
         self.losses[difference.name] = self.losses.get(difference.name, 0) + 1
@@ -167,6 +170,11 @@ class Plan:
     entries: List[Entry] = dataclasses.field(default_factory=list)
     rooms: List[Room] = dataclasses.field(default_factory=list)
     losses: Dict[str, int] = dataclasses.field(default_factory=dict)
+    _missing: int = 0
+
+    def _add_loss(self, difference: Difference) -> None:
+        self.losses[difference.name] = self.losses.get(difference.name, 0) + 1
+        self._missing += difference.loss.fails
 
     def count(self, status: str) -> int:
         """How many entries would be "new", "replace", "merge", "rename", "skip" or "fail"."""
@@ -179,7 +187,7 @@ class Plan:
     @property
     def complete(self) -> bool:
         """Whether the run would end without an exception, as far as a plan can tell."""
-        return self.count("fail") == 0 and not any(loss.fails for entry in self.entries for loss in entry.losses)
+        return self.count("fail") == 0 and self._missing == 0
 
 
 @dataclasses.dataclass
@@ -225,49 +233,23 @@ class Removal:
 
 _KINDS = ("file", "link", "directory", "other")
 _STATUSES = ("done", "skipped", "failed", "cancelled", "new", "replace", "merge", "rename", "skip", "fail")
-_EXISTING = {"fail": 0, "replace": 1, "keep": 2, "keep-both": 3, "update": 4}
-_CLONES = {"never": 0, "automatic": 1, "always": 2}
-_SYNCS = {"none": 0, "file": 1, "volume": 2}
-
-_classes: List[LossClass] = [
-    LossClass(words(row.name), words(row.severity), words(row.meaning), words(row.help), words(row.one),
-              words(row.several)) for row in rows(lib.vexo_loss_classes(), "name")]
+def loss_of(record: Any) -> Loss:
+    return Loss(class_name(record.loss_class), words(record.detail), bool(record.accepted), bool(record.fails))
 
 
-def loss_classes() -> Tuple[LossClass, ...]:
-    """All classes of losses, in the order in which they are told.
-
-    >>> [one.severity for one in loss_classes() if one.name == "owner"]
-    ['changed']
-    """
-    return tuple(_classes)
-
-
-def _choice(of: Dict[str, int], value: str, name: str) -> int:
-    if value not in of:
-        raise ValueError(f"{name} is one of {', '.join(of)}, not {value!r}")
-    return of[value]
-
-
-def _loss_bits(accept: Accept) -> int:
-    bits = 0
-    for name in [accept] if isinstance(accept, str) else accept:
-        found = lib.vexo_loss_set(name.encode())
-        if found == 0:
-            raise ValueError(f"there is no class of losses {name!r}: all, acl, fat, "
-                             f"{', '.join(one.name for one in _classes)}")
-        bits |= found
-    return bits
-
-
-def _loss(record: Any) -> Loss:
-    return Loss(_classes[record.loss_class].name, words(record.detail), bool(record.accepted), bool(record.fails))
-
-
-def _problem(record: Any, path: str, other: Optional[str]) -> Optional[Error]:
+def problem_of(record: Any, path: str, other: Optional[str]) -> Optional[Error]:
     if record == ffi.NULL:
         return None
-    return error_of(record.code, record.number, words(record.text), "", path, None if record.of_source else other)
+    kind = SameFile if record.same_file else None
+    return error_of(record.code, record.number, words(record.text), "", path, None if record.of_source else other, kind)
+
+
+def listed(error: Error, failures: Iterable[Error], losses: Iterable[Difference] = ()) -> Error:
+    """The same with what a shutil.Error of a tree has in args[0]."""
+    told = [(one.path, one.other, one.strerror) for one in failures]
+    told += [(one.source, one.destination, one.loss.detail) for one in losses]
+    error.args = (told,)
+    return error
 
 
 def _entry(record: Any) -> Entry:
@@ -276,8 +258,9 @@ def _entry(record: Any) -> Entry:
     return Entry(_KINDS[record.kind], _STATUSES[record.status], source, destination, record.bytes,
                  bool(flags & lib.VEXO_ENTRY_CLONED), bool(flags & lib.VEXO_ENTRY_SAME),
                  bool(flags & lib.VEXO_ENTRY_LINKED), bool(flags & lib.VEXO_ENTRY_SOURCE_STAYS),
-                 tuple(_loss(record.losses[at]) for at in range(record.loss_count)),
-                 _problem(record.problem, source, destination), _problem(record.warning, source, destination))
+                 tuple(loss_of(record.losses[at]) for at in range(record.loss_count)),
+                 problem_of(record.problem, source, destination), problem_of(record.warning, source, destination),
+                 text(record.backup) if record.backup != ffi.NULL else None, bool(flags & lib.VEXO_ENTRY_IN_PLACE))
 
 
 class _Ignored:
@@ -286,12 +269,17 @@ class _Ignored:
     Of a comparison it is asked of the names at both ends, by the path of the first.
     """
 
-    def __init__(self, top: bytes, ignore: Ignore, second: Optional[bytes] = None) -> None:
-        self._above, self._second = os.path.dirname(os.path.abspath(top)), second
-        self._ignore = ignore
+    def __init__(self, top: bytes, ignore: Ignore, second: Optional[bytes] = None,
+                 told: Optional[bytes] = None, top_is_named: bool = True) -> None:
+        check_callable(ignore, "ignore")
+        self._top, self._second = os.path.abspath(top), second
+        self._told = top if told is None else told  # as shutil does: below the path that was given
+        self._ignore, self._top_is_named = ignore, top_is_named
         self._names: Dict[bytes, Set[bytes]] = {}
 
     def meant(self, path: bytes) -> bool:
+        if not self._top_is_named:
+            path = b"./" + path
         directory, name = os.path.split(path)
         if not directory:
             return True  # the tree itself
@@ -299,15 +287,15 @@ class _Ignored:
             # A walk goes down and comes back: what is neither above nor here is behind it.
             for known in [one for one in self._names if not (directory + b"/").startswith(one + b"/")]:
                 del self._names[known]
-            place = os.fsdecode(os.path.join(self._above, directory))
-            names = self._ignore(place, self._listed(directory))
+            below = directory.split(b"/")[1:]
+            names = self._ignore(os.fsdecode(os.path.join(self._told, *below)), self._listed(below))
             self._names[directory] = {os.fsencode(one) for one in names}
         return name not in self._names[directory]
 
-    def _listed(self, directory: bytes) -> List[str]:
-        places = [os.path.join(self._above, directory)]
+    def _listed(self, below: List[bytes]) -> List[str]:
+        places = [os.path.join(self._top, *below)]
         if self._second is not None:
-            places.append(os.path.join(self._second, *directory.split(b"/")[1:]))
+            places.append(os.path.join(self._second, *below))
         found: Dict[str, None] = {}
         for place in places:
             try:
@@ -323,7 +311,10 @@ class _Run(Calls):
     def __init__(self, cancel: Optional[Callable[[], object]], progress: Optional[Callable[[int], object]],
                  ignored: Optional[_Ignored] = None) -> None:
         super().__init__(cancel)
+        check_callable(progress, "progress")
         self.done = 0
+        self.errors = 0
+        self.most_errors: Optional[int] = None
         if progress is not None:
             told = progress
 
@@ -336,48 +327,25 @@ class _Run(Calls):
             asked = ignored
             self.set("meant", lambda _data, path, _directory: int(asked.meant(ffi.string(path))), 0)
 
+    def asked(self) -> int:
+        return 1 if super().asked() or (self.most_errors is not None and self.errors >= self.most_errors) else 0
 
-@dataclasses.dataclass
-class _Request:
-    """A copy or a move as it is asked for."""
-
-    operation: str  # "copy", "copytree", "move"
-    source: PathLike
-    destination: PathLike
-    into: bool
-    trees: bool = False
-    links: bool = False
-    existing: str = "fail"
-    accept: Accept = ()
-    clone: str = "never"
-    sync: str = "none"
-    verify: bool = False
-    checksum: bool = False
-    specials: bool = False
-    hard_links: bool = True
-    retries: int = 0
-    bytes_per_second: int = 0
-    probe: bool = True
-
-    def options(self, every_entry: bool) -> Any:
-        if self.checksum and self.existing != "update":
-            raise ValueError("checksum says how existing=\"update\" compares, and needs it")
-        return ffi.new("VexoTransferOptions *", {
-            "operation": lib.VEXO_MOVE if self.operation == "move" else lib.VEXO_COPY,
-            "existing": _choice(_EXISTING, self.existing, "existing"),
-            "clone": _choice(_CLONES, self.clone, "clone"), "sync": _choice(_SYNCS, self.sync, "sync"),
-            "trees": self.trees, "links": self.links, "into": self.into, "specials": self.specials,
-            "hard_links": self.hard_links, "checksum": self.checksum, "verify": self.verify,
-            "retries": self.retries, "every_entry": every_entry, "probe": self.probe,
-            "bytes_per_second": self.bytes_per_second, "accepted": _loss_bits(self.accept)})
+    def settle(self, result: int, failure: Failure, doing: str, one: PathLike, other: PathLike) -> None:
+        """Raises what a call that has no receipt has to raise at its end."""
+        self.finish()
+        check(result, failure, doing, one, other)
+        if self.cancelled:
+            raise error_of(0xA600, 0, "", doing, one, other, Cancelled)
 
 
 def _add(receipt: Receipt, entry: Entry) -> None:
     if entry.status == "done":
         receipt.directories += entry.kind == "directory"
         receipt.files += entry.kind != "directory"
-        receipt.bytes += entry.bytes if entry.kind != "directory" else 0
+        receipt.bytes += entry.bytes if entry.kind != "directory" and not entry.same else 0
+        receipt.same += entry.same
         receipt.cloned += entry.cloned
+        receipt.backups += entry.backup is not None
         receipt.sources_kept += entry.source_kept
     elif entry.status == "skipped":
         receipt.skipped += 1
@@ -400,7 +368,7 @@ def _settle(receipt: Receipt, calls: Calls, doing: str, entries: int) -> Receipt
         error = error_of(0xA600, 0, "", doing, receipt.source, receipt.destination, Cancelled)
     elif receipt.complete:
         return receipt
-    elif receipt.failed == 1 and entries == 1 and receipt.files + receipt.directories == 0:
+    elif receipt.failed == 1 and entries == 1 and receipt.files + receipt.directories == 0 and not receipt._notes:
         error = receipt.failures[0]
         error.doing = doing
         error.about(receipt.source, error.other and receipt.destination)
@@ -408,19 +376,36 @@ def _settle(receipt: Receipt, calls: Calls, doing: str, entries: int) -> Receipt
         first = receipt.failures[0] if receipt.failures else None
         missing = [one for one in receipt.examples.values() if one.loss.fails]
         told = [f"{receipt.failed} failed, the first: {first}"] if first is not None else []
+        told += receipt._notes
         told += [f"{receipt.losses[one.name]} of {one.name} lost, the first: {one}" for one in missing]
         number = (first.errno or 0) if first is not None else 0
-        error = error_of(first.code if first is not None else 0, number, "; ".join(told), doing, receipt.source,
-                         receipt.destination, Incomplete)
+        error = listed(error_of(first.code if first is not None else 0, number, "; ".join(told), doing,
+                                 receipt.source, receipt.destination, Incomplete), receipt.failures, missing)
     error.receipt = receipt
     raise error
 
 
-def _transfer(request: _Request, ignore: Optional[Ignore], on_entry: Optional[Callable[[Entry], object]],
-              progress: Optional[Callable[[int], object]], cancel: Optional[Callable[[], object]]) -> Receipt:
+class _Work:
+    """What is to be called, and what it has told beside what every copy tells."""
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_transfer(source, destination, options, calls, failure))
+
+    def listen(self, calls: _Run, receipt: Receipt) -> None:
+        """Sets more callbacks."""
+
+    def end(self, receipt: Receipt) -> None:
+        """Adds what came of it."""
+
+
+def _transfer(request: Request, ignored: Optional[_Ignored], on_entry: Optional[Callable[[Entry], object]],
+              progress: Optional[Callable[[int], object]], cancel: Optional[Callable[[], object]],
+              work: _Work = _Work()) -> Receipt:
     source, destination = path_bytes(request.source), path_bytes(request.destination)
-    options = request.options(on_entry is not None)
-    calls = _Run(cancel, progress, _Ignored(source, ignore) if ignore is not None else None)
+    check_callable(on_entry, "on_entry")
+    options = request.options(on_entry is not None, ignored is not None)
+    calls = _Run(cancel, progress, ignored)
+    calls.most_errors = request.max_errors
     receipt = Receipt(request.operation, os.fsdecode(source), os.fsdecode(destination))
     if request.into and os.path.isdir(destination):
         receipt.destination = os.fsdecode(os.path.join(destination, os.path.basename(os.path.abspath(source))))
@@ -430,6 +415,7 @@ def _transfer(request: _Request, ignore: Optional[Ignore], on_entry: Optional[Ca
         entry = _entry(record)
         entries[:] = entries[:1] + [entry] if entries else [entry]
         _add(receipt, entry)
+        calls.errors += entry.status == "failed" or any(loss.fails for loss in entry.losses)
         if on_entry is not None:
             on_entry(entry)
 
@@ -438,23 +424,76 @@ def _transfer(request: _Request, ignore: Optional[Ignore], on_entry: Optional[Ca
         receipt.bytes += size
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             receipt._add_failure(error)
 
+    def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
+        receipt._add_loss(Difference(text(one), text(other), loss_of(record)))
+
     calls.set("entry", on_told)
+    calls.set("lost", on_lost)
     calls.set("left_over", lambda _data, path: receipt.left_over.append(text(path)))
     calls.set("arrived", on_arrived)
     calls.set("failed", on_failed)
+    work.listen(calls, receipt)
     failure = Failure()
     with serial:
-        result = lib.vexo_transfer(source, destination, options, calls.record, failure.record)
+        result = work.call(source, destination, options, calls.record, failure.record)
     if result != 0:
         calls.finish()
         raise failure.error(request.operation, source, destination)
+    work.end(receipt)
     if len(entries) == 1 and receipt.files + receipt.directories == 1 and entries[0].destination:
         receipt.destination = entries[0].destination
     return _settle(receipt, calls, request.operation, len(entries))
+
+
+class _Mirroring(_Work):
+    def __init__(self, flags: int, most: int, on_removed: Optional[Callable[[str], object]]) -> None:
+        check_callable(on_removed, "on_removed")
+        self._flags, self._most, self._on_removed = flags, most, on_removed
+        self._came = ffi.new("VexoMirrored *")
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_mirror(source, destination, options, self._flags, self._most, calls, self._came, failure))
+
+    def listen(self, calls: _Run, receipt: Receipt) -> None:
+        def on_removed(_data: object, place: Any, status: int, problem: Any) -> None:
+            shown = text(place)
+            if problem != ffi.NULL:
+                receipt._add_failure(problem_of(problem, shown, None) or error_of(0, 0, "", "", shown))
+            if status == lib.VEXO_DONE:
+                receipt.removed += 1
+                if self._on_removed is not None:
+                    self._on_removed(shown)
+
+        calls.set("removed", on_removed)
+
+    def end(self, receipt: Receipt) -> None:
+        receipt.backups += self._came.backups
+        receipt.left = self._came.left
+        if self._came.nothing_removed:
+            receipt._notes.append("nothing else is removed, for not everything was copied")
+        if receipt.left:
+            receipt._notes.append(f"{receipt.left} not removed, for max_delete is {self._most}")
+
+
+class _BackingUp(_Work):
+    def __init__(self, flags: int) -> None:
+        self._flags = flags
+        self._came = ffi.new("VexoBackedUp *")
+
+    def call(self, source: bytes, destination: bytes, options: Any, calls: Any, failure: Any) -> int:
+        return int(lib.vexo_backup(source, destination, options, self._flags, calls, self._came, failure))
+
+    def end(self, receipt: Receipt) -> None:
+        receipt.bits_cleared = self._came.cleared
+        receipt.bits_kept = self._came.kept + self._came.failed
+        receipt.list_path = text(self._came.list) or None
+        refusal = words(self._came.refusal)
+        if refusal:
+            receipt._notes.append(refusal)
 
 
 def _is_directory(given: bytes, look: Callable[[bytes], os.stat_result], doing: str, path: PathLike,
@@ -467,7 +506,8 @@ def _is_directory(given: bytes, look: Callable[[bytes], os.stat_result], doing: 
 
 def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = True, existing: str = "fail",
          accept: Accept = (), clone: str = "never", sync: str = "none", verify: bool = False, checksum: bool = False,
-         specials: bool = False, retries: int = 0, bytes_per_second: int = 0,
+         in_place: bool = False, names: str = "plain", backup: Union[bool, str] = False,
+         backup_dir: Optional[PathLike] = None, specials: bool = False, retries: int = 0, bytes_per_second: int = 0,
          on_entry: Optional[Callable[[Entry], object]] = None, progress: Optional[Callable[[int], object]] = None,
          cancel: Optional[Callable[[], object]] = None) -> Receipt:
     """Copies a file with everything that belongs to it, to a path or into a directory that exists, as shutil.copy does.
@@ -483,6 +523,10 @@ def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = Tru
     sync              what is on the disk before the call returns: "none", "file", "volume"
     verify            read the copy back and compare it with the source
     checksum          with "update": read what seems to be the same
+    in_place          what is replaced is written into and keeps its other names; what fails then has cost it
+    names             "reversible": names that FAT does not take are kept beside the copies, and come back; or "plain"
+    backup            keep what is replaced, with what is kept for it: True as "NAME~", or the suffix instead of "~"
+    backup_dir        keep it below that directory; a relative one lies beside the destination
     specials          make pipes, devices and sockets anew; else they are a loss
     retries           so many more attempts at what failed for something that may pass
     bytes_per_second  at most; 0: any number
@@ -490,8 +534,8 @@ def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = Tru
     progress          called with the bytes that are done so far, after each block
     cancel            asked before each block; true ends the call with Cancelled, and leaves nothing half done
 
-    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied or another Error; Incomplete where the copy is there
-    without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
+    Returns a Receipt. Raises NotFound, Exists, IsDirectory, Denied, SameFile or another Error; Incomplete where the copy
+    is there without something that was not accepted; and what a callback raises, which ends the call as `cancel` does.
 
     >>> with open("original", "w") as file:
     ...     _ = file.write("light")
@@ -505,32 +549,46 @@ def copy(source: PathLike, destination: PathLike, *, follow_symlinks: bool = Tru
     copy original -> copy: destination exists (0xA300); True
     >>> copy("original", "copy", existing="keep-both").destination.endswith("copy (1)")
     True
+    >>> with open("original", "w") as file:
+    ...     _ = file.write("shade")
+    >>> copy("original", "copy", existing="replace", backup=True).backups, open("copy~").read()
+    (1, 'light')
     """
-    request = _Request("copy", source, destination, True, links=not follow_symlinks, existing=existing, accept=accept,
-                       clone=clone, sync=sync, verify=verify, checksum=checksum, specials=specials, retries=retries,
-                       bytes_per_second=bytes_per_second)
+    request = Request("copy", source, destination, True, links=not follow_symlinks, existing=existing, accept=accept,
+                      clone=clone, sync=sync, verify=verify, checksum=checksum, in_place=in_place, names=names,
+                      backup=backup, backup_dir=backup_dir, specials=specials, retries=retries,
+                      bytes_per_second=bytes_per_second)
     return _transfer(request, None, on_entry, progress, cancel)
 
 
-def copytree(source: PathLike, destination: PathLike, symlinks: bool = True, ignore: Optional[Ignore] = None, *,
-             dirs_exist_ok: bool = False, existing: str = "fail", accept: Accept = (), clone: str = "never",
-             sync: str = "none", verify: bool = False, checksum: bool = False, specials: bool = False,
-             hard_links: bool = True, retries: int = 0, bytes_per_second: int = 0,
+def copytree(source: PathLike, destination: PathLike, symlinks: bool = True, ignore: Optional[Ignore] = None,
+             copy_function: Optional[Callable[..., object]] = None, ignore_dangling_symlinks: bool = False,
+             dirs_exist_ok: bool = False, *, filters: Optional[Filter] = None, existing: str = "fail",
+             accept: Accept = (), clone: str = "never", sync: str = "none", verify: bool = False,
+             checksum: bool = False, in_place: bool = False, names: str = "plain", backup: Union[bool, str] = False,
+             backup_dir: Optional[PathLike] = None, specials: bool = False, hard_links: bool = True, retries: int = 0,
+             max_errors: Optional[int] = None, bytes_per_second: int = 0, jobs: int = 1,
              on_entry: Optional[Callable[[Entry], object]] = None, progress: Optional[Callable[[int], object]] = None,
              cancel: Optional[Callable[[], object]] = None) -> Receipt:
     """Copies a directory with everything in it to the path `destination`, as shutil.copytree does.
 
     symlinks       links stay links; to follow them (False) is not offered, since whoever may write into the tree says
-                   where they lead
+                   where they lead. ignore_dangling_symlinks therefore changes nothing
     ignore         as of shutil.copytree: called with each directory and the names in it, gives those to leave out;
                    shutil.ignore_patterns("*.bak") makes one
+    copy_function  shutil.copy, shutil.copy2 or copy of this package, which all come to what is done; ValueError for another
     dirs_exist_ok  merge into a directory that exists; else Exists is raised
-    existing       what stands at the destination of a file, as for copy()
+    filters        which entries are meant: Filters, or rules for names as rsync has them
+    existing       what stands at the destination of a file, as for copy(); also of a directory that exists nothing is
+                   replaced unasked
     hard_links     names of one file stay that, where the volume can
+    max_errors     end at so many entries that fail, with Incomplete
+    jobs           so many processes share the work, where that changes nothing but the order. They are forked from this
+                   one and end with the call; without ignore
 
     The rest is as for copy(); on_entry is called for each entry, without it those that arrived are only counted.
     An entry that fails does not keep the others from being copied: Incomplete is raised at the end, whose receipt says
-    which. The function is there as copy_tree too.
+    which; it is a shutil.Error with the list of tuples of that. The function is there as copy_tree too.
 
     >>> import os, shutil
     >>> os.makedirs("album/2024")
@@ -540,37 +598,143 @@ def copytree(source: PathLike, destination: PathLike, symlinks: bool = True, ign
     2
     >>> sorted(os.listdir("backup/2024"))
     ['dawn']
-    >>> copytree("album", "backup", dirs_exist_ok=True, existing="update").same
+    >>> copytree("album", "backup", dirs_exist_ok=True, existing="update", filters="- *.bak").same
     2
     """
     if not symlinks:
         raise ValueError("copytree follows no links: symlinks=True is what it does")
-    given = path_bytes(source)
+    if copy_function not in (None, copy, shutil.copy, shutil.copy2):
+        raise ValueError("copytree copies by itself, with everything that belongs to a file: no copy_function")
+    given = told = path_bytes(source)
     if not _is_directory(given, os.stat, "copytree", source, destination):
         raise error_of(0xA000, 0, "the source is not a directory", "copytree", source, destination, NotDirectory)
     if os.path.islink(given.rstrip(b"/")):
         given = os.path.realpath(given)
     if not dirs_exist_ok and os.path.lexists(path_bytes(destination)):
         raise error_of(0xA300, 0, "", "copytree", source, destination, Exists)
-    request = _Request("copytree", given, destination, False, trees=True, existing=existing, accept=accept,
-                       clone=clone, sync=sync, verify=verify, checksum=checksum, specials=specials,
-                       hard_links=hard_links, retries=retries, bytes_per_second=bytes_per_second)
-    return _transfer(request, ignore, on_entry, progress, cancel)
+    request = Request("copytree", given, destination, False, trees=True, filters=filters, existing=existing,
+                      accept=accept, clone=clone, sync=sync, verify=verify, checksum=checksum, in_place=in_place,
+                      names=names, backup=backup, backup_dir=backup_dir, specials=specials, hard_links=hard_links,
+                      retries=retries, max_errors=max_errors, bytes_per_second=bytes_per_second, jobs=jobs)
+    ignored = _Ignored(given, ignore, None, told) if ignore is not None else None
+    return _transfer(request, ignored, on_entry, progress, cancel)
 
 
 copy_tree = copytree
 
 
-def move(source: PathLike, destination: PathLike, *, existing: str = "fail", accept: Accept = (), sync: str = "none",
-         verify: bool = False, checksum: bool = False, specials: bool = False, retries: int = 0,
-         bytes_per_second: int = 0, on_entry: Optional[Callable[[Entry], object]] = None,
+def mirror(source: PathLike, destination: PathLike, *, ignore: Optional[Ignore] = None,
+           filters: Optional[Filter] = None, delete_excluded: bool = False, max_delete: Optional[int] = None,
+           allow_empty: bool = False, accept: Accept = (), clone: str = "never", sync: str = "none",
+           verify: bool = False, checksum: bool = False, names: str = "plain",
+           backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None, specials: bool = False,
+           hard_links: bool = True, retries: int = 0, max_errors: Optional[int] = None, bytes_per_second: int = 0,
+           jobs: int = 1, on_entry: Optional[Callable[[Entry], object]] = None,
+           on_removed: Optional[Callable[[str], object]] = None, progress: Optional[Callable[[int], object]] = None,
+           cancel: Optional[Callable[[], object]] = None) -> Receipt:
+    """Makes the directory `destination` equal to `source`: WHAT IT HAS AND THE SOURCE HAS NOT IS REMOVED.
+
+    It is copied as by copytree() with existing="update" and dirs_exist_ok=True. Then what the source has not goes, only
+    when nothing failed to be read or copied; with `backup` or `backup_dir` it is kept, as what is replaced is.
+
+    ignore, filters  what they leave out is not copied, and stays at the destination. The path of a rule begins below the
+                     source: "- /raw/"
+    delete_excluded  what they leave out by its name is removed, too
+    max_delete       remove no more than so many entries: Incomplete is raised where there are more
+    allow_empty      go ahead where the source holds nothing at all and everything would go; else an Error is raised
+    on_removed       called with the path of each entry that has gone
+
+    The rest is as for copytree(). Returns a Receipt, with `removed`. Raises Incomplete where the two are not equal at the
+    end, but for losses that were accepted.
+
+    >>> import os
+    >>> os.makedirs("album"); os.makedirs("copy")
+    >>> for name in "album/dawn", "copy/dusk":
+    ...     open(name, "w").close()
+    >>> receipt = mirror("album", "copy")
+    >>> receipt.files, receipt.removed, os.listdir("copy")
+    (1, 1, ['dawn'])
+    """
+    most = -1 if max_delete is None else whole(max_delete, "max_delete", 0)
+    given, to = _pair("mirror", source, destination)
+    request = Request("mirror", given, to, False, trees=True, filters=filters, existing="update", accept=accept,
+                      clone=clone, sync=sync, verify=verify, checksum=checksum, names=names, backup=backup,
+                      backup_dir=backup_dir, specials=specials, hard_links=hard_links, retries=retries,
+                      max_errors=max_errors, bytes_per_second=bytes_per_second, jobs=jobs)
+    flags = ((lib.VEXO_MIRROR_LEFT_OUT_TOO if delete_excluded else 0) |
+             (lib.VEXO_MIRROR_ALLOW_EMPTY if allow_empty else 0))
+    work = _Mirroring(flags, most, on_removed)
+    ignored = _Ignored(given, ignore, to, top_is_named=False) if ignore is not None else None
+    return _transfer(request, ignored, on_entry, progress, cancel, work)
+
+
+def backup_run(source: PathLike, destination: PathLike, *, full: bool = False, keep_bits: bool = False,
+               ignore: Optional[Ignore] = None, filters: Optional[Filter] = None, accept: Accept = (),
+               clone: str = "never", sync: str = "volume", names: str = "plain",
+               backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None, specials: bool = False,
+               hard_links: bool = True, retries: int = 0, max_errors: Optional[int] = None, bytes_per_second: int = 0,
+               jobs: int = 1, on_entry: Optional[Callable[[Entry], object]] = None,
+               progress: Optional[Callable[[int], object]] = None,
+               cancel: Optional[Callable[[], object]] = None) -> Receipt:
+    """Backs up a directory by the archive bit, which clients set of what they change.
+
+    Files that have it are copied into `destination` as by mirror(), but nothing is removed there, and read back; then
+    the bit of each goes that is proven to be there and has not changed since. A list beside the destination says what
+    went, `list_path` where that is. It can be stopped and run again at any time.
+
+    full       everything, whether it has the bit or not
+    keep_bits  clear none: the next backup takes the same, too
+    sync       "volume" or "file": a bit that is cleared stays so after a power failure, and so has what it stands for
+
+    The rest is as for mirror(). Returns a Receipt. Raises Incomplete where not all of it is in the destination, or a
+    bit could not be cleared; and an Error where the volume keeps no archive bits and it is not to be full.
+
+    >>> import os
+    >>> from vexofileop import archive_bit, set_archive_bit
+    >>> os.mkdir("album")
+    >>> for name in "album/dawn", "album/dusk":
+    ...     open(name, "w").close()
+    >>> backup_run("album", "backup", full=True).files
+    2
+    >>> set_archive_bit("album/dusk")
+    >>> receipt = backup_run("album", "backup")
+    >>> receipt.files + receipt.same, receipt.bits_cleared, archive_bit("album/dusk")
+    (1, 1, False)
+    """
+    if sync not in ("volume", "file"):
+        raise ValueError(f"sync is one of volume, file, not {sync!r}")
+    given, to = _pair("backup_run", source, destination)
+    request = Request("backup_run", given, to, False, trees=True, filters=filters, existing="update", accept=accept,
+                      clone=clone, sync=sync, names=names, backup=backup, backup_dir=backup_dir, specials=specials,
+                      hard_links=hard_links, retries=retries, max_errors=max_errors,
+                      bytes_per_second=bytes_per_second, jobs=jobs)
+    flags = (lib.VEXO_BACKUP_FULL if full else 0) | (lib.VEXO_BACKUP_KEEP_BITS if keep_bits else 0)
+    ignored = _Ignored(given, ignore, to, top_is_named=False) if ignore is not None else None
+    return _transfer(request, ignored, on_entry, progress, cancel, _BackingUp(flags))
+
+
+def _pair(doing: str, source: PathLike, destination: PathLike) -> Tuple[bytes, bytes]:
+    """A directory, and one that is there or not."""
+    given, to = path_bytes(source), path_bytes(destination)
+    for path in (given, to) if os.path.lexists(to) else (given,):
+        if not _is_directory(path, os.stat, doing, source, destination):
+            which = "source" if path is given else "destination"
+            raise error_of(0xA000, 0, f"the {which} is not a directory", doing, source, destination, NotDirectory)
+    return given, to
+
+
+def move(source: PathLike, destination: PathLike, *, filters: Optional[Filter] = None, existing: str = "fail",
+         accept: Accept = (), sync: str = "none", verify: bool = False, checksum: bool = False, in_place: bool = False,
+         names: str = "plain", backup: Union[bool, str] = False, backup_dir: Optional[PathLike] = None,
+         specials: bool = False, retries: int = 0, max_errors: Optional[int] = None, bytes_per_second: int = 0,
+         jobs: int = 1, on_entry: Optional[Callable[[Entry], object]] = None,
          progress: Optional[Callable[[int], object]] = None,
          cancel: Optional[Callable[[], object]] = None) -> Receipt:
     """Moves a file, link or directory to a path or into a directory that exists, as shutil.move does.
 
     Within a volume it is renamed. To another one it is copied and compared, and the source goes last, if nothing was
     lost that was not accepted and it still is what was copied; else it stays, `sources_kept` counts it, and Incomplete is
-    raised. The options are those of copy(); directories are merged into.
+    raised. The options are those of copytree(); directories are merged into. What filters leave out stays where it is.
 
     >>> with open("draft", "w") as file:
     ...     _ = file.write("text")
@@ -579,15 +743,17 @@ def move(source: PathLike, destination: PathLike, *, existing: str = "fail", acc
     >>> os.path.exists("draft"), open("final").read()
     (False, 'text')
     """
-    request = _Request("move", source, destination, True, trees=True, links=True, existing=existing, accept=accept,
-                       sync=sync, verify=verify, checksum=checksum, specials=specials, retries=retries,
-                       bytes_per_second=bytes_per_second)
+    request = Request("move", source, destination, True, trees=True, links=True, filters=filters, existing=existing,
+                      accept=accept, sync=sync, verify=verify, checksum=checksum, in_place=in_place, names=names,
+                      backup=backup, backup_dir=backup_dir, specials=specials, retries=retries, max_errors=max_errors,
+                      bytes_per_second=bytes_per_second, jobs=jobs)
     return _transfer(request, None, on_entry, progress, cancel)
 
 
 def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ignore: Optional[Ignore] = None,
-         existing: str = "fail", accept: Accept = (), clone: str = "never", checksum: bool = False,
-         specials: bool = False, hard_links: bool = True, probe: bool = True,
+         filters: Optional[Filter] = None, existing: str = "fail", accept: Accept = (), clone: str = "never",
+         checksum: bool = False, in_place: bool = False, names: str = "plain", backup: Union[bool, str] = False,
+         backup_dir: Optional[PathLike] = None, specials: bool = False, hard_links: bool = True, probe: bool = True,
          cancel: Optional[Callable[[], object]] = None) -> Plan:
     """What copy(), copytree() (with dirs_exist_ok=True) or move() (`operation`) would do, without doing it.
 
@@ -605,9 +771,10 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
     if operation not in ("copy", "copytree", "move"):
         raise ValueError("operation is one of copy, copytree, move")
     given, to = path_bytes(source), path_bytes(destination)
-    request = _Request(operation, given, to, operation != "copytree", trees=operation != "copy",
-                       links=operation != "copy", existing=existing, accept=accept, clone=clone, checksum=checksum,
-                       specials=specials, hard_links=hard_links, probe=probe)
+    request = Request(operation, given, to, operation != "copytree", trees=operation != "copy",
+                      links=operation != "copy", filters=filters, existing=existing, accept=accept, clone=clone,
+                      checksum=checksum, in_place=in_place, names=names, backup=backup, backup_dir=backup_dir,
+                      specials=specials, hard_links=hard_links, probe=probe)
     options = request.options(True)
     calls = _Run(cancel, None, _Ignored(given, ignore) if ignore is not None else None)
     planned = Plan(operation, os.fsdecode(given), os.fsdecode(to))
@@ -616,7 +783,7 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
         entry = _entry(record)
         planned.entries.append(entry)
         for loss in entry.losses:
-            planned.losses[loss.name] = planned.losses.get(loss.name, 0) + 1
+            planned._add_loss(Difference(entry.source, entry.destination, loss))
 
     def known(number: int) -> Optional[int]:
         return None if number < 0 else number
@@ -627,26 +794,30 @@ def plan(source: PathLike, destination: PathLike, operation: str = "copy", *, ig
                                   known(record.quota_bytes_free), known(record.quota_inodes_free),
                                   bool(record.probed)))
 
+    def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
+        planned._add_loss(Difference(text(one), text(other), loss_of(record)))
+
     calls.set("entry", on_entry)
+    calls.set("lost", on_lost)
     calls.set("room", on_room)
     failure = Failure()
     with serial:
         result = lib.vexo_plan(given, to, options, calls.record, failure.record)
-    calls.finish()
-    check(result, failure, "plan", source, destination)
-    if calls.cancelled:
-        raise error_of(0xA600, 0, "", "plan", source, destination, Cancelled)
+    calls.settle(result, failure, "plan", source, destination)
     return planned
 
 
 def compare(first: PathLike, second: PathLike, *, data: bool = True, times: bool = True,
-            ignore: Optional[Ignore] = None, progress: Optional[Callable[[int], object]] = None,
+            ignore: Optional[Ignore] = None, filters: Optional[Filter] = None, names: str = "plain", jobs: int = 1,
+            progress: Optional[Callable[[int], object]] = None,
             cancel: Optional[Callable[[], object]] = None) -> Comparison:
     """What `second` lacks of `first` or has otherwise, two files or two trees, whatever their volumes keep it in.
 
     data    content is read; False: sizes are compared
     times   modification and creation times count
-    ignore  as of copytree(), with the names at both: they are passed over
+    ignore  as of copytree(), with the names at both: they are passed over; filters: the same
+    names   "reversible": an entry is looked for under what the second calls it, as copy() has made it
+    jobs    so many processes share the work, as of copytree()
 
     Returns a Comparison, which is true where nothing differs. Raises an Error where one of the two cannot be looked at
     (what cannot be read below that is a difference of the class "unreadable"), and Cancelled.
@@ -663,7 +834,7 @@ def compare(first: PathLike, second: PathLike, *, data: bool = True, times: bool
     came = Comparison(os.fsdecode(one), os.fsdecode(other))
 
     def on_lost(_data: object, source: Any, destination: Any, record: Any) -> None:
-        found = Difference(text(source), text(destination), _loss(record))
+        found = Difference(text(source), text(destination), loss_of(record))
         came.differing += 1
         came.losses[found.name] = came.losses.get(found.name, 0) + 1
         if len(came.differences) < KEPT:
@@ -684,13 +855,13 @@ def compare(first: PathLike, second: PathLike, *, data: bool = True, times: bool
     calls.set("left_over", lambda _data, path: came.left_over.append(text(path)))
     calls.set("compared", on_compared)
     failure = Failure()
-    options = ffi.new("VexoComparisonOptions *", {"data": data, "times": times})
+    kept: List[Any] = []
+    options = ffi.new("VexoComparisonOptions *", {
+        "data": data, "times": times, "reversible_names": choice(NAMES, names, "names"),
+        "jobs": process_count(jobs, ignore is not None), "selection": selection(filters, kept)})
     with serial:
         result = lib.vexo_compare(one, other, options, calls.record, failure.record)
-    calls.finish()
-    check(result, failure, "compare", first, second)
-    if calls.cancelled:
-        raise error_of(0xA600, 0, "", "compare", first, second, Cancelled)
+    calls.settle(result, failure, "compare", first, second)
     return came
 
 
@@ -711,7 +882,7 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
     problems: List[Error] = []
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             problems.append(error)
 
@@ -724,18 +895,20 @@ def rename(source: PathLike, destination: PathLike, *, replace: bool = False) ->
     check(result, failure, "rename", source, destination)
     if problems:
         first = problems[0]
-        raise error_of(first.code, first.errno or 0, first.strerror or "", "rename", source, destination, Incomplete)
+        raise listed(error_of(first.code, first.errno or 0, first.strerror or "", "rename", source, destination,
+                               Incomplete), problems)
 
 
 def _remove(path: PathLike, flags: int, doing: str, cancel: Optional[Callable[[], object]],
             on_entry: Optional[Callable[[str], object]]) -> Removal:
+    check_callable(on_entry, "on_entry")
     calls = Calls(cancel)
     came = Removal(os.fsdecode(path))
 
     def on_removed(_data: object, place: Any, status: int, problem: Any) -> None:
         shown = text(place)
         came.removed += status == lib.VEXO_DONE
-        error = _problem(problem, shown, None)
+        error = problem_of(problem, shown, None)
         if status == lib.VEXO_FAILED:
             came.failed += 1
             if len(came.failures) < KEPT:
@@ -758,8 +931,8 @@ def _remove(path: PathLike, flags: int, doing: str, cancel: Optional[Callable[[]
         raise only
     if came.failed > 0:
         first = came.failures[0]
-        raise error_of(first.code, first.errno or 0, f"{came.failed} not removed, the first: {first}", doing, path,
-                       None, Incomplete)
+        raise listed(error_of(first.code, first.errno or 0, f"{came.failed} not removed, the first: {first}", doing,
+                               path, None, Incomplete), came.failures)
     return came
 
 
@@ -826,10 +999,10 @@ def relocate(source: PathLike, destination: PathLike, *, keep_source: bool = Fal
     receipt = Receipt("relocate", os.fsdecode(given), os.fsdecode(to))
 
     def on_lost(_data: object, one: Any, other: Any, record: Any) -> None:
-        receipt._add_loss(Difference(text(one), text(other), _loss(record)))
+        receipt._add_loss(Difference(text(one), text(other), loss_of(record)))
 
     def on_failed(_data: object, path: Any, problem: Any) -> None:
-        error = _problem(problem, text(path), None)
+        error = problem_of(problem, text(path), None)
         if error is not None:
             receipt._add_failure(error)
 
@@ -838,7 +1011,7 @@ def relocate(source: PathLike, destination: PathLike, *, keep_source: bool = Fal
     failure, came = Failure(), ffi.new("VexoRelocation *")
     flags = (lib.VEXO_KEEP_SOURCE if keep_source else 0) | (lib.VEXO_MAKE_SPECIALS if specials else 0)
     with serial:
-        result = lib.vexo_relocate(given, to, flags, _loss_bits(accept), calls.record, came, failure.record)
+        result = lib.vexo_relocate(given, to, flags, loss_bits(accept), calls.record, came, failure.record)
     check(result, failure, "relocate", source, destination)
     if came.end == lib.VEXO_RELOCATED:
         calls.finish()
@@ -852,7 +1025,8 @@ def relocate(source: PathLike, destination: PathLike, *, keep_source: bool = Fal
         lib.VEXO_SOURCE_REMAINS: "the copy is in place; the source could not be removed entirely",
         lib.VEXO_OLD_REMAINS: "the copy is in place; what stood there before could not be removed entirely",
     }.get(came.end)
-    error = (error_of(0, 0, said, "relocate", source, destination, Incomplete)
+    error = (listed(error_of(0, 0, said, "relocate", source, destination, Incomplete), receipt.failures,
+                     [one for one in receipt.examples.values() if one.loss.fails])
              if said is not None else failure_error(came.problem, "relocate", source, destination))
     aside = text(came.aside)
     if aside:

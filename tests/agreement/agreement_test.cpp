@@ -120,8 +120,7 @@ class Receipt : public engine::TransferObserver {
         if (outcome.status == engine::Status::failed) {
             m_view.close(source);
         }
-        const bool stays = outcome.problem && outcome.problem->reason.starts_with("the source directory stays");
-        if (outcome.status != engine::Status::done && outcome.losses.empty() && !stays) {
+        if (outcome.status != engine::Status::done && outcome.losses.empty()) {
             m_view.fail(source);
             m_view.details +=
                 engine::displayed(source) + ": " + (outcome.problem ? outcome.problem->reason : "") + "\n";

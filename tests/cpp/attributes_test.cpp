@@ -267,6 +267,10 @@ TEST_P(CppAttributes, StoreIsCopiedRenamedAndRemoved) {
     ASSERT_TRUE(vexofileop::remove_store(scratch / "third"));
     EXPECT_TRUE(Attributes::of(scratch / "third").value().names().value().empty());
     EXPECT_EQ(Code::invalid_argument, vexofileop::remove_store("").error().code());
+    const std::string cut("b\0hidden", 8);
+    for (const auto &refused : {vexofileop::copy_store(file, cut), vexofileop::rename_store(file, cut)}) {
+        EXPECT_EQ(cut, refused.error().path().native()) << "the path that is wrong is named";
+    }
 }
 
 class CppFork : public CppAttributes {

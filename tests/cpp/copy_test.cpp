@@ -128,6 +128,11 @@ TEST_F(CppCopy, OwnersThatTheRecordsCannotSayAreRefused) {
     EXPECT_THROW(MoveOptions().owner(static_cast<uid_t>(-1), 100), std::invalid_argument);
 }
 
+// Without a function the records would say: what exists stays, and nothing is copied with success.
+TEST_F(CppCopy, NamesOfNobodyAreRefused) {
+    EXPECT_THROW(CopyOptions().rename_if_exists(nullptr), std::invalid_argument);
+}
+
 TEST_F(CppCopy, OwnerIsThatOfTheSourceOrTheOneThatIsNamed) {
     KIT_NEEDS_ROOT("to give files away");
     ASSERT_EQ(0, ::chown(from.c_str(), 1234, 2345));

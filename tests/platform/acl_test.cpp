@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -226,6 +227,26 @@ TEST_F(Acls, ANewFileOfAPlainOneCostsTwoLooks) {
     kit::Faults::reset();
     kit::Faults::fail("flistxattr", EIO, dst); // then it is looked at the long way
     EXPECT_EQ(0, VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, "", 0));
+}
+
+// Nothing else can be in its way: the file is new, and the list says that there is no archived one.
+TEST_F(Acls, ANewFileGetsAListedAclByTwoCalls) {
+    give(src, kRich);
+    const vexo::Fd from(::open(src.c_str(), O_RDONLY | O_CLOEXEC));
+    const vexo::Fd to(::open(dst.c_str(), O_WRONLY | O_CLOEXEC));
+    constexpr std::string_view names("system.posix_acl_access\0", 24);
+    kit::Faults::record(true);
+    EXPECT_EQ(0, VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, names.data(), names.size()));
+    EXPECT_EQ(1, kit::Faults::count("fgetxattr"));
+    EXPECT_EQ(1, kit::Faults::count("fsetxattr"));
+    EXPECT_EQ(0, kit::Faults::count("flistxattr"));
+    kit::Faults::reset();
+    EXPECT_EQ(of(src), of(dst));
+    // Where it cannot go over as it is it goes the long way.
+    give(dst, "user::rw-,group::r--,other::---");
+    kit::Faults::fail("fsetxattr", EIO, dst);
+    EXPECT_EQ(0, VEXOACLFCopyToNew(from.get(), to.get(), kit::statOf(src).st_mode, names.data(), names.size()));
+    EXPECT_EQ(of(src), of(dst));
 }
 
 TEST_F(Acls, ADirectoryWithoutADefaultIsNotTakenOneAway) {

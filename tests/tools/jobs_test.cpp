@@ -18,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -137,6 +138,7 @@ class RunningTool {
             ::execv(program.c_str(), pointers.data());
             ::_exit(126);
         }
+        ::setpgid(m_pid, m_pid); // whoever of the two comes first
     }
     RunningTool(const RunningTool &) = delete;
     RunningTool &operator=(const RunningTool &) = delete;
@@ -148,6 +150,7 @@ class RunningTool {
     }
 
     pid_t pid() const { return m_pid; }
+    int64_t saidBytes() const { return kit::exists(m_out) ? kit::statOf(m_out).st_size : 0; }
     bool isOver() { return m_pid < 0 || (::waitpid(m_pid, &m_status, WNOHANG) == m_pid && (m_pid = -1, true)); }
     ToolResult finish() {
         if (m_pid > 0) {
@@ -186,12 +189,28 @@ class RunningTool {
     int m_status = -1;
 };
 
-bool isAlive(pid_t process) {
+// As the kernel has it: 'R', 'S', 'T' …; 'X' of none.
+char kernelStateOf(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
     std::string text;
     std::getline(file, text); // nothing of one that has just ended
     const size_t end = text.rfind(')');
-    return end != std::string::npos && text.size() > end + 2 && text[end + 2] != 'Z' && text[end + 2] != 'X';
+    return end == std::string::npos || text.size() <= end + 2 ? 'X' : text[end + 2];
+}
+
+bool isAlive(pid_t process) {
+    const char state = kernelStateOf(process);
+    return state != 'Z' && state != 'X';
+}
+
+bool areStopped(const std::vector<pid_t> &processes) {
+    for (int step = 0; step < 6'000; ++step) {
+        if (std::ranges::all_of(processes, [](pid_t one) { return kernelStateOf(one) == 'T'; })) {
+            return true;
+        }
+        ::usleep(10'000);
+    }
+    return false;
 }
 
 bool areGone(const std::vector<pid_t> &processes) {
@@ -527,14 +546,14 @@ Lines toldBy(const ToolResult &result) {
 }
 
 // Every entry below with what it is, and how many names it has. Stores are made anew, at any time.
-Lines stateOf(const std::string &top) {
+Lines stateOf(const std::string &top, bool withLinks = true) {
     Lines state;
     for (const std::string &path : pathsBelow(top)) {
         const struct stat found = kit::statOf(path);
         const bool file = S_ISREG(found.st_mode);
         state.push_back(
             path.substr(top.size()) + " " + std::to_string(found.st_mode) + " " +
-            std::to_string(S_ISDIR(found.st_mode) ? 0 : found.st_nlink) + " " +
+            std::to_string(S_ISDIR(found.st_mode) || !withLinks ? 0 : found.st_nlink) + " " +
             std::to_string(S_ISLNK(found.st_mode) || kit::mentions(path, "@eaDir") ? 0 : found.st_mtim.tv_sec) + " " +
             (file ? kit::readFile(path) : std::string()));
     }
@@ -719,6 +738,25 @@ TEST_F(CopyJobs, CtrlCEndsAllOfThem) {
     EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
 }
 
+// Ctrl-Z reaches all of them by itself; this is for who stops the one process that the shell knows.
+TEST_F(CopyJobs, PausedAloneItPausesAllOfThem) {
+    makeTree(tree, 60, 4'000);
+    RunningTool tool({"copy", "-r", "-T", "--jobs", "3", tree, copy}, scratch.path());
+    std::vector<pid_t> all;
+    while (all.size() < 3 && !tool.isOver()) {
+        all = tool.children();
+    }
+    ASSERT_EQ(3u, all.size());
+    all.push_back(tool.pid());
+    for (int time = 0; time < 2; ++time) {
+        ::kill(tool.pid(), SIGTSTP);
+        EXPECT_TRUE(areStopped(all));
+        ::kill(tool.pid(), SIGCONT);
+    }
+    EXPECT_EQ(0, tool.finish().status);
+    EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
+}
+
 TEST_F(CopyJobs, KilledItLeavesNobodyBehind) {
     makeTree(tree, 60, 4'000);
     RunningTool tool({"copy", "-r", "-T", "--jobs", "3", tree, copy}, scratch.path());
@@ -828,6 +866,163 @@ TEST_F(MoveJobs, KilledAtRandomTheyLoseNothing) {
         EXPECT_FALSE(hasLeftOvers(to));
         ASSERT_EQ(0, runTool({"remove", "-rf", to, copy}).status);
     }
+}
+
+// ---- all of them killed, and the same again ----
+
+// Kills the command with everybody who works for it once it has said so much, unless it is at its end by then.
+void killAll(kit::Arguments arguments, const std::string &directory, int64_t point) {
+    arguments.insert(arguments.begin() + 1, {"--json", "--jobs", "3"});
+    RunningTool tool(arguments, directory);
+    std::vector<pid_t> workers;
+    while (!tool.isOver() && tool.saidBytes() < point) {
+    }
+    if (tool.isOver()) {
+        return;
+    }
+    ::kill(-tool.pid(), SIGSTOP);
+    workers = tool.children();
+    ::kill(-tool.pid(), SIGKILL);
+    while (!tool.isOver()) {
+        ::usleep(1'000);
+    }
+    EXPECT_TRUE(areGone(workers) && areForgotten(workers)); // else they may be at work, as far as anybody can tell
+}
+
+// What an undisturbed run says is as much as one that is killed might have said.
+std::vector<int64_t> pointsOf(const ToolResult &undisturbed) {
+    const uint32_t count = static_cast<uint32_t>(kit::seeds(3, 60).size());
+    const auto size = static_cast<int64_t>(undisturbed.out.size());
+    std::vector<int64_t> points{0, 1};
+    for (uint32_t point = 1; point < count; ++point) {
+        points.push_back(size * point / count);
+    }
+    return points;
+}
+
+TEST_F(CopyJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    makeTree(tree, 40, 400);
+    setTimes(tree);
+    const ToolResult undisturbed = runTool({"copy", "-r", "-T", "--json", tree, copy});
+    ASSERT_EQ(0, undisturbed.status);
+    const Lines expected = stateOf(copy);
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        ASSERT_EQ(0, runTool({"remove", "-rf", copy}).status);
+        killAll({"copy", "-ru", "-T", tree, copy}, scratch.path(), point);
+        killAll({"copy", "-ru", "-T", tree, copy}, scratch.path(), point / 2);
+        const ToolResult second = runTool({"copy", "-ru", "-T", "--jobs", "3", tree, copy});
+        EXPECT_EQ(0, second.status) << second.err;
+        EXPECT_EQ(Lines(), differences(expected, stateOf(copy)));
+    }
+}
+
+TEST_F(MoveJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const std::string to = volume.path() + "/to";
+    const auto makeSource = [&] {
+        makeTree(tree, 40, 400);
+        setTimes(tree);
+    };
+    makeSource();
+    const ToolResult undisturbed = runTool({"move", "-T", "--json", tree, to});
+    ASSERT_EQ(0, undisturbed.status);
+    // A name that has left before the kill is no longer one of the file that the other names are.
+    const Lines expected = stateOf(to, false);
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        ASSERT_EQ(0, runTool({"remove", "-rf", to}).status);
+        makeSource();
+        killAll({"move", "-u", "-T", tree, to}, scratch.path(), point);
+        if (kit::exists(tree)) {
+            killAll({"move", "-u", "-T", tree, to}, scratch.path(), point / 2);
+        }
+        if (kit::exists(tree)) {
+            const ToolResult second = runTool({"move", "-u", "-T", "--jobs", "3", tree, to});
+            EXPECT_EQ(0, second.status) << second.err;
+        }
+        EXPECT_FALSE(kit::exists(tree));
+        EXPECT_EQ(Lines(), differences(expected, stateOf(to, false)));
+    }
+}
+
+TEST_F(RemoveJobs, AllOfThemKilledTheSecondRunFinishesTheWork) {
+    makeTree(tree, 40, 400);
+    const ToolResult undisturbed = runTool({"remove", "-r", "--json", tree});
+    for (const int64_t point : pointsOf(undisturbed)) {
+        SCOPED_TRACE(point);
+        makeTree(tree, 40, 400);
+        killAll({"remove", "-r", tree}, scratch.path(), point);
+        killAll({"remove", "-rf", tree}, scratch.path(), point / 2);
+        const ToolResult second = runTool({"remove", "-rf", "--jobs", "3", tree});
+        EXPECT_EQ(0, second.status) << second.err;
+        EXPECT_FALSE(kit::exists(tree));
+        Lines left = kit::namesIn(scratch.path());
+        EXPECT_EQ((Lines{"err", "out"}), sorted(left));
+    }
+}
+
+// ---- as many as are usual ----
+
+// Nobody has asked for several: what is said and done is what one does.
+TEST_F(MoveJobs, UsualNumberOfThemLeavesAndSaysWhatOneDoes) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
+    const std::string to = volume.path() + "/to";
+    makeTree(tree, 20, 300);
+    setTimes(tree);
+    for (const kit::Arguments &command :
+         {kit::Arguments{"copy", "-r", "-T"}, kit::Arguments{"mirror", "-f"}, kit::Arguments{"move", "-T"}}) {
+        SCOPED_TRACE(command.front());
+        Lines told, state;
+        for (const bool alone : {true, false}) {
+            if (!kit::exists(tree)) {
+                makeTree(tree, 20, 300);
+                setTimes(tree);
+            }
+            kit::Arguments arguments = command;
+            arguments.push_back("--json");
+            if (alone) {
+                arguments.insert(arguments.end(), {"--jobs", "1"});
+            }
+            arguments.insert(arguments.end(), {tree, to});
+            const ToolResult result = runTool(arguments);
+            EXPECT_EQ(0, result.status) << result.err;
+            const Lines now = toldBy(result), there = stateOf(to);
+            told = told.empty() ? now : told;
+            state = state.empty() ? there : state;
+            EXPECT_EQ(Lines(), differences(told, now));
+            EXPECT_EQ(Lines(), differences(state, there));
+            ASSERT_EQ(0, runTool({"remove", "-rf", to}).status);
+        }
+        EXPECT_LT(550u, state.size());
+    }
+}
+
+// As many as there are processors; of a few files nobody but the command itself.
+TEST_F(MoveJobs, UsualNumberIsThatOfProcessorsWhereThereIsMuchToDo) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 20)); // no disk that might turn
+    cpu_set_t set;
+    ASSERT_EQ(0, ::sched_getaffinity(0, sizeof set, &set));
+    const auto usual = static_cast<size_t>(std::min(CPU_COUNT(&set), 8));
+    const std::string many = volume.path() + "/many", few = volume.path() + "/few";
+    makeTree(many, 60, 6'000);
+    makeTree(few, 7, 20);
+    const std::string to = volume.path() + "/to";
+    const auto mostAtOnce = [&](kit::Arguments arguments) {
+        RunningTool tool(std::move(arguments), scratch.path());
+        size_t most = 0;
+        while (!tool.isOver()) {
+            most = std::max(most, tool.children().size());
+        }
+        EXPECT_EQ(0, tool.finish().status);
+        return most;
+    };
+    EXPECT_EQ(usual > 1 ? usual : 0, mostAtOnce({"copy", "-r", "-T", many, to}));
+    EXPECT_EQ(usual > 1 ? usual : 0, mostAtOnce({"remove", "-r", to}));
+    EXPECT_EQ(0u, mostAtOnce({"copy", "-r", "-T", "--jobs", "1", many, to}));
+    ASSERT_EQ(0, runTool({"remove", "-r", to}).status);
+    EXPECT_EQ(0u, mostAtOnce({"copy", "-r", "-T", few, to}));
+    EXPECT_EQ(0u, mostAtOnce({"remove", "-r", to}));
 }
 
 TEST_F(CopyJobs, MirrorsOfAnyNumberOfThemAreTheSame) {

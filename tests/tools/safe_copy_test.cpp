@@ -233,6 +233,13 @@ TEST_F(SafeCopy, InPlaceNamesStayTogether) {
     const std::string other = scratch / "other";
     ASSERT_EQ(0, ::link(to.c_str(), other.c_str()));
     EXPECT_EQ(2, runTool({"copy", "--in-place", from, to}).status);
+    for (const Arguments &command : {Arguments{"copy"}, {"move"}, {"plan", "copy"}, {"copy", "--dry-run"}}) {
+        Arguments all = command;
+        all.insert(all.end(), {"-f", "--in-place", "--verify", from, to});
+        const ToolResult refused = runTool(all);
+        EXPECT_EQ(2, refused.status);
+        EXPECT_TRUE(mentions(refused.err, "--verify keeps what is replaced until the copy is proven")) << refused.err;
+    }
     EXPECT_TRUE(mentions(runTool({"plan", "copy", "-f", "--in-place", from, to}).out, "(in place)"));
     const ToolResult result = runTool({"copy", "-f", "--in-place", from, to});
     EXPECT_EQ(0, result.status) << result.err;

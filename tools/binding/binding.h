@@ -7,7 +7,8 @@
  *  3. Sizes are bytes. What becomes of entries is told, not returned: a 0 says that the request was gone through.
  *  4. Callbacks run on the calling thread, between two steps. Each may be null.
  *  5. The process: the umask is 0 for moments, and the effective user root where the process may become it. Callers
- *     serialise. No process is started for the work.
+ *     serialise. No process is started for the work but where jobs asks for some: they end with the call, run nothing
+ * of the caller's, and leave a SIGINT to it.
  *
  * The Python package reads its declarations from this file: beside comments and preprocessor lines it has plain
  * declarations only. Whoever changes a record counts VEXO_BINDING_VERSION up. */
@@ -22,10 +23,12 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-enum { VEXO_BINDING_VERSION = 1 };
+enum { VEXO_BINDING_VERSION = 2 };
 /* The version of the interface that was compiled, and the sizes of the records VexoFailure, VexoProblem, VexoLoss,
- * VexoEntry, VexoRoom, VexoCallbacks, VexoTransferOptions, VexoComparisonOptions, VexoRelocation and VEXOCopyArgs, in
- * this order, ended by 0: a caller that declares them otherwise must not go on. */
+ * VexoEntry, VexoRoom, VexoCallbacks, VexoSelection, VexoTransferOptions, VexoComparisonOptions, VexoRelocation,
+ * VexoMirrored, VexoBackedUp, VexoFinding, VexoConversion,
+ * VexoSurveyed and VEXOCopyArgs, in this order, ended by 0: a caller that declares them otherwise must
+ * not go on. */
 int vexo_binding_version(void);
 const uint32_t *vexo_binding_sizes(void);
 
@@ -42,6 +45,7 @@ typedef struct VexoProblem {
     uint32_t code;
     int32_t number;
     int32_t of_source; /* not 0: whatever the destination */
+    int32_t same_file; /* not 0: source and destination are one */
 } VexoProblem;
 
 /* What the destination has not, or not as it was. */
@@ -68,9 +72,10 @@ enum {
 };
 enum {
     VEXO_ENTRY_CLONED = 1,
-    VEXO_ENTRY_SAME = 2,        /* it stood there already */
-    VEXO_ENTRY_LINKED = 4,      /* another name of what an earlier one has become */
-    VEXO_ENTRY_SOURCE_STAYS = 8 /* of a move: it is at both places */
+    VEXO_ENTRY_SAME = 2,         /* it stood there already */
+    VEXO_ENTRY_LINKED = 4,       /* another name of what an earlier one has become */
+    VEXO_ENTRY_SOURCE_STAYS = 8, /* of a move: it is at both places */
+    VEXO_ENTRY_IN_PLACE = 16     /* what stood there was written into */
 };
 typedef struct VexoEntry {
     const char *source, *destination;
@@ -81,6 +86,7 @@ typedef struct VexoEntry {
     const VexoLoss *losses;
     const VexoProblem *problem; /* null: none */
     const VexoProblem *warning; /* done, but not as it should be; null: as it should be */
+    const char *backup;         /* where what it replaced is kept; null: nowhere */
 } VexoEntry;
 
 /* The room that a plan needs on one volume of the destination. -1: not known, or there is no such limit. */
@@ -90,6 +96,28 @@ typedef struct VexoRoom {
     int64_t bytes_free, inodes_free, quota_bytes_free, quota_inodes_free;
     int32_t probed; /* not 0: it was tried there what the volume takes */
 } VexoRoom;
+
+/* What is wrong with a store. */
+enum { VEXO_FOUND, VEXO_MENDED, VEXO_LEFT };
+typedef struct VexoFinding {
+    const char *name;    /* of the kind, which does not change: "store-orphan" */
+    const char *place;   /* the store file, directory or attribute */
+    const char *file;    /* that it is kept for; empty: none, or not one */
+    const char *belongs; /* of an orphan: the file that it may belong to now */
+    const char *detail;  /* in words */
+    const char *remedy;  /* what a repair does about it; empty: nothing */
+    const char *reason;  /* of one that was left although there is a remedy */
+    int32_t state;
+} VexoFinding;
+
+/* What became of a store that was to be converted. */
+enum { VEXO_CONVERTED, VEXO_CONVERTIBLE, VEXO_STORE_LEFT };
+typedef struct VexoConversion {
+    const char *file, *source_form, *form;
+    const char *reason; /* of what is left */
+    int32_t state, loss_count;
+    const VexoLoss *losses;
+} VexoConversion;
 
 typedef struct VexoCallbacks {
     void *data;
@@ -110,7 +138,21 @@ typedef struct VexoCallbacks {
     void (*compared)(void *data, const char *first, int32_t kind, int64_t bytes); /* entries of the first */
     void (*failed)(void *data, const char *path, const VexoProblem *problem);     /* of a relocation */
     void (*removed)(void *data, const char *path, int32_t status, const VexoProblem *problem); /* of a removal */
+    void (*finding)(void *data, const VexoFinding *finding);
+    void (*converted)(void *data, const VexoConversion *conversion);
 } VexoCallbacks;
+
+/* Which entries are meant; the others are passed over. Names by the rules of rsync, of which the first that fits holds:
+ * "- PATTERN" and "+ PATTERN". A path begins with the source's own name. Size, time and archive bit choose regular
+ * files alone. */
+typedef struct VexoSelection {
+    const char *const *rules;
+    int32_t rule_count;
+    int32_t archived_alone;        /* those that have the archive bit */
+    int32_t one_file_system;       /* nothing of other volumes that are mounted in the tree */
+    int64_t least_size, most_size; /* both included; -1: any */
+    int64_t not_before, before;    /* when they were modified, in nanoseconds since 1970; INT64_MIN: at any time */
+} VexoSelection;
 
 enum { VEXO_COPY, VEXO_MOVE };
 /* A destination that exists. */
@@ -129,16 +171,52 @@ typedef struct VexoTransferOptions {
     int32_t retries;          /* of what failed for what may pass */
     int32_t every_entry;      /* each entry is told; else those of which there is something to say */
     int32_t probe;            /* of a plan: something may be made at the destination, and is removed again */
+    int32_t in_place;         /* what is replaced is written into, so that it stays what its other names are */
+    int32_t reversible_names; /* names that a volume does not take are kept beside the entries, and come back */
+    int32_t jobs;             /* so many processes share a tree; 0, 1: this one alone. Without meant() */
     int64_t bytes_per_second; /* at most; 0: any number */
     uint64_t accepted;        /* bit N: what may be lost of the row N of vexo_loss_classes() */
+    /* What is replaced is kept, as its name with the suffix, and below the directory (which is in that of the
+     * destination where it is relative). Both null: it is not kept. */
+    const char *backup_suffix, *backup_directory;
+    const VexoSelection *selection; /* null: everything */
 } VexoTransferOptions;
 
-/* Copies or moves; entries, arrived and progress are told. */
+/* Copies or moves; entries, arrived and progress are told, and by lost() what only all names of a file show. */
 int vexo_transfer(const char *source, const char *destination, const VexoTransferOptions *options,
                   const VexoCallbacks *callbacks, VexoFailure *failure);
 /* The same without doing it: entry tells what would become of each, room what is needed. */
 int vexo_plan(const char *source, const char *destination, const VexoTransferOptions *options,
               const VexoCallbacks *callbacks, VexoFailure *failure);
+
+enum { VEXO_MIRROR_LEFT_OUT_TOO = 1, VEXO_MIRROR_ALLOW_EMPTY = 2 };
+typedef struct VexoMirrored {
+    int64_t removed, backups; /* of those that were to go */
+    int64_t failed, stayed;   /* could not be removed; are mounted, or under way by others */
+    int64_t left;             /* for `most` */
+    int32_t nothing_removed;  /* not 0: something was to go, and nothing did, for not everything was copied */
+} VexoMirrored;
+/* Makes the directory `destination` equal to `source`: what it has and the source has not is removed once everything is
+ * copied, at most `most` entries of it (-1: any number). With VEXO_MIRROR_LEFT_OUT_TOO what the selection leaves out by
+ * its name goes as well; without VEXO_MIRROR_ALLOW_EMPTY a source that holds nothing is refused where anything would
+ * go. Entries, arrived, progress and removed are told. existing, trees, links, into and in_place say nothing here. A
+ * path of the selection's rules begins below the source. */
+int vexo_mirror(const char *source, const char *destination, const VexoTransferOptions *options, uint32_t flags,
+                int64_t most, const VexoCallbacks *callbacks, VexoMirrored *result, VexoFailure *failure);
+
+enum { VEXO_BACKUP_FULL = 1, VEXO_BACKUP_KEEP_BITS = 2 };
+typedef struct VexoBackedUp {
+    int64_t cleared, kept, failed; /* archive bits: cleared; left, since something changed; not to be cleared */
+    char list[4096];               /* where the list of what has arrived is; empty: there is none */
+    char refusal[1024];            /* why there is none, so that no bit is cleared */
+} VexoBackedUp;
+/* Copies what has the archive bit, with VEXO_BACKUP_FULL everything, into the directory `destination`, reads it back,
+ * lists it beside that, and then clears the bits of what is proven to be there and has not changed. Nothing is removed.
+ * Entries, arrived and progress are told, and to failed() each bit that could not be cleared. existing, trees, links,
+ * into, in_place, checksum, verify and every_entry say nothing here; without sync the volumes are written out all the
+ * same. A path of the selection's rules begins below the source. */
+int vexo_backup(const char *source, const char *destination, const VexoTransferOptions *options, uint32_t flags,
+                const VexoCallbacks *callbacks, VexoBackedUp *result, VexoFailure *failure);
 
 /* Renames an entry within one volume, with what is kept for it; errno EXDEV for a place on another volume, EEXIST where
  * something stands and is not to be replaced. A problem with what is kept is told to failed(). */
@@ -154,6 +232,9 @@ int vexo_remove(const char *path, uint32_t flags, const VexoCallbacks *callbacks
 typedef struct VexoComparisonOptions {
     int32_t data;  /* content is read; else sizes decide */
     int32_t times; /* modification and creation time */
+    int32_t reversible_names;
+    int32_t jobs;
+    const VexoSelection *selection;
 } VexoComparisonOptions;
 /* What `second` lacks of `first`, by lost(), and what only it has, by extra(). */
 int vexo_compare(const char *first, const char *second, const VexoComparisonOptions *options,
@@ -180,6 +261,24 @@ enum { VEXO_KEEP_SOURCE = 1, VEXO_MAKE_SPECIALS = 2 };
 /* Brings a directory to another place at once: WHAT STANDS THERE IS REMOVED, once the copy stands. */
 int vexo_relocate(const char *source, const char *destination, uint32_t flags, uint64_t accepted,
                   const VexoCallbacks *callbacks, VexoRelocation *result, VexoFailure *failure);
+
+enum { VEXO_STORES_RECURSIVE = 1, VEXO_STORES_ONE_VOLUME = 2, VEXO_STORES_DRY_RUN = 4 };
+typedef struct VexoSurveyed {
+    int64_t directories, stores;
+    int32_t quarantined; /* something was put into the quarantine */
+} VexoSurveyed;
+/* What is wrong with what is kept for an entry, and of a directory for all that lies in it: told to finding(), and to
+ * failed() what could not be looked into. `quarantine` null: nothing is changed; else what takes no guess is mended,
+ * after its original was put into that directory, which is made with the first of them. */
+int vexo_check_stores(const char *path, uint32_t flags, const char *quarantine, const VexoCallbacks *callbacks,
+                      VexoSurveyed *result, VexoFailure *failure);
+/* Puts back what a repair has changed. Told to removed() is each place: VEXO_DONE, VEXO_SKIPPED (it was so),
+ * VEXO_FAILED with a problem where it has changed since. */
+int vexo_undo_repair(const char *quarantine, const VexoCallbacks *callbacks, VexoFailure *failure);
+/* Brings stores into another form, "native", "eadir", "double" or "fileea", where they are. Told to converted(), and to
+ * failed() what could not be looked into. */
+int vexo_convert_stores(const char *path, const char *form, uint32_t flags, uint64_t accepted,
+                        const VexoCallbacks *callbacks, VexoSurveyed *result, VexoFailure *failure);
 
 /* ---- What belongs to a file. A link is refused. A change is all there or not there, whatever stops it, but for the
  * resource fork and Finder Info, which are written in place. */

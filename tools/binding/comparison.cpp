@@ -1,5 +1,6 @@
 #include "tools/binding/binding.h"
 #include "tools/binding/guard.h"
+#include "tools/binding/options.h"
 #include "tools/engine/compare/tree_comparison.h"
 #include "tools/engine/relocate/relocation.h"
 
@@ -97,14 +98,14 @@ extern "C" {
 int vexo_compare(const char *first, const char *second, const VexoComparisonOptions *options,
                  const VexoCallbacks *callbacks, VexoFailure *failure) {
     return binding::guarded(failure, [&] {
-        engine::TreeComparisonOptions comparison{.data = options->data != 0, .times = options->times != 0};
-        if (callbacks->meant != nullptr) {
-            comparison.selection.asked = [callbacks](std::string_view path, bool directory) {
-                return callbacks->meant(callbacks->data, std::string(path).c_str(), directory ? 1 : 0) != 0;
-            };
-        }
+        const engine::TreeComparisonOptions comparison{.data = options->data != 0,
+                                                       .times = options->times != 0,
+                                                       .reversibleNames = options->reversible_names != 0,
+                                                       .selection =
+                                                           binding::selection_of(options->selection, *callbacks)};
         binding::Compared observer(*callbacks);
-        engine::compare_trees(binding::operand_of(first), binding::operand_of(second), comparison, observer);
+        engine::compare_trees(binding::operand_of(first), binding::operand_of(second), comparison, observer,
+                              binding::hands_of(options->jobs, *callbacks));
     });
 }
 

@@ -76,8 +76,8 @@ std::string leaving_path_of(const char *given) {
 }
 
 VexoProblem problem_of(const engine::Problem &problem) {
-    const int number = problem.needsRecursion ? EISDIR : problem.number;
-    return {problem.reason.c_str(), problem.code, number, problem.withSource ? 1 : 0};
+    const int number = problem.needsRecursion ? EISDIR : problem.sameFile ? EINVAL : problem.number;
+    return {problem.reason.c_str(), problem.code, number, problem.withSource ? 1 : 0, problem.sameFile ? 1 : 0};
 }
 
 VexoLoss loss_of(const engine::Loss &loss, engine::LossSet accepted) {

@@ -13,15 +13,21 @@ int vexo_binding_version() {
 }
 
 const uint32_t *vexo_binding_sizes() {
-    static constexpr std::array<uint32_t, 11> sizes{sizeof(VexoFailure),
+    static constexpr std::array<uint32_t, 17> sizes{sizeof(VexoFailure),
                                                     sizeof(VexoProblem),
                                                     sizeof(VexoLoss),
                                                     sizeof(VexoEntry),
                                                     sizeof(VexoRoom),
                                                     sizeof(VexoCallbacks),
+                                                    sizeof(VexoSelection),
                                                     sizeof(VexoTransferOptions),
                                                     sizeof(VexoComparisonOptions),
                                                     sizeof(VexoRelocation),
+                                                    sizeof(VexoMirrored),
+                                                    sizeof(VexoBackedUp),
+                                                    sizeof(VexoFinding),
+                                                    sizeof(VexoConversion),
+                                                    sizeof(VexoSurveyed),
                                                     sizeof(VEXOCopyArgs),
                                                     0};
     return sizes.data();

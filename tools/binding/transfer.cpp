@@ -2,6 +2,8 @@
 
 #include "tools/binding/binding.h"
 #include "tools/binding/guard.h"
+#include "tools/binding/options.h"
+#include "tools/binding/run_observer.h"
 #include "tools/engine/plan/plan.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
@@ -13,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <sys/stat.h>
-#include <vector>
 
 namespace binding {
 namespace {
@@ -44,146 +45,11 @@ Errand errand_of(const char *source, const char *destination, const VexoTransfer
     return errand;
 }
 
-template <typename Value, size_t N>
-Value row_of(const std::array<Value, N> &values, int32_t index) {
-    if (index < 0 || static_cast<size_t>(index) >= N) {
-        throw engine::InvalidRequest("an option has a value that there is none of");
-    }
-    return values[static_cast<size_t>(index)];
-}
-
-engine::TransferOptions options_of(const VexoTransferOptions &given, const VexoCallbacks &callbacks) {
-    using namespace engine;
-    constexpr std::array operations{Operation::copy, Operation::move};
-    constexpr std::array conflicts{Conflict::fail, Conflict::replace, Conflict::skip, Conflict::keep_both,
-                                   Conflict::update};
-    constexpr std::array clones{Clone::never, Clone::automatic, Clone::always};
-    constexpr std::array syncs{Sync::none, Sync::file, Sync::volume};
-    if (given.retries < 0 || given.bytes_per_second < 0) {
-        throw InvalidRequest("a number below 0 was given");
-    }
-    TransferOptions options;
-    options.operation = row_of(operations, given.operation);
-    options.conflict = row_of(conflicts, given.existing);
-    options.clone = row_of(clones, given.clone);
-    options.sync = row_of(syncs, given.sync);
-    options.trees = given.trees != 0;
-    options.links = given.links != 0 || options.trees;
-    options.specials = given.specials != 0;
-    options.hardLinks = given.hard_links != 0;
-    options.checksum = given.checksum != 0;
-    options.verify = given.verify != 0;
-    options.retries = given.retries;
-    options.countsAlone = given.every_entry == 0;
-    options.bytesPerSecond = given.bytes_per_second;
-    options.accepted = losses_of(given.accepted);
-    if (callbacks.meant != nullptr) {
-        options.selection.asked = [&callbacks](std::string_view path, bool directory) {
-            return callbacks.meant(callbacks.data, std::string(path).c_str(), directory ? 1 : 0) != 0;
-        };
-    }
-    return options;
-}
-
-int32_t status_of(engine::Status status) {
-    constexpr std::array statuses{VEXO_DONE, VEXO_SKIPPED, VEXO_FAILED, VEXO_CANCELLED};
-    return statuses[static_cast<size_t>(status)];
-}
-
 int32_t status_of(engine::Deed deed) {
     constexpr std::array statuses{VEXO_PLAN_NEW,    VEXO_PLAN_REPLACE, VEXO_PLAN_MERGE,
                                   VEXO_PLAN_RENAME, VEXO_PLAN_SKIP,    VEXO_PLAN_FAIL};
     return statuses[static_cast<size_t>(deed)];
 }
-
-// What a run and a plan tell of an entry has the same names in both.
-template <typename Told>
-uint32_t flags_of(const Told &told) {
-    return (told.cloned ? uint32_t{VEXO_ENTRY_CLONED} : 0U) | (told.same ? uint32_t{VEXO_ENTRY_SAME} : 0U) |
-           (told.linked ? uint32_t{VEXO_ENTRY_LINKED} : 0U) |
-           (told.sourceStays ? uint32_t{VEXO_ENTRY_SOURCE_STAYS} : 0U);
-}
-
-// Tells an entry with what was lost of it.
-class Teller {
-  public:
-    Teller(const VexoCallbacks &callbacks, engine::LossSet accepted) : m_callbacks(callbacks), m_accepted(accepted) {}
-
-    template <typename Told>
-    void tell(engine::EntryKind kind, const std::string &source, const Told &told, int32_t status,
-              const engine::Problem *warning) const {
-        if (m_callbacks.entry == nullptr) {
-            return;
-        }
-        std::vector<VexoLoss> losses;
-        losses.reserve(told.losses.size());
-        for (const engine::Loss &loss : told.losses) {
-            losses.push_back(loss_of(loss, m_accepted));
-        }
-        const VexoProblem problem = told.problem ? problem_of(*told.problem) : VexoProblem{};
-        const VexoProblem warned = warning != nullptr ? problem_of(*warning) : VexoProblem{};
-        const VexoEntry entry{.source = source.c_str(),
-                              .destination = told.destination.c_str(),
-                              .bytes = told.bytes,
-                              .kind = static_cast<int32_t>(kind),
-                              .status = status,
-                              .flags = flags_of(told),
-                              .loss_count = static_cast<int32_t>(losses.size()),
-                              .losses = losses.data(),
-                              .problem = told.problem ? &problem : nullptr,
-                              .warning = warning != nullptr ? &warned : nullptr};
-        m_callbacks.entry(m_callbacks.data, &entry);
-    }
-
-  private:
-    const VexoCallbacks &m_callbacks;
-    engine::LossSet m_accepted;
-};
-
-class RunObserver : public engine::TransferObserver {
-  public:
-    RunObserver(const VexoCallbacks &callbacks, engine::LossSet accepted)
-        : m_callbacks(callbacks), m_stop(callbacks), m_teller(callbacks, accepted) {}
-
-  private:
-    bool stopped() const override { return m_stop.asked(); }
-    void tree(const std::string &) override {}
-    void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override {
-        engine::Outcome told = outcome;
-        if (told.problem) {
-            engine::name_what_is_full(*told.problem, told.destination);
-        }
-        m_teller.tell(kind, source, told, status_of(told.status), told.warning ? &*told.warning : nullptr);
-    }
-    void arrived(const std::string &, int files, int64_t bytes) override {
-        if (m_callbacks.arrived != nullptr) {
-            m_callbacks.arrived(m_callbacks.data, files, bytes);
-        }
-    }
-    void progress(int64_t bytes, bool) override {
-        if (m_callbacks.progress != nullptr) {
-            m_callbacks.progress(m_callbacks.data, bytes);
-        }
-    }
-    void stays(const std::string &directory, const std::vector<std::string> &names) override {
-        for (const std::string &name : names) {
-            if (m_callbacks.left_over != nullptr) {
-                m_callbacks.left_over(m_callbacks.data, engine::joined(directory, name).c_str());
-            }
-        }
-    }
-    void written_out(const std::string &directory, const std::optional<engine::Problem> &problem) override {
-        if (problem && m_callbacks.failed != nullptr) {
-            const VexoProblem told = problem_of(*problem);
-            m_callbacks.failed(m_callbacks.data, directory.c_str(), &told);
-        }
-    }
-    bool may_replace(const std::string &) override { return false; } // no policy asks
-
-    const VexoCallbacks &m_callbacks;
-    Stop m_stop;
-    Teller m_teller;
-};
 
 class PlannedObserver : public engine::PlanObserver {
   public:
@@ -195,6 +61,9 @@ class PlannedObserver : public engine::PlanObserver {
     void tree(const std::string &) override {}
     void entry(const engine::PlannedEntry &planned) override {
         m_teller.tell(planned.kind, planned.source, planned, status_of(planned.deed), nullptr);
+    }
+    void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override {
+        m_teller.tell(source, destination, loss);
     }
 
     Stop m_stop;
@@ -225,6 +94,7 @@ int vexo_transfer(const char *source, const char *destination, const VexoTransfe
         const binding::Errand errand = binding::errand_of(source, destination, *options);
         binding::RunObserver observer(*callbacks, transfer.accepted);
         engine::Transfer run(transfer, observer);
+        run.share(binding::hands_of(options->jobs, *callbacks));
         run.run(errand.source, errand.destination);
         run.leave();
     });

@@ -68,10 +68,12 @@ int print(std::string text) {
 }
 
 int run(int argc, char **argv) {
-    const Parser parser({.name = "vexofileop",
-                         .description = "Copies, moves and inspects files with everything that belongs to them.",
-                         .version = "vexofileop " VEXOFILEOP_VERSION,
-                         .footer = "\nExample (vexofileop help copy says more): vexofileop copy film.mkv /volume2/"});
+    // Never taken apart: hundreds of options would be, at the end of each command.
+    static const Parser &parser =
+        *new Parser({.name = "vexofileop",
+                     .description = "Copies, moves and inspects files with everything that belongs to them.",
+                     .version = "vexofileop " VEXOFILEOP_VERSION,
+                     .footer = "\nExample (vexofileop help copy says more): vexofileop copy film.mkv /volume2/"});
     int status = exitAll;
     const NamedCommand *const named = named_command(argc, argv);
     add_commands(parser.program(), named, status);

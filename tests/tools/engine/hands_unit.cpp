@@ -141,6 +141,21 @@ TEST_F(Machine, LittleWorkIsForOne) {
     EXPECT_EQ(processors(), usual_hands({few, few}, "", sysfs)); // together they are many
 }
 
+// A few files that hold much; of one alone nothing can be shared.
+TEST_F(Machine, MuchToReadIsForSeveral) {
+    const std::string few = scratch / "few", one = scratch / "one";
+    std::filesystem::create_directories(few + "/in");
+    std::filesystem::create_directories(one);
+    kit::writeFile(one + "/small", "small");
+    kit::writeSparse(one + "/large", off_t{1} << 30, {});
+    EXPECT_EQ(1, usual_hands({one}, "", sysfs));
+    for (int number = 0; number < 20; ++number) {
+        kit::writeSparse(few + "/in/" + std::to_string(number), off_t{8} << 20, {});
+    }
+    EXPECT_EQ(processors(), usual_hands({few}, "", sysfs));
+    EXPECT_EQ(processors(), usual_hands({one, few}, "", sysfs));
+}
+
 TEST_F(Machine, ProcessorsAreThoseThatThisProcessMayUse) {
     EXPECT_TRUE(kit::holdsInChild([this] {
         cpu_set_t set, one;

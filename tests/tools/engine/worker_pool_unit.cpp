@@ -111,7 +111,7 @@ TEST(WorkerTellings, OutcomeArrivesWhole) {
     outcome.oldNamesKnown = {"one", "two"};
     outcome.backup = "kept";
     outcome.losses = {{engine::LossClass::owner, "detail"}, {engine::LossClass::hole, ""}};
-    outcome.warning = engine::Problem{"reason", 0xA300, true, true, true, EIO};
+    outcome.warning = engine::Problem{"reason", 0xA300, true, true, true, true, EIO};
     RecordWriter writer;
     write(writer, outcome);
     write(writer, engine::Outcome{});
@@ -129,7 +129,8 @@ TEST(WorkerTellings, OutcomeArrivesWhole) {
     ASSERT_TRUE(read.warning);
     EXPECT_EQ("reason", read.warning->reason);
     EXPECT_EQ(0xA300u, read.warning->code);
-    EXPECT_TRUE(read.warning->withSource && read.warning->needsRecursion && read.warning->replaced);
+    EXPECT_TRUE(read.warning->withSource && read.warning->needsRecursion && read.warning->sameFile &&
+                read.warning->replaced);
     EXPECT_EQ(EIO, read.warning->number);
     EXPECT_FALSE(read.problem);
     const engine::Outcome plain = read_outcome(reader);

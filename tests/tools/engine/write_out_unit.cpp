@@ -105,6 +105,27 @@ TEST_F(WriteOut, EachFileIsBeforeItHasItsNameAndEachDirectoryBeforeTheEnd) {
     EXPECT_LE(7u, written.size()); // two files, a stream and its directory, three directories
 }
 
+// What is read back to be verified is read from the volume, the stream beside the file as well.
+TEST_F(WriteOut, WhatIsVerifiedIsLetGoOf) {
+    KIT_NOT_SANITIZED();
+    const WrittenScene first;
+    TransferOptions verified = options(Operation::copy, Sync::none);
+    verified.verify = true;
+    const faults::Outcome watched = carry(first, verified);
+    EXPECT_TRUE(hasDone(watched));
+    EXPECT_EQ(3u, placesOf(watched, {SYS_fadvise64}).size()); // two files and a stream
+    const size_t count = placesOf(watched, {SYS_fsync}).size();
+    EXPECT_EQ(4u, count); // with the stream's directory
+    for (size_t at = 0; at < count; ++at) {
+        const WrittenScene scene;
+        const faults::Outcome failed =
+            carry(scene, verified,
+                  {.action = faults::Plan::Action::fail, .at = at, .error = EIO, .number = SYS_fsync, .alike = true});
+        EXPECT_TRUE(hasFailed(failed)) << at;
+        EXPECT_NE(kit::exists(scene.volume / "to/file"), kit::exists(scene.volume / "to/in/other")) << at;
+    }
+}
+
 TEST_F(WriteOut, SourceGoesOnlyAfterThat) {
     for (const Sync sync : {Sync::file, Sync::volume}) {
         const WrittenScene scene;

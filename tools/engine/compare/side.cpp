@@ -126,6 +126,10 @@ VolumeFacts volume_facts(int directory, int type) {
     facts.timeGrain = row == std::end(kGrains) ? 0 : row->grain;
     facts.fatTimes = facts.magic == kFuse && is_fat_by_program(directory);
     facts.largestFile = largest_file(directory, facts.type);
+    constexpr uint32_t extended = 0xef53;
+    if (facts.largestFile == 0 && facts.magic == extended) { // it counts a file's blocks in 32 bits
+        facts.largestFile = uint64_t{UINT32_MAX} * static_cast<uint64_t>(volume.f_bsize) + 1;
+    }
     struct stat found {};
     struct statx itself {};
     const bool told = ::statx(directory, "", AT_EMPTY_PATH, STATX_BTIME, &itself) == 0;

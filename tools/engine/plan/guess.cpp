@@ -99,6 +99,12 @@ class Guess {
         lose(LossClass::creation_time, "the volume keeps no creation time that can be set");
     }
     void guess_store(const StoreContents &contents) {
+        if (const int attributes = contents.afp_attributes() & ~StoreContents::kAfpLockedBits; attributes != 0) {
+            lose(LossClass::mac_attributes, fmt::format("AFP attributes differ: 0x{:04x} and 0x0000", attributes));
+        }
+        if (!contents.comment().empty()) {
+            lose(LossClass::mac_attributes, fmt::format("comment differs: {} and 0 bytes", contents.comment().size()));
+        }
         for (const StoreContents::Attribute &attribute : contents.attributes()) {
             lose(attribute.name.starts_with("user.") ? LossClass::attribute : LossClass::stream,
                  fmt::format("stream {}: only at the first, {} bytes", displayed(attribute.name), attribute.size));

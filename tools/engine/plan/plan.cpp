@@ -82,7 +82,7 @@ class Planner::Walk {
     bool moves() const { return m_transfer.operation == Operation::move; }
     bool tell(PlannedEntry planned);
     bool tell_arrived(const Source &source, PlannedEntry planned);
-    bool tell_same(const Source &source, const PlannedEntry &planned);
+    bool tell_same(const Source &source, PlannedEntry planned);
     bool fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses = {});
 
     bool begin_way(const std::string &base, const std::string &top);
@@ -181,11 +181,12 @@ bool Planner::Walk::tell_arrived(const Source &source, PlannedEntry planned) {
 }
 
 // Of a move the source goes, as of one that arrives.
-bool Planner::Walk::tell_same(const Source &source, const PlannedEntry &planned) {
+bool Planner::Walk::tell_same(const Source &source, PlannedEntry planned) {
     if (moves() && refusal_to_go(source.in.fd(), source.name) != 0) {
-        return tell_arrived(source, planned);
+        return tell_arrived(source, std::move(planned));
     }
-    return tell(planned) || moves();
+    planned.sourceGoes = moves();
+    return tell(std::move(planned)) || moves();
 }
 
 bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses) {

@@ -43,6 +43,7 @@ struct PlannedEntry {
     int64_t oldNames = 0;     // of replace: other names of what stands there, which keep its content
     std::string backup = {};  // where what it replaces is kept; empty: nowhere
     bool sourceStays = false; // of a move: at both places
+    bool sourceGoes = false;  // of a move, of skip: since it is the same, the source is removed all the same
     std::vector<Loss> losses = {};
     std::optional<Problem> problem = {}; // of fail, and of skip where that needs words
 };

@@ -32,6 +32,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#pragma weak VLIBCKernelAttrCall
+
 namespace engine {
 namespace {
 
@@ -184,6 +186,7 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
         add_merged_store(source, *merged, losses);
     }
     add_companion_too_long({m_directory, source.name, m_volume}, called(source), losses);
+    add_mac_attributes(source, losses);
     add_kept(source, merged, losses);
     return losses;
 }
@@ -255,6 +258,12 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
 void Rehearsal::dress(const Side &source, const VLIBCStat &status, bool file) const {
     const Descriptor entry = open_entry(m_place->fd(), kEntry);
     give_belongings(source.path(), status, entry.get(), m_volume.owners, file);
+    // As who carries a store locks the copy.
+    const bool byFlag = m_volume.store == StoreKind::ea_directory || m_volume.store == StoreKind::file_ea;
+    if (byFlag && (status.attributes & VLIBC_ATTR_LOCKED) != 0 && VLIBCKernelAttrCall != nullptr) {
+        constexpr int lock = 522;
+        (void)VLIBCKernelAttrCall(fmt::format("/proc/self/fd/{}", entry.get()).c_str(), lock);
+    }
     if (const mode_t lost = file ? bits_lost_with_owner(entry.get(), status.st) : 0; lost != 0 && m_volume.owners) {
         (void)::fchmod(entry.get(), status.st.st_mode & kModeBits & ~lost);
     }

@@ -62,6 +62,7 @@ class Rehearsal {
     std::string signature(const Side &source, const struct stat &found) const;
     bool can_make_stores() const;
     void add_kept(const Side &source, const Side *merged, std::vector<Loss> &losses);
+    void add_mac_attributes(const Side &source, std::vector<Loss> &losses) const;
     void add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
                          std::vector<Loss> &losses);

@@ -106,6 +106,34 @@ bool Rehearsal::add_kept_entry(const Side &source, const struct stat &found, con
     return true;
 }
 
+// Of what servers for Macs keep with Finder Info and fork another kind of store gets those two.
+void Rehearsal::add_mac_attributes(const Side &source, std::vector<Loss> &losses) const {
+    const StoreKind kind = source.volume.store;
+    if (kind == m_volume.store || (kind != StoreKind::ea_directory && kind != StoreKind::file_ea) ||
+        m_volume.store == StoreKind::none || !takes_stores(source)) {
+        return; // all of it, or what the comparison has told
+    }
+    const StoreParts brought = store_parts(source.path(), source.volume.type, source.volume.noDirectory);
+    if (!brought.resource && !brought.attribute) {
+        return;
+    }
+    try {
+        EntryView entry(source);
+        entry.pin();
+        const int attributes = entry.contents().afp_attributes() & ~StoreContents::kAfpLockedBits;
+        const size_t comment = entry.contents().comment().size();
+        if (attributes != 0) {
+            losses.push_back(
+                {LossClass::mac_attributes, fmt::format("AFP attributes differ: 0x{:04x} and 0x0000", attributes)});
+        }
+        if (comment > 0) {
+            losses.push_back({LossClass::mac_attributes, fmt::format("comment differs: {} and 0 bytes", comment)});
+        }
+    } catch (const Failure &) {
+        return; // told by others
+    }
+}
+
 // A part of a store that the source brings replaces that of the directory; one that it does not bring stays.
 void Rehearsal::add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
     Side there = merged;

@@ -13,6 +13,7 @@ struct Problem {
     uint32_t code = 0;
     bool withSource = false;     // it is the source's, whatever the destination
     bool needsRecursion = false; // a directory, where the request was for files alone
+    bool sameFile = false;       // source and destination are one
     bool replaced = false;       // what was placed is not what stands there now
     int number = 0;              // the kernel's, where it is known
 };

@@ -85,7 +85,10 @@ class Lister {
         }
         if (m_kind == StoreKind::ea_directory || m_kind == StoreKind::file_ea) {
             for (const char *stream : {"VexoEAStream", "VexoResource"}) {
-                claim(m_stored.empty() ? std::string() : companion_name(m_directory, name, stream), DT_REG, parts);
+                // A name that is there as it is has not been shortened: the volume need not be asked for its limit.
+                const std::string whole = name + "@" + stream;
+                claim(m_stored.empty() || m_stored.contains(whole) ? whole : companion_name(m_directory, name, stream),
+                      DT_REG, parts);
             }
         }
         if (m_kind != StoreKind::none) {

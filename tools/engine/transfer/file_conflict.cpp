@@ -92,7 +92,7 @@ bool lists(const HeldDirectory &directory, std::initializer_list<std::string> wa
 } // namespace
 
 Problem same_file() {
-    return {"source and destination are the same file"};
+    return {.reason = "source and destination are the same file", .sameFile = true};
 }
 
 bool is_one_entry(const FileAttempt &attempt, const struct stat &there, const TransferOptions &options) {

@@ -146,17 +146,6 @@ bool has_name(const HeldDirectory &directory, const std::string &name) {
     return names && std::ranges::find(*names, name) != names->end();
 }
 
-// What the kernel has of a file in memory is on its volume then, and is read from there, as far as the kernel lets go
-// of it. False, with errno: it could not be written out.
-bool is_let_go(const HeldDirectory &directory, const std::string &name) {
-    const Descriptor file(::openat(directory.fd(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() < 0 || ::fsync(file.get()) != 0) {
-        return false;
-    }
-    (void)::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
-    return true;
-}
-
 bool may_write(int directory, const char *name, int mode) {
     return ::faccessat(directory, name, mode, AT_EACCESS) == 0;
 }
@@ -409,7 +398,7 @@ std::optional<std::vector<Loss>> FileTransfer::differences_of_same(Attempt &atte
     if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);
     }
-    if (data && m_options.verify && !attempt.asItIs && !is_let_go(attempt.to, attempt.name)) {
+    if (data && m_options.verify && !attempt.asItIs && let_go(attempt.to, attempt.name)) {
         return std::nullopt;
     }
     std::vector<Loss> differences = compare_entries(attempt.where().side_now(attempt.what(), attempt.sourceType),
@@ -685,12 +674,6 @@ Outcome FileTransfer::write_in_place(Attempt &attempt, const struct stat &old) {
                         "more"});
     }
     compare(attempt, attempt.name);
-    problem = verify(attempt, attempt.name);
-    if (problem) {
-        Outcome outcome = failure(attempt.destination, {problem->reason + gone});
-        outcome.losses.push_back({LossClass::data, problem->reason});
-        return outcome;
-    }
     attempt.result = attempt.to.look(attempt.name);
     return arrived(attempt);
 }
@@ -1122,8 +1105,8 @@ std::optional<Problem> FileTransfer::verify(Attempt &attempt, const std::string 
     if (attempt.changed) {
         return Problem{"changed while it was copied"};
     }
-    if (!is_let_go(attempt.to, name)) {
-        return Problem{fmt::format("could not be written out to be verified: {}", std::strerror(errno))};
+    if (auto problem = let_go(attempt.to, name)) {
+        return problem;
     }
     const Side source = attempt.where().side_now(attempt.what(), attempt.sourceType);
     for (const Loss &loss : compare_entries(source, attempt.to.side_now(name), compare_options(true))) {

@@ -22,9 +22,11 @@ std::string without_dot(const std::string &source) {
 
 } // namespace
 
-Transfer::Transfer(const TransferOptions &options, TransferObserver &observer, const Hands &hands)
-    : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {
-    if (hands.number > 1 && SharedTransfer::can(options)) {
+Transfer::Transfer(const TransferOptions &options, TransferObserver &observer)
+    : m_options(options), m_observer(observer), m_files(options, observer), m_trees(options, m_files, observer) {}
+
+void Transfer::share(const Hands &hands) {
+    if (hands.number > 1 && can_share()) {
         m_shared = std::make_unique<SharedTransfer>(m_options, hands, m_files, m_trees, m_observer);
         m_trees.share(*m_shared);
     }

@@ -15,9 +15,13 @@ namespace engine {
 
 class Transfer {
   public:
-    // The observer outlives this. Trees are shared by as many processes as there are hands, where that makes no
-    // difference but in the order of the entries.
-    Transfer(const TransferOptions &options, TransferObserver &observer, const Hands &hands = {});
+    // The observer outlives this.
+    Transfer(const TransferOptions &options, TransferObserver &observer);
+
+    // Trees that are run from now on are shared by as many processes as there are hands, where that makes no difference
+    // but in the order of the entries. Once at most, and not where nothing can be shared.
+    void share(const Hands &hands);
+    bool can_share() const { return SharedTransfer::can(m_options); }
 
     // Both paths absolute; a slash at the end of the source asks for a directory, and a slash and a dot for what that
     // holds: several of those may go into one directory. What one request has written no later one replaces. The

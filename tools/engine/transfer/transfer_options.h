@@ -36,7 +36,8 @@ struct TransferOptions {
     bool checksum = false; // Conflict::update: the same is only what has the same content
     Clone clone = Clone::never;
     // What is replaced is written into, so that it stays what its other names are: what fails then has cost it. Without
-    // this that is done only where nothing can be made beside it. A move within a volume renames all the same.
+    // this that is done only where nothing can be made beside it. A move within a volume renames all the same. Not with
+    // `verify`, which promises what stood there back.
     bool inPlace = false;
     bool links = false;    // a copy of a symbolic link is a link; else it is followed. A move never follows one.
     bool specials = false; // pipes, devices and sockets are made anew; else they are told as what is lost

@@ -4,12 +4,14 @@
 #include "tools/engine/transfer/transfer_observer.h"
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <unordered_set>
 
 namespace engine {
 
 struct TreeCall {
+    timespec begun = {};                     // by CLOCK_REALTIME_COARSE, as files get their times
     int64_t bytes = 0;                       // moved, also of files that failed
     bool stopped = false;                    // the observer has said so once
     std::unordered_set<std::string> refused; // paths that the library has reported, most of them sources

@@ -294,10 +294,12 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
     } else if (m_move && !finished && level.outcome.status == Status::done) {
         level.outcome.sourceStays = true;
         complete = false;
-    } else if (m_move && level.outcome.status == Status::done &&
-               (leftOut == m_selection.left_out() || m_observer.stopped())) {
-        level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::skipped;
-        level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
+    } else if (m_move && level.outcome.status == Status::done) {
+        level.outcome.status = m_observer.stopped() ? Status::cancelled : Status::done;
+        level.outcome.sourceStays = true;
+        if (leftOut == m_selection.left_out() || m_observer.stopped()) { // what was not meant stays without a word
+            level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
+        }
     }
     if (m_move && !gone) {
         keep_times(level.from, level.status.st, *names, level.left);

@@ -187,7 +187,7 @@ class TreeTransfer {
     void check(const Place &source, const Place &destination, const std::string &held, const TreeCall &call);
     std::optional<Found> compare(Level &level, const TreeCall &call);
     void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;
-    void check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown);
+    void check_files(const Level &level, const std::vector<std::string> &names, const TreeCall &call);
     void check_link(const Level &level, const std::string &name);
     void copy_rest(const Level &level, const Found &found);
     void check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade);

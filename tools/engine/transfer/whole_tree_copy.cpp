@@ -201,7 +201,7 @@ void TreeTransfer::check(const Place &source, const Place &destination, const st
         return;
     }
     descend(source, destination);
-    check_files(level, found->files, call.all_arrived());
+    check_files(level, found->files, call);
     for (const std::string &name : found->links) {
         check_link(level, name);
     }
@@ -263,8 +263,9 @@ void TreeTransfer::sort_entry(Level &level, Entry entry, const Types &types, con
 }
 
 // Files are there, in all likelihood with everything.
-void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, bool bytesKnown) {
-    const DirectoryPair pair{level.from.fd(), level.to.fd(), level.from.facts(), level.to.facts()};
+void TreeTransfer::check_files(const Level &level, const std::vector<std::string> &names, const TreeCall &call) {
+    const bool bytesKnown = call.all_arrived();
+    const DirectoryPair pair{level.from.fd(), level.to.fd(), level.from.facts(), level.to.facts(), call.begun};
     const std::vector<std::string> rest =
         m_files.compares() ? files_to_compare(pair, names) : std::vector<std::string>();
     // Whoever compares by himself has links all the same.

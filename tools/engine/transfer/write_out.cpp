@@ -22,15 +22,21 @@ std::optional<Problem> not_written(int number) {
     return problem;
 }
 
-std::optional<Problem> write_out_opened(int fd, bool directory) {
-    if (::fsync(fd) == 0 || (directory && (errno == EINVAL || errno == EROFS))) {
-        return std::nullopt;
+// What the kernel does with what it has of a file in memory once that is written out.
+enum class Then { keep, let_go };
+
+std::optional<Problem> write_out_opened(int fd, bool directory, Then then) {
+    if (::fsync(fd) != 0 && !(directory && (errno == EINVAL || errno == EROFS))) {
+        return not_written(errno);
     }
-    return not_written(errno);
+    if (then == Then::let_go && !directory) {
+        (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    }
+    return std::nullopt;
 }
 
 // A regular file or a directory; what is not there, or is neither, has nothing to write.
-std::optional<Problem> write_out_at(int directory, const std::string &name) {
+std::optional<Problem> write_out_at(int directory, const std::string &name, Then then) {
     constexpr int flags = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     struct stat found {};
     if (::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -43,31 +49,30 @@ std::optional<Problem> write_out_at(int directory, const std::string &name) {
     if (opened.get() < 0 && errno == EACCES) {
         opened = Descriptor(::openat(directory, name.c_str(), O_WRONLY | flags));
     }
-    return opened.get() < 0 ? not_written(errno) : write_out_opened(opened.get(), S_ISDIR(found.st_mode));
+    return opened.get() < 0 ? not_written(errno) : write_out_opened(opened.get(), S_ISDIR(found.st_mode), then);
 }
 
 // "@eaDir/name", a directory with what is in it.
-std::optional<Problem> write_out_own(int stores, const std::string &name) {
+std::optional<Problem> write_out_own(int stores, const std::string &name, Then then) {
     const Descriptor own = open_directory(stores, name);
     if (own.get() < 0) {
         return std::nullopt;
     }
     for (const Entry &entry : entries_in(own.get()).value_or(std::vector<Entry>())) {
-        if (auto problem = write_out_at(own.get(), entry.name)) {
+        if (auto problem = write_out_at(own.get(), entry.name, then)) {
             return problem;
         }
     }
-    return write_out_opened(own.get(), true);
+    return write_out_opened(own.get(), true, then);
 }
 
-} // namespace
-
-std::optional<Problem> write_out_store(const HeldDirectory &directory, const std::string &name) {
+// What is kept beside an entry, and where.
+std::optional<Problem> write_out_beside(const HeldDirectory &directory, const std::string &name, Then then) {
     const std::string path = directory.below(name);
     char place[PATH_MAX] = "";
     if (store_kind(directory.type()) == StoreKind::apple_double &&
         VEXOEAADPath(path.c_str(), place, sizeof place) == 0) {
-        if (auto problem = write_out_at(directory.fd(), base_name(place))) {
+        if (auto problem = write_out_at(directory.fd(), base_name(place), then)) {
             return problem;
         }
     }
@@ -80,24 +85,36 @@ std::optional<Problem> write_out_store(const HeldDirectory &directory, const std
         if (VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0) {
             const std::string part = base_name(place);
             any = any || ::faccessat(stores.get(), part.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-            if (auto problem = write_out_at(stores.get(), part)) {
+            if (auto problem = write_out_at(stores.get(), part, then)) {
                 return problem;
             }
         }
     }
-    if (auto problem = write_out_own(stores.get(), name)) {
+    if (auto problem = write_out_own(stores.get(), name, then)) {
         return problem;
     }
-    return any ? write_out_opened(stores.get(), true) : std::nullopt;
+    return any ? write_out_opened(stores.get(), true, then) : std::nullopt;
+}
+
+} // namespace
+
+std::optional<Problem> write_out_store(const HeldDirectory &directory, const std::string &name) {
+    return write_out_beside(directory, name, Then::keep);
 }
 
 std::optional<Problem> write_out_file(const HeldDirectory &directory, const std::string &name, int opened) {
-    auto problem = opened >= 0 ? write_out_opened(opened, false) : write_out_at(directory.fd(), name);
+    auto problem =
+        opened >= 0 ? write_out_opened(opened, false, Then::keep) : write_out_at(directory.fd(), name, Then::keep);
     return problem ? problem : write_out_store(directory, name);
 }
 
+std::optional<Problem> let_go(const HeldDirectory &directory, const std::string &name) {
+    auto problem = write_out_at(directory.fd(), name, Then::let_go);
+    return problem ? problem : write_out_beside(directory, name, Then::let_go);
+}
+
 std::optional<Problem> write_out_directory(const HeldDirectory &directory) {
-    return write_out_at(directory.fd(), ".");
+    return write_out_at(directory.fd(), ".", Then::keep);
 }
 
 void VolumesToWriteOut::begin(const HeldDirectory &directory) {

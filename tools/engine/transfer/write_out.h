@@ -17,6 +17,9 @@ namespace engine {
 
 // A file, with what is kept for it. `opened`: a descriptor of it from before it was written; -1: there is none.
 std::optional<Problem> write_out_file(const HeldDirectory &directory, const std::string &name, int opened);
+// The same, of which the kernel is asked then to let go of what it has in memory: whoever reads it next has it from the
+// volume.
+std::optional<Problem> let_go(const HeldDirectory &directory, const std::string &name);
 // What is kept beside an entry, and where.
 std::optional<Problem> write_out_store(const HeldDirectory &directory, const std::string &name);
 // The names in a directory. A volume that has nothing of the kind is none that fails.

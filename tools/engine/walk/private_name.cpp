@@ -130,7 +130,9 @@ bool remove_left_over(int directory, const std::string &name) {
     if (::unlinkat(directory, name.c_str(), 0) == 0) { // without a look before it, which may be wrong
         return true;
     }
-    return errno == EISDIR && ::fstat(directory, &around) == 0 && remove_tree(directory, name, around.st_dev);
+    return errno == EISDIR && // a directory, which mostly is empty by now
+           (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 ||
+            (::fstat(directory, &around) == 0 && remove_tree(directory, name, around.st_dev)));
 }
 
 // Asked twice: an error may be one that is told only once.

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace engine {
@@ -13,6 +14,9 @@ struct Hands {
     // Called in each new process. A stop reaches the whole group of processes, and is for the one above to understand:
     // who has signals that ask for one makes the workers deaf to them, so that nothing is left half done.
     std::function<void()> begin = {};
+    // Called in the one above, of each process that has begun, and of each before somebody else may get its number. No
+    // signal comes between a beginning and the telling of it.
+    std::function<void(pid_t)> started = {}, ends = {};
 };
 
 // How many are usual for a request that goes through the trees `sources` and writes to `destination` (empty: nowhere):

@@ -40,9 +40,19 @@ WorkerPool::~WorkerPool() {
     }
     m_members.clear(); // the ends of the channels are what they wait for
     for (const pid_t process : processes) {
-        while (::waitpid(process, nullptr, 0) < 0 && errno == EINTR) {
-        }
+        (void)await_end(process);
     }
+}
+
+// How it ended. It does nothing any more by now, or is about to.
+int WorkerPool::await_end(pid_t process) const {
+    int status = 0;
+    if (m_hands.ends) {
+        m_hands.ends(process);
+    }
+    while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
 }
 
 bool WorkerPool::start() {
@@ -59,20 +69,29 @@ bool WorkerPool::add_member() {
     auto desk = make_shared_memory<SharedDesk>();
     const pid_t above = ::getpid();
     std::fflush(nullptr); // what is not written yet is written once
+    sigset_t all, before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, &before);
     const pid_t process = ::fork();
+    const int number = errno;
     if (process == 0) {
         m_members.clear();
         { const Channel other(std::move(ends->first)); }
-        be_worker(std::move(ends->second), *desk, above);
+        be_worker(std::move(ends->second), *desk, above, before);
     }
+    if (process > 0 && m_hands.started) {
+        m_hands.started(process);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (process < 0) {
+        errno = number;
         return false;
     }
     m_members.push_back({++m_names, process, std::move(ends->first), std::move(desk)});
     return true;
 }
 
-void WorkerPool::be_worker(Channel channel, SharedDesk &desk, pid_t above) {
+void WorkerPool::be_worker(Channel channel, SharedDesk &desk, pid_t above, const sigset_t &signals) {
     (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != above) {
         ::_exit(0);
@@ -81,6 +100,7 @@ void WorkerPool::be_worker(Channel channel, SharedDesk &desk, pid_t above) {
     if (m_hands.begin) {
         m_hands.begin();
     }
+    ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
     const std::unique_ptr<Worker> worker = m_make();
     Crew(std::move(channel), desk, *m_signs, above).run(*worker);
     ::_exit(0);
@@ -322,9 +342,7 @@ void WorkerPool::end_task(const GroupName &name, const Yield &yield) {
 }
 
 void WorkerPool::bury(Members::iterator member) {
-    int status = 0;
-    while (::waitpid(member->process, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = await_end(member->process);
     hear(*member);
     const std::string reason = end_of(status);
     std::string path = member->desk->slate.read();

@@ -14,6 +14,7 @@
 #include "tools/engine/workers/crew.h"
 #include "tools/engine/workers/hands.h"
 
+#include <csignal>
 #include <deque>
 #include <functional>
 #include <list>
@@ -99,7 +100,8 @@ class WorkerPool {
     using Members = std::list<Member>;
 
     bool add_member();
-    [[noreturn]] void be_worker(Channel channel, SharedDesk &desk, pid_t above);
+    [[noreturn]] void be_worker(Channel channel, SharedDesk &desk, pid_t above, const sigset_t &signals);
+    int await_end(pid_t process) const;
     bool is_under_way() const;
     void look_for_stop();
     bool take_from(const Source &next);

@@ -6,7 +6,7 @@ void write(RecordWriter &to, const std::optional<Problem> &problem) {
     to.number(problem.has_value());
     if (problem) {
         to.text(problem->reason).number(problem->code).number(problem->withSource).number(problem->needsRecursion);
-        to.number(problem->replaced).number(problem->number);
+        to.number(problem->sameFile).number(problem->replaced).number(problem->number);
     }
 }
 
@@ -19,6 +19,7 @@ std::optional<Problem> read_problem(RecordReader &from) {
     problem.code = from.number<uint32_t>();
     problem.withSource = from.number<bool>();
     problem.needsRecursion = from.number<bool>();
+    problem.sameFile = from.number<bool>();
     problem.replaced = from.number<bool>();
     problem.number = from.number<int>();
     return problem;

@@ -14,7 +14,7 @@ void add_jobs_option(const Command &command, int &jobs, const char *text) {
 }
 
 engine::Hands hands_of(int jobs) {
-    return {.number = jobs, .begin = ignore_stop_signals};
+    return {.number = jobs, .begin = become_helper, .started = add_helper, .ends = remove_helper};
 }
 
 } // namespace tool

@@ -70,9 +70,9 @@ class BackupArguments {
         const ProgressOption::Wanted progress = m_progress->wanted();
         batch.noProgress = progress.none;
         batch.progressLines = progress.lines;
-        const MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem,
-                              "what is copied to the one would come into the other");
-        pair.refuse_backups(batch.transfer.backup);
+        const engine::MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem,
+                                      "what is copied to the one would come into the other");
+        refuse_backups(pair, batch.transfer.backup);
         if (!m_plan) {
             return BackupRun(m_options, pair).run();
         }

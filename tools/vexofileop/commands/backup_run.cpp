@@ -5,7 +5,6 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/look.h"
-#include "tools/engine/walk/mounts.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/json.h"
@@ -13,35 +12,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace tool {
 namespace {
-
-// A path of the tree at `top`, from there on; "photos/." is the top itself.
-std::string below(const std::string &path, const std::string &top) {
-    const size_t start = top.size() + (top.ends_with('/') ? 0 : 1);
-    const std::string rest = path.size() > start ? path.substr(start) : "";
-    return rest == "." ? "" : rest;
-}
-
-const char *kind_of_backup(const BackupRunOptions &options) {
-    return options.full ? "full" : "incremental";
-}
-
-// Those that the backup goes into.
-std::vector<std::string> volumes_of(const BackupRunOptions &options, const std::string &source) {
-    std::vector<std::string> volumes{source};
-    if (!options.batch.transfer.selection.oneFileSystem) {
-        for (const std::string &mount : engine::mounts_below(source)) {
-            volumes.push_back((source == "/" ? "" : source) + mount);
-        }
-    }
-    return volumes;
-}
 
 bool has_bit(const std::string &path) {
     VLIBCStat status{};
@@ -51,31 +27,31 @@ bool has_bit(const std::string &path) {
 
 } // namespace
 
-std::string refusal_of_backup(const BackupRunOptions &options, const MirrorPair &pair, std::string &note) {
-    for (const std::string &volume : volumes_of(options, pair.source)) {
-        const std::string name = engine::displayed(volume);
-        engine::BitKeeping keeping = engine::BitKeeping::none;
-        try {
-            keeping = engine::keeping_of_bits(volume);
-        } catch (const engine::Failure &failure) {
-            if (volume == pair.source) {
-                return fmt::format("{}: {}", name, failure.what());
-            }
-            continue; // the copy says so
-        }
-        if (keeping == engine::BitKeeping::none && !options.full) {
-            return fmt::format("{}: its volume keeps no archive bits, so that nothing tells what was changed there; "
-                               "--full copies everything{}",
-                               name, volume == pair.source ? "" : ", -x leaves that volume out");
-        }
-        if (keeping == engine::BitKeeping::none) {
-            note = fmt::format("{}: its volume keeps no archive bits, and there are none to clear", name);
-        }
-        if (keeping == engine::BitKeeping::read_only && !options.keepBits) {
-            return fmt::format("{}: is mounted read-only, so that no archive bit can be cleared; --keep-bits makes a "
-                               "backup that clears none",
-                               name);
-        }
+std::string refusal_of_backup(const BackupRunOptions &options, const engine::MirrorPair &pair, std::string &note) {
+    const engine::BackupGround ground =
+        engine::ground_of_backup({.source = pair.source,
+                                  .oneFileSystem = options.batch.transfer.selection.oneFileSystem,
+                                  .full = options.full,
+                                  .keepBits = options.keepBits});
+    using Refusal = engine::BackupGround::Refusal;
+    const std::string name = engine::displayed(ground.volume);
+    if (!ground.without.empty()) {
+        note = fmt::format("{}: its volume keeps no archive bits, and there are none to clear",
+                           engine::displayed(ground.without));
+    }
+    switch (ground.refusal) {
+    case Refusal::unknown:
+        return fmt::format("{}: {}", name, ground.reason);
+    case Refusal::no_bits:
+        return fmt::format("{}: its volume keeps no archive bits, so that nothing tells what was changed there; "
+                           "--full copies everything{}",
+                           name, ground.volume == pair.source ? "" : ", -x leaves that volume out");
+    case Refusal::read_only:
+        return fmt::format("{}: is mounted read-only, so that no archive bit can be cleared; --keep-bits makes a "
+                           "backup that clears none",
+                           name);
+    case Refusal::none:
+        break;
     }
     return {};
 }
@@ -107,8 +83,12 @@ int BackupRun::run() {
 // Before anything is copied, so that a backup without a list is none.
 bool BackupRun::begin_list() {
     try {
-        m_list.emplace(m_pair.source, m_pair.destination, std::time(nullptr), kind_of_backup(m_backup));
-        m_arrivals.emplace(m_list->directory());
+        m_book.emplace(engine::BackupTerms{.source = m_pair.source,
+                                           .destination = m_pair.destination,
+                                           .full = m_backup.full,
+                                           .keepBits = m_backup.keepBits,
+                                           .accepted = m_options.transfer.accepted,
+                                           .sync = m_options.transfer.sync});
         return true;
     } catch (const engine::Failure &failure) {
         m_console.message(fmt::format("the list beside {}: {}", engine::displayed(m_pair.destination), failure.what()));
@@ -118,77 +98,26 @@ bool BackupRun::begin_list() {
 
 void BackupRun::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
     Batch::entry(kind, source, outcome);
-    try {
-        note(kind, source, outcome);
-    } catch (const engine::Failure &failure) {
-        fail_list(failure.what());
-    }
-}
-
-// What did not arrive as it is keeps its bit, and is not in the list.
-void BackupRun::note(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
-    const bool directory = kind == engine::EntryKind::directory, file = kind == engine::EntryKind::file;
-    const bool failed = outcome.status == engine::Status::failed || outcome.warning.has_value() ||
-                        engine::has_failing_loss(outcome, m_options.transfer.accepted);
-    m_failures += failed ? 1 : 0;
-    // Whether the names in it are on the disk is not known of a directory that was to be written out by itself.
-    m_written = m_written && !(directory && outcome.status == engine::Status::failed &&
-                               m_options.transfer.sync == engine::Sync::file);
-    const bool there =
-        outcome.status == engine::Status::done || (outcome.status == engine::Status::skipped && outcome.same);
-    if (!there || failed || !m_unlisted.empty() || (file && !outcome.proven)) {
-        return;
-    }
-    const std::string path = below(source, m_pair.source);
-    if (!directory && (file || !outcome.same)) {
-        const int64_t bytes = outcome.proven ? outcome.proven->st_size : outcome.bytes;
-        m_list->add(outcome.same ? "same" : outcome.linked ? "linked" : "copied", bytes, path);
-    }
-    if ((directory || file) && !m_backup.keepBits) {
-        engine::Arrival arrival{
-            .source = path, .destination = below(outcome.destination, m_pair.destination), .directory = directory};
-        if (file) {
-            arrival.status = *outcome.proven;
-            arrival.store = outcome.provenStore;
-        }
-        m_arrivals->add(arrival);
-    }
-}
-
-void BackupRun::fail_list(const std::string &why) {
-    if (m_unlisted.empty()) {
-        m_unlisted = why;
-        m_failed = true;
-    }
+    m_failed = !m_book->note(kind, source, outcome) || m_failed;
 }
 
 void BackupRun::written_out(const std::string &directory, const std::optional<engine::Problem> &problem) {
     Batch::written_out(directory, problem);
-    m_written = m_written && !problem;
+    m_book->written_out(problem);
 }
 
 // The list comes first: of what has no bit any more it tells where it is.
 bool BackupRun::list_arrivals() {
-    if (!m_written) {
-        m_console.message("no list is written and no archive bit cleared, for not everything is on the disk");
-        return false;
+    const std::string refusal = m_book->put_in_place();
+    if (!refusal.empty()) {
+        m_console.message(refusal);
     }
-    try {
-        if (m_unlisted.empty()) {
-            m_listed = m_list->put_in_place(m_failures);
-            return true;
-        }
-    } catch (const engine::Failure &failure) {
-        fail_list(failure.what());
-    }
-    m_console.message(fmt::format("the list beside {}: {}; no archive bit is cleared",
-                                  engine::displayed(m_pair.destination), m_unlisted));
-    return false;
+    return refusal.empty();
 }
 
 void BackupRun::clear_bits() {
     try {
-        engine::BitClearing(m_pair.source, m_pair.destination, m_options.transfer.accepted, *this).run(*m_arrivals);
+        m_book->clear_bits(*this);
     } catch (const engine::Failure &failure) {
         m_console.message(failure.what());
         m_failed = true;
@@ -235,16 +164,20 @@ void BackupRun::tell_bits() {
     }
 }
 
+std::string BackupRun::listed() const {
+    return m_book ? m_book->listed() : "";
+}
+
 std::string BackupRun::more_counts() const {
     return fmt::format(", {} archive {} cleared{}", m_cleared, m_cleared == 1 ? "bit" : "bits",
-                       m_listed.empty() ? "" : fmt::format("; listed in {}", engine::displayed(m_listed)));
+                       listed().empty() ? "" : fmt::format("; listed in {}", engine::displayed(listed())));
 }
 
 void BackupRun::add_more(Json &summary) const {
     summary.add_number("bits_cleared", m_cleared);
     summary.add_number("bits_kept", m_kept + m_notCleared);
-    if (!m_listed.empty()) {
-        summary.add_name("list", m_listed);
+    if (!listed().empty()) {
+        summary.add_name("list", listed());
     }
 }
 

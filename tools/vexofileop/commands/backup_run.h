@@ -2,9 +2,7 @@
 // the clearing of the bits of that.
 #pragma once
 
-#include "tools/engine/archive/archive_bit.h"
-#include "tools/engine/archive/arrival_list.h"
-#include "tools/engine/archive/arrivals.h"
+#include "tools/engine/archive/backup_book.h"
 #include "tools/engine/archive/bit_clearing.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/mirror_run.h"
@@ -28,12 +26,12 @@ struct BackupRunOptions {
 
 // What keeps a backup from being begun, since its volumes could not tell it what to copy, or would not let it clear the
 // bits; empty: nothing. `note`: what there is to say where it is begun.
-std::string refusal_of_backup(const BackupRunOptions &options, const MirrorPair &pair, std::string &note);
+std::string refusal_of_backup(const BackupRunOptions &options, const engine::MirrorPair &pair, std::string &note);
 
 class BackupRun : private Batch, private engine::BitObserver {
   public:
     // The options outlive this.
-    BackupRun(const BackupRunOptions &options, const MirrorPair &pair)
+    BackupRun(const BackupRunOptions &options, const engine::MirrorPair &pair)
         : Batch(options.batch), m_backup(options), m_pair(pair) {}
     // The exit status.
     int run();
@@ -45,20 +43,15 @@ class BackupRun : private Batch, private engine::BitObserver {
     std::string more_counts() const override;
     void add_more(Json &summary) const override;
     bool begin_list();
-    void note(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome);
     bool list_arrivals();
     void clear_bits();
     void tell_bits();
-    void fail_list(const std::string &why);
+    std::string listed() const; // where the list is; empty: there is none
 
     const BackupRunOptions &m_backup;
-    const MirrorPair &m_pair;
-    std::optional<engine::ArrivalList> m_list = {};
-    std::optional<engine::Arrivals> m_arrivals = {};
-    std::string m_unlisted = {}; // why there is no list
-    std::string m_listed = {};   // where it is
-    bool m_written = true;       // all of it is on the disk
-    int64_t m_cleared = 0, m_failures = 0;
+    const engine::MirrorPair &m_pair;
+    std::optional<engine::BackupBook> m_book = {};
+    int64_t m_cleared = 0;
     int64_t m_kept = 0, m_notCleared = 0; // bits that stay for a change, and for a failure
     std::string m_firstKept = {};
 };
@@ -66,7 +59,7 @@ class BackupRun : private Batch, private engine::BitObserver {
 class BackupPlan : private PlanRun {
   public:
     // The options outlive this.
-    BackupPlan(const PlanRunOptions &options, const BackupRunOptions &backup, const MirrorPair &pair)
+    BackupPlan(const PlanRunOptions &options, const BackupRunOptions &backup, const engine::MirrorPair &pair)
         : PlanRun(options), m_backup(backup), m_pair(pair) {}
     int run();
 
@@ -76,7 +69,7 @@ class BackupPlan : private PlanRun {
     void add_more(Json &summary) const override;
 
     const BackupRunOptions &m_backup;
-    const MirrorPair &m_pair;
+    const engine::MirrorPair &m_pair;
     int64_t m_bits = 0; // to be cleared
     // Of files of several names: how many of them have gone by.
     std::map<std::pair<dev_t, ino_t>, nlink_t> m_names = {};

@@ -35,6 +35,17 @@ int64_t size_of(const std::string &path) {
     return ::stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode) ? found.st_size : 0;
 }
 
+// Of what stood there already nothing was, also where a move has removed its source.
+int64_t carried(const engine::Outcome &outcome) {
+    return outcome.status == engine::Status::done && !outcome.same ? outcome.bytes : 0;
+}
+
+// As far as the numbers of the volumes tell.
+bool is_renamed(const Errand &errand) {
+    const auto from = engine::look(errand.source), to = engine::look_through(engine::parent_of(errand.destination));
+    return from && to && from->st_dev == to->st_dev;
+}
+
 // Nothing is said about an entry that arrives, and no failure keeps the rest from being copied.
 engine::TransferOptions transfer_options(const BatchOptions &options) {
     engine::TransferOptions transfer = options.transfer;
@@ -58,8 +69,8 @@ engine::NamesBelow names_below(const RelativeNames &names, const engine::Transfe
 }
 
 Batch::Batch(const BatchOptions &options)
-    : m_options(options), m_transfer(transfer_options(options), *this, hands_of(options.jobs)),
-      m_receipt(options.transfer.accepted), m_report(command(), options.transfer.accepted) {}
+    : m_options(options), m_transfer(transfer_options(options), *this), m_receipt(options.transfer.accepted),
+      m_report(command(), options.transfer.accepted) {}
 
 int Batch::run(const std::vector<Errand> &errands) {
     copy(errands);
@@ -68,6 +79,7 @@ int Batch::run(const std::vector<Errand> &errands) {
 
 void Batch::copy(const std::vector<Errand> &errands) {
     begin(errands);
+    m_transfer.share(hands_of(jobs_for(errands)));
     for (const Errand &errand : errands) {
         if (stopped()) {
             break;
@@ -84,6 +96,20 @@ void Batch::copy(const std::vector<Errand> &errands) {
         m_console.progress(m_behind - m_bytesUndone, m_filesBehind - m_filesUndone);
     }
     m_console.end_progress();
+}
+
+// What a move renames is done before anybody has come to help.
+int Batch::jobs_for(const std::vector<Errand> &errands) const {
+    if (m_options.jobs > 0 || !m_transfer.can_share() || errands.empty()) {
+        return std::max(m_options.jobs, 1);
+    }
+    std::vector<std::string> trees;
+    for (const Errand &errand : errands) {
+        if (!errand.below && m_transfer.is_tree(errand.source) && (copies() || !is_renamed(errand))) {
+            trees.push_back(errand.source);
+        }
+    }
+    return engine::usual_hands(trees, errands.front().destination);
 }
 
 void Batch::run_below(const Errand &errand) {
@@ -173,7 +199,7 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
     m_errors += failed || engine::has_failing_loss(outcome, m_options.transfer.accepted) ? 1 : 0;
     if (kind != engine::EntryKind::directory) {
         // Also what was cloned, skipped or failed is behind us.
-        m_copied += outcome.status == engine::Status::done ? outcome.bytes : 0;
+        m_copied += carried(outcome);
         const int64_t size = outcome.status == engine::Status::done ? outcome.bytes
                              : kind == engine::EntryKind::file      ? size_of(source)
                                                                     : 0;
@@ -259,7 +285,10 @@ void Batch::report_losses(const std::string &source, const engine::Outcome &outc
     const bool unmade = !copies() && outcome.status == engine::Status::skipped &&
                         engine::has_failing_loss(outcome, m_options.transfer.accepted);
     m_unmade += unmade ? 1 : 0;
-    if ((outcome.sourceStays && !outcome.warning) || unmade) {
+    // A directory may stay for what is in it.
+    const bool stays =
+        outcome.sourceStays && !outcome.warning && engine::keeps_source(outcome, m_options.transfer.accepted);
+    if (stays || unmade) {
         ++m_staying;
         for (const engine::Loss &loss : outcome.losses) {
             m_stayingFor.add(loss.cls);
@@ -278,7 +307,7 @@ void Batch::note_for_report(engine::EntryKind kind, const std::string &source, c
                       : copies() || outcome.sourceStays           ? Fate::copied
                                                                   : Fate::moved;
     if (kind != engine::EntryKind::directory || fate == Fate::failed) {
-        m_report.count(fate, 1, outcome.status == engine::Status::done ? outcome.bytes : 0);
+        m_report.count(fate, 1, carried(outcome));
     }
     for (const auto &told : {outcome.problem, outcome.warning}) {
         if (told && (outcome.status != engine::Status::skipped || outcome.losses.empty())) {
@@ -350,7 +379,9 @@ void Batch::tell_old_names() {
 }
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
-    if (outcome.status == engine::Status::done) {
+    if (outcome.status == engine::Status::done && outcome.same) {
+        m_console.line(arrow(source, outcome.destination) + " (the same already; the source was removed)");
+    } else if (outcome.status == engine::Status::done) {
         const std::string backup =
             outcome.backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(outcome.backup));
         m_console.line(arrow(source, outcome.destination) + backup +
@@ -375,7 +406,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
     entry.add_name("source", source);
     entry.add_name("destination", outcome.destination);
     if (outcome.status == engine::Status::done && kind == engine::EntryKind::file) {
-        entry.add_number("bytes", outcome.bytes);
+        entry.add_number("bytes", carried(outcome));
     }
     if (kind == engine::EntryKind::file && (outcome.cloned || m_options.transfer.clone == engine::Clone::always)) {
         entry.add_flag("cloned", outcome.cloned);

@@ -17,7 +17,7 @@ namespace tool {
 
 struct BatchOptions {
     engine::TransferOptions transfer;
-    int jobs = 1; // processes that share a tree
+    int jobs = 0; // processes that share a tree; 0: as many as are usual
     bool stopOnError = false;
     int64_t mostErrors = 0; // entries that failed, or lost what was not accepted; 0: any number
     bool verbose = false, json = false, quiet = false, noProgress = false;
@@ -52,6 +52,7 @@ class Batch : protected engine::TransferObserver {
     virtual void add_more(Json &) const {}
 
     void begin(const std::vector<Errand> &errands);
+    int jobs_for(const std::vector<Errand> &errands) const;
     void run_below(const Errand &errand);
     void begins(const std::string &source) override;
     void tree(const std::string &source) override;

@@ -222,6 +222,9 @@ class TransferArguments {
         if (transfer.inPlace && transfer.backup.wanted) {
             throw UsageError("--backup keeps what is replaced, and --in-place writes into it");
         }
+        if (transfer.inPlace && transfer.verify) {
+            throw UsageError("--verify keeps what is replaced until the copy is proven, and --in-place writes into it");
+        }
         if (transfer.inPlace && transfer.clone == engine::Clone::always) {
             throw UsageError("--clone=always shares the source's data, and --in-place writes into old ones");
         }

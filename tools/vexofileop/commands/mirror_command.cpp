@@ -73,8 +73,8 @@ class MirrorArguments {
             batch.progressLines = progress.lines;
         }
         m_options.most = m_most.given() ? parse_count("--max-delete", m_most.values().front(), 0) : -1;
-        const MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem);
-        pair.refuse_backups(batch.transfer.backup);
+        const engine::MirrorPair pair(paths[0], paths[1], batch.transfer.selection.oneFileSystem);
+        refuse_backups(pair, batch.transfer.backup);
         if (!m_plan) {
             return MirrorRun(m_options, pair).run();
         }

@@ -1,7 +1,6 @@
 #include "tools/vexofileop/commands/mirror_run.h"
 
 #include "tools/engine/mirror/kept_surplus.h"
-#include "tools/engine/mirror/overlap.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/transfer/write_out.h"
 #include "tools/engine/walk/directory.h"
@@ -15,33 +14,14 @@
 #include "tools/vexofileop/terminal/signals.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
-#include <memory>
 #include <sys/stat.h>
 
 namespace tool {
 namespace {
 
 constexpr const char *kEmpty = "the source is empty; with --allow-empty everything is removed that it has not";
-
-// Where a link leads to; a path that leads to nothing as it is.
-std::string followed(const std::string &path) {
-    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
-    return real == nullptr ? path : real.get();
-}
-
-bool is_kept_back(const engine::Outcome &outcome) {
-    return outcome.status == engine::Status::failed || outcome.status == engine::Status::cancelled || outcome.warning ||
-           std::ranges::any_of(outcome.losses, [](const engine::Loss &loss) {
-               return loss.cls == engine::LossClass::unreadable || loss.cls == engine::LossClass::data;
-           });
-}
-
-bool lies_below(const std::string &path, const std::string &top) {
-    return path == top || path.starts_with(top + "/");
-}
 
 engine::SurplusOptions engine_options(const MirrorOptions &options, bool rehearsal) {
     return {.selection = options.batch.transfer.selection,
@@ -59,57 +39,11 @@ const char *plural(int64_t number) {
 
 } // namespace
 
-MirrorPair::MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem, const char *harm)
-    : source(engine::absolute_path(first)), destination(engine::absolute_path(second)) {
-    const auto from = engine::look_through(source), to = engine::look_through(destination);
-    if (!from) {
-        throw UsageError(fmt::format("{}: {}", engine::displayed(source), std::strerror(errno)));
+void refuse_backups(const engine::MirrorPair &pair, const engine::BackupOptions &backup) {
+    const std::string refusal = pair.refusal_of_backups(backup);
+    if (!refusal.empty()) {
+        throw UsageError("--backup-dir: " + refusal);
     }
-    exists = engine::exists(destination);
-    const bool isDirectory = S_ISDIR(from->st_mode);
-    if (!isDirectory || (exists && (!to || !S_ISDIR(to->st_mode)))) {
-        throw UsageError(fmt::format("{}: is not a directory", engine::displayed(isDirectory ? destination : source)));
-    }
-    const auto itself = engine::look(source), other = engine::look(destination);
-    source = itself && S_ISLNK(itself->st_mode) ? followed(source) : source;
-    destination = other && S_ISLNK(other->st_mode) ? followed(destination) : destination;
-    if (engine::overlap(source, destination)) {
-        throw UsageError(fmt::format("{} and {} are one directory, or one lies in the other", engine::displayed(source),
-                                     engine::displayed(destination)));
-    }
-    const auto shared = engine::overlap_by_mount(source, destination, oneFileSystem);
-    if (shared) {
-        const bool inSource = lies_below(*shared, source);
-        throw UsageError(fmt::format("{}: is mounted there, and shares directories with {}: {}; unmount it first",
-                                     engine::displayed(*shared), engine::displayed(inSource ? destination : source),
-                                     harm));
-    }
-}
-
-void MirrorPair::refuse_backups(const engine::BackupOptions &backup) const {
-    const std::string directory = engine::directory_of_backups(backup, destination);
-    if (directory.empty()) {
-        return;
-    }
-    // What is kept there goes by its path below the destination, and would take the place of what has it already.
-    if (engine::overlap(source, directory)) {
-        throw UsageError(fmt::format("--backup-dir: {} and the source are one directory, or one lies in the other",
-                                     engine::displayed(directory)));
-    }
-    if (engine::lies_in(destination, directory)) {
-        throw UsageError(
-            fmt::format("--backup-dir: the destination is {}, or lies in it", engine::displayed(directory)));
-    }
-}
-
-bool is_in_the_way(engine::EntryKind kind, const std::string &destination) {
-    const auto there = engine::look(destination);
-    if (!there) {
-        return false;
-    }
-    const engine::EntryKind found = engine::entry_kind(there->st_mode);
-    return (kind == engine::EntryKind::directory) != (found == engine::EntryKind::directory) ||
-           (found == engine::EntryKind::other && kind != engine::EntryKind::other);
 }
 
 SurplusRun::Options MirrorRun::surplus_options(bool rehearsal) {
@@ -220,12 +154,13 @@ bool MirrorRun::copy_late() {
 
 void MirrorRun::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
     const bool failed = outcome.status == engine::Status::failed;
-    if (!m_again && failed && is_in_the_way(kind, outcome.destination)) {
+    if (!m_again && failed && engine::is_in_the_way(kind, outcome.destination)) {
         m_late.push_back(source);
         return;
     }
-    const bool late = std::ranges::any_of(m_late, [&](const std::string &top) { return lies_below(source, top); });
-    m_incomplete = m_incomplete || is_kept_back(outcome);
+    const bool late =
+        std::ranges::any_of(m_late, [&](const std::string &top) { return engine::lies_below(source, top); });
+    m_incomplete = m_incomplete || engine::is_kept_back(outcome);
     if (!m_again || late || failed) {
         Batch::entry(kind, source, outcome);
     }
@@ -314,10 +249,10 @@ void MirrorPlan::plan_late(const std::string &source, const std::string &destina
 
 void MirrorPlan::entry(const engine::PlannedEntry &planned) {
     engine::PlannedEntry told = planned;
-    if (!m_meant.empty() && lies_below(told.destination, m_standIn)) {
+    if (!m_meant.empty() && engine::lies_below(told.destination, m_standIn)) {
         told.destination = m_meant + told.destination.substr(m_standIn.size());
     }
-    if (m_meant.empty() && told.deed == engine::Deed::fail && is_in_the_way(told.kind, told.destination)) {
+    if (m_meant.empty() && told.deed == engine::Deed::fail && engine::is_in_the_way(told.kind, told.destination)) {
         m_late.push_back(std::move(told));
         return;
     }

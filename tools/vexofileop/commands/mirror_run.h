@@ -1,6 +1,7 @@
 // A mirror, and the plan of one: a copy that updates, and then the removal of what the source has not.
 #pragma once
 
+#include "tools/engine/mirror/mirror_pair.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/plan_run.h"
 #include "tools/vexofileop/commands/surplus_run.h"
@@ -21,26 +22,13 @@ struct MirrorOptions {
     bool probe = true;               // of a plan
 };
 
-// Two directories as a mirror takes them: absolute, and no symbolic links. Throws UsageError where the first is none,
-// or the two are one, or one lies in the other, by whatever names, or a volume that is mounted in one of them leads to
-// the other. `oneFileSystem`: in the first, other volumes are not gone into.
-struct MirrorPair {
-    // `harm`: what would come of directories that both of them lead to.
-    MirrorPair(const std::string &first, const std::string &second, bool oneFileSystem,
-               const char *harm = "what is removed from the one would go from the other");
-    // Throws UsageError where what is kept below a directory could take the place of what is mirrored.
-    void refuse_backups(const engine::BackupOptions &backup) const;
-    std::string source, destination;
-    bool exists; // the destination
-};
-
-// What stands in the way of an entry, and goes before that can be copied.
-bool is_in_the_way(engine::EntryKind kind, const std::string &destination);
+// Throws UsageError where what is kept below a directory could take the place of what is mirrored.
+void refuse_backups(const engine::MirrorPair &pair, const engine::BackupOptions &backup);
 
 class MirrorRun : private Batch {
   public:
     // The options outlive this.
-    MirrorRun(const MirrorOptions &options, const MirrorPair &pair)
+    MirrorRun(const MirrorOptions &options, const engine::MirrorPair &pair)
         : Batch(options.batch), m_mirror(options), m_pair(pair) {}
     // The exit status.
     int run();
@@ -57,7 +45,7 @@ class MirrorRun : private Batch {
     bool copy_late();
 
     const MirrorOptions &m_mirror;
-    const MirrorPair &m_pair;
+    const engine::MirrorPair &m_pair;
     std::vector<std::string> m_late = {}; // sources of which the place is to be cleared first
     bool m_again = false;                 // they are being copied
     bool m_incomplete = false;            // something was not copied, so that nothing goes
@@ -68,7 +56,7 @@ class MirrorRun : private Batch {
 class MirrorPlan : private PlanRun {
   public:
     // The options outlive this.
-    MirrorPlan(const PlanRunOptions &options, const MirrorOptions &mirror, const MirrorPair &pair)
+    MirrorPlan(const PlanRunOptions &options, const MirrorOptions &mirror, const engine::MirrorPair &pair)
         : PlanRun(options), m_mirror(mirror), m_pair(pair) {}
     int run();
 
@@ -80,7 +68,7 @@ class MirrorPlan : private PlanRun {
     void plan_late(const std::string &source, const std::string &destination);
 
     const MirrorOptions &m_mirror;
-    const MirrorPair &m_pair;
+    const engine::MirrorPair &m_pair;
     std::vector<engine::PlannedEntry> m_late = {};
     std::string m_standIn = {}, m_meant = {}; // of a late one
     bool m_incomplete = false;

@@ -43,6 +43,7 @@ int PlanRun::run(const std::vector<Errand> &errands) {
 
 void PlanRun::plan(const std::vector<Errand> &errands) {
     engine::raise_descriptor_limit();
+    m_asked = number_of(errands);
     for (const Errand &errand : errands) {
         if (stopped()) {
             break;
@@ -67,6 +68,9 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     ++m_deeds[static_cast<size_t>(planned.deed)];
     m_directories += directory && done ? 1 : 0;
     m_directoriesDone += directory && done ? 1 : 0;
+    m_files += directory ? 0 : 1;
+    m_done += !directory && (done || planned.sourceGoes) ? 1 : 0;
+    m_same += planned.same ? 1 : 0;
     m_succeeded += !directory && !failed ? 1 : 0;
     m_anyFailed = m_anyFailed || (!directory && failed);
     m_failed = m_failed || failed;
@@ -117,7 +121,7 @@ void PlanRun::report(const engine::PlannedEntry &planned) {
     if (planned.kind != engine::EntryKind::directory || fate == Fate::failed) {
         m_report.count(fate, 1, planned.bytes);
     }
-    if (planned.deed == engine::Deed::fail && planned.problem) {
+    if (planned.problem && (planned.deed != engine::Deed::skip || planned.losses.empty())) {
         m_report.problem(planned.source, planned.destination, planned.problem->reason);
     }
     for (const engine::Loss &loss : planned.losses) {
@@ -153,7 +157,9 @@ void PlanRun::say(const engine::PlannedEntry &planned) {
     if (planned.problem) {
         text = problem_text(text, *planned.problem, kCopyRecursion);
     } else if (planned.deed == engine::Deed::skip) {
-        text += planned.same ? ": the same already" : ": destination exists";
+        text += planned.sourceGoes ? ": the same already; the source is removed"
+                : planned.same     ? ": the same already"
+                                   : ": destination exists";
     }
     text += planned.backup.empty() ? "" : fmt::format(" (backup: {})", engine::displayed(planned.backup));
     text += planned.cloned ? " (cloned)" : planned.linked ? " (linked)" : "";
@@ -194,6 +200,9 @@ std::string PlanRun::entry_line(const engine::PlannedEntry &planned) const {
     }
     if (planned.sourceStays) {
         event.add_flag("source_kept", true);
+    }
+    if (planned.sourceGoes) {
+        event.add_flag("source_removed", true);
     }
     if (planned.problem) {
         event.add_object("error", problem_object(*planned.problem, kCopyRecursion));
@@ -273,7 +282,12 @@ std::string PlanRun::summary_line(int status) const {
                                         engine::Deed::rename, engine::Deed::skip, engine::Deed::fail}) {
             summary.add_number(deed_word(deed), number(deed));
         }
+        summary.add_number("files", m_treeSeen ? m_files : static_cast<int64_t>(m_asked));
         summary.add_number("directories", m_directories);
+        summary.add_number("done", m_done);
+        if (m_same > 0) {
+            summary.add_number("same", m_same);
+        }
         summary.add_number("cloned", m_cloned);
         summary.add_number("bytes", m_bytes);
         summary.add_number("sources_kept", m_staying);
@@ -283,10 +297,12 @@ std::string PlanRun::summary_line(int status) const {
         summary.add_number("exit_status", status);
         return summary.line();
     }
-    std::string text = fmt::format("{} new, {} replaced, {} merged, {} renamed, {} skipped, {} failed ({})",
-                                   number(engine::Deed::make), number(engine::Deed::replace),
-                                   number(engine::Deed::merge), number(engine::Deed::rename),
-                                   number(engine::Deed::skip), number(engine::Deed::fail), size_text(m_bytes));
+    const std::string same = m_same > 0 ? fmt::format(" ({} the same)", m_same) : "";
+    std::string text =
+        fmt::format("{} new, {} replaced, {} merged, {} renamed, {} skipped{}, {} failed ({} {}, {})",
+                    number(engine::Deed::make), number(engine::Deed::replace), number(engine::Deed::merge),
+                    number(engine::Deed::rename), number(engine::Deed::skip), same, number(engine::Deed::fail), m_done,
+                    m_done == 1 ? "file" : "files", size_text(m_bytes));
     if (m_cloned > 0) {
         text += fmt::format(", {} cloned", m_cloned);
     }

@@ -43,7 +43,7 @@ class PlanRun : protected engine::PlanObserver {
     }
 
     bool stopped() const override;
-    void tree(const std::string &) override {}
+    void tree(const std::string &) override { m_treeSeen = true; }
     void entry(const engine::PlannedEntry &planned) override;
     void loss(const std::string &source, const std::string &destination, const engine::Loss &loss) override;
     void tell_loss(const std::string &source, const std::string &destination, const engine::Loss &loss,
@@ -61,10 +61,11 @@ class PlanRun : protected engine::PlanObserver {
     engine::Planner m_planner;
     Report m_report;
     int64_t m_deeds[6] = {}; // by Deed, of all entries
-    int64_t m_directories = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
+    int64_t m_directories = 0, m_files = 0, m_done = 0, m_same = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
     int m_succeeded = 0, m_directoriesDone = 0;
     int64_t m_errors = 0;
-    bool m_failed = false, m_anyFailed = false;
+    bool m_failed = false, m_anyFailed = false, m_treeSeen = false;
+    size_t m_asked = 0; // files and links
 };
 
 } // namespace tool

@@ -28,7 +28,7 @@ constexpr const char *kRemoveRecursion = "-r removes it with everything in it";
 struct RemoveOptions {
     engine::RemovalOptions removal;
     bool ask = false, stopOnError = false, verbose = false, quiet = false, json = false;
-    int jobs = 1; // more gain nothing where a tree is removed in a moment
+    int jobs = 0; // 0: the usual number
 };
 
 // As the engine takes it: a slash or a dot at the end of a path stays.
@@ -54,7 +54,9 @@ class Removal : private engine::RemovalObserver {
             whole.push_back(removal_path(given));
         }
         // Questions are answered one after the other.
-        const int jobs = m_options.ask || !m_options.removal.recursive ? 1 : m_options.jobs;
+        const int jobs = m_options.ask || !m_options.removal.recursive ? 1
+                         : m_options.jobs > 0                          ? m_options.jobs
+                                                                       : engine::usual_hands(whole, "");
         if (jobs > 1) {
             engine::SharedRemoval removal(m_options.removal, hands_of(jobs), *this);
             remove_all(whole, removal);

@@ -2,6 +2,8 @@
 
 #include "tools/vexofileop/terminal/status_note.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +23,25 @@ volatile std::sig_atomic_t stopSignal = 0;
 volatile std::sig_atomic_t lineDrawn = 0;
 std::atomic<int64_t> pausedNanoseconds = 0;
 static_assert(std::atomic<int64_t>::is_always_lock_free);
+
+// 0: nobody. Not to be allocated, since a signal handler reads it.
+std::array<std::atomic<pid_t>, 256> helpers = {};
+static_assert(std::atomic<pid_t>::is_always_lock_free);
+
+bool exchange_helper(pid_t old, pid_t other) {
+    return std::ranges::any_of(helpers, [=](std::atomic<pid_t> &helper) {
+        pid_t expected = old;
+        return helper.compare_exchange_strong(expected, other);
+    });
+}
+
+void signal_helpers(int number) {
+    for (const std::atomic<pid_t> &helper : helpers) {
+        if (const pid_t process = helper; process > 0) {
+            (void)::kill(process, number);
+        }
+    }
+}
 
 extern "C" void remember_signal(int number) {
     stopSignal = number;
@@ -58,9 +79,11 @@ extern "C" void pause_program(int number) {
     ::sigaddset(&this_one, number);
     const int64_t stopped = nanoseconds_now();
     ::sigaction(number, &usual, &ours);
+    signal_helpers(SIGSTOP);
     (void)::raise(number);
     ::sigprocmask(SIG_UNBLOCK, &this_one, &blocked); // here it stops
     ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    signal_helpers(SIGCONT);
     ::sigaction(number, &ours, nullptr);
     pausedNanoseconds += nanoseconds_now() - stopped;
     errno = before;
@@ -114,9 +137,26 @@ void watch_signals() {
     watch(SIGUSR1, tell_where);
 }
 
-void ignore_stop_signals() {
+void add_helper(pid_t process) {
+    (void)exchange_helper(0, process);
+    watch_pauses();
+}
+
+void remove_helper(pid_t process) {
+    (void)exchange_helper(process, 0);
+}
+
+void become_helper() {
+    for (std::atomic<pid_t> &helper : helpers) {
+        helper = 0;
+    }
     for (const int number : kStopSignals) {
         std::signal(number, SIG_IGN);
+    }
+    std::signal(SIGUSR1, SIG_IGN);
+    struct sigaction now {};
+    if (::sigaction(SIGTSTP, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) {
+        std::signal(SIGTSTP, SIG_DFL);
     }
 }
 

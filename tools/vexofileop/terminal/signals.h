@@ -1,6 +1,8 @@
 // Ctrl-C and its relatives: the first one asks the work to stop, the second ends the program.
 #pragma once
 
+#include <sys/types.h>
+
 namespace tool {
 
 // From now on the first SIGINT, SIGTERM and SIGHUP each set a flag; the second of a kind has its default effect. What
@@ -8,8 +10,8 @@ namespace tool {
 // when nobody reads the output any more. SIGUSR1 prints where the work is (status_note.h).
 void watch_signals();
 
-// From now on SIGTSTP (Ctrl-Z) takes what is_line_drawn() tells off the terminal before the program stops, unless it
-// was ignored. Without a call of this it just stops.
+// From now on SIGTSTP (Ctrl-Z) takes what is_line_drawn() tells off the terminal before the program stops, and stops
+// its helpers until it goes on, unless it was ignored. Without a call of this it just stops.
 void watch_pauses();
 
 // Whether a line without its end stands on the terminal, which a signal handler has to take away first. The handler
@@ -19,8 +21,12 @@ bool is_line_drawn();
 // How long the program has been stopped by SIGTSTP so far.
 double paused_seconds();
 
-// For a process that works for this one: a stop is for this one to understand.
-void ignore_stop_signals();
+// A process that works for this one: it stands still while this one does, whoever was told to. From the moment that it
+// is there until its end is asked for. Of more than a few hundred at a time some work on.
+void add_helper(pid_t process);
+void remove_helper(pid_t process);
+// In such a process: what is to end the work, or asks where it is, is for the one above to understand.
+void become_helper();
 
 // The signal that asked to stop; 0: none so far.
 int stop_signal();
