@@ -24,14 +24,24 @@ if(VEXOFILEOP_SANITIZE)
   target_compile_options(vexo_build INTERFACE -fsanitize=${VEXOFILEOP_SANITIZE} -fno-omit-frame-pointer
                                               -fno-sanitize-recover=all)
   target_link_options(vexo_build INTERFACE -fsanitize=${VEXOFILEOP_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND VEXOFILEOP_SANITIZE MATCHES "undefined")
+    # As a relative path where a compiler cache can make use of that.
+    set(ignorelist "${CMAKE_SOURCE_DIR}/cmake/sanitizer-ignorelist.txt")
+    if(CMAKE_GENERATOR MATCHES "Ninja")
+      set(ignorelist "${up_to_source}cmake/sanitizer-ignorelist.txt")
+    endif()
+    target_compile_options(vexo_build INTERFACE -fsanitize-ignorelist=${ignorelist})
+    target_compile_definitions(vexo_build INTERFACE _GLIBCXX_ASSERTIONS)
+  endif()
 endif()
 
 # The C++ of the libraries: C services load them, so they carry no C++ run-time library, no exceptions, no RTTI and
 # no constructors that run at load time.
 add_library(vexo_freestanding INTERFACE)
 target_link_libraries(vexo_freestanding INTERFACE vexo_build)
+# Nor do they look for misuse of the containers that they do not use: that look calls the C++ run-time library.
 target_compile_options(vexo_freestanding INTERFACE
-  -fvisibility=hidden
+  -fvisibility=hidden -U_GLIBCXX_ASSERTIONS
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
 
 # vexo_library_links(TARGET): link a shared library by the C driver, complete, needing only what it uses.

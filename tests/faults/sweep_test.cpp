@@ -5,6 +5,7 @@
 // Without VEXO_FULL in the environment each test takes a sample that is spread evenly over the points; with it all of
 // them. Totals are printed at the end of the program.
 #include "platform/core.h"
+#include "tests/faults/live_memory.h"
 #include "tests/faults/scene.h"
 #include "tests/faults/system_calls.h"
 #include "tests/kit/behaviour.h"
@@ -18,16 +19,13 @@
 #include <filesystem>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sstream>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <tuple>
-
-#ifdef FAULTS_SANITIZED
-extern "C" int __lsan_do_recoverable_leak_check(void);
-#endif
 
 namespace faults {
 namespace {
@@ -45,9 +43,17 @@ bool isFull() {
     return std::getenv("VEXO_FULL") != nullptr;
 }
 
+void watchMemory(bool on) {
+#ifdef FAULTS_SANITIZED
+    on ? LiveMemory::watch() : LiveMemory::stop();
+#else
+    (void)on;
+#endif
+}
+
 int hasLeaked() {
 #ifdef FAULTS_SANITIZED
-    return __lsan_do_recoverable_leak_check() != 0 ? 1 : 0;
+    return LiveMemory::hasLeaked() ? 1 : 0;
 #else
     return 0;
 #endif
@@ -281,10 +287,12 @@ class Sweep : public testing::TestWithParam<Operation> {
                 kit::Faults::fail("close", EIO, {}, closing - 1);
             }
             kit::Faults::failAllocation(allocation);
+            watchMemory(true);
             window.open();
             const int result = GetParam().run(scene);
             const uint32_t lastError = VLIBCErrGet();
             window.close();
+            watchMemory(false);
             m_report->allocationReached = allocation != 0 && !kit::Faults::allocationPending() ? 1 : 0;
             kit::Faults::failAllocation(0);
             m_report->closeReached = closing != 0 && kit::Faults::count("close") >= closing ? 1 : 0;
@@ -434,6 +442,9 @@ class XfsSweep : public FaultSweep {
     void SetUp() override {
         try {
             static const kit::Volume xfs = kit::Volume::loop("xfs", kXfsSize);
+            if (const char *const before = std::getenv("TMPDIR")) {
+                m_before = before;
+            }
             ::setenv("TMPDIR", xfs.path().c_str(), 1);
         } catch (const kit::Unavailable &missing) {
             GTEST_SKIP() << missing.reason;
@@ -443,7 +454,13 @@ class XfsSweep : public FaultSweep {
     void TearDown() override {
         FaultSweep::TearDown();
         ::unsetenv("TMPDIR");
+        if (m_before) {
+            ::setenv("TMPDIR", m_before->c_str(), 1);
+        }
     }
+
+  private:
+    std::optional<std::string> m_before;
 };
 
 class UserSweep : public FaultSweep {

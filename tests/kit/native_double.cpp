@@ -4,9 +4,10 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <functional>
+#include <set>
 #include <string_view>
 #include <unistd.h>
-#include <vector>
 
 namespace kit {
 namespace {
@@ -14,8 +15,11 @@ namespace {
 constexpr std::string_view kNamespace = "user.";
 constexpr std::string_view kShown = "com.apple.";
 
-std::vector<std::string> &volumes() {
-    static auto *instance = new std::vector<std::string>;
+// There may be hundreds of them, and each call on an attribute asks.
+using Directories = std::set<std::string, std::less<>>;
+
+Directories &volumes() {
+    static auto *instance = new Directories;
     return *instance;
 }
 
@@ -34,7 +38,7 @@ std::string throughDescriptor(const std::string &path) {
 } // namespace
 
 void NativeDouble::setVolume(const std::string &directory) {
-    volumes().push_back(directory);
+    volumes().insert(directory);
 }
 
 void NativeDouble::reset() {
@@ -46,9 +50,13 @@ bool hasNativeVolumes() {
 }
 
 bool hasNativeNames(const char *given) {
-    const std::string path = volumes().empty() ? given : throughDescriptor(given);
-    for (const std::string &directory : volumes()) {
-        if (path.starts_with(directory + "/")) {
+    if (volumes().empty()) {
+        return false;
+    }
+    const std::string path = throughDescriptor(given);
+    const std::string_view whole = path;
+    for (size_t slash = whole.find('/'); slash != whole.npos; slash = whole.find('/', slash + 1)) {
+        if (volumes().contains(whole.substr(0, slash))) {
             return true;
         }
     }

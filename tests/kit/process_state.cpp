@@ -12,6 +12,9 @@ namespace kit {
 ProcessState ProcessState::now() {
     ProcessState state{};
     for (const std::string &number : namesIn("/proc/self/fd")) {
+        if (std::stoi(number) >= kLeastUncountedDescriptor) {
+            continue;
+        }
         std::array<char, PATH_MAX> target{};
         const std::string link = "/proc/self/fd/" + number;
         if (::readlink(link.c_str(), target.data(), target.size() - 1) > 0) { // not the stream that listed them

@@ -231,6 +231,7 @@ TEST_F(CompareCommand, NamesThatTheVolumeChangedAreFoundAndTold) {
     kit::writeFile(other + "/x-y", "two");
     const Lines found = told({"--only", "name-changed,name-clash,extra"});
     EXPECT_EQ((Lines{"name-changed /what?", "name-clash /x:y"}), found) << compare().out;
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
 }
 
 TEST_F(CompareCommand, NamesAreLookedForAsTheVolumeDoes) {

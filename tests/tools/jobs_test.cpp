@@ -120,6 +120,7 @@ class RunningTool {
         : m_out(directory + "/out"), m_err(directory + "/err"), m_pid(::fork()) {
         if (m_pid == 0) {
             ::setpgid(0, 0);
+            std::signal(SIGINT, SIG_DFL); // whoever started the tests in the background of a script has it ignored
             const int out = ::open(m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             const int err = ::open(m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             ::dup2(out, STDOUT_FILENO);

@@ -300,6 +300,7 @@ TEST_F(PlanCommand, NamesThatTheVolumeChangesAreTold) {
         << result.out;
     EXPECT_TRUE(mentions(result.out, "(name-clash)")) << result.out;
     EXPECT_TRUE(mentions(result.out, "(symbolic-link)")) << result.out;
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
 }
 
 // More is said than a terminal takes that nobody reads: the plan is in the middle when the signal comes.

@@ -1,5 +1,7 @@
 #include "tests/tools/tool_process.h"
 
+#include "tests/tools/tool_server.h"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -45,6 +47,7 @@ class CommandLine {
     }
 
     const char *program() const { return m_program.c_str(); }
+    std::vector<std::string> words() const { return {m_pointers.begin(), m_pointers.end() - 1}; }
     char *const *pointers() const { return m_pointers.data(); }
 
     [[noreturn]] void execute() const {
@@ -152,8 +155,15 @@ pid_t spawnTool(const CommandLine &command, const ToolSetting &setting, const Pi
     return pid;
 }
 
+// By the server where there is one, which then has it as its child: 0.
 pid_t startTool(const CommandLine &command, const ToolSetting &setting, const Pipe &input, const Pipe &out,
                 const Pipe &err) {
+    if (setting.outputTo.empty() && startInToolServer({.user = setting.user,
+                                                       .directory = setting.directory,
+                                                       .arguments = command.words(),
+                                                       .descriptors = {input.end[0], out.end[1], err.end[1]}})) {
+        return 0;
+    }
     if (setting.user == 0) {
         return spawnTool(command, setting, input, out, err);
     }
@@ -181,7 +191,11 @@ ToolResult runTool(const Arguments &arguments, const ToolSetting &setting) {
     std::string outText, errText;
     drain(out.end[0], err.end[0], outText, errText);
     int status = 0;
-    ::waitpid(pid, &status, 0);
+    if (pid == 0) {
+        status = statusFromToolServer();
+    } else {
+        ::waitpid(pid, &status, 0);
+    }
     if (out.end[0] >= 0) {
         out.close(0);
     }

@@ -37,7 +37,7 @@ struct TreePart {
 };
 
 // How many bytes of names a part has at most, so that it is one message whatever the two paths are.
-constexpr size_t kMostOfPart = 16 * 1024;
+constexpr size_t kMostOfPart = size_t{16} * 1024;
 
 // Does parts, by whomever, and answers what came of them together: how many entries were left out is what is counted.
 class TreeSharer {

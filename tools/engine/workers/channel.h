@@ -15,7 +15,7 @@ namespace engine {
 class Channel {
   public:
     // Bytes of a message: less than any kernel takes at once.
-    static constexpr size_t kMostBytes = 64 * 1024;
+    static constexpr size_t kMostBytes = size_t{64} * 1024;
     static constexpr size_t kMostFiles = 4;
 
     struct Message {

@@ -16,7 +16,7 @@ namespace engine {
 // Records from one process to one other, in their order. Each side calls what is its own.
 class Ring {
   public:
-    static constexpr size_t kBytes = 256 * 1024;
+    static constexpr size_t kBytes = size_t{256} * 1024;
 
     // The writer: as much of `bytes` as there is room for, and takes that off their front.
     void put(std::string_view &bytes);
