@@ -181,7 +181,7 @@ class Copy(Case):
                                   clone="automatic")
         self.assertTrue(receipt.complete)
         self.raises(ValueError, vexofileop.copy, "original", "again", checksum=True)
-        self.raises(vexofileop.Error, vexofileop.copy, "original", "again", bytes_per_second=-1)
+        self.raises(ValueError, vexofileop.copy, "original", "again", bytes_per_second=-1)
         self.assertEqual(["copy", "original"], self.names())
 
 
