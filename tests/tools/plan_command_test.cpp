@@ -186,6 +186,24 @@ TEST_F(PlanCommand, EachEntryHasWhatBecomesOfIt) {
     EXPECT_EQ("fail", actions({"plan", "copy", one, into})[""]);
 }
 
+TEST_F(PlanCommand, FinishingIsPlannedAsItIsDone) {
+    ASSERT_EQ(0, runTool({"plan", "--shards", "1", "--out", into + "/lists", one}).status);
+    ASSERT_EQ(0, ::mkdir((into + "/copy").c_str(), 0755));
+    ASSERT_EQ(0, runTool({"copy", "--relative", "--from0", "--finish-later", "--files-from", into + "/lists/shard-1",
+                          one, into + "/copy"})
+                     .status);
+    const Arguments operands = {"--finish", into + "/lists/directories", one, into + "/copy"};
+    const auto run = [&](Arguments arguments) {
+        arguments.insert(arguments.end(), operands.begin(), operands.end());
+        return runTool(arguments);
+    };
+    const ToolResult planned = run({"plan", "copy", "-v"});
+    EXPECT_EQ(0, planned.status) << planned.err;
+    EXPECT_TRUE(mentions(planned.out, "merge: " + one + "/inner -> " + into + "/copy/inner")) << planned.out;
+    EXPECT_FALSE(mentions(planned.out, one + "/file")) << planned.out;
+    EXPECT_EQ(0, run({"copy", "--dry-run", "-v"}).status);
+}
+
 TEST_F(PlanCommand, ANameThatIsTakenGetsANumber) {
     kit::writeFile(into + "/file", "older");
     const ToolResult result = runTool({"plan", "copy", "-v", "--keep-both", one + "/file", one + "/inner/deep", into});
