@@ -142,6 +142,17 @@ TEST_F(PlanRefusals, ANameThatIsWrittenInPlaceIsNoLink) {
     EXPECT_FALSE(mentions(run.err, "of its own")) << run.err;
 }
 
+// The entries of a directory are compared also by who may not read what is kept for them.
+TEST_F(PlanRefusals, EntriesBesideAStoreThatCannotBeRead) {
+    ASSERT_EQ(0, ::mkdir((from + "/@eaDir").c_str(), 0700));
+    kit::writeFile(from + "/only here", "content", 0644);
+    kit::writeFile(to + "/file", "content", 0644);
+    const ToolResult compared = runTool({"compare", from, to}, {.user = kNobody});
+    EXPECT_EQ(2, compared.status);
+    EXPECT_TRUE(mentions(compared.out + compared.err, "\"@eaDir\" cannot be opened")) << compared.out << compared.err;
+    EXPECT_TRUE(mentions(compared.out, "only here")) << compared.out;
+}
+
 // What a file that is written into has of its own stays, and is told.
 TEST_F(PlanRefusals, AttributesOfAFileThatIsWrittenInPlace) {
     kit::writeFile(to + "/file", "older");

@@ -327,8 +327,14 @@ class TreeComparison {
         }
         try {
             End one(parent, name, path), other(otherParent, otherName, otherPath);
-            Listing listing = list_directory(one.fd(), one.facts.store);
-            Listing there = list_directory(other.fd(), other.facts.store);
+            std::string unread, unreadThere;
+            Listing listing = list_directory(one.fd(), one.facts.store, &unread);
+            Listing there = list_directory(other.fd(), other.facts.store, &unreadThere);
+            for (const std::string &why : {unread, unreadThere}) { // the entries are compared all the same
+                if (!why.empty()) {
+                    lose(path, otherPath, LossClass::unreadable, why);
+                }
+            }
             PairedNames paired = pair_names(one, listing, other, there);
             NameMatch names(other.fd(), other.facts.type, there, listing, paired.wanted());
             level = std::make_unique<Level>(Level{std::move(one), std::move(other), std::move(listing),

@@ -32,10 +32,18 @@ Names names_of(int directory) {
 
 class Lister {
   public:
-    Lister(int directory, StoreKind kind) : m_directory(directory), m_kind(kind), m_names(names_of(directory)) {}
+    Lister(int directory, StoreKind kind, std::string *unread)
+        : m_directory(directory), m_kind(kind), m_names(names_of(directory)), m_unread(unread) {}
 
     Listing run() {
-        open_store();
+        try {
+            open_store();
+        } catch (const Failure &failure) {
+            if (m_unread == nullptr) {
+                throw;
+            }
+            *m_unread = failure.what();
+        }
         for (const auto &[name, type] : m_names) {
             if (name == kStore && m_listing.store != nullptr) {
                 continue;
@@ -107,6 +115,7 @@ class Lister {
     int m_directory;
     StoreKind m_kind;
     Names m_names, m_stored;
+    std::string *m_unread;
     Listing m_listing;
 };
 
@@ -122,8 +131,8 @@ std::string part_text(const Listing::Part &part) {
     return part.inStore ? std::string(kStore) + "/" + part.name : part.name;
 }
 
-Listing list_directory(int directory, StoreKind kind) {
-    return Lister(directory, kind).run();
+Listing list_directory(int directory, StoreKind kind, std::string *unread) {
+    return Lister(directory, kind, unread).run();
 }
 
 } // namespace engine

@@ -35,7 +35,8 @@ std::string companion_name(int directory, const std::string &name, const char *s
 
 std::string part_text(const Listing::Part &part); // "@eaDir/name"
 
-// Of an open directory on a volume that keeps stores so. Throws Failure.
-Listing list_directory(int directory, StoreKind kind);
+// Of an open directory on a volume that keeps stores so. Throws Failure. `unread`: an "@eaDir" that cannot be read is
+// no failure but told there, and what lies in it is in no list.
+Listing list_directory(int directory, StoreKind kind, std::string *unread = nullptr);
 
 } // namespace engine
