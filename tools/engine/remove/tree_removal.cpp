@@ -14,6 +14,7 @@
 #include "tools/engine/workers/record.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <dirent.h>
@@ -51,6 +52,29 @@ bool is_directory(const Entry &entry) {
 
 mode_t mode_of(const Entry &entry) {
     return static_cast<mode_t>(DTTOIF(entry.type));
+}
+
+// The entries of a directory that was just opened for reading, which is at its end then. Fewer calls than entries_in()
+// takes, which leaves the time of the last access alone: of what goes nobody will see that.
+std::optional<std::vector<Entry>> entries_from(int directory) {
+    constexpr size_t room = 32 * 1024;
+    alignas(dirent64) std::array<char, room> listed;
+    std::vector<Entry> entries;
+    ssize_t got = 0;
+    while ((got = ::getdents64(directory, listed.data(), listed.size())) > 0) {
+        for (size_t at = 0; at < static_cast<size_t>(got);) {
+            const auto *const entry = reinterpret_cast<const dirent64 *>(listed.data() + at);
+            const std::string_view name = entry->d_name;
+            at += entry->d_reclen;
+            if (entry->d_type == DT_UNKNOWN) { // a volume that does not tell it along with the name
+                return entries_in(directory);
+            }
+            if (name != "." && name != "..") {
+                entries.push_back({std::string(name), entry->d_type});
+            }
+        }
+    }
+    return got == 0 ? std::optional(std::move(entries)) : std::nullopt;
 }
 
 // An "@eaDir" in which nothing is left but a cover goes.
@@ -360,7 +384,7 @@ void TreeRemoval::enter(const Entry &entry) {
     if (m_options.recursive && !confirmed(S_IFDIR, RemovalQuestion::into_directory)) {
         return;
     }
-    auto entries = entries_in(directory.get());
+    auto entries = m_options.rehearsal ? entries_in(directory.get()) : entries_from(directory.get());
     if (!entries && errno == ENOENT) {
         return; // removed by somebody else
     }
