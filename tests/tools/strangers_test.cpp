@@ -65,15 +65,15 @@ class Strangers {
     // In a process of its own, until it is killed.
     pid_t exchange_all_the_time(Exchange what) const {
         const pid_t child = ::fork();
-        if (child == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (child != 0) {
+            return child;
         }
-        for (unsigned turn = 0; child == 0; ++turn) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (unsigned turn = 0;; ++turn) {
             for (const std::string &volume : m_volumes) {
                 exchange(volume, what, turn);
             }
         }
-        return child;
     }
 
     // Of what must not be touched, and of what must not be anywhere else.
