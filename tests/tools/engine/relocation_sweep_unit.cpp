@@ -154,12 +154,13 @@ TEST_P(RelocationSweep, WhicheverCallFailsNothingIsLostAndTheSecondRunFinishes) 
     std::cout << runs << " of " << plans.size() << " points\n";
 }
 
-// Whatever is said once not to be there, and is: nothing is left of it under success.
+// Whatever of the source is said once not to be there, and is: nothing is left of it under success. Not so of the
+// destination itself, where the volume may say so of the copy that was just put in place.
 TEST_P(RelocationSweep, WhatIsSaidOnceNotToBeThereIsNotLeftBehind) {
     const std::vector<faults::SystemCall> calls = supervised(scene(), {}).calls;
     std::vector<size_t> points;
     for (size_t at = 0; at < calls.size(); ++at) {
-        if (std::ranges::count(faults::plausibleErrors(calls[at]), ENOENT) > 0) {
+        if (calls[at].path != "to" && std::ranges::count(faults::plausibleErrors(calls[at]), ENOENT) > 0) {
             points.push_back(at);
         }
     }
