@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
@@ -138,6 +139,46 @@ TEST_F(ArchiveBackup, FullOneTakesEverythingAndTheNextOneWhatWasChangedSince) {
     EXPECT_EQ("# 0 entries, 0 bytes, 0 failed\n", lastList());
     // Clearing a bit has touched no time that a copy looks at.
     EXPECT_TRUE(mentions(runTool({"copy", "-ruv", tree + "/in", copy}).out, "two (the same already)"));
+}
+
+// A name of the destination that was mistyped.
+TEST_F(ArchiveBackup, WithNothingToAddToItSaysSo) {
+    ASSERT_EQ(0, backUp({"--full"}).status);
+    EXPECT_EQ(1, runTool({"plan", "backup", tree, copy + "s"}).status);
+    const ToolResult mistyped = runTool({"backup", "run", "-q", tree, copy + "s"});
+    EXPECT_EQ(1, mistyped.status);
+    EXPECT_TRUE(mentions(mistyped.err, "copys: there is no backup yet, and nothing has the archive bit; --full"))
+        << mistyped.err;
+    putChanged(tree + "/one", "one");
+    const ToolResult some = runTool({"backup", "run", tree, copy + "t"});
+    EXPECT_EQ(0, some.status) << some.err;
+    EXPECT_TRUE(mentions(some.err, "copyt: there was no backup, and only what has the archive bit came")) << some.err;
+    putChanged(tree + "/one", "one more");
+    EXPECT_EQ("", backUp().err);
+}
+
+// The way out that is told.
+TEST_F(ArchiveBackup, FileThatBecameADirectoryComesOnceTheOldOneIsMoved) {
+    ASSERT_EQ(0, backUp({"--full"}).status);
+    ASSERT_EQ(0, ::unlink((tree + "/one").c_str()));
+    makeDirectory(tree + "/one");
+    putChanged(tree + "/one/inner", "inner");
+    std::filesystem::remove_all(tree + "/in");
+    putChanged(tree + "/in", "a file");
+    for (const std::string name : {"/in", "/one"}) { // the first in the way is named
+        const ToolResult result = backUp();
+        EXPECT_NE(0, result.status);
+        EXPECT_TRUE(mentions(result.err, copy + name + " is kept, and in the way of what has its name now: move it"))
+            << result.err;
+        ASSERT_EQ(0, runTool({"move", copy + name, copy + name + ".old"}).status);
+    }
+    const ToolResult result = backUp();
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("a file", kit::readFile(copy + "/in"));
+    EXPECT_EQ("inner", kit::readFile(copy + "/one/inner"));
+    EXPECT_EQ("one", kit::readFile(copy + "/one.old"));
+    EXPECT_EQ("two", kit::readFile(copy + "/in.old/two"));
+    EXPECT_FALSE(hasBit(tree + "/in") || hasBit(tree + "/one/inner"));
 }
 
 // What is deleted stays in the backup, and so does its directory.

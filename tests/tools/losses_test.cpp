@@ -124,6 +124,51 @@ TEST_F(Losses, AttributeThatIsTooLargeForTheOtherVolume) {
     EXPECT_TRUE(mentions(copied.err, "(attribute)\n")) << copied.err;
 }
 
+// A store is a file that others may write to; as attributes of the copy its names would be in force.
+TEST_F(Losses, WhatAStoreHoldsGivesItsCopyNoRights) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
+    const std::string capability("\1\0\0\2\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20); // to be anybody
+    const std::string acl("\2\0\0\0\1\0\6\0\xff\xff\xff\xff\4\0\6\0\xff\xff\xff\xff\x20\0\6\0\xff\xff\xff\xff", 28);
+    const std::vector<std::string> names = {"security.capability", "system.posix_acl_access", "trusted.mark"};
+    const stream::Attributes all = {{names[0], capability}, {names[1], acl}, {names[2], "x"}, {"user.b", "b"}};
+    ASSERT_EQ(0, ::mkdir((tree + "/@eaDir").c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((tree + "/dir").c_str(), 0755));
+    for (const char *const name : {"file", "dir"}) {
+        kit::writeFile(tree + "/@eaDir/" + name + "@VexoEAStream", stream::bytes(all));
+    }
+    for (const std::string from : {"1", "2", "5"}) {
+        if (from == "5") {
+            ASSERT_EQ(0, ::rename((tree + "/@eaDir/file@VexoEAStream").c_str(), (tree + "/._file").c_str()));
+            ASSERT_EQ(0, ::rename((tree + "/@eaDir/dir@VexoEAStream").c_str(), (tree + "/._dir").c_str()));
+        }
+        const std::string types = tree + "=" + from + ":" + volume.path() + "=7", to = volume / from;
+        ::setenv("VEXOFILEOP_FSTYPES", types.c_str(), 1); // NOLINT(concurrency-mt-unsafe): one thread
+        const ToolResult planned = runTool({"plan", "copy", "-rv", tree, to});
+        const ToolResult copied = runTool({"copy", "-rv", tree, to}), compared = runTool({"compare", tree, to});
+        for (const std::string &name : names) {
+            const size_t size = name == names[0] ? 20 : name == names[1] ? 28 : 1;
+            const std::string told =
+                "attribute " + name + ": only at the first, " + std::to_string(size) + " bytes (system-attribute)\n";
+            for (const std::string &text : {planned.out, copied.out, compared.out}) {
+                EXPECT_TRUE(mentions(text, "file: " + told)) << from << text;
+                EXPECT_TRUE(mentions(text, "dir: " + told)) << from << text;
+            }
+            for (const char *const entry : {"/file", "/dir"}) {
+                EXPECT_EQ("", kit::attribute(to + entry, name.c_str())) << from << entry << name;
+            }
+        }
+        EXPECT_EQ("b", kit::attribute(to + "/file", "user.b")) << from;
+        EXPECT_EQ("b", kit::attribute(to + "/dir", "user.b")) << from;
+        EXPECT_EQ(1, planned.status);
+        EXPECT_EQ(1, copied.status);
+        EXPECT_EQ(1, compared.status);
+        kit::writeFile(volume / "one", "");
+        EXPECT_NE(0, runTool({"ea", "copy", file, volume / "one"}).status);
+        EXPECT_EQ("", kit::attribute(volume / "one", "security.capability")) << from;
+        EXPECT_EQ("b", kit::attribute(volume / "one", "user.b")) << from;
+    }
+}
+
 // What is kept without an "@eaDir" may get one, beside the copy only.
 TEST_F(Losses, StoresThatGetADirectoryOnTheWayAreKept) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));

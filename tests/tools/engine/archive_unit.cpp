@@ -37,13 +37,14 @@ TEST(ArrivalLists, OfOneSecondStandBesideEachOther) {
         return list.put_in_place(0);
     };
     const std::string second = listed("one");
-    EXPECT_EQ(scratch / "copy.2026-11-22T14-03-07Z.2.list", second);
+    EXPECT_EQ(scratch / "copy.2026-11-22T14-03-07Z002.list", second);
+    EXPECT_LT(first, second);
     EXPECT_FALSE(kit::exists(scratch / "elsewhere")) << "no link is followed";
     EXPECT_EQ("# backup of " + scratch / "tree" + " to " + scratch / "copy" +
                   ", 2026-11-22T14:03:07Z, full\ncopied\t3\tone\n# 1 entry, 3 bytes, 0 failed\n",
               kit::readFile(second));
     ArrivalList third(scratch / "tree", scratch / "copy", 1795356187, "full");
-    EXPECT_EQ(scratch / "copy.2026-11-22T14-03-07Z.3.list", third.put_in_place(2));
+    EXPECT_EQ(scratch / "copy.2026-11-22T14-03-07Z003.list", third.put_in_place(2));
 }
 
 TEST(ArrivalLists, AreGoneWithoutATraceWhereTheyAreNotPutInPlace) {

@@ -67,8 +67,8 @@ struct Place {
     }
     bool isOutsideWhole() const {
         return kit::namesIn(outside) == std::vector<std::string>{"a", "b"} &&
-               kit::readFile(outside + "/a") == "outside" && kit::readFile(outside + "/b") == "outside" &&
-               kit::statOf(outside + "/a").st_uid == ::geteuid() &&
+               kit::attribute(outside, "user.DOSATTRIB").empty() && kit::readFile(outside + "/a") == "outside" &&
+               kit::readFile(outside + "/b") == "outside" && kit::statOf(outside + "/a").st_uid == ::geteuid() &&
                (kit::statOf(outside + "/a").st_mode & 07777) == 0644;
     }
     const std::string source, outside;

@@ -434,9 +434,13 @@ TEST_F(StoreConvert, FullVolumeAndReadOnlyOneLeaveTheOldForm) {
     kit::writeFile(volume / "@eaDir/file@VexoEAStream", stream::bytes({{"user.a", kit::pattern(150'000)}}));
     kit::writeFile(volume / "@eaDir/file@VexoResource", store_scene::resource_bytes("fork"));
     const auto before = kit::Fingerprint::of(volume.path());
-    const auto convert = [&](StoreKind to = StoreKind::apple_double) {
-        Converted told;
+    const auto convert = [&](StoreKind to = StoreKind::apple_double) { // as it is foreseen
+        Converted told, foreseen;
+        engine::convert_stores(engine::HeldEntry(volume.path()), {.to = to, .dryRun = true}, foreseen, foreseen.totals);
         engine::convert_stores(engine::HeldEntry(volume.path()), {.to = to}, told, told.totals);
+        EXPECT_EQ(told.left(), foreseen.left()) << foreseen.reasons();
+        const auto cause = [](const std::string &reasons) { return reasons.substr(reasons.rfind(": ") + 1); };
+        EXPECT_EQ(cause(told.reasons()), cause(foreseen.reasons()));
         return told;
     };
     Converted told = convert();

@@ -17,7 +17,7 @@ namespace engine {
 namespace {
 
 constexpr size_t kHeldText = 1 << 16; // bytes of text in memory
-constexpr int kMostOfASecond = 1000;
+constexpr int kMostOfASecond = 999;
 
 // In UTC. FAT takes no colon in a name.
 std::string time_text(std::time_t now, char between) {
@@ -27,8 +27,9 @@ std::string time_text(std::time_t now, char between) {
                        parts.tm_hour, between, parts.tm_min, between, parts.tm_sec);
 }
 
+// In the order of their numbers, and behind the first, also by their names.
 std::string list_name(const std::string &base, int number) {
-    return number == 1 ? base + ".list" : fmt::format("{}.{}.list", base, number);
+    return number == 1 ? base + ".list" : fmt::format("{}{:03}.list", base, number);
 }
 
 } // namespace

@@ -31,8 +31,8 @@ class ArrivalList {
 
     // Throws Failure.
     void add(std::string_view what, int64_t bytes, const std::string &path);
-    // Writes it out and gives it its name, "DESTINATION.2026-11-22T14-03-07Z.list", or ".2.list" and so on where one of
-    // the same second stands. Answers its path. Throws Failure.
+    // Writes it out and gives it its name, "DESTINATION.2026-11-22T14-03-07Z.list", or "…Z002.list" and so on where one
+    // of the same second stands. Answers its path. Throws Failure.
     std::string put_in_place(int64_t failed);
 
     const HeldDirectory &directory() const { return m_directory; }

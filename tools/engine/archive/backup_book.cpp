@@ -93,6 +93,7 @@ void BackupBook::add(EntryKind kind, const std::string &source, const Outcome &o
         const int64_t bytes = outcome.proven ? outcome.proven->st_size : outcome.bytes;
         m_list.add(outcome.same ? "same" : outcome.linked ? "linked" : "copied", bytes, path);
     }
+    m_files += file ? 1 : 0;
     if ((directory || file) && !m_terms.keepBits) {
         Arrival arrival{.source = path,
                         .destination = path_below(outcome.destination, m_terms.destination),

@@ -50,6 +50,7 @@ class BackupBook {
     const std::string &listed() const { return m_listed; } // where it is
     // Of what is in the list. Throws Failure where that cannot be read back.
     void clear_bits(BitObserver &observer) const;
+    int64_t files() const { return m_files; } // that are in the backup, whether or not they were before
 
   private:
     void add(EntryKind kind, const std::string &source, const Outcome &outcome);
@@ -60,7 +61,7 @@ class BackupBook {
     std::string m_unlisted = {}; // why there is no list
     std::string m_listed = {};
     bool m_written = true; // all of it is on the disk
-    int64_t m_failures = 0;
+    int64_t m_files = 0, m_failures = 0;
 };
 
 } // namespace engine

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <compare>
 #include <fmt/format.h>
+#include <iterator>
 #include <string_view>
 #include <sys/stat.h>
 
@@ -55,27 +56,7 @@ struct Items {
 };
 
 LossClass class_of(const Item &item) {
-    struct Row {
-        std::string_view prefix;
-        LossClass cls;
-    };
-    constexpr Row kOwn[] = {
-        {"security.NTACL", LossClass::acl_windows},       {"system.cifs_acl", LossClass::acl_windows},
-        {"system.cifs_ntsd", LossClass::acl_windows},     {"system.ntfs_acl", LossClass::acl_windows},
-        {"system.ntfs_security", LossClass::acl_windows}, {"osx.", LossClass::mac_attributes},
-        {"security.", LossClass::system_attribute},       {"trusted.", LossClass::system_attribute},
-        {"system.", LossClass::system_attribute},
-    };
-    constexpr std::string_view kStreamPrefix = "user.DosStream.";
-    if (item.stored == nullptr) {
-        for (const Row &row : kOwn) {
-            if (item.name.starts_with(row.prefix)) {
-                return row.cls;
-            }
-        }
-    }
-    return item.name.starts_with("user.") && !item.name.starts_with(kStreamPrefix) ? LossClass::attribute
-                                                                                   : LossClass::stream;
+    return class_of_attribute(item.name, item.stored == nullptr);
 }
 
 class AttributeComparison {
@@ -98,17 +79,20 @@ class AttributeComparison {
     }
 
   private:
-    static const char *word(const Item &item) { return class_of(item) == LossClass::stream ? "stream" : "attribute"; }
+    // What a store holds would be in force as an attribute of a file.
+    LossClass class_in(const Item &item) const { return class_of_attribute(item.name, !item.stored || is_native()); }
+    const char *word(const Item &item) const { return class_in(item) == LossClass::stream ? "stream" : "attribute"; }
+    bool is_native() const {
+        return m_first.entry.volume().store == StoreKind::native || m_second.entry.volume().store == StoreKind::native;
+    }
     void unreadable(const Item &item, const Failure &failure) {
         m_findings.add(LossClass::unreadable,
                        fmt::format("{} {}: {}", word(item), displayed(item.name), failure.what()));
     }
     // A system attribute in a store is not in force, and is none of a file's.
     bool may_be_elsewhere(const Item &item) const {
-        const bool native =
-            m_first.entry.volume().store == StoreKind::native || m_second.entry.volume().store == StoreKind::native;
         return class_of(item) == LossClass::attribute || class_of(item) == LossClass::stream ||
-               (native && item.stored != nullptr);
+               (is_native() && item.stored != nullptr);
     }
     void only_first(const Item &item) {
         if (m_findings.options.rest && item.name == kMetadataName) {
@@ -121,7 +105,7 @@ class AttributeComparison {
         }
         try {
             if (const auto size = size_of(m_first.entry, item); size && !is_unlisted(m_second.entry, item)) {
-                m_findings.add(class_of(item), fmt::format("{} {}: only at the first, {} bytes", word(item),
+                m_findings.add(class_in(item), fmt::format("{} {}: only at the first, {} bytes", word(item),
                                                            displayed(item.name), *size));
             }
         } catch (const Failure &failure) {
@@ -135,7 +119,7 @@ class AttributeComparison {
         }
         try {
             if (size_of(m_second.entry, item) && !is_unlisted(m_first.entry, item)) {
-                m_findings.add(class_of(item),
+                m_findings.add(class_in(item),
                                fmt::format("{} {}: only at the second", word(item), displayed(item.name)));
             }
         } catch (const Failure &failure) {
@@ -156,7 +140,7 @@ class AttributeComparison {
         }
         if (const auto first = asked(m_first.entry), second = asked(m_second.entry);
             first && second && first != second) {
-            m_findings.add(class_of(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
+            m_findings.add(class_in(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
                                                        displayed(item.name), first->size(), second->size()));
         }
         return true;
@@ -200,10 +184,10 @@ class AttributeComparison {
     // Nothing: it is gone again.
     void tell(const Item &item, std::optional<uint64_t> one, std::optional<uint64_t> other, bool same) {
         if (one.has_value() != other.has_value()) {
-            m_findings.add(class_of(item), fmt::format("{} {}: only at the {}", word(item), displayed(item.name),
+            m_findings.add(class_in(item), fmt::format("{} {}: only at the {}", word(item), displayed(item.name),
                                                        one ? "first" : "second"));
         } else if (!same) {
-            m_findings.add(class_of(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
+            m_findings.add(class_in(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
                                                        displayed(item.name), *one, *other));
         }
     }
@@ -268,6 +252,26 @@ void compare_lock(EntryView &one, EntryView &other, Findings &findings) {
 }
 
 } // namespace
+
+LossClass class_of_attribute(std::string_view name, bool inForce) {
+    struct Row {
+        std::string_view prefix;
+        LossClass cls;
+    };
+    constexpr Row kOwn[] = {
+        {"security.NTACL", LossClass::acl_windows},       {"system.cifs_acl", LossClass::acl_windows},
+        {"system.cifs_ntsd", LossClass::acl_windows},     {"system.ntfs_acl", LossClass::acl_windows},
+        {"system.ntfs_security", LossClass::acl_windows}, {"osx.", LossClass::mac_attributes},
+        {"security.", LossClass::system_attribute},       {"trusted.", LossClass::system_attribute},
+        {"system.", LossClass::system_attribute},
+    };
+    constexpr std::string_view kStreamPrefix = "user.DosStream.";
+    const auto *const row = std::ranges::find_if(kOwn, [&](const Row &one) { return name.starts_with(one.prefix); });
+    if (inForce && row != std::end(kOwn)) {
+        return row->cls;
+    }
+    return name.starts_with("user.") && !name.starts_with(kStreamPrefix) ? LossClass::attribute : LossClass::stream;
+}
 
 void compare_locks(EntryView &one, EntryView &other, Findings &findings) {
     if (S_ISREG(one.type()) || S_ISDIR(one.type())) {

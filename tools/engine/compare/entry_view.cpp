@@ -67,6 +67,11 @@ bool is_representation(std::string_view name) {
            std::ranges::any_of(kOfTheVolume, [&](std::string_view prefix) { return name.starts_with(prefix); });
 }
 
+bool may_be_native(std::string_view name) {
+    return !is_representation(name) && !is_of_the_system(name) && name != kMetadataName && name != kFinderInfoName &&
+           name != kResourceForkName;
+}
+
 EntryView::EntryView(const Side &side) : m_side(side) {
     constexpr uint32_t fields = VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES | VLIBC_STAT_CREATE_TIME;
     if (side.name.empty() || side.name == ".." || side.name.find('/') != std::string::npos) {

@@ -18,6 +18,14 @@ namespace engine {
 // own.
 bool is_representation(std::string_view name);
 
+// Whether one that a store holds may become an attribute of the file. In a store everybody may write what he likes, and
+// it is not in force: on the file it would give rights, say what only the system says of it, or be something else of
+// the store.
+bool may_be_native(std::string_view name);
+
+// The largest value that one which a store holds has as an attribute of the file.
+constexpr uint64_t kLargestNative = 65536;
+
 class EntryView {
   public:
     // The first look: status, DOS attributes, creation time. Throws Failure; for an entry that is not there errno is

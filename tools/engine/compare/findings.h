@@ -7,6 +7,7 @@
 #include "tools/engine/report/failure.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace engine {
@@ -27,6 +28,9 @@ struct Findings {
     }
     bool stopped() const { return options.stopped && options.stopped(); }
 };
+
+// As what an attribute is lost. `inForce`: it is one of the file itself; in a store a name means nothing to the system.
+LossClass class_of_attribute(std::string_view name, bool inForce);
 
 // The parts. `one` and `other` are of one type; those that say so are pinned.
 void compare_owners(const EntryView &one, const EntryView &other, Findings &findings);

@@ -199,7 +199,7 @@ class Walk : private RemovalObserver {
             return;
         }
         try {
-            m_removedHere = drop_dead_names(level.to.fd(), level.to.type(), false) || m_removedHere;
+            m_removedHere = drop_dead_names(level.to.fd(), level.to.type(), m_options.sync) || m_removedHere;
         } catch (const Failure &failure) {
             const Problem problem{failure.what()};
             m_observer.entry(joined(level.to.path(), kNameList), S_IFREG, Status::failed, &problem);

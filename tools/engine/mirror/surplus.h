@@ -35,6 +35,7 @@ struct SurplusOptions {
     bool rehearsal = false;  // nothing is removed: told is what would be
     // Names go by the lists beside the entries, which stay, and lose what names nothing any more.
     bool reversibleNames = false;
+    bool sync = false; // those lists are on the disk before they take the place of the old ones
     BackupOptions backup = {};
 };
 

@@ -1,6 +1,7 @@
 #include "tools/engine/plan/guess.h"
 
 #include "tools/engine/compare/entry_view.h"
+#include "tools/engine/compare/findings.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_contents.h"
@@ -29,6 +30,8 @@ class Guess {
             guess_status(entry);
             if (!m_stores) {
                 guess_store(entry.contents());
+            } else if (m_volume.store == StoreKind::native && m_source.volume.store != StoreKind::native) {
+                guess_left_behind(entry.contents());
             }
         } catch (const Failure &failure) {
             lose(LossClass::unreadable, failure.what());
@@ -114,6 +117,16 @@ class Guess {
         }
         if (contents.fork_size() > 0) {
             lose(LossClass::resource_fork, fmt::format("resource fork differs: {} and 0 bytes", contents.fork_size()));
+        }
+    }
+    void guess_left_behind(const StoreContents &contents) {
+        for (const StoreContents::Attribute &attribute : contents.attributes()) {
+            if (attribute.size > kLargestNative || !may_be_native(attribute.name)) {
+                const LossClass cls = class_of_attribute(attribute.name, true);
+                lose(cls, fmt::format("{} {}: only at the first, {} bytes",
+                                      cls == LossClass::stream ? "stream" : "attribute", displayed(attribute.name),
+                                      attribute.size));
+            }
         }
     }
 

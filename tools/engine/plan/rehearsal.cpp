@@ -13,6 +13,7 @@
 #include "tools/engine/transfer/belongings.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/name_refusal.h"
+#include "tools/engine/transfer/native_carry.h"
 #include "tools/engine/transfer/special_file.h"
 #include "tools/engine/walk/letter_case.h"
 #include "tools/engine/walk/private_name.h"
@@ -327,20 +328,23 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
         bare.volume.store = StoreKind::none;
     }
     const bool stores = !plain && takes_stores(source);
-    if (!plain) {
+    const bool native = stores && goes_to_attributes(source, copy);
+    struct stat made {};
+    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
+    if (native) { // some of what it holds stays behind, and the volume says which
+        carry_to_attributes(source, copy);
+    } else if (!plain) {
         lock_as(source, merged != nullptr);
     }
-    for (Loss &loss : complete_copy(stores ? bare : source, copy, {.kept = false})) {
-        const bool carried = stores && is_of_store(loss.cls);
+    for (Loss &loss : complete_copy(stores && !native ? bare : source, copy, {.kept = false})) {
+        const bool carried = stores && !native && is_of_store(loss.cls);
         if (loss.cls != LossClass::data && loss.cls != LossClass::not_carried && !carried) {
             losses.push_back(std::move(loss));
         }
     }
-    if (stores) {
+    if (stores && !native) {
         add_lock(source, copy, losses);
     }
-    struct stat made {};
-    m_taken = ::fstatat(m_place->fd(), kEntry, &made, AT_SYMLINK_NOFOLLOW) == 0 ? made.st_blocks * kStatBlock : 0;
     (void)remove_left_over(m_place->fd(), kEntry);
     return losses;
 }

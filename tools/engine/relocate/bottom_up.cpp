@@ -49,7 +49,8 @@ class Removing {
     // False: it stays. Of a directory that was entered that turns out when it is left.
     bool visit(int parent, const std::string &name) {
         struct stat found {};
-        if (::fstatat(parent, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+        const auto look = [&] { return ::fstatat(parent, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0; };
+        if (!look() && (errno != ENOENT || !look())) { // that it is not there is believed when it is told twice
             return errno == ENOENT || stays(problem_of_errno(errno));
         }
         if (!S_ISDIR(found.st_mode)) {

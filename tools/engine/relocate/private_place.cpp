@@ -122,7 +122,8 @@ bool PrivatePlace::leave() {
     if (::unlinkat(directory(), kLock, 0) != 0 && errno != ENOENT) {
         return false;
     }
-    return ::unlinkat(parent(), m_name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT;
+    const auto remove = [this] { return ::unlinkat(parent(), m_name.c_str(), AT_REMOVEDIR) == 0; };
+    return remove() || (errno == ENOENT && (remove() || errno == ENOENT)); // which is believed when it is told twice
 }
 
 void PrivatePlace::sync() const {

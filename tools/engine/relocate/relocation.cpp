@@ -13,6 +13,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/kept_transfer.h"
@@ -373,9 +374,9 @@ void Relocating::carry_top_store(const struct stat &found) {
     }, now{};
     const bool known = ::fstat(top.get(), &before) == 0;
     if (store_kind(type) != StoreKind::native) {
-        (void)VEXOEARemove(to.c_str(), type);
+        (void)remove_beside(to, type);
         (void)carry_beside({m_tree.parent, m_tree.name, volume_facts(m_tree.parent, m_tree.type)},
-                           {m_place.parent(), m_place.base(), volume_facts(m_place.parent(), type)});
+                           {m_place.parent(), m_place.base(), volume_facts(m_place.parent(), type)}, true);
     }
     // Where stores are "._" files the library lets everybody write to what it carries one for.
     if (known && ::fstat(top.get(), &now) == 0 && (now.st_mode & ~before.st_mode) != 0) {
@@ -428,7 +429,7 @@ bool Relocating::remove_top_store() {
     if (m_sourceParent.get() < 0 || exists(path)) {
         return true; // somebody else's by now
     }
-    (void)VEXOEARemove(path.c_str(), m_tree.type);
+    (void)remove_beside(path, m_tree.type);
     if (!store_parts(path, m_tree.type).any()) {
         return true;
     }

@@ -19,6 +19,21 @@ Problem problem_of_removal(int number) {
                                                    : problem_of_errno(number);
 }
 
+// A file system may say once of what is there that it is not; whoever believes that leaves it behind, and says it is
+// gone.
+bool is_gone(int directory, const std::string &name) {
+    struct stat found {};
+    return ::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+}
+
+// Whether an entry that could not be removed, by errno, is no longer there.
+bool removed_by_others(int directory, const std::string &name) {
+    const int number = errno;
+    const bool gone = number == ENOENT && is_gone(directory, name);
+    errno = number;
+    return gone;
+}
+
 } // namespace
 
 bool SourceRemoval::run(const TreeTop &tree) {
@@ -44,7 +59,7 @@ SourceRemoval::Entered SourceRemoval::enter(int parent, const std::string &name,
                                             const std::string &there) {
     Descriptor directory = open_directory(parent, name);
     if (directory.get() < 0) {
-        return errno == ENOENT ? Entered::gone : stay(problem_of_errno(errno));
+        return removed_by_others(parent, name) ? Entered::gone : stay(problem_of_errno(errno));
     }
     const auto proven = m_proof.holds(directory.get());
     if (!proven) {
@@ -74,7 +89,7 @@ SourceRemoval::Entered SourceRemoval::enter(int parent, const std::string &name,
 }
 
 bool SourceRemoval::finish(int parent, const std::string &name, const std::string &path) {
-    if (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
+    if (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0 && !removed_by_others(parent, name)) {
         return left(path, problem_of_removal(errno));
     }
     ++m_removed;
@@ -186,13 +201,13 @@ bool SourceRemoval::remove_plain(int parent, const std::string &name, const std:
 bool SourceRemoval::unlink(int parent, const std::string &name, const std::string &path) {
     const Descriptor entry(::openat(parent, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (entry.get() < 0) {
-        return errno == ENOENT || left(path, problem_of_errno(errno));
+        return removed_by_others(parent, name) || left(path, problem_of_errno(errno));
     }
     const auto proven = m_proof.holds(entry.get());
     if (!proven || !*proven) {
         return left(path, {proven ? "was changed meanwhile, and stays" : "was put there meanwhile, and stays"});
     }
-    if (::unlinkat(parent, name.c_str(), 0) != 0 && errno != ENOENT) {
+    if (::unlinkat(parent, name.c_str(), 0) != 0 && !removed_by_others(parent, name)) {
         return left(path, problem_of_errno(errno));
     }
     m_proof.renew(entry.get());

@@ -37,6 +37,11 @@ bool is_regular(const std::string &path) {
 
 } // namespace
 
+bool is_of_the_system(std::string_view name) {
+    constexpr std::string_view prefixes[] = {"security.", "trusted.", "system.", "osx."};
+    return std::ranges::any_of(prefixes, [&](std::string_view prefix) { return name.starts_with(prefix); });
+}
+
 std::vector<std::string> native_names(const std::string &path, bool forks) {
     forget_last_error();
     VLIBCSzList *list = VLIBCSzListAlloc(16);

@@ -5,12 +5,16 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace engine {
 
 constexpr char kFinderInfoName[] = "com.apple.FinderInfo";
 constexpr char kResourceForkName[] = "com.apple.ResourceFork";
+
+// Names that give rights, or say what only the system says of a file.
+bool is_of_the_system(std::string_view name);
 
 // All of these throw Failure. A size or value of nothing: there is no such attribute.
 // `forks`: whether the volume can have resource forks, which are asked for by name: a file that may not be executed is

@@ -8,6 +8,7 @@
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/stand_in.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/store/stream_change.h"
 #include "tools/engine/walk/directory.h"
@@ -183,10 +184,14 @@ void carry_metadata_attribute(const std::string &standIn, const std::string &des
     }
 }
 
-// All that the stand-in has got, where they are the file's own.
-void carry_native(const StandIn &standIn, const HeldEntry &destination) {
+// All that the stand-in has got, where they are the file's own. What a store file names like the system's attributes is
+// what anybody may have written there; as an attribute it would be in force.
+void carry_native(const Carrying &carrying, const StandIn &standIn, const HeldEntry &destination) {
     const std::string from = standIn.entry().itself();
     for (const std::string &name : native_names(from)) {
+        if (carrying.source_kind() != StoreKind::native && is_of_the_system(name)) {
+            continue;
+        }
         const auto value = native_value(from, name);
         if (value) {
             set_native_value(destination.itself(), name, *value, 0);
@@ -204,7 +209,7 @@ Descriptor open_own_directory(const HeldEntry &entry, bool make) {
     const Descriptor stores = open_store_directory(place, StoreKind::ea_directory, make);
     Descriptor own = open_directory(stores.get(), name);
     if (own.get() < 0 && errno == ENOENT && make) {
-        check(VEXOEAMKDir(0, place), "the file's directory in \"@eaDir\" cannot be made");
+        check(make_store_directory(place), "the file's directory in \"@eaDir\" cannot be made");
         own = open_directory(stores.get(), name);
     }
     return own;
@@ -383,7 +388,7 @@ void carry_all(const Carrying &carrying) {
     set_attribute(standIn.path(), kDosAttributes, attribute_of(destination.itself(), kDosAttributes));
     carry(carrying, standIn, false);
     if (kind == StoreKind::native) {
-        carry_native(standIn, destination);
+        carry_native(carrying, standIn, destination);
     } else {
         if (kind != StoreKind::apple_double) {
             carry_resource(carrying, standIn);

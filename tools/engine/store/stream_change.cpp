@@ -2,6 +2,7 @@
 
 #include "platform/core.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/patience.h"
@@ -41,7 +42,7 @@ int open_or_make(const std::string &holder, bool make) {
     if (opened >= 0 || parent.get() < 0 || errno != ENOENT || !make) {
         return opened;
     }
-    check(VEXOEAMKDir(0, holder.c_str()), "the directory of its store cannot be made");
+    check(make_store_directory(holder), "the directory of its store cannot be made");
     return open_held(parent.get(), name, O_NOFOLLOW);
 }
 

@@ -1,6 +1,7 @@
 #include "tools/engine/stores/entry_conversion.h"
 
 #include "ea/ea.h"
+#include "tools/engine/compare/entry_view.h"
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -20,6 +21,7 @@
 #include <iterator>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace engine {
@@ -76,10 +78,6 @@ bool same_attributes(SeenAs &one, SeenAs &other, bool some) {
         const auto found = attribute_in(second, attribute.name);
         return found != second.end() && same_attribute(one, attribute, other, *found);
     });
-}
-
-const char *word_of_attribute(const std::string &name) {
-    return name.starts_with("user.") && !name.starts_with("user.DosStream.") ? "attribute" : "stream";
 }
 
 } // namespace
@@ -159,7 +157,9 @@ std::optional<Conversion> EntryConversion::run() {
             m_result.reason = "the new form cannot hold all of it";
             return m_result;
         }
-        if (!m_options.dryRun) {
+        if (m_options.dryRun) {
+            check_room();
+        } else {
             convert();
         }
         m_result.state = m_options.dryRun ? Conversion::State::convertible : Conversion::State::converted;
@@ -415,13 +415,55 @@ void EntryConversion::foresee_native() {
     });
 }
 
-// Whether the volume takes an attribute is tried on a file without a name, which leaves nothing. Where it knows no such
-// files that is found out when the attribute is set.
+// Whether the volume takes an attribute is tried on a file without a name, which leaves nothing; where it knows no such
+// files on one with a private name, but in a dry run: a kill between what the entry itself takes and what it does not
+// would leave both forms, and nobody could tell whose the new one is.
 void EntryConversion::on_trial(const std::function<void(const std::string &trial)> &attempt) const {
-    const std::string directory = fmt::format("/proc/self/fd/{}", m_place.directory);
-    const Descriptor trial(::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    const Descriptor trial = unnamed_there();
     if (trial.get() >= 0) {
         attempt(fmt::format("/proc/self/fd/{}", trial.get()));
+    } else if (!m_options.dryRun) {
+        const KeepTimes keep(m_place.directory);
+        const PrivateFile named(m_place.directory, m_forms.name(), 0600);
+        attempt(fmt::format("/proc/self/fd/{}", named.fd()));
+    }
+}
+
+Descriptor EntryConversion::unnamed_there() const {
+    const std::string directory = fmt::format("/proc/self/fd/{}", m_place.directory);
+    return Descriptor(::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+}
+
+// What a run would be refused at its first step. The old form goes after the new one is there, so that there has to be
+// room for both; of one entry at a time.
+void EntryConversion::check_room() const {
+    constexpr char kRefused[] = "the new form of its store cannot be written";
+    const bool resource = m_writesBeside || m_writesResource;
+    int64_t bytes = resource ? static_cast<int64_t>(m_resourceOf->contents().fork_size()) : 0;
+    if (m_writesBeside || m_writesStream) {
+        for (const StoreContents::Attribute &one : m_attributesOf->contents().attributes()) {
+            bytes += static_cast<int64_t>(one.size);
+        }
+    }
+    const Descriptor trial = unnamed_there();
+    const bool unknown = trial.get() < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == ENOENT);
+    if (trial.get() < 0 && !unknown) {
+        throw_errno_in(m_place.directory, kRefused);
+    }
+    if (trial.get() >= 0 && (bytes == 0 || ::fallocate(trial.get(), 0, 0, bytes) == 0)) {
+        return;
+    }
+    if (!unknown && errno != EOPNOTSUPP) {
+        throw_errno_in(m_place.directory, kRefused);
+    }
+    struct statvfs volume {};
+    if (::fstatvfs(m_place.directory, &volume) != 0) {
+        return;
+    }
+    const bool readOnly = (volume.f_flag & ST_RDONLY) != 0;
+    if (readOnly || volume.f_bavail * volume.f_frsize < static_cast<uint64_t>(bytes)) {
+        errno = readOnly ? EROFS : ENOSPC;
+        throw_errno_in(m_place.directory, kRefused);
     }
 }
 
@@ -448,9 +490,10 @@ std::vector<Loss> EntryConversion::write_native(const std::string &file, bool ke
         if (attribute_in(there.attributes(), one.name) != there.attributes().end()) {
             continue;
         }
-        const char *const word = word_of_attribute(one.name);
-        const std::string lost = fmt::format("{} {}: only at the first, {} bytes", word, displayed(one.name), one.size);
-        const LossClass cls = std::string_view(word) == "stream" ? LossClass::stream : LossClass::attribute;
+        const LossClass cls = class_of_attribute(one.name, true);
+        const std::string lost =
+            fmt::format("{} {}: only at the first, {} bytes", cls == LossClass::stream ? "stream" : "attribute",
+                        displayed(one.name), one.size);
         if (one.size > kLargestNative || !may_be_native(one.name)) {
             refused.push_back({cls, lost});
         } else {

@@ -60,6 +60,8 @@ class EntryConversion {
     void foresee(SeenAs &old);
     void foresee_parts(const FormFile &file);
     void foresee_native();
+    Descriptor unnamed_there() const;
+    void check_room() const;
     void on_trial(const std::function<void(const std::string &trial)> &attempt) const;
     void add_loss(LossClass cls, std::string detail);
     std::vector<Loss> unaccepted() const;

@@ -8,6 +8,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/native_attributes.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -41,12 +42,6 @@ bool starts_as_double(int fd) {
     std::array<char, 4> start{};
     return ::pread(fd, start.data(), start.size(), 0) == static_cast<ssize_t>(start.size()) &&
            std::string_view(start.data(), start.size()) == kDoubleStart;
-}
-
-bool may_be_native(std::string_view name) {
-    constexpr std::string_view kOfTheSystem[] = {"security.", "trusted.", "system.", "osx."};
-    return !is_representation(name) && name != kMetadataName && name != kFinderInfoName && name != kResourceForkName &&
-           std::ranges::none_of(kOfTheSystem, [&](std::string_view prefix) { return name.starts_with(prefix); });
 }
 
 bool is_in_native_form(std::string_view name, bool everything) {
@@ -207,7 +202,7 @@ void EntryForms::make_stores() {
     }
     forget_last_error();
     const std::string made = fmt::format("/proc/self/fd/{}/@eaDir", m_place.directory);
-    const int result = VEXOEAMKDir(0, made.c_str());
+    const int result = make_store_directory(made);
     m_stores = open_stores(m_place.directory);
     if (m_stores.get() < 0) {
         check(result, "\"@eaDir\" cannot be made");

@@ -34,11 +34,6 @@ struct FormFile {
 // the system; elsewhere those of a user are the file's own.
 bool is_in_native_form(std::string_view name, bool everything);
 
-// Whether one that a store holds may become an attribute of the file. In a store everybody may write what he likes, and
-// it is not in force: on the file it would give rights, say what only the system says of it, or be something else of
-// the store.
-bool may_be_native(std::string_view name);
-
 // A "._" file says of itself what it is: a user's own file may be called so as well.
 bool starts_as_double(int fd);
 

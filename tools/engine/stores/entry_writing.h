@@ -7,9 +7,6 @@
 
 namespace engine {
 
-// The most bytes that the kernel takes as the value of an attribute of a file.
-constexpr uint64_t kLargestNative = 65536;
-
 // Gives an open directory its times back, at the end: names that come and go in it are no change of its user's.
 class KeepTimes {
   public:

@@ -10,6 +10,7 @@
 #include "tools/engine/report/error_table.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
 #include "tools/engine/transfer/file_attempt.h"
@@ -722,7 +723,7 @@ std::optional<Outcome> FileTransfer::keep_together(Attempt &attempt) {
     attempt.content = before;
     attempt.linked = attempt.inPlace = true;
     if (has_store(attempt.to, attempt.name)) {
-        (void)VEXOEARemove(attempt.to.below(attempt.name).c_str(), attempt.to.type());
+        (void)remove_beside(attempt.to.below(attempt.name), attempt.to.type());
     }
     if (attempt.store.any() || m_options.operation == Operation::move) {
         carry_metadata(attempt, attempt.to, attempt.name);
@@ -836,7 +837,7 @@ std::optional<Problem> FileTransfer::make_file(Attempt &attempt, const std::stri
         return of_source({"says that it is empty, and is not; not copied"});
     }
     if (replace && has_store(attempt.to, name)) {
-        (void)VEXOEARemove(attempt.to.below(name).c_str(), attempt.to.type());
+        (void)remove_beside(attempt.to.below(name), attempt.to.type());
     }
     if (!replace && store_kind(attempt.to.type()) == StoreKind::apple_double &&
         volume_traits(attempt.to.type()).owners) {
@@ -972,14 +973,14 @@ void FileTransfer::carry_metadata(Attempt &attempt, const HeldDirectory &to, con
     // What is kept elsewhere than in an "@eaDir" may bring one about, beside the copy and beside the source.
     attempt.nothingBeside = source.volume.noDirectory && !attempt.store.any() &&
                             (kind == StoreKind::ea_directory || kind == StoreKind::file_ea);
-    if (auto problem = carry_beside(source, to.side(name), &attempt.storeLocked)) {
+    if (auto problem = carry_beside(source, to.side(name), attempt.store.any(), &attempt.storeLocked)) {
         attempt.note(std::move(*problem));
     }
     // Under its own name the copy could not have it.
     const bool stays = store_kind(attempt.to.type()) != StoreKind::apple_double || name == attempt.name ||
                        takes_companion(attempt.to.fd(), attempt.name);
     if (!stays && has_store(to, name)) {
-        (void)VEXOEARemove(to.below(name).c_str(), to.type());
+        (void)remove_beside(to.below(name), to.type());
     }
     if (witnesses()) {
         attempt.kept.emplace(attempt.from, attempt.sourceName);

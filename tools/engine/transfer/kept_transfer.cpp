@@ -9,8 +9,10 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/private_file.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/transfer/belongings.h"
 #include "tools/engine/transfer/link_transfer.h"
+#include "tools/engine/transfer/native_carry.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
@@ -26,6 +28,7 @@
 #include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace engine {
@@ -214,6 +217,33 @@ bool put_back(int parent, const std::string &aside, const std::string &name) {
     return ::unlinkat(parent, aside.c_str(), AT_REMOVEDIR) == 0;
 }
 
+// The "@eaDir" that the library would make for a store, and close to others for a moment. Where there was nothing to
+// put into it, it goes again.
+class MadeForStore {
+  public:
+    MadeForStore(const Side &source, const Side &copy, bool stored) : m_directory(copy.directory) {
+        const StoreKind kind = copy.volume.store;
+        m_made = (kind == StoreKind::ea_directory || kind == StoreKind::file_ea) &&
+                 (stored ||
+                  (source.volume.store == StoreKind::native && ::llistxattr(source.path().c_str(), nullptr, 0) > 0)) &&
+                 lacks_store_directory(m_directory) &&
+                 make_store_directory(fmt::format("/proc/self/fd/{}/{}", m_directory, kStore)) == 0;
+    }
+    MadeForStore(const MadeForStore &) = delete;
+    MadeForStore &operator=(const MadeForStore &) = delete;
+    ~MadeForStore() {
+        if (m_made) {
+            const int number = errno;
+            (void)::unlinkat(m_directory, kStore, AT_REMOVEDIR);
+            errno = number;
+        }
+    }
+
+  private:
+    int m_directory;
+    bool m_made = false;
+};
+
 } // namespace
 
 void carry_own_directory(const Side &source, const Side &copy, bool data) {
@@ -226,7 +256,7 @@ void carry_own_directory(const Side &source, const Side &copy, bool data) {
     }
     KeptPlace to = place_or_none(copy, Kept::own);
     if (to.parent.get() < 0) {
-        (void)VEXOEAMKDir(0, fmt::format("/proc/self/fd/{}/{}", copy.directory, kStore).c_str());
+        (void)make_store_directory(fmt::format("/proc/self/fd/{}/{}", copy.directory, kStore));
         to = place_or_none(copy, Kept::own);
     }
     if (to.parent.get() >= 0 && !is_one(from, to)) {
@@ -253,8 +283,13 @@ void carry_kept(const Side &source, const Side &copy, bool data) {
     carry_empty_store(source, copy);
 }
 
-std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool *locked) {
+std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool stored, bool *locked) {
     const auto carry = [&](VEXOCopyArgs *record) {
+        if (goes_to_attributes(source, copy)) {
+            carry_to_attributes(source, copy, locked);
+            return;
+        }
+        const MadeForStore made(source, copy, stored);
         const int result = VEXOEACopyInternal(source.path().c_str(), copy.path().c_str(), 0, 0, source.volume.type,
                                               copy.volume.type, nullptr, nullptr, record);
         if (locked != nullptr) {

@@ -11,7 +11,8 @@ namespace engine {
 
 // Gives a copy that has nothing, or a directory that was there before, all that is kept beside the source. What could
 // not be carried is for a comparison to tell. A problem: what a directory had in "@eaDir" before is under another name.
-std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool *locked = nullptr);
+// `stored`: the source may have a store. `locked`: whether somebody else held it.
+std::optional<Problem> carry_beside(const Side &source, const Side &copy, bool stored, bool *locked = nullptr);
 
 // The same without the store: what lies in the directory of the source's own in "@eaDir", and an empty "@eaDir" in a
 // directory, each entry under a private name until it has all that the source's has. An entry of the same name is

@@ -2,6 +2,7 @@
 
 #include "ea/ea.h"
 #include "platform/core.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/transfer/departure.h"
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/directory_lock.h"
@@ -175,6 +176,11 @@ bool keeps_stores_beside(const HeldDirectory &directory) {
     return kind == StoreKind::apple_double || kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
 }
 
+bool keeps_stores_in_directory(const HeldDirectory &directory) {
+    const StoreKind kind = store_kind(directory.type());
+    return kind == StoreKind::ea_directory || kind == StoreKind::file_ea;
+}
+
 bool has_store_of(const HeldDirectory &directory, std::initializer_list<std::string> names) {
     char place[PATH_MAX] = "";
     const StoreKind kind = store_kind(directory.type());
@@ -197,7 +203,7 @@ bool has_store_of(const HeldDirectory &directory, std::initializer_list<std::str
 // Looks again afterwards: what the library could not look at it takes for nothing to remove.
 bool clear_store(const HeldDirectory &directory, const std::string &name) {
     return !has_store(directory, name) ||
-           (VEXOEARemove(directory.below(name).c_str(), directory.type()) == 0 && !has_store(directory, name));
+           (remove_beside(directory.below(name), directory.type()) == 0 && !has_store(directory, name));
 }
 
 Problem failed_with(const char *what) {
@@ -210,15 +216,24 @@ std::optional<Problem> follow(const HeldDirectory &from, const std::string &befo
                               const std::string &name) {
     constexpr int tries = 8;
     const bool itself = from.fd() == to.fd() && before == name;
+    const bool made = !itself && keeps_stores_in_directory(to) && lacks_store_directory(to.fd()) &&
+                      has_store(from, before) && make_store_directory(to.below("@eaDir")) == 0;
+    const auto tidy = [&] { // where nothing followed
+        const int number = errno;
+        (void)(made && ::unlinkat(to.fd(), "@eaDir", AT_REMOVEDIR) == 0);
+        errno = number;
+    };
     for (int count = 0; count < tries; ++count) {
         const int result = VEXOEARename(from.below(before).c_str(), to.below(name).c_str(), to.type(), 0);
         if (result == 0 && (itself || !has_store(from, before))) {
+            tidy();
             return std::nullopt;
         }
         if (result != 0) {
             break;
         }
     }
+    tidy();
     return failed_with("moved, but its extended metadata could not follow");
 }
 
@@ -501,7 +516,7 @@ Problem problem_of_placing(int number) {
 
 void discard(const HeldDirectory &directory, const std::string &made) {
     if (has_store(directory, made)) {
-        (void)VEXOEARemove(directory.below(made).c_str(), directory.type());
+        (void)remove_beside(directory.below(made), directory.type());
     }
     (void)clear_away(directory.fd(), made);
 }

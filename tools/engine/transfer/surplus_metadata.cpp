@@ -4,6 +4,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/store/store_directory.h"
 
 #include <algorithm>
 #include <sys/xattr.h>
@@ -44,7 +45,7 @@ bool drop_surplus(const Side &source, const Side &copy, const HeldDirectory &dir
         dropped = ::removexattr(directory.itself().c_str(), "user.DOSATTRIB") == 0 || dropped;
     }
     if (std::ranges::any_of(losses, is_of_the_store)) {
-        dropped = VEXOEARemove(held.c_str(), directory.type()) == 0 || dropped;
+        dropped = remove_beside(held, directory.type()) == 0 || dropped;
     }
     return dropped;
 }

@@ -12,6 +12,8 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/private_file.h"
+#include "tools/engine/store/store.h"
+#include "tools/engine/store/store_directory.h"
 #include "tools/engine/store/store_names.h"
 #include "tools/engine/store/store_parts.h"
 #include "tools/engine/transfer/completion.h"
@@ -19,6 +21,7 @@
 #include "tools/engine/transfer/name_refusal.h"
 #include "tools/engine/transfer/placement.h"
 #include "tools/engine/transfer/surplus_metadata.h"
+#include "tools/engine/transfer/system_attributes.h"
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
@@ -40,6 +43,7 @@
 #include <memory>
 #include <optional>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace engine {
@@ -566,7 +570,7 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     if (!level.made) {
         m_files.tidy(level.to);
     } else if (has_store(destination.in, destination.name)) {
-        (void)VEXOEARemove(destination.held().c_str(), m_destinationType); // of an old directory of that name
+        (void)remove_beside(destination.held(), m_destinationType); // of an old directory of that name
     }
     return true;
 }
@@ -631,11 +635,13 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
         return false;
     }
     carry_empty_store(source.in.side(source.name), destination.in.side(destination.name));
-    give_dos_attributes(fd, level.status.attributes);
+    give_dos_attributes(fd, level.status.attributes | VLIBC_ATTR_ARCHIVE);
     (void)!::fchown(fd, status.st_uid, status.st_gid);
     (void)VEXOACLCopy(level.from.itself().c_str(), to.c_str());
     (void)VEXOACLArchiveCopy(level.from.itself().c_str(), to.c_str()); // for root alone
-    if (auto problem = carry_store(source, destination)) {
+    if (is_bare(level, source, destination)) {
+        (void)copy_user_attributes(level.from.itself(), to);
+    } else if (auto problem = carry_store(source, destination)) {
         level.outcome.warning = std::move(*problem);
     }
     // While its owner may write to it: the creation time may be kept in an attribute.
@@ -653,6 +659,24 @@ bool TreeTransfer::give_belongings(Level &level, const Place &source, const Plac
     return true;
 }
 
+// Whether nothing is kept beside either directory, nor said of them in another way than by what is open: then nothing
+// goes by the path, at which somebody may have put a link by now.
+bool TreeTransfer::is_bare(const Level &level, const Place &source, const Place &destination) const {
+    constexpr mode_t write = S_IWUSR | S_IWGRP | S_IWOTH;
+    const StoreKind kind = store_kind(m_sourceType);
+    const bool byMode = kind == StoreKind::apple_double && (level.status.st.st_mode & write) == 0;
+    if (kind == StoreKind::native || byMode || (level.status.attributes & VLIBC_ATTR_LOCKED) != 0 ||
+        source.in.type() != m_sourceType || destination.in.type() != m_destinationType ||
+        has_store(source.in, source.name) || has_store(destination.in, destination.name) ||
+        (kind == StoreKind::file_ea && ::getxattr(level.from.itself().c_str(), kMetadataName, nullptr, 0) >= 0)) {
+        return false;
+    }
+    VLIBCStat there{};
+    return level.made ||
+           (VLIBCFileStat(level.to.itself().c_str(), VLIBC_STAT_BASIC | VLIBC_STAT_ATTRIBUTES, &there) == 0 &&
+            (there.attributes & VLIBC_ATTR_LOCKED) == 0);
+}
+
 // A "._" file is made for a directory of another name, and gets its place as a whole: a stop would leave half of it
 // where nobody could read that any more, and the library opens to everybody what it carries one for, and takes it that
 // reserved characters were replaced in the name.
@@ -663,7 +687,8 @@ std::optional<Problem> TreeTransfer::carry_store(const Place &source, const Plac
     const bool apart = m_destinationTraits.store == StoreKind::apple_double && place.size() <= NAME_MAX &&
                        store_parts(source.held(), m_sourceType).any();
     if (!apart || ::mkdirat(to.fd(), made.c_str(), 0700) != 0) {
-        return carry_beside(from, to.side_now(destination.name, m_destinationType));
+        return carry_beside(from, to.side_now(destination.name, m_destinationType),
+                            store_parts(source.held(), m_sourceType).any());
     }
     const HeldDirectory room(to, made);
     const bool replaces = to.look(place).has_value();

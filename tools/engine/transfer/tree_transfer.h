@@ -119,6 +119,7 @@ class TreeTransfer {
     bool existing_destination(Level &level, const Place &source, const Place &destination);
     void finish(Level &level, const Place &source, const Place &destination);
     bool give_belongings(Level &level, const Place &source, const Place &destination);
+    bool is_bare(const Level &level, const Place &source, const Place &destination) const;
     std::optional<Problem> carry_store(const Place &source, const Place &destination) const;
     void write_out_level(Level &level, const Place &destination) const;
     void compare_level(Level &level, const Place &source, const Place &destination);

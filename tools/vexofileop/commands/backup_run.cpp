@@ -1,6 +1,8 @@
 #include "tools/vexofileop/commands/backup_run.h"
 
 #include "platform/core.h"
+#include "tools/engine/mirror/surplus.h"
+#include "tools/engine/report/codes.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/directory.h"
@@ -23,6 +25,17 @@ bool has_bit(const std::string &path) {
     VLIBCStat status{};
     return VLIBCFileLStat(path.c_str(), VLIBC_STAT_ATTRIBUTES, &status) == 0 &&
            (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
+}
+
+// A name of the destination that was mistyped looks like that, too: without a word it would pass for a backup.
+bool is_first(const BackupRunOptions &options, const engine::MirrorPair &pair) {
+    return !options.full && !engine::holds_anything(pair.destination, {}).value_or(false) &&
+           engine::holds_anything(pair.source, options.batch.transfer.selection).value_or(false);
+}
+
+std::string nothing_to_begin_with(const engine::MirrorPair &pair) {
+    return fmt::format("{}: there is no backup yet, and nothing has the archive bit; --full brings everything",
+                       engine::displayed(pair.destination));
 }
 
 } // namespace
@@ -70,12 +83,15 @@ int BackupRun::run() {
     if (!note.empty() && !m_options.quiet) {
         m_console.message(note);
     }
+    m_firstOne = is_first(m_backup, m_pair);
     copy({{m_pair.source + "/.", m_pair.destination}});
     if (list_arrivals()) {
         clear_bits();
     } else {
         m_failed = true;
     }
+    tell_first_one();
+    tell_other_kinds();
     m_console.end_progress();
     return finish(1);
 }
@@ -99,6 +115,10 @@ bool BackupRun::begin_list() {
 void BackupRun::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
     Batch::entry(kind, source, outcome);
     m_failed = !m_book->note(kind, source, outcome) || m_failed;
+    const uint32_t code = outcome.status == engine::Status::failed && outcome.problem ? outcome.problem->code : 0;
+    if (m_otherKind.empty() && (code == engine::kNotADirectory || code == engine::kIsDirectory)) {
+        m_otherKind = outcome.destination;
+    }
 }
 
 void BackupRun::written_out(const std::string &directory, const std::optional<engine::Problem> &problem) {
@@ -124,6 +144,29 @@ void BackupRun::clear_bits() {
         m_failed = true;
     }
     tell_bits();
+}
+
+void BackupRun::tell_first_one() {
+    if (!m_firstOne || stopped()) {
+        return;
+    }
+    if (m_book->files() == 0) {
+        m_console.message(nothing_to_begin_with(m_pair));
+        m_failed = true;
+    } else if (!m_options.quiet) {
+        m_console.message(
+            fmt::format("{}: there was no backup, and only what has the archive bit came; --full brings everything",
+                        engine::displayed(m_pair.destination)));
+    }
+}
+
+// A backup removes nothing: what stands there may be all that is left of it.
+void BackupRun::tell_other_kinds() {
+    if (!m_otherKind.empty()) {
+        m_console.message(fmt::format("{} is kept, and in the way of what has its name now: move it to another name, "
+                                      "and run the backup again",
+                                      engine::displayed(m_otherKind)));
+    }
 }
 
 void BackupRun::bit(const std::string &source, engine::BitFate fate, const std::string &why) {
@@ -199,6 +242,10 @@ int BackupPlan::run() {
         m_console.message(note);
     }
     plan({{m_pair.source + "/.", m_pair.destination}});
+    if (m_going == 0 && is_first(m_backup, m_pair)) {
+        m_console.message(nothing_to_begin_with(m_pair));
+        m_failed = m_anyFailed = true;
+    }
     return finish();
 }
 
@@ -207,8 +254,10 @@ void BackupPlan::entry(const engine::PlannedEntry &planned) {
     const bool lost = std::ranges::any_of(planned.losses, [&](const engine::Loss &loss) {
         return engine::fails(loss, m_options.plan.transfer.accepted);
     });
+    const bool skipped = planned.deed == engine::Deed::fail || planned.deed == engine::Deed::skip;
     const bool arrives = planned.deed != engine::Deed::fail && (planned.deed != engine::Deed::skip || planned.same);
     const auto found = engine::look(planned.source);
+    m_going += !skipped && found && S_ISREG(found->st_mode) ? 1 : 0;
     if (m_backup.keepBits || lost || !arrives || !found || S_ISLNK(found->st_mode) || !has_bit(planned.source)) {
         return;
     }

@@ -46,6 +46,8 @@ class BackupRun : private Batch, private engine::BitObserver {
     bool list_arrivals();
     void clear_bits();
     void tell_bits();
+    void tell_first_one();
+    void tell_other_kinds();
     std::string listed() const; // where the list is; empty: there is none
 
     const BackupRunOptions &m_backup;
@@ -54,6 +56,8 @@ class BackupRun : private Batch, private engine::BitObserver {
     int64_t m_cleared = 0;
     int64_t m_kept = 0, m_notCleared = 0; // bits that stay for a change, and for a failure
     std::string m_firstKept = {};
+    bool m_firstOne = false;      // of what has the archive bit alone, where there was no backup
+    std::string m_otherKind = {}; // in the backup, the first that stands in the way of what is a directory now, or none
 };
 
 class BackupPlan : private PlanRun {
@@ -70,7 +74,8 @@ class BackupPlan : private PlanRun {
 
     const BackupRunOptions &m_backup;
     const engine::MirrorPair &m_pair;
-    int64_t m_bits = 0; // to be cleared
+    int64_t m_bits = 0;  // to be cleared
+    int64_t m_going = 0; // files that would be copied
     // Of files of several names: how many of them have gone by.
     std::map<std::pair<dev_t, ino_t>, nlink_t> m_names = {};
 };

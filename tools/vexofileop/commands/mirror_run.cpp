@@ -29,6 +29,7 @@ engine::SurplusOptions engine_options(const MirrorOptions &options, bool rehears
             .specials = options.batch.transfer.specials,
             .rehearsal = rehearsal,
             .reversibleNames = options.batch.transfer.reversibleNames,
+            .sync = options.batch.transfer.sync == engine::Sync::file,
             .backup = options.batch.transfer.backup};
 }
 
