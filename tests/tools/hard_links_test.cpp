@@ -108,6 +108,26 @@ TEST_F(HardLinks, StayOverWhatStandsThere) {
     EXPECT_EQ(0, runTool({"compare", tree, copy}).status);
 }
 
+// What a name holds that is passed over nobody has looked at: it is skipped, and no loss of those that arrive.
+TEST_F(HardLinks, NamesThatArriveBesideOneThatIsPassedOverAreAFileApart) {
+    const std::string copy = to + "/copy";
+    expectQuiet(runTool({"copy", "-r", "-T", tree, copy}));
+    ASSERT_EQ(0, ::unlink((copy + "/one").c_str()));
+    ASSERT_EQ(0, ::unlink((copy + "/in/two").c_str()));
+    const ToolResult planned = runTool({"plan", "copy", "-rn", "-T", tree, copy});
+    const ToolResult run = runTool({"copy", "-rn", "-T", tree, copy});
+    EXPECT_EQ(0, planned.status);
+    EXPECT_EQ(0, run.status);
+    EXPECT_FALSE(mentions(planned.out + run.out + run.err, "of its own")) << planned.out << run.err;
+    EXPECT_TRUE(mentions(run.err, "skipped, for the destination exists")) << run.err;
+    EXPECT_TRUE(areOne(copy + "/one", copy + "/in/two"));
+    EXPECT_FALSE(areOne(copy + "/one", copy + "/zz"));
+    EXPECT_EQ(1U, kit::statOf(copy + "/zz").st_nlink);
+    EXPECT_TRUE(mentions(runTool({"compare", tree, copy}).out, "(hard-link)"));
+    expectQuiet(runTool({"copy", "-ru", "-T", tree, copy}));
+    expectLinked(copy);
+}
+
 TEST_F(HardLinks, EachNameKeepsItsStore) {
     KIT_NEEDS_TO_MAKE_STORES();
     ASSERT_EQ(0, runTool({"ea", "set", tree + "/one", "note", "of one"}).status);
