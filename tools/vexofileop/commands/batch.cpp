@@ -374,11 +374,12 @@ void Batch::tell_old_names() {
         known += (known.empty() ? ": " : ", ") + engine::displayed(name);
     }
     const int64_t names = first.oldNames;
-    m_console.message(
-        fmt::format("{}: {} of the file that was replaced {} its content{}{}; --in-place changes them all",
-                    engine::displayed(first.destination),
-                    names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep",
-                    known, m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : ""));
+    // Which keeps no backup of what it writes into.
+    const char *const advice = m_options.transfer.backup.wanted ? "" : "; --in-place changes them all";
+    m_console.message(fmt::format(
+        "{}: {} of the file that was replaced {} its content{}{}{}", engine::displayed(first.destination),
+        names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep", known,
+        m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : "", advice));
 }
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
