@@ -115,6 +115,7 @@ int Batch::jobs_for(const std::vector<Errand> &errands) const {
 void Batch::run_below(const Errand &errand) {
     const engine::NamesBelow how = names_below(*errand.below, m_options.transfer);
     m_below = true;
+    m_directoriesAlone = how.directoriesAlone;
     for (const std::string &name : errand.below->names) {
         if (stopped()) {
             return;
@@ -444,7 +445,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
 
 int Batch::finish(size_t planned) {
     int succeeded = m_entries[engine::Status::done] + m_entries[engine::Status::skipped];
-    if (succeeded == 0 && m_entries[engine::Status::failed] == 0) {
+    if (m_directoriesAlone || (succeeded == 0 && m_entries[engine::Status::failed] == 0)) {
         succeeded = m_directories[engine::Status::done]; // a tree of directories, or one moved as a whole
     }
     // What a stop left undone is told by its own status.
