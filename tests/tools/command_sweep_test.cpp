@@ -2,6 +2,7 @@
 // run again with the same arguments. Nothing is lost at any point, the second run ends like an undisturbed one, and a
 // status that says that all is well is checked against a comparison and against a look at the two trees that shares no
 // code with the tool. A sample of the points; with VEXO_FULL in the environment all of them.
+#include "platform/core.h"
 #include "tests/ea/stream_bytes.h"
 #include "tests/faults/system_calls.h"
 #include "tests/kit/behaviour.h"
@@ -122,6 +123,11 @@ Arguments shard(const SweptScene &scene) {
             "--files-from", scene.lists + "/shard-1",
             scene.tree,     scene.copy};
 }
+bool has_bit(const std::string &path) {
+    VLIBCStat status{};
+    return VLIBCFileStat(path.c_str(), VLIBC_STAT_ATTRIBUTES, &status) == 0 &&
+           (status.attributes & VLIBC_ATTR_ARCHIVE) != 0;
+}
 std::string source_changed(const SweptScene &scene) {
     return scene.changed();
 }
@@ -199,6 +205,16 @@ const SweptCommand kSwept[] = {
          return Arguments{"compare", scene.tree, scene.copy};
      },
      source_changed, [](const SweptScene &) { return std::string(); }, 1},
+    {"archive",
+     [](const SweptScene &scene) {
+         kit::setAttribute(scene.tree + "/in/two", "user.DOSATTRIB", "0x20");
+         EXPECT_TRUE(has_bit(scene.tree + "/in/two"));
+         return Arguments{"archive", "clear", scene.tree + "/in/two"};
+     },
+     [](const SweptScene &scene) { return scene.holds(scene.tree + "/in/two", "second"); },
+     [](const SweptScene &scene) {
+         return has_bit(scene.tree + "/in/two") ? std::string("it is set") : std::string();
+     }},
 };
 
 faults::Outcome supervised(const Arguments &arguments, const faults::Plan &plan) {

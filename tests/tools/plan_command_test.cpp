@@ -158,6 +158,22 @@ const Tried kTried[] = {
 INSTANTIATE_TEST_SUITE_P(Each, PlanCommandTried, ::testing::ValuesIn(kTried),
                          [](const auto &tried) { return std::string(tried.param.name); });
 
+// Content is read for it, and links that stand at both are not.
+TEST_F(PlanCommand, OfABackupLeavesTheAccessTimesOfWhatIsThereAlready) {
+    ASSERT_EQ(0, runTool({"copy", "-r", one + "/.", into}).status);
+    (void)statusOf(scratch.path(), "");
+    for (const Arguments &options : {Arguments{"--full"}, {"--full", "--no-probe"}}) {
+        Arguments plan = {"plan", "backup", one, into};
+        plan.insert(plan.end(), options.begin(), options.end());
+        const ToolResult result = runTool(plan);
+        EXPECT_TRUE(mentions(result.out, "0 new, 0 replaced")) << result.out << result.err;
+        for (const char *const name : {"", "/file", "/link", "/inner/deep"}) {
+            EXPECT_EQ(1000, kit::statOf(one + name).st_atim.tv_sec) << one << name;
+            EXPECT_EQ(1000, kit::statOf(into + name).st_atim.tv_sec) << into << name;
+        }
+    }
+}
+
 TEST_F(PlanCommand, NoProbeIsForPlans) {
     for (const Arguments &command : {Arguments{"copy", "-r"}, {"move"}, {"mirror"}, {"backup", "run"}, {"relocate"}}) {
         Arguments all = command;

@@ -8,7 +8,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <set>
+#include <sstream>
 #include <string>
+#include <sys/acl.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -34,6 +37,24 @@ void setFlag(const std::string &path, int flag, bool on) {
     ::close(fd);
 }
 
+// The losses that are told, as "class source".
+std::set<std::string> lossesTold(const std::string &json) {
+    const auto value = [](const std::string &line, const std::string &key) {
+        const std::string before = "\"" + key + "\":\"";
+        const size_t at = line.find(before);
+        const size_t start = at + before.size();
+        return at == std::string::npos ? std::string() : line.substr(start, line.find('"', start) - start);
+    };
+    std::set<std::string> told;
+    std::istringstream lines(json);
+    for (std::string line; std::getline(lines, line);) {
+        if (value(line, "event") == "loss") {
+            told.insert(value(line, "class") + " " + value(line, "source"));
+        }
+    }
+    return told;
+}
+
 class PlanRefusals : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -53,6 +74,24 @@ class PlanRefusals : public ::testing::Test {
         EXPECT_EQ(status, run.status) << run.out << run.err;
         EXPECT_TRUE(mentions(planned.out, reason)) << planned.out;
         EXPECT_TRUE(mentions(run.out + run.err, reason)) << run.out << run.err;
+    }
+
+    // The plan of a copy tells the losses of its run, and those are of these classes.
+    static void expectLosses(const std::set<std::string> &classes, const Arguments &options, const std::string &source,
+                             const std::string &destination, const ToolSetting &setting) {
+        Arguments run = {"copy", "--json"};
+        run.insert(run.end(), options.begin(), options.end());
+        run.insert(run.end(), {source, destination});
+        Arguments plan = run;
+        plan.insert(plan.begin(), "plan");
+        const ToolResult planned = runTool(plan, setting), done = runTool(run, setting);
+        EXPECT_EQ(lossesTold(done.out), lossesTold(planned.out));
+        EXPECT_EQ(done.status, planned.status) << done.out << planned.out;
+        std::set<std::string> told;
+        for (const std::string &one : lossesTold(done.out)) {
+            told.insert(one.substr(0, one.find(' ')));
+        }
+        EXPECT_EQ(classes, told) << done.out;
     }
 
     kit::ScratchDirectory scratch;
@@ -140,6 +179,59 @@ TEST_F(PlanRefusals, ANameThatIsWrittenInPlaceIsNoLink) {
     const ToolResult planned = runTool(plan), run = runTool(command);
     EXPECT_FALSE(mentions(planned.out, "of its own")) << planned.out;
     EXPECT_FALSE(mentions(run.err, "of its own")) << run.err;
+}
+
+// Who may write to it may not set what is its owner's.
+TEST_F(PlanRefusals, AFileOfSomebodyElseThatIsWrittenInPlace) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    const std::string older = volume / "file";
+    kit::writeFile(older, "older", 0666);
+    ASSERT_EQ(0, ::chmod(older.c_str(), 0666));
+    const timespec past[] = {{1'500'000'000, 0}, {1'500'000'000, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, (from + "/file").c_str(), past, 0));
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, older.c_str(), past, 0));
+    const ToolSetting user = {.user = kNobody};
+    const std::set<std::string> kept = {"mode", "creation-time", "modification-time"};
+    expectLosses(kept, {"-f"}, from + "/file", volume.path(), user); // since the directory cannot be written
+    EXPECT_EQ("content", kit::readFile(older));
+    ASSERT_EQ(0, ::chmod(volume.path().c_str(), 0777));
+    expectLosses(kept, {"-f", "--in-place"}, from + "/file", volume.path(), user);
+    // Of another owner than the source's, too, and with an ACL.
+    ASSERT_EQ(0, ::chown(older.c_str(), 1, 2));
+    const acl_t acl = ::acl_from_text("u::rw,u:7:rw,g::rw,m::rw,o::rw");
+    ASSERT_EQ(0, ::acl_set_file(older.c_str(), ACL_TYPE_ACCESS, acl));
+    ::acl_free(acl);
+    expectLosses({"owner", "group", "mode", "acl-access", "creation-time", "modification-time"}, {"-f", "--in-place"},
+                 from + "/file", volume.path(), user);
+}
+
+TEST_F(PlanRefusals, DirectoriesOfSomebodyElseThatAreMergedInto) {
+    KIT_REQUIRE(volume, kit::Volume::loop("ext4", 64 << 20));
+    const timespec past[] = {{1'500'000'000, 0}, {1'500'000'000, 0}};
+    for (const std::string &path : {from + "/inner", volume / "from", volume / "from/inner"}) {
+        ASSERT_EQ(0, ::mkdir(path.c_str(), 0755));
+    }
+    for (const std::string &path : {volume.path(), volume / "from", volume / "from/inner"}) {
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0777));
+    }
+    ASSERT_EQ(0, ::unlink((from + "/file").c_str()));
+    for (const std::string &path : {from + "/inner", from}) {
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), past, 0));
+    }
+    const ToolSetting user = {.user = kNobody};
+    expectLosses({"mode", "creation-time", "modification-time"}, {"-r"}, from, volume.path(), user);
+    for (const std::string &path : {from + "/inner", from}) {
+        ASSERT_EQ(0, ::chown(path.c_str(), kNobody, kNobody));
+    }
+    expectLosses({"owner", "group", "mode", "creation-time", "modification-time"}, {"-r"}, from, volume.path(), user);
+    // In his own he sets what he may, and a group that is the source's already stays.
+    for (const std::string &path : {volume / "from", volume / "from/inner"}) {
+        ASSERT_EQ(0, ::chown(path.c_str(), kNobody, 7));
+    }
+    for (const std::string &path : {from + "/inner", from}) {
+        ASSERT_EQ(0, ::chown(path.c_str(), 1, 7));
+    }
+    expectLosses({"owner"}, {"-r"}, from, volume.path(), user);
 }
 
 // The entries of a directory are compared also by who may not read what is kept for them.

@@ -733,7 +733,9 @@ TEST_F(Relocate, EndsWithTheNumberOfTheSignalThatStopsIt) {
     EXPECT_EQ(143, result.status);
     EXPECT_TRUE(mentions(result.out, "stopped; " + directory + " is as it was")) << result.out;
     EXPECT_TRUE(mentions(result.out, "\"status\":\"failed\"")) << result.out;
-    EXPECT_TRUE(mentions(result.out, "\"in_place\":false,\"cancelled\":true,\"exit_status\":143")) << result.out;
+    EXPECT_TRUE(
+        mentions(result.out, "\"in_place\":false,\"stopped_by\":\"signal\",\"cancelled\":true,\"exit_status\":143"))
+        << result.out;
     EXPECT_EQ("x", kit::readFile(to + "/old"));
     EXPECT_EQ((std::vector<std::string>{"from", "to"}), kit::namesIn(scratch.path()));
 }

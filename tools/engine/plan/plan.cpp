@@ -723,11 +723,11 @@ bool Planner::Walk::is_same(const Source &source, const struct stat &entry, cons
         }
         from = real.side_now(base_name(path.get()));
     }
-    std::vector<Loss> differences = compare_entries(
-        from, to.there.side_now(name),
-        {.data = m_transfer.checksum, .costs = true, .traceless = !m_transfer.checksum, .stopped = [this] {
-             return m_observer.stopped();
-         }});
+    std::vector<Loss> differences = compare_entries(from, to.there.side_now(name),
+                                                    {.data = m_transfer.checksum,
+                                                     .costs = true,
+                                                     .traceless = !m_transfer.checksum || m_options.traceless,
+                                                     .stopped = [this] { return m_observer.stopped(); }});
     std::erase_if(differences, [](const Loss &one) { return one.cls == LossClass::hard_link; });
     if (std::ranges::any_of(differences, [&](const Loss &one) { return is_to_update(one, m_transfer.accepted); })) {
         return false;

@@ -71,6 +71,9 @@ struct PlanOptions {
     TransferOptions transfer;
     bool fresh = false; // what stands at the destination of a tree goes as a whole, once a copy stands beside it
     bool probe = true;  // something may be made in directories of the destination, and is removed again
+    // With TransferOptions::checksum, too, no link is read whose access time would change by that: one of the same
+    // length and times is taken for the same then, as it is without.
+    bool traceless = false;
 };
 
 class Planner {

@@ -76,6 +76,25 @@ class KeepTaken {
     int64_t m_wanted;
 };
 
+// Owner, mode, times and ACLs of such an entry are not for the user to set.
+bool is_somebody_elses(const Side &entry) {
+    struct stat found {};
+    if (::fstatat(entry.directory, entry.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+        found.st_uid == ::geteuid()) {
+        return false;
+    }
+    // O_NOATIME needs what those need: the owner, or a capability that not only root may have.
+    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOATIME | O_CLOEXEC;
+    const Descriptor asked(::openat(entry.directory, entry.name.c_str(), flags));
+    return asked.get() < 0 && ::geteuid() != 0;
+}
+
+bool is_the_owners(LossClass cls) {
+    return cls == LossClass::owner || cls == LossClass::group || cls == LossClass::mode ||
+           cls == LossClass::acl_access || cls == LossClass::acl_default || cls == LossClass::acl_windows ||
+           cls == LossClass::creation_time || cls == LossClass::modification_time;
+}
+
 bool is_of_store(LossClass cls) {
     return cls == LossClass::stream || cls == LossClass::finder_info || cls == LossClass::resource_fork ||
            cls == LossClass::mac_attributes || cls == LossClass::locked;
@@ -179,7 +198,10 @@ std::vector<Loss> Rehearsal::losses_of(const Side &source, const struct stat &fo
     }
     const KeepTaken keep(m_taken, merged == nullptr ? m_taken : 0); // what is kept for it is rehearsed, too
     add_holes(source, found, losses);
-    if (merged != nullptr && probes()) {
+    if (merged != nullptr && is_somebody_elses(*merged)) {
+        keep_what_is_the_owners(source, *merged, losses);
+    } else if (merged != nullptr) {
+        keep_group(source, *merged, losses);
         keep_creation(source, *merged, losses);
     }
     if (merged != nullptr && S_ISDIR(found.st_mode) && m_volume.store != StoreKind::none &&
@@ -277,7 +299,7 @@ void Rehearsal::dress_as(const Side &merged) const {
 
 // Where nobody can set a creation time a directory that is merged into keeps its own.
 void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const {
-    if (m_setsCreation || !m_volume.creationTimes) {
+    if (!probes() || m_setsCreation || !m_volume.creationTimes) {
         return;
     }
     std::erase_if(losses, [](const Loss &loss) { return loss.cls == LossClass::creation_time; });
@@ -286,6 +308,37 @@ void Rehearsal::keep_creation(const Side &source, const Side &merged, std::vecto
     findings.attempt("creation time", [&] { compare_times(EntryView(source), EntryView(merged), findings); });
     std::ranges::copy_if(findings.losses, std::back_inserter(losses),
                          [](const Loss &loss) { return loss.cls != LossClass::modification_time; });
+}
+
+// What goes into a file or directory of somebody else leaves it what only its owner sets.
+void Rehearsal::keep_what_is_the_owners(const Side &source, const Side &merged, std::vector<Loss> &losses) {
+    std::erase_if(losses, [](const Loss &loss) { return is_the_owners(loss.cls); });
+    std::vector<Loss> differences = compare_entries(source, merged, {.times = true, .kept = false});
+    std::erase_if(differences, [](const Loss &loss) { return !is_the_owners(loss.cls); });
+    struct stat found {};
+    const bool file =
+        ::fstatat(merged.directory, merged.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(found.st_mode);
+    if (file) { // it gets the time of the writing, whichever it has
+        std::erase_if(differences, [](const Loss &loss) { return loss.cls == LossClass::modification_time; });
+        differences.push_back({LossClass::modification_time, "modification time becomes that of the copying"});
+    }
+    std::ranges::move(differences, std::back_inserter(losses));
+}
+
+// Where the group cannot be set the one that is there may be the source's.
+void Rehearsal::keep_group(const Side &source, const Side &merged, std::vector<Loss> &losses) {
+    struct stat found {
+    }, there{};
+    const bool known = ::fstatat(source.directory, source.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+                       ::fstatat(merged.directory, merged.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
+    const auto group = std::ranges::find(losses, LossClass::group, &Loss::cls);
+    if (!known || group == losses.end()) {
+        return;
+    }
+    group->detail = fmt::format("group differs: {} and {}", found.st_gid, there.st_gid);
+    if (found.st_gid == there.st_gid) {
+        losses.erase(group);
+    }
 }
 
 // As long as what it is called there, with a number or without.

@@ -56,6 +56,8 @@ class Rehearsal {
     bool make(const struct stat &found, std::vector<Loss> &losses);
     void dress(const Side &source, const VLIBCStat &status, bool file) const;
     void dress_as(const Side &merged) const;
+    static void keep_what_is_the_owners(const Side &source, const Side &merged, std::vector<Loss> &losses);
+    static void keep_group(const Side &source, const Side &merged, std::vector<Loss> &losses);
     void keep_creation(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     std::vector<Loss> rehearse(const Side &source, const struct stat &found, const Side *merged, bool plain = false);
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);

@@ -1,5 +1,6 @@
 // vexofileop archive clear: what a backup program does after it has saved a file.
 #include "backup/backup.h"
+#include "platform/core.h"
 #include "tools/engine/report/failure.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/commands/commands.h"
@@ -7,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fmt/format.h>
 #include <sys/stat.h>
 
 namespace tool {
@@ -25,6 +27,14 @@ void clear_bit(const std::string &path) {
     engine::check(S_ISDIR(found.st_mode) ? VEXOBackupCleanDirArchiveBit(path.c_str())
                                          : VEXOBackupCleanFileArchiveBit(path.c_str()),
                   "the archive bit cannot be cleared");
+    // A volume without such bits is a success to the library, and so is one whose record could not be read.
+    VLIBCStat status{};
+    if (VLIBCFileStat(path.c_str(), VLIBC_STAT_ATTRIBUTES, &status) != 0) {
+        throw engine::Failure(fmt::format("the archive bit cannot be looked at: {}", std::strerror(errno)));
+    }
+    if ((status.attributes & VLIBC_ATTR_ARCHIVE) != 0) {
+        throw engine::Failure("the archive bit is still set, or set again");
+    }
 }
 
 } // namespace

@@ -82,6 +82,7 @@ class BackupArguments {
                                batch.stopOnError,
                                batch.verbose,
                                batch.json};
+        options.plan.traceless = true; // nobody has asked for the checksum
         options.mostErrors = batch.mostErrors;
         options.command = batch.command;
         return BackupPlan(options, m_options, pair).run();
