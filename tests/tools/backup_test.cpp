@@ -56,6 +56,28 @@ TEST_F(Backup, OldFileStaysUnderItsNameWithTheSuffix) {
     EXPECT_EQ("newest", kit::readFile(scratch / "to/tree/in/file"));
 }
 
+TEST_F(Backup, IsNoOtherNameOfItself) {
+    const std::string old = scratch / "to/tree/in/file", other = scratch / "other", beside = scratch / "to/tree/in/one";
+    ASSERT_EQ(0, ::link(old.c_str(), other.c_str()));
+    const ToolResult away = run({"copy", "-f", "--backup", "tree/in/file", "to/tree/in"});
+    EXPECT_EQ(0, away.status);
+    EXPECT_EQ("vexofileop: " + old + ": another name of the file that was replaced keeps its content\n", away.err);
+    EXPECT_EQ("older", kit::readFile(other));
+    ASSERT_EQ(0, ::link(old.c_str(), beside.c_str()));
+    kit::writeFile(scratch / "tree/in/file", "newer");
+    const ToolResult near = run({"copy", "-f", "--backup", "tree/in/file", "to/tree/in"});
+    EXPECT_TRUE(mentions(near.err, " keeps its content: " + beside + "\n")) << near.err;
+    EXPECT_EQ("new", kit::readFile(old + "~"));
+    // In another directory the name of a backup may be one of the file's own.
+    const std::string namesake = old + ".x";
+    ASSERT_EQ(0, ::link(old.c_str(), namesake.c_str()));
+    kit::writeFile(scratch / "tree/in/file", "newest");
+    const ToolResult kept =
+        run({"copy", "-f", "--backup=.x", "--backup-dir", scratch / "old", "tree/in/file", "to/tree/in"});
+    EXPECT_EQ("newer", kit::readFile(scratch / "old/file.x"));
+    EXPECT_TRUE(mentions(kept.err, " keeps its content: " + namesake + "\n")) << kept.err;
+}
+
 // As after a run that was stopped: what it has brought would take the place of the only old version.
 TEST_F(Backup, TheSameOnceMoreKeepsTheOldVersion) {
     ASSERT_EQ(0, ::link((scratch / "tree/in/file").c_str(), (scratch / "tree/in/other").c_str()));

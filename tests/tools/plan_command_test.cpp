@@ -203,6 +203,7 @@ TEST_F(PlanCommand, EachEntryHasWhatBecomesOfIt) {
 }
 
 TEST_F(PlanCommand, FinishingIsPlannedAsItIsDone) {
+    ASSERT_EQ(0, ::mkdir((one + "/second").c_str(), 0755));
     ASSERT_EQ(0, runTool({"plan", "--shards", "1", "--out", into + "/lists", one}).status);
     ASSERT_EQ(0, ::mkdir((into + "/copy").c_str(), 0755));
     ASSERT_EQ(0, runTool({"copy", "--relative", "--from0", "--finish-later", "--files-from", into + "/lists/shard-1",
@@ -218,6 +219,21 @@ TEST_F(PlanCommand, FinishingIsPlannedAsItIsDone) {
     EXPECT_TRUE(mentions(planned.out, "merge: " + one + "/inner -> " + into + "/copy/inner")) << planned.out;
     EXPECT_FALSE(mentions(planned.out, one + "/file")) << planned.out;
     EXPECT_EQ(0, run({"copy", "--dry-run", "-v"}).status);
+    ASSERT_EQ(0, ::rename((one + "/inner").c_str(), (scratch / "away").c_str())); // the other is left
+    EXPECT_EQ(1, run({"plan", "copy"}).status);
+    EXPECT_EQ(1, run({"copy"}).status);
+}
+
+TEST_F(PlanCommand, WhatFailsReplacesNothing) {
+    kit::writeFile(one + "/file", "newer");
+    kit::writeFile(into + "/old", "old");
+    ASSERT_EQ(0, ::link((into + "/old").c_str(), (into + "/other").c_str()));
+    ASSERT_EQ(0, ::mkdir((into + "/old~").c_str(), 0755));
+    const ToolResult planned = runTool({"plan", "copy", "-f", "--backup", one + "/file", into + "/old"});
+    EXPECT_EQ(2, planned.status);
+    EXPECT_TRUE(mentions(planned.out, "fail: ")) << planned.out;
+    EXPECT_FALSE(mentions(planned.out, "(backup: ")) << planned.out;
+    EXPECT_FALSE(mentions(planned.out, "of the old file")) << planned.out;
 }
 
 TEST_F(PlanCommand, ANameThatIsTakenGetsANumber) {

@@ -45,7 +45,7 @@ std::map<std::string, std::string> countsOf(const std::string &output) {
             continue;
         }
         for (const char *const name :
-             {"files", "done", "directories", "same", "cloned", "bytes", "losses", "exit_status"}) {
+             {"files", "done", "directories", "same", "cloned", "bytes", "losses", "sources_kept", "exit_status"}) {
             found[name] = memberOf(event.get(), name);
         }
     }
@@ -117,6 +117,17 @@ TEST_F(PlanCounts, ADirectoryThatStaysIsDone) {
     ASSERT_EQ(0, ::mkdir((scratch / "left").c_str(), 0755));
     ASSERT_EQ(0, ::mkfifo((scratch / "left/pipe").c_str(), 0600));
     EXPECT_EQ("1", agreed({"move", scratch / "left", volume.path()})["exit_status"]);
+}
+
+TEST_F(PlanCounts, WhatStaysAtTheSourceIsNotMoved) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    ASSERT_EQ(0, runTool({"copy", "-r", "-T", tree, scratch / "again"}).status);
+    const auto result = runTool({"move", "-v", "--exclude", "two", "-T", scratch / "again", volume / "there"});
+    EXPECT_TRUE(mentions(result.out, "2 files and 0 directories moved (")) << result.out;
+    EXPECT_TRUE(mentions(result.out, ", 2 of the sources stay\n")) << result.out;
+    const std::string both = scratch / "again/in -> " + (volume / "there/in");
+    EXPECT_TRUE(mentions(result.out, both + " (stays at the source)\n")) << result.out;
+    EXPECT_FALSE(mentions(result.out, "/one (stays")) << result.out;
 }
 
 TEST_F(PlanCounts, EveryWay) {

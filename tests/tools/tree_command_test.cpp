@@ -314,6 +314,29 @@ TEST_F(CopyTree, StopOnErrorEndsAtTheFirstFailure) {
     EXPECT_TRUE(mentions(result.err, "vexofileop: stopped at the first failure (--stop-on-error)\n"));
 }
 
+// Nobody takes half a directory for one that is there.
+TEST_F(CopyTree, WhatAStopLeftUnfinishedIsCancelled) {
+    const std::string done = "\"event\":\"directory\",\"operation\":\"copy\",\"status\":\"done\"";
+    const std::string cancelled = "\"event\":\"directory\",\"operation\":\"copy\",\"status\":\"cancelled\"";
+    makeDirectory(to);
+    makeDirectory(to + "/from");
+    for (const char *name : {"one", "link"}) {
+        kit::writeFile(to + "/from/" + name, "in the way");
+    }
+    for (const kit::Arguments &option : {kit::Arguments{"--stop-on-error"}, {"--max-errors", "1"}}) {
+        kit::Arguments arguments{"copy", "-r", "--json"};
+        arguments.insert(arguments.end(), option.begin(), option.end());
+        arguments.insert(arguments.end(), {from, to});
+        const ToolResult result = runTool(arguments);
+        EXPECT_TRUE(mentions(result.out, cancelled)) << result.out;
+        EXPECT_FALSE(mentions(result.out, done)) << result.out;
+        EXPECT_TRUE(mentions(result.out, "\"directories\":0,")) << result.out;
+    }
+    const ToolResult whole = runTool({"copy", "-r", "--json", from, to}); // failed, and not stopped
+    EXPECT_FALSE(mentions(whole.out, cancelled)) << whole.out;
+    EXPECT_TRUE(mentions(whole.out, done)) << whole.out;
+}
+
 TEST_F(CopyTree, IntoItselfIsRefusedBeforeAnythingIsWritten) {
     makeLink(from + "/sub", scratch / "alias");
     for (const std::string &place : {from + "/new", from + "/sub/new", scratch / "alias/new", from + "/sub/.."}) {

@@ -200,6 +200,9 @@ bool Planner::Walk::fail(PlannedEntry planned, Problem problem, std::vector<Loss
     planned.deed = accepted || counted ? Deed::skip : Deed::fail;
     std::erase_if(planned.losses, [](const Loss &loss) { return loss.cls == LossClass::name_changed; });
     planned.problem = std::move(problem);
+    planned.inPlace = false; // nothing is replaced
+    planned.backup.clear();
+    planned.oldNames = 0;
     std::ranges::move(losses, std::back_inserter(planned.losses));
     return tell(std::move(planned));
 }

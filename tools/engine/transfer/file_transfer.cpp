@@ -752,8 +752,11 @@ void FileTransfer::tell_old_names(const Attempt &attempt, Outcome &outcome) {
         return;
     }
     std::ranges::sort(names);
+    // The backup is told by itself.
+    const auto kept = outcome.backup.empty() ? std::nullopt : look_through(parent_of(outcome.backup));
+    const std::string backup = same(kept, attempt.to.look(".")) ? base_name(outcome.backup) : "";
     for (const std::string &name : names) {
-        if (same(attempt.old, attempt.to.look(name)) && outcome.oldNamesKnown.size() < mostNames) {
+        if (name != backup && outcome.oldNamesKnown.size() < mostNames && same(attempt.old, attempt.to.look(name))) {
             outcome.oldNamesKnown.push_back(joined(attempt.to.path(), name));
         }
     }

@@ -305,6 +305,9 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
             level.outcome.problem = Problem{"the source directory stays, with what was not moved", 0, true};
         }
     }
+    if (!m_move && !complete && level.outcome.status == Status::done && m_observer.stopped()) {
+        level.outcome.status = Status::cancelled;
+    }
     if (m_move && !gone) {
         keep_times(level.from, level.status.st, *names, level.left);
     }

@@ -115,6 +115,7 @@ int Batch::jobs_for(const std::vector<Errand> &errands) const {
 void Batch::run_below(const Errand &errand) {
     const engine::NamesBelow how = names_below(*errand.below, m_options.transfer);
     m_below = true;
+    m_directoriesAlone = how.directoriesAlone;
     for (const std::string &name : errand.below->names) {
         if (stopped()) {
             return;
@@ -185,6 +186,10 @@ void Batch::entry(engine::EntryKind kind, const std::string &source, const engin
         ++m_onTheWay;
     } else {
         ++counts[outcome.status];
+    }
+    m_keptSources += outcome.sourceStays ? 1 : 0;
+    if (outcome.sourceStays && outcome.status == engine::Status::done) {
+        ++(kind == engine::EntryKind::directory ? m_keptDirectories : m_keptFiles);
     }
     m_cloned += outcome.cloned ? 1 : 0;
     m_backups += outcome.backup.empty() ? 0 : 1;
@@ -374,11 +379,12 @@ void Batch::tell_old_names() {
         known += (known.empty() ? ": " : ", ") + engine::displayed(name);
     }
     const int64_t names = first.oldNames;
-    m_console.message(
-        fmt::format("{}: {} of the file that was replaced {} its content{}{}; --in-place changes them all",
-                    engine::displayed(first.destination),
-                    names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep",
-                    known, m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : ""));
+    // Which keeps no backup of what it writes into.
+    const char *const advice = m_options.transfer.backup.wanted ? "" : "; --in-place changes them all";
+    m_console.message(fmt::format(
+        "{}: {} of the file that was replaced {} its content{}{}{}", engine::displayed(first.destination),
+        names == 1 ? "another name" : fmt::format("{} other names", names), names == 1 ? "keeps" : "keep", known,
+        m_oldNamed.size() > 1 ? fmt::format("; and so for {} more", m_oldNamed.size() - 1) : "", advice));
 }
 
 void Batch::verbose_line(const std::string &source, const engine::Outcome &outcome) {
@@ -394,7 +400,8 @@ void Batch::verbose_line(const std::string &source, const engine::Outcome &outco
                        (outcome.inPlace ? " (in place)" : "") +
                        (outcome.oldNames > 0
                             ? fmt::format(" (other names that keep the old content: {})", outcome.oldNames)
-                            : ""));
+                            : "") +
+                       (outcome.sourceStays ? " (stays at the source)" : ""));
     } else if (outcome.status == engine::Status::skipped && !outcome.problem) {
         m_console.line(arrow(source, outcome.destination) +
                        (outcome.same ? " (the same already)" : " (skipped, destination exists)"));
@@ -438,7 +445,7 @@ std::string Batch::entry_line(engine::EntryKind kind, const std::string &source,
 
 int Batch::finish(size_t planned) {
     int succeeded = m_entries[engine::Status::done] + m_entries[engine::Status::skipped];
-    if (succeeded == 0 && m_entries[engine::Status::failed] == 0) {
+    if (m_directoriesAlone || (succeeded == 0 && m_entries[engine::Status::failed] == 0)) {
         succeeded = m_directories[engine::Status::done]; // a tree of directories, or one moved as a whole
     }
     // What a stop left undone is told by its own status.
@@ -494,12 +501,15 @@ std::string Batch::counts_line() const {
     const std::string same = updates() || m_same > 0 ? fmt::format(" ({} the same)", m_same) : "";
     const std::string backups = m_options.transfer.backup.wanted ? fmt::format(", {} backed up", m_backups) : "";
     return fmt::format("{} and {} {} ({}), {} skipped{}, {} failed{}{}",
-                       amount_text(m_entries[engine::Status::done], "file", "files"),
-                       amount_text(m_directories[engine::Status::done], "directory", "directories"),
+                       amount_text(m_entries[engine::Status::done] - m_keptFiles, "file", "files"),
+                       amount_text(m_directories[engine::Status::done] - m_keptDirectories, "directory", "directories"),
                        copies() ? "copied" : "moved", size_text(m_copied), m_entries[engine::Status::skipped], same,
                        m_entries[engine::Status::failed] + m_directories[engine::Status::failed],
                        copies() || m_cloned > 0 ? fmt::format(", {} cloned", m_cloned) : "", backups) +
            (m_onTheWay > 0 ? fmt::format(", {} on the way", amount_text(m_onTheWay, "directory", "directories")) : "") +
+           (m_keptSources > 0
+                ? fmt::format(", {} of the sources {}", m_keptSources, m_keptSources == 1 ? "stays" : "stay")
+                : "") +
            more_counts();
 }
 
@@ -523,6 +533,9 @@ std::string Batch::summary_line(size_t planned, int status) const {
         summary.add_number("backups", m_backups);
     }
     summary.add_number("bytes", m_copied);
+    if (!copies()) {
+        summary.add_number("sources_kept", m_keptSources);
+    }
     add_more(summary);
     m_receipt.add_to(summary);
     if (stopped()) {

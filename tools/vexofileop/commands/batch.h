@@ -104,7 +104,9 @@ class Batch : protected engine::TransferObserver {
     engine::LossSet m_stayingFor{}; // which of that may be accepted, and lets them go then
     bool m_treeSeen = false;
     bool m_below = false; // names are made anew, with the directories on their way
-    int m_onTheWay = 0;   // of those, directories of a move, which stay
+    bool m_directoriesAlone = false;
+    int m_onTheWay = 0;                                            // of those, directories of a move, which stay
+    int m_keptSources = 0, m_keptFiles = 0, m_keptDirectories = 0; // of a move, and those of them that are done
     bool m_failed = false;
     int m_passedOver = 0;      // for something stands there, which the caller wants to stay
     int64_t m_behind = 0;      // for the progress line: all that is done with, however it ended

@@ -54,6 +54,7 @@ void PlanRun::plan(const std::vector<Errand> &errands) {
             continue;
         }
         const engine::NamesBelow how = names_below(*errand.below, m_options.plan.transfer);
+        m_directoriesAlone = how.directoriesAlone;
         for (auto name = errand.below->names.begin(); name != errand.below->names.end() && !stopped(); ++name) {
             m_planner.run_below(errand.source, errand.destination, *name, how);
         }
@@ -245,7 +246,7 @@ void PlanRun::tell_room(const engine::VolumePlan &volume) {
 
 int PlanRun::finish() {
     const bool signalled = stop_signal() != 0;
-    const int succeeded = m_succeeded == 0 && !m_anyFailed ? m_directoriesDone : m_succeeded;
+    const int succeeded = m_directoriesAlone || (m_succeeded == 0 && !m_anyFailed) ? m_directoriesDone : m_succeeded;
     int status = signalled ? exitSignal + stop_signal() : exit_status(succeeded, m_failed ? 1 : 0);
     if (m_options.allOrNothing && !signalled && m_deeds[static_cast<size_t>(engine::Deed::fail)] > 0) {
         status = exitNone;
