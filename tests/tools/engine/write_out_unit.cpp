@@ -138,8 +138,12 @@ TEST_F(WriteOut, SourceGoesOnlyAfterThat) {
             if (watched.calls[gone].path.find(".vexofileop-") != std::string::npos) {
                 continue; // what was under way
             }
+            if (watched.calls[gone].path == "@eaDir") {
+                continue; // goes where it is empty alone: what lay in it has gone before
+            }
             const auto before = std::ranges::lower_bound(written, gone);
-            ASSERT_NE(written.begin(), before) << faults::nameOf(watched.calls[gone]);
+            ASSERT_NE(written.begin(), before)
+                << faults::nameOf(watched.calls[gone]) << " " << watched.calls[gone].path;
             const auto named = placesOf(watched, {SYS_renameat, SYS_renameat2});
             const auto lastNamed = std::ranges::lower_bound(named, gone);
             EXPECT_TRUE(lastNamed == named.begin() || *(before - 1) > *(lastNamed - 1)) << gone;
