@@ -167,6 +167,7 @@ TEST_F(Losses, WhatAStoreHoldsGivesItsCopyNoRights) {
         EXPECT_EQ("", kit::attribute(volume / "one", "security.capability")) << from;
         EXPECT_EQ("b", kit::attribute(volume / "one", "user.b")) << from;
     }
+    ::unsetenv("VEXOFILEOP_FSTYPES"); // NOLINT(concurrency-mt-unsafe)
 }
 
 // What is kept without an "@eaDir" may get one, beside the copy only.
