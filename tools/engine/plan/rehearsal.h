@@ -73,7 +73,10 @@ class Rehearsal {
     void add_merged_store(const Side &source, const Side &merged, std::vector<Loss> &losses) const;
     void add_empty_store(const KeptPlace &empty, const VolumeFacts &facts, const Side *merged,
                          std::vector<Loss> &losses);
-    void add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses, int depth = 0);
+    void add_tree(const Side &source, const Side *there, const std::string &path, bool carried,
+                  std::vector<Loss> &losses, int depth = 0);
+    static void add_left(const Side &source, const struct stat &found, const Side *there, const std::string &path,
+                         std::vector<Loss> &losses);
     bool add_kept_entry(const Side &source, const struct stat &found, const std::string &path,
                         std::vector<Loss> &losses);
     void find_out();

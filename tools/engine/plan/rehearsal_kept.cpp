@@ -38,7 +38,10 @@ void Rehearsal::add_kept(const Side &source, const Side *merged, std::vector<Los
                                   : kept_place(source, Kept::own);
         if (own.there) {
             const bool carried = m_volume.store != StoreKind::none && can_make_stores();
-            add_tree({own.parent.get(), own.name, plain_facts(source.volume)}, "", carried, losses);
+            const KeptPlace there = merged == nullptr ? KeptPlace{} : kept_place(*merged, Kept::own);
+            const Side mine{own.parent.get(), own.name, plain_facts(source.volume)};
+            const Side theirs{there.parent.get(), there.name, plain_facts(m_volume)};
+            add_tree(mine, there.there ? &theirs : nullptr, "", carried, losses);
         }
     } catch (const Failure &failure) {
         losses.push_back({LossClass::unreadable, fmt::format("what is kept in \"@eaDir\": {}", failure.what())});
@@ -63,9 +66,9 @@ void Rehearsal::add_empty_store(const KeptPlace &empty, const VolumeFacts &facts
     }
 }
 
-// Each entry goes along by itself.
-void Rehearsal::add_tree(const Side &source, const std::string &path, bool carried, std::vector<Loss> &losses,
-                         int depth) {
+// Each entry goes along by itself. `there`: what has its name in what it is merged into, which stays where it does not.
+void Rehearsal::add_tree(const Side &source, const Side *there, const std::string &path, bool carried,
+                         std::vector<Loss> &losses, int depth) {
     struct stat found {};
     if (::fstatat(source.directory, source.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
         return;
@@ -80,13 +83,27 @@ void Rehearsal::add_tree(const Side &source, const std::string &path, bool carri
     }
     const bool top = depth == 0 && !names->empty();
     if (!(carried && add_kept_entry(source, found, path, losses)) && !top) {
-        losses.push_back(kept_loss(found, path));
+        add_left(source, found, there, path, losses);
     }
+    const Descriptor beside = there == nullptr ? Descriptor(-1) : open_directory(there->directory, there->name);
     for (const std::string &name : *names) {
         if (!is_left_over(name)) {
-            add_tree({inner.get(), name, source.volume}, path.empty() ? name : joined(path, name), carried, losses,
-                     depth + 1);
+            const Side other{beside.get(), name, there == nullptr ? VolumeFacts{} : there->volume};
+            add_tree({inner.get(), name, source.volume}, beside.get() < 0 ? nullptr : &other,
+                     path.empty() ? name : joined(path, name), carried, losses, depth + 1);
         }
+    }
+}
+
+void Rehearsal::add_left(const Side &source, const struct stat &found, const Side *there, const std::string &path,
+                         std::vector<Loss> &losses) {
+    struct stat other {};
+    if (there == nullptr || ::fstatat(there->directory, there->name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0) {
+        losses.push_back(kept_loss(found, path));
+        return;
+    }
+    for (const Loss &loss : compare_entries(source, *there, {})) {
+        losses.push_back(kept_loss(loss, path));
     }
 }
 

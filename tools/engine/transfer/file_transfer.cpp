@@ -1206,7 +1206,7 @@ void FileTransfer::prove(const Attempt &attempt, Outcome &outcome) const {
 }
 
 // What an earlier run has made of another name of this file is read before this name becomes one of it, or goes: a note
-// is no proof.
+// is no proof, nor is a change time that is another one.
 void FileTransfer::prove_claim(const Attempt &attempt) {
     const bool move = m_options.operation == Operation::move;
     const auto *const made = move && !attempt.asItIs ? m_linked.claimed(*attempt.entry) : nullptr;
@@ -1214,8 +1214,9 @@ void FileTransfer::prove_claim(const Attempt &attempt) {
         return;
     }
     const HeldDirectory directory(parent_of(made->path));
-    const auto is_other = [](const Loss &one) {
-        return one.cls == LossClass::data || one.cls == LossClass::unreadable;
+    const bool noted = made->claimed;
+    const auto is_other = [noted](const Loss &one) {
+        return noted ? one.cls == LossClass::data || one.cls == LossClass::unreadable : one.cls != LossClass::hard_link;
     };
     const bool proven =
         directory.is_open() &&
@@ -1224,7 +1225,7 @@ void FileTransfer::prove_claim(const Attempt &attempt) {
                              is_other);
     if (proven) {
         m_linked.prove(*attempt.entry);
-    } else if (!m_observer.stopped()) {
+    } else if (noted && !m_observer.stopped()) {
         m_linked.forget(*attempt.entry);
     }
 }

@@ -99,14 +99,20 @@ void LinkedFiles::claim(const FileNumber &file, Made made) {
 
 const LinkedFiles::Made *LinkedFiles::claimed(const struct stat &file) {
     const auto found = m_files.find(inode_of(file));
-    if (found == m_files.end() || !found->second.claimed || !S_ISREG(file.st_mode)) {
+    if (found == m_files.end() || !S_ISREG(file.st_mode)) {
         return nullptr;
     }
     Made &made = found->second;
+    const bool doubted = !made.claimed && !made.path.empty() && !made.alone && !Witness(made.source).is(file);
+    if (!made.claimed && !doubted) {
+        return nullptr;
+    }
     struct stat now {};
     if (file.st_size != made.source.st_size || !same_time(file.st_mtim, made.source.st_mtim) ||
         ::lstat(made.path.c_str(), &now) != 0 || !is_still(made.file, now)) {
-        m_files.erase(found);
+        if (!doubted) {
+            m_files.erase(found);
+        }
         return nullptr;
     }
     return &made;

@@ -50,7 +50,9 @@ class LinkedFiles {
 
     // What a note says that an earlier run has made of a file: it counts once that is proven.
     void claim(const FileNumber &file, Made made);
-    // The same of a source, as long as both of them are what was noted; what is not is forgotten.
+    // The same of a source, as long as both of them are what was noted; what is not is forgotten. And of what this run
+    // has made of it, where nothing but the change time of the source is another one: FUSE tells that of a name that
+    // went when it likes.
     const Made *claimed(const struct stat &file);
     void prove(const struct stat &file);
     void forget(const struct stat &file) { m_files.erase({file.st_dev, file.st_ino}); }
