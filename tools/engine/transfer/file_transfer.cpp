@@ -1218,11 +1218,15 @@ void FileTransfer::prove_claim(const Attempt &attempt) {
     const auto is_other = [noted](const Loss &one) {
         return noted ? one.cls == LossClass::data || one.cls == LossClass::unreadable : one.cls != LossClass::hard_link;
     };
+    Side source = attempt.from.side(attempt.sourceName), there = directory.side(base_name(made->path));
+    for (Side *const one : {&source, &there}) {
+        if (!noted && one->volume.store != StoreKind::native) { // what is kept beside it is that of each name
+            one->volume.store = StoreKind::none;
+            one->volume.noDirectory = true;
+        }
+    }
     const bool proven =
-        directory.is_open() &&
-        std::ranges::none_of(compare_entries(attempt.from.side(attempt.sourceName),
-                                             directory.side(base_name(made->path)), compare_options(true)),
-                             is_other);
+        directory.is_open() && std::ranges::none_of(compare_entries(source, there, compare_options(true)), is_other);
     if (proven) {
         m_linked.prove(*attempt.entry);
     } else if (noted && !m_observer.stopped()) {

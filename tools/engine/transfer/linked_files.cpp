@@ -180,7 +180,11 @@ void LinkedFiles::touched(const struct stat &now) {
     if (found == m_files.end()) {
         return;
     }
-    if (now.st_nlink == 0) {
+    struct stat &known = found->second.source;
+    if (now.st_nlink == 0 && known.st_nlink > 1) { // as FUSE counts where it has an inode for each name
+        --known.st_nlink;
+        known.st_ctim = {};
+    } else if (now.st_nlink == 0) {
         m_files.erase(found); // its number is free for another file
     } else if (found->second.source.st_size == now.st_size &&
                found->second.source.st_mtim.tv_sec == now.st_mtim.tv_sec &&
