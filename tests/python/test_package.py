@@ -1,4 +1,5 @@
 """The package as such: errors, tables, and what it is loaded from."""
+import glob
 import errno
 import inspect
 import os
@@ -68,7 +69,9 @@ class Package(Case):
         return subprocess.run([sys.executable, "-c", "import vexofileop"], env=made, check=False, capture_output=True, text=True)
 
     def copy_of_package(self):
-        shutil.copytree(PACKAGE, "elsewhere/vexofileop", ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copytree(PACKAGE, "elsewhere/vexofileop", ignore=shutil.ignore_patterns("__pycache__", "*.so"))
+        for library in glob.glob(PACKAGE + "/*.so"): # it finds the others from where it stands
+            os.symlink(os.path.realpath(library), "elsewhere/vexofileop/" + os.path.basename(library))
         return os.path.join(self.top, "elsewhere")
 
     def test_refuses_a_binding_that_is_missing_or_another(self):
