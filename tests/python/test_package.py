@@ -57,6 +57,9 @@ class Package(Case):
         for name in vexofileop.__all__:
             found = getattr(vexofileop, name)
             self.assertTrue(inspect.getdoc(found), name)
+            if inspect.isfunction(found):
+                with self.subTest(name):
+                    self.assertIn("\n>>> ", inspect.getdoc(found), "has no example")
         with open(os.path.join(os.path.dirname(__file__), "../../docs/python.md"), encoding="utf-8") as file:
             guide = file.read()
         for name in vexofileop.__all__:
