@@ -470,6 +470,11 @@ bool TreeTransfer::entry(const Level &level, const std::string &name, std::vecto
     default:
         break;
     }
+    if (may_be_plain(level)) {
+        if (const auto whole = plain_entry(level, name)) {
+            return *whole;
+        }
+    }
     const auto found = level.from.look(name);
     const EntryKind kind = kind_of_entry(found);
     if (kind != EntryKind::directory && m_mounts.contains(joined(level.source, name))) {
