@@ -561,6 +561,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), problem_of_errno(errno));
     }
     std::ranges::move(strangers, std::back_inserter(planned.losses));
+    planned.uncounted = !complete && m_observer.stopped();
     if (moves() && !complete) {
         planned.sourceStays = true;
         // What was not meant stays without a word.
@@ -1133,6 +1134,7 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
         !merge_directory(taken, above.inner, *opened, how.unfinished)) {
         return false;
     }
+    opened->planned.uncounted = moves();
     const bool first = m_told.insert(opened->inner.path).second;
     if (first && !(how.unfinished && opened->planned.deed == Deed::merge)) {
         m_observer.entry(opened->planned);
