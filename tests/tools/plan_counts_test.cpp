@@ -45,8 +45,8 @@ std::map<std::string, std::string> countsOf(const std::string &output) {
         if (memberOf(event.get(), "event") != "\"summary\"") {
             continue;
         }
-        for (const char *const name :
-             {"files", "done", "directories", "same", "cloned", "bytes", "losses", "sources_kept", "exit_status"}) {
+        for (const char *const name : {"files", "done", "directories", "same", "cloned", "bytes", "losses",
+                                       "sources_kept", "exit_status", "removal_refused"}) {
             found[name] = memberOf(event.get(), name);
         }
     }
@@ -152,6 +152,25 @@ TEST_F(PlanCounts, EveryWay) {
         command.insert(command.begin() + 1, way.begin(), way.end());
         (void)agreed(command);
     }
+}
+
+// A run that ends at a failure leaves what it is in, and what a move takes something out of is not moved.
+TEST_F(PlanCounts, DirectoriesThatAreNotGotToTheEndOf) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const std::string copy = volume / "copy";
+    ASSERT_EQ(0, ::mkfifo((tree + "/in/pipe").c_str(), 0600));
+    ASSERT_EQ(0, ::mkdir(copy.c_str(), 0755));
+    kit::writeFile(copy + "/old", "old");
+    kit::writeFile(scratch / "list", std::string("in/two\0one\0", 11));
+    for (const Arguments &way : {Arguments{"--max-errors", "1"}, {"--stop-on-error"}}) {
+        Arguments command{"copy", "-r", "-f", "-T", tree, copy}, mirror{"mirror", "-f", tree, copy};
+        command.insert(command.begin() + 1, way.begin(), way.end());
+        mirror.insert(mirror.begin() + 1, way.begin(), way.end());
+        EXPECT_EQ("0", agreed(command)["directories"]);
+        EXPECT_EQ("\"incomplete\"", agreed(mirror)["removal_refused"]);
+    }
+    Arguments move{"move", "-f", "--relative", "--from0", "--files-from", scratch / "list", tree, copy};
+    EXPECT_EQ("0", agreed(move)["directories"]);
 }
 
 // On a volume that loses what is of directories: whoever gives it to them is told that, the directory that was cut too.

@@ -3,6 +3,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/name_match.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/naming/naming.h"
 #include "tools/engine/plan/destination.h"
 #include "tools/engine/plan/store_room.h"
@@ -400,7 +401,10 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     VolumeFacts facts = volume_facts(from.fd(), from.type());
     facts.noDirectory = !hasStore;
     bool complete = true;
-    own_names_first(inner.volume->rehearsal->volume().type, *found, [](const Entry &one) { return one.name; });
+    Rehearsal &rehearsal = *inner.volume->rehearsal;
+    own_names_first(
+        rehearsal.volume().type, *found, [](const Entry &one) { return one.name; },
+        [&](const std::string &name) { return rehearsal.listed(name) == name; });
     const GivenNames given = names_for(from, inner, *found);
     strangers.insert(strangers.end(), given.losses.begin(), given.losses.end());
     for (const Entry &one : *found) {
@@ -557,6 +561,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), problem_of_errno(errno));
     }
     std::ranges::move(strangers, std::back_inserter(planned.losses));
+    planned.uncounted = !complete && m_observer.stopped();
     if (moves() && !complete) {
         planned.sourceStays = true;
         // What was not meant stays without a word.
@@ -864,7 +869,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const uint64_t limit = volume.rehearsal->volume().largestFile;
     if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
-        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
+        const std::string reason = too_large_text(static_cast<uint64_t>(found.st_size), limit);
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
     // What is written into keeps attributes that the source has not.
@@ -1129,6 +1134,7 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
         !merge_directory(taken, above.inner, *opened, how.unfinished)) {
         return false;
     }
+    opened->planned.uncounted = moves();
     const bool first = m_told.insert(opened->inner.path).second;
     if (first && !(how.unfinished && opened->planned.deed == Deed::merge)) {
         m_observer.entry(opened->planned);

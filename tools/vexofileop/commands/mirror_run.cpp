@@ -266,6 +266,9 @@ int MirrorPlan::run() {
             m_left = counted_surplus(counting) - m_removed;
             m_console.message(fmt::format("no more would be removed, for --max-delete is {}", m_mirror.most));
         }
+    } else if (m_pair.exists && stop_signal() == 0) {
+        m_console.message("nothing would be removed, for not everything can be copied");
+        m_refused = "incomplete";
     }
     return finish();
 }
