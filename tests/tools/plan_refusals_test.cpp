@@ -350,15 +350,22 @@ TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {
     ASSERT_EQ(0, runTool({"copy", "-rT", volume / "one", volume / "two"}).status);
     ASSERT_EQ(0, ::unlink((volume / "one/changed").c_str()));
     ASSERT_EQ(0, ::symlink("elsewhere", (volume / "one/changed").c_str()));
-    const timespec old[] = {{1000, 0}, {0, UTIME_OMIT}};
+    // As long as before, and of the same time.
+    ASSERT_EQ(0, ::symlink("to hear", (volume / "one/turned").c_str()));
+    ASSERT_EQ(0, ::symlink("to here", (volume / "two/turned").c_str()));
+    const timespec old[] = {{1000, 0}, {0, UTIME_OMIT}}, both[] = {{1000, 0}, {2000, 0}};
+    for (const char *const link : {"one/turned", "two/turned"}) {
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, (volume / link).c_str(), both, AT_SYMLINK_NOFOLLOW));
+    }
     for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
         ASSERT_EQ(0, ::utimensat(AT_FDCWD, (volume / link).c_str(), old, AT_SYMLINK_NOFOLLOW));
     }
     const ToolResult update = runTool({"plan", "copy", "-ruvT", volume / "one", volume / "two"});
     EXPECT_TRUE(mentions(update.out, "/two/link: the same already")) << update.out;
     EXPECT_TRUE(mentions(update.out, "replace: " + volume / "one/changed")) << update.out;
+    EXPECT_TRUE(mentions(update.out, "replace: " + volume / "one/turned")) << update.out;
     EXPECT_EQ(0, runTool({"plan", "mirror", volume / "one", volume / "two"}).status);
-    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
+    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed", "one/turned", "two/turned"}) {
         EXPECT_EQ(1000, kit::statOf(volume / link).st_atim.tv_sec) << link;
     }
 }
