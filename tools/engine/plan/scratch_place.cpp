@@ -22,9 +22,17 @@ std::unique_ptr<ScratchPlace> ScratchPlace::in(int directory) {
     if (::futimens(above.get(), times) != 0) {
         return nullptr;
     }
+    for (const std::string &name : left_overs_in(above.get()).gone) { // of a plan that was killed
+        struct stat found {};
+        const bool ours = ::fstatat(above.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+                          found.st_uid == ::geteuid() && (found.st_mode & 07777) == 0700;
+        if (ours && name.ends_with(kTrialSuffix)) {
+            (void)remove_left_over(above.get(), name);
+        }
+    }
     constexpr int most = 100;
     for (int i = 0; i < most; ++i) {
-        const std::string name = next_private_name();
+        const std::string name = next_private_name() + kTrialSuffix;
         if (::mkdirat(above.get(), name.c_str(), 0700) == 0) {
             std::unique_ptr<ScratchPlace> made(new ScratchPlace(std::move(above), before, name));
             return made->fd() < 0 ? nullptr : std::move(made);

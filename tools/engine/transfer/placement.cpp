@@ -531,7 +531,7 @@ std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
         }
     }
     for (const std::string &name : names) {
-        if (without_suffix(name) != name || kept.contains(name)) {
+        if ((without_suffix(name) != name && !name.ends_with(kTrialSuffix)) || kept.contains(name)) {
             continue;
         }
         if (may_be_ours(directory, name)) {

@@ -22,6 +22,9 @@ std::string next_private_name();
 
 std::string private_name(const Maker &maker, int number);
 
+// Behind the name of a directory in which is only tried what a volume takes.
+inline constexpr char kTrialSuffix[] = ".trial";
+
 // Nothing: it is not of the first form.
 std::optional<Maker> maker_of(std::string_view privateName);
 
