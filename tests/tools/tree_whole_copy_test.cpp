@@ -385,7 +385,9 @@ class ChangingTree : public WholeCopy {
             if (number == kFiles / 2) {
                 mountSlowFile(*slow);
             }
-            kit::writeFile(sub + "/file" + std::to_string(number), "content");
+            const std::string file = sub + "/file" + std::to_string(number);
+            kit::writeFile(file, "content");
+            kit::setAttribute(file, "security.NTACL", "windows"); // or it would not be for the tree engine
         }
     }
     void TearDown() override {
