@@ -9,6 +9,7 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/stack_room.h"
+#include "tools/engine/walk/units.h"
 
 #include <cerrno>
 #include <dirent.h>
@@ -20,6 +21,7 @@
 namespace engine {
 namespace {
 
+constexpr uid_t kRootUser = 0; // nobody else copies so
 constexpr int kPlainFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // Reads a directory. False: it is not to be copied so. Where its first files are nothing more than files the others
@@ -111,7 +113,9 @@ bool TreeTransfer::open_plain(const Level &above, const std::string &name, Level
         return false;
     }
     Descriptor to(::openat(above.to.fd(), name.c_str(), kPlainFlags));
-    if (to.get() < 0 || ::fstat(to.get(), &opened) != 0 || opened.st_dev != above.there.st_dev) {
+    // Whoever owns the directory above may have put one of his there.
+    if (to.get() < 0 || ::fstat(to.get(), &opened) != 0 || opened.st_dev != above.there.st_dev ||
+        opened.st_uid != kRootUser || (opened.st_mode & kModeBits & ~mode_t{S_ISGID}) != S_IRWXU) {
         return false;
     }
     level.status = *status;

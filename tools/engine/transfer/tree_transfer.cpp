@@ -50,9 +50,7 @@ namespace engine {
 namespace {
 
 Problem problem_of_making(int number) {
-    return number == ENOENT  ? problem_of(kDestinationMissing)
-           : number == EROFS ? problem_of(kReadOnly)
-                             : problem_of_errno(number);
+    return number == ENOENT ? problem_of(kDestinationMissing) : problem_of_errno(number);
 }
 
 // With what it has. False: there is none.
@@ -156,11 +154,14 @@ GivenName TreeTransfer::named(const std::string &source, const std::string &dest
 
 // Of all that a directory holds, before the first of it is there. The list of the source is none of it.
 void TreeTransfer::give_names(Level &level, const Place &destination, NameBlock &names) {
-    if (!m_naming.wanted() && !volume_traits(destination.in.type()).fatNames) {
+    const bool takesAll = takes_every_name(level.to.facts().magic);
+    if (takesAll && !m_naming.wanted() && !volume_traits(destination.in.type()).fatNames) {
         return;
     }
     std::vector<std::string> all = names.all();
-    own_names_first(destination.in.type(), all, [](const std::string &name) { return name; });
+    own_names_first(
+        destination.in.type(), all, [](const std::string &name) { return name; },
+        [&](const std::string &name) { return takesAll || !name_kept(level.to.fd(), name); });
     if (m_naming.wanted()) {
         level.given = m_naming.of_all(level.from.fd(), all, {level.to.fd(), level.to.path(), level.to.type()});
         level.outcome.losses.insert(level.outcome.losses.end(), level.given.losses.begin(), level.given.losses.end());
