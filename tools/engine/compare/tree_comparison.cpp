@@ -451,8 +451,11 @@ class TreeComparison {
             }, other{};
             (void)::fstatat(level.one.fd(), item.name.c_str(), &one, AT_SYMLINK_NOFOLLOW);
             (void)::fstatat(level.other.fd(), found.name.c_str(), &other, AT_SYMLINK_NOFOLLOW);
-            lose(path, otherPath, class_of_clash(one.st_mode, other.st_mode),
-                 fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash))));
+            const LossClass cls = class_of_clash(one.st_mode, other.st_mode);
+            const bool held = cls != LossClass::symbolic_link || volume_traits(level.other.facts.type).links;
+            lose(path, otherPath, cls,
+                 held ? fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash)))
+                      : kLinkNotHeld);
             m_observer.compared(path, kind_of_item(item), 0);
             return;
         }

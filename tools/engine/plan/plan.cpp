@@ -656,9 +656,10 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     if (written && known->second != source.name) {
         auto of_first = m_transfer.links ? source.in.look(known->second) : source.in.look_through(known->second);
         of_first = of_first ? of_first : std::optional(content);
+        const LossClass cls = class_of_clash((asItIs ? entry : content).st_mode, (there ? there : of_first)->st_mode);
+        const bool held = cls != LossClass::symbolic_link || volume_traits(rehearsal.volume().type).links;
         return fail(planned, {"another name of the source has become the same one; not replaced", kExists},
-                    {{class_of_clash((asItIs ? entry : content).st_mode, (there ? there : of_first)->st_mode),
-                      "another name of the source has become the same one"}});
+                    {{cls, held ? "another name of the source has become the same one" : kLinkNotHeld}});
     }
     if (conflict == Conflict::skip) {
         planned.deed = Deed::skip;

@@ -232,6 +232,16 @@ bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourc
            (is_folded(to, name) || m_names.contains({there.st_dev, there.st_ino}));
 }
 
+std::optional<struct stat> WrittenEntries::unseen_taker(const std::string &sourceName, const HeldDirectory &to,
+                                                        const std::string &name) const {
+    if (takes_every_name(to.facts().magic) || to.look(name)) {
+        return std::nullopt;
+    }
+    const auto found = m_folded.find(folded_in(to, name));
+    return found == m_folded.end() || found->second.source == hash_of_source(sourceName) ? std::nullopt
+                                                                                         : to.look(found->second.name);
+}
+
 Outcome failure(const std::string &destination, Problem problem) {
     Outcome outcome;
     outcome.status = Status::failed;

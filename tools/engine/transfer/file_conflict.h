@@ -64,6 +64,10 @@ class WrittenEntries {
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const;
 
+    // What keeps an entry of another name of the source from being made under this one, where the volume does not find
+    // it by that.
+    std::optional<struct stat> unseen_taker(const std::string &sourceName, const HeldDirectory &to,
+                                            const std::string &name) const;
     void merge(WrittenEntries &other) {
         m_names.merge(other.m_names);
         m_marks.merge(other.m_marks);

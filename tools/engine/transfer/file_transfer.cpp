@@ -230,7 +230,12 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
         const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
-        if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
+        const auto taker = meant && outcome.problem->code == kExists
+                               ? m_written.unseen_taker(attempt.sourceName, to, attempt.name)
+                               : std::nullopt;
+        if (taker) {
+            outcome = clash(outcome.destination, meant->st_mode, taker->st_mode);
+        } else if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
             outcome.losses.push_back({*cls, words_of(*cls, *outcome.problem, meant, to, attempt.name)});
         } else if (auto tooLarge = refusal_of_holes(*outcome.problem, meant, to)) {
             outcome.losses.push_back(std::move(*tooLarge));

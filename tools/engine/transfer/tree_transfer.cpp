@@ -589,16 +589,29 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     return true;
 }
 
+static Loss name_clash() {
+    return {LossClass::name_clash, "another name of the source has become the same one"};
+}
+
+static Problem just_merged() {
+    return {"the destination was just written by this command; not merged", kExists};
+}
+
 bool TreeTransfer::existing_destination(Level &level, const Place &source, const Place &destination) {
     const auto there = destination.in.look(destination.name);
     if (!there) {
-        return failed(level.source, level.destination, problem_of_errno(errno));
+        Problem problem = problem_of_errno(errno);
+        if (!m_made.unseen_taker(source.name, destination.in, destination.name) &&
+            !m_files.written().unseen_taker(source.name, destination.in, destination.name)) {
+            return failed(level.source, level.destination, std::move(problem));
+        }
+        return failed(level.source, level.destination, just_merged(), {name_clash()});
     }
     // Two names that a FAT volume makes one of, or two sources of one name.
     std::vector<Loss> losses;
     if (m_made.is_clash(*there, source.name, destination.in, destination.name) ||
         m_files.is_clash(*there, source.name, destination.in, destination.name)) {
-        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+        losses.push_back(name_clash());
     }
     if (!S_ISDIR(there->st_mode)) {
         return failed(level.source, level.destination,
@@ -612,12 +625,10 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     }
     const bool onOtherWay = m_stepped.is_clash(*there, source.name, destination.in, destination.name);
     if (onOtherWay && losses.empty()) {
-        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+        losses.push_back(name_clash());
     }
     const bool merged = !onOtherWay && (level.onTheWay || !m_made.contains(*there, destination.in, destination.name));
-    return merged ||
-           failed(level.source, level.destination,
-                  {"the destination was just written by this command; not merged", kExists}, std::move(losses));
+    return merged || failed(level.source, level.destination, just_merged(), std::move(losses));
 }
 
 // What the destination gets once its entries are there: an entry made later would change its times again.
