@@ -46,7 +46,7 @@ std::string stream_name(const std::string &path, const char *stream) {
     return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
 }
 
-bool is_directory(const Entry &entry) {
+bool is_directory_entry(const Entry &entry) {
     return entry.type == DT_DIR;
 }
 
@@ -166,7 +166,7 @@ void TreeRemoval::remove_entry(const std::string &name, mode_t mode) {
 void TreeRemoval::Level::list(std::vector<Entry> listed) {
     entries = std::move(listed);
     next = 0;
-    directories = static_cast<size_t>(std::ranges::count_if(entries, is_directory));
+    directories = static_cast<size_t>(std::ranges::count_if(entries, is_directory_entry));
 }
 
 // ---- Several processes ----
@@ -190,7 +190,7 @@ bool TreeRemoval::give_half(size_t at) {
     RecordWriter names;
     size_t given = 0, last = level.entries.size();
     for (; given < most && last > level.next && names.bytes().size() < mostBytes; --last) {
-        if (const Entry &entry = level.entries[last - 1]; is_directory(entry)) {
+        if (const Entry &entry = level.entries[last - 1]; is_directory_entry(entry)) {
             names.text(entry.name);
             ++given;
         }
@@ -206,7 +206,7 @@ bool TreeRemoval::give_half(size_t at) {
         return false;
     }
     const auto from = level.entries.begin() + static_cast<std::ptrdiff_t>(last);
-    level.entries.erase(std::remove_if(from, level.entries.end(), is_directory), level.entries.end());
+    level.entries.erase(std::remove_if(from, level.entries.end(), is_directory_entry), level.entries.end());
     level.directories -= given;
     return true;
 }
@@ -341,11 +341,11 @@ void TreeRemoval::remove_next() {
     m_path.resize(level.pathLength);
     m_path += '/';
     m_path += entry.name;
-    if (is_directory(entry) && level.directories > 0) {
+    if (is_directory_entry(entry) && level.directories > 0) {
         --level.directories;
     }
     if (!level.entries_belong()) {
-        begin(is_directory(entry) ? m_path + '/' : m_path);
+        begin(is_directory_entry(entry) ? m_path + '/' : m_path);
     }
     if (!is_asked_for() && !level.entries_belong()) {
         const NameKind kind = name_kind(m_way.path_of("."), entry.name, level.type);
@@ -354,7 +354,7 @@ void TreeRemoval::remove_next() {
             return; // goes with what it belongs to, or has gone with it
         }
     }
-    if (is_directory(entry)) {
+    if (is_directory_entry(entry)) {
         enter(entry);
     } else if (confirmed(mode_of(entry), RemovalQuestion::entry)) {
         unlink(entry);
