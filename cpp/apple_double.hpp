@@ -159,7 +159,9 @@ class AppleDouble {
         if (!has(entry) || value.size() != old.size()) {
             return Error(Code::invalid_argument, EINVAL, "change an AppleDouble record", {});
         }
-        std::memcpy(m_record.raw + slot(entry).offset, value.data(), value.size());
+        if (!value.empty()) { // one that lies behind bytes() is nowhere in them
+            std::memcpy(m_record.raw + slot(entry).offset, value.data(), value.size());
+        }
         return {};
     }
     // Stores bytes() as the record of a file; what lies behind them in a resource file stays. Errors: Code::none with
@@ -273,6 +275,9 @@ inline Result<void> set_adouble_finder_info(const std::filesystem::path &path, c
     if (::fstat(store->file.get(), &found) != 0) {
         return Error(Code::stat, errno, kWritingFinderInfo, path);
     }
+    if (found.st_size == 0 && info.empty()) {
+        return {};
+    }
     if (found.st_size == 0) {
         static constexpr char start[] = "\0\5\26\7\0\2\0\0Mac OS X        \0\2"
                                         "\0\0\0\11\0\0\0\62\0\0\0\40\0\0\0\2\0\0\0\122\0\0\0";
@@ -300,6 +305,13 @@ inline Result<void> set_resource_finder_info(const std::filesystem::path &path, 
         const Result<OpenStore> store = open_store(path, kind, kResourceStream, Access::read);
         if (!store) {
             return store.error().is_missing() ? Result<void>() : store.error();
+        }
+        struct stat found {};
+        if (::fstat(store->file.get(), &found) != 0) {
+            return Error(Code::stat, errno, kWritingFinderInfo, path);
+        }
+        if (found.st_size == 0) {
+            return {};
         }
     }
     forget();

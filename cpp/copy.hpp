@@ -18,6 +18,7 @@
 #include "copy/copy.h"
 #include "cpp/result.hpp"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -490,7 +491,7 @@ inline Result<void> enable_clones(bool on) {
 }
 
 // The path with "-" in place of what a FAT volume does not take in the last component. Errors: Code::invalid_argument
-// for "/", Code::out_of_memory.
+// for "/", Code::out_of_memory, Code::name_too_long.
 inline Result<std::filesystem::path> fat_path(const std::filesystem::path &path) {
     const detail::PathArgument given(path);
     if (!given) {
@@ -498,6 +499,9 @@ inline Result<std::filesystem::path> fat_path(const std::filesystem::path &path)
     }
     char fixed[4096] = "";
     detail::forget();
+    if (std::strlen(given.c_str()) >= sizeof fixed) { // which would be cut to the path of another file
+        return Error(Code::name_too_long, ENAMETOOLONG, "name", path);
+    }
     if (VEXOStrReplaceFATReservedChar(given.c_str(), fixed, sizeof fixed) != 0) {
         return Error::last("name", path);
     }

@@ -48,6 +48,18 @@ if(VEXO_PYTHON_PACKAGE)
   file(RELATIVE_PATH binding_to_library "/${binding_dir}" "/${CMAKE_INSTALL_LIBDIR}")
   set_target_properties(vexofileop_binding PROPERTIES
     INSTALL_RPATH "$ORIGIN/${binding_to_platform};$ORIGIN/${binding_to_library}")
+  if(built_as_installed)
+    file(RELATIVE_PATH library_to_binding "/${CMAKE_INSTALL_LIBDIR}" "/${binding_dir}")
+    cmake_path(ABSOLUTE_PATH library_to_binding BASE_DIRECTORY "${built_libdir}" NORMALIZE OUTPUT_VARIABLE built_binding)
+    cmake_path(IS_PREFIX CMAKE_BINARY_DIR "${built_binding}" binding_as_installed)
+    if(binding_as_installed)
+      # The package has a link to it, which its loader follows first.
+      set_target_properties(vexofileop_binding PROPERTIES
+        LIBRARY_OUTPUT_DIRECTORY "${built_binding}" BUILD_WITH_INSTALL_RPATH ON)
+      set(file_name "${CMAKE_SHARED_LIBRARY_PREFIX}vexofileop-binding${CMAKE_SHARED_LIBRARY_SUFFIX}")
+      file(CREATE_LINK "${built_binding}/${file_name}" "${CMAKE_BINARY_DIR}/python/vexofileop/${file_name}" SYMBOLIC)
+    endif()
+  endif()
   install(TARGETS vexofileop_binding LIBRARY DESTINATION "${binding_dir}" COMPONENT python3-vexofileop)
   install(FILES "${CMAKE_SOURCE_DIR}/docs/python.md" DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/python3-vexofileop"
     COMPONENT python3-vexofileop)

@@ -69,8 +69,9 @@ bool may_move_in_kernel(int srcFd, const struct stat &src, int dstFd) {
 
 class Transfer {
   public:
-    Transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source)
-        : m_srcFd(srcFd), m_dstFd(dstFd), m_size(size), m_callbacks(callbacks), m_source(source) {}
+    Transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source,
+             const struct stat *seen)
+        : m_srcFd(srcFd), m_dstFd(dstFd), m_size(size), m_callbacks(callbacks), m_source(source), m_seen(seen) {}
 
     int run();
 
@@ -94,7 +95,8 @@ class Transfer {
     int m_dstFd;
     int64_t m_size;
     const TransferCallbacks &m_callbacks;
-    const char *m_source; // the front door's name
+    const char *m_source;      // the front door's name
+    const struct stat *m_seen; // of the source, by its descriptor; null: nobody has looked
 
     struct stat m_srcStatus = {}; // as it was when the copy began; all zero where it could not be had
     bool m_sparse = false;
@@ -116,7 +118,9 @@ int Transfer::run() {
     if (m_srcFd < 0 || m_dstFd < 0) {
         return fail(Error::invalid_argument, VEXO_AT(m_source));
     }
-    if (::fstat(m_srcFd, &m_srcStatus) != 0) {
+    if (m_seen != nullptr) {
+        m_srcStatus = *m_seen;
+    } else if (::fstat(m_srcFd, &m_srcStatus) != 0) {
         m_srcStatus = {};
     }
     m_sparse = is_sparse(m_srcStatus);
@@ -332,8 +336,9 @@ int Transfer::write_failed(int number) const {
 
 } // namespace
 
-int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source) {
-    return Transfer(srcFd, dstFd, size, callbacks, source).run();
+int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source,
+             const struct stat *seen) {
+    return Transfer(srcFd, dstFd, size, callbacks, source, seen).run();
 }
 
 } // namespace vexo

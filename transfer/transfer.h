@@ -5,6 +5,7 @@
 #include "support/callback.h"
 
 #include <cstdint>
+#include <sys/stat.h>
 
 namespace vexo {
 
@@ -20,8 +21,10 @@ struct TransferCallbacks {
 
 // Copies `size` bytes. Opens and closes nothing; `dstFd` is left behind the last byte written. 0, or -1 reported under
 // the name `source`, with what was written before the failure left in the destination.
-// Whether the source is sparse is asked when the copy begins: an earlier look may be of another file by then.
-int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source);
+// Whether the source is sparse is asked when the copy begins, unless the caller has looked at the same descriptor and
+// passes what it saw: an earlier look may be of another file by then.
+int transfer(int srcFd, int dstFd, int64_t size, const TransferCallbacks &callbacks, const char *source,
+             const struct stat *seen = nullptr);
 
 // The name under which a transfer without records of its own reports: that of the descriptor copy's front door.
 inline constexpr char kDescriptorCopySource[] = "copy/copy_file_copy_fd.c";

@@ -25,7 +25,9 @@ int copy_both_stream_files(const EaCopyJob &job) {
     StreamFiles files(job);
     const int resource = copy_stream_file(job, files, kResourceStream);
     job.noAfpWord = files.copied >= 0 && files.copied < static_cast<int64_t>(adouble::kResourceHeaderSize);
-    return resource != 0 ? resource : copy_stream_file(job, files, kEaStream);
+    const int streams = resource != 0 ? resource : copy_stream_file(job, files, kEaStream);
+    job.noOwnDirectory = streams == 0 && !job.move && files.from.lacks_own_directory();
+    return streams;
 }
 
 // The resource stream of an EA-directory source, in the form the metadata attribute of the destination is made from.

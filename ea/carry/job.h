@@ -40,6 +40,9 @@ struct EaCopyJob {
 
     // Found out on the way: the resource file was copied, and is too short to hold the word of the AFP attributes.
     mutable bool noAfpWord = false;
+    // The source has no directory of its own in "@eaDir". A move, after which nobody can look again, asks when it comes
+    // to that.
+    mutable bool noOwnDirectory = false;
 
     int srcFd = -1; // where the files are open
     int dstFd = -1;

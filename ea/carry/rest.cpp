@@ -151,7 +151,7 @@ bool is_directory_of(const char *path, const struct stat &directory) {
 }
 
 int carry_directory(const EaCopyJob &job) {
-    if (job.nothingStored) {
+    if (job.nothingStored || job.noOwnDirectory) {
         return 0;
     }
     PathBuffer from;

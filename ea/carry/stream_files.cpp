@@ -9,6 +9,7 @@
 #include "support/report.h"
 #include "transfer/transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -66,7 +67,7 @@ int copy_bytes(SeenFile &from, SeenFile &onto, const char *to) {
     if (there.st_size > 0 && ::ftruncate(destination.get(), 0) != 0) {
         return fail(Error::write, VEXO_EA_COPY_HERE);
     }
-    if (transfer(source.get(), destination.get(), status.st_size, {}, kDescriptorCopySource) == 0) {
+    if (transfer(source.get(), destination.get(), status.st_size, {}, kDescriptorCopySource, &status) == 0) {
         return 0;
     }
     const KeepErrors keep;
@@ -80,6 +81,11 @@ void log_stream_not_copied(const char *stream, const char *from, const char *to)
     if (stream != kResourceStream || errno != EOPNOTSUPP) {
         VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed to cp -f %s %s. %m", from, to);
     }
+}
+
+// A file that was just made mostly has this mode already.
+bool is_open_to_all(const struct stat &status) {
+    return (status.st_mode & ALLPERMS) == kStoreMode;
 }
 
 // What follows the copy of the bytes of a stream: 0 or -1, reported.
@@ -113,7 +119,8 @@ std::optional<int> copy_between_stores(const EaCopyJob &job, StreamFiles &files,
         return -1;
     }
     files.copied = copied == 0 ? source.status.st_size : -1;
-    return after_copy(job, copied, from, to, destination.file);
+    return copied == 0 && is_open_to_all(destination.status) ? drop_moved_stream(job, from)
+                                                             : after_copy(job, copied, from, to, destination.file);
 }
 
 } // namespace
@@ -129,6 +136,25 @@ int StreamPath::select(const char *stream) {
     }
     m_selected = stream;
     return 0;
+}
+
+// A name that has room for the word behind it is nowhere a shortened one.
+bool StreamPath::lacks_own_directory() const {
+    constexpr size_t mostInName = 128;
+    if (!m_place || !*m_place || m_selected == nullptr) {
+        return false;
+    }
+    const std::string_view stream = m_place->name();
+    const size_t behind = std::strlen(m_selected);
+    PathBuffer name(stream.substr(0, stream.size() - std::min(stream.size(), behind)));
+    if (name.view().ends_with('@')) {
+        name.cut(name.length() - 1);
+    }
+    const KeepErrno keep;
+    struct stat found;
+    return !name.overflowed() && name.length() > 0 && name.length() <= mostInName &&
+           name.view().find('/') == std::string_view::npos &&
+           ::fstatat(m_place->directory(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
 }
 
 int select_resource(StreamPath &stream, const char *path) {

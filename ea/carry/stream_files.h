@@ -53,6 +53,9 @@ class StreamPath {
         return *m_place ? open_store_file_in(m_place->directory(), m_place->name(), flags, seen) : Fd();
     }
 
+    // After open(): whether the file has certainly no directory of its own beside its streams. Leaves errno alone.
+    bool lacks_own_directory() const;
+
   private:
     FileRef m_file;
     const char *m_selected = nullptr;

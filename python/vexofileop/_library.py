@@ -21,7 +21,8 @@ _RECORDS = ("VexoFailure", "VexoProblem", "VexoLoss", "VexoEntry", "VexoRoom", "
 
 def _open() -> Any:
     """The binding, and through it the library and the platform's, on which it depends."""
-    place = os.path.join(os.path.dirname(os.path.abspath(__file__)), _declarations.BINDING)
+    # What it needs is found from where it stands itself, which in a build tree a link leads to.
+    place = os.path.realpath(os.path.join(os.path.dirname(__file__), _declarations.BINDING))
     try:
         opened = ffi.dlopen(place, ffi.RTLD_NOW | ffi.RTLD_LOCAL)
     except OSError as failed:

@@ -33,7 +33,14 @@ def archive_bit(path: PathLike) -> bool:
 
 def clear_archive_bit(path: PathLike) -> None:
     """Clears it, of a directory not of what is in it. A volume that refuses that is no failure. Raises an Error with code
-    0x0900 for what cannot be opened."""
+    0x0900 for what cannot be opened.
+
+    >>> open("report", "w").close()
+    >>> set_archive_bit("report")
+    >>> clear_archive_bit("report")  # it is in the backup now
+    >>> archive_bit("report")
+    False
+    """
     with serial:
         forget()
         if lib.VEXOBackupCleanFileArchiveBit(_absolute(path)) != 0:
@@ -42,7 +49,14 @@ def clear_archive_bit(path: PathLike) -> None:
 
 def set_archive_bit(path: PathLike) -> None:
     """Sets it, so that the next backup takes the file along. Raises an Error with errno: EOPNOTSUPP where the volume keeps
-    none."""
+    none.
+
+    >>> open("report", "w").close()
+    >>> clear_archive_bit("report")
+    >>> set_archive_bit("report")
+    >>> archive_bit("report")
+    True
+    """
     with serial:
         forget()
         if lib.EASetSmbArchive(_absolute(path)) != 0:
@@ -57,7 +71,11 @@ class Indexing(NamedTuple):
 
 
 def index_is_needed() -> bool:
-    """Whether anything on the appliance needs an index of media files. The answer holds for the life of the thread."""
+    """Whether anything on the appliance needs an index of media files. The answer holds for the life of the thread.
+
+    >>> index_is_needed() and indexing("that is not there").enabled
+    False
+    """
     with serial:
         return bool(lib.VEXOIndexIsNeed() == 1)
 
@@ -76,7 +94,12 @@ def indexing(path: PathLike) -> Indexing:
 
 def indexed_path(path: PathLike) -> str:
     """The path as the indexers name it: absolute, and with the links of a user's home resolved. Raises an Error with errno
-    ENAMETOOLONG for one that would be cut."""
+    ENAMETOOLONG for one that would be cut.
+
+    >>> import os
+    >>> indexed_path("film.mkv") == os.getcwd() + "/film.mkv"
+    True
+    """
     given = path_bytes(path)
     out = ffi.new("char[]", _PATH_SIZE)
     with serial:
@@ -97,6 +120,11 @@ def notify(path: PathLike, event: int, previous: Optional[PathLike] = None) -> N
     The call can wait for a service that does not read, and does not return where it ends in the middle: call it from a
     process that you can do without where that matters. From the first call on the process ignores SIGPIPE (as Python does
     anyway).
+
+    >>> import os
+    >>> open("draft", "w").close()
+    >>> os.rename("draft", "final")
+    >>> notify("final", 2, previous="draft")
     """
     before = ffi.NULL if previous is None else _absolute(previous)
     lib.VLIBVXNotifyForce(_absolute(path), before, event)  # outside the lock: it may wait
@@ -119,14 +147,25 @@ def fat_name(path: PathLike) -> str:
 
 
 def clones_are_enabled() -> bool:
-    """Whether the appliance's switch for clone copies is on."""
+    """Whether the appliance's switch for clone copies is on.
+
+    >>> import vexofileop
+    >>> open("disk.img", "w").close()
+    >>> bool(vexofileop.copy("disk.img", "again.img", clone="auto" if clones_are_enabled() else "never"))
+    True
+    """
     with serial:
         return bool(lib.VEXOFileCopyReflinkIsEnabled() == 1)
 
 
 def enable_clones(on: bool) -> None:
     """Turns that switch on or off. Raises an Error with code 0xD900 on a machine without btrfs, 0x0B00 where the setting
-    was not stored."""
+    was not stored.
+
+    >>> enable_clones(True)
+    >>> clones_are_enabled()
+    True
+    """
     settings = "/etc/vexoinfo.conf"
     with serial:
         forget()

@@ -142,7 +142,13 @@ class Attributes(MutableMapping[str, bytes]):
 
 
 def attributes(path: PathLike) -> Attributes:
-    """The named attributes of a file. Nothing is opened yet."""
+    """The named attributes of a file. Nothing is opened yet.
+
+    >>> open("song", "w").close()
+    >>> attributes("song")["user.comment"] = b"live"
+    >>> list(attributes("song").items())
+    [('user.comment', b'live')]
+    """
     return Attributes(path)
 
 
@@ -150,6 +156,13 @@ def finder_info(path: PathLike) -> Optional[bytes]:
     """The 32 bytes that the Finder keeps of a file: type, creator, flags, place. None: it has none, or all zero.
 
     Raises NotFound and the like; errno EOPNOTSUPP where the volume keeps nothing.
+
+    >>> open("drawing", "w").close()
+    >>> finder_info("drawing") is None
+    True
+    >>> set_finder_info("drawing", b"TEXTttxt" + bytes(24))
+    >>> finder_info("drawing")[:4]
+    b'TEXT'
     """
     failure, found = Failure(), ffi.new("char[]", FINDER_INFO_SIZE)
     with serial:

@@ -186,6 +186,13 @@ def undo_repair(quarantine: PathLike, *, cancel: Optional[Callable[[], object]] 
 
     Returns how many were put back; what was so already is not counted. Raises Incomplete where some have changed since,
     and an Error for a directory that is no quarantine. The quarantine stays.
+
+    >>> import os
+    >>> os.makedirs("share/@eaDir")
+    >>> repair_stores("share", "originals").mended
+    1
+    >>> undo_repair("originals"), os.path.exists("share/@eaDir"), os.path.exists("originals")
+    (1, True, True)
     """
     calls = Calls(cancel)
     restored = 0

@@ -90,6 +90,7 @@ class Grower {
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         return may(fd < 0 ? -1 : ::close(fd));
     }
+    // Never two in the arguments of one call, whose order is the compiler's: a seed says the same tree everywhere.
     size_t below(size_t end) { return std::uniform_int_distribution<size_t>(0, end - 1)(m_random); }
 
     void entry(const std::string &path, int depth) {
@@ -141,14 +142,16 @@ class Grower {
         if (!make_file(path)) {
             return;
         }
-        kit::writeFile(path, kit::pattern(below(8) == 0 ? 0 : below(9000), static_cast<uint32_t>(below(1000))));
+        const auto pattern = static_cast<uint32_t>(below(1000));
+        kit::writeFile(path, kit::pattern(below(8) == 0 ? 0 : below(9000), pattern));
         belongings(path, false);
         m_files.push_back(path);
     }
 
     void owners(const std::string &path) {
         constexpr uid_t users[] = {0, 0, 7, 65534};
-        may(::lchown(path.c_str(), users[below(4)], users[below(4)]));
+        const gid_t group = users[below(4)];
+        may(::lchown(path.c_str(), users[below(4)], group));
     }
     // Of a directory last: its entries change them. A creation time goes where the volume keeps one.
     void times(const std::string &path) {
@@ -263,7 +266,8 @@ class Grower {
         plain(own);
     }
     void thing(const std::string &path) {
-        kit::writeFile(path, kit::pattern(below(3000), static_cast<uint32_t>(below(1000))));
+        const auto pattern = static_cast<uint32_t>(below(1000));
+        kit::writeFile(path, kit::pattern(below(3000), pattern));
         if (below(4) == 0) {
             attribute(path, "user.note", below(40));
         }
@@ -345,6 +349,19 @@ class Grower {
 
 void make_tree(const std::string &top, uint32_t seed, const TreeOptions &options) {
     Grower(seed, options).directory(top, 0);
+}
+
+void make_twins(const std::string &top) {
+    ASSERT_EQ(0, ::mkdir(top.c_str(), 0755));
+    for (const char *const name : {"directory", "both", "BOTH"}) {
+        ASSERT_EQ(0, ::mkdir((top + "/" + name).c_str(), 0755));
+        kit::writeFile(top + "/" + name + "/inner", name);
+    }
+    for (const char *const name : {"directory.", "two", "two.", "Case", "case", "gr\xc3\xbc", "gru\xcc\x88", "not\xff",
+                                   "not?", "blank", "blank ", "way"}) {
+        kit::writeFile(top + "/" + name, name);
+    }
+    ASSERT_EQ(0, ::symlink("two", (top + "/way.").c_str()));
 }
 
 } // namespace agreement

@@ -18,4 +18,8 @@ struct TreeOptions {
 // volume of `top` does not keep are never in it.
 void make_tree(const std::string &top, uint32_t seed, const TreeOptions &options = {});
 
+// Makes the directory `top` with names of which some become one on volumes that fold letter cases, compose letters,
+// drop a dot at the end, or keep no byte that is no letter.
+void make_twins(const std::string &top);
+
 } // namespace agreement

@@ -79,6 +79,15 @@ TEST_P(CppAppleDouble, FinderInfoIsSetReadAndTakenAway) {
     EXPECT_EQ(Code::invalid_argument, finder_info("").error().code());
 }
 
+TEST_P(CppAppleDouble, NothingIsWrittenIntoAnEmptyStore) {
+    std::filesystem::create_directories(std::filesystem::path(place()).parent_path());
+    kit::writeFile(place(), "");
+    ASSERT_TRUE(set_finder_info(file, FinderInfo()));
+    EXPECT_EQ("", kit::readFile(place()));
+    ASSERT_TRUE(set_finder_info(file, text_file()));
+    EXPECT_EQ(text_file(), finder_info(file).value());
+}
+
 TEST_P(CppAppleDouble, FinderInfoLeavesForkAndAttributes) {
     ASSERT_TRUE(Attributes::of(file).value().set("user.comment", "sunset"));
     ASSERT_TRUE(ResourceFork::open(file, Access::create).value().write("resource"));

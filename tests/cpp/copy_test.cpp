@@ -278,6 +278,11 @@ TEST_F(CppCopy, DataBetweenDescriptors) {
 TEST_F(CppCopy, NamesForFat) {
     EXPECT_EQ("/a/b-c", vexofileop::fat_path("/a/b:c").value());
     EXPECT_EQ(Code::invalid_argument, vexofileop::fat_path("/").error().code());
+    const std::string longest = "/" + std::string(4094, 'a');
+    EXPECT_EQ(longest, vexofileop::fat_path(longest).value());
+    const auto cut = vexofileop::fat_path(longest + "a:"); // which would be the name of another file
+    ASSERT_FALSE(cut.has_value());
+    EXPECT_EQ(Code::name_too_long, cut.error().code());
 }
 
 class CppTree : public CppCopy {

@@ -1,4 +1,5 @@
 """What the tests share: a scratch directory for each, volumes of their own, and what has to be as it was."""
+import contextlib
 import ctypes
 import os
 import shutil
@@ -21,6 +22,22 @@ def enter_private_mounts():
     global _private
     _private = (os.geteuid() == 0 and _libc.unshare(_CLONE_NEWNS) == 0 and
                 subprocess.run(["mount", "--make-rprivate", "/"], check=False).returncode == 0)
+
+
+@contextlib.contextmanager
+def settings(text):
+    """The appliance's settings, "/etc/vexoinfo.conf", are these meanwhile."""
+    if not _private:
+        raise unittest.SkipTest("needs root, and mount namespaces")
+    with tempfile.TemporaryDirectory(prefix="vexofileop-etc-") as place:
+        subprocess.run(["cp", "-a", "/etc/.", place], check=True)
+        with open(place + "/vexoinfo.conf", "w", encoding="utf-8") as file:
+            file.write(text)
+        subprocess.run(["mount", "--bind", place, "/etc"], check=True)
+        try:
+            yield
+        finally:
+            subprocess.run(["umount", "-l", "/etc"], check=False)
 
 
 class Case(unittest.TestCase):
@@ -123,4 +140,5 @@ class Case(unittest.TestCase):
 
 
 
-__all__ = ["APPLE_DOUBLE", "Case", "EA_DIRECTORY", "FILE_EA", "NATIVE", "enter_private_mounts", "vexofileop"]
+__all__ = ["APPLE_DOUBLE", "Case", "EA_DIRECTORY", "FILE_EA", "NATIVE", "enter_private_mounts", "settings",
+           "vexofileop"]

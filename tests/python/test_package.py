@@ -1,4 +1,5 @@
 """The package as such: errors, tables, and what it is loaded from."""
+import glob
 import errno
 import inspect
 import os
@@ -56,6 +57,9 @@ class Package(Case):
         for name in vexofileop.__all__:
             found = getattr(vexofileop, name)
             self.assertTrue(inspect.getdoc(found), name)
+            if inspect.isfunction(found):
+                with self.subTest(name):
+                    self.assertIn("\n>>> ", inspect.getdoc(found), "has no example")
         with open(os.path.join(os.path.dirname(__file__), "../../docs/python.md"), encoding="utf-8") as file:
             guide = file.read()
         for name in vexofileop.__all__:
@@ -68,7 +72,9 @@ class Package(Case):
         return subprocess.run([sys.executable, "-c", "import vexofileop"], env=made, check=False, capture_output=True, text=True)
 
     def copy_of_package(self):
-        shutil.copytree(PACKAGE, "elsewhere/vexofileop", ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copytree(PACKAGE, "elsewhere/vexofileop", ignore=shutil.ignore_patterns("__pycache__", "*.so"))
+        for library in glob.glob(PACKAGE + "/*.so"): # it finds the others from where it stands
+            os.symlink(os.path.realpath(library), "elsewhere/vexofileop/" + os.path.basename(library))
         return os.path.join(self.top, "elsewhere")
 
     def test_refuses_a_binding_that_is_missing_or_another(self):

@@ -6,7 +6,7 @@ import struct
 import subprocess
 import threading
 
-from kit import Case, vexofileop
+from kit import Case, settings, vexofileop
 
 
 class ArchiveBit(Case):
@@ -72,20 +72,14 @@ class Names(Case):
 
 class Clones(Case):
     def test_are_switched(self):
-        self.mount("settings", "tmpfs")
-        subprocess.run(["cp", "-a", "/etc/.", "settings"], check=True)
-        subprocess.run(["mount", "--bind", "settings", "/etc"], check=True)
-        self._mounts.append("/etc")
-        with open("/etc/vexoinfo.conf", "w", encoding="utf-8") as file:
-            file.write('support_btrfs="no"\n')
-        error = self.raises(vexofileop.Error, vexofileop.enable_clones, True)
-        self.assertEqual((0xD900, errno.EOPNOTSUPP), (error.code, error.errno))
-        with open("/etc/vexoinfo.conf", "w", encoding="utf-8") as file:
-            file.write('support_btrfs="yes"\n')
-        vexofileop.enable_clones(True)
-        self.assertTrue(vexofileop.clones_are_enabled())
-        vexofileop.enable_clones(False)
-        self.assertFalse(vexofileop.clones_are_enabled())
+        with settings('support_btrfs="no"\n'):
+            error = self.raises(vexofileop.Error, vexofileop.enable_clones, True)
+            self.assertEqual((0xD900, errno.EOPNOTSUPP), (error.code, error.errno))
+        with settings('support_btrfs="yes"\n'):
+            vexofileop.enable_clones(True)
+            self.assertTrue(vexofileop.clones_are_enabled())
+            vexofileop.enable_clones(False)
+            self.assertFalse(vexofileop.clones_are_enabled())
 
 
 class CopyData(Case):

@@ -194,4 +194,32 @@ TEST_F(Backup, LinkOnTheWayIntoTheDirectoryIsNotFollowed) {
     EXPECT_EQ("older", kit::readFile(scratch / "to/tree/in/file"));
 }
 
+// The destination may be anybody's: a link in it that has the name of the directory of backups leads root nowhere.
+TEST_F(Backup, LinkInTheDestinationIsNoDirectoryOfBackups) {
+    ASSERT_EQ(0, ::mkdir((scratch / "else").c_str(), 0755));
+    kit::writeFile(scratch / "else/file", "somebody's");
+    kit::writeFile(scratch / "to/tree/in/file", "planted");
+    const std::string place = scratch / "to/tree/in/old";
+    ASSERT_EQ(0, ::symlink("../../../else", place.c_str()));
+    const auto refused = [&](const kit::Arguments &arguments) {
+        kit::Arguments plan = arguments;
+        plan.insert(plan.begin(), "plan");
+        EXPECT_NE(0, run(plan).status);
+        const ToolResult result = run(arguments);
+        EXPECT_NE(0, result.status);
+        EXPECT_TRUE(mentions(result.err, " is a symbolic link, which is not followed\n")) << result.err;
+        EXPECT_EQ("somebody's", kit::readFile(scratch / "else/file"));
+        EXPECT_EQ((Names{"file"}), kit::namesIn(scratch / "else"));
+        EXPECT_EQ("planted", kit::readFile(scratch / "to/tree/in/file"));
+    };
+    for (const std::string &named : {std::string("old"), std::string("./old/"), place, std::string("old/deeper")}) {
+        refused({"copy", "-rf", "--backup-dir", named, "tree/in/.", "to/tree/in"});
+        refused({"mirror", "-f", "--backup-dir", named, "tree/in", "to/tree/in"});
+    }
+    // Outside of it people may well have one.
+    ASSERT_EQ(0, ::symlink("else", (scratch / "kept").c_str()));
+    EXPECT_EQ(0, run({"copy", "-rf", "--backup-dir", scratch / "kept", "tree", "to"}).status);
+    EXPECT_EQ("planted", kit::readFile(scratch / "else/tree/in/file"));
+}
+
 } // namespace

@@ -198,6 +198,11 @@ TEST_F(Mirror, EmptySourceRemovesNothingUnlessToldSo) {
     const ToolResult refused = runTool({"mirror", "-f", scratch / "empty", copy});
     EXPECT_EQ(2, refused.status);
     EXPECT_TRUE(mentions(refused.err, "the source is empty")) << refused.err;
+    const ToolResult planned = runTool({"plan", "mirror", scratch / "empty", copy});
+    EXPECT_EQ(2, planned.status);
+    EXPECT_TRUE(mentions(planned.err, "the source is empty")) << planned.err;
+    EXPECT_TRUE(mentions(planned.out, "0 merged, ")) << planned.out;
+    EXPECT_EQ(0, runTool({"plan", "mirror", "--allow-empty", scratch / "empty", copy}).status);
     EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));
     EXPECT_EQ(2, runTool({"mirror", "-f", "--exclude", "*", tree, copy, "--delete-excluded"}).status);
     EXPECT_TRUE(kit::exists(copy + "/gone/deep/old"));

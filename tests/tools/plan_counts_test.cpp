@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -44,8 +45,8 @@ std::map<std::string, std::string> countsOf(const std::string &output) {
         if (memberOf(event.get(), "event") != "\"summary\"") {
             continue;
         }
-        for (const char *const name :
-             {"files", "done", "directories", "same", "cloned", "bytes", "losses", "sources_kept", "exit_status"}) {
+        for (const char *const name : {"files", "done", "directories", "same", "cloned", "bytes", "losses",
+                                       "sources_kept", "exit_status", "removal_refused"}) {
             found[name] = memberOf(event.get(), name);
         }
     }
@@ -151,6 +152,64 @@ TEST_F(PlanCounts, EveryWay) {
         command.insert(command.begin() + 1, way.begin(), way.end());
         (void)agreed(command);
     }
+}
+
+// A run that ends at a failure leaves what it is in, and what a move takes something out of is not moved.
+TEST_F(PlanCounts, DirectoriesThatAreNotGotToTheEndOf) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const std::string copy = volume / "copy";
+    ASSERT_EQ(0, ::mkfifo((tree + "/in/pipe").c_str(), 0600));
+    ASSERT_EQ(0, ::mkdir(copy.c_str(), 0755));
+    kit::writeFile(copy + "/old", "old");
+    kit::writeFile(scratch / "list", std::string("in/two\0one\0", 11));
+    for (const Arguments &way : {Arguments{"--max-errors", "1"}, {"--stop-on-error"}}) {
+        Arguments command{"copy", "-r", "-f", "-T", tree, copy}, mirror{"mirror", "-f", tree, copy};
+        command.insert(command.begin() + 1, way.begin(), way.end());
+        mirror.insert(mirror.begin() + 1, way.begin(), way.end());
+        EXPECT_EQ("0", agreed(command)["directories"]);
+        EXPECT_EQ("\"incomplete\"", agreed(mirror)["removal_refused"]);
+    }
+    Arguments move{"move", "-f", "--relative", "--from0", "--files-from", scratch / "list", tree, copy};
+    EXPECT_EQ("0", agreed(move)["directories"]);
+}
+
+// On a volume that loses what is of directories: whoever gives it to them is told that, the directory that was cut too.
+TEST_F(PlanCounts, ListsOfShards) {
+    KIT_REQUIRE(volume, kit::Volume::plain());
+    const std::string in = tree + "/in", lists = scratch / "lists", copy = volume / "copy";
+    for (const std::string &one : {tree, in}) {
+        ASSERT_EQ(0, ::setxattr(one.c_str(), "trusted.kept", "x", 1, 0)) << one;
+    }
+    ASSERT_EQ(0, runTool({"plan", "--shards", "1", "--out", lists, tree}).status);
+    kit::writeFile(scratch / "top", std::string("./\0", 3));
+    kit::writeFile(scratch / "file", std::string("in/\0one\0", 8));
+    kit::writeFile(scratch / "vanished", std::string("in/\0gone/\0", 10));
+    ASSERT_EQ(0, ::mkdir(copy.c_str(), 0755));
+    const auto listed = [&](const std::string &list, const Arguments &more) {
+        Arguments command = {"copy", "--relative", "--from0", "--files-from", list, tree, copy};
+        command.insert(command.begin() + 1, more.begin(), more.end());
+        return agreed(command);
+    };
+    const auto finished = [&](const std::string &list, const Arguments &more = {}) {
+        Arguments command = {"copy", "--finish", list, tree, copy};
+        command.insert(command.begin() + 1, more.begin(), more.end());
+        return agreed(command);
+    };
+    EXPECT_EQ("1", listed(lists + "/shard-1", {"--finish-later", "-u"})["directories"]);
+    EXPECT_EQ("0", listed(lists + "/shard-1", {"--finish-later", "-u"})["directories"]);
+    EXPECT_EQ("0", listed(scratch / "top", {"--finish-later"})["directories"]);
+    EXPECT_EQ("2", finished(lists + "/directories", {"--accept", "all"})["directories"]);
+    EXPECT_EQ("1", finished(lists + "/directories")["exit_status"]);
+    EXPECT_EQ("1", finished(scratch / "top", {"--accept", "all"})["directories"]);
+    EXPECT_EQ("1", listed(scratch / "top", {"--accept", "all"})["directories"]);
+    for (const Arguments &more : {Arguments{}, {"-u"}, {"-f"}, {"-n"}, {"-r"}, {"--relative"}, {"-T"}}) {
+        EXPECT_EQ("1", finished(scratch / "file", more)["exit_status"]);
+        EXPECT_EQ("1", finished(scratch / "vanished", more)["exit_status"]);
+    }
+    ASSERT_EQ(0, runTool({"remove", "-r", copy + "/in", copy + "/one"}).status);
+    EXPECT_EQ("0", finished(scratch / "file", {"--exclude", "one", "--accept", "all"})["exit_status"]);
+    EXPECT_EQ("2", agreed({"copy", "--finish", scratch / "top", tree, tree})["exit_status"]);
+    EXPECT_EQ("2", agreed({"copy", "--finish", lists + "/directories", tree, tree})["exit_status"]);
 }
 
 } // namespace

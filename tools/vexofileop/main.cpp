@@ -47,7 +47,7 @@ const NamedCommand *named_command(int argc, const char *const *argv) {
 void add_commands(const Command &program, const NamedCommand *named, int &status) {
     if (named != nullptr) {
         note_command(named->name.data()); // of the table, which ends it
-        named->add(program, status);
+        named->add(program.trusted(), status);
         return;
     }
     for (const NamedCommand &command : kCommands) {

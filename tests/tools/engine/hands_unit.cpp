@@ -56,6 +56,11 @@ class Machine : public kit::Behaviour {
         std::filesystem::create_symlink(device(name), sysfs + "/dev/block/" + std::to_string(major(found.st_dev)) +
                                                           ":" + std::to_string(minor(found.st_dev)));
     }
+    void hangOn(const std::string &name, const std::string &bus) const {
+        std::filesystem::create_directories(device(name) + "/device");
+        std::filesystem::create_directories(sysfs + "/bus/" + bus);
+        std::filesystem::create_symlink(sysfs + "/bus/" + bus, device(name) + "/device/subsystem");
+    }
     std::string device(const std::string &name) const { return sysfs + "/devices/" + name; }
     int hands(const std::string &destination = "") const { return usual_hands({tree}, destination, sysfs); }
 
@@ -119,6 +124,38 @@ TEST_F(Machine, ArrayThatHoldsOneSideIsNoHelp) {
     }
     lieOn("md0");
     EXPECT_EQ(1, hands("/proc"));
+}
+
+// Its kernel calls each such disk one that turns.
+TEST_F(Machine, DiskOfAVirtualMachineSaysNothingOfTurning) {
+    makeDevice("vda", true);
+    makeDevice("vda/vda1");
+    hangOn("vda", "virtio");
+    lieOn("vda/vda1");
+    EXPECT_EQ((Disks{Names{"vda"}, false}), disks_below(tree, sysfs));
+    EXPECT_EQ(processors(), hands());
+}
+
+TEST_F(Machine, DiskOnAnotherBusIsBelieved) {
+    makeDevice("sda", true);
+    hangOn("sda", "scsi");
+    lieOn("sda");
+    EXPECT_EQ(1, hands());
+}
+
+// A file that serves as a disk is none: it lies on one, which here holds the volume of the scratch directory.
+TEST_F(Machine, DiskIsFoundBelowAFileThatServesAsOne) {
+    kit::writeFile(scratch / "image", "");
+    makeDevice("sda", true);
+    makeDevice("loop7");
+    lieOn("sda");
+    std::filesystem::create_directories(device("loop7") + "/loop");
+    kit::writeFile(device("loop7") + "/loop/backing_file", (scratch / "image") + "\n");
+    struct stat other {};
+    ASSERT_EQ(0, ::stat("/proc", &other));
+    std::filesystem::create_symlink(device("loop7"), sysfs + "/dev/block/" + std::to_string(major(other.st_dev)) + ":" +
+                                                         std::to_string(minor(other.st_dev)));
+    EXPECT_EQ((Disks{Names{"sda"}, true}), disks_below("/proc", sysfs));
 }
 
 TEST_F(Machine, DevicesInARingEnd) {

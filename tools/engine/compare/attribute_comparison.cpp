@@ -3,6 +3,7 @@
 #include "tools/engine/compare/findings.h"
 
 #include "tools/engine/compare/bytes.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store.h"
 
@@ -105,8 +106,7 @@ class AttributeComparison {
         }
         try {
             if (const auto size = size_of(m_first.entry, item); size && !is_unlisted(m_second.entry, item)) {
-                m_findings.add(class_in(item), fmt::format("{} {}: only at the first, {} bytes", word(item),
-                                                           displayed(item.name), *size));
+                m_findings.add(class_in(item), only_first_text(word(item), displayed(item.name), *size));
             }
         } catch (const Failure &failure) {
             unreadable(item, failure);
@@ -119,8 +119,7 @@ class AttributeComparison {
         }
         try {
             if (size_of(m_second.entry, item) && !is_unlisted(m_first.entry, item)) {
-                m_findings.add(class_in(item),
-                               fmt::format("{} {}: only at the second", word(item), displayed(item.name)));
+                m_findings.add(class_in(item), only_second_text(word(item), displayed(item.name)));
             }
         } catch (const Failure &failure) {
             unreadable(item, failure);
@@ -184,8 +183,8 @@ class AttributeComparison {
     // Nothing: it is gone again.
     void tell(const Item &item, std::optional<uint64_t> one, std::optional<uint64_t> other, bool same) {
         if (one.has_value() != other.has_value()) {
-            m_findings.add(class_in(item), fmt::format("{} {}: only at the {}", word(item), displayed(item.name),
-                                                       one ? "first" : "second"));
+            m_findings.add(class_in(item), one ? only_first_text(word(item), displayed(item.name), *one)
+                                               : only_second_text(word(item), displayed(item.name)));
         } else if (!same) {
             m_findings.add(class_in(item), fmt::format("{} {} differs: {} and {} bytes", word(item),
                                                        displayed(item.name), *one, *other));

@@ -1,8 +1,10 @@
 #include "tools/engine/compare/entry_comparison.h"
 
 #include "tools/engine/compare/findings.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_parts.h"
+#include "tools/engine/volume/volume_traits.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -178,7 +180,8 @@ std::vector<Loss> compare_entries(const Side &a, const Side &b, const CompareOpt
         }
     } catch (const Failure &failure) {
         if (one != nullptr && cannot_be_there(errno)) {
-            findings.add(class_of_type(one->type()), "is not at the second");
+            const bool held = !S_ISLNK(one->type()) || volume_traits(b.volume.type).links;
+            findings.add(class_of_type(one->type()), held ? "is not at the second" : kLinkNotHeld);
         } else {
             findings.add(LossClass::unreadable, fmt::format("{} {}", which, failure.what()));
         }

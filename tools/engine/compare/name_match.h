@@ -52,13 +52,14 @@ class NameMatch {
 // What a volume of that type makes of a name.
 std::string name_on(int type, const std::string &name);
 
-// Who has a name that others would be given by the volume comes before those.
-template <typename Entries, typename NameOf>
-void own_names_first(int type, Entries &entries, const NameOf &name_of) {
-    if (volume_traits(type).fatNames) {
-        std::stable_partition(entries.begin(), entries.end(),
-                              [&](const auto &one) { return name_on(type, name_of(one)) == name_of(one); });
-    }
+// Who has a name that others would be given by the volume comes before those. `stays`: whether the volume lists a name
+// as it is.
+template <typename Entries, typename NameOf, typename Stays>
+void own_names_first(int type, Entries &entries, const NameOf &name_of, const Stays &stays) {
+    const bool fat = volume_traits(type).fatNames;
+    std::stable_partition(entries.begin(), entries.end(), [&](const auto &one) {
+        return (!fat || name_on(type, name_of(one)) == name_of(one)) && stays(name_of(one));
+    });
 }
 
 } // namespace engine

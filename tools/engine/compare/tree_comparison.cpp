@@ -5,6 +5,7 @@
 #include "tools/engine/compare/name_match.h"
 #include "tools/engine/compare/shared_comparison.h"
 #include "tools/engine/compare/side.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/naming/naming.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
@@ -441,8 +442,7 @@ class TreeComparison {
             return;
         }
         if (found.tooLong) {
-            lose(path, otherPath, LossClass::name_too_long,
-                 fmt::format("{} bytes are more than the volume takes", item.name.size()));
+            lose(path, otherPath, LossClass::name_too_long, too_long_text(item.name.size()));
             m_observer.compared(path, kind_of_item(item), 0);
             return;
         }
@@ -480,8 +480,7 @@ class TreeComparison {
             ::fstatat(other.directory, other.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0) {
             return false;
         }
-        lose(path, otherPath, LossClass::file_too_large,
-             fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit));
+        lose(path, otherPath, LossClass::file_too_large, too_large_text(static_cast<uint64_t>(found.st_size), limit));
         m_observer.compared(path, EntryKind::file, 0);
         return true;
     }

@@ -2,6 +2,7 @@
 
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/compare/findings.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/store_contents.h"
@@ -41,6 +42,9 @@ class Guess {
 
   private:
     void lose(LossClass cls, std::string detail) { m_losses.push_back({cls, std::move(detail)}); }
+    void lose_stored(const StoreContents::Attribute &one, LossClass cls) {
+        lose(cls, only_first_text(cls == LossClass::stream ? "stream" : "attribute", displayed(one.name), one.size));
+    }
     // What the kernel says to a question for an attribute that nobody has.
     bool keeps(const char *name) const {
         const std::string path = fmt::format("/proc/self/fd/{}/.", m_to);
@@ -70,7 +74,8 @@ class Guess {
     void guess_attributes(const EntryView &entry) {
         const bool user = keeps("user.vexofileop.none"), root = ::geteuid() == 0;
         for (const std::string &name : entry.names()) {
-            const std::string detail = fmt::format("attribute {}: the volume keeps none", displayed(name));
+            const std::optional<std::string> value = entry.attribute(name);
+            const std::string detail = only_first_text("attribute", displayed(name), value ? value->size() : 0);
             if (name == "system.posix_acl_access" || name == "system.posix_acl_default") {
                 if (!keeps(name.c_str())) {
                     lose(name.ends_with("access") ? LossClass::acl_access : LossClass::acl_default,
@@ -109,8 +114,7 @@ class Guess {
             lose(LossClass::mac_attributes, fmt::format("comment differs: {} and 0 bytes", contents.comment().size()));
         }
         for (const StoreContents::Attribute &attribute : contents.attributes()) {
-            lose(attribute.name.starts_with("user.") ? LossClass::attribute : LossClass::stream,
-                 fmt::format("stream {}: only at the first, {} bytes", displayed(attribute.name), attribute.size));
+            lose_stored(attribute, attribute.name.starts_with("user.") ? LossClass::attribute : LossClass::stream);
         }
         if (!contents.finder_info().empty()) {
             lose(LossClass::finder_info, "Finder Info differs");
@@ -122,10 +126,7 @@ class Guess {
     void guess_left_behind(const StoreContents &contents) {
         for (const StoreContents::Attribute &attribute : contents.attributes()) {
             if (attribute.size > kLargestNative || !may_be_native(attribute.name)) {
-                const LossClass cls = class_of_attribute(attribute.name, true);
-                lose(cls, fmt::format("{} {}: only at the first, {} bytes",
-                                      cls == LossClass::stream ? "stream" : "attribute", displayed(attribute.name),
-                                      attribute.size));
+                lose_stored(attribute, class_of_attribute(attribute.name, true));
             }
         }
     }

@@ -3,6 +3,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/linked_names.h"
 #include "tools/engine/compare/name_match.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/naming/naming.h"
 #include "tools/engine/plan/destination.h"
 #include "tools/engine/plan/store_room.h"
@@ -86,6 +87,7 @@ class Planner::Walk {
     bool fail(PlannedEntry planned, Problem problem, std::vector<Loss> losses = {});
 
     bool begin_way(const std::string &base, const std::string &top);
+    void finish_base();
     bool step_down(const std::string &name, const NamesBelow &how, const std::string &wanted);
     void leaf(const std::string &name, const NamesBelow &how, const std::string &wanted);
     void missed(const std::string &wanted, Problem problem);
@@ -108,7 +110,7 @@ class Planner::Walk {
     GivenName name_for(const HeldDirectory &from, const std::string &name, const Destination &to,
                        const std::string &meant);
     bool open_directory_of(const Source &source, Destination &to, std::string name, Opened &opened, bool onTheWay);
-    bool merge_directory(const Source &source, Destination &to, Opened &opened);
+    bool merge_directory(const Source &source, Destination &to, Opened &opened, bool unfinished = false);
     bool is_renamed(const Source &source, dev_t volume, int type, const Destination &to) const;
     static int refusal_to_move(const Source &source, const Opened &opened, const Destination &to);
     bool tree(const Source &source, Destination &to, std::string name, std::vector<Loss> known = {});
@@ -399,7 +401,10 @@ bool Planner::Walk::entries(const HeldDirectory &from, Destination &inner, std::
     VolumeFacts facts = volume_facts(from.fd(), from.type());
     facts.noDirectory = !hasStore;
     bool complete = true;
-    own_names_first(inner.volume->rehearsal->volume().type, *found, [](const Entry &one) { return one.name; });
+    Rehearsal &rehearsal = *inner.volume->rehearsal;
+    own_names_first(
+        rehearsal.volume().type, *found, [](const Entry &one) { return one.name; },
+        [&](const std::string &name) { return rehearsal.listed(name) == name; });
     const GivenNames given = names_for(from, inner, *found);
     strangers.insert(strangers.end(), given.losses.begin(), given.losses.end());
     for (const Entry &one : *found) {
@@ -460,8 +465,9 @@ bool Planner::Walk::open_directory_of(const Source &source, Destination &to, std
     return opened.there || may_make_in(to, planned, number);
 }
 
-// What it loses and needs, once it is not just renamed. False: it fails, which was told.
-bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opened &opened) {
+// What it loses and needs, once it is not just renamed. False: it fails, which was told. `unfinished`: what is its own
+// is for somebody else to carry, and to tell.
+bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opened &opened, bool unfinished) {
     PlannedEntry &planned = opened.planned;
     const auto &there = opened.there;
     if (there && !S_ISDIR(there->st_mode)) {
@@ -482,8 +488,10 @@ bool Planner::Walk::merge_directory(const Source &source, Destination &to, Opene
     planned.deed = there ? Deed::merge : Deed::make;
     Rehearsal &rehearsal = *to.volume->rehearsal;
     const Side merged{to.is_there() ? to.there.fd() : -1, opened.name, rehearsal.volume()};
-    for (Loss &loss : rehearsal.losses_of(source.side(), opened.found, there ? &merged : nullptr)) {
-        planned.losses.push_back(std::move(loss));
+    if (!unfinished) {
+        for (Loss &loss : rehearsal.losses_of(source.side(), opened.found, there ? &merged : nullptr)) {
+            planned.losses.push_back(std::move(loss));
+        }
     }
     take_room(to, source, opened.found, there ? &*there : nullptr, planned);
     return planned.deed != Deed::fail || tell(std::move(planned));
@@ -553,6 +561,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
         return fail(std::move(planned), problem_of_errno(errno));
     }
     std::ranges::move(strangers, std::back_inserter(planned.losses));
+    planned.uncounted = !complete && m_observer.stopped();
     if (moves() && !complete) {
         planned.sourceStays = true;
         // What was not meant stays without a word.
@@ -860,7 +869,7 @@ bool Planner::Walk::placed(const Source &source, const struct stat &found, Desti
     }
     const uint64_t limit = volume.rehearsal->volume().largestFile;
     if (limit != 0 && !asItIs && static_cast<uint64_t>(found.st_size) >= limit) {
-        const std::string reason = fmt::format("{} bytes, where the volume takes less than {}", found.st_size, limit);
+        const std::string reason = too_large_text(static_cast<uint64_t>(found.st_size), limit);
         return fail(std::move(planned), {reason}, {{LossClass::file_too_large, reason}});
     }
     // What is written into keeps attributes that the source has not.
@@ -1022,6 +1031,9 @@ void Planner::Walk::missed(const std::string &wanted, Problem problem) {
 
 void Planner::Walk::run_below(const std::string &base, const std::string &top, const std::string &name,
                               const NamesBelow &how) {
+    if (how.alone) {
+        m_observer.tree(joined(base, name));
+    }
     if (name.empty() && how.trees) {
         run(joined(base, "."), top);
         return;
@@ -1030,8 +1042,14 @@ void Planner::Walk::run_below(const std::string &base, const std::string &top, c
         fail({.source = joined(base, name), .destination = joined(top, name)}, problem_of_errno(errno));
         return;
     }
+    if (name.empty()) {
+        if (!how.unfinished) {
+            finish_base();
+        }
+        return;
+    }
     const std::vector<std::string> parts = names_in_path(name);
-    const size_t above = name.empty() ? 0 : parts.size() - (how.alone && !how.trees ? 0 : 1);
+    const size_t above = parts.size() - (how.alone && !how.trees ? 0 : 1);
     size_t shared = 0;
     while (shared < above && shared < m_wayNames.size() && m_wayNames[shared] == parts[shared]) {
         ++shared;
@@ -1045,6 +1063,30 @@ void Planner::Walk::run_below(const std::string &base, const std::string &top, c
     }
     if (shared < parts.size()) {
         leaf(parts.back(), how, name);
+    }
+}
+
+// The base, where it was named itself. It keeps its name, so that its own volume is asked, and not that of what it is
+// in.
+void Planner::Walk::finish_base() {
+    const Opened &base = *m_way.front();
+    const std::string from = base.planned.source, to = base.inner.path;
+    const HeldDirectory parent(parent_of(from));
+    Destination above{.path = parent_of(to), .there = HeldDirectory(parent_of(to)), .volume = base.inner.volume};
+    Opened opened;
+    opened.planned = {.kind = EntryKind::directory, .source = from, .destination = to};
+    const auto name_in = [](const std::string &path) { return path == "/" ? "." : base_name(path); };
+    opened.name = name_in(to);
+    opened.there = above.is_there() ? above.there.look(opened.name) : std::nullopt;
+    const auto found = parent.is_open() && opened.there ? parent.look(name_in(from)) : std::nullopt;
+    if (!found) {
+        fail(std::move(opened.planned), problem_of_errno(errno));
+        return;
+    }
+    opened.found = *found;
+    const VolumeFacts facts = volume_facts(parent.fd(), base.from.type());
+    if (merge_directory({parent, name_in(from), from, facts}, above, opened)) {
+        m_observer.entry(opened.planned);
     }
 }
 
@@ -1089,13 +1131,15 @@ bool Planner::Walk::step_down(const std::string &name, const NamesBelow &how, co
     }
     opened->planned.losses = std::move(given.losses);
     if (!open_directory_of(taken, above.inner, given.name, *opened, true) ||
-        !merge_directory(taken, above.inner, *opened)) {
+        !merge_directory(taken, above.inner, *opened, how.unfinished)) {
         return false;
     }
-    if (m_told.insert(opened->inner.path).second) {
+    opened->planned.uncounted = moves();
+    const bool first = m_told.insert(opened->inner.path).second;
+    if (first && !(how.unfinished && opened->planned.deed == Deed::merge)) {
         m_observer.entry(opened->planned);
     } else {
-        before.put_back(); // counted when the way led there first
+        before.put_back(); // counted when the way led there first, or only gone into
     }
     opened->planned.source = path;
     m_way.push_back(std::move(opened));
@@ -1107,7 +1151,19 @@ void Planner::Walk::leaf(const std::string &name, const NamesBelow &how, const s
     Opened &level = *m_way.back();
     const auto found = level.from.look(name);
     if (!found) {
-        missed(wanted, problem_of_errno(errno));
+        fail({.kind = EntryKind::file,
+              .source = joined(level.planned.source, name),
+              .destination = joined(level.inner.path, name)},
+             of_source(problem_of_look(joined(level.planned.source, name), errno)));
+        return;
+    }
+    if (how.directoriesAlone && !S_ISDIR(found->st_mode)) {
+        if (m_selection.takes(joined(level.planned.source, name), level.from.below(name), *found)) {
+            fail({.kind = EntryKind::directory,
+                  .source = joined(level.planned.source, name),
+                  .destination = joined(level.inner.path, name)},
+                 of_source(not_a_directory_of_list()));
+        }
         return;
     }
     m_device = found->st_dev;

@@ -37,11 +37,14 @@ struct PlannedEntry {
     Deed deed = Deed::make;
     int64_t bytes = 0;
     bool cloned = false;
-    bool same = false;        // of skip: it stands there already
-    bool linked = false;      // becomes another name of what an earlier one has become
-    bool inPlace = false;     // of replace: what stands there is written into
-    int64_t oldNames = 0;     // of replace: other names of what stands there, which keep its content
-    std::string backup = {};  // where what it replaces is kept; empty: nowhere
+    bool same = false;       // of skip: it stands there already
+    bool linked = false;     // becomes another name of what an earlier one has become
+    bool inPlace = false;    // of replace: what stands there is written into
+    int64_t oldNames = 0;    // of replace: other names of what stands there, which keep its content
+    std::string backup = {}; // where what it replaces is kept; empty: nowhere
+    // Of a directory: only gone into for what a move takes out of it, or not got to the end of by a run that stops
+    // itself.
+    bool uncounted = false;
     bool sourceStays = false; // of a move: at both places
     bool sourceGoes = false;  // of a move, of skip: since it is the same, the source is removed all the same
     std::vector<Loss> losses = {};

@@ -5,6 +5,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/naming/fat_form.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/report/failure.h"
@@ -270,8 +271,8 @@ bool Rehearsal::make(const struct stat &found, std::vector<Loss> &losses) {
         if (::ftruncate(file.get(), found.st_size) == 0) {
             m_largestTaken = std::max(m_largestTaken, found.st_size);
         } else if (errno == EFBIG) {
-            losses.push_back(
-                {LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", found.st_size)});
+            losses.push_back({LossClass::file_too_large,
+                              too_large_text(static_cast<uint64_t>(found.st_size), m_volume.largestFile)});
         }
     }
     return file.get() >= 0;
@@ -406,13 +407,15 @@ std::vector<Loss> Rehearsal::rehearse(const Side &source, const struct stat &fou
 std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct stat &found) {
     std::vector<Loss> losses;
     if (!volume_traits(m_volume.type).links) {
-        losses.push_back({LossClass::symbolic_link, "is a symbolic link, which the destination's volume cannot hold"});
+        losses.push_back({LossClass::symbolic_link, kLinkNotHeld});
         return losses;
     }
     for (const std::string &name : attribute_names(source.path())) {
         if (!is_representation(name)) {
+            const ssize_t size = ::lgetxattr(source.path().c_str(), name.c_str(), nullptr, 0);
             losses.push_back(
-                {LossClass::system_attribute, fmt::format("attribute {}: only at the first", displayed(name))});
+                {LossClass::system_attribute,
+                 only_first_text("attribute", displayed(name), static_cast<uint64_t>(std::max<ssize_t>(size, 0)))});
         }
     }
     uid_t user = found.st_uid;
@@ -423,7 +426,7 @@ std::vector<Loss> Rehearsal::losses_of_link(const Side &source, const struct sta
         (void)remove_left_over(place, kEntry);
         const std::string target(std::clamp<size_t>(static_cast<size_t>(found.st_size), 1, PATH_MAX - 1), 'x');
         if (::symlinkat(target.c_str(), place, kEntry) != 0) {
-            losses.push_back({LossClass::symbolic_link, std::strerror(errno)});
+            losses.push_back({LossClass::symbolic_link, link_refused_text(errno)});
             return losses;
         }
         // Some volumes say that they have done it, and have not.
@@ -494,14 +497,34 @@ void Rehearsal::add_holes(const Side &source, const struct stat &found, std::vec
     // Holes of which nobody tells where they are stay nowhere.
     const bool told = data < found.st_size;
     data = told ? data : most_data(found, source.volume);
-    if (data < found.st_size && !(told && m_keepsHoles && copies_holes(found))) {
+    const bool stays = told && m_keepsHoles && copies_holes(found);
+    if (data < found.st_size && !stays && blocks_of_filled(found.st_size) > found.st_blocks) {
         losses.push_back({LossClass::hole, fmt::format("holes were filled: {} bytes more", found.st_size - data)});
     }
 }
 
+// How many blocks a file of zeros takes: a short one may take none, where its directory or its record holds it.
+int64_t Rehearsal::blocks_of_filled(off_t size) const {
+    constexpr off_t longest = 4096;
+    const std::string zeros(static_cast<size_t>(std::clamp<off_t>(size, 0, longest)), '\0');
+    const auto whole = static_cast<int64_t>((size + kStatBlock - 1) / kStatBlock);
+    if (!probes() || size > longest) {
+        return whole;
+    }
+    const int place = m_place->fd();
+    const std::string name = next_private_name(); // as long as that of a copy
+    struct stat found {};
+    const Descriptor file(::openat(place, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const bool known = file.get() >= 0 &&
+                       ::write(file.get(), zeros.data(), zeros.size()) == static_cast<ssize_t>(zeros.size()) &&
+                       ::fsync(file.get()) == 0 && ::fstat(file.get(), &found) == 0;
+    (void)::unlinkat(place, name.c_str(), 0);
+    return known ? found.st_blocks : whole;
+}
+
 std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) {
     if (name.size() > m_longestName) {
-        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
+        return Loss{LossClass::name_too_long, too_long_text(name.size())};
     }
     if (!probes() || takes_every_name(m_volume.magic)) {
         return std::nullopt;
@@ -517,7 +540,20 @@ void Rehearsal::add_kept_name(const std::string &name, std::vector<Loss> &losses
     }
 }
 
-std::string Rehearsal::key_of(const std::string &name) {
+const std::string &Rehearsal::listed(const std::string &name) {
+    if (!probes() || takes_every_name(m_volume.magic)) {
+        return name;
+    }
+    const auto known = m_listed.find(name);
+    if (known != m_listed.end()) {
+        return known->second;
+    }
+    auto kept = name_kept(m_place->fd(), name);
+    return kept ? m_listed.emplace(name, std::move(*kept)).first->second : name;
+}
+
+std::string Rehearsal::key_of(const std::string &wanted) {
+    const std::string &name = listed(wanted);
     if (!m_folds) {
         return name;
     }

@@ -49,6 +49,8 @@ class Rehearsal {
     std::optional<Loss> refusal_of(const std::string &name, mode_t type);
     // Adds a change of name where the volume keeps an entry of this one under another.
     void add_kept_name(const std::string &name, std::vector<Loss> &losses) const;
+    // What the volume calls an entry of this name.
+    const std::string &listed(const std::string &name);
     // Two names for which this is the same are one to the volume.
     std::string key_of(const std::string &name);
 
@@ -63,6 +65,7 @@ class Rehearsal {
     std::vector<Loss> losses_of_link(const Side &source, const struct stat &found);
     std::vector<Loss> losses_of_special(const Side &source, const struct stat &found);
     void add_holes(const Side &source, const struct stat &found, std::vector<Loss> &losses) const;
+    int64_t blocks_of_filled(off_t size) const;
     std::string called(const Side &source) const;
     std::string signature(const Side &source, const struct stat &found) const;
     bool can_make_stores() const;
@@ -90,9 +93,10 @@ class Rehearsal {
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
-    off_t m_largestTaken = 0;                  // bytes of the largest file that the volume is known to take
-    std::map<std::string, std::string> m_keys; // of names in one letter case
-    std::map<ino_t, std::string> m_inodes;     // what was first made as each
+    off_t m_largestTaken = 0;                    // bytes of the largest file that the volume is known to take
+    std::map<std::string, std::string> m_keys;   // of names in one letter case
+    std::map<std::string, std::string> m_listed; // what the volume calls those that it may call something else
+    std::map<ino_t, std::string> m_inodes;       // what was first made as each
     struct Known {
         std::vector<Loss> losses;
         int64_t taken;

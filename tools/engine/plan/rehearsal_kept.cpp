@@ -3,6 +3,7 @@
 #include "tools/engine/compare/entry_comparison.h"
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/compare/kept.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/plan/guess.h"
 #include "tools/engine/plan/rehearsal.h"
 #include "tools/engine/report/failure.h"
@@ -217,8 +218,7 @@ void Rehearsal::add_merged_store(const Side &source, const Side &merged, std::ve
             if (!replaced && !one.has(attribute.name.c_str()) && !has_stream(one, attribute.name)) {
                 const bool users = attribute.name.starts_with("user.");
                 losses.push_back({users ? LossClass::attribute : LossClass::stream,
-                                  fmt::format("{} {}: only at the second", users ? "attribute" : "stream",
-                                              displayed(attribute.name))});
+                                  only_second_text(users ? "attribute" : "stream", displayed(attribute.name))});
             }
         }
         if (brought.resource || brought.attribute || brought.appleDouble) {

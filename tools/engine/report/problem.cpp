@@ -89,6 +89,10 @@ Problem of_source(Problem problem) {
     return problem;
 }
 
+Problem not_a_directory_of_list() {
+    return {"is no directory, and a list of directories is asked for"};
+}
+
 Problem problem_of_directory() {
     return {.reason = "is a directory", .needsRecursion = true};
 }

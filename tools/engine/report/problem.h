@@ -33,6 +33,8 @@ Problem problem_of_append_only();
 Problem of_source(Problem problem);
 // A directory that the request does not reach into.
 Problem problem_of_directory();
+// What a list of directories names beside them.
+Problem not_a_directory_of_list();
 // An entry that is none, where a slash behind its name asks for a directory.
 Problem problem_of_slash(mode_t mode);
 // A directory below so many others that a walk has no room to go into it.

@@ -3,6 +3,7 @@
 #include "ea/ea.h"
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/compare/findings.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/native_attributes.h"
@@ -492,8 +493,7 @@ std::vector<Loss> EntryConversion::write_native(const std::string &file, bool ke
         }
         const LossClass cls = class_of_attribute(one.name, true);
         const std::string lost =
-            fmt::format("{} {}: only at the first, {} bytes", cls == LossClass::stream ? "stream" : "attribute",
-                        displayed(one.name), one.size);
+            only_first_text(cls == LossClass::stream ? "stream" : "attribute", displayed(one.name), one.size);
         if (one.size > kLargestNative || !may_be_native(one.name)) {
             refused.push_back({cls, lost});
         } else {

@@ -7,10 +7,12 @@
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/rename.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <unistd.h>
 
 namespace engine {
@@ -36,6 +38,30 @@ HeldDirectory nearest(std::string path) {
         found = HeldDirectory(path);
     }
     return found;
+}
+
+// The part of a path behind the directory `top`, by whatever name the path leads into that.
+std::optional<std::vector<std::string>> part_in(const std::string &top, const std::string &path) {
+    const auto found = look_through(top);
+    std::string at = "/";
+    std::vector<std::string> rest = names_in_path(path);
+    while (found && !same(found, look_through(at))) {
+        if (rest.empty()) {
+            return std::nullopt;
+        }
+        at = joined(at, rest.front());
+        rest.erase(rest.begin());
+    }
+    const bool leadsOut = std::ranges::find(rest, "..") != rest.end();
+    return found && !leadsOut ? std::optional(std::move(rest)) : std::nullopt;
+}
+
+// Why a name cannot be entered.
+std::string why_not(const HeldDirectory &parent, const std::string &name, int number) {
+    const auto there = parent.look(name);
+    const std::string path = displayed(joined(parent.path(), name));
+    return there && S_ISLNK(there->st_mode) ? fmt::format("{} is a symbolic link, which is not followed", path)
+                                            : fmt::format("{}: {}", path, std::strerror(number));
 }
 
 // The directory `name`, made with what the one that it stands for has where it is not there. A link is none.
@@ -71,6 +97,7 @@ void Backups::begin(const std::string &top) {
     m_directory = m_options.directory.empty() || m_options.directory.starts_with('/')
                       ? m_options.directory
                       : joined(top, m_options.directory);
+    m_inside = m_directory.empty() ? std::nullopt : part_in(top, m_directory);
 }
 
 std::string Backups::below_top(const std::string &path) const {
@@ -91,6 +118,46 @@ std::string Backups::place_of(const std::string &destination) const {
     return joined(other.empty() ? parent_of(destination) : other, base_name(destination) + m_options.suffix);
 }
 
+Backups::Way Backups::way_to(const std::string &directory) const {
+    Way way{m_inside ? HeldDirectory(m_top) : nearest(m_directory)};
+    if (!way.at.is_open()) {
+        way.why = std::strerror(errno);
+        return way;
+    }
+    std::vector<std::string> names = m_inside.value_or(std::vector<std::string>());
+    if (!m_inside && way.at.path() != m_directory) {
+        return way;
+    }
+    std::ranges::copy(names_in_path(below_top(directory)), std::back_inserter(names));
+    for (const std::string &name : names) {
+        HeldDirectory next(way.at, name);
+        if (!next.is_open()) {
+            const int number = errno;
+            way.why = number == ENOENT ? "" : why_not(way.at, name, number);
+            way.at = number == ENOENT ? std::move(way.at) : HeldDirectory();
+            return way;
+        }
+        way.at = std::move(next);
+    }
+    way.whole = true;
+    return way;
+}
+
+// Closed, with errno: it cannot be made.
+HeldDirectory Backups::made() const {
+    if (!m_inside) {
+        return make_with_parents(m_directory) ? HeldDirectory(m_directory) : HeldDirectory();
+    }
+    HeldDirectory at(m_top);
+    for (const std::string &name : *m_inside) {
+        if (!at.is_open() || (::mkdirat(at.fd(), name.c_str(), 0777) != 0 && errno != EEXIST)) {
+            return {};
+        }
+        at = HeldDirectory(at, name);
+    }
+    return at;
+}
+
 std::optional<Problem> Backups::refusal(const HeldDirectory &directory, const std::string &destination,
                                         const std::optional<struct stat> &source, const WrittenEntries *written) const {
     const std::string place = place_of(destination), other = directory_for(parent_of(destination));
@@ -101,17 +168,18 @@ std::optional<Problem> Backups::refusal(const HeldDirectory &directory, const st
         there = directory.look(base_name(place));
         number = errno;
     } else {
-        held = nearest(other);
-        if (!held.is_open()) {
-            return not_kept(std::strerror(errno));
+        Way way = way_to(parent_of(destination));
+        if (!way.at.is_open()) {
+            return not_kept(way.why);
         }
+        held = std::move(way.at);
         if (held.device() != directory.device() || held.type() != directory.type()) {
             return not_kept(fmt::format("{} is on another volume", displayed(other)));
         }
         errno = ENOENT;
-        there = held.path() == other ? held.look(base_name(place)) : std::nullopt;
+        there = way.whole ? held.look(base_name(place)) : std::nullopt;
         number = errno;
-        if (held.path() == other && m_options.suffix.empty() && one_directory(held, directory)) {
+        if (way.whole && m_options.suffix.empty() && one_directory(held, directory)) {
             return not_kept("the directory of backups is its own");
         }
     }
@@ -136,10 +204,7 @@ std::optional<Backups::Place> Backups::open(const std::string &destination, cons
     if (other.empty()) {
         return place;
     }
-    if (!make_with_parents(m_directory)) {
-        return std::nullopt;
-    }
-    place.other = HeldDirectory(m_directory);
+    place.other = made();
     std::string model = m_top;
     for (const std::string &part : names_in_path(below_top(parent_of(destination)))) {
         model = joined(model, part);

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace engine {
 
@@ -40,11 +41,22 @@ class Backups {
         HeldDirectory other; // closed: the directory of the entry itself
         std::string name;
     };
+    // The nearest directory that is there, on the way to that of backups for a directory of the destination.
+    struct Way {
+        HeldDirectory at; // closed, with why: somewhere on it stands what is no directory
+        bool whole = false;
+        std::string why = {};
+    };
     std::string below_top(const std::string &path) const;
+    Way way_to(const std::string &directory) const;
+    HeldDirectory made() const;
     std::optional<Place> open(const std::string &destination, const std::string &name) const;
 
     BackupOptions m_options;
     std::string m_top, m_directory; // absolute
+    // What of the way to the directory of backups lies in that of the destination, which may be anybody's: there no
+    // link leads on. Nothing: all of it is where the user has pointed to.
+    std::optional<std::vector<std::string>> m_inside;
 };
 
 } // namespace engine

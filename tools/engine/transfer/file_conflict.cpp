@@ -131,6 +131,11 @@ bool is_to_update(const Loss &difference, LossSet accepted) {
     }
 }
 
+// By which an entry is known where names of two letter cases, or of two forms of a letter, may be one.
+static std::string folded_in(const HeldDirectory &to, const std::string &name) {
+    return joined(to.path(), folded(name_kept(to.fd(), name).value_or(name)));
+}
+
 void WrittenEntries::add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to,
                          const std::string &name) {
     const size_t mark = size_t{hash_of_place(to, name)} << kHalf | hash_of_source(sourceName);
@@ -142,7 +147,7 @@ void WrittenEntries::add(const struct stat &made, const std::string &sourceName,
         add({made.st_dev, made.st_ino}, mark);
     }
     if (!takes_every_name(to.facts().magic)) {
-        m_folded.try_emplace(joined(to.path(), folded(name)), Made{hash_of_source(sourceName), name});
+        m_folded.try_emplace(folded_in(to, name), Made{hash_of_source(sourceName), name});
     }
 }
 
@@ -186,7 +191,7 @@ std::optional<size_t> WrittenEntries::mark_here(const struct stat &there, const 
 // Whether what stands there under the name was made under it, or under one of another letter case that is the same
 // entry: it is not where both are listed.
 bool WrittenEntries::is_folded(const HeldDirectory &to, const std::string &name) const {
-    const auto found = m_folded.find(joined(to.path(), folded(name)));
+    const auto found = m_folded.find(folded_in(to, name));
     return found != m_folded.end() && (found->second.name == name || !lists(to, {name, found->second.name}));
 }
 
@@ -201,7 +206,7 @@ bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourc
         const auto mark = mark_here(there, to, name);
         return mark && *mark != kSeveral && static_cast<uint32_t>(*mark) != source;
     }
-    const auto found = m_folded.find(joined(to.path(), folded(name)));
+    const auto found = m_folded.find(folded_in(to, name));
     return found != m_folded.end() && found->second.source != source &&
            (is_folded(to, name) || m_names.contains({there.st_dev, there.st_ino}));
 }

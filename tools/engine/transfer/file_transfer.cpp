@@ -5,6 +5,7 @@
 #include "platform/sdk.h"
 #include "tools/engine/compare/granted_mode.h"
 #include "tools/engine/compare/witness.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/naming/name_list.h"
 #include "tools/engine/report/codes.h"
 #include "tools/engine/report/error_table.h"
@@ -106,6 +107,21 @@ std::optional<LossClass> class_of(const Problem &problem, const std::optional<st
     }
     const bool large = problem.code == kFileTooLarge || problem.code == kTooLargeForFat || problem.number == EFBIG;
     return large ? std::optional(LossClass::file_too_large) : std::nullopt;
+}
+
+// In the words of a plan and of a comparison, which do not try.
+std::string words_of(LossClass cls, const Problem &problem, const std::optional<struct stat> &entry,
+                     const HeldDirectory &to, const std::string &name) {
+    switch (cls) {
+    case LossClass::symbolic_link:
+        return link_refused_text(ENAMETOOLONG);
+    case LossClass::name_too_long:
+        return is_within_limit(name, to) ? problem.reason : too_long_text(name.size());
+    case LossClass::file_too_large:
+        return entry ? too_large_text(static_cast<uint64_t>(entry->st_size), to.facts().largestFile) : problem.reason;
+    default:
+        return problem.reason;
+    }
 }
 
 // Behind the largest size of a volume the kernel cannot set a position: that is what fails then.
@@ -215,7 +231,7 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     if (outcome.status == Status::failed && outcome.losses.empty()) {
         const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
         if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
-            outcome.losses.push_back({*cls, outcome.problem->reason});
+            outcome.losses.push_back({*cls, words_of(*cls, *outcome.problem, meant, to, attempt.name)});
         } else if (auto tooLarge = refusal_of_holes(*outcome.problem, meant, to)) {
             outcome.losses.push_back(std::move(*tooLarge));
         } else if (attempt.file.get() >= 0 && !attempt.stopAnswered && !can_be_read(attempt.opened())) {

@@ -77,6 +77,10 @@ class FileTransfer {
                         const std::string &name) {
         m_written.add(made, sourceName, to, name);
     }
+    // A file or link that was made without this.
+    void made_plain(const struct stat &made, const std::string &sourceName, const HeldDirectory &to) {
+        m_written.add(made, sourceName, to, sourceName);
+    }
     // Whether a file of another name of the source has become what stands there.
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const {

@@ -26,6 +26,13 @@ HeldDirectory::HeldDirectory(std::string path, Descriptor opened)
     ask();
 }
 
+HeldDirectory::HeldDirectory(const HeldDirectory &parent, const std::string &name, Descriptor opened,
+                             const struct stat &found)
+    : m_path(joined(parent.path(), name)), m_descriptor(std::move(opened)), m_device(found.st_dev),
+      m_inode(found.st_ino), m_type(parent.type()), m_facts(parent.facts()) {
+    m_facts.noDirectory = true;
+}
+
 // The type by the path, since an override of types goes by the text of paths.
 void HeldDirectory::ask() {
     struct stat found {};

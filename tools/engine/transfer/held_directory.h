@@ -19,6 +19,8 @@ class HeldDirectory {
     explicit HeldDirectory(const std::string &path);
     // A directory in another, which is no link.
     HeldDirectory(const HeldDirectory &parent, const std::string &name);
+    // One in another, of the same volume, that was opened in it for reading. It lies beside no "@eaDir" of its own.
+    HeldDirectory(const HeldDirectory &parent, const std::string &name, Descriptor opened, const struct stat &found);
     // One that another process has opened.
     HeldDirectory(std::string path, Descriptor opened);
 

@@ -1,5 +1,6 @@
 #include "tools/engine/transfer/link_transfer.h"
 
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/volume/volume_traits.h"
 
 #include <cerrno>
@@ -12,7 +13,7 @@ namespace engine {
 std::optional<Problem> make_link(const HeldDirectory &from, const std::string &source, const struct stat &entry,
                                  const HeldDirectory &to, const std::string &made) {
     if (!volume_traits(to.type()).links) {
-        return Problem{.reason = "is a symbolic link, which the destination's volume cannot hold", .withSource = true};
+        return Problem{.reason = kLinkNotHeld, .withSource = true};
     }
     char target[PATH_MAX] = "";
     if (::readlinkat(from.fd(), source.c_str(), target, sizeof target - 1) < 0 ||

@@ -1,5 +1,7 @@
 #include "tools/engine/transfer/name_refusal.h"
 
+#include "tools/engine/compare/side.h"
+#include "tools/engine/losses/wording.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
@@ -43,7 +45,8 @@ bool is_of_name(int number) {
     return std::ranges::find(numbers, number) != std::end(numbers);
 }
 
-// What a volume calls an entry that was made under this name, where that is another.
+} // namespace
+
 std::optional<std::string> name_kept(int directory, const std::string &name) {
     struct statfs volume {};
     if (is_common_name(name, 0x482b) || ::fstatfs(directory, &volume) != 0 ||
@@ -67,8 +70,6 @@ std::optional<std::string> name_kept(int directory, const std::string &name) {
     (void)remove_left_over(directory, place);
     return kept;
 }
-
-} // namespace
 
 bool takes_every_name(uint32_t magic) {
     // ext4, XFS, btrfs, tmpfs, ramfs, overlay
@@ -99,7 +100,7 @@ std::optional<Loss> refusal_in_private(int directory, const std::string &name, m
         return std::nullopt;
     }
     if (errno == ENAMETOOLONG) {
-        return Loss{LossClass::name_too_long, fmt::format("{} bytes are more than the volume takes", name.size())};
+        return Loss{LossClass::name_too_long, too_long_text(name.size())};
     }
     return Loss{S_ISLNK(type)                    ? LossClass::symbolic_link
                 : S_ISREG(type) || S_ISDIR(type) ? LossClass::data
@@ -111,7 +112,7 @@ std::optional<Loss> refusal_of_link(int directory) {
     if (::symlinkat("nowhere", directory, "link") == 0 || (errno != ENOSYS && errno != EPERM && errno != EOPNOTSUPP)) {
         return std::nullopt;
     }
-    return Loss{LossClass::symbolic_link, std::strerror(errno)};
+    return Loss{LossClass::symbolic_link, link_refused_text(errno)};
 }
 
 std::optional<Loss> refusal_of_entry(int directory, const std::string &name, mode_t type) {
@@ -142,7 +143,8 @@ std::optional<Loss> refusal_of_size(int directory, off_t size) {
             return std::nullopt;
         }
         if (::ftruncate(made.get(), size) != 0 && errno == EFBIG) {
-            refusal = Loss{LossClass::file_too_large, fmt::format("{} bytes are too many for the volume", size)};
+            refusal = Loss{LossClass::file_too_large,
+                           too_large_text(static_cast<uint64_t>(size), volume_facts(directory).largestFile)};
         }
     }
     (void)remove_left_over(directory, name);

@@ -17,9 +17,12 @@ bool takes_every_name(uint32_t magic);
 // Whether names in a directory of such a volume are one only where they are the same, letter by letter.
 bool keeps_names_apart(const char *directory);
 
-// Adds a change of name where a volume calls an entry that is made under this name by another one, since the form of
-// its letters is not that of the name, or since it leaves a dot at the end away. Asked in a private directory, made in
-// this one and removed again, of names only with which that may be.
+// What a volume calls an entry that is made under this name, where that is another, since the form of its letters is
+// not that of the name, or since it leaves a dot at the end away. Asked in a private directory, made in this one and
+// removed again, of names only with which that may be.
+std::optional<std::string> name_kept(int directory, const std::string &name);
+
+// Adds that change of name.
 void add_kept_name(int directory, const std::string &name, std::vector<Loss> &losses);
 
 // What becomes of an entry of this name and type in a directory that is the caller's own, and empty; a file that was

@@ -262,8 +262,7 @@ void TreeTransfer::leaf(const std::string &name, const NamesBelow &how, const st
         return;
     }
     if (found && how.directoriesAlone) {
-        failed(joined(level.source, name), joined(level.destination, name),
-               of_source({"is no directory, and a list of directories is asked for"}));
+        failed(joined(level.source, name), joined(level.destination, name), of_source(not_a_directory_of_list()));
         return;
     }
     std::vector<Loss> known = found ? give_name(level, name) : std::vector<Loss>();
@@ -302,6 +301,10 @@ void TreeTransfer::finish_base() {
     }
     m_sourceType = level.from.type();
     m_destinationType = level.to.type();
+    if (same(level.status.st, level.there)) {
+        failed(level.source, level.destination, {"source and destination are the same directory"});
+        return;
+    }
     finish(level, {from, name_in_parent(level.source)}, {to, name_in_parent(level.destination)});
     tell(EntryKind::directory, level.source, level.outcome);
 }

@@ -276,7 +276,10 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
         names->clear();
     }
     bool complete = leftOut == m_selection.left_out(), gone = false;
-    own_names_first(destination.in.type(), *names, [](const std::string &name) { return name; });
+    const bool all = takes_every_name(level.to.facts().magic);
+    own_names_first(
+        destination.in.type(), *names, [](const std::string &name) { return name; },
+        [&](const std::string &name) { return all || !name_kept(level.to.fd(), name); });
     give_names(level, *names);
     const std::string note = m_move ? begin_leaving(level, destination, names->empty()) : std::string();
     descend(source, destination);
@@ -469,6 +472,11 @@ bool TreeTransfer::entry(const Level &level, const std::string &name, std::vecto
                     true);
     default:
         break;
+    }
+    if (may_be_plain(level)) {
+        if (const auto whole = plain_entry(level, name)) {
+            return *whole;
+        }
     }
     const auto found = level.from.look(name);
     const EntryKind kind = kind_of_entry(found);

@@ -1,11 +1,12 @@
 // Copies or moves a directory with everything in it, and tells of each entry what became of it.
 //
 // The walk is the engine's own, since that of the library passes over what fails without a word, ends a directory at a
-// link that exists already, and ends a whole tree at a link that the volume cannot hold. Files, metadata, ACLs and
-// times are the library's work here too.
+// link that exists already, and ends a whole tree at a link that the volume cannot hold. Metadata, ACLs and the bytes
+// of what has any are the library's work here too.
 //
-// Asking the library for one file after the other costs more than asking it for a tree. So a copy hands over whole
-// directories where nothing can be in the way, and looks afterwards at what is there (whole_tree_copy.cpp): what has
+// Asking the library for one file after the other costs more than asking it for a tree. So a copy takes what has
+// nothing but what every entry has by descriptors (plain_entries.cpp), and hands over whole directories where their
+// files have more and nothing can be in the way, and looks afterwards at what is there (whole_tree_copy.cpp): what has
 // arrived is counted, and everything else goes through the walk, which names it. The directory that holds such a tree
 // stays closed to everybody else until that is over, so that nobody can put a link in the way of what is still done in
 // it. At the source nobody else can exchange a directory either, or it is walked through: the walk enters directories
@@ -18,6 +19,7 @@
 #include "tools/engine/transfer/departure.h"
 #include "tools/engine/transfer/file_transfer.h"
 #include "tools/engine/transfer/held_directory.h"
+#include "tools/engine/transfer/plain_copy.h"
 #include "tools/engine/transfer/transfer_telling.h"
 #include "tools/engine/transfer/tree_call.h"
 #include "tools/engine/transfer/tree_part.h"
@@ -92,7 +94,8 @@ class TreeTransfer {
         bool onTheWay = false; // to a name below it: nothing of the source goes with it, and it stays
         bool left = false;     // an earlier run has taken something out of the source; `status` has the times before
         Outcome outcome = {};
-        GivenNames given = {}; // to the entries, at the destination
+        GivenNames given = {};                  // to the entries, at the destination
+        mutable std::optional<bool> plain = {}; // entries may go by descriptors alone, once that was asked
     };
 
     // Each answers whether nothing of it stayed behind.
@@ -173,6 +176,12 @@ class TreeTransfer {
     void leaf(const std::string &name, const NamesBelow &how, const std::string &wanted);
     bool missed(const std::string &wanted, Problem problem);
 
+    // Entries with nothing but what every entry has. Nothing: it is another one, and goes the walk's own way.
+    bool may_be_plain(const Level &level);
+    std::optional<bool> plain_entry(const Level &level, const std::string &name);
+    std::optional<bool> plain_directory(const Level &above, const std::string &name, const VLIBCStat &found);
+    bool open_plain(const Level &above, const std::string &name, Level &level, std::vector<std::string> &names) const;
+
     // What the library is to copy, and has copied, as a whole.
     using Types = std::unordered_map<std::string, unsigned char>;
     // Names of one directory, by what becomes of them.
@@ -227,6 +236,7 @@ class TreeTransfer {
     uint64_t m_parts = 0;  // given away at the top
     TreeRequest m_request = {};
     std::vector<Walk *> m_walks = {}; // of this process' part, down to where it is
+    PlainCopy m_plain = {};
 };
 
 } // namespace engine

@@ -5,6 +5,7 @@
 #include "tools/engine/walk/look.h"
 #include "tools/engine/walk/paths.h"
 
+#include <climits>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -33,22 +35,46 @@ std::optional<char> first_byte(const std::string &file) {
     return opened.get() >= 0 && ::read(opened.get(), &byte, 1) == 1 ? std::optional(byte) : std::nullopt;
 }
 
+// Of a machine that is one itself. Its kernel says of every such disk that it turns, and knows nothing of what is
+// below; that is memory, or a server's array, oftener than one disk.
+bool is_virtual(const std::string &device) {
+    const std::string bus = base_name(real_path(device + "/device/subsystem"));
+    return bus == "virtio" || bus == "xen";
+}
+
+std::string device_of(dev_t number, const std::string &sysfs) {
+    return real_path(fmt::format("{}/dev/block/{}:{}", sysfs, major(number), minor(number)));
+}
+
+// What a file serves as a disk lies where the file does.
+std::string device_of_file(const std::string &device, const std::string &sysfs) {
+    const Descriptor told(::open((device + "/loop/backing_file").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    char path[PATH_MAX] = {};
+    const ssize_t length = told.get() < 0 ? -1 : ::read(told.get(), path, sizeof path);
+    const auto file = length > 1 ? look_through(std::string(path, static_cast<size_t>(length) - 1)) : std::nullopt;
+    return file && S_ISREG(file->st_mode) ? device_of(file->st_dev, sysfs) : std::string();
+}
+
 // `device`: its directory, without links in it.
-void add_device(const std::string &device, Disks &disks, int layers = 0) {
+void add_device(const std::string &device, const std::string &sysfs, Disks &disks, int layers = 0) {
     if (device.empty() || layers > kMostLayers) {
         return;
     }
+    if (const std::string file = device_of_file(device, sysfs); !file.empty()) {
+        add_device(file, sysfs, disks, layers + 1);
+        return;
+    }
     if (exists(device + "/partition")) {
-        add_device(parent_of(device), disks, layers + 1);
+        add_device(parent_of(device), sysfs, disks, layers + 1);
         return;
     }
     const auto below = names_in(device + "/slaves");
     for (const std::string &name : below.value_or(std::vector<std::string>())) {
-        add_device(real_path(device + "/slaves/" + name), disks, layers + 1);
+        add_device(real_path(device + "/slaves/" + name), sysfs, disks, layers + 1);
     }
     if (!below || below->empty()) {
         disks.names.insert(base_name(device));
-        disks.turning = disks.turning || first_byte(device + "/queue/rotational") == '1';
+        disks.turning = disks.turning || (first_byte(device + "/queue/rotational") == '1' && !is_virtual(device));
     }
 }
 
@@ -64,7 +90,7 @@ void add_btrfs(int directory, const std::string &sysfs, Disks &disks) {
     }
     const std::string devices = sysfs + "/fs/btrfs/" + id + "/devices";
     for (const std::string &name : names_in(devices).value_or(std::vector<std::string>())) {
-        add_device(real_path(devices + "/" + name), disks);
+        add_device(real_path(devices + "/" + name), sysfs, disks);
     }
 }
 
@@ -86,7 +112,7 @@ Disks disks_below(const std::string &path, const std::string &sysfs) {
         add_btrfs(opened.get(), sysfs, disks);
         return disks;
     }
-    add_device(real_path(fmt::format("{}/dev/block/{}:{}", sysfs, major(found->st_dev), minor(found->st_dev))), disks);
+    add_device(device_of(found->st_dev, sysfs), sysfs, disks);
     return disks;
 }
 

@@ -14,7 +14,8 @@ struct Disks {
 };
 
 // Those of what `path` names, or of the nearest directory above it that is there: through partitions, arrays and mapped
-// devices down to the disks, and all of those that a btrfs volume has. `sysfs`: where the kernel tells of them.
+// devices, and files that serve as disks, down to the disks, and all of those that a btrfs volume has. `sysfs`: where
+// the kernel tells of them.
 Disks disks_below(const std::string &path, const std::string &sysfs = "/sys");
 
 } // namespace engine

@@ -9,6 +9,7 @@
 #include <CLI/Formatter.hpp>
 #include <algorithm>
 #include <fmt/format.h>
+#include <iterator>
 #include <string_view>
 
 namespace tool {
@@ -187,6 +188,34 @@ const CLI::App *command_named(const CLI::App &app, const std::string &name) {
     return commands.empty() ? nullptr : commands.front();
 }
 
+// The options that a command has, out of its sight for a while: CLI11 searches them for each name that is added.
+class OptionsAside {
+  public:
+    OptionsAside(CLI::App &app, bool wanted) : m_app(app), m_wanted(wanted) {
+        if (m_wanted) {
+            m_before.swap(options());
+        }
+    }
+    OptionsAside(const OptionsAside &) = delete;
+    OptionsAside &operator=(const OptionsAside &) = delete;
+    ~OptionsAside() {
+        if (m_wanted) {
+            std::ranges::move(options(), std::back_inserter(m_before));
+            m_before.swap(options());
+        }
+    }
+
+  private:
+    struct Reach : CLI::App {
+        static auto options() { return &Reach::options_; }
+    };
+    std::vector<CLI::Option_p> &options() const { return m_app.*Reach::options(); }
+
+    CLI::App &m_app;
+    bool m_wanted;
+    std::vector<CLI::Option_p> m_before = {};
+};
+
 // A command does not take it over with its group.
 void add_help_all(CLI::App &app) {
     app.set_help_all_flag("--help-all", "print all options and exit")->group(kRare);
@@ -222,14 +251,23 @@ Command Command::rare() const {
     return same;
 }
 
-CLI::Option &Command::grouped(CLI::Option &option) const {
+Command Command::trusted() const {
+    Command same = *this;
+    same.m_trusted = true;
+    return same;
+}
+
+template <typename Add>
+CLI::Option &Command::added(const Add &add) const {
+    const OptionsAside aside(*m_app, m_trusted);
+    CLI::Option &option = *add(*m_app);
     return m_rare ? *option.group(kRare) : option;
 }
 
 Command Command::add_command(const char *name, const char *text) const {
     CLI::App &command = *m_app->add_subcommand(name, text);
     add_help_all(command);
-    return Command(command);
+    return m_trusted ? Command(command).trusted() : Command(command);
 }
 
 bool Command::has_command() const {
@@ -279,36 +317,43 @@ void Command::require_command() const {
 }
 
 Option Command::add_flag(const char *names, const char *text) const {
-    return Option(grouped(*m_app->add_flag(names)->description(text)));
+    return Option(added([&](CLI::App &app) { return app.add_flag(names)->description(text); }));
 }
 
 void Command::add_flag(const char *names, bool &value, const char *text) const {
-    grouped(*m_app->add_flag(names, value, text));
+    added([&](CLI::App &app) { return app.add_flag(names, value, text); });
 }
 
 Option Command::add_value(const char *name, const char *valueName, const char *text) const {
-    return Option(grouped(*m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName)));
+    return Option(
+        added([&](CLI::App &app) { return app.add_option(name, CLI::callback_t(), text)->option_text(valueName); }));
 }
 
 Option Command::add_values(const char *name, const char *valueName, const char *text) const {
-    CLI::Option &option = *m_app->add_option(name, CLI::callback_t(), text)->option_text(valueName);
-    return Option(grouped(*option.expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)));
+    const Option option = add_value(name, valueName, text);
+    option.m_option->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    return option;
 }
 
 Option Command::add_word(const char *name, const char *plain, const char *valueName, const char *text) const {
-    const std::string flag = fmt::format("{}{{{}}}", name, plain);
-    CLI::Option &option = *m_app->add_flag(flag)->description(text);
-    option.multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    return Option(grouped(*option.option_text(fmt::format("[={}]", valueName))));
+    const std::string flag = fmt::format("{}{{{}}}", name, plain), value = fmt::format("[={}]", valueName);
+    return Option(added([&](CLI::App &app) {
+        CLI::Option *const option = app.add_flag(flag)->description(text)->option_text(value);
+        return option->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    }));
 }
 
 void Command::add_number(const char *name, const char *valueName, int &value, int least, int most,
                          const char *text) const {
-    grouped(*m_app->add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName));
+    added([&](CLI::App &app) {
+        return app.add_option(name, value, text)->check(CLI::Range(least, most))->option_text(valueName);
+    });
 }
 
 Option Command::add_operands(const char *name, const char *usage) const {
-    return Option(*m_app->add_option(name, CLI::callback_t(), usage)->expected(0, -1)->allow_extra_args());
+    return Option(added([&](CLI::App &app) {
+        return app.add_option(name, CLI::callback_t(), usage)->expected(0, -1)->allow_extra_args();
+    }));
 }
 
 void Command::set_footer(const std::string &text) const {

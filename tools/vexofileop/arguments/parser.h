@@ -48,6 +48,10 @@ class Command {
     // The same one: options that are added through this are shown by --help-all and the manual page, not by --help,
     // which has to fit a screen.
     Command rare() const;
+    // The same one: what is added through this is not held against the options that are there already, which takes a
+    // third of a short command's instructions. For the one command of a command line; whoever adds all of them has
+    // each name told that is there twice.
+    Command trusted() const;
     Command add_command(const char *name, const char *text) const;
     // Whether one of its commands was named.
     bool has_command() const;
@@ -85,10 +89,11 @@ class Command {
     std::vector<Option> given_options() const;
 
   private:
-    CLI::Option &grouped(CLI::Option &option) const;
+    template <typename Add>
+    CLI::Option &added(const Add &add) const;
 
     CLI::App *m_app;
-    bool m_rare = false;
+    bool m_rare = false, m_trusted = false;
 };
 
 class Parser {

@@ -195,9 +195,25 @@ void MirrorRun::add_more(Json &summary) const {
     add_refusal(summary, m_refused, m_left);
 }
 
-int MirrorPlan::run() {
+// As the run may: nothing is planned where it would end before it does anything.
+bool MirrorPlan::may_begin(const SurplusRun::Options &counting) {
     const auto holds = engine::holds_anything(m_pair.source, m_options.plan.transfer.selection);
-    plan({{m_pair.source + "/.", m_pair.destination}});
+    if (!holds) {
+        m_console.message(fmt::format("{}: {}", engine::displayed(m_pair.source), std::strerror(errno)));
+        return false;
+    }
+    if (*holds || m_mirror.allowEmpty || !m_pair.exists) {
+        return true;
+    }
+    m_left = counted_surplus(counting);
+    if (m_left > 0 && !stopped()) {
+        m_console.message(fmt::format("{}: {}", engine::displayed(m_pair.source), kEmpty));
+        m_refused = "empty-source";
+    }
+    return m_left == 0;
+}
+
+int MirrorPlan::run() {
     const SurplusRun::Options options{.surplus = engine_options(m_mirror, true),
                                       .most = m_mirror.most,
                                       .verbose = m_options.verbose,
@@ -207,12 +223,16 @@ int MirrorPlan::run() {
     SurplusRun::Options counting = options;
     counting.silent = true;
     counting.most = -1;
+    if (!may_begin(counting)) {
+        m_failed = true;
+        return finish();
+    }
+    plan({{m_pair.source + "/.", m_pair.destination}});
     plan_late(options);
     if (m_pair.exists && !stopped()) {
-        const bool refused = !holds.value_or(false) && !m_mirror.allowEmpty;
-        SurplusRun surplus(refused || m_incomplete ? counting : options, m_console, m_report);
+        SurplusRun surplus(m_incomplete ? counting : options, m_console, m_report);
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
-        const bool blocked = surplus.failed() > 0 && !refused && !m_incomplete;
+        const bool blocked = surplus.failed() > 0 && !m_incomplete;
         if (blocked) {
             m_console.message("nothing else would be removed, for not everything can be copied");
             m_refused = "incomplete";
@@ -221,16 +241,18 @@ int MirrorPlan::run() {
         }
         m_removed = surplus.removed();
         m_failed = m_failed || surplus.failed() > 0 || surplus.mounts() > 0 || surplus.was_limited();
-        if ((refused || m_incomplete) && (m_left = std::exchange(m_removed, 0)) > 0) {
-            m_refused = refused ? "empty-source" : "incomplete";
-            m_console.message(refused ? fmt::format("{}: {}", engine::displayed(m_pair.source), kEmpty)
-                                      : "nothing would be removed, for not everything can be copied");
+        if (m_incomplete && (m_left = std::exchange(m_removed, 0)) > 0) {
+            m_refused = "incomplete";
+            m_console.message("nothing would be removed, for not everything can be copied");
             m_failed = true;
         } else if (surplus.was_limited()) {
             m_refused = "max-delete";
             m_left = counted_surplus(counting) - m_removed;
             m_console.message(fmt::format("no more would be removed, for --max-delete is {}", m_mirror.most));
         }
+    } else if (m_pair.exists && stop_signal() == 0) {
+        m_console.message("nothing would be removed, for not everything can be copied");
+        m_refused = "incomplete";
     }
     return finish();
 }

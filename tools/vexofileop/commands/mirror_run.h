@@ -64,6 +64,7 @@ class MirrorPlan : private PlanRun {
     void entry(const engine::PlannedEntry &planned) override;
     std::string more_counts() const override;
     void add_more(Json &summary) const override;
+    bool may_begin(const SurplusRun::Options &counting);
     int64_t counted_surplus(const SurplusRun::Options &counting);
     void plan_late(const SurplusRun::Options &options);
     void plan_late(const std::string &source, const std::string &destination);

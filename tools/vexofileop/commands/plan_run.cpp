@@ -77,8 +77,7 @@ void PlanRun::entry(const engine::PlannedEntry &planned) {
     const bool failed = planned.deed == engine::Deed::fail;
     const bool done = !failed && planned.deed != engine::Deed::skip;
     ++m_deeds[static_cast<size_t>(planned.deed)];
-    m_directories += directory && done ? 1 : 0;
-    m_directoriesDone += directory && done ? 1 : 0;
+    m_directories += directory && done && !planned.uncounted ? 1 : 0;
     m_files += directory ? 0 : 1;
     m_done += !directory && (done || planned.sourceGoes) ? 1 : 0;
     m_same += planned.same ? 1 : 0;
@@ -256,7 +255,8 @@ void PlanRun::tell_room(const engine::VolumePlan &volume) {
 
 int PlanRun::finish() {
     const bool signalled = stop_signal() != 0;
-    const int succeeded = m_directoriesAlone || (m_succeeded == 0 && !m_anyFailed) ? m_directoriesDone : m_succeeded;
+    const bool directories = m_directoriesAlone || (m_succeeded == 0 && !m_anyFailed);
+    const int succeeded = directories ? static_cast<int>(m_directories) : m_succeeded;
     int status = signalled ? exitSignal + stop_signal() : exit_status(succeeded, m_failed ? 1 : 0);
     if (m_options.allOrNothing && !signalled && m_deeds[static_cast<size_t>(engine::Deed::fail)] > 0) {
         status = exitNone;

@@ -65,7 +65,7 @@ class PlanRun : protected engine::PlanObserver {
     Report m_report;
     int64_t m_deeds[6] = {}; // by Deed, of all entries
     int64_t m_directories = 0, m_files = 0, m_done = 0, m_same = 0, m_cloned = 0, m_bytes = 0, m_staying = 0;
-    int m_succeeded = 0, m_directoriesDone = 0;
+    int m_succeeded = 0;
     bool m_directoriesAlone = false; // nothing else is named
     int64_t m_errors = 0;
     bool m_failed = false, m_anyFailed = false, m_treeSeen = false;

@@ -24,6 +24,7 @@ _vexofileop_values() {
     --sync=) printf '%s\n' file volume ;;
     --names | --names=) printf '%s\n' reversible plain ;;
     --progress | --progress=) printf '%s\n' json bar none ;;
+    --to | --to=) printf '%s\n' native eadir double fileea ;;
     esac
 }
 
@@ -48,7 +49,7 @@ _vexofileop() {
     fi
     values=$(_vexofileop_values "$option")
     if [[ -n $values ]]; then
-        [[ $current == *,* && $option != --progress* ]] && before=${current%,*},
+        [[ $current == *,* && $option != --progress* && $option != --to* ]] && before=${current%,*},
         mapfile -t COMPREPLY < <(compgen -P "$before" -W "$values" -- "${current##*,}")
         return
     fi

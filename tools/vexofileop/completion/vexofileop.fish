@@ -38,6 +38,8 @@ function __vexofileop_values
             printf '%s\n' reversible plain
         case --progress --progress=
             printf '%s\n' json bar none
+        case --to --to=
+            printf '%s\n' native eadir double fileea
     end
 end
 
@@ -69,7 +71,7 @@ function __vexofileop_complete
     if test (count $values) -gt 0
         # With what stands there already, up to the last comma.
         set -l rest (string sub -s (math (string length -- "$before") + 1) -- "$current")
-        string match -q -- '--progress*' $option
+        string match -q -r -- '^--(progress|to)' $option
         or set before $before(string replace -r '[^,]*$' '' -- "$rest")
         printf '%s\n' $before$values
         return
