@@ -18,7 +18,8 @@ target_link_libraries(vexo_build INTERFACE vexo_warnings)
 target_include_directories(vexo_build INTERFACE "${CMAKE_SOURCE_DIR}")
 target_compile_definitions(vexo_build INTERFACE _GNU_SOURCE)
 # The names in log lines are paths from the tree's root, also where a compiler cache makes paths relative.
-file(RELATIVE_PATH up_to_source "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}/")
+file(RELATIVE_PATH up_to_source "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}")
+string(REGEX REPLACE "([^/])$" "\\1/" up_to_source "${up_to_source}") # a name at its end comes without
 target_compile_options(vexo_build INTERFACE "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${up_to_source}=")
 if(VEXOFILEOP_SANITIZE)
   target_compile_options(vexo_build INTERFACE -fsanitize=${VEXOFILEOP_SANITIZE} -fno-omit-frame-pointer
