@@ -160,6 +160,9 @@ class Copy(Case):
         subprocess.run(["mount", "-o", "remount,ro", place], check=True)
         error = self.raises(vexofileop.Error, vexofileop.copy, "original", place)
         self.assertEqual(errno.EROFS, error.errno)
+        subprocess.run(["setfacl", "-m", "u:1234:rw", "original"], check=True)
+        error = self.raises(vexofileop.Error, vexofileop.copy, "original", place)
+        self.assertEqual((0x8400, errno.EROFS), (error.code, error.errno))
 
     def test_raises_what_was_lost_unless_it_is_accepted(self):
         place = self.mount("plain", "ramfs")

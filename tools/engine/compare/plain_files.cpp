@@ -4,8 +4,8 @@
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/compare/plain_stores.h"
 #include "tools/engine/store/store.h"
-#include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/units.h"
+#include "tools/engine/walk/working_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -26,18 +26,6 @@ constexpr int64_t kDosUnit = 100;    // of the times in a record of DOS attribut
 constexpr size_t kAtOnce = 256;      // names, so that a directory of any size takes no memory
 constexpr size_t kMostListed = 1024; // bytes of names of attributes
 constexpr char kAccessAcl[] = "system.posix_acl_access";
-
-class WorkingDirectory {
-  public:
-    WorkingDirectory() : m_before(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
-    WorkingDirectory(const WorkingDirectory &) = delete;
-    WorkingDirectory &operator=(const WorkingDirectory &) = delete;
-    ~WorkingDirectory() { (void)!::fchdir(m_before.get()); }
-    bool enter(int directory) const { return m_before.get() >= 0 && ::fchdir(directory) == 0; }
-
-  private:
-    Descriptor m_before;
-};
 
 // What a regular file shows of itself.
 struct PlainStatus {

@@ -225,7 +225,7 @@ Destination &Planner::Walk::destination_of(const std::string &path) {
 bool Planner::Walk::may_make_in(const Destination &to, PlannedEntry &planned, int &number) {
     if (to.is_there() && ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
         number = errno;
-        return fail(planned, number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+        return fail(planned, problem_of_errno(number));
     }
     number = 0;
     return true;
@@ -537,7 +537,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (!opened.there && m_selection.takes_everything() && !maybeNames &&
         is_renamed(source, from.device(), from.type(), to)) {
         if (const int number = refusal_to_move(source, opened, to); number != 0) {
-            return fail(std::move(planned), number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+            return fail(std::move(planned), problem_of_errno(number));
         }
         planned.deed = Deed::rename;
         return tell(std::move(planned));

@@ -531,7 +531,11 @@ std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) 
     }
     (void)::mkdirat(m_place->fd(), kNames, 0700);
     const Descriptor names = open_directory(m_place->fd(), kNames);
-    return refusal_in_private(names.get(), name, type);
+    auto refusal = refusal_in_private(names.get(), name, type);
+    if (refusal && S_ISLNK(type) && !volume_traits(m_volume.type).links) {
+        refusal->detail = kLinkNotHeld; // by whichever name
+    }
+    return refusal;
 }
 
 void Rehearsal::add_kept_name(const std::string &name, std::vector<Loss> &losses) const {

@@ -238,7 +238,7 @@ class DirectoryCheck {
         } else if (!made && ((!change && !name.starts_with(kRelocation)) || may_be_under_way(at(inStore), name))) {
             return; // a user's own, or somebody is at work on it
         }
-        const bool removable = (change || gone) && type == DT_REG;
+        const bool removable = ((change || gone) && type == DT_REG) || (gone && is_trial_left_over(at(inStore), name));
         add(FindingKind::left_over, {removable ? Mend::remove : Mend::none, inStore, name}, "",
             gone     ? "the process that has made it is gone"
             : change ? "a change of a store was stopped"

@@ -532,6 +532,9 @@ std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
         }
     }
     for (const std::string &name : names) {
+        if (is_trial_left_over(directory.fd(), name)) {
+            (void)clear_away(directory.fd(), name);
+        }
         if (without_suffix(name) != name || kept.contains(name)) {
             continue;
         }

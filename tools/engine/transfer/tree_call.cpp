@@ -38,6 +38,7 @@ TreeCall call_tree_copy(const std::string &source, const std::string &destinatio
     options.ownerMode = 1;
     options.copyAcl = 1;
     Running running(options, observer);
+    running.call.source = source;
     (void)::clock_gettime(CLOCK_REALTIME_COARSE, &running.call.begun);
     // Its result says less than what is there afterwards.
     (void)VEXOFileCopyDirectory(source.c_str(), destination.c_str(), &options);

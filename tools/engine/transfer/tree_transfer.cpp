@@ -50,9 +50,7 @@ namespace engine {
 namespace {
 
 Problem problem_of_making(int number) {
-    return number == ENOENT  ? problem_of(kDestinationMissing)
-           : number == EROFS ? problem_of(kReadOnly)
-                             : problem_of_errno(number);
+    return number == ENOENT ? problem_of(kDestinationMissing) : problem_of_errno(number);
 }
 
 // With what it has. False: there is none.

@@ -195,6 +195,7 @@ class TreeTransfer {
     bool is_ours_all_down(int parent, const std::string &name);
     bool is_ours_all_down(Descriptor &directory, int depth);
     void copy_whole(const Place &source, const Place &destination, bool withStore);
+    TreeCall call_library(const Place &source, const std::string &destination) const;
     void check(const Place &source, const Place &destination, const std::string &held, const TreeCall &call);
     std::optional<Found> compare(Level &level, const TreeCall &call);
     void sort_entry(Level &level, Entry entry, const Types &types, const TreeCall &call, Found &found) const;

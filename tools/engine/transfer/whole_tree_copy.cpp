@@ -13,6 +13,7 @@
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/stack_room.h"
+#include "tools/engine/walk/working_directory.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -157,7 +158,7 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
         return;
     }
     const bool inherits = hands_on_an_acl(destination.in.fd());
-    TreeCall call = call_tree_copy(source.held(), inside.below(made), m_observer);
+    TreeCall call = call_library(source, inside.below(made));
     call.inherits = inherits;
     const Renaming renaming{
         .from = inside, .before = made, .to = destination.in, .name = destination.name, .withStore = withStore};
@@ -178,11 +179,19 @@ void TreeTransfer::copy_whole(const Place &source, const Place &destination, boo
         m_observer.arrived(destination.path(), 0, call.bytes);
     }
     m_checking = true; // What did not arrive is copied one by one.
-    check(source, destination, source.held(), call);
+    check(source, destination, call.source, call);
     m_checking = false;
     if (stays) { // beside the tree, which has arrived
         failed(source.path(), destination.path(), std::move(*stays));
     }
+}
+
+// Files with stores go by their paths, each of them. A process of this run's own, which nobody else has a part of, goes
+// to where the source is.
+TreeCall TreeTransfer::call_library(const Place &source, const std::string &destination) const {
+    const WorkingDirectory working;
+    const bool near = m_telling != nullptr && working.enter(source.in.fd());
+    return call_tree_copy(near ? "./" + source.name : source.held(), destination, m_observer);
 }
 
 // One level of the tree that the library has copied.

@@ -84,6 +84,8 @@ class Crew {
     SharedDesk &m_desk;
     SharedSigns &m_signs;
     pid_t m_above;
+    mutable unsigned m_asked = 0; // how often, whether it is to stop
+    mutable bool m_alone = false; // the one above was gone when it was looked for
     Worker *m_worker = nullptr;
     Group m_groups = 0;
     int m_depth = 0; // jobs that are begun
