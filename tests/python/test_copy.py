@@ -251,14 +251,14 @@ class Killed(Case):
 
         def hold(_done):
             started.set()
-            go.wait(60)
+            go.wait(600)
 
         thread = threading.Thread(target=lambda: vexofileop.copy("original", "held", progress=hold))
         thread.start()
-        self.assertTrue(started.wait(60))
+        self.assertTrue(started.wait(600))
         child = os.fork()
         if child == 0:
-            signal.alarm(60)
+            signal.alarm(600)
             vexofileop.copy("original", "inner")
             os._exit(0)
         _, status = os.waitpid(child, 0)

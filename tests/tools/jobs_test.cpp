@@ -204,7 +204,7 @@ bool isAlive(pid_t process) {
 }
 
 bool areStopped(const std::vector<pid_t> &processes) {
-    for (int step = 0; step < 6'000; ++step) {
+    for (int step = 0; step < 30'000; ++step) {
         if (std::ranges::all_of(processes, [](pid_t one) { return kernelStateOf(one) == 'T'; })) {
             return true;
         }
@@ -225,7 +225,7 @@ bool areGone(const std::vector<pid_t> &processes) {
 
 // Whether nothing shows any more that they ever were: whose parent was killed is for another one to ask after.
 bool areForgotten(const std::vector<pid_t> &processes) {
-    for (int step = 0; step < 6'000; ++step) {
+    for (int step = 0; step < 30'000; ++step) {
         if (std::ranges::all_of(processes, [](pid_t one) { return ::kill(one, 0) != 0 && errno == ESRCH; })) {
             return true;
         }

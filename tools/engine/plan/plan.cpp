@@ -43,7 +43,7 @@
 namespace engine {
 namespace {
 
-constexpr int kMostHeld = 6;
+constexpr int kMostHeldOpen = 6;
 
 Problem just_written(const char *what) {
     return {fmt::format("the destination was just written by this command; not {}", what), kExists};
@@ -545,14 +545,14 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (!merge_directory(source, to, opened)) {
         return false;
     }
-    if (++m_depth > kMostHeld) {
+    if (++m_depth > kMostHeldOpen) {
         source.in.let_go();
         to.there.let_go();
     }
     std::vector<Loss> strangers;
     const size_t leftOut = m_selection.left_out();
     const bool complete = entries(from, inner, strangers) && leftOut == m_selection.left_out();
-    if (m_depth-- > kMostHeld &&
+    if (m_depth-- > kMostHeldOpen &&
         (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
         return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
     }

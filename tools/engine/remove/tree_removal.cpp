@@ -50,7 +50,7 @@ std::string stream_name(const std::string &path, const char *stream) {
     return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
 }
 
-bool is_directory(const Entry &entry) {
+bool is_directory_entry(const Entry &entry) {
     return entry.type == DT_DIR;
 }
 
@@ -201,10 +201,10 @@ bool TreeRemoval::give_half(size_t at, bool all) {
     RecordWriter names;
     size_t given = 0, directories = 0, last = level.entries.size();
     for (; given < most && last > level.next && names.bytes().size() < mostBytes; --last) {
-        if (const Entry entry = level.entries[last - 1]; all || is_directory(entry)) {
+        if (const Entry entry = level.entries[last - 1]; all || is_directory_entry(entry)) {
             names.number(entry.type).text(entry.name);
             ++given;
-            directories += is_directory(entry) ? size_t{1} : size_t{0};
+            directories += is_directory_entry(entry) ? size_t{1} : size_t{0};
         }
     }
     RecordWriter job;
@@ -217,7 +217,7 @@ bool TreeRemoval::give_half(size_t at, bool all) {
         level.directories = 0; // not to be tried again
         return false;
     }
-    level.entries.erase_if(last, [all](const Entry &entry) { return all || is_directory(entry); });
+    level.entries.erase_if(last, [all](const Entry &entry) { return all || is_directory_entry(entry); });
     level.directories -= directories;
     return true;
 }
@@ -354,11 +354,11 @@ void TreeRemoval::remove_next() {
     m_path.resize(level.pathLength);
     m_path += '/';
     m_path += entry.name;
-    if (is_directory(entry) && level.directories > 0) {
+    if (is_directory_entry(entry) && level.directories > 0) {
         --level.directories;
     }
     if (!level.entries_belong()) {
-        begin(is_directory(entry) ? m_path + '/' : m_path);
+        begin(is_directory_entry(entry) ? m_path + '/' : m_path);
     }
     if (!is_asked_for() && !level.entries_belong()) {
         const NameKind kind = name_kind(m_way.path_of("."), entry.name, level.type);
@@ -367,7 +367,7 @@ void TreeRemoval::remove_next() {
             return; // goes with what it belongs to, or has gone with it
         }
     }
-    if (is_directory(entry)) {
+    if (is_directory_entry(entry)) {
         enter(entry);
     } else if (confirmed(mode_of(entry), RemovalQuestion::entry)) {
         unlink(entry);

@@ -83,7 +83,7 @@ bool is_really_empty(const std::string &path) {
 }
 
 // Something that could not be looked at, since somebody else has it: the code is in the words.
-bool is_locked(const Loss &loss) {
+bool is_store_locked(const Loss &loss) {
     return loss.detail.find(code_text(kLocked)) != std::string::npos;
 }
 
@@ -622,7 +622,7 @@ std::optional<Problem> FileTransfer::refused(Attempt &attempt) const {
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {
     compare(attempt, attempt.made);
-    const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_locked);
+    const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_store_locked);
     if (locked && !attempt.final && !attempt.losses.empty()) {
         discard(attempt.to, attempt.made);
         return failure(attempt.destination, problem_of(kLocked));
