@@ -4,6 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <array>
 #include <cerrno>
@@ -201,6 +202,11 @@ void StoreMender::give_attribute(const StorePlace &place, const Subject &subject
 }
 
 void StoreMender::remove(const StorePlace &place, int directory, const Subject &subject) {
+    struct stat there {};
+    if (is_private_name(subject.name) && ::fstatat(directory, subject.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0 &&
+        errno == ENOENT) {
+        return; // it was what a stopped change of a store file left, which the mending of that file has taken away
+    }
     Quarantined item = item_for(place, subject, Quarantined::What::removed);
     take_status(directory, subject.name, item);
     StoreFileHeld held;
