@@ -54,16 +54,12 @@ std::string attributesOf(const std::string &path) {
     return text;
 }
 
-// Everything below a directory, an entry a line. What lies in an "@eaDir" has the mode and times of its making; one
-// that was made for nothing stays where the library copies the tree, and goes where the tool copies each file.
+// Everything below a directory, an entry a line. What lies in an "@eaDir" has the mode and times of its making.
 void describe(const std::string &directory, const std::string &shown, std::vector<std::string> &lines) {
     for (const std::string &name : kit::namesIn(directory)) {
         const std::string below = "/" + name;
         const std::string path = directory + below, as = shown + below;
         const struct stat status = kit::statOf(path);
-        if (name == "@eaDir" && S_ISDIR(status.st_mode) && kit::namesIn(path).empty()) {
-            continue;
-        }
         std::string line = as;
         const auto add = [&line](const std::string &word) { line += " " + word; };
         add(std::to_string(status.st_mode & S_IFMT));

@@ -350,8 +350,7 @@ class TreeComparison {
             above->other.let_go();
         }
         m_levels.push_back(level.get());
-        struct stat top {};
-        if (::fstat(level->one.fd(), &top) == 0 && m_selection.enters(top.st_dev, m_device)) {
+        if (m_selection.enters(level->one.status.st_dev, m_device)) {
             entries(*level);
         }
         inner_directories(*level);
@@ -501,7 +500,9 @@ class TreeComparison {
         if (!alike || from.get() < 0 || to.get() < 0) {
             return alike;
         }
-        for (const std::string &inner : names_in(from.get()).value_or(std::vector<std::string>())) {
+        const auto names = names_in(from.get());
+        alike = names.has_value();
+        for (const std::string &inner : names.value_or(std::vector<std::string>())) {
             const bool there = ::faccessat(to.get(), inner.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
             alike = there && plain(from.get(), inner, to.get(), inner) && alike;
         }

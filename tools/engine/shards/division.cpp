@@ -82,7 +82,10 @@ class DivisionWalk {
             }
             struct stat found {};
             if (::fstatat(m_way.lowest(), given, &found, AT_SYMLINK_NOFOLLOW) != 0) {
-                return; // gone again
+                if (errno != ENOENT) { // else it is gone again
+                    m_observer.unreadable(joined(path(), name), problem_of_errno(errno));
+                }
+                return;
             }
             if (!m_selection.takes(joined(path(), name), joined(held, name), found)) {
                 return;

@@ -127,8 +127,10 @@ OldAttributes::Moved OldAttributes::move_to_stream() const {
 void OldAttributes::remove(const std::vector<Found> &found) const {
     for (const Found &one : found) {
         struct stat now {};
-        if (::fstatat(m_directory.get(), one.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-            is_unchanged(one.status, now) && ::unlinkat(m_directory.get(), one.name.c_str(), 0) != 0) {
+        const bool there = ::fstatat(m_directory.get(), one.name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0;
+        const bool unknown = !there && errno != ENOENT;
+        if (unknown ||
+            (there && is_unchanged(one.status, now) && ::unlinkat(m_directory.get(), one.name.c_str(), 0) != 0)) {
             throw_errno("converted, but what it was made from cannot be removed");
         }
     }

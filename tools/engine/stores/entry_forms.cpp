@@ -40,8 +40,11 @@ bool is_as_it_was(const struct stat &before, int fd) {
 
 bool starts_as_double(int fd) {
     std::array<char, 4> start{};
-    return ::pread(fd, start.data(), start.size(), 0) == static_cast<ssize_t>(start.size()) &&
-           std::string_view(start.data(), start.size()) == kDoubleStart;
+    const ssize_t got = ::pread(fd, start.data(), start.size(), 0);
+    if (got < 0) {
+        throw_errno("what begins with \"._\" beside it cannot be read");
+    }
+    return got == static_cast<ssize_t>(start.size()) && std::string_view(start.data(), start.size()) == kDoubleStart;
 }
 
 bool is_in_native_form(std::string_view name, bool everything) {

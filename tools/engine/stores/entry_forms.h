@@ -34,7 +34,7 @@ struct FormFile {
 // the system; elsewhere those of a user are the file's own.
 bool is_in_native_form(std::string_view name, bool everything);
 
-// A "._" file says of itself what it is: a user's own file may be called so as well.
+// A "._" file says of itself what it is: a user's own file may be called so as well. Throws Failure.
 bool starts_as_double(int fd);
 
 class EntryForms {

@@ -202,6 +202,11 @@ void StoreMender::give_attribute(const StorePlace &place, const Subject &subject
 }
 
 void StoreMender::remove(const StorePlace &place, int directory, const Subject &subject) {
+    struct stat there {};
+    if (is_private_name(subject.name) && ::fstatat(directory, subject.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0 &&
+        errno == ENOENT) {
+        return; // it was what a stopped change of a store file left, which the mending of that file has taken away
+    }
     if (is_trial_left_over(directory, subject.name)) { // in which nothing is anybody's
         if (!remove_left_over(directory, subject.name)) {
             throw_errno("it cannot be taken away");

@@ -93,6 +93,9 @@ class StoreWalker {
         std::vector<std::string> names;
         if (m_options.recursive) {
             const auto entries = entries_in(m_way.lowest());
+            if (!entries) {
+                trouble(m_descent.path);
+            }
             for (const Entry &entry : entries.value_or(std::vector<Entry>())) {
                 if (entry.type == DT_DIR && VEXOEAIsHiddenDir(entry.name.c_str()) != 1 && !is_left_over(entry.name)) {
                     names.push_back(entry.name);

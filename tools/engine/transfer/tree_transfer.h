@@ -190,6 +190,7 @@ class TreeTransfer {
     struct Found {
         std::vector<std::string> files, links, directories; // arrived
         std::vector<std::string> rest;                      // for the walk
+        bool stores = false;                                // the copy has an "@eaDir"
     };
     bool may_be_whole(const Level &level, const std::string &name, const struct stat &found);
     bool carries_all(const Level &level);
@@ -204,6 +205,7 @@ class TreeTransfer {
     void check_files(const Level &level, const std::vector<std::string> &names, const TreeCall &call);
     void check_link(const Level &level, const std::string &name);
     void copy_rest(const Level &level, const Found &found);
+    static void drop_vain_stores(Level &level);
     void check_directory(Level &level, const Place &source, const Place &destination, bool entriesMade);
     bool is_finished(const Level &level) const;
 

@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <iterator>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,6 +54,28 @@ bool is_ours(const struct stat &directory) {
 int64_t size_of(const HeldDirectory &directory, const std::string &name) {
     const auto found = directory.look(name);
     return found && S_ISREG(found->st_mode) ? found->st_size : 0;
+}
+
+// Asks for the first entries alone, of which there may be very many.
+bool holds_nothing(int directory) {
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    Descriptor own(::openat(directory, ".", flags | O_NOATIME));
+    if (own.get() < 0 && errno == EPERM) {
+        own = Descriptor(::openat(directory, ".", flags));
+    }
+    alignas(dirent64) char entries[1024];
+    ssize_t got = own.get() < 0 ? -1 : ::getdents64(own.get(), entries, sizeof entries);
+    for (; got > 0; got = ::getdents64(own.get(), entries, sizeof entries)) {
+        for (ssize_t at = 0; at < got;) {
+            const auto *const entry = reinterpret_cast<const dirent64 *>(entries + at);
+            const std::string_view name = entry->d_name;
+            if (name != "." && name != "..") {
+                return false;
+            }
+            at += entry->d_reclen;
+        }
+    }
+    return got == 0;
 }
 
 } // namespace
@@ -224,6 +247,9 @@ void TreeTransfer::check(const Place &source, const Place &destination, const st
         failed(level.source, level.destination, {"a directory was moved away meanwhile; not finished"});
         return;
     }
+    if (found->stores) {
+        drop_vain_stores(level);
+    }
     check_directory(level, source, destination, !found->rest.empty());
     tell(EntryKind::directory, level.source, level.outcome);
 }
@@ -247,6 +273,7 @@ std::optional<TreeTransfer::Found> TreeTransfer::compare(Level &level, const Tre
         types.insert({std::move(copy.name), copy.type});
     }
     Found found;
+    found.stores = types.contains("@eaDir");
     for (Entry &entry : *entries) {
         sort_entry(level, std::move(entry), types, call, found);
     }
@@ -328,6 +355,20 @@ void TreeTransfer::copy_rest(const Level &level, const Found &found) {
             return;
         }
         entry(level, name);
+    }
+}
+
+// An "@eaDir" that the library has made for what did not arrive then, as none is left where the files are copied one by
+// one. One that holds nothing at the source is an entry like others.
+void TreeTransfer::drop_vain_stores(Level &level) {
+    const Descriptor copy = open_directory(level.to.fd(), "@eaDir");
+    if (copy.get() < 0 || !holds_nothing(copy.get())) {
+        return;
+    }
+    const Descriptor source = open_directory(level.from.fd(), "@eaDir");
+    const bool same = source.get() >= 0 && holds_nothing(source.get());
+    if (!same && ::unlinkat(level.to.fd(), "@eaDir", AT_REMOVEDIR) == 0) {
+        (void)::fstat(level.to.fd(), &level.there); // its times are to be given anew
     }
 }
 
