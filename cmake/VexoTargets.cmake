@@ -18,7 +18,8 @@ target_link_libraries(vexo_build INTERFACE vexo_warnings)
 target_include_directories(vexo_build INTERFACE "${CMAKE_SOURCE_DIR}")
 target_compile_definitions(vexo_build INTERFACE _GNU_SOURCE)
 # The names in log lines are paths from the tree's root, also where a compiler cache makes paths relative.
-file(RELATIVE_PATH up_to_source "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}/")
+file(RELATIVE_PATH up_to_source "${CMAKE_BINARY_DIR}" "${CMAKE_SOURCE_DIR}")
+string(REGEX REPLACE "([^/])$" "\\1/" up_to_source "${up_to_source}") # a name at its end comes without
 target_compile_options(vexo_build INTERFACE "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${up_to_source}=")
 if(VEXOFILEOP_SANITIZE)
   target_compile_options(vexo_build INTERFACE -fsanitize=${VEXOFILEOP_SANITIZE} -fno-omit-frame-pointer
@@ -63,28 +64,27 @@ function(vexo_precompile target)
   endif()
 endfunction()
 
-# vexo_join(TARGET [APART FILE...]): in a unity build (VEXOFILEOP_UNITY) the files of one folder are compiled together, so
-# many at a time (VEXOFILEOP_UNITY_FILES) that changing one of them costs little. APART are those that have a hidden name in common with another
-# file of their folder.
+# vexo_join(TARGET [APART FILE...]): in a unity build (VEXOFILEOP_UNITY) the files of a target are compiled together, about
+# so many at a time (VEXOFILEOP_UNITY_FILES): what their headers and templates cost is paid once for all of them. APART
+# are those that have a hidden name in common with another file.
 function(vexo_join target)
   cmake_parse_arguments(arg "" "" "APART" ${ARGN})
   get_target_property(sources ${target} SOURCES)
   list(FILTER sources INCLUDE REGEX "\\.cpp$")
+  foreach(source IN LISTS arg_APART)
+    list(FILTER sources EXCLUDE REGEX "(^|/)${source}$")
+  endforeach()
+  list(LENGTH sources number)
+  math(EXPR groups "(${number} + ${VEXOFILEOP_UNITY_FILES} - 1) / ${VEXOFILEOP_UNITY_FILES}")
+  set(index 0)
   foreach(source IN LISTS sources)
-    cmake_path(GET source FILENAME name)
-    if(name IN_LIST arg_APART)
-      continue()
+    math(EXPR group "${index} * ${groups} / ${number}")
+    math(EXPR index "${index} + 1")
+    get_source_file_property(known "${source}" UNITY_GROUP)
+    if(known)
+      continue() # of another target too: what it is grouped with there, it is here
     endif()
-    cmake_path(ABSOLUTE_PATH source)
-    cmake_path(GET source PARENT_PATH folder)
-    if(NOT DEFINED "files_of_${folder}")
-      set("files_of_${folder}" 0)
-    endif()
-    math(EXPR group "${files_of_${folder}} / ${VEXOFILEOP_UNITY_FILES}")
-    math(EXPR "files_of_${folder}" "${files_of_${folder}} + 1")
-    cmake_path(RELATIVE_PATH folder BASE_DIRECTORY "${CMAKE_SOURCE_DIR}")
-    string(MAKE_C_IDENTIFIER "${folder}_${group}" group)
-    set_source_files_properties("${source}" PROPERTIES UNITY_GROUP ${group})
+    set_source_files_properties("${source}" PROPERTIES UNITY_GROUP ${target}_${group})
   endforeach()
   set_target_properties(${target} PROPERTIES UNITY_BUILD_MODE GROUP)
 endfunction()

@@ -23,7 +23,7 @@ namespace {
 constexpr std::string_view kPrefix = "._";
 constexpr uint32_t kAppleDoubleMagic = 0x00051607;
 
-enum Answer : int { genuine = 0, no_path = -1, other_name = -2, other_content = -3, no_companion = -4 };
+enum AdFileAnswer : int { genuine = 0, no_path = -1, other_name = -2, other_content = -3, no_companion = -4 };
 
 // errno tells one that could not be read (not 0) from one that holds something else.
 bool begins_with_magic(const char *path) {

@@ -85,7 +85,7 @@ int write_back(const FileRef &file, const VEXOEAAdouble &metadata) {
     return VEXOEAFileEAWriteFlushTime(file.path(), 0);
 }
 
-bool is_refusal(int number) {
+bool is_denied(int number) {
     return number == EACCES || number == EPERM || number == EROFS;
 }
 
@@ -95,14 +95,14 @@ int sync_source(const EaCopyJob &job) {
     errno = 0;
     VEXOEAAdouble metadata;
     const int read = read_metadata_attribute(job.source(), &metadata);
-    if (read == 1 || (read < 0 && is_refusal(errno))) {
+    if (read == 1 || (read < 0 && is_denied(errno))) {
         return 0;
     }
     if (read == 0 && write_back(job.source(), metadata) == 0) {
         return 0;
     }
     VEXO_LOG_LAST_ERROR(VEXO_EA_COPY_HERE, "Failed file sync [%s]->[%s]. %m", job.src, job.dst);
-    return read == 0 && is_refusal(errno) ? 0 : -1;
+    return read == 0 && is_denied(errno) ? 0 : -1;
 }
 
 } // namespace

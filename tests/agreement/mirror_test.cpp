@@ -18,9 +18,9 @@ namespace {
 
 using engine::LossClass;
 
-class Differences : public engine::ComparisonObserver {
+class MirrorDifferences : public engine::ComparisonObserver {
   public:
-    explicit Differences(std::string &text) : m_text(text) {}
+    explicit MirrorDifferences(std::string &text) : m_text(text) {}
     bool stopped() const override { return false; }
     void loss(const std::string &first, const std::string &, const engine::Loss &loss) override {
         // What belongs to the system, and what is kept for nobody, does not go along. A file whose names have stores of
@@ -43,7 +43,7 @@ class Differences : public engine::ComparisonObserver {
 
 std::string differences(const std::string &first, const std::string &second) {
     std::string text;
-    Differences observer(text);
+    MirrorDifferences observer(text);
     engine::compare_trees(first, second, {}, observer);
     return text;
 }

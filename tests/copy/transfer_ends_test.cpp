@@ -15,14 +15,15 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int64_t kKiB = 1024;
+constexpr int64_t kKibibyte = 1024;
 constexpr int64_t kSize = 300'000; // more than one block of the smallest that the kernel might move
 
 class Ends : public kit::Behaviour {
@@ -193,7 +194,7 @@ std::string readAll(int fd, size_t size) {
 TEST_F(Ends, PipeHoldsTheBytesAsTheyWereRead) {
     std::array<int, 2> ends{};
     ASSERT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
-    if (::fcntl(ends[1], F_SETPIPE_SZ, 1024 * kKiB) < 0) {
+    if (::fcntl(ends[1], F_SETPIPE_SZ, 1024 * kKibibyte) < 0) {
         ::close(ends[0]);
         ::close(ends[1]);
         GTEST_SKIP() << "no pipe of this size";
@@ -209,7 +210,7 @@ TEST_F(Ends, SocketHoldsTheBytesAsTheyWereRead) {
     ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()));
     const int room = 100 * 1024;
     ::setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-    constexpr int64_t kFits = 80 * kKiB;
+    constexpr int64_t kFits = 80 * kKibibyte;
     EXPECT_EQ(0, copy(openSource(), ends[1], kFits));
     changeSource();
     EXPECT_TRUE(content.substr(0, kFits) == readAll(ends[0], kFits));
@@ -247,6 +248,32 @@ TEST_F(Ends, ConnectionThatWasResetIsToldAsThat) {
     }));
 }
 
+// The process waits for something inside a system call.
+bool sleeps(pid_t process) {
+    const std::string line = kit::readFile("/proc/" + std::to_string(process) + "/stat");
+    const size_t name = line.rfind(')');
+    return name != std::string::npos && line.compare(name, 3, ") S") == 0;
+}
+
+// A process that sends SIGALRM to `process` when that waits for something, and a second one when it still does after so
+// long that it waits for ever.
+pid_t signalsWhenAsleep(pid_t process) {
+    const pid_t sender = ::fork();
+    if (sender == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        while (!sleeps(process)) {
+            ::usleep(1000);
+        }
+        ::kill(process, SIGALRM);
+        for (int seconds = 0; seconds < 300; ++seconds) {
+            ::sleep(1);
+        }
+        ::kill(process, SIGALRM);
+        ::_exit(0);
+    }
+    return sender;
+}
+
 TEST_F(Ends, OneSignalEndsABlockedWrite) {
     EXPECT_TRUE(kit::holdsInChild([this] {
         std::array<int, 2> ends{};
@@ -262,11 +289,11 @@ TEST_F(Ends, OneSignalEndsABlockedWrite) {
             }
         };
         ::sigaction(SIGALRM, &action, nullptr);
-        const itimerval soonAndLater = {{10, 0}, {0, 100'000}};
-        ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &soonAndLater, nullptr));
+        const pid_t sender = signalsWhenAsleep(::getpid());
+        ASSERT_LT(0, sender);
         EXPECT_FAILS(copy(openSource(), ends[1]), 0x8000);
-        const itimerval none = {};
-        ::setitimer(ITIMER_REAL, &none, nullptr);
+        ::kill(sender, SIGKILL);
+        ::waitpid(sender, nullptr, 0);
         EXPECT_EQ(1, signals);
         EXPECT_EQ(1, kit::Log::count(LOG_ERR, "Unable to writefile, errno=4(Interrupted system call)"))
             << kit::Log::all();
@@ -282,7 +309,7 @@ bool isBlocked(int signal) {
 
 // A write to a file is never interrupted, but the kernel's move of a block is, by handlers without SA_RESTART.
 TEST_F(Ends, SignalsWaitForTheEndOfABlockThatTheKernelMoves) {
-    KIT_REQUIRE(volume, kit::Volume::tmpfs(1024 * kKiB));
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1024 * kKibibyte));
     processAsNow();
     kit::writeFile(volume / "from", content);
     static int signals;
@@ -311,10 +338,10 @@ TEST_F(Ends, SignalsWaitForTheEndOfABlockThatTheKernelMoves) {
 // ---- Beyond what every volume holds
 
 TEST_F(Ends, BlocksFarOutAreReadAndWritten) {
-    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 * 1024 * kKiB));
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(64 * 1024 * kKibibyte));
     processAsNow();
     constexpr off_t kFar = off_t{3} << 40;
-    kit::writeSparse(volume / "from", kFar + kSize, {{0, 128 * kKiB}, {kFar, kSize}});
+    kit::writeSparse(volume / "from", kFar + kSize, {{0, 128 * kKibibyte}, {kFar, kSize}});
     kit::Faults::record(true);
     EXPECT_EQ(0, copy(::open((volume / "from").c_str(), O_RDONLY | O_CLOEXEC),
                       ::open((volume / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644), kFar + kSize));

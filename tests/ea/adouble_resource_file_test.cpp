@@ -46,9 +46,9 @@ class ResourceFile : public kit::Behaviour {
     VEXOEAAdouble record{};
 };
 
-constexpr const char *kRead = "ea/ea_eadirfs_adouble_read.c";
+constexpr const char *kReadPlace = "ea/ea_eadirfs_adouble_read.c";
 constexpr const char *kFlush = "ea/ea_eadirfs_flush.c";
-constexpr const char *kWrite = "ea/ea_eadirfs_finfo_write.c";
+constexpr const char *kWritePlace = "ea/ea_eadirfs_finfo_write.c";
 
 TEST_F(ResourceFile, ReadRefusesNull) {
     EXPECT_FAILS(VEXOEAEADirAdoubleRead(nullptr, &record), 0x0D00);
@@ -76,16 +76,16 @@ TEST_F(ResourceFile, ShortOrAbsentOneHasNoMetadata) {
 
 TEST_F(ResourceFile, ReadFailures) {
     EXPECT_FAILS(VEXOEAEADirAdoubleRead(longPath.c_str(), &record), 0xC300);
-    expectLine("Fail to generate path of " + longPath + ".", kRead);
+    expectLine("Fail to generate path of " + longPath + ".", kReadPlace);
     make(std::string(741, 'x'));
     kit::Faults::fail("open", EACCES, resource);
     EXPECT_FAILS(VEXOEAEADirAdoubleRead(path.c_str(), &record), 0x0900);
-    expectLine("Error: open path [" + resource + "] Permission denied", kRead);
+    expectLine("Error: open path [" + resource + "] Permission denied", kReadPlace);
     kit::Faults::fail("read", EIO, resource);
     EXPECT_FAILS(VEXOEAEADirAdoubleRead(path.c_str(), &record), 0x0A00);
-    expectLine("Error: read path [" + resource + "] Input/output error", kRead);
+    expectLine("Error: read path [" + resource + "] Input/output error", kReadPlace);
     EXPECT_FAILS(VEXOEAEADirAdoubleRead(path.c_str(), &record), 0x0A00);
-    expectLine("EAAdoubleRead failed", kRead);
+    expectLine("EAAdoubleRead failed", kReadPlace);
 }
 
 TEST_F(ResourceFile, FlushRefusesBadArguments) {
@@ -166,7 +166,7 @@ TEST_F(ResourceFile, HandleWritesFinderInfoInPlace) {
 
     kit::Faults::fail("lseek", ESPIPE);
     EXPECT_FAILS(EASWriteFinderInfo(stream), 0x0D00);
-    expectLine("Error: lseek error (Illegal seek)", kWrite);
+    expectLine("Error: lseek error (Illegal seek)", kWritePlace);
     kit::Faults::add({.function = "write", .result = 31, .path = resource, .answers = true});
     EXPECT_FAILS(EASWriteFinderInfo(stream), 0x0B00);
     stream->header.entries[0].id = 3;

@@ -12,7 +12,7 @@ namespace {
 
 using namespace item_store;
 
-constexpr int kKinds[] = {kAppleDouble, kNative, kEaDirectory, kFileEa};
+constexpr int kEachKind[] = {kAppleDouble, kNative, kEaDirectory, kFileEa};
 
 class OneStore : public store_copy::StoreCopy {
   protected:
@@ -35,8 +35,8 @@ class OneStore : public store_copy::StoreCopy {
 };
 
 TEST_F(OneStore, PathToItselfDoesNothing) {
-    for (const int fromKind : kKinds) {
-        for (const int toKind : kKinds) {
+    for (const int fromKind : kEachKind) {
+        for (const int toKind : kEachKind) {
             const std::string root = newRoot();
             prepare(fromKind, fromKind, some(), root);
             to = from;
@@ -46,8 +46,8 @@ TEST_F(OneStore, PathToItselfDoesNothing) {
 }
 
 TEST_F(OneStore, DirectoryByALinkDoesNothing) {
-    for (const int fromKind : kKinds) {
-        for (const int toKind : kKinds) {
+    for (const int fromKind : kEachKind) {
+        for (const int toKind : kEachKind) {
             const std::string root = newRoot();
             prepare(fromKind, fromKind, some(), root);
             ASSERT_EQ(0, ::symlink(from.directory.c_str(), (root + "/by").c_str()));

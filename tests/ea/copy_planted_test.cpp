@@ -16,7 +16,7 @@ using namespace item_store;
 using planted::Outside;
 using planted::Thing;
 
-constexpr std::array<int, 4> kKinds = {kAppleDouble, kNative, kEaDirectory, kFileEa};
+constexpr std::array<int, 4> kKindsOfStores = {kAppleDouble, kNative, kEaDirectory, kFileEa};
 
 enum class Companion { resource, stream, dot_file, entry };
 constexpr std::array kCompanions = {Companion::resource, Companion::stream, Companion::dot_file, Companion::entry};
@@ -157,7 +157,8 @@ TEST_P(CopyPlanted, EntersNoDirectoryByALink) {
     EXPECT_TRUE(planted::holdsWithoutHanging([this] { entersNoDirectoryByALink(); }));
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryPair, CopyPlanted, testing::Combine(testing::ValuesIn(kKinds), testing::ValuesIn(kKinds)),
+INSTANTIATE_TEST_SUITE_P(EveryPair, CopyPlanted,
+                         testing::Combine(testing::ValuesIn(kKindsOfStores), testing::ValuesIn(kKindsOfStores)),
                          [](const testing::TestParamInfo<Scene> &scene) {
                              return std::string(item_store::name(std::get<0>(scene.param))) + "To" +
                                     item_store::name(std::get<1>(scene.param));
@@ -204,7 +205,7 @@ class CopyOfSnapshots : public CopyPlanted {};
 // Stores of hard-linked snapshots have several names, and everybody may do with them what a copy does.
 TEST_F(CopyOfSnapshots, GoesOn) {
     for (const int fromKind : {kAppleDouble, kEaDirectory, kFileEa}) {
-        for (const int toKind : kKinds) {
+        for (const int toKind : kKindsOfStores) {
             const std::string root = newRoot();
             prepare(fromKind, toKind, some(), root);
             for (const Companion companion : kCompanions) {

@@ -19,7 +19,8 @@
 namespace item_store {
 
 // One type code of each group that keeps its metadata the same way.
-enum Kind : int { kAppleDouble = 5, kNative = 7, kEaDirectory = 1, kFileEa = 2 };
+inline constexpr int kAppleDouble = 5, kNative = 7, kEaDirectory = 1, kFileEa = 2;
+inline constexpr int kFat = 0; // keeps none
 
 inline const char *name(int kind) {
     switch (kind) {

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr uid_t kUser = 65534;
+constexpr uid_t kStranger = 65534;
 
 class MakeDirectory : public kit::Behaviour {
   protected:
@@ -41,7 +41,7 @@ class MakeDirectory : public kit::Behaviour {
     }
     void becomeUser() {
         ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755)); // where that user may not write
-        ASSERT_EQ(0, ::seteuid(kUser));
+        ASSERT_EQ(0, ::seteuid(kStranger));
         processAsNow();
     }
     mode_t mode(const std::string &of) const { return kit::statOf(of).st_mode & 07777; }
@@ -140,17 +140,17 @@ TEST_F(MakeDirectory, OtherTypesGetNoFinderInfo) {
 TEST_F(MakeDirectory, UserBecomesRootForIt) {
     becomeUser();
     EXPECT_EQ(0, VEXOEAMKDir(1, perFile.c_str()));
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kStranger, ::geteuid());
     EXPECT_EQ(0777u, mode(perFile));
     EXPECT_EQ(0u, kit::statOf(directory).st_uid);
     EXPECT_FAILS(VEXOEAMKDir(0, (scratch / "none/@eaDir").c_str()), 0x3C00);
     EXPECT_EQ(ENOENT, errno);
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kStranger, ::geteuid());
     EXPECT_FAILS(VEXOEAMKDir(1, "@eaDir"), 0x0D00);
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kStranger, ::geteuid());
     if (kit::Faults::failAllocation(1)) {
         EXPECT_FAILS(VEXOEAMKDir(0, directory.c_str()), 0x0100);
-        EXPECT_EQ(kUser, ::geteuid());
+        EXPECT_EQ(kStranger, ::geteuid());
     }
     EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char *kStream = "VexoEAStream";
+constexpr const char *kPathStream = "VexoEAStream";
 
 // A buffer of exactly that size on the heap, so that a sanitizer sees any byte beyond it; a guard shows it to the
 // others.
@@ -28,7 +28,7 @@ class Out {
     int m_size;
 };
 
-std::string pathFor(int nameMode, const std::string &path, const std::string &stream = kStream, int kind = 0) {
+std::string pathFor(int nameMode, const std::string &path, const std::string &stream = kPathStream, int kind = 0) {
     std::array<char, 4096> out{};
     EXPECT_EQ(0, VEXOEAPath(nameMode, path.c_str(), stream.c_str(), out.data(), out.size(), kind)) << path;
     return out.data();
@@ -92,16 +92,16 @@ TEST_F(Paths, RefusedArguments) {
     EXPECT_FAILS(VEXOEADirPath(1, "", out.data(), 4096), 0x0D00);
     EXPECT_EQ(ENOENT, errno);
     for (const int kind : {0, 1}) {
-        EXPECT_FAILS(VEXOEAPath(1, nullptr, kStream, out.data(), 4096, kind), 0x0D00);
+        EXPECT_FAILS(VEXOEAPath(1, nullptr, kPathStream, out.data(), 4096, kind), 0x0D00);
         EXPECT_FAILS(VEXOEAPath(1, "/a", nullptr, out.data(), 4096, kind), 0x0D00);
     }
-    EXPECT_FAILS(VEXOEAPath(1, "/a", kStream, out.data(), 4096, 2), 0x0D00);
-    EXPECT_FAILS(VEXOEAPath(1, "/a", kStream, out.data(), 4096, -1), 0x0D00);
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, nullptr, kStream, out.data(), 4096), 0x0D00);
+    EXPECT_FAILS(VEXOEAPath(1, "/a", kPathStream, out.data(), 4096, 2), 0x0D00);
+    EXPECT_FAILS(VEXOEAPath(1, "/a", kPathStream, out.data(), 4096, -1), 0x0D00);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, nullptr, kPathStream, out.data(), 4096), 0x0D00);
     EXPECT_FAILS(VEXOEAPathNoADFS(1, "/a", nullptr, out.data(), 4096), 0x0D00);
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, "", kStream, out.data(), 4096), 0x0D00);
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, "/a", kStream, nullptr, 4096), 0x0D00);
-    EXPECT_FAILS(VEXOEAPathNoADFS(0, "/a", kStream, nullptr, 4096), 0x0D00);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, "", kPathStream, out.data(), 4096), 0x0D00);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, "/a", kPathStream, nullptr, 4096), 0x0D00);
+    EXPECT_FAILS(VEXOEAPathNoADFS(0, "/a", kPathStream, nullptr, 4096), 0x0D00);
     EXPECT_FAILS(VEXOEAADPath("/a", nullptr, 4096), 0x0D00);
     EXPECT_FAILS(VEXOEAADPath("/a", out.data(), 0), 0x0D00);
     EXPECT_FAILS(VEXOEAADPath("/a", out.data(), -1), 0x0D00);
@@ -150,18 +150,18 @@ TEST_F(Paths, CurrentLayoutLengthLimitIsExact) {
     }
     ASSERT_EQ(4075u, path.size());
     Out out(5000);
-    EXPECT_EQ(0, VEXOEAPathNoADFS(1, path.c_str(), kStream, out.data(), 5000));
+    EXPECT_EQ(0, VEXOEAPathNoADFS(1, path.c_str(), kPathStream, out.data(), 5000));
     EXPECT_EQ(4095u, out.text().size());
-    EXPECT_EQ(0, VEXOEAPathNoADFS(1, path.c_str(), kStream, out.data(), 4096));
+    EXPECT_EQ(0, VEXOEAPathNoADFS(1, path.c_str(), kPathStream, out.data(), 4096));
     EXPECT_EQ(4095u, out.text().size());
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, path.c_str(), kStream, out.data(), 4095), 0xC300);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, path.c_str(), kPathStream, out.data(), 4095), 0xC300);
     errno = 0;
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, (path + "d").c_str(), kStream, out.data(), 5000), 0xC300);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, (path + "d").c_str(), kPathStream, out.data(), 5000), 0xC300);
     EXPECT_EQ(ENAMETOOLONG, errno);
     // Here the trailing slash is gone before lengths are compared.
-    EXPECT_EQ(0, VEXOEAPathNoADFS(1, (path + "/").c_str(), kStream, out.data(), 4096));
+    EXPECT_EQ(0, VEXOEAPathNoADFS(1, (path + "/").c_str(), kPathStream, out.data(), 4096));
     for (const size_t length : {4094u, 4095u, 4096u, 9000u}) {
-        EXPECT_FAILS(VEXOEAPathNoADFS(1, std::string(length, 'x').c_str(), kStream, out.data(), 4096), 0xC300);
+        EXPECT_FAILS(VEXOEAPathNoADFS(1, std::string(length, 'x').c_str(), kPathStream, out.data(), 4096), 0xC300);
     }
     EXPECT_FAILS(VEXOEAPathNoADFS(1, "/a", std::string(5000, 's').c_str(), out.data(), 4096), 0xC300);
 }
@@ -170,17 +170,17 @@ TEST_F(Paths, OlderLayoutLengthLimitIsExact) {
     // N + 8 may be 4096, and the text then is 4096 bytes long: whole in a larger buffer, cut by one in 4096 bytes.
     const std::string path = "/" + std::string(4075, 'd');
     Out large(5000);
-    EXPECT_EQ(0, VEXOEAPathNoADFS(0, path.c_str(), kStream, large.data(), 5000));
-    EXPECT_EQ("/@eaDir/" + path.substr(1) + "/" + kStream, large.text());
+    EXPECT_EQ(0, VEXOEAPathNoADFS(0, path.c_str(), kPathStream, large.data(), 5000));
+    EXPECT_EQ("/@eaDir/" + path.substr(1) + "/" + kPathStream, large.text());
     EXPECT_EQ(4096u, large.text().size());
     Out exact(4096);
-    EXPECT_EQ(0, VEXOEAPathNoADFS(0, path.c_str(), kStream, exact.data(), 4096));
+    EXPECT_EQ(0, VEXOEAPathNoADFS(0, path.c_str(), kPathStream, exact.data(), 4096));
     EXPECT_EQ(large.text().substr(0, 4095), exact.text());
     EXPECT_TRUE(exact.guardIsWhole());
     errno = 0;
-    EXPECT_FAILS(VEXOEAPathNoADFS(0, path.c_str(), kStream, exact.data(), 4095), 0xC300);
+    EXPECT_FAILS(VEXOEAPathNoADFS(0, path.c_str(), kPathStream, exact.data(), 4095), 0xC300);
     EXPECT_EQ(ENAMETOOLONG, errno);
-    EXPECT_FAILS(VEXOEAPathNoADFS(0, (path + "d").c_str(), kStream, large.data(), 5000), 0xC300);
+    EXPECT_FAILS(VEXOEAPathNoADFS(0, (path + "d").c_str(), kPathStream, large.data(), 5000), 0xC300);
 }
 
 TEST_F(Paths, EverySmallBufferIsRefusedCutOrEnough) {
@@ -189,7 +189,7 @@ TEST_F(Paths, EverySmallBufferIsRefusedCutOrEnough) {
         const std::string whole = pathFor(mode, path);
         for (int size = 0; size < 64; ++size) {
             Out out(size);
-            const int result = VEXOEAPathNoADFS(mode, path.c_str(), kStream, out.data(), size);
+            const int result = VEXOEAPathNoADFS(mode, path.c_str(), kPathStream, out.data(), size);
             EXPECT_EQ(size >= static_cast<int>(path.size()) + 12 + (mode == 1 ? 9 : 8) ? 0 : -1, result) << size;
             if (result == 0) {
                 EXPECT_EQ(whole.substr(0, static_cast<size_t>(size) - 1), out.text()) << mode << " " << size;
@@ -318,7 +318,7 @@ TEST_F(Paths, LongPathNeedsMemory) {
     }
     EXPECT_FAILS(VEXOEADirPath(1, path.c_str(), out.data(), 4096), 0x0200);
     kit::Faults::failAllocation(1);
-    EXPECT_FAILS(VEXOEAPathNoADFS(1, path.c_str(), kStream, out.data(), 4096), 0x0200);
+    EXPECT_FAILS(VEXOEAPathNoADFS(1, path.c_str(), kPathStream, out.data(), 4096), 0x0200);
     kit::Faults::failAllocation(1);
     EXPECT_FAILS(VEXOEAADPath(deep.c_str(), out.data(), 4096), 0x0200);
     kit::Faults::failAllocation(1);
@@ -501,7 +501,7 @@ TEST_F(HiddenNames, PathWithoutABaseIsRefused) {
 
 TEST_F(HiddenNames, NothingIsLogged) {
     std::array<char, 16> out{};
-    (void)VEXOEAPath(1, "/a-rather-long-path", kStream, out.data(), 16, 0);
+    (void)VEXOEAPath(1, "/a-rather-long-path", kPathStream, out.data(), 16, 0);
     (void)VEXOEAIsHiddenDir(nullptr);
     (void)VEXOEACheckADFile("");
     EXPECT_EQ("", kit::Log::all());

@@ -18,9 +18,9 @@ namespace {
 using item_store::Place;
 using planted::kSecret;
 
-constexpr int kFat = 0;
-constexpr int kEaDirectory = 1;
-constexpr int kFileEa = 2;
+using item_store::kEaDirectory;
+using item_store::kFat;
+using item_store::kFileEa;
 
 // A file with a store in both layouts, the names that a rename moves it to, and what one door does with it.
 struct Scene {

@@ -1,6 +1,7 @@
 // Removing what belongs to a file.
 #include "ea/ea.h"
 
+#include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
@@ -11,9 +12,9 @@
 
 namespace {
 
-constexpr int kFat = 0;
-constexpr int kNative = 7;
-constexpr int kEaDirectory = 1;
+using item_store::kEaDirectory;
+using item_store::kFat;
+using item_store::kNative;
 
 class EaRemove : public kit::Behaviour {
   protected:

@@ -1,6 +1,7 @@
 // Moving what belongs to a file after the file was renamed.
 #include "ea/ea.h"
 
+#include "tests/ea/item_store.h"
 #include "tests/kit/behaviour.h"
 
 #include <cerrno>
@@ -9,8 +10,8 @@
 
 namespace {
 
-constexpr int kFat = 0;
-constexpr int kEaDirectory = 1;
+using item_store::kEaDirectory;
+using item_store::kFat;
 constexpr int kUnknownKind = 99;
 
 class EaRename : public kit::Behaviour {

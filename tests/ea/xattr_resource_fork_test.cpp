@@ -14,7 +14,7 @@
 namespace {
 
 constexpr const char *kFork = "com.apple.ResourceFork";
-constexpr uid_t kUser = 65534;
+constexpr uid_t kNobody = 65534;
 
 class ResourceFork : public kit::Behaviour {
   protected:
@@ -28,8 +28,8 @@ class ResourceFork : public kit::Behaviour {
     // The rest of the test as another user, who owns the file and may become root.
     void becomeUser() {
         ASSERT_EQ(0, ::chmod(scratch.path().c_str(), 0755));
-        ASSERT_EQ(0, ::chown(path.c_str(), kUser, kUser));
-        ASSERT_EQ(0, ::seteuid(kUser));
+        ASSERT_EQ(0, ::chown(path.c_str(), kNobody, kNobody));
+        ASSERT_EQ(0, ::seteuid(kNobody));
         processAsNow();
     }
     void TearDown() override {
@@ -313,11 +313,11 @@ TEST_F(ResourceFork, UserBecomesRootForTheOperation) {
     kit::Faults::add({.function = "open", .times = 0, .before = [&] { during = ::geteuid(); }});
     EXPECT_EQ(4, VEXOEAXattrGet(path.c_str(), kFork, buffer, sizeof buffer));
     EXPECT_EQ(0u, during);
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kNobody, ::geteuid());
     EXPECT_EQ(0, VEXOEAXattrSet(path.c_str(), kFork, "newer", 5, 0));
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kNobody, ::geteuid());
     EXPECT_EQ(0, VEXOEAXattrRemove(path.c_str(), kFork));
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kNobody, ::geteuid());
     EXPECT_EQ(0644u, mode());
     EXPECT_EQ(0, kit::statOf(fork).st_size);
     EXPECT_TRUE(kit::Log::lines().empty()) << kit::Log::all();
@@ -328,7 +328,7 @@ TEST_F(ResourceFork, UserIsRestoredAfterAFailure) {
     becomeUser();
     EXPECT_FAILS(VEXOEAXattrGet(path.c_str(), kFork, buffer, 4), 0xBF00);
     EXPECT_EQ(ERANGE, errno);
-    EXPECT_EQ(kUser, ::geteuid());
+    EXPECT_EQ(kNobody, ::geteuid());
     EXPECT_EQ(0644u, mode());
 }
 

@@ -17,7 +17,7 @@ const std::set<uint32_t> kTreeCodes = {0x0200, 0x0300, 0x0600, 0x0700, 0x0800, 0
 const std::set<uint32_t> kRelocationCodes = {0x0200, 0x0D00, 0x3900, 0x3A00, 0x3B00,
                                              0x3C00, 0xA600, 0xC300, 0x0600, 0x2900};
 
-void hear(const char *, uint32_t) {
+void hearOfTrees(const char *, uint32_t) {
     ++reportsHeard;
 }
 
@@ -61,7 +61,7 @@ bool isOfAStore(const Fault &fault) {
            (isCall(fault, {"openat", "newfstatat", "access"}) && isAt(fault, "a@VexoEAStream"));
 }
 
-std::string keptOf(const Finding &finding, const Report &report) {
+std::string keptOfTree(const Finding &finding, const Report &report) {
     const Fault &fault = finding.fault;
     const bool succeeded = report.finished != 0 && report.result == 0;
     // A tree goes on past an entry that failed, and its result is a success all the same.
@@ -86,7 +86,7 @@ std::string keptOf(const Finding &finding, const Report &report) {
 // One that stops on errors goes on past an entry that had an I/O error, whose code is that of one that vanished.
 std::string keptOfStopping(const Finding &finding, const Report &report) {
     const bool ended = finding.check == "success is complete" && isOfData(finding.fault) && finding.fault.error != EIO;
-    return ended ? std::string() : keptOf(finding, report);
+    return ended ? std::string() : keptOfTree(finding, report);
 }
 
 std::string keptOfRelocation(const Finding &finding, const Report &report) {
@@ -108,7 +108,7 @@ Operation operation(const std::string &name, bool move, bool across, std::functi
     made.keeps = move ? Keeps::either : Keeps::source;
     made.codes = kTreeCodes;
     made.mostReports = 4; // one for each entry
-    made.kept = keptOf;
+    made.kept = keptOfTree;
     if (across) {
         made.volume = otherVolume;
     }
@@ -121,7 +121,7 @@ VEXOCopyOpt optionsOf(bool move) {
     options.overwrite = -1;
     options.ownerMode = 1;
     options.copyAcl = 1;
-    options.errReport = hear;
+    options.errReport = hearOfTrees;
     return options;
 }
 

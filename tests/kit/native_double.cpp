@@ -18,7 +18,7 @@ constexpr std::string_view kShown = "com.apple.";
 // There may be hundreds of them, and each call on an attribute asks.
 using Directories = std::set<std::string, std::less<>>;
 
-Directories &volumes() {
+Directories &nativeVolumes() {
     static auto *instance = new Directories;
     return *instance;
 }
@@ -38,25 +38,25 @@ std::string throughDescriptor(const std::string &path) {
 } // namespace
 
 void NativeDouble::setVolume(const std::string &directory) {
-    volumes().insert(directory);
+    nativeVolumes().insert(directory);
 }
 
 void NativeDouble::reset() {
-    volumes().clear();
+    nativeVolumes().clear();
 }
 
 bool hasNativeVolumes() {
-    return !volumes().empty();
+    return !nativeVolumes().empty();
 }
 
 bool hasNativeNames(const char *given) {
-    if (volumes().empty()) {
+    if (nativeVolumes().empty()) {
         return false;
     }
     const std::string path = throughDescriptor(given);
     const std::string_view whole = path;
     for (size_t slash = whole.find('/'); slash != whole.npos; slash = whole.find('/', slash + 1)) {
-        if (volumes().contains(whole.substr(0, slash))) {
+        if (nativeVolumes().contains(whole.substr(0, slash))) {
             return true;
         }
     }

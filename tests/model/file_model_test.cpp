@@ -15,7 +15,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace model {
+namespace model::files {
 namespace {
 
 enum class Door { copyI, exI, copy, ex, reflink, reentrant, fileOperation };
@@ -623,4 +623,4 @@ TEST(FileModel, AgreesWithTheLibrary) {
 }
 
 } // namespace
-} // namespace model
+} // namespace model::files

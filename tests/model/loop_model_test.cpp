@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace model {
+namespace model::loops {
 namespace {
 
 enum class Door { plain, ex, fileOperation };
@@ -191,4 +191,4 @@ TEST(LoopModel, AgreesWithTheLibrary) {
 }
 
 } // namespace
-} // namespace model
+} // namespace model::loops

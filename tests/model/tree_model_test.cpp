@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace model {
+namespace model::trees {
 namespace {
 
 enum class Door { exI, ex, plain, reflink, fileOperation };
@@ -435,4 +435,4 @@ TEST(TreeModel, AgreesWithTheLibrary) {
 }
 
 } // namespace
-} // namespace model
+} // namespace model::trees

@@ -160,6 +160,9 @@ class Copy(Case):
         subprocess.run(["mount", "-o", "remount,ro", place], check=True)
         error = self.raises(vexofileop.Error, vexofileop.copy, "original", place)
         self.assertEqual(errno.EROFS, error.errno)
+        subprocess.run(["setfacl", "-m", "u:1234:rw", "original"], check=True)
+        error = self.raises(vexofileop.Error, vexofileop.copy, "original", place)
+        self.assertEqual((0x8400, errno.EROFS), (error.code, error.errno))
 
     def test_raises_what_was_lost_unless_it_is_accepted(self):
         place = self.mount("plain", "ramfs")
@@ -248,14 +251,14 @@ class Killed(Case):
 
         def hold(_done):
             started.set()
-            go.wait(60)
+            go.wait(600)
 
         thread = threading.Thread(target=lambda: vexofileop.copy("original", "held", progress=hold))
         thread.start()
-        self.assertTrue(started.wait(60))
+        self.assertTrue(started.wait(600))
         child = os.fork()
         if child == 0:
-            signal.alarm(60)
+            signal.alarm(600)
             vexofileop.copy("original", "inner")
             os._exit(0)
         _, status = os.waitpid(child, 0)

@@ -57,15 +57,15 @@ void putChanged(const std::string &path, const std::string &content) {
     setBit(path);
 }
 
-void makeDirectory(const std::string &path) {
+void makeBackupDirectory(const std::string &path) {
     ASSERT_EQ(0, ::mkdir(path.c_str(), 0755)) << path;
 }
 
 class ArchiveBackup : public ::testing::Test {
   protected:
     void SetUp() override {
-        makeDirectory(tree);
-        makeDirectory(tree + "/in");
+        makeBackupDirectory(tree);
+        makeBackupDirectory(tree + "/in");
         putChanged(tree + "/one", "one");
         putChanged(tree + "/in/two", "two");
         kit::writeFile(tree + "/old", "saved before");
@@ -161,7 +161,7 @@ TEST_F(ArchiveBackup, WithNothingToAddToItSaysSo) {
 TEST_F(ArchiveBackup, FileThatBecameADirectoryComesOnceTheOldOneIsMoved) {
     ASSERT_EQ(0, backUp({"--full"}).status);
     ASSERT_EQ(0, ::unlink((tree + "/one").c_str()));
-    makeDirectory(tree + "/one");
+    makeBackupDirectory(tree + "/one");
     putChanged(tree + "/one/inner", "inner");
     std::filesystem::remove_all(tree + "/in");
     putChanged(tree + "/in", "a file");
@@ -198,8 +198,8 @@ TEST_F(ArchiveBackup, DirectoryHasABitOfItsOwn) {
 
 TEST_F(ArchiveBackup, WhatDoesNotArriveKeepsItsBit) {
     // A directory in its place; left out; no right to be read is for who is not root.
-    makeDirectory(copy);
-    makeDirectory(copy + "/one");
+    makeBackupDirectory(copy);
+    makeBackupDirectory(copy + "/one");
     putChanged(tree + "/left", "left out");
     const ToolResult result = backUp({"--exclude", "/left"});
     EXPECT_EQ(1, result.status) << result.err;
@@ -246,7 +246,7 @@ TEST_F(ArchiveBackup, VolumeWithoutBitsIsToldBeforeAnythingIsCopied) {
 
 TEST_F(ArchiveBackup, VolumeWithoutBitsThatIsMountedBelowIsOneToo) {
     KIT_REQUIRE(volume, kit::Volume::plain());
-    makeDirectory(tree + "/mounted");
+    makeBackupDirectory(tree + "/mounted");
     ASSERT_EQ(0, ::mount(volume.path().c_str(), (tree + "/mounted").c_str(), nullptr, MS_BIND, nullptr));
     const ToolResult refused = backUp();
     EXPECT_EQ(2, refused.status);
@@ -259,7 +259,7 @@ TEST_F(ArchiveBackup, VolumeWithoutBitsThatIsMountedBelowIsOneToo) {
 
 TEST_F(ArchiveBackup, ReadOnlySourceIsToldBeforeAnythingIsCopied) {
     KIT_REQUIRE(volume, kit::Volume::loop("ext4", 16 << 20));
-    makeDirectory(volume / "top");
+    makeBackupDirectory(volume / "top");
     putChanged(volume / "top/file", "changed");
     volume.setReadOnly(true);
     const ToolResult refused = runTool({"backup", "run", volume / "top", copy});
@@ -363,7 +363,7 @@ TEST_F(ArchiveBackup, PlanTellsAllOfItAndChangesNothing) {
 }
 
 TEST_F(ArchiveBackup, VolumeThatIsFullKeepsTheBitsOfWhatDidNotFit) {
-    makeDirectory(copy);
+    makeBackupDirectory(copy);
     KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20, copy));
     for (int i = 0; i < 8; ++i) {
         putChanged(tree + "/big" + std::to_string(i), kit::pattern(200 << 10, static_cast<uint32_t>(i)));
@@ -384,7 +384,7 @@ TEST_F(ArchiveBackup, VolumeThatIsFullKeepsTheBitsOfWhatDidNotFit) {
 
 TEST_F(ArchiveBackup, ListThatCannotBeWrittenClearsNothing) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(256 << 10));
-    makeDirectory(volume / "copy");
+    makeBackupDirectory(volume / "copy");
     KIT_REQUIRE(inner, kit::Volume::tmpfs(64 << 20, volume / "copy"));
     // Names that take more than the list's volume has.
     for (int i = 0; i < 1500; ++i) {
@@ -400,7 +400,7 @@ TEST_F(ArchiveBackup, ListThatCannotBeWrittenClearsNothing) {
 
 TEST_F(ArchiveBackup, SeveralProcessesClearTheSameBits) {
     for (int i = 0; i < 60; ++i) {
-        makeDirectory(tree + "/d" + std::to_string(i));
+        makeBackupDirectory(tree + "/d" + std::to_string(i));
         putChanged(tree + "/d" + std::to_string(i) + "/file", std::to_string(i));
     }
     const ToolResult result = backUp({"-j", "3"});
@@ -447,8 +447,8 @@ TEST_F(ArchiveBackup, CtrlCClearsTheBitsOfWhatHasArrived) {
 const std::map<std::string, std::string> kChanged = {
     {"/one", "one, new"}, {"/in/two", "two"}, {"/in/first", "of two names"}, {"/second", "of two names"}};
 
-struct SweepScene {
-    SweepScene() {
+struct BackupScene {
+    BackupScene() {
         for (const char *name : {"/tree", "/tree/in", "/tree/@eaDir", "/copy"}) {
             EXPECT_EQ(0, ::mkdir((scratch.path() + name).c_str(), 0755));
         }
@@ -532,7 +532,7 @@ class ArchiveBackupSweep : public ::testing::Test {
         if (const std::string why = ::geteuid() != 0 ? "only root makes stores" : faults::unavailable(); !why.empty()) {
             GTEST_SKIP() << why;
         }
-        const SweepScene whole;
+        const BackupScene whole;
         calls = whole.supervised({}).calls;
         ASSERT_LT(200U, calls.size());
         ASSERT_EQ("", whole.unfinished());
@@ -565,7 +565,7 @@ class ArchiveBackupSweep : public ::testing::Test {
 
 TEST_F(ArchiveBackupSweep, KilledAnywhereNoBitIsClearedOfWhatIsNotThere) {
     for (const size_t at : points(36)) {
-        const SweepScene scene;
+        const BackupScene scene;
         EXPECT_FALSE(scene.supervised(faults::planAt(faults::Plan::Action::kill, calls, at)).hung) << name(at);
         EXPECT_EQ("", scene.lost()) << name(at);
         const ToolResult again = runTool(scene.arguments());
@@ -580,7 +580,7 @@ TEST_F(ArchiveBackupSweep, KilledAnywhereNoBitIsClearedOfWhatIsNotThere) {
 TEST_F(ArchiveBackupSweep, WhicheverCallFailsNoBitIsClearedOfWhatIsNotThere) {
     for (const size_t at : points(36)) {
         for (const int error : faults::plausibleErrors(calls[at])) {
-            const SweepScene scene;
+            const BackupScene scene;
             const faults::Outcome outcome =
                 scene.supervised(faults::planAt(faults::Plan::Action::fail, calls, at, error));
             EXPECT_FALSE(outcome.hung) << name(at);
@@ -619,7 +619,7 @@ TEST_F(ArchiveBackupSweep, ChangeAtAnyMomentKeepsItsBitOrIsInTheBackup) {
         }};
     for (size_t which = 0; which < changes.size(); ++which) {
         for (const size_t at : points(16)) {
-            const SweepScene scene;
+            const BackupScene scene;
             const std::string path = scene.tree + "/in/two", saved = scene.copy + "/in/two";
             faults::Plan plan{.action = faults::Plan::Action::meet, .at = at};
             plan.meeting = [&] { changes[which](path); };
@@ -640,9 +640,9 @@ TEST_F(ArchiveBackupSweep, ChangeAtAnyMomentKeepsItsBitOrIsInTheBackup) {
 TEST_F(ArchiveBackupSweep, DirectoryThatIsExchangedForALinkLeadsNowhere) {
     for (const char *const where : {"/tree/in", "/copy/in"}) {
         for (const size_t at : points(16)) {
-            const SweepScene scene;
+            const BackupScene scene;
             const std::string elsewhere = scene.scratch / "elsewhere", place = scene.scratch.path() + where;
-            makeDirectory(elsewhere);
+            makeBackupDirectory(elsewhere);
             for (const char *name : {"/two", "/first"}) {
                 putChanged(elsewhere + name, kChanged.at(std::string("/in") + name));
             }

@@ -204,7 +204,7 @@ bool isAlive(pid_t process) {
 }
 
 bool areStopped(const std::vector<pid_t> &processes) {
-    for (int step = 0; step < 6'000; ++step) {
+    for (int step = 0; step < 30'000; ++step) {
         if (std::ranges::all_of(processes, [](pid_t one) { return kernelStateOf(one) == 'T'; })) {
             return true;
         }
@@ -225,7 +225,7 @@ bool areGone(const std::vector<pid_t> &processes) {
 
 // Whether nothing shows any more that they ever were: whose parent was killed is for another one to ask after.
 bool areForgotten(const std::vector<pid_t> &processes) {
-    for (int step = 0; step < 6'000; ++step) {
+    for (int step = 0; step < 30'000; ++step) {
         if (std::ranges::all_of(processes, [](pid_t one) { return ::kill(one, 0) != 0 && errno == ESRCH; })) {
             return true;
         }
@@ -275,6 +275,23 @@ TEST_F(RemoveJobs, AnyNumberOfThemRemovesAndSaysTheSame) {
 }
 
 // Directories go after what is in them, and are told so.
+// Of one directory several remove what is in it, and none of it twice.
+TEST_F(RemoveJobs, FilesOfALargeDirectoryAreToldOnceEach) {
+    const std::string large = scratch / "large";
+    ASSERT_EQ(0, ::mkdir(large.c_str(), 0755));
+    ASSERT_EQ(0, ::mkdir((large + "/inner").c_str(), 0755));
+    constexpr size_t files = 6000;
+    for (size_t number = 0; number < files; ++number) {
+        kit::writeFile(large + "/file" + std::to_string(number), "");
+    }
+    const ToolResult result = runTool({"remove", "-rv", "--jobs", "3", large});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_FALSE(kit::exists(large));
+    const Lines told = linesOf(result.out);
+    EXPECT_LE(files + 2, told.size());
+    EXPECT_EQ(told.size(), std::set<std::string>(told.begin(), told.end()).size());
+}
+
 TEST_F(RemoveJobs, DirectoryIsToldAfterItsEntries) {
     makeTree(tree);
     const ToolResult result = runTool({"remove", "-rv", "--jobs", "4", tree});

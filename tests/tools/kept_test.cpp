@@ -39,7 +39,7 @@ void makeThing(const std::string &path, const std::string &content) {
 }
 
 // Everything that a thing has, in words.
-std::string described(const std::string &path) {
+std::string describedKept(const std::string &path) {
     const struct stat found = kit::statOf(path);
     std::string text = std::to_string(found.st_mode) + " " + std::to_string(found.st_uid) + ":" +
                        std::to_string(found.st_gid) + " " + std::to_string(found.st_mtim.tv_sec) + "." +
@@ -76,7 +76,7 @@ class Kept : public ::testing::Test {
                                               "inner", "inner/index"};
     static void expectArrived(const std::string &from, const std::string &to) {
         for (const char *thing : kThings) {
-            EXPECT_EQ(described(from + "/@eaDir/" + thing), described(to + "/@eaDir/" + thing)) << thing;
+            EXPECT_EQ(describedKept(from + "/@eaDir/" + thing), describedKept(to + "/@eaDir/" + thing)) << thing;
         }
         char target[16] = "";
         EXPECT_EQ(7, ::readlink((to + "/@eaDir/file/link").c_str(), target, sizeof target));
@@ -116,11 +116,11 @@ TEST_F(Kept, ArrivesAsItWas) {
 
 TEST_F(Kept, GoesWithASingleFile) {
     KIT_REQUIRE(volume, kit::Volume::tmpfs(4 << 20));
-    const std::string before = described(tree + "/@eaDir/file/thumb");
+    const std::string before = describedKept(tree + "/@eaDir/file/thumb");
     expectNothingTold(runTool({"copy", tree + "/file", scratch / "copy"}));
-    EXPECT_EQ(before, described(scratch / "@eaDir/copy/thumb"));
+    EXPECT_EQ(before, describedKept(scratch / "@eaDir/copy/thumb"));
     expectNothingTold(runTool({"move", tree + "/file", volume / "moved"}));
-    EXPECT_EQ(before, described(volume / "@eaDir/moved/thumb"));
+    EXPECT_EQ(before, describedKept(volume / "@eaDir/moved/thumb"));
     EXPECT_FALSE(kit::exists(tree + "/@eaDir/file"));
 }
 
@@ -198,11 +198,11 @@ TEST_F(Kept, OfADirectoryThatIsMergedIntoStays) {
     ASSERT_EQ(0, runTool({"copy", "-r", tree, copy}).status);
     makeThing(copy + "/@eaDir/inner/only there", "mine");
     kit::writeFile(copy + "/@eaDir/inner/index", "old");
-    const std::string before = described(copy + "/@eaDir/inner/only there");
+    const std::string before = describedKept(copy + "/@eaDir/inner/only there");
     const ToolResult merged = runTool({"copy", "-rf", tree + "/inner", copy + "/inner", "-T"});
     EXPECT_EQ(0, merged.status) << merged.err;
-    EXPECT_EQ(before, described(copy + "/@eaDir/inner/only there"));
-    EXPECT_EQ(described(tree + "/@eaDir/inner/index"), described(copy + "/@eaDir/inner/index"));
+    EXPECT_EQ(before, describedKept(copy + "/@eaDir/inner/only there"));
+    EXPECT_EQ(describedKept(tree + "/@eaDir/inner/index"), describedKept(copy + "/@eaDir/inner/index"));
     EXPECT_EQ((std::vector<std::string>{"file", "inner"}), kit::namesIn(copy + "/@eaDir"));
 }
 
@@ -230,7 +230,7 @@ class EmptyStore : public Kept {
     }
     static void expectStores(const std::string &from, const std::string &to) {
         for (const char *path : {"/inner/@eaDir", "/left/@eaDir", "/inner", "/left"}) {
-            EXPECT_EQ(described(from + path), described(to + path)) << path;
+            EXPECT_EQ(describedKept(from + path), describedKept(to + path)) << path;
         }
     }
 };

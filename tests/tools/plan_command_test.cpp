@@ -354,22 +354,57 @@ TEST_F(PlanCommand, NamesThatTheVolumeChangesAreTold) {
 }
 
 // More is said than a terminal takes that nobody reads: the plan is in the middle when the signal comes.
-TEST_F(PlanCommand, WhatWasMadeToTryGoesWhenItIsStopped) {
-    for (int number = 0; number < 500; ++number) {
-        kit::writeFile(one + "/" + std::string(200, 'n') + std::to_string(number), "");
+class StoppedPlan : public PlanCommand {
+  protected:
+    ToolResult stop(int signal) const {
+        for (int number = 0; number < 500; ++number) {
+            kit::writeFile(one + "/" + std::string(200, 'n') + std::to_string(number), "");
+        }
+        kit::ToolOnTerminal tool({"plan", "copy", "-rv", one, into});
+        EXPECT_TRUE(tool.catches(SIGTERM));
+        constexpr int patience = 12'000;
+        for (int turn = 0; turn < patience && kit::namesIn(into).empty(); ++turn) {
+            ::usleep(10'000);
+        }
+        EXPECT_EQ(1U, kit::namesIn(into).size());
+        tool.send(signal);
+        return tool.finish();
     }
-    kit::ToolOnTerminal tool({"plan", "copy", "-rv", one, into});
-    ASSERT_TRUE(tool.catches(SIGTERM));
-    constexpr int patience = 12'000;
-    for (int turn = 0; turn < patience && kit::namesIn(into).empty(); ++turn) {
-        ::usleep(10'000);
-    }
-    ASSERT_EQ(1U, kit::namesIn(into).size());
-    tool.send(SIGTERM);
-    const ToolResult result = tool.finish();
+};
+
+TEST_F(StoppedPlan, RemovesWhatItHasMadeToTry) {
+    const ToolResult result = stop(SIGTERM);
     EXPECT_EQ(128 + SIGTERM, result.status);
     EXPECT_TRUE(mentions(result.out, "the plan is not whole"));
     EXPECT_TRUE(kit::namesIn(into).empty());
+}
+
+TEST_F(StoppedPlan, LeavesWhenKilledWhatOthersRemove) {
+    (void)stop(SIGKILL);
+    const std::vector<std::string> left = kit::namesIn(into);
+    ASSERT_EQ(1U, left.size());
+    const std::string place = into + "/" + left.front();
+    const timespec old[] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, into.c_str(), old, 0));
+    EXPECT_EQ(0, runTool({"plan", "copy", one + "/file", into}).status);
+    EXPECT_TRUE(kit::namesIn(into).empty());
+    EXPECT_EQ(1000, kit::statOf(into).st_mtim.tv_sec);
+    const auto again = [&] {
+        ASSERT_EQ(0, ::mkdir(place.c_str(), 0700));
+        kit::writeFile(place + "/entry", "");
+    };
+    again();
+    EXPECT_EQ(0, runTool({"copy", one + "/file", into}).status);
+    EXPECT_EQ(std::vector<std::string>{"file"}, kit::namesIn(into));
+    again();
+    EXPECT_EQ(1, runTool({"store", "repair", "-r", into}).status); // mended
+    EXPECT_EQ(std::vector<std::string>{"file"}, kit::namesIn(into));
+    // What no plan makes is somebody's.
+    again();
+    kit::writeFile(place + "/letter", "mine");
+    EXPECT_EQ(0, runTool({"plan", "copy", "-f", one + "/file", into}).status);
+    EXPECT_EQ(0, runTool({"copy", "-f", one + "/file", into}).status);
+    EXPECT_TRUE(kit::exists(place + "/letter"));
 }
 
 TEST_F(PlanCommand, ARelocationIsExplainedAndPlanned) {

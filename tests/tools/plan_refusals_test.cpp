@@ -16,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace {
@@ -105,6 +106,23 @@ TEST_F(PlanRefusals, ASourceOnAReadOnlyVolume) {
     volume.setReadOnly(true);
     expect(2, {"move", volume / "tree/file", to}, "the source could not be removed");
     expect(2, {"move", volume / "tree", to}, "the source could not be removed");
+    volume.setReadOnly(false);
+}
+
+// Whatever is tried there first: what an ACL gives a group is given where nobody else gets in.
+TEST_F(PlanRefusals, AReadOnlyDestination) {
+    KIT_REQUIRE(volume, kit::Volume::tmpfs(1 << 20));
+    const std::string none(4, '\xFF');
+    const std::string acl = std::string("\2\0\0\0\1\0\6\0", 8) + none + std::string("\2\0\6\0\1\0\0\0\4\0\4\0", 12) +
+                            none + std::string("\x10\0\6\0", 4) + none + std::string("\x20\0\4\0", 4) + none;
+    kit::writeFile(from + "/granted", "content");
+    const int given = ::setxattr((from + "/granted").c_str(), "system.posix_acl_access", acl.data(), acl.size(), 0);
+    ASSERT_EQ(0, given);
+    volume.setReadOnly(true);
+    for (const char *name : {"/file", "/granted"}) {
+        expect(2, {"copy", from + name, volume.path()}, "read-only file system");
+        expect(2, {"move", from + name, volume.path()}, "read-only file system");
+    }
     volume.setReadOnly(false);
 }
 
@@ -350,15 +368,22 @@ TEST_F(PlanRefusals, LinksKeepTheirAccessTime) {
     ASSERT_EQ(0, runTool({"copy", "-rT", volume / "one", volume / "two"}).status);
     ASSERT_EQ(0, ::unlink((volume / "one/changed").c_str()));
     ASSERT_EQ(0, ::symlink("elsewhere", (volume / "one/changed").c_str()));
-    const timespec old[] = {{1000, 0}, {0, UTIME_OMIT}};
+    // As long as before, and of the same time.
+    ASSERT_EQ(0, ::symlink("to hear", (volume / "one/turned").c_str()));
+    ASSERT_EQ(0, ::symlink("to here", (volume / "two/turned").c_str()));
+    const timespec old[] = {{1000, 0}, {0, UTIME_OMIT}}, both[] = {{1000, 0}, {2000, 0}};
+    for (const char *const link : {"one/turned", "two/turned"}) {
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, (volume / link).c_str(), both, AT_SYMLINK_NOFOLLOW));
+    }
     for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
         ASSERT_EQ(0, ::utimensat(AT_FDCWD, (volume / link).c_str(), old, AT_SYMLINK_NOFOLLOW));
     }
     const ToolResult update = runTool({"plan", "copy", "-ruvT", volume / "one", volume / "two"});
     EXPECT_TRUE(mentions(update.out, "/two/link: the same already")) << update.out;
     EXPECT_TRUE(mentions(update.out, "replace: " + volume / "one/changed")) << update.out;
+    EXPECT_TRUE(mentions(update.out, "replace: " + volume / "one/turned")) << update.out;
     EXPECT_EQ(0, runTool({"plan", "mirror", volume / "one", volume / "two"}).status);
-    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed"}) {
+    for (const char *const link : {"one/link", "two/link", "one/changed", "two/changed", "one/turned", "two/turned"}) {
         EXPECT_EQ(1000, kit::statOf(volume / link).st_atim.tv_sec) << link;
     }
 }

@@ -60,7 +60,7 @@ class StoppedMove : public ::testing::Test {
     void stop(const std::string &to, int signal) const {
         constexpr size_t some = 8;
         const size_t all = left();
-        ToolOnTerminal tool({"move", "-u", "--bwlimit", "300", tree, to});
+        ToolOnTerminal tool({"move", "-u", "--bwlimit", "60", tree, to}); // a quarter of a minute for all of it
         const auto begun = [&] { return left() + some < all; };
         const bool caught = signal == SIGKILL || tool.catches(signal);
         ASSERT_TRUE(caught);
@@ -123,7 +123,7 @@ class GrowsMeanwhile : public ::testing::Test {
         ASSERT_EQ(0, ::mkdir(place.c_str(), 0755));
     }
     ToolResult run(kit::Arguments arguments) const {
-        arguments.insert(arguments.end(), {"--bwlimit", "200", source, copy});
+        arguments.insert(arguments.end(), {"--bwlimit", "100", source, copy});
         ToolOnTerminal tool(arguments);
         for (int tries = 0; !hasPrivateNames(place) && tries < 60'000; ++tries) {
             ::usleep(1'000);
@@ -160,7 +160,7 @@ TEST_F(GrowsMeanwhile, IsNotVerified) {
 // ---- what a stopped command leaves, or seems to have left ----
 
 TEST_F(GrowsMeanwhile, WhatMayBeSomebodysOwnIsToldOf) {
-    ToolOnTerminal tool({"copy", "--bwlimit", "200", source, copy});
+    ToolOnTerminal tool({"copy", "--bwlimit", "20", source, copy});
     for (int tries = 0; !hasPrivateNames(place) && tries < 60'000; ++tries) {
         ::usleep(1'000);
     }

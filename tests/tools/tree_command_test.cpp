@@ -24,7 +24,7 @@ using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
 
-std::string linkTarget(const std::string &path) {
+std::string linkTargetOf(const std::string &path) {
     char target[4096] = "";
     return ::readlink(path.c_str(), target, sizeof target - 1) < 0 ? "(no link)" : target;
 }
@@ -60,7 +60,7 @@ class Tree : public ::testing::Test {
     void expectWholeTree(const std::string &at) const {
         EXPECT_EQ("1", kit::readFile(at + "/one"));
         EXPECT_EQ("22", kit::readFile(at + "/sub/two"));
-        EXPECT_EQ("sub/two", linkTarget(at + "/link"));
+        EXPECT_EQ("sub/two", linkTargetOf(at + "/link"));
         EXPECT_EQ(0750u, kit::statOf(at + "/sub").st_mode & 07777);
     }
 
@@ -158,7 +158,7 @@ TEST_F(CopyTree, PoliciesHoldForFilesAndLinksInside) {
     EXPECT_EQ(0, skipped.status);
     EXPECT_EQ("vexofileop: 3 skipped, for the destination exists; -v names them\n", skipped.err);
     EXPECT_TRUE(mentions(skipped.out, "3 skipped, 0 failed"));
-    EXPECT_EQ("elsewhere", linkTarget(to + "/from/link"));
+    EXPECT_EQ("elsewhere", linkTargetOf(to + "/from/link"));
 
     EXPECT_EQ(0, runTool({"copy", "-r", "--keep-both", from, to}).status);
     EXPECT_EQ("1", kit::readFile(to + "/from/one (1)"));

@@ -29,7 +29,7 @@ using kit::mentions;
 using kit::runTool;
 using kit::ToolResult;
 
-void makeDirectory(const std::string &path, mode_t mode = 0755) {
+void makeDirectoryAt(const std::string &path, mode_t mode = 0755) {
     ASSERT_EQ(0, ::mkdir(path.c_str(), mode));
 }
 
@@ -108,8 +108,8 @@ class WholeCopy : public ::testing::Test {
   protected:
     void SetUp() override {
         KIT_NEEDS_ROOT("to give owners away, without which each file is copied by itself");
-        makeDirectory(from);
-        makeDirectory(sub);
+        makeDirectoryAt(from);
+        makeDirectoryAt(sub);
     }
     // Copies both ways and expects no difference. The result of the one under test.
     ToolResult copyBothWays(const std::vector<std::string> &options = {}) const {
@@ -157,11 +157,11 @@ TEST_F(WholeCopy, OwnersModesTimesAndAttributesAreTheSame) {
         ASSERT_EQ(0, ::lchown(path.c_str(), 1003, 1004));
         giveTimes(path, 3000);
     }
-    makeDirectory(sub + "/empty");
+    makeDirectoryAt(sub + "/empty");
     for (const auto &[name, mode] :
          {std::pair("read-only", 0555), {"set-group", 02775}, {"sticky", 01777}, {"no", 0}}) {
         const std::string path = sub + "/" + name;
-        makeDirectory(path);
+        makeDirectoryAt(path);
         kit::writeFile(path + "/inner", name);
         ASSERT_EQ(0, ::chown(path.c_str(), 1005, 1006));
         ASSERT_EQ(0, ::chmod(path.c_str(), static_cast<mode_t>(mode)));
@@ -180,8 +180,8 @@ TEST_F(WholeCopy, OwnersModesTimesAndAttributesAreTheSame) {
 TEST_F(WholeCopy, WhatTheLibraryPassesOverIsNamed) {
     kit::writeFile(sub + "/plain", "p");
     kit::writeFile(sub + "/._stray", "x");
-    makeDirectory(sub + "/@tmp");
-    makeDirectory(sub + "/below");
+    makeDirectoryAt(sub + "/@tmp");
+    makeDirectoryAt(sub + "/below");
     ASSERT_EQ(0, ::mkfifo((sub + "/below/pipe").c_str(), 0600));
     const ToolResult result = copyBothWays();
     EXPECT_EQ(1, result.status);
@@ -191,12 +191,12 @@ TEST_F(WholeCopy, WhatTheLibraryPassesOverIsNamed) {
 }
 
 TEST_F(WholeCopy, PartsOfStoresThatCannotArriveAreTold) {
-    makeDirectory(sub + "/@eaDir");
+    makeDirectoryAt(sub + "/@eaDir");
     for (const char *name : {"kept", "lost", "plain"}) {
         kit::writeFile(sub + "/" + name, name);
     }
     kit::writeFile(sub + "/@eaDir/kept@VexoEAStream", stream::bytes({{"comment", "kept"}}));
-    makeDirectory(sub + "/@eaDir/lost@VexoEAStream");
+    makeDirectoryAt(sub + "/@eaDir/lost@VexoEAStream");
     const ToolResult result = copyBothWays();
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("vexofileop: 1 entry with something that could not be read: " + sub + "/lost -> " + to +
@@ -209,7 +209,7 @@ TEST_F(WholeCopy, PartsOfStoresThatCannotArriveAreTold) {
 }
 
 TEST_F(WholeCopy, StoreThatIsNoDirectoryOrLeadsElsewhereMakesNoDifference) {
-    makeDirectory(scratch / "elsewhere");
+    makeDirectoryAt(scratch / "elsewhere");
     kit::writeFile(scratch / "elsewhere/file@VexoEAStream", stream::bytes({{"comment", "elsewhere"}}));
     const std::function<void(const std::string &)> stores[] = {
         [](const std::string &path) { kit::writeFile(path, "a file"); },
@@ -217,7 +217,7 @@ TEST_F(WholeCopy, StoreThatIsNoDirectoryOrLeadsElsewhereMakesNoDifference) {
         [this](const std::string &path) { ASSERT_EQ(0, ::symlink((scratch / "elsewhere").c_str(), path.c_str())); },
         [](const std::string &path) { ASSERT_EQ(0, ::symlink("nowhere", path.c_str())); },
         [](const std::string &path) {
-            makeDirectory(path);
+            makeDirectoryAt(path);
             ASSERT_EQ(0, ::mkfifo((path + "/file@VexoEAStream").c_str(), 0600));
             ASSERT_EQ(0, ::symlink("/etc/passwd", (path + "/file@VexoResource").c_str()));
         },
@@ -225,7 +225,7 @@ TEST_F(WholeCopy, StoreThatIsNoDirectoryOrLeadsElsewhereMakesNoDifference) {
     int number = 0;
     for (const auto &make : stores) {
         const std::string directory = sub + std::to_string(number++);
-        makeDirectory(directory);
+        makeDirectoryAt(directory);
         kit::writeFile(directory + "/file", "f");
         make(directory + "/@eaDir");
     }
@@ -285,7 +285,7 @@ TEST_F(WholeCopy, CreationTimeThatIsKeptByChanceIsNone) {
 TEST_F(WholeCopy, FilesThatFailAreNamedWithTheirReason) {
     kit::writeFile(sub + "/small", "s");
     kit::writeFile(sub + "/large", std::string(64 << 10, 'x'));
-    makeDirectory(sub + "/below");
+    makeDirectoryAt(sub + "/below");
     kit::writeFile(sub + "/below/large", std::string(64 << 10, 'x'));
     rlimit before{};
     ASSERT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &before));
@@ -326,7 +326,7 @@ TEST_F(WholeCopy, FullVolumeLosesNothingInSilence) {
 
 TEST_F(WholeCopy, StopOnErrorStillEndsAtTheFirstFailure) {
     for (const char *name : {"/a", "/b"}) {
-        makeDirectory(sub + name);
+        makeDirectoryAt(sub + name);
         ASSERT_EQ(0, ::mkfifo((sub + name + "/pipe").c_str(), 0600));
     }
     const ToolResult result = runTool({"copy", "-r", "--stop-on-error", from, to});
@@ -338,7 +338,7 @@ TEST_F(WholeCopy, DeepTreeNeedsNoDescriptors) {
     std::string deep = sub;
     for (int level = 0; level < 200; ++level) {
         deep += "/d";
-        makeDirectory(deep);
+        makeDirectoryAt(deep);
         kit::writeFile(deep + "/leaf", std::to_string(level));
     }
     // In a child, since the limit that the tool may not raise cannot be raised again here either.
@@ -352,7 +352,7 @@ TEST_F(WholeCopy, DeepTreeNeedsNoDescriptors) {
 }
 
 TEST_F(WholeCopy, PathsThatGetTooLongForACallArriveAllTheSame) {
-    makeDirectory(scratch / "a destination whose path is longer than that of the source");
+    makeDirectoryAt(scratch / "a destination whose path is longer than that of the source");
     const std::string longer = scratch / "a destination whose path is longer than that of the source/to";
     const std::string deep = kit::makeDeepDirectory(sub, 4070);
     kit::writeFile(deep + "/leaf", "l");
@@ -476,14 +476,14 @@ TEST_F(ChangingTree, FilesThatOthersPutInTheWayStayAndAreNamed) {
 
 TEST_F(ChangingTree, EntriesThatBecomeOfAnotherKindAreNoSuccess) {
     for (int number = 0; number < kFiles; ++number) {
-        makeDirectory(sub + "/directory" + std::to_string(number));
+        makeDirectoryAt(sub + "/directory" + std::to_string(number));
     }
     const ToolResult result = copyWhile([&] {
         for (int number = 0; number < kFiles; ++number) {
             const std::string file = sub + "/file" + std::to_string(number);
             const std::string directory = sub + "/directory" + std::to_string(number);
             EXPECT_EQ(0, ::unlink(file.c_str()));
-            makeDirectory(file);
+            makeDirectoryAt(file);
             EXPECT_EQ(0, ::rmdir(directory.c_str()));
             kit::writeFile(directory, "a file now");
         }

@@ -4,6 +4,7 @@
 #include "tools/binding/run_observer.h"
 #include "tools/engine/mirror/mirror_pair.h"
 #include "tools/engine/mirror/surplus.h"
+#include "tools/engine/mirror/two_passes.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/invalid_request.h"
 #include "tools/engine/transfer/transfer.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace binding {
 namespace {
@@ -70,7 +70,7 @@ class Mirrored : public RunObserver {
         const int64_t before = counted(surplus, allowEmpty, most);
         copy(hands);
         VexoMirrored came{};
-        if (stopped() || m_incomplete) {
+        if (stopped() || m_passes.incomplete()) {
             came.nothing_removed = before != 0 ? 1 : 0;
             return came;
         }
@@ -79,7 +79,7 @@ class Mirrored : public RunObserver {
             volumes.begin(engine::HeldDirectory(m_pair.destination));
         }
         MirrorSurplus removal(m_callbacks, *this, false, most);
-        const bool clear = m_late.empty() || clear_the_way(surplus, removal);
+        const bool clear = !m_passes.has_late() || clear_the_way(surplus, removal);
         if (clear && !stopped()) {
             remove_surplus(m_pair.source, m_pair.destination, engine::Surplus::extra, surplus, removal);
         }
@@ -120,34 +120,23 @@ class Mirrored : public RunObserver {
         run.leave();
     }
 
-    // What was cleared is filled in any case. The whole once more, since by a path alone somebody could lead it
-    // elsewhere; what is there by now is passed over.
+    // What was cleared is filled in any case.
     bool clear_the_way(const engine::SurplusOptions &surplus, MirrorSurplus &removal) {
         remove_surplus(m_pair.source, m_pair.destination, engine::Surplus::obstacle, surplus, removal);
         if (stopped()) {
             return false;
         }
-        m_transfer.countsAlone = false;
-        m_again = true;
-        copy({});
-        return !m_incomplete && removal.came().failed == 0;
+        m_passes.copy_late(m_pair, m_transfer, *this);
+        return !m_passes.incomplete() && removal.came().failed == 0;
     }
 
     void entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) override {
-        const bool failed = outcome.status == engine::Status::failed;
-        if (!m_again && failed && engine::is_in_the_way(kind, outcome.destination)) {
-            m_late.push_back(source);
-            return;
-        }
-        const bool late =
-            std::ranges::any_of(m_late, [&](const std::string &top) { return engine::lies_below(source, top); });
-        m_incomplete = m_incomplete || engine::is_kept_back(outcome);
-        if (!m_again || late || failed) {
+        if (m_passes.tells(kind, source, outcome)) {
             RunObserver::entry(kind, source, outcome);
         }
     }
     void arrived(const std::string &directory, int files, int64_t bytes) override {
-        if (!m_again) {
+        if (m_passes.tells_arrivals()) {
             RunObserver::arrived(directory, files, bytes);
         }
     }
@@ -155,9 +144,7 @@ class Mirrored : public RunObserver {
     const engine::MirrorPair &m_pair;
     engine::TransferOptions m_transfer;
     const VexoCallbacks &m_callbacks;
-    std::vector<std::string> m_late = {}; // sources of which the place is to be cleared first
-    bool m_again = false;                 // they are being copied
-    bool m_incomplete = false;            // something was not copied, so that nothing goes
+    engine::TwoPasses m_passes;
 };
 
 } // namespace

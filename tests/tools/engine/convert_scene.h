@@ -104,7 +104,11 @@ struct ConvertScene : store_scene::StoreScene {
         return engine::Store(*this / name).metadata();
     }
     bool is_whole(StoreKind kind, const std::string &name, const std::string &fork = "a fork") const {
-        const engine::Store::Metadata all = read(kind, name);
+        engine::Store::Metadata all = read(kind, name);
+        if (kind == StoreKind::native) { // where what other volumes keep in attributes is an attribute like others
+            all.attributes.erase(engine::kMetadataName);
+            all.attributes.erase("user.vexo.filea.flushtime");
+        }
         std::map<std::string, std::string> wanted;
         for (const auto &[one, value] : attributes(name)) {
             wanted[one] = value;

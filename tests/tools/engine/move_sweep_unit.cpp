@@ -39,8 +39,8 @@ void PrintTo(const Kind &kind, std::ostream *out) {
 }
 
 // `entry` is a file, or a directory.
-struct Scene {
-    explicit Scene(const Kind &kind) : doubles(kind.doubles) {
+struct MoveScene {
+    explicit MoveScene(const Kind &kind) : doubles(kind.doubles) {
         if (doubles) {
             ::setenv("VEXOFILEOP_FSTYPES", (scratch.path() + "=0").c_str(), 1);
         }
@@ -63,9 +63,9 @@ struct Scene {
             kit::writeFile(storeAt("from", "VexoResource"), "resource");
         }
     }
-    ~Scene() { ::unsetenv("VEXOFILEOP_FSTYPES"); }
-    Scene(const Scene &) = delete;
-    Scene &operator=(const Scene &) = delete;
+    ~MoveScene() { ::unsetenv("VEXOFILEOP_FSTYPES"); }
+    MoveScene(const MoveScene &) = delete;
+    MoveScene &operator=(const MoveScene &) = delete;
     std::string storeAt(const std::string &place, const std::string &part) const {
         return scratch / (place + (doubles ? "/._entry" : "/@eaDir/entry@" + part));
     }
@@ -89,10 +89,10 @@ struct Scene {
 
 class MoveSweep : public sweep::Sweep<::testing::TestWithParam<Kind>> {
   protected:
-    static std::vector<faults::SystemCall> callsOf(const Scene &scene) {
+    static std::vector<faults::SystemCall> callsOf(const MoveScene &scene) {
         return watched({}, [&] { return move(scene.source, scene.destination) ? 0 : 1; }).calls;
     }
-    static bool killedAt(const Scene &scene, size_t at, const std::vector<faults::SystemCall> &calls) {
+    static bool killedAt(const MoveScene &scene, size_t at, const std::vector<faults::SystemCall> &calls) {
         return killed(at, calls, [&] { (void)move(scene.source, scene.destination); });
     }
 };
@@ -103,13 +103,13 @@ INSTANTIATE_TEST_SUITE_P(Kinds, MoveSweep,
 
 TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
     KIT_NOT_SANITIZED();
-    const Scene whole(GetParam());
+    const MoveScene whole(GetParam());
     const auto calls = callsOf(whole);
     ASSERT_TRUE(whole.isMoved() && whole.hasStore("to"));
     ASSERT_LT(20U, calls.size());
     int finished = 0;
     for (size_t at = 0; at < calls.size(); ++at) {
-        const Scene scene(GetParam());
+        const MoveScene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
         }
@@ -128,10 +128,10 @@ TEST_P(MoveSweep, KilledAnywhereTheStoreIsWithItsEntryOnceSomebodyComesNext) {
 // Whoever runs the same command again finds no source, and leaves the destination whole.
 TEST_P(MoveSweep, RunAgainFinishesIt) {
     KIT_NOT_SANITIZED();
-    const Scene whole(GetParam());
+    const MoveScene whole(GetParam());
     const auto calls = callsOf(whole);
     for (size_t at = calls.size() / 2; at < calls.size(); at += 2) {
-        const Scene scene(GetParam());
+        const MoveScene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
         }
@@ -143,10 +143,10 @@ TEST_P(MoveSweep, RunAgainFinishesIt) {
 // A file that got the old name meanwhile keeps its store.
 TEST_P(MoveSweep, StoreOfAnotherEntryOfTheOldNameIsNotTaken) {
     KIT_NOT_SANITIZED();
-    const Scene whole(GetParam());
+    const MoveScene whole(GetParam());
     const auto calls = callsOf(whole);
     for (size_t at = calls.size() / 2; at < calls.size(); at += 3) {
-        const Scene scene(GetParam());
+        const MoveScene scene(GetParam());
         if (!killedAt(scene, at, calls)) {
             break;
         }
@@ -167,7 +167,7 @@ TEST_P(MoveSweep, StoreOfAnotherEntryOfTheOldNameIsNotTaken) {
 TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     KIT_NOT_SANITIZED();
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
-    const auto carried = [&](const Scene &scene, const std::string &to, const faults::Plan &plan) {
+    const auto carried = [&](const MoveScene &scene, const std::string &to, const faults::Plan &plan) {
         return watched(plan, [&] {
             (void)move(scene.source, to);
             return 0;
@@ -175,13 +175,13 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     };
     int number = 0;
     const auto place = [&] { return volume / ("entry" + std::to_string(++number)); };
-    const auto onlyAttributes = [](const Scene &scene) {
+    const auto onlyAttributes = [](const MoveScene &scene) {
         EXPECT_TRUE(scene.doubles || ::unlink(scene.storeAt("from", "VexoResource").c_str()) == 0);
     };
-    const Scene first(GetParam()); // which makes what the others find
+    const MoveScene first(GetParam()); // which makes what the others find
     onlyAttributes(first);
     ASSERT_EQ("", told_of_move(first.source, place()).text);
-    const Scene whole(GetParam());
+    const MoveScene whole(GetParam());
     onlyAttributes(whole);
     const auto calls = carried(whole, place(), {}).calls;
     ASSERT_TRUE(whole.isMoved());
@@ -193,7 +193,7 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
     int leftBefore = 0, leftAfter = 0; // the entry itself went
     constexpr ptrdiff_t before = 8;
     for (auto at = static_cast<size_t>(removal - calls.begin() - before); at < calls.size(); ++at) {
-        const Scene scene(GetParam());
+        const MoveScene scene(GetParam());
         onlyAttributes(scene);
         const std::string to = place();
         if (!carried(scene, to, faults::planAt(faults::Plan::Action::kill, calls, at)).reached) {
@@ -208,7 +208,7 @@ TEST_P(MoveSweep, AcrossVolumesNoNoteStaysAtTheSource) {
         EXPECT_EQ(0, notesLeft()) << at;
         EXPECT_TRUE(scene.isMoved()) << at;
         const std::string streams = volume / ("@eaDir/entry" + std::to_string(number) + "@VexoEAStream");
-        EXPECT_EQ(scene.store, Scene::contentOf(streams)) << at;
+        EXPECT_EQ(scene.store, MoveScene::contentOf(streams)) << at;
     }
     EXPECT_LT(0, leftBefore);
     EXPECT_LT(0, leftAfter);
@@ -221,11 +221,11 @@ TEST(FirstStoreInADirectory, OfADoubleIsSeenAtTheCopy) {
     }
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
     for (const Operation operation : {Operation::copy, Operation::move}) {
-        const Scene scene({"", false, true});
+        const MoveScene scene({"", false, true});
         const std::string place = volume / (operation == Operation::move ? "moved" : "copied");
         ASSERT_EQ(0, ::mkdir(place.c_str(), 0755));
         EXPECT_EQ("", sweep::carry({.operation = operation}, scene.source, place + "/entry").text);
-        EXPECT_EQ(scene.store, Scene::contentOf(place + "/@eaDir/entry@VexoEAStream"));
+        EXPECT_EQ(scene.store, MoveScene::contentOf(place + "/@eaDir/entry@VexoEAStream"));
         EXPECT_EQ(operation == Operation::move, scene.isMoved());
     }
 }

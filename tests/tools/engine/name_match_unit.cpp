@@ -16,7 +16,7 @@ namespace {
 using engine::Listing;
 using engine::NameMatch;
 
-constexpr int kFat = 0, kOther = 1;
+constexpr int kFatKind = 0, kOther = 1;
 
 class NameMatchTest : public ::testing::Test {
   protected:
@@ -51,7 +51,7 @@ TEST_F(NameMatchTest, AnEntryIsListedUnderTheNameThatItsMakerGaveIt) {
 
 TEST_F(NameMatchTest, OfTwoNamesThatBecomeOneTheSameNameHasIt) {
     make("a-");
-    NameMatch names = match(kFat, {"a-"}, {"a*", "a-", "a?"});
+    NameMatch names = match(kFatKind, {"a-"}, {"a*", "a-", "a?"});
     EXPECT_EQ("a-", names.find("a*").clash);
     EXPECT_FALSE(names.find("a-").clash);
     EXPECT_EQ("a-", names.find("a?").clash);
@@ -59,7 +59,7 @@ TEST_F(NameMatchTest, OfTwoNamesThatBecomeOneTheSameNameHasIt) {
 
 TEST_F(NameMatchTest, OfTwoOthersTheFirstHasIt) {
     make("a-");
-    NameMatch names = match(kFat, {"a-"}, {"a*", "a?"});
+    NameMatch names = match(kFatKind, {"a-"}, {"a*", "a?"});
     const NameMatch::Found first = names.find("a*");
     EXPECT_TRUE(first.there);
     EXPECT_FALSE(first.clash);
@@ -71,7 +71,7 @@ TEST_F(NameMatchTest, OfTwoOthersTheFirstHasIt) {
 TEST_F(NameMatchTest, OfTwoThatDifferInLetterCasesTheOneThatMadeItHasIt) {
     make("a-");
     ASSERT_EQ(0, ::link((scratch / "a-").c_str(), (scratch / "A-").c_str()));
-    NameMatch names = match(kFat, {"a-"}, {"A*", "a*"});
+    NameMatch names = match(kFatKind, {"a-"}, {"A*", "a*"});
     EXPECT_EQ("a*", names.find("A*").clash);
     const NameMatch::Found made = names.find("a*");
     EXPECT_FALSE(made.clash);
@@ -79,7 +79,7 @@ TEST_F(NameMatchTest, OfTwoThatDifferInLetterCasesTheOneThatMadeItHasIt) {
 }
 
 TEST_F(NameMatchTest, WhatIsNotThereIsNamedAsItWouldBe) {
-    NameMatch names = match(kFat, {}, {"a*"});
+    NameMatch names = match(kFatKind, {}, {"a*"});
     const NameMatch::Found found = names.find("a*");
     EXPECT_FALSE(found.there);
     EXPECT_FALSE(found.tooLong);

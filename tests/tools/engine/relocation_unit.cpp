@@ -29,7 +29,7 @@ bool mentions(const Record &record, const std::string &part) {
 
 // Does something at a moment of the relocation: before the copying ends, when it has ended, at the n-th question
 // whether to stop.
-class Meddler : public Record {
+class StoreMeddler : public Record {
   public:
     void copied() override {
         Record::copied();
@@ -136,7 +136,7 @@ TEST_F(Relocations, KeepTheSourceWhereThatIsAskedOrSomethingDoesNotArrive) {
 
 TEST_F(Relocations, FileChangedInPlaceMeanwhileEndsItWithEverythingAsItWas) {
     const struct stat before = kit::statOf(from("big"));
-    Meddler record;
+    StoreMeddler record;
     record.whenCopied = [&] { // of the same size, with the same times
         const int fd = ::open(from("big").c_str(), O_WRONLY | O_CLOEXEC);
         EXPECT_EQ(3, ::pwrite(fd, "NEW", 3, 1000));
@@ -153,7 +153,7 @@ TEST_F(Relocations, FileChangedInPlaceMeanwhileEndsItWithEverythingAsItWas) {
 }
 
 TEST_F(Relocations, WhatCameOrChangedAfterTheComparisonStaysAtTheSource) {
-    Meddler record;
+    StoreMeddler record;
     record.stopWhen = [&, done = false]() mutable {
         if (!done && !kit::exists(from("one")) && kit::exists(from("sub/two"))) { // its removal has begun
             done = true;
@@ -231,7 +231,7 @@ TEST_F(Relocations, MountedVolumesAreFoundBeforeAnythingIsTouched) {
 }
 
 TEST_F(Relocations, VolumeMountedMeanwhileStaysMounted) {
-    Meddler record;
+    StoreMeddler record;
     record.whenCopied = [&] { ASSERT_EQ(0, ::mount("tmpfs", to("in").c_str(), "tmpfs", 0, "size=1m")); };
     const RelocationResult result = run(record);
     EXPECT_EQ(RelocationEnd::old_remains, result.end) << result.problem.reason;
@@ -243,7 +243,7 @@ TEST_F(Relocations, VolumeMountedMeanwhileStaysMounted) {
 TEST_F(Relocations, LinkPlantedAtTheDestinationIsNotReplaced) {
     ASSERT_EQ(0, ::mkdir((*m_destination / "elsewhere").c_str(), 0755));
     kit::writeFile(*m_destination / "elsewhere/file", "mine");
-    Meddler record;
+    StoreMeddler record;
     record.whenCopied = [&] {
         EXPECT_EQ(0, ::rename(m_scene->to().c_str(), (*m_destination / "moved").c_str()));
         EXPECT_EQ(0, ::symlink("elsewhere", m_scene->to().c_str()));
@@ -261,7 +261,7 @@ TEST_F(Relocations, TwoIntoOneParentDoNotTouchEachOther) {
     const std::string other = *m_source / "other";
     ASSERT_EQ(0, ::mkdir(other.c_str(), 0755));
     kit::writeFile(other + "/file", "the other's");
-    Meddler record;
+    StoreMeddler record;
     Record inner, same;
     record.whenCopied = [&] {
         EXPECT_EQ(RelocationEnd::done, relocation::run(other, *m_destination / "second", inner).end)
@@ -277,7 +277,7 @@ TEST_F(Relocations, TwoIntoOneParentDoNotTouchEachOther) {
 }
 
 TEST_F(Relocations, StopBeforeTheExchangeLeavesEverythingAsItWas) {
-    Meddler record;
+    StoreMeddler record;
     record.whenCopied = [&] { record.stop = true; };
     EXPECT_EQ(RelocationEnd::cancelled, run(record).end);
     EXPECT_EQ("", m_scene->privatePlace());
@@ -285,7 +285,7 @@ TEST_F(Relocations, StopBeforeTheExchangeLeavesEverythingAsItWas) {
 }
 
 TEST_F(Relocations, StopWhileTheSourceIsRemovedIsFinishedByTheSecondRun) {
-    Meddler record;
+    StoreMeddler record;
     record.stopWhen = [&] { return !kit::exists(from("one")); };
     const RelocationResult result = run(record);
     EXPECT_EQ(RelocationEnd::source_remains, result.end);
@@ -298,7 +298,7 @@ TEST_F(Relocations, StopWhileTheSourceIsRemovedIsFinishedByTheSecondRun) {
 }
 
 TEST_F(Relocations, SecondRunRefusesWhatItCannotKnow) {
-    Meddler record;
+    StoreMeddler record;
     record.stopWhen = [&] { return !kit::exists(from("one")); };
     ASSERT_EQ(RelocationEnd::source_remains, run(record).end);
     const std::string note = m_scene->privatePlace() + "/note", text = kit::readFile(note);

@@ -32,15 +32,15 @@ Outcome carry(Operation operation, const std::string &source, const std::string 
     return sweep::carry(options, source, destination).last;
 }
 
-struct Pair {
+struct NamedPair {
     const char *name;
     Operation first, second;
     bool firstStore, secondStore;
     bool backup = false; // by the second, of what it replaces
 };
 
-struct Scene {
-    explicit Scene(const Pair &pair) {
+struct TogetherScene {
+    explicit TogetherScene(const NamedPair &pair) {
         for (const char *place : {"one", "two", "to"}) {
             EXPECT_EQ(0, ::mkdir((scratch / place).c_str(), 0755));
             EXPECT_EQ(0, ::mkdir((scratch / place + "/@eaDir").c_str(), 0777));
@@ -62,11 +62,11 @@ struct Scene {
         return contentOf(file("to")) == place &&
                contentOf(store("to")) == (stored ? stream::bytes({{"comment", place}}) : "");
     }
-    bool isWhole(const Pair &pair) const {
+    bool isWhole(const NamedPair &pair) const {
         return isWhole("one", pair.firstStore) || isWhole("two", pair.secondStore) || isWhole("to", true);
     }
     // What was kept is one of them, with its store; nothing may have been there.
-    bool isKeptWhole(const Pair &pair) const {
+    bool isKeptWhole(const NamedPair &pair) const {
         const std::string kept = contentOf(file("to") + "~");
         const bool stored = kept == "one" ? pair.firstStore : kept == "two" ? pair.secondStore : !kept.empty();
         return contentOf(scratch / "to/@eaDir/file~@VexoEAStream") ==
@@ -81,7 +81,7 @@ struct Scene {
         return text;
     }
     std::string told(const std::string &place) const { return scratch / ("told." + place); }
-    void run(const Pair &pair, const std::string &place) const {
+    void run(const NamedPair &pair, const std::string &place) const {
         tell(place, carry(pair.second, file(place), file("to"), pair.backup));
     }
     void tell(const std::string &place, const Outcome &outcome) const {
@@ -101,7 +101,7 @@ struct Scene {
     kit::ScratchDirectory scratch;
 };
 
-class Together : public sweep::Sweep<::testing::TestWithParam<Pair>> {
+class Together : public sweep::Sweep<::testing::TestWithParam<NamedPair>> {
   protected:
     void TearDown() override { set_lock_patience(kLockPatience); }
 
@@ -109,7 +109,7 @@ class Together : public sweep::Sweep<::testing::TestWithParam<Pair>> {
         static std::map<std::string, size_t> known;
         const auto [entry, isNew] = known.try_emplace(GetParam().name);
         if (isNew) {
-            const Scene scene(GetParam());
+            const TogetherScene scene(GetParam());
             entry->second = watched({}, [&] {
                                 (void)carry(GetParam().first, scene.file("one"), scene.file("to"));
                                 return 0;
@@ -118,7 +118,7 @@ class Together : public sweep::Sweep<::testing::TestWithParam<Pair>> {
         return entry->second;
     }
     // The first one, with somebody who meets it before the call.
-    static bool first(const Scene &scene, size_t at, const std::function<void()> &meeting) {
+    static bool first(const TogetherScene &scene, size_t at, const std::function<void()> &meeting) {
         const faults::Plan plan{.action = faults::Plan::Action::meet, .at = at, .meeting = meeting};
         return faults::supervise(plan,
                                  [&](faults::Window &window) {
@@ -133,15 +133,15 @@ class Together : public sweep::Sweep<::testing::TestWithParam<Pair>> {
 };
 constexpr Operation copies = Operation::copy, moves = Operation::move;
 INSTANTIATE_TEST_SUITE_P(Pairs, Together,
-                         ::testing::Values(Pair{"CopyAndCopy", copies, copies, true, true},
-                                           Pair{"MoveAndCopy", moves, copies, true, true},
-                                           Pair{"CopyAndMove", copies, moves, true, true},
-                                           Pair{"MoveAndMove", moves, moves, true, true},
-                                           Pair{"CopyAndBackup", copies, copies, true, true, true},
-                                           Pair{"MoveAndBackup", moves, moves, true, true, true},
-                                           Pair{"StoreAndNone", copies, copies, true, false},
-                                           Pair{"NoneAndStore", copies, copies, false, true},
-                                           Pair{"MovedNoneAndStore", moves, copies, false, true}),
+                         ::testing::Values(NamedPair{"CopyAndCopy", copies, copies, true, true},
+                                           NamedPair{"MoveAndCopy", moves, copies, true, true},
+                                           NamedPair{"CopyAndMove", copies, moves, true, true},
+                                           NamedPair{"MoveAndMove", moves, moves, true, true},
+                                           NamedPair{"CopyAndBackup", copies, copies, true, true, true},
+                                           NamedPair{"MoveAndBackup", moves, moves, true, true, true},
+                                           NamedPair{"StoreAndNone", copies, copies, true, false},
+                                           NamedPair{"NoneAndStore", copies, copies, false, true},
+                                           NamedPair{"MovedNoneAndStore", moves, copies, false, true}),
                          [](const auto &each) { return std::string(each.param.name); });
 
 // The second has done all that it can before the first goes on.
@@ -151,7 +151,7 @@ TEST_P(Together, OneAtEachCallOfTheOtherEndsWithOneOfThemWhole) {
     int met = 0;
     // Most of the first half is looking and copying.
     for (size_t at = 0;; at += at < callsOf() / 2 ? 9U : 1U) {
-        const Scene scene(GetParam());
+        const TogetherScene scene(GetParam());
         if (!first(scene, at, [&] { scene.run(GetParam(), "two"); })) {
             break;
         }
@@ -169,7 +169,7 @@ TEST_P(Together, OneAtEachCallOfTheOtherEndsWithOneOfThemWhole) {
 TEST_P(Together, OneBesideTheOtherWaitsForIt) {
     KIT_NOT_SANITIZED();
     for (size_t at = 0;; at += at < callsOf() / 2 ? 40U : 9U) {
-        const Scene scene(GetParam());
+        const TogetherScene scene(GetParam());
         pid_t second = -1;
         const bool reached = first(scene, at, [&] {
             second = ::fork();
@@ -192,14 +192,14 @@ TEST_P(Together, OneBesideTheOtherWaitsForIt) {
 
 class LockedDirectory : public Together {};
 INSTANTIATE_TEST_SUITE_P(Operations, LockedDirectory,
-                         ::testing::Values(Pair{"Copy", copies, copies, true, true},
-                                           Pair{"Move", moves, moves, true, true}),
+                         ::testing::Values(NamedPair{"Copy", copies, copies, true, true},
+                                           NamedPair{"Move", moves, moves, true, true}),
                          [](const auto &each) { return std::string(each.param.name); });
 
 // Whoever may read a directory may hold its lock for as long as he likes.
 TEST_P(LockedDirectory, IsWaitedForAndThenTold) {
     set_lock_patience(1ms);
-    const Scene scene(GetParam());
+    const TogetherScene scene(GetParam());
     const Descriptor held = open_directory(AT_FDCWD, scene.scratch / "to");
     ASSERT_EQ(0, ::flock(held.get(), LOCK_SH));
     const Outcome outcome = carry(GetParam().first, scene.file("one"), scene.file("to"));

@@ -26,12 +26,12 @@ namespace {
 using namespace engine;
 
 // What is asked for: a tree, or names below it; and where the old files are kept.
-struct Way {
+struct UpdateWay {
     const char *name;
     Operation operation = Operation::copy;
     bool relative = false, kept = false;
 };
-void PrintTo(const Way &way, std::ostream *out) {
+void PrintTo(const UpdateWay &way, std::ostream *out) {
     *out << way.name;
 }
 
@@ -48,7 +48,7 @@ Names names_at(const std::string &source, Names names = all_kinds()) {
     return names;
 }
 
-std::string update(const Way &way, const std::string &source, const std::string &destination,
+std::string update(const UpdateWay &way, const std::string &source, const std::string &destination,
                    const std::string &backups = {}, const Names &names = all_kinds()) {
     sweep::Watcher watcher;
     Transfer transfer({.operation = way.operation,
@@ -95,8 +95,8 @@ class Differences : public ComparisonObserver {
 };
 
 // A tree, one that stands at the destination already, and the same that nobody touches.
-struct Scene {
-    Scene(const std::string &volume, const Way &asked)
+struct UpdateScene {
+    UpdateScene(const std::string &volume, const UpdateWay &asked)
         : way(asked), destination(volume + "/" + base()), backups(volume + "/" + base() + ".kept") {
         for (const char *name : {"", "/@eaDir", "/in", "/new"}) {
             EXPECT_EQ(0, ::mkdir((source + name).c_str(), 0755));
@@ -158,7 +158,7 @@ struct Scene {
 
     kit::ScratchDirectory scratch;
     const std::string source = scratch / "source", reference = scratch / "reference";
-    const Way way;
+    const UpdateWay way;
     const std::string destination, backups;
 };
 
@@ -166,14 +166,14 @@ bool has_note(const std::string &directory) {
     return std::ranges::any_of(kit::namesIn(directory), is_private_name);
 }
 
-class UpdateSweep : public sweep::Sweep<::testing::TestWithParam<Way>> {};
+class UpdateSweep : public sweep::Sweep<::testing::TestWithParam<UpdateWay>> {};
 INSTANTIATE_TEST_SUITE_P(Ways, UpdateSweep,
-                         ::testing::Values(Way{"Copy"}, Way{"Move", Operation::move},
-                                           Way{"NamesCopied", Operation::copy, true},
-                                           Way{"NamesMoved", Operation::move, true},
-                                           Way{"CopyThatKeeps", Operation::copy, false, true},
-                                           Way{"MoveThatKeeps", Operation::move, false, true},
-                                           Way{"NamesCopiedThatKeep", Operation::copy, true, true}),
+                         ::testing::Values(UpdateWay{"Copy"}, UpdateWay{"Move", Operation::move},
+                                           UpdateWay{"NamesCopied", Operation::copy, true},
+                                           UpdateWay{"NamesMoved", Operation::move, true},
+                                           UpdateWay{"CopyThatKeeps", Operation::copy, false, true},
+                                           UpdateWay{"MoveThatKeeps", Operation::move, false, true},
+                                           UpdateWay{"NamesCopiedThatKeep", Operation::copy, true, true}),
                          [](const auto &each) { return std::string(each.param.name); });
 
 // A sample, and whatever follows a step that removes or renames something: there a file and what is kept for it are
@@ -197,13 +197,13 @@ std::vector<size_t> points_of(const std::vector<faults::SystemCall> &calls) {
 TEST_P(UpdateSweep, KilledAnywhereTheSameOnceMoreFinishesIt) {
     KIT_NOT_SANITIZED();
     KIT_REQUIRE(volume, kit::Volume::tmpfs(64 << 20));
-    const Scene whole(volume.path(), GetParam());
+    const UpdateScene whole(volume.path(), GetParam());
     const auto calls = watched({}, [&] { return whole.run().empty() ? 0 : 1; }).calls;
     ASSERT_LT(200U, calls.size());
     ASSERT_EQ("", whole.difference());
     const bool move = GetParam().operation == Operation::move;
     for (const size_t at : points_of(calls)) {
-        const Scene scene(volume.path(), GetParam());
+        const UpdateScene scene(volume.path(), GetParam());
         if (!killed(at, calls, [&] { (void)scene.run(); })) {
             break;
         }
@@ -247,7 +247,7 @@ TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
             const std::string own = to + "/@eaDir/in/own", index = to + "/@eaDir/in/index";
             return std::string(kit::exists(own) && kit::readFile(own) == "own" ? "" : "its own is gone\n") +
                    (kit::exists(index) && kit::readFile(index) == "new" ? "" : "the new one is not there\n") +
-                   Scene::left_in(to);
+                   UpdateScene::left_in(to);
         }
         kit::ScratchDirectory scratch;
         const std::string from = scratch / "from", to;
@@ -278,7 +278,7 @@ TEST_P(UpdateSweep, KilledAnywhereAMergedDirectoryKeepsWhatOnlyItHas) {
         if (!supervised(scene, faults::planAt(faults::Plan::Action::kill, calls, at)).reached) {
             break;
         }
-        aside += Scene::left_in(scene.to).find(".vexofileop-kept-") == std::string::npos ? 0 : 1;
+        aside += UpdateScene::left_in(scene.to).find(".vexofileop-kept-") == std::string::npos ? 0 : 1;
         if (kit::exists(scene.from)) {
             scene.run();
         }
@@ -323,7 +323,7 @@ TEST_P(UpdateSweep, KilledAnywhereADirectoryHasItsDoubleWhole) {
             run(from, to);
         }
         EXPECT_TRUE(is_whole(to)) << at;
-        EXPECT_EQ("", Scene::left_in(to)) << at;
+        EXPECT_EQ("", UpdateScene::left_in(to)) << at;
         if (HasFailure()) {
             break;
         }

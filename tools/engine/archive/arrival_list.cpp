@@ -20,7 +20,7 @@ constexpr size_t kHeldText = 1 << 16; // bytes of text in memory
 constexpr int kMostOfASecond = 999;
 
 // In UTC. FAT takes no colon in a name.
-std::string time_text(std::time_t now, char between) {
+std::string arrival_time(std::time_t now, char between) {
     std::tm parts{};
     ::gmtime_r(&now, &parts);
     return fmt::format("{:04}-{:02}-{:02}T{:02}{}{:02}{}{:02}Z", parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday,
@@ -36,7 +36,7 @@ std::string list_name(const std::string &base, int number) {
 
 ArrivalList::ArrivalList(const std::string &source, const std::string &destination, std::time_t now,
                          std::string_view kind)
-    : m_directory(parent_of(destination)), m_base(base_name(destination) + '.' + time_text(now, '-')) {
+    : m_directory(parent_of(destination)), m_base(base_name(destination) + '.' + arrival_time(now, '-')) {
     if (!m_directory.is_open()) {
         throw_errno("the directory cannot be opened");
     }
@@ -45,7 +45,7 @@ ArrivalList::ArrivalList(const std::string &source, const std::string &destinati
     }
     m_file = unnamed_file(m_directory, m_made);
     m_text = fmt::format("# backup of {} to {}, {}, {}\n", displayed(source), displayed(destination),
-                         time_text(now, ':'), kind);
+                         arrival_time(now, ':'), kind);
 }
 
 ArrivalList::~ArrivalList() {

@@ -17,8 +17,8 @@ struct CompareOptions {
     bool begun = false; // some of `a` was removed already: times of directories in "@eaDir" say nothing
     bool rest = false;  // of what `a` keeps only some may be left: what only `b` keeps is no difference
     bool costs = false; // what only takes more room: holes that were filled, links that became files
-    // A symbolic link is not read where that would change its access time: one of the same length is taken for the
-    // same.
+    // No access time of a symbolic link changes. Where that takes a private mount that this user may not make, one of
+    // the same length is taken for the same.
     bool traceless = false;
     bool kept = true; // what lies in "@eaDir" for the entry and is no part of a store
     // The source as it was before its times were touched: those of its status count then. Null: as it is.

@@ -3,6 +3,7 @@
 #include "tools/engine/compare/findings.h"
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
@@ -17,8 +18,6 @@
 
 namespace engine {
 namespace {
-
-constexpr char kStore[] = "@eaDir";
 
 std::optional<struct stat> look_at(int directory, const std::string &name) {
     struct stat found {};
@@ -100,8 +99,8 @@ class KeptComparison {
 KeptPlace kept_place(const Side &entry, Kept what) {
     const bool own = what == Kept::own;
     constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    KeptPlace place{.parent = Descriptor(::openat(entry.directory, own ? kStore : entry.name.c_str(), flags)),
-                    .name = own ? entry.name : kStore};
+    KeptPlace place{.parent = Descriptor(::openat(entry.directory, own ? kStoreName : entry.name.c_str(), flags)),
+                    .name = own ? entry.name : kStoreName};
     if (place.parent.get() < 0) {
         if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
             throw_errno("cannot be read");
@@ -111,7 +110,7 @@ KeptPlace kept_place(const Side &entry, Kept what) {
     const auto found = look_at(place.parent.get(), place.name);
     place.there = found && S_ISDIR(found->st_mode);
     if (place.there && !own) {
-        const Descriptor store = open_directory(place.parent.get(), kStore);
+        const Descriptor store = open_directory(place.parent.get(), kStoreName);
         place.there =
             std::ranges::all_of(sorted_names(store.get()), [](const std::string &name) { return name == ".cover"; });
     }
@@ -171,7 +170,7 @@ void compare_empty_stores(const EntryView &one, const EntryView &other, Findings
         if (first && (theirs.there || !second || !S_ISDIR(second->st_mode))) {
             KeptComparison comparison(one.volume(), other.volume(), findings);
             comparison.entry(*first, comparison.first(mine.parent.get(), mine.name), second,
-                             comparison.second(theirs.parent.get(), theirs.name), kStore);
+                             comparison.second(theirs.parent.get(), theirs.name), kStoreName);
         }
     });
 }

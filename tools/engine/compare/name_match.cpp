@@ -2,6 +2,7 @@
 
 #include "tools/engine/volume/fat_name.h"
 #include "tools/engine/volume/volume_traits.h"
+#include "tools/engine/walk/letter_case.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -53,6 +54,7 @@ NameMatch::Found NameMatch::find(const std::string &name) {
         found.there = ::fstatat(m_directory, found.name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0;
         found.tooLong = !found.there && errno == ENAMETOOLONG;
         if (!found.there) {
+            found.clash = found.tooLong ? std::nullopt : unseen_taker(found.name);
             return found;
         }
         found.name = listed_name(found.name);
@@ -62,6 +64,20 @@ NameMatch::Found NameMatch::find(const std::string &name) {
         found.clash = taken->second;
     }
     return found;
+}
+
+// Drivers of FAT that know no letter cases make no second entry of one short name all the same.
+std::optional<std::string> NameMatch::unseen_taker(const std::string &name) {
+    if (!volume_traits(m_type).fatNames) {
+        return std::nullopt;
+    }
+    if (m_takers.empty()) {
+        for (const auto &[listed, taker] : m_takenBy) {
+            m_takers.emplace(folded(listed), taker);
+        }
+    }
+    const auto taker = m_takers.find(folded(name));
+    return taker == m_takers.end() ? std::nullopt : std::optional(taker->second);
 }
 
 // The listed name of the entry that the volume finds as `wanted`. Of several names of one file the nearest.

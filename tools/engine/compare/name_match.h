@@ -33,9 +33,10 @@ class NameMatch {
         const auto taken = m_takenBy.find(name);
         return taken != m_takenBy.end() && taken->second == name;
     }
-    void forget() { m_wanted.clear(), m_listed.clear(), m_takenBy.clear(); }
+    void forget() { m_wanted.clear(), m_listed.clear(), m_takenBy.clear(), m_takers.clear(); }
 
   private:
+    std::optional<std::string> unseen_taker(const std::string &name);
     std::string listed_name(const std::string &wanted) const;
     const std::string &asked(const std::string &name) const {
         const auto found = m_wanted.find(name);
@@ -47,6 +48,7 @@ class NameMatch {
     Wanted m_wanted;
     std::vector<std::string> m_listed; // sorted
     std::unordered_map<std::string, std::string> m_takenBy;
+    std::unordered_map<std::string, std::string> m_takers; // by the names of those in one letter case
 };
 
 // What a volume of that type makes of a name.

@@ -1,6 +1,7 @@
 #include "tools/engine/compare/plain_stores.h"
 
 #include "tools/engine/store/apple_double.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/directory.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@
 namespace engine {
 namespace {
 
-constexpr char kStoreName[] = "@eaDir", kStream[] = "@VexoEAStream", kResource[] = "@VexoResource";
+constexpr char kBesideStream[] = "@VexoEAStream", kBesideResource[] = "@VexoResource";
 constexpr size_t kMostInStore = size_t{64} << 10; // bytes of a file of a store
 constexpr size_t kMostOfStore = 100'000;          // entries of one, so that it takes no memory
 constexpr size_t kMostInName = 128;               // no volume of the kernel's own shortens that for a companion
@@ -115,7 +116,7 @@ bool PlainStores::are_same(const std::string &name) const {
         return true;
     }
     return name.size() <= kMostInName && !m_source.types.contains(name) && !m_copy.types.contains(name) &&
-           is_same(name + kStream, true) && is_same(name + kResource, false);
+           is_same(name + kBesideStream, true) && is_same(name + kBesideResource, false);
 }
 
 } // namespace engine

@@ -42,7 +42,7 @@ bool within(const timespec &one, const timespec &other, int64_t grain) {
            std::abs(seconds * kSecond + (one.tv_nsec - other.tv_nsec)) < grain;
 }
 
-std::string time_text(const timespec &time) {
+std::string exact_time(const timespec &time) {
     std::tm parts{};
     char text[32] = "";
     if (::gmtime_r(&time.tv_sec, &parts) == nullptr || std::strftime(text, sizeof text, "%F %T", &parts) == 0) {
@@ -102,17 +102,17 @@ void compare_times(const EntryView &one, const EntryView &other, Findings &findi
     const int64_t grain = std::max(grain_of(one), grain_of(other));
     if (!within(first.st_mtim, second.st_mtim, grain)) {
         findings.add(LossClass::modification_time, fmt::format("modification time differs: {} and {}",
-                                                               time_text(first.st_mtim), time_text(second.st_mtim)));
+                                                               exact_time(first.st_mtim), exact_time(second.st_mtim)));
     } else if (!keeps_time(other.volume(), first.st_mtim)) {
         findings.add(LossClass::modification_time,
                      fmt::format("modification time {}: the volume keeps none before 1980 and none after 2107",
-                                 time_text(first.st_mtim)));
+                                 exact_time(first.st_mtim)));
     }
     const bool keeps = S_ISREG(first.st_mode) || S_ISDIR(first.st_mode);
     const timespec created = one.status().createTime, there = kept_creation(other);
     if (keeps && !within(created, there, std::max(grain, kCreationUnit)) && !is_guess(one)) {
         findings.add(LossClass::creation_time,
-                     fmt::format("creation time differs: {} and {}", time_text(created), time_text(there)));
+                     fmt::format("creation time differs: {} and {}", exact_time(created), exact_time(there)));
     }
 }
 

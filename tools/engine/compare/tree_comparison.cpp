@@ -38,7 +38,7 @@
 namespace engine {
 namespace {
 
-Inode inode_of(const struct stat &found) {
+Inode inode(const struct stat &found) {
     return {found.st_dev, found.st_ino};
 }
 
@@ -63,7 +63,7 @@ struct End {
         if (fd() < 0) {
             struct stat found {};
             Descriptor above = open_directory(child.fd(), "..");
-            if (above.get() < 0 || ::fstat(above.get(), &found) != 0 || inode_of(found) != inode_of(status)) {
+            if (above.get() < 0 || ::fstat(above.get(), &found) != 0 || inode(found) != inode(status)) {
                 return false;
             }
             directory = std::move(above);
@@ -279,7 +279,7 @@ class TreeComparison {
         const auto look = [&](const struct stat &first, const struct stat &second) {
             mode = first.st_mode;
             bytes = S_ISREG(mode) ? first.st_size : 0;
-            same = inode_of(first) == inode_of(second);
+            same = inode(first) == inode(second);
             directories = !same && S_ISDIR(mode) && S_ISDIR(second.st_mode);
             options.data = options.data && !same && !is_known_link(path, first, otherPath, second);
             return !same;
@@ -312,8 +312,8 @@ class TreeComparison {
         if (first.st_nlink < 2 || !S_ISREG(first.st_mode) || !S_ISREG(second.st_mode)) {
             return false;
         }
-        const LinkedName name{inode_of(first), inode_of(second), first.st_nlink, second.st_nlink, path,
-                              otherPath,       first.st_size};
+        const LinkedName name{inode(first), inode(second), first.st_nlink, second.st_nlink,
+                              path,         otherPath,     first.st_size};
         LinkedNames &names = m_options.names == nullptr ? m_links : *m_options.names;
         return m_crew == nullptr ? names.meet(name, tell_apart()) : ask_for_links(*m_crew, name);
     }
@@ -451,8 +451,11 @@ class TreeComparison {
             }, other{};
             (void)::fstatat(level.one.fd(), item.name.c_str(), &one, AT_SYMLINK_NOFOLLOW);
             (void)::fstatat(level.other.fd(), found.name.c_str(), &other, AT_SYMLINK_NOFOLLOW);
-            lose(path, otherPath, class_of_clash(one.st_mode, other.st_mode),
-                 fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash))));
+            const LossClass cls = class_of_clash(one.st_mode, other.st_mode);
+            const bool held = cls != LossClass::symbolic_link || volume_traits(level.other.facts.type).links;
+            lose(path, otherPath, cls,
+                 held ? fmt::format("{} has become the same entry", displayed(joined(level.one.path, *found.clash)))
+                      : kLinkNotHeld);
             m_observer.compared(path, kind_of_item(item), 0);
             return;
         }

@@ -43,7 +43,7 @@
 namespace engine {
 namespace {
 
-constexpr int kMostHeld = 6;
+constexpr int kMostHeldOpen = 6;
 
 Problem just_written(const char *what) {
     return {fmt::format("the destination was just written by this command; not {}", what), kExists};
@@ -225,7 +225,7 @@ Destination &Planner::Walk::destination_of(const std::string &path) {
 bool Planner::Walk::may_make_in(const Destination &to, PlannedEntry &planned, int &number) {
     if (to.is_there() && ::faccessat(to.there.fd(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
         number = errno;
-        return fail(planned, number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+        return fail(planned, problem_of_errno(number));
     }
     number = 0;
     return true;
@@ -537,7 +537,7 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (!opened.there && m_selection.takes_everything() && !maybeNames &&
         is_renamed(source, from.device(), from.type(), to)) {
         if (const int number = refusal_to_move(source, opened, to); number != 0) {
-            return fail(std::move(planned), number == EROFS ? problem_of(kReadOnly) : problem_of_errno(number));
+            return fail(std::move(planned), problem_of_errno(number));
         }
         planned.deed = Deed::rename;
         return tell(std::move(planned));
@@ -545,14 +545,14 @@ bool Planner::Walk::tree(const Source &source, Destination &to, std::string name
     if (!merge_directory(source, to, opened)) {
         return false;
     }
-    if (++m_depth > kMostHeld) {
+    if (++m_depth > kMostHeldOpen) {
         source.in.let_go();
         to.there.let_go();
     }
     std::vector<Loss> strangers;
     const size_t leftOut = m_selection.left_out();
     const bool complete = entries(from, inner, strangers) && leftOut == m_selection.left_out();
-    if (m_depth-- > kMostHeld &&
+    if (m_depth-- > kMostHeldOpen &&
         (!source.in.hold_again(from) || (inner.is_there() && !to.there.hold_again(inner.there)))) {
         return fail(std::move(planned), {"a directory was moved away meanwhile; not finished"});
     }
@@ -656,9 +656,10 @@ bool Planner::Walk::resolve(const Source &source, const struct stat &entry, cons
     if (written && known->second != source.name) {
         auto of_first = m_transfer.links ? source.in.look(known->second) : source.in.look_through(known->second);
         of_first = of_first ? of_first : std::optional(content);
+        const LossClass cls = class_of_clash((asItIs ? entry : content).st_mode, (there ? there : of_first)->st_mode);
+        const bool held = cls != LossClass::symbolic_link || volume_traits(rehearsal.volume().type).links;
         return fail(planned, {"another name of the source has become the same one; not replaced", kExists},
-                    {{class_of_clash((asItIs ? entry : content).st_mode, (there ? there : of_first)->st_mode),
-                      "another name of the source has become the same one"}});
+                    {{cls, held ? "another name of the source has become the same one" : kLinkNotHeld}});
     }
     if (conflict == Conflict::skip) {
         planned.deed = Deed::skip;

@@ -143,6 +143,11 @@ void Rehearsal::find_out() {
     m_largestTaken = m_keepsHoles ? far : 0;
     find_out_links();
     m_folds = ::faccessat(place, "aA", F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!m_folds && !takes_every_name(m_volume.magic)) {
+        const Descriptor twin(::openat(place, "aA", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        m_foldsUnseen = twin.get() < 0 && errno == EEXIST;
+        (void)::unlinkat(place, "aA", 0);
+    }
     constexpr timespec past{1'000'000'000, 123'456'700};
     const timespec all[] = {past, past, past};
     VLIBCStat kept{};
@@ -531,7 +536,11 @@ std::optional<Loss> Rehearsal::refusal_of(const std::string &name, mode_t type) 
     }
     (void)::mkdirat(m_place->fd(), kNames, 0700);
     const Descriptor names = open_directory(m_place->fd(), kNames);
-    return refusal_in_private(names.get(), name, type);
+    auto refusal = refusal_in_private(names.get(), name, type);
+    if (refusal && S_ISLNK(type) && !volume_traits(m_volume.type).links) {
+        refusal->detail = kLinkNotHeld; // by whichever name
+    }
+    return refusal;
 }
 
 void Rehearsal::add_kept_name(const std::string &name, std::vector<Loss> &losses) const {
@@ -552,10 +561,23 @@ const std::string &Rehearsal::listed(const std::string &name) {
     return kept ? m_listed.emplace(name, std::move(*kept)).first->second : name;
 }
 
+// A driver of FAT that knows no letter cases makes no second entry of one short name all the same.
+const std::string &Rehearsal::key_unseen(const std::string &name) {
+    if (const auto known = m_keys.find(name); known != m_keys.end()) {
+        return known->second;
+    }
+    (void)::mkdirat(m_place->fd(), kNames, 0700);
+    const Descriptor names = open_directory(m_place->fd(), kNames);
+    const Descriptor made(::openat(names.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const bool taken = made.get() < 0 && errno == EEXIST;
+    const std::string &first = m_firstOf.try_emplace(folded(name), name).first->second;
+    return m_keys.emplace(name, taken ? first : name).first->second;
+}
+
 std::string Rehearsal::key_of(const std::string &wanted) {
     const std::string &name = listed(wanted);
     if (!m_folds) {
-        return name;
+        return m_foldsUnseen ? key_unseen(name) : name;
     }
     struct stat found {};
     const std::string folds = folded(name);

@@ -84,6 +84,7 @@ class Rehearsal {
                         std::vector<Loss> &losses);
     void find_out();
     void find_out_links();
+    const std::string &key_unseen(const std::string &name);
     void clear() const;
 
     int m_directory;
@@ -93,10 +94,12 @@ class Rehearsal {
     std::unique_ptr<ScratchPlace> m_place;
     bool m_keepsHoles = true, m_keepsHardLinks = true, m_keepsTimes = false, m_setsCreation = false, m_folds = false;
     size_t m_longestName = 255;
-    off_t m_largestTaken = 0;                    // bytes of the largest file that the volume is known to take
-    std::map<std::string, std::string> m_keys;   // of names in one letter case
-    std::map<std::string, std::string> m_listed; // what the volume calls those that it may call something else
-    std::map<ino_t, std::string> m_inodes;       // what was first made as each
+    off_t m_largestTaken = 0;   // bytes of the largest file that the volume is known to take
+    bool m_foldsUnseen = false; // a name that cannot be looked up in another letter case cannot be made in it either
+    std::map<std::string, std::string> m_firstOf; // names that were made, by them in one letter case
+    std::map<std::string, std::string> m_keys;    // of names in one letter case
+    std::map<std::string, std::string> m_listed;  // what the volume calls those that it may call something else
+    std::map<ino_t, std::string> m_inodes;        // what was first made as each
     struct Known {
         std::vector<Loss> losses;
         int64_t taken;

@@ -23,7 +23,7 @@ namespace engine {
 namespace {
 
 constexpr int64_t kQuotaBlock = 1024;
-constexpr uint32_t kXfs = 0x58465342;
+constexpr uint32_t kXfsMagic = 0x58465342;
 
 int64_t times(uint64_t number, uint64_t unit) {
     uint64_t product = 0;
@@ -123,7 +123,7 @@ uint32_t heir_project(int directory) {
 // Root is bound by nobody's quota but, on XFS, by that of a project, where what is more is told as a full volume.
 std::vector<Quota> quotas_in(int directory) {
     std::vector<Quota> quotas;
-    const bool root = ::geteuid() == 0, xfs = magic_of(directory) == kXfs;
+    const bool root = ::geteuid() == 0, xfs = magic_of(directory) == kXfsMagic;
     const Descriptor opened(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat found {};
     if (opened.get() < 0 || ::fstat(opened.get(), &found) != 0) {

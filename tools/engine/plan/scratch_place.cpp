@@ -22,9 +22,15 @@ std::unique_ptr<ScratchPlace> ScratchPlace::in(int directory) {
     if (::futimens(above.get(), times) != 0) {
         return nullptr;
     }
+    // Who was killed could not remove it.
+    for (const std::string &left : left_overs_in(above.get()).gone) {
+        if (is_trial_left_over(above.get(), left)) {
+            (void)remove_left_over(above.get(), left);
+        }
+    }
     constexpr int most = 100;
     for (int i = 0; i < most; ++i) {
-        const std::string name = next_private_name();
+        const std::string name = next_private_name() + std::string(kTrialSuffix);
         if (::mkdirat(above.get(), name.c_str(), 0700) == 0) {
             std::unique_ptr<ScratchPlace> made(new ScratchPlace(std::move(above), before, name));
             return made->fd() < 0 ? nullptr : std::move(made);

@@ -1,5 +1,5 @@
 // A private directory in one that is only to be asked what its volume takes. It is gone again at the end, and the
-// directory has the times that it had before.
+// directory has the times that it had before. One of a plan that was killed goes with the next one that is made there.
 #pragma once
 
 #include "tools/engine/walk/descriptor.h"

@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kName[] = "note", kNewName[] = "note.new";
 constexpr std::string_view kTitle = "vexofileop relocation 1\n";
-constexpr size_t kMost = 65536; // of a note: two paths, escaped, and some numbers
+constexpr size_t kMostBytes = 65536; // of a note: two paths, escaped, and some numbers
 constexpr std::array kPhases = {"staging", "staged", "placed", "removing"};
 
 std::string this_boot() {
@@ -128,7 +128,7 @@ std::optional<Note> read_note(int directory) {
     }
     std::string text;
     char part[4096];
-    for (ssize_t got = 1; got != 0 && text.size() < kMost;) {
+    for (ssize_t got = 1; got != 0 && text.size() < kMostBytes;) {
         got = ::read(file.get(), part, sizeof part);
         if (got < 0 && errno != EINTR) {
             throw_errno("the note cannot be read");

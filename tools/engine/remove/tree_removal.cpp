@@ -24,11 +24,15 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
 
 constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
+constexpr size_t kMostKeptListed = 50'000;       // entries of a directory whose stores are listed
+constexpr size_t kMostUncut = 100;
+constexpr size_t kFewEntries = 1'000;            // of a directory: not worth another process
 constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
 constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
 // How a job tells what is to be removed.
@@ -46,7 +50,7 @@ std::string stream_name(const std::string &path, const char *stream) {
     return VEXOEAPathNoADFS(1, path.c_str(), stream, place, sizeof place) == 0 ? base_name(place) : std::string();
 }
 
-bool is_directory(const Entry &entry) {
+bool is_directory_entry(const Entry &entry) {
     return entry.type == DT_DIR;
 }
 
@@ -56,10 +60,10 @@ mode_t mode_of(const Entry &entry) {
 
 // The entries of a directory that was just opened for reading, which is at its end then. Fewer calls than entries_in()
 // takes, which leaves the time of the last access alone: of what goes nobody will see that.
-std::optional<std::vector<Entry>> entries_from(int directory) {
+std::optional<EntryBlock> entries_from(int directory) {
     constexpr size_t room = 32 * 1024;
     alignas(dirent64) std::array<char, room> listed;
-    std::vector<Entry> entries;
+    EntryBlock entries;
     ssize_t got = 0;
     while ((got = ::getdents64(directory, listed.data(), listed.size())) > 0) {
         for (size_t at = 0; at < static_cast<size_t>(got);) {
@@ -67,10 +71,10 @@ std::optional<std::vector<Entry>> entries_from(int directory) {
             const std::string_view name = entry->d_name;
             at += entry->d_reclen;
             if (entry->d_type == DT_UNKNOWN) { // a volume that does not tell it along with the name
-                return entries_in(directory);
+                return entry_block_in(directory);
             }
             if (name != "." && name != "..") {
-                entries.push_back({std::string(name), entry->d_type});
+                entries.add(entry->d_name, entry->d_type);
             }
         }
     }
@@ -83,11 +87,10 @@ void clear_stores(const DirectoryChain &way) {
 }
 
 // Whether anything may be kept beside the entries of a directory.
-bool may_keep(const std::vector<Entry> &entries, int type) {
+bool may_keep(const EntryBlock &entries, int type) {
     const bool doubles = store_kind(type) == StoreKind::apple_double;
-    return std::ranges::any_of(entries, [doubles](const Entry &entry) {
-        return is_store_name(entry.name) || (doubles && entry.name.starts_with("._"));
-    });
+    return entries.any_of(
+        [doubles](const std::string &name) { return is_store_name(name) || (doubles && name.starts_with("._")); });
 }
 
 // Whether an entry, or the open directory itself where the name is empty, has the flag "immutable" or "append only",
@@ -159,40 +162,49 @@ void TreeRemoval::run(const HeldDirectory &directory, const std::string &name) {
 }
 
 void TreeRemoval::remove_entry(const std::string &name, mode_t mode) {
-    m_levels.front().list({{name, static_cast<unsigned char>(IFTODT(mode))}});
+    EntryBlock only;
+    only.add(name.c_str(), static_cast<unsigned char>(IFTODT(mode)));
+    m_levels.front().list(std::move(only));
     walk();
 }
 
-void TreeRemoval::Level::list(std::vector<Entry> listed) {
+void TreeRemoval::Level::list(EntryBlock listed) {
     entries = std::move(listed);
     next = 0;
-    directories = static_cast<size_t>(std::ranges::count_if(entries, is_directory));
+    directories = 0;
+    for (size_t at = 0; at < entries.size(); ++at) {
+        directories += entries.type(at) == DT_DIR ? size_t{1} : size_t{0};
+    }
 }
 
 // ---- Several processes ----
 
-// Directories alone: the entries of one are removed one after the other, whoever does it.
+// Directories, or what else is left of a large one where nothing is kept beside its entries.
 void TreeRemoval::share() {
     // The highest one first, since most is below it. Of a deep way the lowest ones and the first are open.
     for (size_t at = 0; at < m_levels.size(); at = at == 0 ? std::max<size_t>(1, m_way.first_held()) : at + 1) {
         const bool mayGive = m_levels[at].directories > (at + 1 < m_levels.size() ? 0 : 1);
-        if (mayGive && !m_levels[at].entries_belong() && m_way.fd(at) >= 0 && give_half(at)) {
+        const bool mayGiveAll = m_levels[at].entries.size() - m_levels[at].next > kFewEntries &&
+                                !m_levels[at].hasStores && !m_options.kept && !m_options.rehearsal && (at > 0 || m_job);
+        if ((mayGive || mayGiveAll) && !m_levels[at].entries_belong() && m_way.fd(at) >= 0 && give_half(at, !mayGive)) {
             return;
         }
     }
 }
 
 // The last ones of a directory, since they are the next to last to be removed.
-bool TreeRemoval::give_half(size_t at) {
+bool TreeRemoval::give_half(size_t at, bool all) {
     Level &level = m_levels[at];
-    const size_t most = (level.directories + (at + 1 < m_levels.size() ? 1 : 0)) / 2;
+    const size_t most =
+        all ? (level.entries.size() - level.next) / 2 : (level.directories + (at + 1 < m_levels.size() ? 1 : 0)) / 2;
     const size_t mostBytes = Channel::kMostBytes / 2;
     RecordWriter names;
-    size_t given = 0, last = level.entries.size();
+    size_t given = 0, directories = 0, last = level.entries.size();
     for (; given < most && last > level.next && names.bytes().size() < mostBytes; --last) {
-        if (const Entry &entry = level.entries[last - 1]; is_directory(entry)) {
-            names.text(entry.name);
+        if (const Entry entry = level.entries[last - 1]; all || is_directory_entry(entry)) {
+            names.number(entry.type).text(entry.name);
             ++given;
+            directories += is_directory_entry(entry) ? size_t{1} : size_t{0};
         }
     }
     RecordWriter job;
@@ -205,9 +217,8 @@ bool TreeRemoval::give_half(size_t at) {
         level.directories = 0; // not to be tried again
         return false;
     }
-    const auto from = level.entries.begin() + static_cast<std::ptrdiff_t>(last);
-    level.entries.erase(std::remove_if(from, level.entries.end(), is_directory), level.entries.end());
-    level.directories -= given;
+    level.entries.erase_if(last, [all](const Entry &entry) { return all || is_directory_entry(entry); });
+    level.directories -= directories;
     return true;
 }
 
@@ -227,9 +238,10 @@ bool TreeRemoval::run(Job job) {
     Level level{.pathLength = m_path.size()};
     level.type = reader.number<int>();
     level.hasStores = reader.number<bool>();
-    std::vector<Entry> entries;
+    EntryBlock entries;
     for (RecordReader names(reader.view()); !names.is_at_end();) {
-        entries.push_back({names.text(), DT_DIR});
+        const auto type = names.number<unsigned char>();
+        entries.add(names.text().c_str(), type);
     }
     level.list(std::move(entries));
     m_job = true;
@@ -252,6 +264,7 @@ std::vector<std::string> TreeRemoval::paths_of(std::string_view job) {
     (void)reader.number<bool>();
     std::vector<std::string> paths;
     for (RecordReader names(reader.view()); !names.is_at_end();) {
+        (void)names.number<unsigned char>();
         paths.push_back(directory + "/" + names.text());
     }
     return paths;
@@ -337,15 +350,15 @@ void TreeRemoval::collect() {
 
 void TreeRemoval::remove_next() {
     Level &level = m_levels.back();
-    const Entry entry = std::move(level.entries[level.next++]);
+    const Entry entry = level.entries[level.next++];
     m_path.resize(level.pathLength);
     m_path += '/';
     m_path += entry.name;
-    if (is_directory(entry) && level.directories > 0) {
+    if (is_directory_entry(entry) && level.directories > 0) {
         --level.directories;
     }
     if (!level.entries_belong()) {
-        begin(is_directory(entry) ? m_path + '/' : m_path);
+        begin(is_directory_entry(entry) ? m_path + '/' : m_path);
     }
     if (!is_asked_for() && !level.entries_belong()) {
         const NameKind kind = name_kind(m_way.path_of("."), entry.name, level.type);
@@ -354,7 +367,7 @@ void TreeRemoval::remove_next() {
             return; // goes with what it belongs to, or has gone with it
         }
     }
-    if (is_directory(entry)) {
+    if (is_directory_entry(entry)) {
         enter(entry);
     } else if (confirmed(mode_of(entry), RemovalQuestion::entry)) {
         unlink(entry);
@@ -384,7 +397,7 @@ void TreeRemoval::enter(const Entry &entry) {
     if (m_options.recursive && !confirmed(S_IFDIR, RemovalQuestion::into_directory)) {
         return;
     }
-    auto entries = m_options.rehearsal ? entries_in(directory.get()) : entries_from(directory.get());
+    auto entries = m_options.rehearsal ? entry_block_in(directory.get()) : entries_from(directory.get());
     if (!entries && errno == ENOENT) {
         return; // removed by somebody else
     }
@@ -393,7 +406,7 @@ void TreeRemoval::enter(const Entry &entry) {
         return;
     }
     if (!m_options.recursive && !belongs &&
-        !std::ranges::all_of(*entries, [](const Entry &inner) { return inner.name == "@eaDir"; })) {
+        entries->any_of([](const std::string &inner) { return inner != "@eaDir"; })) {
         failed(S_IFDIR, {.reason = "is not empty", .needsRecursion = true});
         return;
     }
@@ -492,8 +505,8 @@ TreeRemoval::Finished TreeRemoval::finish() {
 bool TreeRemoval::list_rest(Level &emptied) {
     emptied.restOnly = true;
     emptied.next = 0;
-    emptied.entries = entries_in(m_way.lowest()).value_or(std::vector<Entry>());
-    std::erase_if(emptied.entries, [&](const Entry &entry) {
+    emptied.entries = entry_block_in(m_way.lowest()).value_or(EntryBlock());
+    emptied.entries.erase_if(0, [&](const Entry &entry) {
         return !entry.name.starts_with("._") &&
                name_kind(m_way.path_of("."), entry.name, emptied.type) != NameKind::store;
     });
@@ -503,7 +516,7 @@ bool TreeRemoval::list_rest(Level &emptied) {
 // Of what was moved to its backup nothing is left but an "@eaDir" in which nothing lies, maybe.
 bool TreeRemoval::holds_strangers(Level &emptied) {
     clear_stores(m_way);
-    std::erase_if(emptied.entries, [&](const Entry &entry) { return !exists(m_way.path_of(entry.name)); });
+    emptied.entries.erase_if(0, [&](const Entry &entry) { return !exists(m_way.path_of(entry.name)); });
     return !emptied.entries.empty();
 }
 
@@ -580,6 +593,13 @@ bool TreeRemoval::open_stores() {
     Level &level = m_levels.back();
     if (level.stores.get() < 0) {
         level.stores = Descriptor(::openat(m_way.lowest(), "@eaDir", O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        // What comes later goes with the directory.
+        if (level.stores.get() >= 0 && !is_asked_for() && !std::exchange(level.keptAsked, true) &&
+            level.entries.size() <= kMostKeptListed) {
+            if (const auto names = names_in(level.stores.get()); names && names->size() <= 2 * kMostKeptListed) {
+                level.kept.emplace(names->begin(), names->end());
+            }
+        }
     }
     return level.stores.get() >= 0;
 }
@@ -604,7 +624,10 @@ std::optional<Problem> TreeRemoval::remove_store(const std::string &name) {
     if (!open_stores() && errno == ENOENT) {
         return std::nullopt;
     }
-    bool complete = kind == StoreKind::apple_double || remove_streams(path);
+    bool complete = kind == StoreKind::apple_double || remove_streams(name);
+    if (level.kept && !level.kept->contains(name)) {
+        return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
+    }
     // Of most there is none. One that holds anything, and whatever else stands there, is the library's, to which one
     // that somebody else removes at the same time is a failure.
     const int stores = level.stores.get();
@@ -618,10 +641,17 @@ std::optional<Problem> TreeRemoval::remove_store(const std::string &name) {
     return complete ? std::nullopt : std::optional(Problem{incomplete, VLIBCErrGet()});
 }
 
-bool TreeRemoval::remove_streams(const std::string &path) {
+// No volume cuts a name as short as those that are looked for in the list.
+bool TreeRemoval::remove_streams(const std::string &entry) {
     const Level &level = m_levels.back();
+    const std::string path = m_way.path_of(entry);
     for (const char *stream : kStreams) {
-        const std::string name = level.stores.get() < 0 ? std::string() : stream_name(path, stream);
+        std::string name = fmt::format("{}@{}", entry, stream);
+        const bool listed = level.kept && name.size() <= kMostUncut;
+        if (listed && !level.kept->contains(name)) {
+            continue;
+        }
+        name = level.stores.get() < 0 ? std::string() : listed ? name : stream_name(path, stream);
         if (name.empty() || (::unlinkat(level.stores.get(), name.c_str(), 0) != 0 && errno != ENOENT)) {
             return EARemove(kOfTheStreams, path.c_str()) == 0; // which tells why
         }

@@ -11,12 +11,14 @@
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/directory_chain.h"
+#include "tools/engine/walk/name_block.h"
 #include "tools/engine/workers/crew.h"
 
 #include <optional>
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -66,21 +68,23 @@ class TreeRemoval {
   private:
     // A directory that is being emptied. The first one holds what was asked for, and stays.
     struct Level {
-        std::string name = {};              // in the one above
-        Descriptor stores = Descriptor(-1); // its "@eaDir", once that was needed
-        size_t pathLength = 0;              // of m_path, without the names below it
-        int type = -1;                      // of its volume
-        bool belongs = false;               // to another entry: neither asked about nor counted
-        bool hasStores = true;              // something may be kept beside its entries
-        bool restOnly = false;              // its own entries are gone
+        std::string name = {};                                    // in the one above
+        Descriptor stores = Descriptor(-1);                       // its "@eaDir", once that was needed
+        std::optional<std::unordered_set<std::string>> kept = {}; // what lies in that, where it is worth a list
+        bool keptAsked = false;
+        size_t pathLength = 0; // of m_path, without the names below it
+        int type = -1;         // of its volume
+        bool belongs = false;  // to another entry: neither asked about nor counted
+        bool hasStores = true; // something may be kept beside its entries
+        bool restOnly = false; // its own entries are gone
         bool complete = true;
-        std::vector<Entry> entries = {};
+        EntryBlock entries = {};
         size_t next = 0;
         size_t directories = 0; // among those that are left, as they were listed
         int closed = -1;        // of a rehearsal: the errno that nothing may be taken out of it for, 0; not asked yet
         Crew::Group given = 0;  // directories that others remove
 
-        void list(std::vector<Entry> listed);
+        void list(EntryBlock listed);
         bool entries_belong() const { return belongs || restOnly; }
     };
 
@@ -93,7 +97,7 @@ class TreeRemoval {
     void begin(const std::string &path);
     void share();
     void collect();
-    bool give_half(size_t at);
+    bool give_half(size_t at, bool all);
     void remove_next();
     void enter(const Entry &entry);
     bool remove_unread(const Entry &entry);
@@ -107,7 +111,7 @@ class TreeRemoval {
     void gone(const std::string &name, mode_t mode);
     std::optional<Problem> remove_store(const std::string &name);
     bool open_stores();
-    bool remove_streams(const std::string &path);
+    bool remove_streams(const std::string &name);
     void remove_unfinished(const std::string &name);
     bool has_rest(const std::string &name) const;
     void remove_rest(const std::string &name);

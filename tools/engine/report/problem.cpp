@@ -18,7 +18,7 @@ struct ErrnoCode {
     uint32_t code;
 };
 constexpr ErrnoCode kErrnoCodes[] = {
-    {ENOENT, kMissing}, {ENOTDIR, kMissing},    {EACCES, 0x0300},   {EPERM, 0x0300},  {EROFS, 0x0300},
+    {ENOENT, kMissing}, {ENOTDIR, kMissing},    {EACCES, 0x0300},   {EPERM, 0x0300},  {EROFS, kReadOnly},
     {EISDIR, 0xA200},   {ENAMETOOLONG, 0xC300}, {ENOSPC, kNoSpace}, {EDQUOT, 0x2400}, {EIO, 0x6C00},
     {ENXIO, 0x6C00},    {EHOSTDOWN, 0x1100},    {EEXIST, kExists},
 };

@@ -6,9 +6,11 @@
 #include "tools/engine/walk/paths.h"
 #include "tools/engine/walk/private_name.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -17,6 +19,11 @@ namespace engine {
 namespace {
 
 constexpr size_t kWaiting = 16384; // bytes of each list
+constexpr char kShard[] = "shard-", kDirectories[] = "directories";
+
+bool older(const timespec &one, const timespec &other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
 
 } // namespace
 
@@ -29,9 +36,7 @@ ShardLists::ShardLists(const std::string &directory, int shards) : m_path(absolu
     if (m_directory.get() < 0) {
         throw_errno(displayed(m_path));
     }
-    for (const std::string &name : left_overs_in(m_directory.get()).gone) {
-        (void)remove_left_over(m_directory.get(), name);
-    }
+    clear_stopped();
     const auto names = names_in(m_directory.get());
     if (!names) {
         throw_errno(displayed(m_path));
@@ -42,9 +47,9 @@ ShardLists::ShardLists(const std::string &directory, int shards) : m_path(absolu
     try {
         raise_descriptor_limit();
         for (int number = 1; number <= shards; ++number) {
-            make(fmt::format("shard-{}", number));
+            make(fmt::format("{}{}", kShard, number));
         }
-        make("directories");
+        make(kDirectories);
     } catch (const Failure &) {
         discard();
         throw;
@@ -53,6 +58,34 @@ ShardLists::ShardLists(const std::string &directory, int shards) : m_path(absolu
 
 ShardLists::~ShardLists() {
     discard();
+}
+
+// Of a run that was killed. Some lists may have their names by then, that of the directories has not; and whatever has
+// been written since is not one of them.
+void ShardLists::clear_stopped() const {
+    const int directory = m_directory.get();
+    const std::vector<std::string> gone = left_overs_in(directory).gone;
+    timespec written{};
+    for (const std::string &name : gone) {
+        struct stat found {};
+        if (::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && older(written, found.st_ctim)) {
+            written = found.st_ctim;
+        }
+    }
+    const auto names = gone.empty() ? std::nullopt : names_in(directory);
+    const bool whole = !names || std::ranges::find(*names, kDirectories) != names->end();
+    for (const std::string &name : whole ? std::vector<std::string>() : *names) {
+        struct stat found {};
+        const std::string number = name.starts_with(kShard) ? name.substr(std::string_view(kShard).size()) : "";
+        const bool list = !number.empty() && number.find_first_not_of("0123456789") == std::string::npos;
+        if (list && ::fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(found.st_mode) &&
+            found.st_uid == ::geteuid() && !older(written, found.st_mtim)) {
+            (void)::unlinkat(directory, name.c_str(), 0);
+        }
+    }
+    for (const std::string &name : gone) {
+        (void)remove_left_over(directory, name);
+    }
 }
 
 void ShardLists::make(std::string name) {

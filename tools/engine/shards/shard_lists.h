@@ -32,6 +32,7 @@ class ShardLists {
         std::string name = {}, made = {}; // its own, and the one that it has now
         std::string waiting = {};         // to be written
     };
+    void clear_stopped() const;
     void make(std::string name);
     void append(List &list, std::string_view name) const;
     void write_out(List &list) const;

@@ -2,6 +2,7 @@
 
 #include "ea/ea.h"
 #include "tools/engine/report/failure.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 
@@ -14,16 +15,14 @@
 namespace engine {
 namespace {
 
-constexpr char kStore[] = "@eaDir";
+using TypesOfNames = std::map<std::string, unsigned char>;
 
-using Names = std::map<std::string, unsigned char>;
-
-Names names_of(int directory) {
+TypesOfNames names_of(int directory) {
     const auto entries = entries_in(directory);
     if (!entries) {
         throw_errno("cannot be read");
     }
-    Names names;
+    TypesOfNames names;
     for (const Entry &entry : *entries) {
         names[entry.name] = entry.type;
     }
@@ -45,7 +44,7 @@ class Lister {
             *m_unread = failure.what();
         }
         for (const auto &[name, type] : m_names) {
-            if (name == kStore && m_listing.store != nullptr) {
+            if (name == kStoreName && m_listing.store != nullptr) {
                 continue;
             }
             if (VEXOEAIsHiddenDir(name.c_str()) == 1 || is_companion_of_none(name)) {
@@ -62,12 +61,12 @@ class Lister {
 
   private:
     void open_store() {
-        const auto found = m_names.find(kStore);
+        const auto found = m_names.find(kStoreName);
         if (found == m_names.end() || found->second != DT_DIR) {
             return;
         }
         m_listing.store = std::make_unique<Descriptor>(-1);
-        Descriptor opened = open_directory(m_directory, kStore);
+        Descriptor opened = open_directory(m_directory, kStoreName);
         m_listing.store->swap(opened);
         if (m_listing.store->get() < 0) {
             throw_errno("\"@eaDir\" cannot be opened");
@@ -114,7 +113,7 @@ class Lister {
 
     int m_directory;
     StoreKind m_kind;
-    Names m_names, m_stored;
+    TypesOfNames m_names, m_stored;
     std::string *m_unread;
     Listing m_listing;
 };
@@ -128,7 +127,7 @@ std::string companion_name(int directory, const std::string &name, const char *s
 }
 
 std::string part_text(const Listing::Part &part) {
-    return part.inStore ? std::string(kStore) + "/" + part.name : part.name;
+    return part.inStore ? std::string(kStoreName) + "/" + part.name : part.name;
 }
 
 Listing list_directory(int directory, StoreKind kind, std::string *unread) {

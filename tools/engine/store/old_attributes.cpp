@@ -26,6 +26,16 @@ bool is_of_others(std::string_view name) {
            name.starts_with("VEXO") || name.find(':') != std::string_view::npos;
 }
 
+// One that is not there, or is a link, which is not entered. Throws Failure for one that is there and cannot be opened.
+Descriptor open_if_there(int parent, const std::string &name) {
+    Descriptor directory = open_directory(parent, name);
+    const bool none = parent < 0 || errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    if (directory.get() < 0 && !none) {
+        throw_errno("the directory of its old store cannot be opened");
+    }
+    return directory;
+}
+
 bool is_unchanged(const struct stat &before, const struct stat &now) {
     return before.st_dev == now.st_dev && before.st_ino == now.st_ino && before.st_size == now.st_size &&
            before.st_mtim.tv_sec == now.st_mtim.tv_sec && before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
@@ -41,19 +51,29 @@ struct OldAttributes::Found {
 OldAttributes::OldAttributes(const std::string &path)
     : m_path(path), m_name(base_name(path)), m_stores(-1), m_directory(-1) {
     const Descriptor parent(::open(parent_of(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    Descriptor stores = open_directory(parent.get(), "@eaDir");
-    m_stores.swap(stores);
-    Descriptor directory = open_directory(m_stores.get(), m_name);
-    m_directory.swap(directory);
+    if (parent.get() < 0) {
+        throw_errno("its directory cannot be opened");
+    }
+    m_stores = open_if_there(parent.get(), "@eaDir");
+    m_directory = open_if_there(m_stores.get(), m_name);
     if (m_directory.get() >= 0) {
-        m_names = names_in(fmt::format("/proc/self/fd/{}/.", m_directory.get())).value_or(std::vector<std::string>());
+        auto names = names_in(m_directory.get());
+        if (!names) {
+            throw_errno("the directory of its old store cannot be read");
+        }
+        m_names = std::move(*names);
     }
 }
 
 bool OldAttributes::is_attribute(const std::string &name) const {
     struct stat found {};
-    return !is_of_others(name) && ::fstatat(m_directory.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
-           S_ISREG(found.st_mode);
+    if (is_of_others(name)) {
+        return false;
+    }
+    if (::fstatat(m_directory.get(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 && errno != ENOENT) {
+        throw_errno(fmt::format("{} of its old store cannot be looked at", displayed(name)));
+    }
+    return S_ISREG(found.st_mode);
 }
 
 bool OldAttributes::any() const {

@@ -12,12 +12,14 @@ namespace engine {
 
 class OldAttributes {
   public:
-    // Opens the directory of `path`, without following a link on the way from that file's directory.
+    // Opens the directory of `path`, without following a link on the way from that file's directory. Throws Failure
+    // where it is there and cannot be read.
     explicit OldAttributes(const std::string &path);
 
     // The names of everything in it; none where there is no such directory.
     const std::vector<std::string> &names() const { return m_names; }
     // Whether such an entry is an attribute: a regular file, and not what other services keep in the same directory.
+    // Throws Failure where that cannot be known.
     bool is_attribute(const std::string &name) const;
     bool any() const;
 

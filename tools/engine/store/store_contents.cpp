@@ -4,6 +4,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/native_attributes.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/walk/paths.h"
 
 #include <algorithm>
@@ -20,7 +21,6 @@ namespace {
 
 constexpr char kStreamName[] = "VexoEAStream";
 constexpr char kResourceName[] = "VexoResource";
-constexpr char kStoreDirectory[] = "@eaDir";
 // The header of a store ends here, but for one with very many attributes.
 constexpr size_t kFirstBytes = size_t{64} << 10;
 constexpr size_t kLongestHeader = size_t{32} << 20;
@@ -138,7 +138,7 @@ StoreContents::File StoreContents::open(const char *stream) const {
     check(VEXOEAPath(1, path.c_str(), stream, place, sizeof place - 1, beside ? 1 : 0), "its store has no path");
     const Descriptor directory(
         beside ? ::dup(m_place.directory)
-               : ::openat(m_place.directory, kStoreDirectory, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+               : ::openat(m_place.directory, kStoreName, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     const std::string name = base_name(place);
     // A look that leaves no trace is for the owner and for root.
     const auto opened = [&](int more) {

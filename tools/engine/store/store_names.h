@@ -5,6 +5,7 @@
 
 namespace engine {
 
+inline constexpr char kStoreName[] = "@eaDir";      // what holds what belongs to the entries beside it
 inline constexpr char kEaStream[] = "VexoEAStream"; // the stream file with the attributes
 inline constexpr int kCurrentLayout = 1;            // of a store, to the library
 

@@ -17,9 +17,18 @@ namespace {
 
 constexpr char kMetadataAttribute[] = "user.netatalk.Metadata";
 
-bool has_file(int result, const char *place) {
+bool is_nothing_there(int number) {
+    return number == ENOENT || number == ENOTDIR || number == ENAMETOOLONG;
+}
+
+// `result`: of asking for its place.
+bool has_file(int result, const char *place, StoreParts &parts) {
     struct stat found {};
-    return result == 0 && ::lstat(place, &found) == 0;
+    if (result != 0 || ::lstat(place, &found) == 0) {
+        return result == 0;
+    }
+    parts.trouble = is_nothing_there(errno) ? parts.trouble : errno;
+    return false;
 }
 
 bool keeps_apple_doubles(int type) {
@@ -48,16 +57,21 @@ StoreParts store_parts_in(std::string_view names) {
 StoreParts store_parts(const std::string &path, int volumeType, bool noDirectory) {
     char place[PATH_MAX] = "";
     const char *const name = path.c_str();
-    if (keeps_apple_doubles(volumeType)) {
-        return {.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place)};
-    }
     StoreParts parts;
-    parts.attribute = ::lgetxattr(name, kMetadataAttribute, nullptr, 0) > 0;
-    if (noDirectory || ::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
+    if (keeps_apple_doubles(volumeType)) {
+        parts.appleDouble = has_file(VEXOEAADPath(name, place, sizeof place), place, parts);
         return parts;
     }
-    parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place);
-    parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place);
+    parts.attribute = ::lgetxattr(name, kMetadataAttribute, nullptr, 0) > 0;
+    if (noDirectory) {
+        return parts;
+    }
+    if (::access(joined(parent_of(path), "@eaDir").c_str(), F_OK) != 0) {
+        parts.trouble = is_nothing_there(errno) ? 0 : errno;
+        return parts;
+    }
+    parts.stream = has_file(VEXOEAPathNoADFS(1, name, "VexoEAStream", place, sizeof place), place, parts);
+    parts.resource = has_file(VEXOEAPathNoADFS(1, name, "VexoResource", place, sizeof place), place, parts);
     return parts;
 }
 

@@ -11,6 +11,7 @@ struct StoreParts {
     bool resource = false;    // Finder Info and resource fork: "@eaDir/<name>@VexoResource"
     bool appleDouble = false; // all of it in "._<name>", on a volume of that kind
     bool attribute = false;   // Finder Info in "user.netatalk.Metadata"
+    int trouble = 0;          // why some of it could not be looked for, as errno has it
 
     bool any() const { return is_beside() || attribute; }
     bool is_beside() const { return stream || resource || appleDouble; } // of the file

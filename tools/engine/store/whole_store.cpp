@@ -12,6 +12,7 @@
 #include "tools/engine/walk/paths.h"
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -19,9 +20,19 @@
 namespace engine {
 namespace {
 
+// Throws Failure where that cannot be known.
+StoreParts known_parts(const std::string &path, int type) {
+    const StoreParts parts = store_parts(path, type);
+    if (parts.trouble != 0) {
+        errno = parts.trouble;
+        throw_errno("what is kept for it cannot be looked at");
+    }
+    return parts;
+}
+
 bool keeps_anything(const std::string &path, int type) {
     char directory[PATH_MAX] = "";
-    return store_parts(path, type).any() ||
+    return known_parts(path, type).any() ||
            (VEXOEADirPath(0, path.c_str(), directory, sizeof directory) == 0 && exists(directory));
 }
 
@@ -104,7 +115,7 @@ void remove_store(const std::string &path) {
 
 void repair_store(const std::string &path) {
     const HeldEntry entry(path);
-    if (!store_parts(entry.path(), volume_type(entry)).resource) {
+    if (!known_parts(entry.path(), volume_type(entry)).resource) {
         return; // nothing that could be broken
     }
     forget_last_error();

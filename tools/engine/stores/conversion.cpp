@@ -5,6 +5,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/stores/conversion_note.h"
 #include "tools/engine/stores/entry_conversion.h"
 #include "tools/engine/stores/entry_writing.h"
 #include "tools/engine/walk/directory.h"
@@ -49,6 +50,7 @@ class DirectoryConversion {
         }
         for (const Entry &entry : *entries) {
             m_names.insert(entry.name);
+            m_noted |= entry.name.starts_with(".vexofileop-ea-");
         }
         list_stores();
         for (const Entry &entry : *entries) {
@@ -112,6 +114,13 @@ class DirectoryConversion {
         try {
             const bool nativeVolume = m_place.kind == StoreKind::native && m_options.to != StoreKind::native;
             EntryForms forms(m_place, name, m_names, m_stored, nativeVolume);
+            if (m_noted && !m_options.dryRun) { // one of a store that there is nothing more to do for would stay
+                ConversionNote note(m_place.directory, name, forms.status().st_ino, m_options.to);
+                if (!EntryConversion::has_old(forms, m_options.to)) {
+                    note.look_for_it();
+                    (void)note.remove();
+                }
+            }
             if (!forms.seen_beside() && !forms.seen_in_directory() && !forms.seen_native()) {
                 return;
             }
@@ -178,6 +187,7 @@ class DirectoryConversion {
     ConversionWatcher &m_watcher;
     ConversionTotals &m_totals;
     std::set<std::string> m_names, m_stored; // in the directory; in its "@eaDir"
+    bool m_noted = false;                    // a killed run may have left a note
     std::vector<std::string> m_items;
     std::map<std::string, int> m_claims; // companions by name
 };

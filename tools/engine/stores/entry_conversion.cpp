@@ -69,6 +69,14 @@ std::vector<StoreContents::Attribute>::const_iterator attribute_in(const std::ve
     return found != sorted.end() && found->name == name ? found : sorted.end();
 }
 
+// What a killed run was writing.
+void clear_unfinished(int directory, const std::string &name) {
+    try {
+        const PrivateFile taken(directory, name, 0600);
+    } catch (const Failure &) { // its directory has gone, or another process writes it
+    }
+}
+
 // `some`: of the first only what is left may be there.
 bool same_attributes(SeenAs &one, SeenAs &other, bool some) {
     const auto first = one.attributes(), second = other.attributes();
@@ -101,17 +109,17 @@ std::vector<StoreContents::Attribute> SeenAs::attributes() {
     return all;
 }
 
-bool EntryConversion::has_old() const {
-    const bool native = m_forms.seen_native();
-    switch (m_options.to) {
+bool EntryConversion::has_old(const EntryForms &forms, StoreKind to) {
+    const bool native = forms.seen_native();
+    switch (to) {
     case StoreKind::apple_double:
-        return m_forms.seen_in_directory() || native;
+        return forms.seen_in_directory() || native;
     case StoreKind::native:
-        return m_forms.seen_in_directory() || m_forms.seen_beside();
+        return forms.seen_in_directory() || forms.seen_beside();
     case StoreKind::ea_directory:
-        return m_forms.seen_beside() || native || m_forms.metadata();
+        return forms.seen_beside() || native || forms.metadata();
     case StoreKind::file_ea: // without the attribute there may be a resource file that it is to be made of
-        return m_forms.seen_beside() || native || (m_forms.seen_in_directory() && !m_forms.metadata());
+        return forms.seen_beside() || native || (forms.seen_in_directory() && !forms.metadata());
     case StoreKind::none:
         break;
     }
@@ -136,10 +144,21 @@ EntryConversion::Old EntryConversion::seen_as(StoreKind kind, bool before) const
 std::optional<Conversion> EntryConversion::run() {
     m_result.file = joined(m_place.path, m_forms.name());
     m_result.to = m_options.to;
-    if (!has_old()) {
+    if (!has_old(m_forms, m_options.to)) {
         return std::nullopt;
     }
+    auto result = attempt();
+    if (!result) { // a killed run has made all of it
+        (void)m_note.remove();
+    }
+    return result;
+}
+
+std::optional<Conversion> EntryConversion::attempt() {
     try {
+        if (!m_options.dryRun) {
+            m_note.look_for_it();
+        }
         m_forms.open();
         if (!m_options.dryRun) {
             claim_all();
@@ -156,6 +175,7 @@ std::optional<Conversion> EntryConversion::run() {
         foresee();
         if (!unaccepted().empty()) {
             m_result.reason = "the new form cannot hold all of it";
+            undo_noted();
             return m_result;
         }
         if (m_options.dryRun) {
@@ -544,8 +564,12 @@ void EntryConversion::verify() {
 void EntryConversion::convert() {
     const KeepTimes keep(m_place.directory);
     try {
+        m_note.write(form_to_make());
         write_all();
         verify();
+        if (!m_note.remove()) { // from here on the old form may be less than whole
+            throw_errno("the note of its conversion cannot be removed");
+        }
         remove_old();
     } catch (const Failure &failure) {
         if (m_removing) {
@@ -553,6 +577,7 @@ void EntryConversion::convert() {
                 fmt::format("the new form is there, and the old one could not be removed: {}", failure.what()));
         }
         undo();
+        undo_noted();
         throw;
     }
 }
@@ -661,6 +686,69 @@ void EntryConversion::write_metadata() {
     m_forms.check_still();
     create_metadata(m_forms.itself(), metadata_to_write());
     m_madeMetadata = true;
+}
+
+NewForm EntryConversion::form_to_make() const {
+    NewForm form{.beside = m_writesBeside,
+                 .stream = m_writesStream,
+                 .resource = m_writesResource,
+                 .stores = (m_writesStream || m_writesResource) && m_forms.directory_of(m_forms.stream()) < 0,
+                 .metadata = m_writesMetadata};
+    if (m_options.to == StoreKind::native) {
+        const StoreContents &there = m_target->contents();
+        for (const StoreContents::Attribute &one : m_attributesOf->attributes()) {
+            if (attribute_in(there.attributes(), one.name) == there.attributes().end()) {
+                form.attributes.insert(one.name);
+            }
+        }
+        if (there.finder_info().empty()) {
+            form.attributes.insert(kFinderInfoName);
+        }
+        if (there.fork_size() == 0) {
+            form.attributes.insert(kResourceForkName);
+        }
+    }
+    return form;
+}
+
+// What a killed run has made of the new form, once it was found to be what is in the old one, which is whole.
+void EntryConversion::undo_noted() {
+    if (!m_note.is_there()) {
+        return;
+    }
+    const NewForm &made = m_note.form();
+    const KeepTimes keep(m_place.directory);
+    const bool metadata = made.metadata && m_forms.metadata() && m_options.to == StoreKind::file_ea;
+    m_olds.clear(); // with their locks
+    m_target.reset();
+    try {
+        const std::pair<bool, FormFile *> files[] = {
+            {made.beside, &m_forms.beside()}, {made.stream, &m_forms.stream()}, {made.resource, &m_forms.resource()}};
+        for (const auto &[one, file] : files) {
+            if (one && file->holds_anything()) {
+                m_forms.claim(*file);
+                m_forms.remove(*file);
+            }
+            if (one && m_forms.directory_of(*file) >= 0) {
+                clear_unfinished(m_forms.directory_of(*file), file->name);
+            }
+        }
+        if (metadata) {
+            remove_metadata(m_forms.itself(), *m_forms.metadata());
+        }
+        for (const std::string &name : made.attributes) {
+            const auto size = native_size(m_forms.itself(), name);
+            if (size && (*size > 0 || name != kResourceForkName)) {
+                remove_native(m_forms.itself(), name);
+            }
+        }
+    } catch (const Failure &) { // somebody else is at work on it: the next run
+        return;
+    }
+    if (made.stores) {
+        (void)::unlinkat(m_place.directory, "@eaDir", AT_REMOVEDIR);
+    }
+    (void)m_note.remove();
 }
 
 void EntryConversion::undo() {

@@ -4,6 +4,7 @@
 #include "tools/engine/compare/entry_view.h"
 #include "tools/engine/compare/side.h"
 #include "tools/engine/stores/conversion.h"
+#include "tools/engine/stores/conversion_note.h"
 #include "tools/engine/stores/entry_forms.h"
 #include "tools/engine/stores/form_writer.h"
 
@@ -31,12 +32,17 @@ class EntryConversion {
   public:
     // `shared`: another entry has a companion of the same name.
     EntryConversion(const StorePlace &place, const ConversionOptions &options, EntryForms &forms, bool shared)
-        : m_place(place), m_options(options), m_forms(forms), m_shared(shared) {}
+        : m_place(place), m_options(options), m_forms(forms), m_shared(shared),
+          m_note(place.directory, forms.name(), forms.status().st_ino, options.to) {}
+
+    // Whether there is anything of another form than that.
+    static bool has_old(const EntryForms &forms, StoreKind to);
 
     // Nothing: there is nothing to do.
     std::optional<Conversion> run();
 
   private:
+    std::optional<Conversion> attempt();
     using Old = std::unique_ptr<SeenAs>;
     struct Made {
         FormFile *file;
@@ -44,7 +50,6 @@ class EntryConversion {
     };
 
     bool to_directory() const { return m_options.to == StoreKind::ea_directory || m_options.to == StoreKind::file_ea; }
-    bool has_old() const;
     // `before` anything was done: what is read has to be what the forms hold open.
     Old seen_as(StoreKind kind, bool before = true) const;
     void look_at_both();
@@ -75,7 +80,9 @@ class EntryConversion {
     void write_metadata();
     std::vector<Loss> write_native(const std::string &file, bool keep);
     void verify();
+    NewForm form_to_make() const;
     void undo();
+    void undo_noted();
     void remove_old();
     void remove_attributes();
     bool goes(const FormFile &file) const;
@@ -84,6 +91,7 @@ class EntryConversion {
     const ConversionOptions &m_options;
     EntryForms &m_forms;
     bool m_shared;
+    ConversionNote m_note;
     Conversion m_result;
 
     std::vector<Old> m_olds;

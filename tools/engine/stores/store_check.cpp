@@ -6,6 +6,7 @@
 #include "tools/engine/store/listing.h"
 #include "tools/engine/store/old_attributes.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/stores/orphan_search.h"
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
@@ -27,8 +28,6 @@ namespace engine {
 namespace {
 
 constexpr std::string_view kStreamEnd = "@VexoEAStream", kResourceEnd = "@VexoResource";
-constexpr char kStores[] = "@eaDir";
-
 using Mend = Subject::Mend;
 using NameTypes = std::map<std::string, unsigned char>;
 
@@ -107,7 +106,7 @@ class DirectoryCheck {
             if (m_hooks.stopped()) {
                 return std::move(m_result); // before what seems to be nobody's
             }
-            if (name == kStores) {
+            if (name == kStoreName) {
                 continue;
             }
             if (is_own_name(name)) {
@@ -142,7 +141,7 @@ class DirectoryCheck {
     }
     bool uses_store() const { return m_place.kind == StoreKind::ea_directory || m_place.kind == StoreKind::file_ea; }
     std::string shown(bool inStore, const std::string &name) const {
-        return joined(inStore ? joined(m_place.path, kStores) : m_place.path, name);
+        return joined(inStore ? joined(m_place.path, kStoreName) : m_place.path, name);
     }
     int at(bool inStore) const { return inStore ? m_store.get() : m_place.directory; }
 
@@ -160,25 +159,25 @@ class DirectoryCheck {
     void trouble(const std::string &path) const { m_hooks.trouble(path, std::strerror(errno)); }
 
     void open_store() {
-        const auto found = m_names.find(kStores);
+        const auto found = m_names.find(kStoreName);
         if (found == m_names.end()) {
             return;
         }
         struct stat status {};
-        if (::fstatat(m_place.directory, kStores, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return trouble(shown(false, kStores));
+        if (::fstatat(m_place.directory, kStoreName, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            return trouble(shown(false, kStoreName));
         }
         if (!S_ISDIR(status.st_mode)) {
-            add_wrong_kind({Mend::none, false, kStores}, "", status.st_mode, "\"@eaDir\"");
+            add_wrong_kind({Mend::none, false, kStoreName}, "", status.st_mode, "\"@eaDir\"");
             return;
         }
         m_store = open_stores(m_place.directory);
         if (m_store.get() < 0) {
-            return trouble(shown(false, kStores));
+            return trouble(shown(false, kStoreName));
         }
         m_stored = names_with_types(m_store.get());
         if (m_stored.empty()) {
-            add(FindingKind::empty, {Mend::remove_directory, false, kStores}, "", "it holds nothing", "removed");
+            add(FindingKind::empty, {Mend::remove_directory, false, kStoreName}, "", "it holds nothing", "removed");
         }
         look_at_rights(status);
     }
@@ -193,7 +192,7 @@ class DirectoryCheck {
                              (around.st_mode >> 3 & 5 & ~group_rights_of(store, around)) |
                              (around.st_mode & 5 & ~store.st_mode);
         if (users != 0) {
-            add(FindingKind::closed, {Mend::none, false, kStores}, "",
+            add(FindingKind::closed, {Mend::none, false, kStoreName}, "",
                 fmt::format("its mode is {:03o}, that of the directory that it is for {:03o}", store.st_mode & 0777,
                             around.st_mode & 0777));
         }
@@ -239,7 +238,7 @@ class DirectoryCheck {
         } else if (!made && ((!change && !name.starts_with(kRelocation)) || may_be_under_way(at(inStore), name))) {
             return; // a user's own, or somebody is at work on it
         }
-        const bool removable = (change || gone) && type == DT_REG;
+        const bool removable = ((change || gone) && type == DT_REG) || (gone && is_trial_left_over(at(inStore), name));
         add(FindingKind::left_over, {removable ? Mend::remove : Mend::none, inStore, name}, "",
             gone     ? "the process that has made it is gone"
             : change ? "a change of a store was stopped"

@@ -4,6 +4,7 @@
 #include "tools/engine/report/failure.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store.h"
+#include "tools/engine/walk/private_name.h"
 
 #include <array>
 #include <cerrno>
@@ -201,6 +202,12 @@ void StoreMender::give_attribute(const StorePlace &place, const Subject &subject
 }
 
 void StoreMender::remove(const StorePlace &place, int directory, const Subject &subject) {
+    if (is_trial_left_over(directory, subject.name)) { // in which nothing is anybody's
+        if (!remove_left_over(directory, subject.name)) {
+            throw_errno("it cannot be taken away");
+        }
+        return;
+    }
     Quarantined item = item_for(place, subject, Quarantined::What::removed);
     take_status(directory, subject.name, item);
     StoreFileHeld held;

@@ -22,7 +22,7 @@ bool has_reflink(int directory) {
     return one.get() < 0 || other.get() < 0 || ::ioctl(one.get(), FICLONE, other.get()) == 0;
 }
 
-std::pair<dev_t, ino_t> inode_of(const HeldDirectory &directory) {
+std::pair<dev_t, ino_t> place_of(const HeldDirectory &directory) {
     struct stat found {};
     (void)::fstat(directory.fd(), &found);
     return {found.st_dev, found.st_ino};
@@ -56,7 +56,7 @@ bool ClonePolicy::is_allowed(const HeldDirectory &from, const HeldDirectory &to)
     if (!*m_switch || to.facts().magic != BTRFS_SUPER_MAGIC) {
         return *m_switch;
     }
-    if (const auto pair = std::pair(inode_of(from), inode_of(to)); m_askedFor != pair) {
+    if (const auto pair = std::pair(place_of(from), place_of(to)); m_askedFor != pair) {
         m_askedFor = pair;
         m_allowed = VEXOFileCopyIsCloneable(from.itself().c_str(), to.itself().c_str(), 0) == 0;
     }

@@ -91,7 +91,7 @@ bool is_time(const Loss &loss) {
     return loss.cls == LossClass::creation_time || loss.cls == LossClass::modification_time;
 }
 
-bool is_of_the_system(const Loss &loss) {
+bool is_loss_of_the_system(const Loss &loss) {
     return loss.cls == LossClass::system_attribute || loss.cls == LossClass::acl_windows;
 }
 
@@ -138,7 +138,7 @@ std::vector<Loss> complete_copy(const Side &source, const Side &copy, const Comp
     }
     std::vector<Loss> losses = compare_entries(source, copy, options);
     const bool late = options.times && std::ranges::any_of(losses, is_time);
-    const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_of_the_system);
+    const bool ofTheSystem = ::geteuid() == 0 && std::ranges::any_of(losses, is_loss_of_the_system);
     // Where the mount gives the modes, taking the right to write away would set the read-only attribute.
     const bool mode = copy.volume.owners && std::ranges::find(losses, LossClass::mode, &Loss::cls) != losses.end();
     const bool users = std::ranges::find(losses, LossClass::attribute, &Loss::cls) != losses.end();

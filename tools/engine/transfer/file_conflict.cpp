@@ -73,6 +73,16 @@ uint32_t hash_of_source(const std::string &name) {
     return static_cast<uint32_t>(std::hash<std::string>()(name));
 }
 
+// What stands for all entries of a directory: its number, on a volume that there is none of.
+struct stat all_in(const HeldDirectory &to) {
+    struct stat all {};
+    all.st_dev = ~to.device();
+    all.st_ino = to.inode();
+    all.st_mode = S_IFREG;
+    all.st_nlink = 1;
+    return all;
+}
+
 // Never that of no place.
 uint32_t hash_of_place(const HeldDirectory &to, const std::string &name) {
     const auto hash = static_cast<uint32_t>(
@@ -162,6 +172,16 @@ void WrittenEntries::add(const FileNumber &made, size_t mark) {
     m_marks.emplace(made, mark);
 }
 
+void WrittenEntries::add_all_in(const HeldDirectory &to) {
+    const struct stat all = all_in(to);
+    constexpr size_t any = 1;
+    if (m_ledger != nullptr) {
+        m_ledger->made(m_kind, all, any);
+    } else {
+        add({all.st_dev, all.st_ino}, any);
+    }
+}
+
 // The one with this place, if it has one.
 std::optional<size_t> WrittenEntries::mark_of(const FileNumber &entry, uint32_t place) const {
     const auto found = m_names.find(entry);
@@ -196,7 +216,8 @@ bool WrittenEntries::is_folded(const HeldDirectory &to, const std::string &name)
 }
 
 bool WrittenEntries::contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const {
-    return mark_here(there, to, name) || (!takes_every_name(to.facts().magic) && is_folded(to, name));
+    return mark_here(there, to, name) || mark_of(all_in(to), 0) ||
+           (!takes_every_name(to.facts().magic) && is_folded(to, name));
 }
 
 bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
@@ -209,6 +230,16 @@ bool WrittenEntries::is_clash(const struct stat &there, const std::string &sourc
     const auto found = m_folded.find(folded_in(to, name));
     return found != m_folded.end() && found->second.source != source &&
            (is_folded(to, name) || m_names.contains({there.st_dev, there.st_ino}));
+}
+
+std::optional<struct stat> WrittenEntries::unseen_taker(const std::string &sourceName, const HeldDirectory &to,
+                                                        const std::string &name) const {
+    if (takes_every_name(to.facts().magic) || to.look(name)) {
+        return std::nullopt;
+    }
+    const auto found = m_folded.find(folded_in(to, name));
+    return found == m_folded.end() || found->second.source == hash_of_source(sourceName) ? std::nullopt
+                                                                                         : to.look(found->second.name);
 }
 
 Outcome failure(const std::string &destination, Problem problem) {

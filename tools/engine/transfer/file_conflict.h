@@ -50,6 +50,9 @@ class WrittenEntries {
 
     // Under this name in the directory.
     void add(const struct stat &made, const std::string &sourceName, const HeldDirectory &to, const std::string &name);
+    // Everything in a directory that was made for this run, and got no entry of it before: one note for all of them.
+    // Only where it takes every name, and another one is another entry.
+    void add_all_in(const HeldDirectory &to);
     // What stands there under the name. Of a file with other names one of those may be what was made: this one is not,
     // and replacing it takes nothing from that.
     bool contains(const struct stat &there, const HeldDirectory &to, const std::string &name) const;
@@ -61,6 +64,10 @@ class WrittenEntries {
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const;
 
+    // What keeps an entry of another name of the source from being made under this one, where the volume does not find
+    // it by that.
+    std::optional<struct stat> unseen_taker(const std::string &sourceName, const HeldDirectory &to,
+                                            const std::string &name) const;
     void merge(WrittenEntries &other) {
         m_names.merge(other.m_names);
         m_marks.merge(other.m_marks);

@@ -83,7 +83,7 @@ bool is_really_empty(const std::string &path) {
 }
 
 // Something that could not be looked at, since somebody else has it: the code is in the words.
-bool is_locked(const Loss &loss) {
+bool is_store_locked(const Loss &loss) {
     return loss.detail.find(code_text(kLocked)) != std::string::npos;
 }
 
@@ -230,7 +230,12 @@ Outcome FileTransfer::run_once(const std::string &source, const std::string &des
     begun = attempt.begun;
     if (outcome.status == Status::failed && outcome.losses.empty()) {
         const auto &meant = attempt.asItIs ? attempt.entry : attempt.content;
-        if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
+        const auto taker = meant && outcome.problem->code == kExists
+                               ? m_written.unseen_taker(attempt.sourceName, to, attempt.name)
+                               : std::nullopt;
+        if (taker) {
+            outcome = clash(outcome.destination, meant->st_mode, taker->st_mode);
+        } else if (const auto cls = class_of(*outcome.problem, meant, to, attempt.name)) {
             outcome.losses.push_back({*cls, words_of(*cls, *outcome.problem, meant, to, attempt.name)});
         } else if (auto tooLarge = refusal_of_holes(*outcome.problem, meant, to)) {
             outcome.losses.push_back(std::move(*tooLarge));
@@ -617,7 +622,7 @@ std::optional<Problem> FileTransfer::refused(Attempt &attempt) const {
 
 Outcome FileTransfer::place_copy(Attempt &attempt) {
     compare(attempt, attempt.made);
-    const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_locked);
+    const bool locked = attempt.storeLocked || std::ranges::any_of(attempt.losses, is_store_locked);
     if (locked && !attempt.final && !attempt.losses.empty()) {
         discard(attempt.to, attempt.made);
         return failure(attempt.destination, problem_of(kLocked));

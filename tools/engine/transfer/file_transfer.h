@@ -81,6 +81,8 @@ class FileTransfer {
     void made_plain(const struct stat &made, const std::string &sourceName, const HeldDirectory &to) {
         m_written.add(made, sourceName, to, sourceName);
     }
+    // All of those in a directory that was made for them.
+    void made_plain_in(const HeldDirectory &to) { m_written.add_all_in(to); }
     // Whether a file of another name of the source has become what stands there.
     bool is_clash(const struct stat &there, const std::string &sourceName, const HeldDirectory &to,
                   const std::string &name) const {

@@ -10,6 +10,7 @@
 #include "tools/engine/report/names.h"
 #include "tools/engine/store/private_file.h"
 #include "tools/engine/store/store_directory.h"
+#include "tools/engine/store/store_names.h"
 #include "tools/engine/transfer/belongings.h"
 #include "tools/engine/transfer/link_transfer.h"
 #include "tools/engine/transfer/native_carry.h"
@@ -33,8 +34,6 @@
 
 namespace engine {
 namespace {
-
-constexpr char kStore[] = "@eaDir";
 
 std::string path_of(int fd) {
     return fmt::format("/proc/self/fd/{}", fd);
@@ -154,7 +153,7 @@ class KeptTransfer {
 
 // In place of the library's copy of one file of a store. What is no part of one it shall leave alone.
 int copy_part(void *, const char *from, const char *to) {
-    if (base_name(parent_of(to)) != kStore) {
+    if (base_name(parent_of(to)) != kStoreName) {
         return 0;
     }
     constexpr int common = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
@@ -227,14 +226,14 @@ class MadeForStore {
                  (stored ||
                   (source.volume.store == StoreKind::native && ::llistxattr(source.path().c_str(), nullptr, 0) > 0)) &&
                  lacks_store_directory(m_directory) &&
-                 make_store_directory(fmt::format("/proc/self/fd/{}/{}", m_directory, kStore)) == 0;
+                 make_store_directory(fmt::format("/proc/self/fd/{}/{}", m_directory, kStoreName)) == 0;
     }
     MadeForStore(const MadeForStore &) = delete;
     MadeForStore &operator=(const MadeForStore &) = delete;
     ~MadeForStore() {
         if (m_made) {
             const int number = errno;
-            (void)::unlinkat(m_directory, kStore, AT_REMOVEDIR);
+            (void)::unlinkat(m_directory, kStoreName, AT_REMOVEDIR);
             errno = number;
         }
     }
@@ -256,7 +255,7 @@ void carry_own_directory(const Side &source, const Side &copy, bool data) {
     }
     KeptPlace to = place_or_none(copy, Kept::own);
     if (to.parent.get() < 0) {
-        (void)make_store_directory(fmt::format("/proc/self/fd/{}/{}", copy.directory, kStore));
+        (void)make_store_directory(fmt::format("/proc/self/fd/{}/{}", copy.directory, kStoreName));
         to = place_or_none(copy, Kept::own);
     }
     if (to.parent.get() >= 0 && !is_one(from, to)) {
@@ -273,8 +272,9 @@ void carry_empty_store(const Side &source, const Side &copy) {
     const KeptPlace to = place_or_none(copy, Kept::empty_store);
     struct stat found {};
     // One that holds something is as it was made for that.
-    if (to.there || (to.parent.get() >= 0 && ::fstatat(to.parent.get(), kStore, &found, AT_SYMLINK_NOFOLLOW) != 0)) {
-        KeptTransfer(source.volume, copy.volume, false).empty_directory(from.parent.get(), kStore, to.parent.get());
+    if (to.there ||
+        (to.parent.get() >= 0 && ::fstatat(to.parent.get(), kStoreName, &found, AT_SYMLINK_NOFOLLOW) != 0)) {
+        KeptTransfer(source.volume, copy.volume, false).empty_directory(from.parent.get(), kStoreName, to.parent.get());
     }
 }
 

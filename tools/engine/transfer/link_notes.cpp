@@ -26,8 +26,15 @@ constexpr char kEndOfRecord = '\0';
 class NumbersOfNote {
   public:
     explicit NumbersOfNote(std::string_view text) : m_rest(text) {}
+    template <typename... Numbers>
+    void take(Numbers &...values) {
+        (take_one(values), ...);
+    }
+    std::string_view rest() const { return m_good ? m_rest : std::string_view(); }
+
+  private:
     template <typename Number>
-    void take(Number &value) {
+    void take_one(Number &value) {
         int64_t number = 0;
         const auto [end, error] = std::from_chars(m_rest.data(), m_rest.data() + m_rest.size(), number);
         const auto used = static_cast<size_t>(end - m_rest.data());
@@ -35,9 +42,7 @@ class NumbersOfNote {
         m_rest.remove_prefix(m_good ? used + 1 : m_rest.size());
         value = static_cast<Number>(number);
     }
-    std::string_view rest() const { return m_good ? m_rest : std::string_view(); }
 
-  private:
     std::string_view m_rest;
     bool m_good = true;
 };
@@ -85,19 +90,9 @@ LinkNotes::Record LinkNotes::Record::from(std::string_view text) {
     Record record;
     struct stat &source = record.source, &made = record.made;
     NumbersOfNote numbers(text);
-    numbers.take(record.volume);
-    numbers.take(source.st_dev);
-    numbers.take(source.st_ino);
-    numbers.take(source.st_size);
-    numbers.take(source.st_mtim.tv_sec);
-    numbers.take(source.st_mtim.tv_nsec);
-    numbers.take(source.st_nlink);
-    numbers.take(made.st_ino);
-    numbers.take(made.st_uid);
-    numbers.take(made.st_gid);
-    numbers.take(made.st_mode);
-    numbers.take(made.st_mtim.tv_sec);
-    numbers.take(made.st_mtim.tv_nsec);
+    numbers.take(record.volume, source.st_dev, source.st_ino, source.st_size, source.st_mtim.tv_sec,
+                 source.st_mtim.tv_nsec, source.st_nlink, made.st_ino, made.st_uid, made.st_gid, made.st_mode,
+                 made.st_mtim.tv_sec, made.st_mtim.tv_nsec);
     source.st_mode = S_IFREG;
     made.st_size = source.st_size;
     record.path = numbers.rest();

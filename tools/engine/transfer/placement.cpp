@@ -40,7 +40,7 @@ bool is_note(std::string_view name) {
     return name.ends_with(kOldStoreGoes) || name.ends_with(kNewStoreFollows) || name.ends_with(kEntryGoes);
 }
 
-constexpr char kNotFound[] = "it is there, but what is kept for it could not be found where it was";
+constexpr char kNotFoundThere[] = "it is there, but what is kept for it could not be found where it was";
 
 struct Note {
     ino_t inode = 0; // of the entry that is placed: where it is tells how far things are
@@ -86,7 +86,7 @@ bool is_plain(std::string_view name) {
 
 // A number with a line feed behind it, taken off.
 template <typename Number>
-bool take_number(std::string_view &text, Number &number) {
+bool take_line(std::string_view &text, Number &number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const auto used = static_cast<size_t>(end - text.data());
     if (error != std::errc() || used >= text.size() || text[used] != '\n') {
@@ -98,7 +98,7 @@ bool take_number(std::string_view &text, Number &number) {
 
 std::optional<Note> parse_note(std::string_view text) {
     Note note;
-    if (!take_number(text, note.inode)) {
+    if (!take_line(text, note.inode)) {
         return std::nullopt;
     }
     const size_t end = text.find('\0');
@@ -107,7 +107,7 @@ std::optional<Note> parse_note(std::string_view text) {
         return is_plain(note.name) ? std::optional(note) : std::nullopt;
     }
     text.remove_prefix(end + 1);
-    if (!take_number(text, note.fromDevice) || !take_number(text, note.fromInode)) {
+    if (!take_line(text, note.fromDevice) || !take_line(text, note.fromInode)) {
         return std::nullopt;
     }
     const size_t path = text.find('\0');
@@ -243,7 +243,7 @@ std::optional<Problem> follow(const HeldDirectory &to, const Note &note, const H
     const bool same = from.is_open() && ::fstat(from.fd(), &found) == 0 && found.st_dev == note.fromDevice &&
                       found.st_ino == note.fromInode;
     if (!same || from.look(note.before) || errno != ENOENT) {
-        return Problem{kNotFound};
+        return Problem{kNotFoundThere};
     }
     return follow(from, note.before, to, note.name);
 }
@@ -281,8 +281,9 @@ Problem try_to_finish_store(const HeldDirectory &directory, const std::string &m
 Problem finish_store(const HeldDirectory &directory, const std::string &made, const Note &note,
                      const HeldDirectory *from) {
     const Problem problem = try_to_finish_store(directory, made, note, from);
-    return problem.reason.empty() || problem.reason == kNotFound ? problem
-                                                                 : try_to_finish_store(directory, made, note, from);
+    return problem.reason.empty() || problem.reason == kNotFoundThere
+               ? problem
+               : try_to_finish_store(directory, made, note, from);
 }
 
 bool rename_made(const Placement &placement) {
@@ -328,7 +329,7 @@ bool clear_note(const HeldDirectory &directory, const std::string &path) {
         return (!gone || clear_store(directory, note->name)) && ::unlinkat(directory.fd(), path.c_str(), 0) == 0;
     }
     if (there && there->st_ino == note->inode && !directory.look(made)) {
-        if (finish_store(directory, made, *note, nullptr).reason == kNotFound) {
+        if (finish_store(directory, made, *note, nullptr).reason == kNotFoundThere) {
             ::unlinkat(directory.fd(), (made + std::string(kNewStoreFollows)).c_str(), 0); // nobody will find it
         }
     } else {
@@ -531,6 +532,9 @@ std::vector<std::string> clear_left_overs(const HeldDirectory &directory) {
         }
     }
     for (const std::string &name : names) {
+        if (is_trial_left_over(directory.fd(), name)) {
+            (void)clear_away(directory.fd(), name);
+        }
         if (without_suffix(name) != name || kept.contains(name)) {
             continue;
         }

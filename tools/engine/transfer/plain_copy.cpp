@@ -245,15 +245,20 @@ std::optional<struct stat> PlainCopy::link(int from, const std::string &name, co
         return std::nullopt;
     }
     copy.is_there();
+    // Whoever owns the directory may put something else under that name: what is given away is the link that was made.
+    const Descriptor held(::openat(to, copy.name(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const timespec times[] = {source.st.st_atim, source.st.st_mtim};
     struct stat there {};
-    const bool given = ::fchownat(to, copy.name(), source.st.st_uid, source.st.st_gid, AT_SYMLINK_NOFOLLOW) == 0 &&
-                       ::utimensat(to, copy.name(), times, AT_SYMLINK_NOFOLLOW) == 0 &&
-                       ::fstatat(to, copy.name(), &there, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(there.st_mode) &&
+    const auto is_made = [&] {
+        return ::fstat(held.get(), &there) == 0 && S_ISLNK(there.st_mode) && there.st_nlink == 1 &&
+               ::readlinkat(held.get(), "", made.data(), made.size()) == size &&
+               std::string_view(made.data(), static_cast<size_t>(size)) == target.data();
+    };
+    const bool given = is_made() && there.st_uid == ::geteuid() &&
+                       ::fchownat(held.get(), "", source.st.st_uid, source.st.st_gid, AT_EMPTY_PATH) == 0 &&
+                       ::utimensat(held.get(), "", times, AT_EMPTY_PATH) == 0 && is_made() &&
                        there.st_uid == source.st.st_uid && there.st_gid == source.st.st_gid &&
-                       same_time(there.st_mtim, source.st.st_mtim) &&
-                       ::readlinkat(to, copy.name(), made.data(), made.size()) == size &&
-                       std::string_view(made.data(), static_cast<size_t>(size)) == target.data();
+                       same_time(there.st_mtim, source.st.st_mtim);
     return given && copy.place(name) ? std::optional(there) : std::nullopt;
 }
 

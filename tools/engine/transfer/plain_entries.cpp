@@ -9,37 +9,38 @@
 #include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/private_name.h"
 #include "tools/engine/walk/stack_room.h"
+#include "tools/engine/walk/units.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace engine {
 namespace {
 
+constexpr uid_t kRootUser = 0; // nobody else copies so
 constexpr int kPlainFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// Whether the first files of a directory are nothing more than files. Where they are, the others mostly are, too.
-bool begins_plain(int directory, const std::vector<Entry> &entries) {
+// Reads a directory. False: it is not to be copied so. Where its first files are nothing more than files the others
+// mostly are, too.
+bool read_plain(int directory, NameBlock &names) {
     constexpr int mostAsked = 2;
     int asked = 0;
-    for (const Entry &entry : entries) {
-        if (entry.type != DT_REG) {
-            continue;
+    bool plain = true;
+    const bool read = each_entry(directory, [&](const char *name, unsigned char type) {
+        names.add(name);
+        plain = plain && !is_store_name(name);
+        if (plain && type == DT_REG && asked < mostAsked) {
+            ++asked;
+            struct stat found {};
+            plain = ::fstatat(directory, name, &found, AT_SYMLINK_NOFOLLOW) == 0 && found.st_nlink == 1 &&
+                    found.st_size <= PlainCopy::kLargest && PlainCopy::is_bare(directory, name);
         }
-        struct stat found {};
-        if (::fstatat(directory, entry.name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 || found.st_nlink > 1 ||
-            found.st_size > PlainCopy::kLargest || !PlainCopy::is_bare(directory, entry.name)) {
-            return false;
-        }
-        if (++asked == mostAsked) {
-            break;
-        }
-    }
-    return true;
+    });
+    return read && plain;
 }
 
 bool keeps_stores(const VolumeFacts &facts) {
@@ -86,7 +87,11 @@ std::optional<bool> TreeTransfer::plain_entry(const Level &level, const std::str
     if (!made) {
         return std::nullopt;
     }
-    m_files.made_plain(*made, name, level.to);
+    if (!level.made) {
+        m_files.made_plain(*made, name, level.to);
+    } else if (!std::exchange(level.noted, true)) {
+        m_files.made_plain_in(level.to);
+    }
     Outcome outcome;
     outcome.destination = joined(level.destination, name);
     if (file) {
@@ -99,21 +104,18 @@ std::optional<bool> TreeTransfer::plain_entry(const Level &level, const std::str
 
 // Both directories, the one at the destination made for this. False: it is not for this, and nothing was made; or
 // somebody else is at work on it.
-bool TreeTransfer::open_plain(const Level &above, const std::string &name, Level &level,
-                              std::vector<std::string> &names) const {
+bool TreeTransfer::open_plain(const Level &above, const std::string &name, Level &level, NameBlock &names) const {
     struct stat opened {};
     Descriptor from(::openat(above.from.fd(), name.c_str(), kPlainFlags | O_NOATIME));
     const auto status = from.get() < 0 ? std::nullopt : PlainCopy::look(from.get());
-    auto entries = status ? entries_in(from.get()) : std::nullopt;
-    if (!entries || m_made.contains(status->st) || !begins_plain(from.get(), *entries) ||
-        std::ranges::any_of(*entries, [](const Entry &entry) { return is_store_name(entry.name); })) {
-        return false;
-    }
-    if (::mkdirat(above.to.fd(), name.c_str(), S_IRWXU) != 0) {
+    if (!status || m_made.contains(status->st) || !read_plain(from.get(), names) ||
+        ::mkdirat(above.to.fd(), name.c_str(), S_IRWXU) != 0) {
         return false;
     }
     Descriptor to(::openat(above.to.fd(), name.c_str(), kPlainFlags));
-    if (to.get() < 0 || ::fstat(to.get(), &opened) != 0 || opened.st_dev != above.there.st_dev) {
+    // Whoever owns the directory above may have put one of his there.
+    if (to.get() < 0 || ::fstat(to.get(), &opened) != 0 || opened.st_dev != above.there.st_dev ||
+        opened.st_uid != kRootUser || (opened.st_mode & kModeBits & ~mode_t{S_ISGID}) != S_IRWXU) {
         return false;
     }
     level.status = *status;
@@ -121,9 +123,6 @@ bool TreeTransfer::open_plain(const Level &above, const std::string &name, Level
     level.made = true;
     level.from = HeldDirectory(above.from, name, std::move(from), status->st);
     level.to = HeldDirectory(above.to, name, std::move(to), opened);
-    for (Entry &entry : *entries) {
-        names.push_back(std::move(entry.name));
-    }
     // An override of types goes by the text of paths, and counts for what lies in a directory.
     const auto is_other = [](const HeldDirectory &directory) {
         return VEXOGetFSType(directory.path().c_str(), 0) != directory.type();
@@ -137,7 +136,7 @@ bool TreeTransfer::open_plain(const Level &above, const std::string &name, Level
 
 std::optional<bool> TreeTransfer::plain_directory(const Level &above, const std::string &name, const VLIBCStat &found) {
     Level level{joined(above.source, name), joined(above.destination, name)};
-    std::vector<std::string> names;
+    NameBlock names;
     if (!has_stack_room() || !open_plain(above, name, level, names) || level.status.st.st_ino != found.st.st_ino) {
         return std::nullopt;
     }

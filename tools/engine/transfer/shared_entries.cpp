@@ -59,7 +59,7 @@ TreePart TreeTransfer::part_of(const Level &level) const {
     return part;
 }
 
-bool TreeTransfer::entries(const Level &level, const std::vector<std::string> &names) {
+bool TreeTransfer::entries(const Level &level, const NameBlock &names) {
     if (m_sharer != nullptr && m_depth == 1 && std::exchange(m_shares, false) && may_share(level)) {
         return share_entries(level, names);
     }
@@ -74,7 +74,7 @@ bool TreeTransfer::entries(const Level &level, const std::vector<std::string> &n
         if (m_telling != nullptr && m_telling->is_work_wanted()) {
             give_away();
         }
-        const std::string &name = names[walk.next++];
+        const std::string name = names[walk.next++];
         if (m_telling != nullptr && m_walks.size() == 1) {
             m_telling->reaches(walk.next);
         }
@@ -105,10 +105,10 @@ void TreeTransfer::give_away() {
         TreePart part = part_of(walk->level);
         size_t bytes = 0, first = walk->end;
         while (walk->end - first < most && bytes < kMostOfPart) {
-            bytes += walk->names[--first].size() + sizeof(uint32_t);
+            part.names.emplace_back(walk->names[--first]);
+            bytes += part.names.back().size() + sizeof(uint32_t);
         }
-        const auto begin = walk->names.begin();
-        part.names.assign(begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(walk->end));
+        std::ranges::reverse(part.names);
         if (!m_telling->give(walk->given, std::move(part), walk->level.from.fd(), walk->level.to.fd())) {
             walk->mayGive = false;
             continue;
@@ -122,7 +122,7 @@ void TreeTransfer::give_away() {
 }
 
 // What cannot be split goes to one worker after the other.
-bool TreeTransfer::share_entries(const Level &level, const std::vector<std::string> &names) {
+bool TreeTransfer::share_entries(const Level &level, const NameBlock &names) {
     constexpr size_t mostNames = 512;
     const bool split = may_split(level);
     bool given = false;
@@ -135,8 +135,8 @@ bool TreeTransfer::share_entries(const Level &level, const std::vector<std::stri
         TreePart part = part_of(level);
         part.number = ++m_parts;
         for (size_t bytes = 0; next < names.size() && part.names.size() < mostNames && bytes < kMostOfPart; ++next) {
-            bytes += names[next].size() + sizeof(uint32_t);
-            part.names.push_back(names[next]);
+            part.names.emplace_back(names[next]);
+            bytes += part.names.back().size() + sizeof(uint32_t);
         }
         Job job{part.text()};
         for (const int fd : {level.from.fd(), level.to.fd()}) {
@@ -213,7 +213,7 @@ Yield TreeTransfer::carry(const TreePart &part, std::vector<Descriptor> files) {
     const Aside aside(*this);
     m_checking = part.oneByOne;
     m_telling->begins(part);
-    const bool whole = entries(level, part.names);
+    const bool whole = entries(level, NameBlock(part.names));
     m_telling->ends();
     return {whole, aside.left_out()};
 }

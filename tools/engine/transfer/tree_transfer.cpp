@@ -50,9 +50,7 @@ namespace engine {
 namespace {
 
 Problem problem_of_making(int number) {
-    return number == ENOENT  ? problem_of(kDestinationMissing)
-           : number == EROFS ? problem_of(kReadOnly)
-                             : problem_of_errno(number);
+    return number == ENOENT ? problem_of(kDestinationMissing) : problem_of_errno(number);
 }
 
 // With what it has. False: there is none.
@@ -155,14 +153,23 @@ GivenName TreeTransfer::named(const std::string &source, const std::string &dest
 }
 
 // Of all that a directory holds, before the first of it is there. The list of the source is none of it.
-void TreeTransfer::give_names(Level &level, std::vector<std::string> &names) {
+void TreeTransfer::give_names(Level &level, const Place &destination, NameBlock &names) {
+    const bool takesAll = takes_every_name(level.to.facts().magic);
+    if (takesAll && !m_naming.wanted() && !volume_traits(destination.in.type()).fatNames) {
+        return;
+    }
+    std::vector<std::string> all = names.all();
+    own_names_first(
+        destination.in.type(), all, [](const std::string &name) { return name; },
+        [&](const std::string &name) { return takesAll || !name_kept(level.to.fd(), name); });
     if (m_naming.wanted()) {
-        level.given = m_naming.of_all(level.from.fd(), names, {level.to.fd(), level.to.path(), level.to.type()});
+        level.given = m_naming.of_all(level.from.fd(), all, {level.to.fd(), level.to.path(), level.to.type()});
         level.outcome.losses.insert(level.outcome.losses.end(), level.given.losses.begin(), level.given.losses.end());
         if (level.given.listed) {
-            std::erase(names, kNameList);
+            std::erase(all, kNameList);
         }
     }
+    names = NameBlock(all);
 }
 
 // What is lost by it already.
@@ -254,13 +261,13 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
         problem.withSource = true;
         return failed(level.source, level.destination, std::move(problem), {{LossClass::data, "a copy of itself"}});
     }
-    auto names = names_in(level.from.fd());
+    auto names = name_block_in(level.from.fd());
     for (int tries = 0; !names && again(level, level.destination, tries);) {
-        names = names_in(level.from.fd());
+        names = name_block_in(level.from.fd());
     }
-    if (names && m_move && std::ranges::any_of(*names, is_left_over)) {
+    if (names && m_move && names->any_of(is_left_over)) {
         m_files.tidy(level.from); // of a move that was stopped: what is kept for entries that are gone goes too
-        names = names_in(level.from.fd());
+        names = name_block_in(level.from.fd());
     }
     if (!names) {
         return unreadable(level);
@@ -269,18 +276,14 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
         return false;
     }
     add_kept_name(destination.in.fd(), destination.name, level.outcome.losses);
-    level.hasStore = std::ranges::any_of(*names, is_store_name);
+    level.hasStore = names->any_of(is_store_name);
     const size_t leftOut = m_selection.left_out();
     if (!m_selection.enters(level.status.st.st_dev, m_sourceDevice)) {
         m_selection.leave_out(names->size());
         names->clear();
     }
     bool complete = leftOut == m_selection.left_out(), gone = false;
-    const bool all = takes_every_name(level.to.facts().magic);
-    own_names_first(
-        destination.in.type(), *names, [](const std::string &name) { return name; },
-        [&](const std::string &name) { return all || !name_kept(level.to.fd(), name); });
-    give_names(level, *names);
+    give_names(level, destination, *names);
     const std::string note = m_move ? begin_leaving(level, destination, names->empty()) : std::string();
     descend(source, destination);
     complete = entries(level, *names) && complete;
@@ -312,7 +315,7 @@ bool TreeTransfer::directory(const Place &source, Place destination, std::vector
         level.outcome.status = Status::cancelled;
     }
     if (m_move && !gone) {
-        keep_times(level.from, level.status.st, *names, level.left);
+        keep_times(level.from, level.status.st, names->all(), level.left);
     }
     if (!note.empty()) {
         ::unlinkat(destination.in.fd(), note.c_str(), 0);
@@ -586,16 +589,29 @@ bool TreeTransfer::make_destination(Level &level, const Place &source, const Pla
     return true;
 }
 
+static Loss name_clash() {
+    return {LossClass::name_clash, "another name of the source has become the same one"};
+}
+
+static Problem just_merged() {
+    return {"the destination was just written by this command; not merged", kExists};
+}
+
 bool TreeTransfer::existing_destination(Level &level, const Place &source, const Place &destination) {
     const auto there = destination.in.look(destination.name);
     if (!there) {
-        return failed(level.source, level.destination, problem_of_errno(errno));
+        Problem problem = problem_of_errno(errno);
+        if (!m_made.unseen_taker(source.name, destination.in, destination.name) &&
+            !m_files.written().unseen_taker(source.name, destination.in, destination.name)) {
+            return failed(level.source, level.destination, std::move(problem));
+        }
+        return failed(level.source, level.destination, just_merged(), {name_clash()});
     }
     // Two names that a FAT volume makes one of, or two sources of one name.
     std::vector<Loss> losses;
     if (m_made.is_clash(*there, source.name, destination.in, destination.name) ||
         m_files.is_clash(*there, source.name, destination.in, destination.name)) {
-        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+        losses.push_back(name_clash());
     }
     if (!S_ISDIR(there->st_mode)) {
         return failed(level.source, level.destination,
@@ -609,12 +625,10 @@ bool TreeTransfer::existing_destination(Level &level, const Place &source, const
     }
     const bool onOtherWay = m_stepped.is_clash(*there, source.name, destination.in, destination.name);
     if (onOtherWay && losses.empty()) {
-        losses.push_back({LossClass::name_clash, "another name of the source has become the same one"});
+        losses.push_back(name_clash());
     }
     const bool merged = !onOtherWay && (level.onTheWay || !m_made.contains(*there, destination.in, destination.name));
-    return merged ||
-           failed(level.source, level.destination,
-                  {"the destination was just written by this command; not merged", kExists}, std::move(losses));
+    return merged || failed(level.source, level.destination, just_merged(), std::move(losses));
 }
 
 // What the destination gets once its entries are there: an entry made later would change its times again.

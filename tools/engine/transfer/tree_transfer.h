@@ -26,6 +26,7 @@
 #include "tools/engine/volume/volume_traits.h"
 #include "tools/engine/walk/descriptor.h"
 #include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/name_block.h"
 #include "tools/engine/walk/paths.h"
 
 #include <map>
@@ -96,16 +97,17 @@ class TreeTransfer {
         Outcome outcome = {};
         GivenNames given = {};                  // to the entries, at the destination
         mutable std::optional<bool> plain = {}; // entries may go by descriptors alone, once that was asked
+        mutable bool noted = false;             // that they are of this run
     };
 
     // Each answers whether nothing of it stayed behind.
     bool directory(const Place &source, Place destination, std::vector<Loss> known = {});
     bool entry(const Level &level, const std::string &name, std::vector<Loss> known = {});
-    bool entries(const Level &level, const std::vector<std::string> &names);
+    bool entries(const Level &level, const NameBlock &names);
     bool carry(const Level &level, const std::string &name, const std::optional<struct stat> &found, EntryKind kind,
                std::vector<Loss> known = {});
     void fix_name(Level &level, Place &destination) const;
-    void give_names(Level &level, std::vector<std::string> &names);
+    void give_names(Level &level, const Place &destination, NameBlock &names);
     std::vector<Loss> give_name(Level &level, const std::string &name);
     bool is_nameless(const Level &level, const std::string &name);
     void remove_list(const Level &level) const;
@@ -143,7 +145,7 @@ class TreeTransfer {
     // A directory of which the entries are being carried, those from `next` to before `end` by this process.
     struct Walk {
         const Level &level;
-        const std::vector<std::string> &names;
+        const NameBlock &names;
         size_t end, next = 0;
         Crew::Group given = 0;
         std::optional<bool> mayGive = {};
@@ -151,7 +153,7 @@ class TreeTransfer {
     class Aside;
     bool may_share(const Level &level) const;
     static bool may_split(const Level &level);
-    bool share_entries(const Level &level, const std::vector<std::string> &names);
+    bool share_entries(const Level &level, const NameBlock &names);
     void give_away();
     TreePart part_of(const Level &level) const;
     void begin(const TreeRequest &request);
@@ -180,7 +182,7 @@ class TreeTransfer {
     bool may_be_plain(const Level &level);
     std::optional<bool> plain_entry(const Level &level, const std::string &name);
     std::optional<bool> plain_directory(const Level &above, const std::string &name, const VLIBCStat &found);
-    bool open_plain(const Level &above, const std::string &name, Level &level, std::vector<std::string> &names) const;
+    bool open_plain(const Level &above, const std::string &name, Level &level, NameBlock &names) const;
 
     // What the library is to copy, and has copied, as a whole.
     using Types = std::unordered_map<std::string, unsigned char>;

@@ -28,8 +28,8 @@ namespace engine {
 namespace {
 
 constexpr mode_t kPermissions = 0777, kAllModeBits = 07777;
-constexpr size_t kMostAtOnce = 500;   // entries that one of several processes takes as a whole
-constexpr off_t kSizeOfMany = 20'000; // of a directory: not to be listed only to be counted
+constexpr size_t kMostAtOnce = 500;       // entries that one of several processes takes as a whole
+constexpr off_t kSizeOfCounting = 20'000; // of a directory: not to be listed only to be counted
 
 // Whether owners can be given, and modes do not stand in the way: the library makes a read-only directory before what
 // goes into it. Tried on a file without a name, which nobody else can open: "nobody" is who owners look like that have
@@ -100,7 +100,7 @@ bool TreeTransfer::is_ours_all_down(Descriptor &directory, int depth) {
     }, again{};
     if (!has_stack_room() || directory.get() < 0 || ::fstat(directory.get(), &here) != 0 || !is_ours(here) ||
         m_made.contains(here) || m_shared.contains({here.st_dev, here.st_ino}) ||
-        (m_telling != nullptr && here.st_size > kSizeOfMany)) {
+        (m_telling != nullptr && here.st_size > kSizeOfCounting)) {
         return false;
     }
     const auto entries = entries_in(directory.get());

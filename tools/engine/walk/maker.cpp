@@ -35,7 +35,7 @@ std::string target_of(const char *link) {
 }
 
 template <typename Number>
-bool take_number(std::string_view &text, Number &number, int base = 10, size_t digits = 0) {
+bool take_field(std::string_view &text, Number &number, int base = 10, size_t digits = 0) {
     const char *const end = text.data() + (digits == 0 ? text.size() : std::min(digits, text.size()));
     const auto [used, error] = std::from_chars(text.data(), end, number, base);
     const auto count = static_cast<size_t>(used - text.data());
@@ -136,9 +136,9 @@ std::string text_of(const Maker &maker) {
 std::optional<Maker> take_maker(std::string_view &text) {
     Maker maker;
     std::string_view rest = text;
-    if (!take_number(rest, maker.process) || maker.process <= 0 || !take_number(rest, maker.begun) ||
-        !take_number(rest, maker.boot, 16, kBootDigits) || !take_number(rest, maker.space, 16, kOtherDigits) ||
-        !take_number(rest, maker.machine, 16, kOtherDigits)) {
+    if (!take_field(rest, maker.process) || maker.process <= 0 || !take_field(rest, maker.begun) ||
+        !take_field(rest, maker.boot, 16, kBootDigits) || !take_field(rest, maker.space, 16, kOtherDigits) ||
+        !take_field(rest, maker.machine, 16, kOtherDigits)) {
         return std::nullopt;
     }
     text = rest;

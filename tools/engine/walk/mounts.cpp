@@ -11,7 +11,7 @@
 namespace engine {
 namespace {
 
-std::string real_path(const std::string &path) {
+std::string resolved_path(const std::string &path) {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr), &std::free);
     return real == nullptr ? path : real.get();
 }
@@ -19,7 +19,7 @@ std::string real_path(const std::string &path) {
 } // namespace
 
 std::optional<std::string> mount_in(const std::string &path, bool itself) {
-    const std::string wanted = real_path(path);
+    const std::string wanted = resolved_path(path);
     for (const Mount &mount : mount_table()) {
         if ((itself && mount.place == wanted) || mount.place.starts_with(wanted == "/" ? "/" : wanted + "/")) {
             return mount.place;
@@ -29,7 +29,7 @@ std::optional<std::string> mount_in(const std::string &path, bool itself) {
 }
 
 std::vector<std::string> mounts_below(const std::string &path) {
-    const std::string top = real_path(path) == "/" ? "" : real_path(path);
+    const std::string top = resolved_path(path) == "/" ? "" : resolved_path(path);
     std::set<std::string> found; // one over another is one place
     for (const Mount &mount : mount_table()) {
         if (mount.place.starts_with(top + "/") && mount.place != "/") {

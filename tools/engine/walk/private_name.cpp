@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <iterator>
 #include <optional>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -128,6 +129,25 @@ LeftOvers left_overs_in(int directory) {
         }
     }
     return found;
+}
+
+bool is_trial_left_over(int directory, const std::string &name) {
+    constexpr mode_t bits = 07777, closed = 0700;
+    constexpr std::string_view made[] = {"Aa", "@eaDir", "._entry", "entry", "linked", "names"};
+    const auto parts = parts_of(name);
+    if (!parts || parts->suffix != kTrialSuffix || state_of(parts->maker) != MakerState::gone) {
+        return false;
+    }
+    const Descriptor place = open_directory(directory, name);
+    struct stat found {};
+    if (place.get() < 0 || ::fstat(place.get(), &found) != 0 || (found.st_mode & bits) != closed ||
+        (found.st_uid != ::geteuid() && ::geteuid() != 0)) {
+        return false;
+    }
+    const auto names = names_in(place.get());
+    return names && std::ranges::all_of(*names, [&](const std::string &one) {
+               return std::ranges::find(made, one) != std::end(made) || maker_of(one);
+           });
 }
 
 bool remove_left_over(int directory, const std::string &name) {

@@ -45,6 +45,13 @@ struct LeftOvers {
 };
 LeftOvers left_overs_in(int directory);
 
+// Behind a name of the first form: a directory in which a plan tries what its volume takes.
+inline constexpr std::string_view kTrialSuffix = ".plan";
+
+// Whether an entry of an open directory is such a one of a process that is gone, made by this user or, for root, by
+// anybody, and holds nothing but what plans make there: whoever finds it removes it.
+bool is_trial_left_over(int directory, const std::string &name);
+
 // Removes a file, a link or a directory with everything in it. No link is followed, and no mounted volume is entered.
 // False, with errno: it is still there, or some of it.
 bool remove_left_over(int directory, const std::string &name);

@@ -13,7 +13,7 @@ namespace {
 
 // Jobs in one another. From here on a worker takes nothing but what it waits for, so that neither stack nor open files
 // grow with the number of jobs.
-constexpr int kMostDepth = 8;
+constexpr int kMostJobsDeep = 8;
 
 } // namespace
 
@@ -74,7 +74,7 @@ Channel::Message Crew::request(std::string_view bytes) {
 
 // False: the group is at its end.
 bool Crew::next_job(Group group, bool others, Yield &collected) {
-    const auto any = static_cast<uint8_t>(others && m_depth < kMostDepth ? 1 : 0);
+    const auto any = static_cast<uint8_t>(others && m_depth < kMostJobsDeep ? 1 : 0);
     Channel::Message message = request(RecordWriter().number(Word::wait).number(group).number(any).bytes());
     RecordReader reader(message.bytes);
     if (reader.number<Word>() == Word::collected) {

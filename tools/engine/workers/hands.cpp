@@ -14,7 +14,7 @@
 namespace engine {
 namespace {
 
-constexpr int kMost = 8;
+constexpr int kMostHands = 8;
 constexpr size_t kFewEntries = 200;   // which are done before others have come to help
 constexpr off_t kFewBytes = 64 << 20; // and so are these
 constexpr off_t kSizeOfMany = 20'000; // of a directory: not to be listed only to be counted
@@ -66,7 +66,7 @@ bool is_much(const std::vector<std::string> &trees) {
 } // namespace
 
 int usual_hands(const std::vector<std::string> &sources, const std::string &destination, const std::string &sysfs) {
-    const int number = std::min(processors(), kMost);
+    const int number = std::min(processors(), kMostHands);
     if (number < 2 || !is_much(sources)) {
         return 1;
     }

@@ -77,14 +77,8 @@ class BackupArguments {
         if (!m_plan) {
             return BackupRun(m_options, pair).run();
         }
-        PlanRunOptions options{{.transfer = batch.transfer, .probe = !m_noProbe},
-                               batch.report,
-                               batch.stopOnError,
-                               batch.verbose,
-                               batch.json};
+        PlanRunOptions options = plan_options_of(batch, !m_noProbe);
         options.plan.traceless = true; // nobody has asked for the checksum
-        options.mostErrors = batch.mostErrors;
-        options.command = batch.command;
         return BackupPlan(options, m_options, pair).run();
     }
 

@@ -79,13 +79,7 @@ class MirrorArguments {
         if (!m_plan) {
             return MirrorRun(m_options, pair).run();
         }
-        PlanRunOptions options{{.transfer = batch.transfer, .probe = !m_noProbe},
-                               batch.report,
-                               batch.stopOnError,
-                               batch.verbose,
-                               batch.json};
-        options.mostErrors = batch.mostErrors;
-        options.command = batch.command;
+        const PlanRunOptions options = plan_options_of(batch, !m_noProbe);
         return MirrorPlan(options, m_options, pair).run();
     }
 

@@ -116,7 +116,7 @@ int MirrorRun::run() {
         return finish(1);
     }
     copy({{m_pair.source + "/.", m_pair.destination}});
-    if (stopped() || m_incomplete) {
+    if (stopped() || m_passes.incomplete()) {
         if (m_surplus != 0) {
             m_console.message("nothing is removed, for not everything was copied");
             refuse("incomplete");
@@ -139,9 +139,13 @@ void MirrorRun::remove() {
     SurplusRun surplus(options, m_console, m_report);
     bool complete = true;
     m_console.start_phase("remove");
-    if (!m_late.empty()) {
+    if (m_passes.has_late()) {
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::obstacle);
-        complete = !stopped() && copy_late() && surplus.failed() == 0; // what was cleared is filled in any case
+        complete = !stopped();
+        if (complete) { // what was cleared is filled in any case
+            m_passes.copy_late(m_pair, m_options.transfer, *this);
+            complete = !m_passes.incomplete() && surplus.failed() == 0;
+        }
     }
     if (complete && !stopped()) {
         surplus.run(m_pair.source, m_pair.destination, engine::Surplus::extra);
@@ -170,34 +174,14 @@ void MirrorRun::remove() {
     }
 }
 
-// The whole once more, since by a path alone somebody could lead it elsewhere; what is there by now is passed over.
-bool MirrorRun::copy_late() {
-    engine::TransferOptions transfer = m_options.transfer;
-    transfer.countsAlone = false;
-    m_again = true;
-    engine::Transfer again(transfer, *this);
-    again.run(m_pair.source + "/.", m_pair.destination);
-    again.leave();
-    m_again = false;
-    return !m_incomplete;
-}
-
 void MirrorRun::entry(engine::EntryKind kind, const std::string &source, const engine::Outcome &outcome) {
-    const bool failed = outcome.status == engine::Status::failed;
-    if (!m_again && failed && engine::is_in_the_way(kind, outcome.destination)) {
-        m_late.push_back(source);
-        return;
-    }
-    const bool late =
-        std::ranges::any_of(m_late, [&](const std::string &top) { return engine::lies_below(source, top); });
-    m_incomplete = m_incomplete || engine::is_kept_back(outcome);
-    if (!m_again || late || failed) {
+    if (m_passes.tells(kind, source, outcome)) {
         Batch::entry(kind, source, outcome);
     }
 }
 
 void MirrorRun::arrived(const std::string &directory, int files, int64_t bytes) {
-    if (!m_again) {
+    if (m_passes.tells_arrivals()) {
         Batch::arrived(directory, files, bytes);
     }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/engine/mirror/mirror_pair.h"
+#include "tools/engine/mirror/two_passes.h"
 #include "tools/vexofileop/commands/batch.h"
 #include "tools/vexofileop/commands/plan_run.h"
 #include "tools/vexofileop/commands/surplus_run.h"
@@ -43,14 +44,11 @@ class MirrorRun : private Batch {
     void refuse(const char *why);
     void remove();
     bool remove(SurplusRun &surplus);
-    bool copy_late();
 
     const MirrorOptions &m_mirror;
     const engine::MirrorPair &m_pair;
-    std::vector<std::string> m_late = {}; // sources of which the place is to be cleared first
-    bool m_again = false;                 // they are being copied
-    bool m_incomplete = false;            // something was not copied, so that nothing goes
-    int64_t m_surplus = -1;               // that was there at the beginning; below 0: nobody has counted
+    engine::TwoPasses m_passes;
+    int64_t m_surplus = -1; // that was there at the beginning; below 0: nobody has counted
     int64_t m_removed = 0, m_left = 0;
     const char *m_refused = nullptr; // why nothing, or nothing else, was removed
 };

@@ -36,6 +36,16 @@ bool PlanRun::stopped() const {
            (m_options.mostErrors > 0 && m_errors >= m_options.mostErrors);
 }
 
+PlanRunOptions plan_options_of(const BatchOptions &batch, bool probe) {
+    return {.plan = {.transfer = batch.transfer, .probe = probe},
+            .report = batch.report,
+            .stopOnError = batch.stopOnError,
+            .verbose = batch.verbose,
+            .json = batch.json,
+            .mostErrors = batch.mostErrors,
+            .command = batch.command};
+}
+
 int PlanRun::run(const std::vector<Errand> &errands) {
     plan(errands);
     return finish();

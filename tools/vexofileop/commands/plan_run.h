@@ -23,6 +23,9 @@ struct PlanRunOptions {
     const char *command = nullptr; // where it is another one than the operation's
 };
 
+// Those of a plan that a run of one request has options for.
+PlanRunOptions plan_options_of(const BatchOptions &batch, bool probe);
+
 class PlanRun : protected engine::PlanObserver {
   public:
     explicit PlanRun(const PlanRunOptions &options)

@@ -1,9 +1,6 @@
 // vexofileop store convert.
-#include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
 #include "tools/engine/stores/conversion.h"
-#include "tools/engine/walk/directory.h"
-#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/loss_classes.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/report_path.h"
@@ -41,18 +38,12 @@ class ConvertRun : private engine::ConversionWatcher {
         : m_options(options), m_receipt(options.conversion.accepted), m_report(kConvert, options.conversion.accepted) {}
 
     int run(const std::vector<std::string> &paths) {
-        engine::raise_descriptor_limit();
-        for (const std::string &given : paths) {
-            if (stopped()) {
-                break;
-            }
-            const std::string path = engine::absolute_path(given);
-            try {
-                engine::convert_stores(engine::HeldEntry(path), m_options.conversion, *this, m_totals);
-            } catch (const engine::Failure &failure) {
-                trouble(path, failure.what());
-            }
-        }
+        for_each_path(
+            paths,
+            [this](const engine::HeldEntry &entry) {
+                engine::convert_stores(entry, m_options.conversion, *this, m_totals);
+            },
+            [this](const std::string &path, const std::string &reason) { trouble(path, reason); });
         return finish();
     }
 

@@ -1,8 +1,6 @@
 // vexofileop store check, store repair.
 #include "tools/engine/stores/store_survey.h"
-#include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
-#include "tools/engine/walk/directory.h"
 #include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/arguments/path_operands.h"
 #include "tools/vexofileop/arguments/report_path.h"
@@ -45,19 +43,13 @@ class SurveyRun : private engine::SurveyWatcher {
     }
 
     int run(const std::vector<std::string> &paths) {
-        engine::raise_descriptor_limit();
-        for (const std::string &given : paths) {
-            if (stopped()) {
-                break;
-            }
-            const std::string path = engine::absolute_path(given);
-            try {
-                engine::survey_stores(engine::HeldEntry(path), m_options.survey, m_mender ? &*m_mender : nullptr,
+        for_each_path(
+            paths,
+            [this](const engine::HeldEntry &entry) {
+                engine::survey_stores(entry, m_options.survey, m_mender ? &*m_mender : nullptr,
                                       m_quarantine ? &*m_quarantine : nullptr, *this, m_totals);
-            } catch (const engine::Failure &failure) {
-                trouble(path, failure.what());
-            }
-        }
+            },
+            [this](const std::string &path, const std::string &reason) { trouble(path, reason); });
         return finish();
     }
 
@@ -171,7 +163,7 @@ void add_survey_options(const Command &command, SurveyRunOptions &options) {
     command.add_flag("--json", options.json, "one JSON object per line: each finding, a summary");
 }
 
-void add_check(const Command &store, int &status) {
+void add_store_check(const Command &store, int &status) {
     const Command command = store.add_command("check", "Tell what is wrong with stores");
     const auto options = std::make_shared<SurveyRunOptions>();
     add_survey_options(command, *options);
@@ -229,7 +221,7 @@ void add_repair(const Command &store, int &status) {
 } // namespace
 
 void add_store_survey_commands(const Command &store, int &status) {
-    add_check(store, status);
+    add_store_check(store, status);
     add_repair(store, status);
 }
 

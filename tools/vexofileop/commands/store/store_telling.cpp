@@ -2,12 +2,31 @@
 
 #include "tools/engine/report/failure.h"
 #include "tools/engine/report/names.h"
+#include "tools/engine/walk/directory.h"
+#include "tools/engine/walk/paths.h"
 #include "tools/vexofileop/commands/exit_status.h"
 #include "tools/vexofileop/output/json.h"
+#include "tools/vexofileop/terminal/signals.h"
 
 #include <fmt/format.h>
 
 namespace tool {
+
+void for_each_path(const std::vector<std::string> &paths, const std::function<void(const engine::HeldEntry &)> &work,
+                   const std::function<void(const std::string &path, const std::string &reason)> &trouble) {
+    engine::raise_descriptor_limit();
+    for (const std::string &given : paths) {
+        if (stop_signal() != 0) {
+            break;
+        }
+        const std::string path = engine::absolute_path(given);
+        try {
+            work(engine::HeldEntry(path));
+        } catch (const engine::Failure &failure) {
+            trouble(path, failure.what());
+        }
+    }
+}
 
 void tell_trouble(Console &console, const std::string &command, const std::string &path, const std::string &reason,
                   bool json) {
