@@ -322,6 +322,7 @@ class Agreement : public kit::Behaviour, public ::testing::WithParamInterface<Pa
     void check_names(const std::string &from, const std::string &to) {
         const Scene scene(0, from, to);
         agreement::make_twins(scene.source);
+        ::sleep(GetParam().second.dates ? kCoarsestTime + 1 : 0);
         view(scene);
     }
 

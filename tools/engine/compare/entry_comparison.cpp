@@ -90,7 +90,7 @@ std::optional<std::string> target_without_trace(const EntryView &entry) {
 
 // Also of a name that the volume does not take.
 bool cannot_be_there(int number) {
-    return number == ENOENT || number == EINVAL || number == EILSEQ;
+    return number == ENOENT || number == EINVAL || number == EILSEQ || number == EOVERFLOW;
 }
 
 class EntryComparison {

@@ -41,7 +41,7 @@ bool is_common_name(const std::string &name, uint32_t magic) {
 
 // What in a directory of our own can only be due to the name. Some drivers do not find a name that they do not take.
 bool is_of_name(int number) {
-    constexpr int numbers[] = {EINVAL, EILSEQ, ENAMETOOLONG, ENOENT, EPERM};
+    constexpr int numbers[] = {EINVAL, EILSEQ, ENAMETOOLONG, ENOENT, EOVERFLOW, EPERM};
     return std::ranges::find(numbers, number) != std::end(numbers);
 }
 
