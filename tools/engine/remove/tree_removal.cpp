@@ -32,7 +32,7 @@ namespace {
 constexpr off_t kQuicklyListed = off_t{1} << 20; // by its size: a directory of some ten thousand entries
 constexpr size_t kMostKeptListed = 50'000;       // entries of a directory whose stores are listed
 constexpr size_t kMostUncut = 100;
-constexpr size_t kFewToShare = 1'000;            // of a directory: not worth another process
+constexpr size_t kFewToRemove = 1'000;           // of a directory: not worth another process
 constexpr int kOfTheFile = 0, kOfTheStreams = 1; // what EARemove() removes
 constexpr const char *kStreams[] = {"VexoEAStream", "VexoResource"};
 // How a job tells what is to be removed.
@@ -184,7 +184,7 @@ void TreeRemoval::share() {
     // The highest one first, since most is below it. Of a deep way the lowest ones and the first are open.
     for (size_t at = 0; at < m_levels.size(); at = at == 0 ? std::max<size_t>(1, m_way.first_held()) : at + 1) {
         const bool mayGive = m_levels[at].directories > (at + 1 < m_levels.size() ? 0 : 1);
-        const bool mayGiveAll = m_levels[at].entries.size() - m_levels[at].next > kFewToShare &&
+        const bool mayGiveAll = m_levels[at].entries.size() - m_levels[at].next > kFewToRemove &&
                                 !m_levels[at].hasStores && !m_options.kept && !m_options.rehearsal && (at > 0 || m_job);
         if ((mayGive || mayGiveAll) && !m_levels[at].entries_belong() && m_way.fd(at) >= 0 && give_half(at, !mayGive)) {
             return;
