@@ -5,7 +5,7 @@
 namespace engine {
 
 void NameBlock::add(std::string_view name) {
-    if (m_used + name.size() + 1 > kPiece) {
+    if (m_pieces.empty() || m_used + name.size() + 1 > kPiece) {
         m_pieces.push_back(std::make_unique_for_overwrite<char[]>(kPiece));
         m_used = 0;
     }
